@@ -1,0 +1,79 @@
+/*
+** alloc.cpp -- the engine's allocation functions. Every allocation reachable from a handle goes
+** through xmalloc, xcalloc or xrealloc, which never return NULL: a failure prints one line and
+** ends the process, so no engine function has an out-of-memory path of its own.
+**
+** g_alloc_fail_countdown lets a test make the Nth allocation fail, to check that the failure
+** really ends in oom_abort.
+*/
+#include "internal.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+long g_alloc_fail_countdown = 0;
+
+bool alloc_should_fail(void)
+{
+    if (g_alloc_fail_countdown <= 0) {
+        return false;
+    }
+    g_alloc_fail_countdown -= 1;
+    return g_alloc_fail_countdown == 0;
+}
+
+void oom_abort(void)
+{
+    fputs("tarnwick: OOM\n", stderr);
+    exit(1);
+}
+
+void oom_abort_sized(const char *fmt, size_t size)
+{
+    fprintf(stderr, fmt, size);
+    exit(1);
+}
+
+size_t xmul(size_t a, size_t b)
+{
+    if (b != 0 && a > SIZE_MAX / b) {
+        oom_abort();
+    }
+    return a * b;
+}
+
+void *xmalloc(size_t n)
+{
+    void *p = alloc_should_fail() ? nullptr : malloc(n ? n : 1);
+    if (!p) {
+        oom_abort();
+    }
+    return p;
+}
+
+void *xcalloc(size_t count, size_t size)
+{
+    void *p = alloc_should_fail() ? nullptr : calloc(count ? count : 1, size ? size : 1);
+    if (!p) {
+        oom_abort();
+    }
+    return p;
+}
+
+void *xrealloc(void *p, size_t n)
+{
+    void *q = alloc_should_fail() ? nullptr : realloc(p, n ? n : 1);
+    if (!q) {
+        oom_abort();
+    }
+    return q;
+}
+
+char *xstrdup(const char *s)
+{
+    size_t n = strlen(s);
+    char *copy = static_cast<char *>(xmalloc(n + 1));
+    memcpy(copy, s, n + 1);
+    return copy;
+}

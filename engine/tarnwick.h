@@ -1,0 +1,338 @@
+/*
+** tarnwick.h -- the public interface of the Tarnwick engine.
+**
+** The engine keeps the text of a directory's files as overlapping chunks, one 512-float unit
+** vector per chunk from a small built-in transformer encoder, and an HNSW graph over the vectors,
+** in a store file ("tarnwick.bin") and a write-ahead log ("tarnwick.wal") inside an index
+** directory. It answers semantic, plain-text and regular-expression queries.
+**
+** This header is plain C99 and also compiles as C++. Records that cross it are standard layout
+** with fixed-width fields, so any language with a C foreign-function interface can use it.
+**
+** Threads: the engine has no locks. All calls on one handle must be serialised by the caller,
+** and because the encoder's scratch space is shared by every handle of the process, calls that
+** embed text (ingestion, semantic search, trn_encoder_embed_text) on different handles must be
+** serialised too. One process-wide lock around every call is sufficient.
+**
+** Memory: an allocation failure inside the engine prints one line to standard error
+** ("tarnwick: OOM", or a sized variant in the encoder and tokenizer) and ends the process with
+** exit status 1. No function returns an allocation error.
+*/
+#ifndef TARNWICK_H
+#define TARNWICK_H
+
+#include <stdbool.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#if defined(__GNUC__)
+#define TRN_API __attribute__((visibility("default")))
+#else
+#define TRN_API
+#endif
+
+/* ---------------------------------------------------------------------------------------------
+** File types
+*/
+
+/* The kind of a file. The values are stored in the store file and the log and never change.
+** Values below 6 are indexable. */
+typedef uint32_t TrnFileType;
+enum {
+    TRN_FILE_TYPE_TEXT = 0,
+    TRN_FILE_TYPE_PDF = 1,
+    TRN_FILE_TYPE_HTML = 2,
+    TRN_FILE_TYPE_SOURCE = 3,
+    TRN_FILE_TYPE_DOCX = 4,
+    TRN_FILE_TYPE_MARKDOWN = 5,
+    TRN_FILE_TYPE_BINARY = 98,
+    TRN_FILE_TYPE_UNKNOWN = 99
+};
+
+/* Classifies path by its base name, then its extension (case-insensitive, the last "." of the
+** whole path), and only when neither decides by sniffing the first 16 bytes of the file. Never
+** fails: a file that cannot be read, or holds fewer than 4 bytes, is TRN_FILE_TYPE_UNKNOWN. */
+TRN_API TrnFileType trn_detect_file_type(const char *path);
+
+/* Returns 1 when t (taken as unsigned) is below 6, else 0. */
+TRN_API int32_t trn_is_indexable(TrnFileType t);
+
+/* Returns the static name of t: "Text", "PDF", "HTML", "Source", "DOCX", "Markdown", "Binary",
+** or "Unknown" for 99 and for every value not listed. Never NULL; never free it. */
+TRN_API const char *trn_file_type_name(TrnFileType t);
+
+/* ---------------------------------------------------------------------------------------------
+** Byte-pair tokenizer
+**
+** Token ids: 0-255 are bytes, 257 begins and 258 ends every encoded sequence, merge k (from 0)
+** creates id 260 + k. Ids 256 and 259 are never produced.
+**
+** Tokenizer file ("TBPE"), little-endian uint32: magic "TBPE", merge count m, then m pairs
+** (left id, right id). The vocabulary size is m + 260 and is not stored.
+*/
+typedef struct TrnBpe {
+    uint32_t (*merges)[2]; /* n_merges pairs (left, right) in the order they were learned; owned */
+    uint32_t n_merges;
+    uint32_t vocab_size; /* always n_merges + 260 */
+} TrnBpe;
+
+/* Learns at most num_merges merges from len bytes of data, each time merging the most frequent
+** adjacent pair of the whole sequence (ties go to the lowest slot of the 2^20-slot pair table).
+** Stops early when no pair occurs twice. Prints "bpe: merge ..." every 500 merges and
+** "bpe: training complete. ..." at the end to standard error. Only one training may run in a
+** process at a time. Returns a tokenizer to free with trn_bpe_free, or NULL when data is NULL,
+** len < 2 or num_merges < 1. The input must hold fewer than 2^20 distinct adjacent pairs. */
+TRN_API TrnBpe *trn_bpe_train(const uint8_t *data, size_t len, int32_t num_merges);
+
+/* Encodes the NUL-terminated text: merges the whole text in training order, then writes 257,
+** the first max - 2 ids, and 258 to out. Returns the number of ids written (at most max; 2 for an
+** empty text), or 0 when text or out is NULL or max < 3. */
+TRN_API int32_t trn_bpe_encode(const TrnBpe *bpe, const char *text, uint32_t *out, int32_t max);
+
+/* Writes the "TBPE" file at path. Returns 1, or 0 when the file cannot be opened. */
+TRN_API int trn_bpe_save(const TrnBpe *bpe, const char *path);
+
+/* Reads a "TBPE" file. Returns a tokenizer to free with trn_bpe_free, or NULL when the file
+** cannot be opened, has another magic, or ends early. */
+TRN_API TrnBpe *trn_bpe_load(const char *path);
+
+/* Writes only the merge pairs (no magic, no count) to stream. Returns 0 on a short write, else 1
+** (also for zero merges). */
+TRN_API int trn_bpe_write(const TrnBpe *bpe, FILE *stream);
+
+/* Reads m merge pairs from stream. Returns a tokenizer to free with trn_bpe_free, or NULL on a
+** short read (nothing is left allocated then). */
+TRN_API TrnBpe *trn_bpe_read(FILE *stream, uint32_t m);
+
+/* Frees the pairs and the record. NULL is ignored. */
+TRN_API void trn_bpe_free(TrnBpe *bpe);
+
+/* ---------------------------------------------------------------------------------------------
+** Encoder
+**
+** A fixed-shape transformer: width 512, 8 heads of 64, feed-forward 2048, 2 pre-norm layers,
+** at most 256 positions, mean pooling and L2 normalisation. Matrices are float, row-major,
+** stored [inputs][outputs].
+*/
+enum {
+    TRN_ENCODER_DIM = 512,
+    TRN_ENCODER_HEADS = 8,
+    TRN_ENCODER_HEAD_DIM = 64,
+    TRN_ENCODER_FF = 2048,
+    TRN_ENCODER_LAYERS = 2,
+    TRN_ENCODER_MAX_SEQ = 256,
+    TRN_ENCODER_BYTE_VOCAB = 260,
+    TRN_TOKEN_BEGIN = 257,
+    TRN_TOKEN_END = 258
+};
+
+/* One transformer layer; every array is owned by the encoder. */
+typedef struct TrnEncoderLayer {
+    float *wq, *wk, *wv, *wo; /* 512 x 512 projections, no bias */
+    float *w1, *b1;           /* 512 x 2048 up projection and its bias */
+    float *w2, *b2;           /* 2048 x 512 down projection and its bias */
+    float *ln1_gamma, *ln1_beta, *ln2_gamma, *ln2_beta; /* 512 each */
+} TrnEncoderLayer;
+
+typedef struct TrnEncoder {
+    uint32_t vocab_size; /* rows of tok_emb: 260, or the tokenizer's vocabulary size */
+    TrnBpe *bpe;         /* owned tokenizer, or NULL for byte-level input */
+    float *tok_emb;      /* vocab_size x 512 */
+    float *pos_emb;      /* 256 x 512 */
+    float *ln_f_gamma, *ln_f_beta; /* 512 each */
+    TrnEncoderLayer layers[2];
+} TrnEncoder;
+
+/* Five values a trainer stores with its weights; the engine keeps them and never reads them.
+** What each means is the trainer's (see trainers/README.md). */
+typedef struct TrnWeightsMeta {
+    uint32_t meta_u32_0, meta_u32_1;
+    float meta_f32_0, meta_f32_1;
+    uint64_t meta_u64;
+} TrnWeightsMeta;
+
+/* Allocates a byte-level encoder (vocab_size 260, no tokenizer) and fills it from the xorshift32
+** generator seeded with seed (0 counts as 1): the same seed gives the same weights bit for bit.
+** The engine uses seed 42. Free with trn_encoder_free. */
+TRN_API void trn_encoder_init(TrnEncoder *enc, uint32_t seed);
+
+/* As trn_encoder_init, with vocab_size taken from bpe; the encoder takes ownership of bpe. */
+TRN_API void trn_encoder_init_bpe(TrnEncoder *enc, uint32_t seed, TrnBpe *bpe);
+
+/* Frees every array and the tokenizer, zeroes *enc, and frees the process-wide workspace that
+** all encoders share (the next embedding creates it again). */
+TRN_API void trn_encoder_free(TrnEncoder *enc);
+
+/* Embeds the NUL-terminated text into out, a caller-owned array of 512 floats. Without a
+** tokenizer only the first 254 bytes count. The result has unit length unless its norm is at or
+** below 1e-12. Not reentrant (see the top of this header). */
+TRN_API void trn_encoder_embed_text(TrnEncoder *enc, const char *text, float *out);
+
+/* ---------------------------------------------------------------------------------------------
+** Encoder weights file ("TTEN")
+**
+** Little-endian: magic "TTEN", version (1, 2 or 3), vocabulary size, then 256, 512, 8, 2048, 2.
+** Version 2 and 3 add the 28-byte metadata block (two uint32, two float, one uint64 low half
+** first, a reserved 0). Version 3 adds the merge count m and m pairs. Then the tensors: token and
+** position embeddings, final norm scale and shift, and per layer wq, wk, wv, wo, w1, b1, w2, b2,
+** ln1 scale and shift, ln2 scale and shift. Version 1 is 26,263,584 bytes.
+*/
+
+/* Same as trn_encoder_load_weights_meta with meta NULL. */
+TRN_API int trn_encoder_load_weights(TrnEncoder *enc, const char *path);
+
+/* Reads a weights file into an initialised encoder. Returns 1 on success, 0 on failure, with a
+** "tarnwick: ..." line for a file that cannot be opened, a bad magic, an unsupported version or
+** a version 3 vocabulary mismatch, and silently for a wrong shape or a short file. A failed load
+** leaves the encoder as far as it got. meta may be NULL; a version 1 file zeroes it. */
+TRN_API int trn_encoder_load_weights_meta(TrnEncoder *enc, const char *path, TrnWeightsMeta *meta);
+
+/* Same as trn_encoder_save_weights_meta with meta NULL. */
+TRN_API int trn_encoder_save_weights(const TrnEncoder *enc, const char *path);
+
+/* Writes the encoder to path: version 3 when it has a tokenizer, else 2 when meta is given, else
+** 1. Returns 1 on success, 0 when the file cannot be created or a layer write falls short (the
+** partial file stays). */
+TRN_API int trn_encoder_save_weights_meta(const TrnEncoder *enc, const char *path,
+                                          const TrnWeightsMeta *meta);
+
+/* ---------------------------------------------------------------------------------------------
+** Engine handle
+*/
+
+typedef struct TrnConfig {
+    const char *index_dir;    /* directory of tarnwick.bin and tarnwick.wal; NULL or "": in memory */
+    const char *weights_path; /* encoder weights file; NULL or "": the random encoder (seed 42) */
+    int32_t dim;              /* floats per vector; 0 or less selects 512 */
+    int32_t M;                /* graph neighbours per node per level; 0 or less selects 16 */
+    int32_t ef_construction;  /* search width while inserting; 0 or less selects 100 */
+    int32_t ef_search;        /* search width while querying; 0 or less selects 50 */
+} TrnConfig;
+
+typedef struct TrnEngine TrnEngine; /* opaque */
+
+/* One search hit. doc_id and file_path point into the engine and stay valid until the chunk is
+** compacted away or the handle is closed; snippet points into the engine's snippet buffers and is
+** overwritten by the next trn_search on the same handle. */
+typedef struct TrnResult {
+    const char *doc_id;    /* "<path>:<chunk ordinal>", at most 255 bytes */
+    const char *file_path; /* may be NULL */
+    const char *snippet;   /* at most 300 bytes of the chunk's text */
+    float score;           /* larger is better */
+    int32_t chunk_index;   /* 0-based ordinal of the chunk within its file */
+    int32_t line_number;   /* 1-based line on which the chunk begins */
+    uint32_t file_type;    /* TrnFileType */
+} TrnResult;
+
+typedef struct TrnStats {
+    uint32_t chunk_count;   /* chunk slots in use, live and deleted */
+    uint32_t file_count;    /* files in the document index, or live chunks with ordinal 0 */
+    uint32_t deleted_count; /* chunks marked deleted */
+    int32_t max_level;      /* top level of the graph, -1 when empty */
+    int32_t dim;            /* floats per vector */
+} TrnStats;
+
+typedef struct TrnFileInfo {
+    char *path;           /* owned by the list */
+    char *name;           /* points into path, after its last "/" */
+    TrnFileType type;     /* trn_detect_file_type(path) */
+    int64_t size;         /* bytes, from stat */
+    uint32_t chunk_count; /* live chunks of this file in the engine */
+    uint8_t indexed;      /* 1 when chunk_count >= 1 */
+} TrnFileInfo;
+
+typedef struct TrnFileList {
+    TrnFileInfo *entries; /* count entries, owned */
+    int32_t count;
+} TrnFileList;
+
+/* Called by trn_ingest_dir after each file with the running chunk count as both done and total.
+** Returning false stops the walk of the current directory only. */
+typedef bool (*TrnProgressFn)(const char *path, int32_t done, int32_t total, void *user);
+
+/* Opens an engine on cfg->index_dir (which must exist; the engine never creates directories):
+** loads the store file, replays the log, opens the log for appending and builds the document
+** index. A missing or unreadable store or log is not an error. Prints "tarnwick: opened (N docs,
+** dim=D)" and, when weights_path is given, whether the weights loaded. Reseeds rand() with the
+** time. Never returns NULL; close with trn_close. */
+TRN_API TrnEngine *trn_open(const TrnConfig *cfg);
+
+/* Checkpoints, then frees everything. The index directory then holds a fresh store file and an
+** empty log. NULL is ignored. */
+TRN_API void trn_close(TrnEngine *e);
+
+/* Writes the whole index to the store file and empties the log. Returns 1 on success or for an
+** in-memory engine, 0 when the store file cannot be created (the log is then left untouched). */
+TRN_API int32_t trn_checkpoint(TrnEngine *e);
+
+/* Returns the static version string "1.23.0". */
+TRN_API const char *trn_version(void);
+
+/* Cuts text into windows of min(strlen(text), chunk_size) bytes that start every
+** (window - overlap) bytes (at least 1), embeds each, links it into the graph and appends it to
+** the log. The file type comes from trn_detect_file_type(path). Returns the number of chunks
+** added, 0 for an empty text, -1 when path or text is NULL. */
+TRN_API int32_t trn_ingest_text(TrnEngine *e, const char *path, const char *text,
+                                int32_t chunk_size, int32_t overlap);
+
+/* Reads the file at path (HTML stripped of tags, scripts and styles; PDF through pdftotext) and
+** ingests it as trn_ingest_text does. Returns the chunks added, 0 when the file is not indexable,
+** -1 when its text cannot be obtained. */
+TRN_API int32_t trn_ingest_file(TrnEngine *e, const char *path, int32_t chunk_size,
+                                int32_t overlap);
+
+/* Walks dir recursively (names beginning with "." are skipped; links are followed) and ingests
+** every indexable regular file. cb may be NULL. Returns the chunks added in the whole tree, or -1
+** when dir cannot be opened. */
+TRN_API int32_t trn_ingest_dir(TrnEngine *e, const char *dir, int32_t chunk_size,
+                               int32_t overlap, TrnProgressFn cb, void *user);
+
+/* Rebuilds the per-file index (one unit centroid per file of live chunks) that narrows semantic
+** searches. Returns the number of files, 0 when there are none. */
+TRN_API int32_t trn_build_doc_index(TrnEngine *e);
+
+/* Frees the per-file index; semantic searches then search all chunks. */
+TRN_API void trn_free_doc_index(TrnEngine *e);
+
+/* Marks every live chunk of path deleted and returns how many were marked (0 for an unknown
+** path). Rebuilds the graph when more than half of all chunk slots are deleted. Durable only
+** after the next checkpoint. */
+TRN_API int32_t trn_remove_file(TrnEngine *e, const char *path);
+
+/* Drops deleted chunks (renumbering the rest), rebuilds the graph and the document index and
+** checkpoints. Returns the checkpoint's result. Invalidates every pointer of earlier results. */
+TRN_API int32_t trn_compact(TrnEngine *e);
+
+/* Returns the engine's counts. */
+TRN_API TrnStats trn_stats(const TrnEngine *e);
+
+/* Lists every regular file under dir (recursively, names beginning with "." skipped) with its
+** type, size and, when e is not NULL, its live chunk count. Never returns NULL (a directory that
+** cannot be opened gives an empty list); free with trn_free_file_list. */
+TRN_API TrnFileList *trn_list_dir_files(TrnEngine *e, const char *dir);
+
+/* Frees a list from trn_list_dir_files. NULL is ignored. */
+TRN_API void trn_free_file_list(TrnFileList *list);
+
+/* Search modes of trn_search. */
+enum { TRN_SEARCH_SEMANTIC = 0, TRN_SEARCH_TEXT = 1, TRN_SEARCH_REGEX = 2 };
+
+/* Searches the index. mode: TRN_SEARCH_SEMANTIC (nearest chunks by embedding, narrowed to the
+** ten files whose centroids are closest when two or more files are indexed), TRN_SEARCH_TEXT
+** (ASCII case-insensitive substring) or TRN_SEARCH_REGEX (POSIX extended, case-insensitive).
+** Writes at most min(k, 64) records to results (and at most ef_search in semantic mode) and
+** returns how many; 0 for an unknown mode, k < 1, an empty index or an invalid expression.
+** Text and regex hits come in chunk order with scores 1, 1 - 1/k, ... */
+TRN_API int32_t trn_search(TrnEngine *e, const char *query, int32_t mode, int32_t k,
+                           TrnResult *results);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* TARNWICK_H */
