@@ -1,0 +1,200 @@
+/*
+** args.cpp -- parsing the command line of tarnwick-cli.
+**
+** The first argument names the command; options may come before, between or after the operands,
+** as "--name value", "--name=value" or, for -k, "-k N" and "-kN". "--" ends the options, so a
+** query that begins with "-" can be given as "search DIR -- -foo".
+*/
+#include "args.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include <strings.h>
+
+namespace
+{
+
+const char USAGE[] =
+    "usage: tarnwick-cli COMMAND [OPTIONS] ARGS\n"
+    "\n"
+    "Searches the files of a directory by meaning. The index lives in DIR/.tarnwick.\n"
+    "\n"
+    "commands:\n"
+    "  index  DIR [--chunk-size N] [--overlap N] [--weights PATH]\n"
+    "         index DIR from scratch (chunk size 800 and overlap 200 bytes by default)\n"
+    "  search DIR QUERY [--mode semantic|text|regex] [-k N] [--weights PATH] [--json]\n"
+    "         show the k best chunks (10 by default, at most 64) in semantic mode by default\n"
+    "  files  DIR [--json]          list every file under DIR with its indexed chunks\n"
+    "  stats  DIR [--json]          show the index's counts\n"
+    "  remove DIR FILE...           drop the chunks of the given files from the index\n"
+    "  compact DIR                  rewrite the index without removed chunks\n"
+    "  embed  [--weights PATH] TEXT print the text's 512-float unit vector as a JSON array\n"
+    "\n"
+    "options:\n"
+    "  --weights PATH   encoder weights file; without it the built-in random encoder is used\n"
+    "  --json           print JSON instead of text\n"
+    "  -h, --help       print this help\n"
+    "\n"
+    "Exit status: 0 on success, 1 on failure, 2 for a usage error.\n";
+
+// Which options a command takes and how many operands (max_operands -1: no upper bound).
+struct CommandRule {
+    const char *name;
+    int min_operands;
+    int max_operands;
+    bool chunking; // --chunk-size, --overlap
+    bool weights;  // --weights
+    bool search;   // --mode, -k
+    bool json;     // --json
+};
+
+constexpr CommandRule COMMANDS[] = {
+    {"index", 1, 1, true, true, false, false},
+    {"search", 2, 2, false, true, true, true},
+    {"files", 1, 1, false, false, false, true},
+    {"stats", 1, 1, false, false, false, true},
+    {"remove", 2, -1, false, false, false, false},
+    {"compact", 1, 1, false, false, false, false},
+    {"embed", 1, 1, false, true, false, false},
+};
+
+const CommandRule *find_command(const std::string &name)
+{
+    for (const CommandRule &rule : COMMANDS) {
+        if (name == rule.name) {
+            return &rule;
+        }
+    }
+    return nullptr;
+}
+
+// A decimal integer in [low, INT32_MAX], the whole text and nothing else.
+int32_t parse_int(const std::string &option, const std::string &text, int32_t low)
+{
+    const char *s = text.c_str();
+    char *end = nullptr;
+    errno = 0;
+    long long v = std::strtoll(s, &end, 10);
+    if (text.empty() || *end != '\0' || errno == ERANGE || v < low || v > INT32_MAX) {
+        throw UsageError(option + " needs a whole number of at least " + std::to_string(low)
+                         + ", not \"" + text + "\"");
+    }
+    return static_cast<int32_t>(v);
+}
+
+int32_t parse_mode(const std::string &text)
+{
+    static const char *const MODES[] = {"semantic", "text", "regex"};
+    for (int32_t i = 0; i < 3; i++) {
+        if (strcasecmp(text.c_str(), MODES[i]) == 0) {
+            return i;
+        }
+    }
+    throw UsageError("--mode must be semantic, text or regex, not \"" + text + "\"");
+}
+
+bool is_help(const std::string &arg)
+{
+    return arg == "-h" || arg == "--help";
+}
+
+} // namespace
+
+const char *usage_text()
+{
+    return USAGE;
+}
+
+Options parse_args(int argc, char **argv)
+{
+    Options o;
+    std::vector<std::string> args(argv + 1, argv + argc);
+    for (const std::string &arg : args) {
+        if (arg == "--") {
+            break;
+        }
+        if (is_help(arg)) {
+            o.help = true;
+            return o;
+        }
+    }
+    if (args.empty()) {
+        throw UsageError("no command given");
+    }
+    o.command = args[0];
+    const CommandRule *rule = find_command(o.command);
+    if (rule == nullptr) {
+        throw UsageError("unknown command \"" + o.command + "\"");
+    }
+
+    bool options_ended = false;
+    for (size_t i = 1; i < args.size(); i++) {
+        const std::string &arg = args[i];
+        if (options_ended || arg.size() < 2 || arg[0] != '-') {
+            o.operands.push_back(arg);
+            continue;
+        }
+        if (arg == "--") {
+            options_ended = true;
+            continue;
+        }
+        // Split "--name=value" and "-kN" into the option and its attached value.
+        std::string name = arg;
+        std::string value;
+        bool has_value = false;
+        if (arg.rfind("--", 0) == 0) {
+            size_t eq = arg.find('=');
+            if (eq != std::string::npos) {
+                name = arg.substr(0, eq);
+                value = arg.substr(eq + 1);
+                has_value = true;
+            }
+        } else if (arg.size() > 2) {
+            name = arg.substr(0, 2);
+            value = arg.substr(2);
+            has_value = true;
+        }
+        auto take_value = [&]() -> std::string {
+            if (has_value) {
+                return value;
+            }
+            if (i + 1 >= args.size()) {
+                throw UsageError(name + " needs a value");
+            }
+            return args[++i];
+        };
+
+        if (name == "--json" && rule->json) {
+            if (has_value) {
+                throw UsageError("--json takes no value");
+            }
+            o.json = true;
+        } else if (name == "--chunk-size" && rule->chunking) {
+            o.chunk_size = parse_int(name, take_value(), 1);
+        } else if (name == "--overlap" && rule->chunking) {
+            o.overlap = parse_int(name, take_value(), 0);
+        } else if (name == "--weights" && rule->weights) {
+            o.weights = take_value();
+            if (o.weights.empty()) {
+                throw UsageError("--weights needs a path");
+            }
+        } else if (name == "--mode" && rule->search) {
+            o.mode = parse_mode(take_value());
+        } else if (name == "-k" && rule->search) {
+            o.k = parse_int(name, take_value(), 1);
+        } else {
+            throw UsageError("unknown option \"" + name + "\" for " + o.command);
+        }
+    }
+
+    int n = static_cast<int>(o.operands.size());
+    if (n < rule->min_operands) {
+        throw UsageError("too few arguments for " + o.command);
+    }
+    if (rule->max_operands >= 0 && n > rule->max_operands) {
+        throw UsageError("too many arguments for " + o.command);
+    }
+    return o;
+}

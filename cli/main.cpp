@@ -1,0 +1,41 @@
+/*
+** main.cpp -- tarnwick-cli: index a directory and search it from the command line.
+**
+** The only place that turns errors into exit statuses: 0 on success, 2 for a command line that
+** cannot be understood, 1 for every other failure, each failure with one "tarnwick: " line on
+** standard error. An allocation failure inside the engine ends the process there (status 1).
+*/
+#include "args.h"
+#include "commands.h"
+
+#include <cstdio>
+#include <exception>
+#include <new>
+
+int main(int argc, char **argv)
+{
+    try {
+        Options o = parse_args(argc, argv);
+        if (o.help) {
+            std::fputs(usage_text(), stdout);
+            return 0;
+        }
+        run_command(o);
+        if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+            throw Failure("cannot write to standard output");
+        }
+        return 0;
+    } catch (const UsageError &err) {
+        std::fprintf(stderr, "tarnwick: %s (see tarnwick-cli --help)\n", err.what());
+        return 2;
+    } catch (const Failure &err) {
+        std::fprintf(stderr, "tarnwick: %s\n", err.what());
+        return 1;
+    } catch (const std::bad_alloc &) {
+        std::fputs("tarnwick: OOM\n", stderr);
+        return 1;
+    } catch (const std::exception &err) {
+        std::fprintf(stderr, "tarnwick: %s\n", err.what());
+        return 1;
+    }
+}

@@ -1,0 +1,360 @@
+// index, stats, files, search, remove and compact on a small directory, run through the built
+// program. Chunks are 64 bytes that start every 48 bytes, so every expected count below follows
+// from the file lengths: a file of n >= 64 bytes gives (n - 64) / 48 + 1 chunks, a shorter one 1.
+#include "cli_support.h"
+
+#include <algorithm>
+#include <map>
+
+using namespace cli_test;
+
+namespace
+{
+
+// Ten lines of exactly 20 bytes (19 and a line feed); line i starts at byte 20 * (i - 1).
+std::string alpha_text()
+{
+    std::string text;
+    for (int i = 1; i <= 10; i++) {
+        std::string line =
+            i == 7 ? "lighthouse keeper 7" : "plain line number " + std::to_string(i);
+        line.resize(19, '.');
+        text += line + "\n";
+    }
+    return text;
+}
+
+// The indexed directory: three indexable files of 6 chunks in all, a binary file and a hidden one.
+class Corpus
+{
+public:
+    Corpus()
+    {
+        write_file(dir / "notes/alpha.md", alpha_text());                     // 200 bytes: 3 chunks
+        write_file(dir / "beta.txt", "a short note about -dashes and rye\n"); // 35 bytes: 1 chunk
+        std::string gamma = "int main(void)\n{\n    return 0; /* nothing to do here */\n}\n";
+        gamma.resize(112, ' '); // 112 bytes: 2 chunks
+        write_file(dir / "code/gamma.c", gamma);
+        write_file(dir / "image.bin", std::string("\x89PNG\r\n\x1a\n\0\0\0\rIHDR\0\0", 18));
+        write_file(dir / ".hidden.txt", "hidden files are never indexed nor listed\n");
+        first_index = index();
+        EXPECT_EQ(first_index.status, 0) << first_index.err;
+    }
+
+    RunResult index()
+    {
+        return run_cli({"index", dir.path(), "--chunk-size", "64", "--overlap", "16"}, dir.path());
+    }
+
+    Json json_of(const std::vector<std::string> &args)
+    {
+        RunResult r = run_cli(args, dir.path());
+        EXPECT_EQ(r.status, 0) << r.err;
+        return parse_json(r.out);
+    }
+
+    Json stats() { return json_of({"stats", dir.path(), "--json"}); }
+
+    // Search results of one query as parsed JSON objects.
+    std::vector<Json> search(const std::string &query, const std::string &mode, int k = 10)
+    {
+        return json_of(
+                   {"search", dir.path(), query, "--mode", mode, "-k", std::to_string(k), "--json"})
+            .items;
+    }
+
+    // files --json keyed by path.
+    std::map<std::string, Json> files()
+    {
+        std::map<std::string, Json> by_path;
+        for (const Json &f : json_of({"files", dir.path(), "--json"}).items) {
+            by_path[f["path"].text] = f;
+        }
+        return by_path;
+    }
+
+    TempDir dir;
+    RunResult first_index;
+};
+
+// Tests that only read the index share one.
+class CliIndexed : public ::testing::Test
+{
+protected:
+    static void SetUpTestSuite() { s_corpus = new Corpus; }
+    static void TearDownTestSuite()
+    {
+        delete s_corpus;
+        s_corpus = nullptr;
+    }
+
+    Json stats() { return s_corpus->stats(); }
+    std::vector<Json> search(const std::string &query, const std::string &mode, int k = 10)
+    {
+        return s_corpus->search(query, mode, k);
+    }
+    std::map<std::string, Json> files() { return s_corpus->files(); }
+
+    static Corpus *s_corpus;
+    const TempDir &dir = s_corpus->dir;
+};
+
+Corpus *CliIndexed::s_corpus = nullptr;
+
+// Tests that change the index build their own.
+class CliMaintenance : public ::testing::Test, public Corpus
+{
+};
+
+TEST_F(CliIndexed, StatsCountChunksFilesAndDimension)
+{
+    Json s = stats();
+    ASSERT_EQ(s.kind, Json::Object);
+    EXPECT_EQ(s.keys(),
+              (std::vector<std::string>{
+                  "chunk_count", "file_count", "deleted_count", "max_level", "dim"}));
+    EXPECT_EQ(s["chunk_count"].number, 6);
+    EXPECT_EQ(s["file_count"].number, 3);
+    EXPECT_EQ(s["deleted_count"].number, 0);
+    EXPECT_GE(s["max_level"].number, 0);
+    EXPECT_EQ(s["dim"].number, 512);
+
+    RunResult r = run_cli({"stats", dir.path()}, dir.path());
+    EXPECT_EQ(r.status, 0);
+    EXPECT_NE(r.out.find("chunks:     6\n"), std::string::npos) << r.out;
+}
+
+TEST_F(CliMaintenance, IndexingReportsOnOneLineAndShowsProgressOnlyOnATerminal)
+{
+    EXPECT_EQ(lines_of(first_index.out).size(), 1u);
+    EXPECT_EQ(first_index.out.rfind("indexed 3 files, 6 chunks in ", 0), 0u) << first_index.out;
+    // Standard error was no terminal: only the engine's own lines, no progress display.
+    EXPECT_EQ(first_index.err.find('\r'), std::string::npos);
+    expect_diagnostics(first_index);
+
+    RunResult r = run_cli({"index", dir.path(), "--chunk-size", "64", "--overlap", "16"},
+                          dir.path(),
+                          /*err_on_terminal=*/true);
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.err.find("indexing: 1 files, "), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find(" chunks/s"), std::string::npos) << r.err;
+    // Indexing again starts from scratch rather than adding a second copy of every chunk.
+    EXPECT_EQ(stats()["chunk_count"].number, 6);
+}
+
+TEST_F(CliIndexed, FilesListsEveryVisibleFileWithItsChunks)
+{
+    std::map<std::string, Json> f = files();
+    ASSERT_EQ(f.size(), 4u);
+    struct Expected {
+        std::string rel, name, type;
+        double size, chunks;
+    };
+    for (const Expected &e :
+         std::vector<Expected>{{"notes/alpha.md", "alpha.md", "Markdown", 200, 3},
+                               {"beta.txt", "beta.txt", "Text", 35, 1},
+                               {"code/gamma.c", "gamma.c", "Source", 112, 2}}) {
+        SCOPED_TRACE(e.rel);
+        ASSERT_EQ(f.count(dir / e.rel), 1u);
+        const Json &info = f[dir / e.rel];
+        EXPECT_EQ(
+            info.keys(),
+            (std::vector<std::string>{"path", "name", "type", "size", "chunk_count", "indexed"}));
+        EXPECT_EQ(info["name"].text, e.name);
+        EXPECT_EQ(info["type"].text, e.type);
+        EXPECT_EQ(info["size"].number, e.size);
+        EXPECT_EQ(info["chunk_count"].number, e.chunks);
+        EXPECT_EQ(info["indexed"].kind, Json::Bool);
+        EXPECT_TRUE(info["indexed"].boolean);
+    }
+    const Json &image = f[dir / "image.bin"];
+    EXPECT_EQ(image["chunk_count"].number, 0);
+    EXPECT_FALSE(image["indexed"].boolean);
+}
+
+TEST_F(CliIndexed, TextAndRegexHitsNameTheChunkAndItsFirstLine)
+{
+    const std::string alpha = dir / "notes/alpha.md";
+    // "lighthouse" stands on line 7 (bytes 120..138), inside the third chunk only (bytes 96..159),
+    // which begins on line 5.
+    for (const auto &[query, mode] : std::vector<std::pair<std::string, std::string>>{
+             {"LightHouse", "text"}, {"LIGHT(house|ship) k[e]+per [0-9]", "regex"}}) {
+        SCOPED_TRACE(mode);
+        std::vector<Json> hits = search(query, mode);
+        ASSERT_EQ(hits.size(), 1u);
+        const Json &h = hits[0];
+        EXPECT_EQ(
+            h.keys(),
+            (std::vector<std::string>{
+                "id", "filePath", "snippet", "score", "chunkIndex", "lineNumber", "fileType"}));
+        EXPECT_EQ(h["id"].text, alpha + ":2");
+        EXPECT_EQ(h["filePath"].text, alpha);
+        EXPECT_EQ(h["chunkIndex"].number, 2);
+        EXPECT_EQ(h["lineNumber"].number, 5);
+        EXPECT_EQ(h["fileType"].number, 5); // Markdown
+        EXPECT_EQ(h["score"].number, 1.0);
+        EXPECT_EQ(h["snippet"].text, alpha_text().substr(96, 64));
+    }
+    // Text hits come in chunk order with scores 1, 1 - 1/k, ...: every chunk of alpha.md holds
+    // a whole "plain line", no other file does.
+    std::vector<Json> hits = search("plain line", "text", 4);
+    ASSERT_EQ(hits.size(), 3u);
+    EXPECT_EQ(hits[0]["score"].number, 1.0);
+    EXPECT_EQ(hits[0]["chunkIndex"].number, 0);
+    EXPECT_EQ(hits[2]["chunkIndex"].number, 2);
+    EXPECT_EQ(hits[1]["score"].number, 0.75);
+    EXPECT_EQ(hits[2]["score"].number, 0.5);
+    // A query that begins with "-" follows "--".
+    RunResult r =
+        run_cli({"search", dir.path(), "--mode", "text", "--json", "--", "-dashes"}, dir.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(parse_json(r.out).items.size(), 1u);
+}
+
+TEST_F(CliIndexed, InvalidRegexGivesAnEmptyArray)
+{
+    RunResult r = run_cli({"search", dir.path(), "(", "--mode", "regex", "--json"}, dir.path());
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, "[]\n");
+}
+
+TEST_F(CliIndexed, SemanticHitsAreRankedAndPointIntoTheIndex)
+{
+    std::vector<Json> hits = search("who keeps the lighthouse", "semantic");
+    // Three files, so the narrowing keeps all of them, and all six chunks come back.
+    ASSERT_EQ(hits.size(), 6u);
+    std::map<std::string, int> chunks_per_file;
+    for (size_t i = 0; i < hits.size(); i++) {
+        const Json &h = hits[i];
+        EXPECT_EQ(h["id"].text,
+                  h["filePath"].text + ":" + std::to_string(int(h["chunkIndex"].number)));
+        chunks_per_file[h["filePath"].text]++;
+        EXPECT_LE(h["score"].number, 1.0 + 1e-5);
+        if (i > 0) {
+            EXPECT_LE(h["score"].number, hits[i - 1]["score"].number);
+        }
+    }
+    EXPECT_EQ(chunks_per_file[dir / "notes/alpha.md"], 3);
+    EXPECT_EQ(chunks_per_file[dir / "code/gamma.c"], 2);
+    EXPECT_EQ(chunks_per_file[dir / "beta.txt"], 1);
+}
+
+TEST_F(CliIndexed, ReadableSearchPrintsPathLineScoreAndIndentedSnippet)
+{
+    RunResult r = run_cli({"search", dir.path(), "lighthouse", "--mode", "text"}, dir.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::vector<std::string> lines = lines_of(r.out);
+    ASSERT_GE(lines.size(), 2u);
+    EXPECT_EQ(lines[0], dir / "notes/alpha.md" + ":5  score 1.0000");
+    EXPECT_EQ(lines[1].rfind("    ", 0), 0u);
+    EXPECT_NE(r.out.find("    lighthouse keeper 7\n"), std::string::npos) << r.out;
+}
+
+TEST_F(CliMaintenance, RemoveMarksChunksDeletedAndAcceptsRelativePaths)
+{
+    // Relative to the working directory, which is not the indexed one here.
+    RunResult r = run_cli({"remove", dir.path(), "alpha.md"}, dir / "notes");
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "removed 3 chunks of " + dir / "notes/alpha.md" + "\n");
+
+    Json s = stats();
+    EXPECT_EQ(s["chunk_count"].number, 6);
+    EXPECT_EQ(s["deleted_count"].number, 3);
+    std::map<std::string, Json> f = files();
+    EXPECT_EQ(f[dir / "notes/alpha.md"]["chunk_count"].number, 0);
+    EXPECT_FALSE(f[dir / "notes/alpha.md"]["indexed"].boolean);
+    EXPECT_TRUE(search("lighthouse", "text").empty());
+
+    // Removing it again, or a file never indexed, fails; the other file is still removed.
+    r = run_cli({"remove", dir.path(), dir / "notes/alpha.md", dir / "beta.txt"}, dir.path());
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.out, "removed 1 chunk of " + dir / "beta.txt" + "\n");
+    EXPECT_NE(r.err.find("tarnwick: not in the index: " + dir / "notes/alpha.md"),
+              std::string::npos)
+        << r.err;
+    EXPECT_EQ(stats()["deleted_count"].number, 4);
+}
+
+TEST_F(CliMaintenance, RemoveFindsFilesDeletedFromDiskAndPathsThroughLinks)
+{
+    fs::create_directory_symlink(dir.path(), dir / "link");
+    fs::remove(dir / "code/gamma.c");
+    RunResult r =
+        run_cli({"remove", "link/.", "link/code/gamma.c", "link/code/../beta.txt"}, dir.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(stats()["deleted_count"].number, 3);
+}
+
+TEST_F(CliMaintenance, CompactAfterRemovingEverythingLeavesAnEmptyIndex)
+{
+    RunResult r =
+        run_cli({"remove", dir.path(), "notes/alpha.md", "beta.txt", "code/gamma.c"}, dir.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    r = run_cli({"compact", dir.path()}, dir.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "compacted: 0 chunks of 0 files\n");
+
+    Json s = stats();
+    EXPECT_EQ(s["chunk_count"].number, 0);
+    EXPECT_EQ(s["file_count"].number, 0);
+    EXPECT_EQ(s["deleted_count"].number, 0);
+    EXPECT_EQ(s["max_level"].number, -1);
+    EXPECT_EQ(fs::file_size(dir / ".tarnwick/tarnwick.bin"), 40u); // the header alone
+    EXPECT_TRUE(search("lighthouse", "semantic").empty());
+}
+
+// The index of a directory named through a link and "." is kept under the resolved path.
+TEST(CliPaths, IndexedPathsAreResolved)
+{
+    TempDir dir;
+    write_file(dir / "real/note.txt", "the only note in this directory\n");
+    fs::create_directory_symlink(dir / "real", dir / "alias");
+    RunResult r = run_cli({"index", "./alias/.", "--chunk-size", "64"}, dir.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(fs::exists(dir / "real/.tarnwick/tarnwick.bin"));
+    r = run_cli({"search", "alias", "only note", "--mode", "text", "--json"}, dir.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    Json hits = parse_json(r.out);
+    ASSERT_EQ(hits.items.size(), 1u);
+    EXPECT_EQ(hits.items[0]["filePath"].text, dir / "real/note.txt");
+}
+
+TEST(CliSearch, KAboveSixtyFourGivesSixtyFourResults)
+{
+    TempDir dir;
+    std::string text;
+    for (int i = 0; i < 70; i++) {
+        text += "tick" + std::string(1, char('a' + i % 26)) + " "; // 6 bytes per chunk
+    }
+    write_file(dir / "ticks.txt", text);
+    RunResult r = run_cli({"index", dir.path(), "--chunk-size", "6", "--overlap", "0"}, dir.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    for (const char *mode : {"text", "regex"}) {
+        r = run_cli({"search", dir.path(), "tick", "--mode", mode, "-k", "100", "--json"},
+                    dir.path());
+        ASSERT_EQ(r.status, 0) << r.err;
+        EXPECT_EQ(parse_json(r.out).items.size(), 64u) << mode;
+    }
+    r = run_cli({"search", dir.path(), "tick", "-k", "1000", "--json"}, dir.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    // The graph search is only ef_search (50) wide.
+    size_t semantic = parse_json(r.out).items.size();
+    EXPECT_GE(semantic, 1u);
+    EXPECT_LE(semantic, 50u);
+}
+
+// A chunk searched with its own exact text scores 1: the query goes through the same encoder.
+TEST(CliSearch, ExactChunkTextScoresOne)
+{
+    TempDir dir;
+    write_file(dir / "one.txt", "spring tides cover the causeway");
+    ASSERT_EQ(run_cli({"index", dir.path()}, dir.path()).status, 0);
+    RunResult r = run_cli(
+        {"search", dir.path(), "spring tides cover the causeway", "--json", "-k", "1"}, dir.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    Json hits = parse_json(r.out);
+    ASSERT_EQ(hits.items.size(), 1u);
+    EXPECT_NEAR(hits.items[0]["score"].number, 1.0, 1e-4);
+}
+
+} // namespace
