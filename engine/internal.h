@@ -115,7 +115,11 @@ struct TrnVisited {
     uint32_t *marks;
     uint32_t length;
     uint32_t epoch;
+    uint32_t capacity; /* allocated marks, >= length */
 };
+
+/* Heaps and candidate arrays of the graph, reused by every insertion and query (hnsw.cpp). */
+struct TrnGraphScratch;
 
 struct TrnEngine {
     TrnChunk *chunks;  /* capacity slots */
@@ -149,6 +153,7 @@ struct TrnEngine {
 
     /* graph search scratch, kept between calls so a search clears nothing (hnsw.cpp) */
     TrnVisited visited;
+    TrnGraphScratch *graph_scratch; /* NULL until the first graph search */
 };
 
 /* ---------------------------------------------------------------------------------------------
@@ -157,7 +162,9 @@ struct TrnEngine {
 /* Loads a store file into an empty handle; a bad magic or version leaves the handle empty. Reads
 ** never run past the file and never allocate more than it could hold. */
 void store_load(TrnEngine *e, const char *path);
-/* Replays the log at path into the handle (e->wal must be NULL). */
+/* Replays the log at path into the handle (e->wal must be NULL). Stops quietly at a torn or
+** unreadable record and cuts the file back to the end of the last whole record, so records
+** appended afterwards are found by the next replay. */
 void wal_replay(TrnEngine *e, const char *path);
 /* Appends one 'A' record for chunk slot i and flushes. Nothing when e->wal is NULL. */
 void wal_append(TrnEngine *e, uint64_t slot);
@@ -179,6 +186,12 @@ char *strip_html(const char *p, size_t n);
 int32_t draw_level(float level_mult);
 
 /* ---------------------------------------------------------------------------------------------
+** File types (filetype.cpp)
+*/
+/* 1 when strcasecmp finds s equal to an entry of the NULL-terminated list, else 0. */
+int32_t in_list_casecmp(const char *s, const char *const *list);
+
+/* ---------------------------------------------------------------------------------------------
 ** Graph (hnsw.cpp) and query (query.cpp)
 */
 /* Links chunk index (whose level is set) into the graph. */
@@ -191,5 +204,9 @@ int32_t hnsw_query(TrnEngine *e, const float *q, int32_t k, uint32_t *out_indice
                    float *out_scores);
 /* Frees the graph search scratch of the handle. */
 void hnsw_free_scratch(TrnEngine *e);
+/* Offset of the first occurrence of the n-byte needle nl, already lower-cased, in the len-byte hay,
+** ignoring ASCII case (what strcasestr finds in the C and UTF-8 locales); -1 when there is none.
+** An empty needle is found at 0. */
+int64_t find_ascii_nocase(const char *hay, size_t len, const unsigned char *nl, size_t n);
 
 #endif /* TRN_INTERNAL_H */

@@ -1,0 +1,238 @@
+/*
+** search_bench.cpp -- the text and regular-expression scans of trn_search next to plain scans
+** of the same bytes.
+**
+**   search_bench [--chunks N] [--runs R] [--dir DIR]
+**
+** Fills an in-memory engine with N (default 100,000) chunks of 800 bytes of real text (windows
+** over the HTML-stripped Python documentation, or any directory of text and HTML; the text is
+** reused from the start when it runs out), then searches for words that occur nowhere, so every
+** chunk is scanned. Each scan runs R times (default 5); the median is reported as MB/s over the
+** chunk bytes:
+**
+**   text   trn_search mode 1        beside memmem (case-sensitive, length from strlen as the
+**                                    engine needs it) and strcasestr, the C library's answer
+**   regex  trn_search mode 2        beside the same memmem scan
+**
+** and the ratio engine / memmem (above 1 means the engine's scan is faster). Times are CPU time
+** of the one thread, steadier than wall time on a shared machine.
+*/
+#include "internal.h"
+#include "tarnwick.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <time.h>
+
+namespace fs = std::filesystem;
+
+namespace
+{
+
+constexpr size_t CHUNK = 800;
+constexpr size_t STEP = 600; /* the application's chunk size 800 with overlap 200 */
+
+double thread_cpu_seconds()
+{
+    timespec ts;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+    return (double)ts.tv_sec + 1e-9 * (double)ts.tv_nsec;
+}
+
+bool ext_is(const std::string &path, const char *ext)
+{
+    size_t n = strlen(ext);
+    return path.size() >= n && path.compare(path.size() - n, n, ext) == 0;
+}
+
+std::string read_corpus(const std::string &dir, size_t want)
+{
+    std::vector<std::string> files;
+    std::error_code ec;
+    for (auto it = fs::recursive_directory_iterator(
+             dir, fs::directory_options::follow_directory_symlink, ec);
+         it != fs::recursive_directory_iterator();
+         it.increment(ec)) {
+        if (ec) {
+            break;
+        }
+        std::string ext = it->path().extension().string();
+        if (it->is_regular_file(ec) && (ext == ".html" || ext == ".txt" || ext == ".rst")) {
+            files.push_back(it->path().string());
+        }
+    }
+    std::sort(files.begin(), files.end());
+    std::string all;
+    for (const std::string &path : files) {
+        std::ifstream in(path, std::ios::binary);
+        std::stringstream ss;
+        ss << in.rdbuf();
+        std::string raw = ss.str();
+        if (ext_is(path, ".html")) {
+            char *stripped = strip_html(raw.data(), raw.size());
+            all += stripped;
+            free(stripped);
+        } else {
+            all += raw;
+        }
+        all += '\n';
+        if (all.size() >= want) {
+            break;
+        }
+    }
+    return all;
+}
+
+double median(std::vector<double> v)
+{
+    std::sort(v.begin(), v.end());
+    return v[v.size() / 2];
+}
+
+/* Median CPU seconds of runs calls of fn; every call must return the same count. */
+double time_runs(int runs, const std::function<long()> &fn, long *count)
+{
+    std::vector<double> t;
+    for (int r = 0; r < runs; r++) {
+        double t0 = thread_cpu_seconds();
+        long c = fn();
+        t.push_back(thread_cpu_seconds() - t0);
+        if (r > 0 && c != *count) {
+            fprintf(stderr, "search_bench: run %d found %ld, not %ld\n", r, c, *count);
+            exit(1);
+        }
+        *count = c;
+    }
+    return median(t);
+}
+
+long parse_count(const char *s)
+{
+    char *end = nullptr;
+    long v = strtol(s, &end, 10);
+    if (!end || *end != '\0' || v < 1) {
+        fprintf(stderr, "search_bench: not a positive count: %s\n", s);
+        exit(2);
+    }
+    return v;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    long chunks = 100000;
+    int runs = 5;
+    std::string dir = "/usr/share/doc/python3/html";
+    for (int i = 1; i < argc; i++) {
+        std::string a = argv[i];
+        if (a == "--chunks" && i + 1 < argc) {
+            chunks = parse_count(argv[++i]);
+        } else if (a == "--runs" && i + 1 < argc) {
+            runs = (int)parse_count(argv[++i]);
+        } else if (a == "--dir" && i + 1 < argc) {
+            dir = argv[++i];
+        } else {
+            fprintf(stderr, "usage: search_bench [--chunks N] [--runs R] [--dir DIR]\n");
+            return 2;
+        }
+    }
+
+    std::string corpus = read_corpus(dir, (size_t)chunks * STEP + CHUNK);
+    if (corpus.size() < CHUNK + STEP) {
+        fprintf(stderr, "search_bench: too little text under %s\n", dir.c_str());
+        return 1;
+    }
+    TrnConfig cfg = {nullptr, nullptr, 0, 0, 0, 0};
+    TrnEngine *e = trn_open(&cfg);
+    ensure_cap(e, (uint64_t)chunks);
+    size_t pos = 0, round = 0;
+    std::string buf;
+    for (long i = 0; i < chunks; i++) {
+        if (pos + CHUNK > corpus.size()) {
+            pos = (++round * 131) % STEP; /* start again, shifted */
+        }
+        buf.assign(corpus, pos, CHUNK);
+        for (char &ch : buf) {
+            if (ch == '\0') {
+                ch = ' ';
+            }
+        }
+        TrnChunk *c = &e->chunks[e->count++];
+        snprintf(c->doc_id, TRN_ID_MAX, "doc%ld:%ld", i / 50, i % 50);
+        c->text = xstrdup(buf.c_str());
+        c->file_path = nullptr;
+        c->line_number = 1;
+        pos += STEP;
+    }
+    const double mb = (double)chunks * CHUNK / 1e6;
+    printf("search_bench: %ld chunks of %zu bytes (%.1f MB) from %s, median of %d runs, CPU "
+           "time of one thread\n\n",
+           chunks,
+           CHUNK,
+           mb,
+           dir.c_str(),
+           runs);
+
+    const char *word = "quixotry";
+    const char *pattern = "quixot(ry|ic) [0-9]+";
+    size_t wlen = strlen(word);
+    TrnResult results[TRN_MAX_RESULTS];
+    long n_engine = 0, n_memmem = 0, n_strcasestr = 0, n_regex = 0;
+    double t_engine = time_runs(
+        runs,
+        [&] {
+            return (long)trn_search(e, word, TRN_SEARCH_TEXT, 10, results);
+        },
+        &n_engine);
+    double t_memmem = time_runs(
+        runs,
+        [&] {
+            long found = 0;
+            for (uint64_t i = 0; i < e->count; i++) {
+                const char *t = e->chunks[i].text;
+                found += memmem(t, strlen(t), word, wlen) ? 1 : 0;
+            }
+            return found;
+        },
+        &n_memmem);
+    double t_strcasestr = time_runs(
+        runs,
+        [&] {
+            long found = 0;
+            for (uint64_t i = 0; i < e->count; i++) {
+                found += strcasestr(e->chunks[i].text, word) ? 1 : 0;
+            }
+            return found;
+        },
+        &n_strcasestr);
+    double t_regex = time_runs(
+        runs,
+        [&] {
+            return (long)trn_search(e, pattern, TRN_SEARCH_REGEX, 10, results);
+        },
+        &n_regex);
+
+    printf("| scan                          | matches |     MB/s |\n");
+    printf("|-------------------------------|--------:|---------:|\n");
+    printf("| trn_search text \"%s\"    | %7ld | %8.0f |\n", word, n_engine, mb / t_engine);
+    printf("| memmem (case-sensitive)       | %7ld | %8.0f |\n", n_memmem, mb / t_memmem);
+    printf("| strcasestr                    | %7ld | %8.0f |\n", n_strcasestr, mb / t_strcasestr);
+    printf("| trn_search regex              | %7ld | %8.0f |\n", n_regex, mb / t_regex);
+    printf("\nratio to memmem: text %.2f, strcasestr %.2f, regex %.3f (above 1: faster than "
+           "memmem)\n",
+           t_memmem / t_engine,
+           t_memmem / t_strcasestr,
+           t_memmem / t_regex);
+    trn_close(e);
+    return 0;
+}

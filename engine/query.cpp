@@ -1,0 +1,334 @@
+/*
+** query.cpp -- trn_search, the engine's one query entry point.
+**
+** Three modes:
+**   semantic  embed the query, normalise it, and ask the graph for its nearest chunks. When the
+**             document index names two or more files, the ten files whose centroids are closest
+**             are picked first, the graph is asked for min(4k, 64) hits and only hits from those
+**             files are kept. At most ef_search hits come back, whatever k is.
+**   text      ASCII case-insensitive substring, chunks in index order.
+**   regex     POSIX extended, case-insensitive, chunks in index order.
+** Text and regex hits score 1, 1 - 1/k, 1 - 2/k, ...: the score only encodes the order.
+**
+** Result i always uses the handle's snippet buffer i; a snippet holds at most 300 bytes of the
+** chunk text. For text and regex hits it begins at a word boundary at most 75 bytes before the
+** match, or at the chunk's start when the match lies within its first 76 bytes.
+**
+** The text scan is a case-insensitive search of our own, equal in results to strcasestr under
+** ASCII case folding (the C and UTF-8 locales) and several times faster: it filters candidate
+** positions on the needle's first and last bytes 16 or 32 at a time and verifies the rest.
+*/
+#include "internal.h"
+
+#include <cstring>
+#include <memory>
+#include <type_traits>
+
+#include <regex.h>
+
+#if defined(__AVX2__) || defined(__SSE2__)
+#include <immintrin.h>
+#endif
+
+static_assert(std::is_standard_layout_v<TrnResult> && std::is_trivially_copyable_v<TrnResult>,
+              "TrnResult crosses the C interface");
+
+namespace
+{
+
+constexpr int32_t NARROW_FILES = 10;  /* files a semantic search is narrowed to */
+constexpr int32_t SNIPPET_REACH = 75; /* bytes before a match a snippet may start */
+constexpr int32_t QUERY_DIM_MAX = 512;
+
+struct FreeDeleter {
+    void operator()(void *p) const { free(p); }
+};
+
+inline unsigned char ascii_lower(unsigned char c)
+{
+    return (c >= 'A' && c <= 'Z') ? (unsigned char)(c + ('a' - 'A')) : c;
+}
+
+/* 0x20 when c is a lower-case letter, so that (b | mask) == c finds both cases of it and
+** nothing else; 0 for every other byte, which must then match exactly. */
+inline unsigned char case_mask(unsigned char c)
+{
+    return (c >= 'a' && c <= 'z') ? 0x20 : 0;
+}
+
+/* h[0..n) equals the lower-cased nl[0..n) under ASCII case folding. */
+inline bool equal_nocase(const unsigned char *h, const unsigned char *nl, size_t n)
+{
+    for (size_t j = 0; j < n; j++) {
+        if (ascii_lower(h[j]) != nl[j]) {
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+/* Offset of the first occurrence of the n-byte needle nl (already lower-cased) in the len-byte
+** hay, ignoring ASCII case; -1 when there is none. An empty needle is found at 0. */
+int64_t find_ascii_nocase(const char *hay, size_t len, const unsigned char *nl, size_t n)
+{
+    if (n == 0) {
+        return 0;
+    }
+    if (n > len) {
+        return -1;
+    }
+    const unsigned char *h = (const unsigned char *)hay;
+    const size_t last = len - n; /* the last possible start */
+    const unsigned char f = nl[0];
+    const unsigned char l = nl[n - 1];
+    const size_t mid = n > 2 ? n - 2 : 0;
+    size_t i = 0;
+#if defined(__AVX2__)
+    {
+        const __m256i vf = _mm256_set1_epi8((char)f);
+        const __m256i vl = _mm256_set1_epi8((char)l);
+        const __m256i mf = _mm256_set1_epi8((char)case_mask(f));
+        const __m256i ml = _mm256_set1_epi8((char)case_mask(l));
+        /* starts i..i+31 are all possible, so both loads stay inside the hay */
+        for (; i + 32 <= last + 1; i += 32) {
+            __m256i a = _mm256_loadu_si256((const __m256i *)(h + i));
+            __m256i b = _mm256_loadu_si256((const __m256i *)(h + i + n - 1));
+            __m256i eq = _mm256_and_si256(_mm256_cmpeq_epi8(_mm256_or_si256(a, mf), vf),
+                                          _mm256_cmpeq_epi8(_mm256_or_si256(b, ml), vl));
+            uint32_t mask = (uint32_t)_mm256_movemask_epi8(eq);
+            while (mask != 0) {
+                size_t at = i + (size_t)__builtin_ctz(mask);
+                if (equal_nocase(h + at + 1, nl + 1, mid)) {
+                    return (int64_t)at;
+                }
+                mask &= mask - 1;
+            }
+        }
+    }
+#endif
+#if defined(__SSE2__)
+    {
+        const __m128i vf = _mm_set1_epi8((char)f);
+        const __m128i vl = _mm_set1_epi8((char)l);
+        const __m128i mf = _mm_set1_epi8((char)case_mask(f));
+        const __m128i ml = _mm_set1_epi8((char)case_mask(l));
+        for (; i + 16 <= last + 1; i += 16) {
+            __m128i a = _mm_loadu_si128((const __m128i *)(h + i));
+            __m128i b = _mm_loadu_si128((const __m128i *)(h + i + n - 1));
+            __m128i eq = _mm_and_si128(_mm_cmpeq_epi8(_mm_or_si128(a, mf), vf),
+                                       _mm_cmpeq_epi8(_mm_or_si128(b, ml), vl));
+            uint32_t mask = (uint32_t)_mm_movemask_epi8(eq);
+            while (mask != 0) {
+                size_t at = i + (size_t)__builtin_ctz(mask);
+                if (equal_nocase(h + at + 1, nl + 1, mid)) {
+                    return (int64_t)at;
+                }
+                mask &= mask - 1;
+            }
+        }
+    }
+#endif
+    for (; i <= last; i++) {
+        if (ascii_lower(h[i]) == f && ascii_lower(h[i + n - 1]) == l
+            && equal_nocase(h + i + 1, nl + 1, mid)) {
+            return (int64_t)i;
+        }
+    }
+    return -1;
+}
+
+namespace
+{
+
+/* Fills result slot i from chunk idx; the snippet is text[start..] cut at 300 bytes. */
+void fill_result(TrnEngine *e, TrnResult *r, int32_t i, uint64_t idx, float score, size_t start)
+{
+    const TrnChunk *c = &e->chunks[idx];
+    const char *text = c->text ? c->text : "";
+    size_t len = strlen(text);
+    size_t n = start < len ? len - start : 0;
+    if (n > (size_t)TRN_SNIPPET_MAX) {
+        n = TRN_SNIPPET_MAX;
+    }
+    char *buf = e->snippets[i];
+    if (n > 0) {
+        memcpy(buf, text + start, n);
+    }
+    buf[n] = '\0';
+    r->doc_id = c->doc_id;
+    r->file_path = c->file_path;
+    r->snippet = buf;
+    r->score = score;
+    r->chunk_index = c->chunk_index;
+    r->line_number = c->line_number;
+    r->file_type = c->file_type;
+}
+
+/* Where the snippet of a match at offset p begins: 0 for p < 76; else the first space or line
+** feed among the 75 bytes before p (or p itself when there is none), stepped past when it is one.
+*/
+size_t snippet_start(const char *text, int64_t p)
+{
+    if (p < SNIPPET_REACH + 1) {
+        return 0;
+    }
+    size_t start = (size_t)p;
+    for (size_t j = (size_t)p - SNIPPET_REACH; j < (size_t)p; j++) {
+        if (text[j] == ' ' || text[j] == '\n') {
+            start = j;
+            break;
+        }
+    }
+    if (text[start] == ' ' || text[start] == '\n') {
+        start += 1;
+    }
+    return start;
+}
+
+int32_t search_semantic(TrnEngine *e, const char *query, int32_t kk, TrnResult *results)
+{
+    if (e->dim < 1 || e->dim > QUERY_DIM_MAX) {
+        return 0;
+    }
+    float q[QUERY_DIM_MAX];
+    trn_encoder_embed_text(&e->encoder, query, q);
+    vec_normalize(q, (size_t)e->dim);
+
+    uint32_t idx[TRN_MAX_RESULTS];
+    float sim[TRN_MAX_RESULTS];
+    if (e->file_count < 2) {
+        int32_t n = hnsw_query(e, q, kk, idx, sim);
+        for (int32_t i = 0; i < n; i++) {
+            fill_result(e, &results[i], i, idx[i], sim[i], 0);
+        }
+        return n;
+    }
+
+    /* Narrow to the files whose centroids are closest. */
+    const int32_t files = e->file_count;
+    const int32_t t = files < NARROW_FILES ? files : NARROW_FILES;
+    std::unique_ptr<int32_t, FreeDeleter> order(
+        (int32_t *)xmalloc(xmul((size_t)files, sizeof(int32_t))));
+    std::unique_ptr<float, FreeDeleter> score((float *)xmalloc(xmul((size_t)files, sizeof(float))));
+    int32_t *ord = order.get();
+    float *sc = score.get();
+    for (int32_t j = 0; j < files; j++) {
+        const float *row = e->centroids + (size_t)j * (size_t)e->dim;
+        float shifted = vec_dot(q, row, (size_t)e->dim) + (-1.0f);
+        ord[j] = j;
+        sc[j] = shifted + 1.0f;
+    }
+    for (int32_t i = 0; i < t; i++) {
+        int32_t best = i;
+        for (int32_t j = i + 1; j < files; j++) {
+            if (sc[j] > sc[best]) {
+                best = j;
+            }
+        }
+        int32_t to = ord[i];
+        float ts = sc[i];
+        ord[i] = ord[best];
+        sc[i] = sc[best];
+        ord[best] = to;
+        sc[best] = ts;
+    }
+
+    int32_t want = 4 * kk < TRN_MAX_RESULTS ? 4 * kk : TRN_MAX_RESULTS;
+    int32_t n = hnsw_query(e, q, want, idx, sim);
+    int32_t filled = 0;
+    for (int32_t h = 0; h < n && filled < kk; h++) {
+        const char *path = e->chunks[idx[h]].file_path;
+        if (!path) {
+            continue;
+        }
+        bool keep = false;
+        for (int32_t j = 0; j < t; j++) {
+            if (strcmp(path, e->file_names[ord[j]]) == 0) {
+                keep = true;
+                break;
+            }
+        }
+        if (keep) {
+            fill_result(e, &results[filled], filled, idx[h], sim[h], 0);
+            filled++;
+        }
+    }
+    return filled;
+}
+
+int32_t search_text(TrnEngine *e, const char *query, int32_t kk, TrnResult *results)
+{
+    size_t qlen = strlen(query);
+    std::unique_ptr<unsigned char, FreeDeleter> lowered((unsigned char *)xmalloc(qlen + 1));
+    unsigned char *nl = lowered.get();
+    for (size_t j = 0; j < qlen; j++) {
+        nl[j] = ascii_lower((unsigned char)query[j]);
+    }
+    nl[qlen] = '\0';
+    int32_t found = 0;
+    for (uint64_t i = 0; i < e->count && found < kk; i++) {
+        const TrnChunk *c = &e->chunks[i];
+        if (c->deleted || !c->text) {
+            continue;
+        }
+        int64_t p = find_ascii_nocase(c->text, strlen(c->text), nl, qlen);
+        if (p < 0) {
+            continue;
+        }
+        float score = 1.0f - (float)found / (float)kk;
+        fill_result(e, &results[found], found, i, score, snippet_start(c->text, p));
+        found++;
+    }
+    return found;
+}
+
+int32_t search_regex(TrnEngine *e, const char *query, int32_t kk, TrnResult *results)
+{
+    regex_t re;
+    if (regcomp(&re, query, REG_EXTENDED | REG_ICASE) != 0) {
+        return 0;
+    }
+    int32_t found = 0;
+    for (uint64_t i = 0; i < e->count && found < kk; i++) {
+        const TrnChunk *c = &e->chunks[i];
+        if (c->deleted || !c->text) {
+            continue;
+        }
+        regmatch_t m;
+        if (regexec(&re, c->text, 1, &m, 0) != 0) {
+            continue;
+        }
+        int64_t p = m.rm_so < 0 ? 0 : (int64_t)m.rm_so;
+        float score = 1.0f - (float)found / (float)kk;
+        fill_result(e, &results[found], found, i, score, snippet_start(c->text, p));
+        found++;
+    }
+    regfree(&re);
+    return found;
+}
+
+} // namespace
+
+extern "C" {
+
+int32_t trn_search(TrnEngine *e, const char *query, int32_t mode, int32_t k, TrnResult *results)
+{
+    if (!e || !query || !results || k < 1) {
+        return 0;
+    }
+    int32_t kk = k < TRN_MAX_RESULTS ? k : TRN_MAX_RESULTS;
+    switch (mode) {
+    case TRN_SEARCH_SEMANTIC:
+        return e->count == 0 ? 0 : search_semantic(e, query, kk, results);
+    case TRN_SEARCH_TEXT:
+        return e->count == 0 ? 0 : search_text(e, query, kk, results);
+    case TRN_SEARCH_REGEX:
+        return e->count == 0 ? 0 : search_regex(e, query, kk, results);
+    default:
+        return 0;
+    }
+}
+
+} // extern "C"
