@@ -1,0 +1,402 @@
+// The byte-pair tokenizer: training, encoding, its file and its allocation failures.
+#include "internal.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+namespace
+{
+
+using Pair = std::vector<uint32_t>;
+
+TrnBpe *train(const std::string &corpus, int merges)
+{
+    return trn_bpe_train(reinterpret_cast<const uint8_t *>(corpus.data()), corpus.size(), merges);
+}
+
+std::vector<uint32_t> encode(const TrnBpe *bpe, const std::string &text, int max = 256)
+{
+    std::vector<uint32_t> out((size_t)max + 1, 0xDEADBEEFu);
+    int32_t n = trn_bpe_encode(bpe, text.c_str(), out.data(), max);
+    EXPECT_EQ(out[(size_t)max], 0xDEADBEEFu) << "wrote past max";
+    out.resize(n > 0 ? (size_t)n : 0);
+    return out;
+}
+
+std::vector<Pair> mergesOf(const TrnBpe *bpe)
+{
+    std::vector<Pair> pairs;
+    for (uint32_t i = 0; i < bpe->n_merges; i++) {
+        pairs.push_back({bpe->merges[i][0], bpe->merges[i][1]});
+    }
+    return pairs;
+}
+
+// Slot of a pair in the 2^20-slot training table.
+uint32_t slotOf(uint32_t left, uint32_t right)
+{
+    uint64_t key = ((uint64_t)left << 32) | right;
+    uint64_t h = key ^ (key >> 16);
+    h *= 73244475ull;
+    return (uint32_t)((h ^ (h >> 16)) & 0xFFFFF);
+}
+
+std::string tempPath(const char *name)
+{
+    return testing::TempDir() + "bpe_test_" + std::to_string(getpid()) + "_" + name;
+}
+
+std::vector<uint8_t> readFile(const std::string &path)
+{
+    std::vector<uint8_t> bytes;
+    FILE *f = fopen(path.c_str(), "rb");
+    if (!f) {
+        return bytes;
+    }
+    int c;
+    while ((c = fgetc(f)) != EOF) {
+        bytes.push_back((uint8_t)c);
+    }
+    fclose(f);
+    return bytes;
+}
+
+void writeFile(const std::string &path, const std::vector<uint8_t> &bytes)
+{
+    FILE *f = fopen(path.c_str(), "wb");
+    ASSERT_NE(f, nullptr);
+    if (!bytes.empty()) {
+        fwrite(bytes.data(), 1, bytes.size(), f);
+    }
+    fclose(f);
+}
+
+// Worked out by hand. "sand and an sand and":
+//   "an" occurs 5 times            -> merge 0 (a, n)     = 260
+//   then "260 d" 4 times           -> merge 1 (260, d)   = 261   ("and")
+//   then "261 ' '" 3 times         -> merge 2 (261, ' ') = 262   ("and ")
+//   then "s 262" twice             -> merge 3 (s, 262)   = 263   ("sand ")
+//   left: 263 262 260 ' ' 263 261, every pair once: training stops.
+const char kGoldenCorpus[] = "sand and an sand and";
+
+TEST(BpeTraining, LearnsTheHandWorkedMergesOfASmallCorpus)
+{
+    testing::internal::CaptureStderr();
+    TrnBpe *bpe = train(kGoldenCorpus, 100);
+    std::string log = testing::internal::GetCapturedStderr();
+    ASSERT_NE(bpe, nullptr);
+    std::vector<Pair> want = {{'a', 'n'}, {260, 'd'}, {261, ' '}, {'s', 262}};
+    EXPECT_EQ(mergesOf(bpe), want);
+    EXPECT_EQ(bpe->n_merges, 4u);
+    EXPECT_EQ(bpe->vocab_size, 264u);
+    EXPECT_EQ(log, "bpe: training complete. 4 merges, vocab_size=264\n");
+    trn_bpe_free(bpe);
+}
+
+TEST(BpeTraining, StopsAtTheRequestedNumberOfMerges)
+{
+    testing::internal::CaptureStderr();
+    TrnBpe *bpe = train(kGoldenCorpus, 2);
+    testing::internal::GetCapturedStderr();
+    ASSERT_NE(bpe, nullptr);
+    std::vector<Pair> want = {{'a', 'n'}, {260, 'd'}};
+    EXPECT_EQ(mergesOf(bpe), want);
+    EXPECT_EQ(bpe->vocab_size, 262u);
+    trn_bpe_free(bpe);
+}
+
+TEST(BpeTraining, TiesGoToTheLowerTableSlotNotTheFirstOccurrence)
+{
+    // (a,b) and (c,d) both occur twice and nothing else repeats; swapping their order in the
+    // corpus must not change the winner.
+    uint32_t ab = slotOf('a', 'b');
+    uint32_t cd = slotOf('c', 'd');
+    ASSERT_NE(ab, cd);
+    Pair winner = ab < cd ? Pair{'a', 'b'} : Pair{'c', 'd'};
+    for (const char *corpus : {"ab.cd,ab;cd", "cd.ab,cd;ab"}) {
+        testing::internal::CaptureStderr();
+        TrnBpe *bpe = train(corpus, 1);
+        testing::internal::GetCapturedStderr();
+        ASSERT_NE(bpe, nullptr);
+        ASSERT_EQ(bpe->n_merges, 1u) << corpus;
+        EXPECT_EQ(mergesOf(bpe)[0], winner) << corpus;
+        trn_bpe_free(bpe);
+    }
+}
+
+TEST(BpeTraining, CountsOverlappingPairsButMergesWithoutOverlap)
+{
+    // Each "aaaa" holds three overlapping (a,a) pairs, so (a,a) wins with 9; the rewrite turns
+    // each run into [260, 260], not [260, a, a] or three 260s, so (260,260) repeats three times
+    // and becomes merge 1.
+    testing::internal::CaptureStderr();
+    TrnBpe *bpe = train("aaaa.aaaa.aaaa.bcbc", 2);
+    testing::internal::GetCapturedStderr();
+    ASSERT_NE(bpe, nullptr);
+    ASSERT_EQ(bpe->n_merges, 2u);
+    EXPECT_EQ(mergesOf(bpe)[0], (Pair{'a', 'a'}));
+    EXPECT_EQ(mergesOf(bpe)[1], (Pair{260, 260}));
+    EXPECT_EQ(encode(bpe, "aaaaa"), (std::vector<uint32_t>{257, 261, 'a', 258}));
+    trn_bpe_free(bpe);
+}
+
+TEST(BpeTraining, TreatsNulBytesAsOrdinaryBytes)
+{
+    const uint8_t data[] = {0, 0, 1, 0, 0, 2, 0, 0};
+    testing::internal::CaptureStderr();
+    TrnBpe *bpe = trn_bpe_train(data, sizeof data, 5);
+    testing::internal::GetCapturedStderr();
+    ASSERT_NE(bpe, nullptr);
+    ASSERT_GE(bpe->n_merges, 1u);
+    EXPECT_EQ(mergesOf(bpe)[0], (Pair{0, 0}));
+    trn_bpe_free(bpe);
+}
+
+TEST(BpeTraining, ACorpusWithoutRepeatsGivesZeroMerges)
+{
+    testing::internal::CaptureStderr();
+    TrnBpe *bpe = train("abcdefg", 10);
+    testing::internal::GetCapturedStderr();
+    ASSERT_NE(bpe, nullptr);
+    EXPECT_EQ(bpe->n_merges, 0u);
+    EXPECT_EQ(bpe->vocab_size, 260u);
+    EXPECT_EQ(encode(bpe, "abc"), (std::vector<uint32_t>{257, 'a', 'b', 'c', 258}));
+    trn_bpe_free(bpe);
+}
+
+TEST(BpeTraining, RefusesMissingDataTooShortDataAndNoMerges)
+{
+    const uint8_t data[] = {'a', 'a', 'a'};
+    EXPECT_EQ(trn_bpe_train(nullptr, 10, 5), nullptr);
+    EXPECT_EQ(trn_bpe_train(data, 1, 5), nullptr);
+    EXPECT_EQ(trn_bpe_train(data, 3, 0), nullptr);
+    EXPECT_EQ(trn_bpe_train(data, 3, -4), nullptr);
+}
+
+std::string numbersCorpus()
+{
+    std::string corpus;
+    for (int i = 0; i < 3000; i++) {
+        corpus += std::to_string(i * 7919 % 10007) + (i % 3 ? " " : ",\n");
+    }
+    return corpus;
+}
+
+// Needs 500 merges, each of which clears and scans the whole 16 MiB table.
+TEST(BpeTraining, ReportsProgressEvery500Merges)
+{
+    const std::string corpus = numbersCorpus();
+    testing::internal::CaptureStderr();
+    TrnBpe *bpe = train(corpus, 500);
+    std::string log = testing::internal::GetCapturedStderr();
+    ASSERT_NE(bpe, nullptr);
+    ASSERT_EQ(bpe->n_merges, 500u);
+    const uint32_t *last = bpe->merges[499];
+    std::string progress = "bpe: merge 500/500  vocab=760  pair=(" + std::to_string(last[0]) + ","
+                           + std::to_string(last[1]) + ") count=";
+    EXPECT_EQ(log.rfind(progress, 0), 0u) << log;
+    EXPECT_NE(log.find("  seq_len="), std::string::npos) << log;
+    size_t end = log.find('\n');
+    ASSERT_NE(end, std::string::npos);
+    EXPECT_EQ(log.substr(end + 1), "bpe: training complete. 500 merges, vocab_size=760\n");
+    trn_bpe_free(bpe);
+}
+
+class BpeEncoding : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        testing::internal::CaptureStderr();
+        bpe = train(kGoldenCorpus, 100);
+        testing::internal::GetCapturedStderr();
+        ASSERT_NE(bpe, nullptr);
+    }
+    void TearDown() override { trn_bpe_free(bpe); }
+    TrnBpe *bpe = nullptr;
+};
+
+TEST_F(BpeEncoding, ReplaysTheMergesInTrainingOrder)
+{
+    // "sand and" -> s 260 d ' ' 260 d -> s 261 ' ' 261 -> s 262 261 -> 263 261
+    EXPECT_EQ(encode(bpe, "sand and"), (std::vector<uint32_t>{257, 263, 261, 258}));
+    // "bandana" -> b 260 d 260 a -> b 261 260 a; no "and " follows, so no later merge applies.
+    EXPECT_EQ(encode(bpe, "bandana"), (std::vector<uint32_t>{257, 'b', 261, 260, 'a', 258}));
+    // Left to right: "aan" merges its second and third bytes.
+    EXPECT_EQ(encode(bpe, "aan"), (std::vector<uint32_t>{257, 'a', 260, 258}));
+}
+
+TEST_F(BpeEncoding, FramesEmptyTextAndKeepsBytesAbove127Unsigned)
+{
+    EXPECT_EQ(encode(bpe, ""), (std::vector<uint32_t>{257, 258}));
+    EXPECT_EQ(encode(bpe, "\xC3\xA9"), (std::vector<uint32_t>{257, 0xC3, 0xA9, 258}));
+}
+
+TEST_F(BpeEncoding, RefusesMissingTextOutputOrRoom)
+{
+    uint32_t out[8];
+    EXPECT_EQ(trn_bpe_encode(bpe, nullptr, out, 8), 0);
+    EXPECT_EQ(trn_bpe_encode(bpe, "sand", nullptr, 8), 0);
+    EXPECT_EQ(trn_bpe_encode(bpe, "sand", out, 2), 0);
+}
+
+TEST_F(BpeEncoding, CutsAfterMergingTheWholeText)
+{
+    std::string text;
+    for (int i = 0; i < 200; i++) {
+        text += "sand and xy ";
+    }
+    std::vector<uint32_t> full = encode(bpe, text, 4096);
+    std::vector<uint32_t> cut = encode(bpe, text, 256);
+    ASSERT_EQ(cut.size(), 256u);
+    ASSERT_GT(full.size(), 256u);
+    EXPECT_EQ(cut.back(), 258u);
+    // The first 254 tokens are those of the longer encoding.
+    EXPECT_TRUE(std::equal(cut.begin(), cut.end() - 1, full.begin()));
+
+    std::vector<uint32_t> three = encode(bpe, "sand and", 3);
+    EXPECT_EQ(three, (std::vector<uint32_t>{257, 263, 258}));
+}
+
+TEST_F(BpeEncoding, SkipsNothingWhenAMergeUsesAnIdProducedLater)
+{
+    // A hand-made tokenizer whose merge 1 consumes the id merge 0 produces, and whose merge 2
+    // names an id that never exists; encoding must apply merge 1 and ignore merge 2.
+    uint32_t merges[3][2] = {{'x', 'y'}, {260, 'z'}, {9999, 'x'}};
+    TrnBpe manual = {merges, 3, 263};
+    EXPECT_EQ(encode(&manual, "xyzxyx"), (std::vector<uint32_t>{257, 261, 260, 'x', 258}));
+}
+
+TEST(BpeFile, SaveWritesTheDocumentedBytesAndLoadReadsThemBackEvenWithoutMerges)
+{
+    uint32_t merges[2][2] = {{'a', 'n'}, {260, 0x01020304u}};
+    TrnBpe bpe = {merges, 2, 262};
+    std::string path = tempPath("layout.bpe");
+    ASSERT_EQ(trn_bpe_save(&bpe, path.c_str()), 1);
+    std::vector<uint8_t> want = {'T', 'B', 'P', 'E', 2, 0, 0, 0, 'a', 0, 0, 0,
+                                 'n', 0,   0,   0,   4, 1, 0, 0, 4,   3, 2, 1};
+    EXPECT_EQ(readFile(path), want);
+
+    TrnBpe *loaded = trn_bpe_load(path.c_str());
+    ASSERT_NE(loaded, nullptr);
+    EXPECT_EQ(mergesOf(loaded), mergesOf(&bpe));
+    EXPECT_EQ(loaded->vocab_size, 262u);
+    trn_bpe_free(loaded);
+
+    TrnBpe empty = {nullptr, 0, 260};
+    ASSERT_EQ(trn_bpe_save(&empty, path.c_str()), 1);
+    EXPECT_EQ(readFile(path).size(), 8u);
+    loaded = trn_bpe_load(path.c_str());
+    ASSERT_NE(loaded, nullptr);
+    EXPECT_EQ(loaded->n_merges, 0u);
+    EXPECT_EQ(loaded->vocab_size, 260u);
+    trn_bpe_free(loaded);
+    remove(path.c_str());
+}
+
+TEST(BpeFile, TrainedTokenizerSurvivesTheRoundTripAndEncodesAlike)
+{
+    testing::internal::CaptureStderr();
+    TrnBpe *bpe = train(kGoldenCorpus, 100);
+    testing::internal::GetCapturedStderr();
+    ASSERT_NE(bpe, nullptr);
+    std::string path = tempPath("trained.bpe");
+    ASSERT_EQ(trn_bpe_save(bpe, path.c_str()), 1);
+    TrnBpe *loaded = trn_bpe_load(path.c_str());
+    ASSERT_NE(loaded, nullptr);
+    EXPECT_EQ(mergesOf(loaded), mergesOf(bpe));
+    EXPECT_EQ(encode(loaded, "an sand and bands"), encode(bpe, "an sand and bands"));
+    trn_bpe_free(loaded);
+    trn_bpe_free(bpe);
+    remove(path.c_str());
+}
+
+TEST(BpeFile, LoadRefusesEveryTruncationWrongMagicAndMissingFiles)
+{
+    uint32_t merges[2][2] = {{'a', 'n'}, {260, 'd'}};
+    TrnBpe bpe = {merges, 2, 262};
+    std::string path = tempPath("cut.bpe");
+    ASSERT_EQ(trn_bpe_save(&bpe, path.c_str()), 1);
+    std::vector<uint8_t> whole = readFile(path);
+    ASSERT_EQ(whole.size(), 24u);
+    for (size_t len = 0; len < whole.size(); len++) {
+        writeFile(path, std::vector<uint8_t>(whole.begin(), whole.begin() + (long)len));
+        EXPECT_EQ(trn_bpe_load(path.c_str()), nullptr) << "cut to " << len << " bytes";
+    }
+    std::vector<uint8_t> wrong = whole;
+    wrong[0] = 'X';
+    writeFile(path, wrong);
+    EXPECT_EQ(trn_bpe_load(path.c_str()), nullptr);
+    remove(path.c_str());
+    EXPECT_EQ(trn_bpe_load(path.c_str()), nullptr);
+    EXPECT_EQ(trn_bpe_save(&bpe, (testing::TempDir() + "no/such/dir/x.bpe").c_str()), 0);
+}
+
+TEST(BpeFile, AHugeCountInATinyFileLoadsAsNullWithoutDying)
+{
+    std::string path = tempPath("huge.bpe");
+    writeFile(path, {'T', 'B', 'P', 'E', 0xFF, 0xFF, 0xFF, 0xFF, 'a', 0, 0, 0, 'b', 0, 0, 0});
+    EXPECT_EQ(trn_bpe_load(path.c_str()), nullptr);
+    remove(path.c_str());
+}
+
+TEST(BpeStream, WriteAndReadMoveOnlyThePairs)
+{
+    uint32_t merges[3][2] = {{1, 2}, {3, 4}, {260, 261}};
+    TrnBpe bpe = {merges, 3, 263};
+    FILE *f = tmpfile();
+    ASSERT_NE(f, nullptr);
+    ASSERT_EQ(trn_bpe_write(&bpe, f), 1);
+    EXPECT_EQ(ftell(f), 24);
+    rewind(f);
+    TrnBpe *read = trn_bpe_read(f, 3);
+    ASSERT_NE(read, nullptr);
+    EXPECT_EQ(mergesOf(read), mergesOf(&bpe));
+    EXPECT_EQ(read->vocab_size, 263u);
+    trn_bpe_free(read);
+
+    rewind(f);
+    EXPECT_EQ(trn_bpe_read(f, 4), nullptr) << "only three pairs in the stream";
+    fclose(f);
+
+    TrnBpe empty = {nullptr, 0, 260};
+    FILE *g = tmpfile();
+    EXPECT_EQ(trn_bpe_write(&empty, g), 1);
+    fclose(g);
+    FILE *full = fopen("/dev/full", "wb");
+    if (full) {
+        setvbuf(full, nullptr, _IONBF, 0);
+        EXPECT_EQ(trn_bpe_write(&bpe, full), 0);
+        fclose(full);
+    }
+}
+
+TEST(BpeOom, EachTrainingAllocationFailsWithItsSize)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const std::string corpus = "abababab"; // 8 bytes: a sequence of 4 * 8 + 64 bytes
+    struct Case {
+        long countdown;
+        const char *message;
+    } cases[] = {{1, "^bpe: OOM \\(16 bytes\\)\n$"},
+                 {2, "^bpe: OOM \\(96 bytes\\)\n$"},
+                 {3, "^bpe: OOM \\(56 bytes\\)\n$"}, // 7 merges of 8 bytes
+                 {4, "^bpe: OOM \\(16777216 bytes\\)\n$"}};
+    for (const Case &c : cases) {
+        EXPECT_EXIT(
+            {
+                g_alloc_fail_countdown = c.countdown;
+                train(corpus, 7);
+            },
+            testing::ExitedWithCode(1),
+            c.message);
+    }
+}
+
+} // namespace
