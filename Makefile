@@ -24,8 +24,48 @@ build: configure
 test: build
 	@ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS) --timeout 600
 
+# Indexes a copy of samples/ (the repository stays clean), searches it once in each mode and
+# shows the command line's help.
 run: build
+	@rm -rf $(BUILD)/sample && cp -R samples $(BUILD)/sample
+	@$(BUILD)/bin/tarnwick-cli index $(BUILD)/sample
+	@echo; echo '== semantic: how long does the bread rise'
+	@$(BUILD)/bin/tarnwick-cli search $(BUILD)/sample 'how long does the bread rise' --mode semantic -k 3
+	@echo '== text: backup'
+	@$(BUILD)/bin/tarnwick-cli search $(BUILD)/sample backup --mode text -k 3
+	@echo '== regex: high [0-9]+:[0-9]+'
+	@$(BUILD)/bin/tarnwick-cli search $(BUILD)/sample 'high [0-9]+:[0-9]+' --mode regex -k 3
 	@$(BUILD)/bin/tarnwick-cli --help
 
 clean:
 	rm -rf $(BUILD) build-*
+
+# The model tests under ThreadSanitizer: concurrent searches, indexing and listings of several
+# tabs must never meet inside the engine.
+tsan:
+	@cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTRN_TSAN=ON -DTRN_BUILD_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
+	@cmake --build build-tsan -j $(JOBS) --target app_model_tests
+	@OPENBLAS_NUM_THREADS=1 ctest --test-dir build-tsan -L app -LE slow --output-on-failure --timeout 600
+
+# Runs each fuzz target for FUZZ_SECONDS under libFuzzer with AddressSanitizer and
+# UndefinedBehaviorSanitizer. The working corpus grows in fuzz-corpus/ (not kept); inputs that
+# crash land in tests/fuzz/crashes/<target>/, where ctest replays them from then on.
+FUZZ_SECONDS ?= 60
+FUZZ_TARGETS ?= fuzz_store fuzz_wal fuzz_weights
+
+fuzz:
+	@CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+		-DTRN_FUZZ=ON -DTRN_BUILD_APP=OFF -DTRN_BUILD_BENCH=OFF >/dev/null
+	@cmake --build build-fuzz -j $(JOBS) --target $(FUZZ_TARGETS)
+	@status=0; for t in $(FUZZ_TARGETS); do \
+		mkdir -p fuzz-corpus/$$t tests/fuzz/crashes/$$t; \
+		echo "fuzz: $$t for $(FUZZ_SECONDS) s (log in build-fuzz/$$t.log)"; \
+		if ! build-fuzz/fuzz/$$t -max_total_time=$(FUZZ_SECONDS) -timeout=30 \
+			-artifact_prefix=tests/fuzz/crashes/$$t/ \
+			fuzz-corpus/$$t tests/fuzz/seeds/$$t >build-fuzz/$$t.log 2>&1; then \
+			echo "fuzz: $$t failed; input kept in tests/fuzz/crashes/$$t/"; \
+			grep -E "ERROR|SUMMARY|Test unit written" build-fuzz/$$t.log | head -5; \
+			status=1; \
+		fi; \
+		grep -E "^(#[0-9]+\s+DONE|Done [0-9]+ runs)" build-fuzz/$$t.log | tail -1; \
+	done; exit $$status

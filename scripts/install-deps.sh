@@ -9,7 +9,7 @@ packages=(
     libgtest-dev libgmock-dev libbenchmark-dev libhnswlib-dev
     clang libclang-rt-14-dev clang-format
     poppler-utils libpoppler-qt6-dev
-    qt6-base-dev qt6-charts-dev qt6-pdf-dev libgl-dev
+    qt6-base-dev qt6-charts-dev qt6-pdf-dev libgl-dev libqt6opengl6-dev
     xvfb xauth
 )
 

@@ -1,0 +1,252 @@
+/*
+** app_state.cpp -- tabs, the shared search field, menu commands and the saved tab set.
+*/
+#include "app_state.h"
+
+#include "clipboard.h"
+#include "directory_state.h"
+#include "settings.h"
+#include "training_manager.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QPointer>
+
+AppState::AppState(Settings *settings, QObject *parent)
+    : QObject(parent), m_settings(settings ? settings : Settings::standard())
+{
+    QPointer<AppState> self(this);
+    QMetaObject::invokeMethod(
+        this,
+        [self] {
+            if (self) {
+                self->restoreState();
+            }
+        },
+        Qt::QueuedConnection);
+}
+
+AppState::~AppState() = default;
+
+void AppState::setQuery(const QString &query)
+{
+    if (m_query == query) {
+        return;
+    }
+    m_query = query;
+    emit queryChanged();
+}
+
+void AppState::setSearchMode(SearchMode mode)
+{
+    if (m_searchMode == mode) {
+        return;
+    }
+    m_searchMode = mode;
+    emit searchModeChanged();
+}
+
+void AppState::setActiveTabId(const QUuid &id)
+{
+    if (m_activeTabId == id) {
+        return;
+    }
+    m_activeTabId = id;
+    emit activeTabIdChanged();
+}
+
+std::optional<DirectoryTab> AppState::activeTab() const
+{
+    for (const DirectoryTab &tab : m_tabs) {
+        if (tab.id == m_activeTabId) {
+            return tab;
+        }
+    }
+    return std::nullopt;
+}
+
+DirectoryState *AppState::activeState() const
+{
+    return m_tabStates.value(m_activeTabId, nullptr);
+}
+
+DirectoryState *AppState::stateFor(const QUuid &tabId) const
+{
+    return m_tabStates.value(tabId, nullptr);
+}
+
+DirectoryTab AppState::makeTab(const QString &path)
+{
+    return DirectoryTab{QUuid::createUuid(), path, QFileInfo(path).fileName()};
+}
+
+DirectoryState *AppState::createState(const DirectoryTab &tab)
+{
+    auto *state =
+        new DirectoryState(tab, TrainingManager::shared()->defaultWeightsPath(), m_settings, this);
+    m_tabStates.insert(tab.id, state);
+    return state;
+}
+
+void AppState::openDirectory(const QStringList &paths)
+{
+    for (const QString &path : paths) {
+        addTab(path);
+    }
+}
+
+void AppState::addTab(const QString &path)
+{
+    for (const DirectoryTab &tab : m_tabs) {
+        if (tab.path == path) {
+            setActiveTabId(tab.id);
+            return;
+        }
+    }
+    const DirectoryTab tab = makeTab(path);
+    m_tabs.append(tab);
+    DirectoryState *state = createState(tab);
+    emit tabsChanged();
+    setActiveTabId(tab.id);
+    if (!state->isIndexed()) {
+        state->ingest(m_settings->effectiveChunkSize(), m_settings->effectiveOverlap());
+    }
+    saveState();
+}
+
+void AppState::selectTab(const QUuid &tabId)
+{
+    setActiveTabId(tabId);
+    DirectoryState *state = stateFor(tabId);
+    if (state && !m_query.isEmpty()) {
+        state->search(m_query, m_searchMode);
+    }
+    saveState();
+}
+
+void AppState::closeTab(const QUuid &tabId)
+{
+    DirectoryState *state = m_tabStates.take(tabId);
+    if (state) {
+        state->engine()->checkpoint();
+        delete state; // the engine closes when the last background job lets go of it
+    }
+    const qsizetype removed = m_tabs.removeIf([&tabId](const DirectoryTab &tab) {
+        return tab.id == tabId;
+    });
+    if (removed > 0) {
+        emit tabsChanged();
+    }
+    if (m_activeTabId == tabId) {
+        setActiveTabId(m_tabs.isEmpty() ? QUuid() : m_tabs.last().id);
+    }
+    saveState();
+}
+
+void AppState::closeActiveTab()
+{
+    if (!m_activeTabId.isNull() && activeTab()) {
+        closeTab(m_activeTabId);
+    }
+}
+
+void AppState::moveTab(const QUuid &from, const QUuid &to)
+{
+    qsizetype f = -1;
+    qsizetype t = -1;
+    for (qsizetype i = 0; i < m_tabs.size(); i++) {
+        if (m_tabs.at(i).id == from) {
+            f = i;
+        }
+        if (m_tabs.at(i).id == to) {
+            t = i;
+        }
+    }
+    if (f < 0 || t < 0 || f == t) {
+        return;
+    }
+    // The dragged tab takes exactly the target's place; the tabs between shift by one.
+    m_tabs.move(f, t);
+    emit tabsChanged();
+}
+
+void AppState::performSearch()
+{
+    DirectoryState *state = activeState();
+    if (state) {
+        state->search(m_query, m_searchMode);
+    }
+}
+
+void AppState::reindexActive()
+{
+    DirectoryState *state = activeState();
+    if (state) {
+        state->reindex();
+    }
+}
+
+void AppState::copyPrompt(PromptScope scope)
+{
+    DirectoryState *state = activeState();
+    if (!state) {
+        return;
+    }
+    const QString text = state->buildPrompt(m_query, scope);
+    Clipboard *clipboard = m_clipboard;
+    if (!clipboard) {
+        if (!m_systemClipboard) {
+            m_systemClipboard = std::make_unique<SystemClipboard>();
+        }
+        clipboard = m_systemClipboard.get();
+    }
+    clipboard->setText(text);
+}
+
+void AppState::setClipboard(Clipboard *clipboard)
+{
+    m_clipboard = clipboard;
+}
+
+void AppState::saveState()
+{
+    QStringList paths;
+    for (const DirectoryTab &tab : m_tabs) {
+        paths.append(tab.path);
+    }
+    m_settings->setSavedTabPaths(paths);
+    const std::optional<DirectoryTab> active = activeTab();
+    m_settings->setActiveTabPath(active ? std::optional<QString>(active->path) : std::nullopt);
+}
+
+void AppState::restoreState()
+{
+    const QStringList paths = m_settings->savedTabPaths();
+    if (paths.isEmpty()) {
+        emit stateRestored();
+        return;
+    }
+    const std::optional<QString> activePath = m_settings->activeTabPath();
+    QUuid active;
+    bool added = false;
+    for (const QString &path : paths) {
+        if (!QFileInfo::exists(path)) {
+            continue; // the directory is gone; it drops out of the next save
+        }
+        const DirectoryTab tab = makeTab(path);
+        m_tabs.append(tab);
+        createState(tab);
+        added = true;
+        if (active.isNull() && activePath && *activePath == path) {
+            active = tab.id;
+        }
+    }
+    if (added) {
+        emit tabsChanged();
+    }
+    if (active.isNull() && !m_tabs.isEmpty()) {
+        active = m_tabs.first().id;
+    }
+    setActiveTabId(active);
+    emit stateRestored();
+}

@@ -1,0 +1,109 @@
+/*
+** app_state.h -- the application-wide model: the ordered tabs, the active tab, the search field
+** and mode shared by all tabs, one DirectoryState per tab, and the menu commands.
+**
+** The open tabs are saved as "savedTabPaths" (tab order) and "activeTabPath" after a tab is
+** added, selected or closed, and restored on the first turn of the event loop after
+** construction. Restored tabs open their existing index and are not re-indexed; paths that no
+** longer exist are dropped silently.
+*/
+#ifndef TRN_APP_APP_STATE_H
+#define TRN_APP_APP_STATE_H
+
+#include "prompt_builder.h"
+#include "records.h"
+#include "tarnwick_engine.h"
+
+#include <QHash>
+#include <QList>
+#include <QObject>
+#include <QString>
+#include <QStringList>
+#include <QUuid>
+
+#include <memory>
+#include <optional>
+
+class Clipboard;
+class DirectoryState;
+class Settings;
+
+class AppState : public QObject
+{
+    Q_OBJECT
+    Q_PROPERTY(QList<DirectoryTab> tabs READ tabs NOTIFY tabsChanged)
+    // Null when no tab is active.
+    Q_PROPERTY(QUuid activeTabId READ activeTabId NOTIFY activeTabIdChanged)
+    Q_PROPERTY(QString query READ query WRITE setQuery NOTIFY queryChanged)
+    Q_PROPERTY(SearchMode searchMode READ searchMode WRITE setSearchMode NOTIFY searchModeChanged)
+
+public:
+    // settings NULL means Settings::standard(). Schedules restoreState() on the event loop.
+    explicit AppState(Settings *settings = nullptr, QObject *parent = nullptr);
+    ~AppState() override;
+
+    QList<DirectoryTab> tabs() const { return m_tabs; }
+    QUuid activeTabId() const { return m_activeTabId; }
+    QString query() const { return m_query; }
+    void setQuery(const QString &query);
+    SearchMode searchMode() const { return m_searchMode; }
+    void setSearchMode(SearchMode mode);
+    Settings *settings() const { return m_settings; }
+
+    std::optional<DirectoryTab> activeTab() const;
+    // The active tab's state, or NULL.
+    DirectoryState *activeState() const;
+    // The state of a tab, or NULL. AppState owns it; it is deleted when the tab closes.
+    DirectoryState *stateFor(const QUuid &tabId) const;
+
+    // "Open Directory…": addTab for each chosen path, in order (the view shows the chooser).
+    void openDirectory(const QStringList &paths);
+    // Selects the tab when the path is open already; else opens a tab, makes it active, indexes
+    // it unless its index holds chunks, and saves.
+    void addTab(const QString &path);
+    // Makes a tab active, re-runs the shared query there when it is not empty, and saves.
+    void selectTab(const QUuid &tabId);
+    // Checkpoints and closes a tab; when it was active the last remaining tab becomes active.
+    void closeTab(const QUuid &tabId);
+    // "Close Tab".
+    void closeActiveTab();
+    // Moves tab `from` into the place of tab `to` (drag and drop); not saved by itself.
+    void moveTab(const QUuid &from, const QUuid &to);
+    // Searches the active tab with query and searchMode.
+    void performSearch();
+    // "Re-index": discards the active tab's index and builds it again.
+    void reindexActive();
+    // "Copy Prompt": the active tab's prompt for query in scope, onto the clipboard. Does nothing
+    // without an active tab.
+    void copyPrompt(PromptScope scope = PromptScope::Top5);
+    // Where copyPrompt puts its text; not owned. NULL (the default) means the system clipboard.
+    void setClipboard(Clipboard *clipboard);
+
+    // Writes "savedTabPaths" and "activeTabPath".
+    void saveState();
+
+signals:
+    void tabsChanged();
+    void activeTabIdChanged();
+    void queryChanged();
+    void searchModeChanged();
+    // restoreState() ran (also when nothing was saved).
+    void stateRestored();
+
+private:
+    void restoreState();
+    void setActiveTabId(const QUuid &id);
+    DirectoryState *createState(const DirectoryTab &tab);
+    static DirectoryTab makeTab(const QString &path);
+
+    Settings *m_settings;
+    Clipboard *m_clipboard = nullptr;
+    std::unique_ptr<Clipboard> m_systemClipboard;
+    QList<DirectoryTab> m_tabs;
+    QUuid m_activeTabId;
+    QString m_query;
+    SearchMode m_searchMode = SearchMode::Semantic;
+    QHash<QUuid, DirectoryState *> m_tabStates; // children of this object
+};
+
+#endif

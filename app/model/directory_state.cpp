@@ -1,0 +1,452 @@
+/*
+** directory_state.cpp -- one tab's model: background indexing, searching and listing, history,
+** pins, encoder override and git branch.
+*/
+#include "directory_state.h"
+
+#include "background.h"
+#include "json_coding.h"
+#include "results_model.h"
+#include "settings.h"
+#include "training_manager.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QPointer>
+#include <QSet>
+#include <QThreadPool>
+
+namespace
+{
+
+std::optional<QString> readTrimmedText(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        return std::nullopt;
+    }
+    return QString::fromUtf8(file.readAll()).trimmed();
+}
+
+} // namespace
+
+DirectoryState::DirectoryState(const DirectoryTab &tab, const QString &weightsPath,
+                               Settings *settings, QObject *parent)
+    : QObject(parent), m_settings(settings ? settings : Settings::standard()),
+      m_directoryPath(tab.path)
+{
+    prepareMainThreadCalls();
+    const std::optional<QString> overrideText = m_settings->encoderOverride(m_directoryPath);
+    if (overrideText) {
+        m_overrideProfileId = JsonCoding::uuidFromText(*overrideText);
+    }
+    QString weights = weightsPath;
+    if (!m_overrideProfileId.isNull()) {
+        const std::optional<TrainingProfile> profile =
+            TrainingManager::shared()->profile(m_overrideProfileId);
+        if (profile && profile->status == TrainingStatus::Trained) {
+            weights = profile->weightsPath;
+        }
+    }
+    m_engine = std::make_shared<TarnwickEngine>(m_directoryPath, weights);
+    const TrnStats stats = m_engine->stats();
+    m_statusText = stats.chunk_count >= 1 ? countsText(stats) : QStringLiteral("Not indexed");
+    m_gitBranch = detectGitBranch(m_directoryPath);
+    loadSearchHistory();
+    loadPinnedResults();
+    m_resultsModel = new ResultsModel(this, this);
+}
+
+DirectoryState::~DirectoryState() = default;
+
+QString DirectoryState::countsText(const TrnStats &stats)
+{
+    return QString::number(stats.chunk_count) + QStringLiteral(" chunks from ")
+           + QString::number(stats.file_count) + QStringLiteral(" files");
+}
+
+QString DirectoryState::effectiveWeightsPath() const
+{
+    TrainingManager *manager = TrainingManager::shared();
+    if (!m_overrideProfileId.isNull()) {
+        const std::optional<TrainingProfile> profile = manager->profile(m_overrideProfileId);
+        if (profile && profile->status == TrainingStatus::Trained) {
+            return profile->weightsPath;
+        }
+    }
+    return manager->defaultWeightsPath();
+}
+
+bool DirectoryState::isIndexed() const
+{
+    return m_engine->stats().chunk_count > 0;
+}
+
+void DirectoryState::ingest(int chunkSize, int overlap)
+{
+    setIsIngesting(true);
+    setIngestProgress(0, 0);
+    setStatusText(QStringLiteral("Indexing..."));
+    std::shared_ptr<TarnwickEngine> engine = m_engine;
+    QPointer<DirectoryState> self(this);
+    runInBackground([engine, self, chunkSize, overlap] {
+        auto progress = [self](int done, int found) {
+            runOnMainThread([self, done, found] {
+                if (self) {
+                    self->setIngestProgress(done, found);
+                }
+            });
+        };
+        const int n = engine->ingestDirectory(chunkSize, overlap, progress);
+        engine->checkpoint();
+        const TrnStats stats = engine->stats();
+        runOnMainThread([self, n, stats] {
+            if (!self) { // the tab was closed while it was indexed
+                return;
+            }
+            self->setIsIngesting(false);
+            self->setStatusText(n < 0 ? QStringLiteral("Indexing failed") : countsText(stats));
+            emit self->ingestFinished();
+        });
+    });
+}
+
+void DirectoryState::reindex()
+{
+    const int chunkSize = m_settings->effectiveChunkSize();
+    const int overlap = m_settings->effectiveOverlap();
+    m_engine->clearAndReopen(effectiveWeightsPath());
+    ingest(chunkSize, overlap);
+}
+
+void DirectoryState::search(const QString &query, SearchMode mode)
+{
+    if (query.isEmpty()) {
+        setResults({});
+        setHasMoreResults(false);
+        return;
+    }
+    m_lastQuery = query;
+    m_lastMode = mode;
+    m_searchLimit = kPageSize;
+    addToHistory(query, mode);
+    runSearch(kPageSize);
+}
+
+void DirectoryState::loadMore()
+{
+    if (!m_hasMoreResults || m_isLoadingMore) {
+        return;
+    }
+    m_searchLimit += kPageSize;
+    setIsLoadingMore(true);
+    runSearch(m_searchLimit);
+}
+
+void DirectoryState::runSearch(int k)
+{
+    const QString query = m_lastQuery;
+    const SearchMode mode = m_lastMode;
+    std::shared_ptr<TarnwickEngine> engine = m_engine;
+    QPointer<DirectoryState> self(this);
+    searchStarted();
+    runInBackground([query, mode, k, engine, self] {
+        const QList<SearchResult> hits = engine->search(query, mode, k);
+        runOnMainThread([self, hits, k] {
+            if (!self) { // the tab was closed while we searched
+                return;
+            }
+            self->setResults(hits);
+            self->setHasMoreResults(k < kMaxPagedResults && hits.size() >= k);
+            self->setIsLoadingMore(false);
+            self->searchEnded();
+            emit self->searchFinished();
+        });
+    });
+}
+
+void DirectoryState::loadFileList()
+{
+    setIsLoadingFileList(true);
+    std::shared_ptr<TarnwickEngine> engine = m_engine;
+    QPointer<DirectoryState> self(this);
+    runInBackground([engine, self] {
+        const QList<FileInfo> list = engine->fileList();
+        runOnMainThread([self, list] {
+            if (!self) {
+                return;
+            }
+            self->setFileList(list);
+            self->setIsLoadingFileList(false);
+        });
+    });
+}
+
+QList<SearchResult> DirectoryState::displayResults() const
+{
+    QList<SearchResult> shown;
+    QSet<QString> pinnedIds;
+    for (const PinnedResult &pin : m_pinnedResults) {
+        pinnedIds.insert(pin.id);
+        shown.append(pin.toResult());
+    }
+    for (const SearchResult &result : m_results) {
+        if (!pinnedIds.contains(result.id)) {
+            shown.append(result);
+        }
+    }
+    return shown;
+}
+
+bool DirectoryState::isPinned(const SearchResult &result) const
+{
+    for (const PinnedResult &pin : m_pinnedResults) {
+        if (pin.id == result.id) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void DirectoryState::togglePin(const SearchResult &result)
+{
+    QList<PinnedResult> pins = m_pinnedResults;
+    if (isPinned(result)) {
+        pins.removeIf([&result](const PinnedResult &pin) {
+            return pin.id == result.id;
+        });
+    } else {
+        pins.append(PinnedResult::fromResult(result));
+    }
+    setPinnedResults(pins);
+    savePinnedResults();
+}
+
+void DirectoryState::addToHistory(const QString &query, SearchMode mode)
+{
+    const QString modeName = searchModeName(mode);
+    QList<SearchHistoryEntry> history = m_searchHistory;
+    history.removeIf([&query, &modeName](const SearchHistoryEntry &entry) {
+        return entry.query == query && entry.mode == modeName;
+    });
+    history.prepend(
+        SearchHistoryEntry{QUuid::createUuid(), query, modeName, QDateTime::currentDateTimeUtc()});
+    if (history.size() > kHistoryLimit) {
+        history.resize(kHistoryLimit);
+    }
+    setSearchHistory(history);
+    saveSearchHistory();
+}
+
+void DirectoryState::setEncoderProfile(const QUuid &profileId)
+{
+    if (m_overrideProfileId != profileId) {
+        m_overrideProfileId = profileId;
+        emit overrideProfileIdChanged();
+    }
+    saveEncoderOverride();
+    reindex();
+}
+
+QString DirectoryState::detectGitBranch(const QString &path)
+{
+    QString dir = QDir::cleanPath(path);
+    QString gitDir;
+    while (!dir.isEmpty() && dir != QLatin1String("/")) {
+        const QFileInfo dotGit(dir + QStringLiteral("/.git"));
+        if (dotGit.exists()) {
+            if (dotGit.isDir()) {
+                gitDir = dotGit.filePath();
+            } else {
+                // A worktree or submodule: ".git" is a file naming the git directory.
+                const std::optional<QString> content = readTrimmedText(dotGit.filePath());
+                const QString prefix = QStringLiteral("gitdir: ");
+                if (!content || !content->startsWith(prefix)) {
+                    return QString();
+                }
+                gitDir = content->mid(prefix.size()).trimmed();
+            }
+            break;
+        }
+        const qsizetype slash = dir.lastIndexOf(QLatin1Char('/'));
+        if (slash < 0) {
+            dir.clear();
+        } else if (slash == 0) {
+            dir = QStringLiteral("/");
+        } else {
+            dir = dir.left(slash);
+        }
+    }
+    if (gitDir.isEmpty()) {
+        return QString();
+    }
+    const std::optional<QString> head = readTrimmedText(gitDir + QStringLiteral("/HEAD"));
+    if (!head) {
+        return QString();
+    }
+    const QString refPrefix = QStringLiteral("ref: refs/heads/");
+    if (head->startsWith(refPrefix)) {
+        return head->mid(refPrefix.size());
+    }
+    return head->size() >= 7 ? head->left(7) : QString();
+}
+
+QString DirectoryState::buildPrompt(const QString &query, PromptScope scope) const
+{
+    QList<SearchResult> pinned;
+    for (const PinnedResult &pin : m_pinnedResults) {
+        pinned.append(pin.toResult());
+    }
+    return ::buildPrompt(query, scope, displayResults(), pinned);
+}
+
+void DirectoryState::setResults(const QList<SearchResult> &results)
+{
+    if (m_results == results) {
+        return;
+    }
+    m_results = results;
+    emit resultsChanged();
+    emit displayResultsChanged();
+}
+
+void DirectoryState::setStatusText(const QString &text)
+{
+    if (m_statusText == text) {
+        return;
+    }
+    m_statusText = text;
+    emit statusTextChanged();
+}
+
+void DirectoryState::setIsIngesting(bool value)
+{
+    if (m_isIngesting == value) {
+        return;
+    }
+    m_isIngesting = value;
+    emit isIngestingChanged();
+}
+
+void DirectoryState::setIngestProgress(int done, int found)
+{
+    if (m_ingestFilesFound != found) {
+        m_ingestFilesFound = found;
+        emit ingestFilesFoundChanged();
+    }
+    if (m_ingestFilesDone != done) {
+        m_ingestFilesDone = done;
+        emit ingestFilesDoneChanged();
+    }
+}
+
+void DirectoryState::setIsLoadingMore(bool value)
+{
+    if (m_isLoadingMore == value) {
+        return;
+    }
+    m_isLoadingMore = value;
+    emit isLoadingMoreChanged();
+}
+
+void DirectoryState::setHasMoreResults(bool value)
+{
+    if (m_hasMoreResults == value) {
+        return;
+    }
+    m_hasMoreResults = value;
+    emit hasMoreResultsChanged();
+}
+
+void DirectoryState::setFileList(const QList<FileInfo> &list)
+{
+    if (m_fileList == list) {
+        return;
+    }
+    m_fileList = list;
+    emit fileListChanged();
+}
+
+void DirectoryState::setIsLoadingFileList(bool value)
+{
+    if (m_isLoadingFileList == value) {
+        return;
+    }
+    m_isLoadingFileList = value;
+    emit isLoadingFileListChanged();
+}
+
+void DirectoryState::setSearchHistory(const QList<SearchHistoryEntry> &history)
+{
+    if (m_searchHistory == history) {
+        return;
+    }
+    m_searchHistory = history;
+    emit searchHistoryChanged();
+}
+
+void DirectoryState::setPinnedResults(const QList<PinnedResult> &pins)
+{
+    if (m_pinnedResults == pins) {
+        return;
+    }
+    m_pinnedResults = pins;
+    emit pinnedResultsChanged();
+    emit displayResultsChanged();
+}
+
+void DirectoryState::searchStarted()
+{
+    m_runningSearches++;
+    if (m_runningSearches == 1) {
+        emit isSearchingChanged();
+    }
+}
+
+void DirectoryState::searchEnded()
+{
+    m_runningSearches--;
+    if (m_runningSearches == 0) {
+        emit isSearchingChanged();
+    }
+}
+
+void DirectoryState::loadSearchHistory()
+{
+    const std::optional<QList<SearchHistoryEntry>> history =
+        SearchHistoryEntry::decodeList(m_settings->searchHistoryData(m_directoryPath));
+    if (history) {
+        m_searchHistory = *history;
+    }
+}
+
+void DirectoryState::saveSearchHistory()
+{
+    m_settings->setSearchHistoryData(m_directoryPath,
+                                     SearchHistoryEntry::encodeList(m_searchHistory));
+}
+
+void DirectoryState::loadPinnedResults()
+{
+    const std::optional<QList<PinnedResult>> pins =
+        PinnedResult::decodeList(m_settings->pinnedResultsData(m_directoryPath));
+    if (pins) {
+        m_pinnedResults = *pins;
+    }
+}
+
+void DirectoryState::savePinnedResults()
+{
+    m_settings->setPinnedResultsData(m_directoryPath, PinnedResult::encodeList(m_pinnedResults));
+}
+
+void DirectoryState::saveEncoderOverride()
+{
+    if (m_overrideProfileId.isNull()) {
+        m_settings->setEncoderOverride(m_directoryPath, std::nullopt);
+    } else {
+        m_settings->setEncoderOverride(m_directoryPath, JsonCoding::uuidText(m_overrideProfileId));
+    }
+}

@@ -1,0 +1,203 @@
+/*
+** directory_state.h -- the model of one open directory tab.
+**
+** DirectoryState owns the tab's TarnwickEngine (shared with the background work it starts), runs
+** indexing, searching and file listing on QThreadPool::globalInstance() and publishes their
+** results on the main thread. Work that finishes after the tab was closed is dropped: each job
+** holds the state through a QPointer that is checked on the main thread.
+**
+** It keeps the tab's search history (most recent first, at most 10, no two entries with the same
+** query and mode), its pinned results (shown first in displayResults, never twice), the encoder
+** override (a training profile id whose weights this directory uses once that profile is
+** trained), and the directory's git branch.
+**
+** Paging: a search asks for 10 results; loadMore() asks again for 10 more, replacing the list,
+** while the last answer was full and k was below 64 (the engine never returns more than 64).
+*/
+#ifndef TRN_APP_DIRECTORY_STATE_H
+#define TRN_APP_DIRECTORY_STATE_H
+
+#include "prompt_builder.h"
+#include "records.h"
+#include "tarnwick_engine.h"
+
+#include <QList>
+#include <QObject>
+#include <QString>
+#include <QUuid>
+
+#include <memory>
+
+class ResultsModel;
+class Settings;
+
+class DirectoryState : public QObject
+{
+    Q_OBJECT
+    Q_PROPERTY(QString directoryPath READ directoryPath CONSTANT)
+    Q_PROPERTY(QList<SearchResult> results READ results NOTIFY resultsChanged)
+    // Pinned results first, then the results that are not pinned. Changes with either list.
+    Q_PROPERTY(QList<SearchResult> displayResults READ displayResults NOTIFY displayResultsChanged)
+    Q_PROPERTY(QString statusText READ statusText NOTIFY statusTextChanged)
+    Q_PROPERTY(bool isIngesting READ isIngesting NOTIFY isIngestingChanged)
+    // Progress of the running indexing: files done of indexable files found (0 of 0 while the
+    // directory is still being walked).
+    Q_PROPERTY(int ingestFilesDone READ ingestFilesDone NOTIFY ingestFilesDoneChanged)
+    Q_PROPERTY(int ingestFilesFound READ ingestFilesFound NOTIFY ingestFilesFoundChanged)
+    Q_PROPERTY(bool isSearching READ isSearching NOTIFY isSearchingChanged)
+    Q_PROPERTY(bool isLoadingMore READ isLoadingMore NOTIFY isLoadingMoreChanged)
+    Q_PROPERTY(bool hasMoreResults READ hasMoreResults NOTIFY hasMoreResultsChanged)
+    Q_PROPERTY(QList<FileInfo> fileList READ fileList NOTIFY fileListChanged)
+    Q_PROPERTY(bool isLoadingFileList READ isLoadingFileList NOTIFY isLoadingFileListChanged)
+    Q_PROPERTY(QString gitBranch READ gitBranch NOTIFY gitBranchChanged)
+    Q_PROPERTY(
+        QList<SearchHistoryEntry> searchHistory READ searchHistory NOTIFY searchHistoryChanged)
+    Q_PROPERTY(QList<PinnedResult> pinnedResults READ pinnedResults NOTIFY pinnedResultsChanged)
+    // Null when the directory uses the default profile.
+    Q_PROPERTY(QUuid overrideProfileId READ overrideProfileId NOTIFY overrideProfileIdChanged)
+
+public:
+    static constexpr int kPageSize = 10;
+    static constexpr int kMaxPagedResults = 64;
+    static constexpr int kHistoryLimit = 10;
+
+    // Opens the engine with the override profile's weights when that profile is trained, else
+    // with weightsPath (the default profile's weights; empty for none). settings NULL means
+    // Settings::standard().
+    DirectoryState(const DirectoryTab &tab, const QString &weightsPath,
+                   Settings *settings = nullptr, QObject *parent = nullptr);
+    ~DirectoryState() override;
+
+    QString directoryPath() const { return m_directoryPath; }
+    std::shared_ptr<TarnwickEngine> engine() const { return m_engine; }
+
+    QList<SearchResult> results() const { return m_results; }
+    QList<SearchResult> displayResults() const;
+    QString statusText() const { return m_statusText; }
+    bool isIngesting() const { return m_isIngesting; }
+    int ingestFilesDone() const { return m_ingestFilesDone; }
+    int ingestFilesFound() const { return m_ingestFilesFound; }
+    bool isSearching() const { return m_runningSearches > 0; }
+    bool isLoadingMore() const { return m_isLoadingMore; }
+    bool hasMoreResults() const { return m_hasMoreResults; }
+    QList<FileInfo> fileList() const { return m_fileList; }
+    bool isLoadingFileList() const { return m_isLoadingFileList; }
+    QString gitBranch() const { return m_gitBranch; }
+    QList<SearchHistoryEntry> searchHistory() const { return m_searchHistory; }
+    QList<PinnedResult> pinnedResults() const { return m_pinnedResults; }
+    QUuid overrideProfileId() const { return m_overrideProfileId; }
+
+    // The k of the current search (10, then 20, 30, ... with each loadMore()).
+    int searchLimit() const { return m_searchLimit; }
+    QString lastQuery() const { return m_lastQuery; }
+    SearchMode lastMode() const { return m_lastMode; }
+
+    // The weights this directory should use: the override profile's when it exists and is
+    // trained, else the default profile's (empty for none).
+    QString effectiveWeightsPath() const;
+    // True when the engine is open and holds at least one chunk.
+    bool isIndexed() const;
+
+    // Indexes the directory in the background ("Indexing..." until done).
+    void ingest(int chunkSize, int overlap);
+    // Discards the index, reopens the engine with effectiveWeightsPath() and indexes again with
+    // the chunk size and overlap from the settings.
+    void reindex();
+    // Starts a new search; an empty query only clears the results.
+    void search(const QString &query, SearchMode mode);
+    // "Load More Results": re-runs the current search with 10 more, while hasMoreResults and no
+    // load is under way.
+    void loadMore();
+    // Refreshes fileList in the background.
+    void loadFileList();
+
+    bool isPinned(const SearchResult &result) const;
+    void togglePin(const SearchResult &result);
+
+    // Records a search (moves an equal query and mode to the front; keeps 10) and saves it.
+    void addToHistory(const QString &query, SearchMode mode);
+
+    // Chooses the encoder of this directory (a null id: the default profile), saves the choice
+    // and re-indexes from scratch.
+    void setEncoderProfile(const QUuid &profileId);
+
+    // The branch checked out in the git repository holding path: the branch name, the first 7
+    // characters of a detached head's commit, or empty when there is no repository.
+    static QString detectGitBranch(const QString &path);
+
+    // The prompt for query from this tab's results (prompt_builder.h).
+    QString buildPrompt(const QString &query, PromptScope scope) const;
+
+    // displayResults as an item model for the results list; owned by this state.
+    ResultsModel *resultsModel() const { return m_resultsModel; }
+
+signals:
+    void resultsChanged();
+    void displayResultsChanged();
+    void statusTextChanged();
+    void isIngestingChanged();
+    void ingestFilesDoneChanged();
+    void ingestFilesFoundChanged();
+    void isSearchingChanged();
+    void isLoadingMoreChanged();
+    void hasMoreResultsChanged();
+    void fileListChanged();
+    void isLoadingFileListChanged();
+    void gitBranchChanged();
+    void searchHistoryChanged();
+    void pinnedResultsChanged();
+    void overrideProfileIdChanged();
+    // An indexing run finished and statusText holds its outcome.
+    void ingestFinished();
+    // A search finished and results holds its answer.
+    void searchFinished();
+
+private:
+    void runSearch(int k);
+    void setResults(const QList<SearchResult> &results);
+    void setStatusText(const QString &text);
+    void setIsIngesting(bool value);
+    void setIngestProgress(int done, int found);
+    void setIsLoadingMore(bool value);
+    void setHasMoreResults(bool value);
+    void setFileList(const QList<FileInfo> &list);
+    void setIsLoadingFileList(bool value);
+    void setSearchHistory(const QList<SearchHistoryEntry> &history);
+    void setPinnedResults(const QList<PinnedResult> &pins);
+    void searchStarted();
+    void searchEnded();
+
+    void loadSearchHistory();
+    void saveSearchHistory();
+    void loadPinnedResults();
+    void savePinnedResults();
+    void saveEncoderOverride();
+
+    static QString countsText(const TrnStats &stats);
+
+    Settings *m_settings;
+    QString m_directoryPath;
+    std::shared_ptr<TarnwickEngine> m_engine;
+    ResultsModel *m_resultsModel = nullptr;
+
+    QList<SearchResult> m_results;
+    QString m_statusText = QStringLiteral("Ready");
+    bool m_isIngesting = false;
+    int m_ingestFilesDone = 0;
+    int m_ingestFilesFound = 0;
+    int m_runningSearches = 0;
+    bool m_isLoadingMore = false;
+    bool m_hasMoreResults = false;
+    QList<FileInfo> m_fileList;
+    bool m_isLoadingFileList = false;
+    QString m_gitBranch;
+    QList<SearchHistoryEntry> m_searchHistory;
+    QList<PinnedResult> m_pinnedResults;
+    QUuid m_overrideProfileId;
+
+    int m_searchLimit = kPageSize;
+    QString m_lastQuery;
+    SearchMode m_lastMode = SearchMode::Semantic;
+};
+
+#endif

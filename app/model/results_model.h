@@ -1,0 +1,57 @@
+/*
+** results_model.h -- a tab's displayed results (pinned first) as a list model for the results
+** list. It follows DirectoryState::displayResultsChanged and resets on each change.
+*/
+#ifndef TRN_APP_RESULTS_MODEL_H
+#define TRN_APP_RESULTS_MODEL_H
+
+#include "tarnwick_engine.h"
+
+#include <QAbstractListModel>
+#include <QList>
+#include <QPointer>
+
+class DirectoryState;
+
+class ResultsModel : public QAbstractListModel
+{
+    Q_OBJECT
+    Q_PROPERTY(int count READ count NOTIFY countChanged)
+
+public:
+    enum Role {
+        IdRole = Qt::UserRole + 1,
+        FilePathRole,
+        FileNameRole, // last path component
+        SnippetRole,
+        ScoreRole,
+        ChunkIndexRole,
+        LineNumberRole,
+        FileTypeRole,     // int, a TrnFileType value
+        FileCategoryRole, // int, a FileCategory value
+        IsPinnedRole
+    };
+
+    explicit ResultsModel(DirectoryState *state, QObject *parent = nullptr);
+
+    int rowCount(const QModelIndex &parent = QModelIndex()) const override;
+    // Qt::DisplayRole gives "<file name>:<line>".
+    QVariant data(const QModelIndex &index, int role = Qt::DisplayRole) const override;
+    QHash<int, QByteArray> roleNames() const override;
+
+    int count() const { return static_cast<int>(m_results.size()); }
+    // The result of a row; a default SearchResult for a row out of range.
+    SearchResult result(int row) const;
+
+signals:
+    void countChanged();
+
+private:
+    void refresh();
+
+    QPointer<DirectoryState> m_state;
+    QList<SearchResult> m_results;
+    QList<bool> m_pinned;
+};
+
+#endif

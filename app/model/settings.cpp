@@ -1,0 +1,358 @@
+/*
+** settings.cpp -- the settings table over QSettings. See settings.h for the keys.
+*/
+#include "settings.h"
+
+#include <QColor>
+#include <QGuiApplication>
+#include <QPalette>
+
+#include <atomic>
+
+namespace
+{
+
+struct SettingDefault {
+    const char *key;
+    QVariant value;
+};
+
+// The keys with a default; every other key reads as absent when missing.
+const SettingDefault *defaultsTable(size_t *count)
+{
+    static const SettingDefault table[] = {
+        {"appearance", QStringLiteral("system")},
+        {"chunkSize", Settings::kDefaultChunkSize},
+        {"overlap", Settings::kDefaultOverlap},
+        {"extraExtensions", QString::fromLatin1(Settings::kDefaultExtraExtensions)},
+        {"hoverPreview", true},
+        {"previewOnTop", false},
+    };
+    *count = sizeof(table) / sizeof(table[0]);
+    return table;
+}
+
+QVariant defaultFor(const QString &key)
+{
+    size_t count = 0;
+    const SettingDefault *table = defaultsTable(&count);
+    for (size_t i = 0; i < count; i++) {
+        if (key == QLatin1String(table[i].key)) {
+            return table[i].value;
+        }
+    }
+    return QVariant();
+}
+
+// An integer setting below 1 (or not a number) counts as fallback.
+int positiveOr(const QVariant &value, int fallback)
+{
+    bool ok = false;
+    const int n = value.toInt(&ok);
+    return (ok && n >= 1) ? n : fallback;
+}
+
+std::atomic<Settings *> g_standard{nullptr};
+
+} // namespace
+
+Settings::Settings(QSettings *storage, QObject *parent) : QObject(parent), m_storage(storage) {}
+
+Settings::~Settings() = default;
+
+Settings *Settings::standard()
+{
+    Settings *current = g_standard.load();
+    if (current) {
+        return current;
+    }
+    auto *created =
+        new Settings(new QSettings(QStringLiteral("Tarnwick"), QStringLiteral("Tarnwick")));
+    Settings *expected = nullptr;
+    if (!g_standard.compare_exchange_strong(expected, created)) {
+        delete created; // another thread was first
+        return expected;
+    }
+    return created;
+}
+
+void Settings::setStandard(Settings *settings)
+{
+    Settings *previous = g_standard.exchange(settings);
+    delete previous;
+}
+
+QVariant Settings::read(const QString &key) const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_storage->contains(key)) {
+        return m_storage->value(key);
+    }
+    return defaultFor(key);
+}
+
+bool Settings::write(const QString &key, const QVariant &value)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const QVariant old = m_storage->contains(key) ? m_storage->value(key) : defaultFor(key);
+    m_storage->setValue(key, value);
+    return old != value;
+}
+
+QString Settings::appearance() const
+{
+    return read(QStringLiteral("appearance")).toString();
+}
+
+void Settings::setAppearance(const QString &value)
+{
+    if (write(QStringLiteral("appearance"), value)) {
+        emit appearanceChanged();
+    }
+}
+
+int Settings::chunkSize() const
+{
+    return read(QStringLiteral("chunkSize")).toInt();
+}
+
+void Settings::setChunkSize(int value)
+{
+    if (write(QStringLiteral("chunkSize"), value)) {
+        emit chunkSizeChanged();
+    }
+}
+
+int Settings::overlap() const
+{
+    return read(QStringLiteral("overlap")).toInt();
+}
+
+void Settings::setOverlap(int value)
+{
+    if (write(QStringLiteral("overlap"), value)) {
+        emit overlapChanged();
+    }
+}
+
+QString Settings::extraExtensions() const
+{
+    return read(QStringLiteral("extraExtensions")).toString();
+}
+
+void Settings::setExtraExtensions(const QString &value)
+{
+    if (write(QStringLiteral("extraExtensions"), value)) {
+        emit extraExtensionsChanged();
+    }
+}
+
+bool Settings::hoverPreview() const
+{
+    return read(QStringLiteral("hoverPreview")).toBool();
+}
+
+void Settings::setHoverPreview(bool value)
+{
+    if (write(QStringLiteral("hoverPreview"), value)) {
+        emit hoverPreviewChanged();
+    }
+}
+
+bool Settings::previewOnTop() const
+{
+    return read(QStringLiteral("previewOnTop")).toBool();
+}
+
+void Settings::setPreviewOnTop(bool value)
+{
+    if (write(QStringLiteral("previewOnTop"), value)) {
+        emit previewOnTopChanged();
+    }
+}
+
+int Settings::effectiveChunkSize() const
+{
+    return positiveOr(read(QStringLiteral("chunkSize")), kDefaultChunkSize);
+}
+
+int Settings::effectiveOverlap() const
+{
+    return positiveOr(read(QStringLiteral("overlap")), kDefaultOverlap);
+}
+
+QStringList Settings::savedTabPaths() const
+{
+    return read(QStringLiteral("savedTabPaths")).toStringList();
+}
+
+void Settings::setSavedTabPaths(const QStringList &paths)
+{
+    write(QStringLiteral("savedTabPaths"), paths);
+}
+
+std::optional<QString> Settings::activeTabPath() const
+{
+    return readString(QStringLiteral("activeTabPath"));
+}
+
+void Settings::setActiveTabPath(const std::optional<QString> &path)
+{
+    writeString(QStringLiteral("activeTabPath"), path);
+}
+
+QString Settings::directoryKey(const QString &prefix, const QString &directoryPath)
+{
+    QString escaped;
+    escaped.reserve(directoryPath.size() + 8);
+    for (const QChar c : directoryPath) {
+        if (c == QLatin1Char('%')) {
+            escaped += QLatin1String("%25");
+        } else if (c == QLatin1Char('/')) {
+            escaped += QLatin1String("%2F");
+        } else if (c == QLatin1Char('\\')) {
+            escaped += QLatin1String("%5C");
+        } else {
+            escaped += c;
+        }
+    }
+    return prefix + escaped;
+}
+
+QByteArray Settings::readData(const QString &key) const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const QVariant v = m_storage->value(key);
+    if (v.typeId() == QMetaType::QByteArray || v.typeId() == QMetaType::QString) {
+        return v.toByteArray();
+    }
+    return QByteArray();
+}
+
+void Settings::writeData(const QString &key, const QByteArray &data)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (data.isEmpty()) {
+        m_storage->remove(key);
+    } else {
+        m_storage->setValue(key, data);
+    }
+}
+
+std::optional<QString> Settings::readString(const QString &key) const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (!m_storage->contains(key)) {
+        return std::nullopt;
+    }
+    return m_storage->value(key).toString();
+}
+
+void Settings::writeString(const QString &key, const std::optional<QString> &text)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (text) {
+        m_storage->setValue(key, *text);
+    } else {
+        m_storage->remove(key);
+    }
+}
+
+QByteArray Settings::searchHistoryData(const QString &directoryPath) const
+{
+    return readData(directoryKey(QLatin1String(kSearchHistoryPrefix), directoryPath));
+}
+
+void Settings::setSearchHistoryData(const QString &directoryPath, const QByteArray &json)
+{
+    writeData(directoryKey(QLatin1String(kSearchHistoryPrefix), directoryPath), json);
+}
+
+QByteArray Settings::pinnedResultsData(const QString &directoryPath) const
+{
+    return readData(directoryKey(QLatin1String(kPinnedResultsPrefix), directoryPath));
+}
+
+void Settings::setPinnedResultsData(const QString &directoryPath, const QByteArray &json)
+{
+    writeData(directoryKey(QLatin1String(kPinnedResultsPrefix), directoryPath), json);
+}
+
+std::optional<QString> Settings::encoderOverride(const QString &directoryPath) const
+{
+    return readString(directoryKey(QLatin1String(kEncoderOverridePrefix), directoryPath));
+}
+
+void Settings::setEncoderOverride(const QString &directoryPath,
+                                  const std::optional<QString> &uuidText)
+{
+    writeString(directoryKey(QLatin1String(kEncoderOverridePrefix), directoryPath), uuidText);
+}
+
+QByteArray Settings::trainingProfilesData() const
+{
+    return readData(QStringLiteral("trainingProfiles"));
+}
+
+void Settings::setTrainingProfilesData(const QByteArray &json)
+{
+    writeData(QStringLiteral("trainingProfiles"), json);
+}
+
+std::optional<QString> Settings::defaultTrainingProfile() const
+{
+    return readString(QStringLiteral("defaultTrainingProfile"));
+}
+
+void Settings::setDefaultTrainingProfile(const std::optional<QString> &uuidText)
+{
+    writeString(QStringLiteral("defaultTrainingProfile"), uuidText);
+}
+
+QVariant Settings::value(const QString &key) const
+{
+    return read(key);
+}
+
+void Settings::setValue(const QString &key, const QVariant &value)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_storage->setValue(key, value);
+}
+
+void Settings::remove(const QString &key)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_storage->remove(key);
+}
+
+bool Settings::contains(const QString &key) const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_storage->contains(key);
+}
+
+void Settings::sync()
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_storage->sync();
+}
+
+std::optional<bool> appearanceIsDark(const QString &appearance, bool systemIsDark)
+{
+    if (appearance == QLatin1String("light")) {
+        return false;
+    }
+    if (appearance == QLatin1String("dark")) {
+        return true;
+    }
+    if (appearance == QLatin1String("opposite")) {
+        return !systemIsDark;
+    }
+    return std::nullopt;
+}
+
+bool systemAppearanceIsDark()
+{
+    return QGuiApplication::palette().color(QPalette::Window).lightness() < 128;
+}

@@ -1,0 +1,152 @@
+/*
+** settings.h -- every value the application keeps between runs, over one QSettings.
+**
+** Keys and defaults (the whole set; a missing key reads as its default):
+**
+**   savedTabPaths            string list   absent   paths of the open tabs in tab order
+**   activeTabPath            string        absent   path of the active tab
+**   appearance               string        "system" "system", "light", "dark" or "opposite"
+**   chunkSize                int           800      indexing chunk size; below 1 reads as 800
+**   overlap                  int           200      chunk overlap; below 1 reads as 200
+**   extraExtensions          string        kDefaultExtraExtensions
+**   hoverPreview             bool          true     "Show context panel on hover"
+**   previewOnTop             bool          false    "Keep context panel on top"
+**   searchHistory_<path>     JSON bytes    absent   a tab's search history
+**   pinnedResults_<path>     JSON bytes    absent   a tab's pinned results
+**   encoderOverride_<path>   string UUID   absent   a tab's encoder override
+**   trainingProfiles         JSON bytes    absent   all training profiles
+**   defaultTrainingProfile   string UUID   absent   id of the default training profile
+**
+** QSettings reads "/" (and "\" on some back ends) as a group separator, so the path part of a
+** per-directory key is escaped by directoryKey(): "%" becomes "%25", "/" becomes "%2F" and "\"
+** becomes "%5C". The escape is injective, so every path has its own key and reads back exactly.
+**
+** Thread safety: every method may be called from any thread; one mutex guards the QSettings.
+** The change signals are emitted on the thread of the setter (the views' setters run on the main
+** thread).
+*/
+#ifndef TRN_APP_SETTINGS_H
+#define TRN_APP_SETTINGS_H
+
+#include <QByteArray>
+#include <QObject>
+#include <QSettings>
+#include <QString>
+#include <QStringList>
+#include <QVariant>
+
+#include <memory>
+#include <mutex>
+#include <optional>
+
+class Settings : public QObject
+{
+    Q_OBJECT
+    Q_PROPERTY(QString appearance READ appearance WRITE setAppearance NOTIFY appearanceChanged)
+    Q_PROPERTY(int chunkSize READ chunkSize WRITE setChunkSize NOTIFY chunkSizeChanged)
+    Q_PROPERTY(int overlap READ overlap WRITE setOverlap NOTIFY overlapChanged)
+    Q_PROPERTY(QString extraExtensions READ extraExtensions WRITE setExtraExtensions NOTIFY
+                   extraExtensionsChanged)
+    Q_PROPERTY(bool hoverPreview READ hoverPreview WRITE setHoverPreview NOTIFY hoverPreviewChanged)
+    Q_PROPERTY(bool previewOnTop READ previewOnTop WRITE setPreviewOnTop NOTIFY previewOnTopChanged)
+
+public:
+    static constexpr int kDefaultChunkSize = 800;
+    static constexpr int kDefaultOverlap = 200;
+    static constexpr const char *kDefaultExtraExtensions =
+        "plist, json, xml, yaml, yml, toml, ini, cfg, conf, env, properties, gradle, cmake";
+
+    // Key words of the per-directory keys.
+    static constexpr const char *kSearchHistoryPrefix = "searchHistory_";
+    static constexpr const char *kPinnedResultsPrefix = "pinnedResults_";
+    static constexpr const char *kEncoderOverridePrefix = "encoderOverride_";
+
+    // Takes ownership of storage.
+    explicit Settings(QSettings *storage, QObject *parent = nullptr);
+    ~Settings() override;
+
+    // The process-wide settings: QSettings("Tarnwick", "Tarnwick") unless replaced. Created on
+    // first use; never NULL.
+    static Settings *standard();
+    // Replaces the process-wide settings (tests point it at a temporary file before anything else
+    // runs). Takes ownership; the previous instance is deleted.
+    static void setStandard(Settings *settings);
+
+    // The user's choices as stored (what the settings window shows).
+    QString appearance() const;
+    void setAppearance(const QString &value);
+    int chunkSize() const;
+    void setChunkSize(int value);
+    int overlap() const;
+    void setOverlap(int value);
+    QString extraExtensions() const;
+    void setExtraExtensions(const QString &value);
+    bool hoverPreview() const;
+    void setHoverPreview(bool value);
+    bool previewOnTop() const;
+    void setPreviewOnTop(bool value);
+
+    // What indexing uses: a stored value below 1 (or one that is not a number) counts as the
+    // default.
+    int effectiveChunkSize() const;
+    int effectiveOverlap() const;
+
+    // Tabs. An absent "activeTabPath" reads as nullopt; setting nullopt removes the key.
+    QStringList savedTabPaths() const;
+    void setSavedTabPaths(const QStringList &paths);
+    std::optional<QString> activeTabPath() const;
+    void setActiveTabPath(const std::optional<QString> &path);
+
+    // Per-directory values. Absent keys read as empty data / nullopt; empty data or nullopt
+    // removes the key.
+    static QString directoryKey(const QString &prefix, const QString &directoryPath);
+    QByteArray searchHistoryData(const QString &directoryPath) const;
+    void setSearchHistoryData(const QString &directoryPath, const QByteArray &json);
+    QByteArray pinnedResultsData(const QString &directoryPath) const;
+    void setPinnedResultsData(const QString &directoryPath, const QByteArray &json);
+    std::optional<QString> encoderOverride(const QString &directoryPath) const;
+    void setEncoderOverride(const QString &directoryPath, const std::optional<QString> &uuidText);
+
+    // Training profiles.
+    QByteArray trainingProfilesData() const;
+    void setTrainingProfilesData(const QByteArray &json);
+    std::optional<QString> defaultTrainingProfile() const;
+    void setDefaultTrainingProfile(const std::optional<QString> &uuidText);
+
+    // Raw access for keys not listed above; used by tests to plant odd values.
+    QVariant value(const QString &key) const;
+    void setValue(const QString &key, const QVariant &value);
+    void remove(const QString &key);
+    bool contains(const QString &key) const;
+    void sync();
+
+signals:
+    void appearanceChanged();
+    void chunkSizeChanged();
+    void overlapChanged();
+    void extraExtensionsChanged();
+    void hoverPreviewChanged();
+    void previewOnTopChanged();
+
+private:
+    QVariant read(const QString &key) const; // the stored value, or the table's default
+    // Writes value; returns true when the stored value changed.
+    bool write(const QString &key, const QVariant &value);
+    QByteArray readData(const QString &key) const;
+    void writeData(const QString &key, const QByteArray &data);
+    std::optional<QString> readString(const QString &key) const;
+    void writeString(const QString &key, const std::optional<QString> &text);
+
+    mutable std::mutex m_mutex; // guards m_storage
+    std::unique_ptr<QSettings> m_storage;
+};
+
+// The appearance rule: "light" -> false, "dark" -> true, "opposite" -> the reverse of the system,
+// anything else ("system") -> nullopt (follow the system). The value is "use a dark appearance".
+std::optional<bool> appearanceIsDark(const QString &appearance, bool systemIsDark);
+
+// The system is dark when the platform palette's window colour is dark (lightness below 128).
+// Needs a QGuiApplication.
+bool systemAppearanceIsDark();
+
+#endif

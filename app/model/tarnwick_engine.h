@@ -1,0 +1,175 @@
+/*
+** tarnwick_engine.h -- the application's side of one directory's index.
+**
+** TarnwickEngine owns one engine handle (tarnwick.h) opened on "<directory>/.tarnwick". It walks
+** the directory itself (so the application decides what is text), hands each file's text to the
+** engine, runs searches and copies their records into value types, and lists the directory's
+** files with their index state.
+**
+** The type-level operations (static members) classify files with the application's own
+** extension table, extract PDF text with poppler, and open results in external applications.
+**
+** Locking: every trn_ call in the process goes through engineMutex(), because the engine is not
+** reentrant and its encoder scratch space is shared by all handles. The lock is taken per call
+** (per file while indexing), so a search can run between two files of another tab's indexing.
+** The handle pointer itself is guarded by the same mutex, so clearAndReopen may run while a
+** worker thread is using the object.
+*/
+#ifndef TRN_APP_TARNWICK_ENGINE_H
+#define TRN_APP_TARNWICK_ENGINE_H
+
+#include "tarnwick.h"
+
+#include <QList>
+#include <QMetaType>
+#include <QSet>
+#include <QString>
+#include <QUrl>
+
+#include <functional>
+#include <mutex>
+#include <optional>
+
+// The three query modes. The ordinal is the mode of trn_search.
+enum class SearchMode { Semantic = 0, Text = 1, Regex = 2 };
+
+// "Semantic", "Text", "Regex".
+QString searchModeName(SearchMode mode);
+// The mode with that name (exact spelling), or nullopt.
+std::optional<SearchMode> searchModeFromName(const QString &name);
+// Every mode in order: Semantic, Text, Regex.
+QList<SearchMode> allSearchModes();
+
+// One search hit, copied out of the engine (the engine reuses its snippet buffers).
+struct SearchResult {
+    QString id;       // the chunk key, "<path>:<ordinal>"; stable for the same chunk of a file
+    QString filePath; // empty when the engine had none
+    QString snippet;
+    float score = 0.0f;
+    int chunkIndex = 0;
+    int lineNumber = 0;
+    int fileType = 0; // a TrnFileType value
+
+    bool operator==(const SearchResult &other) const = default;
+};
+
+// The answer of TarnwickEngine::classify.
+struct FileClassification {
+    bool isIndexable = false;
+    QString fileType; // "PDF", "HTML", "Source", "Markdown", "Text" or "Binary"
+    QString utiType;  // the table's identifier, "extra." + extension, or "unknown"
+
+    bool operator==(const FileClassification &other) const = default;
+};
+
+// One file of the directory with its index state.
+struct FileInfo {
+    QString id;   // the full path
+    QString path; // the full path
+    QString name; // last path component
+    QString fileType;
+    qint64 fileSize = 0;
+    int chunkCount = 0;
+    bool isIndexed = false; // chunkCount > 0
+    bool isIndexable = false;
+    QString utiType;
+
+    bool operator==(const FileInfo &other) const = default;
+};
+
+// Which preview a result gets.
+enum class FileCategory { Plain, Pdf, Html, Markdown };
+
+class TarnwickEngine
+{
+public:
+    using Result = SearchResult;
+    // Called on the indexing thread: files ingested so far of the indexable files found.
+    using ProgressFn = std::function<void(int filesDone, int filesFound)>;
+    // Opens a URL in an external application; false when nothing could open it.
+    using UrlOpener = std::function<bool(const QUrl &url)>;
+
+    // Creates "<directoryPath>/.tarnwick" (a failure is ignored) and opens the engine there.
+    // An empty weightsPath selects the engine's untrained encoder.
+    TarnwickEngine(const QString &directoryPath, const QString &weightsPath);
+    // Closes the engine (which checkpoints it).
+    ~TarnwickEngine();
+    TarnwickEngine(const TarnwickEngine &) = delete;
+    TarnwickEngine &operator=(const TarnwickEngine &) = delete;
+
+    QString directoryPath() const { return m_directoryPath; }
+    QString dataDir() const { return m_dataDir; }
+    bool isOpen() const;
+
+    // Closes the engine, removes tarnwick.bin and tarnwick.wal, and opens afresh.
+    void clearAndReopen(const QString &weightsPath);
+
+    // Walks the directory (hidden names skipped, symbolic links to directories not followed) and
+    // ingests every indexable file whose text has at least 11 characters, then rebuilds the
+    // document index. Returns the chunks added, or -1 when the engine is not open or the
+    // directory cannot be read. progress (may be empty) is called with (0, found) once the walk
+    // is done and after each file.
+    int ingestDirectory(int chunkSize, int overlap, const ProgressFn &progress = {});
+
+    // At most k results (k >= 0; the engine gives at most 64). Empty when not open or k is 0.
+    QList<SearchResult> search(const QString &query, SearchMode mode, int k);
+
+    // Every regular file of the directory in walk order, with the engine's chunk counts.
+    QList<FileInfo> fileList();
+
+    // trn_stats, or zero counts when not open.
+    TrnStats stats() const;
+    // trn_checkpoint; false when not open or the store could not be written.
+    bool checkpoint();
+
+    // The "extraExtensions" setting as a set: split at ",", trimmed, lower-cased, empties dropped.
+    static QSet<QString> extraExtensions();
+    static QSet<QString> parseExtensions(const QString &commaSeparated);
+
+    // True when the first 512 bytes hold no byte 0 and fewer than 10% control bytes (1..8,
+    // 14..26, 28..31). False for an unreadable or empty file.
+    static bool appearsToBeText(const QString &path);
+
+    // Classifies by the extension table, then the well-known names ("Makefile", "README", ...),
+    // then the extra extensions. The second form takes the extra extensions instead of reading
+    // the setting (a walk reads it once).
+    static FileClassification classify(const QString &path);
+    static FileClassification classify(const QString &path, const QSet<QString> &extra);
+
+    // Text of every page that has text, each followed by two newlines; nullopt when the file
+    // cannot be opened as a PDF or holds no text.
+    static std::optional<QString> extractPDFText(const QString &path);
+    // The 1-based page holding lineNumber of extractPDFText's text (each page counts its lines
+    // plus the blank line after it); 1 for lineNumber < 1; the page count when no page reaches
+    // it; nullopt when the file cannot be opened.
+    static std::optional<int> pdfPageForLine(const QString &path, int lineNumber);
+
+    // Opens a result: PDF with the default application; plain text, source code and Markdown in
+    // the editor through "vorn://open?file=<path>&line=<n>", falling back to the default
+    // application when that link cannot be opened; everything else with the default application.
+    static void openResult(const SearchResult &result);
+    // The editor link for a result, as openResult builds it.
+    static QUrl editorUrl(const QString &filePath, int lineNumber);
+    // Replaces QDesktopServices::openUrl (tests). An empty function restores it.
+    static void setUrlOpener(UrlOpener opener);
+
+    static FileCategory fileCategory(const SearchResult &result);
+
+    // "1023 B", "1.0 KB", "1.0 MB".
+    static QString formatFileSize(qint64 bytes);
+
+    // The process-wide lock held around every trn_ call.
+    static std::mutex &engineMutex();
+
+private:
+    void openLocked(const QString &weightsPath); // engineMutex() held
+
+    QString m_directoryPath;
+    QString m_dataDir;
+    TrnEngine *m_handle = nullptr; // guarded by engineMutex(); NULL when not open
+};
+
+Q_DECLARE_METATYPE(SearchResult)
+Q_DECLARE_METATYPE(FileInfo)
+
+#endif

@@ -1,0 +1,556 @@
+/*
+** training_manager.cpp -- training profiles and the training run.
+**
+** A run goes: train() on the main thread checks the trainer and marks the profile training; a
+** pool thread writes the corpus and runs train_bpe (waiting for it there, never on the main
+** thread); the main thread then starts the encoder trainer as a QProcess child of the manager
+** and follows its merged output through a line buffer that keeps partial lines.
+*/
+#include "training_manager.h"
+
+#include "settings.h"
+#include "tarnwick_engine.h"
+
+#include "background.h"
+#include "json_coding.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QDirIterator>
+#include <QFile>
+#include <QFileInfo>
+#include <QStringDecoder>
+#include <QThread>
+#include <QThreadPool>
+
+#include <memory>
+
+namespace
+{
+
+bool isExecutableFile(const QString &path)
+{
+    const QFileInfo info(path);
+    return info.isFile() && info.isExecutable();
+}
+
+} // namespace
+
+TrainingManager *TrainingManager::shared()
+{
+    // Lives until the process ends; views and tabs hold plain pointers to it.
+    static TrainingManager *manager = new TrainingManager(nullptr, nullptr);
+    return manager;
+}
+
+TrainingManager::TrainingManager(Settings *settings, QObject *parent)
+    : QObject(parent), m_settings(settings ? settings : Settings::standard())
+{
+    prepareMainThreadCalls();
+    loadProfiles();
+}
+
+TrainingManager::~TrainingManager()
+{
+    if (m_process) {
+        m_process->disconnect(this);
+        m_process->kill();
+        m_process->waitForFinished(1000);
+    }
+}
+
+void TrainingManager::loadProfiles()
+{
+    const std::optional<QList<TrainingProfile>> decoded =
+        TrainingProfile::decodeList(m_settings->trainingProfilesData());
+    setProfiles(decoded ? *decoded : QList<TrainingProfile>());
+}
+
+void TrainingManager::reloadProfiles()
+{
+    loadProfiles();
+}
+
+void TrainingManager::saveProfiles()
+{
+    m_settings->setTrainingProfilesData(TrainingProfile::encodeList(m_profiles));
+}
+
+void TrainingManager::setProfiles(const QList<TrainingProfile> &profiles)
+{
+    if (m_profiles == profiles) {
+        return;
+    }
+    m_profiles = profiles;
+    emit profilesChanged();
+}
+
+QList<TrainingProfile> TrainingManager::trainedProfiles() const
+{
+    QList<TrainingProfile> trained;
+    for (const TrainingProfile &p : m_profiles) {
+        if (p.status == TrainingStatus::Trained) {
+            trained.append(p);
+        }
+    }
+    return trained;
+}
+
+std::optional<TrainingProfile> TrainingManager::profile(const QUuid &id) const
+{
+    for (const TrainingProfile &p : m_profiles) {
+        if (p.id == id) {
+            return p;
+        }
+    }
+    return std::nullopt;
+}
+
+void TrainingManager::setTrainingProgress(const QString &text)
+{
+    if (m_trainingProgress == text) {
+        return;
+    }
+    m_trainingProgress = text;
+    emit trainingProgressChanged();
+}
+
+void TrainingManager::setIsTraining(bool value)
+{
+    if (m_isTraining == value) {
+        return;
+    }
+    m_isTraining = value;
+    emit isTrainingChanged();
+}
+
+QUuid TrainingManager::defaultProfileId() const
+{
+    const std::optional<QString> text = m_settings->defaultTrainingProfile();
+    return text ? JsonCoding::uuidFromText(*text) : QUuid();
+}
+
+void TrainingManager::setDefaultProfileId(const QUuid &id)
+{
+    const QUuid before = defaultProfileId();
+    if (id.isNull()) {
+        m_settings->setDefaultTrainingProfile(std::nullopt);
+    } else {
+        m_settings->setDefaultTrainingProfile(JsonCoding::uuidText(id));
+    }
+    if (before != id) {
+        emit defaultProfileIdChanged();
+    }
+}
+
+QString TrainingManager::defaultWeightsPath() const
+{
+    const QUuid id = defaultProfileId();
+    if (id.isNull()) {
+        return QString();
+    }
+    const std::optional<TrainingProfile> p = profile(id);
+    if (!p || p->status != TrainingStatus::Trained) {
+        return QString();
+    }
+    return p->weightsPath;
+}
+
+QString TrainingManager::weightsDirectory()
+{
+    return QDir::homePath() + QStringLiteral("/.tarnwick/weights");
+}
+
+TrainingProfile TrainingManager::createProfile(const TrainingProfile &draft)
+{
+    const QString dir = weightsDirectory();
+    QDir().mkpath(dir);
+    TrainingProfile p = draft;
+    p.id = QUuid::createUuid();
+    p.weightsPath =
+        dir + QLatin1Char('/') + TrainingProfile::fileStem(draft.name) + QStringLiteral(".tten");
+    p.status = TrainingStatus::Untrained;
+    p.lastTrained.reset();
+    QList<TrainingProfile> profiles = m_profiles;
+    profiles.append(p);
+    setProfiles(profiles);
+    saveProfiles();
+    if (m_profiles.size() == 1) {
+        setDefaultProfileId(p.id);
+    }
+    return p;
+}
+
+void TrainingManager::editProfile(const TrainingProfile &edited)
+{
+    const std::optional<TrainingProfile> stored = profile(edited.id);
+    if (!stored) {
+        return;
+    }
+    TrainingProfile p = edited;
+    p.weightsPath = stored->weightsPath;
+    p.status = stored->status;
+    p.lastTrained = stored->lastTrained;
+    updateProfile(p);
+}
+
+void TrainingManager::updateProfile(const TrainingProfile &profile)
+{
+    QList<TrainingProfile> profiles = m_profiles;
+    for (TrainingProfile &p : profiles) {
+        if (p.id == profile.id) {
+            p = profile;
+            setProfiles(profiles);
+            saveProfiles();
+            return;
+        }
+    }
+}
+
+void TrainingManager::deleteProfile(const TrainingProfile &profile)
+{
+    QFile::remove(profile.weightsPath);
+    QFile::remove(profile.lossPath());
+    QFile::remove(profile.bpePath());
+    QList<TrainingProfile> profiles = m_profiles;
+    profiles.removeIf([&profile](const TrainingProfile &p) {
+        return p.id == profile.id;
+    });
+    setProfiles(profiles);
+    saveProfiles();
+}
+
+QString TrainingManager::trainerDirectory() const
+{
+    if (!m_trainerDirectory.isEmpty()) {
+        return m_trainerDirectory;
+    }
+    return QCoreApplication::applicationDirPath();
+}
+
+void TrainingManager::setTrainerDirectory(const QString &directory)
+{
+    m_trainerDirectory = directory;
+}
+
+QString TrainingManager::corpusPath(const TrainingProfile &profile)
+{
+    return QDir::tempPath() + QStringLiteral("/tarnwick_corpus_") + JsonCoding::uuidText(profile.id)
+           + QStringLiteral(".txt");
+}
+
+QStringList TrainingManager::trainerArguments(const TrainingProfile &profile,
+                                              const QString &corpusPath, const QString &bpePath)
+{
+    QStringList args = {corpusPath,
+                        profile.weightsPath,
+                        QString::number(profile.steps),
+                        QString::number(profile.batchSize),
+                        JsonCoding::floatText(profile.learningRate),
+                        QString::number(profile.heads),
+                        QString::number(profile.layers)};
+    if (!bpePath.isEmpty()) {
+        args << QStringLiteral("--bpe") << bpePath;
+    }
+    if (profile.threads >= 2) {
+        args << QStringLiteral("--threads") << QString::number(profile.threads);
+    }
+    return args;
+}
+
+qint64 TrainingManager::prepareCorpus(const QStringList &dirs, const QString &outputPath)
+{
+    QFile out(outputPath);
+    if (!out.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+        return -1;
+    }
+    const QSet<QString> extra = TarnwickEngine::extraExtensions();
+    qint64 total = 0;
+    for (const QString &dir : dirs) {
+        QDirIterator it(
+            dir, QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories);
+        while (it.hasNext()) {
+            const QString path = it.next();
+            if (!it.fileInfo().isFile()) {
+                continue;
+            }
+            const FileClassification c = TarnwickEngine::classify(path, extra);
+            if (!c.isIndexable) {
+                continue;
+            }
+            QString text;
+            if (c.fileType == QLatin1String("PDF")) {
+                const std::optional<QString> pdf = TarnwickEngine::extractPDFText(path);
+                if (!pdf) {
+                    continue;
+                }
+                text = *pdf;
+            } else {
+                QFile file(path);
+                if (!file.open(QIODevice::ReadOnly)) {
+                    continue;
+                }
+                QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+                text = decoder.decode(file.readAll());
+                if (decoder.hasError()) {
+                    continue; // not UTF-8
+                }
+            }
+            const QByteArray utf8 = text.toUtf8();
+            out.write(utf8);
+            out.write("\n\n", 2);
+            total += utf8.size();
+        }
+    }
+    return total;
+}
+
+QList<LossDataPoint> TrainingManager::parseLossFile(const QString &path)
+{
+    QList<LossDataPoint> points;
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        return points;
+    }
+    const QString content = QString::fromUtf8(file.readAll());
+    const QStringList lines = content.split(QLatin1Char('\n'));
+    for (const QString &line : lines) {
+        const QStringList fields = line.trimmed().split(QLatin1Char(','));
+        if (fields.size() != 2) {
+            continue;
+        }
+        bool stepOk = false;
+        bool lossOk = false;
+        const int step = fields.at(0).trimmed().toInt(&stepOk);
+        const float loss = fields.at(1).trimmed().toFloat(&lossOk);
+        if (stepOk && lossOk) {
+            points.append(LossDataPoint{step, loss});
+        }
+    }
+    return points;
+}
+
+QString TrainingManager::cpuCoresText()
+{
+    return QStringLiteral("This computer has ") + QString::number(QThread::idealThreadCount())
+           + QStringLiteral(" CPU cores available for training threads.");
+}
+
+void TrainingManager::setProfileStatus(const QUuid &id, TrainingStatus status, bool stampDate)
+{
+    std::optional<TrainingProfile> p = profile(id);
+    if (!p) {
+        return; // deleted while it trained
+    }
+    p->status = status;
+    if (stampDate) {
+        p->lastTrained = QDateTime::currentDateTimeUtc();
+    }
+    updateProfile(*p);
+}
+
+void TrainingManager::train(const TrainingProfile &profile)
+{
+    if (m_isTraining) {
+        return;
+    }
+    const QString dir = trainerDirectory();
+    if (dir.isEmpty()) {
+        setTrainingProgress(QStringLiteral("Trainer executable not found beside the application"));
+        return;
+    }
+    if (!isExecutableFile(dir + QStringLiteral("/trainer"))) {
+        setTrainingProgress(QStringLiteral("Trainer not executable"));
+        return;
+    }
+    const quint64 run = ++m_currentRun;
+    m_cancelRequested = false;
+    setIsTraining(true);
+    setTrainingProgress(QStringLiteral("Preparing corpus\u2026"));
+    setProfileStatus(profile.id, TrainingStatus::Training, false);
+
+    QPointer<TrainingManager> self(this);
+    runInBackground([self, profile, dir, run] {
+        const QString corpus = corpusPath(profile);
+        const qint64 bytes = prepareCorpus(profile.sourceDirectories, corpus);
+        if (bytes < kMinimumCorpusBytes) {
+            const QString message = QStringLiteral("Corpus too small (")
+                                    + QString::number(bytes < 0 ? 0 : bytes)
+                                    + QStringLiteral(" bytes). Add more source directories.");
+            runOnMainThread([self, run, profile, message] {
+                if (self) {
+                    self->failRun(run, profile.id, message);
+                }
+            });
+            return;
+        }
+        QString bpePath;
+        if (profile.useBPE) {
+            const QString bpeTrainer = dir + QStringLiteral("/train_bpe");
+            if (!isExecutableFile(bpeTrainer)) {
+                runOnMainThread([self, run, profile] {
+                    if (self) {
+                        self->failRun(run,
+                                      profile.id,
+                                      QStringLiteral("train_bpe not found beside the application"));
+                    }
+                });
+                return;
+            }
+            runOnMainThread([self, run] {
+                if (self && run == self->m_currentRun) {
+                    self->setTrainingProgress(QStringLiteral("Training BPE tokenizer\u2026"));
+                }
+            });
+            QProcess bpe;
+            bpe.setStandardOutputFile(QProcess::nullDevice());
+            bpe.setStandardErrorFile(QProcess::nullDevice());
+            bpe.start(bpeTrainer, {corpus, profile.bpePath(), QString::number(kBpeMerges)});
+            if (!bpe.waitForStarted(-1)) {
+                const QString message =
+                    QStringLiteral("Failed to run BPE training: ") + bpe.errorString();
+                runOnMainThread([self, run, profile, message] {
+                    if (self) {
+                        self->failRun(run, profile.id, message);
+                    }
+                });
+                return;
+            }
+            bpe.waitForFinished(-1);
+            if (bpe.exitStatus() != QProcess::NormalExit || bpe.exitCode() != 0) {
+                runOnMainThread([self, run, profile] {
+                    if (self) {
+                        self->failRun(run, profile.id, QStringLiteral("BPE training failed"));
+                    }
+                });
+                return;
+            }
+            bpePath = profile.bpePath();
+            runOnMainThread([self, run] {
+                if (self && run == self->m_currentRun) {
+                    self->setTrainingProgress(QStringLiteral("BPE ready. Training encoder\u2026"));
+                }
+            });
+        }
+        runOnMainThread([self, run, profile, corpus, bpePath] {
+            if (self) {
+                self->launchTrainer(run, profile, corpus, bpePath);
+            }
+        });
+    });
+}
+
+void TrainingManager::failRun(quint64 run, const QUuid &profileId, const QString &message)
+{
+    if (run == m_currentRun) {
+        setIsTraining(false);
+        setTrainingProgress(message);
+    }
+    setProfileStatus(profileId, TrainingStatus::Failed, false);
+    emit trainingFinished(profileId);
+}
+
+void TrainingManager::launchTrainer(quint64 run, const TrainingProfile &profile,
+                                    const QString &corpus, const QString &bpePath)
+{
+    if (run == m_currentRun && m_cancelRequested) {
+        // Cancelled while the corpus or tokenizer was prepared: the trainer never starts.
+        setProfileStatus(profile.id, TrainingStatus::Failed, false);
+        emit trainingFinished(profile.id);
+        return;
+    }
+    auto *process = new QProcess(this);
+    process->setProcessChannelMode(QProcess::MergedChannels);
+    process->setProgram(trainerDirectory() + QStringLiteral("/trainer"));
+    process->setArguments(trainerArguments(profile, corpus, bpePath));
+
+    // Output after the last newline, kept until the rest of the line arrives.
+    auto pending = std::make_shared<QByteArray>();
+    connect(process, &QProcess::readyReadStandardOutput, this, [this, run, process, pending] {
+        pending->append(process->readAllStandardOutput());
+        qsizetype newline = pending->indexOf('\n');
+        while (newline >= 0) {
+            showStepLine(run, pending->left(newline));
+            pending->remove(0, newline + 1);
+            newline = pending->indexOf('\n');
+        }
+    });
+    connect(process,
+            &QProcess::finished,
+            this,
+            [this, run, process, profile, pending](int exitCode, QProcess::ExitStatus status) {
+                pending->append(process->readAllStandardOutput());
+                const QList<QByteArray> lines = pending->split('\n');
+                for (const QByteArray &line : lines) {
+                    showStepLine(run, line);
+                }
+                pending->clear();
+                trainerFinished(run, process, profile, exitCode, status);
+            });
+    connect(process,
+            &QProcess::errorOccurred,
+            this,
+            [this, run, process, profile](QProcess::ProcessError error) {
+                if (error != QProcess::FailedToStart) {
+                    return; // a crash also ends in finished()
+                }
+                if (m_process == process) {
+                    m_process = nullptr;
+                }
+                failRun(run,
+                        profile.id,
+                        QStringLiteral("Failed to launch trainer: ") + process->errorString());
+                process->deleteLater();
+            });
+    m_process = process;
+    process->start();
+}
+
+void TrainingManager::showStepLine(quint64 run, const QByteArray &line)
+{
+    const QString text = QString::fromUtf8(line).trimmed();
+    if (run == m_currentRun && m_isTraining && text.startsWith(QLatin1String("step "))) {
+        setTrainingProgress(text);
+    }
+}
+
+void TrainingManager::trainerFinished(quint64 run, QProcess *process,
+                                      const TrainingProfile &profile, int exitCode,
+                                      QProcess::ExitStatus exitStatus)
+{
+    if (m_process == process) {
+        m_process = nullptr;
+    }
+    // A trainer killed by a signal reports the signal number as its exit code.
+    const bool exists = QFileInfo::exists(profile.weightsPath);
+    const bool succeeded = exitStatus == QProcess::NormalExit && exitCode == 0 && exists;
+    QString message;
+    if (succeeded) {
+        message = QStringLiteral("Training complete");
+    } else {
+        message = QStringLiteral("Training failed (exit ") + QString::number(exitCode)
+                  + QStringLiteral(", file ")
+                  + (exists ? QStringLiteral("exists") : QStringLiteral("missing"))
+                  + QStringLiteral(": ") + profile.weightsPath + QLatin1Char(')');
+    }
+    if (run == m_currentRun) {
+        setIsTraining(false);
+        setTrainingProgress(message);
+    }
+    setProfileStatus(
+        profile.id, succeeded ? TrainingStatus::Trained : TrainingStatus::Failed, succeeded);
+    process->deleteLater();
+    emit trainingFinished(profile.id);
+}
+
+void TrainingManager::cancelTraining()
+{
+    if (m_process) {
+        m_process->terminate();
+    } else if (m_isTraining) {
+        m_cancelRequested = true;
+    }
+    m_process = nullptr;
+    setIsTraining(false);
+    setTrainingProgress(QStringLiteral("Cancelled"));
+}

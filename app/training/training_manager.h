@@ -1,0 +1,145 @@
+/*
+** training_manager.h -- the owner of the training profiles, and the one training run at a time.
+**
+** A run (train()) writes the corpus "<temp>/tarnwick_corpus_<UUID>.txt" from the profile's
+** source directories on the thread pool, runs "train_bpe <corpus> <P.bpe> 7740" there when the
+** profile asks for a tokenizer, then starts the encoder trainer as a QProcess child of the
+** manager on the main thread:
+**
+**   trainer <corpus> <P> <steps> <batch> <learning rate> <heads> <layers>
+**           [--bpe <P.bpe>] [--threads <n>, only for n >= 2]
+**
+** where P is the profile's weightsPath. Its merged output is read line by line; lines that begin
+** with "step " become trainingProgress. Exit 0 with a file at P marks the profile trained.
+** Every failure marks it failed and leaves a one-line message in trainingProgress.
+**
+** Both trainers are looked up in trainerDirectory(), by default the directory of the
+** application executable.
+*/
+#ifndef TRN_APP_TRAINING_MANAGER_H
+#define TRN_APP_TRAINING_MANAGER_H
+
+#include "training_profile.h"
+
+#include <QList>
+#include <QObject>
+#include <QPointer>
+#include <QProcess>
+#include <QString>
+#include <QStringList>
+#include <QUuid>
+
+#include <optional>
+
+class Settings;
+
+class TrainingManager : public QObject
+{
+    Q_OBJECT
+    Q_PROPERTY(QList<TrainingProfile> profiles READ profiles NOTIFY profilesChanged)
+    Q_PROPERTY(QString trainingProgress READ trainingProgress NOTIFY trainingProgressChanged)
+    Q_PROPERTY(bool isTraining READ isTraining NOTIFY isTrainingChanged)
+    // Null when there is no default (writing a null id removes "defaultTrainingProfile").
+    Q_PROPERTY(QUuid defaultProfileId READ defaultProfileId WRITE setDefaultProfileId NOTIFY
+                   defaultProfileIdChanged)
+
+public:
+    static constexpr int kBpeMerges = 7740;
+    static constexpr qint64 kMinimumCorpusBytes = 101;
+
+    // The process-wide manager over Settings::standard(), created on first use (main thread).
+    static TrainingManager *shared();
+
+    // Loads the profiles from settings (NULL: Settings::standard()).
+    explicit TrainingManager(Settings *settings = nullptr, QObject *parent = nullptr);
+    ~TrainingManager() override;
+
+    QList<TrainingProfile> profiles() const { return m_profiles; }
+    // The profiles whose status is Trained, in list order (the encoder picker's choices after
+    // "Default").
+    QList<TrainingProfile> trainedProfiles() const;
+    std::optional<TrainingProfile> profile(const QUuid &id) const;
+    QString trainingProgress() const { return m_trainingProgress; }
+    bool isTraining() const { return m_isTraining; }
+
+    QUuid defaultProfileId() const;
+    void setDefaultProfileId(const QUuid &id);
+    // The default profile's weightsPath when it exists and is trained; else empty.
+    QString defaultWeightsPath() const;
+
+    // Creates a profile from the panel's values (name, sourceDirectories and the parameters of
+    // draft; its id, weightsPath, status and lastTrained are ignored): a new id, the weights at
+    // weightsDirectory() + "/" + fileStem(name) + ".tten", not trained. The first profile
+    // becomes the default. Returns the stored profile.
+    TrainingProfile createProfile(const TrainingProfile &draft);
+    // "Save" of the edit panel: the stored profile with edited's id takes the new name,
+    // directories and parameters and keeps its id, weightsPath, status and lastTrained.
+    void editProfile(const TrainingProfile &edited);
+    // Replaces the profile with the same id and saves; nothing when there is none.
+    void updateProfile(const TrainingProfile &profile);
+    // Removes the weights, loss log and tokenizer files (errors ignored) and the profile. The
+    // default id and overrides naming it are left as they are.
+    void deleteProfile(const TrainingProfile &profile);
+    // Re-reads "trainingProfiles" (tests; the settings window never needs it).
+    void reloadProfiles();
+
+    // Starts a run; ignored while one is under way.
+    void train(const TrainingProfile &profile);
+    // Terminates the encoder trainer ("Cancelled"); the run then ends as failed.
+    void cancelTraining();
+
+    // Where the trainers are looked up; by default QCoreApplication::applicationDirPath().
+    QString trainerDirectory() const;
+    void setTrainerDirectory(const QString &directory);
+
+    // "~/.tarnwick/weights".
+    static QString weightsDirectory();
+    // "<temp>/tarnwick_corpus_<UUID>.txt".
+    static QString corpusPath(const TrainingProfile &profile);
+    // The encoder trainer's arguments; bpePath empty when no tokenizer was trained in this run.
+    static QStringList trainerArguments(const TrainingProfile &profile, const QString &corpusPath,
+                                        const QString &bpePath);
+    // Writes the text of every indexable file below dirs (PDF through poppler) to outputPath,
+    // each followed by "\n\n"; returns the bytes of text written (separators not counted), or
+    // -1 when outputPath cannot be written.
+    static qint64 prepareCorpus(const QStringList &dirs, const QString &outputPath);
+    // The records of a loss log ("<step>,<loss>" lines; other lines skipped), in file order.
+    static QList<LossDataPoint> parseLossFile(const QString &path);
+    // "This computer has <n> CPU cores available for training threads."
+    static QString cpuCoresText();
+
+signals:
+    void profilesChanged();
+    void trainingProgressChanged();
+    void isTrainingChanged();
+    void defaultProfileIdChanged();
+    // A run ended (completed, failed or cancelled); the profile's status is final.
+    void trainingFinished(const QUuid &profileId);
+
+private:
+    void loadProfiles();
+    void saveProfiles();
+    void setProfiles(const QList<TrainingProfile> &profiles);
+    void setTrainingProgress(const QString &text);
+    void setIsTraining(bool value);
+    void setProfileStatus(const QUuid &id, TrainingStatus status, bool stampDate);
+    void failRun(quint64 run, const QUuid &profileId, const QString &message);
+    void launchTrainer(quint64 run, const TrainingProfile &profile, const QString &corpus,
+                       const QString &bpePath);
+    void trainerFinished(quint64 run, QProcess *process, const TrainingProfile &profile,
+                         int exitCode, QProcess::ExitStatus exitStatus);
+    void showStepLine(quint64 run, const QByteArray &line);
+
+    Settings *m_settings;
+    QString m_trainerDirectory;
+    QList<TrainingProfile> m_profiles;
+    QString m_trainingProgress;
+    bool m_isTraining = false;
+    QPointer<QProcess> m_process; // the running encoder trainer, for cancelTraining
+    // Each train() call is a run; a run that was cancelled and overtaken by a new one still
+    // finishes its profile but no longer touches isTraining or trainingProgress.
+    quint64 m_currentRun = 0;
+    bool m_cancelRequested = false; // cancelTraining() before the trainer was launched
+};
+
+#endif

@@ -1,0 +1,377 @@
+/*
+** The application model: restoring, adding, selecting, closing and reordering tabs, the stored
+** chunk size, copying a prompt, and two tabs that search and index at the same time.
+*/
+#include "app_state.h"
+
+#include "clipboard.h"
+#include "directory_state.h"
+#include "test_support.h"
+#include "training_manager.h"
+
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QThreadPool>
+#include <QtTest>
+
+namespace
+{
+
+class RecordingClipboard : public Clipboard
+{
+public:
+    void setText(const QString &text) override { texts.append(text); }
+    QStringList texts;
+};
+
+} // namespace
+
+class TestAppState : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init();
+    void cleanup();
+    void restoreSkipsMissingPathsAndFallsBackToFirstTab();
+    void restoreSelectsTheSavedActiveTab();
+    void closingTheActiveMiddleTabSelectsTheLast();
+    void dragReordersBothWays();
+    void addingAnOpenDirectoryOnlySelectsIt();
+    void addingAnIndexedDirectoryDoesNotReindex();
+    void storedChunkSizeBelowOneIndexesWith800();
+    void selectingATabRerunsTheSharedQuery();
+    void copyPromptUsesTheClipboard();
+    void concurrentSearchesAndIndexingOnTwoTabs();
+
+private:
+    QString makeDir(const QString &name);
+    std::unique_ptr<AppState> restoredState();
+    static QStringList tabNames(const AppState &app);
+
+    std::unique_ptr<IsolatedEnvironment> m_env;
+    std::unique_ptr<QTemporaryDir> m_root;
+};
+
+void TestAppState::initTestCase()
+{
+    m_env = std::make_unique<IsolatedEnvironment>();
+    TrainingManager::shared();
+}
+
+void TestAppState::init()
+{
+    m_root = std::make_unique<QTemporaryDir>();
+    for (const char *key : {"savedTabPaths", "activeTabPath", "chunkSize", "overlap"}) {
+        m_env->settings()->remove(QLatin1String(key));
+    }
+}
+
+void TestAppState::cleanup()
+{
+    QThreadPool::globalInstance()->waitForDone();
+    m_root.reset();
+}
+
+QString TestAppState::makeDir(const QString &name)
+{
+    const QString path = m_root->filePath(name);
+    QDir().mkpath(path);
+    return path;
+}
+
+std::unique_ptr<AppState> TestAppState::restoredState()
+{
+    auto app = std::make_unique<AppState>(m_env->settings());
+    QSignalSpy restored(app.get(), &AppState::stateRestored);
+    if (!restored.wait(5000)) {
+        return nullptr;
+    }
+    return app;
+}
+
+QStringList TestAppState::tabNames(const AppState &app)
+{
+    QStringList names;
+    for (const DirectoryTab &tab : app.tabs()) {
+        names.append(tab.name);
+    }
+    return names;
+}
+
+void TestAppState::restoreSkipsMissingPathsAndFallsBackToFirstTab()
+{
+    const QString a = makeDir(QStringLiteral("A"));
+    const QString gone = makeDir(QStringLiteral("Gone"));
+    const QString c = makeDir(QStringLiteral("C"));
+    writeFile(a, QStringLiteral("a.txt"), "text that is never indexed at restore\n");
+    m_env->settings()->setSavedTabPaths({a, gone, c});
+    m_env->settings()->setActiveTabPath(gone);
+    QVERIFY(QDir(gone).removeRecursively());
+
+    std::unique_ptr<AppState> app = restoredState();
+    QVERIFY(app);
+    QCOMPARE(tabNames(*app), QStringList({QStringLiteral("A"), QStringLiteral("C")}));
+    QCOMPARE(app->activeTabId(), app->tabs().first().id);
+    DirectoryState *state = app->activeState();
+    QVERIFY(state);
+    QVERIFY(!state->isIngesting()); // restored tabs are not re-indexed
+    QCOMPARE(state->statusText(), QStringLiteral("Not indexed"));
+    // The missing path drops out at the next save.
+    app->saveState();
+    QCOMPARE(m_env->settings()->savedTabPaths(), QStringList({a, c}));
+    QCOMPARE(m_env->settings()->activeTabPath(), std::optional<QString>(a));
+}
+
+void TestAppState::restoreSelectsTheSavedActiveTab()
+{
+    const QString a = makeDir(QStringLiteral("A"));
+    const QString b = makeDir(QStringLiteral("B"));
+    m_env->settings()->setSavedTabPaths({a, b});
+    m_env->settings()->setActiveTabPath(b);
+    std::unique_ptr<AppState> app = restoredState();
+    QVERIFY(app);
+    QCOMPARE(app->activeTab()->path, b);
+
+    m_env->settings()->setSavedTabPaths({});
+    std::unique_ptr<AppState> empty = restoredState();
+    QVERIFY(empty);
+    QVERIFY(empty->tabs().isEmpty());
+    QVERIFY(empty->activeTabId().isNull());
+    QVERIFY(!empty->activeState());
+}
+
+void TestAppState::closingTheActiveMiddleTabSelectsTheLast()
+{
+    std::unique_ptr<AppState> app = restoredState();
+    QVERIFY(app);
+    const QString a = makeDir(QStringLiteral("A"));
+    const QString b = makeDir(QStringLiteral("B"));
+    const QString c = makeDir(QStringLiteral("C"));
+    app->openDirectory({a, b, c});
+    QCOMPARE(tabNames(*app), QStringList({"A", "B", "C"}));
+    const QList<DirectoryTab> tabs = app->tabs();
+    app->selectTab(tabs.at(1).id);
+
+    QPointer<DirectoryState> closing = app->stateFor(tabs.at(1).id);
+    QSignalSpy active(app.get(), &AppState::activeTabIdChanged);
+    app->closeTab(tabs.at(1).id);
+    QVERIFY(closing.isNull());
+    QCOMPARE(tabNames(*app), QStringList({"A", "C"}));
+    QCOMPARE(app->activeTabId(), tabs.at(2).id);
+    QCOMPARE(active.count(), 1);
+    QCOMPARE(m_env->settings()->savedTabPaths(), QStringList({a, c}));
+    QCOMPARE(m_env->settings()->activeTabPath(), std::optional<QString>(c));
+
+    // Closing a tab that is not active keeps the selection.
+    app->closeTab(tabs.at(0).id);
+    QCOMPARE(app->activeTabId(), tabs.at(2).id);
+    app->closeActiveTab();
+    QVERIFY(app->tabs().isEmpty());
+    QVERIFY(app->activeTabId().isNull());
+    QCOMPARE(m_env->settings()->activeTabPath(), std::nullopt);
+    QVERIFY(m_env->settings()->savedTabPaths().isEmpty());
+}
+
+void TestAppState::dragReordersBothWays()
+{
+    std::unique_ptr<AppState> app = restoredState();
+    QVERIFY(app);
+    app->openDirectory(
+        {makeDir(QStringLiteral("A")), makeDir(QStringLiteral("B")), makeDir(QStringLiteral("C"))});
+    auto id = [&app](int i) {
+        return app->tabs().at(i).id;
+    };
+    QSignalSpy tabsChanged(app.get(), &AppState::tabsChanged);
+
+    app->moveTab(id(0), id(2)); // A onto C
+    QCOMPARE(tabNames(*app), QStringList({"B", "C", "A"}));
+    app->moveTab(id(1), id(0)); // C onto B
+    QCOMPARE(tabNames(*app), QStringList({"C", "B", "A"}));
+    app->moveTab(id(2), id(0)); // A onto C
+    QCOMPARE(tabNames(*app), QStringList({"A", "C", "B"}));
+    QCOMPARE(tabsChanged.count(), 3);
+
+    app->moveTab(id(1), id(1));
+    app->moveTab(id(1), QUuid::createUuid());
+    QCOMPARE(tabNames(*app), QStringList({"A", "C", "B"}));
+    QCOMPARE(tabsChanged.count(), 3);
+}
+
+void TestAppState::addingAnOpenDirectoryOnlySelectsIt()
+{
+    std::unique_ptr<AppState> app = restoredState();
+    QVERIFY(app);
+    const QString a = makeDir(QStringLiteral("A"));
+    const QString b = makeDir(QStringLiteral("B"));
+    app->addTab(a);
+    app->addTab(b);
+    const QUuid first = app->tabs().first().id;
+    DirectoryState *stateA = app->stateFor(first);
+    QSignalSpy tabsChanged(app.get(), &AppState::tabsChanged);
+    app->addTab(a);
+    QCOMPARE(tabsChanged.count(), 0);
+    QCOMPARE(app->tabs().size(), 2);
+    QCOMPARE(app->activeTabId(), first);
+    QCOMPARE(app->stateFor(first), stateA);
+}
+
+void TestAppState::addingAnIndexedDirectoryDoesNotReindex()
+{
+    const QString dir = makeDir(QStringLiteral("Indexed"));
+    writeFile(dir, QStringLiteral("a.txt"), "already indexed text in here\n");
+    {
+        TarnwickEngine engine(dir, QString());
+        QVERIFY(engine.ingestDirectory(800, 200) > 0);
+    }
+    std::unique_ptr<AppState> app = restoredState();
+    QVERIFY(app);
+    app->addTab(dir);
+    DirectoryState *state = app->activeState();
+    QVERIFY(state);
+    QVERIFY(!state->isIngesting());
+    QCOMPARE(state->statusText(), QStringLiteral("1 chunks from 1 files"));
+
+    const QString fresh = makeDir(QStringLiteral("Fresh"));
+    writeFile(fresh, QStringLiteral("b.txt"), "new text to index\n");
+    app->addTab(fresh);
+    QVERIFY(app->activeState()->isIngesting());
+    QTRY_VERIFY_WITH_TIMEOUT(!app->activeState()->isIngesting(), 20000);
+    QCOMPARE(app->activeState()->statusText(), QStringLiteral("1 chunks from 1 files"));
+}
+
+void TestAppState::storedChunkSizeBelowOneIndexesWith800()
+{
+    // 2000 bytes: windows of 800 every 600 bytes give 2 chunks; the engine's own reading of a
+    // chunk size of 0 would give something else.
+    const QByteArray text(2000, 'z');
+    const QString reference = makeDir(QStringLiteral("Reference"));
+    writeFile(reference, QStringLiteral("z.txt"), text);
+    int expected = 0;
+    {
+        TarnwickEngine engine(reference, QString());
+        expected = engine.ingestDirectory(800, 200);
+        QVERIFY(expected > 0);
+        engine.clearAndReopen(QString());
+        QVERIFY(engine.ingestDirectory(100, 20) != expected);
+    }
+    m_env->settings()->setChunkSize(0);
+    m_env->settings()->setOverlap(-7);
+    const QString dir = makeDir(QStringLiteral("Zero"));
+    writeFile(dir, QStringLiteral("z.txt"), text);
+    std::unique_ptr<AppState> app = restoredState();
+    QVERIFY(app);
+    app->addTab(dir);
+    QTRY_VERIFY_WITH_TIMEOUT(!app->activeState()->isIngesting(), 20000);
+    QCOMPARE(int(app->activeState()->engine()->stats().chunk_count), expected);
+
+    // Re-index reads the settings again.
+    m_env->settings()->setChunkSize(100);
+    m_env->settings()->setOverlap(20);
+    app->reindexActive();
+    QVERIFY(app->activeState()->isIngesting());
+    QTRY_VERIFY_WITH_TIMEOUT(!app->activeState()->isIngesting(), 20000);
+    QVERIFY(int(app->activeState()->engine()->stats().chunk_count) > expected);
+}
+
+void TestAppState::selectingATabRerunsTheSharedQuery()
+{
+    const QString a = makeDir(QStringLiteral("A"));
+    const QString b = makeDir(QStringLiteral("B"));
+    writeFile(a, QStringLiteral("a.txt"), "shared query word lives here\n");
+    writeFile(b, QStringLiteral("b.txt"), "the word is also here\n");
+    std::unique_ptr<AppState> app = restoredState();
+    QVERIFY(app);
+    app->openDirectory({a, b});
+    QTRY_VERIFY_WITH_TIMEOUT(!app->stateFor(app->tabs().at(0).id)->isIngesting()
+                                 && !app->stateFor(app->tabs().at(1).id)->isIngesting(),
+                             20000);
+    app->setQuery(QStringLiteral("word"));
+    app->setSearchMode(SearchMode::Text);
+    app->performSearch();
+    DirectoryState *stateB = app->activeState();
+    QTRY_COMPARE(stateB->results().size(), 1);
+
+    DirectoryState *stateA = app->stateFor(app->tabs().at(0).id);
+    app->selectTab(app->tabs().at(0).id);
+    QCOMPARE(stateA->searchHistory().size(), 1);
+    QTRY_COMPARE(stateA->results().size(), 1);
+    QVERIFY(stateA->results().first().filePath.endsWith(QStringLiteral("a.txt")));
+    QCOMPARE(m_env->settings()->activeTabPath(), std::optional<QString>(a));
+}
+
+void TestAppState::copyPromptUsesTheClipboard()
+{
+    const QString dir = makeDir(QStringLiteral("Notes"));
+    writeFile(dir, QStringLiteral("list.txt"), "  buy milk and bread\n");
+    std::unique_ptr<AppState> app = restoredState();
+    QVERIFY(app);
+    RecordingClipboard clipboard;
+    app->setClipboard(&clipboard);
+    app->copyPrompt();
+    QVERIFY(clipboard.texts.isEmpty()); // no tab
+
+    app->addTab(dir);
+    QTRY_VERIFY_WITH_TIMEOUT(!app->activeState()->isIngesting(), 20000);
+    app->copyPrompt(PromptScope::Top5);
+    QCOMPARE(clipboard.texts.last(), QStringLiteral("No results to include in prompt."));
+
+    app->setQuery(QStringLiteral("milk"));
+    app->setSearchMode(SearchMode::Text);
+    app->performSearch();
+    QTRY_COMPARE(app->activeState()->results().size(), 1);
+    app->copyPrompt();
+    QCOMPARE(clipboard.texts.last(),
+             QStringLiteral("Based on the following excerpts from my documents, answer my "
+                            "question.\n\n--- Context ---\n\n[Notes/list.txt, line 1]\n"
+                            "buy milk and bread\n\n--- Question ---\n\nmilk\n"));
+}
+
+void TestAppState::concurrentSearchesAndIndexingOnTwoTabs()
+{
+    // Both tabs index while both search, over and over; every engine call meets the others only
+    // through the process-wide lock (run under ThreadSanitizer by `make tsan`).
+    const QString a = makeDir(QStringLiteral("Left"));
+    const QString b = makeDir(QStringLiteral("Right"));
+    for (int i = 0; i < 12; i++) {
+        writeFile(a,
+                  QStringLiteral("left%1.txt").arg(i),
+                  QByteArray("left side document number ") + QByteArray::number(i)
+                      + QByteArray(300, '.'));
+        writeFile(b,
+                  QStringLiteral("right%1.md").arg(i),
+                  QByteArray("right side note number ") + QByteArray::number(i)
+                      + QByteArray(300, '-'));
+    }
+    std::unique_ptr<AppState> app = restoredState();
+    QVERIFY(app);
+    app->openDirectory({a, b});
+    DirectoryState *left = app->stateFor(app->tabs().at(0).id);
+    DirectoryState *right = app->stateFor(app->tabs().at(1).id);
+    QVERIFY(left->isIngesting() && right->isIngesting());
+    const QList<SearchMode> modes = allSearchModes();
+    for (int round = 0; round < 6; round++) {
+        const SearchMode mode = modes.at(round % modes.size());
+        left->search(QStringLiteral("number"), mode);
+        right->search(QStringLiteral("side"), mode);
+        left->loadFileList();
+        right->loadFileList();
+        QTest::qWait(5);
+    }
+    QTRY_VERIFY_WITH_TIMEOUT(!left->isIngesting() && !right->isIngesting(), 30000);
+    QTRY_VERIFY_WITH_TIMEOUT(!left->isSearching() && !right->isSearching(), 10000);
+    QTRY_VERIFY(!left->isLoadingFileList() && !right->isLoadingFileList());
+
+    QCOMPARE(left->statusText(), QStringLiteral("12 chunks from 12 files"));
+    QCOMPARE(right->statusText(), QStringLiteral("12 chunks from 12 files"));
+    left->search(QStringLiteral("left side"), SearchMode::Text);
+    right->search(QStringLiteral("left side"), SearchMode::Text);
+    QTRY_COMPARE(left->results().size(), 10);
+    QVERIFY(left->hasMoreResults());
+    QTRY_VERIFY(!right->isSearching());
+    QVERIFY(right->results().isEmpty());
+}
+
+QTEST_GUILESS_MAIN(TestAppState)
+#include "app_state_test.moc"

@@ -1,0 +1,480 @@
+/*
+** One tab's model: history, paging, pins, the encoder override, the git branch, the status text
+** and the results model.
+*/
+#include "directory_state.h"
+
+#include "json_coding.h"
+#include "results_model.h"
+#include "test_support.h"
+#include "training_manager.h"
+
+#include <QAbstractItemModelTester>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QThreadPool>
+#include <QtTest>
+
+class TestDirectoryState : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init();
+    void cleanup();
+    void emptyQueryClearsResultsAndRecordsNothing();
+    void historyDeduplicatesByQueryAndMode();
+    void historyKeepsTheTenMostRecent();
+    void historySurvivesReopening();
+    void pagingGrowsByTenUntilSixtyFour();
+    void shortAnswerEndsPaging();
+    void pinnedResultsShowFirstAndNeverTwice();
+    void unpinningRemovesFromListAndSettings();
+    void encoderOverrideFallsBackToDefault();
+    void choosingDefaultRemovesTheOverrideKey();
+    void statusTextReportsCountsAfterIndexing();
+    void closedTabDropsLateResults();
+    void gitBranch_data();
+    void gitBranch();
+    void resultsModelFollowsDisplayResults();
+
+private:
+    DirectoryState *openState(const QString &path);
+    bool waitForIngest(DirectoryState *state);
+    bool waitForSearch(DirectoryState *state);
+
+    std::unique_ptr<IsolatedEnvironment> m_env;
+    std::unique_ptr<QTemporaryDir> m_dir;
+    QList<DirectoryState *> m_states;
+};
+
+void TestDirectoryState::initTestCase()
+{
+    m_env = std::make_unique<IsolatedEnvironment>();
+    TrainingManager::shared(); // reads the isolated settings
+}
+
+void TestDirectoryState::init()
+{
+    m_dir = std::make_unique<QTemporaryDir>();
+    QVERIFY(m_dir->isValid());
+}
+
+void TestDirectoryState::cleanup()
+{
+    qDeleteAll(m_states);
+    m_states.clear();
+    // Background jobs may still hold an engine; it writes its store when they let go.
+    QThreadPool::globalInstance()->waitForDone();
+    m_dir.reset();
+}
+
+DirectoryState *TestDirectoryState::openState(const QString &path)
+{
+    DirectoryTab tab{QUuid::createUuid(), path, QFileInfo(path).fileName()};
+    auto *state = new DirectoryState(tab, QString(), m_env->settings());
+    m_states.append(state);
+    return state;
+}
+
+bool TestDirectoryState::waitForIngest(DirectoryState *state)
+{
+    QSignalSpy done(state, &DirectoryState::ingestFinished);
+    return done.wait(20000);
+}
+
+bool TestDirectoryState::waitForSearch(DirectoryState *state)
+{
+    QSignalSpy done(state, &DirectoryState::searchFinished);
+    return done.wait(10000);
+}
+
+void TestDirectoryState::emptyQueryClearsResultsAndRecordsNothing()
+{
+    writeFile(m_dir->path(), QStringLiteral("a.txt"), "the quick brown fox jumps\n");
+    DirectoryState *state = openState(m_dir->path());
+    state->ingest(800, 200);
+    QVERIFY(waitForIngest(state));
+    state->search(QStringLiteral("fox"), SearchMode::Text);
+    QVERIFY(waitForSearch(state));
+    QCOMPARE(state->results().size(), 1);
+    QCOMPARE(state->searchHistory().size(), 1);
+
+    QSignalSpy results(state, &DirectoryState::resultsChanged);
+    state->search(QString(), SearchMode::Text);
+    QCOMPARE(results.count(), 1);
+    QVERIFY(state->results().isEmpty());
+    QVERIFY(!state->hasMoreResults());
+    QCOMPARE(state->searchHistory().size(), 1);
+    QCOMPARE(state->lastQuery(), QStringLiteral("fox"));
+}
+
+void TestDirectoryState::historyDeduplicatesByQueryAndMode()
+{
+    DirectoryState *state = openState(m_dir->path());
+    state->addToHistory(QStringLiteral("foo"), SearchMode::Text);
+    state->addToHistory(QStringLiteral("bar"), SearchMode::Text);
+    state->addToHistory(QStringLiteral("foo"), SearchMode::Text);
+    QCOMPARE(state->searchHistory().size(), 2);
+    QCOMPARE(state->searchHistory().at(0).query, QStringLiteral("foo"));
+    QCOMPARE(state->searchHistory().at(1).query, QStringLiteral("bar"));
+
+    state->addToHistory(QStringLiteral("foo"), SearchMode::Semantic);
+    state->addToHistory(QStringLiteral("Foo"), SearchMode::Text);
+    QCOMPARE(state->searchHistory().size(), 4);
+    QCOMPARE(state->searchHistory().at(1).mode, QStringLiteral("Semantic"));
+    QCOMPARE(state->searchHistory().at(2).mode, QStringLiteral("Text"));
+}
+
+void TestDirectoryState::historyKeepsTheTenMostRecent()
+{
+    DirectoryState *state = openState(m_dir->path());
+    QSignalSpy changed(state, &DirectoryState::searchHistoryChanged);
+    for (int i = 1; i <= 11; i++) {
+        state->addToHistory(QStringLiteral("query %1").arg(i), SearchMode::Regex);
+    }
+    QCOMPARE(changed.count(), 11);
+    QCOMPARE(state->searchHistory().size(), 10);
+    QCOMPARE(state->searchHistory().first().query, QStringLiteral("query 11"));
+    QCOMPARE(state->searchHistory().last().query, QStringLiteral("query 2"));
+    const std::optional<QList<SearchHistoryEntry>> stored =
+        SearchHistoryEntry::decodeList(m_env->settings()->searchHistoryData(m_dir->path()));
+    QVERIFY(stored);
+    QCOMPARE(stored->size(), 10);
+}
+
+void TestDirectoryState::historySurvivesReopening()
+{
+    DirectoryState *state = openState(m_dir->path());
+    state->addToHistory(QStringLiteral("first"), SearchMode::Text);
+    state->addToHistory(QStringLiteral("second"), SearchMode::Regex);
+    const QList<SearchHistoryEntry> before = state->searchHistory();
+    // Garbage under another directory's key does not disturb this one.
+    m_env->settings()->setSearchHistoryData(m_dir->path() + QStringLiteral("/sub"), "garbage");
+    qDeleteAll(m_states);
+    m_states.clear();
+    DirectoryState *again = openState(m_dir->path());
+    QCOMPARE(again->searchHistory(), before);
+    DirectoryState *other = openState(m_dir->path() + QStringLiteral("/sub"));
+    QVERIFY(other->searchHistory().isEmpty());
+}
+
+void TestDirectoryState::pagingGrowsByTenUntilSixtyFour()
+{
+    // 4000 bytes in windows of 50 every 40 bytes: about a hundred chunks, each holding "alpha".
+    QByteArray text;
+    while (text.size() < 4000) {
+        text += "alpha ";
+    }
+    writeFile(m_dir->path(), QStringLiteral("many.txt"), text);
+    DirectoryState *state = openState(m_dir->path());
+    state->ingest(50, 10);
+    QVERIFY(waitForIngest(state));
+    QVERIFY(state->engine()->stats().chunk_count > 70);
+
+    state->search(QStringLiteral("alpha"), SearchMode::Text);
+    QVERIFY(waitForSearch(state));
+    QCOMPARE(state->searchLimit(), 10);
+    QCOMPARE(state->results().size(), 10);
+    QVERIFY(state->hasMoreResults());
+
+    for (int k = 20; k <= 60; k += 10) {
+        state->loadMore();
+        QVERIFY(state->isLoadingMore());
+        state->loadMore(); // ignored while a page loads
+        QCOMPARE(state->searchLimit(), k);
+        QVERIFY(waitForSearch(state));
+        QVERIFY(!state->isLoadingMore());
+        QCOMPARE(state->results().size(), k);
+        QVERIFY2(state->hasMoreResults(), qPrintable(QString::number(k)));
+    }
+    state->loadMore();
+    QCOMPARE(state->searchLimit(), 70);
+    QVERIFY(waitForSearch(state));
+    QCOMPARE(state->results().size(), 64); // the engine's cap
+    QVERIFY(!state->hasMoreResults());
+    state->loadMore();
+    QCOMPARE(state->searchLimit(), 70);
+    QVERIFY(!state->isLoadingMore());
+    QCOMPARE(state->searchHistory().size(), 1);
+
+    // A new search starts again at 10.
+    state->search(QStringLiteral("alpha"), SearchMode::Text);
+    QCOMPARE(state->searchLimit(), 10);
+    QVERIFY(waitForSearch(state));
+    QCOMPARE(state->results().size(), 10);
+}
+
+void TestDirectoryState::shortAnswerEndsPaging()
+{
+    writeFile(m_dir->path(), QStringLiteral("a.txt"), "one rare word here\n");
+    writeFile(m_dir->path(), QStringLiteral("b.txt"), "another rare word\n");
+    DirectoryState *state = openState(m_dir->path());
+    state->ingest(800, 200);
+    QVERIFY(waitForIngest(state));
+    state->search(QStringLiteral("rare"), SearchMode::Text);
+    QVERIFY(waitForSearch(state));
+    QCOMPARE(state->results().size(), 2);
+    QVERIFY(!state->hasMoreResults());
+}
+
+static SearchResult makeResult(const QString &id, const QString &path)
+{
+    SearchResult r;
+    r.id = id;
+    r.filePath = path;
+    r.snippet = QStringLiteral("snippet of ") + id;
+    r.score = 0.5f;
+    r.chunkIndex = 2;
+    r.lineNumber = 9;
+    r.fileType = 3;
+    return r;
+}
+
+void TestDirectoryState::pinnedResultsShowFirstAndNeverTwice()
+{
+    writeFile(m_dir->path(), QStringLiteral("a.txt"), "apples and pears in the basket\n");
+    writeFile(m_dir->path(), QStringLiteral("b.txt"), "apples grow on trees in autumn\n");
+    DirectoryState *state = openState(m_dir->path());
+    state->ingest(800, 200);
+    QVERIFY(waitForIngest(state));
+    state->search(QStringLiteral("apples"), SearchMode::Text);
+    QVERIFY(waitForSearch(state));
+    QCOMPARE(state->results().size(), 2);
+    const SearchResult second = state->results().at(1);
+
+    QSignalSpy display(state, &DirectoryState::displayResultsChanged);
+    state->togglePin(second);
+    QCOMPARE(display.count(), 1);
+    QVERIFY(state->isPinned(second));
+    QList<SearchResult> shown = state->displayResults();
+    QCOMPARE(shown.size(), 2); // pinned first, not repeated
+    QCOMPARE(shown.at(0), second);
+    QCOMPARE(shown.at(1), state->results().at(0));
+
+    // Unrelated search: the pin stays on top.
+    state->search(QStringLiteral("basket"), SearchMode::Text);
+    QVERIFY(waitForSearch(state));
+    shown = state->displayResults();
+    QCOMPARE(shown.size(), 2);
+    QCOMPARE(shown.at(0).id, second.id);
+    QVERIFY(shown.at(1).filePath.endsWith(QStringLiteral("a.txt")));
+
+    // A pin from the settings is shown even when nothing else is.
+    qDeleteAll(m_states);
+    m_states.clear();
+    DirectoryState *again = openState(m_dir->path());
+    QCOMPARE(again->displayResults().size(), 1);
+    QCOMPARE(again->displayResults().first(), second);
+}
+
+void TestDirectoryState::unpinningRemovesFromListAndSettings()
+{
+    DirectoryState *state = openState(m_dir->path());
+    const SearchResult a = makeResult(QStringLiteral("/x/a.txt:0"), QStringLiteral("/x/a.txt"));
+    const SearchResult b = makeResult(QStringLiteral("/x/b.txt:0"), QStringLiteral("/x/b.txt"));
+    state->togglePin(a);
+    state->togglePin(b);
+    QCOMPARE(state->pinnedResults().size(), 2);
+    state->togglePin(a);
+    QCOMPARE(state->pinnedResults().size(), 1);
+    QCOMPARE(state->pinnedResults().first().id, b.id);
+    const std::optional<QList<PinnedResult>> stored =
+        PinnedResult::decodeList(m_env->settings()->pinnedResultsData(m_dir->path()));
+    QVERIFY(stored);
+    QCOMPARE(stored->size(), 1);
+    QCOMPARE(stored->first().toResult(), b);
+    QVERIFY(!state->isPinned(a));
+}
+
+void TestDirectoryState::encoderOverrideFallsBackToDefault()
+{
+    TrainingManager *manager = TrainingManager::shared();
+    TrainingProfile draft;
+    draft.name = QStringLiteral("Override profile");
+    TrainingProfile profile = manager->createProfile(draft);
+    TrainingProfile defaultDraft;
+    defaultDraft.name = QStringLiteral("Default profile");
+    TrainingProfile defaultProfile = manager->createProfile(defaultDraft);
+    manager->setDefaultProfileId(defaultProfile.id);
+    defaultProfile.status = TrainingStatus::Trained;
+    manager->updateProfile(defaultProfile);
+
+    m_env->settings()->setEncoderOverride(m_dir->path(), JsonCoding::uuidText(profile.id));
+    DirectoryState *state = openState(m_dir->path());
+    QCOMPARE(state->overrideProfileId(), profile.id);
+    // Not trained yet: the default profile's weights.
+    QCOMPARE(state->effectiveWeightsPath(), defaultProfile.weightsPath);
+
+    profile.status = TrainingStatus::Trained;
+    manager->updateProfile(profile);
+    QCOMPARE(state->effectiveWeightsPath(), profile.weightsPath);
+    profile.status = TrainingStatus::Failed;
+    manager->updateProfile(profile);
+    QCOMPARE(state->effectiveWeightsPath(), defaultProfile.weightsPath);
+
+    manager->deleteProfile(profile);
+    QCOMPARE(state->effectiveWeightsPath(), defaultProfile.weightsPath);
+    // The override stays stored so it applies once such a profile exists again.
+    QVERIFY(m_env->settings()->encoderOverride(m_dir->path()));
+
+    manager->deleteProfile(defaultProfile);
+    QCOMPARE(state->effectiveWeightsPath(), QString());
+
+    m_env->settings()->setEncoderOverride(m_dir->path(), QStringLiteral("not a uuid"));
+    DirectoryState *garbled = openState(m_dir->path());
+    QVERIFY(garbled->overrideProfileId().isNull());
+}
+
+void TestDirectoryState::choosingDefaultRemovesTheOverrideKey()
+{
+    writeFile(m_dir->path(), QStringLiteral("a.txt"), "words to index again and again\n");
+    const QUuid someId = QUuid::createUuid();
+    m_env->settings()->setEncoderOverride(m_dir->path(), JsonCoding::uuidText(someId));
+    m_env->settings()->setChunkSize(0); // reads as 800
+    DirectoryState *state = openState(m_dir->path());
+    QSignalSpy overrideChanged(state, &DirectoryState::overrideProfileIdChanged);
+    state->setEncoderProfile(QUuid());
+    QCOMPARE(overrideChanged.count(), 1);
+    QVERIFY(state->isIngesting());
+    QCOMPARE(state->statusText(), QStringLiteral("Indexing..."));
+    QCOMPARE(m_env->settings()->encoderOverride(m_dir->path()), std::nullopt);
+    QVERIFY(waitForIngest(state));
+    QCOMPARE(state->statusText(), QStringLiteral("1 chunks from 1 files"));
+
+    state->setEncoderProfile(someId);
+    QCOMPARE(m_env->settings()->encoderOverride(m_dir->path()),
+             std::optional<QString>(JsonCoding::uuidText(someId)));
+    QVERIFY(waitForIngest(state));
+    m_env->settings()->remove(QStringLiteral("chunkSize"));
+}
+
+void TestDirectoryState::statusTextReportsCountsAfterIndexing()
+{
+    writeFile(m_dir->path(), QStringLiteral("a.txt"), QByteArray(250, 'a'));
+    writeFile(m_dir->path(), QStringLiteral("b.md"), "# heading\nsome text\n");
+    DirectoryState *fresh = openState(m_dir->path());
+    QCOMPARE(fresh->statusText(), QStringLiteral("Not indexed"));
+    QVERIFY(!fresh->isIndexed());
+
+    QSignalSpy found(fresh, &DirectoryState::ingestFilesFoundChanged);
+    QSignalSpy done(fresh, &DirectoryState::ingestFilesDoneChanged);
+    fresh->ingest(100, 20);
+    QVERIFY(waitForIngest(fresh));
+    QVERIFY(!fresh->isIngesting());
+    QCOMPARE(fresh->ingestFilesFound(), 2);
+    QCOMPARE(fresh->ingestFilesDone(), 2);
+    QCOMPARE(found.count(), 1);
+    QCOMPARE(done.count(), 2);
+    QCOMPARE(fresh->statusText(), QStringLiteral("3 chunks from 2 files"));
+
+    // The next tab on the same directory opens the checkpointed index.
+    qDeleteAll(m_states);
+    m_states.clear();
+    DirectoryState *reopened = openState(m_dir->path());
+    QCOMPARE(reopened->statusText(), QStringLiteral("3 chunks from 2 files"));
+    QVERIFY(reopened->isIndexed());
+
+    reopened->loadFileList();
+    QVERIFY(reopened->isLoadingFileList());
+    QTRY_VERIFY(!reopened->isLoadingFileList());
+    QCOMPARE(reopened->fileList().size(), 2);
+    QCOMPARE(reopened->fileList().at(0).chunkCount, 2);
+
+    // A directory that has gone away fails to index.
+    QTemporaryDir gone;
+    const QString path = gone.path();
+    DirectoryState *missing = openState(path);
+    QVERIFY(gone.remove());
+    missing->ingest(800, 200);
+    QVERIFY(waitForIngest(missing));
+    QCOMPARE(missing->statusText(), QStringLiteral("Indexing failed"));
+}
+
+void TestDirectoryState::closedTabDropsLateResults()
+{
+    writeFile(m_dir->path(), QStringLiteral("a.txt"), "closing while searching\n");
+    DirectoryState *state = openState(m_dir->path());
+    std::weak_ptr<TarnwickEngine> engine = state->engine();
+    state->ingest(800, 200);
+    state->search(QStringLiteral("closing"), SearchMode::Text);
+    m_states.removeOne(state);
+    delete state;
+    // The background work still holds the engine, finishes, and publishes nowhere.
+    QTRY_VERIFY_WITH_TIMEOUT(engine.expired(), 20000);
+}
+
+void TestDirectoryState::gitBranch_data()
+{
+    QTest::addColumn<QString>("layout"); // "dir", "file", "bad-file" or "none"
+    QTest::addColumn<QByteArray>("head");
+    QTest::addColumn<QString>("subdirectory");
+    QTest::addColumn<QString>("branch");
+
+    QTest::newRow("branch with a slash") << "dir" << QByteArray("ref: refs/heads/feature/x\n") << ""
+                                         << "feature/x";
+    QTest::newRow("three levels below the root")
+        << "dir" << QByteArray("ref: refs/heads/main") << "a/b/c"
+        << "main";
+    QTest::newRow("detached head")
+        << "dir" << QByteArray("0123456789abcdef0123456789abcdef01234567\n") << ""
+        << "0123456";
+    QTest::newRow("short detached text") << "dir" << QByteArray("abc\n") << ""
+                                         << "";
+    QTest::newRow("worktree .git file") << "file" << QByteArray("ref: refs/heads/wt\n") << "src"
+                                        << "wt";
+    QTest::newRow(".git file without gitdir")
+        << "bad-file" << QByteArray("ref: refs/heads/x\n") << ""
+        << "";
+    QTest::newRow("no repository") << "none" << QByteArray() << "deep/er"
+                                   << "";
+}
+
+void TestDirectoryState::gitBranch()
+{
+    QFETCH(QString, layout);
+    QFETCH(QByteArray, head);
+    QFETCH(QString, subdirectory);
+    const QString root = m_dir->filePath(QStringLiteral("repo"));
+    QDir().mkpath(root + QLatin1Char('/') + subdirectory);
+    if (layout == QLatin1String("dir")) {
+        writeFile(root, QStringLiteral(".git/HEAD"), head);
+    } else if (layout == QLatin1String("file")) {
+        const QString gitDir = m_dir->filePath(QStringLiteral("elsewhere/worktrees/wt"));
+        writeFile(gitDir, QStringLiteral("HEAD"), head);
+        writeFile(root, QStringLiteral(".git"), "gitdir: " + gitDir.toUtf8() + "\n");
+    } else if (layout == QLatin1String("bad-file")) {
+        writeFile(root, QStringLiteral(".git"), "something else\n");
+    }
+    const QString path = subdirectory.isEmpty() ? root : root + QLatin1Char('/') + subdirectory;
+    QTEST(DirectoryState::detectGitBranch(path), "branch");
+    DirectoryState *state = openState(path);
+    QTEST(state->gitBranch(), "branch");
+}
+
+void TestDirectoryState::resultsModelFollowsDisplayResults()
+{
+    writeFile(m_dir->path(), QStringLiteral("a.txt"), "model rows come from here\n");
+    writeFile(m_dir->path(), QStringLiteral("b.txt"), "more model rows\n");
+    DirectoryState *state = openState(m_dir->path());
+    ResultsModel *model = state->resultsModel();
+    QAbstractItemModelTester tester(model, QAbstractItemModelTester::FailureReportingMode::QtTest);
+    state->ingest(800, 200);
+    QVERIFY(waitForIngest(state));
+    QCOMPARE(model->rowCount(), 0);
+    state->search(QStringLiteral("model"), SearchMode::Text);
+    QVERIFY(waitForSearch(state));
+    QCOMPARE(model->rowCount(), 2);
+    const SearchResult second = model->result(1);
+    state->togglePin(second);
+    QCOMPARE(model->rowCount(), 2);
+    QCOMPARE(model->data(model->index(0), ResultsModel::IdRole).toString(), second.id);
+    QCOMPARE(model->data(model->index(0), ResultsModel::IsPinnedRole).toBool(), true);
+    QCOMPARE(model->data(model->index(1), ResultsModel::IsPinnedRole).toBool(), false);
+    QCOMPARE(model->data(model->index(0), Qt::DisplayRole).toString(),
+             QFileInfo(second.filePath).fileName() + QStringLiteral(":1"));
+}
+
+QTEST_GUILESS_MAIN(TestDirectoryState)
+#include "directory_state_test.moc"

@@ -1,0 +1,423 @@
+/*
+** The engine wrapper: classification, the walk and ingestion rules, searching, listing, PDF
+** text and pages, opening results, and file sizes.
+*/
+#include "tarnwick_engine.h"
+
+#include "test_support.h"
+
+#include <QPainter>
+#include <QPdfWriter>
+#include <QTemporaryDir>
+#include <QtTest>
+
+class TestTarnwickEngine : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init();
+    void classify_data();
+    void classify();
+    void appearsToBeText_data();
+    void appearsToBeText();
+    void extraExtensionsAreTrimmedAndLowerCased();
+    void walkSkipsHiddenEntriesAndTheIndex();
+    void ingestNeedsElevenCharactersAndValidUtf8();
+    void searchCopiesRecordsAndKZeroReturnsNothing();
+    void fileListCarriesChunkCounts();
+    void clearAndReopenDiscardsTheIndex();
+    void pdfTextAndPageForLine();
+    void openResult_data();
+    void openResult();
+    void editorLinkFallsBackToTheFile();
+    void fileCategory_data();
+    void fileCategory();
+    void formatFileSize_data();
+    void formatFileSize();
+
+private:
+    std::unique_ptr<IsolatedEnvironment> m_env;
+    QTemporaryDir m_dir;
+};
+
+void TestTarnwickEngine::initTestCase()
+{
+    m_env = std::make_unique<IsolatedEnvironment>();
+}
+
+void TestTarnwickEngine::init()
+{
+    m_env->settings()->remove(QStringLiteral("extraExtensions"));
+    TarnwickEngine::setUrlOpener({});
+}
+
+void TestTarnwickEngine::classify_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<bool>("indexable");
+    QTest::addColumn<QString>("fileType");
+    QTest::addColumn<QString>("identifier");
+
+    const QByteArray text = "plain words\n";
+    QTest::newRow("markdown keeps the plain-text identifier")
+        << "notes.md" << text << true << "Markdown"
+        << "public.plain-text";
+    QTest::newRow("upper-case extension") << "NOTES.MARKDOWN" << text << true << "Markdown"
+                                          << "public.plain-text";
+    QTest::newRow("plain text") << "a.txt" << text << true << "Text"
+                                << "public.plain-text";
+    QTest::newRow("c source") << "main.c" << text << true << "Source"
+                              << "public.c-source";
+    QTest::newRow("python") << "x.py" << text << true << "Source"
+                            << "public.python-script";
+    QTest::newRow("html") << "page.html" << text << true << "HTML"
+                          << "public.html";
+    QTest::newRow("pdf by extension") << "doc.pdf" << text << true << "PDF"
+                                      << "com.adobe.pdf";
+    QTest::newRow("Makefile by name") << "Makefile" << text << true << "Text"
+                                      << "public.plain-text";
+    QTest::newRow("makefile lower case is unknown") << "makefile" << text << false << "Binary"
+                                                    << "unknown";
+    QTest::newRow("README by name") << "README" << text << true << "Text"
+                                    << "public.plain-text";
+    QTest::newRow("json through the extra extensions")
+        << "conf.json" << QByteArray("{\"a\": 1}\n") << true << "Text"
+        << "extra.json";
+    QTest::newRow("unknown extension listed as extra")
+        << "data.toml" << QByteArray("a = 1\n") << true << "Text"
+        << "extra.toml";
+    QTest::newRow("extra extension with a NUL byte")
+        << "blob.json" << QByteArray("{\"a\"\0}", 6) << false << "Binary"
+        << "public.json";
+    QTest::newRow("known binary type") << "x.png" << text << false << "Binary"
+                                       << "public.png";
+    QTest::newRow("unknown extension") << "x.qqq" << text << false << "Binary"
+                                       << "unknown";
+}
+
+void TestTarnwickEngine::classify()
+{
+    QFETCH(QString, name);
+    QFETCH(QByteArray, content);
+    QTemporaryDir dir;
+    writeFile(dir.path(), name, content);
+    const FileClassification c = TarnwickEngine::classify(dir.filePath(name));
+    QTEST(c.fileType, "fileType");
+    QTEST(c.utiType, "identifier");
+    QTEST(c.isIndexable, "indexable");
+}
+
+void TestTarnwickEngine::appearsToBeText_data()
+{
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<bool>("text");
+
+    QTest::newRow("empty file") << QByteArray() << false;
+    QTest::newRow("ascii") << QByteArray("hello\tworld\r\n\x1b[0m\f\v") << true;
+    QTest::newRow("one NUL among text")
+        << (QByteArray(300, 'a') + '\0' + QByteArray(100, 'b')) << false;
+    QTest::newRow("NUL after 512 bytes is not seen") << (QByteArray(512, 'a') + '\0') << true;
+    // 9 control bytes of 100 is below 10%; 10 of 100 is not.
+    QTest::newRow("9 percent control") << (QByteArray(9, '\x01') + QByteArray(91, 'a')) << true;
+    QTest::newRow("10 percent control") << (QByteArray(10, '\x1f') + QByteArray(90, 'a')) << false;
+    QTest::newRow("utf-8 letters") << QString::fromUtf8("räksmörgås").toUtf8() << true;
+}
+
+void TestTarnwickEngine::appearsToBeText()
+{
+    QFETCH(QByteArray, content);
+    QTemporaryDir dir;
+    writeFile(dir.path(), QStringLiteral("f.bin"), content);
+    QTEST(TarnwickEngine::appearsToBeText(dir.filePath(QStringLiteral("f.bin"))), "text");
+    QVERIFY(!TarnwickEngine::appearsToBeText(dir.filePath(QStringLiteral("missing"))));
+}
+
+void TestTarnwickEngine::extraExtensionsAreTrimmedAndLowerCased()
+{
+    m_env->settings()->setExtraExtensions(QStringLiteral(" JSON ,, toml,\tIni , "));
+    const QSet<QString> expected = {
+        QStringLiteral("json"), QStringLiteral("toml"), QStringLiteral("ini")};
+    QCOMPARE(TarnwickEngine::extraExtensions(), expected);
+
+    // Without the setting, the default list applies; "csv" is not in it but is plain text.
+    m_env->settings()->remove(QStringLiteral("extraExtensions"));
+    QVERIFY(TarnwickEngine::extraExtensions().contains(QStringLiteral("yaml")));
+    m_env->settings()->setExtraExtensions(QString());
+    QVERIFY(TarnwickEngine::extraExtensions().isEmpty());
+    QTemporaryDir dir;
+    writeFile(dir.path(), QStringLiteral("c.yaml"), "a: 1\n");
+    QVERIFY(!TarnwickEngine::classify(dir.filePath(QStringLiteral("c.yaml"))).isIndexable);
+}
+
+void TestTarnwickEngine::walkSkipsHiddenEntriesAndTheIndex()
+{
+    QTemporaryDir dir;
+    writeFile(dir.path(), QStringLiteral("visible.txt"), "visible words here\n");
+    writeFile(dir.path(), QStringLiteral(".hidden.txt"), "hidden words here\n");
+    writeFile(dir.path(), QStringLiteral(".secret/inner.txt"), "inner hidden words\n");
+    writeFile(dir.path(), QStringLiteral("sub/deep/nested.md"), "nested visible words\n");
+    TarnwickEngine engine(dir.path(), QString());
+    QVERIFY(engine.isOpen());
+    QVERIFY(QFileInfo(dir.filePath(QStringLiteral(".tarnwick"))).isDir());
+
+    QList<QPair<int, int>> progress;
+    const int chunks = engine.ingestDirectory(800, 200, [&progress](int done, int found) {
+        progress.append({done, found});
+    });
+    QCOMPARE(chunks, 2);
+    // (0 of 2) after the walk, then one step per file.
+    const QList<QPair<int, int>> expected = {{0, 2}, {1, 2}, {2, 2}};
+    QCOMPARE(progress, expected);
+    QCOMPARE(engine.search(QStringLiteral("hidden"), SearchMode::Text, 10).size(), 0);
+    QCOMPARE(engine.search(QStringLiteral("visible"), SearchMode::Text, 10).size(), 2);
+
+    // A second run over the same directory must not ingest the index files themselves.
+    QVERIFY(engine.checkpoint());
+    const QList<FileInfo> files = engine.fileList();
+    QStringList names;
+    for (const FileInfo &f : files) {
+        names.append(f.name);
+    }
+    QCOMPARE(names, QStringList({QStringLiteral("nested.md"), QStringLiteral("visible.txt")}));
+}
+
+void TestTarnwickEngine::ingestNeedsElevenCharactersAndValidUtf8()
+{
+    QTemporaryDir dir;
+    writeFile(dir.path(), QStringLiteral("ten.txt"), "abcdefghij");
+    writeFile(dir.path(), QStringLiteral("eleven.txt"), "abcdefghijk");
+    writeFile(dir.path(), QStringLiteral("latin1.txt"), "caf\xe9 caf\xe9 caf\xe9 caf\xe9");
+    writeFile(dir.path(), QStringLiteral("photo.png"), "abcdefghijklmnop");
+    TarnwickEngine engine(dir.path(), QString());
+    QCOMPARE(engine.ingestDirectory(800, 200), 1);
+    const QList<SearchResult> hits =
+        engine.search(QStringLiteral("abcdefghij"), SearchMode::Text, 10);
+    QCOMPARE(hits.size(), 1);
+    QCOMPARE(hits.first().filePath, dir.filePath(QStringLiteral("eleven.txt")));
+}
+
+void TestTarnwickEngine::searchCopiesRecordsAndKZeroReturnsNothing()
+{
+    QTemporaryDir dir;
+    writeFile(dir.path(), QStringLiteral("a.txt"), "first line\nsecond line has the needle\n");
+    writeFile(dir.path(), QStringLiteral("b.txt"), "nothing to see in this one\n");
+    TarnwickEngine engine(dir.path(), QString());
+    QVERIFY(engine.ingestDirectory(800, 200) > 0);
+
+    QVERIFY(engine.search(QStringLiteral("needle"), SearchMode::Text, 0).isEmpty());
+    const QList<SearchResult> hits = engine.search(QStringLiteral("NEEDLE"), SearchMode::Text, 5);
+    QCOMPARE(hits.size(), 1);
+    const SearchResult hit = hits.first();
+    QCOMPARE(hit.filePath, dir.filePath(QStringLiteral("a.txt")));
+    QCOMPARE(hit.chunkIndex, 0);
+    QCOMPARE(hit.lineNumber, 1);
+    QCOMPARE(hit.fileType, int(TRN_FILE_TYPE_TEXT));
+    QVERIFY(hit.snippet.contains(QStringLiteral("needle")));
+    QVERIFY(hit.id.startsWith(hit.filePath));
+
+    // The copy outlives the engine's snippet buffers.
+    engine.search(QStringLiteral("nothing"), SearchMode::Text, 5);
+    QVERIFY(hit.snippet.contains(QStringLiteral("needle")));
+
+    const QList<SearchResult> regex = engine.search(QStringLiteral("sec.nd"), SearchMode::Regex, 5);
+    QCOMPARE(regex.size(), 1);
+    QCOMPARE(engine.search(QStringLiteral("anything"), SearchMode::Semantic, 5).size(), 2);
+}
+
+void TestTarnwickEngine::fileListCarriesChunkCounts()
+{
+    QTemporaryDir dir;
+    writeFile(dir.path(), QStringLiteral("long.txt"), QByteArray(250, 'x'));
+    writeFile(dir.path(), QStringLiteral("short.txt"), "tiny");
+    writeFile(dir.path(), QStringLiteral("image.png"), QByteArray(2048, '\x01'));
+    TarnwickEngine engine(dir.path(), QString());
+    QCOMPARE(engine.fileList().first().chunkCount, 0);
+    QVERIFY(engine.ingestDirectory(100, 20) > 0);
+    const QList<FileInfo> files = engine.fileList();
+    QCOMPARE(files.size(), 3);
+    QCOMPARE(files.at(0).name, QStringLiteral("image.png"));
+    QCOMPARE(files.at(0).isIndexable, false);
+    QCOMPARE(files.at(0).fileSize, 2048);
+    QCOMPARE(files.at(0).utiType, QStringLiteral("public.png"));
+    // 250 bytes in windows of 100 bytes every 80: at 0 and 80; a third would run past the end.
+    QCOMPARE(files.at(1).chunkCount, 2);
+    QVERIFY(files.at(1).isIndexed);
+    QCOMPARE(files.at(2).chunkCount, 0);
+    QVERIFY(!files.at(2).isIndexed);
+    QVERIFY(files.at(2).isIndexable);
+}
+
+void TestTarnwickEngine::clearAndReopenDiscardsTheIndex()
+{
+    QTemporaryDir dir;
+    writeFile(dir.path(), QStringLiteral("a.txt"), "some words worth indexing\n");
+    {
+        TarnwickEngine engine(dir.path(), QString());
+        QVERIFY(engine.ingestDirectory(800, 200) > 0);
+    }
+    TarnwickEngine engine(dir.path(), QString());
+    QCOMPARE(engine.stats().chunk_count, 1u);
+    engine.clearAndReopen(QString());
+    QVERIFY(engine.isOpen());
+    QCOMPARE(engine.stats().chunk_count, 0u);
+    // A missing store is no error either.
+    engine.clearAndReopen(QString());
+    QCOMPARE(engine.stats().chunk_count, 0u);
+}
+
+// Writes a PDF whose pages hold the given lines.
+static void writePdf(const QString &path, const QList<QStringList> &pages)
+{
+    QPdfWriter writer(path);
+    writer.setResolution(72);
+    QPainter painter(&writer);
+    QFont font(QStringLiteral("DejaVu Sans"));
+    font.setPointSize(12);
+    painter.setFont(font);
+    for (qsizetype p = 0; p < pages.size(); p++) {
+        if (p > 0) {
+            writer.newPage();
+        }
+        for (qsizetype i = 0; i < pages.at(p).size(); i++) {
+            painter.drawText(40, 60 + int(i) * 40, pages.at(p).at(i));
+        }
+    }
+}
+
+void TestTarnwickEngine::pdfTextAndPageForLine()
+{
+    QTemporaryDir dir;
+    const QString pdf = dir.filePath(QStringLiteral("two.pdf"));
+    writePdf(pdf,
+             {{QStringLiteral("alpha"), QStringLiteral("beta"), QStringLiteral("gamma")},
+              {QStringLiteral("one"),
+               QStringLiteral("two"),
+               QStringLiteral("three"),
+               QStringLiteral("four"),
+               QStringLiteral("five")}});
+    const std::optional<QString> text = TarnwickEngine::extractPDFText(pdf);
+    QVERIFY(text);
+    QVERIFY(text->contains(QStringLiteral("gamma")));
+    QVERIFY(text->indexOf(QStringLiteral("gamma")) < text->indexOf(QStringLiteral("three")));
+    const QString firstPage = text->left(text->indexOf(QStringLiteral("\n\n")));
+    QCOMPARE(firstPage.split(QLatin1Char('\n')).size(), 3);
+    // Page one counts 3 lines plus its blank line.
+    QCOMPARE(TarnwickEngine::pdfPageForLine(pdf, 0), std::optional<int>(1));
+    QCOMPARE(TarnwickEngine::pdfPageForLine(pdf, 4), std::optional<int>(1));
+    QCOMPARE(TarnwickEngine::pdfPageForLine(pdf, 5), std::optional<int>(2));
+    QCOMPARE(TarnwickEngine::pdfPageForLine(pdf, 500), std::optional<int>(2));
+
+    writeFile(dir.path(), QStringLiteral("fake.pdf"), "not a pdf at all");
+    QCOMPARE(TarnwickEngine::extractPDFText(dir.filePath(QStringLiteral("fake.pdf"))),
+             std::nullopt);
+    QCOMPARE(TarnwickEngine::pdfPageForLine(dir.filePath(QStringLiteral("fake.pdf")), 3),
+             std::nullopt);
+
+    // The walk ingests the PDF's text.
+    TarnwickEngine engine(dir.path(), QString());
+    QVERIFY(engine.ingestDirectory(800, 200) > 0);
+    QCOMPARE(engine.search(QStringLiteral("gamma"), SearchMode::Text, 5).size(), 1);
+}
+
+void TestTarnwickEngine::openResult_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<QString>("expected");
+
+    QTest::newRow("c source opens the editor at the line")
+        << "/src/main.c"
+        << "vorn://open?file=/src/main.c&line=42";
+    QTest::newRow("markdown opens the editor") << "/notes/a b.md"
+                                               << "vorn://open?file=/notes/a%20b.md&line=42";
+    QTest::newRow("query characters stay, others are encoded")
+        << "/x/R&D #1.txt"
+        << "vorn://open?file=/x/R&D%20%231.txt&line=42";
+    QTest::newRow("html opens in the browser") << "/site/index.html"
+                                               << "file:///site/index.html";
+    QTest::newRow("pdf opens in the viewer") << "/docs/paper.pdf"
+                                             << "file:///docs/paper.pdf";
+    QTest::newRow("extra extension opens with the default application") << "/cfg/app.json"
+                                                                        << "file:///cfg/app.json";
+}
+
+void TestTarnwickEngine::openResult()
+{
+    QFETCH(QString, path);
+    QFETCH(QString, expected);
+    QList<QUrl> opened;
+    TarnwickEngine::setUrlOpener([&opened](const QUrl &url) {
+        opened.append(url);
+        return true;
+    });
+    SearchResult result;
+    result.filePath = path;
+    result.lineNumber = 42;
+    TarnwickEngine::openResult(result);
+    QCOMPARE(opened.size(), 1);
+    QCOMPARE(QString::fromUtf8(opened.first().toEncoded()), expected);
+
+    opened.clear();
+    TarnwickEngine::openResult(SearchResult());
+    QVERIFY(opened.isEmpty());
+}
+
+void TestTarnwickEngine::editorLinkFallsBackToTheFile()
+{
+    QList<QUrl> opened;
+    // No handler for the editor's scheme: the link fails and the file opens instead.
+    TarnwickEngine::setUrlOpener([&opened](const QUrl &url) {
+        opened.append(url);
+        return url.scheme() != QLatin1String("vorn");
+    });
+    SearchResult result;
+    result.filePath = QStringLiteral("/src/util.py");
+    result.lineNumber = 7;
+    TarnwickEngine::openResult(result);
+    QCOMPARE(opened.size(), 2);
+    QCOMPARE(opened.at(0).scheme(), QStringLiteral("vorn"));
+    QCOMPARE(opened.at(1), QUrl::fromLocalFile(QStringLiteral("/src/util.py")));
+}
+
+void TestTarnwickEngine::fileCategory_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<int>("category");
+    QTest::newRow("pdf") << "/a/b.PDF" << int(FileCategory::Pdf);
+    QTest::newRow("html") << "/a/b.htm" << int(FileCategory::Html);
+    QTest::newRow("markdown") << "/a/b.markdown" << int(FileCategory::Markdown);
+    QTest::newRow("source") << "/a/b.cpp" << int(FileCategory::Plain);
+    QTest::newRow("no extension") << "/a/Makefile" << int(FileCategory::Plain);
+}
+
+void TestTarnwickEngine::fileCategory()
+{
+    QFETCH(QString, path);
+    SearchResult result;
+    result.filePath = path;
+    QTEST(int(TarnwickEngine::fileCategory(result)), "category");
+}
+
+void TestTarnwickEngine::formatFileSize_data()
+{
+    QTest::addColumn<qint64>("bytes");
+    QTest::addColumn<QString>("text");
+    QTest::newRow("zero") << qint64(0) << "0 B";
+    QTest::newRow("1023") << qint64(1023) << "1023 B";
+    QTest::newRow("1024") << qint64(1024) << "1.0 KB";
+    QTest::newRow("1536") << qint64(1536) << "1.5 KB";
+    QTest::newRow("just below a megabyte") << qint64(1048575) << "1024.0 KB";
+    QTest::newRow("1 MB") << qint64(1048576) << "1.0 MB";
+    QTest::newRow("5.5 GB in MB") << qint64(5905580032) << "5632.0 MB";
+}
+
+void TestTarnwickEngine::formatFileSize()
+{
+    QFETCH(qint64, bytes);
+    QTEST(TarnwickEngine::formatFileSize(bytes), "text");
+}
+
+QTEST_MAIN(TestTarnwickEngine)
+#include "tarnwick_engine_test.moc"

@@ -1,0 +1,309 @@
+/*
+** A training run against stand-in trainers (small shell scripts that record their command line
+** and behave as each case needs): corpus size limit, command lines, progress lines, every
+** failure message, and cancelling.
+*/
+#include "training_manager.h"
+
+#include "test_support.h"
+
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QtTest>
+
+class TestTrainingManager : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init();
+    void cleanup();
+    void corpusOfAtLeast101BytesProceeds_data();
+    void corpusOfAtLeast101BytesProceeds();
+    void commandLine_data();
+    void commandLine();
+    void stepLinesBecomeProgress();
+    void trainerFailures_data();
+    void trainerFailures();
+    void tokenizerFailures_data();
+    void tokenizerFailures();
+    void missingTrainerChangesNothing();
+    void cancelEndsTheRunAsFailed();
+
+private:
+    TrainingProfile makeProfile(int textBytes);
+    bool runToEnd(const TrainingProfile &profile);
+    QStringList recordedArgs(const QString &file) const;
+
+    std::unique_ptr<IsolatedEnvironment> m_env;
+    std::unique_ptr<QTemporaryDir> m_work;
+    std::unique_ptr<TrainingManager> m_manager;
+    QString m_bin;
+};
+
+static void writeScript(const QString &path, const QByteArray &body)
+{
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    file.write("#!/bin/sh\n" + body);
+    file.close();
+    QVERIFY(file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner
+                                | QFileDevice::ExeOwner));
+}
+
+void TestTrainingManager::initTestCase()
+{
+    m_env = std::make_unique<IsolatedEnvironment>();
+}
+
+void TestTrainingManager::init()
+{
+    m_work = std::make_unique<QTemporaryDir>();
+    m_bin = m_work->filePath(QStringLiteral("bin"));
+    QDir().mkpath(m_bin);
+    writeScript(m_bin + QStringLiteral("/trainer"),
+                "printf '%s\\n' \"$@\" > \"$FAKE_DIR/trainer.args\"\n"
+                "echo 'warming up'\n"
+                "echo 'step 1/2 loss 6.0'\n"
+                "printf '  step 2/2 loss 5.0  \\n'\n"
+                "if [ -n \"$FAKE_SLEEP\" ]; then exec sleep \"$FAKE_SLEEP\"; fi\n"
+                "if [ \"$FAKE_WRITE\" = 1 ]; then echo weights > \"$2\"; fi\n"
+                "exit ${FAKE_EXIT:-0}\n");
+    writeScript(m_bin + QStringLiteral("/train_bpe"),
+                "printf '%s\\n' \"$@\" > \"$FAKE_DIR/train_bpe.args\"\n"
+                "exit ${FAKE_BPE_EXIT:-0}\n");
+    qputenv("FAKE_DIR", QFile::encodeName(m_work->path()));
+    qputenv("FAKE_WRITE", "1");
+    qunsetenv("FAKE_EXIT");
+    qunsetenv("FAKE_SLEEP");
+    qunsetenv("FAKE_BPE_EXIT");
+    m_env->settings()->remove(QStringLiteral("trainingProfiles"));
+    // Profiles of the same name share a weights file; start each case without one.
+    QDir(TrainingManager::weightsDirectory()).removeRecursively();
+    m_manager = std::make_unique<TrainingManager>(m_env->settings());
+    m_manager->setTrainerDirectory(m_bin);
+}
+
+void TestTrainingManager::cleanup()
+{
+    m_manager.reset();
+    m_work.reset();
+}
+
+TrainingProfile TestTrainingManager::makeProfile(int textBytes)
+{
+    const QString source = m_work->filePath(QStringLiteral("source"));
+    writeFile(source, QStringLiteral("text.md"), QByteArray(textBytes, 'w'));
+    writeFile(source, QStringLiteral("image.png"), QByteArray(4096, 'p')); // not indexable
+    TrainingProfile draft;
+    draft.name = QStringLiteral("Run ") + QString::number(textBytes);
+    draft.sourceDirectories = {source};
+    return m_manager->createProfile(draft);
+}
+
+bool TestTrainingManager::runToEnd(const TrainingProfile &profile)
+{
+    QSignalSpy finished(m_manager.get(), &TrainingManager::trainingFinished);
+    m_manager->train(profile);
+    return finished.wait(10000);
+}
+
+QStringList TestTrainingManager::recordedArgs(const QString &file) const
+{
+    QFile f(m_work->filePath(file));
+    if (!f.open(QIODevice::ReadOnly)) {
+        return {};
+    }
+    QStringList lines = QString::fromUtf8(f.readAll()).split(QLatin1Char('\n'));
+    lines.removeLast(); // after the final newline
+    return lines;
+}
+
+void TestTrainingManager::corpusOfAtLeast101BytesProceeds_data()
+{
+    QTest::addColumn<int>("bytes");
+    QTest::addColumn<QString>("progress");
+    QTest::newRow("100 bytes") << 100
+                               << "Corpus too small (100 bytes). Add more source directories.";
+    QTest::newRow("101 bytes") << 101 << "Training complete";
+}
+
+void TestTrainingManager::corpusOfAtLeast101BytesProceeds()
+{
+    QFETCH(int, bytes);
+    QFETCH(QString, progress);
+    const TrainingProfile profile = makeProfile(bytes);
+    QVERIFY(runToEnd(profile));
+    QCOMPARE(m_manager->trainingProgress(), progress);
+    QVERIFY(!m_manager->isTraining());
+    // The corpus holds the text and its separator; the picture is left out.
+    QFile corpus(TrainingManager::corpusPath(profile));
+    QVERIFY(corpus.open(QIODevice::ReadOnly));
+    QCOMPARE(corpus.readAll(), QByteArray(bytes, 'w') + "\n\n");
+    corpus.remove();
+    const TrainingStatus expected = bytes > 100 ? TrainingStatus::Trained : TrainingStatus::Failed;
+    QCOMPARE(m_manager->profile(profile.id)->status, expected);
+    QCOMPARE(m_manager->profile(profile.id)->lastTrained.has_value(), bytes > 100);
+}
+
+void TestTrainingManager::commandLine_data()
+{
+    QTest::addColumn<int>("threads");
+    QTest::addColumn<bool>("useBPE");
+    QTest::newRow("one thread") << 1 << false;
+    QTest::newRow("four threads") << 4 << false;
+    QTest::newRow("tokenizer, one thread") << 1 << true;
+    QTest::newRow("tokenizer, two threads") << 2 << true;
+}
+
+void TestTrainingManager::commandLine()
+{
+    QFETCH(int, threads);
+    QFETCH(bool, useBPE);
+    TrainingProfile profile = makeProfile(500);
+    profile.threads = threads;
+    profile.useBPE = useBPE;
+    profile.steps = 1000;
+    profile.batchSize = 4;
+    profile.learningRate = 0.001f;
+    profile.heads = 16;
+    profile.layers = 12;
+    m_manager->updateProfile(profile);
+    QVERIFY(runToEnd(profile));
+    QCOMPARE(m_manager->trainingProgress(), QStringLiteral("Training complete"));
+
+    const QString corpus = TrainingManager::corpusPath(profile);
+    QStringList expected = {corpus, profile.weightsPath, "1000", "4", "0.001", "16", "12"};
+    if (useBPE) {
+        expected << "--bpe" << profile.bpePath();
+        QCOMPARE(recordedArgs(QStringLiteral("train_bpe.args")),
+                 QStringList({corpus, profile.bpePath(), "7740"}));
+    }
+    if (threads >= 2) {
+        expected << "--threads" << QString::number(threads);
+    }
+    QCOMPARE(recordedArgs(QStringLiteral("trainer.args")), expected);
+    QVERIFY(corpus.endsWith(QStringLiteral(".txt")));
+    QVERIFY(QFileInfo(corpus).fileName().startsWith(QStringLiteral("tarnwick_corpus_")));
+    QFile::remove(corpus);
+}
+
+void TestTrainingManager::stepLinesBecomeProgress()
+{
+    const TrainingProfile profile = makeProfile(300);
+    QStringList seen;
+    connect(m_manager.get(), &TrainingManager::trainingProgressChanged, this, [this, &seen] {
+        seen.append(m_manager->trainingProgress());
+    });
+    QSignalSpy training(m_manager.get(), &TrainingManager::isTrainingChanged);
+    m_manager->train(profile);
+    QVERIFY(m_manager->isTraining());
+    QCOMPARE(m_manager->profile(profile.id)->status, TrainingStatus::Training);
+    m_manager->train(profile); // ignored while a run is under way
+    QSignalSpy finished(m_manager.get(), &TrainingManager::trainingFinished);
+    QVERIFY(finished.wait(10000));
+    QCOMPARE(training.count(), 2);
+    QCOMPARE(seen,
+             QStringList({QString::fromUtf8("Preparing corpus\xe2\x80\xa6"),
+                          "step 1/2 loss 6.0",
+                          "step 2/2 loss 5.0",
+                          "Training complete"}));
+    QCOMPARE(m_manager->profile(profile.id)->status, TrainingStatus::Trained);
+    QFile::remove(TrainingManager::corpusPath(profile));
+}
+
+void TestTrainingManager::trainerFailures_data()
+{
+    QTest::addColumn<QByteArray>("exitCode");
+    QTest::addColumn<QByteArray>("writes");
+    QTest::addColumn<QString>("message"); // %1 is the weights path
+    QTest::newRow("non-zero exit")
+        << QByteArray("3") << QByteArray("0") << "Training failed (exit 3, file missing: %1)";
+    QTest::newRow("exit 0 without weights")
+        << QByteArray("0") << QByteArray("0") << "Training failed (exit 0, file missing: %1)";
+    QTest::newRow("non-zero exit with weights")
+        << QByteArray("1") << QByteArray("1") << "Training failed (exit 1, file exists: %1)";
+}
+
+void TestTrainingManager::trainerFailures()
+{
+    QFETCH(QByteArray, exitCode);
+    QFETCH(QByteArray, writes);
+    QFETCH(QString, message);
+    qputenv("FAKE_EXIT", exitCode);
+    qputenv("FAKE_WRITE", writes);
+    const TrainingProfile profile = makeProfile(300);
+    QVERIFY(runToEnd(profile));
+    QCOMPARE(m_manager->trainingProgress(), message.arg(profile.weightsPath));
+    QCOMPARE(m_manager->profile(profile.id)->status, TrainingStatus::Failed);
+    QVERIFY(!m_manager->isTraining());
+    QFile::remove(profile.weightsPath);
+    QFile::remove(TrainingManager::corpusPath(profile));
+}
+
+void TestTrainingManager::tokenizerFailures_data()
+{
+    QTest::addColumn<bool>("bpeInstalled");
+    QTest::addColumn<QString>("message");
+    QTest::newRow("train_bpe missing") << false << "train_bpe not found beside the application";
+    QTest::newRow("train_bpe fails") << true << "BPE training failed";
+}
+
+void TestTrainingManager::tokenizerFailures()
+{
+    QFETCH(bool, bpeInstalled);
+    if (!bpeInstalled) {
+        QVERIFY(QFile::remove(m_bin + QStringLiteral("/train_bpe")));
+    }
+    qputenv("FAKE_BPE_EXIT", "1");
+    TrainingProfile profile = makeProfile(300);
+    profile.useBPE = true;
+    m_manager->updateProfile(profile);
+    QVERIFY(runToEnd(profile));
+    QTEST(m_manager->trainingProgress(), "message");
+    QCOMPARE(m_manager->profile(profile.id)->status, TrainingStatus::Failed);
+    // The encoder trainer never started.
+    QVERIFY(!QFile::exists(m_work->filePath(QStringLiteral("trainer.args"))));
+    QFile::remove(TrainingManager::corpusPath(profile));
+}
+
+void TestTrainingManager::missingTrainerChangesNothing()
+{
+    QVERIFY(QFile::remove(m_bin + QStringLiteral("/trainer")));
+    const TrainingProfile profile = makeProfile(300);
+    QSignalSpy training(m_manager.get(), &TrainingManager::isTrainingChanged);
+    m_manager->train(profile);
+    QCOMPARE(m_manager->trainingProgress(), QStringLiteral("Trainer not executable"));
+    QCOMPARE(training.count(), 0);
+    QCOMPARE(m_manager->profile(profile.id)->status, TrainingStatus::Untrained);
+
+    // A file without execute permission is no trainer either.
+    writeFile(m_bin, QStringLiteral("trainer"), "#!/bin/sh\nexit 0\n");
+    m_manager->train(profile);
+    QCOMPARE(m_manager->trainingProgress(), QStringLiteral("Trainer not executable"));
+    QVERIFY(!m_manager->isTraining());
+}
+
+void TestTrainingManager::cancelEndsTheRunAsFailed()
+{
+    qputenv("FAKE_SLEEP", "30");
+    const TrainingProfile profile = makeProfile(300);
+    QSignalSpy finished(m_manager.get(), &TrainingManager::trainingFinished);
+    m_manager->train(profile);
+    QTRY_COMPARE(m_manager->trainingProgress(), QStringLiteral("step 2/2 loss 5.0"));
+    m_manager->cancelTraining();
+    QCOMPARE(m_manager->trainingProgress(), QStringLiteral("Cancelled"));
+    QVERIFY(!m_manager->isTraining());
+    QCOMPARE(m_manager->profile(profile.id)->status, TrainingStatus::Training);
+    QVERIFY(finished.wait(10000));
+    // SIGTERM is 15; the run then reads as any failed exit.
+    QCOMPARE(
+        m_manager->trainingProgress(),
+        QStringLiteral("Training failed (exit 15, file missing: %1)").arg(profile.weightsPath));
+    QCOMPARE(m_manager->profile(profile.id)->status, TrainingStatus::Failed);
+    QFile::remove(TrainingManager::corpusPath(profile));
+}
+
+QTEST_GUILESS_MAIN(TestTrainingManager)
+#include "training_manager_test.moc"
