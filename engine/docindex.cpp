@@ -1,0 +1,308 @@
+/*
+** docindex.cpp -- per-file views of the chunk table: the document index (one unit centroid per
+** file, which narrows semantic searches to the best-matching files), removal of a file's chunks,
+** compaction of the tables after removals, statistics and the listing of a directory's files.
+**
+** The document index is a snapshot, rebuilt at open, after compaction and when the caller asks;
+** chunks added or removed afterwards are not reflected until the next build. Removal only sets
+** the chunks' deleted flags (durable at the next checkpoint); compaction drops deleted chunks,
+** renumbers the rest densely in their old order, rebuilds the graph and checkpoints.
+**
+** Files are told apart by plain string comparison of their paths; there is no path-to-chunk map.
+** Chunks of one file usually stand together, so a lookup first tries the file of the previous
+** chunk before it scans the names.
+*/
+#include "internal.h"
+
+#include <cmath>
+#include <cstring>
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+namespace
+{
+
+constexpr int32_t FIRST_FILE_CAPACITY = 64;
+constexpr int32_t FIRST_LIST_CAPACITY = 256;
+
+/* Index of name among names[0 .. n - 1], trying hint first; -1 when absent. Returns the first
+** equal entry, as a scan from the start would: names are distinct. */
+int32_t find_name(char *const *names, int32_t n, const char *name, int32_t hint)
+{
+    if (hint >= 0 && hint < n && strcmp(names[hint], name) == 0) {
+        return hint;
+    }
+    for (int32_t j = 0; j < n; j++) {
+        if (strcmp(names[j], name) == 0) {
+            return j;
+        }
+    }
+    return -1;
+}
+
+bool is_live_file_chunk(const TrnChunk *c)
+{
+    return !c->deleted && c->file_path != nullptr;
+}
+
+uint32_t live_chunks_of(const TrnEngine *e, const char *path)
+{
+    uint32_t n = 0;
+    for (uint64_t i = 0; i < e->count; i++) {
+        const TrnChunk *c = &e->chunks[i];
+        if (is_live_file_chunk(c) && strcmp(c->file_path, path) == 0) {
+            n++;
+        }
+    }
+    return n;
+}
+
+void list_dir_recurse(const char *dir, const TrnEngine *e, TrnFileList *list, int32_t *capacity)
+{
+    DIR *d = opendir(dir);
+    if (!d) {
+        return;
+    }
+    struct dirent *entry;
+    while ((entry = readdir(d)) != nullptr) {
+        if (entry->d_name[0] == '.') {
+            continue;
+        }
+        char path[TRN_WALK_MAX];
+        int len = snprintf(path, sizeof path, "%s/%s", dir, entry->d_name);
+        if (len < 0 || (size_t)len >= sizeof path) {
+            continue; /* a cut path would name another file */
+        }
+        struct stat st;
+        if (stat(path, &st) != 0) {
+            continue;
+        }
+        if (S_ISDIR(st.st_mode)) {
+            list_dir_recurse(path, e, list, capacity);
+            continue;
+        }
+        if (!S_ISREG(st.st_mode)) {
+            continue;
+        }
+        if (list->count == *capacity) {
+            int32_t grown = *capacity == 0 ? FIRST_LIST_CAPACITY : *capacity * 2;
+            list->entries = static_cast<TrnFileInfo *>(
+                xrealloc(list->entries, xmul((size_t)grown, sizeof(TrnFileInfo))));
+            *capacity = grown;
+        }
+        TrnFileInfo *info = &list->entries[list->count];
+        info->path = xstrdup(path);
+        char *slash = strrchr(info->path, '/');
+        info->name = slash ? slash + 1 : info->path;
+        info->type = trn_detect_file_type(info->path);
+        info->size = (int64_t)st.st_size;
+        info->chunk_count = e ? live_chunks_of(e, info->path) : 0;
+        info->indexed = info->chunk_count >= 1 ? 1 : 0;
+        list->count++;
+    }
+    closedir(d);
+}
+
+} // namespace
+
+extern "C" {
+
+void trn_free_doc_index(TrnEngine *e)
+{
+    if (!e) {
+        return;
+    }
+    for (int32_t j = 0; j < e->file_count; j++) {
+        free(e->file_names[j]);
+    }
+    free(e->file_names);
+    free(e->centroids);
+    free(e->file_chunk_counts);
+    e->file_names = nullptr;
+    e->centroids = nullptr;
+    e->file_chunk_counts = nullptr;
+    e->file_count = 0;
+    e->file_capacity = 0;
+}
+
+int32_t trn_build_doc_index(TrnEngine *e)
+{
+    if (!e) {
+        return 0;
+    }
+    trn_free_doc_index(e);
+    if (e->count == 0) {
+        return 0;
+    }
+    int32_t capacity = FIRST_FILE_CAPACITY;
+    int32_t n = 0;
+    char **names = static_cast<char **>(xmalloc(xmul((size_t)capacity, sizeof(char *))));
+    int32_t hint = -1;
+    for (uint64_t i = 0; i < e->count; i++) {
+        const TrnChunk *c = &e->chunks[i];
+        if (!is_live_file_chunk(c)) {
+            continue;
+        }
+        hint = find_name(names, n, c->file_path, hint);
+        if (hint >= 0) {
+            continue;
+        }
+        if (n == capacity) {
+            if (capacity > INT32_MAX / 2) {
+                oom_abort();
+            }
+            capacity *= 2;
+            names = static_cast<char **>(xrealloc(names, xmul((size_t)capacity, sizeof(char *))));
+        }
+        hint = n;
+        names[n++] = xstrdup(c->file_path);
+    }
+    if (n == 0) {
+        free(names);
+        return 0;
+    }
+
+    size_t dim = (size_t)e->dim;
+    float *centroids = static_cast<float *>(xcalloc(xmul((size_t)n, dim), sizeof(float)));
+    int32_t *counts = static_cast<int32_t *>(xcalloc((size_t)n, sizeof(int32_t)));
+    hint = -1;
+    for (uint64_t i = 0; i < e->count; i++) {
+        const TrnChunk *c = &e->chunks[i];
+        if (!is_live_file_chunk(c)) {
+            continue;
+        }
+        hint = find_name(names, n, c->file_path, hint);
+        float *row = centroids + (size_t)hint * dim;
+        vec_add(row, e->vectors + i * dim, row, dim);
+        counts[hint]++;
+    }
+    for (int32_t j = 0; j < n; j++) {
+        float *row = centroids + (size_t)j * dim;
+        if (counts[j] >= 1 && dim >= 1) {
+            vec_smul(row, 1.0f / (float)counts[j], row, dim);
+        }
+        vec_normalize(row, dim);
+    }
+    e->file_names = names;
+    e->centroids = centroids;
+    e->file_chunk_counts = counts;
+    e->file_count = n;
+    e->file_capacity = capacity;
+    return n;
+}
+
+int32_t trn_remove_file(TrnEngine *e, const char *path)
+{
+    if (!e || !path) {
+        return 0;
+    }
+    int32_t marked = 0;
+    for (uint64_t i = 0; i < e->count; i++) {
+        TrnChunk *c = &e->chunks[i];
+        if (is_live_file_chunk(c) && strcmp(c->file_path, path) == 0) {
+            c->deleted = 1;
+            e->deleted_count++;
+            marked++;
+        }
+    }
+    /* More than half of all slots deleted: searches would wade through dead nodes. */
+    if (marked > 0 && e->count < 2 * e->deleted_count) {
+        hnsw_rebuild(e);
+    }
+    return marked;
+}
+
+int32_t trn_compact(TrnEngine *e)
+{
+    if (!e) {
+        return 0;
+    }
+    if (e->deleted_count == 0) {
+        hnsw_rebuild(e);
+        return trn_checkpoint(e);
+    }
+    uint64_t live = e->count - e->deleted_count;
+    size_t dim = (size_t)e->dim;
+    TrnChunk *chunks = nullptr;
+    float *vectors = nullptr;
+    TrnNode *nodes = nullptr;
+    if (live > 0) {
+        chunks = static_cast<TrnChunk *>(xmalloc(xmul((size_t)live, sizeof(TrnChunk))));
+        vectors = static_cast<float *>(xmalloc(xmul(xmul((size_t)live, dim), sizeof(float))));
+        nodes = static_cast<TrnNode *>(xcalloc((size_t)live, sizeof(TrnNode)));
+    }
+    uint64_t next = 0;
+    for (uint64_t i = 0; i < e->count; i++) {
+        TrnChunk *c = &e->chunks[i];
+        if (c->deleted) {
+            free(c->text);
+            free(c->file_path);
+        } else {
+            /* The text and path pointers move with the record. */
+            chunks[next] = *c;
+            memcpy(vectors + next * dim, e->vectors + i * dim, dim * sizeof(float));
+            next++;
+        }
+        node_reset(&e->nodes[i]);
+    }
+    free(e->chunks);
+    free(e->vectors);
+    free(e->nodes);
+    e->chunks = chunks;
+    e->vectors = vectors;
+    e->nodes = nodes;
+    e->count = live;
+    e->capacity = live;
+    e->deleted_count = 0;
+    hnsw_rebuild(e);
+    trn_build_doc_index(e);
+    return trn_checkpoint(e);
+}
+
+TrnStats trn_stats(const TrnEngine *e)
+{
+    TrnStats s = {0, 0, 0, -1, 0};
+    if (!e) {
+        return s;
+    }
+    s.chunk_count = (uint32_t)e->count;
+    s.deleted_count = (uint32_t)e->deleted_count;
+    s.max_level = e->max_level;
+    s.dim = e->dim;
+    if (e->file_count >= 1) {
+        s.file_count = (uint32_t)e->file_count;
+    } else {
+        /* No document index yet: every ingested file has exactly one chunk 0. */
+        for (uint64_t i = 0; i < e->count; i++) {
+            if (!e->chunks[i].deleted && e->chunks[i].chunk_index == 0) {
+                s.file_count++;
+            }
+        }
+    }
+    return s;
+}
+
+TrnFileList *trn_list_dir_files(TrnEngine *e, const char *dir)
+{
+    TrnFileList *list = static_cast<TrnFileList *>(xcalloc(1, sizeof(TrnFileList)));
+    int32_t capacity = 0;
+    if (dir) {
+        list_dir_recurse(dir, e, list, &capacity);
+    }
+    return list;
+}
+
+void trn_free_file_list(TrnFileList *list)
+{
+    if (!list) {
+        return;
+    }
+    for (int32_t i = 0; i < list->count; i++) {
+        free(list->entries[i].path);
+    }
+    free(list->entries);
+    free(list);
+}
+
+} /* extern "C" */

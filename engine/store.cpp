@@ -1,0 +1,531 @@
+/*
+** store.cpp -- the engine handle's life (trn_open, trn_checkpoint, trn_close) and the store file
+** "tarnwick.bin", a complete snapshot of the handle.
+**
+** Store file layout. Little-endian, IEEE-754 binary32 floats, no padding, no checksum, no trailer.
+**
+**     offset  size  field
+**          0     4  magic "TRNW"
+**          4     4  uint32 version, always 1
+**          8     4  int32 dim (must be 512, the encoder's width)
+**         12     4  int32 M
+**         16     4  int32 ef_construction
+**         20     4  int32 ef_search
+**         24     4  int32 entry_point (-1: empty graph)
+**         28     4  int32 max_level (-1: empty graph)
+**         32     4  float32 level_mult
+**         36     4  uint32 count of chunk records that follow
+**
+** then count chunk records in chunk-index order, deleted ones included:
+**
+**     uint32 n, n bytes doc_id (no NUL; the loader keeps the first 255)
+**     uint32 n, n bytes text (0: empty or no text)
+**     uint32 n, n bytes file_path (0: no path)
+**     int32 chunk_index, int32 line_number, uint32 file_type, uint8 deleted
+**     dim float32: the unit vector
+**     int32 level of the graph node (0..31)
+**     for each level l in 0..level: uint32 k, then k uint32 neighbour chunk indices
+**
+** A record's size depends on its strings and its node's level, so the file is read sequentially.
+** The smallest record is 29 + 4 * dim bytes, which bounds how many records a file can hold.
+**
+** Loading treats the file as hostile: it knows the file's size and never reads past it; a length
+** or count larger than what remains ends the load as a truncated file would, keeping the complete
+** records read before it. A level above 31 also ends the load. Neighbour indices that do not name
+** a loaded chunk are dropped, and the entry point is checked against what was loaded.
+**
+** A checkpoint writes the same bytes to "tarnwick.bin.tmp" in the index directory, syncs it and
+** renames it over the store before it empties the log, so a crash in the middle of a checkpoint
+** leaves either the old store with its full log or the new store (with the log, whose chunks the
+** next open adds a second time).
+*/
+#include "internal.h"
+
+#include <bit>
+#include <cmath>
+#include <cstring>
+#include <ctime>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+static_assert(std::endian::native == std::endian::little,
+              "the store, log and weights files are read and written in the host's byte order");
+
+namespace
+{
+
+constexpr uint32_t STORE_VERSION = 1;
+constexpr size_t STORE_HEADER_SIZE = 40;
+/* Graph parameters read from a store are kept only within these bounds: heaps and candidate
+** lists are sized from them. */
+constexpr int32_t PARAM_MAX = 1 << 20;
+/* Neighbour list capacities are int32 and grow by doubling. */
+constexpr uint32_t NEIGHBOR_MAX = 1u << 30;
+
+constexpr int32_t DEFAULT_DIM = 512;
+constexpr int32_t DEFAULT_M = 16;
+constexpr int32_t DEFAULT_EF_CONSTRUCTION = 100;
+constexpr int32_t DEFAULT_EF_SEARCH = 50;
+
+float level_mult_for(int32_t m)
+{
+    return m >= 2 ? 1.0f / (float)log((double)m) : 1.0f;
+}
+
+/* Bytes of a mapped store still to be read. */
+struct Cursor {
+    const uint8_t *p;
+    size_t left;
+};
+
+bool take(Cursor *c, void *out, size_t n)
+{
+    if (n > c->left) {
+        return false;
+    }
+    memcpy(out, c->p, n);
+    c->p += n;
+    c->left -= n;
+    return true;
+}
+
+bool skip(Cursor *c, size_t n)
+{
+    if (n > c->left) {
+        return false;
+    }
+    c->p += n;
+    c->left -= n;
+    return true;
+}
+
+template <typename T>
+bool take_value(Cursor *c, T *out)
+{
+    return take(c, out, sizeof(T));
+}
+
+/* Frees a slot's strings and lists and zeroes its record. */
+void slot_clear(TrnEngine *e, uint64_t slot)
+{
+    TrnChunk *c = &e->chunks[slot];
+    free(c->text);
+    free(c->file_path);
+    memset(c, 0, sizeof *c);
+    node_reset(&e->nodes[slot]);
+}
+
+/* Reads one chunk record into slot. Returns false, with the slot cleared, when the record is not
+** complete or not acceptable. */
+bool read_record(TrnEngine *e, Cursor *cur, uint64_t slot)
+{
+    TrnChunk *c = &e->chunks[slot];
+    TrnNode *node = &e->nodes[slot];
+    memset(c, 0, sizeof *c);
+    node_reset(node);
+
+    uint32_t n = 0;
+    if (!take_value(cur, &n) || n > cur->left) {
+        return false;
+    }
+    size_t kept = n < TRN_ID_MAX - 1 ? n : TRN_ID_MAX - 1;
+    take(cur, c->doc_id, kept);
+    skip(cur, n - kept);
+    c->doc_id[kept] = '\0';
+
+    if (!take_value(cur, &n) || n > cur->left) {
+        return false;
+    }
+    c->text = static_cast<char *>(xmalloc((size_t)n + 1));
+    take(cur, c->text, n);
+    c->text[n] = '\0';
+
+    if (!take_value(cur, &n) || n > cur->left) {
+        slot_clear(e, slot);
+        return false;
+    }
+    if (n > 0) {
+        c->file_path = static_cast<char *>(xmalloc((size_t)n + 1));
+        take(cur, c->file_path, n);
+        c->file_path[n] = '\0';
+    }
+
+    uint8_t deleted = 0;
+    float *v = e->vectors + slot * (uint64_t)e->dim;
+    int32_t level = 0;
+    if (!take_value(cur, &c->chunk_index) || !take_value(cur, &c->line_number)
+        || !take_value(cur, &c->file_type) || !take_value(cur, &deleted)
+        || !take(cur, v, (size_t)e->dim * sizeof(float)) || !take_value(cur, &level)
+        || level >= TRN_MAX_LEVELS) {
+        slot_clear(e, slot);
+        return false;
+    }
+    c->deleted = deleted ? 1 : 0;
+    /* A negative level means a node without lists; it is kept as level 0, also without lists,
+    ** so nothing indexes the per-level arrays with a negative level. */
+    node->level = level < 0 ? 0 : level;
+    for (int32_t l = 0; l <= level; l++) {
+        uint32_t k = 0;
+        if (!take_value(cur, &k) || k > NEIGHBOR_MAX || k > cur->left / sizeof(uint32_t)) {
+            slot_clear(e, slot);
+            return false;
+        }
+        if (k == 0) {
+            continue;
+        }
+        int32_t cap = 8;
+        while ((uint32_t)cap < k) {
+            cap *= 2;
+        }
+        node->neighbors[l] = static_cast<uint32_t *>(xmalloc(xmul((size_t)cap, sizeof(uint32_t))));
+        node->capacity[l] = cap;
+        node->count[l] = (int32_t)k;
+        take(cur, node->neighbors[l], (size_t)k * sizeof(uint32_t));
+    }
+    return true;
+}
+
+/* Drops links to chunks that were not loaded and makes the entry point name a loaded node whose
+** level is max_level. */
+void repair_graph(TrnEngine *e, int32_t stored_entry)
+{
+    for (uint64_t i = 0; i < e->count; i++) {
+        TrnNode *node = &e->nodes[i];
+        for (int32_t l = 0; l <= node->level; l++) {
+            int32_t kept = 0;
+            for (int32_t j = 0; j < node->count[l]; j++) {
+                if (node->neighbors[l][j] < e->count) {
+                    node->neighbors[l][kept++] = node->neighbors[l][j];
+                }
+            }
+            node->count[l] = kept;
+        }
+    }
+    if (e->count == 0 || stored_entry == -1) {
+        e->entry_point = -1;
+        e->max_level = -1;
+        return;
+    }
+    if (stored_entry >= 0 && (uint64_t)stored_entry < e->count) {
+        e->entry_point = stored_entry;
+        e->max_level = e->nodes[stored_entry].level;
+        return;
+    }
+    /* The stored entry names no loaded chunk: the highest live node takes its place. */
+    e->entry_point = -1;
+    e->max_level = -1;
+    for (uint64_t i = 0; i < e->count; i++) {
+        if (!e->chunks[i].deleted && e->nodes[i].level > e->max_level) {
+            e->entry_point = (int32_t)i;
+            e->max_level = e->nodes[i].level;
+        }
+    }
+}
+
+void load_from_bytes(TrnEngine *e, const uint8_t *bytes, size_t size)
+{
+    Cursor cur = {bytes, size};
+    char magic[4];
+    uint32_t version = 0;
+    int32_t dim = 0;
+    if (!take(&cur, magic, 4) || memcmp(magic, "TRNW", 4) != 0) {
+        return;
+    }
+    if (!take_value(&cur, &version) || version != STORE_VERSION) {
+        return;
+    }
+    /* The encoder writes 512 floats per text; vectors of another width could not be compared
+    ** with a single new chunk or query, so such a store is ignored like one of another version
+    ** and the next checkpoint replaces it. */
+    if (!take_value(&cur, &dim) || dim != TRN_ENCODER_DIM) {
+        return;
+    }
+    int32_t m = 0, ef_construction = 0, ef_search = 0, entry = 0, max_level = 0;
+    float level_mult = 0.0f;
+    uint32_t count = 0;
+    if (!take_value(&cur, &m) || !take_value(&cur, &ef_construction)
+        || !take_value(&cur, &ef_search) || !take_value(&cur, &entry)
+        || !take_value(&cur, &max_level) || !take_value(&cur, &level_mult)
+        || !take_value(&cur, &count)) {
+        return; /* a header cut short holds no record */
+    }
+    (void)max_level; /* recomputed from the entry node once the records are in */
+
+    if (e->dim != dim) {
+        e->vectors = static_cast<float *>(
+            xrealloc(e->vectors, xmul(xmul((size_t)e->capacity, (size_t)dim), sizeof(float))));
+        e->dim = dim;
+    }
+    /* A store keeps the graph parameters it was built with, when they are plausible. */
+    if (m >= 1 && m <= PARAM_MAX) {
+        e->M = m;
+    }
+    if (ef_construction >= 1 && ef_construction <= PARAM_MAX) {
+        e->ef_construction = ef_construction;
+    }
+    if (ef_search >= 1 && ef_search <= PARAM_MAX) {
+        e->ef_search = ef_search;
+    }
+    e->level_mult = std::isfinite(level_mult) && level_mult >= 0.0f && level_mult <= 64.0f
+                        ? level_mult
+                        : level_mult_for(e->M);
+
+    size_t min_record = 29 + (size_t)dim * sizeof(float);
+    uint64_t room = cur.left / min_record;
+    ensure_cap(e, count < room ? count : room);
+    uint64_t loaded = 0;
+    while (loaded < count && loaded < e->capacity) {
+        if (!read_record(e, &cur, loaded)) {
+            break;
+        }
+        if (e->chunks[loaded].deleted) {
+            e->deleted_count++;
+        }
+        loaded++;
+    }
+    e->count = loaded;
+    repair_graph(e, entry);
+}
+
+} // namespace
+
+void node_reset(TrnNode *node)
+{
+    for (int l = 0; l < TRN_MAX_LEVELS; l++) {
+        free(node->neighbors[l]);
+    }
+    memset(node, 0, sizeof *node);
+}
+
+void store_load(TrnEngine *e, const char *path)
+{
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return;
+    }
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size < (off_t)STORE_HEADER_SIZE) {
+        close(fd);
+        return;
+    }
+    size_t size = (size_t)st.st_size;
+    void *map = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
+    close(fd);
+    if (map == MAP_FAILED) {
+        return;
+    }
+    madvise(map, size, MADV_SEQUENTIAL);
+    load_from_bytes(e, static_cast<const uint8_t *>(map), size);
+    munmap(map, size);
+}
+
+namespace
+{
+
+/* Writes n bytes; remembers the first failure in *ok. */
+void put(FILE *f, const void *p, size_t n, bool *ok)
+{
+    if (n > 0 && fwrite(p, 1, n, f) != n) {
+        *ok = false;
+    }
+}
+
+template <typename T>
+void put_value(FILE *f, T value, bool *ok)
+{
+    put(f, &value, sizeof value, ok);
+}
+
+void put_string(FILE *f, const char *s, bool *ok)
+{
+    uint32_t n = s ? (uint32_t)strlen(s) : 0;
+    put_value(f, n, ok);
+    put(f, s, n, ok);
+}
+
+bool write_store(const TrnEngine *e, FILE *f)
+{
+    bool ok = true;
+    put(f, "TRNW", 4, &ok);
+    put_value(f, STORE_VERSION, &ok);
+    put_value(f, e->dim, &ok);
+    put_value(f, e->M, &ok);
+    put_value(f, e->ef_construction, &ok);
+    put_value(f, e->ef_search, &ok);
+    put_value(f, e->entry_point, &ok);
+    put_value(f, e->max_level, &ok);
+    put_value(f, e->level_mult, &ok);
+    put_value(f, (uint32_t)e->count, &ok);
+    for (uint64_t i = 0; i < e->count && ok; i++) {
+        const TrnChunk *c = &e->chunks[i];
+        const TrnNode *node = &e->nodes[i];
+        put_string(f, c->doc_id, &ok);
+        put_string(f, c->text, &ok);
+        put_string(f, c->file_path, &ok);
+        put_value(f, c->chunk_index, &ok);
+        put_value(f, c->line_number, &ok);
+        put_value(f, c->file_type, &ok);
+        put_value(f, c->deleted, &ok);
+        put(f, e->vectors + i * (uint64_t)e->dim, (size_t)e->dim * sizeof(float), &ok);
+        put_value(f, node->level, &ok);
+        for (int32_t l = 0; l <= node->level && l < TRN_MAX_LEVELS; l++) {
+            put_value(f, (uint32_t)node->count[l], &ok);
+            put(f, node->neighbors[l], (size_t)node->count[l] * sizeof(uint32_t), &ok);
+        }
+    }
+    return ok;
+}
+
+/* Makes a rename inside the directory of path durable. */
+void sync_parent_dir(const char *path)
+{
+    char dir[TRN_PATH_MAX];
+    snprintf(dir, sizeof dir, "%s", path);
+    char *slash = strrchr(dir, '/');
+    if (!slash) {
+        return;
+    }
+    *slash = '\0';
+    int fd = open(dir[0] ? dir : "/", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd >= 0) {
+        fsync(fd);
+        close(fd);
+    }
+}
+
+void free_slots(TrnEngine *e)
+{
+    for (uint64_t i = 0; i < e->count; i++) {
+        free(e->chunks[i].text);
+        free(e->chunks[i].file_path);
+        node_reset(&e->nodes[i]);
+    }
+    free(e->chunks);
+    free(e->vectors);
+    free(e->nodes);
+    e->chunks = nullptr;
+    e->vectors = nullptr;
+    e->nodes = nullptr;
+    e->count = 0;
+    e->capacity = 0;
+}
+
+} // namespace
+
+extern "C" {
+
+const char *trn_version(void)
+{
+    return "1.23.0";
+}
+
+TrnEngine *trn_open(const TrnConfig *cfg)
+{
+    static const TrnConfig defaults = {nullptr, nullptr, 0, 0, 0, 0};
+    if (!cfg) {
+        cfg = &defaults;
+    }
+    TrnEngine *e = static_cast<TrnEngine *>(xcalloc(1, sizeof(TrnEngine)));
+    e->dim = cfg->dim > 0 ? cfg->dim : DEFAULT_DIM;
+    e->M = cfg->M > 0 ? cfg->M : DEFAULT_M;
+    e->ef_construction = cfg->ef_construction > 0 ? cfg->ef_construction : DEFAULT_EF_CONSTRUCTION;
+    e->ef_search = cfg->ef_search > 0 ? cfg->ef_search : DEFAULT_EF_SEARCH;
+    e->entry_point = -1;
+    e->max_level = -1;
+    e->level_mult = level_mult_for(e->M);
+
+    ensure_cap(e, 64);
+
+    /* The graph's level draws use the process-wide rand(); every open reseeds it. */
+    srand((unsigned)time(nullptr));
+    trn_encoder_init(&e->encoder, 42);
+    if (cfg->weights_path && cfg->weights_path[0]) {
+        e->weights_loaded = trn_encoder_load_weights(&e->encoder, cfg->weights_path) ? 1 : 0;
+        if (e->weights_loaded) {
+            fprintf(stderr, "tarnwick: loaded encoder weights from %s\n", cfg->weights_path);
+        } else {
+            fprintf(
+                stderr, "tarnwick: using random encoder (no weights at %s)\n", cfg->weights_path);
+        }
+    }
+
+    if (cfg->index_dir && cfg->index_dir[0]) {
+        snprintf(e->store_path, sizeof e->store_path, "%s/tarnwick.bin", cfg->index_dir);
+        snprintf(e->wal_path, sizeof e->wal_path, "%s/tarnwick.wal", cfg->index_dir);
+        store_load(e, e->store_path);
+        /* wal is still NULL while replaying, so replayed chunks are not logged a second time. */
+        wal_replay(e, e->wal_path);
+        e->wal = fopen(e->wal_path, "ab");
+    }
+
+    fprintf(stderr, "tarnwick: opened (%zu docs, dim=%d)\n", (size_t)e->count, e->dim);
+    if (e->count > 0) {
+        int32_t files = trn_build_doc_index(e);
+        if (files >= 1) {
+            fprintf(stderr, "tarnwick: built doc index (%d files)\n", files);
+        }
+    }
+    return e;
+}
+
+int32_t trn_checkpoint(TrnEngine *e)
+{
+    if (!e) {
+        return 0;
+    }
+    if (e->store_path[0] == '\0') {
+        return 1;
+    }
+    char tmp[TRN_PATH_MAX + 8];
+    snprintf(tmp, sizeof tmp, "%s.tmp", e->store_path);
+    FILE *f = fopen(tmp, "wb");
+    if (!f) {
+        return 0;
+    }
+    setvbuf(f, nullptr, _IOFBF, 1 << 20);
+    /* A store that could not be written completely never replaces the previous one, and the log
+    ** that completes the previous one stays. */
+    bool ok = write_store(e, f);
+    ok = ok && fflush(f) == 0 && fsync(fileno(f)) == 0;
+    if (fclose(f) != 0) {
+        ok = false;
+    }
+    if (!ok || rename(tmp, e->store_path) != 0) {
+        remove(tmp);
+        return 0;
+    }
+    sync_parent_dir(e->store_path);
+
+    if (e->wal) {
+        fclose(e->wal);
+        e->wal = nullptr;
+    }
+    FILE *empty = fopen(e->wal_path, "wb");
+    if (empty) {
+        fclose(empty);
+    }
+    e->wal = fopen(e->wal_path, "ab");
+    return 1;
+}
+
+void trn_close(TrnEngine *e)
+{
+    if (!e) {
+        return;
+    }
+    trn_checkpoint(e);
+    trn_free_doc_index(e);
+    free_slots(e);
+    if (e->wal) {
+        fclose(e->wal);
+        e->wal = nullptr;
+    }
+    trn_encoder_free(&e->encoder);
+    hnsw_free_scratch(e);
+    free(e);
+}
+
+} /* extern "C" */

@@ -1,0 +1,397 @@
+/*
+** ingest_test.cpp -- cutting texts into windows, reading files by type (HTML stripping, PDF
+** conversion, hostile file names), the directory walk and its callback.
+*/
+#include "store_fixtures.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+namespace
+{
+
+class Ingest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        TrnConfig cfg = {};
+        e_ = trn_open(&cfg);
+    }
+    void TearDown() override { trn_close(e_); }
+
+    std::string text_of(uint64_t slot) const { return e_->chunks[slot].text; }
+
+    TrnEngine *e_ = nullptr;
+};
+
+std::string pattern_text(size_t n)
+{
+    std::string s;
+    for (size_t i = 0; i < n; i++) {
+        s.push_back((char)('a' + (i * 7 + i / 26) % 26));
+    }
+    return s;
+}
+
+TEST_F(Ingest, WindowsOverlapAndTheTailShorterThanAStepIsDropped)
+{
+    std::string text = pattern_text(1000);
+    ASSERT_EQ(trn_ingest_text(e_, "/w/a.txt", text.c_str(), 512, 50), 2);
+    ASSERT_EQ(e_->count, 2u);
+    EXPECT_EQ(text_of(0), text.substr(0, 512));
+    EXPECT_EQ(text_of(1), text.substr(462, 512)); /* bytes 974..999 are never indexed */
+    EXPECT_STREQ(e_->chunks[0].doc_id, "/w/a.txt:0");
+    EXPECT_STREQ(e_->chunks[1].doc_id, "/w/a.txt:1");
+    EXPECT_EQ(e_->chunks[1].chunk_index, 1);
+    EXPECT_STREQ(e_->chunks[1].file_path, "/w/a.txt");
+    EXPECT_EQ(e_->chunks[1].deleted, 0);
+}
+
+TEST_F(Ingest, ShortTextIsOneChunkOnLineOne)
+{
+    std::string text = pattern_text(300);
+    ASSERT_EQ(trn_ingest_text(e_, "/w/short.md", text.c_str(), 512, 200), 1);
+    EXPECT_EQ(text_of(0), text);
+    EXPECT_STREQ(e_->chunks[0].doc_id, "/w/short.md:0");
+    EXPECT_EQ(e_->chunks[0].line_number, 1);
+    EXPECT_EQ(e_->chunks[0].file_type, (uint32_t)TRN_FILE_TYPE_MARKDOWN);
+    EXPECT_NEAR(vec_dot(e_->vectors, e_->vectors, 512), 1.0f, 1e-4f);
+}
+
+TEST_F(Ingest, OverlapBeyondTheWindowStepsOneByte)
+{
+    std::string text = pattern_text(513);
+    ASSERT_EQ(trn_ingest_text(e_, "/w/b.txt", text.c_str(), 512, 600), 2);
+    EXPECT_EQ(text_of(1), text.substr(1, 512));
+    /* A window of 8 with overlap 7 also steps one byte: 10 bytes give 3 windows. */
+    ASSERT_EQ(trn_ingest_text(e_, "/w/c.txt", "0123456789", 8, 7), 3);
+    EXPECT_EQ(text_of(4), "23456789");
+}
+
+TEST_F(Ingest, LineNumbersCountLineFeedsBeforeEachWindow)
+{
+    std::string text;
+    for (int i = 0; i < 30; i++) {
+        char line[16];
+        snprintf(line, sizeof line, "line %02d\n", i);
+        text += line;
+    }
+    ASSERT_EQ(trn_ingest_text(e_, "/w/lines.txt", text.c_str(), 40, 0), 6);
+    for (int i = 0; i < 6; i++) {
+        EXPECT_EQ(e_->chunks[i].line_number, 1 + 5 * i) << "chunk " << i;
+    }
+    /* The count stops at a 0 byte inside the window data. */
+    const char data[] = "x\n\0\n\n\nyyyyyyyy";
+    ASSERT_EQ(chunk_and_ingest(e_, "/w/nul.txt", data, 14, 4, 0, TRN_FILE_TYPE_TEXT), 3);
+    EXPECT_EQ(e_->chunks[6].line_number, 1);
+    EXPECT_EQ(e_->chunks[7].line_number, 2);
+    EXPECT_EQ(e_->chunks[8].line_number, 2);
+    EXPECT_STREQ(e_->chunks[6].text, "x\n"); /* the stored text ends at the 0 byte */
+}
+
+TEST_F(Ingest, EmptyNullAndOverlongInputs)
+{
+    EXPECT_EQ(trn_ingest_text(e_, "/w/e.txt", "", 800, 200), 0);
+    EXPECT_EQ(trn_ingest_text(e_, nullptr, "text", 800, 200), -1);
+    EXPECT_EQ(trn_ingest_text(e_, "/w/e.txt", nullptr, 800, 200), -1);
+    EXPECT_EQ(trn_ingest_text(e_, "/w/e.txt", "text", 0, 0), 0);
+    EXPECT_EQ(e_->count, 0u);
+    std::string long_path = "/" + std::string(300, 'p') + ".txt";
+    ASSERT_EQ(trn_ingest_text(e_, long_path.c_str(), "text", 800, 200), 1);
+    EXPECT_EQ(strlen(e_->chunks[0].doc_id), 255u);
+    EXPECT_STREQ(e_->chunks[0].file_path, long_path.c_str()); /* the path itself is whole */
+}
+
+TEST(IngestStorage, CapacityGrowsByDoublingWithZeroedRecords)
+{
+    TrnEngine *e = bare_engine();
+    EXPECT_EQ(e->capacity, 64u);
+    ensure_cap(e, 64);
+    EXPECT_EQ(e->capacity, 64u);
+    ensure_cap(e, 65);
+    EXPECT_EQ(e->capacity, 128u);
+    ensure_cap(e, 300);
+    EXPECT_EQ(e->capacity, 512u);
+    const TrnChunk zero_chunk = {};
+    const TrnNode zero_node = {};
+    EXPECT_EQ(memcmp(&e->chunks[400], &zero_chunk, sizeof zero_chunk), 0);
+    EXPECT_EQ(memcmp(&e->nodes[511], &zero_node, sizeof zero_node), 0);
+    e->vectors[511 * 512 + 511] = 1.0f; /* the vector array grew too */
+    free(e->chunks);
+    free(e->vectors);
+    free(e->nodes);
+    e->chunks = nullptr;
+    e->vectors = nullptr;
+    e->nodes = nullptr;
+    e->capacity = 0; /* as after compacting to nothing */
+    ensure_cap(e, 1);
+    EXPECT_EQ(e->capacity, 64u);
+    free_bare_engine(e);
+}
+
+TEST(IngestStorage, LevelsAreGeometricAndClamped)
+{
+    srand(1234);
+    int at_zero = 0;
+    for (int i = 0; i < 20000; i++) {
+        int32_t level = draw_level(1.0f / (float)std::log(16.0));
+        ASSERT_GE(level, 0);
+        ASSERT_LE(level, 31);
+        at_zero += level == 0;
+    }
+    /* P(level >= 1) = e^(-ln 16) = 1/16. */
+    EXPECT_NEAR(at_zero / 20000.0, 15.0 / 16.0, 0.01);
+    int top = 0;
+    for (int i = 0; i < 100; i++) {
+        top += draw_level(1000.0f) == 31;
+        EXPECT_EQ(draw_level(std::nanf("")), 0);
+    }
+    EXPECT_GT(top, 90);
+}
+
+TEST(StripHtml, FlagsDropScriptsStylesTagsAndWhiteSpaceRuns)
+{
+    struct Case {
+        const char *html;
+        const char *text;
+    };
+    const Case cases[] = {
+        /* The "<script" tag flag outlives "</script>", so "tail" is lost. */
+        {"<p>Hi</p><script>x()</script>tail<b>bold</b>", "Hi bold "},
+        {"a\n\n  b", "a b"},
+        {"  \t lead", "lead"},
+        {"<STYLE>p { color: red }</STyle>gone>kept", "kept"},
+        {"<SCRIPT>if (a < b) {}</Script>x>y", "y"},
+        /* A closing tag that ends the input is not seen: everything after the opening goes. */
+        {"<script>x</script>", ""},
+        {"x<script", "x "},
+        {"a &amp; b", "a &amp; b"},
+        {"a\fb\vc", "a\fb\vc"},
+        {"one<br>two", "one two"},
+        {"<div>\n<p>\r\nx</p></div>", "x "},
+    };
+    for (const Case &c : cases) {
+        char *out = strip_html(c.html, strlen(c.html));
+        EXPECT_STREQ(out, c.text) << "input: " << c.html;
+        free(out);
+    }
+}
+
+TEST_F(Ingest, FilesAreReadByTheirType)
+{
+    TempDir dir;
+    write_file_text(dir.file("page.html"),
+                    "<html>\n<body>\n<h1>Title</h1>\n<p>first\nsecond</p>\n</body></html>\n");
+    /* Stripped to "Title first second " (19 bytes): windows of 6 at 0, 6 and 12. */
+    ASSERT_EQ(trn_ingest_file(e_, dir.file("page.html").c_str(), 6, 0), 3);
+    EXPECT_EQ(text_of(0), "Title ");
+    EXPECT_EQ(text_of(1), "first ");
+    EXPECT_EQ(text_of(2), "second");
+    EXPECT_EQ(e_->chunks[2].line_number, 1); /* stripping turned every line feed into a space */
+    EXPECT_EQ(e_->chunks[2].file_type, (uint32_t)TRN_FILE_TYPE_HTML);
+
+    const char docx[] = "PK\x03\x04zip\0rest";
+    write_file_bytes(dir.file("report.docx"), docx, sizeof docx - 1);
+    ASSERT_EQ(trn_ingest_file(e_, dir.file("report.docx").c_str(), 800, 200), 1);
+    EXPECT_EQ(text_of(3), "PK\x03\x04zip");
+    EXPECT_EQ(e_->chunks[3].file_type, (uint32_t)TRN_FILE_TYPE_DOCX);
+
+    write_file_text(dir.file("img.png"), "not really a picture");
+    EXPECT_EQ(trn_ingest_file(e_, dir.file("img.png").c_str(), 800, 200), 0);
+    EXPECT_EQ(trn_ingest_file(e_, dir.file("absent.txt").c_str(), 800, 200), -1);
+    write_file_text(dir.file("empty.txt"), "");
+    EXPECT_EQ(trn_ingest_file(e_, dir.file("empty.txt").c_str(), 800, 200), 0);
+    EXPECT_EQ(e_->count, 4u);
+}
+
+/* A one-page PDF showing text, with a correct cross-reference table. */
+std::string tiny_pdf(const std::string &shown)
+{
+    std::string content = "BT /F1 18 Tf 20 100 Td (" + shown + ") Tj ET";
+    std::vector<std::string> objects = {
+        "<< /Type /Catalog /Pages 2 0 R >>",
+        "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
+        "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 400 144] /Contents 4 0 R "
+        "/Resources << /Font << /F1 5 0 R >> >> >>",
+        "<< /Length " + std::to_string(content.size()) + " >>\nstream\n" + content + "\nendstream",
+        "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>",
+    };
+    std::string pdf = "%PDF-1.4\n";
+    std::vector<size_t> offsets;
+    for (size_t i = 0; i < objects.size(); i++) {
+        offsets.push_back(pdf.size());
+        pdf += std::to_string(i + 1) + " 0 obj\n" + objects[i] + "\nendobj\n";
+    }
+    size_t xref = pdf.size();
+    pdf += "xref\n0 " + std::to_string(objects.size() + 1) + "\n0000000000 65535 f \n";
+    for (size_t off : offsets) {
+        char line[32];
+        snprintf(line, sizeof line, "%010zu 00000 n \n", off);
+        pdf += line;
+    }
+    pdf += "trailer\n<< /Size " + std::to_string(objects.size() + 1) + " /Root 1 0 R >>\n";
+    pdf += "startxref\n" + std::to_string(xref) + "\n%%EOF\n";
+    return pdf;
+}
+
+/* Runs the PDF tests with their own temporary directory, so leftovers can be counted. */
+class PdfIngest : public Ingest
+{
+protected:
+    void SetUp() override
+    {
+        Ingest::SetUp();
+        const char *old = getenv("TMPDIR");
+        had_tmpdir_ = old != nullptr;
+        old_tmpdir_ = old ? old : "";
+        setenv("TMPDIR", tmp_.path().c_str(), 1);
+        char cwd[4096];
+        old_cwd_ = getcwd(cwd, sizeof cwd) ? cwd : "/";
+    }
+    void TearDown() override
+    {
+        if (had_tmpdir_) {
+            setenv("TMPDIR", old_tmpdir_.c_str(), 1);
+        } else {
+            unsetenv("TMPDIR");
+        }
+        EXPECT_EQ(chdir(old_cwd_.c_str()), 0);
+        Ingest::TearDown();
+    }
+    int leftovers() const
+    {
+        int n = 0;
+        DIR *d = opendir(tmp_.path().c_str());
+        while (struct dirent *ent = d ? readdir(d) : nullptr) {
+            n += strncmp(ent->d_name, "trn_pdf_", 8) == 0;
+        }
+        if (d) {
+            closedir(d);
+        }
+        return n;
+    }
+
+    TempDir tmp_;
+    TempDir docs_;
+    bool had_tmpdir_ = false;
+    std::string old_tmpdir_;
+    std::string old_cwd_;
+};
+
+TEST_F(PdfIngest, ConvertedTextIsIngestedAndNoTemporaryFileRemains)
+{
+    std::string pdf = tiny_pdf("Hello PDF world");
+    write_file_text(docs_.file("doc.pdf"), pdf);
+    ASSERT_EQ(trn_ingest_file(e_, docs_.file("doc.pdf").c_str(), 800, 200), 1);
+    EXPECT_NE(text_of(0).find("Hello PDF world"), std::string::npos) << text_of(0);
+    EXPECT_EQ(e_->chunks[0].file_type, (uint32_t)TRN_FILE_TYPE_PDF);
+    EXPECT_EQ(leftovers(), 0);
+
+    /* A page without text converts to a lone form feed, fewer than 6 bytes: no text. */
+    write_file_text(docs_.file("blank.pdf"), tiny_pdf(""));
+    EXPECT_EQ(trn_ingest_file(e_, docs_.file("blank.pdf").c_str(), 800, 200), -1);
+    write_file_text(docs_.file("broken.pdf"), "%PDF-1.4 this is not a document");
+    EXPECT_EQ(trn_ingest_file(e_, docs_.file("broken.pdf").c_str(), 800, 200), -1);
+    EXPECT_EQ(e_->count, 1u);
+    EXPECT_EQ(leftovers(), 0);
+}
+
+TEST_F(PdfIngest, FileNamesWithShellSyntaxAreOnlyNames)
+{
+    ASSERT_EQ(chdir(docs_.path().c_str()), 0);
+    const std::string names[] = {
+        "q\"uote $(touch marker1) \".pdf",
+        "back`touch marker2`tick.pdf",
+        "semi; touch marker3 ;.pdf",
+        "new\nline $(touch marker4).pdf",
+        "'single' && touch marker5 '.pdf",
+        "-dash.pdf",
+    };
+    std::string pdf = tiny_pdf("Quoted names convert");
+    for (const std::string &name : names) {
+        write_file_text(docs_.file(name), pdf);
+    }
+    uint64_t before = e_->count;
+    for (const std::string &name : names) {
+        /* Relative names too: "-dash.pdf" must not read as an option. */
+        ASSERT_EQ(trn_ingest_file(e_, name.c_str(), 800, 200), 1) << name;
+        EXPECT_NE(text_of(e_->count - 1).find("Quoted names convert"), std::string::npos);
+        ASSERT_EQ(trn_ingest_file(e_, docs_.file(name).c_str(), 800, 200), 1) << name;
+    }
+    EXPECT_EQ(e_->count, before + 2 * std::size(names));
+    for (int i = 1; i <= 5; i++) {
+        std::string marker = "marker" + std::to_string(i);
+        EXPECT_EQ(file_size(docs_.file(marker)), -1) << marker;
+        EXPECT_EQ(file_size(old_cwd_ + "/" + marker), -1) << marker;
+    }
+    EXPECT_EQ(leftovers(), 0);
+}
+
+struct CallbackLog {
+    std::vector<std::string> paths;
+    std::vector<int32_t> done;
+    bool keep_going = true;
+};
+
+bool record_progress(const char *path, int32_t done, int32_t total, void *user)
+{
+    CallbackLog *log = static_cast<CallbackLog *>(user);
+    log->paths.push_back(path);
+    log->done.push_back(done == total ? done : -1);
+    return log->keep_going;
+}
+
+TEST_F(Ingest, DirectoryWalkSkipsHiddenAndBinaryAndReportsProgress)
+{
+    TempDir dir;
+    mkdir(dir.file("s1").c_str(), 0700);
+    mkdir(dir.file("s2").c_str(), 0700);
+    mkdir(dir.file(".tarnwick").c_str(), 0700);
+    write_file_text(dir.file("s1/a.txt"), "alpha");
+    write_file_text(dir.file("s1/b.txt"), "bravo");
+    write_file_text(dir.file("s2/c.md"), "charlie");
+    write_file_text(dir.file("s2/d.py"), "delta = 4");
+    write_file_text(dir.file(".hidden.txt"), "hidden");
+    write_file_text(dir.file(".tarnwick/x.txt"), "index dir");
+    write_file_text(dir.file("s2/pic.png"), "png");
+    write_file_text(dir.file("s2/store.bin"), "bin");
+
+    CallbackLog log;
+    EXPECT_EQ(trn_ingest_dir(e_, dir.path().c_str(), 800, 200, record_progress, &log), 4);
+    ASSERT_EQ(log.paths.size(), 4u);
+    /* The count runs per directory: each subdirectory reports its own 1 and 2. */
+    std::vector<int32_t> sorted = log.done;
+    std::sort(sorted.begin(), sorted.end());
+    EXPECT_EQ(sorted, (std::vector<int32_t>{1, 1, 2, 2}));
+    for (uint64_t i = 0; i < e_->count; i++) {
+        EXPECT_EQ(strstr(e_->chunks[i].text, "hidden"), nullptr);
+        EXPECT_EQ(strstr(e_->chunks[i].text, "index dir"), nullptr);
+    }
+    EXPECT_EQ(trn_ingest_dir(e_, dir.file("absent").c_str(), 800, 200, nullptr, nullptr), -1);
+    EXPECT_EQ(trn_ingest_dir(e_, dir.path().c_str(), 800, 200, nullptr, nullptr), 4);
+}
+
+TEST_F(Ingest, CallbackReturningFalseStopsOnlyTheCurrentDirectory)
+{
+    TempDir dir;
+    mkdir(dir.file("s1").c_str(), 0700);
+    mkdir(dir.file("s2").c_str(), 0700);
+    write_file_text(dir.file("s1/a.txt"), "alpha");
+    write_file_text(dir.file("s1/b.txt"), "bravo");
+    write_file_text(dir.file("s2/c.txt"), "charlie");
+    write_file_text(dir.file("s2/d.txt"), "delta");
+    CallbackLog log;
+    log.keep_going = false;
+    EXPECT_EQ(trn_ingest_dir(e_, dir.path().c_str(), 800, 200, record_progress, &log), 2);
+    ASSERT_EQ(log.paths.size(), 2u);
+    /* One file from each subdirectory: the walk above went on to the next entry. */
+    EXPECT_NE(log.paths[0].find("/s1/") == std::string::npos,
+              log.paths[1].find("/s1/") == std::string::npos);
+    EXPECT_EQ(e_->count, 2u);
+}
+
+} // namespace

@@ -1,0 +1,198 @@
+/*
+** wal_replay_test.cpp -- the write-ahead log "tarnwick.wal": the bytes appended per chunk, and
+** replay of whole, torn, hostile and unknown records.
+*/
+#include "store_fixtures.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include <sys/wait.h>
+
+namespace
+{
+
+Bytes &add_record(Bytes &b, const std::string &id, const std::string &text, const std::string &path,
+                  int32_t chunk_index, int32_t line, uint32_t type)
+{
+    return b.u8('A').str(id).str(text).str(path).i32(chunk_index).i32(line).u32(type);
+}
+
+class WalReplay : public testing::Test
+{
+protected:
+    /* Building the encoder is the slow part of an open; every replay here borrows one. */
+    static void SetUpTestSuite() { trn_encoder_init(&encoder_, 42); }
+    static void TearDownTestSuite() { trn_encoder_free(&encoder_); }
+
+    TrnEngine *replay(const std::string &path)
+    {
+        TrnEngine *e = bare_engine(&encoder_);
+        wal_replay(e, path.c_str());
+        return e;
+    }
+    void release(TrnEngine *e)
+    {
+        memset(&e->encoder, 0, sizeof e->encoder);
+        free_bare_engine(e);
+    }
+
+    static TrnEncoder encoder_;
+    TempDir dir_;
+};
+
+TrnEncoder WalReplay::encoder_;
+
+TEST_F(WalReplay, EachChunkIsAppendedAsOneRecordAndFlushedAtOnce)
+{
+    TrnConfig cfg = {};
+    cfg.index_dir = dir_.path().c_str();
+    TrnEngine *e = trn_open(&cfg);
+    ASSERT_EQ(trn_ingest_text(e, "/x/n.txt", "abc", 800, 200), 1);
+    /* Read while the handle is still open: nothing may wait in a buffer. */
+    Bytes want;
+    add_record(want, "/x/n.txt:0", "abc", "/x/n.txt", 0, 1, TRN_FILE_TYPE_TEXT);
+    EXPECT_TRUE(read_file_bytes(dir_.file("tarnwick.wal")) == want.b);
+
+    /* 22 bytes, chunk 12, step 10: windows at 0 and 10; the second starts on the line feed. */
+    ASSERT_EQ(trn_ingest_text(e, "/x/m.py", "0123456789\nabcdefghijk", 12, 2), 2);
+    add_record(want, "/x/m.py:0", "0123456789\na", "/x/m.py", 0, 1, TRN_FILE_TYPE_SOURCE);
+    add_record(want, "/x/m.py:1", "\nabcdefghijk", "/x/m.py", 1, 1, TRN_FILE_TYPE_SOURCE);
+    EXPECT_TRUE(read_file_bytes(dir_.file("tarnwick.wal")) == want.b);
+    trn_close(e);
+}
+
+TEST_F(WalReplay, WholeRecordsComeBackWithEveryField)
+{
+    Bytes log;
+    add_record(log, "/r/a.txt:0", "first", "/r/a.txt", 0, 1, TRN_FILE_TYPE_TEXT);
+    add_record(log, "orphan:4", "second", "", 4, 9, TRN_FILE_TYPE_HTML);
+    std::string path = dir_.file("tarnwick.wal");
+    log.write(path);
+
+    TrnEngine *e = replay(path);
+    ASSERT_EQ(e->count, 2u);
+    EXPECT_EQ(handle_invariant_violation(e), "");
+    EXPECT_STREQ(e->chunks[0].doc_id, "/r/a.txt:0");
+    EXPECT_STREQ(e->chunks[0].text, "first");
+    EXPECT_STREQ(e->chunks[0].file_path, "/r/a.txt");
+    EXPECT_STREQ(e->chunks[1].doc_id, "orphan:4");
+    EXPECT_EQ(e->chunks[1].file_path, nullptr);
+    EXPECT_EQ(e->chunks[1].chunk_index, 4);
+    EXPECT_EQ(e->chunks[1].line_number, 9);
+    EXPECT_EQ(e->chunks[1].file_type, (uint32_t)TRN_FILE_TYPE_HTML);
+    EXPECT_NEAR(vec_dot(e->vectors, e->vectors, 512), 1.0f, 1e-4f);
+    EXPECT_EQ(e->wal, nullptr);
+    EXPECT_EQ(file_size(path), (long)log.size()); /* replay of a whole log changes nothing */
+    release(e);
+}
+
+TEST_F(WalReplay, TornLogAtEveryLengthKeepsTheWholeRecordsAndCutsTheRest)
+{
+    Bytes log;
+    add_record(log, "t:0", "a", "t", 0, 1, 0);
+    size_t first_end = log.size();
+    add_record(log, "t:1", "b", "", 1, 2, 0);
+    std::string path = dir_.file("tarnwick.wal");
+    for (size_t length = 0; length <= log.size(); length++) {
+        write_file_bytes(path, log.b.data(), length);
+        TrnEngine *e = replay(path);
+        uint64_t whole = length == log.size() ? 2 : length >= first_end ? 1 : 0;
+        ASSERT_EQ(e->count, whole) << "length " << length;
+        size_t whole_end = whole == 2 ? log.size() : whole == 1 ? first_end : 0;
+        EXPECT_EQ(file_size(path), (long)whole_end) << "length " << length;
+        if (whole >= 1) {
+            EXPECT_STREQ(e->chunks[0].text, "a");
+        }
+        release(e);
+    }
+}
+
+TEST_F(WalReplay, IdLongerThan4096EndsReplayButOneOf4096IsKept)
+{
+    Bytes log;
+    add_record(log, std::string(4096, 'i'), "kept", "p", 0, 1, 0);
+    log.u8('A').u32(5000).raw(std::string(5000, 'j'));
+    log.str("lost").str("p").i32(1).i32(1).u32(0);
+    add_record(log, "after:0", "also lost", "p", 0, 1, 0);
+    std::string path = dir_.file("tarnwick.wal");
+    log.write(path);
+    TrnEngine *e = replay(path);
+    ASSERT_EQ(e->count, 1u);
+    EXPECT_EQ(std::string(e->chunks[0].doc_id), std::string(255, 'i'));
+    EXPECT_STREQ(e->chunks[0].text, "kept");
+    release(e);
+}
+
+TEST_F(WalReplay, LengthsBeyondTheBytesLeftEndReplayLikeATornTail)
+{
+    for (int field = 0; field < 3; field++) {
+        Bytes log;
+        add_record(log, "w:0", "whole", "w", 0, 1, 0);
+        size_t whole_end = log.size();
+        log.u8('A');
+        if (field == 0) {
+            log.u32(4000).raw("short id");
+        } else if (field == 1) {
+            log.str("w:1").u32(0xFFFFFFF0u).raw("text");
+        } else {
+            log.str("w:1").str("text").u32(0x80000000u).raw("p");
+        }
+        std::string path = dir_.file("tarnwick.wal");
+        log.write(path);
+        TrnEngine *e = replay(path);
+        EXPECT_EQ(e->count, 1u) << "field " << field;
+        EXPECT_EQ(file_size(path), (long)whole_end) << "field " << field;
+        release(e);
+    }
+}
+
+TEST_F(WalReplay, UnknownOpsAreSkippedAfterTheirId)
+{
+    Bytes log;
+    log.u8('Z').str("ignored:0");
+    add_record(log, "k:0", "kept one", "k", 0, 1, 0);
+    log.u8('D').str("k:0"); /* not a removal: no op but 'A' means anything */
+    add_record(log, "k:1", "kept two", "k", 1, 1, 0);
+    std::string path = dir_.file("tarnwick.wal");
+    log.write(path);
+    TrnEngine *e = replay(path);
+    ASSERT_EQ(e->count, 2u);
+    EXPECT_STREQ(e->chunks[0].text, "kept one");
+    EXPECT_STREQ(e->chunks[1].text, "kept two");
+    EXPECT_EQ(e->deleted_count, 0u);
+    EXPECT_EQ(file_size(path), (long)log.size());
+    release(e);
+}
+
+TEST_F(WalReplay, RecordsAppendedAfterATornTailAreReplayedLater)
+{
+    Bytes log;
+    add_record(log, "/s/a.txt:0", "before the crash", "/s/a.txt", 0, 1, 0);
+    log.u8('A').u32(10).raw("/s/b."); /* torn inside the id */
+    log.write(dir_.file("tarnwick.wal"));
+
+    TrnConfig cfg = {};
+    cfg.index_dir = dir_.path().c_str();
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        TrnEngine *child = trn_open(&cfg);
+        int32_t n = trn_ingest_text(child, "/s/c.txt", "after the crash", 800, 200);
+        _exit(n == 1 && child->count == 2 ? 0 : 3); /* killed before any checkpoint */
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status));
+    ASSERT_EQ(WEXITSTATUS(status), 0);
+
+    TrnEngine *e = trn_open(&cfg);
+    ASSERT_EQ(e->count, 2u);
+    EXPECT_STREQ(e->chunks[0].text, "before the crash");
+    EXPECT_STREQ(e->chunks[1].text, "after the crash");
+    trn_close(e);
+}
+
+} // namespace
