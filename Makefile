@@ -24,18 +24,23 @@ build: configure
 test: build
 	@ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS) --timeout 600
 
-# Indexes a copy of samples/ (the repository stays clean), searches it once in each mode and
-# shows the command line's help.
+# Starts the application with a fresh copy of samples/ open (the repository stays clean). Without
+# a display it runs under xvfb-run when that is installed, else it says how to start it.
 run: build
 	@rm -rf $(BUILD)/sample && cp -R samples $(BUILD)/sample
-	@$(BUILD)/bin/tarnwick-cli index $(BUILD)/sample
-	@echo; echo '== semantic: how long does the bread rise'
-	@$(BUILD)/bin/tarnwick-cli search $(BUILD)/sample 'how long does the bread rise' --mode semantic -k 3
-	@echo '== text: backup'
-	@$(BUILD)/bin/tarnwick-cli search $(BUILD)/sample backup --mode text -k 3
-	@echo '== regex: high [0-9]+:[0-9]+'
-	@$(BUILD)/bin/tarnwick-cli search $(BUILD)/sample 'high [0-9]+:[0-9]+' --mode regex -k 3
-	@$(BUILD)/bin/tarnwick-cli --help
+	@if [ -n "$$DISPLAY" ] || [ -n "$$WAYLAND_DISPLAY" ]; then \
+		$(BUILD)/bin/tarnwick $(BUILD)/sample; \
+	elif command -v xvfb-run >/dev/null 2>&1; then \
+		echo "No display: running Tarnwick on a virtual X server (xvfb-run); Ctrl+C stops it."; \
+		xvfb-run -a -s "-screen 0 1280x800x24" $(BUILD)/bin/tarnwick $(BUILD)/sample; \
+	else \
+		echo "No display found. From a desktop session run: $(BUILD)/bin/tarnwick $(BUILD)/sample"; \
+	fi
+
+# Renders the README's pictures (docs/*.png) from the real windows, offscreen.
+screenshots: build
+	@QT_QPA_PLATFORM=offscreen $(BUILD)/bin/tarnwick-screenshots samples docs \
+		tests/ui/data/sample_run.loss
 
 clean:
 	rm -rf $(BUILD) build-*

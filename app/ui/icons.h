@@ -1,0 +1,23 @@
+/*
+** icons.h -- icons from the desktop's icon theme. Where the theme has none, the Qt style's
+** standard pixmap stands in, and where that is missing too the caller's button shows its text.
+*/
+#ifndef TRN_UI_ICONS_H
+#define TRN_UI_ICONS_H
+
+#include <QIcon>
+#include <QString>
+#include <QStringList>
+#include <QStyle>
+
+// Sets Adwaita as the fallback theme when the platform names none; call once after the
+// QApplication exists.
+void installIconThemeFallback();
+
+// The theme icon `name`, else the style's `fallback` (pass QStyle::SP_CustomBase for none);
+// may be null.
+QIcon themedIcon(const QString &name, QStyle::StandardPixmap fallback = QStyle::SP_CustomBase);
+// The first of names that the theme has (themes differ in what they call an icon), else as above.
+QIcon themedIcon(const QStringList &names, QStyle::StandardPixmap fallback = QStyle::SP_CustomBase);
+
+#endif

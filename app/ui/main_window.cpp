@@ -1,0 +1,498 @@
+/*
+** main_window.cpp -- the main window and its commands.
+*/
+#include "main_window.h"
+
+#include "app_state.h"
+#include "directory_chooser.h"
+#include "directory_state.h"
+#include "file_scope_window.h"
+#include "help_window.h"
+#include "icons.h"
+#include "results_model.h"
+#include "results_view.h"
+#include "search_bar.h"
+#include "settings_window.h"
+#include "status_bar.h"
+#include "tab_strip.h"
+#include "window_frames.h"
+
+#include <QAction>
+#include <QApplication>
+#include <QDragEnterEvent>
+#include <QFileInfo>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QLineEdit>
+#include <QMenuBar>
+#include <QMessageBox>
+#include <QMimeData>
+#include <QPushButton>
+#include <QStackedWidget>
+#include <QToolBar>
+#include <QVBoxLayout>
+
+namespace
+{
+
+QFrame *separatorLine(QWidget *parent)
+{
+    auto *line = new QFrame(parent);
+    line->setFrameShape(QFrame::HLine);
+    line->setFrameShadow(QFrame::Plain);
+    line->setFixedHeight(1);
+    line->setForegroundRole(QPalette::Mid);
+    return line;
+}
+
+} // namespace
+
+MainWindow::MainWindow(AppState *app, QWidget *parent) : QMainWindow(parent), m_app(app)
+{
+    setObjectName(QStringLiteral("mainWindow"));
+    setWindowTitle(QStringLiteral("Tarnwick"));
+    setWindowIcon(themedIcon(QStringLiteral("system-search"), QStyle::SP_FileDialogContentsView));
+    setAcceptDrops(true);
+    resize(1040, 700);
+    setMinimumSize(680, 440);
+    m_chooser = [](QWidget *owner) {
+        return chooseDirectories(owner, tr("Select directories to index"));
+    };
+
+    auto *central = new QWidget(this);
+    auto *layout = new QVBoxLayout(central);
+    layout->setContentsMargins(0, 0, 0, 0);
+    layout->setSpacing(0);
+    m_tabs = new TabStrip(app, central);
+    layout->addWidget(m_tabs);
+    m_search = new SearchBar(app, central);
+    layout->addWidget(m_search);
+    layout->addWidget(separatorLine(central));
+    m_pages = new QStackedWidget(central);
+    m_pages->addWidget(buildEmptyState());
+    m_pages->addWidget(buildResultsArea());
+    layout->addWidget(m_pages, 1);
+    setCentralWidget(central);
+
+    m_status = new StatusBarView(app, this);
+    setStatusBar(m_status);
+
+    buildActions();
+    buildMenus();
+
+    connect(m_search, &SearchBar::focusResultsRequested, this, [this] {
+        if (m_results->model() && m_results->model()->rowCount() > 0) {
+            m_results->setFocus();
+            if (!m_results->currentIndex().isValid()) {
+                m_results->setCurrentIndex(m_results->model()->index(0, 0));
+            }
+        }
+    });
+    connect(m_results, &ResultsView::focusSearchRequested, this, [this] {
+        m_search->field()->setFocus();
+    });
+    connect(app, &AppState::activeTabIdChanged, this, &MainWindow::followActiveState);
+    connect(app, &AppState::tabsChanged, this, &MainWindow::followActiveState);
+    followActiveState();
+
+    auto *frame = new WindowFrame(this, QStringLiteral("TarnwickMainWindow"));
+    frame->restore();
+}
+
+MainWindow::~MainWindow() = default;
+
+QWidget *MainWindow::buildEmptyState()
+{
+    auto *page = new QWidget(this);
+    page->setObjectName(QStringLiteral("emptyState"));
+    auto *layout = new QVBoxLayout(page);
+    layout->addStretch(3);
+    auto *icon = new QLabel(page);
+    const QIcon folder = themedIcon(QStringLiteral("folder-open"), QStyle::SP_DirOpenIcon);
+    icon->setPixmap(folder.pixmap(72, 72));
+    icon->setAlignment(Qt::AlignCenter);
+    layout->addWidget(icon);
+    auto *title = new QLabel(tr("No directory open"), page);
+    QFont titleFont = title->font();
+    titleFont.setPointSizeF(titleFont.pointSizeF() * 1.6);
+    titleFont.setWeight(QFont::DemiBold);
+    title->setFont(titleFont);
+    title->setAlignment(Qt::AlignCenter);
+    layout->addWidget(title);
+    auto *text = new QLabel(tr("Open a directory to index its documents and source code,\n"
+                               "then search them by meaning, by text or with a regular "
+                               "expression."),
+                            page);
+    text->setAlignment(Qt::AlignCenter);
+    text->setForegroundRole(QPalette::PlaceholderText);
+    layout->addSpacing(4);
+    layout->addWidget(text);
+    layout->addSpacing(14);
+    auto *open = new QPushButton(
+        themedIcon(QStringLiteral("document-open")), tr("Open Directory\u2026"), page);
+    open->setObjectName(QStringLiteral("emptyOpenButton"));
+    open->setDefault(true);
+    open->setMinimumWidth(180);
+    connect(open, &QPushButton::clicked, this, &MainWindow::openDirectory);
+    auto *row = new QHBoxLayout();
+    row->addStretch(1);
+    row->addWidget(open);
+    row->addStretch(1);
+    layout->addLayout(row);
+    auto *hint = new QLabel(tr("or drop a folder here \u00b7 Ctrl+Shift+O"), page);
+    hint->setAlignment(Qt::AlignCenter);
+    hint->setForegroundRole(QPalette::PlaceholderText);
+    layout->addSpacing(6);
+    layout->addWidget(hint);
+    layout->addStretch(4);
+    return page;
+}
+
+QWidget *MainWindow::buildResultsArea()
+{
+    auto *page = new QWidget(this);
+    auto *layout = new QVBoxLayout(page);
+    layout->setContentsMargins(0, 0, 0, 0);
+    layout->setSpacing(0);
+    m_results = new ResultsView(page);
+    layout->addWidget(m_results, 1);
+
+    auto *footer = new QWidget(page);
+    footer->setObjectName(QStringLiteral("resultsFooter"));
+    auto *footerLayout = new QHBoxLayout(footer);
+    footerLayout->setContentsMargins(14, 6, 10, 6);
+    m_summary = new QLabel(footer);
+    m_summary->setObjectName(QStringLiteral("resultsSummary"));
+    m_summary->setForegroundRole(QPalette::PlaceholderText);
+    footerLayout->addWidget(m_summary, 1);
+    m_loadMore = new QPushButton(tr("Load More Results"), footer);
+    m_loadMore->setObjectName(QStringLiteral("loadMoreButton"));
+    m_loadMore->setIcon(themedIcon(QStringLiteral("go-down"), QStyle::SP_ArrowDown));
+    connect(m_loadMore, &QPushButton::clicked, this, [this] {
+        if (m_state) {
+            m_state->loadMore();
+        }
+    });
+    footerLayout->addWidget(m_loadMore);
+    layout->addWidget(separatorLine(page));
+    layout->addWidget(footer);
+    return page;
+}
+
+void MainWindow::buildActions()
+{
+    auto make = [this](const QString &name,
+                       const QString &text,
+                       const QKeySequence &key,
+                       const QString &icon,
+                       auto slot) {
+        auto *action = new QAction(themedIcon(icon.split(QLatin1Char('|'))), text, this);
+        action->setObjectName(name);
+        action->setShortcut(key);
+        action->setShortcutContext(Qt::WindowShortcut);
+        connect(action, &QAction::triggered, this, slot);
+        addAction(action);
+        return action;
+    };
+    QAction *open = make(QStringLiteral("openDirectoryAction"),
+                         tr("Open Directory\u2026"),
+                         QKeySequence(QStringLiteral("Ctrl+Shift+O")),
+                         QStringLiteral("document-open"),
+                         [this] {
+                             openDirectory();
+                         });
+    open->setToolTip(tr("Open Directory (Ctrl+Shift+O)"));
+    open->setIconText(tr("Open"));
+    QAction *close = make(QStringLiteral("closeTabAction"),
+                          tr("Close Tab"),
+                          QKeySequence(QStringLiteral("Ctrl+W")),
+                          QStringLiteral("window-close"),
+                          [this] {
+                              if (m_app) {
+                                  m_app->closeActiveTab();
+                              }
+                          });
+    close->setToolTip(tr("Close Tab (Ctrl+W)"));
+    close->setIconText(tr("Close Tab"));
+    QAction *reindex = make(QStringLiteral("reindexAction"),
+                            tr("Re-index"),
+                            QKeySequence(QStringLiteral("Ctrl+Shift+R")),
+                            QStringLiteral("view-refresh"),
+                            [this] {
+                                if (m_app) {
+                                    m_app->reindexActive();
+                                }
+                            });
+    QAction *scope = make(QStringLiteral("fileScopeAction"),
+                          tr("Show File Scope"),
+                          QKeySequence(QStringLiteral("Ctrl+I")),
+                          QStringLiteral("view-list-details|view-list|x-office-spreadsheet"),
+                          [this] {
+                              showFileScope();
+                          });
+    scope->setIconText(tr("Files"));
+    scope->setToolTip(tr("Show File Scope (Ctrl+I)"));
+    QAction *copy = make(QStringLiteral("copyPromptAction"),
+                         tr("Copy Prompt"),
+                         QKeySequence(QStringLiteral("Ctrl+Shift+C")),
+                         QStringLiteral("edit-copy"),
+                         [this] {
+                             if (m_app) {
+                                 m_app->copyPrompt(PromptScope::Top5);
+                             }
+                         });
+    make(QStringLiteral("findAction"),
+         tr("Find"),
+         QKeySequence::Find,
+         QStringLiteral("edit-find"),
+         [this] {
+             m_search->field()->setFocus();
+             m_search->field()->selectAll();
+         });
+    make(QStringLiteral("helpAction"),
+         tr("Tarnwick Help"),
+         QKeySequence(QStringLiteral("Ctrl+/")),
+         QStringLiteral("help-browser"),
+         [this] {
+             showHelp();
+         });
+    QAction *settings = make(QStringLiteral("settingsAction"),
+                             tr("Settings\u2026"),
+                             QKeySequence(QStringLiteral("Ctrl+,")),
+                             QStringLiteral("preferences-system"),
+                             [this] {
+                                 showSettings();
+                             });
+    settings->setMenuRole(QAction::PreferencesRole);
+    settings->setIconText(tr("Settings"));
+    make(QStringLiteral("quitAction"),
+         tr("Quit"),
+         QKeySequence::Quit,
+         QStringLiteral("application-exit"),
+         [] {
+             QApplication::closeAllWindows();
+         });
+    make(QStringLiteral("nextTabAction"),
+         tr("Next Tab"),
+         QKeySequence(QStringLiteral("Ctrl+PgDown")),
+         QString(),
+         [this] {
+             if (m_tabs->count() > 1) {
+                 m_tabs->setCurrentIndex((m_tabs->currentIndex() + 1) % m_tabs->count());
+             }
+         });
+    make(QStringLiteral("previousTabAction"),
+         tr("Previous Tab"),
+         QKeySequence(QStringLiteral("Ctrl+PgUp")),
+         QString(),
+         [this] {
+             if (m_tabs->count() > 1) {
+                 m_tabs->setCurrentIndex((m_tabs->currentIndex() + m_tabs->count() - 1)
+                                         % m_tabs->count());
+             }
+         });
+    make(QStringLiteral("aboutAction"),
+         tr("About Tarnwick"),
+         QKeySequence(),
+         QStringLiteral("help-about"),
+         [this] {
+             QMessageBox::about(
+                 this,
+                 tr("About Tarnwick"),
+                 tr("<h3>Tarnwick %1</h3><p>Searches the contents of local directories by "
+                    "meaning, by text and by regular expression. Everything stays on this "
+                    "computer: each directory keeps its index in a hidden <tt>.tarnwick</tt> "
+                    "folder.</p>")
+                     .arg(QApplication::applicationVersion()));
+         });
+    m_tabActions = {close, reindex, scope, copy};
+
+    auto *toolbar = addToolBar(tr("Main Toolbar"));
+    toolbar->setObjectName(QStringLiteral("mainToolbar"));
+    toolbar->setMovable(false);
+    toolbar->setFloatable(false);
+    toolbar->setIconSize(QSize(20, 20));
+    toolbar->setToolButtonStyle(Qt::ToolButtonTextBesideIcon);
+    toolbar->addAction(open);
+    toolbar->addAction(close);
+    toolbar->addSeparator();
+    toolbar->addAction(scope);
+    auto *spacer = new QWidget(toolbar);
+    spacer->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Preferred);
+    toolbar->addWidget(spacer);
+    toolbar->addAction(settings);
+}
+
+QAction *MainWindow::action(const QString &objectName) const
+{
+    return findChild<QAction *>(objectName);
+}
+
+void MainWindow::buildMenus()
+{
+    QMenu *file = menuBar()->addMenu(tr("&File"));
+    file->addAction(action(QStringLiteral("openDirectoryAction")));
+    file->addAction(action(QStringLiteral("closeTabAction")));
+    file->addAction(action(QStringLiteral("reindexAction")));
+    file->addSeparator();
+    file->addAction(action(QStringLiteral("settingsAction")));
+    file->addSeparator();
+    file->addAction(action(QStringLiteral("quitAction")));
+    QMenu *edit = menuBar()->addMenu(tr("&Edit"));
+    edit->addAction(action(QStringLiteral("findAction")));
+    edit->addAction(action(QStringLiteral("copyPromptAction")));
+    QMenu *view = menuBar()->addMenu(tr("&View"));
+    view->addAction(action(QStringLiteral("fileScopeAction")));
+    view->addSeparator();
+    view->addAction(action(QStringLiteral("nextTabAction")));
+    view->addAction(action(QStringLiteral("previousTabAction")));
+    QMenu *help = menuBar()->addMenu(tr("&Help"));
+    help->addAction(action(QStringLiteral("helpAction")));
+    help->addSeparator();
+    help->addAction(action(QStringLiteral("aboutAction")));
+}
+
+bool MainWindow::isShowingEmptyState() const
+{
+    return m_pages->currentIndex() == 0;
+}
+
+void MainWindow::followActiveState()
+{
+    DirectoryState *state = m_app ? m_app->activeState() : nullptr;
+    if (state != m_state || (!state && m_stateLink)) {
+        delete m_stateLink;
+        m_stateLink = nullptr;
+        m_state = state;
+        if (state) {
+            m_stateLink = new QObject(this);
+            connect(state, &DirectoryState::hasMoreResultsChanged, m_stateLink, [this] {
+                syncFooter();
+            });
+            connect(state, &DirectoryState::isLoadingMoreChanged, m_stateLink, [this] {
+                syncFooter();
+            });
+            connect(state, &DirectoryState::displayResultsChanged, m_stateLink, [this] {
+                syncFooter();
+            });
+            connect(state, &DirectoryState::isSearchingChanged, m_stateLink, [this] {
+                syncFooter();
+            });
+        }
+        m_results->setState(state);
+    }
+    syncFooter();
+    syncWindow();
+}
+
+void MainWindow::syncFooter()
+{
+    const bool more = m_state && m_state->hasMoreResults();
+    m_loadMore->setVisible(more);
+    const bool loading = m_state && m_state->isLoadingMore();
+    m_loadMore->setEnabled(!loading);
+    m_loadMore->setText(loading ? tr("Loading\u2026") : tr("Load More Results"));
+    QString summary;
+    if (m_state) {
+        const int shown = m_state->resultsModel()->count();
+        const int pinned = static_cast<int>(m_state->pinnedResults().size());
+        if (m_state->isSearching() && !loading) {
+            summary = tr("Searching\u2026");
+        } else if (shown > 0) {
+            summary = shown == 1 ? tr("1 result") : tr("%1 results").arg(shown);
+            if (pinned > 0) {
+                summary += tr(" \u00b7 %1 pinned").arg(pinned);
+            }
+        }
+    }
+    m_summary->setText(summary);
+    m_summary->parentWidget()->setVisible(m_state && (more || !summary.isEmpty()));
+}
+
+void MainWindow::syncWindow()
+{
+    const std::optional<DirectoryTab> tab = m_app ? m_app->activeTab() : std::nullopt;
+    m_pages->setCurrentIndex(tab ? 1 : 0);
+    setWindowTitle(tab ? tab->name + QStringLiteral(" \u2014 Tarnwick")
+                       : QStringLiteral("Tarnwick"));
+    setWindowFilePath(QString());
+    for (QAction *a : m_tabActions) {
+        a->setEnabled(tab.has_value());
+    }
+    m_tabs->setVisible(m_app && !m_app->tabs().isEmpty());
+    if (tab && !m_search->field()->hasFocus() && !m_results->hasFocus()) {
+        m_search->field()->setFocus();
+    }
+}
+
+void MainWindow::openDirectory()
+{
+    const QStringList paths = m_chooser(this);
+    if (m_app && !paths.isEmpty()) {
+        m_app->openDirectory(paths);
+    }
+}
+
+void MainWindow::showFileScope()
+{
+    DirectoryState *state = m_app ? m_app->activeState() : nullptr;
+    if (!state) {
+        return;
+    }
+    state->loadFileList();
+    if (!m_fileScope) {
+        m_fileScope = new FileScopeWindow(this);
+    }
+    m_fileScope->setState(state);
+    m_fileScope->show();
+    m_fileScope->raise();
+    m_fileScope->activateWindow();
+}
+
+void MainWindow::showSettings()
+{
+    if (!m_settings) {
+        m_settings = new SettingsWindow(nullptr, nullptr, this);
+    }
+    m_settings->show();
+    m_settings->raise();
+    m_settings->activateWindow();
+}
+
+void MainWindow::showHelp()
+{
+    if (!m_help) {
+        m_help = new HelpWindow(this);
+    }
+    m_help->showPage(QStringLiteral("index.html"));
+    m_help->show();
+    m_help->raise();
+    m_help->activateWindow();
+}
+
+void MainWindow::dragEnterEvent(QDragEnterEvent *event)
+{
+    if (event->mimeData()->hasUrls()) {
+        for (const QUrl &url : event->mimeData()->urls()) {
+            if (url.isLocalFile() && QFileInfo(url.toLocalFile()).isDir()) {
+                event->acceptProposedAction();
+                return;
+            }
+        }
+    }
+}
+
+void MainWindow::dropEvent(QDropEvent *event)
+{
+    QStringList paths;
+    for (const QUrl &url : event->mimeData()->urls()) {
+        const QFileInfo info(url.toLocalFile());
+        if (url.isLocalFile() && info.isDir()) {
+            paths.append(info.absoluteFilePath());
+        }
+    }
+    if (m_app && !paths.isEmpty()) {
+        m_app->openDirectory(paths);
+        event->acceptProposedAction();
+    }
+}

@@ -1,0 +1,102 @@
+/*
+** main_window.h -- the main window: toolbar, tab strip, search bar, results list with "Load More
+** Results", status bar, and the menu commands. With no tab open it shows an invitation to open a
+** directory instead of the results.
+**
+** Menu commands and shortcuts:
+**   File   Open Directory… (Ctrl+Shift+O), Close Tab (Ctrl+W), Re-index (Ctrl+Shift+R),
+**          Settings… (Ctrl+,), Quit (Ctrl+Q)
+**   Edit   Find (Ctrl+F), Copy Prompt (Ctrl+Shift+C, the top five results)
+**   View   Show File Scope (Ctrl+I), Next Tab (Ctrl+Page Down), Previous Tab (Ctrl+Page Up)
+**   Help   Tarnwick Help (Ctrl+/), About Tarnwick
+** Directories dropped on the window open as tabs.
+*/
+#ifndef TRN_UI_MAIN_WINDOW_H
+#define TRN_UI_MAIN_WINDOW_H
+
+#include "app_state.h"
+#include "directory_state.h"
+#include "file_scope_window.h"
+#include "help_window.h"
+#include "settings_window.h"
+
+#include <QMainWindow>
+#include <QPointer>
+
+#include <functional>
+
+class QAction;
+class QLabel;
+class QPushButton;
+class QStackedWidget;
+class ResultsView;
+class SearchBar;
+class StatusBarView;
+class TabStrip;
+
+class MainWindow : public QMainWindow
+{
+    Q_OBJECT
+
+public:
+    using DirectoryChooser = std::function<QStringList(QWidget *parent)>;
+
+    explicit MainWindow(AppState *app, QWidget *parent = nullptr);
+    ~MainWindow() override;
+
+    AppState *app() const { return m_app; }
+    TabStrip *tabStrip() const { return m_tabs; }
+    SearchBar *searchBar() const { return m_search; }
+    ResultsView *resultsView() const { return m_results; }
+    StatusBarView *statusBarView() const { return m_status; }
+    QPushButton *loadMoreButton() const { return m_loadMore; }
+    // True while the invitation to open a directory is shown.
+    bool isShowingEmptyState() const;
+
+    // The menu command with that object name ("openDirectoryAction", "closeTabAction",
+    // "reindexAction", "fileScopeAction", "copyPromptAction", "helpAction", "settingsAction").
+    QAction *action(const QString &objectName) const;
+
+    // Replaces the folder chooser of "Open Directory…" (tests).
+    void setDirectoryChooser(DirectoryChooser chooser) { m_chooser = std::move(chooser); }
+
+    void openDirectory();
+    void showFileScope();
+    void showSettings();
+    void showHelp();
+
+    FileScopeWindow *fileScopeWindow() const { return m_fileScope; }
+    SettingsWindow *settingsWindow() const { return m_settings; }
+    HelpWindow *helpWindow() const { return m_help; }
+
+protected:
+    void dragEnterEvent(QDragEnterEvent *event) override;
+    void dropEvent(QDropEvent *event) override;
+
+private:
+    void buildActions();
+    void buildMenus();
+    QWidget *buildEmptyState();
+    QWidget *buildResultsArea();
+    void followActiveState();
+    void syncFooter();
+    void syncWindow();
+
+    QPointer<AppState> m_app;
+    QPointer<DirectoryState> m_state;
+    QObject *m_stateLink = nullptr;
+    DirectoryChooser m_chooser;
+    TabStrip *m_tabs;
+    SearchBar *m_search;
+    QStackedWidget *m_pages;
+    ResultsView *m_results;
+    QLabel *m_summary;
+    QPushButton *m_loadMore;
+    StatusBarView *m_status;
+    QPointer<FileScopeWindow> m_fileScope;
+    QPointer<SettingsWindow> m_settings;
+    QPointer<HelpWindow> m_help;
+    QList<QAction *> m_tabActions; // enabled only while a tab is open
+};
+
+#endif

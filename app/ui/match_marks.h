@@ -1,0 +1,27 @@
+/*
+** match_marks.h -- where a query matches a text, for marking it in snippets and in the context
+** panel.
+**
+** Text mode: every case-insensitive occurrence, left to right, each search starting just after
+** the previous match (so matches never overlap). Regex mode: every match of the query compiled
+** as a case-insensitive regular expression; nothing when it does not compile; empty matches are
+** left out, since they mark nothing. Semantic mode and an empty query: no matches.
+*/
+#ifndef TRN_UI_MATCH_MARKS_H
+#define TRN_UI_MATCH_MARKS_H
+
+#include "tarnwick_engine.h"
+
+#include <QList>
+#include <QString>
+
+struct MatchSpan {
+    qsizetype start = 0;
+    qsizetype length = 0;
+
+    bool operator==(const MatchSpan &other) const = default;
+};
+
+QList<MatchSpan> findQueryMatches(const QString &text, const QString &query, SearchMode mode);
+
+#endif

@@ -1,0 +1,504 @@
+/*
+** results_view.cpp -- painting, hovering, pinning and opening search results.
+*/
+#include "results_view.h"
+
+#include "directory_state.h"
+#include "icons.h"
+#include "match_marks.h"
+#include "preview_panels.h"
+#include "results_model.h"
+#include "settings.h"
+
+#include <QApplication>
+#include <QClipboard>
+#include <QContextMenuEvent>
+#include <QDir>
+#include <QFileInfo>
+#include <QKeyEvent>
+#include <QMenu>
+#include <QPainter>
+#include <QPainterPath>
+#include <QTextLayout>
+
+namespace
+{
+
+constexpr int kPadX = 14;
+constexpr int kPadY = 8;
+constexpr int kIconSize = 16;
+constexpr int kPinSize = 22;
+constexpr int kSnippetLines = 2;
+
+QColor withAlpha(QColor color, float alpha)
+{
+    color.setAlphaF(alpha);
+    return color;
+}
+
+QString iconNameFor(FileCategory category, int fileType)
+{
+    switch (category) {
+    case FileCategory::Pdf:
+        return QStringLiteral("application-pdf|x-office-document");
+    case FileCategory::Html:
+        return QStringLiteral("text-html");
+    case FileCategory::Markdown:
+        return QStringLiteral("text-x-generic");
+    case FileCategory::Plain:
+        break;
+    }
+    return fileType == 3 ? QStringLiteral("text-x-script") : QStringLiteral("text-x-generic");
+}
+
+// A bookmark ribbon: filled for a pinned row, outlined otherwise.
+void drawPin(QPainter *painter, const QRect &rect, bool pinned, const QColor &ink,
+             const QColor &accent)
+{
+    const QRectF r = QRectF(rect).adjusted(6, 4, -6, -3);
+    QPainterPath path;
+    path.moveTo(r.left(), r.top());
+    path.lineTo(r.right(), r.top());
+    path.lineTo(r.right(), r.bottom());
+    path.lineTo(r.center().x(), r.bottom() - r.width() * 0.45);
+    path.lineTo(r.left(), r.bottom());
+    path.closeSubpath();
+    painter->save();
+    painter->setRenderHint(QPainter::Antialiasing);
+    if (pinned) {
+        painter->setPen(QPen(accent, 1.2));
+        painter->setBrush(accent);
+    } else {
+        painter->setPen(QPen(withAlpha(ink, 0.45f), 1.2));
+        painter->setBrush(Qt::NoBrush);
+    }
+    painter->drawPath(path);
+    painter->restore();
+}
+
+} // namespace
+
+// ---- delegate ----
+
+ResultDelegate::ResultDelegate(QObject *parent) : QStyledItemDelegate(parent) {}
+
+void ResultDelegate::setQuery(const QString &query, SearchMode mode)
+{
+    m_query = query;
+    m_mode = mode;
+}
+
+QRect ResultDelegate::pinRect(const QRect &rowRect)
+{
+    return QRect(
+        rowRect.right() - kPadX - kPinSize + 4, rowRect.top() + kPadY - 2, kPinSize, kPinSize);
+}
+
+QSize ResultDelegate::sizeHint(const QStyleOptionViewItem &option, const QModelIndex &) const
+{
+    const QFontMetrics fm(option.font);
+    const int height =
+        kPadY + qMax(fm.height(), kPinSize - 4) + 6 + kSnippetLines * fm.lineSpacing() + kPadY + 1;
+    return QSize(400, height);
+}
+
+void ResultDelegate::paint(QPainter *painter, const QStyleOptionViewItem &option,
+                           const QModelIndex &index) const
+{
+    painter->save();
+    const QRect rect = option.rect;
+    const QPalette &pal = option.palette;
+    const bool selected = option.state & QStyle::State_Selected;
+    const bool hovered = option.state & QStyle::State_MouseOver;
+    const bool pinned = index.data(ResultsModel::IsPinnedRole).toBool();
+    const QColor accent = pal.color(QPalette::Highlight);
+    const QColor ink = selected ? pal.color(QPalette::HighlightedText) : pal.color(QPalette::Text);
+
+    // Background: selection, hover, or a faint tint for pinned rows.
+    if (selected) {
+        painter->fillRect(rect, accent);
+    } else if (hovered) {
+        painter->fillRect(rect, withAlpha(pal.color(QPalette::Text), 0.05f));
+    } else if (pinned) {
+        painter->fillRect(rect, withAlpha(accent, 0.07f));
+    }
+    if (pinned) {
+        painter->fillRect(QRect(rect.left(), rect.top(), 3, rect.height()),
+                          selected ? pal.color(QPalette::HighlightedText) : accent);
+    }
+    painter->setPen(withAlpha(pal.color(QPalette::Text), 0.08f));
+    painter->drawLine(rect.left() + kPadX, rect.bottom(), rect.right() - kPadX, rect.bottom());
+
+    const QFontMetrics fm(option.font);
+    const int lineTop = rect.top() + kPadY;
+    const int headerHeight = qMax(fm.height(), kPinSize - 4);
+    int x = rect.left() + kPadX;
+
+    // File icon.
+    const auto category =
+        static_cast<FileCategory>(index.data(ResultsModel::FileCategoryRole).toInt());
+    const QIcon icon =
+        themedIcon(iconNameFor(category, index.data(ResultsModel::FileTypeRole).toInt()).split('|'),
+                   QStyle::SP_FileIcon);
+    if (!icon.isNull()) {
+        icon.paint(painter,
+                   QRect(x, lineTop + (headerHeight - kIconSize) / 2, kIconSize, kIconSize));
+        x += kIconSize + 8;
+    }
+
+    // Right side: the pin toggle and the score.
+    const QRect pin = pinRect(rect);
+    drawPin(painter, pin, pinned, ink, selected ? pal.color(QPalette::HighlightedText) : accent);
+    QFont scoreFont = option.font;
+    scoreFont.setPointSizeF(option.font.pointSizeF() * 0.9);
+    const QFontMetrics sfm(scoreFont);
+    const QString score = QString::number(index.data(ResultsModel::ScoreRole).toDouble(), 'f', 3);
+    const int scoreWidth = sfm.horizontalAdvance(score) + 12;
+    const QRect scoreRect(pin.left() - 8 - scoreWidth,
+                          lineTop + (headerHeight - sfm.height() - 2) / 2,
+                          scoreWidth,
+                          sfm.height() + 2);
+    painter->setRenderHint(QPainter::Antialiasing);
+    painter->setPen(Qt::NoPen);
+    painter->setBrush(withAlpha(ink, 0.08f));
+    painter->drawRoundedRect(scoreRect, scoreRect.height() / 2.0, scoreRect.height() / 2.0);
+    painter->setFont(scoreFont);
+    painter->setPen(withAlpha(ink, 0.7f));
+    painter->drawText(scoreRect, Qt::AlignCenter, score);
+
+    // Header: bold file name, then the relative path and line, dimmed.
+    const int headerRight = scoreRect.left() - 10;
+    QFont nameFont = option.font;
+    nameFont.setWeight(QFont::DemiBold);
+    const QFontMetrics nfm(nameFont);
+    const QString name = index.data(ResultsModel::FileNameRole).toString();
+    const QString filePath = index.data(ResultsModel::FilePathRole).toString();
+    QString relative =
+        m_directory.isEmpty() ? filePath : QDir(m_directory).relativeFilePath(filePath);
+    const QString where = relative + QStringLiteral(" \u00b7 line ")
+                          + QString::number(index.data(ResultsModel::LineNumberRole).toInt());
+    const int nameWidth = qMin(nfm.horizontalAdvance(name) + 4, qMax(0, headerRight - x));
+    painter->setFont(nameFont);
+    painter->setPen(ink);
+    const int baselineY = lineTop + (headerHeight - fm.height()) / 2;
+    painter->drawText(QRect(x, baselineY, nameWidth, fm.height()),
+                      Qt::AlignLeft | Qt::AlignVCenter,
+                      nfm.elidedText(name, Qt::ElideRight, nameWidth));
+    const int whereX = x + nameWidth + 10;
+    if (headerRight - whereX > 20) {
+        painter->setFont(option.font);
+        painter->setPen(withAlpha(ink, 0.6f));
+        painter->drawText(QRect(whereX, baselineY, headerRight - whereX, fm.height()),
+                          Qt::AlignLeft | Qt::AlignVCenter,
+                          fm.elidedText(where, Qt::ElideMiddle, headerRight - whereX));
+    }
+
+    // Snippet: white space collapsed, two lines at most, the query's matches marked.
+    const QString snippet = index.data(ResultsModel::SnippetRole).toString().simplified();
+    const int snippetLeft = rect.left() + kPadX + (icon.isNull() ? 0 : kIconSize + 8);
+    const int snippetWidth = rect.right() - kPadX - snippetLeft;
+    QList<QTextLayout::FormatRange> marks;
+    for (const MatchSpan &span : findQueryMatches(snippet, m_query, m_mode)) {
+        QTextLayout::FormatRange range;
+        range.start = static_cast<int>(span.start);
+        range.length = static_cast<int>(span.length);
+        range.format.setBackground(QColor::fromRgbF(1.0f, 0.85f, 0.2f, selected ? 0.6f : 0.45f));
+        marks.append(range);
+    }
+    QTextLayout layout(snippet, option.font);
+    layout.setFormats(marks);
+    QTextOption textOption;
+    textOption.setWrapMode(QTextOption::WrapAtWordBoundaryOrAnywhere);
+    layout.setTextOption(textOption);
+    layout.beginLayout();
+    qreal y = 0;
+    int drawn = 0;
+    int usedChars = 0;
+    while (drawn < kSnippetLines) {
+        QTextLine line = layout.createLine();
+        if (!line.isValid()) {
+            break;
+        }
+        line.setLineWidth(snippetWidth);
+        line.setPosition(QPointF(0, y));
+        y += fm.lineSpacing();
+        usedChars = line.textStart() + line.textLength();
+        ++drawn;
+    }
+    layout.endLayout();
+    const QPointF origin(snippetLeft, lineTop + headerHeight + 6);
+    painter->setPen(withAlpha(ink, 0.85f));
+    const bool truncated = usedChars < snippet.size();
+    if (!truncated || drawn < kSnippetLines) {
+        layout.draw(painter, origin);
+    } else {
+        // Draw the first line as laid out, then the rest elided on the last line.
+        for (int i = 0; i < drawn - 1; ++i) {
+            layout.lineAt(i).draw(painter, origin);
+        }
+        const QTextLine last = layout.lineAt(drawn - 1);
+        const int start = last.textStart();
+        const QString tail = fm.elidedText(snippet.mid(start), Qt::ElideRight, snippetWidth);
+        QList<QTextLayout::FormatRange> tailMarks;
+        for (QTextLayout::FormatRange range : marks) {
+            const int end = range.start + range.length;
+            if (end <= start) {
+                continue;
+            }
+            range.start = qMax(0, range.start - start);
+            range.length = qMin(end - start, static_cast<int>(tail.size())) - range.start;
+            if (range.length > 0) {
+                tailMarks.append(range);
+            }
+        }
+        QTextLayout tailLayout(tail, option.font);
+        tailLayout.setFormats(tailMarks);
+        tailLayout.beginLayout();
+        QTextLine line = tailLayout.createLine();
+        line.setLineWidth(snippetWidth + 20);
+        line.setPosition(QPointF(0, last.y()));
+        tailLayout.endLayout();
+        tailLayout.draw(painter, origin);
+    }
+    painter->restore();
+}
+
+// ---- view ----
+
+ResultsView::ResultsView(QWidget *parent) : QListView(parent)
+{
+    setObjectName(QStringLiteral("resultsList"));
+    m_delegate = new ResultDelegate(this);
+    setItemDelegate(m_delegate);
+    setMouseTracking(true);
+    setUniformItemSizes(true);
+    setSelectionMode(QAbstractItemView::SingleSelection);
+    setVerticalScrollMode(QAbstractItemView::ScrollPerPixel);
+    setFrameShape(QFrame::NoFrame);
+    setAttribute(Qt::WA_Hover);
+    m_hoverTimer.setSingleShot(true);
+    m_hoverTimer.setInterval(kHoverDelayMs);
+    connect(&m_hoverTimer, &QTimer::timeout, this, [this] {
+        previewRow(m_hoverRow);
+    });
+    connect(this, &QAbstractItemView::activated, this, &ResultsView::openResult);
+}
+
+void ResultsView::setState(DirectoryState *state)
+{
+    if (state && m_state == state && model() == state->resultsModel()) {
+        return;
+    }
+    delete m_stateLink;
+    m_stateLink = nullptr;
+    m_hoverTimer.stop();
+    m_hoverRow = -1;
+    m_state = state;
+    setModel(state ? state->resultsModel() : nullptr);
+    if (state) {
+        m_stateLink = new QObject(this);
+        m_delegate->setDirectory(state->directoryPath());
+        auto repaint = [this] {
+            refreshQuery();
+            viewport()->update();
+        };
+        connect(state, &DirectoryState::searchFinished, m_stateLink, repaint);
+        connect(state, &DirectoryState::isSearchingChanged, m_stateLink, repaint);
+        connect(state, &DirectoryState::isIngestingChanged, m_stateLink, repaint);
+        connect(state, &DirectoryState::displayResultsChanged, m_stateLink, [this] {
+            // The rows were replaced; a pending hover would preview another result.
+            m_hoverTimer.stop();
+            m_hoverRow = -1;
+        });
+        connect(state, &QObject::destroyed, m_stateLink, [this] {
+            setState(nullptr);
+        });
+    }
+    refreshQuery();
+    viewport()->update();
+}
+
+void ResultsView::refreshQuery()
+{
+    if (m_state) {
+        m_delegate->setQuery(m_state->lastQuery(), m_state->lastMode());
+    } else {
+        m_delegate->setQuery(QString(), SearchMode::Semantic);
+    }
+}
+
+SearchResult ResultsView::resultAt(int row) const
+{
+    if (!m_state) {
+        return SearchResult();
+    }
+    return m_state->resultsModel()->result(row);
+}
+
+void ResultsView::openResult(const QModelIndex &index)
+{
+    if (index.isValid() && m_state) {
+        TarnwickEngine::openResult(resultAt(index.row()));
+    }
+}
+
+void ResultsView::previewRow(int row)
+{
+    if (!m_state || row < 0 || row >= m_state->resultsModel()->rowCount()) {
+        return;
+    }
+    previewResult(resultAt(row), m_state->lastQuery(), m_state->lastMode());
+}
+
+void ResultsView::togglePin(int row)
+{
+    if (!m_state || row < 0 || row >= m_state->resultsModel()->rowCount()) {
+        return;
+    }
+    const QString id = resultAt(row).id;
+    m_state->togglePin(resultAt(row));
+    // Keep the same result current after the list was rebuilt around it.
+    for (int i = 0; i < m_state->resultsModel()->rowCount(); ++i) {
+        if (resultAt(i).id == id) {
+            setCurrentIndex(model()->index(i, 0));
+            break;
+        }
+    }
+}
+
+void ResultsView::hoverRow(int row)
+{
+    if (row == m_hoverRow) {
+        return;
+    }
+    m_hoverRow = row;
+    m_hoverTimer.stop();
+    if (row >= 0 && Settings::standard()->hoverPreview()) {
+        m_hoverTimer.start();
+    }
+}
+
+void ResultsView::mouseMoveEvent(QMouseEvent *event)
+{
+    const QModelIndex index = indexAt(event->position().toPoint());
+    hoverRow(index.isValid() ? index.row() : -1);
+    if (index.isValid()) {
+        const bool overPin =
+            ResultDelegate::pinRect(visualRect(index)).contains(event->position().toPoint());
+        viewport()->setCursor(overPin ? Qt::PointingHandCursor : Qt::ArrowCursor);
+    }
+    QListView::mouseMoveEvent(event);
+}
+
+void ResultsView::mouseReleaseEvent(QMouseEvent *event)
+{
+    const QModelIndex index = indexAt(event->position().toPoint());
+    if (event->button() == Qt::LeftButton && index.isValid()
+        && ResultDelegate::pinRect(visualRect(index)).contains(event->position().toPoint())) {
+        togglePin(index.row());
+        event->accept();
+        return;
+    }
+    QListView::mouseReleaseEvent(event);
+}
+
+void ResultsView::leaveEvent(QEvent *event)
+{
+    hoverRow(-1);
+    QListView::leaveEvent(event);
+}
+
+void ResultsView::keyPressEvent(QKeyEvent *event)
+{
+    const int row = currentIndex().isValid() ? currentIndex().row() : -1;
+    if (event->key() == Qt::Key_Space && event->modifiers() == Qt::NoModifier) {
+        previewRow(row);
+        return;
+    }
+    if (event->key() == Qt::Key_D && event->modifiers() == Qt::ControlModifier) {
+        togglePin(row);
+        return;
+    }
+    if (event->key() == Qt::Key_Escape) {
+        emit focusSearchRequested();
+        return;
+    }
+    if (event->key() == Qt::Key_Up && row <= 0) {
+        emit focusSearchRequested();
+        return;
+    }
+    QListView::keyPressEvent(event);
+}
+
+void ResultsView::contextMenuEvent(QContextMenuEvent *event)
+{
+    const QModelIndex index = indexAt(event->pos());
+    if (!index.isValid() || !m_state) {
+        return;
+    }
+    const SearchResult result = resultAt(index.row());
+    const int row = index.row();
+    QMenu menu(this);
+    menu.addAction(themedIcon(QStringLiteral("document-open")), tr("Open"), this, [this, index] {
+        openResult(index);
+    });
+    menu.addAction(tr("Preview"), this, [this, row] {
+        previewRow(row);
+    });
+    menu.addSeparator();
+    menu.addAction(
+        m_state->isPinned(result) ? tr("Unpin Result") : tr("Pin Result"), this, [this, row] {
+            togglePin(row);
+        });
+    menu.addAction(themedIcon(QStringLiteral("edit-copy")), tr("Copy Path"), this, [result] {
+        QApplication::clipboard()->setText(result.filePath);
+    });
+    menu.exec(event->globalPos());
+}
+
+void ResultsView::paintEvent(QPaintEvent *event)
+{
+    QListView::paintEvent(event);
+    if (!m_state || (model() && model()->rowCount() > 0)) {
+        return;
+    }
+    QString title;
+    QString detail;
+    const QString name = QFileInfo(m_state->directoryPath()).fileName();
+    if (m_state->isSearching()) {
+        title = tr("Searching\u2026");
+    } else if (!m_state->lastQuery().isEmpty()) {
+        title = tr("No results for \u201c%1\u201d").arg(m_state->lastQuery());
+        detail = tr("Try other words, or another search mode.");
+    } else if (m_state->isIngesting()) {
+        title = tr("Indexing %1\u2026").arg(name);
+        detail = tr("You can search while the directory is being indexed.");
+    } else {
+        title = tr("Search %1").arg(name);
+        detail = tr("Type a question or a phrase and press Return.\n"
+                    "Semantic finds passages by meaning; Text and Regex match exactly.");
+    }
+    QPainter painter(viewport());
+    QFont titleFont = font();
+    titleFont.setPointSizeF(font().pointSizeF() * 1.35);
+    titleFont.setWeight(QFont::DemiBold);
+    const QFontMetrics tfm(titleFont);
+    const QRect area = viewport()->rect().adjusted(24, 0, -24, 0);
+    const int detailHeight = detail.isEmpty() ? 0 : fontMetrics().lineSpacing() * 2;
+    const int top = area.center().y() - (tfm.height() + 8 + detailHeight) / 2 - 20;
+    QColor dim = palette().color(QPalette::Text);
+    dim.setAlphaF(0.75f);
+    painter.setPen(dim);
+    painter.setFont(titleFont);
+    painter.drawText(QRect(area.left(), top, area.width(), tfm.height()),
+                     Qt::AlignCenter,
+                     tfm.elidedText(title, Qt::ElideMiddle, area.width()));
+    if (!detail.isEmpty()) {
+        dim.setAlphaF(0.55f);
+        painter.setPen(dim);
+        painter.setFont(font());
+        painter.drawText(QRect(area.left(), top + tfm.height() + 8, area.width(), detailHeight),
+                         Qt::AlignHCenter | Qt::AlignTop,
+                         detail);
+    }
+}

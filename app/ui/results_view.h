@@ -1,0 +1,92 @@
+/*
+** results_view.h -- the results list of the active tab.
+**
+** Shows DirectoryState::resultsModel(): per row the file's name, its path relative to the
+** directory, the line, the score, a two-line snippet with the query's matches marked (text and
+** regex modes) and a pin toggle; pinned rows carry an accent bar and a filled pin.
+**
+** Keys: the arrows move, Return (or a double click) opens the result in its application, Space
+** previews it at once, Ctrl+D pins or unpins it, Escape hands the focus back to the search field.
+** Resting the pointer on a row for 0.6 s previews it when "hoverPreview" is on; leaving the row
+** earlier cancels that.
+*/
+#ifndef TRN_UI_RESULTS_VIEW_H
+#define TRN_UI_RESULTS_VIEW_H
+
+#include "directory_state.h"
+#include "tarnwick_engine.h"
+
+#include <QListView>
+#include <QPointer>
+#include <QStyledItemDelegate>
+#include <QTimer>
+
+class ResultDelegate : public QStyledItemDelegate
+{
+    Q_OBJECT
+
+public:
+    explicit ResultDelegate(QObject *parent = nullptr);
+
+    void paint(QPainter *painter, const QStyleOptionViewItem &option,
+               const QModelIndex &index) const override;
+    QSize sizeHint(const QStyleOptionViewItem &option, const QModelIndex &index) const override;
+
+    // The query whose matches are marked in snippets.
+    void setQuery(const QString &query, SearchMode mode);
+    // The directory that relative paths are shown against.
+    void setDirectory(const QString &directoryPath) { m_directory = directoryPath; }
+    // Where the pin toggle of a row drawn in rect sits.
+    static QRect pinRect(const QRect &rowRect);
+
+private:
+    QString m_query;
+    SearchMode m_mode = SearchMode::Semantic;
+    QString m_directory;
+};
+
+class ResultsView : public QListView
+{
+    Q_OBJECT
+
+public:
+    static constexpr int kHoverDelayMs = 600;
+
+    explicit ResultsView(QWidget *parent = nullptr);
+
+    // Shows state's results (NULL: nothing).
+    void setState(DirectoryState *state);
+    DirectoryState *state() const { return m_state; }
+    ResultDelegate *resultDelegate() const { return m_delegate; }
+    // True while a hover preview is pending.
+    bool isHoverPending() const { return m_hoverTimer.isActive(); }
+
+    void openResult(const QModelIndex &index);
+    void previewRow(int row);
+    void togglePin(int row);
+
+signals:
+    // Escape was pressed in the list.
+    void focusSearchRequested();
+
+protected:
+    void mouseMoveEvent(QMouseEvent *event) override;
+    void mouseReleaseEvent(QMouseEvent *event) override;
+    void leaveEvent(QEvent *event) override;
+    void keyPressEvent(QKeyEvent *event) override;
+    void paintEvent(QPaintEvent *event) override;
+    void contextMenuEvent(QContextMenuEvent *event) override;
+
+private:
+    void refreshQuery();
+    void hoverRow(int row);
+    SearchResult resultAt(int row) const;
+
+    QPointer<DirectoryState> m_state;
+    ResultDelegate *m_delegate;
+    QTimer m_hoverTimer;
+    int m_hoverRow = -1;
+    QObject *m_stateLink = nullptr; // context of the connections to m_state
+};
+
+#endif

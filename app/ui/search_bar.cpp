@@ -1,0 +1,226 @@
+/*
+** search_bar.cpp -- search field, mode picker and prompt copy button.
+*/
+#include "search_bar.h"
+
+#include "app_state.h"
+#include "directory_state.h"
+#include "icons.h"
+#include "prompt_builder.h"
+
+#include <QAction>
+#include <QButtonGroup>
+#include <QFileInfo>
+#include <QHBoxLayout>
+#include <QKeyEvent>
+#include <QLineEdit>
+#include <QMenu>
+#include <QPushButton>
+#include <QToolButton>
+#include <QToolTip>
+
+SearchBar::SearchBar(AppState *app, QWidget *parent) : QWidget(parent), m_app(app)
+{
+    setObjectName(QStringLiteral("searchBar"));
+    auto *layout = new QHBoxLayout(this);
+    layout->setContentsMargins(10, 8, 10, 8);
+    layout->setSpacing(8);
+
+    m_field = new QLineEdit(this);
+    m_field->setObjectName(QStringLiteral("searchField"));
+    m_field->setClearButtonEnabled(true);
+    m_field->setMinimumWidth(240);
+    m_field->setToolTip(tr("Search the active directory (Ctrl+F); Return runs the search"));
+    const QIcon findIcon = themedIcon(QStringLiteral("edit-find"));
+    if (!findIcon.isNull()) {
+        m_field->addAction(findIcon, QLineEdit::LeadingPosition);
+    }
+    m_historyMenu = new QMenu(this);
+    m_historyMenu->setObjectName(QStringLiteral("historyMenu"));
+    QIcon historyIcon = themedIcon(QStringLiteral("document-open-recent"));
+    if (historyIcon.isNull()) {
+        historyIcon = themedIcon(QString(), QStyle::SP_ArrowDown);
+    }
+    m_historyAction = m_field->addAction(historyIcon, QLineEdit::TrailingPosition);
+    m_historyAction->setObjectName(QStringLiteral("historyAction"));
+    m_historyAction->setToolTip(tr("Recent searches"));
+    connect(m_historyAction, &QAction::triggered, this, [this] {
+        fillHistoryMenu();
+        if (!m_historyMenu->isEmpty()) {
+            m_historyMenu->popup(m_field->mapToGlobal(QPoint(0, m_field->height())));
+        }
+    });
+    m_field->installEventFilter(this);
+    layout->addWidget(m_field, 1);
+
+    // The mode picker: three exclusive buttons drawn as one segmented control.
+    auto *picker = new QWidget(this);
+    picker->setObjectName(QStringLiteral("modePicker"));
+    auto *pickerLayout = new QHBoxLayout(picker);
+    pickerLayout->setContentsMargins(0, 0, 0, 0);
+    pickerLayout->setSpacing(0);
+    m_modes = new QButtonGroup(this);
+    m_modes->setExclusive(true);
+    const QStringList tips = {tr("Find passages by meaning"),
+                              tr("Find text, ignoring case"),
+                              tr("Find matches of a regular expression")};
+    for (SearchMode mode : allSearchModes()) {
+        auto *button = new QToolButton(picker);
+        button->setText(searchModeName(mode));
+        button->setObjectName(QStringLiteral("mode") + searchModeName(mode));
+        button->setCheckable(true);
+        button->setAutoRaise(false);
+        button->setToolButtonStyle(Qt::ToolButtonTextOnly);
+        button->setToolTip(tips.at(static_cast<int>(mode)));
+        button->setMinimumWidth(76);
+        button->setFocusPolicy(Qt::TabFocus);
+        m_modes->addButton(button, static_cast<int>(mode));
+        pickerLayout->addWidget(button);
+    }
+    connect(m_modes, &QButtonGroup::idClicked, this, [this](int id) {
+        if (m_app) {
+            m_app->setSearchMode(static_cast<SearchMode>(id));
+        }
+    });
+    layout->addWidget(picker);
+    m_picker = picker;
+    stylePicker();
+
+    // The prompt copy button and its scope menu.
+    m_copyButton = new QPushButton(this);
+    m_copyButton->setObjectName(QStringLiteral("copyPromptButton"));
+    m_copyButton->setToolTip(tr("Copy search results as RAG prompt (Ctrl+Shift+C)"));
+    const QIcon copyIcon = themedIcon(QStringLiteral("edit-copy"));
+    m_copyButton->setIcon(copyIcon);
+    m_copyButton->setText(tr("Copy Prompt"));
+    m_copyButton->setAutoDefault(false);
+    auto *scopeMenu = new QMenu(m_copyButton);
+    scopeMenu->setObjectName(QStringLiteral("promptScopeMenu"));
+    scopeMenu->setTitle(tr("Results to include in prompt"));
+    scopeMenu->addSection(tr("Results to include in prompt"));
+    for (PromptScope scope : allPromptScopes()) {
+        QAction *action = scopeMenu->addAction(promptScopeName(scope));
+        action->setObjectName(QStringLiteral("scope") + promptScopeName(scope).remove(' '));
+        connect(action, &QAction::triggered, this, [this, scope] {
+            if (m_app && m_app->activeState()) {
+                m_app->copyPrompt(scope);
+                QToolTip::showText(m_copyButton->mapToGlobal(QPoint(0, m_copyButton->height())),
+                                   tr("Prompt copied to the clipboard"),
+                                   m_copyButton);
+            }
+        });
+    }
+    m_copyButton->setMenu(scopeMenu);
+    layout->addWidget(m_copyButton);
+
+    connect(m_field, &QLineEdit::textChanged, this, [this](const QString &text) {
+        if (m_app) {
+            m_app->setQuery(text);
+        }
+    });
+    connect(m_field, &QLineEdit::returnPressed, this, [this] {
+        if (m_app) {
+            m_app->performSearch();
+        }
+    });
+    connect(app, &AppState::queryChanged, this, &SearchBar::syncFromModel);
+    connect(app, &AppState::searchModeChanged, this, &SearchBar::syncFromModel);
+    connect(app, &AppState::activeTabIdChanged, this, &SearchBar::syncFromModel);
+    connect(app, &AppState::tabsChanged, this, &SearchBar::syncFromModel);
+    syncFromModel();
+}
+
+void SearchBar::stylePicker()
+{
+    // One segmented control: joined buttons, the chosen mode filled with the highlight colour.
+    const QPalette pal = palette();
+    const QColor button = pal.color(QPalette::Button);
+    QColor border = pal.color(QPalette::WindowText);
+    border.setAlphaF(0.25f);
+    const QString sheet =
+        QStringLiteral("QToolButton { border: 1px solid %1; border-left: none; padding: 3px 10px;"
+                       " background: %2; color: %3; }"
+                       "QToolButton:hover:!checked { background: %4; }"
+                       "QToolButton:checked { background: %5; color: %6; border-color: %5; }"
+                       "QToolButton#modeSemantic { border-left: 1px solid %1;"
+                       " border-top-left-radius: 4px; border-bottom-left-radius: 4px; }"
+                       "QToolButton#modeSemantic:checked { border-left-color: %5; }"
+                       "QToolButton#modeRegex { border-top-right-radius: 4px;"
+                       " border-bottom-right-radius: 4px; }")
+            .arg(border.name(QColor::HexArgb),
+                 button.name(),
+                 pal.color(QPalette::ButtonText).name(),
+                 button.lighter(button.lightness() < 128 ? 130 : 104).name(),
+                 pal.color(QPalette::Highlight).name(),
+                 pal.color(QPalette::HighlightedText).name());
+    m_picker->setStyleSheet(sheet);
+}
+
+void SearchBar::changeEvent(QEvent *event)
+{
+    if (event->type() == QEvent::PaletteChange && m_picker) {
+        stylePicker();
+    }
+    QWidget::changeEvent(event);
+}
+
+QAbstractButton *SearchBar::modeButton(SearchMode mode) const
+{
+    return m_modes->button(static_cast<int>(mode));
+}
+
+void SearchBar::syncFromModel()
+{
+    if (!m_app) {
+        return;
+    }
+    if (m_field->text() != m_app->query()) {
+        m_field->setText(m_app->query());
+    }
+    if (QAbstractButton *button = modeButton(m_app->searchMode())) {
+        button->setChecked(true);
+    }
+    const std::optional<DirectoryTab> tab = m_app->activeTab();
+    const bool hasTab = tab.has_value();
+    m_field->setEnabled(hasTab);
+    m_copyButton->setEnabled(hasTab);
+    m_historyAction->setEnabled(hasTab);
+    m_field->setPlaceholderText(hasTab ? tr("Search %1").arg(tab->name)
+                                       : tr("Open a directory to search it"));
+}
+
+void SearchBar::fillHistoryMenu()
+{
+    m_historyMenu->clear();
+    DirectoryState *state = m_app ? m_app->activeState() : nullptr;
+    if (!state || state->searchHistory().isEmpty()) {
+        return;
+    }
+    m_historyMenu->addSection(tr("Recent Searches"));
+    for (const SearchHistoryEntry &entry : state->searchHistory()) {
+        const std::optional<SearchMode> mode = searchModeFromName(entry.mode);
+        QAction *action =
+            m_historyMenu->addAction(entry.query + QStringLiteral("  \u2014  ") + entry.mode);
+        const QString query = entry.query;
+        const SearchMode chosen = mode.value_or(SearchMode::Semantic);
+        connect(action, &QAction::triggered, this, [this, query, chosen] {
+            if (m_app) {
+                m_app->setQuery(query);
+                m_app->setSearchMode(chosen);
+                m_app->performSearch();
+            }
+        });
+    }
+}
+
+bool SearchBar::eventFilter(QObject *watched, QEvent *event)
+{
+    if (watched == m_field && event->type() == QEvent::KeyPress) {
+        auto *key = static_cast<QKeyEvent *>(event);
+        if (key->key() == Qt::Key_Down && key->modifiers() == Qt::NoModifier) {
+            emit focusResultsRequested();
+            return true;
+        }
+    }
+    return QWidget::eventFilter(watched, event);
+}

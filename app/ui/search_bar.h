@@ -1,0 +1,58 @@
+/*
+** search_bar.h -- the search bar shared by all tabs: the search field (Return searches the
+** active tab), the recent searches of the active tab, the mode picker "Semantic" / "Text" /
+** "Regex", and the copy button whose menu "Results to include in prompt" copies the prompt for
+** one of the three scopes.
+**
+** The field and the picker mirror AppState's query and searchMode both ways.
+*/
+#ifndef TRN_UI_SEARCH_BAR_H
+#define TRN_UI_SEARCH_BAR_H
+
+#include "app_state.h"
+#include "tarnwick_engine.h"
+
+#include <QPointer>
+#include <QWidget>
+
+class QAbstractButton;
+class QAction;
+class QButtonGroup;
+class QLineEdit;
+class QMenu;
+class QPushButton;
+
+class SearchBar : public QWidget
+{
+    Q_OBJECT
+
+public:
+    SearchBar(AppState *app, QWidget *parent = nullptr);
+
+    QLineEdit *field() const { return m_field; }
+    QPushButton *copyButton() const { return m_copyButton; }
+    QAbstractButton *modeButton(SearchMode mode) const;
+
+signals:
+    // Down was pressed in the field: the results list should take the focus.
+    void focusResultsRequested();
+
+protected:
+    bool eventFilter(QObject *watched, QEvent *event) override;
+    void changeEvent(QEvent *event) override;
+
+private:
+    void syncFromModel();
+    void fillHistoryMenu();
+    void stylePicker();
+
+    QPointer<AppState> m_app;
+    QLineEdit *m_field;
+    QAction *m_historyAction;
+    QMenu *m_historyMenu;
+    QWidget *m_picker = nullptr;
+    QButtonGroup *m_modes;
+    QPushButton *m_copyButton;
+};
+
+#endif

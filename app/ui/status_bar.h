@@ -1,0 +1,51 @@
+/*
+** status_bar.h -- the main window's status bar for the active tab: its status text, indexing
+** progress (files done of files found), git branch, the encoder picker ("Default", then every
+** trained profile) and the "Re-index directory" button.
+*/
+#ifndef TRN_UI_STATUS_BAR_H
+#define TRN_UI_STATUS_BAR_H
+
+#include "app_state.h"
+#include "directory_state.h"
+
+#include <QPointer>
+#include <QStatusBar>
+
+class QComboBox;
+class QLabel;
+class QProgressBar;
+class QToolButton;
+
+class StatusBarView : public QStatusBar
+{
+    Q_OBJECT
+
+public:
+    StatusBarView(AppState *app, QWidget *parent = nullptr);
+
+    QLabel *statusLabel() const { return m_status; }
+    QProgressBar *progressBar() const { return m_progress; }
+    QLabel *branchLabel() const { return m_branch; }
+    QComboBox *encoderPicker() const { return m_encoder; }
+    QToolButton *reindexButton() const { return m_reindex; }
+
+private:
+    void setState(DirectoryState *state);
+    void syncStatus();
+    void syncProgress();
+    void syncBranch();
+    void syncEncoders();
+
+    QPointer<AppState> m_app;
+    QPointer<DirectoryState> m_state;
+    QObject *m_stateLink = nullptr; // context of the connections to m_state
+    QLabel *m_status;
+    QProgressBar *m_progress;
+    QLabel *m_branchIcon;
+    QLabel *m_branch;
+    QComboBox *m_encoder;
+    QToolButton *m_reindex;
+};
+
+#endif

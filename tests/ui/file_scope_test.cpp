@@ -1,0 +1,215 @@
+/*
+** file_scope_test.cpp -- the file scope window: scanning state, columns, sorting by each key in
+** both directions from the header, the filter, and closing with its tab.
+*/
+#include "file_scope_window.h"
+#include "main_window.h"
+#include "ui_test_support.h"
+
+#include <QHeaderView>
+#include <QLabel>
+#include <QLineEdit>
+#include <QTableView>
+
+#include <memory>
+
+namespace
+{
+
+QStringList column(QTableView *table, int col)
+{
+    QStringList values;
+    for (int row = 0; row < table->model()->rowCount(); ++row) {
+        values.append(table->model()->index(row, col).data().toString());
+    }
+    return values;
+}
+
+void clickHeader(QTableView *table, int section)
+{
+    QHeaderView *header = table->horizontalHeader();
+    const QPoint at(header->sectionViewportPosition(section) + header->sectionSize(section) / 2,
+                    header->height() / 2);
+    QTest::mouseClick(header->viewport(), Qt::LeftButton, Qt::NoModifier, at);
+}
+
+} // namespace
+
+class FileScopeTest : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase()
+    {
+        m_home = std::make_unique<IsolatedHome>();
+        QVERIFY(m_home->isValid());
+        Settings::standard()->remove(QStringLiteral("savedTabPaths"));
+        QVERIFY(m_dir.isValid());
+        // Sizes 120, 60 and 30 bytes; a binary file; a file too short to index.
+        QVERIFY(writeFile(m_dir.path(), QStringLiteral("banana.txt"), QByteArray(119, 'b') + "\n"));
+        QVERIFY(writeFile(m_dir.path(), QStringLiteral("Apple.md"), QByteArray(59, 'a') + "\n"));
+        QVERIFY(writeFile(
+            m_dir.path(), QStringLiteral("Notes/cherry.txt"), QByteArray(29, 'c') + "\n"));
+        QVERIFY(
+            writeFile(m_dir.path(), QStringLiteral("image.bin"), QByteArray("\x00\x01\x02", 3)));
+        QVERIFY(writeFile(m_dir.path(), QStringLiteral("tiny.txt"), "short\n"));
+
+        m_app = std::make_unique<AppState>();
+        QSignalSpy restored(m_app.get(), &AppState::stateRestored);
+        m_window = std::make_unique<MainWindow>(m_app.get());
+        m_window->show();
+        QVERIFY(restored.wait(2000));
+        m_app->addTab(m_dir.path());
+        DirectoryState *state = m_app->activeState();
+        QVERIFY(state);
+        QVERIFY(QTest::qWaitFor(
+            [state] {
+                return !state->isIngesting();
+            },
+            60000));
+    }
+    void cleanupTestCase()
+    {
+        m_window.reset();
+        m_app.reset();
+    }
+
+    void showsScanningUntilTheListingArrives()
+    {
+        m_window->action(QStringLiteral("fileScopeAction"))->trigger();
+        FileScopeWindow *scope = m_window->fileScopeWindow();
+        QVERIFY(scope && scope->isVisible());
+        QVERIFY(scope->isScanning());
+        auto *label = scope->findChild<QLabel *>(QStringLiteral("scanningLabel"));
+        QCOMPARE(label->text(), QStringLiteral("Scanning directory\u2026"));
+        QVERIFY(label->isVisible());
+        QTRY_VERIFY_WITH_TIMEOUT(!scope->isScanning(), 10000);
+        QCOMPARE(scope->table()->model()->rowCount(), 5);
+        QVERIFY(scope->windowTitle().endsWith(QFileInfo(m_dir.path()).fileName()));
+    }
+
+    void columnsShowTypeSizeChunksAndStatus()
+    {
+        FileScopeWindow *scope = m_window->fileScopeWindow();
+        QTableView *table = scope->table();
+        QLineEdit *filter = scope->filterField();
+        filter->clear();
+        QTest::keyClicks(filter, QStringLiteral("banana"));
+        QCOMPARE(table->model()->rowCount(), 1);
+        QCOMPARE(table->model()->index(0, FileTableModel::TypeColumn).data().toString(),
+                 QStringLiteral("Text"));
+        QCOMPARE(table->model()->index(0, FileTableModel::SizeColumn).data().toString(),
+                 QStringLiteral("120 B"));
+        QCOMPARE(table->model()->index(0, FileTableModel::ChunksColumn).data().toString(),
+                 QStringLiteral("1"));
+        QCOMPARE(table->model()->index(0, FileTableModel::StatusColumn).data().toString(),
+                 QStringLiteral("Indexed"));
+        filter->clear();
+        QTest::keyClicks(filter, QStringLiteral("tiny"));
+        QCOMPARE(table->model()->index(0, FileTableModel::StatusColumn).data().toString(),
+                 QStringLiteral("Not indexed"));
+        filter->clear();
+        QTest::keyClicks(filter, QStringLiteral("image"));
+        QCOMPARE(table->model()->index(0, FileTableModel::StatusColumn).data().toString(),
+                 QStringLiteral("Not indexable"));
+        QCOMPARE(table->model()->index(0, FileTableModel::ChunksColumn).data().toString(),
+                 QString());
+        filter->clear();
+    }
+
+    void headerSortsEachKeyBothWays_data()
+    {
+        QTest::addColumn<int>("section");
+        QTest::addColumn<QStringList>("ascending");
+        QTest::newRow("name ignores case")
+            << int(FileTableModel::NameColumn)
+            << QStringList{"Apple.md", "banana.txt", "cherry.txt", "image.bin", "tiny.txt"};
+        QTest::newRow("size")
+            << int(FileTableModel::SizeColumn)
+            << QStringList{"image.bin", "tiny.txt", "cherry.txt", "Apple.md", "banana.txt"};
+    }
+    void headerSortsEachKeyBothWays()
+    {
+        QFETCH(int, section);
+        QFETCH(QStringList, ascending);
+        FileScopeWindow *scope = m_window->fileScopeWindow();
+        QTableView *table = scope->table();
+        // Start from another key so the first click sorts ascending.
+        scope->fileModel()->setSortKey(section == FileTableModel::NameColumn ? FileSortKey::Size
+                                                                             : FileSortKey::Name);
+        clickHeader(table, section);
+        QCOMPARE(column(table, FileTableModel::NameColumn), ascending);
+        QCOMPARE(table->horizontalHeader()->sortIndicatorSection(), section);
+        QCOMPARE(table->horizontalHeader()->sortIndicatorOrder(), Qt::AscendingOrder);
+        clickHeader(table, section);
+        QStringList descending = ascending;
+        std::reverse(descending.begin(), descending.end());
+        QCOMPARE(column(table, FileTableModel::NameColumn), descending);
+        QCOMPARE(table->horizontalHeader()->sortIndicatorOrder(), Qt::DescendingOrder);
+    }
+
+    void statusSortPutsIndexedFirst()
+    {
+        FileScopeWindow *scope = m_window->fileScopeWindow();
+        QTableView *table = scope->table();
+        scope->fileModel()->setSortKey(FileSortKey::Name);
+        clickHeader(table, FileTableModel::StatusColumn);
+        const QStringList status = column(table, FileTableModel::StatusColumn);
+        QCOMPARE(status.first(), QStringLiteral("Indexed"));
+        QCOMPARE(status.last(), QStringLiteral("Not indexable"));
+        QCOMPARE(status.count(QStringLiteral("Not indexed")), 1);
+        QCOMPARE(status.indexOf(QStringLiteral("Not indexed")), 3);
+    }
+
+    void columnsWithoutAKeyDoNotSort()
+    {
+        FileScopeWindow *scope = m_window->fileScopeWindow();
+        QTableView *table = scope->table();
+        scope->fileModel()->setSortKey(FileSortKey::Size);
+        scope->fileModel()->setSortAscending(true);
+        const QStringList before = column(table, FileTableModel::NameColumn);
+        clickHeader(table, FileTableModel::ChunksColumn);
+        QCOMPARE(column(table, FileTableModel::NameColumn), before);
+        QCOMPARE(table->horizontalHeader()->sortIndicatorSection(),
+                 int(FileTableModel::SizeColumn));
+    }
+
+    void filterMatchesNameOrRelativePathIgnoringCase()
+    {
+        FileScopeWindow *scope = m_window->fileScopeWindow();
+        QTableView *table = scope->table();
+        scope->fileModel()->setSortKey(FileSortKey::Name);
+        scope->fileModel()->setSortAscending(true);
+        QLineEdit *filter = scope->filterField();
+        filter->clear();
+        QTest::keyClicks(filter, QStringLiteral("NOTES/"));
+        QCOMPARE(column(table, FileTableModel::NameColumn), QStringList{"cherry.txt"});
+        QCOMPARE(table->model()->index(0, FileTableModel::FolderColumn).data().toString(),
+                 QStringLiteral("Notes"));
+        filter->clear();
+        QTest::keyClicks(filter, QStringLiteral(".TXT"));
+        QCOMPARE(column(table, FileTableModel::NameColumn),
+                 (QStringList{"banana.txt", "cherry.txt", "tiny.txt"}));
+        filter->clear();
+        QCOMPARE(table->model()->rowCount(), 5);
+    }
+
+    void closesWhenItsTabCloses()
+    {
+        FileScopeWindow *scope = m_window->fileScopeWindow();
+        QVERIFY(scope->isVisible());
+        m_app->closeActiveTab();
+        QVERIFY(!scope->isVisible());
+        QCOMPARE(scope->table()->model()->rowCount(), 0);
+    }
+
+private:
+    std::unique_ptr<IsolatedHome> m_home;
+    QTemporaryDir m_dir;
+    std::unique_ptr<AppState> m_app;
+    std::unique_ptr<MainWindow> m_window;
+};
+
+QTEST_MAIN(FileScopeTest)
+#include "file_scope_test.moc"

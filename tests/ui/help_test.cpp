@@ -1,0 +1,111 @@
+/*
+** help_test.cpp -- the help window: it opens on the first page from the application's own
+** resources, every page in the contents exists, and no link leads nowhere.
+*/
+#include "help_window.h"
+#include "main_window.h"
+#include "ui_test_support.h"
+
+#include <QAction>
+#include <QDir>
+#include <QListWidget>
+#include <QTextBlock>
+#include <QTextBrowser>
+#include <QTextDocument>
+
+#include <memory>
+
+namespace
+{
+
+// Every link target of a rendered page.
+QStringList links(const QTextDocument *document)
+{
+    QStringList targets;
+    for (QTextBlock block = document->begin(); block.isValid(); block = block.next()) {
+        for (auto it = block.begin(); !it.atEnd(); ++it) {
+            const QTextCharFormat format = it.fragment().charFormat();
+            if (format.isAnchor() && !format.anchorHref().isEmpty()) {
+                targets.append(format.anchorHref());
+            }
+        }
+    }
+    return targets;
+}
+
+} // namespace
+
+class HelpTest : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase()
+    {
+        m_home = std::make_unique<IsolatedHome>();
+        QVERIFY(m_home->isValid());
+    }
+
+    void helpCommandOpensTheFirstPage()
+    {
+        AppState app;
+        MainWindow window(&app);
+        window.show();
+        window.action(QStringLiteral("helpAction"))->trigger();
+        HelpWindow *help = window.helpWindow();
+        QVERIFY(help && help->isVisible());
+        QCOMPARE(help->browser()->source(), QUrl(QStringLiteral("qrc:/help/index.html")));
+        QCOMPARE(help->browser()->documentTitle(), QStringLiteral("Welcome"));
+        QCOMPARE(help->windowTitle(), QStringLiteral("Tarnwick Help \u2014 Welcome"));
+        QCOMPARE(help->contents()->currentRow(), 0);
+    }
+
+    void contentsListEveryShippedPage()
+    {
+        QStringList listed;
+        HelpWindow help;
+        for (const auto &[file, title] : HelpWindow::pages()) {
+            listed.append(file);
+            help.showPage(file);
+            QVERIFY2(!help.browser()->toPlainText().trimmed().isEmpty(), qPrintable(file));
+            QCOMPARE(help.browser()->documentTitle(), title);
+        }
+        QStringList shipped = QDir(QStringLiteral(":/help")).entryList({QStringLiteral("*.html")});
+        listed.sort();
+        shipped.sort();
+        QCOMPARE(listed, shipped);
+    }
+
+    void everyLinkLeadsToAShippedPage()
+    {
+        HelpWindow help;
+        for (const auto &[file, title] : HelpWindow::pages()) {
+            help.showPage(file);
+            const QStringList targets = links(help.browser()->document());
+            QVERIFY2(file == QLatin1String("shortcuts.html") || !targets.isEmpty(),
+                     qPrintable(file));
+            for (const QString &target : targets) {
+                const QUrl url = HelpWindow::pageUrl(file).resolved(QUrl(target));
+                QVERIFY2(url.scheme() == QLatin1String("qrc"), qPrintable(target));
+                QVERIFY2(QFile::exists(QLatin1Char(':') + url.path()),
+                         qPrintable(file + QStringLiteral(" links to ") + target));
+            }
+        }
+    }
+
+    void choosingAPageInTheContentsShowsIt()
+    {
+        HelpWindow help;
+        help.contents()->setCurrentRow(5);
+        QCOMPARE(help.browser()->source().fileName(), HelpWindow::pages().at(5).first);
+        help.browser()->backward();
+        QCOMPARE(help.browser()->source().fileName(), QStringLiteral("index.html"));
+        QCOMPARE(help.contents()->currentRow(), 0);
+    }
+
+private:
+    std::unique_ptr<IsolatedHome> m_home;
+};
+
+QTEST_MAIN(HelpTest)
+#include "help_test.moc"

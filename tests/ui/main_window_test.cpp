@@ -1,0 +1,507 @@
+/*
+** main_window_test.cpp -- the main window driven like a user would: opening directories,
+** searching in each mode, paging, pinning, opening results, the tab strip, the prompt button,
+** the status bar and the menu commands.
+*/
+#include "main_window.h"
+#include "results_model.h"
+#include "results_view.h"
+#include "search_bar.h"
+#include "status_bar.h"
+#include "tab_strip.h"
+#include "ui_test_support.h"
+
+#include <QAbstractButton>
+#include <QAction>
+#include <QClipboard>
+#include <QComboBox>
+#include <QGuiApplication>
+#include <QLabel>
+#include <QLineEdit>
+#include <QListView>
+#include <QMenu>
+#include <QMenuBar>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QToolButton>
+
+#include <memory>
+
+namespace
+{
+
+// One application state and its window, with no tabs saved from an earlier test.
+struct Harness {
+    AppState app;
+    MainWindow window{&app};
+};
+
+std::unique_ptr<Harness> makeHarness()
+{
+    Settings::standard()->remove(QStringLiteral("savedTabPaths"));
+    Settings::standard()->remove(QStringLiteral("activeTabPath"));
+    auto h = std::make_unique<Harness>();
+    QSignalSpy restored(&h->app, &AppState::stateRestored);
+    h->window.show();
+    if (restored.isEmpty()) {
+        restored.wait(2000);
+    }
+    return h;
+}
+
+// A small directory: three text files and a source file.
+void writeSample(const QString &dir)
+{
+    QVERIFY(writeFile(dir,
+                      QStringLiteral("notes/marmalade.txt"),
+                      "Seville oranges make the best marmalade.\nBoil the peel for two hours "
+                      "before the sugar goes in.\n"));
+    QVERIFY(writeFile(dir,
+                      QStringLiteral("colours.txt"),
+                      "The colour of the sky at dusk,\nand the color of the sea at dawn.\n"));
+    QVERIFY(writeFile(dir,
+                      QStringLiteral("garden.md"),
+                      "# Garden\n\nThe raised beds get the most sun in June.\n"));
+    QVERIFY(writeFile(dir,
+                      QStringLiteral("src/tool.c"),
+                      "int main(void)\n{\n    return 0; /* nothing to do yet */\n}\n"));
+}
+
+DirectoryState *openAndIndex(Harness &h, const QString &dir)
+{
+    h.app.addTab(dir);
+    DirectoryState *state = h.app.activeState();
+    if (state) {
+        if (!QTest::qWaitFor(
+                [state] {
+                    return !state->isIngesting();
+                },
+                60000)) {
+            return nullptr;
+        }
+    }
+    return state;
+}
+
+void search(Harness &h, const QString &query, SearchMode mode)
+{
+    QLineEdit *field = h.window.searchBar()->field();
+    field->clear();
+    QTest::keyClicks(field, query);
+    h.window.searchBar()->modeButton(mode)->click();
+    DirectoryState *state = h.app.activeState();
+    QSignalSpy finished(state, &DirectoryState::searchFinished);
+    QTest::keyClick(field, Qt::Key_Return);
+    QVERIFY(finished.wait(30000));
+}
+
+QStringList shownFileNames(const Harness &h)
+{
+    QStringList names;
+    QAbstractItemModel *model = h.window.resultsView()->model();
+    for (int row = 0; model && row < model->rowCount(); ++row) {
+        names.append(model->index(row, 0).data(ResultsModel::FileNameRole).toString());
+    }
+    return names;
+}
+
+// Pixels of the yellow match marks in a rendering of the results list.
+int markPixels(ResultsView *view)
+{
+    view->doItemsLayout(); // the list lays its rows out lazily
+    const QImage image = view->viewport()->grab().toImage();
+    int count = 0;
+    for (int y = 0; y < image.height(); ++y) {
+        for (int x = 0; x < image.width(); ++x) {
+            const QColor c = image.pixelColor(x, y);
+            if (c.red() > 230 && c.green() > 200 && c.blue() < 200 && c.red() - c.blue() > 60) {
+                ++count;
+            }
+        }
+    }
+    return count;
+}
+
+} // namespace
+
+class MainWindowTest : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase()
+    {
+        m_home = std::make_unique<IsolatedHome>();
+        QVERIFY(m_home->isValid());
+        Settings::standard()->setAppearance(QStringLiteral("light"));
+    }
+    void init()
+    {
+        Settings::standard()->setHoverPreview(false); // these tests are not about previews
+        TarnwickEngine::setUrlOpener({});
+    }
+
+    void withoutTabsTheWindowInvitesOpeningADirectory()
+    {
+        auto h = makeHarness();
+        QVERIFY(h->window.isShowingEmptyState());
+        QVERIFY(!h->window.searchBar()->field()->isEnabled());
+        QVERIFY(!h->window.action(QStringLiteral("closeTabAction"))->isEnabled());
+
+        QTemporaryDir dir;
+        writeSample(dir.path());
+        h->window.setDirectoryChooser([&dir](QWidget *) {
+            return QStringList{dir.path()};
+        });
+        auto *open = h->window.findChild<QPushButton *>(QStringLiteral("emptyOpenButton"));
+        QVERIFY(open);
+        open->click();
+        QCOMPARE(h->app.tabs().size(), 1);
+        QVERIFY(!h->window.isShowingEmptyState());
+        QCOMPARE(h->window.tabStrip()->tabText(0), QFileInfo(dir.path()).fileName());
+        QVERIFY(h->window.searchBar()->field()->isEnabled());
+        QVERIFY(h->window.windowTitle().startsWith(QFileInfo(dir.path()).fileName()));
+
+        h->window.action(QStringLiteral("closeTabAction"))->trigger();
+        QVERIFY(h->app.tabs().isEmpty());
+        QVERIFY(h->window.isShowingEmptyState());
+    }
+
+    void searchRunsInTheChosenMode_data()
+    {
+        QTest::addColumn<QString>("query");
+        QTest::addColumn<int>("mode");
+        QTest::addColumn<QStringList>("expected");
+        QTest::addColumn<bool>("marked");
+        QTest::newRow("text ignores case")
+            << "MARMALADE" << int(SearchMode::Text) << QStringList{"marmalade.txt"} << true;
+        QTest::newRow("regex") << "colou?r of the s[a-z]+" << int(SearchMode::Regex)
+                               << QStringList{"colours.txt"} << true;
+        QTest::newRow("text without a match")
+            << "quince" << int(SearchMode::Text) << QStringList{} << false;
+    }
+    void searchRunsInTheChosenMode()
+    {
+        QFETCH(QString, query);
+        QFETCH(int, mode);
+        QFETCH(QStringList, expected);
+        QFETCH(bool, marked);
+        auto h = makeHarness();
+        QTemporaryDir dir;
+        writeSample(dir.path());
+        QVERIFY(openAndIndex(*h, dir.path()));
+        search(*h, query, static_cast<SearchMode>(mode));
+        QCOMPARE(h->app.searchMode(), static_cast<SearchMode>(mode));
+        QCOMPARE(shownFileNames(*h), expected);
+        h->window.resultsView()->clearSelection();
+        QCOMPARE(markPixels(h->window.resultsView()) > 0, marked);
+    }
+
+    void semanticSearchFindsPassagesWithoutMarkingThem()
+    {
+        auto h = makeHarness();
+        QTemporaryDir dir;
+        writeSample(dir.path());
+        QVERIFY(openAndIndex(*h, dir.path()));
+        search(*h, QStringLiteral("marmalade"), SearchMode::Semantic);
+        QVERIFY(!shownFileNames(*h).isEmpty());
+        h->window.resultsView()->clearSelection();
+        QCOMPARE(markPixels(h->window.resultsView()), 0);
+    }
+
+    void loadMoreResultsPagesUntilTheAnswerIsShort()
+    {
+        auto h = makeHarness();
+        QTemporaryDir dir;
+        // 25 small files that all mention the word: 25 matching chunks.
+        for (int i = 0; i < 25; ++i) {
+            QVERIFY(writeFile(dir.path(),
+                              QStringLiteral("lamp%1.txt").arg(i),
+                              "An oil lantern, number " + QByteArray::number(i) + ".\n"));
+        }
+        QVERIFY(openAndIndex(*h, dir.path()));
+        QPushButton *more = h->window.loadMoreButton();
+        search(*h, QStringLiteral("lantern"), SearchMode::Text);
+        QCOMPARE(h->window.resultsView()->model()->rowCount(), 10);
+        QVERIFY(more->isVisible());
+        QCOMPARE(more->text(), QStringLiteral("Load More Results"));
+
+        DirectoryState *state = h->app.activeState();
+        QSignalSpy finished(state, &DirectoryState::searchFinished);
+        more->click();
+        QVERIFY(!more->isEnabled()); // while the page loads
+        QVERIFY(finished.wait(30000));
+        QCOMPARE(h->window.resultsView()->model()->rowCount(), 20);
+        QVERIFY(more->isVisible());
+        more->click();
+        QVERIFY(finished.wait(30000));
+        QCOMPARE(h->window.resultsView()->model()->rowCount(), 25);
+        QVERIFY(!more->isVisible());
+        // Paging re-runs the search; it is not a new history entry.
+        QCOMPARE(state->searchHistory().size(), 1);
+    }
+
+    void pinnedResultsStayFirstAcrossSearches()
+    {
+        auto h = makeHarness();
+        QTemporaryDir dir;
+        writeSample(dir.path());
+        QVERIFY(openAndIndex(*h, dir.path()));
+        search(*h, QStringLiteral("the"), SearchMode::Text);
+        ResultsView *view = h->window.resultsView();
+        QVERIFY(view->model()->rowCount() >= 2);
+        const QModelIndex second = view->model()->index(1, 0);
+        const QString pinnedName = second.data(ResultsModel::FileNameRole).toString();
+        const QPoint pin = ResultDelegate::pinRect(view->visualRect(second)).center();
+        sendMouse(view->viewport(), QEvent::MouseButtonPress, pin);
+        sendMouse(view->viewport(), QEvent::MouseButtonRelease, pin, Qt::LeftButton, Qt::NoButton);
+        QCOMPARE(view->model()->index(0, 0).data(ResultsModel::FileNameRole).toString(),
+                 pinnedName);
+        QVERIFY(view->model()->index(0, 0).data(ResultsModel::IsPinnedRole).toBool());
+
+        search(*h, QStringLiteral("marmalade"), SearchMode::Text);
+        QStringList names = shownFileNames(*h);
+        QCOMPARE(names.first(), pinnedName);
+        QCOMPARE(names.count(pinnedName), 1);
+
+        // Ctrl+D on the pinned row unpins it.
+        view->setFocus();
+        view->setCurrentIndex(view->model()->index(0, 0));
+        QTest::keyClick(view, Qt::Key_D, Qt::ControlModifier);
+        names = shownFileNames(*h);
+        if (pinnedName != QLatin1String("marmalade.txt")) {
+            QVERIFY(!names.contains(pinnedName));
+        }
+        QVERIFY(h->app.activeState()->pinnedResults().isEmpty());
+    }
+
+    void returnOpensTheResultInTheEditorAtItsLine()
+    {
+        QList<QUrl> opened;
+        TarnwickEngine::setUrlOpener([&opened](const QUrl &url) {
+            opened.append(url);
+            return true;
+        });
+        auto h = makeHarness();
+        QTemporaryDir dir;
+        writeSample(dir.path());
+        QVERIFY(openAndIndex(*h, dir.path()));
+        search(*h, QStringLiteral("marmalade"), SearchMode::Text);
+        ResultsView *view = h->window.resultsView();
+        view->setFocus();
+        view->setCurrentIndex(view->model()->index(0, 0));
+        QTest::keyClick(view, Qt::Key_Return);
+        QCOMPARE(opened.size(), 1);
+        QCOMPARE(opened.first().scheme(), QStringLiteral("vorn"));
+        QVERIFY(opened.first().toString().contains(QStringLiteral("marmalade.txt")));
+        QVERIFY(opened.first().toString().endsWith(QStringLiteral("&line=1")));
+        TarnwickEngine::setUrlOpener({});
+    }
+
+    void draggingATabReordersTheTabsLive()
+    {
+        auto h = makeHarness();
+        QTemporaryDir root;
+        QStringList names = {
+            QStringLiteral("alpha"), QStringLiteral("bravo"), QStringLiteral("charlie")};
+        for (const QString &name : names) {
+            QVERIFY(QDir(root.path()).mkpath(name));
+            h->app.addTab(root.filePath(name));
+        }
+        TabStrip *strip = h->window.tabStrip();
+        auto order = [strip] {
+            QStringList texts;
+            for (int i = 0; i < strip->count(); ++i) {
+                texts.append(strip->tabText(i));
+            }
+            return texts;
+        };
+        QCOMPARE(order(), names);
+
+        // alpha onto charlie: bravo charlie alpha, while the button is still down.
+        const QPoint start = strip->tabRect(0).center();
+        sendMouse(strip, QEvent::MouseButtonPress, start);
+        sendMouse(
+            strip, QEvent::MouseMove, strip->tabRect(1).center() + QPoint(4, 0), Qt::NoButton);
+        QCOMPARE(order(), (QStringList{"bravo", "alpha", "charlie"}));
+        sendMouse(
+            strip, QEvent::MouseMove, strip->tabRect(2).center() + QPoint(4, 0), Qt::NoButton);
+        QCOMPARE(order(), (QStringList{"bravo", "charlie", "alpha"}));
+        QCOMPARE(strip->draggedTabId(), h->app.tabs().last().id);
+        sendMouse(strip,
+                  QEvent::MouseButtonRelease,
+                  strip->tabRect(2).center(),
+                  Qt::LeftButton,
+                  Qt::NoButton);
+        QVERIFY(strip->draggedTabId().isNull());
+        QCOMPARE(h->app.tabs().last().name, QStringLiteral("alpha"));
+
+        // A move that does not pass the middle of the neighbour leaves the order alone.
+        sendMouse(strip, QEvent::MouseButtonPress, strip->tabRect(2).center());
+        const QRect neighbour = strip->tabRect(1);
+        sendMouse(strip,
+                  QEvent::MouseMove,
+                  QPoint(neighbour.right() - 2, neighbour.center().y()),
+                  Qt::NoButton);
+        QCOMPARE(order(), (QStringList{"bravo", "charlie", "alpha"}));
+        sendMouse(
+            strip, QEvent::MouseMove, strip->tabRect(0).center() - QPoint(4, 0), Qt::NoButton);
+        QCOMPARE(order(), (QStringList{"alpha", "bravo", "charlie"}));
+        sendMouse(strip,
+                  QEvent::MouseButtonRelease,
+                  strip->tabRect(0).center(),
+                  Qt::LeftButton,
+                  Qt::NoButton);
+    }
+
+    void clickingATabSelectsItAndItsCloseButtonClosesIt()
+    {
+        auto h = makeHarness();
+        QTemporaryDir root;
+        for (const char *name : {"one", "two", "three"}) {
+            QVERIFY(QDir(root.path()).mkpath(name));
+            h->app.addTab(root.filePath(name));
+        }
+        TabStrip *strip = h->window.tabStrip();
+        QTest::mouseClick(strip, Qt::LeftButton, Qt::NoModifier, strip->tabRect(0).center());
+        QCOMPARE(h->app.activeTab()->name, QStringLiteral("one"));
+        QCOMPARE(strip->currentIndex(), 0);
+
+        auto *close = qobject_cast<QToolButton *>(strip->tabButton(1, QTabBar::RightSide));
+        QVERIFY(close);
+        close->click();
+        QCOMPARE(h->app.tabs().size(), 2);
+        QCOMPARE(strip->count(), 2);
+        QCOMPARE(strip->tabText(1), QStringLiteral("three"));
+        QCOMPARE(h->app.activeTab()->name, QStringLiteral("one")); // not the closed one
+    }
+
+    void copyButtonOffersTheThreePromptScopes()
+    {
+        auto h = makeHarness();
+        QTemporaryDir dir;
+        writeSample(dir.path());
+        QVERIFY(openAndIndex(*h, dir.path()));
+        search(*h, QStringLiteral("marmalade"), SearchMode::Text);
+
+        QPushButton *copy = h->window.searchBar()->copyButton();
+        QCOMPARE(copy->toolTip(),
+                 QStringLiteral("Copy search results as RAG prompt (Ctrl+Shift+C)"));
+        QMenu *menu = copy->menu();
+        QVERIFY(menu);
+        QCOMPARE(menu->title(), QStringLiteral("Results to include in prompt"));
+        QStringList scopes;
+        for (QAction *action : menu->actions()) {
+            if (!action->isSeparator()) {
+                scopes.append(action->text());
+            }
+        }
+        QCOMPARE(scopes, (QStringList{"Pinned", "Top 5", "All Visible"}));
+
+        auto scope = [menu](const QString &text) {
+            for (QAction *action : menu->actions()) {
+                if (action->text() == text) {
+                    return action;
+                }
+            }
+            return static_cast<QAction *>(nullptr);
+        };
+        scope(QStringLiteral("Pinned"))->trigger();
+        QCOMPARE(QGuiApplication::clipboard()->text(),
+                 QStringLiteral("No results to include in prompt."));
+        scope(QStringLiteral("All Visible"))->trigger();
+        const QString prompt = QGuiApplication::clipboard()->text();
+        QVERIFY(prompt.contains(QStringLiteral("[notes/marmalade.txt, line 1]")));
+        QVERIFY(prompt.endsWith(QStringLiteral("--- Question ---\n\nmarmalade\n")));
+
+        // The menu command copies the top five.
+        QGuiApplication::clipboard()->clear();
+        h->window.action(QStringLiteral("copyPromptAction"))->trigger();
+        QCOMPARE(QGuiApplication::clipboard()->text(), prompt);
+    }
+
+    void statusBarShowsTheActiveTabAndReindexes()
+    {
+        auto h = makeHarness();
+        QTemporaryDir dir;
+        writeSample(dir.path());
+        DirectoryState *state = openAndIndex(*h, dir.path());
+        QVERIFY(state);
+        StatusBarView *bar = h->window.statusBarView();
+        QCOMPARE(bar->statusLabel()->text(), state->statusText());
+        QVERIFY(bar->statusLabel()->text().endsWith(QStringLiteral(" files")));
+        QCOMPARE(bar->encoderPicker()->toolTip(), QStringLiteral("Encoder for this directory"));
+        QCOMPARE(bar->encoderPicker()->itemText(0), QStringLiteral("Default"));
+        QVERIFY(!bar->progressBar()->isVisible());
+
+        QSignalSpy done(state, &DirectoryState::ingestFinished);
+        bar->reindexButton()->click();
+        QVERIFY(bar->progressBar()->isVisible());
+        QCOMPARE(bar->statusLabel()->text(), QStringLiteral("Indexing..."));
+        QVERIFY(!bar->reindexButton()->isEnabled());
+        QVERIFY(done.wait(60000));
+        QVERIFY(!bar->progressBar()->isVisible());
+        QVERIFY(bar->reindexButton()->isEnabled());
+        QCOMPARE(bar->statusLabel()->text(), state->statusText());
+    }
+
+    void gitBranchShowsWhenTheDirectoryIsInARepository()
+    {
+        auto h = makeHarness();
+        QTemporaryDir dir;
+        QVERIFY(writeFile(dir.path(), QStringLiteral(".git/HEAD"), "ref: refs/heads/feature/x\n"));
+        QVERIFY(QDir(dir.path()).mkpath(QStringLiteral("docs")));
+        h->app.addTab(dir.filePath(QStringLiteral("docs")));
+        QLabel *branch = h->window.statusBarView()->branchLabel();
+        QCOMPARE(branch->text(), QStringLiteral("feature/x"));
+        QVERIFY(branch->isVisibleTo(&h->window));
+    }
+
+    void menuCommandsCarryTheirShortcuts_data()
+    {
+        QTest::addColumn<QString>("action");
+        QTest::addColumn<QString>("shortcut");
+        QTest::newRow("open") << "openDirectoryAction"
+                              << "Ctrl+Shift+O";
+        QTest::newRow("close tab") << "closeTabAction"
+                                   << "Ctrl+W";
+        QTest::newRow("re-index") << "reindexAction"
+                                  << "Ctrl+Shift+R";
+        QTest::newRow("file scope") << "fileScopeAction"
+                                    << "Ctrl+I";
+        QTest::newRow("copy prompt") << "copyPromptAction"
+                                     << "Ctrl+Shift+C";
+        QTest::newRow("help") << "helpAction"
+                              << "Ctrl+/";
+    }
+    void menuCommandsCarryTheirShortcuts()
+    {
+        QFETCH(QString, action);
+        QFETCH(QString, shortcut);
+        auto h = makeHarness();
+        QAction *command = h->window.action(action);
+        QVERIFY(command);
+        QCOMPARE(command->shortcut().toString(), shortcut);
+        // Every command is reachable from the menu bar, not only by its key.
+        bool inMenu = false;
+        for (QAction *top : h->window.menuBar()->actions()) {
+            inMenu = inMenu || top->menu()->actions().contains(command);
+        }
+        QVERIFY(inMenu);
+    }
+
+    void toolbarHelpTextsNameTheirShortcuts()
+    {
+        auto h = makeHarness();
+        QCOMPARE(h->window.action(QStringLiteral("openDirectoryAction"))->toolTip(),
+                 QStringLiteral("Open Directory (Ctrl+Shift+O)"));
+        QCOMPARE(h->window.action(QStringLiteral("closeTabAction"))->toolTip(),
+                 QStringLiteral("Close Tab (Ctrl+W)"));
+    }
+
+private:
+    std::unique_ptr<IsolatedHome> m_home;
+};
+
+QTEST_MAIN(MainWindowTest)
+#include "main_window_test.moc"

@@ -1,0 +1,381 @@
+/*
+** settings_window_test.cpp -- the settings window: every control persists its setting and the
+** appearance applies at once; the encoder training page with the profile panel (add, edit),
+** deleting after confirmation, the default choice and the loss chart.
+*/
+#include "appearance.h"
+#include "loss_chart_window.h"
+#include "profile_dialog.h"
+#include "settings_window.h"
+#include "ui_test_support.h"
+
+#include <QAbstractButton>
+#include <QApplication>
+#include <QCheckBox>
+#include <QComboBox>
+#include <QLabel>
+#include <QLineEdit>
+#include <QLineSeries>
+#include <QListWidget>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QSpinBox>
+#include <QTabWidget>
+#include <QThread>
+#include <QToolButton>
+
+#include <memory>
+
+namespace
+{
+
+template <typename T>
+T *child(QWidget *parent, const char *name)
+{
+    T *found = parent->findChild<T *>(QLatin1String(name));
+    if (!found) {
+        qWarning("no child named %s", name);
+    }
+    return found;
+}
+
+void choose(QComboBox *box, const QString &text)
+{
+    const int at = box->findText(text);
+    QVERIFY2(at >= 0, qPrintable(text));
+    box->setCurrentIndex(at);
+    emit box->activated(at);
+}
+
+} // namespace
+
+class SettingsWindowTest : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase()
+    {
+        m_home = std::make_unique<IsolatedHome>();
+        QVERIFY(m_home->isValid());
+        m_systemPalette = QApplication::palette();
+    }
+    void cleanup()
+    {
+        TrainingManager *manager = TrainingManager::shared();
+        for (const TrainingProfile &profile : manager->profiles()) {
+            manager->deleteProfile(profile);
+        }
+        manager->setDefaultProfileId(QUuid());
+    }
+
+    void controlsPersistTheirSettings()
+    {
+        SettingsWindow window;
+        window.show();
+        child<QSpinBox>(&window, "chunkSizeField")->setValue(600);
+        child<QSpinBox>(&window, "overlapField")->setValue(150);
+        QLineEdit *types = child<QLineEdit>(&window, "extraExtensionsField");
+        types->clear();
+        QTest::keyClicks(types, QStringLiteral("json, rst"));
+        child<QCheckBox>(&window, "hoverPreviewCheck")->click();
+        child<QCheckBox>(&window, "previewOnTopCheck")->click();
+        Settings::standard()->sync();
+
+        // What a later run of the application reads.
+        QSettings stored(m_home->settingsPath(), QSettings::IniFormat);
+        QCOMPARE(stored.value(QStringLiteral("chunkSize")).toInt(), 600);
+        QCOMPARE(stored.value(QStringLiteral("overlap")).toInt(), 150);
+        QCOMPARE(stored.value(QStringLiteral("extraExtensions")).toString(),
+                 QStringLiteral("json, rst"));
+        QCOMPARE(stored.value(QStringLiteral("hoverPreview")).toBool(), false);
+        QCOMPARE(stored.value(QStringLiteral("previewOnTop")).toBool(), true);
+
+        // A second window shows what the first one stored.
+        SettingsWindow second;
+        QCOMPARE(child<QSpinBox>(&second, "chunkSizeField")->value(), 600);
+        QCOMPARE(child<QLineEdit>(&second, "extraExtensionsField")->text(),
+                 QStringLiteral("json, rst"));
+        QVERIFY(!child<QCheckBox>(&second, "hoverPreviewCheck")->isChecked());
+        // And follows changes made elsewhere.
+        Settings::standard()->setOverlap(90);
+        QCOMPARE(child<QSpinBox>(&second, "overlapField")->value(), 90);
+        Settings::standard()->setHoverPreview(true);
+        Settings::standard()->setPreviewOnTop(false);
+    }
+
+    void helpTextsAreShown()
+    {
+        SettingsWindow window;
+        QStringList texts;
+        for (QLabel *label : window.findChildren<QLabel *>()) {
+            texts.append(label->text());
+        }
+        QVERIFY(texts.contains(QStringLiteral("Applied when indexing new directories. Source "
+                                              "code: 400\u2013800. Documents: 800\u20131200.")));
+        QVERIFY(texts.contains(QStringLiteral("Comma-separated extensions to index as text, "
+                                              "beyond what Tarnwick recognizes. Re-index after "
+                                              "changes.")));
+    }
+
+    void appearanceAppliesToTheWholeApplicationAtOnce()
+    {
+        Appearance appearance(Settings::standard());
+        const bool systemDark = Appearance::paletteIsDark(m_systemPalette);
+        SettingsWindow window;
+        QComboBox *picker = child<QComboBox>(&window, "appearancePicker");
+        QCOMPARE(picker->count(), 4);
+
+        choose(picker, QStringLiteral("Dark"));
+        QCOMPARE(Settings::standard()->appearance(), QStringLiteral("dark"));
+        QVERIFY(Appearance::paletteIsDark(QApplication::palette()));
+        QTRY_VERIFY(Appearance::paletteIsDark(window.palette()));
+        choose(picker, QStringLiteral("Light"));
+        QVERIFY(!Appearance::paletteIsDark(QApplication::palette()));
+        choose(picker, QStringLiteral("Opposite"));
+        QCOMPARE(Appearance::paletteIsDark(QApplication::palette()), !systemDark);
+        choose(picker, QStringLiteral("System"));
+        QCOMPARE(QApplication::palette().color(QPalette::Window),
+                 m_systemPalette.color(QPalette::Window));
+        QCOMPARE(Settings::standard()->appearance(), QStringLiteral("system"));
+    }
+
+    void trainingPageExplainsAndSaysWhenEmpty()
+    {
+        SettingsWindow window;
+        window.showTrainingPage();
+        window.show();
+        const QString explanation = child<QLabel>(&window, "trainingExplanation")->text();
+        QVERIFY(explanation.startsWith(
+            QStringLiteral("Train an encoder on your documents for semantic search.")));
+        QVERIFY(explanation.endsWith(QStringLiteral("This computer has %1 CPU cores available "
+                                                    "for training threads.")
+                                         .arg(QThread::idealThreadCount())));
+        QLabel *empty = child<QLabel>(&window, "noProfilesLabel");
+        QCOMPARE(empty->text(), QStringLiteral("No training profiles yet."));
+        QVERIFY(empty->isVisible());
+        QVERIFY(window.profileRows().isEmpty());
+    }
+
+    void addingAProfileThroughThePanel()
+    {
+        SettingsWindow window;
+        window.showTrainingPage();
+        window.show();
+        child<QPushButton>(&window, "addProfileButton")->click();
+        ProfileDialog *dialog = window.openProfileDialog();
+        QVERIFY(dialog && dialog->isVisible());
+        QCOMPARE(dialog->windowTitle(), QStringLiteral("New Training Profile"));
+        QCOMPARE(dialog->acceptButton()->text(), QStringLiteral("Add"));
+        QVERIFY(!dialog->acceptButton()->isEnabled()); // no name yet
+        // The defaults of a new profile.
+        QCOMPARE(child<QComboBox>(dialog, "profileSteps")->currentText(), QStringLiteral("2000"));
+        QCOMPARE(child<QComboBox>(dialog, "profileBatch")->currentText(), QStringLiteral("8"));
+        QCOMPARE(child<QLineEdit>(dialog, "profileLearningRate")->text(), QStringLiteral("0.001"));
+        QCOMPARE(child<QComboBox>(dialog, "profileHeads")->currentText(), QStringLiteral("8"));
+        QCOMPARE(child<QComboBox>(dialog, "profileLayers")->currentText(), QStringLiteral("2"));
+        QCOMPARE(child<QComboBox>(dialog, "profileThreads")->currentText(), QStringLiteral("1"));
+        QCOMPARE(child<QLineEdit>(dialog, "profileName")->placeholderText(),
+                 QStringLiteral("e.g. Swedish, English, Mixed"));
+
+        QTest::keyClicks(child<QLineEdit>(dialog, "profileName"), QStringLiteral("My Docs: v1.2"));
+        choose(child<QComboBox>(dialog, "profileSteps"), QStringLiteral("5000"));
+        choose(child<QComboBox>(dialog, "profileBatch"), QStringLiteral("16"));
+        QLineEdit *rate = child<QLineEdit>(dialog, "profileLearningRate");
+        rate->clear();
+        QTest::keyClicks(rate, QStringLiteral("fast"));
+        choose(child<QComboBox>(dialog, "profileHeads"), QStringLiteral("4"));
+        choose(child<QComboBox>(dialog, "profileLayers"), QStringLiteral("6"));
+        choose(child<QComboBox>(dialog, "profileThreads"), QStringLiteral("4"));
+        child<QCheckBox>(dialog, "profileUseBPE")->click();
+        dialog->setDirectoryChooser([](QWidget *) {
+            return QStringList{QStringLiteral("/srv/docs"), QStringLiteral("/srv/more")};
+        });
+        child<QPushButton>(dialog, "addDirectoryButton")->click();
+        QListWidget *dirs = child<QListWidget>(dialog, "profileDirectories");
+        dirs->item(1)->setSelected(true);
+        child<QPushButton>(dialog, "removeDirectoryButton")->click();
+        QVERIFY(dialog->acceptButton()->isEnabled());
+        dialog->acceptButton()->click();
+
+        TrainingManager *manager = TrainingManager::shared();
+        QCOMPARE(manager->profiles().size(), 1);
+        const TrainingProfile p = manager->profiles().first();
+        QCOMPARE(p.name, QStringLiteral("My Docs: v1.2"));
+        QCOMPARE(p.steps, 5000);
+        QCOMPARE(p.batchSize, 16);
+        QCOMPARE(p.learningRate, 0.001f); // "fast" does not parse
+        QCOMPARE(p.heads, 4);
+        QCOMPARE(p.layers, 6);
+        QCOMPARE(p.threads, 4);
+        QVERIFY(p.useBPE);
+        QCOMPARE(p.sourceDirectories, QStringList{QStringLiteral("/srv/docs")});
+        QVERIFY(p.weightsPath.endsWith(QStringLiteral("/.tarnwick/weights/my_docs__v1_2.tten")));
+        QCOMPARE(manager->defaultProfileId(), p.id); // the first profile is the default
+
+        QTRY_COMPARE(window.profileRows().size(), 1);
+        ProfileRow *row = window.rowFor(p.id);
+        QVERIFY(row);
+        QCOMPARE(child<QLabel>(row, "profileName")->text(), p.name);
+        QVERIFY(
+            child<QLabel>(row, "profileStatus")->text().startsWith(QStringLiteral("Not trained")));
+        QTRY_VERIFY(child<QLabel>(row, "defaultBadge")->isVisible());
+        QVERIFY(!child<QLabel>(&window, "noProfilesLabel")->isVisible());
+    }
+
+    void editingSelectsTheStoredValuesAndKeepsTheWeights()
+    {
+        TrainingManager *manager = TrainingManager::shared();
+        TrainingProfile draft;
+        draft.name = QStringLiteral("Recipes");
+        draft.steps = 10000;
+        draft.batchSize = 32;
+        draft.learningRate = 0.0005f;
+        draft.heads = 16;
+        draft.layers = 12;
+        draft.threads = 12;
+        draft.sourceDirectories = {QStringLiteral("/srv/recipes")};
+        const TrainingProfile created = manager->createProfile(draft);
+
+        SettingsWindow window;
+        window.showTrainingPage();
+        window.show();
+        ProfileRow *row = window.rowFor(created.id);
+        QVERIFY(row);
+        child<QToolButton>(row, "editProfileButton")->click();
+        ProfileDialog *dialog = window.openProfileDialog();
+        QVERIFY(dialog);
+        QCOMPARE(dialog->windowTitle(), QStringLiteral("Edit Training Profile"));
+        QCOMPARE(dialog->acceptButton()->text(), QStringLiteral("Save"));
+        QCOMPARE(child<QComboBox>(dialog, "profileSteps")->currentText(), QStringLiteral("10000"));
+        QCOMPARE(child<QComboBox>(dialog, "profileBatch")->currentText(), QStringLiteral("32"));
+        QCOMPARE(child<QComboBox>(dialog, "profileHeads")->currentText(), QStringLiteral("16"));
+        QCOMPARE(child<QComboBox>(dialog, "profileLayers")->currentText(), QStringLiteral("12"));
+        QCOMPARE(child<QComboBox>(dialog, "profileThreads")->currentText(), QStringLiteral("12"));
+        QCOMPARE(child<QLineEdit>(dialog, "profileLearningRate")->text().toFloat(), 0.0005f);
+        QCOMPARE(child<QListWidget>(dialog, "profileDirectories")->count(), 1);
+
+        QLineEdit *name = child<QLineEdit>(dialog, "profileName");
+        name->clear();
+        QTest::keyClicks(name, QStringLiteral("Kitchen"));
+        choose(child<QComboBox>(dialog, "profileSteps"), QStringLiteral("1000"));
+        dialog->acceptButton()->click();
+
+        const TrainingProfile edited = manager->profile(created.id).value();
+        QCOMPARE(edited.name, QStringLiteral("Kitchen"));
+        QCOMPARE(edited.steps, 1000);
+        QCOMPARE(edited.weightsPath, created.weightsPath); // renaming keeps the weights file
+        QCOMPARE(edited.batchSize, 32);
+        QCOMPARE(child<QLabel>(window.rowFor(created.id), "profileName")->text(),
+                 QStringLiteral("Kitchen"));
+    }
+
+    void deletingAsksFirstThenRemovesProfileAndFiles()
+    {
+        TrainingManager *manager = TrainingManager::shared();
+        TrainingProfile draft;
+        draft.name = QStringLiteral("Scratch");
+        const TrainingProfile created = manager->createProfile(draft);
+        QVERIFY(writeFile(QFileInfo(created.weightsPath).path(),
+                          QFileInfo(created.weightsPath).fileName(),
+                          "TTEN"));
+        QVERIFY(writeFile(QFileInfo(created.lossPath()).path(),
+                          QFileInfo(created.lossPath()).fileName(),
+                          "1,2.0\n"));
+
+        SettingsWindow window;
+        window.showTrainingPage();
+        window.show();
+        auto pressDelete = [&window, &created] {
+            child<QToolButton>(window.rowFor(created.id), "deleteProfileButton")->click();
+        };
+        pressDelete();
+        QMessageBox *box = window.openDeleteConfirmation();
+        QVERIFY(box && box->isVisible());
+        QCOMPARE(box->windowTitle(), QStringLiteral("Delete Training Profile?"));
+        QCOMPARE(box->text(),
+                 QStringLiteral("Delete \u201cScratch\u201d and its weights file? "
+                                "This cannot be undone."));
+        box->button(QMessageBox::Cancel)->click();
+        QVERIFY(manager->profile(created.id).has_value());
+        QVERIFY(QFileInfo::exists(created.weightsPath));
+
+        QTRY_VERIFY(!window.openDeleteConfirmation());
+        pressDelete();
+        box = window.openDeleteConfirmation();
+        QVERIFY(box);
+        auto *confirm = box->findChild<QPushButton *>(QStringLiteral("confirmDeleteButton"));
+        QCOMPARE(confirm->text(), QStringLiteral("Delete profile and weights"));
+        confirm->click();
+        QVERIFY(!manager->profile(created.id).has_value());
+        QVERIFY(!QFileInfo::exists(created.weightsPath));
+        QVERIFY(!QFileInfo::exists(created.lossPath()));
+        QTRY_VERIFY(window.profileRows().isEmpty());
+        QVERIFY(child<QLabel>(&window, "noProfilesLabel")->isVisible());
+    }
+
+    void setAsDefaultMovesTheBadge()
+    {
+        TrainingManager *manager = TrainingManager::shared();
+        TrainingProfile draft;
+        draft.name = QStringLiteral("First");
+        const TrainingProfile first = manager->createProfile(draft);
+        draft.name = QStringLiteral("Second");
+        const TrainingProfile second = manager->createProfile(draft);
+        SettingsWindow window;
+        window.showTrainingPage();
+        window.show();
+        QVERIFY(child<QLabel>(window.rowFor(first.id), "defaultBadge")->isVisible());
+        QPushButton *makeDefault = child<QPushButton>(window.rowFor(second.id), "defaultButton");
+        QVERIFY(makeDefault->isVisible());
+        makeDefault->click();
+        QCOMPARE(manager->defaultProfileId(), second.id);
+        QVERIFY(child<QLabel>(window.rowFor(second.id), "defaultBadge")->isVisible());
+        QVERIFY(!child<QLabel>(window.rowFor(first.id), "defaultBadge")->isVisible());
+        QVERIFY(child<QPushButton>(window.rowFor(first.id), "defaultButton")->isVisible());
+    }
+
+    void lossChartShowsTheLogOrItsTwoLineMessage()
+    {
+        TrainingManager *manager = TrainingManager::shared();
+        TrainingProfile draft;
+        draft.name = QStringLiteral("Charted");
+        const TrainingProfile profile = manager->createProfile(draft);
+
+        LossChartWindow empty(profile);
+        QCOMPARE(empty.windowTitle(), QStringLiteral("Training Loss \u2014 Charted"));
+        QVERIFY(!empty.hasData());
+        QCOMPARE(empty.messageLabel()->text(),
+                 QStringLiteral("No loss data available.\nTrain this profile to see the loss "
+                                "curve."));
+
+        QFile log(QStringLiteral(TRN_SOURCE_DIR "/tests/ui/data/sample_run.loss"));
+        QVERIFY(log.open(QIODevice::ReadOnly));
+        QVERIFY(writeFile(QFileInfo(profile.lossPath()).path(),
+                          QFileInfo(profile.lossPath()).fileName(),
+                          log.readAll()));
+        LossChartWindow chart(profile);
+        QVERIFY(chart.hasData());
+        // The header line "step,loss" is skipped; eleven records remain, in file order.
+        QCOMPARE(chart.series()->count(), 11);
+        QCOMPARE(chart.series()->at(0).x(), 1.0);
+        QCOMPARE(float(chart.series()->at(0).y()), 2.9921f);
+        QCOMPARE(chart.series()->at(10).x(), 100.0);
+
+        // The row's chart button opens the same window.
+        SettingsWindow window;
+        window.showTrainingPage();
+        window.show();
+        child<QToolButton>(window.rowFor(profile.id), "lossChartButton")->click();
+        LossChartWindow *opened = window.lossChart(profile.id);
+        QVERIFY(opened && opened->isVisible());
+        QVERIFY(opened->hasData());
+    }
+
+private:
+    std::unique_ptr<IsolatedHome> m_home;
+    QPalette m_systemPalette;
+};
+
+QTEST_MAIN(SettingsWindowTest)
+#include "settings_window_test.moc"
