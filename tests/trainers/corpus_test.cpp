@@ -1,0 +1,201 @@
+// The pair sampler and the tokenizer's corpus sample: what they read, from where, and how much.
+#include "corpus.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <unistd.h>
+
+using namespace trn_train;
+
+namespace
+{
+
+// A temporary corpus file removed at the end of the test.
+struct TempCorpus {
+    std::string path;
+    explicit TempCorpus(const std::string &text)
+    {
+        char tmpl[] = "/tmp/trn_corpus_test_XXXXXX";
+        int fd = mkstemp(tmpl);
+        EXPECT_GE(fd, 0);
+        path = tmpl;
+        EXPECT_EQ(write(fd, text.data(), text.size()), (ssize_t)text.size());
+        close(fd);
+    }
+    ~TempCorpus() { unlink(path.c_str()); }
+};
+
+// Words that name their own byte offset ("w0001234 "), paragraphs of 12 words, so every piece
+// of text tells where in the file it came from.
+std::string numbered_corpus(size_t bytes)
+{
+    std::string s;
+    int words = 0;
+    while (s.size() < bytes) {
+        char w[16];
+        snprintf(w, sizeof w, "w%07zu", s.size());
+        s += w;
+        s += (++words % 12 == 0) ? "\n\n" : " ";
+    }
+    return s;
+}
+
+long offset_of_first_word(const std::string &text)
+{
+    size_t p = text.find('w');
+    if (p == std::string::npos || p + 8 > text.size()) {
+        return -1;
+    }
+    return strtol(text.substr(p + 1, 7).c_str(), nullptr, 10) - (long)p;
+}
+
+bool is_space(char c)
+{
+    return c == ' ' || c == '\n';
+}
+
+} // namespace
+
+TEST(CorpusSampler, PairsAreTextOfTheCorpusInTheShapesTheTrainerExpects)
+{
+    const std::string text = numbered_corpus(200000);
+    TempCorpus corpus(text);
+    CorpusSampler sampler;
+    std::string err;
+    ASSERT_TRUE(sampler.open(corpus.path, &err)) << err;
+    EXPECT_EQ(sampler.size(), text.size());
+
+    std::mt19937_64 rng(1);
+    std::vector<std::string> texts;
+    int query_pairs = 0, crop_pairs = 0;
+    for (int round = 0; round < 40; round++) {
+        ASSERT_TRUE(sampler.draw(8, rng, texts, &err)) << err;
+        ASSERT_EQ(texts.size(), 16u);
+        for (int i = 0; i < 8; i++) {
+            const std::string &anchor = texts[2 * i], &positive = texts[2 * i + 1];
+            ASSERT_FALSE(anchor.empty());
+            ASSERT_NE(text.find(anchor), std::string::npos) << anchor;
+            ASSERT_NE(text.find(positive), std::string::npos) << positive;
+            if (positive.size() > (size_t)VISIBLE_BYTES) {
+                // a query span and the chunk-sized window it was taken from
+                query_pairs++;
+                EXPECT_LE(positive.size(), (size_t)CHUNK_BYTES);
+                EXPECT_NE(positive.find(anchor), std::string::npos);
+                EXPECT_FALSE(is_space(anchor.front()));
+                EXPECT_FALSE(is_space(anchor.back()));
+                size_t words = 1;
+                for (char c : anchor) {
+                    words += c == ' ' ? 1 : 0;
+                }
+                EXPECT_LE(words, 24u) << anchor;
+            } else {
+                // two crops of one window that share text
+                crop_pairs++;
+                long a = (long)text.find(anchor), p = (long)text.find(positive);
+                long overlap =
+                    std::min(a + (long)anchor.size(), p + (long)positive.size()) - std::max(a, p);
+                EXPECT_GE(overlap, 32) << anchor << " | " << positive;
+                EXPECT_GE(anchor.size(), 64u);
+                EXPECT_LE(anchor.size(), (size_t)VISIBLE_BYTES);
+            }
+        }
+    }
+    EXPECT_GT(query_pairs, 150);
+    EXPECT_GT(crop_pairs, 60);
+}
+
+TEST(CorpusSampler, PairIOfABatchComesFromTheIthStratumOfTheFile)
+{
+    const std::string text = numbered_corpus(400000);
+    TempCorpus corpus(text);
+    CorpusSampler sampler;
+    std::string err;
+    ASSERT_TRUE(sampler.open(corpus.path, &err)) << err;
+    std::mt19937_64 rng(2);
+    std::vector<std::string> texts;
+    const int pairs = 8;
+    const long stratum = (long)text.size() / pairs;
+    for (int round = 0; round < 10; round++) {
+        ASSERT_TRUE(sampler.draw(pairs, rng, texts, &err));
+        for (int i = 0; i < pairs; i++) {
+            long at = offset_of_first_word(texts[2 * i + 1]);
+            ASSERT_GE(at, 0);
+            // a window starts in its stratum, or up to one read later when moved to a break
+            EXPECT_GE(at, i * stratum - 16) << "pair " << i;
+            EXPECT_LT(at, (i + 1) * stratum + READ_BYTES) << "pair " << i;
+        }
+    }
+}
+
+TEST(CorpusSampler, TinyCorpusStillGivesWholeWindowsAndNulBytesReadAsSpaces)
+{
+    std::string text = "alpha beta gamma delta epsilon zeta eta theta iota kappa lambda mu nu xi";
+    text += std::string("\0\0", 2) + " omicron pi rho sigma tau upsilon phi chi psi omega end";
+    TempCorpus corpus(text);
+    CorpusSampler sampler;
+    std::string err;
+    ASSERT_TRUE(sampler.open(corpus.path, &err));
+    std::mt19937_64 rng(3);
+    std::vector<std::string> texts;
+    for (int round = 0; round < 20; round++) {
+        ASSERT_TRUE(sampler.draw(2, rng, texts, &err));
+        for (const std::string &t : texts) {
+            EXPECT_EQ(t.find('\0'), std::string::npos);
+            EXPECT_FALSE(t.empty());
+        }
+    }
+}
+
+TEST(CorpusSampler, MissingCorpusIsAnErrorNamingThePath)
+{
+    CorpusSampler sampler;
+    std::string err;
+    EXPECT_FALSE(sampler.open("/nonexistent/dir/corpus.txt", &err));
+    EXPECT_NE(err.find("/nonexistent/dir/corpus.txt"), std::string::npos);
+    EXPECT_FALSE(sampler.open("/tmp", &err));
+}
+
+TEST(QuerySpan, IsOneToTwentyFourWholeWordsWithinOneParagraph)
+{
+    std::string window = "first paragraph has a few words only\n\nsecond one is here and it is "
+                         "a little longer than the first, with punctuation; and more words";
+    std::mt19937_64 rng(4);
+    for (int i = 0; i < 500; i++) {
+        std::string q = query_span(window, rng);
+        ASSERT_FALSE(q.empty());
+        size_t at = window.find(q);
+        ASSERT_NE(at, std::string::npos);
+        EXPECT_TRUE(at == 0 || is_space(window[at - 1])) << q;
+        size_t end = at + q.size();
+        EXPECT_TRUE(end == window.size() || is_space(window[end])) << q;
+        EXPECT_EQ(q.find("\n\n"), std::string::npos) << q;
+    }
+}
+
+TEST(BpeSample, SmallCorpusIsTakenWholeLargeOneIsCappedAndSpansTheFile)
+{
+    std::string small = numbered_corpus(5000);
+    TempCorpus small_file(small);
+    std::string out, err;
+    ASSERT_TRUE(read_bpe_sample(small_file.path, 10000, &out, &err)) << err;
+    EXPECT_EQ(out, small);
+
+    std::string large = numbered_corpus(300000);
+    TempCorpus large_file(large);
+    ASSERT_TRUE(read_bpe_sample(large_file.path, 64000, &out, &err)) << err;
+    EXPECT_EQ(out.size(), 64000u);
+    EXPECT_EQ(out.substr(0, 1000), large.substr(0, 1000));
+    EXPECT_EQ(out.substr(out.size() - 1000), large.substr(large.size() - 1000));
+    // blocks come from across the file: the middle of the sample is from the middle of the file
+    long mid = offset_of_first_word(out.substr(32000, 100));
+    EXPECT_GT(mid, 100000);
+    EXPECT_LT(mid, 200000);
+
+    EXPECT_FALSE(read_bpe_sample("/nonexistent/corpus", 1000, &out, &err));
+    EXPECT_NE(err.find("/nonexistent/corpus"), std::string::npos);
+}

@@ -1,0 +1,414 @@
+// The command-line contract of train_bpe and trainer as the application uses it: arguments,
+// exit status, messages, progress lines, the loss log and the files left behind.
+#include "tarnwick.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char **environ;
+
+namespace
+{
+
+const std::string BIN = TRN_BIN_DIR;
+
+struct Result {
+    int status = -1; // exit status, or 128 + signal
+    std::string out, err;
+};
+
+std::string slurp(const std::string &path)
+{
+    std::ifstream f(path, std::ios::binary);
+    std::stringstream ss;
+    ss << f.rdbuf();
+    return ss.str();
+}
+
+bool exists(const std::string &path)
+{
+    struct stat st;
+    return stat(path.c_str(), &st) == 0;
+}
+
+class TrainerCli : public ::testing::Test
+{
+protected:
+    std::string dir;
+
+    void SetUp() override
+    {
+        char tmpl[] = "/tmp/trn_trainer_cli_XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir = tmpl;
+    }
+    void TearDown() override
+    {
+        std::string cmd = "rm -rf '" + dir + "'";
+        ASSERT_EQ(system(cmd.c_str()), 0);
+    }
+
+    std::string path(const std::string &name) const { return dir + "/" + name; }
+
+    void write_file(const std::string &name, const std::string &text) const
+    {
+        std::ofstream f(path(name), std::ios::binary);
+        f << text;
+    }
+
+    // Paragraphs of plain prose about a few topics, separated by blank lines like the
+    // application's corpus; about bytes long.
+    std::string corpus_text(size_t bytes) const
+    {
+        const char *topics[] = {
+            "The river flows past the old mill where the miller grinds wheat into flour",
+            "Compilers translate source code into machine instructions for the processor",
+            "A violin has four strings tuned in fifths and is played with a bow",
+            "Glaciers carve deep valleys as they move slowly down the mountain side",
+        };
+        std::string s;
+        for (int i = 0; s.size() < bytes; i++) {
+            s += topics[i % 4];
+            s += " and paragraph " + std::to_string(i) + " adds a little more text to it.\n\n";
+        }
+        return s.substr(0, bytes);
+    }
+
+    Result run(const std::string &program, const std::vector<std::string> &args) const
+    {
+        std::vector<std::string> all{BIN + "/" + program};
+        all.insert(all.end(), args.begin(), args.end());
+        std::vector<char *> argv;
+        for (std::string &a : all) {
+            argv.push_back(a.data());
+        }
+        argv.push_back(nullptr);
+        std::string out_path = path("stdout.txt"), err_path = path("stderr.txt");
+        posix_spawn_file_actions_t fa;
+        posix_spawn_file_actions_init(&fa);
+        posix_spawn_file_actions_addopen(
+            &fa, 1, out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        posix_spawn_file_actions_addopen(
+            &fa, 2, err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        pid_t pid;
+        Result r;
+        int rc = posix_spawn(&pid, argv[0], &fa, nullptr, argv.data(), environ);
+        posix_spawn_file_actions_destroy(&fa);
+        EXPECT_EQ(rc, 0) << "cannot start " << argv[0];
+        if (rc != 0) {
+            return r;
+        }
+        int ws = 0;
+        waitpid(pid, &ws, 0);
+        r.status = WIFEXITED(ws) ? WEXITSTATUS(ws) : 128 + WTERMSIG(ws);
+        r.out = slurp(out_path);
+        r.err = slurp(err_path);
+        return r;
+    }
+
+    // trainer with the seven positional arguments and any extra ones.
+    Result train(const std::string &corpus, const std::string &out, const std::string &steps,
+                 const std::string &batch, const std::string &heads = "8",
+                 const std::string &layers = "2", std::vector<std::string> extra = {}) const
+    {
+        std::vector<std::string> args{corpus, out, steps, batch, "0.001", heads, layers};
+        args.insert(args.end(), extra.begin(), extra.end());
+        return run("trainer", args);
+    }
+
+    // No weights, no temporary weights and no loss log beside out.
+    void expect_no_output(const std::string &out) const
+    {
+        EXPECT_FALSE(exists(out)) << out;
+        EXPECT_FALSE(exists(out + ".tmp")) << out;
+        std::string loss = out.substr(0, out.size() - 5) + ".loss";
+        EXPECT_FALSE(exists(loss)) << loss;
+    }
+};
+
+// Exactly one line on standard error, beginning with prefix.
+void expect_one_line(const std::string &err, const std::string &prefix)
+{
+    EXPECT_EQ(err.rfind(prefix, 0), 0u) << err;
+    ASSERT_FALSE(err.empty());
+    EXPECT_EQ(err.back(), '\n') << err;
+    EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
+}
+
+uint32_t file_version(const std::string &path)
+{
+    std::string head = slurp(path).substr(0, 8);
+    if (head.size() < 8 || head.compare(0, 4, "TTEN") != 0) {
+        return 0;
+    }
+    return (uint8_t)head[4];
+}
+
+} // namespace
+
+TEST_F(TrainerCli, TrainBpeWritesATokenizerTheEngineLoads)
+{
+    write_file("corpus.txt", corpus_text(6000));
+    Result r = run("train_bpe", {path("corpus.txt"), path("tok.bpe"), "40"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.err.find("bpe: training complete. 40 merges, vocab_size=300"), std::string::npos)
+        << r.err;
+    TrnBpe *bpe = trn_bpe_load(path("tok.bpe").c_str());
+    ASSERT_NE(bpe, nullptr);
+    EXPECT_EQ(bpe->n_merges, 40u);
+    trn_bpe_free(bpe);
+    EXPECT_FALSE(exists(path("tok.bpe.tmp")));
+}
+
+TEST_F(TrainerCli, TrainBpeRefusesBadInputWithOneLineAndNoFile)
+{
+    write_file("corpus.txt", corpus_text(2000));
+    write_file("one.txt", "x");
+    struct Case {
+        std::vector<std::string> args;
+        int status;
+        const char *says;
+    } cases[] = {
+        {{path("corpus.txt"), path("tok.bpe")}, 2, "train_bpe: usage"},
+        {{path("corpus.txt"), path("tok.bpe"), "7740", "extra"}, 2, "train_bpe: usage"},
+        {{path("missing.txt"), path("tok.bpe"), "10"}, 1, "missing.txt"},
+        {{path("one.txt"), path("tok.bpe"), "10"}, 1, "fewer than 2 bytes"},
+        {{path("corpus.txt"), path("tok.bpe"), "0"}, 1, "bad merge count '0'"},
+        {{path("corpus.txt"), path("tok.bpe"), "12x"}, 1, "bad merge count '12x'"},
+        {{path("corpus.txt"), path("tok.bpe"), "-3"}, 1, "bad merge count"},
+        {{path("corpus.txt"), path("no/such/dir/tok.bpe"), "10"}, 1, "cannot write"},
+    };
+    for (const Case &c : cases) {
+        Result r = run("train_bpe", c.args);
+        EXPECT_EQ(r.status, c.status) << c.says;
+        expect_one_line(r.err, "train_bpe: ");
+        EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
+        EXPECT_FALSE(exists(path("tok.bpe")));
+    }
+}
+
+TEST_F(TrainerCli, UsageErrorsExitWithTwoBeforeCreatingAnything)
+{
+    write_file("corpus.txt", corpus_text(4000));
+    const std::string c = path("corpus.txt"), o = path("w.tten");
+    const std::vector<std::vector<std::string>> bad = {
+        {c, o, "10", "2", "0.001", "8"},                         // six arguments
+        {c, o, "10", "2", "0.001", "8", "2", "9"},               // eight
+        {c, o, "ten", "2", "0.001", "8", "2"},                   // steps
+        {c, o, "10", "2x", "0.001", "8", "2"},                   // batch
+        {c, o, "10", "1", "0.001", "8", "2"},                    // one pair has no negatives
+        {c, o, "10", "2", "fast", "8", "2"},                     // learning rate
+        {c, o, "10", "2", "-0.1", "8", "2"},                     // negative learning rate
+        {c, o, "10", "2", "0.001", "eight", "2"},                // heads
+        {c, o, "10", "2", "0.001", "8", "2", "--fast"},          // unknown option
+        {c, o, "10", "2", "0.001", "8", "2", "--threads"},       // option without a value
+        {c, o, "10", "2", "0.001", "8", "2", "--threads", "0"},  // no threads
+        {c, o, "10", "2", "0.001", "8", "2", "--threads", "two"} // unparsable threads
+    };
+    for (const auto &args : bad) {
+        Result r = run("trainer", args);
+        std::string joined;
+        for (const auto &a : args) {
+            joined += a + " ";
+        }
+        EXPECT_EQ(r.status, 2) << joined << r.err;
+        expect_one_line(r.err, "trainer: ");
+        expect_no_output(o);
+    }
+}
+
+TEST_F(TrainerCli, OtherShapesAreRefusedWithTheExactMessage)
+{
+    write_file("corpus.txt", corpus_text(4000));
+    struct Case {
+        const char *heads, *layers, *message;
+    } cases[] = {
+        {"4",
+         "2",
+         "trainer: the engine loads only 8 heads and 2 layers (asked for 4 heads, 2 "
+         "layers)\n"},
+        {"8",
+         "6",
+         "trainer: the engine loads only 8 heads and 2 layers (asked for 8 heads, 6 "
+         "layers)\n"},
+        {"16",
+         "12",
+         "trainer: the engine loads only 8 heads and 2 layers (asked for 16 heads, "
+         "12 layers)\n"},
+    };
+    for (const Case &c : cases) {
+        Result r = train(path("corpus.txt"), path("w.tten"), "10", "2", c.heads, c.layers);
+        EXPECT_EQ(r.status, 2);
+        EXPECT_EQ(r.err, c.message);
+        EXPECT_EQ(r.out, "");
+        expect_no_output(path("w.tten"));
+    }
+}
+
+TEST_F(TrainerCli, BadInputsFailWithOneLineAndLeaveNoFiles)
+{
+    write_file("corpus.txt", corpus_text(4000));
+    write_file("small.txt", corpus_text(100));
+    write_file("bad.bpe", "TBPX\1\0\0\0");
+    const std::string o = path("w.tten");
+    struct Case {
+        Result r;
+        const char *says;
+        std::string out;
+    } cases[] = {
+        {train(path("missing.txt"), o, "5", "2"), "missing.txt", o},
+        {train(path("small.txt"), o, "5", "8"), "too few for a batch of 8", o},
+        {train(path("corpus.txt"), o, "5", "2", "8", "2", {"--bpe", path("bad.bpe")}),
+         "bad.bpe",
+         o},
+        {train(path("corpus.txt"), o, "5", "2", "8", "2", {"--bpe", path("none.bpe")}),
+         "none.bpe",
+         o},
+        {train(path("corpus.txt"), path("no/dir/w.tten"), "5", "2"),
+         "cannot write",
+         path("no/dir/w.tten")},
+    };
+    for (const Case &c : cases) {
+        EXPECT_EQ(c.r.status, 1) << c.says;
+        expect_one_line(c.r.err, "trainer: ");
+        EXPECT_NE(c.r.err.find(c.says), std::string::npos) << c.r.err;
+        expect_no_output(c.out);
+    }
+}
+
+TEST_F(TrainerCli, ShortRunPrintsStepLinesWritesTheLossLogAndVersion2Weights)
+{
+    const std::string corpus = corpus_text(3000);
+    write_file("corpus.txt", corpus);
+    Result r = train(path("corpus.txt"), path("w.tten"), "11", "2");
+    ASSERT_EQ(r.status, 0) << r.err;
+
+    // progress: step 1, every tenth step and the last, whole lines
+    std::regex line_re(R"(step (\d+)/11 loss (\d+\.\d{4}) lr (\S+) tok/s (\d+))");
+    std::vector<int> steps;
+    std::vector<std::string> losses;
+    std::istringstream lines(r.out);
+    std::string line;
+    while (std::getline(lines, line)) {
+        std::smatch m;
+        ASSERT_TRUE(std::regex_match(line, m, line_re)) << line;
+        steps.push_back(std::stoi(m[1]));
+        losses.push_back(m[2]);
+        EXPECT_GT(std::stod(m[3]), 0.0);
+        EXPECT_GT(std::stod(m[4]), 0.0);
+    }
+    EXPECT_EQ(steps, (std::vector<int>{1, 10, 11}));
+    ASSERT_EQ(r.out.back(), '\n');
+    EXPECT_GT(std::stod(losses[0]), 0.0);
+
+    // the loss log repeats the printed records after its header
+    EXPECT_EQ(slurp(path("w.loss")),
+              "step,loss\n1," + losses[0] + "\n10," + losses[1] + "\n11," + losses[2] + "\n");
+
+    EXPECT_FALSE(exists(path("w.tten.tmp")));
+    EXPECT_EQ(file_version(path("w.tten")), 2u);
+    TrnEncoder enc, fresh;
+    trn_encoder_init(&enc, 42);
+    trn_encoder_init(&fresh, 42);
+    TrnWeightsMeta meta{};
+    ASSERT_EQ(trn_encoder_load_weights_meta(&enc, path("w.tten").c_str(), &meta), 1);
+    EXPECT_EQ(meta.meta_u32_0, 11u);
+    EXPECT_EQ(meta.meta_u32_1, 2u);
+    EXPECT_FLOAT_EQ(meta.meta_f32_0, 0.001f);
+    EXPECT_NEAR(meta.meta_f32_1, std::stod(losses[2]), 1e-4);
+    EXPECT_EQ(meta.meta_u64, corpus.size());
+    EXPECT_EQ(enc.bpe, nullptr);
+    // training moved the weights away from the seed-42 start
+    EXPECT_NE(memcmp(enc.layers[0].wq, fresh.layers[0].wq, 512 * 512 * sizeof(float)), 0);
+    trn_encoder_free(&fresh);
+    trn_encoder_free(&enc);
+}
+
+TEST_F(TrainerCli, WithATokenizerTheWeightsAreVersion3InEitherOptionOrder)
+{
+    write_file("corpus.txt", corpus_text(5000));
+    Result bpe = run("train_bpe", {path("corpus.txt"), path("tok.bpe"), "30"});
+    ASSERT_EQ(bpe.status, 0) << bpe.err;
+
+    Result a = train(path("corpus.txt"),
+                     path("a.tten"),
+                     "2",
+                     "2",
+                     "8",
+                     "2",
+                     {"--bpe", path("tok.bpe"), "--threads", "2"});
+    ASSERT_EQ(a.status, 0) << a.err;
+    Result b = run("trainer",
+                   {"--threads",
+                    "2",
+                    "--bpe",
+                    path("tok.bpe"),
+                    path("corpus.txt"),
+                    path("b.tten"),
+                    "2",
+                    "2",
+                    "0.001",
+                    "8",
+                    "2"});
+    ASSERT_EQ(b.status, 0) << b.err;
+
+    for (const char *name : {"a.tten", "b.tten"}) {
+        EXPECT_EQ(file_version(path(name)), 3u) << name;
+        TrnEncoder enc;
+        trn_encoder_init(&enc, 42);
+        ASSERT_EQ(trn_encoder_load_weights(&enc, path(name).c_str()), 1) << name;
+        ASSERT_NE(enc.bpe, nullptr);
+        EXPECT_EQ(enc.bpe->n_merges, 30u);
+        EXPECT_EQ(enc.vocab_size, 290u);
+        trn_encoder_free(&enc);
+    }
+    // the sampler's seed is fixed: the same run gives the same first loss whatever the order
+    EXPECT_EQ(a.out.substr(0, a.out.find(" tok/s")), b.out.substr(0, b.out.find(" tok/s")));
+}
+
+TEST_F(TrainerCli, TerminatedRunLeavesNoWeightsFile)
+{
+    write_file("corpus.txt", corpus_text(4000));
+    std::string prog = BIN + "/trainer";
+    std::vector<std::string> all{
+        prog, path("corpus.txt"), path("w.tten"), "100000", "2", "0.001", "8", "2"};
+    std::vector<char *> argv;
+    for (std::string &s : all) {
+        argv.push_back(s.data());
+    }
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t fa;
+    posix_spawn_file_actions_init(&fa);
+    posix_spawn_file_actions_addopen(&fa, 1, "/dev/null", O_WRONLY, 0);
+    pid_t pid;
+    ASSERT_EQ(posix_spawn(&pid, prog.c_str(), &fa, nullptr, argv.data(), environ), 0);
+    posix_spawn_file_actions_destroy(&fa);
+    // wait until training runs: the first record is in the loss log
+    for (int i = 0; i < 200 && slurp(path("w.loss")).find("\n1,") == std::string::npos; i++) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    EXPECT_TRUE(exists(path("w.tten.tmp")));
+    kill(pid, SIGTERM);
+    int ws = 0;
+    waitpid(pid, &ws, 0);
+    EXPECT_FALSE(WIFEXITED(ws) && WEXITSTATUS(ws) == 0);
+    EXPECT_FALSE(exists(path("w.tten")));
+    EXPECT_FALSE(exists(path("w.tten.tmp")));
+}

@@ -1,0 +1,235 @@
+/*
+** corpus.cpp -- the pair sampler of corpus.h.
+*/
+#include "corpus.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace trn_train
+{
+
+namespace
+{
+
+uint64_t uniform(std::mt19937_64 &rng, uint64_t lo, uint64_t hi) /* in [lo, hi] */
+{
+    if (hi <= lo) {
+        return lo;
+    }
+    return lo + rng() % (hi - lo + 1);
+}
+
+bool is_space(char c)
+{
+    return c == ' ' || c == '\n' || c == '\t' || c == '\r' || c == '\f';
+}
+
+} // namespace
+
+CorpusSampler::~CorpusSampler()
+{
+    if (fd_ >= 0) {
+        close(fd_);
+    }
+}
+
+bool CorpusSampler::open(const std::string &path, std::string *err)
+{
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        *err = "cannot open corpus " + path + ": " + strerror(errno);
+        return false;
+    }
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        *err = "corpus " + path + " is not a regular file";
+        close(fd);
+        return false;
+    }
+    char probe;
+    if (st.st_size > 0 && pread(fd, &probe, 1, 0) != 1) {
+        *err = "cannot read corpus " + path + ": " + strerror(errno);
+        close(fd);
+        return false;
+    }
+    fd_ = fd;
+    size_ = (uint64_t)st.st_size;
+    return true;
+}
+
+/* One chunk-sized window from [lo, hi) of the file: a read at a random offset, moved to the
+** next blank line half of the time. */
+bool CorpusSampler::read_window(uint64_t lo, uint64_t hi, std::mt19937_64 &rng, std::string &window,
+                                std::string *err)
+{
+    uint64_t want = size_ < (uint64_t)READ_BYTES ? size_ : (uint64_t)READ_BYTES;
+    uint64_t off = uniform(rng, lo, hi > lo ? hi - 1 : lo);
+    /* keep at least a chunk of text after the offset when the file allows it */
+    uint64_t tail = size_ < (uint64_t)CHUNK_BYTES ? size_ : (uint64_t)CHUNK_BYTES;
+    if (off + tail > size_) {
+        off = size_ - tail;
+    }
+    if (off + want > size_) {
+        want = size_ - off;
+    }
+    char buf[READ_BYTES];
+    ssize_t got = pread(fd_, buf, want, (off_t)off);
+    if (got < 0) {
+        *err = std::string("cannot read corpus: ") + strerror(errno);
+        return false;
+    }
+    for (ssize_t i = 0; i < got; i++) {
+        if (buf[i] == '\0') {
+            buf[i] = ' ';
+        }
+    }
+    size_t start = 0;
+    if (rng() % 2 == 0 && off > 0) {
+        const char *brk = (const char *)memmem(buf, (size_t)got, "\n\n", 2);
+        if (brk && (size_t)(got - (brk - buf)) > (size_t)VISIBLE_BYTES) {
+            start = (size_t)(brk - buf);
+            while (start < (size_t)got && buf[start] == '\n') {
+                start++;
+            }
+        }
+    }
+    size_t len = (size_t)got - start;
+    len = len > (size_t)CHUNK_BYTES ? (size_t)CHUNK_BYTES : len;
+    window.assign(buf + start, len);
+    return true;
+}
+
+bool CorpusSampler::read_at(uint64_t off, char *buf, size_t len, std::string *err) const
+{
+    size_t done = 0;
+    while (done < len) {
+        ssize_t got = pread(fd_, buf + done, len - done, (off_t)(off + done));
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got <= 0) {
+            *err = std::string("cannot read corpus: ")
+                   + (got < 0 ? strerror(errno) : "the file shrank while reading");
+            return false;
+        }
+        done += (size_t)got;
+    }
+    return true;
+}
+
+bool read_bpe_sample(const std::string &path, size_t max_bytes, std::string *out, std::string *err)
+{
+    CorpusSampler file;
+    if (!file.open(path, err)) {
+        return false;
+    }
+    const uint64_t size = file.size();
+    out->clear();
+    if (size <= max_bytes) {
+        out->resize(size);
+        return file.read_at(0, out->data(), size, err);
+    }
+    out->resize(max_bytes);
+    const uint64_t blocks = BPE_SAMPLE_BLOCKS;
+    for (uint64_t b = 0; b < blocks; b++) {
+        uint64_t at = max_bytes * b / blocks;
+        uint64_t len = max_bytes * (b + 1) / blocks - at;
+        uint64_t off = (size - len) * b / (blocks - 1);
+        if (!file.read_at(off, out->data() + at, len, err)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+std::string query_span(const std::string &window, std::mt19937_64 &rng)
+{
+    const size_t len = window.size();
+    if (len == 0) {
+        return window;
+    }
+    size_t region = len;
+    if (rng() % 2 == 0 && region > (size_t)VISIBLE_BYTES) {
+        region = VISIBLE_BYTES;
+    }
+    /* 3 to 24 words, short queries more often than sentence-long ones */
+    double u = std::uniform_real_distribution<double>(0.0, 1.0)(rng);
+    int words = 3 + (int)(21.0 * u * u);
+
+    for (int attempt = 0; attempt < 4; attempt++) {
+        size_t pos = (size_t)uniform(rng, 0, region - 1);
+        /* move to the start of a word: back over the current word when inside one */
+        while (pos > 0 && !is_space(window[pos - 1]) && !is_space(window[pos])) {
+            pos--;
+        }
+        while (pos < len && is_space(window[pos])) {
+            pos++;
+        }
+        size_t end = pos;
+        int count = 0;
+        while (end < len && count < words) {
+            while (end < len && !is_space(window[end])) {
+                end++;
+            }
+            count++;
+            if (end + 1 < len && window[end] == '\n' && window[end + 1] == '\n') {
+                break; /* a span stays within one paragraph */
+            }
+            while (end < len && is_space(window[end]) && count < words) {
+                end++;
+            }
+        }
+        if (end > pos + 8 || attempt == 3) {
+            if (end <= pos) {
+                return window.substr(0, len < 64 ? len : 64);
+            }
+            return window.substr(pos, end - pos);
+        }
+    }
+    return window.substr(0, len < 64 ? len : 64);
+}
+
+bool CorpusSampler::draw(int pairs, std::mt19937_64 &rng, std::vector<std::string> &texts,
+                         std::string *err)
+{
+    texts.resize((size_t)pairs * 2);
+    std::string window;
+    for (int i = 0; i < pairs; i++) {
+        uint64_t lo = size_ * (uint64_t)i / (uint64_t)pairs;
+        uint64_t hi = size_ * (uint64_t)(i + 1) / (uint64_t)pairs;
+        if (!read_window(lo, hi, rng, window, err)) {
+            return false;
+        }
+        std::string &anchor = texts[(size_t)2 * i];
+        std::string &positive = texts[(size_t)2 * i + 1];
+        double u = std::uniform_real_distribution<double>(0.0, 1.0)(rng);
+        if (u < QUERY_PAIR_SHARE) {
+            anchor = query_span(window, rng);
+            positive = window;
+            continue;
+        }
+        const size_t len = window.size();
+        const size_t min_crop = len < 64 ? len : 64;
+        const size_t max_crop = len < (size_t)VISIBLE_BYTES ? len : (size_t)VISIBLE_BYTES;
+        size_t l1 = (size_t)uniform(rng, min_crop, max_crop);
+        size_t l2 = (size_t)uniform(rng, min_crop, max_crop);
+        size_t s1 = (size_t)uniform(rng, 0, len - l1);
+        /* the second crop shares at least min(32, shorter crop) bytes with the first */
+        size_t overlap = l1 < l2 ? l1 : l2;
+        overlap = overlap < 32 ? overlap : 32;
+        size_t s2_lo = s1 + overlap > l2 ? s1 + overlap - l2 : 0;
+        size_t s2_hi = s1 + l1 - overlap;
+        s2_hi = s2_hi + l2 > len ? len - l2 : s2_hi;
+        size_t s2 = (size_t)uniform(rng, s2_lo, s2_hi < s2_lo ? s2_lo : s2_hi);
+        anchor = window.substr(s1, l1);
+        positive = window.substr(s2, l2);
+    }
+    return true;
+}
+
+} // namespace trn_train

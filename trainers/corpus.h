@@ -1,0 +1,82 @@
+/*
+** corpus.h -- drawing training pairs from a corpus file of any size without loading it.
+**
+** The corpus is the application's: the text of many files, each followed by a blank line
+** ("\n\n"). A window is what the engine embeds for one chunk: up to CHUNK_BYTES bytes starting
+** either at a blank line (the start of a document) or at any byte (as the engine's chunk cuts
+** fall), read with one pread of READ_BYTES at a random offset. Memory is a few kilobytes per
+** pair, whatever the corpus size.
+**
+** A batch of B pairs takes pair i from the i-th of B equal strata of the file, so one batch
+** spreads over the whole corpus and rarely holds two windows of one document. Each pair is
+**   - a query pair (probability QUERY_PAIR_SHARE): a query-like span of 3 to 24 words taken from
+**     the window, against the window itself; half of the spans come from the first 254 bytes
+**     (the part of a chunk the byte-level engine sees), the rest from anywhere in the chunk, as
+**     a user's query may quote any part of a file; or
+**   - a crop pair: two overlapping crops of 64 to 254 bytes of the window.
+** NUL bytes, which would end the text early for the engine, are read as spaces.
+*/
+#ifndef TRN_TRAINERS_CORPUS_H
+#define TRN_TRAINERS_CORPUS_H
+
+#include <cstddef>
+#include <cstdint>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace trn_train
+{
+
+constexpr int CHUNK_BYTES = 800;       /* the application's chunk size */
+constexpr int VISIBLE_BYTES = 254;     /* bytes of a chunk the byte-level encoder sees */
+constexpr int READ_BYTES = 2048;       /* one read per pair */
+constexpr int MIN_BYTES_PER_PAIR = 64; /* a corpus needs batch x this many bytes */
+constexpr double QUERY_PAIR_SHARE = 0.65;
+
+class CorpusSampler
+{
+public:
+    CorpusSampler() = default;
+    ~CorpusSampler();
+    CorpusSampler(const CorpusSampler &) = delete;
+    CorpusSampler &operator=(const CorpusSampler &) = delete;
+
+    /* Opens the corpus for reading. On failure returns false with a message in err. */
+    bool open(const std::string &path, std::string *err);
+    uint64_t size() const { return size_; }
+
+    /* Draws pairs pairs into texts (2 * pairs strings: anchor of pair i at 2i, positive at
+    ** 2i + 1). Returns false with a message in err when the corpus cannot be read. */
+    bool draw(int pairs, std::mt19937_64 &rng, std::vector<std::string> &texts, std::string *err);
+
+    /* Reads exactly len bytes at off. Returns false with a message in err otherwise. */
+    bool read_at(uint64_t off, char *buf, size_t len, std::string *err) const;
+
+private:
+    bool read_window(uint64_t lo, uint64_t hi, std::mt19937_64 &rng, std::string &window,
+                     std::string *err);
+
+    int fd_ = -1;
+    uint64_t size_ = 0;
+};
+
+/* The tokenizer's training text. The engine's pair table has 2^20 slots and no overflow check: a
+** text with that many distinct adjacent pairs would make its training probe forever. A sequence
+** of n ids holds at most n - 1 distinct pairs, so a text below 2^20 bytes can never fill the
+** table. Corpora up to BPE_SAMPLE_BYTES are used whole; larger ones contribute BPE_SAMPLE_BLOCKS
+** evenly spaced blocks (the first at the start, the last at the end) that add up to
+** BPE_SAMPLE_BYTES, which also bounds the training time (one pass over the text per merge). */
+constexpr size_t BPE_SAMPLE_BYTES = 1000000;
+constexpr int BPE_SAMPLE_BLOCKS = 64;
+
+/* Reads at most max_bytes of the file at path into out as described above. Returns false with a
+** message in err when the file cannot be opened or read. */
+bool read_bpe_sample(const std::string &path, size_t max_bytes, std::string *out, std::string *err);
+
+/* A query-like span of whole words from window (exposed for tests). */
+std::string query_span(const std::string &window, std::mt19937_64 &rng);
+
+} // namespace trn_train
+
+#endif /* TRN_TRAINERS_CORPUS_H */

@@ -1,0 +1,163 @@
+/*
+** model.h -- the engine's encoder as a trainable model: forward pass with saved activations,
+** backward pass by hand, and the contrastive loss.
+**
+** The shapes and the arithmetic are the engine's own (width 512, 8 heads of 64, feed-forward 2048,
+** 2 pre-norm layers, at most 256 positions, layer norm with the variance taken as E[x^2] - mean^2,
+** tanh GELU, softmax without a mask, mean pooling over all positions, L2 normalisation), so that
+** weights trained here embed the same text to the same vector when the engine loads them.
+**
+** Parameters live in one flat array, tensor after tensor in the order of the weights file:
+**
+**   token embedding      vocab x 512
+**   position embedding   256 x 512
+**   final norm scale     512
+**   final norm shift     512
+**   layer 0, layer 1     wq, wk, wv, wo (512 x 512 each, [inputs][outputs]), w1 (512 x 2048),
+**                        b1 (2048), w2 (2048 x 512), b2 (512), ln1 scale, ln1 shift,
+**                        ln2 scale, ln2 shift (512 each)
+**
+** The code is written once for float (training, through cblas_sgemm) and double (the gradient
+** check, through cblas_dgemm). Several sequences of different lengths are processed together:
+** their tokens are stacked into one matrix so that projections and the feed-forward block are
+** single large matrix products; attention runs per sequence and head.
+*/
+#ifndef TRN_TRAINERS_MODEL_H
+#define TRN_TRAINERS_MODEL_H
+
+#include "tarnwick.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace trn_train
+{
+
+constexpr int DIM = TRN_ENCODER_DIM;
+constexpr int HEADS = TRN_ENCODER_HEADS;
+constexpr int HEAD_DIM = TRN_ENCODER_HEAD_DIM;
+constexpr int FF = TRN_ENCODER_FF;
+constexpr int LAYERS = TRN_ENCODER_LAYERS;
+constexpr int MAX_SEQ = TRN_ENCODER_MAX_SEQ;
+
+/* Tensor numbers in file order: four top-level tensors, then LAYER_TENSORS per layer. */
+enum { TENSOR_TOK = 0, TENSOR_POS, TENSOR_LNF_G, TENSOR_LNF_B, TENSOR_FIRST_LAYER };
+enum {
+    LT_WQ = 0,
+    LT_WK,
+    LT_WV,
+    LT_WO,
+    LT_W1,
+    LT_B1,
+    LT_W2,
+    LT_B2,
+    LT_LN1_G,
+    LT_LN1_B,
+    LT_LN2_G,
+    LT_LN2_B,
+    LAYER_TENSORS
+};
+constexpr int TENSOR_COUNT = TENSOR_FIRST_LAYER + LAYERS * LAYER_TENSORS;
+
+inline int layer_tensor(int layer, int which)
+{
+    return TENSOR_FIRST_LAYER + layer * LAYER_TENSORS + which;
+}
+
+struct ParamLayout {
+    uint32_t vocab_size;
+    size_t offset[TENSOR_COUNT]; /* in floats from the start of the flat array */
+    size_t size[TENSOR_COUNT];
+    size_t total;
+};
+
+ParamLayout make_layout(uint32_t vocab_size);
+/* "tok_emb", "layer1.w2", ... for messages and tests. */
+const char *tensor_name(int tensor, char *buf, size_t cap);
+/* True for the projection matrices, the only tensors that get weight decay. */
+bool tensor_is_matrix(int tensor);
+
+/* Copies an initialised encoder into a flat array of layout.total floats, and back. */
+void params_from_encoder(const TrnEncoder *enc, const ParamLayout &layout, float *params);
+void params_to_encoder(const float *params, const ParamLayout &layout, TrnEncoder *enc);
+
+/* Token ids of several sequences, stacked: sequence s holds ids[start[s] .. start[s + 1]). */
+struct SeqBatch {
+    std::vector<uint32_t> ids;
+    std::vector<int> start{0};
+
+    int count() const { return (int)start.size() - 1; }
+    int tokens() const { return start.back(); }
+    void clear()
+    {
+        ids.clear();
+        start.assign(1, 0);
+    }
+    void add(const uint32_t *seq, int n)
+    {
+        ids.insert(ids.end(), seq, seq + n);
+        start.push_back(start.back() + n);
+    }
+};
+
+/* One matrix product as the model issued it, for the speed benchmark's reference run. */
+struct GemmShape {
+    bool trans_a, trans_b;
+    int m, n, k;
+};
+
+/* Saved activations and backward scratch of one batch of sequences. Grows to the largest batch
+** seen and is reused. */
+template <typename T>
+struct Activations {
+    int tokens = 0;
+    std::vector<T> x[LAYERS + 1]; /* residual stream entering layer l; x[LAYERS] enters the final
+                                     norm */
+    std::vector<T> ln1_mean[LAYERS], ln1_rstd[LAYERS], a[LAYERS]; /* first norm */
+    std::vector<T> q[LAYERS], k[LAYERS], v[LAYERS];
+    std::vector<T> probs[LAYERS]; /* softmax rows, per sequence HEADS blocks of n x n */
+    std::vector<T> ctx[LAYERS];   /* concatenated head outputs */
+    std::vector<T> mid[LAYERS];   /* residual after attention */
+    std::vector<T> ln2_mean[LAYERS], ln2_rstd[LAYERS], b[LAYERS]; /* second norm */
+    std::vector<T> h[LAYERS], g[LAYERS]; /* feed-forward hidden before and after GELU */
+    std::vector<T> lnf_mean, lnf_rstd, y;
+    std::vector<T> pooled; /* per sequence, before normalisation */
+    std::vector<T> norm;   /* per sequence */
+    std::vector<T> z;      /* per sequence, the embedding */
+    std::vector<size_t> prob_offset;
+
+    std::vector<T> dx, dtmp, dq, dk, dv, dctx, dh, dp;
+
+    double flops = 0;                         /* 2mnk of every product issued */
+    std::vector<GemmShape> *shapes = nullptr; /* when set, every product is recorded */
+};
+
+/* Runs the encoder over every sequence of batch, saving what the backward pass needs, and writes
+** one unit vector of 512 per sequence to z (count x 512). */
+template <typename T>
+void model_forward(const ParamLayout &layout, const T *params, const SeqBatch &batch,
+                   Activations<T> &acts, T *z);
+
+/* Given dz (count x 512), the gradient of the loss with respect to the embeddings of the last
+** forward pass, adds the gradient of every parameter to grad (layout.total). */
+template <typename T>
+void model_backward(const ParamLayout &layout, const T *params, const SeqBatch &batch,
+                    Activations<T> &acts, const T *dz, T *grad);
+
+/* InfoNCE over a batch of pairs in both directions. z holds 2 * pairs unit vectors: the anchor
+** of pair i at row 2i, its positive at row 2i + 1. Scores are dot products divided by
+** temperature; the loss is the mean of the anchor-to-positive and positive-to-anchor
+** cross-entropies. Writes the gradient with respect to z to dz and returns the loss. */
+template <typename T>
+double info_nce(const T *z, int pairs, double temperature, T *dz);
+
+/* The elementwise kernels, exposed for their tests. Float versions are vectorisable
+** approximations accurate to a few units in the last place; double versions call the C
+** library. */
+float fast_tanhf(float x);
+float fast_expf(float x);
+
+} // namespace trn_train
+
+#endif /* TRN_TRAINERS_MODEL_H */

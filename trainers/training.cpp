@@ -1,0 +1,560 @@
+/*
+** training.cpp -- the trainer of training.h.
+**
+** Output files: OUT.tmp is created before the first step (after every argument and input check)
+** and renamed to OUT only when the weights are completely written, so a refused, failed or
+** interrupted run leaves no weights file at OUT. The loss log is written as the run goes, one
+** record per progress line, so the application can chart a run in progress.
+*/
+#include "training.h"
+
+#include "corpus.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <thread>
+
+#include <cblas.h>
+#include <csignal>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace trn_train
+{
+
+struct Trainer::Worker {
+    Activations<float> acts;
+    SeqBatch batch;
+    std::vector<int> global; /* sequence numbers of the batch, in batch order */
+    std::vector<float> z, dz;
+    std::vector<float> grad;
+    std::vector<GemmShape> shapes;
+};
+
+namespace
+{
+
+/* Runs fn(0) .. fn(n - 1), fn(0) on the calling thread; with n == 1 no thread is started. */
+template <typename Fn>
+void run_parallel(int n, Fn fn)
+{
+    std::vector<std::thread> extra;
+    extra.reserve((size_t)(n > 1 ? n - 1 : 0));
+    for (int i = 1; i < n; i++) {
+        extra.emplace_back(fn, i);
+    }
+    fn(0);
+    for (std::thread &t : extra) {
+        t.join();
+    }
+}
+
+} // namespace
+
+void tokenize(const TrnBpe *bpe, const std::string &text, std::vector<uint32_t> &ids)
+{
+    ids.resize(MAX_SEQ);
+    if (bpe) {
+        int32_t n = trn_bpe_encode(bpe, text.c_str(), ids.data(), MAX_SEQ);
+        ids.resize(n > 0 ? (size_t)n : 0);
+        return;
+    }
+    size_t n = strnlen(text.c_str(), (size_t)MAX_SEQ - 2);
+    ids[0] = TRN_TOKEN_BEGIN;
+    for (size_t i = 0; i < n; i++) {
+        ids[i + 1] = (unsigned char)text[i];
+    }
+    ids[n + 1] = TRN_TOKEN_END;
+    ids.resize(n + 2);
+}
+
+Trainer::Trainer(const TrnEncoder *enc, int batch, float peak_lr, int steps, int threads)
+    : layout_(make_layout(enc->vocab_size)), bpe_(enc->bpe), batch_(batch), steps_(steps),
+      threads_(std::max(1, std::min(threads, 2 * batch))), peak_lr_(peak_lr)
+{
+    /* each training thread runs its own products; the library must not start more */
+    openblas_set_num_threads(1);
+    params_.resize(layout_.total);
+    params_from_encoder(enc, layout_, params_.data());
+    adam_m_.assign(layout_.total, 0.0f);
+    adam_v_.assign(layout_.total, 0.0f);
+    for (int w = 0; w < threads_; w++) {
+        workers_.push_back(std::make_unique<Worker>());
+        workers_.back()->grad.assign(layout_.total, 0.0f);
+    }
+}
+
+Trainer::~Trainer() = default;
+
+double Trainer::flops() const
+{
+    double sum = 0;
+    for (const auto &w : workers_) {
+        sum += w->acts.flops;
+    }
+    return sum;
+}
+
+void Trainer::record_shapes(bool on)
+{
+    for (auto &w : workers_) {
+        w->acts.shapes = on ? &w->shapes : nullptr;
+    }
+}
+
+std::vector<GemmShape> Trainer::shapes() const
+{
+    std::vector<GemmShape> all;
+    for (const auto &w : workers_) {
+        all.insert(all.end(), w->shapes.begin(), w->shapes.end());
+    }
+    return all;
+}
+
+float Trainer::lr_at(int k) const
+{
+    const int warm = std::max(1, std::min(100, steps_ / 10));
+    if (k <= warm) {
+        return peak_lr_ * (float)k / (float)warm;
+    }
+    double progress = (double)(k - warm) / (double)std::max(1, steps_ - warm);
+    progress = std::min(1.0, progress);
+    return (float)(peak_lr_ * (0.05 + 0.95 * 0.5 * (1.0 + std::cos(M_PI * progress))));
+}
+
+/* Longest sequences first, each to the thread with the fewest tokens so far. */
+void Trainer::assign(const std::vector<std::vector<uint32_t>> &seqs)
+{
+    std::vector<int> order(seqs.size());
+    for (size_t i = 0; i < seqs.size(); i++) {
+        order[i] = (int)i;
+    }
+    std::stable_sort(order.begin(), order.end(), [&seqs](int a, int b) {
+        return seqs[(size_t)a].size() > seqs[(size_t)b].size();
+    });
+    std::vector<size_t> load((size_t)threads_, 0);
+    for (auto &w : workers_) {
+        w->global.clear();
+    }
+    for (int g : order) {
+        size_t best = 0;
+        for (size_t w = 1; w < load.size(); w++) {
+            best = load[w] < load[best] ? w : best;
+        }
+        workers_[best]->global.push_back(g);
+        load[best] += seqs[(size_t)g].size();
+    }
+    for (auto &w : workers_) {
+        w->batch.clear();
+        for (int g : w->global) {
+            const std::vector<uint32_t> &ids = seqs[(size_t)g];
+            w->batch.add(ids.data(), (int)ids.size());
+        }
+    }
+}
+
+void Trainer::embed(const std::vector<std::string> &texts, std::vector<float> &z)
+{
+    seq_ids_.resize(texts.size());
+    for (size_t i = 0; i < texts.size(); i++) {
+        tokenize(bpe_, texts[i], seq_ids_[i]);
+    }
+    assign(seq_ids_);
+    z.assign(texts.size() * DIM, 0.0f);
+    run_parallel(threads_, [this, &z](int w) {
+        Worker &wk = *workers_[(size_t)w];
+        if (wk.global.empty()) {
+            return;
+        }
+        wk.z.resize(wk.global.size() * DIM);
+        model_forward(layout_, params_.data(), wk.batch, wk.acts, wk.z.data());
+        for (size_t i = 0; i < wk.global.size(); i++) {
+            memcpy(&z[(size_t)wk.global[i] * DIM], &wk.z[i * DIM], DIM * sizeof(float));
+        }
+    });
+}
+
+double Trainer::step(const std::vector<std::string> &texts)
+{
+    embed(texts, z_);
+    for (const auto &ids : seq_ids_) {
+        tokens_ += ids.size();
+    }
+    dz_.resize(z_.size());
+    const double loss = info_nce(z_.data(), batch_, TEMPERATURE, dz_.data());
+
+    run_parallel(threads_, [this](int w) {
+        Worker &wk = *workers_[(size_t)w];
+        std::fill(wk.grad.begin(), wk.grad.end(), 0.0f);
+        if (wk.global.empty()) {
+            return;
+        }
+        wk.dz.resize(wk.global.size() * DIM);
+        for (size_t i = 0; i < wk.global.size(); i++) {
+            memcpy(&wk.dz[i * DIM], &dz_[(size_t)wk.global[i] * DIM], DIM * sizeof(float));
+        }
+        model_backward(layout_, params_.data(), wk.batch, wk.acts, wk.dz.data(), wk.grad.data());
+    });
+    step_++;
+    apply_update();
+    return loss;
+}
+
+/* Sums the threads' gradients into the first, clips the global norm and applies AdamW, each
+** thread over its own slice of the parameters. */
+void Trainer::apply_update()
+{
+    const size_t total = layout_.total;
+    const int n = threads_;
+    std::vector<double> sumsq((size_t)n, 0.0);
+    auto slice = [total, n](int w, size_t *lo, size_t *hi) {
+        *lo = total * (size_t)w / (size_t)n;
+        *hi = total * (size_t)(w + 1) / (size_t)n;
+    };
+    run_parallel(n, [this, &sumsq, &slice](int w) {
+        size_t lo, hi;
+        slice(w, &lo, &hi);
+        float *g0 = workers_[0]->grad.data();
+        for (size_t k = 1; k < workers_.size(); k++) {
+            const float *gk = workers_[k]->grad.data();
+            for (size_t i = lo; i < hi; i++) {
+                g0[i] += gk[i];
+            }
+        }
+        double s = 0;
+        for (size_t i = lo; i < hi; i++) {
+            s += (double)g0[i] * (double)g0[i];
+        }
+        sumsq[(size_t)w] = s;
+    });
+    double norm = 0;
+    for (double s : sumsq) {
+        norm += s;
+    }
+    norm = std::sqrt(norm);
+    grad_norm_ = norm;
+    const float clip = norm > CLIP_NORM ? (float)(CLIP_NORM / norm) : 1.0f;
+    const float lr = lr_at(step_);
+    const float b1 = (float)ADAM_BETA1, b2 = (float)ADAM_BETA2;
+    const float bc1 = (float)(1.0 - std::pow(ADAM_BETA1, step_));
+    const float bc2 = (float)(1.0 - std::pow(ADAM_BETA2, step_));
+    run_parallel(n, [this, &slice, clip, lr, b1, b2, bc1, bc2](int w) {
+        size_t lo, hi;
+        slice(w, &lo, &hi);
+        const float *g = workers_[0]->grad.data();
+        for (int t = 0; t < TENSOR_COUNT; t++) {
+            size_t a = std::max(lo, layout_.offset[t]);
+            size_t b = std::min(hi, layout_.offset[t] + layout_.size[t]);
+            const float decay = tensor_is_matrix(t) ? (float)WEIGHT_DECAY : 0.0f;
+            for (size_t i = a; i < b; i++) {
+                float gi = g[i] * clip;
+                float m = adam_m_[i] = b1 * adam_m_[i] + (1.0f - b1) * gi;
+                float v = adam_v_[i] = b2 * adam_v_[i] + (1.0f - b2) * gi * gi;
+                float update = (m / bc1) / (std::sqrt(v / bc2) + (float)ADAM_EPS);
+                params_[i] -= lr * (update + decay * params_[i]);
+            }
+        }
+    });
+}
+
+void Trainer::store(TrnEncoder *enc) const
+{
+    params_to_encoder(params_.data(), layout_, enc);
+}
+
+std::string loss_path_for(const std::string &out)
+{
+    const std::string ext = ".tten";
+    if (out.size() >= ext.size() && out.compare(out.size() - ext.size(), ext.size(), ext) == 0) {
+        return out.substr(0, out.size() - ext.size()) + ".loss";
+    }
+    return out + ".loss";
+}
+
+namespace
+{
+
+const char USAGE[] =
+    "trainer: usage: trainer CORPUS OUT STEPS BATCH LR HEADS LAYERS [--bpe PATH] [--threads N]";
+
+bool parse_int(const char *s, long lo, long hi, int *out)
+{
+    errno = 0;
+    char *end = nullptr;
+    long v = strtol(s, &end, 10);
+    if (errno != 0 || end == s || *end != '\0' || v < lo || v > hi) {
+        return false;
+    }
+    *out = (int)v;
+    return true;
+}
+
+int usage_error(const char *fmt, const char *arg)
+{
+    fprintf(stderr, "trainer: ");
+    fprintf(stderr, fmt, arg);
+    fprintf(stderr, "\n");
+    return 2;
+}
+
+/* The temporary weights file, removed when a signal ends the run. */
+char g_tmp_path[4096];
+
+extern "C" void remove_tmp_and_exit(int sig)
+{
+    if (g_tmp_path[0]) {
+        unlink(g_tmp_path);
+    }
+    _exit(128 + sig);
+}
+
+/* The engine ends the process with exit(1) when an allocation fails; leave no partial file. */
+extern "C" void remove_tmp_at_exit(void)
+{
+    if (g_tmp_path[0]) {
+        unlink(g_tmp_path);
+    }
+}
+
+/* Bytes of the weights file the engine writes for this layout. */
+uint64_t weights_file_size(const ParamLayout &layout, const TrnBpe *bpe)
+{
+    uint64_t header = 32 + 28;
+    if (bpe) {
+        header += 4 + 8 * (uint64_t)bpe->n_merges;
+    }
+    return header + 4 * (uint64_t)layout.total;
+}
+
+bool file_size_is(const char *path, uint64_t want)
+{
+    struct stat st;
+    return stat(path, &st) == 0 && (uint64_t)st.st_size == want;
+}
+
+} // namespace
+
+int parse_trainer_args(int argc, char **argv, TrainOptions *opts)
+{
+    std::vector<const char *> pos;
+    bool have_threads = false, have_bpe = false;
+    for (int i = 1; i < argc; i++) {
+        const char *a = argv[i];
+        if (strcmp(a, "--bpe") == 0 || strcmp(a, "--threads") == 0) {
+            if (i + 1 >= argc) {
+                return usage_error("%s needs a value", a);
+            }
+            const char *val = argv[++i];
+            if (a[2] == 'b') {
+                if (have_bpe || val[0] == '\0') {
+                    return usage_error("%s given twice or empty", a);
+                }
+                opts->bpe_path = val;
+                have_bpe = true;
+            } else {
+                if (have_threads || !parse_int(val, 1, MAX_THREADS, &opts->threads)) {
+                    return usage_error("bad thread count '%s' (expected 1 to 256)", val);
+                }
+                have_threads = true;
+            }
+        } else if (a[0] == '-' && a[1] == '-') {
+            return usage_error("unknown option %s", a);
+        } else {
+            pos.push_back(a);
+        }
+    }
+    if (pos.size() != 7) {
+        fprintf(stderr, "%s\n", USAGE);
+        return 2;
+    }
+    opts->corpus = pos[0];
+    opts->out = pos[1];
+    if (opts->corpus.empty() || opts->out.empty()) {
+        fprintf(stderr, "%s\n", USAGE);
+        return 2;
+    }
+    if (!parse_int(pos[2], 1, MAX_STEPS, &opts->steps)) {
+        return usage_error("bad step count '%s' (expected 1 to 10000000)", pos[2]);
+    }
+    if (!parse_int(pos[3], 2, MAX_BATCH, &opts->batch)) {
+        return usage_error("bad batch size '%s' (expected 2 to 128)", pos[3]);
+    }
+    {
+        errno = 0;
+        char *end = nullptr;
+        float lr = strtof(pos[4], &end);
+        if (errno != 0 || end == pos[4] || *end != '\0' || !std::isfinite(lr) || lr <= 0.0f
+            || lr > 1.0f) {
+            return usage_error("bad learning rate '%s' (expected a number above 0, at most 1)",
+                               pos[4]);
+        }
+        opts->lr = lr;
+    }
+    if (!parse_int(pos[5], 0, 1 << 20, &opts->heads)) {
+        return usage_error("bad head count '%s'", pos[5]);
+    }
+    if (!parse_int(pos[6], 0, 1 << 20, &opts->layers)) {
+        return usage_error("bad layer count '%s'", pos[6]);
+    }
+    if (opts->heads != TRN_ENCODER_HEADS || opts->layers != TRN_ENCODER_LAYERS) {
+        fprintf(stderr,
+                "trainer: the engine loads only 8 heads and 2 layers (asked for %d heads, %d "
+                "layers)\n",
+                opts->heads,
+                opts->layers);
+        return 2;
+    }
+    return 0;
+}
+
+int run_trainer(const TrainOptions &opts, FILE *progress)
+{
+    openblas_set_num_threads(1);
+
+    CorpusSampler sampler;
+    std::string err;
+    if (!sampler.open(opts.corpus, &err)) {
+        fprintf(stderr, "trainer: %s\n", err.c_str());
+        return 1;
+    }
+    const uint64_t need = (uint64_t)opts.batch * MIN_BYTES_PER_PAIR;
+    if (sampler.size() < need) {
+        fprintf(stderr,
+                "trainer: corpus %s holds %llu bytes, too few for a batch of %d pairs (needs at "
+                "least %llu)\n",
+                opts.corpus.c_str(),
+                (unsigned long long)sampler.size(),
+                opts.batch,
+                (unsigned long long)need);
+        return 1;
+    }
+    TrnBpe *bpe = nullptr;
+    if (!opts.bpe_path.empty()) {
+        bpe = trn_bpe_load(opts.bpe_path.c_str());
+        if (!bpe) {
+            fprintf(stderr, "trainer: cannot read tokenizer %s\n", opts.bpe_path.c_str());
+            return 1;
+        }
+    }
+
+    const std::string tmp = opts.out + ".tmp";
+    const std::string loss_path = loss_path_for(opts.out);
+    int probe = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (probe < 0) {
+        fprintf(stderr, "trainer: cannot write %s: %s\n", tmp.c_str(), strerror(errno));
+        trn_bpe_free(bpe);
+        return 1;
+    }
+    close(probe);
+    if (tmp.size() < sizeof g_tmp_path) {
+        memcpy(g_tmp_path, tmp.c_str(), tmp.size() + 1);
+        static bool at_exit_set = false;
+        if (!at_exit_set) {
+            atexit(remove_tmp_at_exit);
+            at_exit_set = true;
+        }
+        signal(SIGTERM, remove_tmp_and_exit);
+        signal(SIGINT, remove_tmp_and_exit);
+        signal(SIGHUP, remove_tmp_and_exit);
+    }
+    FILE *loss_log = fopen(loss_path.c_str(), "w");
+    if (!loss_log) {
+        fprintf(stderr, "trainer: cannot write %s: %s\n", loss_path.c_str(), strerror(errno));
+        unlink(tmp.c_str());
+        trn_bpe_free(bpe);
+        return 1;
+    }
+    fprintf(loss_log, "step,loss\n");
+    fflush(loss_log);
+
+    TrnEncoder enc;
+    if (bpe) {
+        trn_encoder_init_bpe(&enc, ENCODER_SEED, bpe); /* the encoder owns bpe now */
+    } else {
+        trn_encoder_init(&enc, ENCODER_SEED);
+    }
+
+    int status = 0;
+    double final_loss = 0;
+    {
+        Trainer trainer(&enc, opts.batch, opts.lr, opts.steps, opts.threads);
+        std::mt19937_64 rng(SAMPLER_SEED);
+        std::vector<std::string> texts;
+        double loss_sum = 0;
+        int loss_count = 0;
+        uint64_t tokens_at_print = 0;
+        auto t_print = std::chrono::steady_clock::now();
+        for (int k = 1; k <= opts.steps; k++) {
+            if (!sampler.draw(opts.batch, rng, texts, &err)) {
+                fprintf(stderr, "trainer: %s\n", err.c_str());
+                status = 1;
+                break;
+            }
+            float lr = trainer.lr_at(k);
+            double loss = trainer.step(texts);
+            loss_sum += loss;
+            loss_count++;
+            if (k == 1 || k % 10 == 0 || k == opts.steps) {
+                auto now = std::chrono::steady_clock::now();
+                double secs = std::chrono::duration<double>(now - t_print).count();
+                double tok_s =
+                    (double)(trainer.tokens_seen() - tokens_at_print) / (secs > 0 ? secs : 1e-9);
+                double mean = loss_sum / loss_count;
+                fprintf(progress,
+                        "step %d/%d loss %.4f lr %.6g tok/s %.0f\n",
+                        k,
+                        opts.steps,
+                        mean,
+                        (double)lr,
+                        tok_s);
+                fflush(progress);
+                fprintf(loss_log, "%d,%.4f\n", k, mean);
+                fflush(loss_log);
+                final_loss = mean;
+                loss_sum = 0;
+                loss_count = 0;
+                tokens_at_print = trainer.tokens_seen();
+                t_print = now;
+            }
+        }
+        trainer.store(&enc);
+    }
+    fclose(loss_log);
+
+    if (status == 0) {
+        TrnWeightsMeta meta{};
+        meta.meta_u32_0 = (uint32_t)opts.steps;
+        meta.meta_u32_1 = (uint32_t)opts.batch;
+        meta.meta_f32_0 = opts.lr;
+        meta.meta_f32_1 = (float)final_loss;
+        meta.meta_u64 = sampler.size();
+        if (!trn_encoder_save_weights_meta(&enc, tmp.c_str(), &meta)
+            || !file_size_is(tmp.c_str(),
+                             weights_file_size(make_layout(enc.vocab_size), enc.bpe))) {
+            fprintf(stderr, "trainer: cannot write %s\n", tmp.c_str());
+            status = 1;
+        } else if (rename(tmp.c_str(), opts.out.c_str()) != 0) {
+            fprintf(stderr,
+                    "trainer: cannot move %s to %s: %s\n",
+                    tmp.c_str(),
+                    opts.out.c_str(),
+                    strerror(errno));
+            status = 1;
+        }
+    }
+    if (status != 0) {
+        unlink(tmp.c_str());
+    }
+    g_tmp_path[0] = '\0';
+    trn_encoder_free(&enc);
+    return status;
+}
+
+} // namespace trn_train

@@ -1,0 +1,124 @@
+/*
+** training.h -- the encoder trainer: command line, optimiser, threads, progress and output.
+**
+** One step draws a batch of pairs (corpus.h), tokenises them as the engine does, runs the model
+** (model.h) over all of them, takes the InfoNCE loss over the batch in both directions, runs the
+** backward pass, clips the gradient to a global norm of CLIP_NORM and applies AdamW. With
+** threads > 1 the sequences of a batch are split over the threads by token count; each thread
+** has its own activations and gradient buffer, and the buffers are summed after the backward
+** pass. The matrix library runs on one thread inside each of them.
+**
+** Learning rate: linear warm-up over min(100, steps / 10) steps (at least 1) to the peak LR,
+** then a cosine decay to 5% of the peak at the last step.
+*/
+#ifndef TRN_TRAINERS_TRAINING_H
+#define TRN_TRAINERS_TRAINING_H
+
+#include "model.h"
+
+#include "tarnwick.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace trn_train
+{
+
+constexpr double TEMPERATURE = 0.05;
+constexpr double CLIP_NORM = 1.0;
+constexpr double ADAM_BETA1 = 0.9;
+constexpr double ADAM_BETA2 = 0.999;
+constexpr double ADAM_EPS = 1e-8;
+constexpr double WEIGHT_DECAY = 0.01;
+constexpr uint32_t ENCODER_SEED = 42; /* the engine's random encoder */
+constexpr uint64_t SAMPLER_SEED = 42;
+
+constexpr int MAX_STEPS = 10000000;
+constexpr int MAX_BATCH = 128;
+constexpr int MAX_THREADS = 256;
+
+struct TrainOptions {
+    std::string corpus;
+    std::string out;
+    std::string bpe_path; /* empty: byte-level */
+    int steps = 2000;
+    int batch = 8; /* pairs per step: 2 x batch sequences */
+    float lr = 1e-3f;
+    int heads = 8;
+    int layers = 2;
+    int threads = 1;
+};
+
+/* Parses "CORPUS OUT STEPS BATCH LR HEADS LAYERS [--bpe PATH] [--threads N]" (options in any
+** order, before or after the positional arguments). Returns 0, or 2 after printing one
+** "trainer: ..." line (usage errors and the shapes the engine cannot load). */
+int parse_trainer_args(int argc, char **argv, TrainOptions *opts);
+
+/* Runs a whole training as the trainer program does. Returns the exit status: 0, or 1 after one
+** "trainer: ..." line. Progress lines go to progress (flushed after each). */
+int run_trainer(const TrainOptions &opts, FILE *progress);
+
+/* "x.tten" -> "x.loss"; any other path gets ".loss" appended. */
+std::string loss_path_for(const std::string &out);
+
+/* Token ids as the engine makes them: 257, at most 254 bytes, 258 without a tokenizer; the
+** tokenizer's own encoding (merged whole, then cut to 256 ids) with one. */
+void tokenize(const TrnBpe *bpe, const std::string &text, std::vector<uint32_t> &ids);
+
+class Trainer
+{
+public:
+    /* Copies the initialised encoder's weights as the starting point. */
+    Trainer(const TrnEncoder *enc, int batch, float peak_lr, int steps, int threads);
+    ~Trainer();
+    Trainer(const Trainer &) = delete;
+    Trainer &operator=(const Trainer &) = delete;
+
+    /* One optimisation step on 2 x batch texts (anchor of pair i at 2i, positive at 2i + 1).
+    ** Returns the loss before the update. */
+    double step(const std::vector<std::string> &texts);
+
+    /* Embeds texts with the current weights through the training forward pass (count x 512). */
+    void embed(const std::vector<std::string> &texts, std::vector<float> &z);
+
+    /* Learning rate of step k (1-based). */
+    float lr_at(int k) const;
+
+    /* Writes the current weights into enc (same vocabulary as the one given at construction). */
+    void store(TrnEncoder *enc) const;
+
+    const ParamLayout &layout() const { return layout_; }
+    std::vector<float> &params() { return params_; }
+    int steps_done() const { return step_; }
+    uint64_t tokens_seen() const { return tokens_; }
+    double flops() const; /* matrix-product work of every step so far (2mnk) */
+    /* While on, every matrix product of every thread is recorded; shapes() returns them. */
+    void record_shapes(bool on);
+    std::vector<GemmShape> shapes() const;
+    /* Global gradient norm before clipping, of the last step. */
+    double last_grad_norm() const { return grad_norm_; }
+
+private:
+    struct Worker;
+    void assign(const std::vector<std::vector<uint32_t>> &seqs);
+    void apply_update();
+
+    ParamLayout layout_;
+    const TrnBpe *bpe_;
+    int batch_, steps_, threads_;
+    float peak_lr_;
+    int step_ = 0;
+    uint64_t tokens_ = 0;
+    double grad_norm_ = 0;
+    std::vector<float> params_, adam_m_, adam_v_;
+    std::vector<std::unique_ptr<Worker>> workers_;
+    std::vector<std::vector<uint32_t>> seq_ids_;
+    std::vector<float> z_, dz_;
+};
+
+} // namespace trn_train
+
+#endif /* TRN_TRAINERS_TRAINING_H */
