@@ -12,6 +12,8 @@
 #include <QFileInfo>
 #include <QPointer>
 
+#include <algorithm>
+
 AppState::AppState(Settings *settings, QObject *parent)
     : QObject(parent), m_settings(settings ? settings : Settings::standard())
 {
@@ -232,6 +234,13 @@ void AppState::restoreState()
     for (const QString &path : paths) {
         if (!QFileInfo::exists(path)) {
             continue; // the directory is gone; it drops out of the next save
+        }
+        const bool alreadyOpen =
+            std::any_of(m_tabs.cbegin(), m_tabs.cend(), [path](const DirectoryTab &open) {
+                return open.path == path;
+            });
+        if (alreadyOpen) {
+            continue; // opened before the restore ran, or saved twice: one tab per directory
         }
         const DirectoryTab tab = makeTab(path);
         m_tabs.append(tab);

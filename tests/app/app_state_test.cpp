@@ -35,6 +35,7 @@ private slots:
     void init();
     void cleanup();
     void restoreSkipsMissingPathsAndFallsBackToFirstTab();
+    void restoreNeverOpensADirectoryTwice();
     void restoreSelectsTheSavedActiveTab();
     void closingTheActiveMiddleTabSelectsTheLast();
     void dragReordersBothWays();
@@ -371,6 +372,17 @@ void TestAppState::concurrentSearchesAndIndexingOnTwoTabs()
     QVERIFY(left->hasMoreResults());
     QTRY_VERIFY(!right->isSearching());
     QVERIFY(right->results().isEmpty());
+}
+
+void TestAppState::restoreNeverOpensADirectoryTwice()
+{
+    const QString a = makeDir(QStringLiteral("A"));
+    const QString b = makeDir(QStringLiteral("B"));
+    m_env->settings()->setSavedTabPaths({a, b, a});
+
+    std::unique_ptr<AppState> app = restoredState();
+    QVERIFY(app);
+    QCOMPARE(tabNames(*app), QStringList({QStringLiteral("A"), QStringLiteral("B")}));
 }
 
 QTEST_GUILESS_MAIN(TestAppState)
