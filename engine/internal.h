@@ -56,19 +56,19 @@ struct XAllocator {
 ** Vector routines (vec.cpp). Stride 1 everywhere; results equal the naive loops up to float
 ** rounding. Written so the compiler vectorises them.
 */
-float vec_dot(const float *a, const float *b, size_t n);            // sum a[i] * b[i]
-float vec_sum(const float *a, size_t n);                            // sum a[i]
-float vec_sumsq(const float *a, size_t n);                          // sum a[i]^2
-float vec_mean(const float *a, size_t n);                           // sum a[i] / n
-float vec_meansq(const float *a, size_t n);                         // sum a[i]^2 / n
-float vec_max(const float *a, size_t n);                            // max a[i]
-void vec_add(const float *a, const float *b, float *c, size_t n);   // c[i] = a[i] + b[i]
-void vec_mul(const float *a, const float *b, float *c, size_t n);   // c[i] = a[i] * b[i]
-void vec_sadd(const float *a, float s, float *c, size_t n);         // c[i] = a[i] + s
-void vec_smul(const float *a, float s, float *c, size_t n);         // c[i] = a[i] * s
-void vec_sq(const float *a, float *c, size_t n);                    // c[i] = a[i]^2
-void vec_exp(float *x, size_t n);                                   // x[i] = e^x[i]
-void vec_tanh(float *x, size_t n);                                  // x[i] = tanh(x[i])
+float vec_dot(const float *a, const float *b, size_t n);          // sum a[i] * b[i]
+float vec_sum(const float *a, size_t n);                          // sum a[i]
+float vec_sumsq(const float *a, size_t n);                        // sum a[i]^2
+float vec_mean(const float *a, size_t n);                         // sum a[i] / n
+float vec_meansq(const float *a, size_t n);                       // sum a[i]^2 / n
+float vec_max(const float *a, size_t n);                          // max a[i]
+void vec_add(const float *a, const float *b, float *c, size_t n); // c[i] = a[i] + b[i]
+void vec_mul(const float *a, const float *b, float *c, size_t n); // c[i] = a[i] * b[i]
+void vec_sadd(const float *a, float s, float *c, size_t n);       // c[i] = a[i] + s
+void vec_smul(const float *a, float s, float *c, size_t n);       // c[i] = a[i] * s
+void vec_sq(const float *a, float *c, size_t n);                  // c[i] = a[i]^2
+void vec_exp(float *x, size_t n);                                 // x[i] = e^x[i]
+void vec_tanh(float *x, size_t n);                                // x[i] = tanh(x[i])
 /* Scales x to unit length when its sum of squares exceeds 1e-24; else leaves it. */
 void vec_normalize(float *x, size_t n);
 
@@ -86,11 +86,11 @@ float *encoder_alloc_floats(size_t n);
 ** The engine handle
 */
 constexpr int TRN_MAX_LEVELS = 32;
-constexpr int TRN_ID_MAX = 256;       /* doc_id buffer: at most 255 bytes and a NUL */
-constexpr int TRN_PATH_MAX = 512;     /* store_path, wal_path */
-constexpr int TRN_WALK_MAX = 1024;    /* paths built during a directory walk */
-constexpr int TRN_MAX_RESULTS = 64;   /* results per trn_search */
-constexpr int TRN_SNIPPET_MAX = 300;  /* bytes of a snippet, without its NUL */
+constexpr int TRN_ID_MAX = 256;      /* doc_id buffer: at most 255 bytes and a NUL */
+constexpr int TRN_PATH_MAX = 512;    /* store_path, wal_path */
+constexpr int TRN_WALK_MAX = 1024;   /* paths built during a directory walk */
+constexpr int TRN_MAX_RESULTS = 64;  /* results per trn_search */
+constexpr int TRN_SNIPPET_MAX = 300; /* bytes of a snippet, without its NUL */
 constexpr uint32_t TRN_WAL_ID_LIMIT = 4096;
 
 struct TrnChunk {
@@ -107,7 +107,7 @@ struct TrnNode {
     int32_t level;
     uint32_t *neighbors[TRN_MAX_LEVELS]; /* owned; NULL when the level has none */
     int32_t count[TRN_MAX_LEVELS];
-    int32_t capacity[TRN_MAX_LEVELS];    /* capacity >= count */
+    int32_t capacity[TRN_MAX_LEVELS]; /* capacity >= count */
 };
 
 /* Visited marks of a graph search: chunk i is visited when marks[i] == epoch. */

@@ -140,10 +140,10 @@ typedef struct TrnEncoderLayer {
 } TrnEncoderLayer;
 
 typedef struct TrnEncoder {
-    uint32_t vocab_size; /* rows of tok_emb: 260, or the tokenizer's vocabulary size */
-    TrnBpe *bpe;         /* owned tokenizer, or NULL for byte-level input */
-    float *tok_emb;      /* vocab_size x 512 */
-    float *pos_emb;      /* 256 x 512 */
+    uint32_t vocab_size;           /* rows of tok_emb: 260, or the tokenizer's vocabulary size */
+    TrnBpe *bpe;                   /* owned tokenizer, or NULL for byte-level input */
+    float *tok_emb;                /* vocab_size x 512 */
+    float *pos_emb;                /* 256 x 512 */
     float *ln_f_gamma, *ln_f_beta; /* 512 each */
     TrnEncoderLayer layers[2];
 } TrnEncoder;
@@ -206,7 +206,7 @@ TRN_API int trn_encoder_save_weights_meta(const TrnEncoder *enc, const char *pat
 */
 
 typedef struct TrnConfig {
-    const char *index_dir;    /* directory of tarnwick.bin and tarnwick.wal; NULL or "": in memory */
+    const char *index_dir; /* directory of tarnwick.bin and tarnwick.wal; NULL or "": in memory */
     const char *weights_path; /* encoder weights file; NULL or "": the random encoder (seed 42) */
     int32_t dim;              /* floats per vector; 0 or less selects 512 */
     int32_t M;                /* graph neighbours per node per level; 0 or less selects 16 */
@@ -289,8 +289,8 @@ TRN_API int32_t trn_ingest_file(TrnEngine *e, const char *path, int32_t chunk_si
 /* Walks dir recursively (names beginning with "." are skipped; links are followed) and ingests
 ** every indexable regular file. cb may be NULL. Returns the chunks added in the whole tree, or -1
 ** when dir cannot be opened. */
-TRN_API int32_t trn_ingest_dir(TrnEngine *e, const char *dir, int32_t chunk_size,
-                               int32_t overlap, TrnProgressFn cb, void *user);
+TRN_API int32_t trn_ingest_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_t overlap,
+                               TrnProgressFn cb, void *user);
 
 /* Rebuilds the per-file index (one unit centroid per file of live chunks) that narrows semantic
 ** searches. Returns the number of files, 0 when there are none. */
