@@ -20,20 +20,33 @@ const char USAGE[] =
     "usage: tarnwick-cli COMMAND [OPTIONS] ARGS\n"
     "\n"
     "Searches the files of a directory by meaning. The index lives in DIR/.tarnwick.\n"
+    "Indexing, prompts and training follow the application's settings and training profiles.\n"
     "\n"
     "commands:\n"
     "  index  DIR [--chunk-size N] [--overlap N] [--weights PATH]\n"
-    "         index DIR from scratch (chunk size 800 and overlap 200 bytes by default)\n"
+    "         index DIR from scratch as the application does; chunk size and overlap come from\n"
+    "         its settings (800 and 200 by default)\n"
     "  search DIR QUERY [--mode semantic|text|regex] [-k N] [--weights PATH] [--json]\n"
     "         show the k best chunks (10 by default, at most 64) in semantic mode by default\n"
+    "  prompt DIR QUERY [--scope pinned|top5|all] [--mode M] [-k N] [--weights PATH]\n"
+    "         print the prompt the application copies for the results (top5 by default),\n"
+    "         with the directory's pinned results first\n"
     "  files  DIR [--json]          list every file under DIR with its indexed chunks\n"
     "  stats  DIR [--json]          show the index's counts\n"
     "  remove DIR FILE...           drop the chunks of the given files from the index\n"
     "  compact DIR                  rewrite the index without removed chunks\n"
     "  embed  [--weights PATH] TEXT print the text's 512-float unit vector as a JSON array\n"
+    "  train  profiles [--json]     list the training profiles (* marks the default)\n"
+    "  train  NAME                  train the profile NAME, showing its progress (Ctrl+C "
+    "cancels)\n"
+    "  train  add NAME DIR... [--steps N] [--batch N] [--lr X] [--threads N] [--bpe]\n"
+    "         create a profile over the given directories\n"
+    "  train  default NAME          make NAME the default profile\n"
     "\n"
     "options:\n"
-    "  --weights PATH   encoder weights file; without it the built-in random encoder is used\n"
+    "  --weights PATH   encoder weights file; without it the directory's encoder in the\n"
+    "                   application (the default profile's weights once trained, else the\n"
+    "                   built-in random encoder)\n"
     "  --json           print JSON instead of text\n"
     "  -h, --help       print this help\n"
     "\n"
@@ -48,16 +61,20 @@ struct CommandRule {
     bool weights;  // --weights
     bool search;   // --mode, -k
     bool json;     // --json
+    bool scope;    // --scope
+    bool training; // --steps, --batch, --lr, --threads, --heads, --layers, --bpe
 };
 
 constexpr CommandRule COMMANDS[] = {
-    {"index", 1, 1, true, true, false, false},
-    {"search", 2, 2, false, true, true, true},
-    {"files", 1, 1, false, false, false, true},
-    {"stats", 1, 1, false, false, false, true},
-    {"remove", 2, -1, false, false, false, false},
-    {"compact", 1, 1, false, false, false, false},
-    {"embed", 1, 1, false, true, false, false},
+    {"index", 1, 1, true, true, false, false, false, false},
+    {"search", 2, 2, false, true, true, true, false, false},
+    {"prompt", 2, 2, false, true, true, false, true, false},
+    {"files", 1, 1, false, false, false, true, false, false},
+    {"stats", 1, 1, false, false, false, true, false, false},
+    {"remove", 2, -1, false, false, false, false, false, false},
+    {"compact", 1, 1, false, false, false, false, false, false},
+    {"embed", 1, 1, false, true, false, false, false, false},
+    {"train", 1, -1, false, false, false, true, false, true},
 };
 
 const CommandRule *find_command(const std::string &name)
@@ -95,6 +112,65 @@ int32_t parse_mode(const std::string &text)
     throw UsageError("--mode must be semantic, text or regex, not \"" + text + "\"");
 }
 
+std::string parse_scope(const std::string &text)
+{
+    for (const char *scope : {"pinned", "top5", "all"}) {
+        if (strcasecmp(text.c_str(), scope) == 0) {
+            return scope;
+        }
+    }
+    throw UsageError("--scope must be pinned, top5 or all, not \"" + text + "\"");
+}
+
+// A learning rate above 0 and at most 1, the range the encoder trainer accepts.
+float parse_rate(const std::string &option, const std::string &text)
+{
+    char *end = nullptr;
+    errno = 0;
+    float v = std::strtof(text.c_str(), &end);
+    if (text.empty() || *end != '\0' || errno == ERANGE || !(v > 0.0f && v <= 1.0f)) {
+        throw UsageError(option + " needs a number above 0 and at most 1, not \"" + text + "\"");
+    }
+    return v;
+}
+
+// The shapes of train's sub-commands: "profiles", "add NAME DIR...", "default NAME" and "NAME".
+void check_train(const Options &o, bool training_options)
+{
+    const std::string &sub = o.operands[0];
+    size_t n = o.operands.size();
+    if (sub == "add") {
+        if (n < 3) {
+            throw UsageError("train add needs a name and at least one directory");
+        }
+        if (o.json) {
+            throw UsageError("--json is only for train profiles");
+        }
+        return;
+    }
+    if (training_options) {
+        throw UsageError("profile parameters are only for train add");
+    }
+    if (sub == "profiles") {
+        if (n != 1) {
+            throw UsageError("too many arguments for train profiles");
+        }
+        return;
+    }
+    if (o.json) {
+        throw UsageError("--json is only for train profiles");
+    }
+    if (sub == "default") {
+        if (n != 2) {
+            throw UsageError("train default needs exactly one profile name");
+        }
+        return;
+    }
+    if (n != 1) {
+        throw UsageError("too many arguments for train");
+    }
+}
+
 bool is_help(const std::string &arg)
 {
     return arg == "-h" || arg == "--help";
@@ -130,6 +206,7 @@ Options parse_args(int argc, char **argv)
     }
 
     bool options_ended = false;
+    bool training_options = false;
     for (size_t i = 1; i < args.size(); i++) {
         const std::string &arg = args[i];
         if (options_ended || arg.size() < 2 || arg[0] != '-') {
@@ -184,6 +261,32 @@ Options parse_args(int argc, char **argv)
             o.mode = parse_mode(take_value());
         } else if (name == "-k" && rule->search) {
             o.k = parse_int(name, take_value(), 1);
+        } else if (name == "--scope" && rule->scope) {
+            o.scope = parse_scope(take_value());
+        } else if (name == "--steps" && rule->training) {
+            o.steps = parse_int(name, take_value(), 1);
+            training_options = true;
+        } else if (name == "--batch" && rule->training) {
+            o.batch = parse_int(name, take_value(), 2);
+            training_options = true;
+        } else if (name == "--lr" && rule->training) {
+            o.learning_rate = parse_rate(name, take_value());
+            training_options = true;
+        } else if (name == "--threads" && rule->training) {
+            o.threads = parse_int(name, take_value(), 1);
+            training_options = true;
+        } else if (name == "--heads" && rule->training) {
+            o.heads = parse_int(name, take_value(), 1);
+            training_options = true;
+        } else if (name == "--layers" && rule->training) {
+            o.layers = parse_int(name, take_value(), 1);
+            training_options = true;
+        } else if (name == "--bpe" && rule->training) {
+            if (has_value) {
+                throw UsageError("--bpe takes no value");
+            }
+            o.bpe = true;
+            training_options = true;
         } else {
             throw UsageError("unknown option \"" + name + "\" for " + o.command);
         }
@@ -195,6 +298,9 @@ Options parse_args(int argc, char **argv)
     }
     if (rule->max_operands >= 0 && n > rule->max_operands) {
         throw UsageError("too many arguments for " + o.command);
+    }
+    if (o.command == "train") {
+        check_train(o, training_options);
     }
     return o;
 }

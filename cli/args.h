@@ -5,6 +5,7 @@
 #define TRN_CLI_ARGS_H
 
 #include <cstdint>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -24,19 +25,32 @@ public:
 };
 
 struct Options {
-    std::string command; // "index", "search", "files", "stats", "remove", "compact", "embed"
+    // "index", "search", "prompt", "files", "stats", "remove", "compact", "embed", "train"
+    std::string command;
     std::vector<std::string> operands;
-    int32_t chunk_size = 800;
-    int32_t overlap = 200;
-    std::string weights; // empty: the random encoder
+    // index: absent means the application's settings ("chunkSize", "overlap").
+    std::optional<int32_t> chunk_size;
+    std::optional<int32_t> overlap;
+    std::string weights; // empty: the application's choice (or the random encoder)
     int32_t mode = 0;    // the engine's search mode: 0 semantic, 1 text, 2 regex
     int32_t k = 10;
+    std::string scope = "top5"; // prompt: "pinned", "top5" or "all"
     bool json = false;
     bool help = false;
+
+    // train add: the profile's parameters; absent ones keep a new profile's defaults.
+    std::optional<int32_t> steps;
+    std::optional<int32_t> batch;
+    std::optional<float> learning_rate;
+    std::optional<int32_t> threads;
+    std::optional<int32_t> heads;
+    std::optional<int32_t> layers;
+    bool bpe = false;
 };
 
 // Parses argv. Throws UsageError for an unknown command or option, a missing or malformed value,
-// or the wrong number of operands. With --help anywhere before "--" only help is set.
+// or the wrong number of operands (for train: of its sub-command, "profiles", "add", "default" or
+// a profile's name). With --help anywhere before "--" only help is set.
 Options parse_args(int argc, char **argv);
 
 const char *usage_text();

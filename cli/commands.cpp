@@ -1,20 +1,16 @@
 /*
-** commands.cpp -- the subcommands of tarnwick-cli over the engine's C interface.
-**
-** Every command that takes a directory resolves it first to an absolute path without symbolic
-** links or "." and ".." (realpath), because the engine records each chunk under the path its
-** walk built from that directory; removal and listing must use the same spelling to find it.
-** The index lives in DIR/.tarnwick, which `index` creates.
+** commands.cpp -- the subcommands of tarnwick-cli over the engine's C interface: search, files,
+** stats, remove, compact and embed, and the engine-only index of a build without the
+** application's model. Indexing, prompts and training on the model are in model_commands.cpp.
 */
 #include "commands.h"
 
+#include "common.h"
 #include "json.h"
+#include "model_commands.h"
 #include "tarnwick.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <chrono>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -22,83 +18,15 @@
 #include <string>
 #include <vector>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace
 {
 
-using Clock = std::chrono::steady_clock;
-
-// The engine keeps its store and log paths in 512-byte fields; a longer path would be cut short
-// silently and the index written elsewhere, so such directories are refused.
-constexpr size_t STORE_PATH_MAX = 511;
-
 struct EngineCloser {
     void operator()(TrnEngine *e) const { trn_close(e); }
 };
 using EnginePtr = std::unique_ptr<TrnEngine, EngineCloser>;
-
-struct EncoderGuard {
-    TrnEncoder encoder{};
-    EncoderGuard() { trn_encoder_init(&encoder, 42); }
-    ~EncoderGuard() { trn_encoder_free(&encoder); }
-    EncoderGuard(const EncoderGuard &) = delete;
-    EncoderGuard &operator=(const EncoderGuard &) = delete;
-};
-
-std::string errno_text()
-{
-    return std::strerror(errno);
-}
-
-std::string resolve_dir(const std::string &dir)
-{
-    char *resolved = realpath(dir.c_str(), nullptr);
-    if (resolved == nullptr) {
-        throw Failure("cannot open directory " + dir + ": " + errno_text());
-    }
-    std::string path(resolved);
-    free(resolved);
-    struct stat st;
-    if (stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
-        throw Failure(dir + " is not a directory");
-    }
-    return path;
-}
-
-std::string join(const std::string &dir, const std::string &name)
-{
-    return dir == "/" ? "/" + name : dir + "/" + name;
-}
-
-std::string index_dir_of(const std::string &root)
-{
-    std::string index_dir = join(root, ".tarnwick");
-    if (index_dir.size() + std::strlen("/tarnwick.bin") > STORE_PATH_MAX) {
-        throw Failure("directory path too long for an index: " + root);
-    }
-    return index_dir;
-}
-
-bool exists(const std::string &path)
-{
-    struct stat st;
-    return stat(path.c_str(), &st) == 0;
-}
-
-// Loads the weights into a scratch encoder first, so that a missing or damaged file is an error
-// here rather than a silent fall-back to the random encoder inside trn_open.
-void check_weights(const std::string &weights)
-{
-    if (weights.empty()) {
-        return;
-    }
-    EncoderGuard scratch;
-    if (!trn_encoder_load_weights(&scratch.encoder, weights.c_str())) {
-        throw Failure("cannot load encoder weights from " + weights);
-    }
-}
 
 EnginePtr open_engine(const std::string &index_dir, const std::string &weights)
 {
@@ -112,12 +40,9 @@ EnginePtr open_engine(const std::string &index_dir, const std::string &weights)
 // empty index there.
 EnginePtr open_existing(const std::string &root, const std::string &weights)
 {
-    std::string index_dir = index_dir_of(root);
-    if (!exists(join(index_dir, "tarnwick.bin")) && !exists(join(index_dir, "tarnwick.wal"))) {
-        throw Failure("no index in " + root + " (run: tarnwick-cli index " + root + ")");
-    }
+    require_index(root);
     check_weights(weights);
-    return open_engine(index_dir, weights);
+    return open_engine(index_dir_of(root), weights);
 }
 
 // Lexically normalised absolute form of path: "." and empty components dropped, ".." removes
@@ -183,13 +108,6 @@ std::string file_key(const std::string &file)
     return path;
 }
 
-void write_out(const std::string &text)
-{
-    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size()) {
-        throw Failure("cannot write to standard output");
-    }
-}
-
 // --- index ------------------------------------------------------------------------------------
 
 struct Progress {
@@ -199,11 +117,6 @@ struct Progress {
     Clock::time_point start = Clock::now();
     Clock::time_point last_shown{};
 };
-
-double seconds_since(Clock::time_point t)
-{
-    return std::chrono::duration<double>(Clock::now() - t).count();
-}
 
 // The walk's callback counts only within one directory, so the running chunk count is read from
 // the engine instead. Redrawn at most ten times a second.
@@ -230,26 +143,22 @@ bool on_file_done(const char *, int32_t, int32_t, void *user)
     return true;
 }
 
+// The engine-only index: the engine's own walk and classification, 800 and 200 by default.
 void cmd_index(const Options &o)
 {
     std::string root = resolve_dir(o.operands[0]);
     std::string index_dir = index_dir_of(root);
     check_weights(o.weights);
-    if (mkdir(index_dir.c_str(), 0777) != 0 && errno != EEXIST) {
-        throw Failure("cannot create " + index_dir + ": " + errno_text());
-    }
-    // From scratch: vectors of an earlier index may come from another encoder.
-    for (const char *name : {"tarnwick.bin", "tarnwick.wal"}) {
-        std::string path = join(index_dir, name);
-        if (unlink(path.c_str()) != 0 && errno != ENOENT) {
-            throw Failure("cannot remove " + path + ": " + errno_text());
-        }
-    }
+    clear_index_dir(index_dir);
 
     EnginePtr engine = open_engine(index_dir, o.weights);
     Progress progress{engine.get(), isatty(STDERR_FILENO) == 1};
-    int32_t added = trn_ingest_dir(
-        engine.get(), root.c_str(), o.chunk_size, o.overlap, on_file_done, &progress);
+    int32_t added = trn_ingest_dir(engine.get(),
+                                   root.c_str(),
+                                   o.chunk_size.value_or(800),
+                                   o.overlap.value_or(200),
+                                   on_file_done,
+                                   &progress);
     if (progress.show) {
         std::fputs("\r\033[K", stderr);
     }
@@ -261,16 +170,7 @@ void cmd_index(const Options &o)
         throw Failure("cannot write the index in " + index_dir);
     }
     TrnStats st = trn_stats(engine.get());
-    double elapsed = seconds_since(progress.start);
-    char line[200];
-    std::snprintf(line,
-                  sizeof line,
-                  "indexed %u files, %u chunks in %.1f s (%.1f chunks/s)\n",
-                  st.file_count,
-                  st.chunk_count,
-                  elapsed,
-                  elapsed > 0 ? st.chunk_count / elapsed : 0.0);
-    write_out(line);
+    write_out(indexed_line(st.file_count, st.chunk_count, seconds_since(progress.start)));
 }
 
 // --- search -----------------------------------------------------------------------------------
@@ -279,7 +179,10 @@ void cmd_search(const Options &o)
 {
     std::string root = resolve_dir(o.operands[0]);
     const std::string &query = o.operands[1];
-    EnginePtr engine = open_existing(root, o.weights);
+    // The encoder the index was built with: the application's choice unless --weights names one.
+    std::string description;
+    std::string weights = o.weights.empty() ? application_weights(root, &description) : o.weights;
+    EnginePtr engine = open_existing(root, weights);
     // The engine never returns more than 64 hits, however large k is.
     int32_t k = std::min<int32_t>(o.k, 64);
     std::vector<TrnResult> results(static_cast<size_t>(k));
@@ -502,7 +405,15 @@ void cmd_embed(const Options &o)
 void run_command(const Options &o)
 {
     if (o.command == "index") {
-        cmd_index(o);
+        if (HAVE_APPLICATION_MODEL) {
+            model_index(o);
+        } else {
+            cmd_index(o);
+        }
+    } else if (o.command == "prompt") {
+        model_prompt(o);
+    } else if (o.command == "train") {
+        model_train(o);
     } else if (o.command == "search") {
         cmd_search(o);
     } else if (o.command == "files") {

@@ -221,3 +221,9 @@ void JsonWriter::boolean(bool value)
     separate();
     m_out += value ? "true" : "false";
 }
+
+void JsonWriter::null()
+{
+    separate();
+    m_out += "null";
+}

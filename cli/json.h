@@ -29,6 +29,7 @@ public:
     // The shortest decimal that reads back as the same float; null for NaN and infinities.
     void number(float value);
     void boolean(bool value);
+    void null();
 
     const std::string &str() const { return m_out; }
 

@@ -7,6 +7,7 @@
 */
 #include "args.h"
 #include "commands.h"
+#include "model_commands.h"
 
 #include <cstdio>
 #include <exception>
@@ -15,6 +16,7 @@
 int main(int argc, char **argv)
 {
     try {
+        ModelRuntime runtime(argc, argv);
         Options o = parse_args(argc, argv);
         if (o.help) {
             std::fputs(usage_text(), stdout);

@@ -1,6 +1,7 @@
 /*
 ** cli_support.h -- what the tarnwick-cli tests share: running the built program in a temporary
-** directory with its output captured, writing fixture files, and a strict JSON parser that
+** directory with its output captured and a home directory of its own, writing fixture files, and a
+*strict JSON parser that
 ** rejects everything the grammar does not allow (raw control characters and ill-formed UTF-8 in
 ** strings included), so a test that parses the program's output also checks that it is valid.
 */
@@ -21,6 +22,7 @@
 
 #include <fcntl.h>
 #include <pty.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -83,66 +85,125 @@ struct RunResult {
     std::string err;
 };
 
-// Runs tarnwick-cli with args in the working directory cwd, without a shell. Standard output
-// and standard error go to files (so neither can fill a pipe); with err_on_terminal standard
-// error is a pseudo-terminal instead, read after the program ends.
-inline RunResult run_cli(const std::vector<std::string> &args, const std::string &cwd,
-                         bool err_on_terminal = false)
+// The home directory of every run that names none: one per test program, so the program never
+// reads or writes the user's settings, training profiles or weights.
+inline const std::string &default_home()
 {
-    RunResult r;
-    char out_tmpl[] = "/tmp/trn_cli_out_XXXXXX";
-    char err_tmpl[] = "/tmp/trn_cli_err_XXXXXX";
-    int out_fd = mkstemp(out_tmpl);
-    int err_fd = mkstemp(err_tmpl);
-    int master = -1;
-    int slave = -1;
-    if (err_on_terminal && openpty(&master, &slave, nullptr, nullptr, nullptr) != 0) {
-        ADD_FAILURE() << "openpty failed";
-        return r;
-    }
-    std::vector<std::string> argv_text = {cli_path()};
-    argv_text.insert(argv_text.end(), args.begin(), args.end());
-    std::vector<char *> argv;
-    for (std::string &a : argv_text) {
-        argv.push_back(a.data());
-    }
-    argv.push_back(nullptr);
+    static TempDir home;
+    return home.path();
+}
 
-    pid_t pid = fork();
-    if (pid == 0) {
-        if (chdir(cwd.c_str()) != 0) {
+// The settings file the program reads with HOME and XDG_CONFIG_HOME inside home: the
+// application's QSettings ("Tarnwick", "Tarnwick") in the native (INI) format.
+inline std::string settings_file(const std::string &home)
+{
+    return home + "/.config/Tarnwick/Tarnwick.conf";
+}
+
+// A started tarnwick-cli whose output goes to files; finish() waits for it.
+class CliProcess
+{
+public:
+    // Runs tarnwick-cli with args in the working directory cwd, without a shell, with HOME and
+    // XDG_CONFIG_HOME inside home (default_home() when empty). Standard output and standard
+    // error go to files (so neither can fill a pipe); with err_on_terminal standard error is a
+    // pseudo-terminal instead, drained by finish().
+    CliProcess(const std::vector<std::string> &args, const std::string &cwd,
+               bool err_on_terminal = false, const std::string &home = "")
+    {
+        char out_tmpl[] = "/tmp/trn_cli_out_XXXXXX";
+        char err_tmpl[] = "/tmp/trn_cli_err_XXXXXX";
+        int out_fd = mkstemp(out_tmpl);
+        int err_fd = mkstemp(err_tmpl);
+        m_out_path = out_tmpl;
+        m_err_path = err_tmpl;
+        int slave = -1;
+        if (err_on_terminal && openpty(&m_master, &slave, nullptr, nullptr, nullptr) != 0) {
+            ADD_FAILURE() << "openpty failed";
+            m_master = -1;
+        }
+        std::vector<std::string> argv_text = {cli_path()};
+        argv_text.insert(argv_text.end(), args.begin(), args.end());
+        std::vector<char *> argv;
+        for (std::string &a : argv_text) {
+            argv.push_back(a.data());
+        }
+        argv.push_back(nullptr);
+        const std::string home_dir = home.empty() ? default_home() : home;
+        const std::string config_dir = home_dir + "/.config";
+
+        m_pid = fork();
+        if (m_pid == 0) {
+            if (chdir(cwd.c_str()) != 0) {
+                _exit(127);
+            }
+            setenv("HOME", home_dir.c_str(), 1);
+            setenv("XDG_CONFIG_HOME", config_dir.c_str(), 1);
+            int null_fd = open("/dev/null", O_RDONLY);
+            dup2(null_fd, 0);
+            dup2(out_fd, 1);
+            dup2(slave >= 0 ? slave : err_fd, 2);
+            execv(argv[0], argv.data());
             _exit(127);
         }
-        int null_fd = open("/dev/null", O_RDONLY);
-        dup2(null_fd, 0);
-        dup2(out_fd, 1);
-        dup2(err_on_terminal ? slave : err_fd, 2);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    if (slave >= 0) {
-        close(slave);
-    }
-    // Drain the terminal while the program runs: a full pseudo-terminal would block it.
-    std::string terminal;
-    if (master >= 0) {
-        char buf[4096];
-        ssize_t n;
-        while ((n = read(master, buf, sizeof buf)) > 0) { // EIO once the child has gone
-            terminal.append(buf, static_cast<size_t>(n));
+        if (slave >= 0) {
+            close(slave);
         }
-        close(master);
+        close(out_fd);
+        close(err_fd);
     }
-    int wstatus = 0;
-    waitpid(pid, &wstatus, 0);
-    r.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
-    close(out_fd);
-    close(err_fd);
-    r.out = read_file(out_tmpl);
-    r.err = err_on_terminal ? terminal : read_file(err_tmpl);
-    unlink(out_tmpl);
-    unlink(err_tmpl);
-    return r;
+    ~CliProcess()
+    {
+        if (!m_finished) {
+            kill(m_pid, SIGKILL);
+            finish();
+        }
+    }
+    CliProcess(const CliProcess &) = delete;
+    CliProcess &operator=(const CliProcess &) = delete;
+
+    pid_t pid() const { return m_pid; }
+    // What the program has written to standard output so far.
+    std::string out_so_far() const { return read_file(m_out_path); }
+
+    RunResult finish()
+    {
+        RunResult r;
+        // Drain the terminal while the program runs: a full pseudo-terminal would block it.
+        std::string terminal;
+        if (m_master >= 0) {
+            char buf[4096];
+            ssize_t n;
+            while ((n = read(m_master, buf, sizeof buf)) > 0) { // EIO once the child has gone
+                terminal.append(buf, static_cast<size_t>(n));
+            }
+            close(m_master);
+            m_master = -1;
+        }
+        int wstatus = 0;
+        waitpid(m_pid, &wstatus, 0);
+        m_finished = true;
+        r.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
+        r.out = read_file(m_out_path);
+        r.err = terminal.empty() ? read_file(m_err_path) : terminal;
+        unlink(m_out_path.c_str());
+        unlink(m_err_path.c_str());
+        return r;
+    }
+
+private:
+    pid_t m_pid = -1;
+    int m_master = -1;
+    bool m_finished = false;
+    std::string m_out_path;
+    std::string m_err_path;
+};
+
+// Runs tarnwick-cli to its end (see CliProcess).
+inline RunResult run_cli(const std::vector<std::string> &args, const std::string &cwd,
+                         bool err_on_terminal = false, const std::string &home = "")
+{
+    return CliProcess(args, cwd, err_on_terminal, home).finish();
 }
 
 inline std::vector<std::string> lines_of(const std::string &text)

@@ -40,6 +40,25 @@ TEST(CliUsage, MalformedCommandLinesExitWithTwoAndTouchNothing)
         {"stats", d, "--mode", "text"},
         {"files", d, "--json=yes"},
         {"compact", d, "--weights", "w.tten"},
+        {"prompt", d},
+        {"prompt", d, "q", "--scope", "best"},
+        {"prompt", d, "q", "--json"},
+        {"prompt", d, "q", "--chunk-size", "64"},
+        {"search", d, "q", "--scope", "all"},
+        {"train"},
+        {"train", "profiles", "extra"},
+        {"train", "profiles", "--steps", "5"},
+        {"train", "add", "name"},
+        {"train", "add", "name", d, "--json"},
+        {"train", "add", "name", d, "--lr", "2"},
+        {"train", "add", "name", d, "--lr", "0"},
+        {"train", "add", "name", d, "--batch", "1"},
+        {"train", "add", "name", d, "--bpe=yes"},
+        {"train", "default"},
+        {"train", "default", "a", "b"},
+        {"train", "name", "--steps", "5"},
+        {"train", "name", "--json"},
+        {"train", "a", "b"},
     };
     for (const std::vector<std::string> &args : cases) {
         std::string shown;
@@ -65,8 +84,15 @@ TEST(CliUsage, HelpPrintsEveryCommandAndSucceeds)
         EXPECT_EQ(r.status, 0);
         EXPECT_EQ(r.err, "");
         EXPECT_EQ(r.out.rfind("usage: tarnwick-cli COMMAND", 0), 0u);
-        for (const char *command :
-             {"index", "search", "files", "stats", "remove", "compact", "embed"}) {
+        for (const char *command : {"index",
+                                    "search",
+                                    "prompt",
+                                    "files",
+                                    "stats",
+                                    "remove",
+                                    "compact",
+                                    "embed",
+                                    "train"}) {
             EXPECT_NE(r.out.find(std::string("\n  ") + command + " "), std::string::npos)
                 << command;
         }
@@ -93,6 +119,10 @@ TEST(CliUsage, FailuresExitWithOneAndAPrefixedLine)
         {"index", dir / "empty", "--weights", dir / "missing.tten"},
         {"index", dir / "empty", "--weights", dir / "junk.tten"},
         {"embed", "--weights", dir / "missing.tten", "text"},
+        {"prompt", dir / "empty", "query"}, // never indexed
+        {"prompt", dir / "missing", "query"},
+        {"train", "nobody"},
+        {"train", "add", "name", dir / "missing"},
     };
     for (const std::vector<std::string> &args : cases) {
         SCOPED_TRACE(args[0] + " " + args[1]);

@@ -1,0 +1,128 @@
+/*
+** common.cpp -- directory resolution, index paths, weights checks and output for the
+** subcommands of tarnwick-cli.
+*/
+#include "common.h"
+
+#include "args.h"
+#include "tarnwick.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+EncoderGuard::EncoderGuard()
+{
+    trn_encoder_init(&encoder, 42);
+}
+
+EncoderGuard::~EncoderGuard()
+{
+    trn_encoder_free(&encoder);
+}
+
+std::string errno_text()
+{
+    return std::strerror(errno);
+}
+
+std::string resolve_dir(const std::string &dir)
+{
+    char *resolved = realpath(dir.c_str(), nullptr);
+    if (resolved == nullptr) {
+        throw Failure("cannot open directory " + dir + ": " + errno_text());
+    }
+    std::string path(resolved);
+    free(resolved);
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+        throw Failure(dir + " is not a directory");
+    }
+    return path;
+}
+
+std::string join(const std::string &dir, const std::string &name)
+{
+    return dir == "/" ? "/" + name : dir + "/" + name;
+}
+
+std::string index_dir_of(const std::string &root)
+{
+    std::string index_dir = join(root, ".tarnwick");
+    if (index_dir.size() + std::strlen("/tarnwick.bin") > STORE_PATH_MAX) {
+        throw Failure("directory path too long for an index: " + root);
+    }
+    return index_dir;
+}
+
+bool exists(const std::string &path)
+{
+    struct stat st;
+    return stat(path.c_str(), &st) == 0;
+}
+
+bool has_index(const std::string &root)
+{
+    std::string index_dir = index_dir_of(root);
+    return exists(join(index_dir, "tarnwick.bin")) || exists(join(index_dir, "tarnwick.wal"));
+}
+
+void require_index(const std::string &root)
+{
+    if (!has_index(root)) {
+        throw Failure("no index in " + root + " (run: tarnwick-cli index " + root + ")");
+    }
+}
+
+void check_weights(const std::string &weights)
+{
+    if (weights.empty()) {
+        return;
+    }
+    EncoderGuard scratch;
+    if (!trn_encoder_load_weights(&scratch.encoder, weights.c_str())) {
+        throw Failure("cannot load encoder weights from " + weights);
+    }
+}
+
+void clear_index_dir(const std::string &index_dir)
+{
+    if (mkdir(index_dir.c_str(), 0777) != 0 && errno != EEXIST) {
+        throw Failure("cannot create " + index_dir + ": " + errno_text());
+    }
+    for (const char *name : {"tarnwick.bin", "tarnwick.wal"}) {
+        std::string path = join(index_dir, name);
+        if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+            throw Failure("cannot remove " + path + ": " + errno_text());
+        }
+    }
+}
+
+void write_out(const std::string &text)
+{
+    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size()) {
+        throw Failure("cannot write to standard output");
+    }
+}
+
+double seconds_since(Clock::time_point t)
+{
+    return std::chrono::duration<double>(Clock::now() - t).count();
+}
+
+std::string indexed_line(unsigned files, unsigned chunks, double seconds)
+{
+    char line[200];
+    std::snprintf(line,
+                  sizeof line,
+                  "indexed %u files, %u chunks in %.1f s (%.1f chunks/s)\n",
+                  files,
+                  chunks,
+                  seconds,
+                  seconds > 0 ? chunks / seconds : 0.0);
+    return line;
+}

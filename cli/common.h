@@ -1,0 +1,66 @@
+/*
+** common.h -- what the subcommands of tarnwick-cli share: resolving directories, the index
+** directory's paths, checking weights files and writing to standard output.
+**
+** Every command that takes a directory resolves it first to an absolute path without symbolic
+** links or "." and ".." (realpath), because each chunk is recorded under the path the walk built
+** from that directory; removal and listing must use the same spelling to find it. The index lives
+** in DIR/.tarnwick.
+*/
+#ifndef TRN_CLI_COMMON_H
+#define TRN_CLI_COMMON_H
+
+#include "tarnwick.h"
+
+#include <chrono>
+#include <string>
+
+// The engine keeps its store and log paths in 512-byte fields; a longer path would be cut short
+// silently and the index written elsewhere, so such directories are refused.
+constexpr size_t STORE_PATH_MAX = 511;
+
+using Clock = std::chrono::steady_clock;
+
+// The engine's random encoder (seed 42) for the life of a scope.
+struct EncoderGuard {
+    TrnEncoder encoder{};
+    EncoderGuard();
+    ~EncoderGuard();
+    EncoderGuard(const EncoderGuard &) = delete;
+    EncoderGuard &operator=(const EncoderGuard &) = delete;
+};
+
+std::string errno_text();
+
+// dir resolved by realpath; throws Failure when it is missing or not a directory.
+std::string resolve_dir(const std::string &dir);
+
+std::string join(const std::string &dir, const std::string &name);
+
+// root + "/.tarnwick"; throws Failure when the store's path would not fit the engine's fields.
+std::string index_dir_of(const std::string &root);
+
+bool exists(const std::string &path);
+
+// True when root's index directory holds a store or a log.
+bool has_index(const std::string &root);
+
+// Throws Failure unless root has an index, naming the command that makes one.
+void require_index(const std::string &root);
+
+// Loads the weights into a scratch encoder first, so that a missing or damaged file is an error
+// here rather than a silent fall-back to the random encoder inside trn_open. Empty: nothing.
+void check_weights(const std::string &weights);
+
+// Creates the index directory and removes its store and log, so that indexing starts from
+// scratch: vectors of an earlier index may come from another encoder.
+void clear_index_dir(const std::string &index_dir);
+
+void write_out(const std::string &text);
+
+double seconds_since(Clock::time_point t);
+
+// "indexed F files, C chunks in S s (R chunks/s)\n"
+std::string indexed_line(unsigned files, unsigned chunks, double seconds);
+
+#endif

@@ -1,0 +1,542 @@
+/*
+** model_commands.cpp -- index, prompt and train on the application's model.
+**
+** `index` walks the directory with TarnwickEngine::ingestDirectory, the application's own walk:
+** its classification by extension table, well-known names and the "extraExtensions" setting,
+** PDF text through poppler, and no file whose text has fewer than 11 characters. Chunk size and
+** overlap default to the "chunkSize" and "overlap" settings. The same QSettings
+** ("Tarnwick"/"Tarnwick") and training profiles as the application's are read and written, so a
+** profile trained here is the application's too.
+**
+** `train NAME` runs TrainingManager's run in this process's event loop; SIGINT reaches that
+** loop through a pipe (the handler only writes one byte) and cancels the run.
+*/
+#include "model_commands.h"
+
+#include "common.h"
+#include "json.h"
+
+#include "json_coding.h"
+#include "prompt_builder.h"
+#include "records.h"
+#include "settings.h"
+#include "tarnwick_engine.h"
+#include "training_manager.h"
+
+#include <QCoreApplication>
+#include <QDateTime>
+#include <QFile>
+#include <QObject>
+#include <QSet>
+#include <QSocketNotifier>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+const bool HAVE_APPLICATION_MODEL = true;
+
+namespace
+{
+
+// Qt's warnings (poppler's among them) as one prefixed line each; debug chatter is dropped.
+void print_qt_message(QtMsgType type, const QMessageLogContext &, const QString &message)
+{
+    if (type == QtDebugMsg || type == QtInfoMsg) {
+        return;
+    }
+    std::fprintf(stderr, "tarnwick: %s\n", message.toLocal8Bit().constData());
+}
+
+QString path_text(const std::string &path)
+{
+    return QFile::decodeName(path.c_str());
+}
+
+std::string path_bytes(const QString &path)
+{
+    return QFile::encodeName(path).toStdString();
+}
+
+std::string utf8(const QString &text)
+{
+    return text.toUtf8().toStdString();
+}
+
+// text in double quotes, made fit for a terminal.
+std::string quoted(const std::string &text)
+{
+    std::string out(1, '"');
+    out += display_text(text, false);
+    out += '"';
+    return out;
+}
+
+std::optional<TrainingProfile> trained_profile(const QUuid &id)
+{
+    if (id.isNull()) {
+        return std::nullopt;
+    }
+    std::optional<TrainingProfile> p = TrainingManager::shared()->profile(id);
+    if (!p || p->status != TrainingStatus::Trained) {
+        return std::nullopt;
+    }
+    return p;
+}
+
+// --- index ------------------------------------------------------------------------------------
+
+struct IndexProgress {
+    TarnwickEngine *engine;
+    Clock::time_point start = Clock::now();
+    Clock::time_point last_shown{};
+};
+
+// Redrawn at most ten times a second, and always for the last file.
+void show_progress(IndexProgress *p, int done, int found)
+{
+    Clock::time_point now = Clock::now();
+    if (done < found && now - p->last_shown < std::chrono::milliseconds(100)) {
+        return;
+    }
+    p->last_shown = now;
+    TrnStats st = p->engine->stats();
+    double elapsed = seconds_since(p->start);
+    std::fprintf(stderr,
+                 "\r\033[Kindexing: %d/%d files, %u chunks, %.1f chunks/s",
+                 done,
+                 found,
+                 st.chunk_count,
+                 elapsed > 0 ? st.chunk_count / elapsed : 0.0);
+    std::fflush(stderr);
+}
+
+// --- train ------------------------------------------------------------------------------------
+
+const char *const TRAIN_WORDS[] = {"profiles", "add", "default"};
+
+// The profile called name, or whose id is name. Several of that name are an error: the
+// application allows them, so the id tells them apart.
+TrainingProfile find_profile(const std::string &name)
+{
+    const QString wanted = QString::fromUtf8(name);
+    std::vector<TrainingProfile> named;
+    for (const TrainingProfile &p : TrainingManager::shared()->profiles()) {
+        if (p.name == wanted) {
+            named.push_back(p);
+        }
+    }
+    if (named.size() > 1) {
+        throw Failure("several profiles are named \"" + name + "\"; give the id of one");
+    }
+    if (named.size() == 1) {
+        return named[0];
+    }
+    std::optional<TrainingProfile> by_id =
+        TrainingManager::shared()->profile(JsonCoding::uuidFromText(wanted));
+    if (!by_id) {
+        throw Failure("no training profile named \"" + name
+                      + "\" (see: tarnwick-cli train profiles)");
+    }
+    return *by_id;
+}
+
+std::string last_trained_text(const TrainingProfile &p)
+{
+    if (!p.lastTrained) {
+        return "never";
+    }
+    return utf8(p.lastTrained->toLocalTime().toString(QStringLiteral("yyyy-MM-dd HH:mm")));
+}
+
+void list_profiles(const Options &o)
+{
+    TrainingManager *manager = TrainingManager::shared();
+    const QList<TrainingProfile> profiles = manager->profiles();
+    const QUuid default_id = manager->defaultProfileId();
+    if (o.json) {
+        JsonWriter w;
+        w.begin_array();
+        for (const TrainingProfile &p : profiles) {
+            w.begin_object();
+            w.key("id");
+            w.string(utf8(JsonCoding::uuidText(p.id)));
+            w.key("name");
+            w.string(utf8(p.name));
+            w.key("status");
+            w.string(utf8(trainingStatusText(p.status)));
+            w.key("lastTrained");
+            if (p.lastTrained) {
+                w.string(utf8(p.lastTrained->toUTC().toString(Qt::ISODate)));
+            } else {
+                w.null();
+            }
+            w.key("weightsPath");
+            w.string(path_bytes(p.weightsPath));
+            w.key("isDefault");
+            w.boolean(p.id == default_id);
+            w.key("sourceDirectories");
+            w.begin_array();
+            for (const QString &dir : p.sourceDirectories) {
+                w.string(path_bytes(dir));
+            }
+            w.end_array();
+            w.key("steps");
+            w.integer(p.steps);
+            w.key("batchSize");
+            w.integer(p.batchSize);
+            w.key("learningRate");
+            w.number(p.learningRate);
+            w.key("heads");
+            w.integer(p.heads);
+            w.key("layers");
+            w.integer(p.layers);
+            w.key("threads");
+            w.integer(p.threads);
+            w.key("useBPE");
+            w.boolean(p.useBPE);
+            w.end_object();
+        }
+        w.end_array();
+        write_out(w.str() + "\n");
+        return;
+    }
+    if (profiles.isEmpty()) {
+        write_out("No training profiles yet.\n");
+        return;
+    }
+    // Columns as wide as their longest entry; "*" marks the default.
+    struct Row {
+        std::string mark, name, status, last, weights;
+    };
+    std::vector<Row> rows = {{" ", "NAME", "STATUS", "LAST TRAINED", "WEIGHTS"}};
+    for (const TrainingProfile &p : profiles) {
+        rows.push_back(Row{p.id == default_id ? "*" : " ",
+                           display_text(utf8(p.name), false),
+                           utf8(trainingStatusText(p.status)),
+                           last_trained_text(p),
+                           display_text(path_bytes(p.weightsPath), false)});
+    }
+    size_t name_width = 0;
+    size_t status_width = 0;
+    for (const Row &r : rows) {
+        name_width = std::max(name_width, static_cast<size_t>(QString::fromUtf8(r.name).size()));
+        status_width =
+            std::max(status_width, static_cast<size_t>(QString::fromUtf8(r.status).size()));
+    }
+    auto pad = [](const std::string &text, size_t width) {
+        size_t shown = static_cast<size_t>(QString::fromUtf8(text).size());
+        return text + std::string(width > shown ? width - shown : 0, ' ');
+    };
+    std::string out;
+    for (const Row &r : rows) {
+        out += r.mark + " " + pad(r.name, name_width) + "  " + pad(r.status, status_width) + "  "
+               + pad(r.last, 16) + "  " + r.weights + "\n";
+    }
+    write_out(out);
+}
+
+void add_profile(const Options &o)
+{
+    TrainingManager *manager = TrainingManager::shared();
+    const std::string &name = o.operands[1];
+    const QString qname = QString::fromUtf8(name);
+    if (qname.trimmed().isEmpty()) {
+        throw Failure("a profile needs a name");
+    }
+    for (const char *word : TRAIN_WORDS) {
+        if (name == word) {
+            throw Failure("\"" + name + "\" is a sub-command of train, not a profile name");
+        }
+    }
+    for (const TrainingProfile &p : manager->profiles()) {
+        if (p.name == qname) {
+            throw Failure("a profile named \"" + name + "\" already exists");
+        }
+    }
+    TrainingProfile draft;
+    draft.name = qname;
+    for (size_t i = 2; i < o.operands.size(); i++) {
+        draft.sourceDirectories.append(path_text(resolve_dir(o.operands[i])));
+    }
+    draft.steps = o.steps.value_or(draft.steps);
+    draft.batchSize = o.batch.value_or(draft.batchSize);
+    draft.learningRate = o.learning_rate.value_or(draft.learningRate);
+    draft.threads = o.threads.value_or(draft.threads);
+    draft.heads = o.heads.value_or(draft.heads);
+    draft.layers = o.layers.value_or(draft.layers);
+    draft.useBPE = o.bpe;
+    const TrainingProfile p = manager->createProfile(draft);
+    std::string out = "added profile " + quoted(name) + " with weights "
+                      + display_text(path_bytes(p.weightsPath), false) + "\n";
+    if (manager->defaultProfileId() == p.id) {
+        out += quoted(name) + " is the default profile\n";
+    }
+    write_out(out);
+}
+
+void set_default(const Options &o)
+{
+    TrainingProfile p = find_profile(o.operands[1]);
+    TrainingManager::shared()->setDefaultProfileId(p.id);
+    std::string out = quoted(utf8(p.name)) + " is the default profile\n";
+    if (p.status != TrainingStatus::Trained) {
+        out += "it is not trained yet; until it is, directories use the random encoder\n";
+    }
+    write_out(out);
+}
+
+// The write end of the pipe that carries SIGINT into the event loop; -1 when none.
+volatile std::sig_atomic_t g_interrupt_fd = -1;
+
+extern "C" void on_interrupt(int)
+{
+    int fd = g_interrupt_fd;
+    if (fd >= 0) {
+        char byte = 1;
+        ssize_t ignored = write(fd, &byte, 1);
+        (void)ignored;
+    }
+}
+
+// Catches SIGINT for its lifetime and calls cancel in the event loop for each one.
+class InterruptCatcher
+{
+public:
+    template <typename Fn>
+    explicit InterruptCatcher(Fn cancel)
+    {
+        if (pipe2(m_fds, O_CLOEXEC | O_NONBLOCK) != 0) {
+            throw Failure("cannot create a pipe: " + errno_text());
+        }
+        m_notifier = std::make_unique<QSocketNotifier>(m_fds[0], QSocketNotifier::Read);
+        QSocketNotifier *notifier = m_notifier.get();
+        QObject::connect(notifier, &QSocketNotifier::activated, notifier, [this, cancel] {
+            char bytes[16];
+            while (read(m_fds[0], bytes, sizeof bytes) > 0) {
+            }
+            cancel();
+        });
+        g_interrupt_fd = m_fds[1];
+        struct sigaction sa = {};
+        sa.sa_handler = on_interrupt;
+        sigemptyset(&sa.sa_mask);
+        sa.sa_flags = SA_RESTART;
+        sigaction(SIGINT, &sa, &m_previous);
+    }
+    ~InterruptCatcher()
+    {
+        sigaction(SIGINT, &m_previous, nullptr);
+        g_interrupt_fd = -1;
+        m_notifier.reset();
+        close(m_fds[0]);
+        close(m_fds[1]);
+    }
+    InterruptCatcher(const InterruptCatcher &) = delete;
+    InterruptCatcher &operator=(const InterruptCatcher &) = delete;
+
+private:
+    int m_fds[2] = {-1, -1};
+    std::unique_ptr<QSocketNotifier> m_notifier;
+    struct sigaction m_previous = {};
+};
+
+void print_progress(const QString &text)
+{
+    std::string line = display_text(utf8(text), false) + "\n";
+    std::fwrite(line.data(), 1, line.size(), stdout);
+    std::fflush(stdout);
+}
+
+void run_training(const Options &o)
+{
+    TrainingManager *manager = TrainingManager::shared();
+    const TrainingProfile profile = find_profile(o.operands[0]);
+    QCoreApplication *app = QCoreApplication::instance();
+    bool finished = false;
+    QObject context; // the connections below end with this function
+    QObject::connect(manager, &TrainingManager::trainingProgressChanged, &context, [manager] {
+        print_progress(manager->trainingProgress());
+    });
+    QObject::connect(manager,
+                     &TrainingManager::trainingFinished,
+                     &context,
+                     [&finished, app, &profile](const QUuid &id) {
+                         if (id == profile.id) {
+                             finished = true;
+                             app->exit(0);
+                         }
+                     });
+    InterruptCatcher interrupt([manager] {
+        if (manager->isTraining()) {
+            manager->cancelTraining();
+        }
+    });
+
+    manager->train(profile);
+    if (!manager->isTraining() && !finished) {
+        // Refused before it started: no trainer beside the program, or a run under way.
+        throw Failure(utf8(manager->trainingProgress()));
+    }
+    if (!finished) {
+        app->exec();
+    }
+    std::optional<TrainingProfile> after = manager->profile(profile.id);
+    if (!after || after->status != TrainingStatus::Trained) {
+        throw Failure(utf8(manager->trainingProgress()));
+    }
+}
+
+} // namespace
+
+struct ModelRuntime::State {
+    std::unique_ptr<QCoreApplication> app;
+    QtMessageHandler previous = nullptr;
+};
+
+ModelRuntime::ModelRuntime(int &argc, char **argv) : m_state(new State)
+{
+    m_state->previous = qInstallMessageHandler(print_qt_message);
+    m_state->app = std::make_unique<QCoreApplication>(argc, argv);
+}
+
+ModelRuntime::~ModelRuntime()
+{
+    // Settings::standard() lives until the process ends; what was written must reach the disk.
+    Settings::standard()->sync();
+    m_state->app.reset();
+    qInstallMessageHandler(m_state->previous);
+    delete m_state;
+}
+
+std::string application_weights(const std::string &root, std::string *description)
+{
+    const QString dir = path_text(root);
+    const std::optional<QString> override_text = Settings::standard()->encoderOverride(dir);
+    if (override_text) {
+        std::optional<TrainingProfile> p =
+            trained_profile(JsonCoding::uuidFromText(*override_text));
+        if (p) {
+            *description = "profile \"" + utf8(p->name) + "\" chosen for this directory ("
+                           + path_bytes(p->weightsPath) + ")";
+            return path_bytes(p->weightsPath);
+        }
+    }
+    std::optional<TrainingProfile> p =
+        trained_profile(TrainingManager::shared()->defaultProfileId());
+    if (p) {
+        *description =
+            "default profile \"" + utf8(p->name) + "\" (" + path_bytes(p->weightsPath) + ")";
+        return path_bytes(p->weightsPath);
+    }
+    *description = "built-in random encoder (no trained default profile)";
+    return "";
+}
+
+void model_index(const Options &o)
+{
+    std::string root = resolve_dir(o.operands[0]);
+    std::string index_dir = index_dir_of(root);
+    Settings *settings = Settings::standard();
+    int32_t chunk_size = o.chunk_size.value_or(settings->effectiveChunkSize());
+    int32_t overlap = o.overlap.value_or(settings->effectiveOverlap());
+    std::string description;
+    std::string weights = o.weights;
+    if (weights.empty()) {
+        weights = application_weights(root, &description);
+    } else {
+        description = "weights " + weights;
+    }
+    check_weights(weights);
+    clear_index_dir(index_dir);
+    std::fprintf(stderr, "tarnwick: encoder: %s\n", display_text(description, false).c_str());
+
+    TarnwickEngine engine(path_text(root), path_text(weights));
+    if (!engine.isOpen()) {
+        throw Failure("cannot open the index in " + index_dir);
+    }
+    IndexProgress progress{&engine};
+    TarnwickEngine::ProgressFn show;
+    bool on_terminal = isatty(STDERR_FILENO) == 1;
+    if (on_terminal) {
+        show = [&progress](int done, int found) {
+            show_progress(&progress, done, found);
+        };
+    }
+    int added = engine.ingestDirectory(chunk_size, overlap, show);
+    if (on_terminal) {
+        std::fputs("\r\033[K", stderr);
+    }
+    if (added < 0) {
+        throw Failure("cannot open directory " + root);
+    }
+    if (!engine.checkpoint()) {
+        throw Failure("cannot write the index in " + index_dir);
+    }
+    TrnStats st = engine.stats();
+    write_out(indexed_line(st.file_count, st.chunk_count, seconds_since(progress.start)));
+}
+
+void model_prompt(const Options &o)
+{
+    std::string root = resolve_dir(o.operands[0]);
+    require_index(root);
+    std::string description;
+    std::string weights = o.weights.empty() ? application_weights(root, &description) : o.weights;
+    check_weights(weights);
+    const QString dir = path_text(root);
+    TarnwickEngine engine(dir, path_text(weights));
+    if (!engine.isOpen()) {
+        throw Failure("cannot open the index in " + index_dir_of(root));
+    }
+    const QString query = QString::fromUtf8(o.operands[1]);
+    const QList<SearchResult> hits =
+        engine.search(query, static_cast<SearchMode>(o.mode), std::min<int32_t>(o.k, 64));
+
+    // What the tab shows: its pinned results first, then the hits that are not pinned.
+    const std::optional<QList<PinnedResult>> pins =
+        PinnedResult::decodeList(Settings::standard()->pinnedResultsData(dir));
+    QList<SearchResult> pinned;
+    QSet<QString> pinned_ids;
+    for (const PinnedResult &pin : pins.value_or(QList<PinnedResult>())) {
+        pinned.append(pin.toResult());
+        pinned_ids.insert(pin.id);
+    }
+    QList<SearchResult> displayed = pinned;
+    for (const SearchResult &hit : hits) {
+        if (!pinned_ids.contains(hit.id)) {
+            displayed.append(hit);
+        }
+    }
+    PromptScope scope = o.scope == "pinned" ? PromptScope::Pinned
+                        : o.scope == "all"  ? PromptScope::AllVisible
+                                            : PromptScope::Top5;
+    const QByteArray text = buildPrompt(query, scope, displayed, pinned).toUtf8();
+    write_out(text.toStdString());
+    // The text is printed exactly; only a terminal gets a last newline it lacks.
+    if (!text.endsWith('\n') && isatty(STDOUT_FILENO) == 1) {
+        write_out("\n");
+    }
+}
+
+void model_train(const Options &o)
+{
+    const std::string &sub = o.operands[0];
+    if (sub == "profiles") {
+        list_profiles(o);
+    } else if (sub == "add") {
+        add_profile(o);
+    } else if (sub == "default") {
+        set_default(o);
+    } else {
+        run_training(o);
+    }
+    Settings::standard()->sync();
+}

@@ -1,0 +1,50 @@
+/*
+** model_commands.h -- the subcommands of tarnwick-cli that run on the application's model
+** (app/model, app/training): indexing, prompts, training profiles, and the encoder the
+** application would use for a directory.
+**
+** With Qt the program is built on that model (model_commands.cpp), so the command line and the
+** application index a directory identically. Without it (no_model.cpp) the engine-only commands
+** remain: `index` walks with the engine's own classification, and `prompt` and `train` fail with
+** "built without the application model".
+*/
+#ifndef TRN_CLI_MODEL_COMMANDS_H
+#define TRN_CLI_MODEL_COMMANDS_H
+
+#include "args.h"
+
+#include <string>
+
+// True when the program was built on the application's model.
+extern const bool HAVE_APPLICATION_MODEL;
+
+// Sets up what the model needs for the life of the process (a QCoreApplication, for the
+// trainers' directory and the event loop of a training run, and Qt's diagnostics on standard
+// error with the "tarnwick: " prefix). Call once from main before any command; returns an
+// object that tears it down when destroyed. Nothing without the model.
+class ModelRuntime
+{
+public:
+    ModelRuntime(int &argc, char **argv);
+    ~ModelRuntime();
+    ModelRuntime(const ModelRuntime &) = delete;
+    ModelRuntime &operator=(const ModelRuntime &) = delete;
+
+private:
+    struct State;
+    State *m_state = nullptr;
+};
+
+// The weights the application would open root's index with: the directory's encoder override
+// when that profile is trained, else the default profile's weights when trained, else "" (the
+// random encoder). description says which, for a line on standard error.
+std::string application_weights(const std::string &root, std::string *description);
+
+// index DIR: drops the index and walks DIR with TarnwickEngine::ingestDirectory.
+void model_index(const Options &o);
+// prompt DIR QUERY: the text "Copy Prompt" puts on the clipboard.
+void model_prompt(const Options &o);
+// train profiles | add | default | NAME.
+void model_train(const Options &o);
+
+#endif
