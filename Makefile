@@ -21,8 +21,15 @@ configure: deps
 build: configure
 	@cmake --build $(BUILD) -j $(JOBS)
 
-test: build
+test: build format-check
 	@ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS) --timeout 600
+
+# Every C++ source and header must match .clang-format.
+format-check: deps
+	@git ls-files '*.h' '*.cpp' | xargs clang-format --dry-run --Werror
+
+format:
+	@git ls-files '*.h' '*.cpp' | xargs clang-format -i
 
 # Starts the application with a fresh copy of samples/ open (the repository stays clean). Without
 # a display it runs under xvfb-run when that is installed, else it says how to start it.
