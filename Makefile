@@ -49,6 +49,10 @@ screenshots: build
 	@QT_QPA_PLATFORM=offscreen $(BUILD)/bin/tarnwick-screenshots samples docs \
 		tests/ui/data/sample_run.loss
 
+# The benchmarks are built with everything else; run each one by hand (they take minutes).
+bench: build
+	@ls $(BUILD)/bin/*_bench
+
 clean:
 	rm -rf $(BUILD) build-*
 
