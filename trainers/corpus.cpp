@@ -62,13 +62,12 @@ bool CorpusSampler::open(const std::string &path, std::string *err)
     return true;
 }
 
-/* One chunk-sized window from [lo, hi) of the file: a read at a random offset, moved to the
-** next blank line half of the time. */
-bool CorpusSampler::read_window(uint64_t lo, uint64_t hi, std::mt19937_64 &rng, std::string &window,
-                                std::string *err)
+/* One chunk-sized window read at off (moved back when fewer than a chunk of bytes follow it), moved
+** to the next blank line half of the time when to_break is set. */
+bool CorpusSampler::read_window(uint64_t off, bool to_break, std::mt19937_64 &rng,
+                                std::string &window, uint64_t *at, std::string *err)
 {
     uint64_t want = size_ < (uint64_t)READ_BYTES ? size_ : (uint64_t)READ_BYTES;
-    uint64_t off = uniform(rng, lo, hi > lo ? hi - 1 : lo);
     /* keep at least a chunk of text after the offset when the file allows it */
     uint64_t tail = size_ < (uint64_t)CHUNK_BYTES ? size_ : (uint64_t)CHUNK_BYTES;
     if (off + tail > size_) {
@@ -89,7 +88,7 @@ bool CorpusSampler::read_window(uint64_t lo, uint64_t hi, std::mt19937_64 &rng, 
         }
     }
     size_t start = 0;
-    if (rng() % 2 == 0 && off > 0) {
+    if (to_break && rng() % 2 == 0 && off > 0) {
         const char *brk = (const char *)memmem(buf, (size_t)got, "\n\n", 2);
         if (brk && (size_t)(got - (brk - buf)) > (size_t)VISIBLE_BYTES) {
             start = (size_t)(brk - buf);
@@ -101,6 +100,7 @@ bool CorpusSampler::read_window(uint64_t lo, uint64_t hi, std::mt19937_64 &rng, 
     size_t len = (size_t)got - start;
     len = len > (size_t)CHUNK_BYTES ? (size_t)CHUNK_BYTES : len;
     window.assign(buf + start, len);
+    *at = off + start;
     return true;
 }
 
@@ -153,10 +153,7 @@ std::string query_span(const std::string &window, std::mt19937_64 &rng)
     if (len == 0) {
         return window;
     }
-    size_t region = len;
-    if (rng() % 2 == 0 && region > (size_t)VISIBLE_BYTES) {
-        region = VISIBLE_BYTES;
-    }
+    const size_t region = len < (size_t)VISIBLE_BYTES ? len : (size_t)VISIBLE_BYTES;
     /* 3 to 24 words, short queries more often than sentence-long ones */
     double u = std::uniform_real_distribution<double>(0.0, 1.0)(rng);
     int words = 3 + (int)(21.0 * u * u);
@@ -199,10 +196,17 @@ bool CorpusSampler::draw(int pairs, std::mt19937_64 &rng, std::vector<std::strin
 {
     texts.resize((size_t)pairs * 2);
     std::string window;
+    const uint64_t groups = (uint64_t)((pairs + NEIGHBOURS - 1) / NEIGHBOURS);
+    uint64_t at = 0;
     for (int i = 0; i < pairs; i++) {
-        uint64_t lo = size_ * (uint64_t)i / (uint64_t)pairs;
-        uint64_t hi = size_ * (uint64_t)(i + 1) / (uint64_t)pairs;
-        if (!read_window(lo, hi, rng, window, err)) {
+        const uint64_t g = (uint64_t)(i / NEIGHBOURS);
+        const bool first = i % NEIGHBOURS == 0;
+        uint64_t off = at + NEIGHBOUR_STEP;
+        if (first) {
+            uint64_t lo = size_ * g / groups, hi = size_ * (g + 1) / groups;
+            off = uniform(rng, lo, hi > lo ? hi - 1 : lo);
+        }
+        if (!read_window(off, first, rng, window, &at, err)) {
             return false;
         }
         std::string &anchor = texts[(size_t)2 * i];

@@ -7,12 +7,16 @@
 ** fall), read with one pread of READ_BYTES at a random offset. Memory is a few kilobytes per
 ** pair, whatever the corpus size.
 **
-** A batch of B pairs takes pair i from the i-th of B equal strata of the file, so one batch
-** spreads over the whole corpus and rarely holds two windows of one document. Each pair is
-**   - a query pair (probability QUERY_PAIR_SHARE): a query-like span of 3 to 24 words taken from
-**     the window, against the window itself; half of the spans come from the first 254 bytes
-**     (the part of a chunk the byte-level engine sees), the rest from anywhere in the chunk, as
-**     a user's query may quote any part of a file; or
+** Pairs come in groups of NEIGHBOURS: a batch of B pairs has ceil(B / NEIGHBOURS) groups, group g
+** starts at a random offset in the g-th of that many equal strata of the file, so one batch
+** spreads over the whole corpus, and pair j of a group reads its window NEIGHBOUR_STEP bytes
+** (the engine's chunk stride) after the start of the window of pair j - 1, without moving to a
+** blank line. Neighbouring
+** windows usually belong to one document and share its topic, so each is a hard negative for the
+** other: the encoder must match what a passage says, not only what it is about. Each pair is
+**   - a query pair (probability QUERY_PAIR_SHARE): a query-like span of 3 to 24 words starting in
+**     the first 254 bytes of the window (the part of a chunk the byte-level engine sees), against
+**     the window itself; or
 **   - a crop pair: two overlapping crops of 64 to 254 bytes of the window.
 ** NUL bytes, which would end the text early for the engine, are read as spaces.
 */
@@ -33,6 +37,8 @@ constexpr int VISIBLE_BYTES = 254;     /* bytes of a chunk the byte-level encode
 constexpr int READ_BYTES = 2048;       /* one read per pair */
 constexpr int MIN_BYTES_PER_PAIR = 64; /* a corpus needs batch x this many bytes */
 constexpr double QUERY_PAIR_SHARE = 0.65;
+constexpr int NEIGHBOURS = 2;       /* pairs per group of neighbouring windows */
+constexpr int NEIGHBOUR_STEP = 600; /* bytes between the windows of a group */
 
 class CorpusSampler
 {
@@ -54,8 +60,10 @@ public:
     bool read_at(uint64_t off, char *buf, size_t len, std::string *err) const;
 
 private:
-    bool read_window(uint64_t lo, uint64_t hi, std::mt19937_64 &rng, std::string &window,
-                     std::string *err);
+    /* With to_break, half of the windows move to the next blank line. The window's offset in
+    ** the file goes to at. */
+    bool read_window(uint64_t off, bool to_break, std::mt19937_64 &rng, std::string &window,
+                     uint64_t *at, std::string *err);
 
     int fd_ = -1;
     uint64_t size_ = 0;
@@ -74,7 +82,8 @@ constexpr int BPE_SAMPLE_BLOCKS = 64;
 ** message in err when the file cannot be opened or read. */
 bool read_bpe_sample(const std::string &path, size_t max_bytes, std::string *out, std::string *err);
 
-/* A query-like span of whole words from window (exposed for tests). */
+/* A query-like span of whole words starting in the first VISIBLE_BYTES of window (exposed for
+** tests). */
 std::string query_span(const std::string &window, std::mt19937_64 &rng);
 
 } // namespace trn_train

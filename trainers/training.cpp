@@ -58,6 +58,21 @@ void run_parallel(int n, Fn fn)
 
 } // namespace
 
+float lr_multiplier(int tensor)
+{
+    if (tensor == TENSOR_TOK || tensor == TENSOR_POS) {
+        return LR_MULT_EMBEDDING;
+    }
+    if (tensor == TENSOR_LNF_G || tensor == TENSOR_LNF_B) {
+        return LR_MULT_NORM;
+    }
+    const int w = (tensor - TENSOR_FIRST_LAYER) % LAYER_TENSORS;
+    if (w == LT_LN1_G || w == LT_LN1_B || w == LT_LN2_G || w == LT_LN2_B) {
+        return LR_MULT_NORM;
+    }
+    return LR_MULT_MATRIX;
+}
+
 void tokenize(const TrnBpe *bpe, const std::string &text, std::vector<uint32_t> &ids)
 {
     ids.resize(MAX_SEQ);
@@ -120,7 +135,8 @@ std::vector<GemmShape> Trainer::shapes() const
 
 float Trainer::lr_at(int k) const
 {
-    const int warm = std::max(1, std::min(100, steps_ / 10));
+    const int warm =
+        std::max(1, std::min(steps_, std::max(WARMUP_MIN_STEPS, (int)(WARMUP_SHARE * steps_))));
     if (k <= warm) {
         return peak_lr_ * (float)k / (float)warm;
     }
@@ -253,12 +269,16 @@ void Trainer::apply_update()
             size_t a = std::max(lo, layout_.offset[t]);
             size_t b = std::min(hi, layout_.offset[t] + layout_.size[t]);
             const float decay = tensor_is_matrix(t) ? (float)WEIGHT_DECAY : 0.0f;
+            const float rate = lr * lr_multiplier(t);
+            if (rate == 0.0f) {
+                continue; /* a frozen group */
+            }
             for (size_t i = a; i < b; i++) {
                 float gi = g[i] * clip;
                 float m = adam_m_[i] = b1 * adam_m_[i] + (1.0f - b1) * gi;
                 float v = adam_v_[i] = b2 * adam_v_[i] + (1.0f - b2) * gi * gi;
                 float update = (m / bc1) / (std::sqrt(v / bc2) + (float)ADAM_EPS);
-                params_[i] -= lr * (update + decay * params_[i]);
+                params_[i] -= rate * (update + decay * params_[i]);
             }
         }
     });

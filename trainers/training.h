@@ -8,8 +8,14 @@
 ** has its own activations and gradient buffer, and the buffers are summed after the backward
 ** pass. The matrix library runs on one thread inside each of them.
 **
-** Learning rate: linear warm-up over min(100, steps / 10) steps (at least 1) to the peak LR,
-** then a cosine decay to 5% of the peak at the last step.
+** Learning rate: linear warm-up over max(WARMUP_MIN_STEPS, WARMUP_SHARE x steps) steps (at most
+** all of them) to the peak LR, then a cosine decay to 5% of the peak at the last step. Each
+** tensor trains at the scheduled rate times its group's multiplier (lr_multiplier): with
+** batches of a few pairs, Adam's steps on the six million weights of the projection matrices
+** are mostly noise of the size of the rate, which at 1e-3 rewrites the random encoder (whose
+** initial values are within +-0.02) within a few dozen steps and makes it worse than it was;
+** the layer norms' scales and shifts (a few thousand values that decide which directions of
+** the embedding count, and so remove the component all texts share) take the full rate.
 */
 #ifndef TRN_TRAINERS_TRAINING_H
 #define TRN_TRAINERS_TRAINING_H
@@ -30,7 +36,13 @@ namespace trn_train
 constexpr double TEMPERATURE = 0.05;
 constexpr double CLIP_NORM = 1.0;
 constexpr double ADAM_BETA1 = 0.9;
-constexpr double ADAM_BETA2 = 0.999;
+constexpr double ADAM_BETA2 = 0.98;
+constexpr double WARMUP_SHARE = 0.1;
+constexpr int WARMUP_MIN_STEPS = 50;
+/* learning-rate multipliers of the parameter groups (see lr_multiplier) */
+constexpr float LR_MULT_NORM = 1.0f;      /* layer-norm scales and shifts */
+constexpr float LR_MULT_EMBEDDING = 0.1f; /* token and position embeddings */
+constexpr float LR_MULT_MATRIX = 0.01f;   /* projection matrices and their biases */
 constexpr double ADAM_EPS = 1e-8;
 constexpr double WEIGHT_DECAY = 0.01;
 constexpr uint32_t ENCODER_SEED = 42; /* the engine's random encoder */
@@ -63,6 +75,9 @@ int run_trainer(const TrainOptions &opts, FILE *progress);
 
 /* "x.tten" -> "x.loss"; any other path gets ".loss" appended. */
 std::string loss_path_for(const std::string &out);
+
+/* The multiplier of the scheduled learning rate for one tensor (a tensor number of model.h). */
+float lr_multiplier(int tensor);
 
 /* Token ids as the engine makes them: 257, at most 254 bytes, 258 without a tokenizer; the
 ** tokenizer's own encoding (merged whole, then cut to 256 ids) with one. */

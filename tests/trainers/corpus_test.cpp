@@ -85,7 +85,8 @@ TEST(CorpusSampler, PairsAreTextOfTheCorpusInTheShapesTheTrainerExpects)
                 // a query span and the chunk-sized window it was taken from
                 query_pairs++;
                 EXPECT_LE(positive.size(), (size_t)CHUNK_BYTES);
-                EXPECT_NE(positive.find(anchor), std::string::npos);
+                // the span starts in the part of the chunk the engine embeds
+                EXPECT_LT(positive.find(anchor), (size_t)VISIBLE_BYTES) << anchor;
                 EXPECT_FALSE(is_space(anchor.front()));
                 EXPECT_FALSE(is_space(anchor.back()));
                 size_t words = 1;
@@ -109,7 +110,7 @@ TEST(CorpusSampler, PairsAreTextOfTheCorpusInTheShapesTheTrainerExpects)
     EXPECT_GT(crop_pairs, 60);
 }
 
-TEST(CorpusSampler, PairIOfABatchComesFromTheIthStratumOfTheFile)
+TEST(CorpusSampler, NeighbouringPairsComeFromOneStratumOneChunkStrideApart)
 {
     const std::string text = numbered_corpus(400000);
     TempCorpus corpus(text);
@@ -118,18 +119,28 @@ TEST(CorpusSampler, PairIOfABatchComesFromTheIthStratumOfTheFile)
     ASSERT_TRUE(sampler.open(corpus.path, &err)) << err;
     std::mt19937_64 rng(2);
     std::vector<std::string> texts;
-    const int pairs = 8;
-    const long stratum = (long)text.size() / pairs;
-    for (int round = 0; round < 10; round++) {
+    const int pairs = 8, groups = pairs / NEIGHBOURS;
+    const long stratum = (long)text.size() / groups;
+    int strides_seen = 0;
+    for (int round = 0; round < 20; round++) {
         ASSERT_TRUE(sampler.draw(pairs, rng, texts, &err));
         for (int i = 0; i < pairs; i++) {
             long at = offset_of_first_word(texts[2 * i + 1]);
             ASSERT_GE(at, 0);
-            // a window starts in its stratum, or up to one read later when moved to a break
-            EXPECT_GE(at, i * stratum - 16) << "pair " << i;
-            EXPECT_LT(at, (i + 1) * stratum + READ_BYTES) << "pair " << i;
+            const long g = i / NEIGHBOURS;
+            // a group starts in its stratum, or up to one read later when moved to a break
+            EXPECT_GE(at, g * stratum - 16) << "pair " << i;
+            EXPECT_LT(at, (g + 1) * stratum + NEIGHBOURS * READ_BYTES) << "pair " << i;
+            const std::string &prev = texts[2 * i - 1], &cur = texts[2 * i + 1];
+            if (i % NEIGHBOURS != 0 && prev.size() > (size_t)VISIBLE_BYTES
+                && cur.size() > (size_t)VISIBLE_BYTES) {
+                // both positives are whole windows: the second starts one stride later
+                EXPECT_EQ(at - offset_of_first_word(prev), NEIGHBOUR_STEP) << "pair " << i;
+                strides_seen++;
+            }
         }
     }
+    EXPECT_GT(strides_seen, 10);
 }
 
 TEST(CorpusSampler, TinyCorpusStillGivesWholeWindowsAndNulBytesReadAsSpaces)

@@ -54,7 +54,8 @@ std::string temp_path(const char *suffix)
 // Trains two steps, saves, loads into a fresh engine encoder and compares the embeddings.
 void expect_engine_embeds_like_trainer(TrnEncoder *enc, uint32_t want_version)
 {
-    Trainer trainer(enc, 4, 1e-3f, 10, 1);
+    // a high rate, so that two steps move the embeddings clearly
+    Trainer trainer(enc, 4, 1e-2f, 10, 1);
     trainer.step(pair_texts());
     trainer.step(pair_texts());
     trainer.store(enc);
@@ -152,7 +153,7 @@ TEST(TrainerStep, RepeatedStepsOnOneBatchLowerItsLoss)
     trn_encoder_init(&enc, 42);
     std::vector<std::string> texts = pair_texts();
     texts.resize(4); // two pairs
-    Trainer trainer(&enc, 2, 1e-4f, 20, 1);
+    Trainer trainer(&enc, 2, 1e-2f, 10, 1);
     double first = trainer.step(texts);
     double last = first;
     for (int s = 0; s < 9; s++) {
@@ -166,11 +167,53 @@ TEST(TrainerSchedule, WarmsUpThenDecaysToAFractionOfThePeak)
 {
     TrnEncoder enc;
     trn_encoder_init(&enc, 42);
-    Trainer trainer(&enc, 2, 1e-3f, 2000, 1);
-    EXPECT_FLOAT_EQ(trainer.lr_at(1), 1e-5f);
-    EXPECT_FLOAT_EQ(trainer.lr_at(50), 5e-4f);
-    EXPECT_FLOAT_EQ(trainer.lr_at(100), 1e-3f);
-    EXPECT_LT(trainer.lr_at(1000), trainer.lr_at(500));
-    EXPECT_NEAR(trainer.lr_at(2000), 5e-5f, 1e-9f);
+    {
+        // 2000 steps: a warm-up of 10% of the steps
+        Trainer trainer(&enc, 2, 1e-3f, 2000, 1);
+        EXPECT_FLOAT_EQ(trainer.lr_at(1), 5e-6f);
+        EXPECT_FLOAT_EQ(trainer.lr_at(100), 5e-4f);
+        EXPECT_FLOAT_EQ(trainer.lr_at(200), 1e-3f);
+        EXPECT_LT(trainer.lr_at(201), 1e-3f);
+        EXPECT_LT(trainer.lr_at(1000), trainer.lr_at(500));
+        EXPECT_NEAR(trainer.lr_at(2000), 5e-5f, 1e-9f);
+    }
+    {
+        // short runs warm up over at least 50 steps, or all of them
+        Trainer trainer(&enc, 2, 1e-3f, 200, 1);
+        EXPECT_FLOAT_EQ(trainer.lr_at(25), 5e-4f);
+        EXPECT_FLOAT_EQ(trainer.lr_at(50), 1e-3f);
+        Trainer tiny(&enc, 2, 1e-3f, 10, 1);
+        EXPECT_FLOAT_EQ(tiny.lr_at(5), 5e-4f);
+        EXPECT_FLOAT_EQ(tiny.lr_at(10), 1e-3f);
+    }
+    trn_encoder_free(&enc);
+}
+
+TEST(TrainerStep, EachTensorMovesOnlyWhenItsGroupHasARate)
+{
+    TrnEncoder enc;
+    trn_encoder_init(&enc, 42);
+    Trainer trainer(&enc, 4, 1e-3f, 10, 1);
+    const std::vector<float> before = trainer.params();
+    trainer.step(pair_texts());
+    trainer.step(pair_texts());
+    const ParamLayout &layout = trainer.layout();
+    int moving = 0;
+    for (int t = 0; t < TENSOR_COUNT; t++) {
+        float change = 0;
+        for (size_t i = layout.offset[t]; i < layout.offset[t] + layout.size[t]; i++) {
+            change = std::max(change, std::fabs(trainer.params()[i] - before[i]));
+        }
+        char name[64];
+        tensor_name(t, name, sizeof name);
+        if (lr_multiplier(t) > 0.0f) {
+            EXPECT_GT(change, 0.0f) << name;
+            moving++;
+        } else {
+            EXPECT_EQ(change, 0.0f) << name;
+        }
+    }
+    // the layer norms always train: two per layer and the final one, scale and shift each
+    EXPECT_GE(moving, 2 * (2 * LAYERS + 1));
     trn_encoder_free(&enc);
 }
