@@ -147,13 +147,13 @@ bool read_bpe_sample(const std::string &path, size_t max_bytes, std::string *out
     return true;
 }
 
-std::string query_span(const std::string &window, std::mt19937_64 &rng)
+std::string query_span(const std::string &window, std::mt19937_64 &rng, size_t visible)
 {
     const size_t len = window.size();
     if (len == 0) {
         return window;
     }
-    const size_t region = len < (size_t)VISIBLE_BYTES ? len : (size_t)VISIBLE_BYTES;
+    const size_t region = len < visible ? len : visible;
     /* 3 to 24 words, short queries more often than sentence-long ones */
     double u = std::uniform_real_distribution<double>(0.0, 1.0)(rng);
     int words = 3 + (int)(21.0 * u * u);
@@ -166,6 +166,9 @@ std::string query_span(const std::string &window, std::mt19937_64 &rng)
         }
         while (pos < len && is_space(window[pos])) {
             pos++;
+        }
+        if (pos >= region && attempt < 3) {
+            continue; /* spaces led past the visible part */
         }
         size_t end = pos;
         int count = 0;
@@ -213,13 +216,13 @@ bool CorpusSampler::draw(int pairs, std::mt19937_64 &rng, std::vector<std::strin
         std::string &positive = texts[(size_t)2 * i + 1];
         double u = std::uniform_real_distribution<double>(0.0, 1.0)(rng);
         if (u < QUERY_PAIR_SHARE) {
-            anchor = query_span(window, rng);
+            anchor = query_span(window, rng, visible_);
             positive = window;
             continue;
         }
         const size_t len = window.size();
         const size_t min_crop = len < 64 ? len : 64;
-        const size_t max_crop = len < (size_t)VISIBLE_BYTES ? len : (size_t)VISIBLE_BYTES;
+        const size_t max_crop = len < visible_ ? len : visible_;
         size_t l1 = (size_t)uniform(rng, min_crop, max_crop);
         size_t l2 = (size_t)uniform(rng, min_crop, max_crop);
         size_t s1 = (size_t)uniform(rng, 0, len - l1);

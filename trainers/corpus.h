@@ -15,9 +15,11 @@
 ** windows usually belong to one document and share its topic, so each is a hard negative for the
 ** other: the encoder must match what a passage says, not only what it is about. Each pair is
 **   - a query pair (probability QUERY_PAIR_SHARE): a query-like span of 3 to 24 words starting in
-**     the first 254 bytes of the window (the part of a chunk the byte-level engine sees), against
-**     the window itself; or
-**   - a crop pair: two overlapping crops of 64 to 254 bytes of the window.
+**     the visible part of the window, against the window itself; or
+**   - a crop pair: two overlapping crops of 64 bytes to the visible length of the window.
+** The visible part is what the encoder reads of a chunk: its first 254 bytes for the byte-level
+** encoder (VISIBLE_BYTES); with a tokenizer the 254 positions hold tokens, which cover about a
+** whole chunk, so the trainer widens it with set_visible.
 ** NUL bytes, which would end the text early for the engine, are read as spaces.
 */
 #ifndef TRN_TRAINERS_CORPUS_H
@@ -52,6 +54,10 @@ public:
     bool open(const std::string &path, std::string *err);
     uint64_t size() const { return size_; }
 
+    /* The bytes at the head of a window that queries and crops are drawn from (at least 64,
+    ** VISIBLE_BYTES until set). */
+    void set_visible(size_t bytes) { visible_ = bytes < 64 ? 64 : bytes; }
+
     /* Draws pairs pairs into texts (2 * pairs strings: anchor of pair i at 2i, positive at
     ** 2i + 1). Returns false with a message in err when the corpus cannot be read. */
     bool draw(int pairs, std::mt19937_64 &rng, std::vector<std::string> &texts, std::string *err);
@@ -67,6 +73,7 @@ private:
 
     int fd_ = -1;
     uint64_t size_ = 0;
+    size_t visible_ = VISIBLE_BYTES;
 };
 
 /* The tokenizer's training text. The engine's pair table has 2^20 slots and no overflow check: a
@@ -82,9 +89,10 @@ constexpr int BPE_SAMPLE_BLOCKS = 64;
 ** message in err when the file cannot be opened or read. */
 bool read_bpe_sample(const std::string &path, size_t max_bytes, std::string *out, std::string *err);
 
-/* A query-like span of whole words starting in the first VISIBLE_BYTES of window (exposed for
+/* A query-like span of whole words starting in the first visible bytes of window (exposed for
 ** tests). */
-std::string query_span(const std::string &window, std::mt19937_64 &rng);
+std::string query_span(const std::string &window, std::mt19937_64 &rng,
+                       size_t visible = VISIBLE_BYTES);
 
 } // namespace trn_train
 

@@ -462,6 +462,8 @@ int run_trainer(const TrainOptions &opts, FILE *progress)
             fprintf(stderr, "trainer: cannot read tokenizer %s\n", opts.bpe_path.c_str());
             return 1;
         }
+        /* 254 tokens cover about a whole chunk: queries and crops may come from all of it */
+        sampler.set_visible(CHUNK_BYTES);
     }
 
     const std::string tmp = opts.out + ".tmp";

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <random>
 #include <string>
@@ -185,6 +186,41 @@ TEST(QuerySpan, IsOneToTwentyFourWholeWordsWithinOneParagraph)
         size_t end = at + q.size();
         EXPECT_TRUE(end == window.size() || is_space(window[end])) << q;
         EXPECT_EQ(q.find("\n\n"), std::string::npos) << q;
+    }
+}
+
+TEST(CorpusSampler, AWiderVisiblePartLetsQueriesAndCropsReachTheWholeWindow)
+{
+    // with a tokenizer the encoder reads about a whole chunk, so training must use all of it
+    const std::string text = numbered_corpus(200000);
+    TempCorpus corpus(text);
+    std::string err;
+    for (size_t visible : {(size_t)VISIBLE_BYTES, (size_t)CHUNK_BYTES}) {
+        CorpusSampler sampler;
+        ASSERT_TRUE(sampler.open(corpus.path, &err)) << err;
+        sampler.set_visible(visible);
+        std::mt19937_64 rng(3);
+        std::vector<std::string> texts;
+        size_t latest_span = 0, longest_crop = 0;
+        for (int round = 0; round < 40; round++) {
+            ASSERT_TRUE(sampler.draw(8, rng, texts, &err)) << err;
+            for (int i = 0; i < 8; i++) {
+                const std::string &anchor = texts[2 * i], &positive = texts[2 * i + 1];
+                if (positive.size() == (size_t)CHUNK_BYTES && positive.find(anchor) != 0) {
+                    size_t at = positive.find(anchor);
+                    ASSERT_NE(at, std::string::npos);
+                    EXPECT_LT(at, visible) << anchor;
+                    latest_span = std::max(latest_span, at);
+                } else if (positive.size() < (size_t)CHUNK_BYTES) {
+                    longest_crop = std::max({longest_crop, anchor.size(), positive.size()});
+                    EXPECT_LE(anchor.size(), visible);
+                }
+            }
+        }
+        if (visible == (size_t)CHUNK_BYTES) {
+            EXPECT_GT(latest_span, (size_t)VISIBLE_BYTES * 2);
+            EXPECT_GT(longest_crop, (size_t)VISIBLE_BYTES * 2);
+        }
     }
 }
 
