@@ -324,12 +324,23 @@ enum { TRN_SEARCH_SEMANTIC = 0, TRN_SEARCH_TEXT = 1, TRN_SEARCH_REGEX = 2 };
 
 /* Searches the index. mode: TRN_SEARCH_SEMANTIC (nearest chunks by embedding, narrowed to the
 ** ten files whose centroids are closest when two or more files are indexed), TRN_SEARCH_TEXT
-** (ASCII case-insensitive substring) or TRN_SEARCH_REGEX (POSIX extended, case-insensitive).
+** (ASCII case-insensitive substring) or TRN_SEARCH_REGEX (POSIX extended syntax,
+** case-insensitive, leftmost-longest, in time linear in each chunk; see trn_check_regex).
 ** Writes at most min(k, 64) records to results (and at most ef_search in semantic mode) and
 ** returns how many; 0 for an unknown mode, k < 1, an empty index or an invalid expression.
 ** Text and regex hits come in chunk order with scores 1, 1 - 1/k, ... */
 TRN_API int32_t trn_search(TrnEngine *e, const char *query, int32_t mode, int32_t k,
                            TrnResult *results);
+
+/* Says whether pattern compiles for TRN_SEARCH_REGEX, without an engine. Returns 1 when it does
+** (message is then the empty string); 0 when it does not, or when pattern is NULL, with a
+** one-line reason without trailing newline in message, cut to size bytes including the NUL
+** (nothing is written when message is NULL or size is 0). Patterns use POSIX extended syntax
+** matched case-insensitively, '.' also matching a line feed, '^' and '$' only at the ends of a
+** chunk, with \w, \s, \d and \b accepted. Refused: back-references (\1 to \9), which cannot
+** run in time linear in the text, groups nested more than 100 deep, repetition counts above
+** 1000 and patterns whose compiled form would exceed a few megabytes. */
+TRN_API int32_t trn_check_regex(const char *pattern, char *message, size_t size);
 
 #ifdef __cplusplus
 }
