@@ -81,6 +81,9 @@ void sgemm(bool trans_a, bool trans_b, int m, int n, int k, float alpha, const f
 */
 /* n floats, or "tarnwick: OOM (%zu bytes)" and exit(1). */
 float *encoder_alloc_floats(size_t n);
+/* Draws every tensor afresh from seed, as trn_encoder_init does, keeping the tokenizer and the
+** vocabulary size. */
+void encoder_redraw(TrnEncoder *enc, uint32_t seed);
 
 /* ---------------------------------------------------------------------------------------------
 ** The engine handle
