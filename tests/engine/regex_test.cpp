@@ -100,10 +100,26 @@ TEST(RegexSearch, OrdinaryPatternsFindWhatPosixExtendedFinds)
         eng.add(t);
     }
     const char *patterns[] = {
-        "colou?r",   "needle",       "^line",         "three$",       "[0-9]{4}-[0-9]{2}",
-        "(foo|bar)baz", "0x[[:xdigit:]]+", "\\$[0-9]+\\.[0-9]+", "b[aeiou]{2,}t", "a.b",
-        "[^a-z ]+",  "one.line",     "[]a]b",         "[[:space:]]there", "x*",
-        "(a|b)+c?",  "\\(tax",       "^$",            "e{2}",         "[[:upper:]]{3}BAZ",
+        "colou?r",
+        "needle",
+        "^line",
+        "three$",
+        "[0-9]{4}-[0-9]{2}",
+        "(foo|bar)baz",
+        "0x[[:xdigit:]]+",
+        "\\$[0-9]+\\.[0-9]+",
+        "b[aeiou]{2,}t",
+        "a.b",
+        "[^a-z ]+",
+        "one.line",
+        "[]a]b",
+        "[[:space:]]there",
+        "x*",
+        "(a|b)+c?",
+        "\\(tax",
+        "^$",
+        "e{2}",
+        "[[:upper:]]{3}BAZ",
     };
     for (const char *pattern : patterns) {
         EXPECT_EQ(eng.hits(pattern), posix_hits(texts, pattern)) << pattern;
@@ -129,7 +145,11 @@ TEST(RegexSearch, HostilePatternsAreRefusedOrRunInLinearTime)
         {"20,000 nested groups", deep, false, "nested too deeply", 0},
         {"101 nested groups", nested101, false, "nested too deeply", 0},
         {"100 nested groups", nested100, true, "", 64},
-        {"parentheses in a bracket are no groups", "[" + std::string(200, '(') + "]|a", true, "", 64},
+        {"parentheses in a bracket are no groups",
+         "[" + std::string(200, '(') + "]|a",
+         true,
+         "",
+         64},
         {"(a*)*b", "(a*)*b", true, "", 0},
         {"((a|aa)+)+c", "((a|aa)+)+c", true, "", 0},
         {"(a|a?)+$b", "(a|a?)+$b", true, "", 0},
