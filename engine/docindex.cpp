@@ -17,7 +17,6 @@
 #include <cmath>
 #include <cstring>
 
-#include <dirent.h>
 #include <sys/stat.h>
 
 namespace
@@ -58,50 +57,33 @@ uint32_t live_chunks_of(const TrnEngine *e, const char *path)
     return n;
 }
 
-void list_dir_recurse(const char *dir, const TrnEngine *e, TrnFileList *list, int32_t *capacity)
+/* The state of trn_list_dir_files's walk. */
+struct DirListing {
+    const TrnEngine *e;
+    TrnFileList *list;
+    int32_t capacity; /* entries allocated, >= list->count */
+};
+
+bool list_walked_file(const char *path, const struct stat *st, void *arg)
 {
-    DIR *d = opendir(dir);
-    if (!d) {
-        return;
+    DirListing *state = static_cast<DirListing *>(arg);
+    TrnFileList *list = state->list;
+    if (list->count == state->capacity) {
+        int32_t grown = state->capacity == 0 ? FIRST_LIST_CAPACITY : state->capacity * 2;
+        list->entries = static_cast<TrnFileInfo *>(
+            xrealloc(list->entries, xmul((size_t)grown, sizeof(TrnFileInfo))));
+        state->capacity = grown;
     }
-    struct dirent *entry;
-    while ((entry = readdir(d)) != nullptr) {
-        if (entry->d_name[0] == '.') {
-            continue;
-        }
-        char path[TRN_WALK_MAX];
-        int len = snprintf(path, sizeof path, "%s/%s", dir, entry->d_name);
-        if (len < 0 || (size_t)len >= sizeof path) {
-            continue; /* a cut path would name another file */
-        }
-        struct stat st;
-        if (stat(path, &st) != 0) {
-            continue;
-        }
-        if (S_ISDIR(st.st_mode)) {
-            list_dir_recurse(path, e, list, capacity);
-            continue;
-        }
-        if (!S_ISREG(st.st_mode)) {
-            continue;
-        }
-        if (list->count == *capacity) {
-            int32_t grown = *capacity == 0 ? FIRST_LIST_CAPACITY : *capacity * 2;
-            list->entries = static_cast<TrnFileInfo *>(
-                xrealloc(list->entries, xmul((size_t)grown, sizeof(TrnFileInfo))));
-            *capacity = grown;
-        }
-        TrnFileInfo *info = &list->entries[list->count];
-        info->path = xstrdup(path);
-        char *slash = strrchr(info->path, '/');
-        info->name = slash ? slash + 1 : info->path;
-        info->type = trn_detect_file_type(info->path);
-        info->size = (int64_t)st.st_size;
-        info->chunk_count = e ? live_chunks_of(e, info->path) : 0;
-        info->indexed = info->chunk_count >= 1 ? 1 : 0;
-        list->count++;
-    }
-    closedir(d);
+    TrnFileInfo *info = &list->entries[list->count];
+    info->path = xstrdup(path);
+    char *slash = strrchr(info->path, '/');
+    info->name = slash ? slash + 1 : info->path;
+    info->type = trn_detect_file_type(info->path);
+    info->size = (int64_t)st->st_size;
+    info->chunk_count = state->e ? live_chunks_of(state->e, info->path) : 0;
+    info->indexed = info->chunk_count >= 1 ? 1 : 0;
+    list->count++;
+    return true;
 }
 
 } // namespace
@@ -286,9 +268,9 @@ TrnStats trn_stats(const TrnEngine *e)
 TrnFileList *trn_list_dir_files(TrnEngine *e, const char *dir)
 {
     TrnFileList *list = static_cast<TrnFileList *>(xcalloc(1, sizeof(TrnFileList)));
-    int32_t capacity = 0;
     if (dir) {
-        list_dir_recurse(dir, e, list, &capacity);
+        DirListing state = {e, list, 0};
+        walk_tree(dir, list_walked_file, nullptr, &state);
     }
     return list;
 }

@@ -309,6 +309,18 @@ float *encoder_alloc_floats(size_t n)
     return static_cast<float *>(encoder_alloc(n * sizeof(float)));
 }
 
+void encoder_redraw(TrnEncoder *enc, uint32_t seed)
+{
+    free(enc->tok_emb);
+    free(enc->pos_emb);
+    free(enc->ln_f_gamma);
+    free(enc->ln_f_beta);
+    for (TrnEncoderLayer &layer : enc->layers) {
+        free_layer(&layer);
+    }
+    init_common(enc, seed);
+}
+
 extern "C" {
 
 void trn_encoder_init(TrnEncoder *enc, uint32_t seed)

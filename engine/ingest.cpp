@@ -15,6 +15,9 @@
 ** random graph level, linked into the graph and then appended to the write-ahead log (wal.cpp),
 ** so a chunk is in memory before its log record exists.
 **
+** Files larger than TRN_FILE_SIZE_MAX are skipped on their size, before a byte is read: the walk
+** checks the size it has from stat, and read_text_file checks the open file again.
+**
 ** The PDF converter runs as a child process with an argument vector, never through a shell, with
 ** its standard error sent to /dev/null; it writes into a temporary file from mkstemp that is
 ** removed on every path. A file name is therefore only ever an argument, whatever it contains.
@@ -25,7 +28,6 @@
 #include <cmath>
 #include <cstring>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <spawn.h>
 #include <strings.h>
@@ -112,6 +114,46 @@ char *pdf_text(const char *path)
 bool prefix_casecmp(const char *p, const char *word, size_t n)
 {
     return strncasecmp(p, word, n) == 0;
+}
+
+constexpr int32_t WALK_DEPTH_MAX = TRN_WALK_MAX / 2; /* "/x" per level */
+
+/* The running state of trn_ingest_dir's walk. The progress callback has always been given the
+** chunks added so far below the directory of the file, so a total is kept per open directory:
+** totals[0] is the root's, totals[depth] the innermost one's. */
+struct DirIngest {
+    TrnEngine *e;
+    int32_t chunk_size;
+    int32_t overlap;
+    TrnProgressFn cb;
+    void *user;
+    int32_t depth;
+    int32_t totals[WALK_DEPTH_MAX + 1];
+};
+
+void ingest_walked_dir(bool entering, void *arg)
+{
+    DirIngest *state = static_cast<DirIngest *>(arg);
+    if (entering) {
+        state->depth++;
+        state->totals[state->depth] = 0;
+    } else {
+        state->depth--;
+        state->totals[state->depth] += state->totals[state->depth + 1];
+    }
+}
+
+/* A file too large is skipped on its size alone, before its type is sniffed or a byte read. */
+bool ingest_walked_file(const char *path, const struct stat *st, void *arg)
+{
+    DirIngest *state = static_cast<DirIngest *>(arg);
+    if (st->st_size > TRN_FILE_SIZE_MAX || !trn_is_indexable(trn_detect_file_type(path))) {
+        return true;
+    }
+    int32_t n = trn_ingest_file(state->e, path, state->chunk_size, state->overlap);
+    int32_t *total = &state->totals[state->depth];
+    *total += n > 0 ? n : 0;
+    return !state->cb || state->cb(path, *total, *total, state->user);
 }
 
 } // namespace
@@ -243,20 +285,19 @@ char *read_text_file(const char *path, uint64_t *out_length)
     if (!f) {
         return nullptr;
     }
-    if (fseek(f, 0, SEEK_END) != 0) {
+    /* The size decides before anything is allocated: a sparse 2 GB file or a device never
+    ** reaches memory. The read asks for one byte more, so a file that grew since is refused too. */
+    struct stat st;
+    if (fstat(fileno(f), &st) != 0 || !S_ISREG(st.st_mode) || st.st_size < 0
+        || st.st_size > TRN_FILE_SIZE_MAX) {
         fclose(f);
         return nullptr;
     }
-    long end = ftell(f);
-    if (end < 0 || fseek(f, 0, SEEK_SET) != 0 || (unsigned long)end >= SIZE_MAX) {
-        fclose(f);
-        return nullptr;
-    }
-    size_t n = (size_t)end;
-    char *buf = static_cast<char *>(xmalloc(n + 1));
-    size_t got = fread(buf, 1, n, f);
+    size_t n = (size_t)st.st_size;
+    char *buf = static_cast<char *>(xmalloc(n + 2));
+    size_t got = fread(buf, 1, n + 1, f);
     fclose(f);
-    if (got < n) {
+    if (got != n) {
         free(buf);
         return nullptr;
     }
@@ -347,6 +388,29 @@ char *strip_html(const char *p, size_t n)
 
 extern "C" {
 
+int32_t trn_check_chunking(int32_t chunk_size, int32_t overlap, char *message, size_t size)
+{
+    char reason[128] = "";
+    if (chunk_size < TRN_CHUNK_SIZE_MIN || chunk_size > TRN_CHUNK_SIZE_MAX) {
+        snprintf(reason,
+                 sizeof reason,
+                 "chunk size must be from %d to %d (got %d)",
+                 (int)TRN_CHUNK_SIZE_MIN,
+                 (int)TRN_CHUNK_SIZE_MAX,
+                 (int)chunk_size);
+    } else if (overlap < 0 || overlap > chunk_size / 2) {
+        snprintf(reason,
+                 sizeof reason,
+                 "overlap must be from 0 to half the chunk size, %d (got %d)",
+                 (int)(chunk_size / 2),
+                 (int)overlap);
+    }
+    if (message && size > 0) {
+        snprintf(message, size, "%s", reason);
+    }
+    return reason[0] == '\0' ? 1 : 0;
+}
+
 int32_t trn_ingest_text(TrnEngine *e, const char *path, const char *text, int32_t chunk_size,
                         int32_t overlap)
 {
@@ -369,6 +433,10 @@ int32_t trn_ingest_file(TrnEngine *e, const char *path, int32_t chunk_size, int3
     TrnFileType type = trn_detect_file_type(path);
     if (!trn_is_indexable(type)) {
         return 0;
+    }
+    struct stat st;
+    if (stat(path, &st) != 0 || st.st_size > TRN_FILE_SIZE_MAX) {
+        return -1; /* a PDF is checked here, before the converter runs */
     }
     char *text = nullptr;
     uint64_t length = 0;
@@ -402,38 +470,11 @@ int32_t trn_ingest_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
     if (!e || !dir) {
         return -1;
     }
-    DIR *d = opendir(dir);
-    if (!d) {
-        return -1;
-    }
-    int32_t total = 0;
-    struct dirent *entry;
-    while ((entry = readdir(d)) != nullptr) {
-        /* Hidden entries, "." and "..", and the index directory ".tarnwick" itself. */
-        if (entry->d_name[0] == '.') {
-            continue;
-        }
-        char sub[TRN_WALK_MAX];
-        int len = snprintf(sub, sizeof sub, "%s/%s", dir, entry->d_name);
-        if (len < 0 || (size_t)len >= sizeof sub) {
-            continue; /* a cut path would name another file */
-        }
-        struct stat st;
-        if (stat(sub, &st) != 0) {
-            continue;
-        }
-        if (S_ISDIR(st.st_mode)) {
-            int32_t n = trn_ingest_dir(e, sub, chunk_size, overlap, cb, user);
-            total += n > 0 ? n : 0;
-        } else if (S_ISREG(st.st_mode) && trn_is_indexable(trn_detect_file_type(sub))) {
-            int32_t n = trn_ingest_file(e, sub, chunk_size, overlap);
-            total += n > 0 ? n : 0;
-            if (cb && !cb(sub, total, total, user)) {
-                break;
-            }
-        }
-    }
-    closedir(d);
+    DirIngest *state = static_cast<DirIngest *>(xcalloc(1, sizeof(DirIngest)));
+    *state = DirIngest{e, chunk_size, overlap, cb, user, 0, {}};
+    int32_t rc = walk_tree(dir, ingest_walked_file, ingest_walked_dir, state);
+    int32_t total = rc == 0 ? state->totals[0] : -1;
+    free(state);
     return total;
 }
 

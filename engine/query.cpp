@@ -7,12 +7,21 @@
 **             are picked first, the graph is asked for min(4k, 64) hits and only hits from those
 **             files are kept. At most ef_search hits come back, whatever k is.
 **   text      ASCII case-insensitive substring, chunks in index order.
-**   regex     POSIX extended, case-insensitive, chunks in index order.
+**   regex     POSIX extended syntax, case-insensitive, leftmost-longest, chunks in index order.
 ** Text and regex hits score 1, 1 - 1/k, 1 - 2/k, ...: the score only encodes the order.
 **
 ** Result i always uses the handle's snippet buffer i; a snippet holds at most 300 bytes of the
 ** chunk text. For text and regex hits it begins at a word boundary at most 75 bytes before the
 ** match, or at the chunk's start when the match lies within its first 76 bytes.
+**
+** Regular expressions run on RE2 (Debian's libre2), whose automata take time linear in the text
+** whatever the pattern: a pattern like (a*)*b that makes a backtracking matcher run for minutes
+** over one chunk costs microseconds here. It is set up to read patterns as POSIX extended ones
+** do, with '.' matching a line feed and '^' and '$' only at the ends of a chunk, plus \w, \s, \d
+** and \b. Back-references need backtracking and are refused, as is nesting deeper than
+** REGEX_NESTING_MAX; compile_regex is the only place a pattern is compiled, so trn_search and
+** trn_check_regex always agree. RE2 allocates with the default allocator: an allocation failure
+** inside it ends the process like oom_abort does, only without our message.
 **
 ** The text scan is a case-insensitive search of our own, equal in results to strcasestr under
 ** ASCII case folding (the C and UTF-8 locales) and several times faster: it filters candidate
@@ -20,11 +29,13 @@
 */
 #include "internal.h"
 
+#include <cstdarg>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <type_traits>
 
-#include <regex.h>
+#include <re2/re2.h>
 
 #if defined(__AVX2__) || defined(__SSE2__)
 #include <immintrin.h>
@@ -39,6 +50,8 @@ namespace
 constexpr int32_t NARROW_FILES = 10;  /* files a semantic search is narrowed to */
 constexpr int32_t SNIPPET_REACH = 75; /* bytes before a match a snippet may start */
 constexpr int32_t QUERY_DIM_MAX = 512;
+/* Deeper nesting than any pattern a person writes; 20,000 levels must fail in microseconds. */
+constexpr int32_t REGEX_NESTING_MAX = 100;
 
 struct FreeDeleter {
     void operator()(void *p) const { free(p); }
@@ -284,10 +297,115 @@ int32_t search_text(TrnEngine *e, const char *query, int32_t kk, TrnResult *resu
     return found;
 }
 
+/* The RE2 object lives in engine memory; the deleter runs its destructor and frees it. */
+struct RegexDeleter {
+    void operator()(RE2 *re) const
+    {
+        re->~RE2();
+        free(re);
+    }
+};
+using RegexPtr = std::unique_ptr<RE2, RegexDeleter>;
+
+void set_message(char *message, size_t size, const char *format, ...)
+{
+    if (!message || size == 0) {
+        return;
+    }
+    va_list args;
+    va_start(args, format);
+    vsnprintf(message, size, format, args);
+    va_end(args);
+}
+
+/* Finds what RE2 would accept but should not run: a back-reference (\1 to \9 outside a bracket
+** expression) or groups nested deeper than REGEX_NESTING_MAX. Returns false with a reason. */
+bool regex_prescan(const char *pattern, char *message, size_t size)
+{
+    int32_t depth = 0;
+    bool in_bracket = false;
+    for (size_t i = 0; pattern[i] != '\0'; i++) {
+        char c = pattern[i];
+        if (in_bracket) {
+            /* "[:alpha:]" and the like hold a ']' that does not close the expression. */
+            if (c == '['
+                && (pattern[i + 1] == ':' || pattern[i + 1] == '.' || pattern[i + 1] == '=')) {
+                const char *close = strchr(pattern + i + 2, pattern[i + 1]);
+                if (close && close[1] == ']') {
+                    i = (size_t)(close + 1 - pattern);
+                }
+            } else if (c == ']') {
+                in_bracket = false;
+            }
+            continue;
+        }
+        if (c == '\\') {
+            char next = pattern[i + 1];
+            if (next >= '1' && next <= '9') {
+                set_message(message, size, "back-references such as \\%c are not supported", next);
+                return false;
+            }
+            if (next != '\0') {
+                i++;
+            }
+        } else if (c == '[') {
+            in_bracket = true;
+            /* A ']' right after "[" or "[^" is a member, not the end. */
+            if (pattern[i + 1] == '^') {
+                i++;
+            }
+            if (pattern[i + 1] == ']') {
+                i++;
+            }
+        } else if (c == '(') {
+            depth++;
+            if (depth > REGEX_NESTING_MAX) {
+                set_message(message,
+                            size,
+                            "regular expression nested too deeply (more than %d groups)",
+                            (int)REGEX_NESTING_MAX);
+                return false;
+            }
+        } else if (c == ')' && depth > 0) {
+            depth--;
+        }
+    }
+    return true;
+}
+
+/* Compiles pattern for TRN_SEARCH_REGEX. Returns the expression, or NULL with a one-line reason
+** in message (when message is not NULL and size > 0). */
+RegexPtr compile_regex(const char *pattern, char *message, size_t size)
+{
+    if (!pattern) {
+        set_message(message, size, "no regular expression given");
+        return nullptr;
+    }
+    if (!regex_prescan(pattern, message, size)) {
+        return nullptr;
+    }
+    RE2::Options options;
+    options.set_posix_syntax(true);
+    options.set_longest_match(true);
+    options.set_case_sensitive(false);
+    options.set_dot_nl(true);
+    options.set_one_line(true);
+    options.set_perl_classes(true);
+    options.set_word_boundary(true);
+    options.set_log_errors(false);
+    void *memory = xmalloc(sizeof(RE2));
+    RegexPtr re(new (memory) RE2(pattern, options));
+    if (!re->ok()) {
+        set_message(message, size, "invalid regular expression: %s", re->error().c_str());
+        return nullptr;
+    }
+    return re;
+}
+
 int32_t search_regex(TrnEngine *e, const char *query, int32_t kk, TrnResult *results)
 {
-    regex_t re;
-    if (regcomp(&re, query, REG_EXTENDED | REG_ICASE) != 0) {
+    RegexPtr re = compile_regex(query, nullptr, 0);
+    if (!re) {
         return 0;
     }
     int32_t found = 0;
@@ -296,16 +414,16 @@ int32_t search_regex(TrnEngine *e, const char *query, int32_t kk, TrnResult *res
         if (c->deleted || !c->text) {
             continue;
         }
-        regmatch_t m;
-        if (regexec(&re, c->text, 1, &m, 0) != 0) {
+        size_t len = strlen(c->text);
+        re2::StringPiece match;
+        if (!re->Match(re2::StringPiece(c->text, len), 0, len, RE2::UNANCHORED, &match, 1)) {
             continue;
         }
-        int64_t p = m.rm_so < 0 ? 0 : (int64_t)m.rm_so;
+        int64_t p = match.data() ? (int64_t)(match.data() - c->text) : 0;
         float score = 1.0f - (float)found / (float)kk;
         fill_result(e, &results[found], found, i, score, snippet_start(c->text, p));
         found++;
     }
-    regfree(&re);
     return found;
 }
 
@@ -329,6 +447,14 @@ int32_t trn_search(TrnEngine *e, const char *query, int32_t mode, int32_t k, Trn
     default:
         return 0;
     }
+}
+
+int32_t trn_check_regex(const char *pattern, char *message, size_t size)
+{
+    if (message && size > 0) {
+        message[0] = '\0';
+    }
+    return compile_regex(pattern, message, size) ? 1 : 0;
 }
 
 } // extern "C"

@@ -458,7 +458,7 @@ TrnEngine *trn_open(const TrnConfig *cfg)
         store_load(e, e->store_path);
         /* wal is still NULL while replaying, so replayed chunks are not logged a second time. */
         wal_replay(e, e->wal_path);
-        e->wal = fopen(e->wal_path, "ab");
+        e->wal = private_fopen(e->wal_path, "ab");
     }
 
     fprintf(stderr, "tarnwick: opened (%zu docs, dim=%d)\n", (size_t)e->count, e->dim);
@@ -481,7 +481,7 @@ int32_t trn_checkpoint(TrnEngine *e)
     }
     char tmp[TRN_PATH_MAX + 8];
     snprintf(tmp, sizeof tmp, "%s.tmp", e->store_path);
-    FILE *f = fopen(tmp, "wb");
+    FILE *f = private_fopen(tmp, "wb");
     if (!f) {
         return 0;
     }
@@ -503,11 +503,11 @@ int32_t trn_checkpoint(TrnEngine *e)
         fclose(e->wal);
         e->wal = nullptr;
     }
-    FILE *empty = fopen(e->wal_path, "wb");
+    FILE *empty = private_fopen(e->wal_path, "wb");
     if (empty) {
         fclose(empty);
     }
-    e->wal = fopen(e->wal_path, "ab");
+    e->wal = private_fopen(e->wal_path, "ab");
     return 1;
 }
 

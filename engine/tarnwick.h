@@ -14,6 +14,9 @@
 ** embed text (ingestion, semantic search, trn_encoder_embed_text) on different handles must be
 ** serialised too. One process-wide lock around every call is sufficient.
 **
+** Privacy: the callers create the index directory with mode 0700 (the engine creates no
+** directory), and every file the engine writes in it is created, or narrowed, to mode 0600.
+**
 ** Memory: an allocation failure inside the engine prints one line to standard error
 ** ("tarnwick: OOM", or a sized variant in the encoder and tokenizer) and ends the process with
 ** exit status 1. No function returns an allocation error.
@@ -189,7 +192,10 @@ TRN_API int trn_encoder_load_weights(TrnEncoder *enc, const char *path);
 /* Reads a weights file into an initialised encoder. Returns 1 on success, 0 on failure, with a
 ** "tarnwick: ..." line for a file that cannot be opened, a bad magic, an unsupported version or
 ** a version 3 vocabulary mismatch, and silently for a wrong shape or a short file. A failed load
-** leaves the encoder as far as it got. meta may be NULL; a version 1 file zeroes it. */
+** leaves the encoder as far as it got. A complete file whose tensors hold a NaN, an infinity or
+** a value beyond 1e4 in magnitude is refused with a "tarnwick: ..." line too, and then leaves
+** the encoder with the random tensors of trn_encoder_init with seed 42 (its tokenizer stays), so
+** no encoder ever yields non-finite vectors. meta may be NULL; a version 1 file zeroes it. */
 TRN_API int trn_encoder_load_weights_meta(TrnEncoder *enc, const char *path, TrnWeightsMeta *meta);
 
 /* Same as trn_encoder_save_weights_meta with meta NULL. */
@@ -273,6 +279,21 @@ TRN_API int32_t trn_checkpoint(TrnEngine *e);
 /* Returns the static version string "1.23.0". */
 TRN_API const char *trn_version(void);
 
+/* The largest file ingestion reads, 20 MiB: a larger one is skipped on its size alone, before
+** any byte of it is read (no text file a person keeps is this large; a log or a data dump is). */
+enum { TRN_FILE_SIZE_MAX = 20 * 1024 * 1024 };
+
+/* The chunking that the engine's callers accept from a user: chunk sizes from TRN_CHUNK_SIZE_MIN
+** to TRN_CHUNK_SIZE_MAX bytes, overlaps from 0 to half the chunk size, so that every window
+** moves on by at least half a chunk. The ingestion functions themselves take any pair. */
+enum { TRN_CHUNK_SIZE_MIN = 64, TRN_CHUNK_SIZE_MAX = 65536 };
+
+/* Says whether chunk_size and overlap are within the limits above. Returns 1 when they are
+** (message is then the empty string), else 0 with a one-line reason without trailing newline in
+** message, cut to size bytes including the NUL (nothing is written when message is NULL or size
+** is 0). */
+TRN_API int32_t trn_check_chunking(int32_t chunk_size, int32_t overlap, char *message, size_t size);
+
 /* Cuts text into windows of min(strlen(text), chunk_size) bytes that start every
 ** (window - overlap) bytes (at least 1), embeds each, links it into the graph and appends it to
 ** the log. The file type comes from trn_detect_file_type(path). Returns the number of chunks
@@ -282,13 +303,17 @@ TRN_API int32_t trn_ingest_text(TrnEngine *e, const char *path, const char *text
 
 /* Reads the file at path (HTML stripped of tags, scripts and styles; PDF through pdftotext) and
 ** ingests it as trn_ingest_text does. Returns the chunks added, 0 when the file is not indexable,
-** -1 when its text cannot be obtained. */
+** -1 when its text cannot be obtained or the file is larger than TRN_FILE_SIZE_MAX. */
 TRN_API int32_t trn_ingest_file(TrnEngine *e, const char *path, int32_t chunk_size,
                                 int32_t overlap);
 
-/* Walks dir recursively (names beginning with "." are skipped; links are followed) and ingests
-** every indexable regular file. cb may be NULL. Returns the chunks added in the whole tree, or -1
-** when dir cannot be opened. */
+/* Walks dir recursively and ingests every indexable regular file of at most TRN_FILE_SIZE_MAX
+** bytes. Names beginning with "." are skipped; a symbolic link to a file is followed only when
+** its resolved target lies inside dir, a link to a directory is never entered (the directory is
+** reached under its own name), and every directory is entered once (by device and inode), so
+** link loops end and nothing outside dir is read. cb may be NULL; when it returns false the walk
+** leaves the directory of that file and goes on with the rest. Returns the chunks added in the
+** whole tree, or -1 when dir cannot be opened. */
 TRN_API int32_t trn_ingest_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_t overlap,
                                TrnProgressFn cb, void *user);
 
@@ -311,8 +336,9 @@ TRN_API int32_t trn_compact(TrnEngine *e);
 /* Returns the engine's counts. */
 TRN_API TrnStats trn_stats(const TrnEngine *e);
 
-/* Lists every regular file under dir (recursively, names beginning with "." skipped) with its
-** type, size and, when e is not NULL, its live chunk count. Never returns NULL (a directory that
+/* Lists every regular file under dir (recursively, by the walk of trn_ingest_dir, whatever its
+** size) with its type, size and, when e is not NULL, its live chunk count. Never returns NULL (a
+*directory that
 ** cannot be opened gives an empty list); free with trn_free_file_list. */
 TRN_API TrnFileList *trn_list_dir_files(TrnEngine *e, const char *dir);
 
@@ -324,12 +350,23 @@ enum { TRN_SEARCH_SEMANTIC = 0, TRN_SEARCH_TEXT = 1, TRN_SEARCH_REGEX = 2 };
 
 /* Searches the index. mode: TRN_SEARCH_SEMANTIC (nearest chunks by embedding, narrowed to the
 ** ten files whose centroids are closest when two or more files are indexed), TRN_SEARCH_TEXT
-** (ASCII case-insensitive substring) or TRN_SEARCH_REGEX (POSIX extended, case-insensitive).
+** (ASCII case-insensitive substring) or TRN_SEARCH_REGEX (POSIX extended syntax,
+** case-insensitive, leftmost-longest, in time linear in each chunk; see trn_check_regex).
 ** Writes at most min(k, 64) records to results (and at most ef_search in semantic mode) and
 ** returns how many; 0 for an unknown mode, k < 1, an empty index or an invalid expression.
 ** Text and regex hits come in chunk order with scores 1, 1 - 1/k, ... */
 TRN_API int32_t trn_search(TrnEngine *e, const char *query, int32_t mode, int32_t k,
                            TrnResult *results);
+
+/* Says whether pattern compiles for TRN_SEARCH_REGEX, without an engine. Returns 1 when it does
+** (message is then the empty string); 0 when it does not, or when pattern is NULL, with a
+** one-line reason without trailing newline in message, cut to size bytes including the NUL
+** (nothing is written when message is NULL or size is 0). Patterns use POSIX extended syntax
+** matched case-insensitively, '.' also matching a line feed, '^' and '$' only at the ends of a
+** chunk, with \w, \s, \d and \b accepted. Refused: back-references (\1 to \9), which cannot
+** run in time linear in the text, groups nested more than 100 deep, repetition counts above
+** 1000 and patterns whose compiled form would exceed a few megabytes. */
+TRN_API int32_t trn_check_regex(const char *pattern, char *message, size_t size);
 
 #ifdef __cplusplus
 }

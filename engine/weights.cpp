@@ -35,10 +35,18 @@
 ** Loading reads straight into the encoder's arrays and does not roll back: a file that ends
 ** inside the tensors leaves the tensors before that point overwritten. The engine never
 ** interprets the metadata; it belongs to the trainer.
+**
+** A file whose tensors hold a NaN, an infinity or a value beyond WEIGHT_ABS_MAX is refused after
+** reading, and the encoder's tensors are drawn afresh from seed 42 (those of a new engine), so a
+** damaged file can never make the engine store NaN vectors. With every value within the bound
+** the forward pass stays finite: each layer starts with a layer norm, which brings its input
+** back to at most sqrt(512) per component, and the largest product that follows is some 1e25.
+** Trained weights stay far below the bound.
 */
 #include "internal.h"
 
 #include <bit>
+#include <cmath>
 #include <cstring>
 #include <sys/stat.h>
 
@@ -51,6 +59,8 @@ constexpr uint32_t SHAPE[5] = {
     TRN_ENCODER_MAX_SEQ, TRN_ENCODER_DIM, TRN_ENCODER_HEADS, TRN_ENCODER_FF, TRN_ENCODER_LAYERS};
 constexpr size_t DIM = TRN_ENCODER_DIM;
 constexpr size_t FF = TRN_ENCODER_FF;
+constexpr float WEIGHT_ABS_MAX = 1e4f;
+constexpr uint32_t REFUSED_SEED = 42; /* the seed trn_open draws its encoder from */
 
 /* One tensor of a layer, in file order. */
 struct LayerArray {
@@ -121,6 +131,36 @@ int64_t bytes_left(FILE *f)
         return -1;
     }
     return st.st_size > pos ? (int64_t)st.st_size - pos : 0;
+}
+
+/* 1 when every value of n lies within +-WEIGHT_ABS_MAX; NaN fails the comparison. */
+int floats_in_range(const float *p, size_t n)
+{
+    for (size_t i = 0; i < n; i++) {
+        if (!(fabsf(p[i]) <= WEIGHT_ABS_MAX)) {
+            return 0;
+        }
+    }
+    return 1;
+}
+
+int encoder_in_range(const TrnEncoder *enc)
+{
+    if (!floats_in_range(enc->tok_emb, (size_t)enc->vocab_size * DIM)
+        || !floats_in_range(enc->pos_emb, (size_t)TRN_ENCODER_MAX_SEQ * DIM)
+        || !floats_in_range(enc->ln_f_gamma, DIM) || !floats_in_range(enc->ln_f_beta, DIM)) {
+        return 0;
+    }
+    for (const TrnEncoderLayer &layer : enc->layers) {
+        LayerArray arrays[12];
+        layer_arrays(&layer, arrays);
+        for (const LayerArray &a : arrays) {
+            if (!floats_in_range(a.data, a.count)) {
+                return 0;
+            }
+        }
+    }
+    return 1;
 }
 
 void write_u32(FILE *f, uint32_t v)
@@ -237,6 +277,14 @@ int trn_encoder_load_weights_meta(TrnEncoder *enc, const char *path, TrnWeightsM
              && read_floats(f, enc->ln_f_gamma, DIM) && read_floats(f, enc->ln_f_beta, DIM)
              && load_layer(f, &enc->layers[0]) && load_layer(f, &enc->layers[1]);
     fclose(f);
+    if (ok && !encoder_in_range(enc)) {
+        fprintf(stderr,
+                "tarnwick: weights in %s hold values that are not finite or beyond %g; refused\n",
+                path,
+                (double)WEIGHT_ABS_MAX);
+        encoder_redraw(enc, REFUSED_SEED);
+        return 0;
+    }
     return ok ? 1 : 0;
 }
 

@@ -394,4 +394,33 @@ TEST_F(Ingest, CallbackReturningFalseStopsOnlyTheCurrentDirectory)
     EXPECT_EQ(e_->count, 2u);
 }
 
+// The limits the CLI and the application put on a user's chunking: an overlap of 799 with chunks
+// of 800 steps one byte at a time and never finishes on a large file.
+TEST(CheckChunking, RefusesChunkSizesOutOfRangeAndOverlapsAboveHalfAChunk)
+{
+    struct Case {
+        int32_t chunk_size, overlap;
+        const char *reason; // nullptr: accepted
+    } cases[] = {
+        {800, 200, nullptr},
+        {64, 32, nullptr},
+        {65536, 0, nullptr},
+        {800, 400, nullptr},
+        {800, 401, "overlap must be from 0 to half the chunk size, 400 (got 401)"},
+        {800, 799, "overlap must be from 0 to half the chunk size, 400 (got 799)"},
+        {800, -1, "overlap must be from 0 to half the chunk size, 400 (got -1)"},
+        {63, 0, "chunk size must be from 64 to 65536 (got 63)"},
+        {65537, 0, "chunk size must be from 64 to 65536 (got 65537)"},
+        {0, 0, "chunk size must be from 64 to 65536 (got 0)"},
+    };
+    for (const Case &c : cases) {
+        char message[100] = "untouched";
+        EXPECT_EQ(trn_check_chunking(c.chunk_size, c.overlap, message, sizeof message),
+                  c.reason ? 0 : 1)
+            << c.chunk_size << "/" << c.overlap;
+        EXPECT_STREQ(message, c.reason ? c.reason : "");
+    }
+    EXPECT_EQ(trn_check_chunking(800, 799, nullptr, 0), 0);
+}
+
 } // namespace

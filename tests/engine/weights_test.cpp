@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -364,6 +365,68 @@ TEST_F(WeightsFile, ACutInsideTheTensorsFailsButKeepsWhatWasRead)
     ASSERT_NE(other.bpe, nullptr);
     EXPECT_EQ(other.vocab_size, 266u);
     EXPECT_EQ(memcmp(other.tok_emb, enc.tok_emb, 266 * D * 4), 0);
+}
+
+// One damaged float is enough for NaN vectors; such a file is refused, and the encoder is left
+// with the random tensors a new engine starts from, never with the damaged ones.
+TEST_F(WeightsFile, NonFiniteOrHugeValuesAreRefusedAndLeaveAFiniteEncoder)
+{
+    const long tensors = 32;
+    struct Case {
+        const char *name;
+        uint32_t merges; // 0: a version 1 file
+        long offset;     // from the start of the file; negative counts from its end
+        float value;
+        bool accepted;
+    } cases[] = {
+        {"NaN in the first token embedding", 0, tensors, std::nanf(""), false},
+        {"1e30 in layer 0 w1",
+         0,
+         tensors + (long)(516 * D + 2 * D + 4 * D * D + 77) * 4,
+         1e30f,
+         false},
+        {"-inf as the last float", 0, -4, -INFINITY, false},
+        {"just beyond the bound", 0, tensors + 260 * D * 4 + 8, 10001.0f, false},
+        {"NaN in a version 3 file", 6, -4, std::nanf(""), false},
+        {"large but within the bound", 0, -4, 9999.0f, true},
+    };
+    for (const Case &c : cases) {
+        trn_encoder_free(&enc);
+        if (c.merges > 0) {
+            trn_encoder_init_bpe(&enc, 42, makeBpe(c.merges));
+        } else {
+            trn_encoder_init(&enc, 42);
+        }
+        ASSERT_EQ(trn_encoder_save_weights(&enc, path.c_str()), 1);
+        uint32_t bits;
+        memcpy(&bits, &c.value, 4);
+        patchU32(path, c.offset < 0 ? fileSize(path) + c.offset : c.offset, bits);
+        trn_encoder_free(&other);
+        trn_encoder_init(&other, 7);
+
+        ASSERT_EQ(loadQuietly(), c.accepted ? 1 : 0) << c.name;
+        std::vector<float> v(D);
+        trn_encoder_embed_text(&other, "every component must be a finite number", v.data());
+        for (float x : v) {
+            ASSERT_TRUE(std::isfinite(x)) << c.name;
+        }
+        if (c.accepted) {
+            continue;
+        }
+        EXPECT_EQ(err,
+                  "tarnwick: weights in " + path
+                      + " hold values that are not finite or beyond 10000; refused\n")
+            << c.name;
+        TrnEncoder fresh;
+        if (c.merges > 0) {
+            trn_encoder_init_bpe(&fresh, 42, makeBpe(c.merges));
+        } else {
+            trn_encoder_init(&fresh, 42);
+        }
+        EXPECT_TRUE(sameWeights(&fresh, &other)) << c.name;
+        EXPECT_EQ(other.bpe != nullptr, c.merges > 0) << c.name;
+        trn_encoder_free(&fresh);
+    }
 }
 
 TEST_F(WeightsFile, SaveFailsForAnUncreatableFileAndAFullDisk)
