@@ -237,6 +237,7 @@ int32_t trn_compact(TrnEngine *e)
     e->count = live;
     e->capacity = live;
     e->deleted_count = 0;
+    lex_free(e); /* slots were renumbered; the next search reads them afresh */
     hnsw_rebuild(e);
     trn_build_doc_index(e);
     return trn_checkpoint(e);

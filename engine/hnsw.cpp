@@ -547,7 +547,13 @@ void hnsw_rebuild(TrnEngine *e)
 int32_t hnsw_query(TrnEngine *e, const float *q, int32_t k, uint32_t *out_indices,
                    float *out_scores)
 {
-    if (e->entry_point == -1 || k < 1 || e->count == 0) {
+    return hnsw_query_width(e, q, k, e->ef_search, out_indices, out_scores);
+}
+
+int32_t hnsw_query_width(TrnEngine *e, const float *q, int32_t k, int32_t ef, uint32_t *out_indices,
+                         float *out_scores)
+{
+    if (e->entry_point == -1 || k < 1 || e->count == 0 || ef < 1) {
         return 0;
     }
     if ((uint64_t)e->entry_point >= e->count) {
@@ -560,8 +566,8 @@ int32_t hnsw_query(TrnEngine *e, const float *q, int32_t k, uint32_t *out_indice
     }
     vis_reset(&e->visited, (uint32_t)e->count);
     s->w.size = 0;
-    heap_reserve(&s->w, e->ef_search + 8);
-    search_layer(e, q, cur, 0, e->ef_search, &s->w, &e->visited);
+    heap_reserve(&s->w, ef + 8);
+    search_layer(e, q, cur, 0, ef, &s->w, &e->visited);
     int32_t n = drain_sorted(&s->w, &s->sorted);
     int32_t written = 0;
     for (int32_t j = 0; j < n && written < k; j++) {

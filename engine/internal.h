@@ -124,6 +124,9 @@ struct TrnVisited {
 /* Heaps and candidate arrays of the graph, reused by every insertion and query (hnsw.cpp). */
 struct TrnGraphScratch;
 
+/* Terms, postings and chunk lengths of the word index (lexical.cpp). */
+struct TrnLexical;
+
 struct TrnEngine {
     TrnChunk *chunks;  /* capacity slots */
     float *vectors;    /* capacity x dim; chunk i at i * dim */
@@ -157,6 +160,9 @@ struct TrnEngine {
     /* graph search scratch, kept between calls so a search clears nothing (hnsw.cpp) */
     TrnVisited visited;
     TrnGraphScratch *graph_scratch; /* NULL until the first graph search */
+
+    /* word index of the live chunks (lexical.cpp); NULL until the first lex_sync */
+    TrnLexical *lexical;
 };
 
 /* ---------------------------------------------------------------------------------------------
@@ -224,11 +230,44 @@ void hnsw_rebuild(TrnEngine *e);
 ** dot-product scores. Returns the number written. */
 int32_t hnsw_query(TrnEngine *e, const float *q, int32_t k, uint32_t *out_indices,
                    float *out_scores);
+/* As hnsw_query with search width ef instead of ef_search: up to min(k, ef) hits. */
+int32_t hnsw_query_width(TrnEngine *e, const float *q, int32_t k, int32_t ef, uint32_t *out_indices,
+                         float *out_scores);
 /* Frees the graph search scratch of the handle. */
 void hnsw_free_scratch(TrnEngine *e);
 /* Offset of the first occurrence of the n-byte needle nl, already lower-cased, in the len-byte hay,
 ** ignoring ASCII case (what strcasestr finds in the C and UTF-8 locales); -1 when there is none.
 ** An empty needle is found at 0. */
 int64_t find_ascii_nocase(const char *hay, size_t len, const unsigned char *nl, size_t n);
+
+/* ---------------------------------------------------------------------------------------------
+** Word index (lexical.cpp): BM25 over the live chunks, kept in memory, built from the chunk texts.
+*/
+constexpr float LEX_K1 = 1.2f;     /* BM25 term-frequency saturation */
+constexpr float LEX_B = 0.75f;     /* BM25 length normalisation */
+constexpr float LEX_RRF_K = 60.0f; /* reciprocal rank fusion: weight / (LEX_RRF_K + rank) */
+
+/* Brings the word index up to date with the chunk table: reads the slots added since the last
+** call and takes out the chunks deleted since. Builds it from every slot when there is none. */
+void lex_sync(TrnEngine *e);
+/* Frees the word index. Called when slots are renumbered (compaction) and at close. */
+void lex_free(TrnEngine *e);
+/* Writes the terms of text, space-separated, into out (size bytes, always NUL-terminated when
+** size > 0, terms that do not fit are left out) and returns how many terms the text has. */
+int32_t lex_split(const char *text, char *out, size_t size);
+/* Syncs, then writes the best min(k, matching) live chunks for query by BM25, best first (equal
+** scores: lower slot first), to out_slots and their scores to out_scores. Returns how many. */
+int32_t lex_search(TrnEngine *e, const char *query, int32_t k, uint32_t *out_slots,
+                   float *out_scores);
+/* Offset in text of the first query word of the window of window bytes where the query's words
+** are densest (each distinct word counts its idf, a repeat a quarter of it); -1 when none occurs.
+ */
+int64_t lex_densest(TrnEngine *e, const char *query, const char *text, size_t window);
+/* Reciprocal rank fusion of two rankings of chunk slots, best first: a slot scores
+** wa / (LEX_RRF_K + rank in a) + wb / (LEX_RRF_K + rank in b), ranks from 1, a missing rank adding
+** nothing. Writes the best min(k, distinct slots) to out and out_scores, best first; equal scores
+** keep a's order, then b's. Returns how many. */
+int32_t fuse_rankings(const uint32_t *a, int32_t na, float wa, const uint32_t *b, int32_t nb,
+                      float wb, int32_t k, uint32_t *out, float *out_scores);
 
 #endif /* TRN_INTERNAL_H */

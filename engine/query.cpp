@@ -8,11 +8,17 @@
 **             files are kept. At most ef_search hits come back, whatever k is.
 **   text      ASCII case-insensitive substring, chunks in index order.
 **   regex     POSIX extended syntax, case-insensitive, leftmost-longest, chunks in index order.
+**   keyword   BM25 over the chunks' words (lexical.cpp), best first.
+**   hybrid    the keyword ranking and the semantic ranking over every file, 100 deep each,
+**             fused by reciprocal rank (lexical.cpp); the graph is searched 100 wide.
+**   semantic over every file: the graph's nearest chunks, searched at least k wide, unnarrowed.
 ** Text and regex hits score 1, 1 - 1/k, 1 - 2/k, ...: the score only encodes the order.
 **
 ** Result i always uses the handle's snippet buffer i; a snippet holds at most 300 bytes of the
 ** chunk text. For text and regex hits it begins at a word boundary at most 75 bytes before the
-** match, or at the chunk's start when the match lies within its first 76 bytes.
+** match, or at the chunk's start when the match lies within its first 76 bytes. Keyword and
+** hybrid snippets do the same for the first query word of the window where the query's words are
+** densest, and their line number is the line on which the snippet starts.
 **
 ** Regular expressions run on RE2 (Debian's libre2), whose automata take time linear in the text
 ** whatever the pattern: a pattern like (a*)*b that makes a backtracking matcher run for minutes
@@ -52,6 +58,11 @@ constexpr int32_t SNIPPET_REACH = 75; /* bytes before a match a snippet may star
 constexpr int32_t QUERY_DIM_MAX = 512;
 /* Deeper nesting than any pattern a person writes; 20,000 levels must fail in microseconds. */
 constexpr int32_t REGEX_NESTING_MAX = 100;
+/* A keyword or hybrid snippet starts at most SNIPPET_REACH bytes before the densest window of the
+** query's words, so a window of this size still ends inside the 300-byte snippet. */
+constexpr size_t DENSE_WINDOW = TRN_SNIPPET_MAX - SNIPPET_REACH;
+constexpr int32_t HYBRID_CANDIDATES = 100;     /* depth of each ranking a hybrid search fuses */
+constexpr float HYBRID_SEMANTIC_WEIGHT = 1.0f; /* the keyword ranking weighs 1 */
 
 struct FreeDeleter {
     void operator()(void *p) const { free(p); }
@@ -271,6 +282,77 @@ int32_t search_semantic(TrnEngine *e, const char *query, int32_t kk, TrnResult *
     return filled;
 }
 
+/* Embeds and normalises the query into q (dim floats); false when dim does not fit. */
+bool embed_query(TrnEngine *e, const char *query, float *q)
+{
+    if (e->dim < 1 || e->dim > QUERY_DIM_MAX) {
+        return false;
+    }
+    trn_encoder_embed_text(&e->encoder, query, q);
+    vec_normalize(q, (size_t)e->dim);
+    return true;
+}
+
+/* Semantic search over every file: the graph is searched with a width of at least kk. */
+int32_t search_semantic_all(TrnEngine *e, const char *query, int32_t kk, TrnResult *results)
+{
+    float q[QUERY_DIM_MAX];
+    if (!embed_query(e, query, q)) {
+        return 0;
+    }
+    uint32_t idx[TRN_MAX_RESULTS];
+    float sim[TRN_MAX_RESULTS];
+    int32_t n = hnsw_query_width(e, q, kk, kk > e->ef_search ? kk : e->ef_search, idx, sim);
+    for (int32_t i = 0; i < n; i++) {
+        fill_result(e, &results[i], i, idx[i], sim[i], 0);
+    }
+    return n;
+}
+
+/* Fills result slot i from chunk idx with the snippet where the query's words are densest; its
+** line number is that of the snippet's first line. */
+void fill_dense(TrnEngine *e, TrnResult *r, int32_t i, uint64_t idx, float score, const char *query)
+{
+    const char *text = e->chunks[idx].text ? e->chunks[idx].text : "";
+    int64_t p = lex_densest(e, query, text, DENSE_WINDOW);
+    size_t start = p < 0 ? 0 : snippet_start(text, p);
+    fill_result(e, r, i, idx, score, start);
+    for (size_t j = 0; j < start; j++) {
+        r->line_number += text[j] == '\n' ? 1 : 0;
+    }
+}
+
+int32_t search_keyword(TrnEngine *e, const char *query, int32_t kk, TrnResult *results)
+{
+    uint32_t idx[TRN_MAX_RESULTS];
+    float score[TRN_MAX_RESULTS];
+    int32_t n = lex_search(e, query, kk, idx, score);
+    for (int32_t i = 0; i < n; i++) {
+        fill_dense(e, &results[i], i, idx[i], score[i], query);
+    }
+    return n;
+}
+
+/* The keyword ranking and the semantic ranking over every file, HYBRID_CANDIDATES deep each,
+** fused by reciprocal rank. */
+int32_t search_hybrid(TrnEngine *e, const char *query, int32_t kk, TrnResult *results)
+{
+    float q[QUERY_DIM_MAX];
+    if (!embed_query(e, query, q)) {
+        return 0;
+    }
+    uint32_t sem[HYBRID_CANDIDATES], kw[HYBRID_CANDIDATES], fused[TRN_MAX_RESULTS];
+    float sim[HYBRID_CANDIDATES], bm25[HYBRID_CANDIDATES], score[TRN_MAX_RESULTS];
+    int32_t width = HYBRID_CANDIDATES > e->ef_search ? HYBRID_CANDIDATES : e->ef_search;
+    int32_t ns = hnsw_query_width(e, q, HYBRID_CANDIDATES, width, sem, sim);
+    int32_t nk = lex_search(e, query, HYBRID_CANDIDATES, kw, bm25);
+    int32_t n = fuse_rankings(kw, nk, 1.0f, sem, ns, HYBRID_SEMANTIC_WEIGHT, kk, fused, score);
+    for (int32_t i = 0; i < n; i++) {
+        fill_dense(e, &results[i], i, fused[i], score[i], query);
+    }
+    return n;
+}
+
 int32_t search_text(TrnEngine *e, const char *query, int32_t kk, TrnResult *results)
 {
     size_t qlen = strlen(query);
@@ -444,6 +526,12 @@ int32_t trn_search(TrnEngine *e, const char *query, int32_t mode, int32_t k, Trn
         return e->count == 0 ? 0 : search_text(e, query, kk, results);
     case TRN_SEARCH_REGEX:
         return e->count == 0 ? 0 : search_regex(e, query, kk, results);
+    case TRN_SEARCH_KEYWORD:
+        return e->count == 0 ? 0 : search_keyword(e, query, kk, results);
+    case TRN_SEARCH_HYBRID:
+        return e->count == 0 ? 0 : search_hybrid(e, query, kk, results);
+    case TRN_SEARCH_SEMANTIC_ALL:
+        return e->count == 0 ? 0 : search_semantic_all(e, query, kk, results);
     default:
         return 0;
     }

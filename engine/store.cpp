@@ -460,6 +460,7 @@ TrnEngine *trn_open(const TrnConfig *cfg)
         wal_replay(e, e->wal_path);
         e->wal = private_fopen(e->wal_path, "ab");
     }
+    lex_sync(e);
 
     fprintf(stderr, "tarnwick: opened (%zu docs, dim=%d)\n", (size_t)e->count, e->dim);
     if (e->count > 0) {
@@ -518,6 +519,7 @@ void trn_close(TrnEngine *e)
     }
     trn_checkpoint(e);
     trn_free_doc_index(e);
+    lex_free(e);
     free_slots(e);
     if (e->wal) {
         fclose(e->wal);

@@ -345,16 +345,41 @@ TRN_API TrnFileList *trn_list_dir_files(TrnEngine *e, const char *dir);
 /* Frees a list from trn_list_dir_files. NULL is ignored. */
 TRN_API void trn_free_file_list(TrnFileList *list);
 
-/* Search modes of trn_search. */
-enum { TRN_SEARCH_SEMANTIC = 0, TRN_SEARCH_TEXT = 1, TRN_SEARCH_REGEX = 2 };
+/* Search modes of trn_search. The values never change. */
+enum {
+    TRN_SEARCH_SEMANTIC = 0,
+    TRN_SEARCH_TEXT = 1,
+    TRN_SEARCH_REGEX = 2,
+    TRN_SEARCH_KEYWORD = 3,
+    TRN_SEARCH_HYBRID = 4,
+    TRN_SEARCH_SEMANTIC_ALL = 5
+};
 
-/* Searches the index. mode: TRN_SEARCH_SEMANTIC (nearest chunks by embedding, narrowed to the
-** ten files whose centroids are closest when two or more files are indexed), TRN_SEARCH_TEXT
-** (ASCII case-insensitive substring) or TRN_SEARCH_REGEX (POSIX extended syntax,
-** case-insensitive, leftmost-longest, in time linear in each chunk; see trn_check_regex).
-** Writes at most min(k, 64) records to results (and at most ef_search in semantic mode) and
-** returns how many; 0 for an unknown mode, k < 1, an empty index or an invalid expression.
-** Text and regex hits come in chunk order with scores 1, 1 - 1/k, ... */
+/* Searches the index and writes at most min(k, 64) records to results, best first; returns how
+** many. 0 for an unknown mode, k < 1, an empty index or an invalid expression. By mode:
+**
+** TRN_SEARCH_SEMANTIC: nearest chunks by embedding, narrowed to the ten files whose centroids
+**   are closest when two or more files are indexed; at most ef_search hits. score: the dot
+**   product of the query's and the chunk's unit vectors (-1..1).
+** TRN_SEARCH_TEXT: chunks holding the query as an ASCII case-insensitive substring.
+** TRN_SEARCH_REGEX: chunks matching the query as a POSIX extended expression, ignoring case,
+**   leftmost-longest, in time linear in each chunk (see trn_check_regex).
+**   Text and regex hits come in chunk order with scores 1, 1 - 1/k, 1 - 2/k, ...
+** TRN_SEARCH_KEYWORD: chunks ranked by BM25 (k1 1.2, b 0.75) over their words. Words are
+**   letters and digits, case-folded for Latin, Greek and Cyrillic scripts; identifiers also count
+**   by their parts, so "read file" finds readFileSync and read_file_sync. score: the BM25 sum
+**   (above 0, unbounded). Chunks with none of the query's words are not returned.
+** TRN_SEARCH_HYBRID: the keyword ranking and the semantic ranking over every file (100 deep
+**   each) fused by reciprocal rank. score: sum over both rankings of 1 / (60 + rank), ranks from
+**   1 (at most 2/61).
+** TRN_SEARCH_SEMANTIC_ALL: as TRN_SEARCH_SEMANTIC without the narrowing to ten files, searched
+**   with a width of at least min(k, 64), so up to min(k, 64) hits. score: the dot product.
+**
+** Snippets hold at most 300 bytes of the chunk. Text and regex snippets start at a word boundary
+** at most 75 bytes before the match (at the chunk's start for a match in its first 76 bytes);
+** keyword and hybrid snippets do the same for the first query word of the 225 bytes where the
+** query's words are densest, and their line_number is the line on which the snippet starts.
+** Other modes' snippets start with the chunk. */
 TRN_API int32_t trn_search(TrnEngine *e, const char *query, int32_t mode, int32_t k,
                            TrnResult *results);
 

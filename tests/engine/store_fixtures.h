@@ -226,6 +226,7 @@ inline void free_bare_engine(TrnEngine *e)
     free(e->vectors);
     free(e->nodes);
     trn_free_doc_index(e);
+    lex_free(e);
     hnsw_free_scratch(e);
     free(e);
 }

@@ -1,0 +1,740 @@
+/*
+** lexical.cpp -- the word index over the live chunks, for keyword and hybrid searches.
+**
+** Terms. A chunk's text is read as UTF-8 and cut into words: maximal runs of letters, digits and
+** underscores. Letters are every code point from U+00C0 up that is not punctuation or a symbol
+** (x and / signs of Latin-1, U+2000..U+2BFF, U+3000..U+303F excluded); bytes that are not valid
+** UTF-8 separate words. Case is folded for ASCII, Latin-1, Latin Extended-A, Greek and Cyrillic.
+** A word whose parts differ from it is also split into its parts, at underscores, at a lower-case
+** letter followed by an upper-case one ("readFile"), before the last capital of a run of capitals
+** followed by a lower-case letter ("HTTPServer") and between letters and digits ("utf8"). Both the
+** whole word, with its underscores dropped, and each part become terms: "readFileSync" gives
+** readfilesync, read, file, sync, so "read file" finds it and "read_file_sync" matches it whole.
+** Terms longer than 64 bytes are cut there. A query is split the same way.
+**
+** Ranking. Okapi BM25 over chunks, each chunk one document, with the term frequencies and lengths
+** counted in terms (parts included):
+**   score(chunk) = sum over distinct query terms t of
+**                  idf(t) * tf * (K1 + 1) / (tf + K1 * (1 - B + B * len / avg_len))
+**   idf(t) = ln(1 + (N - df + 0.5) / (df + 0.5))      (N live chunks, df live chunks holding t)
+** The idf is Lucene's, never negative, so a very common word still counts a little. K1 = 1.2 and
+** B = 0.75 are the usual values; on the known-item benchmark (bench/known_item_bench.cpp) over
+** prose and Go source, K1 from 0.9 to 1.5 and B from 0.5 to 0.9 moved MRR@10 by under 0.02.
+**
+** Upkeep. The index lives only in memory and is never written: the store and log are its source.
+** lex_sync brings it up to date with the chunk table before every keyword or hybrid search, and
+** at open: chunks appended since the last call (ingestion, log replay, a loaded store) are read,
+** and chunks deleted since (removal) are taken out of the counts. Their postings stay, skipped by
+** the live flags, until compaction renumbers the slots; compaction calls lex_free and the next
+** lex_sync builds the index again from the chunk texts.
+*/
+#include "internal.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+namespace
+{
+
+constexpr size_t TERM_MAX = 64;          /* bytes of a folded term; longer terms are cut */
+constexpr size_t RUN_MAX = 256;          /* code points of a word handled at once */
+constexpr uint32_t QUERY_TERMS_MAX = 64; /* distinct query terms that count */
+constexpr float DENSE_REPEAT = 0.25f;    /* weight of a repeated query word in a snippet window */
+
+struct Posting {
+    uint32_t slot;
+    uint32_t tf;
+};
+
+struct Term {
+    uint32_t text_off; /* into the pool */
+    uint32_t text_len;
+    uint32_t hash;
+    uint32_t df;   /* live chunks holding the term */
+    uint32_t mark; /* epoch of the last chunk that counted it */
+    uint32_t n;    /* postings in use, live and dead */
+    uint32_t cap;  /* cap >= n */
+    Posting *postings;
+};
+
+/* Character classes of a word's code points. */
+enum : uint8_t { CL_LOWER, CL_UPPER, CL_DIGIT, CL_JOIN };
+
+/* Lower-case form of a code point of the folded scripts; c itself otherwise. */
+uint32_t fold_cp(uint32_t c)
+{
+    if (c < 0x80) {
+        return (c >= 'A' && c <= 'Z') ? c + 32 : c;
+    }
+    if (c >= 0xC0 && c <= 0xDE && c != 0xD7) {
+        return c + 32;
+    }
+    if (c >= 0x100 && c <= 0x17F) {
+        if (c == 0x130) {
+            return 'i';
+        }
+        if (c == 0x178) {
+            return 0xFF;
+        }
+        if ((c <= 0x137 || (c >= 0x14A && c <= 0x177)) && (c % 2) == 0) {
+            return c + 1;
+        }
+        if (((c >= 0x139 && c <= 0x148) || (c >= 0x179 && c <= 0x17E)) && (c % 2) == 1) {
+            return c + 1;
+        }
+        return c;
+    }
+    if (c >= 0x391 && c <= 0x3AB && c != 0x3A2) {
+        return c + 32;
+    }
+    if (c == 0x3C2) {
+        return 0x3C3; /* final sigma */
+    }
+    if (c >= 0x410 && c <= 0x42F) {
+        return c + 32;
+    }
+    if (c >= 0x400 && c <= 0x40F) {
+        return c + 80;
+    }
+    return c;
+}
+
+/* 1 when code point c can be part of a word. */
+bool is_word_cp(uint32_t c)
+{
+    if (c < 0x80) {
+        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z')
+               || c == '_';
+    }
+    if (c < 0xC0 || c == 0xD7 || c == 0xF7) {
+        return false;
+    }
+    if ((c >= 0x2000 && c <= 0x2BFF) || (c >= 0x3000 && c <= 0x303F) || (c >= 0xFE30 && c <= 0xFE4F)
+        || (c >= 0xFF00 && c <= 0xFF20) || c == 0xFEFF) {
+        return false;
+    }
+    return true;
+}
+
+/* Decodes one UTF-8 sequence at p (n bytes left). Returns its length; *cp is the code point, or
+** 0xFFFFFFFF for a byte that does not start a valid sequence (length 1). */
+size_t decode_utf8(const unsigned char *p, size_t n, uint32_t *cp)
+{
+    unsigned char b = p[0];
+    if (b < 0x80) {
+        *cp = b;
+        return 1;
+    }
+    size_t len = b >= 0xF0 ? 4 : b >= 0xE0 ? 3 : b >= 0xC2 ? 2 : 0;
+    if (len == 0 || len > n || b > 0xF4) {
+        *cp = 0xFFFFFFFF;
+        return 1;
+    }
+    uint32_t c = b & (0x7F >> len);
+    for (size_t i = 1; i < len; i++) {
+        if ((p[i] & 0xC0) != 0x80) {
+            *cp = 0xFFFFFFFF;
+            return 1;
+        }
+        c = (c << 6) | (p[i] & 0x3F);
+    }
+    if ((len == 3 && c < 0x800) || (len == 4 && (c < 0x10000 || c > 0x10FFFF))) {
+        *cp = 0xFFFFFFFF;
+        return 1;
+    }
+    *cp = c;
+    return len;
+}
+
+/* Appends code point c to out (at most TERM_MAX bytes in all); false when it does not fit. */
+bool put_utf8(char *out, size_t *len, uint32_t c)
+{
+    char b[4];
+    size_t n;
+    if (c < 0x80) {
+        b[0] = (char)c;
+        n = 1;
+    } else if (c < 0x800) {
+        b[0] = (char)(0xC0 | (c >> 6));
+        b[1] = (char)(0x80 | (c & 0x3F));
+        n = 2;
+    } else if (c < 0x10000) {
+        b[0] = (char)(0xE0 | (c >> 12));
+        b[1] = (char)(0x80 | ((c >> 6) & 0x3F));
+        b[2] = (char)(0x80 | (c & 0x3F));
+        n = 3;
+    } else {
+        b[0] = (char)(0xF0 | (c >> 18));
+        b[1] = (char)(0x80 | ((c >> 12) & 0x3F));
+        b[2] = (char)(0x80 | ((c >> 6) & 0x3F));
+        b[3] = (char)(0x80 | (c & 0x3F));
+        n = 4;
+    }
+    if (*len + n > TERM_MAX) {
+        return false;
+    }
+    memcpy(out + *len, b, n);
+    *len += n;
+    return true;
+}
+
+/* One word being split: its folded code points, their classes and byte offsets in the text. */
+struct Run {
+    uint32_t cp[RUN_MAX];
+    uint8_t cls[RUN_MAX];
+    uint32_t off[RUN_MAX];
+    size_t n;
+};
+
+/* Calls emit(term, length, offset) for the whole word and, when it has two or more, its parts. */
+template <typename Emit>
+void emit_run(const Run &r, Emit &emit)
+{
+    char term[TERM_MAX];
+    size_t len = 0;
+    size_t first = r.n;
+    int parts = 0;
+    bool in_part = false;
+    for (size_t j = 0; j < r.n; j++) {
+        if (r.cls[j] == CL_JOIN) {
+            in_part = false;
+            continue;
+        }
+        if (first == r.n) {
+            first = j;
+        }
+        bool boundary = !in_part;
+        if (in_part) {
+            uint8_t a = r.cls[j - 1], b = r.cls[j];
+            if ((a == CL_DIGIT) != (b == CL_DIGIT)) {
+                boundary = true;
+            } else if (a == CL_LOWER && b == CL_UPPER) {
+                boundary = true;
+            } else if (a == CL_UPPER && b == CL_UPPER && j + 1 < r.n && r.cls[j + 1] == CL_LOWER) {
+                boundary = true;
+            }
+        }
+        if (boundary) {
+            parts++;
+        }
+        in_part = true;
+        if (len < TERM_MAX) {
+            put_utf8(term, &len, r.cp[j]);
+        }
+    }
+    if (first == r.n) {
+        return; /* underscores only */
+    }
+    emit(term, len, (size_t)r.off[first]);
+    if (parts < 2) {
+        return;
+    }
+    /* Second pass: each part on its own. */
+    len = 0;
+    size_t start = 0;
+    in_part = false;
+    for (size_t j = 0; j <= r.n; j++) {
+        bool boundary = j == r.n || r.cls[j] == CL_JOIN || !in_part;
+        if (!boundary) {
+            uint8_t a = r.cls[j - 1], b = r.cls[j];
+            boundary =
+                ((a == CL_DIGIT) != (b == CL_DIGIT)) || (a == CL_LOWER && b == CL_UPPER)
+                || (a == CL_UPPER && b == CL_UPPER && j + 1 < r.n && r.cls[j + 1] == CL_LOWER);
+        }
+        if (boundary && len > 0) {
+            emit(term, len, start);
+            len = 0;
+        }
+        if (j == r.n) {
+            break;
+        }
+        if (r.cls[j] == CL_JOIN) {
+            in_part = false;
+            continue;
+        }
+        if (len == 0) {
+            start = r.off[j];
+        }
+        in_part = true;
+        put_utf8(term, &len, r.cp[j]);
+    }
+}
+
+/* Cuts len bytes of text into terms: emit(const char *term, size_t length, size_t offset) for
+** each, in order of offset; a word's whole form comes before its parts. */
+template <typename Emit>
+void tokenize(const char *text, size_t len, Emit &&emit)
+{
+    const unsigned char *p = (const unsigned char *)text;
+    Run run;
+    run.n = 0;
+    size_t i = 0;
+    while (i <= len) {
+        uint32_t c = 0;
+        size_t step = 1;
+        bool word = false;
+        if (i < len) {
+            unsigned char b = p[i];
+            if (b < 0x80) {
+                c = b;
+                word = (b >= 'a' && b <= 'z') || (b >= '0' && b <= '9') || (b >= 'A' && b <= 'Z')
+                       || b == '_';
+            } else {
+                step = decode_utf8(p + i, len - i, &c);
+                word = c != 0xFFFFFFFF && is_word_cp(c);
+            }
+        }
+        if (word && run.n < RUN_MAX) {
+            uint32_t f = fold_cp(c);
+            uint8_t cls = c == '_'                 ? CL_JOIN
+                          : (c >= '0' && c <= '9') ? CL_DIGIT
+                          : f != c                 ? CL_UPPER
+                                                   : CL_LOWER;
+            run.cp[run.n] = f;
+            run.cls[run.n] = cls;
+            run.off[run.n] = (uint32_t)i;
+            run.n++;
+            i += step;
+            continue;
+        }
+        if (run.n > 0) {
+            emit_run(run, emit);
+            run.n = 0;
+            if (word) {
+                continue; /* a run longer than RUN_MAX goes on as a new word */
+            }
+        }
+        i += step;
+    }
+}
+
+uint32_t hash_term(const char *s, size_t n)
+{
+    uint32_t h = 2166136261u; /* FNV-1a */
+    for (size_t i = 0; i < n; i++) {
+        h ^= (unsigned char)s[i];
+        h *= 16777619u;
+    }
+    return h;
+}
+
+} // namespace
+
+struct TrnLexical {
+    Term *terms;
+    uint32_t term_count;
+    uint32_t term_cap;
+    uint32_t *table; /* open addressing: term id + 1, 0 when empty; table_size a power of two */
+    uint32_t table_size;
+    char *pool; /* the terms' bytes, not NUL-terminated */
+    size_t pool_len;
+    size_t pool_cap;
+    uint32_t *doc_len; /* terms per chunk slot */
+    uint8_t *live;     /* 1 when the slot is counted */
+    float *acc;        /* search scratch, all zero between searches */
+    uint32_t *touched; /* search scratch */
+    uint64_t slots;    /* chunk slots read so far */
+    uint64_t slot_cap; /* slots <= slot_cap */
+    uint64_t live_docs;
+    uint64_t total_len;    /* terms in the live chunks */
+    uint64_t deleted_seen; /* the engine's deleted_count at the last sync */
+    uint32_t epoch;        /* counts chunk visits, for Term::mark */
+};
+
+namespace
+{
+
+/* Id of the term, or -1 when the index does not hold it. */
+int64_t find_term(const TrnLexical *x, const char *s, size_t n, uint32_t h)
+{
+    if (x->table_size == 0) {
+        return -1;
+    }
+    uint32_t mask = x->table_size - 1;
+    for (uint32_t at = h & mask;; at = (at + 1) & mask) {
+        uint32_t v = x->table[at];
+        if (v == 0) {
+            return -1;
+        }
+        const Term *t = &x->terms[v - 1];
+        if (t->hash == h && t->text_len == n && memcmp(x->pool + t->text_off, s, n) == 0) {
+            return (int64_t)(v - 1);
+        }
+    }
+}
+
+void table_grow(TrnLexical *x)
+{
+    uint32_t size = x->table_size ? x->table_size * 2 : 4096;
+    free(x->table);
+    x->table = static_cast<uint32_t *>(xcalloc(size, sizeof(uint32_t)));
+    x->table_size = size;
+    for (uint32_t id = 0; id < x->term_count; id++) {
+        uint32_t at = x->terms[id].hash & (size - 1);
+        while (x->table[at] != 0) {
+            at = (at + 1) & (size - 1);
+        }
+        x->table[at] = id + 1;
+    }
+}
+
+/* Id of the term, added when new. */
+uint32_t intern_term(TrnLexical *x, const char *s, size_t n)
+{
+    uint32_t h = hash_term(s, n);
+    int64_t found = find_term(x, s, n, h);
+    if (found >= 0) {
+        return (uint32_t)found;
+    }
+    if ((uint64_t)(x->term_count + 1) * 2 > x->table_size) {
+        table_grow(x);
+    }
+    if (x->term_count == x->term_cap) {
+        x->term_cap = x->term_cap ? x->term_cap * 2 : 1024;
+        x->terms = static_cast<Term *>(xrealloc(x->terms, xmul(x->term_cap, sizeof(Term))));
+    }
+    if (x->pool_len + n > x->pool_cap) {
+        size_t cap = x->pool_cap ? x->pool_cap : 65536;
+        while (cap < x->pool_len + n) {
+            cap *= 2;
+        }
+        x->pool = static_cast<char *>(xrealloc(x->pool, cap));
+        x->pool_cap = cap;
+    }
+    memcpy(x->pool + x->pool_len, s, n);
+    uint32_t id = x->term_count++;
+    Term *t = &x->terms[id];
+    memset(t, 0, sizeof *t);
+    t->text_off = (uint32_t)x->pool_len;
+    t->text_len = (uint32_t)n;
+    t->hash = h;
+    x->pool_len += n;
+    uint32_t mask = x->table_size - 1;
+    uint32_t at = h & mask;
+    while (x->table[at] != 0) {
+        at = (at + 1) & mask;
+    }
+    x->table[at] = id + 1;
+    return id;
+}
+
+uint32_t next_epoch(TrnLexical *x)
+{
+    x->epoch++;
+    if (x->epoch == 0) { /* wrapped: forget every mark */
+        for (uint32_t id = 0; id < x->term_count; id++) {
+            x->terms[id].mark = 0;
+        }
+        x->epoch = 1;
+    }
+    return x->epoch;
+}
+
+void add_chunk(TrnLexical *x, uint64_t slot, const char *text)
+{
+    uint32_t epoch = next_epoch(x);
+    uint32_t len = 0;
+    tokenize(text, strlen(text), [x, slot, epoch, &len](const char *s, size_t n, size_t) {
+        uint32_t id = intern_term(x, s, n); /* may move the term array */
+        Term *t = &x->terms[id];
+        len++;
+        if (t->mark == epoch) {
+            t->postings[t->n - 1].tf++;
+            return;
+        }
+        t->mark = epoch;
+        t->df++;
+        if (t->n == t->cap) {
+            t->cap = t->cap ? t->cap * 2 : 4;
+            t->postings =
+                static_cast<Posting *>(xrealloc(t->postings, xmul(t->cap, sizeof(Posting))));
+        }
+        t->postings[t->n++] = Posting{(uint32_t)slot, 1};
+    });
+    x->doc_len[slot] = len;
+    x->live[slot] = 1;
+    x->live_docs++;
+    x->total_len += len;
+}
+
+void drop_chunk(TrnLexical *x, uint64_t slot, const char *text)
+{
+    uint32_t epoch = next_epoch(x);
+    tokenize(text, strlen(text), [x, epoch](const char *s, size_t n, size_t) {
+        int64_t id = find_term(x, s, n, hash_term(s, n));
+        if (id >= 0 && x->terms[id].mark != epoch) {
+            x->terms[id].mark = epoch;
+            x->terms[id].df--;
+        }
+    });
+    x->live[slot] = 0;
+    x->live_docs--;
+    x->total_len -= x->doc_len[slot];
+}
+
+void reserve_slots(TrnLexical *x, uint64_t n)
+{
+    if (n <= x->slot_cap) {
+        return;
+    }
+    uint64_t cap = x->slot_cap ? x->slot_cap : 64;
+    while (cap < n) {
+        cap *= 2;
+    }
+    x->doc_len = static_cast<uint32_t *>(xrealloc(x->doc_len, xmul(cap, sizeof(uint32_t))));
+    x->live = static_cast<uint8_t *>(xrealloc(x->live, cap));
+    x->touched = static_cast<uint32_t *>(xrealloc(x->touched, xmul(cap, sizeof(uint32_t))));
+    x->acc = static_cast<float *>(xrealloc(x->acc, xmul(cap, sizeof(float))));
+    memset(x->acc + x->slot_cap, 0, (cap - x->slot_cap) * sizeof(float));
+    x->slot_cap = cap;
+}
+
+/* The distinct query terms the index holds, with their idf; returns how many (at most max). */
+uint32_t query_terms(const TrnLexical *x, const char *query, uint32_t *ids, float *idf,
+                     uint32_t max)
+{
+    uint32_t n = 0;
+    const double docs = (double)x->live_docs;
+    tokenize(query, strlen(query), [x, ids, idf, max, docs, &n](const char *s, size_t len, size_t) {
+        int64_t id = find_term(x, s, len, hash_term(s, len));
+        if (id < 0 || x->terms[id].df == 0 || n == max) {
+            return;
+        }
+        for (uint32_t j = 0; j < n; j++) {
+            if (ids[j] == (uint32_t)id) {
+                return;
+            }
+        }
+        double df = (double)x->terms[id].df;
+        ids[n] = (uint32_t)id;
+        idf[n] = (float)std::log(1.0 + (docs - df + 0.5) / (df + 0.5));
+        n++;
+    });
+    return n;
+}
+
+} // namespace
+
+void lex_free(TrnEngine *e)
+{
+    TrnLexical *x = e->lexical;
+    if (!x) {
+        return;
+    }
+    for (uint32_t id = 0; id < x->term_count; id++) {
+        free(x->terms[id].postings);
+    }
+    free(x->terms);
+    free(x->table);
+    free(x->pool);
+    free(x->doc_len);
+    free(x->live);
+    free(x->acc);
+    free(x->touched);
+    free(x);
+    e->lexical = nullptr;
+}
+
+void lex_sync(TrnEngine *e)
+{
+    if (!e->lexical) {
+        e->lexical = static_cast<TrnLexical *>(xcalloc(1, sizeof(TrnLexical)));
+    }
+    TrnLexical *x = e->lexical;
+    if (x->slots > e->count) { /* slots were renumbered behind our back: start again */
+        lex_free(e);
+        lex_sync(e);
+        return;
+    }
+    if (e->deleted_count != x->deleted_seen) {
+        for (uint64_t i = 0; i < x->slots; i++) {
+            if (x->live[i] && e->chunks[i].deleted) {
+                drop_chunk(x, i, e->chunks[i].text ? e->chunks[i].text : "");
+            }
+        }
+    }
+    reserve_slots(x, e->count);
+    for (uint64_t i = x->slots; i < e->count; i++) {
+        const TrnChunk *c = &e->chunks[i];
+        x->doc_len[i] = 0;
+        x->live[i] = 0;
+        if (!c->deleted && c->text) {
+            add_chunk(x, i, c->text);
+        }
+    }
+    x->slots = e->count;
+    x->deleted_seen = e->deleted_count;
+}
+
+int32_t lex_split(const char *text, char *out, size_t size)
+{
+    int32_t n = 0;
+    size_t used = 0;
+    if (size > 0) {
+        out[0] = '\0';
+    }
+    tokenize(text, strlen(text), [out, size, &used, &n](const char *s, size_t len, size_t) {
+        n++;
+        size_t need = len + (used > 0 ? 1 : 0);
+        if (used + need + 1 > size) {
+            return;
+        }
+        if (used > 0) {
+            out[used++] = ' ';
+        }
+        memcpy(out + used, s, len);
+        used += len;
+        out[used] = '\0';
+    });
+    return n;
+}
+
+int32_t lex_search(TrnEngine *e, const char *query, int32_t k, uint32_t *out_slots,
+                   float *out_scores)
+{
+    lex_sync(e);
+    TrnLexical *x = e->lexical;
+    if (k < 1 || x->live_docs == 0) {
+        return 0;
+    }
+    uint32_t ids[QUERY_TERMS_MAX];
+    float idf[QUERY_TERMS_MAX];
+    uint32_t nt = query_terms(x, query, ids, idf, QUERY_TERMS_MAX);
+    const float avg_len = (float)((double)x->total_len / (double)x->live_docs);
+    const float len_scale = avg_len > 0.0f ? LEX_B / avg_len : 0.0f;
+    uint32_t touched = 0;
+    for (uint32_t q = 0; q < nt; q++) {
+        const Term *t = &x->terms[ids[q]];
+        const float w = idf[q] * (LEX_K1 + 1.0f);
+        for (uint32_t j = 0; j < t->n; j++) {
+            uint32_t slot = t->postings[j].slot;
+            if (!x->live[slot]) {
+                continue;
+            }
+            float tf = (float)t->postings[j].tf;
+            float norm = LEX_K1 * (1.0f - LEX_B + len_scale * (float)x->doc_len[slot]);
+            if (x->acc[slot] == 0.0f) {
+                x->touched[touched++] = slot;
+            }
+            x->acc[slot] += w * tf / (tf + norm);
+        }
+    }
+    uint32_t keep = (uint32_t)k < touched ? (uint32_t)k : touched;
+    const float *acc = x->acc;
+    std::partial_sort(
+        x->touched, x->touched + keep, x->touched + touched, [acc](uint32_t a, uint32_t b) {
+            return acc[a] > acc[b] || (acc[a] == acc[b] && a < b);
+        });
+    for (uint32_t j = 0; j < keep; j++) {
+        out_slots[j] = x->touched[j];
+        out_scores[j] = acc[x->touched[j]];
+    }
+    for (uint32_t j = 0; j < touched; j++) {
+        x->acc[x->touched[j]] = 0.0f;
+    }
+    return (int32_t)keep;
+}
+
+int64_t lex_densest(TrnEngine *e, const char *query, const char *text, size_t window)
+{
+    lex_sync(e);
+    TrnLexical *x = e->lexical;
+    uint32_t ids[QUERY_TERMS_MAX];
+    float idf[QUERY_TERMS_MAX];
+    uint32_t nt = query_terms(x, query, ids, idf, QUERY_TERMS_MAX);
+    if (nt == 0) {
+        return -1;
+    }
+    /* The query words in the text, in order: offset and which query term. */
+    constexpr size_t HITS_MAX = 1024;
+    uint32_t hit_off[HITS_MAX];
+    uint8_t hit_term[HITS_MAX];
+    size_t hits = 0;
+    uint32_t *offs = hit_off;
+    uint8_t *terms = hit_term;
+    tokenize(
+        text, strlen(text), [x, &ids, nt, offs, terms, &hits](const char *s, size_t n, size_t off) {
+            if (hits == HITS_MAX) {
+                return;
+            }
+            int64_t id = find_term(x, s, n, hash_term(s, n));
+            for (uint32_t q = 0; q < nt && id >= 0; q++) {
+                if (ids[q] == (uint32_t)id) {
+                    offs[hits] = (uint32_t)off;
+                    terms[hits] = (uint8_t)q;
+                    hits++;
+                    return;
+                }
+            }
+        });
+    if (hits == 0) {
+        return -1;
+    }
+    /* Slide a window over the hits: each distinct term counts its idf, each repeat a quarter. */
+    uint32_t seen[QUERY_TERMS_MAX] = {0};
+    float score = 0.0f, best = -1.0f;
+    size_t best_at = 0, tail = 0;
+    for (size_t head = 0; head < hits; head++) {
+        uint8_t q = hit_term[head];
+        score += seen[q]++ == 0 ? idf[q] : DENSE_REPEAT * idf[q];
+        while (hit_off[head] - hit_off[tail] >= window) {
+            uint8_t r = hit_term[tail++];
+            score -= --seen[r] == 0 ? idf[r] : DENSE_REPEAT * idf[r];
+        }
+        if (score > best + 1e-6f) {
+            best = score;
+            best_at = tail;
+        }
+    }
+    return (int64_t)hit_off[best_at];
+}
+
+int32_t fuse_rankings(const uint32_t *a, int32_t na, float wa, const uint32_t *b, int32_t nb,
+                      float wb, int32_t k, uint32_t *out, float *out_scores)
+{
+    if (k < 1) {
+        return 0;
+    }
+    int32_t total = na + nb;
+    uint32_t *ids = static_cast<uint32_t *>(xmalloc(xmul((size_t)total + 1, sizeof(uint32_t))));
+    float *score = static_cast<float *>(xmalloc(xmul((size_t)total + 1, sizeof(float))));
+    int32_t *first = static_cast<int32_t *>(xmalloc(xmul((size_t)total + 1, sizeof(int32_t))));
+    int32_t n = 0;
+    for (int32_t list = 0; list < 2; list++) {
+        const uint32_t *r = list == 0 ? a : b;
+        int32_t nr = list == 0 ? na : nb;
+        float w = list == 0 ? wa : wb;
+        for (int32_t i = 0; i < nr; i++) {
+            float s = w / (LEX_RRF_K + (float)(i + 1));
+            int32_t j = 0;
+            while (j < n && ids[j] != r[i]) {
+                j++;
+            }
+            if (j == n) {
+                ids[n] = r[i];
+                score[n] = 0.0f;
+                first[n] = list * total + i; /* a's ranks before b's on equal scores */
+                n++;
+            }
+            score[j] += s;
+        }
+    }
+    int32_t *order = static_cast<int32_t *>(xmalloc(xmul((size_t)n + 1, sizeof(int32_t))));
+    for (int32_t j = 0; j < n; j++) {
+        order[j] = j;
+    }
+    std::stable_sort(order, order + n, [score, first](int32_t p, int32_t q) {
+        return score[p] > score[q] || (score[p] == score[q] && first[p] < first[q]);
+    });
+    int32_t keep = k < n ? k : n;
+    for (int32_t j = 0; j < keep; j++) {
+        out[j] = ids[order[j]];
+        out_scores[j] = score[order[j]];
+    }
+    free(order);
+    free(first);
+    free(score);
+    free(ids);
+    return keep;
+}

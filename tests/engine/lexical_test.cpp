@@ -1,0 +1,283 @@
+// Tests of the word index: how texts split into terms, BM25 scores against a computation from
+// the definition, reciprocal rank fusion, and an index that follows ingestion, removal, log
+// replay, compaction and reopening exactly as one built from scratch would.
+#include "internal.h"
+#include "store_fixtures.h"
+#include "tarnwick.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace
+{
+
+std::string split(const char *text)
+{
+    char out[512];
+    lex_split(text, out, sizeof out);
+    return out;
+}
+
+TEST(LexicalTerms, SplitAsDocumented)
+{
+    struct Case {
+        const char *text;
+        const char *terms;
+    } cases[] = {
+        {"readFileSync", "readfilesync read file sync"},
+        {"read_file_sync", "readfilesync read file sync"},
+        {"HTTPServer", "httpserver http server"},
+        {"utf8Decode", "utf8decode utf 8 decode"},
+        {"x86_64", "x8664 x 86 64"},
+        {"__init__ main", "init main"},
+        {"Open a FILE, then close it.", "open a file then close it"},
+        {"don't", "don t"},
+        {"plain", "plain"},
+        {"Straße ÉCOLE ÀÖØÞ", "straße école àöøþ"},
+        {"ŁÓDŹ İstanbul Ÿ", "łódź istanbul ÿ"},
+        {"ΑΘΗΝΑ МОСКВА Ёж", "αθηνα москва ёж"},
+        {"a×b÷c", "a b c"},
+        {"ab\xff"
+         "cd \xc3",
+         "ab cd"},
+        {"em\xe2\x80\x94"
+         "dash",
+         "em dash"},
+        {"", ""},
+    };
+    for (const Case &c : cases) {
+        EXPECT_EQ(split(c.text), c.terms) << c.text;
+    }
+}
+
+TEST(LexicalTerms, LongWordsAreCutAndOverlongRunsSplit)
+{
+    std::string word(300, 'a');
+    std::string terms = split(word.c_str());
+    // 300 letters: a run of 256 and one of 44, each cut to 64 bytes.
+    EXPECT_EQ(terms, std::string(64, 'a') + " " + std::string(44, 'a'));
+}
+
+// An in-memory handle whose chunks are placed by hand, so nothing is embedded.
+struct Bare {
+    TrnEngine *e = bare_engine();
+    ~Bare() { free_bare_engine(e); }
+    void add(const char *path, const char *text)
+    {
+        ensure_cap(e, e->count + 1);
+        TrnChunk *c = &e->chunks[e->count];
+        snprintf(c->doc_id, TRN_ID_MAX, "%s:%d", path, (int)e->count);
+        c->text = xstrdup(text);
+        c->file_path = xstrdup(path);
+        e->count++;
+    }
+    void remove(uint64_t slot)
+    {
+        e->chunks[slot].deleted = 1;
+        e->deleted_count++;
+    }
+};
+
+std::vector<std::string> terms_of(const char *text)
+{
+    std::vector<std::string> out;
+    std::string s = split(text);
+    size_t at = 0;
+    while (at < s.size()) {
+        size_t sp = s.find(' ', at);
+        out.push_back(s.substr(at, sp == std::string::npos ? std::string::npos : sp - at));
+        at = sp == std::string::npos ? s.size() : sp + 1;
+    }
+    return out;
+}
+
+TEST(LexicalBm25, ScoresEqualTheDefinitionOverLiveChunks)
+{
+    const char *texts[] = {
+        "the cat sat on the mat",
+        "a dog chased the cat around the garden and the cat ran up a tree",
+        "readFileSync reads a file synchronously",
+        "cats and dogs are pets; the cat is not a dog",
+        "nothing here matches at all",
+        "the file was read, then the file was closed and the cat slept",
+        "deleted chunk about cat cat cat file",
+    };
+    Bare b;
+    for (const char *t : texts) {
+        b.add("f", t);
+    }
+    b.remove(6);
+    const char *queries[] = {"cat", "the cat", "read file", "dog tree garden", "zebra", "CAT cat"};
+    for (const char *query : queries) {
+        // From the definition: every live chunk, the query's distinct terms, idf from df.
+        std::vector<std::vector<std::string>> docs;
+        for (int i = 0; i < 6; i++) {
+            docs.push_back(terms_of(texts[i]));
+        }
+        double avg = 0;
+        for (const auto &d : docs) {
+            avg += (double)d.size() / (double)docs.size();
+        }
+        std::vector<std::string> q = terms_of(query);
+        std::set<std::string> qs(q.begin(), q.end());
+        std::vector<std::pair<double, uint32_t>> want;
+        for (uint32_t i = 0; i < docs.size(); i++) {
+            double s = 0;
+            for (const std::string &t : qs) {
+                double df = 0, tf = 0;
+                for (const auto &d : docs) {
+                    df += std::count(d.begin(), d.end(), t) > 0 ? 1 : 0;
+                }
+                tf = (double)std::count(docs[i].begin(), docs[i].end(), t);
+                if (tf == 0) {
+                    continue;
+                }
+                double idf = std::log(1 + (docs.size() - df + 0.5) / (df + 0.5));
+                s += idf * tf * (LEX_K1 + 1)
+                     / (tf + LEX_K1 * (1 - LEX_B + LEX_B * (double)docs[i].size() / avg));
+            }
+            if (s > 0) {
+                want.push_back({-s, i});
+            }
+        }
+        std::sort(want.begin(), want.end());
+        uint32_t slots[16];
+        float scores[16];
+        int32_t n = lex_search(b.e, query, 16, slots, scores);
+        ASSERT_EQ((size_t)n, want.size()) << query;
+        for (int32_t i = 0; i < n; i++) {
+            EXPECT_EQ(slots[i], want[i].second) << query << " rank " << i;
+            EXPECT_NEAR(scores[i], -want[i].first, 1e-5) << query << " rank " << i;
+        }
+    }
+    uint32_t slot;
+    float score;
+    EXPECT_EQ(lex_search(b.e, "cat", 0, &slot, &score), 0);
+}
+
+TEST(LexicalFusion, OrdersByReciprocalRankSum)
+{
+    struct Case {
+        const char *name;
+        std::vector<uint32_t> a, b;
+        float wa, wb;
+        int32_t k;
+        std::vector<uint32_t> want;
+    } cases[] = {
+        // 3: 1/63 + 1/61 beats 1's 1/61; 2 and 4 tie at 1/62 and a's comes first.
+        {"shared item rises", {1, 2, 3}, {3, 4}, 1, 1, 10, {3, 1, 2, 4}},
+        {"k cuts the list", {1, 2, 3}, {3, 4}, 1, 1, 2, {3, 1}},
+        {"weight favours b", {1, 2}, {5, 6}, 1, 2, 10, {5, 6, 1, 2}},
+        {"zero weight keeps a's order", {1, 2}, {2, 1, 7}, 1, 0, 10, {1, 2, 7}},
+        {"one list empty", {}, {9, 8}, 1, 1, 10, {9, 8}},
+        {"both empty", {}, {}, 1, 1, 10, {}},
+        {"b's tie order after a's", {}, {4, 5}, 1, 1, 10, {4, 5}},
+    };
+    for (const Case &c : cases) {
+        uint32_t out[16];
+        float score[16];
+        int32_t n = fuse_rankings(c.a.data(),
+                                  (int32_t)c.a.size(),
+                                  c.wa,
+                                  c.b.data(),
+                                  (int32_t)c.b.size(),
+                                  c.wb,
+                                  c.k,
+                                  out,
+                                  score);
+        EXPECT_EQ(std::vector<uint32_t>(out, out + n), c.want) << c.name;
+        for (int32_t i = 1; i < n; i++) {
+            EXPECT_GE(score[i - 1], score[i]) << c.name;
+        }
+    }
+}
+
+// (doc_id, score) of the best 64 keyword hits for each query.
+std::vector<std::pair<std::string, float>> ranking(TrnEngine *e)
+{
+    std::vector<std::pair<std::string, float>> out;
+    for (const char *q : {"alpha", "beta gamma", "shared words", "delta", "readFile"}) {
+        uint32_t slots[64];
+        float scores[64];
+        int32_t n = lex_search(e, q, 64, slots, scores);
+        for (int32_t i = 0; i < n; i++) {
+            out.push_back({e->chunks[slots[i]].doc_id, scores[i]});
+        }
+        out.push_back({"--", 0.0f});
+    }
+    return out;
+}
+
+const std::map<std::string, std::string> &files()
+{
+    static const std::map<std::string, std::string> f = {
+        {"a.txt", "alpha alpha shared words beta and more shared words here"},
+        {"b.txt", "beta gamma shared words delta readFileSync gamma gamma"},
+        {"c.txt", "gamma delta alpha words words words read the file"},
+        {"d.txt", "delta delta delta shared alpha beta readFile"},
+    };
+    return f;
+}
+
+// The same files ingested afresh, in order, into a handle without files.
+std::vector<std::pair<std::string, float>> scratch(const std::vector<std::string> &names)
+{
+    static TrnEncoder encoder = [] {
+        TrnEncoder enc;
+        trn_encoder_init(&enc, 42);
+        return enc;
+    }();
+    TrnEngine *e = bare_engine(&encoder);
+    for (const std::string &n : names) {
+        const std::string &text = files().at(n);
+        chunk_and_ingest(
+            e, n.c_str(), text.c_str(), (int64_t)text.size(), 24, 4, TRN_FILE_TYPE_TEXT);
+    }
+    std::vector<std::pair<std::string, float>> r = ranking(e);
+    free_bare_engine(e);
+    return r;
+}
+
+TEST(LexicalUpkeep, AgreesWithAFreshIndexAfterEveryChange)
+{
+    TempDir dir;
+    TempDir copy;
+    TrnConfig cfg = {dir.path().c_str(), nullptr, 0, 0, 0, 0};
+    TrnEngine *e = trn_open(&cfg);
+    for (const char *n : {"a.txt", "b.txt", "c.txt"}) {
+        trn_ingest_text(e, n, files().at(n).c_str(), 24, 4);
+    }
+    EXPECT_EQ(ranking(e), scratch({"a.txt", "b.txt", "c.txt"})) << "after ingestion";
+
+    // The log alone, replayed by another handle, as after a crash.
+    write_file_bytes(copy.file("tarnwick.wal"),
+                     read_file_bytes(dir.file("tarnwick.wal")).data(),
+                     read_file_bytes(dir.file("tarnwick.wal")).size());
+    TrnConfig copy_cfg = {copy.path().c_str(), nullptr, 0, 0, 0, 0};
+    TrnEngine *replayed = trn_open(&copy_cfg);
+    EXPECT_EQ(ranking(replayed), scratch({"a.txt", "b.txt", "c.txt"})) << "after replay";
+    trn_close(replayed);
+
+    trn_remove_file(e, "b.txt");
+    EXPECT_EQ(ranking(e), scratch({"a.txt", "c.txt"})) << "after removal";
+    trn_ingest_text(e, "d.txt", files().at("d.txt").c_str(), 24, 4);
+    EXPECT_EQ(ranking(e), scratch({"a.txt", "c.txt", "d.txt"})) << "after removal and ingestion";
+
+    trn_remove_file(e, "a.txt");
+    trn_compact(e);
+    trn_ingest_text(e, "b.txt", files().at("b.txt").c_str(), 24, 4);
+    EXPECT_EQ(ranking(e), scratch({"c.txt", "d.txt", "b.txt"})) << "after compaction";
+
+    trn_close(e);
+    e = trn_open(&cfg);
+    EXPECT_EQ(ranking(e), scratch({"c.txt", "d.txt", "b.txt"})) << "after reopening";
+    trn_close(e);
+}
+
+} // namespace
