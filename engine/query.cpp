@@ -1,7 +1,7 @@
 /*
 ** query.cpp -- trn_search, the engine's one query entry point.
 **
-** Three modes:
+** Six modes:
 **   semantic  embed the query, normalise it, and ask the graph for its nearest chunks. When the
 **             document index names two or more files, the ten files whose centroids are closest
 **             are picked first, the graph is asked for min(4k, 64) hits and only hits from those
