@@ -258,9 +258,12 @@ typedef bool (*TrnProgressFn)(const char *path, int32_t done, int32_t total, voi
 /* Opens an engine on cfg->index_dir (which must exist; the engine never creates directories):
 ** loads the store file, replays the log and builds the document index. A missing store or log
 ** is not an error. Prints "tarnwick: opened (N docs, dim=D)" and, when weights_path is given,
-** whether the weights loaded. Reseeds rand() with the time. Never returns NULL; close with
-** trn_close. When the index is busy or damaged (see trn_open_ex) it prints the one line of
-** trn_last_error and returns an empty handle whose writes all fail with that status. */
+** whether the weights loaded. Reseeds rand() with the time. Re-embedding 256 or more logged
+** chunks (after a crash) prints "tarnwick: recovering N chunks from the log" and then, every
+** two seconds, "tarnwick: recovered D of N chunks"; a normal handle checkpoints after every 4096
+** logged chunks, which bounds N. Never returns NULL; close with trn_close. When the index is
+** busy or damaged (see trn_open_ex) it prints the one line of trn_last_error and returns an
+** empty handle whose writes all fail with that status. */
 TRN_API TrnEngine *trn_open(const TrnConfig *cfg);
 
 /* ---------------------------------------------------------------------------------------------

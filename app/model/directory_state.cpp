@@ -79,17 +79,31 @@ QString DirectoryState::failureText(const QString &engineLine)
 
 void DirectoryState::retryOpen(int attempt)
 {
-    QTimer::singleShot(kBusyRetryMs, this, [this, attempt] {
-        if (m_engine->reopen(m_openedWeights)) {
-            const TrnStats stats = m_engine->stats();
-            setStatusText(stats.chunk_count >= 1 ? countsText(stats)
-                                                 : QStringLiteral("Not indexed"));
-            return;
-        }
-        setStatusText(failureText(m_engine->lastError()));
-        if (m_engine->lastStatus() == TRN_STATUS_BUSY && attempt < kBusyRetries) {
-            retryOpen(attempt + 1);
-        }
+    std::shared_ptr<TarnwickEngine> engine = m_engine;
+    const QString weights = m_openedWeights;
+    QPointer<DirectoryState> self(this);
+    // Opening waits for the lock, so it runs off the main thread.
+    QTimer::singleShot(kBusyRetryMs, this, [engine, weights, self, attempt] {
+        runInBackground([engine, weights, self, attempt] {
+            const bool open = engine->reopen(weights);
+            const int status = engine->lastStatus();
+            const QString error = engine->lastError();
+            const TrnStats stats = engine->stats();
+            runOnMainThread([self, open, status, error, stats, attempt] {
+                if (!self) {
+                    return;
+                }
+                if (open) {
+                    self->setStatusText(stats.chunk_count >= 1 ? countsText(stats)
+                                                               : QStringLiteral("Not indexed"));
+                    return;
+                }
+                self->setStatusText(failureText(error));
+                if (status == TRN_STATUS_BUSY && attempt < kBusyRetries) {
+                    self->retryOpen(attempt + 1);
+                }
+            });
+        });
     });
 }
 
