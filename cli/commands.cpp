@@ -28,12 +28,18 @@ struct EngineCloser {
 };
 using EnginePtr = std::unique_ptr<TrnEngine, EngineCloser>;
 
-EnginePtr open_engine(const std::string &index_dir, const std::string &weights)
+// Fails with the engine's one line when the index is busy or damaged. flags: 0, or
+// TRN_OPEN_REBUILD for an index built beside the old one and swapped in by the checkpoint.
+EnginePtr open_engine(const std::string &index_dir, const std::string &weights, uint32_t flags = 0)
 {
     TrnConfig cfg{};
     cfg.index_dir = index_dir.c_str();
     cfg.weights_path = weights.empty() ? nullptr : weights.c_str();
-    return EnginePtr(trn_open(&cfg));
+    TrnEngine *e = trn_open_ex(&cfg, flags, nullptr);
+    if (e == nullptr) {
+        throw Failure(trn_last_error(nullptr));
+    }
+    return EnginePtr(e);
 }
 
 // Opens the index of root; refuses a directory that was never indexed rather than starting an
@@ -149,9 +155,10 @@ void cmd_index(const Options &o)
     std::string root = resolve_dir(o.operands[0]);
     std::string index_dir = index_dir_of(root);
     check_weights(o.weights);
-    clear_index_dir(index_dir);
+    ensure_index_dir(index_dir);
 
-    EnginePtr engine = open_engine(index_dir, o.weights);
+    // Searches keep using the old index until the new one is complete and swapped in.
+    EnginePtr engine = open_engine(index_dir, o.weights, TRN_OPEN_REBUILD);
     Progress progress{engine.get(), isatty(STDERR_FILENO) == 1};
     int32_t added = trn_ingest_dir(engine.get(),
                                    root.c_str(),
@@ -167,7 +174,7 @@ void cmd_index(const Options &o)
     }
     trn_build_doc_index(engine.get());
     if (!trn_checkpoint(engine.get())) {
-        throw Failure("cannot write the index in " + index_dir);
+        throw Failure(trn_last_error(engine.get()));
     }
     TrnStats st = trn_stats(engine.get());
     write_out(indexed_line(st.file_count, st.chunk_count, seconds_since(progress.start)));
@@ -348,16 +355,19 @@ void cmd_remove(const Options &o)
     for (size_t i = 1; i < o.operands.size(); i++) {
         std::string path = file_key(o.operands[i]);
         int32_t n = trn_remove_file(engine.get(), path.c_str());
-        if (n <= 0) {
+        if (n < 0) {
+            throw Failure(trn_last_error(engine.get()));
+        }
+        if (n == 0) {
             unknown.push_back(path);
             continue;
         }
         out += "removed " + std::to_string(n) + (n == 1 ? " chunk of " : " chunks of ")
                + display_text(path, false) + "\n";
     }
-    // Removal is durable only once the store is rewritten.
+    // Each removal is durable once logged; the checkpoint folds the log into the store.
     if (!trn_checkpoint(engine.get())) {
-        throw Failure("cannot write the index in " + index_dir_of(root));
+        throw Failure(trn_last_error(engine.get()));
     }
     write_out(out);
     if (!unknown.empty()) {
@@ -374,7 +384,7 @@ void cmd_compact(const Options &o)
     std::string root = resolve_dir(o.operands[0]);
     EnginePtr engine = open_existing(root, "");
     if (!trn_compact(engine.get())) {
-        throw Failure("cannot write the index in " + index_dir_of(root));
+        throw Failure(trn_last_error(engine.get()));
     }
     TrnStats st = trn_stats(engine.get());
     write_out("compacted: " + std::to_string(st.chunk_count) + " chunks of "

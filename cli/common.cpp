@@ -89,16 +89,10 @@ void check_weights(const std::string &weights)
     }
 }
 
-void clear_index_dir(const std::string &index_dir)
+void ensure_index_dir(const std::string &index_dir)
 {
     if (mkdir(index_dir.c_str(), 0777) != 0 && errno != EEXIST) {
         throw Failure("cannot create " + index_dir + ": " + errno_text());
-    }
-    for (const char *name : {"tarnwick.bin", "tarnwick.wal"}) {
-        std::string path = join(index_dir, name);
-        if (unlink(path.c_str()) != 0 && errno != ENOENT) {
-            throw Failure("cannot remove " + path + ": " + errno_text());
-        }
     }
 }
 

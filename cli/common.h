@@ -52,9 +52,10 @@ void require_index(const std::string &root);
 // here rather than a silent fall-back to the random encoder inside trn_open. Empty: nothing.
 void check_weights(const std::string &weights);
 
-// Creates the index directory and removes its store and log, so that indexing starts from
-// scratch: vectors of an earlier index may come from another encoder.
-void clear_index_dir(const std::string &index_dir);
+// Creates the index directory when it is missing. Indexing starts from scratch (vectors of an
+// earlier index may come from another encoder) by building beside the old index, which the
+// engine replaces only once the new one is complete.
+void ensure_index_dir(const std::string &index_dir);
 
 void write_out(const std::string &text);
 

@@ -455,12 +455,13 @@ void model_index(const Options &o)
         description = "weights " + weights;
     }
     check_weights(weights);
-    clear_index_dir(index_dir);
+    ensure_index_dir(index_dir);
     std::fprintf(stderr, "tarnwick: encoder: %s\n", display_text(description, false).c_str());
 
-    TarnwickEngine engine(path_text(root), path_text(weights));
+    // Searches keep using the old index until the new one is complete and swapped in.
+    TarnwickEngine engine(path_text(root), path_text(weights), TarnwickEngine::OpenMode::Rebuild);
     if (!engine.isOpen()) {
-        throw Failure("cannot open the index in " + index_dir);
+        throw Failure(engine.lastError().toStdString());
     }
     IndexProgress progress{&engine};
     TarnwickEngine::ProgressFn show;
@@ -478,7 +479,7 @@ void model_index(const Options &o)
         throw Failure("cannot open directory " + root);
     }
     if (!engine.checkpoint()) {
-        throw Failure("cannot write the index in " + index_dir);
+        throw Failure(engine.lastError().toStdString());
     }
     TrnStats st = engine.stats();
     write_out(indexed_line(st.file_count, st.chunk_count, seconds_since(progress.start)));
@@ -494,7 +495,7 @@ void model_prompt(const Options &o)
     const QString dir = path_text(root);
     TarnwickEngine engine(dir, path_text(weights));
     if (!engine.isOpen()) {
-        throw Failure("cannot open the index in " + index_dir_of(root));
+        throw Failure(engine.lastError().toStdString());
     }
     const QString query = QString::fromUtf8(o.operands[1]);
     const QList<SearchResult> hits =

@@ -4,9 +4,10 @@
 ** compaction of the tables after removals, statistics and the listing of a directory's files.
 **
 ** The document index is a snapshot, rebuilt at open, after compaction and when the caller asks;
-** chunks added or removed afterwards are not reflected until the next build. Removal only sets
-** the chunks' deleted flags (durable at the next checkpoint); compaction drops deleted chunks,
-** renumbers the rest densely in their old order, rebuilds the graph and checkpoints.
+** chunks added or removed afterwards are not reflected until the next build. Removal sets the
+** chunks' deleted flags once a 'D' record for the file is synced to the log; compaction drops
+** deleted chunks, renumbers the rest densely in their old order, rebuilds the graph and
+** checkpoints, holding the exclusive lock throughout.
 **
 ** Files are told apart by plain string comparison of their paths; there is no path-to-chunk map.
 ** Chunks of one file usually stand together, so a lookup first tries the file of the previous
@@ -86,7 +87,75 @@ bool list_walked_file(const char *path, const struct stat *st, void *arg)
     return true;
 }
 
+/* Drops deleted chunks, renumbering the rest, and rebuilds the graph and the document index. */
+void compact_mem(TrnEngine *e)
+{
+    if (e->deleted_count == 0) {
+        hnsw_rebuild(e);
+        return;
+    }
+    uint64_t live = e->count - e->deleted_count;
+    size_t dim = (size_t)e->dim;
+    TrnChunk *chunks = nullptr;
+    float *vectors = nullptr;
+    TrnNode *nodes = nullptr;
+    if (live > 0) {
+        chunks = static_cast<TrnChunk *>(xmalloc(xmul((size_t)live, sizeof(TrnChunk))));
+        vectors = static_cast<float *>(xmalloc(xmul(xmul((size_t)live, dim), sizeof(float))));
+        nodes = static_cast<TrnNode *>(xcalloc((size_t)live, sizeof(TrnNode)));
+    }
+    uint64_t next = 0;
+    for (uint64_t i = 0; i < e->count; i++) {
+        TrnChunk *c = &e->chunks[i];
+        if (c->deleted) {
+            free(c->text);
+            free(c->file_path);
+        } else {
+            /* The text and path pointers move with the record. */
+            chunks[next] = *c;
+            memcpy(vectors + next * dim, e->vectors + i * dim, dim * sizeof(float));
+            next++;
+        }
+        node_reset(&e->nodes[i]);
+    }
+    free(e->chunks);
+    free(e->vectors);
+    free(e->nodes);
+    e->chunks = chunks;
+    e->vectors = vectors;
+    e->nodes = nodes;
+    e->count = live;
+    e->capacity = live;
+    e->deleted_count = 0;
+    lex_free(e); /* slots were renumbered; the next search reads them afresh */
+    hnsw_rebuild(e);
+    trn_build_doc_index(e);
+}
+
 } // namespace
+
+int32_t count_file_chunks(const TrnEngine *e, const char *path)
+{
+    return (int32_t)live_chunks_of(e, path);
+}
+
+int32_t remove_file_mem(TrnEngine *e, const char *path)
+{
+    int32_t marked = 0;
+    for (uint64_t i = 0; i < e->count; i++) {
+        TrnChunk *c = &e->chunks[i];
+        if (is_live_file_chunk(c) && strcmp(c->file_path, path) == 0) {
+            c->deleted = 1;
+            e->deleted_count++;
+            marked++;
+        }
+    }
+    /* More than half of all slots deleted: searches would wade through dead nodes. */
+    if (marked > 0 && e->count < 2 * e->deleted_count) {
+        hnsw_rebuild(e);
+    }
+    return marked;
+}
 
 extern "C" {
 
@@ -179,19 +248,27 @@ int32_t trn_remove_file(TrnEngine *e, const char *path)
     if (!e || !path) {
         return 0;
     }
-    int32_t marked = 0;
-    for (uint64_t i = 0; i < e->count; i++) {
-        TrnChunk *c = &e->chunks[i];
-        if (is_live_file_chunk(c) && strcmp(c->file_path, path) == 0) {
-            c->deleted = 1;
-            e->deleted_count++;
-            marked++;
+    status_clear(e);
+    if (count_file_chunks(e, path) == 0 && !e->store_path[0]) {
+        return 0;
+    }
+    /* Counted again under the lock: another process may have added or removed the file. */
+    if (!write_begin(e)) {
+        return -1;
+    }
+    int32_t marked = count_file_chunks(e, path);
+    if (marked > 0) {
+        TrnBytes group;
+        wal_group_begin(e, &group);
+        wal_put_remove(&group, path);
+        if (wal_commit_group(e, &group)) {
+            remove_file_mem(e, path);
+            e->changed = 1;
+        } else {
+            marked = -1;
         }
     }
-    /* More than half of all slots deleted: searches would wade through dead nodes. */
-    if (marked > 0 && e->count < 2 * e->deleted_count) {
-        hnsw_rebuild(e);
-    }
+    write_end(e);
     return marked;
 }
 
@@ -200,47 +277,31 @@ int32_t trn_compact(TrnEngine *e)
     if (!e) {
         return 0;
     }
-    if (e->deleted_count == 0) {
-        hnsw_rebuild(e);
-        return trn_checkpoint(e);
+    /* The lock is held from the refresh to the commit, so no other process's change is lost. */
+    if (!write_begin(e)) {
+        return 0;
     }
-    uint64_t live = e->count - e->deleted_count;
-    size_t dim = (size_t)e->dim;
-    TrnChunk *chunks = nullptr;
-    float *vectors = nullptr;
-    TrnNode *nodes = nullptr;
-    if (live > 0) {
-        chunks = static_cast<TrnChunk *>(xmalloc(xmul((size_t)live, sizeof(TrnChunk))));
-        vectors = static_cast<float *>(xmalloc(xmul(xmul((size_t)live, dim), sizeof(float))));
-        nodes = static_cast<TrnNode *>(xcalloc((size_t)live, sizeof(TrnNode)));
+    compact_mem(e);
+    e->unsaved = 1;
+    bool ok = true;
+    if (e->store_path[0] && !e->rebuild) {
+        ok = checkpoint_locked(e);
     }
-    uint64_t next = 0;
-    for (uint64_t i = 0; i < e->count; i++) {
-        TrnChunk *c = &e->chunks[i];
-        if (c->deleted) {
-            free(c->text);
-            free(c->file_path);
-        } else {
-            /* The text and path pointers move with the record. */
-            chunks[next] = *c;
-            memcpy(vectors + next * dim, e->vectors + i * dim, dim * sizeof(float));
-            next++;
-        }
-        node_reset(&e->nodes[i]);
+    write_end(e);
+    return ok ? 1 : 0;
+}
+
+TrnFileList *trn_list_dir_files(TrnEngine *e, const char *dir)
+{
+    if (e) {
+        index_refresh_for_read(e);
     }
-    free(e->chunks);
-    free(e->vectors);
-    free(e->nodes);
-    e->chunks = chunks;
-    e->vectors = vectors;
-    e->nodes = nodes;
-    e->count = live;
-    e->capacity = live;
-    e->deleted_count = 0;
-    lex_free(e); /* slots were renumbered; the next search reads them afresh */
-    hnsw_rebuild(e);
-    trn_build_doc_index(e);
-    return trn_checkpoint(e);
+    TrnFileList *list = static_cast<TrnFileList *>(xcalloc(1, sizeof(TrnFileList)));
+    if (dir) {
+        DirListing state = {e, list, 0};
+        walk_tree(dir, list_walked_file, nullptr, &state);
+    }
+    return list;
 }
 
 TrnStats trn_stats(const TrnEngine *e)
@@ -264,16 +325,6 @@ TrnStats trn_stats(const TrnEngine *e)
         }
     }
     return s;
-}
-
-TrnFileList *trn_list_dir_files(TrnEngine *e, const char *dir)
-{
-    TrnFileList *list = static_cast<TrnFileList *>(xcalloc(1, sizeof(TrnFileList)));
-    if (dir) {
-        DirListing state = {e, list, 0};
-        walk_tree(dir, list_walked_file, nullptr, &state);
-    }
-    return list;
 }
 
 void trn_free_file_list(TrnFileList *list)

@@ -11,9 +11,10 @@
 **
 ** so a text no longer than chunk_size gives one chunk and the last bytes, fewer than step, are
 ** not indexed. Each window becomes one chunk with the key "<path>:<ordinal>" (cut at 255 bytes),
-** the 1-based line on which it starts and the file type; it is embedded, normalised, given a
-** random graph level, linked into the graph and then appended to the write-ahead log (wal.cpp),
-** so a chunk is in memory before its log record exists.
+** the 1-based line on which it starts and the file type. All windows of one text are embedded and
+** normalised first, without any lock; then, under the index's exclusive lock, they are appended to
+** the write-ahead log as one synced group (wal.cpp), and only then given random graph levels and
+** linked into the graph. A text whose group could not be written adds nothing.
 **
 ** Files larger than TRN_FILE_SIZE_MAX are skipped on their size, before a byte is read: the walk
 ** checks the size it has from stat, and read_text_file checks the open file again.
@@ -129,6 +130,7 @@ struct DirIngest {
     void *user;
     int32_t depth;
     int32_t totals[WALK_DEPTH_MAX + 1];
+    bool failed; /* a write failed (busy, damaged, full disk): every later file fails too */
 };
 
 void ingest_walked_dir(bool entering, void *arg)
@@ -147,10 +149,17 @@ void ingest_walked_dir(bool entering, void *arg)
 bool ingest_walked_file(const char *path, const struct stat *st, void *arg)
 {
     DirIngest *state = static_cast<DirIngest *>(arg);
+    if (state->failed) {
+        return false;
+    }
     if (st->st_size > TRN_FILE_SIZE_MAX || !trn_is_indexable(trn_detect_file_type(path))) {
         return true;
     }
     int32_t n = trn_ingest_file(state->e, path, state->chunk_size, state->overlap);
+    if (state->e->status != TRN_STATUS_OK) {
+        state->failed = true;
+        return false;
+    }
     int32_t *total = &state->totals[state->depth];
     *total += n > 0 ? n : 0;
     return !state->cb || state->cb(path, *total, *total, state->user);
@@ -198,25 +207,10 @@ int32_t draw_level(float level_mult)
     return (int32_t)x;
 }
 
-void add_doc_mem(TrnEngine *e, const char *doc_id, const char *text, const char *path,
-                 int32_t chunk_index, int32_t line_number, uint32_t file_type)
+void embed_chunk(TrnEngine *e, const char *text, float *v)
 {
-    ensure_cap(e, e->count + 1);
-    uint64_t slot = e->count;
-    e->count += 1;
-
-    TrnChunk *c = &e->chunks[slot];
-    snprintf(c->doc_id, sizeof c->doc_id, "%s", doc_id);
-    c->text = xstrdup(text);
-    c->file_path = path ? xstrdup(path) : nullptr;
-    c->chunk_index = chunk_index;
-    c->line_number = line_number;
-    c->file_type = file_type;
-    c->deleted = 0;
-
     /* The encoder always writes 512 floats; a handle configured with another dim keeps the
     ** leading dim of them (zero-padded), so the slot is never overrun. */
-    float *v = e->vectors + slot * (uint64_t)e->dim;
     if (e->dim == TRN_ENCODER_DIM) {
         trn_encoder_embed_text(&e->encoder, text, v);
     } else {
@@ -227,11 +221,60 @@ void add_doc_mem(TrnEngine *e, const char *doc_id, const char *text, const char 
         }
     }
     vec_normalize(v, (size_t)e->dim);
+}
 
+/* Takes the next slot and fills its record; returns the slot. */
+static uint64_t new_slot(TrnEngine *e, const char *doc_id, const char *text, const char *path,
+                         int32_t chunk_index, int32_t line_number, uint32_t file_type)
+{
+    ensure_cap(e, e->count + 1);
+    uint64_t slot = e->count;
+    e->count += 1;
+    TrnChunk *c = &e->chunks[slot];
+    snprintf(c->doc_id, sizeof c->doc_id, "%s", doc_id);
+    c->text = xstrdup(text);
+    c->file_path = path ? xstrdup(path) : nullptr;
+    c->chunk_index = chunk_index;
+    c->line_number = line_number;
+    c->file_type = file_type;
+    c->deleted = 0;
+    return slot;
+}
+
+static void link_slot(TrnEngine *e, uint64_t slot)
+{
     node_reset(&e->nodes[slot]);
     e->nodes[slot].level = draw_level(e->level_mult);
     hnsw_insert(e, (uint32_t)slot);
 }
+
+void add_doc_mem(TrnEngine *e, const char *doc_id, const char *text, const char *path,
+                 int32_t chunk_index, int32_t line_number, uint32_t file_type)
+{
+    uint64_t slot = new_slot(e, doc_id, text, path, chunk_index, line_number, file_type);
+    embed_chunk(e, text, e->vectors + slot * (uint64_t)e->dim);
+    link_slot(e, slot);
+}
+
+void add_doc_vec(TrnEngine *e, const char *doc_id, const char *text, const char *path,
+                 int32_t chunk_index, int32_t line_number, uint32_t file_type, const float *v)
+{
+    uint64_t slot = new_slot(e, doc_id, text, path, chunk_index, line_number, file_type);
+    memcpy(e->vectors + slot * (uint64_t)e->dim, v, (size_t)e->dim * sizeof(float));
+    link_slot(e, slot);
+}
+
+namespace
+{
+
+/* The windows of one text, embedded, waiting to be logged and linked. */
+struct PendingChunk {
+    char doc_id[TRN_ID_MAX];
+    char *text; /* owned */
+    int32_t line_number;
+};
+
+} // namespace
 
 int32_t chunk_and_ingest(TrnEngine *e, const char *path, const char *text, int64_t length,
                          int32_t chunk_size, int32_t overlap, TrnFileType type)
@@ -246,19 +289,20 @@ int32_t chunk_and_ingest(TrnEngine *e, const char *path, const char *text, int64
     if (step < 2) {
         step = 1;
     }
-    char *window = static_cast<char *>(xmalloc((size_t)chunk + 1));
+    std::vector<PendingChunk, XAllocator<PendingChunk>> pending;
+    std::vector<float, XAllocator<float>> vectors;
     int64_t pos = 0;
-    int32_t ordinal = 0;
     /* Line feeds before pos, counted once: pos only grows, and the count stops for good at a 0
     ** byte, which gives the same line as rescanning text[0 .. pos - 1] for every chunk. */
     int64_t scanned = 0;
     int32_t line_feeds = 0;
     bool hit_nul = false;
     for (;;) {
-        memcpy(window, text + pos, (size_t)chunk);
-        window[chunk] = '\0';
-        char doc_id[TRN_ID_MAX];
-        snprintf(doc_id, sizeof doc_id, "%s:%d", path, ordinal);
+        PendingChunk p;
+        p.text = static_cast<char *>(xmalloc((size_t)chunk + 1));
+        memcpy(p.text, text + pos, (size_t)chunk);
+        p.text[chunk] = '\0';
+        snprintf(p.doc_id, sizeof p.doc_id, "%s:%d", path, (int)pending.size());
         while (!hit_nul && scanned < pos) {
             if (text[scanned] == '\0') {
                 hit_nul = true;
@@ -267,16 +311,57 @@ int32_t chunk_and_ingest(TrnEngine *e, const char *path, const char *text, int64
             }
             scanned++;
         }
-        add_doc_mem(e, doc_id, window, path, ordinal, 1 + line_feeds, type);
-        wal_append(e, e->count - 1);
-        ordinal += 1;
+        p.line_number = 1 + line_feeds;
+        pending.push_back(p);
+        vectors.resize(pending.size() * (size_t)e->dim);
+        embed_chunk(e, p.text, vectors.data() + (pending.size() - 1) * (size_t)e->dim);
         if (pos + chunk + step > length) {
             break;
         }
         pos += step;
     }
-    free(window);
-    return ordinal;
+
+    int32_t added = -1;
+    if (write_begin(e)) {
+        TrnBytes group;
+        wal_group_begin(e, &group);
+        for (size_t i = 0; i < pending.size(); i++) {
+            wal_put_add(&group,
+                        pending[i].doc_id,
+                        pending[i].text,
+                        path,
+                        (int32_t)i,
+                        pending[i].line_number,
+                        type);
+        }
+        if (wal_commit_group(e, &group)) {
+            for (size_t i = 0; i < pending.size(); i++) {
+                add_doc_vec(e,
+                            pending[i].doc_id,
+                            pending[i].text,
+                            path,
+                            (int32_t)i,
+                            pending[i].line_number,
+                            type,
+                            vectors.data() + i * (size_t)e->dim);
+            }
+            added = (int32_t)pending.size();
+            e->changed = 1;
+            if (e->wal) {
+                e->wal_chunks += pending.size();
+                /* Bounds what a reopen after a crash re-embeds; a failure leaves the log whole. */
+                if (e->wal_chunks >= g_checkpoint_chunks) {
+                    checkpoint_locked(e);
+                    status_clear(e);
+                }
+            }
+        }
+        write_end(e);
+    }
+    for (PendingChunk &p : pending) {
+        free(p.text);
+    }
+    return added;
 }
 
 char *read_text_file(const char *path, uint64_t *out_length)
@@ -470,10 +555,11 @@ int32_t trn_ingest_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
     if (!e || !dir) {
         return -1;
     }
+    status_clear(e);
     DirIngest *state = static_cast<DirIngest *>(xcalloc(1, sizeof(DirIngest)));
-    *state = DirIngest{e, chunk_size, overlap, cb, user, 0, {}};
+    *state = DirIngest{e, chunk_size, overlap, cb, user, 0, {}, false};
     int32_t rc = walk_tree(dir, ingest_walked_file, ingest_walked_dir, state);
-    int32_t total = rc == 0 ? state->totals[0] : -1;
+    int32_t total = rc == 0 && !state->failed ? state->totals[0] : -1;
     free(state);
     return total;
 }

@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <new>
+#include <vector>
 
 /* ---------------------------------------------------------------------------------------------
 ** Allocation (alloc.cpp). None of these returns NULL: on failure oom_abort() prints
@@ -95,6 +96,11 @@ constexpr int TRN_WALK_MAX = 1024;   /* paths built during a directory walk */
 constexpr int TRN_MAX_RESULTS = 64;  /* results per trn_search */
 constexpr int TRN_SNIPPET_MAX = 300; /* bytes of a snippet, without its NUL */
 constexpr uint32_t TRN_WAL_ID_LIMIT = 4096;
+constexpr size_t TRN_COMMIT_SIZE = 48; /* bytes of the commit record (commit.cpp) */
+constexpr int TRN_ERROR_MAX = 1200;    /* trn_last_error's message, with its NUL */
+/* A normal handle checkpoints once its log holds this many chunks, so reopening after a crash
+** re-embeds at most this many (g_checkpoint_chunks, a test hook, starts at this value). */
+constexpr uint64_t TRN_CHECKPOINT_CHUNKS = 4096;
 
 struct TrnChunk {
     char doc_id[TRN_ID_MAX];
@@ -126,6 +132,18 @@ struct TrnGraphScratch;
 
 /* Terms, postings and chunk lengths of the word index (lexical.cpp). */
 struct TrnLexical;
+/* What identifies the committed state of an index directory: the commit record's bytes and the
+** identity of the store and the log. A handle compares it with what it saw when it last loaded,
+** to notice that another process committed. */
+struct TrnDiskView {
+    uint8_t commit[TRN_COMMIT_SIZE + 1]; /* one byte more, so a longer file is noticed */
+    uint32_t commit_len;                 /* bytes read; 0 without a commit record */
+    uint8_t has_commit, has_store, has_wal;
+    uint64_t store_ino, store_size;
+    int64_t store_mtime_ns;
+    uint64_t wal_ino, wal_size;
+    int64_t wal_mtime_ns;
+};
 
 struct TrnEngine {
     TrnChunk *chunks;  /* capacity slots */
@@ -143,7 +161,7 @@ struct TrnEngine {
     uint64_t deleted_count;
     char store_path[TRN_PATH_MAX]; /* empty for an in-memory engine */
     char wal_path[TRN_PATH_MAX];
-    FILE *wal; /* open for appending, or NULL */
+    FILE *wal; /* the log, open for appending, or NULL; written with write(2) and fsync(2) only */
     TrnEncoder encoder;
     uint8_t weights_loaded;
 
@@ -163,6 +181,25 @@ struct TrnEngine {
 
     /* word index of the live chunks (lexical.cpp); NULL until the first lex_sync */
     TrnLexical *lexical;
+    /* durability (commit.cpp); all zero for an in-memory handle */
+    int lock_fd; /* tarnwick.lock, valid when lock_open */
+    uint8_t lock_open;
+    uint8_t rebuild;           /* built in memory, swapped in by the next checkpoint */
+    int32_t refused;           /* a status other than TRN_STATUS_OK: every write fails with it */
+    int32_t status;            /* of the last call that failed, or TRN_STATUS_OK */
+    char error[TRN_ERROR_MAX]; /* its message; empty with TRN_STATUS_OK */
+    TrnDiskView seen;          /* the directory as this handle last loaded or wrote it */
+    uint8_t has_commit;        /* the loaded state came with a commit record */
+    uint64_t generation;       /* generation of the loaded store; 0 without a commit record */
+    uint8_t store_present;     /* the loaded store existed, with this size and checksum */
+    uint64_t store_size;
+    uint32_t store_crc;
+    uint64_t wal_end;    /* end of the last whole group of the log, read or written */
+    uint64_t wal_chunks; /* chunks logged since the last checkpoint */
+    uint8_t wal_legacy;  /* the log holds records of an older version (no groups) */
+    uint8_t wal_stale;   /* the log belongs to an older generation and is ignored */
+    uint8_t changed;     /* memory holds what the store does not (log replayed, writes) */
+    uint8_t unsaved;     /* memory holds what neither the store nor the log does */
 };
 
 /* ---------------------------------------------------------------------------------------------
@@ -171,14 +208,76 @@ struct TrnEngine {
 /* Loads a store file into an empty handle; a bad magic or version leaves the handle empty. Reads
 ** never run past the file and never allocate more than it could hold. */
 void store_load(TrnEngine *e, const char *path);
-/* Replays the log at path into the handle (e->wal must be NULL). Stops quietly at a torn or
-** unreadable record and cuts the file back to the end of the last whole record, so records
-** appended afterwards are found by the next replay. */
-void wal_replay(TrnEngine *e, const char *path);
-/* Appends one 'A' record for chunk slot i and flushes. Nothing when e->wal is NULL. */
-void wal_append(TrnEngine *e, uint64_t slot);
+/* Loads size bytes of a store file into an empty handle, as store_load does. */
+void store_load_bytes(TrnEngine *e, const uint8_t *bytes, size_t size);
+/* Writes the store to a temporary file, commits it (commit record, rename) and empties the log.
+** The caller holds the exclusive lock and has refreshed the handle. Returns false, with the
+** handle's status set and the directory at its last committed state, on failure. */
+bool checkpoint_locked(TrnEngine *e);
+/* Replays the log at path into the handle from offset from (0, or the end of a group already
+** replayed), reading only. A log of an older version is replayed record by record up to a torn
+** tail; a grouped log group by group, up to the last whole group. Sets wal_end, wal_chunks,
+** wal_legacy and wal_stale. Returns false when a group before the last fails its checksum.
+** Without apply the records are only checked. */
+bool wal_replay(TrnEngine *e, const char *path, uint64_t from = 0, bool apply = true);
+/* Byte buffer of records to append as one group. */
+using TrnBytes = std::vector<uint8_t, XAllocator<uint8_t>>;
+/* Appends the 'G' record when the log is empty, so a group can follow. */
+void wal_group_begin(const TrnEngine *e, TrnBytes *group);
+/* Appends an 'A' record for one chunk. */
+void wal_put_add(TrnBytes *group, const char *doc_id, const char *text, const char *path,
+                 int32_t chunk_index, int32_t line_number, uint32_t file_type);
+/* Appends a 'D' record: every chunk of path is removed. */
+void wal_put_remove(TrnBytes *group, const char *path);
+/* Ends the group with its 'C' record, writes it to the log and syncs the log. On failure cuts
+** the log back to where the group began, sets the status and returns false. Nothing is written
+** and true returned when the handle keeps no log. */
+bool wal_commit_group(TrnEngine *e, TrnBytes *group);
 /* Frees a node's neighbour lists and zeroes it (level 0). */
 void node_reset(TrnNode *node);
+
+/* ---------------------------------------------------------------------------------------------
+** Durability (commit.cpp): the lock, the commit record and staying in step with other processes
+*/
+/* How long a write waits for the lock, in milliseconds; TRN_BUSY_TIMEOUT_MS. Test hook. */
+extern int g_busy_timeout_ms;
+/* Logged chunks that make a normal handle checkpoint; TRN_CHECKPOINT_CHUNKS. Test hook. */
+extern uint64_t g_checkpoint_chunks;
+/* CRC-32 (zlib's) of n bytes, continuing crc (0 to start). */
+uint32_t crc32_update(uint32_t crc, const void *p, size_t n);
+/* Fills out with the path of name in the handle's index directory. */
+void index_file_path(const TrnEngine *e, const char *name, char *out, size_t size);
+/* Sets the status and message of the handle for the operation that met the failure; returns
+** false. io_error is errno for TRN_STATUS_IO_ERROR, else 0. */
+bool fail_status(TrnEngine *e, int32_t status, int io_error);
+void status_clear(TrnEngine *e);
+/* Takes the lock (LOCK_SH or LOCK_EX), waiting up to timeout_ms. False when it stays busy. */
+bool lock_take(TrnEngine *e, int op, int timeout_ms);
+void lock_release(TrnEngine *e);
+/* Reads the directory's identity. */
+void disk_view_read(const TrnEngine *e, TrnDiskView *v);
+/* True when nothing was committed between the two views. */
+bool disk_view_unchanged(const TrnDiskView *a, const TrnDiskView *b);
+/* Loads the committed state into an empty handle (lock held). False when it is damaged. Without
+** replay the log is checked but not applied. */
+bool index_load(TrnEngine *e, bool replay = true);
+/* Brings the handle up to the committed state (lock held): replays groups other processes
+** appended, or reloads everything after another process's checkpoint. False when damaged. */
+bool index_refresh_locked(TrnEngine *e);
+/* Before a read: refreshes the handle when another process committed, waiting briefly for the
+** shared lock (a busy index is read as it was). */
+void index_refresh_for_read(TrnEngine *e);
+/* Starts a write: takes the exclusive lock, refreshes, brings the log to a state it can be
+** appended to. False, with the status set and no lock held, when the write cannot go ahead.
+** Handles without files (in memory, rebuilding) take no lock and always succeed. */
+bool write_begin(TrnEngine *e);
+void write_end(TrnEngine *e);
+/* Swaps a rebuilt handle in as the directory's index (trn_checkpoint of a rebuild handle). */
+bool rebuild_swap(TrnEngine *e);
+/* Moves the files of a damaged index aside ("<name>.damaged-<time>"), never over another. */
+void keep_damaged_aside(TrnEngine *e);
+/* Makes a rename inside the directory of path durable. Returns false when the sync failed. */
+bool sync_parent_dir(const char *path);
 
 /* ---------------------------------------------------------------------------------------------
 ** Ingestion (ingest.cpp)
@@ -186,6 +285,16 @@ void node_reset(TrnNode *node);
 void ensure_cap(TrnEngine *e, uint64_t n);
 void add_doc_mem(TrnEngine *e, const char *doc_id, const char *text, const char *path,
                  int32_t chunk_index, int32_t line_number, uint32_t file_type);
+/* As add_doc_mem with the vector already embedded and normalised (dim floats). */
+void add_doc_vec(TrnEngine *e, const char *doc_id, const char *text, const char *path,
+                 int32_t chunk_index, int32_t line_number, uint32_t file_type, const float *v);
+/* Embeds text into v (dim floats) and normalises it, as add_doc_mem does. */
+void embed_chunk(TrnEngine *e, const char *text, float *v);
+/* Marks the live chunks of path deleted (rebuilding the graph when more than half of the slots
+** are deleted) and returns how many; writes nothing. */
+int32_t remove_file_mem(TrnEngine *e, const char *path);
+/* Number of live chunks of path. */
+int32_t count_file_chunks(const TrnEngine *e, const char *path);
 int32_t chunk_and_ingest(TrnEngine *e, const char *path, const char *text, int64_t length,
                          int32_t chunk_size, int32_t overlap, TrnFileType type);
 char *read_text_file(const char *path, uint64_t *out_length);

@@ -518,6 +518,7 @@ int32_t trn_search(TrnEngine *e, const char *query, int32_t mode, int32_t k, Trn
     if (!e || !query || !results || k < 1) {
         return 0;
     }
+    index_refresh_for_read(e);
     int32_t kk = k < TRN_MAX_RESULTS ? k : TRN_MAX_RESULTS;
     switch (mode) {
     case TRN_SEARCH_SEMANTIC:

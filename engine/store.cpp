@@ -34,19 +34,21 @@
 ** records read before it. A level above 31 also ends the load. Neighbour indices that do not name
 ** a loaded chunk are dropped, and the entry point is checked against what was loaded.
 **
-** A checkpoint writes the same bytes to "tarnwick.bin.tmp" in the index directory, syncs it and
-** renames it over the store before it empties the log, so a crash in the middle of a checkpoint
-** leaves either the old store with its full log or the new store (with the log, whose chunks the
-** next open adds a second time).
+** A checkpoint writes the same bytes to a temporary file from mkstemp ("tarnwick.bin.XXXXXX") in
+** the index directory, syncs it, commits it with the commit record and renames it over the store
+** before it empties the log (commit.cpp gives the order and why a crash at any step leaves the
+** state before or after the checkpoint). Nothing here writes when the handle changed nothing.
 */
 #include "internal.h"
 
 #include <bit>
+#include <cerrno>
 #include <cmath>
 #include <cstring>
 #include <ctime>
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -227,6 +229,9 @@ void repair_graph(TrnEngine *e, int32_t stored_entry)
 
 void load_from_bytes(TrnEngine *e, const uint8_t *bytes, size_t size)
 {
+    if (size < STORE_HEADER_SIZE) {
+        return;
+    }
     Cursor cur = {bytes, size};
     char magic[4];
     uint32_t version = 0;
@@ -292,6 +297,11 @@ void load_from_bytes(TrnEngine *e, const uint8_t *bytes, size_t size)
 
 } // namespace
 
+void store_load_bytes(TrnEngine *e, const uint8_t *bytes, size_t size)
+{
+    load_from_bytes(e, bytes, size);
+}
+
 void node_reset(TrnNode *node)
 {
     for (int l = 0; l < TRN_MAX_LEVELS; l++) {
@@ -325,74 +335,71 @@ void store_load(TrnEngine *e, const char *path)
 namespace
 {
 
-/* Writes n bytes; remembers the first failure in *ok. */
-void put(FILE *f, const void *p, size_t n, bool *ok)
+/* The store being written: the first failure (with its errno), the bytes so far and their
+** CRC-32, which the commit record keeps. */
+struct StoreOut {
+    FILE *f;
+    bool ok;
+    int err;
+    uint64_t size;
+    uint32_t crc;
+};
+
+void put(StoreOut *o, const void *p, size_t n)
 {
-    if (n > 0 && fwrite(p, 1, n, f) != n) {
-        *ok = false;
+    if (n == 0 || !o->ok) {
+        return;
     }
+    if (fwrite(p, 1, n, o->f) != n) {
+        o->ok = false;
+        o->err = errno ? errno : EIO;
+        return;
+    }
+    o->crc = crc32_update(o->crc, p, n);
+    o->size += n;
 }
 
 template <typename T>
-void put_value(FILE *f, T value, bool *ok)
+void put_value(StoreOut *o, T value)
 {
-    put(f, &value, sizeof value, ok);
+    put(o, &value, sizeof value);
 }
 
-void put_string(FILE *f, const char *s, bool *ok)
+void put_string(StoreOut *o, const char *s)
 {
     uint32_t n = s ? (uint32_t)strlen(s) : 0;
-    put_value(f, n, ok);
-    put(f, s, n, ok);
+    put_value(o, n);
+    put(o, s, n);
 }
 
-bool write_store(const TrnEngine *e, FILE *f)
+void write_store(const TrnEngine *e, StoreOut *o)
 {
-    bool ok = true;
-    put(f, "TRNW", 4, &ok);
-    put_value(f, STORE_VERSION, &ok);
-    put_value(f, e->dim, &ok);
-    put_value(f, e->M, &ok);
-    put_value(f, e->ef_construction, &ok);
-    put_value(f, e->ef_search, &ok);
-    put_value(f, e->entry_point, &ok);
-    put_value(f, e->max_level, &ok);
-    put_value(f, e->level_mult, &ok);
-    put_value(f, (uint32_t)e->count, &ok);
-    for (uint64_t i = 0; i < e->count && ok; i++) {
+    put(o, "TRNW", 4);
+    put_value(o, STORE_VERSION);
+    put_value(o, e->dim);
+    put_value(o, e->M);
+    put_value(o, e->ef_construction);
+    put_value(o, e->ef_search);
+    put_value(o, e->entry_point);
+    put_value(o, e->max_level);
+    put_value(o, e->level_mult);
+    put_value(o, (uint32_t)e->count);
+    for (uint64_t i = 0; i < e->count && o->ok; i++) {
         const TrnChunk *c = &e->chunks[i];
         const TrnNode *node = &e->nodes[i];
-        put_string(f, c->doc_id, &ok);
-        put_string(f, c->text, &ok);
-        put_string(f, c->file_path, &ok);
-        put_value(f, c->chunk_index, &ok);
-        put_value(f, c->line_number, &ok);
-        put_value(f, c->file_type, &ok);
-        put_value(f, c->deleted, &ok);
-        put(f, e->vectors + i * (uint64_t)e->dim, (size_t)e->dim * sizeof(float), &ok);
-        put_value(f, node->level, &ok);
+        put_string(o, c->doc_id);
+        put_string(o, c->text);
+        put_string(o, c->file_path);
+        put_value(o, c->chunk_index);
+        put_value(o, c->line_number);
+        put_value(o, c->file_type);
+        put_value(o, c->deleted);
+        put(o, e->vectors + i * (uint64_t)e->dim, (size_t)e->dim * sizeof(float));
+        put_value(o, node->level);
         for (int32_t l = 0; l <= node->level && l < TRN_MAX_LEVELS; l++) {
-            put_value(f, (uint32_t)node->count[l], &ok);
-            put(f, node->neighbors[l], (size_t)node->count[l] * sizeof(uint32_t), &ok);
+            put_value(o, (uint32_t)node->count[l]);
+            put(o, node->neighbors[l], (size_t)node->count[l] * sizeof(uint32_t));
         }
-    }
-    return ok;
-}
-
-/* Makes a rename inside the directory of path durable. */
-void sync_parent_dir(const char *path)
-{
-    char dir[TRN_PATH_MAX];
-    snprintf(dir, sizeof dir, "%s", path);
-    char *slash = strrchr(dir, '/');
-    if (!slash) {
-        return;
-    }
-    *slash = '\0';
-    int fd = open(dir[0] ? dir : "/", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd >= 0) {
-        fsync(fd);
-        close(fd);
     }
 }
 
@@ -415,19 +422,19 @@ void free_slots(TrnEngine *e)
 
 } // namespace
 
-extern "C" {
+bool commit_write(TrnEngine *e, uint64_t store_size, uint32_t store_crc);
+void remove_stale_temps(const TrnEngine *e);
 
-const char *trn_version(void)
+namespace
 {
-    return "1.23.0";
-}
 
-TrnEngine *trn_open(const TrnConfig *cfg)
+/* The message of the last trn_open_ex that returned NULL (process-wide, as documented). */
+char g_open_error[TRN_ERROR_MAX];
+int32_t g_open_status;
+
+/* Everything but the files: the handle as trn_open leaves it before loading. */
+TrnEngine *engine_new(const TrnConfig *cfg)
 {
-    static const TrnConfig defaults = {nullptr, nullptr, 0, 0, 0, 0};
-    if (!cfg) {
-        cfg = &defaults;
-    }
     TrnEngine *e = static_cast<TrnEngine *>(xcalloc(1, sizeof(TrnEngine)));
     e->dim = cfg->dim > 0 ? cfg->dim : DEFAULT_DIM;
     e->M = cfg->M > 0 ? cfg->M : DEFAULT_M;
@@ -436,7 +443,6 @@ TrnEngine *trn_open(const TrnConfig *cfg)
     e->entry_point = -1;
     e->max_level = -1;
     e->level_mult = level_mult_for(e->M);
-
     ensure_cap(e, 64);
 
     /* The graph's level draws use the process-wide rand(); every open reseeds it. */
@@ -451,14 +457,36 @@ TrnEngine *trn_open(const TrnConfig *cfg)
                 stderr, "tarnwick: using random encoder (no weights at %s)\n", cfg->weights_path);
         }
     }
+    return e;
+}
 
+/* Opens the handle on its files. Returns the handle always; with a status other than OK it is
+** empty and refuses writes. */
+TrnEngine *engine_open(const TrnConfig *cfg, uint32_t flags, int32_t *status)
+{
+    static const TrnConfig defaults = {nullptr, nullptr, 0, 0, 0, 0};
+    if (!cfg) {
+        cfg = &defaults;
+    }
+    TrnEngine *e = engine_new(cfg);
+    *status = TRN_STATUS_OK;
     if (cfg->index_dir && cfg->index_dir[0]) {
         snprintf(e->store_path, sizeof e->store_path, "%s/tarnwick.bin", cfg->index_dir);
         snprintf(e->wal_path, sizeof e->wal_path, "%s/tarnwick.wal", cfg->index_dir);
-        store_load(e, e->store_path);
-        /* wal is still NULL while replaying, so replayed chunks are not logged a second time. */
-        wal_replay(e, e->wal_path);
-        e->wal = private_fopen(e->wal_path, "ab");
+        if (flags & TRN_OPEN_REBUILD) {
+            e->rebuild = 1;
+        } else if (!lock_take(e, LOCK_SH, g_busy_timeout_ms)) {
+            fail_status(e, TRN_STATUS_BUSY, 0);
+        } else {
+            /* wal is still NULL while replaying, so replayed chunks are not logged again. */
+            index_load(e);
+            lock_release(e);
+        }
+        if (e->status != TRN_STATUS_OK) {
+            *status = e->status;
+            e->refused = e->status;
+            return e;
+        }
     }
     lex_sync(e);
 
@@ -472,52 +500,8 @@ TrnEngine *trn_open(const TrnConfig *cfg)
     return e;
 }
 
-int32_t trn_checkpoint(TrnEngine *e)
+void engine_free(TrnEngine *e)
 {
-    if (!e) {
-        return 0;
-    }
-    if (e->store_path[0] == '\0') {
-        return 1;
-    }
-    char tmp[TRN_PATH_MAX + 8];
-    snprintf(tmp, sizeof tmp, "%s.tmp", e->store_path);
-    FILE *f = private_fopen(tmp, "wb");
-    if (!f) {
-        return 0;
-    }
-    setvbuf(f, nullptr, _IOFBF, 1 << 20);
-    /* A store that could not be written completely never replaces the previous one, and the log
-    ** that completes the previous one stays. */
-    bool ok = write_store(e, f);
-    ok = ok && fflush(f) == 0 && fsync(fileno(f)) == 0;
-    if (fclose(f) != 0) {
-        ok = false;
-    }
-    if (!ok || rename(tmp, e->store_path) != 0) {
-        remove(tmp);
-        return 0;
-    }
-    sync_parent_dir(e->store_path);
-
-    if (e->wal) {
-        fclose(e->wal);
-        e->wal = nullptr;
-    }
-    FILE *empty = private_fopen(e->wal_path, "wb");
-    if (empty) {
-        fclose(empty);
-    }
-    e->wal = private_fopen(e->wal_path, "ab");
-    return 1;
-}
-
-void trn_close(TrnEngine *e)
-{
-    if (!e) {
-        return;
-    }
-    trn_checkpoint(e);
     trn_free_doc_index(e);
     lex_free(e);
     free_slots(e);
@@ -525,9 +509,198 @@ void trn_close(TrnEngine *e)
         fclose(e->wal);
         e->wal = nullptr;
     }
+    if (e->lock_open) {
+        close(e->lock_fd);
+    }
     trn_encoder_free(&e->encoder);
     hnsw_free_scratch(e);
     free(e);
+}
+
+/* Empties the log (a stale log, or one whose chunks the new store holds) and syncs it. */
+bool empty_log(TrnEngine *e)
+{
+    int fd = e->wal ? fileno(e->wal) : open(e->wal_path, O_WRONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return errno == ENOENT ? true : fail_status(e, TRN_STATUS_IO_ERROR, errno);
+    }
+    bool ok = ftruncate(fd, 0) == 0 && fsync(fd) == 0;
+    int err = errno;
+    if (!e->wal) {
+        close(fd);
+    }
+    return ok ? true : fail_status(e, TRN_STATUS_IO_ERROR, err);
+}
+
+} // namespace
+
+bool checkpoint_locked(TrnEngine *e)
+{
+    /* The store already holds everything: a reader's checkpoint writes nothing. */
+    if (e->has_commit && !e->wal_legacy && !e->wal_stale && e->wal_end == 0 && !e->unsaved
+        && e->seen.wal_size == 0) {
+        e->changed = 0;
+        return true;
+    }
+    remove_stale_temps(e);
+    char tmp[TRN_PATH_MAX + 16];
+    snprintf(tmp, sizeof tmp, "%s.XXXXXX", e->store_path);
+    int fd = mkstemp(tmp);
+    if (fd < 0) {
+        return fail_status(e, TRN_STATUS_IO_ERROR, errno);
+    }
+    FILE *f = fdopen(fd, "wb");
+    if (!f) {
+        int err = errno;
+        close(fd);
+        unlink(tmp);
+        return fail_status(e, TRN_STATUS_IO_ERROR, err);
+    }
+    setvbuf(f, nullptr, _IOFBF, 1 << 20);
+    /* A store that could not be written completely never replaces the previous one, and the log
+    ** that completes the previous one stays. */
+    StoreOut out = {f, true, 0, 0, 0};
+    write_store(e, &out);
+    if (out.ok && (fflush(f) != 0 || fsync(fd) != 0)) {
+        out.ok = false;
+        out.err = errno;
+    }
+    if (fclose(f) != 0 && out.ok) {
+        out.ok = false;
+        out.err = errno;
+    }
+    if (!out.ok) {
+        unlink(tmp);
+        return fail_status(e, TRN_STATUS_IO_ERROR, out.err ? out.err : EIO);
+    }
+    if (!commit_write(e, out.size, out.crc)) {
+        unlink(tmp);
+        return false;
+    }
+    /* From here the commit record names the new store; until the rename below completes, the
+    ** old store is still accepted as the previous generation with its log. */
+    if (rename(tmp, e->store_path) != 0) {
+        int err = errno;
+        unlink(tmp);
+        return fail_status(e, TRN_STATUS_IO_ERROR, err);
+    }
+    bool synced = sync_parent_dir(e->store_path);
+    int err = errno;
+    e->has_commit = 1;
+    e->generation += 1;
+    e->store_present = 1;
+    e->store_size = out.size;
+    e->store_crc = out.crc;
+    e->unsaved = 0;
+    e->changed = 0;
+    e->wal_legacy = 0;
+    e->wal_stale = 1; /* until it is emptied below */
+    if (!synced) {
+        return fail_status(e, TRN_STATUS_IO_ERROR, err);
+    }
+    if (!empty_log(e)) {
+        return false;
+    }
+    e->wal_stale = 0;
+    e->wal_end = 0;
+    e->wal_chunks = 0;
+    disk_view_read(e, &e->seen);
+    return true;
+}
+
+extern "C" {
+
+const char *trn_version(void)
+{
+    return "1.23.0";
+}
+
+TrnEngine *trn_open(const TrnConfig *cfg)
+{
+    int32_t status = TRN_STATUS_OK;
+    TrnEngine *e = engine_open(cfg, 0, &status);
+    if (status != TRN_STATUS_OK) {
+        fprintf(stderr, "tarnwick: %s\n", e->error);
+    }
+    return e;
+}
+
+TrnEngine *trn_open_ex(const TrnConfig *cfg, uint32_t flags, int32_t *status)
+{
+    int32_t got = TRN_STATUS_OK;
+    TrnEngine *e = engine_open(cfg, flags, &got);
+    if (status) {
+        *status = got;
+    }
+    if (got != TRN_STATUS_OK) {
+        snprintf(g_open_error, sizeof g_open_error, "%s", e->error);
+        g_open_status = got;
+        engine_free(e);
+        return nullptr;
+    }
+    return e;
+}
+
+int32_t trn_last_status(const TrnEngine *e)
+{
+    return e ? e->status : g_open_status;
+}
+
+const char *trn_last_error(const TrnEngine *e)
+{
+    return e ? e->error : g_open_error;
+}
+
+int32_t trn_checkpoint(TrnEngine *e)
+{
+    if (!e) {
+        return 0;
+    }
+    status_clear(e);
+    if (e->store_path[0] == '\0') {
+        return 1;
+    }
+    if (e->refused) {
+        return fail_status(e, e->refused, 0) ? 1 : 0;
+    }
+    if (e->rebuild) {
+        return rebuild_swap(e) ? 1 : 0;
+    }
+    if (!lock_take(e, LOCK_EX, g_busy_timeout_ms)) {
+        return fail_status(e, TRN_STATUS_BUSY, 0) ? 1 : 0;
+    }
+    /* Changes of other processes come in first, so their commits are never written over. A
+    ** reload loses nothing of this handle's own: its ingestions and removals are in the log. */
+    bool unsaved = e->unsaved;
+    bool ok = index_refresh_locked(e);
+    if (ok) {
+        e->unsaved = e->unsaved || unsaved;
+        ok = checkpoint_locked(e);
+    } else {
+        e->refused = e->status;
+    }
+    lock_release(e);
+    return ok ? 1 : 0;
+}
+
+void trn_close(TrnEngine *e)
+{
+    if (!e) {
+        return;
+    }
+    /* Only a handle holding what the store lacks writes, and only when the lock is free at once
+    ** and no other process committed since (that process's own close or checkpoint will fold
+    ** the log; the log keeps everything meanwhile). */
+    if (e->store_path[0] && !e->rebuild && !e->refused && (e->changed || e->unsaved)
+        && lock_take(e, LOCK_EX, 0)) {
+        TrnDiskView v;
+        disk_view_read(e, &v);
+        if (disk_view_unchanged(&v, &e->seen)) {
+            checkpoint_locked(e);
+        }
+        lock_release(e);
+    }
+    engine_free(e);
 }
 
 } /* extern "C" */

@@ -262,18 +262,77 @@ typedef struct TrnFileList {
 typedef bool (*TrnProgressFn)(const char *path, int32_t done, int32_t total, void *user);
 
 /* Opens an engine on cfg->index_dir (which must exist; the engine never creates directories):
-** loads the store file, replays the log, opens the log for appending and builds the document
-** index. A missing or unreadable store or log is not an error. Prints "tarnwick: opened (N docs,
-** dim=D)" and, when weights_path is given, whether the weights loaded. Reseeds rand() with the
-** time. Never returns NULL; close with trn_close. */
+** loads the store file, replays the log and builds the document index. A missing store or log
+** is not an error. Prints "tarnwick: opened (N docs, dim=D)" and, when weights_path is given,
+** whether the weights loaded. Reseeds rand() with the time. Re-embedding 256 or more logged
+** chunks (after a crash) prints "tarnwick: recovering N chunks from the log" and then, every
+** two seconds, "tarnwick: recovered D of N chunks"; a normal handle checkpoints after every 4096
+** logged chunks, which bounds N. Never returns NULL; close with trn_close. When the index is
+** busy or damaged (see trn_open_ex) it prints the one line of trn_last_error and returns an
+** empty handle whose writes all fail with that status. */
 TRN_API TrnEngine *trn_open(const TrnConfig *cfg);
 
-/* Checkpoints, then frees everything. The index directory then holds a fresh store file and an
-** empty log. NULL is ignored. */
+/* ---------------------------------------------------------------------------------------------
+** Sharing an index directory, crashes and damage
+**
+** Beside the store and the log the index directory holds "tarnwick.lock" (flock: many readers
+** or one writer at a time) and "tarnwick.commit", a 48-byte record that ties the store (by size
+** and CRC-32) to the log. Every write is committed whole: a crash at any point leaves the state
+** before or after the operation. Opening reads only: a handle that changed nothing leaves every
+** file as it was, also at trn_close.
+**
+** Each operation locks on its own: loading takes the shared lock, each ingested file, removal,
+** compaction and checkpoint the exclusive one. A handle that finds another process committed
+** since it loaded reloads before it writes and at its next trn_search or trn_list_dir_files,
+** which invalidates the pointers of earlier results. A lock held by another process is waited
+** for TRN_BUSY_TIMEOUT_MS milliseconds; then the call fails with TRN_STATUS_BUSY.
+*/
+
+/* Status of the last failed call, from trn_last_status. */
+enum {
+    TRN_STATUS_OK = 0,
+    TRN_STATUS_BUSY = 1,     /* another process held the index longer than the timeout */
+    TRN_STATUS_DAMAGED = 2,  /* the store or log fails its checksum; nothing is written */
+    TRN_STATUS_IO_ERROR = 3, /* a write or sync failed (a full disk): the operation is undone */
+    TRN_BUSY_TIMEOUT_MS = 5000
+};
+
+/* Flags of trn_open_ex. */
+enum {
+    /* Loads nothing and writes nothing until trn_checkpoint, which replaces the directory's
+    ** index with the handle's as one commit (moving a damaged index aside first). A handle
+    ** closed before that leaves the old index as it was. Ingestion is not logged. */
+    TRN_OPEN_REBUILD = 1
+};
+
+/* Opens an engine as trn_open does. Returns NULL, with *status (when status is not NULL) set
+** to TRN_STATUS_BUSY or TRN_STATUS_DAMAGED and trn_last_error(NULL) saying why in one line, when
+** the index is busy for longer than the timeout or damaged; else the handle, with *status
+** TRN_STATUS_OK. Prints nothing for those failures. flags: 0 or TRN_OPEN_REBUILD. */
+TRN_API TrnEngine *trn_open_ex(const TrnConfig *cfg, uint32_t flags, int32_t *status);
+
+/* TRN_STATUS_OK, or the status of the last call on e that failed: an ingestion returning -1, a
+** removal returning -1, a checkpoint or compaction returning 0. A later call that succeeds
+** clears it. With e NULL: the status of the last trn_open_ex in the process that returned NULL. */
+TRN_API int32_t trn_last_status(const TrnEngine *e);
+
+/* One line without the "tarnwick: " prefix for the last failure that trn_last_status reports,
+** or "" when there is none. Busy: "the index of DIR is busy: another Tarnwick is updating it";
+** damaged: "the index of DIR is damaged; rebuild it with tarnwick-cli index DIR"; I/O: "cannot
+** write the index of DIR: <reason>". DIR is the indexed directory (the parent of an index
+** directory named ".tarnwick"). The text belongs to the engine (to the process for e NULL) and
+** stays until the next call on e (the next trn_open_ex). */
+TRN_API const char *trn_last_error(const TrnEngine *e);
+
+/* Checkpoints when the handle holds anything the store does not (the lock permitting at once),
+** then frees everything. A handle that changed nothing writes nothing; a rebuilding handle that
+** was never checkpointed discards its work. NULL is ignored. */
 TRN_API void trn_close(TrnEngine *e);
 
-/* Writes the whole index to the store file and empties the log. Returns 1 on success or for an
-** in-memory engine, 0 when the store file cannot be created (the log is then left untouched). */
+/* Writes the whole index to a new store file, commits it and empties the log. Writes nothing
+** when the store already holds everything. Returns 1 on success or for an in-memory engine, 0
+** when the index is busy, damaged or cannot be written (the previous store, log and commit
+** record then stay as they were; see trn_last_error). */
 TRN_API int32_t trn_checkpoint(TrnEngine *e);
 
 /* Returns the static version string "1.23.0". */
@@ -295,15 +354,17 @@ enum { TRN_CHUNK_SIZE_MIN = 64, TRN_CHUNK_SIZE_MAX = 65536 };
 TRN_API int32_t trn_check_chunking(int32_t chunk_size, int32_t overlap, char *message, size_t size);
 
 /* Cuts text into windows of min(strlen(text), chunk_size) bytes that start every
-** (window - overlap) bytes (at least 1), embeds each, links it into the graph and appends it to
-** the log. The file type comes from trn_detect_file_type(path). Returns the number of chunks
-** added, 0 for an empty text, -1 when path or text is NULL. */
+** (window - overlap) bytes (at least 1), embeds each, appends them to the log as one group that
+** is synced, then links them into the graph. The file type comes from trn_detect_file_type(path).
+** Returns the number of chunks added, 0 for an empty text, -1 when path or text is NULL or the
+** write failed (busy, damaged, I/O: see trn_last_status; nothing was added then). */
 TRN_API int32_t trn_ingest_text(TrnEngine *e, const char *path, const char *text,
                                 int32_t chunk_size, int32_t overlap);
 
 /* Reads the file at path (HTML stripped of tags, scripts and styles; PDF through pdftotext) and
 ** ingests it as trn_ingest_text does. Returns the chunks added, 0 when the file is not indexable,
-** -1 when its text cannot be obtained or the file is larger than TRN_FILE_SIZE_MAX. */
+** -1 when its text cannot be obtained, the file is larger than TRN_FILE_SIZE_MAX or the write
+** failed. */
 TRN_API int32_t trn_ingest_file(TrnEngine *e, const char *path, int32_t chunk_size,
                                 int32_t overlap);
 
@@ -313,7 +374,8 @@ TRN_API int32_t trn_ingest_file(TrnEngine *e, const char *path, int32_t chunk_si
 ** reached under its own name), and every directory is entered once (by device and inode), so
 ** link loops end and nothing outside dir is read. cb may be NULL; when it returns false the walk
 ** leaves the directory of that file and goes on with the rest. Returns the chunks added in the
-** whole tree, or -1 when dir cannot be opened. */
+** whole tree, or -1 when dir cannot be opened or a write failed (the walk stops there; see
+** trn_last_status). */
 TRN_API int32_t trn_ingest_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_t overlap,
                                TrnProgressFn cb, void *user);
 
@@ -324,16 +386,17 @@ TRN_API int32_t trn_build_doc_index(TrnEngine *e);
 /* Frees the per-file index; semantic searches then search all chunks. */
 TRN_API void trn_free_doc_index(TrnEngine *e);
 
-/* Marks every live chunk of path deleted and returns how many were marked (0 for an unknown
-** path). Rebuilds the graph when more than half of all chunk slots are deleted. Durable only
-** after the next checkpoint. */
+/* Marks every live chunk of path deleted, logs the removal (synced) and returns how many were
+** marked (0 for an unknown path), or -1 when the write failed (nothing was removed then).
+** Rebuilds the graph when more than half of all chunk slots are deleted. */
 TRN_API int32_t trn_remove_file(TrnEngine *e, const char *path);
 
 /* Drops deleted chunks (renumbering the rest), rebuilds the graph and the document index and
-** checkpoints. Returns the checkpoint's result. Invalidates every pointer of earlier results. */
+** checkpoints. Returns the checkpoint's result (1 without a checkpoint for a rebuilding handle).
+** Invalidates every pointer of earlier results. */
 TRN_API int32_t trn_compact(TrnEngine *e);
 
-/* Returns the engine's counts. */
+/* Returns the engine's counts as last loaded (it does not look for other processes' commits). */
 TRN_API TrnStats trn_stats(const TrnEngine *e);
 
 /* Lists every regular file under dir (recursively, by the walk of trn_ingest_dir, whatever its

@@ -1,172 +1,370 @@
 /*
-** wal.cpp -- the write-ahead log "tarnwick.wal": every chunk added since the last checkpoint,
-** appended as it is added and replayed (re-embedded) when the handle is opened.
+** wal.cpp -- the write-ahead log "tarnwick.wal": what was added or removed since the last
+** checkpoint, appended as it happens and replayed (re-embedded) when a handle loads.
 **
 ** Log layout. No header; a sequence of records, little-endian:
 **
-**     uint8  op               'A' (0x41) adds one chunk; the program writes no other op
-**     uint32 n, n bytes       doc_id, no NUL; written at most 255 bytes long
-**   op 'A' only:
+**     uint8  op
+**     uint32 n, n bytes       id, no NUL; at most 4096 bytes
+**   op 'A' (0x41), one chunk; id is its doc_id, written at most 255 bytes long:
 **     uint32 n, n bytes       text
 **     uint32 n, n bytes       file_path (0: no path)
 **     int32  chunk_index
 **     int32  line_number
 **     uint32 file_type
+**   op 'D' (0x44): every chunk of the file named by id is removed.
+**   op 'G' (0x47), first record of a log written by this version: id is the generation of the
+**     store it follows, in decimal (commit.cpp).
+**   op 'C' (0x43): ends a group; id is the CRC-32 of the group's bytes (from the end of the
+**     previous 'C' record, or the start of the log) in 8 lower-case hex digits.
 **
-** The stream is flushed after every record, so a record whose append returned is in the file
-** even when the process is killed right after. A crash can leave a torn last record; replay
-** ends quietly there (as it does at an id length above 4096, or at any length larger than the
-** bytes left) and cuts the file back to the end of the last whole record, so that records
-** appended by the next session follow a whole record and are found by the replay after it. A
-** record with an unknown op is skipped after its id.
+** Records other than 'A' carry only their id, so a reader that knows only 'A' skips them.
+**
+** Each ingested file and each removal is one group, written with one write(2) and synced before
+** the call returns. Replay of a log that begins with 'G' applies whole groups only, so a file
+** whose chunks were not all logged is left out and redone by the next update. A torn or
+** unchecked group at the end is a crash and ends replay quietly; a group that fails its checksum
+** with more bytes after it is damage. A log without 'G' (an older version's) is replayed record
+** by record up to a torn tail, as that version did. Replay never writes: a writer cuts a torn
+** tail off before it appends (commit.cpp).
 */
 #include "internal.h"
 
+#include <cerrno>
 #include <cstring>
+#include <ctime>
 
+#include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace
 {
 
-/* A log opened for replay, with the bytes left to read. */
-struct LogReader {
-    FILE *f;
-    uint64_t left;
+/* Bytes of the mapped log still to be read. */
+struct LogCursor {
+    const uint8_t *p;
+    size_t left;
 };
 
-bool read_exact(LogReader *r, void *out, size_t n)
+bool take(LogCursor *c, void *out, size_t n)
 {
-    if (n > r->left) {
+    if (n > c->left) {
         return false;
     }
-    if (n > 0 && fread(out, 1, n, r->f) != n) {
-        return false;
+    if (n > 0) {
+        memcpy(out, c->p, n);
     }
-    r->left -= n;
+    c->p += n;
+    c->left -= n;
     return true;
 }
 
-template <typename T>
-bool read_value(LogReader *r, T *out)
+/* One parsed record; strings point into the mapped log and are not NUL-terminated. */
+struct LogRecord {
+    uint8_t op;
+    const uint8_t *id;
+    uint32_t id_len;
+    const uint8_t *text;
+    uint32_t text_len;
+    const uint8_t *path;
+    uint32_t path_len;
+    int32_t chunk_index;
+    int32_t line_number;
+    uint32_t file_type;
+};
+
+bool take_string(LogCursor *c, uint32_t limit, const uint8_t **s, uint32_t *n)
 {
-    return read_exact(r, out, sizeof(T));
+    if (!take(c, n, 4) || *n > limit || *n > c->left) {
+        return false;
+    }
+    *s = c->p;
+    c->p += *n;
+    c->left -= *n;
+    return true;
 }
 
-/* Reads a length and that many bytes into an owned NUL-terminated string. A length beyond the
-** bytes left is a torn record, so nothing is allocated for it. */
-char *read_string(LogReader *r, uint32_t limit)
+/* Parses one record; false for a torn or hostile one (a length beyond the bytes left). */
+bool parse_record(LogCursor *c, LogRecord *r)
 {
-    uint32_t n = 0;
-    if (!read_value(r, &n) || n > limit || n > r->left) {
-        return nullptr;
+    memset(r, 0, sizeof *r);
+    if (!take(c, &r->op, 1) || !take_string(c, TRN_WAL_ID_LIMIT, &r->id, &r->id_len)) {
+        return false;
     }
+    if (r->op != 'A') {
+        return true;
+    }
+    return take_string(c, UINT32_MAX, &r->text, &r->text_len)
+           && take_string(c, UINT32_MAX, &r->path, &r->path_len) && take(c, &r->chunk_index, 4)
+           && take(c, &r->line_number, 4) && take(c, &r->file_type, 4);
+}
+
+char *dup_bytes(const uint8_t *p, uint32_t n)
+{
     char *s = static_cast<char *>(xmalloc((size_t)n + 1));
-    if (!read_exact(r, s, n)) {
-        free(s);
-        return nullptr;
+    if (n > 0) {
+        memcpy(s, p, n);
     }
     s[n] = '\0';
     return s;
 }
 
-/* Reads one 'A' record's body after its id and adds the chunk. Returns false for a torn body. */
-bool replay_add(TrnEngine *e, LogReader *r, const char *id)
+void apply_record(TrnEngine *e, const LogRecord *r)
 {
-    char *text = read_string(r, UINT32_MAX);
-    if (!text) {
-        return false;
-    }
-    char *path = read_string(r, UINT32_MAX);
-    if (!path) {
+    if (r->op == 'A') {
+        char *id = dup_bytes(r->id, r->id_len);
+        char *text = dup_bytes(r->text, r->text_len);
+        char *path = r->path_len > 0 ? dup_bytes(r->path, r->path_len) : nullptr;
+        add_doc_mem(e, id, text, path, r->chunk_index, r->line_number, r->file_type);
+        free(id);
         free(text);
-        return false;
-    }
-    int32_t chunk_index = 0, line_number = 0;
-    uint32_t file_type = 0;
-    bool whole =
-        read_value(r, &chunk_index) && read_value(r, &line_number) && read_value(r, &file_type);
-    if (whole) {
-        add_doc_mem(e, id, text, path[0] ? path : nullptr, chunk_index, line_number, file_type);
-    }
-    free(text);
-    free(path);
-    return whole;
-}
-
-void put(FILE *f, const void *p, size_t n)
-{
-    if (n > 0) {
-        fwrite(p, 1, n, f);
+        free(path);
+    } else if (r->op == 'D') {
+        char *path = dup_bytes(r->id, r->id_len);
+        remove_file_mem(e, path);
+        free(path);
     }
 }
 
-template <typename T>
-void put_value(FILE *f, T value)
+/* The value of n decimal digits; UINT64_MAX for anything else. */
+uint64_t decimal(const uint8_t *p, uint32_t n)
 {
-    put(f, &value, sizeof value);
+    uint64_t v = 0;
+    if (n == 0 || n > 19) {
+        return UINT64_MAX;
+    }
+    for (uint32_t i = 0; i < n; i++) {
+        if (p[i] < '0' || p[i] > '9') {
+            return UINT64_MAX;
+        }
+        v = v * 10 + (uint64_t)(p[i] - '0');
+    }
+    return v;
 }
 
-void put_string(FILE *f, const char *s)
+double now_seconds(void)
 {
-    uint32_t n = s ? (uint32_t)strlen(s) : 0;
-    put_value(f, n);
-    put(f, s, n);
+    struct timespec t;
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return (double)t.tv_sec + (double)t.tv_nsec / 1e9;
+}
+
+/* Applies the records of bytes [from, end), showing progress when many chunks are re-embedded. */
+void apply_range(TrnEngine *e, const uint8_t *bytes, uint64_t from, uint64_t end, uint64_t chunks)
+{
+    constexpr uint64_t SHOW_FROM = 256; /* fewer chunks take a moment only */
+    if (chunks >= SHOW_FROM) {
+        fprintf(
+            stderr, "tarnwick: recovering %llu chunks from the log\n", (unsigned long long)chunks);
+    }
+    double last = now_seconds();
+    uint64_t done = 0;
+    LogCursor c = {bytes + from, (size_t)(end - from)};
+    LogRecord r;
+    while (c.left > 0 && parse_record(&c, &r)) {
+        apply_record(e, &r);
+        if (r.op == 'A') {
+            done++;
+        }
+        if (chunks >= SHOW_FROM && now_seconds() - last >= 2.0) {
+            last = now_seconds();
+            fprintf(stderr,
+                    "tarnwick: recovered %llu of %llu chunks\n",
+                    (unsigned long long)done,
+                    (unsigned long long)chunks);
+        }
+    }
+}
+
+void put_bytes(TrnBytes *b, const void *p, size_t n)
+{
+    const uint8_t *u = static_cast<const uint8_t *>(p);
+    b->insert(b->end(), u, u + n);
+}
+
+void put_u32(TrnBytes *b, uint32_t v)
+{
+    put_bytes(b, &v, 4);
+}
+
+void put_str(TrnBytes *b, const char *s, size_t n)
+{
+    put_u32(b, (uint32_t)n);
+    put_bytes(b, s, n);
 }
 
 } // namespace
 
-void wal_replay(TrnEngine *e, const char *path)
+bool wal_replay(TrnEngine *e, const char *path, uint64_t from, bool apply)
 {
-    FILE *f = fopen(path, "rb");
-    if (!f) {
-        return;
+    if (from == 0) {
+        e->wal_end = 0;
+        e->wal_chunks = 0;
+        e->wal_legacy = 0;
+        e->wal_stale = 0;
+    }
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return true;
     }
     struct stat st;
-    if (fstat(fileno(f), &st) != 0 || !S_ISREG(st.st_mode)) {
-        fclose(f);
-        return;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || (uint64_t)st.st_size <= from) {
+        close(fd);
+        return true;
     }
-    LogReader r = {f, (uint64_t)st.st_size};
-    uint64_t whole_end = 0; /* bytes up to the end of the last whole record */
-    for (;;) {
-        uint8_t op = 0;
-        if (!read_value(&r, &op)) {
-            break;
-        }
-        char *id = read_string(&r, TRN_WAL_ID_LIMIT);
-        if (!id) {
-            break;
-        }
-        bool whole = op == 'A' ? replay_add(e, &r, id) : true;
-        free(id);
-        if (!whole) {
-            break;
-        }
-        whole_end = (uint64_t)st.st_size - r.left;
+    size_t size = (size_t)st.st_size;
+    void *map = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
+    close(fd);
+    if (map == MAP_FAILED) {
+        return true;
     }
-    fclose(f);
-    if (whole_end < (uint64_t)st.st_size) {
-        if (truncate(path, (off_t)whole_end) != 0) {
-            return; /* the next open stops at the same place */
+    const uint8_t *bytes = static_cast<const uint8_t *>(map);
+    bool whole = true;
+
+    LogCursor c = {bytes, size};
+    LogRecord first;
+    bool grouped = parse_record(&c, &first) && first.op == 'G';
+    if (from == 0 && !grouped) {
+        /* An older version's log: whole records up to a torn tail. A log without groups after
+        ** a commit record is the one a checkpoint was about to empty. */
+        if (e->has_commit) {
+            e->wal_stale = 1;
+        } else {
+            c = {bytes, size};
+            uint64_t chunks = 0;
+            LogRecord r;
+            while (c.left > 0 && parse_record(&c, &r)) {
+                e->wal_end = size - c.left;
+                chunks += r.op == 'A' ? 1 : 0;
+            }
+            e->wal_legacy = e->wal_end > 0 ? 1 : 0;
+            e->wal_chunks = chunks;
+            /* Only 'A' means anything in such a log. */
+            c = {bytes, (size_t)e->wal_end};
+            while (apply && c.left > 0 && parse_record(&c, &r)) {
+                if (r.op == 'A') {
+                    apply_record(e, &r);
+                }
+            }
         }
+    } else if (from == 0 && e->has_commit && decimal(first.id, first.id_len) != e->generation) {
+        e->wal_stale = 1;
+    } else {
+        /* Groups from `from`: find the last whole one, then apply up to it. */
+        c = {bytes + from, size - (size_t)from};
+        uint64_t group_start = from, end = from, chunks = 0, pending = 0;
+        LogRecord r;
+        while (c.left > 0) {
+            uint64_t record_start = size - c.left;
+            if (!parse_record(&c, &r)) {
+                break;
+            }
+            if (r.op == 'A') {
+                pending++;
+            } else if (r.op == 'C') {
+                char want[16];
+                snprintf(
+                    want,
+                    sizeof want,
+                    "%08x",
+                    crc32_update(0, bytes + group_start, (size_t)(record_start - group_start)));
+                if (r.id_len != 8 || memcmp(r.id, want, 8) != 0) {
+                    /* A crash leaves at most one unchecked group, at the very end. */
+                    whole = c.left == 0;
+                    break;
+                }
+                end = size - c.left;
+                group_start = end;
+                chunks += pending;
+                pending = 0;
+            }
+        }
+        if (whole && apply) {
+            apply_range(e, bytes, from, end, chunks);
+        }
+        if (whole) {
+            e->wal_end = end;
+            e->wal_chunks += chunks;
+        }
+    }
+    munmap(map, size);
+    return whole;
+}
+
+void wal_group_begin(const TrnEngine *e, TrnBytes *group)
+{
+    group->clear();
+    if (e->wal_end == 0) {
+        char id[32];
+        int n = snprintf(id, sizeof id, "%llu", (unsigned long long)e->generation);
+        group->push_back('G');
+        put_str(group, id, (size_t)n);
     }
 }
 
-void wal_append(TrnEngine *e, uint64_t slot)
+void wal_put_add(TrnBytes *group, const char *doc_id, const char *text, const char *path,
+                 int32_t chunk_index, int32_t line_number, uint32_t file_type)
+{
+    group->push_back('A');
+    put_str(group, doc_id, strlen(doc_id));
+    put_str(group, text, text ? strlen(text) : 0);
+    put_str(group, path, path ? strlen(path) : 0);
+    put_bytes(group, &chunk_index, 4);
+    put_bytes(group, &line_number, 4);
+    put_u32(group, file_type);
+}
+
+void wal_put_remove(TrnBytes *group, const char *path)
+{
+    group->push_back('D');
+    put_str(group, path, strlen(path));
+}
+
+bool wal_commit_group(TrnEngine *e, TrnBytes *group)
 {
     if (!e->wal) {
-        return;
+        return true;
     }
-    const TrnChunk *c = &e->chunks[slot];
-    FILE *f = e->wal;
-    put_value(f, (uint8_t)'A');
-    put_string(f, c->doc_id);
-    put_string(f, c->text);
-    put_string(f, c->file_path);
-    put_value(f, c->chunk_index);
-    put_value(f, c->line_number);
-    put_value(f, c->file_type);
-    fflush(f);
+    char id[16];
+    snprintf(id, sizeof id, "%08x", crc32_update(0, group->data(), group->size()));
+    group->push_back('C');
+    put_str(group, id, 8);
+
+    int fd = fileno(e->wal);
+    const uint8_t *p = group->data();
+    size_t left = group->size();
+    int err = 0;
+    while (left > 0) {
+        ssize_t n = write(fd, p, left);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            err = n < 0 ? errno : ENOSPC;
+            break;
+        }
+        p += n;
+        left -= (size_t)n;
+    }
+    if (err == 0 && fsync(fd) != 0) {
+        err = errno;
+    }
+    if (err != 0) {
+        /* The group never happened: the log ends where it did (a reader would stop at the
+        ** torn group anyway, and the next writer cuts it off). */
+        if (ftruncate(fd, (off_t)e->wal_end) == 0) {
+            fsync(fd);
+        }
+        return fail_status(e, TRN_STATUS_IO_ERROR, err);
+    }
+    e->wal_end += group->size();
+    /* This handle's own append is no news to it. */
+    struct stat st;
+    if (fstat(fd, &st) == 0) {
+        e->seen.wal_size = (uint64_t)st.st_size;
+        e->seen.wal_mtime_ns = (int64_t)st.st_mtim.tv_sec * 1000000000 + st.st_mtim.tv_nsec;
+    }
+    return true;
 }

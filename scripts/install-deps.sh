@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
     build-essential cmake pkg-config git
-    libopenblas-dev libre2-dev
+    libopenblas-dev libre2-dev zlib1g-dev strace
     libgtest-dev libgmock-dev libbenchmark-dev libhnswlib-dev
     clang libclang-rt-14-dev clang-format
     poppler-utils libpoppler-qt6-dev

@@ -110,7 +110,8 @@ void AppState::addTab(const QString &path)
     DirectoryState *state = createState(tab);
     emit tabsChanged();
     setActiveTabId(tab.id);
-    if (!state->isIndexed()) {
+    // A busy or damaged index is not indexed over: the tab says why (and retries a busy one).
+    if (!state->isIndexed() && state->engine()->isOpen()) {
         state->ingest(m_settings->effectiveChunkSize(), m_settings->effectiveOverlap());
     }
     saveState();

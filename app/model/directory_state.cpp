@@ -17,6 +17,7 @@
 #include <QPointer>
 #include <QSet>
 #include <QThreadPool>
+#include <QTimer>
 
 namespace
 {
@@ -51,8 +52,15 @@ DirectoryState::DirectoryState(const DirectoryTab &tab, const QString &weightsPa
         }
     }
     m_engine = std::make_shared<TarnwickEngine>(m_directoryPath, weights);
+    m_openedWeights = weights;
     const TrnStats stats = m_engine->stats();
     m_statusText = stats.chunk_count >= 1 ? countsText(stats) : QStringLiteral("Not indexed");
+    if (!m_engine->isOpen()) {
+        m_statusText = failureText(m_engine->lastError());
+        if (m_engine->lastStatus() == TRN_STATUS_BUSY) {
+            retryOpen(1);
+        }
+    }
     m_gitBranch = detectGitBranch(m_directoryPath);
     loadSearchHistory();
     loadPinnedResults();
@@ -60,6 +68,71 @@ DirectoryState::DirectoryState(const DirectoryTab &tab, const QString &weightsPa
 }
 
 DirectoryState::~DirectoryState() = default;
+
+QString DirectoryState::failureText(const QString &engineLine)
+{
+    if (engineLine.isEmpty()) {
+        return QStringLiteral("Indexing failed");
+    }
+    return engineLine.left(1).toUpper() + engineLine.mid(1);
+}
+
+void DirectoryState::retryOpen(int attempt)
+{
+    std::shared_ptr<TarnwickEngine> engine = m_engine;
+    const QString weights = m_openedWeights;
+    QPointer<DirectoryState> self(this);
+    // Opening waits for the lock, so it runs off the main thread.
+    QTimer::singleShot(kBusyRetryMs, this, [engine, weights, self, attempt] {
+        runInBackground([engine, weights, self, attempt] {
+            const bool open = engine->reopen(weights);
+            const int status = engine->lastStatus();
+            const QString error = engine->lastError();
+            const TrnStats stats = engine->stats();
+            runOnMainThread([self, open, status, error, stats, attempt] {
+                if (!self) {
+                    return;
+                }
+                if (open) {
+                    self->setStatusText(stats.chunk_count >= 1 ? countsText(stats)
+                                                               : QStringLiteral("Not indexed"));
+                    return;
+                }
+                self->setStatusText(failureText(error));
+                if (status == TRN_STATUS_BUSY && attempt < kBusyRetries) {
+                    self->retryOpen(attempt + 1);
+                }
+            });
+        });
+    });
+}
+
+void DirectoryState::retryCheckpoint(int attempt)
+{
+    std::shared_ptr<TarnwickEngine> engine = m_engine;
+    QPointer<DirectoryState> self(this);
+    QTimer::singleShot(kBusyRetryMs, this, [engine, self, attempt] {
+        runInBackground([engine, self, attempt] {
+            const bool saved = engine->checkpoint();
+            const int status = engine->lastStatus();
+            const QString error = engine->lastError();
+            const TrnStats stats = engine->stats();
+            runOnMainThread([self, saved, status, error, stats, attempt] {
+                if (!self) {
+                    return;
+                }
+                if (saved) {
+                    self->setStatusText(countsText(stats));
+                    return;
+                }
+                self->setStatusText(failureText(error));
+                if (status == TRN_STATUS_BUSY && attempt < kBusyRetries) {
+                    self->retryCheckpoint(attempt + 1);
+                }
+            });
+        });
+    });
+}
 
 QString DirectoryState::countsText(const TrnStats &stats)
 {
@@ -100,14 +173,20 @@ void DirectoryState::ingest(int chunkSize, int overlap)
             });
         };
         const int n = engine->ingestDirectory(chunkSize, overlap, progress);
-        engine->checkpoint();
+        // A failed walk is not committed: a rebuild would replace the index with part of it.
+        const bool saved = n >= 0 && engine->checkpoint();
+        const int status = engine->lastStatus();
+        const QString error = engine->lastError();
         const TrnStats stats = engine->stats();
-        runOnMainThread([self, n, stats] {
+        runOnMainThread([self, n, saved, status, error, stats] {
             if (!self) { // the tab was closed while it was indexed
                 return;
             }
             self->setIsIngesting(false);
-            self->setStatusText(n < 0 ? QStringLiteral("Indexing failed") : countsText(stats));
+            self->setStatusText(saved ? countsText(stats) : failureText(error));
+            if (n >= 0 && !saved && status == TRN_STATUS_BUSY) {
+                self->retryCheckpoint(1);
+            }
             emit self->ingestFinished();
         });
     });

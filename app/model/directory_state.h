@@ -60,6 +60,10 @@ public:
     static constexpr int kPageSize = 10;
     static constexpr int kMaxPagedResults = 64;
     static constexpr int kHistoryLimit = 10;
+    // While another Tarnwick holds the index (busy), opening and the checkpoint after indexing
+    // are retried this often, this many times, with the engine's line in statusText meanwhile.
+    static constexpr int kBusyRetryMs = 2000;
+    static constexpr int kBusyRetries = 30;
 
     // Opens the engine with the override profile's weights when that profile is trained, else
     // with weightsPath (the default profile's weights; empty for none). settings NULL means
@@ -154,6 +158,12 @@ signals:
 
 private:
     void runSearch(int k);
+    // Retries opening the engine (busy at open) after kBusyRetryMs.
+    void retryOpen(int attempt);
+    // Retries the checkpoint that ends an indexing run (busy) after kBusyRetryMs.
+    void retryCheckpoint(int attempt);
+    // The engine's failure line as a status text ("The index of ... is busy: ...").
+    static QString failureText(const QString &engineLine);
     void setResults(const QList<SearchResult> &results);
     void setStatusText(const QString &text);
     void setIsIngesting(bool value);
@@ -178,6 +188,7 @@ private:
     Settings *m_settings;
     QString m_directoryPath;
     std::shared_ptr<TarnwickEngine> m_engine;
+    QString m_openedWeights; // the weights the engine was opened with
     ResultsModel *m_resultsModel = nullptr;
 
     QList<SearchResult> m_results;

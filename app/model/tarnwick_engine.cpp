@@ -316,12 +316,13 @@ std::mutex &TarnwickEngine::engineMutex()
     return mutex;
 }
 
-TarnwickEngine::TarnwickEngine(const QString &directoryPath, const QString &weightsPath)
+TarnwickEngine::TarnwickEngine(const QString &directoryPath, const QString &weightsPath,
+                               OpenMode mode)
     : m_directoryPath(directoryPath), m_dataDir(directoryPath + QStringLiteral("/.tarnwick"))
 {
     QDir().mkpath(m_dataDir);
     std::lock_guard<std::mutex> lock(engineMutex());
-    openLocked(weightsPath);
+    openLocked(weightsPath, mode == OpenMode::Rebuild ? TRN_OPEN_REBUILD : 0);
 }
 
 TarnwickEngine::~TarnwickEngine()
@@ -333,7 +334,13 @@ TarnwickEngine::~TarnwickEngine()
     }
 }
 
-void TarnwickEngine::openLocked(const QString &weightsPath)
+void TarnwickEngine::noteFailureLocked(int status, const char *message)
+{
+    m_lastStatus = status;
+    m_lastError = status == TRN_STATUS_OK ? QString() : QString::fromUtf8(message);
+}
+
+void TarnwickEngine::openLocked(const QString &weightsPath, uint32_t flags)
 {
     const QByteArray indexDir = QFile::encodeName(m_dataDir);
     const QByteArray weights = QFile::encodeName(weightsPath);
@@ -344,7 +351,30 @@ void TarnwickEngine::openLocked(const QString &weightsPath)
     config.M = 0;
     config.ef_construction = 0;
     config.ef_search = 0;
-    m_handle = trn_open(&config);
+    int32_t status = TRN_STATUS_OK;
+    m_handle = trn_open_ex(&config, flags, &status);
+    noteFailureLocked(status, trn_last_error(nullptr));
+}
+
+bool TarnwickEngine::reopen(const QString &weightsPath)
+{
+    std::lock_guard<std::mutex> lock(engineMutex());
+    if (!m_handle) {
+        openLocked(weightsPath, 0);
+    }
+    return m_handle != nullptr;
+}
+
+QString TarnwickEngine::lastError() const
+{
+    std::lock_guard<std::mutex> lock(engineMutex());
+    return m_lastError;
+}
+
+int TarnwickEngine::lastStatus() const
+{
+    std::lock_guard<std::mutex> lock(engineMutex());
+    return m_lastStatus;
 }
 
 bool TarnwickEngine::isOpen() const
@@ -360,10 +390,8 @@ void TarnwickEngine::clearAndReopen(const QString &weightsPath)
         trn_close(m_handle);
         m_handle = nullptr;
     }
-    QFile::remove(m_dataDir + QStringLiteral("/tarnwick.bin"));
-    QFile::remove(m_dataDir + QStringLiteral("/tarnwick.wal"));
     QDir().mkpath(m_dataDir);
-    openLocked(weightsPath);
+    openLocked(weightsPath, TRN_OPEN_REBUILD);
 }
 
 int TarnwickEngine::ingestDirectory(int chunkSize, int overlap, const ProgressFn &progress)
@@ -407,6 +435,11 @@ int TarnwickEngine::ingestDirectory(int chunkSize, int overlap, const ProgressFn
                     m_handle, path.constData(), utf8.constData(), chunk32, overlap32);
                 if (n > 0) {
                     total += n;
+                }
+                // A write that failed (busy, full disk) would fail for every later file too.
+                if (n < 0 && trn_last_status(m_handle) != TRN_STATUS_OK) {
+                    noteFailureLocked(trn_last_status(m_handle), trn_last_error(m_handle));
+                    return -1;
                 }
             }
         }
@@ -510,7 +543,12 @@ TrnStats TarnwickEngine::stats() const
 bool TarnwickEngine::checkpoint()
 {
     std::lock_guard<std::mutex> lock(engineMutex());
-    return m_handle && trn_checkpoint(m_handle) == 1;
+    if (!m_handle) {
+        return false;
+    }
+    const bool ok = trn_checkpoint(m_handle) == 1;
+    noteFailureLocked(trn_last_status(m_handle), trn_last_error(m_handle));
+    return ok;
 }
 
 QSet<QString> TarnwickEngine::extraExtensions()

@@ -89,9 +89,15 @@ public:
     // Opens a URL in an external application; false when nothing could open it.
     using UrlOpener = std::function<bool(const QUrl &url)>;
 
+    // Normal loads the directory's index; Rebuild starts empty and replaces the index only when
+    // checkpoint() succeeds (the old index stays searchable by others until then).
+    enum class OpenMode { Normal, Rebuild };
+
     // Creates "<directoryPath>/.tarnwick" (a failure is ignored) and opens the engine there.
-    // An empty weightsPath selects the engine's untrained encoder.
-    TarnwickEngine(const QString &directoryPath, const QString &weightsPath);
+    // An empty weightsPath selects the engine's untrained encoder. When the index is busy or
+    // damaged the object is not open and lastError() says why.
+    TarnwickEngine(const QString &directoryPath, const QString &weightsPath,
+                   OpenMode mode = OpenMode::Normal);
     // Closes the engine (which checkpoints it).
     ~TarnwickEngine();
     TarnwickEngine(const TarnwickEngine &) = delete;
@@ -101,14 +107,22 @@ public:
     QString dataDir() const { return m_dataDir; }
     bool isOpen() const;
 
-    // Closes the engine, removes tarnwick.bin and tarnwick.wal, and opens afresh.
+    // Closes the engine and opens an empty one that rebuilds the index beside the old one; the
+    // old index is replaced by the next successful checkpoint().
     void clearAndReopen(const QString &weightsPath);
+    // Opens again when the last open failed (busy); true when it is open now.
+    bool reopen(const QString &weightsPath);
+
+    // The engine's one line for the last failure (busy, damaged, I/O), without the "tarnwick: "
+    // prefix; empty when the last open and write succeeded. lastStatus() is its TRN_STATUS_.
+    QString lastError() const;
+    int lastStatus() const;
 
     // Walks the directory (hidden names skipped, symbolic links to directories not followed) and
     // ingests every indexable file whose text has at least 11 characters, then rebuilds the
     // document index. Returns the chunks added, or -1 when the engine is not open or the
-    // directory cannot be read. progress (may be empty) is called with (0, found) once the walk
-    // is done and after each file.
+    // directory cannot be read or a write failed (see lastError; the walk stops there). progress
+    // (may be empty) is called with (0, found) once the walk is done and after each file.
     int ingestDirectory(int chunkSize, int overlap, const ProgressFn &progress = {});
 
     // At most k results (k >= 0; the engine gives at most 64). Empty when not open or k is 0.
@@ -119,7 +133,7 @@ public:
 
     // trn_stats, or zero counts when not open.
     TrnStats stats() const;
-    // trn_checkpoint; false when not open or the store could not be written.
+    // trn_checkpoint; false when not open, busy or the store could not be written (lastError).
     bool checkpoint();
 
     // The "extraExtensions" setting as a set: split at ",", trimmed, lower-cased, empties dropped.
@@ -162,11 +176,14 @@ public:
     static std::mutex &engineMutex();
 
 private:
-    void openLocked(const QString &weightsPath); // engineMutex() held
+    void openLocked(const QString &weightsPath, uint32_t flags); // engineMutex() held
+    void noteFailureLocked(int status, const char *message);     // engineMutex() held
 
     QString m_directoryPath;
     QString m_dataDir;
-    TrnEngine *m_handle = nullptr; // guarded by engineMutex(); NULL when not open
+    TrnEngine *m_handle = nullptr;    // guarded by engineMutex(); NULL when not open
+    QString m_lastError;              // guarded by engineMutex()
+    int m_lastStatus = TRN_STATUS_OK; // guarded by engineMutex()
 };
 
 Q_DECLARE_METATYPE(SearchResult)

@@ -15,6 +15,10 @@
 #include <QThreadPool>
 #include <QtTest>
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
 class TestDirectoryState : public QObject
 {
     Q_OBJECT
@@ -35,6 +39,7 @@ private slots:
     void choosingDefaultRemovesTheOverrideKey();
     void statusTextReportsCountsAfterIndexing();
     void closedTabDropsLateResults();
+    void busyIndexIsShownAndOpenedOnceFree();
     void gitBranch_data();
     void gitBranch();
     void resultsModelFollowsDisplayResults();
@@ -390,6 +395,26 @@ void TestDirectoryState::statusTextReportsCountsAfterIndexing()
     missing->ingest(800, 200);
     QVERIFY(waitForIngest(missing));
     QCOMPARE(missing->statusText(), QStringLiteral("Indexing failed"));
+}
+
+void TestDirectoryState::busyIndexIsShownAndOpenedOnceFree()
+{
+    // Another Tarnwick updating the index holds its lock for longer than a writer waits.
+    QVERIFY(QDir().mkpath(m_dir->path() + QStringLiteral("/.tarnwick")));
+    const QByteArray lockPath =
+        QFile::encodeName(m_dir->path() + QStringLiteral("/.tarnwick/tarnwick.lock"));
+    const int lock = ::open(lockPath.constData(), O_RDWR | O_CREAT, 0600);
+    QVERIFY(lock >= 0);
+    QCOMPARE(::flock(lock, LOCK_EX), 0);
+    DirectoryState *state = openState(m_dir->path());
+    QCOMPARE(state->statusText(),
+             QStringLiteral("The index of ") + m_dir->path()
+                 + QStringLiteral(" is busy: another Tarnwick is updating it"));
+    QVERIFY(!state->engine()->isOpen());
+    ::close(lock);
+    QTRY_COMPARE_WITH_TIMEOUT(
+        state->statusText(), QStringLiteral("Not indexed"), 3 * DirectoryState::kBusyRetryMs);
+    QVERIFY(state->engine()->isOpen());
 }
 
 void TestDirectoryState::closedTabDropsLateResults()

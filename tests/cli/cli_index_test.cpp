@@ -6,6 +6,10 @@
 #include <algorithm>
 #include <map>
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
 using namespace cli_test;
 
 namespace
@@ -360,3 +364,45 @@ TEST(CliSearch, ExactChunkTextScoresOne)
 }
 
 } // namespace
+
+// A damaged store is refused with one line by every command until the index is rebuilt, and the
+// rebuild keeps the damaged file aside; while another process holds the lock, a writer says busy.
+TEST_F(CliMaintenance, DamagedOrBusyIndexFailsWithOneLineAndARebuildRecovers)
+{
+    const std::string store = dir / ".tarnwick/tarnwick.bin";
+    std::string bytes = read_file(store);
+    bytes[bytes.size() / 2] ^= 0x04;
+    write_file(store, bytes);
+    const std::string damaged = "tarnwick: the index of " + dir.path()
+                                + " is damaged; rebuild it with tarnwick-cli index " + dir.path()
+                                + "\n";
+    for (std::vector<std::string> args : {std::vector<std::string>{"search", dir.path(), "rye"},
+                                          {"stats", dir.path()},
+                                          {"remove", dir.path(), "beta.txt"},
+                                          {"compact", dir.path()}}) {
+        RunResult r = run_cli(args, dir.path());
+        EXPECT_EQ(r.status, 1) << args[0];
+        EXPECT_EQ(r.err, damaged) << args[0];
+    }
+    EXPECT_EQ(read_file(store), bytes);
+
+    RunResult r = index();
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(stats()["chunk_count"].number, 6);
+    int kept = 0;
+    for (const auto &entry : fs::directory_iterator(dir / ".tarnwick")) {
+        kept += entry.path().filename().string().rfind("tarnwick.bin.damaged-", 0) == 0;
+    }
+    EXPECT_EQ(kept, 1);
+
+    int lock = open((dir / ".tarnwick/tarnwick.lock").c_str(), O_RDWR);
+    ASSERT_GE(lock, 0);
+    ASSERT_EQ(flock(lock, LOCK_EX), 0);
+    r = run_cli({"remove", dir.path(), "beta.txt"}, dir.path());
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err,
+              "tarnwick: the index of " + dir.path()
+                  + " is busy: another Tarnwick is updating it\n");
+    close(lock);
+    EXPECT_EQ(stats()["deleted_count"].number, 0);
+}

@@ -118,6 +118,24 @@ inline void write_file_text(const std::string &path, const std::string &text)
     write_file_bytes(path, text.data(), text.size());
 }
 
+/* The names in dir, sorted, without "." and "..". */
+inline std::vector<std::string> dir_names(const std::string &dir)
+{
+    std::vector<std::string> names;
+    DIR *d = opendir(dir.c_str());
+    if (!d) {
+        return names;
+    }
+    while (struct dirent *ent = readdir(d)) {
+        if (strcmp(ent->d_name, ".") != 0 && strcmp(ent->d_name, "..") != 0) {
+            names.push_back(ent->d_name);
+        }
+    }
+    closedir(d);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
 inline long file_size(const std::string &path)
 {
     struct stat st;

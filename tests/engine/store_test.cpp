@@ -6,9 +6,11 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <string>
 #include <vector>
 
+#include <sys/resource.h>
 #include <sys/wait.h>
 
 namespace
@@ -117,10 +119,14 @@ TEST(StoreFile, CheckpointWritesTheDocumentedLayout)
     EXPECT_TRUE(got == want.b);
     const uint8_t head[12] = {'T', 'R', 'N', 'W', 1, 0, 0, 0, 0, 2, 0, 0};
     EXPECT_EQ(memcmp(got.data(), head, sizeof head), 0);
-    EXPECT_EQ(file_size(dir.file("tarnwick.wal")), 0);
-    EXPECT_EQ(file_size(dir.file("tarnwick.bin.tmp")), -1);
+    /* No temporary file is left behind; the commit record and the lock file stand beside it. */
+    EXPECT_EQ(dir_names(dir.path()),
+              (std::vector<std::string>{"tarnwick.bin", "tarnwick.commit", "tarnwick.lock"}));
     if (e->wal) {
         fclose(e->wal);
+    }
+    if (e->lock_open) {
+        close(e->lock_fd);
     }
     free_bare_engine(e);
 }
@@ -209,7 +215,7 @@ TEST(StoreFile, KilledSessionComesBackFromTheLogReembedded)
     int status = 0;
     waitpid(pid, &status, 0);
     ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(file_size(dir.file("tarnwick.bin")), -1);
+    EXPECT_EQ(file_size(dir.file("tarnwick.bin")), 40); /* the first write commits an empty store */
 
     TrnEngine *e = trn_open(&cfg);
     ASSERT_EQ(e->count, 1u);
@@ -223,7 +229,7 @@ TEST(StoreFile, KilledSessionComesBackFromTheLogReembedded)
     trn_close(e);
 }
 
-TEST(StoreFile, EmptyDirectoryOpensWithNoDocsAndCreatesAnEmptyLog)
+TEST(StoreFile, EmptyDirectoryOpensWithNoDocsAndWritesNothing)
 {
     TempDir dir;
     TrnConfig cfg = config_for(dir);
@@ -231,12 +237,10 @@ TEST(StoreFile, EmptyDirectoryOpensWithNoDocsAndCreatesAnEmptyLog)
     TrnEngine *e = trn_open(&cfg);
     std::string log = testing::internal::GetCapturedStderr();
     EXPECT_EQ(log, "tarnwick: opened (0 docs, dim=512)\n");
-    EXPECT_EQ(file_size(dir.file("tarnwick.wal")), 0);
     EXPECT_EQ(e->entry_point, -1);
     EXPECT_EQ(e->capacity, 64u);
     trn_close(e);
-    /* A close always leaves a snapshot: the 40-byte header of an empty store. */
-    EXPECT_EQ(file_size(dir.file("tarnwick.bin")), 40);
+    EXPECT_EQ(dir_names(dir.path()), std::vector<std::string>{"tarnwick.lock"});
 }
 
 TEST(StoreFile, InMemoryEngineCheckpointsToNothing)
@@ -265,6 +269,7 @@ TEST(StoreFile, StoreOfAnotherVersionOrWidthIsIgnoredAndReplaced)
         std::string log = testing::internal::GetCapturedStderr();
         EXPECT_EQ(log, "tarnwick: opened (0 docs, dim=512)\n") << "variant " << variant;
         EXPECT_EQ(e->count, 0u);
+        EXPECT_EQ(trn_checkpoint(e), 1);
         trn_close(e);
         std::vector<uint8_t> bytes = read_file_bytes(dir.file("tarnwick.bin"));
         ASSERT_EQ(bytes.size(), 40u);
@@ -423,16 +428,26 @@ TEST(StoreFile, FailedCheckpointKeepsTheStoreAndTheLog)
     std::vector<uint8_t> store_before = read_file_bytes(dir.file("tarnwick.bin"));
     ASSERT_GT(wal_before, 0);
 
-    /* The temporary file cannot be created while a directory stands in its place. */
-    ASSERT_EQ(mkdir(dir.file("tarnwick.bin.tmp").c_str(), 0700), 0);
+    /* Files may not grow past 1000 bytes: the new store cannot be written, small appends can. */
+    signal(SIGXFSZ, SIG_IGN);
+    struct rlimit before;
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+    struct rlimit small = before;
+    small.rlim_cur = 1000;
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
     EXPECT_EQ(trn_checkpoint(e), 0);
+    EXPECT_EQ(trn_last_status(e), TRN_STATUS_IO_ERROR);
+    EXPECT_EQ(std::string(trn_last_error(e)).rfind("cannot write the index of " + dir.path(), 0),
+              0u)
+        << trn_last_error(e);
     EXPECT_EQ(file_size(dir.file("tarnwick.wal")), wal_before);
     EXPECT_TRUE(read_file_bytes(dir.file("tarnwick.bin")) == store_before);
+    EXPECT_EQ(dir_names(dir.path()).size(), 4u) << "a temporary file was left";
     /* Appending still works after the failure. */
     ASSERT_EQ(trn_ingest_text(e, "/c/c.txt", "still logged", 800, 200), 1);
     EXPECT_GT(file_size(dir.file("tarnwick.wal")), wal_before);
 
-    ASSERT_EQ(rmdir(dir.file("tarnwick.bin.tmp").c_str()), 0);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
     EXPECT_EQ(trn_checkpoint(e), 1);
     EXPECT_EQ(file_size(dir.file("tarnwick.wal")), 0);
     trn_close(e);

@@ -1,0 +1,689 @@
+/*
+** commit.cpp -- what keeps an index directory whole when several processes share it and when
+** they crash: the lock file, the commit record, and keeping a handle in step with what other
+** processes committed.
+**
+** Beside the store "tarnwick.bin" and the log "tarnwick.wal" the index directory holds:
+**
+**   tarnwick.lock    empty. flock(2) on it: shared while a handle loads, exclusive while it
+**                    writes. Locks are taken per operation, never held between calls, so a
+**                    long-lived handle (an application tab) never blocks a command-line search.
+**   tarnwick.commit  the commit record, 48 bytes, little-endian:
+**
+**     offset  size  field
+**          0     4  magic "TRNC"
+**          4     4  uint32 version, 1
+**          8     8  uint64 generation: 1 for the first checkpoint, one more for each after it
+**         16     8  uint64 size of the store of this generation
+**         24     4  uint32 CRC-32 of that store (zlib's crc32, the ISO-HDLC polynomial)
+**         28     4  uint32 flags: 1 the previous store below is known; 2 there was none
+**         32     8  uint64 size of the store of the previous generation
+**         40     4  uint32 CRC-32 of the previous store
+**         44     4  uint32 CRC-32 of bytes 0..43
+**
+** A checkpoint (store.cpp) commits in four steps, each file written under a unique temporary
+** name from mkstemp, synced, renamed into place and its directory synced:
+**   1. the new store under its temporary name;
+**   2. the commit record of generation g + 1, naming the new store, and the current store as the
+**      previous one;
+**   3. the new store renamed over "tarnwick.bin";
+**   4. the log cut to nothing and synced.
+** When loading, the store on disk decides: the store the record names is generation g + 1 (its
+** log is stale until step 4 empties it: the log's first record names generation g); the previous
+** store is generation g with the log that completes it (a crash between steps 2 and 3); any other
+** store is damaged and refused. Without a commit record (an index of an older version, or none
+** yet) the store and log are taken as they are; the first write converts them with a checkpoint.
+**
+** The log (wal.cpp) begins, from the first append after a checkpoint, with a 'G' record naming
+** its generation, and is written in groups that end with a 'C' record holding the group's CRC-32,
+** each group synced: one ingested file, or one removal. Replay applies whole groups only.
+**
+** Readers never write: loading and refreshing only read, and leave a torn tail where it is. A
+** writer cuts the log back to its last whole group before it appends.
+*/
+#include "internal.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+#include <ctime>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <zlib.h>
+
+int g_busy_timeout_ms = TRN_BUSY_TIMEOUT_MS;
+uint64_t g_checkpoint_chunks = TRN_CHECKPOINT_CHUNKS;
+
+namespace
+{
+
+constexpr uint32_t COMMIT_VERSION = 1;
+constexpr uint32_t COMMIT_HAS_PREVIOUS = 1;
+constexpr uint32_t COMMIT_PREVIOUS_ABSENT = 2;
+constexpr int READ_WAIT_MS = 250; /* a search reads the old state rather than wait longer */
+
+struct CommitRecord {
+    uint64_t generation;
+    uint64_t store_size;
+    uint32_t store_crc;
+    uint32_t flags;
+    uint64_t previous_size;
+    uint32_t previous_crc;
+};
+
+bool commit_decode(const uint8_t *b, uint32_t n, CommitRecord *c)
+{
+    if (n != TRN_COMMIT_SIZE || memcmp(b, "TRNC", 4) != 0) {
+        return false;
+    }
+    uint32_t version = 0, check = 0;
+    memcpy(&version, b + 4, 4);
+    memcpy(&check, b + 44, 4);
+    if (version != COMMIT_VERSION || check != crc32_update(0, b, 44)) {
+        return false;
+    }
+    memcpy(&c->generation, b + 8, 8);
+    memcpy(&c->store_size, b + 16, 8);
+    memcpy(&c->store_crc, b + 24, 4);
+    memcpy(&c->flags, b + 28, 4);
+    memcpy(&c->previous_size, b + 32, 8);
+    memcpy(&c->previous_crc, b + 40, 4);
+    return c->generation >= 1;
+}
+
+void commit_encode(const CommitRecord *c, uint8_t *b)
+{
+    memcpy(b, "TRNC", 4);
+    memcpy(b + 4, &COMMIT_VERSION, 4);
+    memcpy(b + 8, &c->generation, 8);
+    memcpy(b + 16, &c->store_size, 8);
+    memcpy(b + 24, &c->store_crc, 4);
+    memcpy(b + 28, &c->flags, 4);
+    memcpy(b + 32, &c->previous_size, 8);
+    memcpy(b + 40, &c->previous_crc, 4);
+    uint32_t check = crc32_update(0, b, 44);
+    memcpy(b + 44, &check, 4);
+}
+
+/* The directory a user knows: the parent of an index directory named ".tarnwick". */
+void indexed_dir(const TrnEngine *e, char *out, size_t size)
+{
+    snprintf(out, size, "%s", e->store_path);
+    char *slash = strrchr(out, '/');
+    if (slash) {
+        *slash = '\0';
+    }
+    slash = strrchr(out, '/');
+    if (slash && strcmp(slash + 1, ".tarnwick") == 0) {
+        *slash = '\0';
+        if (out[0] == '\0') {
+            snprintf(out, size, "/");
+        }
+    }
+}
+
+bool same_state(const TrnDiskView *a, const TrnDiskView *b)
+{
+    return a->commit_len == b->commit_len && memcmp(a->commit, b->commit, a->commit_len) == 0
+           && a->has_store == b->has_store && a->store_ino == b->store_ino
+           && a->store_size == b->store_size && a->store_mtime_ns == b->store_mtime_ns
+           && a->has_wal == b->has_wal && a->wal_ino == b->wal_ino;
+}
+
+/* A read-only view of a whole file; size 0 and no bytes when it is missing or empty. */
+struct Mapped {
+    const uint8_t *bytes;
+    size_t size;
+    bool present;
+};
+
+bool map_file(const char *path, Mapped *m)
+{
+    m->bytes = nullptr;
+    m->size = 0;
+    m->present = false;
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return errno == ENOENT;
+    }
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        close(fd);
+        return false;
+    }
+    m->present = true;
+    m->size = (size_t)st.st_size;
+    if (m->size > 0) {
+        void *p = mmap(nullptr, m->size, PROT_READ, MAP_PRIVATE, fd, 0);
+        if (p == MAP_FAILED) {
+            close(fd);
+            return false;
+        }
+        madvise(p, m->size, MADV_SEQUENTIAL);
+        m->bytes = static_cast<const uint8_t *>(p);
+    }
+    close(fd);
+    return true;
+}
+
+void unmap_file(Mapped *m)
+{
+    if (m->bytes) {
+        munmap(const_cast<uint8_t *>(m->bytes), m->size);
+    }
+    m->bytes = nullptr;
+}
+
+/* Frees every chunk and the document index; the handle is empty afterwards, as after open. */
+void index_reset(TrnEngine *e)
+{
+    trn_free_doc_index(e);
+    lex_free(e); /* the slots are about to be read again */
+    for (uint64_t i = 0; i < e->count; i++) {
+        free(e->chunks[i].text);
+        free(e->chunks[i].file_path);
+        e->chunks[i].text = nullptr;
+        e->chunks[i].file_path = nullptr;
+        node_reset(&e->nodes[i]);
+    }
+    e->count = 0;
+    e->deleted_count = 0;
+    e->entry_point = -1;
+    e->max_level = -1;
+    hnsw_free_scratch(e);
+    e->has_commit = 0;
+    e->generation = 0;
+    e->store_present = 0;
+    e->store_size = 0;
+    e->store_crc = 0;
+    e->wal_end = 0;
+    e->wal_chunks = 0;
+    e->wal_legacy = 0;
+    e->wal_stale = 0;
+    e->changed = 0;
+    e->unsaved = 0;
+}
+
+} // namespace
+
+uint32_t crc32_update(uint32_t crc, const void *p, size_t n)
+{
+    const Bytef *b = static_cast<const Bytef *>(p);
+    uLong c = crc;
+    while (n > 0) {
+        uInt part = n > (1u << 30) ? (1u << 30) : (uInt)n;
+        c = crc32(c, b, part);
+        b += part;
+        n -= part;
+    }
+    return (uint32_t)c;
+}
+
+void index_file_path(const TrnEngine *e, const char *name, char *out, size_t size)
+{
+    char dir[TRN_PATH_MAX];
+    snprintf(dir, sizeof dir, "%s", e->store_path);
+    char *slash = strrchr(dir, '/');
+    if (slash) {
+        *slash = '\0';
+        snprintf(out, size, "%s/%s", dir, name);
+    } else {
+        snprintf(out, size, "%s", name);
+    }
+}
+
+bool fail_status(TrnEngine *e, int32_t status, int io_error)
+{
+    char dir[TRN_PATH_MAX];
+    indexed_dir(e, dir, sizeof dir);
+    e->status = status;
+    if (status == TRN_STATUS_BUSY) {
+        snprintf(e->error,
+                 sizeof e->error,
+                 "the index of %s is busy: another Tarnwick is updating it",
+                 dir);
+    } else if (status == TRN_STATUS_DAMAGED) {
+        snprintf(e->error,
+                 sizeof e->error,
+                 "the index of %s is damaged; rebuild it with tarnwick-cli index %s",
+                 dir,
+                 dir);
+    } else {
+        snprintf(
+            e->error, sizeof e->error, "cannot write the index of %s: %s", dir, strerror(io_error));
+    }
+    return false;
+}
+
+void status_clear(TrnEngine *e)
+{
+    e->status = TRN_STATUS_OK;
+    e->error[0] = '\0';
+}
+
+bool lock_take(TrnEngine *e, int op, int timeout_ms)
+{
+    if (!e->lock_open) {
+        char path[TRN_PATH_MAX + 16];
+        index_file_path(e, "tarnwick.lock", path, sizeof path);
+        int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        if (fd < 0) {
+            fd = open(path, O_RDONLY | O_CLOEXEC);
+        }
+        if (fd < 0) {
+            /* A directory that cannot hold the lock file cannot be written either: reads go
+            ** ahead unlocked, writes meet the failure themselves. */
+            return true;
+        }
+        e->lock_fd = fd;
+        e->lock_open = 1;
+    }
+    struct timespec start;
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    for (;;) {
+        if (flock(e->lock_fd, op | LOCK_NB) == 0) {
+            return true;
+        }
+        if (errno == EINTR) {
+            continue;
+        }
+        if (errno != EWOULDBLOCK) {
+            return true; /* a file system without flock: nothing to wait for */
+        }
+        struct timespec now;
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        long waited = (now.tv_sec - start.tv_sec) * 1000 + (now.tv_nsec - start.tv_nsec) / 1000000;
+        if (waited >= timeout_ms) {
+            return false;
+        }
+        usleep(10000);
+    }
+}
+
+void lock_release(TrnEngine *e)
+{
+    if (e->lock_open) {
+        flock(e->lock_fd, LOCK_UN);
+    }
+}
+
+void disk_view_read(const TrnEngine *e, TrnDiskView *v)
+{
+    memset(v, 0, sizeof *v);
+    char path[TRN_PATH_MAX + 16];
+    index_file_path(e, "tarnwick.commit", path, sizeof path);
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        v->has_commit = 1;
+        ssize_t n = read(fd, v->commit, sizeof v->commit);
+        v->commit_len = n > 0 ? (uint32_t)n : 0;
+        close(fd);
+    }
+    struct stat st;
+    if (stat(e->store_path, &st) == 0) {
+        v->has_store = 1;
+        v->store_ino = (uint64_t)st.st_ino;
+        v->store_size = (uint64_t)st.st_size;
+        v->store_mtime_ns = (int64_t)st.st_mtim.tv_sec * 1000000000 + st.st_mtim.tv_nsec;
+    }
+    if (stat(e->wal_path, &st) == 0) {
+        v->has_wal = 1;
+        v->wal_ino = (uint64_t)st.st_ino;
+        v->wal_size = (uint64_t)st.st_size;
+        v->wal_mtime_ns = (int64_t)st.st_mtim.tv_sec * 1000000000 + st.st_mtim.tv_nsec;
+    }
+}
+
+bool disk_view_unchanged(const TrnDiskView *a, const TrnDiskView *b)
+{
+    return same_state(a, b) && a->wal_size == b->wal_size && a->wal_mtime_ns == b->wal_mtime_ns;
+}
+
+bool index_load(TrnEngine *e, bool replay)
+{
+    TrnDiskView v;
+    disk_view_read(e, &v);
+    CommitRecord rec = {};
+    if (v.has_commit && !commit_decode(v.commit, v.commit_len, &rec)) {
+        return fail_status(e, TRN_STATUS_DAMAGED, 0);
+    }
+    Mapped store;
+    if (!map_file(e->store_path, &store)) {
+        return fail_status(e, TRN_STATUS_DAMAGED, 0);
+    }
+    uint32_t crc = crc32_update(0, store.bytes, store.size);
+    uint64_t generation = 0;
+    if (v.has_commit) {
+        bool is_current = store.present && store.size == rec.store_size && crc == rec.store_crc;
+        bool is_previous =
+            (rec.flags & COMMIT_HAS_PREVIOUS)
+            && (store.present ? store.size == rec.previous_size && crc == rec.previous_crc
+                              : (rec.flags & COMMIT_PREVIOUS_ABSENT) != 0);
+        if (is_current) {
+            generation = rec.generation;
+        } else if (is_previous) {
+            generation = rec.generation - 1;
+        } else {
+            unmap_file(&store);
+            return fail_status(e, TRN_STATUS_DAMAGED, 0);
+        }
+    }
+    if (store.size > 0) {
+        store_load_bytes(e, store.bytes, store.size);
+    }
+    unmap_file(&store);
+    /* The commit record of the very first checkpoint names no older store: the state before it
+    ** is the one without a record, whose log has no groups. */
+    e->has_commit = generation >= 1 ? 1 : 0;
+    e->generation = generation;
+    e->store_present = store.present ? 1 : 0;
+    e->store_size = store.size;
+    e->store_crc = crc;
+    if (!wal_replay(e, e->wal_path, 0, replay)) {
+        index_reset(e);
+        return fail_status(e, TRN_STATUS_DAMAGED, 0);
+    }
+    e->changed = e->wal_chunks > 0 || e->wal_end > 0 ? 1 : 0;
+    /* The lock is held, so the log is as long as when the view was read; a torn tail beyond
+    ** wal_end is not read again until the log grows. */
+    e->seen = v;
+    return true;
+}
+
+bool index_refresh_locked(TrnEngine *e)
+{
+    TrnDiskView v;
+    disk_view_read(e, &v);
+    if (disk_view_unchanged(&v, &e->seen)) {
+        return true;
+    }
+    /* Same generation, the log grown or rewritten past a torn tail: writers only ever cut the
+    ** log back to its last whole group, which is at or after the one this handle read. */
+    if (same_state(&v, &e->seen) && v.wal_size >= e->wal_end && !e->wal_legacy && !e->wal_stale) {
+        uint64_t count = e->count, deleted = e->deleted_count;
+        if (!wal_replay(e, e->wal_path, e->wal_end)) {
+            index_reset(e);
+            return fail_status(e, TRN_STATUS_DAMAGED, 0);
+        }
+        e->seen = v;
+        if (e->count != count || e->deleted_count != deleted) {
+            e->changed = 1;
+            trn_build_doc_index(e);
+        }
+        return true;
+    }
+    index_reset(e);
+    if (!index_load(e)) {
+        return false;
+    }
+    if (e->count > 0) {
+        trn_build_doc_index(e);
+    }
+    return true;
+}
+
+void index_refresh_for_read(TrnEngine *e)
+{
+    if (!e->store_path[0] || e->rebuild || e->refused) {
+        return;
+    }
+    TrnDiskView v;
+    disk_view_read(e, &v);
+    if (disk_view_unchanged(&v, &e->seen)) {
+        return;
+    }
+    if (!lock_take(e, LOCK_SH, READ_WAIT_MS)) {
+        return;
+    }
+    if (!index_refresh_locked(e)) {
+        e->refused = e->status;
+    }
+    lock_release(e);
+}
+
+bool write_begin(TrnEngine *e)
+{
+    status_clear(e);
+    if (e->refused) {
+        return fail_status(e, e->refused, 0);
+    }
+    if (!e->store_path[0] || e->rebuild) {
+        return true;
+    }
+    if (!lock_take(e, LOCK_EX, g_busy_timeout_ms)) {
+        return fail_status(e, TRN_STATUS_BUSY, 0);
+    }
+    if (!index_refresh_locked(e)) {
+        e->refused = e->status;
+        lock_release(e);
+        return false;
+    }
+    /* A log of an older version, or none yet, has no groups to follow: start from a checkpoint. */
+    if (!e->has_commit || e->wal_legacy) {
+        if (!checkpoint_locked(e)) {
+            lock_release(e);
+            return false;
+        }
+    }
+    if (e->wal) {
+        fclose(e->wal);
+        e->wal = nullptr;
+    }
+    int fd = private_open(e->wal_path, O_WRONLY | O_APPEND | O_CREAT);
+    if (fd < 0) {
+        int err = errno;
+        lock_release(e);
+        return fail_status(e, TRN_STATUS_IO_ERROR, err);
+    }
+    /* A torn group of a crashed writer, or the stale log of a checkpoint cut short before it
+    ** emptied the log: the next group must follow the last whole one. */
+    struct stat st;
+    if (fstat(fd, &st) != 0
+        || ((uint64_t)st.st_size != e->wal_end
+            && (ftruncate(fd, (off_t)e->wal_end) != 0 || fsync(fd) != 0))) {
+        int err = errno;
+        close(fd);
+        lock_release(e);
+        return fail_status(e, TRN_STATUS_IO_ERROR, err);
+    }
+    e->wal_stale = 0;
+    e->wal = fdopen(fd, "ab");
+    if (!e->wal) {
+        int err = errno;
+        close(fd);
+        lock_release(e);
+        return fail_status(e, TRN_STATUS_IO_ERROR, err);
+    }
+    disk_view_read(e, &e->seen);
+    return true;
+}
+
+void write_end(TrnEngine *e)
+{
+    if (e->store_path[0] && !e->rebuild) {
+        lock_release(e);
+    }
+}
+
+void keep_damaged_aside(TrnEngine *e)
+{
+    const char *names[] = {"tarnwick.bin", "tarnwick.wal", "tarnwick.commit"};
+    long stamp = (long)time(nullptr);
+    for (const char *name : names) {
+        char from[TRN_PATH_MAX + 16];
+        index_file_path(e, name, from, sizeof from);
+        struct stat st;
+        if (lstat(from, &st) != 0) {
+            continue;
+        }
+        /* link() never replaces an existing name, so no earlier copy is overwritten. */
+        for (int attempt = 0; attempt < 1000; attempt++) {
+            char to[TRN_PATH_MAX + 64];
+            char suffix[48];
+            snprintf(suffix,
+                     sizeof suffix,
+                     attempt == 0 ? ".damaged-%ld" : ".damaged-%ld-%d",
+                     stamp,
+                     attempt);
+            snprintf(to, sizeof to, "%s%s", from, suffix);
+            if (link(from, to) == 0) {
+                unlink(from);
+                break;
+            }
+            if (errno != EEXIST) {
+                break;
+            }
+        }
+    }
+    char any[TRN_PATH_MAX + 16];
+    index_file_path(e, "tarnwick.bin", any, sizeof any);
+    sync_parent_dir(any);
+}
+
+bool rebuild_swap(TrnEngine *e)
+{
+    if (!lock_take(e, LOCK_EX, g_busy_timeout_ms)) {
+        return fail_status(e, TRN_STATUS_BUSY, 0);
+    }
+    /* Learn the generation and the store this commit follows, with a scratch handle so the
+    ** rebuilt chunks stay as they are. */
+    TrnEngine *probe = static_cast<TrnEngine *>(xcalloc(1, sizeof(TrnEngine)));
+    probe->dim = e->dim;
+    probe->M = e->M;
+    probe->ef_construction = e->ef_construction;
+    probe->ef_search = e->ef_search;
+    probe->level_mult = e->level_mult;
+    probe->entry_point = -1;
+    probe->max_level = -1;
+    memcpy(probe->store_path, e->store_path, sizeof e->store_path);
+    memcpy(probe->wal_path, e->wal_path, sizeof e->wal_path);
+    ensure_cap(probe, 64);
+    /* The probe only checks the log: nothing is embedded for an index about to be replaced. */
+    bool damaged = !index_load(probe, false);
+    e->has_commit = probe->has_commit;
+    e->generation = probe->generation;
+    e->store_present = probe->store_present;
+    e->store_size = probe->store_size;
+    e->store_crc = probe->store_crc;
+    index_reset(probe);
+    free(probe->chunks);
+    free(probe->vectors);
+    free(probe->nodes);
+    free(probe);
+    if (damaged) {
+        keep_damaged_aside(e);
+        e->has_commit = 0;
+        e->generation = 0;
+        e->store_present = 0;
+        e->store_size = 0;
+        e->store_crc = 0;
+    }
+    e->rebuild = 0;
+    e->unsaved = 1;
+    e->wal_end = 0;
+    bool ok = checkpoint_locked(e);
+    if (!ok) {
+        e->rebuild = 1;
+    }
+    lock_release(e);
+    return ok;
+}
+
+bool sync_parent_dir(const char *path)
+{
+    char dir[TRN_PATH_MAX + 16];
+    snprintf(dir, sizeof dir, "%s", path);
+    char *slash = strrchr(dir, '/');
+    if (!slash) {
+        snprintf(dir, sizeof dir, ".");
+    } else {
+        *slash = '\0';
+    }
+    int fd = open(dir[0] ? dir : "/", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) {
+        return false;
+    }
+    bool ok = fsync(fd) == 0;
+    close(fd);
+    return ok;
+}
+
+/* The commit record of the next generation, written as every committed file is. Used by
+** checkpoint_locked (store.cpp). */
+bool commit_write(TrnEngine *e, uint64_t store_size, uint32_t store_crc);
+
+bool commit_write(TrnEngine *e, uint64_t store_size, uint32_t store_crc)
+{
+    CommitRecord rec = {};
+    rec.generation = e->generation + 1;
+    rec.store_size = store_size;
+    rec.store_crc = store_crc;
+    rec.flags = COMMIT_HAS_PREVIOUS | (e->store_present ? 0 : COMMIT_PREVIOUS_ABSENT);
+    rec.previous_size = e->store_present ? e->store_size : 0;
+    rec.previous_crc = e->store_present ? e->store_crc : 0;
+    uint8_t bytes[TRN_COMMIT_SIZE];
+    commit_encode(&rec, bytes);
+
+    char path[TRN_PATH_MAX + 16];
+    index_file_path(e, "tarnwick.commit", path, sizeof path);
+    char tmp[TRN_PATH_MAX + 32];
+    snprintf(tmp, sizeof tmp, "%s.XXXXXX", path);
+    int fd = mkstemp(tmp);
+    if (fd < 0) {
+        return fail_status(e, TRN_STATUS_IO_ERROR, errno);
+    }
+    ssize_t n = write(fd, bytes, sizeof bytes);
+    int err = n < 0 ? errno : ENOSPC;
+    bool ok = n == (ssize_t)sizeof bytes;
+    if (ok && fsync(fd) != 0) {
+        ok = false;
+        err = errno;
+    }
+    if (close(fd) != 0 && ok) {
+        ok = false;
+        err = errno;
+    }
+    if (ok && rename(tmp, path) != 0) {
+        ok = false;
+        err = errno;
+    }
+    if (!ok) {
+        unlink(tmp);
+        return fail_status(e, TRN_STATUS_IO_ERROR, err);
+    }
+    if (!sync_parent_dir(path)) {
+        return fail_status(e, TRN_STATUS_IO_ERROR, errno);
+    }
+    return true;
+}
+
+/* Removes temporary files that a crashed writer left ("tarnwick.bin.XXXXXX" and
+** "tarnwick.commit.XXXXXX"); the exclusive lock is held, so none of them is being written. */
+void remove_stale_temps(const TrnEngine *e);
+
+void remove_stale_temps(const TrnEngine *e)
+{
+    char dir[TRN_PATH_MAX + 16];
+    index_file_path(e, "", dir, sizeof dir);
+    DIR *d = opendir(dir);
+    if (!d) {
+        return;
+    }
+    while (struct dirent *ent = readdir(d)) {
+        const char *name = ent->d_name;
+        size_t n = strlen(name);
+        bool temp = (strncmp(name, "tarnwick.bin.", 13) == 0 && n == 19)
+                    || (strncmp(name, "tarnwick.commit.", 16) == 0 && n == 22);
+        if (temp && !strstr(name, ".damaged")) {
+            char path[TRN_PATH_MAX + 300];
+            snprintf(path, sizeof path, "%s%s", dir, name);
+            unlink(path);
+        }
+    }
+    closedir(d);
+}

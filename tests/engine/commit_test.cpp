@@ -1,0 +1,372 @@
+/*
+** commit_test.cpp -- sharing an index directory: readers that leave every file alone, the lock,
+** handles that pick up other processes' commits, the commit record's checksum, full disks on
+** the log, rebuilds beside the old index and the checkpoint that bounds recovery.
+*/
+#include "store_fixtures.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+
+namespace
+{
+
+const std::string DRIVER = std::string(TRN_BIN_DIR) + "/../tests/trn_crash_driver";
+
+TrnConfig config_of(const TempDir &dir)
+{
+    TrnConfig cfg = {};
+    cfg.index_dir = dir.path().c_str();
+    return cfg;
+}
+
+/* Every file of dir with its bytes and modification time. */
+std::map<std::string, std::pair<std::vector<uint8_t>, long>> snapshot(const TempDir &dir)
+{
+    std::map<std::string, std::pair<std::vector<uint8_t>, long>> files;
+    for (const std::string &name : dir_names(dir.path())) {
+        struct stat st;
+        stat(dir.file(name).c_str(), &st);
+        files[name] = {read_file_bytes(dir.file(name)),
+                       st.st_mtim.tv_sec * 1000000000L + st.st_mtim.tv_nsec};
+    }
+    return files;
+}
+
+/* Doc ids of the live chunks, in chunk order. */
+std::vector<std::string> live_ids(const TrnEngine *e)
+{
+    std::vector<std::string> ids;
+    for (uint64_t i = 0; i < e->count; i++) {
+        if (!e->chunks[i].deleted) {
+            ids.push_back(e->chunks[i].doc_id);
+        }
+    }
+    return ids;
+}
+
+/* Runs the driver with args, standard output to out, and returns the pid. */
+pid_t start_driver(const std::vector<std::string> &args, const std::string &out)
+{
+    pid_t pid = fork();
+    if (pid == 0) {
+        int fd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        dup2(fd, 1);
+        int null = open("/dev/null", O_WRONLY);
+        dup2(null, 2);
+        std::vector<char *> argv = {const_cast<char *>(DRIVER.c_str())};
+        for (const std::string &a : args) {
+            argv.push_back(const_cast<char *>(a.c_str()));
+        }
+        argv.push_back(nullptr);
+        setenv("OPENBLAS_NUM_THREADS", "1", 1);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    return pid;
+}
+
+int run_driver(const std::vector<std::string> &args, const std::string &out)
+{
+    int status = 0;
+    waitpid(start_driver(args, out), &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST(SharedIndex, AHandleThatOnlyReadsLeavesEveryFileByteIdenticalWithItsTime)
+{
+    TempDir dir;
+    TempDir out;
+    /* A store, and a log with an ingestion and a removal, as a killed writer leaves them. */
+    ASSERT_EQ(run_driver({dir.path(), "setup"}, out.file("setup")), 0);
+    TrnConfig cfg = config_of(dir);
+    for (int round = 0; round < 3; round++) {
+        /* Round 0 replays the log, which its close may fold into the store; then nothing. */
+        const auto before = snapshot(dir);
+        usleep(20000); /* so a rewrite would show in the modification time */
+        TrnEngine *reader = trn_open(&cfg);
+        TrnResult hits[8];
+        EXPECT_EQ(trn_search(reader, "one", TRN_SEARCH_TEXT, 8, hits), 2);
+        trn_free_file_list(trn_list_dir_files(reader, dir.path().c_str()));
+        (void)trn_stats(reader);
+        if (round == 2) {
+            EXPECT_EQ(trn_checkpoint(reader), 1);
+        }
+        trn_close(reader);
+        if (round > 0) {
+            EXPECT_TRUE(snapshot(dir) == before) << "round " << round;
+        }
+    }
+}
+
+TEST(SharedIndex, EveryDamagedByteOfTheStoreOrCommitRecordIsRefused)
+{
+    TempDir dir;
+    TrnConfig cfg = config_of(dir);
+    TrnEngine *e = trn_open(&cfg);
+    ASSERT_EQ(trn_ingest_text(e, "/d/a.txt", "one small chunk", 800, 200), 1);
+    ASSERT_EQ(trn_checkpoint(e), 1);
+    trn_close(e);
+    for (const char *name : {"tarnwick.bin", "tarnwick.commit"}) {
+        const std::vector<uint8_t> good = read_file_bytes(dir.file(name));
+        for (size_t at = 0; at < good.size(); at++) {
+            std::vector<uint8_t> bad = good;
+            bad[at] ^= 0x01;
+            write_file_bytes(dir.file(name), bad.data(), bad.size());
+            TrnEngine *probe = bare_engine();
+            snprintf(probe->store_path,
+                     sizeof probe->store_path,
+                     "%s",
+                     dir.file("tarnwick.bin").c_str());
+            snprintf(
+                probe->wal_path, sizeof probe->wal_path, "%s", dir.file("tarnwick.wal").c_str());
+            ASSERT_FALSE(index_load(probe)) << name << " byte " << at;
+            EXPECT_EQ(probe->count, 0u);
+            free_bare_engine(probe);
+        }
+        /* Through the interface: one line, no handle, and nothing rewritten or shortened. */
+        std::vector<uint8_t> bad = good;
+        bad[good.size() / 2] ^= 0x80;
+        write_file_bytes(dir.file(name), bad.data(), bad.size());
+        int32_t status = -1;
+        EXPECT_EQ(trn_open_ex(&cfg, 0, &status), nullptr);
+        EXPECT_EQ(status, TRN_STATUS_DAMAGED);
+        EXPECT_EQ(std::string(trn_last_error(nullptr)),
+                  "the index of " + dir.path() + " is damaged; rebuild it with tarnwick-cli index "
+                      + dir.path());
+        testing::internal::CaptureStderr();
+        TrnEngine *old_api = trn_open(&cfg);
+        testing::internal::GetCapturedStderr();
+        EXPECT_EQ(trn_ingest_text(old_api, "/d/c.txt", "refused", 800, 200), -1);
+        EXPECT_EQ(trn_checkpoint(old_api), 0);
+        EXPECT_EQ(trn_last_status(old_api), TRN_STATUS_DAMAGED);
+        trn_close(old_api);
+        EXPECT_TRUE(read_file_bytes(dir.file(name)) == bad);
+        write_file_bytes(dir.file(name), good.data(), good.size());
+    }
+
+    /* A rebuild moves the damaged files aside and commits the new index. */
+    std::vector<uint8_t> store = read_file_bytes(dir.file("tarnwick.bin"));
+    store[100] ^= 0x01;
+    write_file_bytes(dir.file("tarnwick.bin"), store.data(), store.size());
+    TrnEngine *rebuilt = trn_open_ex(&cfg, TRN_OPEN_REBUILD, nullptr);
+    ASSERT_NE(rebuilt, nullptr);
+    ASSERT_EQ(trn_ingest_text(rebuilt, "/d/new.txt", "after the rebuild", 800, 200), 1);
+    ASSERT_EQ(trn_checkpoint(rebuilt), 1);
+    trn_close(rebuilt);
+    int kept = 0;
+    for (const std::string &n : dir_names(dir.path())) {
+        if (n.rfind("tarnwick.bin.damaged-", 0) == 0) {
+            kept++;
+            EXPECT_TRUE(read_file_bytes(dir.file(n)) == store);
+        }
+    }
+    EXPECT_EQ(kept, 1);
+    e = trn_open(&cfg);
+    EXPECT_EQ(live_ids(e), std::vector<std::string>{"/d/new.txt:0"});
+    trn_close(e);
+}
+
+TEST(SharedIndex, AStoreWithoutACommitRecordIsAcceptedAndConvertedByTheFirstWrite)
+{
+    TempDir dir;
+    StoreRecord r;
+    r.id = "/l/old.txt:0";
+    r.text = "from an older version";
+    r.path = "/l/old.txt";
+    r.neighbors = {{}};
+    Bytes legacy;
+    put_store_header(legacy, 1, 512, 0, 0, 1);
+    put_store_record(legacy, r, 512);
+    legacy.write(dir.file("tarnwick.bin"));
+    TrnConfig cfg = config_of(dir);
+    TrnEngine *e = trn_open(&cfg);
+    EXPECT_EQ(e->count, 1u);
+    trn_close(e);
+    EXPECT_TRUE(read_file_bytes(dir.file("tarnwick.bin")) == legacy.b);
+    EXPECT_EQ(file_size(dir.file("tarnwick.commit")), -1);
+
+    e = trn_open(&cfg);
+    ASSERT_EQ(trn_ingest_text(e, "/l/new.txt", "added", 800, 200), 1);
+    trn_close(e);
+    EXPECT_EQ(file_size(dir.file("tarnwick.commit")), 48);
+    e = trn_open(&cfg);
+    EXPECT_EQ(e->count, 2u);
+    trn_close(e);
+}
+
+TEST(SharedIndex, ALongLivedHandleTakesUpOtherCommitsAndNeverWritesOverThem)
+{
+    TempDir dir;
+    TrnConfig cfg = config_of(dir);
+    TrnEngine *tab = trn_open(&cfg);
+    TrnEngine *cli = trn_open(&cfg);
+    ASSERT_EQ(trn_ingest_text(tab, "/t/tab1.txt", "written by the tab", 800, 200), 1);
+    ASSERT_EQ(trn_ingest_text(cli, "/t/cli1.txt", "written by the command", 800, 200), 1);
+    TrnResult hits[8];
+    EXPECT_EQ(trn_search(tab, "written", TRN_SEARCH_TEXT, 8, hits), 2);
+    /* A checkpoint of one, a removal by the other: neither undoes the other. */
+    ASSERT_EQ(trn_checkpoint(cli), 1);
+    ASSERT_EQ(trn_remove_file(tab, "/t/cli1.txt"), 1);
+    ASSERT_EQ(trn_ingest_text(cli, "/t/cli2.txt", "written again", 800, 200), 1);
+    ASSERT_EQ(trn_compact(tab), 1);
+    trn_close(cli);
+    trn_close(tab);
+    TrnEngine *e = trn_open(&cfg);
+    EXPECT_EQ(live_ids(e), (std::vector<std::string>{"/t/tab1.txt:0", "/t/cli2.txt:0"}));
+    EXPECT_EQ(e->count, 2u);
+    trn_close(e);
+}
+
+TEST(SharedIndex, AHeldLockMakesWritersBusyAfterTheTimeoutButLetsReadersShare)
+{
+    TempDir dir;
+    TrnConfig cfg = config_of(dir);
+    TrnEngine *e = trn_open(&cfg);
+    ASSERT_EQ(trn_ingest_text(e, "/b/a.txt", "first", 800, 200), 1);
+    int lock = open(dir.file("tarnwick.lock").c_str(), O_RDWR);
+    ASSERT_GE(lock, 0);
+    g_busy_timeout_ms = 200;
+    const std::string busy =
+        "the index of " + dir.path() + " is busy: another Tarnwick is updating it";
+
+    ASSERT_EQ(flock(lock, LOCK_SH), 0); /* another reader */
+    TrnEngine *reader = trn_open_ex(&cfg, 0, nullptr);
+    ASSERT_NE(reader, nullptr);
+    trn_close(reader);
+    EXPECT_EQ(trn_ingest_text(e, "/b/b.txt", "second", 800, 200), -1);
+    EXPECT_EQ(trn_last_status(e), TRN_STATUS_BUSY);
+    EXPECT_EQ(trn_last_error(e), busy);
+    EXPECT_EQ(trn_remove_file(e, "/b/a.txt"), -1);
+    EXPECT_EQ(trn_checkpoint(e), 0);
+    EXPECT_EQ(e->count, 1u); /* nothing was added or removed */
+
+    ASSERT_EQ(flock(lock, LOCK_EX), 0); /* another writer */
+    int32_t status = 0;
+    EXPECT_EQ(trn_open_ex(&cfg, 0, &status), nullptr);
+    EXPECT_EQ(status, TRN_STATUS_BUSY);
+    EXPECT_EQ(trn_last_error(nullptr), busy);
+
+    ASSERT_EQ(flock(lock, LOCK_UN), 0);
+    EXPECT_EQ(trn_ingest_text(e, "/b/b.txt", "second", 800, 200), 1);
+    EXPECT_EQ(trn_last_status(e), TRN_STATUS_OK);
+    EXPECT_STREQ(trn_last_error(e), "");
+    g_busy_timeout_ms = TRN_BUSY_TIMEOUT_MS;
+    close(lock);
+    trn_close(e);
+}
+
+TEST(SharedIndex, AFullDiskFailsTheAppendAndLeavesTheLogAsItWas)
+{
+    TempDir dir;
+    TrnConfig cfg = config_of(dir);
+    TrnEngine *e = trn_open(&cfg);
+    ASSERT_EQ(trn_ingest_text(e, "/f/a.txt", "fits", 800, 200), 1);
+    long wal = file_size(dir.file("tarnwick.wal"));
+    signal(SIGXFSZ, SIG_IGN);
+    struct rlimit before;
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+    struct rlimit small = before;
+    small.rlim_cur = (rlim_t)wal + 10; /* room for part of the next group only */
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+    EXPECT_EQ(trn_ingest_text(e, "/f/b.txt", std::string(100, 'b').c_str(), 800, 200), -1);
+    EXPECT_EQ(trn_last_status(e), TRN_STATUS_IO_ERROR);
+    EXPECT_EQ(trn_remove_file(e, "/f/a.txt"), -1);
+    EXPECT_EQ(trn_last_status(e), TRN_STATUS_IO_ERROR);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
+    EXPECT_EQ(file_size(dir.file("tarnwick.wal")), wal);
+    EXPECT_EQ(e->count, 1u);
+    trn_close(e);
+    e = trn_open(&cfg);
+    EXPECT_EQ(live_ids(e), std::vector<std::string>{"/f/a.txt:0"});
+    trn_close(e);
+}
+
+TEST(SharedIndex, LongIndexingCheckpointsSoRecoveryReembedsAFewChunksOnly)
+{
+    TempDir dir;
+    TrnConfig cfg = config_of(dir);
+    g_checkpoint_chunks = 3;
+    TrnEngine *e = trn_open(&cfg);
+    for (int i = 0; i < 7; i++) {
+        std::string path = "/c/n" + std::to_string(i) + ".txt";
+        ASSERT_EQ(trn_ingest_text(e, path.c_str(), "a note", 800, 200), 1);
+    }
+    g_checkpoint_chunks = TRN_CHECKPOINT_CHUNKS;
+    EXPECT_EQ(e->wal_chunks, 1u);
+    /* Killed here: the store holds six chunks, the log the seventh. */
+    TrnEngine *reader = trn_open(&cfg);
+    EXPECT_EQ(reader->count, 7u);
+    EXPECT_EQ(reader->wal_chunks, 1u);
+    trn_close(reader);
+    trn_close(e);
+}
+
+TEST(SharedIndex, RacingWritersAndReadersLoseNothingAndSeeOnlyCommittedStates)
+{
+    TempDir dir;
+    TempDir out;
+    ASSERT_EQ(run_driver({dir.path(), "setup"}, out.file("setup.txt")), 0);
+    int status = 0;
+    std::set<std::string> added;
+    for (int round = 0; round < 3; round++) {
+        std::vector<std::pair<pid_t, std::string>> kids;
+        for (int w = 0; w < 2; w++) {
+            std::string name = "w" + std::to_string(round) + std::to_string(w) + ".txt";
+            kids.push_back({start_driver({dir.path(), "ingest", name}, out.file(name)), name});
+        }
+        for (int r = 0; r < 4; r++) {
+            std::string name = "r" + std::to_string(r);
+            kids.push_back({start_driver({dir.path(), "state"}, out.file(name)), ""});
+        }
+        for (auto &[pid, name] : kids) {
+            ASSERT_EQ(waitpid(pid, &status, 0), pid);
+            ASSERT_TRUE(WIFEXITED(status));
+            /* Success, or busy after the timeout: nothing else. */
+            ASSERT_TRUE(WEXITSTATUS(status) == 0 || WEXITSTATUS(status) == 3
+                        || WEXITSTATUS(status) == 4);
+            if (!name.empty() && WEXITSTATUS(status) == 0) {
+                added.insert(name);
+            }
+        }
+        /* Every reader saw whole files only: c.txt and b.txt's chunks, and every chunk once. */
+        for (int r = 0; r < 4; r++) {
+            std::vector<uint8_t> seen = read_file_bytes(out.file("r" + std::to_string(r)));
+            std::string text(seen.begin(), seen.end());
+            if (text.rfind("refused", 0) == 0) {
+                continue;
+            }
+            EXPECT_NE(text.find("/s/b.txt:0 "), std::string::npos) << text;
+            EXPECT_EQ(text.find("/s/a.txt:0 "), std::string::npos) << text;
+        }
+    }
+    ASSERT_EQ(run_driver({dir.path(), "state"}, out.file("final")), 0);
+    std::vector<uint8_t> bytes = read_file_bytes(out.file("final"));
+    std::string text(bytes.begin(), bytes.end());
+    std::set<std::string> present;
+    std::set<std::string> lines;
+    size_t pos = 0;
+    while (pos < text.size()) {
+        size_t end = text.find('\n', pos);
+        std::string line = text.substr(pos, end - pos);
+        EXPECT_TRUE(lines.insert(line).second) << "duplicated: " << line;
+        if (line.rfind("/s/w", 0) == 0) {
+            present.insert(line.substr(3, line.find(':') - 3));
+        }
+        pos = end + 1;
+    }
+    EXPECT_EQ(present, added);
+    EXPECT_GE(added.size(), 1u);
+}
+
+} // namespace
