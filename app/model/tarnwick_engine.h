@@ -104,11 +104,11 @@ public:
     // Closes the engine, removes tarnwick.bin and tarnwick.wal, and opens afresh.
     void clearAndReopen(const QString &weightsPath);
 
-    // Walks the directory (hidden names skipped, symbolic links to directories not followed) and
-    // ingests every indexable file whose text has at least 11 characters, then rebuilds the
-    // document index. Returns the chunks added, or -1 when the engine is not open or the
-    // directory cannot be read. progress (may be empty) is called with (0, found) once the walk
-    // is done and after each file.
+    // Walks the directory (walkDirectory of file_walk.h: hidden names skipped, links followed
+    // only inside the directory) and ingests every indexable file of at most TRN_FILE_SIZE_MAX
+    // bytes whose text has at least 11 characters, then rebuilds the document index. Returns the
+    // chunks added, or -1 when the engine is not open or the directory cannot be read. progress
+    // (may be empty) is called with (0, found) once the walk is done and after each file.
     int ingestDirectory(int chunkSize, int overlap, const ProgressFn &progress = {});
 
     // At most k results (k >= 0; the engine gives at most 64). Empty when not open or k is 0.
