@@ -67,7 +67,7 @@ tsan:
 # UndefinedBehaviorSanitizer. The working corpus grows in fuzz-corpus/ (not kept); inputs that
 # crash land in tests/fuzz/crashes/<target>/, where ctest replays them from then on.
 FUZZ_SECONDS ?= 60
-FUZZ_TARGETS ?= fuzz_store fuzz_wal fuzz_weights
+FUZZ_TARGETS ?= fuzz_store fuzz_wal fuzz_weights fuzz_regex
 
 fuzz:
 	@CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \

@@ -152,6 +152,9 @@ bool on_file_done(const char *, int32_t, int32_t, void *user)
 // The engine-only index: the engine's own walk and classification, 800 and 200 by default.
 void cmd_index(const Options &o)
 {
+    const int32_t chunk_size = o.chunk_size.value_or(800);
+    const int32_t overlap = o.overlap.value_or(200);
+    check_chunking(chunk_size, overlap);
     std::string root = resolve_dir(o.operands[0]);
     std::string index_dir = index_dir_of(root);
     check_weights(o.weights);
@@ -160,12 +163,8 @@ void cmd_index(const Options &o)
     // Searches keep using the old index until the new one is complete and swapped in.
     EnginePtr engine = open_engine(index_dir, o.weights, TRN_OPEN_REBUILD);
     Progress progress{engine.get(), isatty(STDERR_FILENO) == 1};
-    int32_t added = trn_ingest_dir(engine.get(),
-                                   root.c_str(),
-                                   o.chunk_size.value_or(800),
-                                   o.overlap.value_or(200),
-                                   on_file_done,
-                                   &progress);
+    int32_t added =
+        trn_ingest_dir(engine.get(), root.c_str(), chunk_size, overlap, on_file_done, &progress);
     if (progress.show) {
         std::fputs("\r\033[K", stderr);
     }

@@ -91,8 +91,16 @@ void check_weights(const std::string &weights)
 
 void ensure_index_dir(const std::string &index_dir)
 {
-    if (mkdir(index_dir.c_str(), 0777) != 0 && errno != EEXIST) {
+    if (mkdir(index_dir.c_str(), 0700) != 0 && errno != EEXIST) {
         throw Failure("cannot create " + index_dir + ": " + errno_text());
+    }
+}
+
+void check_chunking(int32_t chunk_size, int32_t overlap)
+{
+    char reason[160];
+    if (!trn_check_chunking(chunk_size, overlap, reason, sizeof reason)) {
+        throw UsageError(reason);
     }
 }
 

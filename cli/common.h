@@ -52,10 +52,14 @@ void require_index(const std::string &root);
 // here rather than a silent fall-back to the random encoder inside trn_open. Empty: nothing.
 void check_weights(const std::string &weights);
 
-// Creates the index directory when it is missing. Indexing starts from scratch (vectors of an
-// earlier index may come from another encoder) by building beside the old index, which the
-// engine replaces only once the new one is complete.
+// Creates the index directory (mode 0700: only its owner may read what was indexed) when it is
+// missing. Indexing starts from scratch (vectors of an earlier index may come from another
+// encoder) by building beside the old index, which the engine replaces only once the new one is
+// complete.
 void ensure_index_dir(const std::string &index_dir);
+
+// Throws UsageError with the engine's one-line reason unless trn_check_chunking accepts the pair.
+void check_chunking(int32_t chunk_size, int32_t overlap);
 
 void write_out(const std::string &text);
 

@@ -442,11 +442,12 @@ std::string application_weights(const std::string &root, std::string *descriptio
 
 void model_index(const Options &o)
 {
-    std::string root = resolve_dir(o.operands[0]);
-    std::string index_dir = index_dir_of(root);
     Settings *settings = Settings::standard();
     int32_t chunk_size = o.chunk_size.value_or(settings->effectiveChunkSize());
     int32_t overlap = o.overlap.value_or(settings->effectiveOverlap());
+    check_chunking(chunk_size, overlap);
+    std::string root = resolve_dir(o.operands[0]);
+    std::string index_dir = index_dir_of(root);
     std::string description;
     std::string weights = o.weights;
     if (weights.empty()) {

@@ -192,8 +192,9 @@ TRN_API int trn_encoder_load_weights(TrnEncoder *enc, const char *path);
 /* Reads a weights file into an initialised encoder. Returns 1 on success, 0 on failure, with a
 ** "tarnwick: ..." line for a file that cannot be opened, a bad magic, an unsupported version or
 ** a version 3 vocabulary mismatch, and silently for a wrong shape or a short file. A failed load
-** leaves the encoder as far as it got. A complete file whose tensors hold a NaN, an infinity or
-** a value beyond 1e4 in magnitude is refused with a "tarnwick: ..." line too, and then leaves
+** leaves the encoder as far as it got. A file whose tensors, as far as they were read, hold a
+** NaN, an infinity or a value beyond 1e4 in magnitude is refused with a "tarnwick: ..." line
+** too, and then leaves
 ** the encoder with the random tensors of trn_encoder_init with seed 42 (its tokenizer stays), so
 ** no encoder ever yields non-finite vectors. meta may be NULL; a version 1 file zeroes it. */
 TRN_API int trn_encoder_load_weights_meta(TrnEncoder *enc, const char *path, TrnWeightsMeta *meta);

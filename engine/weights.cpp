@@ -37,7 +37,8 @@
 ** interprets the metadata; it belongs to the trainer.
 **
 ** A file whose tensors hold a NaN, an infinity or a value beyond WEIGHT_ABS_MAX is refused after
-** reading, and the encoder's tensors are drawn afresh from seed 42 (those of a new engine), so a
+** reading (a short one too, once its tensors have been read into), and the encoder's tensors are
+*drawn afresh from seed 42 (those of a new engine), so a
 ** damaged file can never make the engine store NaN vectors. With every value within the bound
 ** the forward pass stays finite: each layer starts with a layer norm, which brings its input
 ** back to at most sqrt(512) per component, and the largest product that follows is some 1e25.
@@ -277,7 +278,9 @@ int trn_encoder_load_weights_meta(TrnEncoder *enc, const char *path, TrnWeightsM
              && read_floats(f, enc->ln_f_gamma, DIM) && read_floats(f, enc->ln_f_beta, DIM)
              && load_layer(f, &enc->layers[0]) && load_layer(f, &enc->layers[1]);
     fclose(f);
-    if (ok && !encoder_in_range(enc)) {
+    /* Checked after a short file too: its tensors were read as far as it went, and a new token
+    ** embedding (version 3) holds whatever memory held beyond that point. */
+    if (!encoder_in_range(enc)) {
         fprintf(stderr,
                 "tarnwick: weights in %s hold values that are not finite or beyond %g; refused\n",
                 path,

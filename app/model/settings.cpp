@@ -3,6 +3,8 @@
 */
 #include "settings.h"
 
+#include "tarnwick.h"
+
 #include <QColor>
 #include <QGuiApplication>
 #include <QPalette>
@@ -116,11 +118,34 @@ int Settings::chunkSize() const
     return read(QStringLiteral("chunkSize")).toInt();
 }
 
-void Settings::setChunkSize(int value)
+QString Settings::chunkingProblem(int chunkSize, int overlap)
 {
-    if (write(QStringLiteral("chunkSize"), value)) {
+    char reason[160];
+    if (trn_check_chunking(chunkSize, overlap, reason, sizeof reason)) {
+        return QString();
+    }
+    return QString::fromUtf8(reason);
+}
+
+bool Settings::setChunking(int chunkSize, int overlap)
+{
+    if (!chunkingProblem(chunkSize, overlap).isEmpty()) {
+        return false;
+    }
+    const bool chunkWritten = write(QStringLiteral("chunkSize"), chunkSize);
+    const bool overlapWritten = write(QStringLiteral("overlap"), overlap);
+    if (chunkWritten) {
         emit chunkSizeChanged();
     }
+    if (overlapWritten) {
+        emit overlapChanged();
+    }
+    return true;
+}
+
+void Settings::setChunkSize(int value)
+{
+    setChunking(value, effectiveOverlap());
 }
 
 int Settings::overlap() const
@@ -130,9 +155,7 @@ int Settings::overlap() const
 
 void Settings::setOverlap(int value)
 {
-    if (write(QStringLiteral("overlap"), value)) {
-        emit overlapChanged();
-    }
+    setChunking(effectiveChunkSize(), value);
 }
 
 QString Settings::extraExtensions() const
@@ -173,12 +196,16 @@ void Settings::setPreviewOnTop(bool value)
 
 int Settings::effectiveChunkSize() const
 {
-    return positiveOr(read(QStringLiteral("chunkSize")), kDefaultChunkSize);
+    const int chunkSize = positiveOr(read(QStringLiteral("chunkSize")), kDefaultChunkSize);
+    const int overlap = positiveOr(read(QStringLiteral("overlap")), kDefaultOverlap);
+    return chunkingProblem(chunkSize, overlap).isEmpty() ? chunkSize : kDefaultChunkSize;
 }
 
 int Settings::effectiveOverlap() const
 {
-    return positiveOr(read(QStringLiteral("overlap")), kDefaultOverlap);
+    const int chunkSize = positiveOr(read(QStringLiteral("chunkSize")), kDefaultChunkSize);
+    const int overlap = positiveOr(read(QStringLiteral("overlap")), kDefaultOverlap);
+    return chunkingProblem(chunkSize, overlap).isEmpty() ? overlap : kDefaultOverlap;
 }
 
 QStringList Settings::savedTabPaths() const

@@ -8,6 +8,8 @@
 **   appearance               string        "system" "system", "light", "dark" or "opposite"
 **   chunkSize                int           800      indexing chunk size; below 1 reads as 800
 **   overlap                  int           200      chunk overlap; below 1 reads as 200
+**                                                    (a pair the engine's limits refuse,
+**                                                    trn_check_chunking, reads as 800 and 200)
 **   extraExtensions          string        kDefaultExtraExtensions
 **   hoverPreview             bool          true     "Show context panel on hover"
 **   previewOnTop             bool          false    "Keep context panel on top"
@@ -76,9 +78,16 @@ public:
     QString appearance() const;
     void setAppearance(const QString &value);
     int chunkSize() const;
-    void setChunkSize(int value);
     int overlap() const;
+    // Chunk size and overlap are saved as a pair, and only a pair trn_check_chunking accepts
+    // (64 to 65536, overlap at most half a chunk); an invalid one is refused and nothing changes.
+    // Returns whether the pair is saved. The single setters pair the value with the effective
+    // other one.
+    bool setChunking(int chunkSize, int overlap);
+    void setChunkSize(int value);
     void setOverlap(int value);
+    // The one-line reason a pair would be refused, or an empty string when it would be saved.
+    static QString chunkingProblem(int chunkSize, int overlap);
     QString extraExtensions() const;
     void setExtraExtensions(const QString &value);
     bool hoverPreview() const;
@@ -87,7 +96,7 @@ public:
     void setPreviewOnTop(bool value);
 
     // What indexing uses: a stored value below 1 (or one that is not a number) counts as the
-    // default.
+    // default, and a pair outside the limits of setChunking counts as both defaults.
     int effectiveChunkSize() const;
     int effectiveOverlap() const;
 

@@ -10,6 +10,7 @@
 */
 #include "tarnwick_engine.h"
 
+#include "file_walk.h"
 #include "settings.h"
 
 #include <QByteArray>
@@ -25,6 +26,8 @@
 #include <limits>
 #include <memory>
 #include <vector>
+
+#include <sys/stat.h>
 
 namespace
 {
@@ -177,64 +180,25 @@ bool openUrl(const QUrl &url)
     return QDesktopServices::openUrl(url);
 }
 
-// One regular file found by a walk.
-struct WalkEntry {
-    QString path;
-    qint64 size;
-};
-
-// Every regular file below dir, depth first in name order. Names beginning with "." are skipped
-// unless includeHidden; symbolic links to directories are not followed (no cycles). Returns
-// false when dir itself cannot be read.
-bool walkDirectory(const QString &dir, bool includeHidden, QList<WalkEntry> *out)
+// The index directory, readable by its owner alone (0700); the directories above it as before.
+void createIndexDir(const QString &dataDir)
 {
-    QDir root(dir);
-    if (!root.exists() || !root.isReadable()) {
-        return false;
-    }
-    // A stack of directories; each directory's entries are visited in name order, and a
-    // subdirectory is entered before the entries that follow it.
-    struct Frame {
-        QFileInfoList entries;
-        qsizetype next;
-    };
-    std::vector<Frame> stack;
-    QDir::Filters filters = QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System;
-    if (includeHidden) {
-        filters |= QDir::Hidden;
-    }
-    stack.push_back(Frame{QDir(root.absolutePath()).entryInfoList(filters, QDir::Name), 0});
-    while (!stack.empty()) {
-        Frame &top = stack.back();
-        if (top.next >= top.entries.size()) {
-            stack.pop_back();
-            continue;
-        }
-        const QFileInfo info = top.entries.at(top.next++);
-        if (!includeHidden && info.fileName().startsWith(QLatin1Char('.'))) {
-            continue;
-        }
-        if (info.isDir()) {
-            if (!info.isSymLink()) {
-                stack.push_back(Frame{QDir(info.filePath()).entryInfoList(filters, QDir::Name), 0});
-            }
-            continue;
-        }
-        if (info.isFile()) {
-            out->append(WalkEntry{info.filePath(), info.size()});
-        }
-    }
-    return true;
+    QDir().mkpath(QFileInfo(dataDir).path());
+    ::mkdir(QFile::encodeName(dataDir).constData(), 0700);
 }
 
 // The file's contents as UTF-8 text; nullopt when unreadable or not valid UTF-8.
 std::optional<QString> readUtf8File(const QString &path)
 {
     QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
+    if (!file.open(QIODevice::ReadOnly) || file.size() > TRN_FILE_SIZE_MAX) {
         return std::nullopt;
     }
-    const QByteArray bytes = file.readAll();
+    // One byte more than the limit tells a file that grew since from one that fits.
+    const QByteArray bytes = file.read(qint64(TRN_FILE_SIZE_MAX) + 1);
+    if (bytes.size() > TRN_FILE_SIZE_MAX) {
+        return std::nullopt;
+    }
     QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
     QString text = decoder.decode(bytes);
     if (decoder.hasError()) {
@@ -320,7 +284,7 @@ TarnwickEngine::TarnwickEngine(const QString &directoryPath, const QString &weig
                                OpenMode mode)
     : m_directoryPath(directoryPath), m_dataDir(directoryPath + QStringLiteral("/.tarnwick"))
 {
-    QDir().mkpath(m_dataDir);
+    createIndexDir(m_dataDir);
     std::lock_guard<std::mutex> lock(engineMutex());
     openLocked(weightsPath, mode == OpenMode::Rebuild ? TRN_OPEN_REBUILD : 0);
 }
@@ -390,7 +354,7 @@ void TarnwickEngine::clearAndReopen(const QString &weightsPath)
         trn_close(m_handle);
         m_handle = nullptr;
     }
-    QDir().mkpath(m_dataDir);
+    createIndexDir(m_dataDir);
     openLocked(weightsPath, TRN_OPEN_REBUILD);
 }
 
@@ -411,7 +375,8 @@ int TarnwickEngine::ingestDirectory(int chunkSize, int overlap, const ProgressFn
     QList<Candidate> candidates;
     for (const WalkEntry &entry : entries) {
         const FileClassification c = classify(entry.path, extra);
-        if (c.isIndexable) {
+        // Skipped on its size alone: a file this large is never read into memory.
+        if (c.isIndexable && entry.size <= TRN_FILE_SIZE_MAX) {
             candidates.append(Candidate{entry.path, c.fileType == QLatin1String("PDF")});
         }
     }

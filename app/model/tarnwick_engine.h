@@ -118,10 +118,11 @@ public:
     QString lastError() const;
     int lastStatus() const;
 
-    // Walks the directory (hidden names skipped, symbolic links to directories not followed) and
-    // ingests every indexable file whose text has at least 11 characters, then rebuilds the
-    // document index. Returns the chunks added, or -1 when the engine is not open or the
-    // directory cannot be read or a write failed (see lastError; the walk stops there). progress
+    // Walks the directory (walkDirectory of file_walk.h: hidden names skipped, links followed
+    // only inside the directory) and ingests every indexable file of at most TRN_FILE_SIZE_MAX
+    // bytes whose text has at least 11 characters, then rebuilds the document index. Returns the
+    // chunks added, or -1 when the engine is not open, the directory cannot be read or a write
+    // failed (see lastError; the walk stops there). progress
     // (may be empty) is called with (0, found) once the walk is done and after each file.
     int ingestDirectory(int chunkSize, int overlap, const ProgressFn &progress = {});
 

@@ -12,11 +12,11 @@
 #include "tarnwick_engine.h"
 
 #include "background.h"
+#include "file_walk.h"
 #include "json_coding.h"
 
 #include <QCoreApplication>
 #include <QDir>
-#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 #include <QStringDecoder>
@@ -267,15 +267,13 @@ qint64 TrainingManager::prepareCorpus(const QStringList &dirs, const QString &ou
     const QSet<QString> extra = TarnwickEngine::extraExtensions();
     qint64 total = 0;
     for (const QString &dir : dirs) {
-        QDirIterator it(
-            dir, QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories);
-        while (it.hasNext()) {
-            const QString path = it.next();
-            if (!it.fileInfo().isFile()) {
-                continue;
-            }
+        QList<WalkEntry> entries;
+        walkDirectory(dir, true, &entries);
+        for (const WalkEntry &entry : entries) {
+            const QString &path = entry.path;
             const FileClassification c = TarnwickEngine::classify(path, extra);
-            if (!c.isIndexable) {
+            // Too large a file is skipped on its size, as indexing does, before it is read.
+            if (!c.isIndexable || entry.size > TRN_FILE_SIZE_MAX) {
                 continue;
             }
             QString text;

@@ -268,8 +268,7 @@ void TestAppState::storedChunkSizeBelowOneIndexesWith800()
     QCOMPARE(int(app->activeState()->engine()->stats().chunk_count), expected);
 
     // Re-index reads the settings again.
-    m_env->settings()->setChunkSize(100);
-    m_env->settings()->setOverlap(20);
+    QVERIFY(m_env->settings()->setChunking(100, 20));
     app->reindexActive();
     QVERIFY(app->activeState()->isIngesting());
     QTRY_VERIFY_WITH_TIMEOUT(!app->activeState()->isIngesting(), 20000);

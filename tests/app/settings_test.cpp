@@ -21,8 +21,9 @@ private slots:
     void init();
     void cleanup();
     void absentKeysReadAsTheirDefaults();
-    void chunkSizeBelowOneReadsAsDefault_data();
-    void chunkSizeBelowOneReadsAsDefault();
+    void effectiveChunkingFallsBackToTheDefaults_data();
+    void effectiveChunkingFallsBackToTheDefaults();
+    void invalidChunkingIsRefusedAndNothingChanges();
     void settersSignalOnlyOnChange();
     void directoryKeysRoundTrip_data();
     void directoryKeysRoundTrip();
@@ -78,25 +79,56 @@ void TestSettings::absentKeysReadAsTheirDefaults()
     QVERIFY(!m_settings->contains(QStringLiteral("chunkSize")));
 }
 
-void TestSettings::chunkSizeBelowOneReadsAsDefault_data()
+void TestSettings::effectiveChunkingFallsBackToTheDefaults_data()
 {
-    QTest::addColumn<QVariant>("stored");
+    QTest::addColumn<QVariant>("storedChunkSize");
+    QTest::addColumn<QVariant>("storedOverlap");
     QTest::addColumn<int>("chunkSize");
     QTest::addColumn<int>("overlap");
-    QTest::newRow("zero") << QVariant(0) << 800 << 200;
-    QTest::newRow("negative") << QVariant(-3) << 800 << 200;
-    QTest::newRow("not a number") << QVariant(QStringLiteral("lots")) << 800 << 200;
-    QTest::newRow("one") << QVariant(1) << 1 << 1;
-    QTest::newRow("a real value") << QVariant(1200) << 1200 << 1200;
+    QTest::newRow("zero") << QVariant(0) << QVariant(0) << 800 << 200;
+    QTest::newRow("negative") << QVariant(-3) << QVariant(-3) << 800 << 200;
+    QTest::newRow("not a number") << QVariant(QStringLiteral("lots"))
+                                  << QVariant(QStringLiteral("x")) << 800 << 200;
+    QTest::newRow("a real pair") << QVariant(1200) << QVariant(300) << 1200 << 300;
+    QTest::newRow("overlap zero reads as 200") << QVariant(1200) << QVariant(0) << 1200 << 200;
+    QTest::newRow("chunks of one byte") << QVariant(1) << QVariant(1) << 800 << 200;
+    QTest::newRow("overlap of 799 with 800") << QVariant(800) << QVariant(799) << 800 << 200;
+    QTest::newRow("chunks above the limit") << QVariant(70000) << QVariant(100) << 800 << 200;
+    QTest::newRow("default overlap too large") << QVariant(300) << QVariant(0) << 800 << 200;
 }
 
-void TestSettings::chunkSizeBelowOneReadsAsDefault()
+void TestSettings::effectiveChunkingFallsBackToTheDefaults()
 {
-    QFETCH(QVariant, stored);
-    m_settings->setValue(QStringLiteral("chunkSize"), stored);
-    m_settings->setValue(QStringLiteral("overlap"), stored);
+    QFETCH(QVariant, storedChunkSize);
+    QFETCH(QVariant, storedOverlap);
+    m_settings->setValue(QStringLiteral("chunkSize"), storedChunkSize);
+    m_settings->setValue(QStringLiteral("overlap"), storedOverlap);
     QTEST(m_settings->effectiveChunkSize(), "chunkSize");
     QTEST(m_settings->effectiveOverlap(), "overlap");
+}
+
+// An overlap of 799 with chunks of 800 made indexing step one byte at a time; such a pair is
+// never saved, whichever setter tries.
+void TestSettings::invalidChunkingIsRefusedAndNothingChanges()
+{
+    QVERIFY(m_settings->setChunking(1000, 100));
+    QSignalSpy chunk(m_settings.get(), &Settings::chunkSizeChanged);
+    QSignalSpy overlap(m_settings.get(), &Settings::overlapChanged);
+    QVERIFY(!m_settings->setChunking(800, 799));
+    QVERIFY(!m_settings->setChunking(63, 0));
+    m_settings->setOverlap(501);   // above half of 1000
+    m_settings->setChunkSize(150); // 100 is more than half of it
+    QCOMPARE(chunk.count(), 0);
+    QCOMPARE(overlap.count(), 0);
+    QCOMPARE(m_settings->chunkSize(), 1000);
+    QCOMPARE(m_settings->overlap(), 100);
+    QCOMPARE(Settings::chunkingProblem(800, 799),
+             QStringLiteral("overlap must be from 0 to half the chunk size, 400 (got 799)"));
+    QVERIFY(Settings::chunkingProblem(800, 400).isEmpty());
+
+    m_settings->setChunkSize(200);
+    QCOMPARE(chunk.count(), 1);
+    QCOMPARE(m_settings->effectiveChunkSize(), 200);
 }
 
 void TestSettings::settersSignalOnlyOnChange()

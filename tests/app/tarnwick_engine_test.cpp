@@ -4,6 +4,8 @@
 */
 #include "tarnwick_engine.h"
 
+#include "training_manager.h"
+
 #include "test_support.h"
 
 #include <QPainter>
@@ -24,6 +26,8 @@ private slots:
     void appearsToBeText();
     void extraExtensionsAreTrimmedAndLowerCased();
     void walkSkipsHiddenEntriesAndTheIndex();
+    void walksEndOnLinkLoopsAndNeverLeaveTheTree();
+    void indexIsPrivateAndHugeFilesAreNeverRead();
     void ingestNeedsElevenCharactersAndValidUtf8();
     void searchCopiesRecordsAndKZeroReturnsNothing();
     void fileListCarriesChunkCounts();
@@ -182,6 +186,90 @@ void TestTarnwickEngine::walkSkipsHiddenEntriesAndTheIndex()
         names.append(f.name);
     }
     QCOMPARE(names, QStringList({QStringLiteral("nested.md"), QStringLiteral("visible.txt")}));
+}
+
+// Indexing, the file list and the training corpus each walk the tree themselves. A walk that
+// followed these links never ended, or read /etc and a file beside the tree.
+void TestTarnwickEngine::walksEndOnLinkLoopsAndNeverLeaveTheTree()
+{
+    QTemporaryDir dir;
+    const QString root = dir.filePath(QStringLiteral("tree"));
+    writeFile(root, QStringLiteral("a.txt"), "alpha words inside the tree\n");
+    writeFile(root, QStringLiteral("sub/b.txt"), "bravo words inside the tree\n");
+    writeFile(dir.path(), QStringLiteral("outside.txt"), "secret words outside the tree\n");
+    const QList<QPair<QString, QString>> links = {
+        {QStringLiteral("."), QStringLiteral("loop1")},
+        {QStringLiteral(".."), QStringLiteral("sub/loop2")},
+        {QStringLiteral("/etc"), QStringLiteral("etc")},
+        {QStringLiteral("/"), QStringLiteral("slash")},
+        {QStringLiteral("sub"), QStringLiteral("inside")},
+        {QStringLiteral("a.txt"), QStringLiteral("alias.txt")},
+        {QStringLiteral("../outside.txt"), QStringLiteral("secret.txt")},
+        {QStringLiteral("ba"), QStringLiteral("ab")},
+        {QStringLiteral("ab"), QStringLiteral("ba")},
+    };
+    for (const auto &[target, name] : links) {
+        QVERIFY(QFile::link(target, root + QLatin1Char('/') + name));
+    }
+    const QStringList want = {root + QStringLiteral("/a.txt"),
+                              root + QStringLiteral("/alias.txt"),
+                              root + QStringLiteral("/sub/b.txt")};
+
+    TarnwickEngine engine(root, QString());
+    QCOMPARE(engine.ingestDirectory(800, 200), 3);
+    QStringList hits;
+    for (const SearchResult &r : engine.search(QStringLiteral("words"), SearchMode::Text, 64)) {
+        hits.append(r.filePath);
+    }
+    hits.sort();
+    QCOMPARE(hits, want);
+
+    QStringList listed;
+    for (const FileInfo &f : engine.fileList()) {
+        listed.append(f.path);
+        QCOMPARE(f.chunkCount, 1); // the engine's walk gives the same paths
+    }
+    listed.sort();
+    QCOMPARE(listed, want);
+
+    const QString corpus = dir.filePath(QStringLiteral("corpus.txt"));
+    QVERIFY(TrainingManager::prepareCorpus({root}, corpus) > 0);
+    QFile file(corpus);
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    const QByteArray text = file.readAll();
+    QCOMPARE(text.count("alpha words"), 2); // a.txt and the link beside it
+    QCOMPARE(text.count("bravo words"), 1);
+    QVERIFY(!text.contains("secret"));
+}
+
+void TestTarnwickEngine::indexIsPrivateAndHugeFilesAreNeverRead()
+{
+    QTemporaryDir dir;
+    writeFile(dir.path(), QStringLiteral("small.txt"), "a small file that is indexed\n");
+    QFile huge(dir.filePath(QStringLiteral("huge.txt")));
+    QVERIFY(huge.open(QIODevice::WriteOnly));
+    QVERIFY(huge.resize(qint64(2) << 30)); // sparse: reading it would take 2 GiB
+    huge.close();
+    QFile over(dir.filePath(QStringLiteral("over.txt")));
+    QVERIFY(over.open(QIODevice::WriteOnly));
+    QVERIFY(over.resize(qint64(TRN_FILE_SIZE_MAX) + 1));
+    over.close();
+
+    TarnwickEngine engine(dir.path(), QString());
+    QCOMPARE(engine.ingestDirectory(800, 200), 1);
+    QVERIFY(engine.checkpoint());
+    QCOMPARE(engine.fileList().size(), 3); // listed with their sizes, never read
+    const QString corpus = dir.filePath(QStringLiteral(".corpus"));
+    QVERIFY(TrainingManager::prepareCorpus({dir.path()}, corpus) < 100);
+
+    const QString index = dir.filePath(QStringLiteral(".tarnwick"));
+    QCOMPARE(QFile::permissions(index),
+             QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadUser
+                 | QFile::WriteUser | QFile::ExeUser);
+    for (const char *name : {"/tarnwick.bin", "/tarnwick.wal"}) {
+        QCOMPARE(QFile::permissions(index + QLatin1String(name)),
+                 QFile::ReadOwner | QFile::WriteOwner | QFile::ReadUser | QFile::WriteUser);
+    }
 }
 
 void TestTarnwickEngine::ingestNeedsElevenCharactersAndValidUtf8()

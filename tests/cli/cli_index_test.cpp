@@ -315,7 +315,8 @@ TEST(CliPaths, IndexedPathsAreResolved)
     TempDir dir;
     write_file(dir / "real/note.txt", "the only note in this directory\n");
     fs::create_directory_symlink(dir / "real", dir / "alias");
-    RunResult r = run_cli({"index", "./alias/.", "--chunk-size", "64"}, dir.path());
+    RunResult r =
+        run_cli({"index", "./alias/.", "--chunk-size", "64", "--overlap", "16"}, dir.path());
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_TRUE(fs::exists(dir / "real/.tarnwick/tarnwick.bin"));
     r = run_cli({"search", "alias", "only note", "--mode", "text", "--json"}, dir.path());
@@ -330,10 +331,13 @@ TEST(CliSearch, KAboveSixtyFourGivesSixtyFourResults)
     TempDir dir;
     std::string text;
     for (int i = 0; i < 70; i++) {
-        text += "tick" + std::string(1, char('a' + i % 26)) + " "; // 6 bytes per chunk
+        std::string chunk = "tick" + std::string(1, char('a' + i % 26)) + " ";
+        chunk.resize(64, '.'); // one chunk each
+        text += chunk;
     }
     write_file(dir / "ticks.txt", text);
-    RunResult r = run_cli({"index", dir.path(), "--chunk-size", "6", "--overlap", "0"}, dir.path());
+    RunResult r =
+        run_cli({"index", dir.path(), "--chunk-size", "64", "--overlap", "0"}, dir.path());
     ASSERT_EQ(r.status, 0) << r.err;
     for (const char *mode : {"text", "regex"}) {
         r = run_cli({"search", dir.path(), "tick", "--mode", mode, "-k", "100", "--json"},
@@ -361,6 +365,38 @@ TEST(CliSearch, ExactChunkTextScoresOne)
     Json hits = parse_json(r.out);
     ASSERT_EQ(hits.items.size(), 1u);
     EXPECT_NEAR(hits.items[0]["score"].number, 1.0, 1e-4);
+}
+
+// "files" on a tree with two link loops never ended; "index" read through a link into /etc; and
+// the index was readable by every user.
+TEST(CliPrivacy, LinkLoopsEndNothingOutsideIsReadAndTheIndexIsTheOwners)
+{
+    TempDir dir;
+    write_file(dir / "tree/a.txt", "the only text inside the tree, long enough to index\n");
+    write_file(dir / "outside.txt", "a secret text outside the tree, long enough to index\n");
+    fs::create_directory_symlink(".", dir / "tree/loop1");
+    fs::create_directory_symlink("..", dir / "tree/loop2");
+    fs::create_directory_symlink("/etc", dir / "tree/etc");
+    fs::create_symlink("../outside.txt", dir / "tree/secret.txt");
+    const std::string tree = dir / "tree";
+    RunResult r = run_cli({"index", tree, "--chunk-size", "64", "--overlap", "16"}, tree);
+    ASSERT_EQ(r.status, 0) << r.err;
+    r = run_cli({"files", tree, "--json"}, tree);
+    ASSERT_EQ(r.status, 0) << r.err;
+    Json files = parse_json(r.out);
+    ASSERT_EQ(files.items.size(), 1u) << r.out;
+    EXPECT_EQ(files.items[0]["path"].text, tree + "/a.txt");
+    EXPECT_TRUE(files.items[0]["indexed"].boolean);
+    r = run_cli({"search", tree, "secret", "--mode", "text", "--json"}, tree);
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(parse_json(r.out).items.empty()) << r.out;
+
+    EXPECT_EQ(fs::status(dir / "tree/.tarnwick").permissions(), fs::perms::owner_all);
+    for (const char *name : {"tarnwick.bin", "tarnwick.wal"}) {
+        EXPECT_EQ(fs::status(dir / ("tree/.tarnwick/" + std::string(name))).permissions(),
+                  fs::perms::owner_read | fs::perms::owner_write)
+            << name;
+    }
 }
 
 } // namespace

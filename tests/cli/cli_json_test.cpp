@@ -77,30 +77,27 @@ TEST(CliHostile, ControlCharactersAndQuotesRoundTripThroughJson)
     EXPECT_NE(r.out.find("tab\there"), std::string::npos) << r.out;
 }
 
-// "é" is two bytes; 15-byte chunks end in the middle of the eighth one, and the next chunk
-// begins with its second byte.
+// "é" is two bytes; after one "x", 64-byte chunks end in the middle of the 32nd one, and the
+// next chunk begins with its second byte.
 TEST(CliHostile, CharactersCutAtChunkBoundariesBecomeReplacementCharacters)
 {
     TempDir dir;
-    std::string text;
-    for (int i = 0; i < 15; i++) {
-        text += "\xC3\xA9";
+    std::string thirty_one;
+    for (int i = 0; i < 31; i++) {
+        thirty_one += "\xC3\xA9";
     }
-    write_file(dir / "accents.txt", text); // 30 bytes: chunks [0, 15) and [15, 30)
+    // 128 bytes: chunks [0, 64) and [64, 128)
+    write_file(dir / "accents.txt", "x" + thirty_one + "\xC3\xA9" + thirty_one + "y");
     ASSERT_EQ(
-        run_cli({"index", dir.path(), "--chunk-size", "15", "--overlap", "0"}, dir.path()).status,
+        run_cli({"index", dir.path(), "--chunk-size", "64", "--overlap", "0"}, dir.path()).status,
         0);
     RunResult r =
         run_cli({"search", dir.path(), "\xC3\xA9", "--mode", "text", "--json"}, dir.path());
     ASSERT_EQ(r.status, 0) << r.err;
     Json hits = parse_json(r.out);
     ASSERT_EQ(hits.items.size(), 2u);
-    std::string seven;
-    for (int i = 0; i < 7; i++) {
-        seven += "\xC3\xA9";
-    }
-    EXPECT_EQ(hits.items[0]["snippet"].text, seven + REPLACEMENT);
-    EXPECT_EQ(hits.items[1]["snippet"].text, REPLACEMENT + seven);
+    EXPECT_EQ(hits.items[0]["snippet"].text, "x" + thirty_one + REPLACEMENT);
+    EXPECT_EQ(hits.items[1]["snippet"].text, REPLACEMENT + thirty_one + "y");
 }
 
 TEST(CliHostile, NamesThatAreNotUtf8AreListedAsValidJson)

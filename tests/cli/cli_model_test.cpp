@@ -113,8 +113,7 @@ protected:
         write_file(dir / ".hidden/secret.txt", "hidden folders are never walked at all\n");
 
         std::unique_ptr<Settings> settings = open_settings(home.path());
-        settings->setChunkSize(120);
-        settings->setOverlap(30);
+        settings->setChunking(120, 30);
         settings->setExtraExtensions(QStringLiteral("gradle, TIDE "));
         settings->sync();
         // The in-process model reads the same file.

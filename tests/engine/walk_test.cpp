@@ -74,12 +74,12 @@ TEST(Walk, LinkLoopsEndAndLinksOutOfTheTreeAreNotFollowed)
     write_text(root + "/a.txt", "alpha file inside the tree");
     write_text(root + "/sub/b.txt", "bravo file inside the tree");
     write_text(tmp.file("secret.txt"), "a secret outside the tree");
-    link_to(".", root + "/loop1");       // a loop through the root
-    link_to("..", root + "/sub/loop2");  // a loop through the parent
-    link_to("../..", root + "/sub/up");  // out of the tree
-    link_to("/", root + "/slash");       // the whole file system
-    link_to("/etc", root + "/etc");      // another tree
-    link_to("sub", root + "/inside");    // a directory inside, walked under its own name
+    link_to(".", root + "/loop1");      // a loop through the root
+    link_to("..", root + "/sub/loop2"); // a loop through the parent
+    link_to("../..", root + "/sub/up"); // out of the tree
+    link_to("/", root + "/slash");      // the whole file system
+    link_to("/etc", root + "/etc");     // another tree
+    link_to("sub", root + "/inside");   // a directory inside, walked under its own name
     link_to("a.txt", root + "/alias.txt");
     link_to("../secret.txt", root + "/secret.txt");
     link_to("missing", root + "/dangling");
@@ -104,8 +104,7 @@ long child_peak_mib(Fn fn)
     }
     int status = 0;
     struct rusage usage = {};
-    if (wait4(pid, &status, 0, &usage) != pid || !WIFEXITED(status)
-        || WEXITSTATUS(status) != 0) {
+    if (wait4(pid, &status, 0, &usage) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
         return -1;
     }
     return usage.ru_maxrss / 1024;

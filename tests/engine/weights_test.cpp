@@ -378,16 +378,13 @@ TEST_F(WeightsFile, NonFiniteOrHugeValuesAreRefusedAndLeaveAFiniteEncoder)
         long offset;     // from the start of the file; negative counts from its end
         float value;
         bool accepted;
+        long cut = 0; // the file's length when it is cut short
     } cases[] = {
         {"NaN in the first token embedding", 0, tensors, std::nanf(""), false},
-        {"1e30 in layer 0 w1",
-         0,
-         tensors + (long)(516 * D + 2 * D + 4 * D * D + 77) * 4,
-         1e30f,
-         false},
         {"-inf as the last float", 0, -4, -INFINITY, false},
         {"just beyond the bound", 0, tensors + 260 * D * 4 + 8, 10001.0f, false},
         {"NaN in a version 3 file", 6, -4, std::nanf(""), false},
+        {"NaN in a file cut short after it", 0, tensors + 40, std::nanf(""), false, 4096},
         {"large but within the bound", 0, -4, 9999.0f, true},
     };
     for (const Case &c : cases) {
@@ -401,6 +398,9 @@ TEST_F(WeightsFile, NonFiniteOrHugeValuesAreRefusedAndLeaveAFiniteEncoder)
         uint32_t bits;
         memcpy(&bits, &c.value, 4);
         patchU32(path, c.offset < 0 ? fileSize(path) + c.offset : c.offset, bits);
+        if (c.cut > 0) {
+            ASSERT_EQ(truncate(path.c_str(), c.cut), 0);
+        }
         trn_encoder_free(&other);
         trn_encoder_init(&other, 7);
 
