@@ -219,7 +219,8 @@ void hnsw_free_scratch(TrnEngine *e);
 int64_t find_ascii_nocase(const char *hay, size_t len, const unsigned char *nl, size_t n);
 
 /* ---------------------------------------------------------------------------------------------
-** Word index (lexical.cpp): BM25 over the live chunks, kept in memory, built from the chunk texts.
+** Word index (lexical.cpp): BM25 over the live chunks, kept in memory, built from the chunk texts
+** by the first keyword or hybrid search and kept up to date by every later one.
 */
 constexpr float LEX_K1 = 1.2f;     /* BM25 term-frequency saturation */
 constexpr float LEX_B = 0.75f;     /* BM25 length normalisation */
@@ -239,7 +240,7 @@ int32_t lex_search(TrnEngine *e, const char *query, int32_t k, uint32_t *out_slo
                    float *out_scores);
 /* Offset in text of the first query word of the window of window bytes where the query's words
 ** are densest (each distinct word counts its idf, a repeat a quarter of it); -1 when none occurs.
- */
+*/
 int64_t lex_densest(TrnEngine *e, const char *query, const char *text, size_t window);
 /* Reciprocal rank fusion of two rankings of chunk slots, best first: a slot scores
 ** wa / (LEX_RRF_K + rank in a) + wb / (LEX_RRF_K + rank in b), ranks from 1, a missing rank adding

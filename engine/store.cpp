@@ -460,7 +460,6 @@ TrnEngine *trn_open(const TrnConfig *cfg)
         wal_replay(e, e->wal_path);
         e->wal = fopen(e->wal_path, "ab");
     }
-    lex_sync(e);
 
     fprintf(stderr, "tarnwick: opened (%zu docs, dim=%d)\n", (size_t)e->count, e->dim);
     if (e->count > 0) {

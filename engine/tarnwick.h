@@ -341,7 +341,9 @@ enum {
 ** TRN_SEARCH_KEYWORD: chunks ranked by BM25 (k1 1.2, b 0.75) over their words. Words are
 **   letters and digits, case-folded for Latin, Greek and Cyrillic scripts; identifiers also count
 **   by their parts, so "read file" finds readFileSync and read_file_sync. score: the BM25 sum
-**   (above 0, unbounded). Chunks with none of the query's words are not returned.
+**   (above 0, unbounded). Chunks with none of the query's words are not returned. The word index
+**   lives in memory only: the first keyword or hybrid search after trn_open builds it from the
+**   chunk texts (about 1.5 s per 100,000 chunks), later ones bring it up to date.
 ** TRN_SEARCH_HYBRID: the keyword ranking and the semantic ranking over every file (100 deep
 **   each) fused by reciprocal rank. score: sum over both rankings of 1 / (60 + rank), ranks from
 **   1 (at most 2/61).
