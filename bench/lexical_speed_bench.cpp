@@ -2,11 +2,13 @@
 ** lexical_speed_bench.cpp -- what the word index costs: keyword and hybrid queries at 100,000
 ** chunks, and opening a store with the index against without it, in one run.
 **
-**   lexical_speed_bench [CHUNKS] [REPEATS]
+**   lexical_speed_bench [CHUNKS] [REPEATS] [DIR]
 **
-** A store of CHUNKS chunks (default 100,000) is written to a temporary directory: 800-byte texts of
-** words drawn from a Zipf distribution over 50,000 words (rank r has weight 1/r, as in English
-** text, so the commonest words are in every chunk), some of them camel-case identifiers, random
+** A store of CHUNKS chunks (default 100,000) is written to a temporary directory: 800-byte texts,
+** cut every 600 bytes from the files under DIR (read again from the start while more are needed)
+** or, without DIR, made of words drawn from a Zipf distribution over 50,000 words (rank r has
+** weight 1/r, so the commonest words are in every chunk), some of them camel-case identifiers;
+*random
 ** unit vectors, and a graph whose level-0 lists hold 16 random neighbours (embedding 100,000
 ** chunks would take hours; the store's size and the search's work per hop are what they would
 ** be). Then, each REPEATS times (default 5), median reported:
@@ -16,6 +18,8 @@
 **   build     the word index alone, built again from the loaded chunks (lex_free, lex_sync)
 **   keyword   trn_search mode 3, k = 10, for queries of 1 to 6 words of mixed frequency
 **   embed     trn_encoder_embed_text of the same queries (the random encoder)
+**   graph     the graph search a hybrid query makes (100 wide, random vectors: a pessimistic
+**             case, since no region of the graph is closer than another)
 **   hybrid    trn_search mode 4, k = 10, which embeds the query itself
 ** Times are processor time of the process (run it with OPENBLAS_NUM_THREADS=1), so other work on
 ** the machine does not count. It prints the ratios asked of the index: open with it against the
@@ -30,6 +34,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <random>
 #include <string>
@@ -98,6 +103,35 @@ int main(int argc, char **argv)
 {
     const long chunks = argc > 1 ? atol(argv[1]) : 100000;
     const int repeats = argc > 2 ? atoi(argv[2]) : 5;
+    std::vector<std::string> real; // 800-byte windows of the files under argv[3]
+    if (argc > 3) {
+        std::vector<std::string> files;
+        std::error_code ec;
+        for (auto it = std::filesystem::recursive_directory_iterator(argv[3], ec);
+             !ec && it != std::filesystem::recursive_directory_iterator();
+             it.increment(ec)) {
+            if (it->is_regular_file()) {
+                files.push_back(it->path().string());
+            }
+        }
+        std::sort(files.begin(), files.end());
+        for (const std::string &f : files) {
+            uint64_t n = 0;
+            char *t = read_text_file(f.c_str(), &n);
+            if (!t) {
+                continue;
+            }
+            n = strlen(t);
+            for (uint64_t at = 0; at + 800 <= n && (long)real.size() < chunks; at += 600) {
+                real.emplace_back(t + at, 800);
+            }
+            free(t);
+        }
+        if (real.empty()) {
+            fprintf(stderr, "lexical_speed_bench: no text under %s\n", argv[3]);
+            return 1;
+        }
+    }
     if (chunks < 100 || repeats < 1) {
         fprintf(stderr, "usage: lexical_speed_bench [CHUNKS >= 100] [REPEATS >= 1]\n");
         return 2;
@@ -131,7 +165,7 @@ int main(int argc, char **argv)
         ensure_cap(e, (uint64_t)chunks);
         std::uniform_int_distribution<uint32_t> pick(0, (uint32_t)chunks - 1);
         for (long i = 0; i < chunks; i++) {
-            std::string text;
+            std::string text = real.empty() ? "" : real[(size_t)i % real.size()];
             while (text.size() < 800) {
                 int r = (int)(std::lower_bound(cdf.begin(), cdf.end(), unit(rng)) - cdf.begin());
                 text += words[std::min(r, VOCABULARY - 1)];
@@ -178,7 +212,7 @@ int main(int argc, char **argv)
             + words[45000],
     };
 
-    std::vector<double> open_ms, first_ms, build_ms, keyword_ms, embed_ms, hybrid_ms;
+    std::vector<double> open_ms, first_ms, build_ms, keyword_ms, embed_ms, graph_ms, hybrid_ms;
     TrnResult results[10];
     long checksum = 0;
     for (int rep = 0; rep < repeats; rep++) {
@@ -201,6 +235,11 @@ int main(int argc, char **argv)
             t0 = now_ms();
             trn_encoder_embed_text(&e->encoder, q.c_str(), v);
             embed_ms.push_back(now_ms() - t0);
+            uint32_t idx[100];
+            float sim[100];
+            t0 = now_ms();
+            checksum += hnsw_query_width(e, v, 100, 100, idx, sim);
+            graph_ms.push_back(now_ms() - t0);
             t0 = now_ms();
             checksum += trn_search(e, q.c_str(), TRN_SEARCH_HYBRID, 10, results);
             hybrid_ms.push_back(now_ms() - t0);
@@ -235,6 +274,7 @@ int main(int argc, char **argv)
         hybrid,
         embed,
         hybrid - embed);
+    printf("| of which the graph search, 100 wide | %.2f | | | |\n", median(graph_ms));
     printf("\nkeyword query max %.2f ms; results checksum %ld\n",
            *std::max_element(keyword_ms.begin(), keyword_ms.end()),
            checksum);

@@ -235,6 +235,42 @@ TEST(LexicalFusion, OrdersByReciprocalRankSum)
     }
 }
 
+TEST(LexicalFusion, SemanticWeightFollowsAgreementAtTheTop)
+{
+    const auto range = [](uint32_t from, uint32_t n) {
+        std::vector<uint32_t> v;
+        for (uint32_t i = 0; i < n; i++) {
+            v.push_back(from + i);
+        }
+        return v;
+    };
+    // Shares slots 25 (26th of the keyword ranking) and 0 (26th of this one) only.
+    std::vector<uint32_t> late = range(50, 30);
+    late[0] = 25;
+    late[25] = 0;
+    // Weight (share - 0.2) / 0.8 of the first 20 of each ranking.
+    struct Case {
+        const char *name;
+        std::vector<uint32_t> kw, sem;
+        float want;
+    } cases[] = {
+        {"no words found: semantic alone", {}, range(0, 5), 1.0f},
+        {"no agreement", range(0, 30), range(50, 30), 0.0f},
+        {"a fifth shared counts nothing", range(0, 30), range(16, 30), 0.0f},
+        {"a quarter shared", range(0, 30), range(15, 30), 0.0625f},
+        {"three quarters shared", range(0, 30), range(5, 30), 0.6875f},
+        {"all shared: full weight", range(0, 30), range(0, 30), 1.0f},
+        {"agreement below the top does not count", range(0, 30), late, 0.0f},
+        {"short rankings count against the full depth", range(0, 10), range(0, 10), 0.375f},
+    };
+    for (const Case &c : cases) {
+        EXPECT_FLOAT_EQ(hybrid_semantic_weight(
+                            c.kw.data(), (int32_t)c.kw.size(), c.sem.data(), (int32_t)c.sem.size()),
+                        c.want)
+            << c.name;
+    }
+}
+
 // (doc_id, score) of the best 64 keyword hits for each query.
 std::vector<std::pair<std::string, float>> ranking(TrnEngine *e)
 {
