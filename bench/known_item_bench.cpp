@@ -27,7 +27,8 @@
 ** results; MRR@10: mean of 1 / rank of the first such chunk (0 when none).
 **
 ** --sweep adds rows for other fusions of the same two rankings (reciprocal rank fusion with
-** other weights and depths), to tune the hybrid mode.
+** other weights and depths), to tune the hybrid mode. --dump FILE writes, per query, the target
+** file and both rankings 200 deep (chunk slot, file, score), for trying fusions offline.
 */
 #include "internal.h"
 
@@ -357,6 +358,7 @@ int main(int argc, char **argv)
     int files = 300, chunk = 800, overlap = 200;
     unsigned seed = 1;
     bool sweep = false;
+    std::string dump_path;
     for (int i = 2; i < argc; i++) {
         std::string a = argv[i];
         bool has = i + 1 < argc;
@@ -370,6 +372,8 @@ int main(int argc, char **argv)
             chunk = atoi(argv[++i]);
         } else if (a == "--overlap" && has) {
             overlap = atoi(argv[++i]);
+        } else if (a == "--dump" && has) {
+            dump_path = argv[++i];
         } else if (a == "--sweep") {
             sweep = true;
         } else {
@@ -480,6 +484,7 @@ int main(int argc, char **argv)
     constexpr int n_variants = sizeof variants / sizeof variants[0];
     Tally swept[n_variants];
 
+    FILE *dump = dump_path.empty() ? nullptr : fopen(dump_path.c_str(), "w");
     TrnResult results[10];
     for (const Item &it : items) {
         for (int m = 0; m < n_modes; m++) {
@@ -489,7 +494,7 @@ int main(int argc, char **argv)
                 std::chrono::duration<double>(std::chrono::steady_clock::now() - s0).count();
             tally[m].add(rank_of(results, n, it.path));
         }
-        if (!sweep) {
+        if (!sweep && !dump) {
             continue;
         }
         float q[TRN_ENCODER_DIM];
@@ -497,6 +502,24 @@ int main(int argc, char **argv)
         vec_normalize(q, TRN_ENCODER_DIM);
         std::vector<uint32_t> sem(200), kw(200), fused(10);
         std::vector<float> s1(200), s2(200), s3(10);
+        if (dump) {
+            int32_t ns = hnsw_query_width(e, q, 200, 200, sem.data(), s1.data());
+            int32_t nk = lex_search(e, it.query.c_str(), 200, kw.data(), s2.data());
+            fprintf(dump, "Q\t%s\nK", it.path.c_str());
+            for (int32_t j = 0; j < nk; j++) {
+                const char *f = e->chunks[kw[j]].file_path;
+                fprintf(dump, "\t%u %s %.5f", kw[j], f ? f : "-", s2[j]);
+            }
+            fprintf(dump, "\nS");
+            for (int32_t j = 0; j < ns; j++) {
+                const char *f = e->chunks[sem[j]].file_path;
+                fprintf(dump, "\t%u %s %.5f", sem[j], f ? f : "-", s1[j]);
+            }
+            fprintf(dump, "\n");
+        }
+        if (!sweep) {
+            continue;
+        }
         for (int v = 0; v < n_variants; v++) {
             int32_t d = variants[v].depth;
             int32_t ns =
@@ -546,6 +569,9 @@ int main(int argc, char **argv)
     printf("\nExample queries:\n");
     for (size_t i = 0; i < items.size() && i < 5; i++) {
         printf("  \"%s\" -> %s\n", items[i].query.c_str(), items[i].path.c_str());
+    }
+    if (dump) {
+        fclose(dump);
     }
     trn_close(e);
     return 0;

@@ -350,11 +350,14 @@ void hnsw_free_scratch(TrnEngine *e);
 int64_t find_ascii_nocase(const char *hay, size_t len, const unsigned char *nl, size_t n);
 
 /* ---------------------------------------------------------------------------------------------
-** Word index (lexical.cpp): BM25 over the live chunks, kept in memory, built from the chunk texts.
+** Word index (lexical.cpp): BM25 over the live chunks, kept in memory, built from the chunk texts
+** by the first keyword or hybrid search and kept up to date by every later one.
 */
 constexpr float LEX_K1 = 1.2f;     /* BM25 term-frequency saturation */
 constexpr float LEX_B = 0.75f;     /* BM25 length normalisation */
 constexpr float LEX_RRF_K = 60.0f; /* reciprocal rank fusion: weight / (LEX_RRF_K + rank) */
+constexpr int32_t LEX_AGREEMENT_DEPTH = 20; /* see hybrid_semantic_weight */
+constexpr float LEX_AGREEMENT_FLOOR = 0.2f;
 
 /* Brings the word index up to date with the chunk table: reads the slots added since the last
 ** call and takes out the chunks deleted since. Builds it from every slot when there is none. */
@@ -370,8 +373,16 @@ int32_t lex_search(TrnEngine *e, const char *query, int32_t k, uint32_t *out_slo
                    float *out_scores);
 /* Offset in text of the first query word of the window of window bytes where the query's words
 ** are densest (each distinct word counts its idf, a repeat a quarter of it); -1 when none occurs.
- */
+*/
 int64_t lex_densest(TrnEngine *e, const char *query, const char *text, size_t window);
+/* How much the semantic ranking counts in a hybrid search, from 0 to 1. s is the share of the
+** keyword ranking's first LEX_AGREEMENT_DEPTH chunks that are also among the semantic ranking's
+** first LEX_AGREEMENT_DEPTH; the weight is (s - LEX_AGREEMENT_FLOOR) / (1 - LEX_AGREEMENT_FLOOR),
+** 0 when that is negative, and 1 when the keyword ranking is empty. An encoder that does not know
+** the text agrees with the words by chance only (a share of 0.06 to 0.10 on the known-item
+** benchmark with an untrained or barely trained encoder), and then does not count at all; one
+** that finds what the words find earns up to full weight. */
+float hybrid_semantic_weight(const uint32_t *kw, int32_t nk, const uint32_t *sem, int32_t ns);
 /* Reciprocal rank fusion of two rankings of chunk slots, best first: a slot scores
 ** wa / (LEX_RRF_K + rank in a) + wb / (LEX_RRF_K + rank in b), ranks from 1, a missing rank adding
 ** nothing. Writes the best min(k, distinct slots) to out and out_scores, best first; equal scores

@@ -18,15 +18,20 @@
 **                  idf(t) * tf * (K1 + 1) / (tf + K1 * (1 - B + B * len / avg_len))
 **   idf(t) = ln(1 + (N - df + 0.5) / (df + 0.5))      (N live chunks, df live chunks holding t)
 ** The idf is Lucene's, never negative, so a very common word still counts a little. K1 = 1.2 and
-** B = 0.75 are the usual values; on the known-item benchmark (bench/known_item_bench.cpp) over
-** prose and Go source, K1 from 0.9 to 1.5 and B from 0.5 to 0.9 moved MRR@10 by under 0.02.
+** B = 0.75 are the usual values; with them keyword search finds the right file in the first ten
+** for 88-95% of the known-item queries of bench/known_item_bench.cpp, and they are not tuned
+** further.
 **
-** Upkeep. The index lives only in memory and is never written: the store and log are its source.
-** lex_sync brings it up to date with the chunk table before every keyword or hybrid search, and
-** at open: chunks appended since the last call (ingestion, log replay, a loaded store) are read,
-** and chunks deleted since (removal) are taken out of the counts. Their postings stay, skipped by
-** the live flags, until compaction renumbers the slots; compaction calls lex_free and the next
-** lex_sync builds the index again from the chunk texts.
+** Upkeep. The index lives only in memory and is never written: the store and log are its source,
+** so their files stay exactly as they were. lex_sync brings it up to date with the chunk table
+** before every keyword or hybrid search: chunks appended since the last call (ingestion, log
+** replay, a loaded store) are read, and chunks deleted since (removal) are taken out of the
+** counts. Their postings stay, skipped by the live flags, until compaction renumbers the slots;
+** compaction calls lex_free and the next lex_sync builds the index again from the chunk texts.
+** The first keyword or hybrid search after open therefore builds the whole index: about 15 ms per
+** thousand 800-byte chunks of prose (bench/lexical_speed_bench.cpp). Building it inside trn_open
+** instead made opening a 100,000-chunk store cost over twice as much, for every caller, including
+** those that never search by words.
 */
 #include "internal.h"
 
@@ -45,6 +50,13 @@ constexpr float DENSE_REPEAT = 0.25f;    /* weight of a repeated query word in a
 struct Posting {
     uint32_t slot;
     uint32_t tf;
+};
+
+/* A slot of the term table: the term's hash beside its id, so that a probe reads the term itself
+** only when the hashes agree. */
+struct TableEntry {
+    uint32_t hash;
+    uint32_t id; /* term id + 1; 0 when the slot is empty */
 };
 
 struct Term {
@@ -147,161 +159,111 @@ size_t decode_utf8(const unsigned char *p, size_t n, uint32_t *cp)
     return len;
 }
 
-/* Appends code point c to out (at most TERM_MAX bytes in all); false when it does not fit. */
-bool put_utf8(char *out, size_t *len, uint32_t c)
+/* Writes code point c as UTF-8 at out; returns the bytes written (1 to 4). */
+inline size_t put_utf8(char *out, uint32_t c)
 {
-    char b[4];
-    size_t n;
     if (c < 0x80) {
-        b[0] = (char)c;
-        n = 1;
-    } else if (c < 0x800) {
-        b[0] = (char)(0xC0 | (c >> 6));
-        b[1] = (char)(0x80 | (c & 0x3F));
-        n = 2;
-    } else if (c < 0x10000) {
-        b[0] = (char)(0xE0 | (c >> 12));
-        b[1] = (char)(0x80 | ((c >> 6) & 0x3F));
-        b[2] = (char)(0x80 | (c & 0x3F));
-        n = 3;
-    } else {
-        b[0] = (char)(0xF0 | (c >> 18));
-        b[1] = (char)(0x80 | ((c >> 12) & 0x3F));
-        b[2] = (char)(0x80 | ((c >> 6) & 0x3F));
-        b[3] = (char)(0x80 | (c & 0x3F));
-        n = 4;
+        out[0] = (char)c;
+        return 1;
     }
-    if (*len + n > TERM_MAX) {
-        return false;
+    if (c < 0x800) {
+        out[0] = (char)(0xC0 | (c >> 6));
+        out[1] = (char)(0x80 | (c & 0x3F));
+        return 2;
     }
-    memcpy(out + *len, b, n);
-    *len += n;
-    return true;
+    if (c < 0x10000) {
+        out[0] = (char)(0xE0 | (c >> 12));
+        out[1] = (char)(0x80 | ((c >> 6) & 0x3F));
+        out[2] = (char)(0x80 | (c & 0x3F));
+        return 3;
+    }
+    out[0] = (char)(0xF0 | (c >> 18));
+    out[1] = (char)(0x80 | ((c >> 12) & 0x3F));
+    out[2] = (char)(0x80 | ((c >> 6) & 0x3F));
+    out[3] = (char)(0x80 | (c & 0x3F));
+    return 4;
 }
 
-/* One word being split: its folded code points, their classes and byte offsets in the text. */
-struct Run {
-    uint32_t cp[RUN_MAX];
-    uint8_t cls[RUN_MAX];
-    uint32_t off[RUN_MAX];
-    size_t n;
-};
-
-/* Calls emit(term, length, offset) for the whole word and, when it has two or more, its parts. */
-template <typename Emit>
-void emit_run(const Run &r, Emit &emit)
+/* n bytes of UTF-8 cut to at most TERM_MAX without splitting a code point. */
+inline size_t cut_term(const char *s, size_t n)
 {
-    char term[TERM_MAX];
-    size_t len = 0;
-    size_t first = r.n;
-    int parts = 0;
-    bool in_part = false;
-    for (size_t j = 0; j < r.n; j++) {
-        if (r.cls[j] == CL_JOIN) {
-            in_part = false;
-            continue;
-        }
-        if (first == r.n) {
-            first = j;
-        }
-        bool boundary = !in_part;
-        if (in_part) {
-            uint8_t a = r.cls[j - 1], b = r.cls[j];
-            if ((a == CL_DIGIT) != (b == CL_DIGIT)) {
-                boundary = true;
-            } else if (a == CL_LOWER && b == CL_UPPER) {
-                boundary = true;
-            } else if (a == CL_UPPER && b == CL_UPPER && j + 1 < r.n && r.cls[j + 1] == CL_LOWER) {
-                boundary = true;
-            }
-        }
-        if (boundary) {
-            parts++;
-        }
-        in_part = true;
-        if (len < TERM_MAX) {
-            put_utf8(term, &len, r.cp[j]);
-        }
+    if (n <= TERM_MAX) {
+        return n;
     }
-    if (first == r.n) {
-        return; /* underscores only */
+    n = TERM_MAX;
+    while (n > 0 && ((unsigned char)s[n] & 0xC0) == 0x80) {
+        n--;
     }
-    emit(term, len, (size_t)r.off[first]);
-    if (parts < 2) {
-        return;
-    }
-    /* Second pass: each part on its own. */
-    len = 0;
-    size_t start = 0;
-    in_part = false;
-    for (size_t j = 0; j <= r.n; j++) {
-        bool boundary = j == r.n || r.cls[j] == CL_JOIN || !in_part;
-        if (!boundary) {
-            uint8_t a = r.cls[j - 1], b = r.cls[j];
-            boundary =
-                ((a == CL_DIGIT) != (b == CL_DIGIT)) || (a == CL_LOWER && b == CL_UPPER)
-                || (a == CL_UPPER && b == CL_UPPER && j + 1 < r.n && r.cls[j + 1] == CL_LOWER);
-        }
-        if (boundary && len > 0) {
-            emit(term, len, start);
-            len = 0;
-        }
-        if (j == r.n) {
-            break;
-        }
-        if (r.cls[j] == CL_JOIN) {
-            in_part = false;
-            continue;
-        }
-        if (len == 0) {
-            start = r.off[j];
-        }
-        in_part = true;
-        put_utf8(term, &len, r.cp[j]);
-    }
+    return n;
 }
 
 /* Cuts len bytes of text into terms: emit(const char *term, size_t length, size_t offset) for
-** each, in order of offset; a word's whole form comes before its parts. */
+** each, in order of offset; a word's whole form comes before its parts. A word is folded into
+** word[] as it is read; parts[] marks where each of its parts starts there and in the text. */
 template <typename Emit>
 void tokenize(const char *text, size_t len, Emit &&emit)
 {
+    struct Part {
+        uint32_t at;  /* in word[] */
+        uint32_t off; /* in text */
+    };
+    char word[RUN_MAX * 4];
+    Part parts[RUN_MAX + 1];
+    size_t word_len = 0, n_parts = 0, cps = 0;
+    uint8_t c1 = CL_JOIN, c2 = CL_JOIN; /* classes of the previous code point and the one before */
+    Part prev = {0, 0};                 /* where the previous code point went */
     const unsigned char *p = (const unsigned char *)text;
-    Run run;
-    run.n = 0;
     size_t i = 0;
     while (i <= len) {
         uint32_t c = 0;
         size_t step = 1;
-        bool word = false;
+        bool is_word = false;
         if (i < len) {
             unsigned char b = p[i];
             if (b < 0x80) {
                 c = b;
-                word = (b >= 'a' && b <= 'z') || (b >= '0' && b <= '9') || (b >= 'A' && b <= 'Z')
-                       || b == '_';
+                is_word = (b >= 'a' && b <= 'z') || (b >= '0' && b <= '9') || (b >= 'A' && b <= 'Z')
+                          || b == '_';
             } else {
                 step = decode_utf8(p + i, len - i, &c);
-                word = c != 0xFFFFFFFF && is_word_cp(c);
+                is_word = c != 0xFFFFFFFF && is_word_cp(c);
             }
         }
-        if (word && run.n < RUN_MAX) {
+        if (is_word && cps < RUN_MAX) {
+            cps++;
+            if (c == '_') {
+                c2 = c1;
+                c1 = CL_JOIN;
+                i += step;
+                continue;
+            }
             uint32_t f = fold_cp(c);
-            uint8_t cls = c == '_'                 ? CL_JOIN
-                          : (c >= '0' && c <= '9') ? CL_DIGIT
-                          : f != c                 ? CL_UPPER
-                                                   : CL_LOWER;
-            run.cp[run.n] = f;
-            run.cls[run.n] = cls;
-            run.off[run.n] = (uint32_t)i;
-            run.n++;
+            uint8_t cls = (c >= '0' && c <= '9') ? CL_DIGIT : f != c ? CL_UPPER : CL_LOWER;
+            if (c1 == CL_JOIN || (c1 == CL_DIGIT) != (cls == CL_DIGIT)
+                || (c1 == CL_LOWER && cls == CL_UPPER)) {
+                parts[n_parts++] = Part{(uint32_t)word_len, (uint32_t)i};
+            } else if (c1 == CL_UPPER && c2 == CL_UPPER && cls == CL_LOWER) {
+                parts[n_parts++] = prev; /* "HTTPServer": a part starts at the S */
+            }
+            prev = Part{(uint32_t)word_len, (uint32_t)i};
+            word_len += put_utf8(word + word_len, f);
+            c2 = c1;
+            c1 = cls;
             i += step;
             continue;
         }
-        if (run.n > 0) {
-            emit_run(run, emit);
-            run.n = 0;
-            if (word) {
+        if (cps > 0) {
+            if (n_parts > 0) {
+                emit(word, cut_term(word, word_len), (size_t)parts[0].off);
+            }
+            for (size_t j = 0; n_parts >= 2 && j < n_parts; j++) {
+                size_t end = j + 1 < n_parts ? parts[j + 1].at : word_len;
+                const char *part = word + parts[j].at;
+                emit(part, cut_term(part, end - parts[j].at), (size_t)parts[j].off);
+            }
+            cps = word_len = n_parts = 0;
+            c1 = c2 = CL_JOIN;
+            if (is_word) {
                 continue; /* a run longer than RUN_MAX goes on as a new word */
             }
         }
@@ -325,7 +287,7 @@ struct TrnLexical {
     Term *terms;
     uint32_t term_count;
     uint32_t term_cap;
-    uint32_t *table; /* open addressing: term id + 1, 0 when empty; table_size a power of two */
+    TableEntry *table; /* open addressing; table_size a power of two, at most half full */
     uint32_t table_size;
     char *pool; /* the terms' bytes, not NUL-terminated */
     size_t pool_len;
@@ -353,13 +315,16 @@ int64_t find_term(const TrnLexical *x, const char *s, size_t n, uint32_t h)
     }
     uint32_t mask = x->table_size - 1;
     for (uint32_t at = h & mask;; at = (at + 1) & mask) {
-        uint32_t v = x->table[at];
-        if (v == 0) {
+        const TableEntry v = x->table[at];
+        if (v.id == 0) {
             return -1;
         }
-        const Term *t = &x->terms[v - 1];
-        if (t->hash == h && t->text_len == n && memcmp(x->pool + t->text_off, s, n) == 0) {
-            return (int64_t)(v - 1);
+        if (v.hash != h) {
+            continue;
+        }
+        const Term *t = &x->terms[v.id - 1];
+        if (t->text_len == n && memcmp(x->pool + t->text_off, s, n) == 0) {
+            return (int64_t)(v.id - 1);
         }
     }
 }
@@ -368,14 +333,14 @@ void table_grow(TrnLexical *x)
 {
     uint32_t size = x->table_size ? x->table_size * 2 : 4096;
     free(x->table);
-    x->table = static_cast<uint32_t *>(xcalloc(size, sizeof(uint32_t)));
+    x->table = static_cast<TableEntry *>(xcalloc(size, sizeof(TableEntry)));
     x->table_size = size;
     for (uint32_t id = 0; id < x->term_count; id++) {
         uint32_t at = x->terms[id].hash & (size - 1);
-        while (x->table[at] != 0) {
+        while (x->table[at].id != 0) {
             at = (at + 1) & (size - 1);
         }
-        x->table[at] = id + 1;
+        x->table[at] = TableEntry{x->terms[id].hash, id + 1};
     }
 }
 
@@ -412,10 +377,10 @@ uint32_t intern_term(TrnLexical *x, const char *s, size_t n)
     x->pool_len += n;
     uint32_t mask = x->table_size - 1;
     uint32_t at = h & mask;
-    while (x->table[at] != 0) {
+    while (x->table[at].id != 0) {
         at = (at + 1) & mask;
     }
-    x->table[at] = id + 1;
+    x->table[at] = TableEntry{h, id + 1};
     return id;
 }
 
@@ -688,6 +653,25 @@ int64_t lex_densest(TrnEngine *e, const char *query, const char *text, size_t wi
         }
     }
     return (int64_t)hit_off[best_at];
+}
+
+float hybrid_semantic_weight(const uint32_t *kw, int32_t nk, const uint32_t *sem, int32_t ns)
+{
+    if (nk == 0) {
+        return 1.0f;
+    }
+    int32_t depth = LEX_AGREEMENT_DEPTH;
+    int32_t a = nk < depth ? nk : depth;
+    int32_t b = ns < depth ? ns : depth;
+    int32_t shared = 0;
+    for (int32_t i = 0; i < a; i++) {
+        for (int32_t j = 0; j < b; j++) {
+            shared += kw[i] == sem[j] ? 1 : 0;
+        }
+    }
+    float share = (float)shared / (float)depth;
+    float w = (share - LEX_AGREEMENT_FLOOR) / (1.0f - LEX_AGREEMENT_FLOOR);
+    return w < 0.0f ? 0.0f : w > 1.0f ? 1.0f : w;
 }
 
 int32_t fuse_rankings(const uint32_t *a, int32_t na, float wa, const uint32_t *b, int32_t nb,

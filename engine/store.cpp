@@ -488,7 +488,6 @@ TrnEngine *engine_open(const TrnConfig *cfg, uint32_t flags, int32_t *status)
             return e;
         }
     }
-    lex_sync(e);
 
     fprintf(stderr, "tarnwick: opened (%zu docs, dim=%d)\n", (size_t)e->count, e->dim);
     if (e->count > 0) {

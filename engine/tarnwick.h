@@ -432,10 +432,15 @@ enum {
 ** TRN_SEARCH_KEYWORD: chunks ranked by BM25 (k1 1.2, b 0.75) over their words. Words are
 **   letters and digits, case-folded for Latin, Greek and Cyrillic scripts; identifiers also count
 **   by their parts, so "read file" finds readFileSync and read_file_sync. score: the BM25 sum
-**   (above 0, unbounded). Chunks with none of the query's words are not returned.
+**   (above 0, unbounded). Chunks with none of the query's words are not returned. The word index
+**   lives in memory only: the first keyword or hybrid search after trn_open builds it from the
+**   chunk texts (about 1.5 s per 100,000 chunks), later ones bring it up to date.
 ** TRN_SEARCH_HYBRID: the keyword ranking and the semantic ranking over every file (100 deep
-**   each) fused by reciprocal rank. score: sum over both rankings of 1 / (60 + rank), ranks from
-**   1 (at most 2/61).
+**   each) fused by reciprocal rank. The semantic ranking weighs the share of its first 20 chunks
+**   that the keyword ranking also has among its first 20 (0 to 1; 1 when no chunk holds a query
+**   word), so an encoder that does not know the text cannot push good keyword hits down.
+**   score: 1 / (60 + keyword rank) + weight / (60 + semantic rank), ranks from 1, a missing rank
+**   adding nothing (at most 2/61).
 ** TRN_SEARCH_SEMANTIC_ALL: as TRN_SEARCH_SEMANTIC without the narrowing to ten files, searched
 **   with a width of at least min(k, 64), so up to min(k, 64) hits. score: the dot product.
 **

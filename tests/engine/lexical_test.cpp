@@ -161,6 +161,43 @@ TEST(LexicalBm25, ScoresEqualTheDefinitionOverLiveChunks)
     EXPECT_EQ(lex_search(b.e, "cat", 0, &slot, &score), 0);
 }
 
+TEST(LexicalSnippets, StartWhereTheQueryWordsAreDensestOnThatLine)
+{
+    // Lines of 40 bytes (39 and a line feed) without spaces; line i starts at 40 * (i - 1).
+    const auto text_with = [](const std::map<int, std::string> &at) {
+        std::string text;
+        for (int i = 1; i <= 10; i++) {
+            std::string line = at.count(i) ? at.at(i) : "";
+            line.resize(39, 'x');
+            text += line + "\n";
+        }
+        return text;
+    };
+    struct Case {
+        const char *name;
+        std::map<int, std::string> lines;
+        size_t start; // where the snippet begins in the chunk
+        int32_t line; // its line; the chunk begins on line 3
+    } cases[] = {
+        // One word on line 2, all three on line 8 (byte 280): the snippet starts after the first
+        // line feed among the 75 bytes before it, at line 7.
+        {"densest later", {{2, "alpha "}, {8, "alpha beta gamma "}}, 240, 9},
+        {"densest in the first 76 bytes", {{2, "gamma beta alpha "}, {9, "alpha "}}, 0, 3},
+        {"one word far in", {{10, "beta "}}, 320, 11},
+    };
+    for (const Case &c : cases) {
+        Bare b;
+        std::string text = text_with(c.lines);
+        b.add("f.txt", text.c_str());
+        b.e->chunks[0].line_number = 3;
+        b.add("g.txt", "unrelated words only");
+        TrnResult r[4];
+        ASSERT_EQ(trn_search(b.e, "Alpha BETA gamma", TRN_SEARCH_KEYWORD, 4, r), 1) << c.name;
+        EXPECT_EQ(std::string(r[0].snippet), text.substr(c.start, 300)) << c.name;
+        EXPECT_EQ(r[0].line_number, c.line) << c.name;
+    }
+}
+
 TEST(LexicalFusion, OrdersByReciprocalRankSum)
 {
     struct Case {
@@ -195,6 +232,42 @@ TEST(LexicalFusion, OrdersByReciprocalRankSum)
         for (int32_t i = 1; i < n; i++) {
             EXPECT_GE(score[i - 1], score[i]) << c.name;
         }
+    }
+}
+
+TEST(LexicalFusion, SemanticWeightFollowsAgreementAtTheTop)
+{
+    const auto range = [](uint32_t from, uint32_t n) {
+        std::vector<uint32_t> v;
+        for (uint32_t i = 0; i < n; i++) {
+            v.push_back(from + i);
+        }
+        return v;
+    };
+    // Shares slots 25 (26th of the keyword ranking) and 0 (26th of this one) only.
+    std::vector<uint32_t> late = range(50, 30);
+    late[0] = 25;
+    late[25] = 0;
+    // Weight (share - 0.2) / 0.8 of the first 20 of each ranking.
+    struct Case {
+        const char *name;
+        std::vector<uint32_t> kw, sem;
+        float want;
+    } cases[] = {
+        {"no words found: semantic alone", {}, range(0, 5), 1.0f},
+        {"no agreement", range(0, 30), range(50, 30), 0.0f},
+        {"a fifth shared counts nothing", range(0, 30), range(16, 30), 0.0f},
+        {"a quarter shared", range(0, 30), range(15, 30), 0.0625f},
+        {"three quarters shared", range(0, 30), range(5, 30), 0.6875f},
+        {"all shared: full weight", range(0, 30), range(0, 30), 1.0f},
+        {"agreement below the top does not count", range(0, 30), late, 0.0f},
+        {"short rankings count against the full depth", range(0, 10), range(0, 10), 0.375f},
+    };
+    for (const Case &c : cases) {
+        EXPECT_FLOAT_EQ(hybrid_semantic_weight(
+                            c.kw.data(), (int32_t)c.kw.size(), c.sem.data(), (int32_t)c.sem.size()),
+                        c.want)
+            << c.name;
     }
 }
 
