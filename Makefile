@@ -2,13 +2,15 @@
 #   make run    install missing packages, build, start the application
 #   make test   install missing packages, build, run every test
 BUILD ?= build
+PREFIX ?= /usr/local
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 ifeq ($(CI),true)
 CMAKE_FLAGS += -DTRN_WERROR=ON
 endif
 
-.PHONY: all deps configure build test run fuzz tsan bench screenshots format format-check clean
+.PHONY: all deps configure build test run fuzz tsan bench screenshots format format-check clean \
+	install uninstall package
 
 all: build
 
@@ -16,7 +18,8 @@ deps:
 	@./scripts/install-deps.sh
 
 configure: deps
-	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release $(CMAKE_FLAGS) >/dev/null
+	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX="$(PREFIX)" \
+		$(CMAKE_FLAGS) >/dev/null
 
 build: configure
 	@cmake --build $(BUILD) -j $(JOBS)
@@ -55,6 +58,31 @@ bench: build
 
 clean:
 	rm -rf $(BUILD) build-*
+
+# Installs the application, tarnwick-cli, the trainers (PREFIX/libexec/tarnwick), the engine's
+# library, header and pkg-config file, the desktop entry, icons, AppStream metadata, manual pages
+# and shell completions under PREFIX; DESTDIR stages the whole tree elsewhere. The list of what
+# was installed is kept in $(BUILD)/install_manifest.txt for make uninstall.
+install: build
+	@DESTDIR="$(DESTDIR)" cmake --install $(BUILD) --prefix "$(PREFIX)"
+
+# Removes every file the last make install put in place, and Tarnwick's own directories.
+uninstall:
+	@DESTDIR="$(DESTDIR)" ./scripts/uninstall.sh $(BUILD)/install_manifest.txt
+	@rm -f $(BUILD)/install_manifest.txt
+
+# The Debian package, built in build-package for any x86-64 machine (no -march=native) with the
+# prefix /usr: build-package/tarnwick_<version>_<arch>.deb. Install it with
+#   sudo apt-get install ./build-package/tarnwick_*.deb
+PACKAGE_BUILD ?= build-package
+PACKAGE_TARGETS = tarnwick_app tarnwick-cli trainer train_bpe tarnwick
+
+package: deps
+	@cmake -S . -B $(PACKAGE_BUILD) -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
+		-DTRN_NATIVE=OFF -DTRN_BUILD_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
+	@cmake --build $(PACKAGE_BUILD) -j $(JOBS) --target $(PACKAGE_TARGETS)
+	@cd $(PACKAGE_BUILD) && cpack -G DEB
+	@ls $(PACKAGE_BUILD)/tarnwick_*.deb
 
 # The model tests under ThreadSanitizer: concurrent searches, indexing and listings of several
 # tabs must never meet inside the engine.

@@ -50,6 +50,7 @@ const char USAGE[] =
     "                   built-in random encoder)\n"
     "  --json           print JSON instead of text\n"
     "  -h, --help       print this help\n"
+    "  --version        print the version of the program and of its engine\n"
     "\n"
     "Exit status: 0 on success, 1 on failure, 2 for a usage error.\n";
 
@@ -196,6 +197,12 @@ Options parse_args(int argc, char **argv)
             o.help = true;
             return o;
         }
+        if (arg == "--version") {
+            o.version = true;
+        }
+    }
+    if (o.version) {
+        return o;
     }
     if (args.empty()) {
         throw UsageError("no command given");

@@ -37,6 +37,7 @@ struct Options {
     std::string scope = "top5"; // prompt: "pinned", "top5" or "all"
     bool json = false;
     bool help = false;
+    bool version = false;
 
     // train add: the profile's parameters; absent ones keep a new profile's defaults.
     std::optional<int32_t> steps;
@@ -50,7 +51,8 @@ struct Options {
 
 // Parses argv. Throws UsageError for an unknown command or option, a missing or malformed value,
 // or the wrong number of operands (for train: of its sub-command, "profiles", "add", "default" or
-// a profile's name). With --help anywhere before "--" only help is set.
+// a profile's name). With --help anywhere before "--" only help is set; else with --version
+// only version.
 Options parse_args(int argc, char **argv);
 
 const char *usage_text();

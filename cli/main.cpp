@@ -8,6 +8,7 @@
 #include "args.h"
 #include "commands.h"
 #include "model_commands.h"
+#include "tarnwick.h"
 
 #include <cstdio>
 #include <exception>
@@ -20,6 +21,11 @@ int main(int argc, char **argv)
         Options o = parse_args(argc, argv);
         if (o.help) {
             std::fputs(usage_text(), stdout);
+            return 0;
+        }
+        if (o.version) {
+            // The program's version comes from the build (the project's version).
+            std::printf("tarnwick-cli %s (engine %s)\n", TRN_VERSION, trn_version());
             return 0;
         }
         run_command(o);

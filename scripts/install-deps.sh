@@ -11,6 +11,8 @@ packages=(
     poppler-utils libpoppler-qt6-dev
     qt6-base-dev qt6-charts-dev qt6-pdf-dev libgl-dev libqt6opengl6-dev
     xvfb xauth
+    librsvg2-bin
+    dpkg-dev file groff-base man-db desktop-file-utils appstream bash-completion zsh
 )
 
 missing=()

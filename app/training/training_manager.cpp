@@ -9,6 +9,7 @@
 #include "training_manager.h"
 
 #include "settings.h"
+#include "support_files.h"
 #include "tarnwick_engine.h"
 
 #include "background.h"
@@ -224,6 +225,11 @@ QString TrainingManager::trainerDirectory() const
 {
     if (!m_trainerDirectory.isEmpty()) {
         return m_trainerDirectory;
+    }
+    // Beside the program in the build tree, in libexec/tarnwick once installed.
+    const QString trainer = supportFilePath(QStringLiteral("trainer"));
+    if (!trainer.isEmpty()) {
+        return QFileInfo(trainer).absolutePath();
     }
     return QCoreApplication::applicationDirPath();
 }

@@ -14,7 +14,7 @@
 ** Every failure marks it failed and leaves a one-line message in trainingProgress.
 **
 ** Both trainers are looked up in trainerDirectory(), by default the directory of the
-** application executable.
+** application executable, or libexec/tarnwick beside it once installed (support_files.h).
 */
 #ifndef TRN_APP_TRAINING_MANAGER_H
 #define TRN_APP_TRAINING_MANAGER_H
@@ -88,7 +88,8 @@ public:
     // Terminates the encoder trainer ("Cancelled"); the run then ends as failed.
     void cancelTraining();
 
-    // Where the trainers are looked up; by default QCoreApplication::applicationDirPath().
+    // Where the trainers are looked up: by default the directory where supportFilePath() finds
+    // "trainer", else QCoreApplication::applicationDirPath().
     QString trainerDirectory() const;
     void setTrainerDirectory(const QString &directory);
 

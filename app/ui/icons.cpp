@@ -7,6 +7,18 @@
 #include <QDir>
 #include <QStandardPaths>
 
+QIcon applicationIcon()
+{
+    // The sizes rendered from desktop/tarnwick.svg into the resource "app_icon".
+    static const int kSizes[] = {16, 24, 32, 48, 64, 128, 256};
+    Q_INIT_RESOURCE(app_icon);
+    QIcon icon;
+    for (int size : kSizes) {
+        icon.addFile(QStringLiteral(":/icons/app/%1.png").arg(size), QSize(size, size));
+    }
+    return icon;
+}
+
 void installIconThemeFallback()
 {
     // Without a desktop's platform theme (offscreen, bare window managers) Qt searches only its

@@ -14,6 +14,9 @@
 // QApplication exists.
 void installIconThemeFallback();
 
+// The application's own icon, drawn at every size from 16 to 256 pixels, for the windows.
+QIcon applicationIcon();
+
 // The theme icon `name`, else the style's `fallback` (pass QStyle::SP_CustomBase for none);
 // may be null.
 QIcon themedIcon(const QString &name, QStyle::StandardPixmap fallback = QStyle::SP_CustomBase);

@@ -107,6 +107,23 @@ TEST(CliUsage, HelpPrintsEveryCommandAndSucceeds)
     EXPECT_EQ(r.out, "");
 }
 
+// The version line names the program's version and the engine's, and wins over a command.
+TEST(CliUsage, VersionNamesTheProgramAndTheEngine)
+{
+    TempDir dir;
+    const std::string engine = std::string(" (engine ") + trn_version() + ")\n";
+    for (const std::vector<std::string> &args : std::vector<std::vector<std::string>>{
+             {"--version"}, {"search", dir.path(), "q", "--version"}}) {
+        RunResult r = run_cli(args, dir.path());
+        EXPECT_EQ(r.status, 0);
+        EXPECT_EQ(r.err, "");
+        EXPECT_EQ(r.out.rfind("tarnwick-cli ", 0), 0u) << r.out;
+        ASSERT_GT(r.out.size(), engine.size());
+        EXPECT_EQ(r.out.substr(r.out.size() - engine.size()), engine) << r.out;
+        EXPECT_FALSE(fs::exists(dir / ".tarnwick"));
+    }
+}
+
 TEST(CliUsage, FailuresExitWithOneAndAPrefixedLine)
 {
     TempDir dir;

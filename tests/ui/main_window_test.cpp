@@ -3,6 +3,7 @@
 ** searching in each mode, paging, pinning, opening results, the tab strip, the prompt button,
 ** the status bar and the menu commands.
 */
+#include "icons.h"
 #include "main_window.h"
 #include "results_model.h"
 #include "results_view.h"
@@ -139,6 +140,18 @@ private slots:
     {
         Settings::standard()->setHoverPreview(false); // these tests are not about previews
         TarnwickEngine::setUrlOpener({});
+    }
+
+    // The window icon is drawn at each size the desktop asks for, not scaled from one.
+    void applicationIconHoldsEverySize()
+    {
+        const QIcon icon = applicationIcon();
+        for (int size : {16, 24, 32, 48, 64, 128, 256}) {
+            QVERIFY2(icon.availableSizes().contains(QSize(size, size)),
+                     qPrintable(QString::number(size)));
+            const QImage image(QStringLiteral(":/icons/app/%1.png").arg(size));
+            QCOMPARE(image.size(), QSize(size, size));
+        }
     }
 
     void withoutTabsTheWindowInvitesOpeningADirectory()
