@@ -613,10 +613,6 @@ bool sync_parent_dir(const char *path)
     return ok;
 }
 
-/* The commit record of the next generation, written as every committed file is. Used by
-** checkpoint_locked (store.cpp). */
-bool commit_write(TrnEngine *e, uint64_t store_size, uint32_t store_crc);
-
 bool commit_write(TrnEngine *e, uint64_t store_size, uint32_t store_crc)
 {
     CommitRecord rec = {};
@@ -661,10 +657,6 @@ bool commit_write(TrnEngine *e, uint64_t store_size, uint32_t store_crc)
     }
     return true;
 }
-
-/* Removes temporary files that a crashed writer left ("tarnwick.bin.XXXXXX" and
-** "tarnwick.commit.XXXXXX"); the exclusive lock is held, so none of them is being written. */
-void remove_stale_temps(const TrnEngine *e);
 
 void remove_stale_temps(const TrnEngine *e)
 {

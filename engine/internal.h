@@ -274,6 +274,12 @@ bool write_begin(TrnEngine *e);
 void write_end(TrnEngine *e);
 /* Swaps a rebuilt handle in as the directory's index (trn_checkpoint of a rebuild handle). */
 bool rebuild_swap(TrnEngine *e);
+/* Writes the commit record of the next generation for a store of that size and checksum, the
+** current store as the previous one (temporary file, sync, rename, directory sync). */
+bool commit_write(TrnEngine *e, uint64_t store_size, uint32_t store_crc);
+/* Removes temporary files that a crashed writer left ("tarnwick.bin.XXXXXX" and
+** "tarnwick.commit.XXXXXX"); the exclusive lock is held, so none of them is being written. */
+void remove_stale_temps(const TrnEngine *e);
 /* Moves the files of a damaged index aside ("<name>.damaged-<time>"), never over another. */
 void keep_damaged_aside(TrnEngine *e);
 /* Makes a rename inside the directory of path durable. Returns false when the sync failed. */

@@ -422,9 +422,6 @@ void free_slots(TrnEngine *e)
 
 } // namespace
 
-bool commit_write(TrnEngine *e, uint64_t store_size, uint32_t store_crc);
-void remove_stale_temps(const TrnEngine *e);
-
 namespace
 {
 
@@ -660,13 +657,15 @@ int32_t trn_checkpoint(TrnEngine *e)
         return 1;
     }
     if (e->refused) {
-        return fail_status(e, e->refused, 0) ? 1 : 0;
+        fail_status(e, e->refused, 0);
+        return 0;
     }
     if (e->rebuild) {
         return rebuild_swap(e) ? 1 : 0;
     }
     if (!lock_take(e, LOCK_EX, g_busy_timeout_ms)) {
-        return fail_status(e, TRN_STATUS_BUSY, 0) ? 1 : 0;
+        fail_status(e, TRN_STATUS_BUSY, 0);
+        return 0;
     }
     /* Changes of other processes come in first, so their commits are never written over. A
     ** reload loses nothing of this handle's own: its ingestions and removals are in the log. */

@@ -43,7 +43,8 @@ int print_state(TrnEngine *e)
         std::printf("%s\n", line.c_str());
     }
     TrnStats st = trn_stats(e);
-    std::printf("live %u\n", st.chunk_count - st.deleted_count);
+    /* Slots tell a compacted index (no deleted chunks left) from one that was not. */
+    std::printf("live %u of %u slots\n", st.chunk_count - st.deleted_count, st.chunk_count);
     return 0;
 }
 

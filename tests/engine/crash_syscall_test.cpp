@@ -147,7 +147,10 @@ TEST_P(CrashAtEverySyscall, LeavesTheStateBeforeOrAfterAndTheNextWriterGoesOn)
     const std::string op = GetParam();
     /* "check" prints the state, ingests one more file and prints the state again. */
     const std::string before = checked({}), after = checked({op});
-    ASSERT_NE(before, after);
+    /* A checkpoint changes where chunks are kept, not which: a crash must not double them. */
+    if (op != "checkpoint") {
+        ASSERT_NE(before, after);
+    }
     std::string dir = scratch_.file("crashed");
     int crashes = 0;
     for (const char *call : CALLS) {
