@@ -27,8 +27,9 @@ const char USAGE[] =
     "         index DIR from scratch as the application does; chunk size and overlap come from\n"
     "         its settings (800 and 200 by default); chunks of 64 to 65536 bytes, overlap at\n"
     "         most half a chunk; files above 20 MiB are skipped\n"
-    "  search DIR QUERY [--mode semantic|text|regex] [-k N] [--weights PATH] [--json]\n"
-    "         show the k best chunks (10 by default, at most 64) in semantic mode by default\n"
+    "  search DIR QUERY [--mode hybrid|semantic|keyword|text|regex] [-k N] [--weights PATH]\n"
+    "         [--json]  show the k best chunks (10 by default, at most 64); hybrid (by words\n"
+    "         and by meaning) by default\n"
     "  prompt DIR QUERY [--scope pinned|top5|all] [--mode M] [-k N] [--weights PATH]\n"
     "         print the prompt the application copies for the results (top5 by default),\n"
     "         with the directory's pinned results first\n"
@@ -105,13 +106,22 @@ int32_t parse_int(const std::string &option, const std::string &text, int32_t lo
 
 int32_t parse_mode(const std::string &text)
 {
-    static const char *const MODES[] = {"semantic", "text", "regex"};
-    for (int32_t i = 0; i < 3; i++) {
-        if (strcasecmp(text.c_str(), MODES[i]) == 0) {
-            return i;
+    // "semantic" searches every file, as the application's Semantic mode does.
+    static const struct {
+        const char *name;
+        int32_t mode;
+    } MODES[] = {{"hybrid", TRN_SEARCH_HYBRID},
+                 {"semantic", TRN_SEARCH_SEMANTIC_ALL},
+                 {"keyword", TRN_SEARCH_KEYWORD},
+                 {"text", TRN_SEARCH_TEXT},
+                 {"regex", TRN_SEARCH_REGEX}};
+    for (const auto &m : MODES) {
+        if (strcasecmp(text.c_str(), m.name) == 0) {
+            return m.mode;
         }
     }
-    throw UsageError("--mode must be semantic, text or regex, not \"" + text + "\"");
+    throw UsageError("--mode must be hybrid, semantic, keyword, text or regex, not \"" + text
+                     + "\"");
 }
 
 std::string parse_scope(const std::string &text)

@@ -4,6 +4,8 @@
 #ifndef TRN_CLI_ARGS_H
 #define TRN_CLI_ARGS_H
 
+#include "tarnwick.h"
+
 #include <cstdint>
 #include <optional>
 #include <stdexcept>
@@ -31,8 +33,8 @@ struct Options {
     // index: absent means the application's settings ("chunkSize", "overlap").
     std::optional<int32_t> chunk_size;
     std::optional<int32_t> overlap;
-    std::string weights; // empty: the application's choice (or the random encoder)
-    int32_t mode = 0;    // the engine's search mode: 0 semantic, 1 text, 2 regex
+    std::string weights;              // empty: the application's choice (or the random encoder)
+    int32_t mode = TRN_SEARCH_HYBRID; // the engine's search mode (trn_search's mode argument)
     int32_t k = 10;
     std::string scope = "top5"; // prompt: "pinned", "top5" or "all"
     bool json = false;

@@ -102,7 +102,7 @@ private:
     QList<DirectoryTab> m_tabs;
     QUuid m_activeTabId;
     QString m_query;
-    SearchMode m_searchMode = SearchMode::Semantic;
+    SearchMode m_searchMode = SearchMode::Hybrid;
     QHash<QUuid, DirectoryState *> m_tabStates; // children of this object
 };
 

@@ -208,7 +208,7 @@ private:
 
     int m_searchLimit = kPageSize;
     QString m_lastQuery;
-    SearchMode m_lastMode = SearchMode::Semantic;
+    SearchMode m_lastMode = SearchMode::Hybrid;
 };
 
 #endif

@@ -4,7 +4,8 @@
 **
 ** Stored JSON (compact, under the per-directory keys of settings.h):
 **
-**   search history: [{"id": "<UUID>", "query": "...", "mode": "Semantic"|"Text"|"Regex",
+**   search history: [{"id": "<UUID>", "query": "...",
+**                     "mode": "Hybrid"|"Semantic"|"Keyword"|"Text"|"Regex",
 **                     "date": <seconds since 2001-01-01>}, ...]   most recent first
 **   pinned results: [{"id": "<result id>", "filePath": "...", "snippet": "...", "score": 0.5,
 **                     "chunkIndex": 0, "lineNumber": 1, "fileType": 0}, ...]   pin order

@@ -249,14 +249,18 @@ int32_t checkedInt32(qint64 value)
 QString searchModeName(SearchMode mode)
 {
     switch (mode) {
+    case SearchMode::Hybrid:
+        return QStringLiteral("Hybrid");
     case SearchMode::Semantic:
         return QStringLiteral("Semantic");
+    case SearchMode::Keyword:
+        return QStringLiteral("Keyword");
     case SearchMode::Text:
         return QStringLiteral("Text");
     case SearchMode::Regex:
         return QStringLiteral("Regex");
     }
-    return QStringLiteral("Semantic");
+    return QStringLiteral("Hybrid");
 }
 
 std::optional<SearchMode> searchModeFromName(const QString &name)
@@ -271,7 +275,11 @@ std::optional<SearchMode> searchModeFromName(const QString &name)
 
 QList<SearchMode> allSearchModes()
 {
-    return {SearchMode::Semantic, SearchMode::Text, SearchMode::Regex};
+    return {SearchMode::Hybrid,
+            SearchMode::Semantic,
+            SearchMode::Keyword,
+            SearchMode::Text,
+            SearchMode::Regex};
 }
 
 std::mutex &TarnwickEngine::engineMutex()

@@ -30,14 +30,23 @@
 #include <mutex>
 #include <optional>
 
-// The three query modes. The ordinal is the mode of trn_search.
-enum class SearchMode { Semantic = 0, Text = 1, Regex = 2 };
+// The query modes. The value is the mode of trn_search: Semantic searches every file
+// (TRN_SEARCH_SEMANTIC_ALL), so it answers with as many results as asked for, Keyword ranks by
+// words (BM25), Hybrid fuses the two rankings. Hybrid is the default.
+enum class SearchMode {
+    Text = TRN_SEARCH_TEXT,
+    Regex = TRN_SEARCH_REGEX,
+    Keyword = TRN_SEARCH_KEYWORD,
+    Hybrid = TRN_SEARCH_HYBRID,
+    Semantic = TRN_SEARCH_SEMANTIC_ALL
+};
 
-// "Semantic", "Text", "Regex".
+// "Hybrid", "Semantic", "Keyword", "Text", "Regex": the picker's labels and the names stored in
+// the search history (older histories hold only the last three, which still decode).
 QString searchModeName(SearchMode mode);
 // The mode with that name (exact spelling), or nullopt.
 std::optional<SearchMode> searchModeFromName(const QString &name);
-// Every mode in order: Semantic, Text, Regex.
+// Every mode in the picker's order: Hybrid, Semantic, Keyword, Text, Regex.
 QList<SearchMode> allSearchModes();
 
 // One search hit, copied out of the engine (the engine reuses its snippet buffers).

@@ -5,11 +5,109 @@
 
 #include <QRegularExpression>
 
+#include <algorithm>
+
+namespace
+{
+
+// True between w[j - 1] and w[j] when they belong to different parts of an identifier: a letter
+// and a digit, a lower-case letter and an upper-case one ("readFile"), or the last capital of a
+// run of capitals followed by a lower-case letter ("HTTPServer").
+bool isPartBoundary(const QString &w, qsizetype j)
+{
+    const QChar a = w.at(j - 1);
+    const QChar b = w.at(j);
+    if (a.isDigit() != b.isDigit()) {
+        return true;
+    }
+    if (a.isLower() && b.isUpper()) {
+        return true;
+    }
+    return a.isUpper() && b.isUpper() && j + 1 < w.size() && w.at(j + 1).isLower();
+}
+
+// The query's words as the engine's word index sees them: runs of letters and digits and the
+// parts of identifiers, lower-cased, each once.
+QStringList queryWords(const QString &query)
+{
+    QStringList words;
+    const auto add = [&words](const QString &word) {
+        const QString lower = word.toLower();
+        if (!lower.isEmpty() && !words.contains(lower)) {
+            words.append(lower);
+        }
+    };
+    qsizetype i = 0;
+    while (i < query.size()) {
+        if (!query.at(i).isLetterOrNumber()) {
+            i++;
+            continue;
+        }
+        const qsizetype start = i;
+        while (i < query.size() && query.at(i).isLetterOrNumber()) {
+            i++;
+        }
+        const QString word = query.mid(start, i - start);
+        add(word);
+        qsizetype part = 0;
+        for (qsizetype j = 1; j <= word.size(); j++) {
+            if (j == word.size() || isPartBoundary(word, j)) {
+                add(word.mid(part, j - part));
+                part = j;
+            }
+        }
+    }
+    return words;
+}
+
+// Every occurrence of a query word that begins and ends at a word or identifier-part boundary,
+// left to right, overlapping ones joined.
+QList<MatchSpan> findWords(const QString &text, const QString &query)
+{
+    QList<MatchSpan> spans;
+    for (const QString &word : queryWords(query)) {
+        qsizetype from = 0;
+        while (from < text.size()) {
+            const qsizetype at = text.indexOf(word, from, Qt::CaseInsensitive);
+            if (at < 0) {
+                break;
+            }
+            const qsizetype end = at + word.size();
+            const bool starts =
+                at == 0 || !text.at(at - 1).isLetterOrNumber() || isPartBoundary(text, at);
+            const bool ends =
+                end == text.size() || !text.at(end).isLetterOrNumber() || isPartBoundary(text, end);
+            if (starts && ends) {
+                spans.append(MatchSpan{at, word.size()});
+            }
+            from = at + 1;
+        }
+    }
+    std::sort(spans.begin(), spans.end(), [](const MatchSpan &a, const MatchSpan &b) {
+        return a.start < b.start;
+    });
+    QList<MatchSpan> joined;
+    for (const MatchSpan &s : spans) {
+        if (!joined.isEmpty() && s.start <= joined.last().start + joined.last().length) {
+            MatchSpan &last = joined.last();
+            last.length = std::max(last.start + last.length, s.start + s.length) - last.start;
+        } else {
+            joined.append(s);
+        }
+    }
+    return joined;
+}
+
+} // namespace
+
 QList<MatchSpan> findQueryMatches(const QString &text, const QString &query, SearchMode mode)
 {
     QList<MatchSpan> spans;
     if (query.isEmpty()) {
         return spans;
+    }
+    if (mode == SearchMode::Keyword || mode == SearchMode::Hybrid) {
+        return findWords(text, query);
     }
     if (mode == SearchMode::Text) {
         qsizetype from = 0;

@@ -73,6 +73,10 @@ std::optional<QString> readUtf8(const QString &path)
 QString modeWord(SearchMode mode)
 {
     switch (mode) {
+    case SearchMode::Hybrid:
+        return QStringLiteral("hybrid");
+    case SearchMode::Keyword:
+        return QStringLiteral("keyword");
     case SearchMode::Text:
         return QStringLiteral("text");
     case SearchMode::Regex:

@@ -53,7 +53,7 @@ SearchBar::SearchBar(AppState *app, QWidget *parent) : QWidget(parent), m_app(ap
     m_field->installEventFilter(this);
     layout->addWidget(m_field, 1);
 
-    // The mode picker: three exclusive buttons drawn as one segmented control.
+    // The mode picker: five exclusive buttons drawn as one segmented control.
     auto *picker = new QWidget(this);
     picker->setObjectName(QStringLiteral("modePicker"));
     auto *pickerLayout = new QHBoxLayout(picker);
@@ -61,9 +61,21 @@ SearchBar::SearchBar(AppState *app, QWidget *parent) : QWidget(parent), m_app(ap
     pickerLayout->setSpacing(0);
     m_modes = new QButtonGroup(this);
     m_modes->setExclusive(true);
-    const QStringList tips = {tr("Find passages by meaning"),
-                              tr("Find text, ignoring case"),
-                              tr("Find matches of a regular expression")};
+    const auto tipFor = [](SearchMode mode) {
+        switch (mode) {
+        case SearchMode::Hybrid:
+            return SearchBar::tr("Find passages by their words and by meaning together");
+        case SearchMode::Semantic:
+            return SearchBar::tr("Find passages by meaning");
+        case SearchMode::Keyword:
+            return SearchBar::tr("Find passages with the most of the query's words");
+        case SearchMode::Text:
+            return SearchBar::tr("Find text, ignoring case");
+        case SearchMode::Regex:
+            return SearchBar::tr("Find matches of a regular expression");
+        }
+        return QString();
+    };
     for (SearchMode mode : allSearchModes()) {
         auto *button = new QToolButton(picker);
         button->setText(searchModeName(mode));
@@ -71,7 +83,7 @@ SearchBar::SearchBar(AppState *app, QWidget *parent) : QWidget(parent), m_app(ap
         button->setCheckable(true);
         button->setAutoRaise(false);
         button->setToolButtonStyle(Qt::ToolButtonTextOnly);
-        button->setToolTip(tips.at(static_cast<int>(mode)));
+        button->setToolTip(tipFor(mode));
         button->setMinimumWidth(76);
         button->setFocusPolicy(Qt::TabFocus);
         m_modes->addButton(button, static_cast<int>(mode));
@@ -202,7 +214,7 @@ void SearchBar::fillHistoryMenu()
         QAction *action =
             m_historyMenu->addAction(entry.query + QStringLiteral("  \u2014  ") + entry.mode);
         const QString query = entry.query;
-        const SearchMode chosen = mode.value_or(SearchMode::Semantic);
+        const SearchMode chosen = mode.value_or(SearchMode::Hybrid);
         connect(action, &QAction::triggered, this, [this, query, chosen] {
             if (m_app) {
                 m_app->setQuery(query);

@@ -40,6 +40,8 @@ private slots:
     void fileCategory();
     void formatFileSize_data();
     void formatFileSize();
+    void modeNamesDecodeOldAndNewHistories_data();
+    void modeNamesDecodeOldAndNewHistories();
 
 private:
     std::unique_ptr<IsolatedEnvironment> m_env;
@@ -505,6 +507,34 @@ void TestTarnwickEngine::formatFileSize()
 {
     QFETCH(qint64, bytes);
     QTEST(TarnwickEngine::formatFileSize(bytes), "text");
+}
+
+void TestTarnwickEngine::modeNamesDecodeOldAndNewHistories_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<int>("engineMode"); // -1: not a mode
+    // Histories written before the keyword modes hold only Semantic, Text and Regex; the
+    // application's Semantic searches every file.
+    QTest::newRow("Hybrid") << "Hybrid" << int(TRN_SEARCH_HYBRID);
+    QTest::newRow("Semantic") << "Semantic" << int(TRN_SEARCH_SEMANTIC_ALL);
+    QTest::newRow("Keyword") << "Keyword" << int(TRN_SEARCH_KEYWORD);
+    QTest::newRow("Text") << "Text" << int(TRN_SEARCH_TEXT);
+    QTest::newRow("Regex") << "Regex" << int(TRN_SEARCH_REGEX);
+    QTest::newRow("wrong case") << "semantic" << -1;
+    QTest::newRow("unknown") << "Fuzzy" << -1;
+}
+
+void TestTarnwickEngine::modeNamesDecodeOldAndNewHistories()
+{
+    QFETCH(QString, name);
+    QFETCH(int, engineMode);
+    const std::optional<SearchMode> mode = searchModeFromName(name);
+    QCOMPARE(mode.has_value(), engineMode >= 0);
+    if (mode) {
+        QCOMPARE(int(*mode), engineMode);
+        QCOMPARE(searchModeName(*mode), name);
+        QVERIFY(allSearchModes().contains(*mode));
+    }
 }
 
 QTEST_MAIN(TestTarnwickEngine)

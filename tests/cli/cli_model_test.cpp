@@ -179,6 +179,8 @@ TEST_F(ModelCorpus, IndexHoldsWhatTheApplicationsWalkStoresAndSearchesAlike)
         {"semantic", "when is high water at the harbour"},
         {"text", "TIDE"},
         {"regex", "ring_[a-z]+\\("},
+        {"keyword", "high water harbour"},
+        {"hybrid", "when is high water at the harbour"},
     };
     for (const auto &[mode, query] : queries) {
         cli_hits[mode] = cli_search(query, mode);
@@ -201,9 +203,12 @@ TEST_F(ModelCorpus, IndexHoldsWhatTheApplicationsWalkStoresAndSearchesAlike)
     TarnwickEngine engine(QString::fromStdString(dir.path()), QString());
     for (const auto &[mode, query] : queries) {
         SCOPED_TRACE(mode);
-        const SearchMode m = mode == "semantic" ? SearchMode::Semantic
-                             : mode == "text"   ? SearchMode::Text
-                                                : SearchMode::Regex;
+        const std::map<std::string, SearchMode> by_name = {{"semantic", SearchMode::Semantic},
+                                                           {"text", SearchMode::Text},
+                                                           {"regex", SearchMode::Regex},
+                                                           {"keyword", SearchMode::Keyword},
+                                                           {"hybrid", SearchMode::Hybrid}};
+        const SearchMode m = by_name.at(mode);
         const QList<SearchResult> app_hits = engine.search(QString::fromStdString(query), m, 20);
         const std::vector<Json> &hits = cli_hits[mode];
         ASSERT_EQ(static_cast<size_t>(app_hits.size()), hits.size());

@@ -192,6 +192,8 @@ private slots:
                                << QStringList{"colours.txt"} << true;
         QTest::newRow("text without a match")
             << "quince" << int(SearchMode::Text) << QStringList{} << false;
+        QTest::newRow("keyword finds the words apart")
+            << "sugar PEEL" << int(SearchMode::Keyword) << QStringList{"marmalade.txt"} << true;
     }
     void searchRunsInTheChosenMode()
     {

@@ -185,6 +185,27 @@ private slots:
         QCOMPARE(panel->textView()->document()->blockCount(), 50); // the file is shown all the same
     }
 
+    void wordModesMarkWordsAndIdentifierParts_data()
+    {
+        QTest::addColumn<int>("mode");
+        QTest::newRow("keyword") << int(SearchMode::Keyword);
+        QTest::newRow("hybrid") << int(SearchMode::Hybrid);
+    }
+    void wordModesMarkWordsAndIdentifierParts()
+    {
+        QFETCH(int, mode);
+        QVERIFY(writeFile(m_files.path(),
+                          QStringLiteral("idents.txt"),
+                          "readFileSync(p)\nread_file = 1\nspread the profile\nREAD FILES\n"));
+        ContextPanel *panel = ContextPanel::shared();
+        QVERIFY(panel->showFile(m_files.filePath(QStringLiteral("idents.txt")),
+                                1,
+                                QStringLiteral("Read file"),
+                                static_cast<SearchMode>(mode)));
+        // Parts of identifiers count, words inside other words ("spread", "FILES") do not.
+        QCOMPARE(allMarks(panel->textView()), (QStringList{"readFile", "read", "file", "READ"}));
+    }
+
     void textMatchesDoNotOverlap()
     {
         QVERIFY(writeFile(m_files.path(), QStringLiteral("aaa.txt"), "aaaaa"));
