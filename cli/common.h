@@ -10,6 +10,7 @@
 #ifndef TRN_CLI_COMMON_H
 #define TRN_CLI_COMMON_H
 
+#include "args.h"
 #include "tarnwick.h"
 
 #include <chrono>
@@ -51,6 +52,10 @@ void require_index(const std::string &root);
 // Loads the weights into a scratch encoder first, so that a missing or damaged file is an error
 // here rather than a silent fall-back to the random encoder inside trn_open. Empty: nothing.
 void check_weights(const std::string &weights);
+
+// The weights a command uses: --weights FILE, "" for --weights none (the untrained encoder),
+// else application_weights(root). description says which.
+std::string chosen_weights(const Options &o, const std::string &root, std::string *description);
 
 // Creates the index directory and removes its store and log, so that indexing starts from
 // scratch: vectors of an earlier index may come from another encoder.

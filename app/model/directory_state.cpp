@@ -5,6 +5,7 @@
 #include "directory_state.h"
 
 #include "background.h"
+#include "encoder_record.h"
 #include "json_coding.h"
 #include "results_model.h"
 #include "settings.h"
@@ -51,12 +52,18 @@ DirectoryState::DirectoryState(const DirectoryTab &tab, const QString &weightsPa
         }
     }
     m_engine = std::make_shared<TarnwickEngine>(m_directoryPath, weights);
+    m_weightsPath = weights;
     const TrnStats stats = m_engine->stats();
     m_statusText = stats.chunk_count >= 1 ? countsText(stats) : QStringLiteral("Not indexed");
     m_gitBranch = detectGitBranch(m_directoryPath);
     loadSearchHistory();
     loadPinnedResults();
     m_resultsModel = new ResultsModel(this, this);
+    // An index built with another encoder (or before the encoder was recorded) cannot be
+    // searched by meaning with this one: build it again.
+    if (stats.chunk_count >= 1 && !EncoderRecord::matches(m_directoryPath, weights)) {
+        rebuildWith(weights);
+    }
 }
 
 DirectoryState::~DirectoryState() = default;
@@ -90,8 +97,10 @@ void DirectoryState::ingest(int chunkSize, int overlap)
     setIngestProgress(0, 0);
     setStatusText(QStringLiteral("Indexing..."));
     std::shared_ptr<TarnwickEngine> engine = m_engine;
+    const QString directory = m_directoryPath;
+    const QString weights = m_weightsPath;
     QPointer<DirectoryState> self(this);
-    runInBackground([engine, self, chunkSize, overlap] {
+    runInBackground([engine, self, chunkSize, overlap, directory, weights] {
         auto progress = [self](int done, int found) {
             runOnMainThread([self, done, found] {
                 if (self) {
@@ -101,6 +110,9 @@ void DirectoryState::ingest(int chunkSize, int overlap)
         };
         const int n = engine->ingestDirectory(chunkSize, overlap, progress);
         engine->checkpoint();
+        if (n >= 0) {
+            EncoderRecord::write(directory, weights);
+        }
         const TrnStats stats = engine->stats();
         runOnMainThread([self, n, stats] {
             if (!self) { // the tab was closed while it was indexed
@@ -115,9 +127,16 @@ void DirectoryState::ingest(int chunkSize, int overlap)
 
 void DirectoryState::reindex()
 {
+    rebuildWith(effectiveWeightsPath());
+}
+
+void DirectoryState::rebuildWith(const QString &weightsPath)
+{
     const int chunkSize = m_settings->effectiveChunkSize();
     const int overlap = m_settings->effectiveOverlap();
-    m_engine->clearAndReopen(effectiveWeightsPath());
+    QFile::remove(EncoderRecord::path(m_directoryPath));
+    m_engine->clearAndReopen(weightsPath);
+    m_weightsPath = weightsPath;
     ingest(chunkSize, overlap);
 }
 
