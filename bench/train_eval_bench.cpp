@@ -2,7 +2,8 @@
 ** train_eval_bench.cpp -- does training help search? A known-item retrieval task built from a
 ** directory of documents, scored for the random encoder, a trained encoder and BM25.
 **
-**   train_eval_bench [DIR] [STEPS] [BATCH] [THREADS] [LR] [FILES] [MERGES]
+**   train_eval_bench [DIR] [STEPS] [BATCH] [THREADS] [LR] [FILES] [MERGES] [--weights FILE]...
+**                    [--init FILE]
 **
 ** DIR (default /usr/share/doc/python3/html): every indexable file below it (names beginning
 ** with "." or "_" skipped, PDF skipped), HTML stripped by the engine. FILES files (default 120)
@@ -16,6 +17,9 @@
 ** (default 0.001). With MERGES above 0 the built `train_bpe` first learns that many merges on the
 ** same corpus and the trainer runs with `--bpe`, so the trained encoder reads tokens instead of
 ** bytes and its 254 positions cover about a whole chunk; the random encoder stays byte-level.
+** With --init FILE the training starts from those weights (and keeps their tokenizer: MERGES is
+** then ignored), and FILE is scored too. STEPS 0 trains nothing. Each --weights FILE adds a
+** row for a weights file trained elsewhere (the built-in encoder: held-out text it never saw).
 **
 ** Scoring, all in one run over the same chunks (800 bytes, overlap 200, cut by the engine):
 ** semantic search through the engine (in memory, trn_ingest_text, trn_build_doc_index,
@@ -333,13 +337,26 @@ int run_program(std::vector<std::string> args)
 
 int main(int argc, char **argv)
 {
-    const std::string dir = argc > 1 ? argv[1] : "/usr/share/doc/python3/html";
-    const int steps = argc > 2 ? atoi(argv[2]) : 1000;
-    const int batch = argc > 3 ? atoi(argv[3]) : 8;
-    const int threads = argc > 4 ? atoi(argv[4]) : 1;
-    const std::string lr = argc > 5 ? argv[5] : "0.001";
-    const int max_files = argc > 6 ? atoi(argv[6]) : 120;
-    const int merges = argc > 7 ? atoi(argv[7]) : 0;
+    std::vector<std::string> pos, extra_weights;
+    std::string init;
+    for (int i = 1; i < argc; i++) {
+        const std::string a = argv[i];
+        if ((a == "--weights" || a == "--init") && i + 1 < argc) {
+            (a == "--init" ? init : extra_weights.emplace_back()) = argv[++i];
+        } else {
+            pos.push_back(a);
+        }
+    }
+    auto arg = [&pos](size_t i, const char *fallback) {
+        return i < pos.size() ? pos[i] : std::string(fallback);
+    };
+    const std::string dir = arg(0, "/usr/share/doc/python3/html");
+    const int steps = atoi(arg(1, "1000").c_str());
+    const int batch = atoi(arg(2, "8").c_str());
+    const int threads = atoi(arg(3, "1").c_str());
+    const std::string lr = arg(4, "0.001");
+    const int max_files = atoi(arg(5, "120").c_str());
+    const int merges = init.empty() ? atoi(arg(6, "0").c_str()) : 0;
 
     std::vector<Doc> docs = collect(dir);
     size_t total_bytes = 0;
@@ -432,7 +449,9 @@ int main(int argc, char **argv)
            batch,
            threads,
            lr.c_str(),
-           merges > 0 ? ("tokenizer of " + std::to_string(merges) + " merges").c_str() : "bytes",
+           !init.empty() ? ("from " + init).c_str()
+           : merges > 0  ? ("tokenizer of " + std::to_string(merges) + " merges").c_str()
+                         : "bytes",
            corpus_bytes / 1e6);
     fflush(stdout);
 
@@ -445,6 +464,10 @@ int main(int argc, char **argv)
                                              lr,
                                              "8",
                                              "2"};
+    if (!init.empty()) {
+        trainer_args.push_back("--init");
+        trainer_args.push_back(init);
+    }
     if (merges > 0) {
         const std::string bpe_path = tmpdir + "/tokenizer.tbpe";
         int brc =
@@ -459,7 +482,7 @@ int main(int argc, char **argv)
     }
     trainer_args.push_back("--threads");
     trainer_args.push_back(std::to_string(threads));
-    int rc = run_program(trainer_args);
+    int rc = steps > 0 ? run_program(trainer_args) : 0;
     double train_secs =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     if (rc != 0) {
@@ -467,7 +490,8 @@ int main(int argc, char **argv)
         std::filesystem::remove_all(tmpdir);
         return 1;
     }
-    printf("training took %.1f min (%.2f s/step)\n", train_secs / 60, train_secs / steps);
+    printf(
+        "training took %.1f min (%.2f s/step)\n", train_secs / 60, train_secs / std::max(1, steps));
     fflush(stdout);
 
     Index random_ix = build_index(eval, nullptr);
@@ -492,26 +516,49 @@ int main(int argc, char **argv)
     Score bm25_head = bm25(head, chunk_doc, queries);
     trn_close(random_ix.engine);
 
-    Index trained_ix = build_index(eval, weights.c_str());
-    Score trained_score = semantic(trained_ix.engine, eval, queries);
-    Score trained_exact = exhaustive(trained_ix.engine, eval, queries);
-    trn_close(trained_ix.engine);
+    // every encoder to score after the random one: named files, the starting point, the result
+    std::vector<std::pair<std::string, std::string>> encoders;
+    for (const std::string &w : extra_weights) {
+        encoders.push_back({w, w.substr(w.rfind('/') + 1)});
+    }
+    if (!init.empty()) {
+        encoders.push_back({init, "start: " + init.substr(init.rfind('/') + 1)});
+    }
+    if (steps > 0) {
+        encoders.push_back({weights, init.empty() ? "trained encoder" : "trained from the start"});
+    }
+    std::vector<std::pair<Score, Score>> scores;
+    double index_seconds = 0;
+    for (const auto &[path, name] : encoders) {
+        Index ix = build_index(eval, path.c_str());
+        scores.push_back(
+            {semantic(ix.engine, eval, queries), exhaustive(ix.engine, eval, queries)});
+        index_seconds = ix.seconds;
+        trn_close(ix.engine);
+    }
 
-    printf("\n%zu chunks indexed (%.1f s per index)\n", chunk_count, trained_ix.seconds);
+    printf("\n%zu chunks indexed (%.1f s per index)\n", chunk_count, index_seconds);
     printf("| system                         | recall@10 | MRR@10 |\n");
     printf("|--------------------------------|-----------|--------|\n");
     printf("| random encoder (seed 42)       | %9.3f | %6.3f |\n",
            random_score.recall,
            random_score.mrr);
-    printf("| trained encoder                | %9.3f | %6.3f |\n",
-           trained_score.recall,
-           trained_score.mrr);
+    for (size_t i = 0; i < encoders.size(); i++) {
+        printf("| %-30.30s | %9.3f | %6.3f |\n",
+               encoders[i].second.c_str(),
+               scores[i].first.recall,
+               scores[i].first.mrr);
+    }
     printf("| random encoder, every chunk    | %9.3f | %6.3f |\n",
            random_exact.recall,
            random_exact.mrr);
-    printf("| trained encoder, every chunk   | %9.3f | %6.3f |\n",
-           trained_exact.recall,
-           trained_exact.mrr);
+    for (size_t i = 0; i < encoders.size(); i++) {
+        const std::string name = encoders[i].second + ", every chunk";
+        printf("| %-30.30s | %9.3f | %6.3f |\n",
+               name.c_str(),
+               scores[i].second.recall,
+               scores[i].second.mrr);
+    }
     printf(
         "| BM25, whole chunks             | %9.3f | %6.3f |\n", bm25_whole.recall, bm25_whole.mrr);
     printf("| BM25, first 254 bytes of each  | %9.3f | %6.3f |\n", bm25_head.recall, bm25_head.mrr);

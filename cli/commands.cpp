@@ -157,11 +157,13 @@ void cmd_index(const Options &o)
     check_chunking(chunk_size, overlap);
     std::string root = resolve_dir(o.operands[0]);
     std::string index_dir = index_dir_of(root);
-    check_weights(o.weights);
+    std::string description;
+    std::string weights = chosen_weights(o, root, &description);
+    check_weights(weights);
     ensure_index_dir(index_dir);
 
     // Searches keep using the old index until the new one is complete and swapped in.
-    EnginePtr engine = open_engine(index_dir, o.weights, TRN_OPEN_REBUILD);
+    EnginePtr engine = open_engine(index_dir, weights, TRN_OPEN_REBUILD);
     Progress progress{engine.get(), isatty(STDERR_FILENO) == 1};
     int32_t added =
         trn_ingest_dir(engine.get(), root.c_str(), chunk_size, overlap, on_file_done, &progress);
@@ -187,7 +189,7 @@ void cmd_search(const Options &o)
     const std::string &query = o.operands[1];
     // The encoder the index was built with: the application's choice unless --weights names one.
     std::string description;
-    std::string weights = o.weights.empty() ? application_weights(root, &description) : o.weights;
+    std::string weights = chosen_weights(o, root, &description);
     EnginePtr engine = open_existing(root, weights);
     // The engine never returns more than 64 hits, however large k is.
     int32_t k = std::min<int32_t>(o.k, 64);
@@ -395,8 +397,10 @@ void cmd_compact(const Options &o)
 void cmd_embed(const Options &o)
 {
     EncoderGuard guard;
-    if (!o.weights.empty() && !trn_encoder_load_weights(&guard.encoder, o.weights.c_str())) {
-        throw Failure("cannot load encoder weights from " + o.weights);
+    std::string description;
+    const std::string weights = chosen_weights(o, "", &description);
+    if (!weights.empty() && !trn_encoder_load_weights(&guard.encoder, weights.c_str())) {
+        throw Failure("cannot load encoder weights from " + weights);
     }
     float vector[TRN_ENCODER_DIM];
     trn_encoder_embed_text(&guard.encoder, o.operands[0].c_str(), vector);

@@ -5,6 +5,7 @@
 #include "common.h"
 
 #include "args.h"
+#include "model_commands.h"
 #include "tarnwick.h"
 
 #include <cerrno>
@@ -76,6 +77,19 @@ void require_index(const std::string &root)
     if (!has_index(root)) {
         throw Failure("no index in " + root + " (run: tarnwick-cli index " + root + ")");
     }
+}
+
+std::string chosen_weights(const Options &o, const std::string &root, std::string *description)
+{
+    if (o.weights == "none") {
+        *description = "untrained encoder (--weights none)";
+        return "";
+    }
+    if (!o.weights.empty()) {
+        *description = "weights " + o.weights;
+        return o.weights;
+    }
+    return application_weights(root, description);
 }
 
 void check_weights(const std::string &weights)

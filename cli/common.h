@@ -10,6 +10,7 @@
 #ifndef TRN_CLI_COMMON_H
 #define TRN_CLI_COMMON_H
 
+#include "args.h"
 #include "tarnwick.h"
 
 #include <chrono>
@@ -60,6 +61,10 @@ void ensure_index_dir(const std::string &index_dir);
 
 // Throws UsageError with the engine's one-line reason unless trn_check_chunking accepts the pair.
 void check_chunking(int32_t chunk_size, int32_t overlap);
+
+// The weights a command uses: --weights FILE, "" for --weights none (the untrained encoder),
+// else application_weights(root). description says which.
+std::string chosen_weights(const Options &o, const std::string &root, std::string *description);
 
 void write_out(const std::string &text);
 

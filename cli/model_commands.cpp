@@ -16,6 +16,7 @@
 #include "common.h"
 #include "json.h"
 
+#include "encoder_record.h"
 #include "json_coding.h"
 #include "prompt_builder.h"
 #include "records.h"
@@ -288,7 +289,10 @@ void set_default(const Options &o)
     TrainingManager::shared()->setDefaultProfileId(p.id);
     std::string out = quoted(utf8(p.name)) + " is the default profile\n";
     if (p.status != TrainingStatus::Trained) {
-        out += "it is not trained yet; until it is, directories use the random encoder\n";
+        out +=
+            std::string("it is not trained yet; until it is, directories use the ")
+            + (TrainingManager::shared()->builtInWeightsPath().isEmpty() ? "untrained" : "built-in")
+            + " encoder\n";
     }
     write_out(out);
 }
@@ -436,7 +440,12 @@ std::string application_weights(const std::string &root, std::string *descriptio
             "default profile \"" + utf8(p->name) + "\" (" + path_bytes(p->weightsPath) + ")";
         return path_bytes(p->weightsPath);
     }
-    *description = "built-in random encoder (no trained default profile)";
+    const QString builtIn = TrainingManager::shared()->builtInWeightsPath();
+    if (!builtIn.isEmpty()) {
+        *description = "built-in encoder (" + path_bytes(builtIn) + ")";
+        return path_bytes(builtIn);
+    }
+    *description = "untrained encoder (no trained default profile, no built-in encoder)";
     return "";
 }
 
@@ -449,12 +458,7 @@ void model_index(const Options &o)
     std::string root = resolve_dir(o.operands[0]);
     std::string index_dir = index_dir_of(root);
     std::string description;
-    std::string weights = o.weights;
-    if (weights.empty()) {
-        weights = application_weights(root, &description);
-    } else {
-        description = "weights " + weights;
-    }
+    std::string weights = chosen_weights(o, root, &description);
     check_weights(weights);
     ensure_index_dir(index_dir);
     std::fprintf(stderr, "tarnwick: encoder: %s\n", display_text(description, false).c_str());
@@ -482,6 +486,8 @@ void model_index(const Options &o)
     if (!engine.checkpoint()) {
         throw Failure(engine.lastError().toStdString());
     }
+    // so the application does not rebuild what was just built with its own encoder
+    EncoderRecord::write(path_text(root), path_text(weights));
     TrnStats st = engine.stats();
     write_out(indexed_line(st.file_count, st.chunk_count, seconds_since(progress.start)));
 }
@@ -491,7 +497,7 @@ void model_prompt(const Options &o)
     std::string root = resolve_dir(o.operands[0]);
     require_index(root);
     std::string description;
-    std::string weights = o.weights.empty() ? application_weights(root, &description) : o.weights;
+    std::string weights = chosen_weights(o, root, &description);
     check_weights(weights);
     const QString dir = path_text(root);
     TarnwickEngine engine(dir, path_text(weights));

@@ -36,8 +36,9 @@ private:
 };
 
 // The weights the application would open root's index with: the directory's encoder override
-// when that profile is trained, else the default profile's weights when trained, else "" (the
-// random encoder). description says which, for a line on standard error.
+// when that profile is trained, else the default profile's weights when trained, else the
+// built-in encoder beside the program, else "" (the untrained encoder). description says which,
+// for a line on standard error.
 std::string application_weights(const std::string &root, std::string *description);
 
 // index DIR: drops the index and walks DIR with TarnwickEngine::ingestDirectory.

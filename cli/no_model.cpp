@@ -4,6 +4,10 @@
 */
 #include "model_commands.h"
 
+#include "common.h"
+
+#include <unistd.h>
+
 const bool HAVE_APPLICATION_MODEL = false;
 
 struct ModelRuntime::State {
@@ -13,9 +17,24 @@ ModelRuntime::ModelRuntime(int &, char **) {}
 
 ModelRuntime::~ModelRuntime() = default;
 
+// The built-in encoder beside the program, as the application finds it beside itself.
 std::string application_weights(const std::string &, std::string *description)
 {
-    *description = "built-in random encoder";
+    char self[4096];
+    ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+    if (n > 0) {
+        std::string dir(self, (size_t)n);
+        dir.erase(dir.rfind('/') + 1);
+        // Beside the program in the build tree, in ../share/tarnwick once installed.
+        for (const std::string &builtIn :
+             {dir + "default.tten", dir + "../share/tarnwick/default.tten"}) {
+            if (exists(builtIn)) {
+                *description = "built-in encoder (" + builtIn + ")";
+                return builtIn;
+            }
+        }
+    }
+    *description = "untrained encoder (no built-in encoder)";
     return "";
 }
 

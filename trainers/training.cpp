@@ -58,19 +58,19 @@ void run_parallel(int n, Fn fn)
 
 } // namespace
 
-float lr_multiplier(int tensor)
+float lr_multiplier(int tensor, const GroupRates &rates)
 {
     if (tensor == TENSOR_TOK || tensor == TENSOR_POS) {
-        return LR_MULT_EMBEDDING;
+        return rates.embedding;
     }
     if (tensor == TENSOR_LNF_G || tensor == TENSOR_LNF_B) {
-        return LR_MULT_NORM;
+        return rates.norm;
     }
     const int w = (tensor - TENSOR_FIRST_LAYER) % LAYER_TENSORS;
     if (w == LT_LN1_G || w == LT_LN1_B || w == LT_LN2_G || w == LT_LN2_B) {
-        return LR_MULT_NORM;
+        return rates.norm;
     }
-    return LR_MULT_MATRIX;
+    return rates.matrix;
 }
 
 void tokenize(const TrnBpe *bpe, const std::string &text, std::vector<uint32_t> &ids)
@@ -143,6 +143,16 @@ float Trainer::lr_at(int k) const
     double progress = (double)(k - warm) / (double)std::max(1, steps_ - warm);
     progress = std::min(1.0, progress);
     return (float)(peak_lr_ * (0.05 + 0.95 * 0.5 * (1.0 + std::cos(M_PI * progress))));
+}
+
+float Trainer::next_lr() const
+{
+    const int k = step_ + 1;
+    float lr = lr_at(done_ + k);
+    if (done_ > 0 && k < RESUME_RAMP_STEPS) {
+        lr *= (float)k / (float)RESUME_RAMP_STEPS;
+    }
+    return lr;
 }
 
 /* Longest sequences first, each to the thread with the fewest tokens so far. */
@@ -218,8 +228,8 @@ double Trainer::step(const std::vector<std::string> &texts)
         }
         model_backward(layout_, params_.data(), wk.batch, wk.acts, wk.dz.data(), wk.grad.data());
     });
-    step_++;
     apply_update();
+    step_++;
     return loss;
 }
 
@@ -257,10 +267,10 @@ void Trainer::apply_update()
     norm = std::sqrt(norm);
     grad_norm_ = norm;
     const float clip = norm > CLIP_NORM ? (float)(CLIP_NORM / norm) : 1.0f;
-    const float lr = lr_at(step_);
+    const float lr = next_lr();
     const float b1 = (float)ADAM_BETA1, b2 = (float)ADAM_BETA2;
-    const float bc1 = (float)(1.0 - std::pow(ADAM_BETA1, step_));
-    const float bc2 = (float)(1.0 - std::pow(ADAM_BETA2, step_));
+    const float bc1 = (float)(1.0 - std::pow(ADAM_BETA1, step_ + 1));
+    const float bc2 = (float)(1.0 - std::pow(ADAM_BETA2, step_ + 1));
     run_parallel(n, [this, &slice, clip, lr, b1, b2, bc1, bc2](int w) {
         size_t lo, hi;
         slice(w, &lo, &hi);
@@ -269,7 +279,7 @@ void Trainer::apply_update()
             size_t a = std::max(lo, layout_.offset[t]);
             size_t b = std::min(hi, layout_.offset[t] + layout_.size[t]);
             const float decay = tensor_is_matrix(t) ? (float)WEIGHT_DECAY : 0.0f;
-            const float rate = lr * lr_multiplier(t);
+            const float rate = lr * lr_multiplier(t, rates_);
             if (rate == 0.0f) {
                 continue; /* a frozen group */
             }
@@ -301,8 +311,9 @@ std::string loss_path_for(const std::string &out)
 namespace
 {
 
-const char USAGE[] =
-    "trainer: usage: trainer CORPUS OUT STEPS BATCH LR HEADS LAYERS [--bpe PATH] [--threads N]";
+const char USAGE[] = "trainer: usage: trainer CORPUS OUT STEPS BATCH LR HEADS LAYERS [--bpe PATH] "
+                     "[--threads N] [--init WEIGHTS] [--steps-done K] [--save-every N] [--rates "
+                     "NORM,EMBEDDING,MATRIX]";
 
 bool parse_int(const char *s, long lo, long hi, int *out)
 {
@@ -313,6 +324,29 @@ bool parse_int(const char *s, long lo, long hi, int *out)
         return false;
     }
     *out = (int)v;
+    return true;
+}
+
+/* "NORM,EMBEDDING,MATRIX", each a number from 0 to 100. */
+bool parse_rates(const char *s, GroupRates *rates)
+{
+    float v[3];
+    const char *p = s;
+    for (int i = 0; i < 3; i++) {
+        errno = 0;
+        char *end = nullptr;
+        v[i] = strtof(p, &end);
+        if (errno != 0 || end == p || !std::isfinite(v[i]) || v[i] < 0.0f || v[i] > 100.0f) {
+            return false;
+        }
+        if (*end != (i < 2 ? ',' : '\0')) {
+            return false;
+        }
+        p = end + 1;
+    }
+    rates->norm = v[0];
+    rates->embedding = v[1];
+    rates->matrix = v[2];
     return true;
 }
 
@@ -359,30 +393,212 @@ bool file_size_is(const char *path, uint64_t want)
     return stat(path, &st) == 0 && (uint64_t)st.st_size == want;
 }
 
+/* Writes the weights with their metadata to OUT.tmp and renames it to OUT. Returns false after
+** one "trainer: ..." line. */
+bool save_weights(const TrainOptions &opts, uint64_t corpus_size, int steps, double final_loss,
+                  const TrnEncoder *enc)
+{
+    const std::string tmp = opts.out + ".tmp";
+    TrnWeightsMeta meta{};
+    meta.meta_u32_0 = (uint32_t)steps;
+    meta.meta_u32_1 = (uint32_t)opts.batch | (opts.init_path.empty() ? 0u : META_FROM_FILE);
+    meta.meta_f32_0 = opts.lr;
+    meta.meta_f32_1 = (float)final_loss;
+    meta.meta_u64 = corpus_size;
+    if (!trn_encoder_save_weights_meta(enc, tmp.c_str(), &meta)
+        || !file_size_is(tmp.c_str(), weights_file_size(make_layout(enc->vocab_size), enc->bpe))) {
+        fprintf(stderr, "trainer: cannot write %s\n", tmp.c_str());
+        return false;
+    }
+    if (rename(tmp.c_str(), opts.out.c_str()) != 0) {
+        fprintf(stderr,
+                "trainer: cannot move %s to %s: %s\n",
+                tmp.c_str(),
+                opts.out.c_str(),
+                strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+/* The lines of the loss log at path except the records of steps after last. */
+std::string log_records_until(const std::string &path, int last)
+{
+    std::string kept;
+    FILE *f = fopen(path.c_str(), "r");
+    if (!f) {
+        return "step,loss\n";
+    }
+    char line[8192];
+    while (fgets(line, sizeof line, f)) {
+        char *end = nullptr;
+        long step = strtol(line, &end, 10);
+        if (end != line && *end == ',' && step > last) {
+            continue;
+        }
+        kept += line;
+    }
+    fclose(f);
+    return kept;
+}
+
+/* True when both tokenizers hold the same merges in the same order. */
+bool same_merges(const TrnBpe *a, const TrnBpe *b)
+{
+    return a->n_merges == b->n_merges
+           && (a->n_merges == 0
+               || memcmp(a->merges, b->merges, sizeof a->merges[0] * a->n_merges) == 0);
+}
+
 } // namespace
+
+namespace
+{
+
+/* The starting encoder: the seeded random one (with the tokenizer of --bpe), or the weights of
+** --init with their own tokenizer, if any. Returns false after one "trainer: ..." line. */
+bool init_encoder(const TrainOptions &opts, TrnEncoder *enc)
+{
+    TrnBpe *bpe = nullptr;
+    if (!opts.bpe_path.empty()) {
+        bpe = trn_bpe_load(opts.bpe_path.c_str());
+        if (!bpe) {
+            fprintf(stderr, "trainer: cannot read tokenizer %s\n", opts.bpe_path.c_str());
+            return false;
+        }
+    }
+    if (opts.init_path.empty()) {
+        if (bpe) {
+            trn_encoder_init_bpe(enc, ENCODER_SEED, bpe); /* the encoder owns bpe now */
+        } else {
+            trn_encoder_init(enc, ENCODER_SEED);
+        }
+        return true;
+    }
+    uint32_t version = 0;
+    std::string err;
+    if (!check_weights_file(opts.init_path, &version, &err)) {
+        fprintf(stderr, "trainer: %s\n", err.c_str());
+        trn_bpe_free(bpe);
+        return false;
+    }
+    trn_encoder_init(enc, ENCODER_SEED);
+    if (!trn_encoder_load_weights(enc, opts.init_path.c_str())) {
+        fprintf(stderr, "trainer: cannot read weights %s\n", opts.init_path.c_str());
+        trn_bpe_free(bpe);
+        trn_encoder_free(enc);
+        return false;
+    }
+    if (bpe && (!enc->bpe || !same_merges(bpe, enc->bpe))) {
+        fprintf(stderr,
+                enc->bpe ? "trainer: tokenizer %s differs from the one in %s\n"
+                         : "trainer: tokenizer %s cannot be added to %s, a byte-level encoder\n",
+                opts.bpe_path.c_str(),
+                opts.init_path.c_str());
+        trn_bpe_free(bpe);
+        trn_encoder_free(enc);
+        return false;
+    }
+    trn_bpe_free(bpe);
+    return true;
+}
+
+} // namespace
+
+bool check_weights_file(const std::string &path, uint32_t *version, std::string *err)
+{
+    std::unique_ptr<FILE, int (*)(FILE *)> f(fopen(path.c_str(), "rb"), fclose);
+    if (!f) {
+        *err = "cannot open weights " + path + ": " + strerror(errno);
+        return false;
+    }
+    char magic[4] = {0};
+    uint32_t h[8] = {0}; /* version, vocabulary, positions, width, heads, ff, layers, merges */
+    size_t got = fread(magic, 1, 4, f.get()) == 4 ? fread(h, 4, 7, f.get()) : 0;
+    if (got != 7 || memcmp(magic, "TTEN", 4) != 0 || h[0] < 1 || h[0] > 3) {
+        *err = path + " is not an encoder weights file";
+        return false;
+    }
+    if (h[2] != TRN_ENCODER_MAX_SEQ || h[3] != TRN_ENCODER_DIM || h[4] != TRN_ENCODER_HEADS
+        || h[5] != TRN_ENCODER_FF || h[6] != TRN_ENCODER_LAYERS
+        || (h[0] < 3 && h[1] != TRN_ENCODER_BYTE_VOCAB) || h[1] < TRN_ENCODER_BYTE_VOCAB) {
+        char buf[256];
+        snprintf(buf,
+                 sizeof buf,
+                 " has the wrong shape (vocabulary %u, %u positions, width %u, %u heads, "
+                 "feed-forward %u, %u layers); the engine loads 256 positions, width 512, 8 "
+                 "heads, feed-forward 2048, 2 layers",
+                 h[1],
+                 h[2],
+                 h[3],
+                 h[4],
+                 h[5],
+                 h[6]);
+        *err = path + buf;
+        return false;
+    }
+    uint64_t want = 32;
+    if (h[0] >= 2) {
+        want += 28;
+    }
+    if (h[0] == 3) {
+        want += 4 + 8 * (uint64_t)(h[1] - TRN_ENCODER_BYTE_VOCAB);
+    }
+    want += 4 * (uint64_t)make_layout((int)h[1]).total;
+    struct stat st;
+    if (fstat(fileno(f.get()), &st) != 0 || (uint64_t)st.st_size != want) {
+        *err = path + " is not a complete weights file (" + std::to_string((long long)st.st_size)
+               + " bytes, expected " + std::to_string(want) + ")";
+        return false;
+    }
+    *version = h[0];
+    return true;
+}
 
 int parse_trainer_args(int argc, char **argv, TrainOptions *opts)
 {
     std::vector<const char *> pos;
-    bool have_threads = false, have_bpe = false;
+    bool have_threads = false, have_bpe = false, have_init = false, have_done = false,
+         have_save = false, have_rates = false;
     for (int i = 1; i < argc; i++) {
         const char *a = argv[i];
-        if (strcmp(a, "--bpe") == 0 || strcmp(a, "--threads") == 0) {
+        const bool is_option = strcmp(a, "--bpe") == 0 || strcmp(a, "--threads") == 0
+                               || strcmp(a, "--init") == 0 || strcmp(a, "--steps-done") == 0
+                               || strcmp(a, "--save-every") == 0 || strcmp(a, "--rates") == 0;
+        if (is_option) {
             if (i + 1 >= argc) {
                 return usage_error("%s needs a value", a);
             }
             const char *val = argv[++i];
-            if (a[2] == 'b') {
-                if (have_bpe || val[0] == '\0') {
+            if (strcmp(a, "--bpe") == 0 || strcmp(a, "--init") == 0) {
+                bool &seen = a[2] == 'b' ? have_bpe : have_init;
+                if (seen || val[0] == '\0') {
                     return usage_error("%s given twice or empty", a);
                 }
-                opts->bpe_path = val;
-                have_bpe = true;
-            } else {
+                (a[2] == 'b' ? opts->bpe_path : opts->init_path) = val;
+                seen = true;
+            } else if (strcmp(a, "--threads") == 0) {
                 if (have_threads || !parse_int(val, 1, MAX_THREADS, &opts->threads)) {
                     return usage_error("bad thread count '%s' (expected 1 to 256)", val);
                 }
                 have_threads = true;
+            } else if (strcmp(a, "--steps-done") == 0) {
+                if (have_done || !parse_int(val, 0, MAX_STEPS, &opts->steps_done)) {
+                    return usage_error("bad --steps-done '%s' (expected 0 to 10000000)", val);
+                }
+                have_done = true;
+            } else if (strcmp(a, "--save-every") == 0) {
+                if (have_save || !parse_int(val, 1, MAX_STEPS, &opts->save_every)) {
+                    return usage_error("bad --save-every '%s' (expected 1 to 10000000)", val);
+                }
+                have_save = true;
+            } else {
+                if (have_rates || !parse_rates(val, &opts->rates)) {
+                    return usage_error("bad --rates '%s' (expected three numbers from 0 to 100, "
+                                       "as NORM,EMBEDDING,MATRIX)",
+                                       val);
+                }
+                have_rates = true;
             }
         } else if (a[0] == '-' && a[1] == '-') {
             return usage_error("unknown option %s", a);
@@ -423,6 +639,13 @@ int parse_trainer_args(int argc, char **argv, TrainOptions *opts)
     if (!parse_int(pos[6], 0, 1 << 20, &opts->layers)) {
         return usage_error("bad layer count '%s'", pos[6]);
     }
+    if (opts->steps_done > 0 && (opts->init_path.empty() || opts->steps_done >= opts->steps)) {
+        fprintf(stderr,
+                "trainer: --steps-done %d needs --init and fewer steps than %d\n",
+                opts->steps_done,
+                opts->steps);
+        return 2;
+    }
     if (opts->heads != TRN_ENCODER_HEADS || opts->layers != TRN_ENCODER_LAYERS) {
         fprintf(stderr,
                 "trainer: the engine loads only 8 heads and 2 layers (asked for %d heads, %d "
@@ -455,13 +678,11 @@ int run_trainer(const TrainOptions &opts, FILE *progress)
                 (unsigned long long)need);
         return 1;
     }
-    TrnBpe *bpe = nullptr;
-    if (!opts.bpe_path.empty()) {
-        bpe = trn_bpe_load(opts.bpe_path.c_str());
-        if (!bpe) {
-            fprintf(stderr, "trainer: cannot read tokenizer %s\n", opts.bpe_path.c_str());
-            return 1;
-        }
+    TrnEncoder enc;
+    if (!init_encoder(opts, &enc)) {
+        return 1;
+    }
+    if (enc.bpe) {
         /* 254 tokens cover about a whole chunk: queries and crops may come from all of it */
         sampler.set_visible(CHUNK_BYTES);
     }
@@ -471,7 +692,7 @@ int run_trainer(const TrainOptions &opts, FILE *progress)
     int probe = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (probe < 0) {
         fprintf(stderr, "trainer: cannot write %s: %s\n", tmp.c_str(), strerror(errno));
-        trn_bpe_free(bpe);
+        trn_encoder_free(&enc);
         return 1;
     }
     close(probe);
@@ -486,44 +707,55 @@ int run_trainer(const TrainOptions &opts, FILE *progress)
         signal(SIGINT, remove_tmp_and_exit);
         signal(SIGHUP, remove_tmp_and_exit);
     }
+    /* a continued run keeps the earlier run's records up to the step it continues after */
+    std::string earlier_log;
+    if (opts.steps_done > 0) {
+        earlier_log = log_records_until(loss_path, opts.steps_done);
+    }
     FILE *loss_log = fopen(loss_path.c_str(), "w");
     if (!loss_log) {
         fprintf(stderr, "trainer: cannot write %s: %s\n", loss_path.c_str(), strerror(errno));
         unlink(tmp.c_str());
-        trn_bpe_free(bpe);
+        trn_encoder_free(&enc);
         return 1;
     }
-    fprintf(loss_log, "step,loss\n");
-    fflush(loss_log);
-
-    TrnEncoder enc;
-    if (bpe) {
-        trn_encoder_init_bpe(&enc, ENCODER_SEED, bpe); /* the encoder owns bpe now */
-    } else {
-        trn_encoder_init(&enc, ENCODER_SEED);
+    fputs(opts.steps_done > 0 ? earlier_log.c_str() : "step,loss\n", loss_log);
+    if (!opts.init_path.empty()) {
+        /* one field, so readers of step,loss records skip it */
+        fprintf(loss_log, "# initialised from %s\n", opts.init_path.c_str());
     }
+    fflush(loss_log);
 
     int status = 0;
     double final_loss = 0;
     {
         Trainer trainer(&enc, opts.batch, opts.lr, opts.steps, opts.threads);
+        trainer.set_steps_done(opts.steps_done);
+        trainer.set_group_rates(opts.rates);
         std::mt19937_64 rng(SAMPLER_SEED);
         std::vector<std::string> texts;
+        /* the batches of the steps already done, drawn again so the run goes on as it would */
+        for (int k = 1; k <= opts.steps_done && status == 0; k++) {
+            if (!sampler.draw(opts.batch, rng, texts, &err)) {
+                fprintf(stderr, "trainer: %s\n", err.c_str());
+                status = 1;
+            }
+        }
         double loss_sum = 0;
         int loss_count = 0;
         uint64_t tokens_at_print = 0;
         auto t_print = std::chrono::steady_clock::now();
-        for (int k = 1; k <= opts.steps; k++) {
+        for (int k = opts.steps_done + 1; k <= opts.steps && status == 0; k++) {
             if (!sampler.draw(opts.batch, rng, texts, &err)) {
                 fprintf(stderr, "trainer: %s\n", err.c_str());
                 status = 1;
                 break;
             }
-            float lr = trainer.lr_at(k);
+            float lr = trainer.next_lr();
             double loss = trainer.step(texts);
             loss_sum += loss;
             loss_count++;
-            if (k == 1 || k % 10 == 0 || k == opts.steps) {
+            if (k == opts.steps_done + 1 || k % 10 == 0 || k == opts.steps) {
                 auto now = std::chrono::steady_clock::now();
                 double secs = std::chrono::duration<double>(now - t_print).count();
                 double tok_s =
@@ -545,31 +777,19 @@ int run_trainer(const TrainOptions &opts, FILE *progress)
                 tokens_at_print = trainer.tokens_seen();
                 t_print = now;
             }
+            if (opts.save_every > 0 && k % opts.save_every == 0 && k < opts.steps) {
+                trainer.store(&enc);
+                if (!save_weights(opts, sampler.size(), k, final_loss, &enc)) {
+                    status = 1;
+                }
+            }
         }
         trainer.store(&enc);
     }
     fclose(loss_log);
 
-    if (status == 0) {
-        TrnWeightsMeta meta{};
-        meta.meta_u32_0 = (uint32_t)opts.steps;
-        meta.meta_u32_1 = (uint32_t)opts.batch;
-        meta.meta_f32_0 = opts.lr;
-        meta.meta_f32_1 = (float)final_loss;
-        meta.meta_u64 = sampler.size();
-        if (!trn_encoder_save_weights_meta(&enc, tmp.c_str(), &meta)
-            || !file_size_is(tmp.c_str(),
-                             weights_file_size(make_layout(enc.vocab_size), enc.bpe))) {
-            fprintf(stderr, "trainer: cannot write %s\n", tmp.c_str());
-            status = 1;
-        } else if (rename(tmp.c_str(), opts.out.c_str()) != 0) {
-            fprintf(stderr,
-                    "trainer: cannot move %s to %s: %s\n",
-                    tmp.c_str(),
-                    opts.out.c_str(),
-                    strerror(errno));
-            status = 1;
-        }
+    if (status == 0 && !save_weights(opts, sampler.size(), opts.steps, final_loss, &enc)) {
+        status = 1;
     }
     if (status != 0) {
         unlink(tmp.c_str());

@@ -16,6 +16,13 @@
 ** initial values are within +-0.02) within a few dozen steps and makes it worse than it was;
 ** the layer norms' scales and shifts (a few thousand values that decide which directions of
 ** the embedding count, and so remove the component all texts share) take the full rate.
+** --rates changes the multipliers for longer runs with larger batches.
+**
+** A run may start from a weights file (--init) instead of the seeded random encoder, and may
+** continue an earlier run of the same STEPS (--steps-done K): the schedule and the batches are
+** those of steps K + 1 .. STEPS of the uninterrupted run. Adam's moments are not saved, so a
+** continued run starts them afresh and ramps the rate up over its first RESUME_RAMP_STEPS
+** steps. --save-every N writes OUT every N steps, so a long run can be stopped and continued.
 */
 #ifndef TRN_TRAINERS_TRAINING_H
 #define TRN_TRAINERS_TRAINING_H
@@ -47,15 +54,29 @@ constexpr double ADAM_EPS = 1e-8;
 constexpr double WEIGHT_DECAY = 0.01;
 constexpr uint32_t ENCODER_SEED = 42; /* the engine's random encoder */
 constexpr uint64_t SAMPLER_SEED = 42;
+constexpr int RESUME_RAMP_STEPS = 20;
+/* set in meta_u32_1 (the batch, at most 128) when the run started from a weights file */
+constexpr uint32_t META_FROM_FILE = 0x80000000u;
 
 constexpr int MAX_STEPS = 10000000;
 constexpr int MAX_BATCH = 128;
 constexpr int MAX_THREADS = 256;
 
+/* Multipliers of the scheduled learning rate per parameter group. */
+struct GroupRates {
+    float norm = LR_MULT_NORM;
+    float embedding = LR_MULT_EMBEDDING;
+    float matrix = LR_MULT_MATRIX;
+};
+
 struct TrainOptions {
     std::string corpus;
     std::string out;
-    std::string bpe_path; /* empty: byte-level */
+    std::string bpe_path;  /* empty: byte-level, or the tokenizer of init_path */
+    std::string init_path; /* empty: the seeded random encoder */
+    int steps_done = 0;    /* steps of an earlier run of the same STEPS to continue after */
+    int save_every = 0;    /* write OUT every that many steps; 0: only at the end */
+    GroupRates rates;
     int steps = 2000;
     int batch = 8; /* pairs per step: 2 x batch sequences */
     float lr = 1e-3f;
@@ -64,8 +85,9 @@ struct TrainOptions {
     int threads = 1;
 };
 
-/* Parses "CORPUS OUT STEPS BATCH LR HEADS LAYERS [--bpe PATH] [--threads N]" (options in any
-** order, before or after the positional arguments). Returns 0, or 2 after printing one
+/* Parses "CORPUS OUT STEPS BATCH LR HEADS LAYERS [--bpe PATH] [--threads N] [--init WEIGHTS]
+** [--steps-done K] [--save-every N] [--rates NORM,EMBEDDING,MATRIX]" (options in any order,
+** before or after the positional arguments). Returns 0, or 2 after printing one
 ** "trainer: ..." line (usage errors and the shapes the engine cannot load). */
 int parse_trainer_args(int argc, char **argv, TrainOptions *opts);
 
@@ -77,7 +99,11 @@ int run_trainer(const TrainOptions &opts, FILE *progress);
 std::string loss_path_for(const std::string &out);
 
 /* The multiplier of the scheduled learning rate for one tensor (a tensor number of model.h). */
-float lr_multiplier(int tensor);
+float lr_multiplier(int tensor, const GroupRates &rates = GroupRates());
+
+/* Checks that path holds a complete weights file of the shape the engine loads. Returns true
+** with its version (1 to 3) in version, or false with a one-line reason in err. */
+bool check_weights_file(const std::string &path, uint32_t *version, std::string *err);
 
 /* Token ids as the engine makes them: 257, at most 254 bytes, 258 without a tokenizer; the
 ** tokenizer's own encoding (merged whole, then cut to 256 ids) with one. */
@@ -99,8 +125,14 @@ public:
     /* Embeds texts with the current weights through the training forward pass (count x 512). */
     void embed(const std::vector<std::string> &texts, std::vector<float> &z);
 
-    /* Learning rate of step k (1-based). */
+    /* Learning rate of step k (1-based) of the whole schedule. */
     float lr_at(int k) const;
+
+    /* Continue after the first done steps of the schedule (Adam's moments start afresh). */
+    void set_steps_done(int done) { done_ = done; }
+    void set_group_rates(const GroupRates &rates) { rates_ = rates; }
+    /* The rate the next step will use. */
+    float next_lr() const;
 
     /* Writes the current weights into enc (same vocabulary as the one given at construction). */
     void store(TrnEncoder *enc) const;
@@ -125,7 +157,9 @@ private:
     const TrnBpe *bpe_;
     int batch_, steps_, threads_;
     float peak_lr_;
-    int step_ = 0;
+    int step_ = 0; /* steps of this run; done_ + step_ is the step of the schedule */
+    int done_ = 0;
+    GroupRates rates_;
     uint64_t tokens_ = 0;
     double grad_norm_ = 0;
     std::vector<float> params_, adam_m_, adam_v_;

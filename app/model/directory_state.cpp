@@ -5,6 +5,7 @@
 #include "directory_state.h"
 
 #include "background.h"
+#include "encoder_record.h"
 #include "json_coding.h"
 #include "results_model.h"
 #include "settings.h"
@@ -52,7 +53,7 @@ DirectoryState::DirectoryState(const DirectoryTab &tab, const QString &weightsPa
         }
     }
     m_engine = std::make_shared<TarnwickEngine>(m_directoryPath, weights);
-    m_openedWeights = weights;
+    m_weightsPath = weights;
     const TrnStats stats = m_engine->stats();
     m_statusText = stats.chunk_count >= 1 ? countsText(stats) : QStringLiteral("Not indexed");
     if (!m_engine->isOpen()) {
@@ -65,6 +66,11 @@ DirectoryState::DirectoryState(const DirectoryTab &tab, const QString &weightsPa
     loadSearchHistory();
     loadPinnedResults();
     m_resultsModel = new ResultsModel(this, this);
+    // An index built with another encoder (or before the encoder was recorded) cannot be
+    // searched by meaning with this one: build it again.
+    if (stats.chunk_count >= 1 && !EncoderRecord::matches(m_directoryPath, weights)) {
+        rebuildWith(weights);
+    }
 }
 
 DirectoryState::~DirectoryState() = default;
@@ -80,7 +86,7 @@ QString DirectoryState::failureText(const QString &engineLine)
 void DirectoryState::retryOpen(int attempt)
 {
     std::shared_ptr<TarnwickEngine> engine = m_engine;
-    const QString weights = m_openedWeights;
+    const QString weights = m_weightsPath;
     QPointer<DirectoryState> self(this);
     // Opening waits for the lock, so it runs off the main thread.
     QTimer::singleShot(kBusyRetryMs, this, [engine, weights, self, attempt] {
@@ -163,8 +169,10 @@ void DirectoryState::ingest(int chunkSize, int overlap)
     setIngestProgress(0, 0);
     setStatusText(QStringLiteral("Indexing..."));
     std::shared_ptr<TarnwickEngine> engine = m_engine;
+    const QString directory = m_directoryPath;
+    const QString weights = m_weightsPath;
     QPointer<DirectoryState> self(this);
-    runInBackground([engine, self, chunkSize, overlap] {
+    runInBackground([engine, self, chunkSize, overlap, directory, weights] {
         auto progress = [self](int done, int found) {
             runOnMainThread([self, done, found] {
                 if (self) {
@@ -175,6 +183,9 @@ void DirectoryState::ingest(int chunkSize, int overlap)
         const int n = engine->ingestDirectory(chunkSize, overlap, progress);
         // A failed walk is not committed: a rebuild would replace the index with part of it.
         const bool saved = n >= 0 && engine->checkpoint();
+        if (saved) {
+            EncoderRecord::write(directory, weights);
+        }
         const int status = engine->lastStatus();
         const QString error = engine->lastError();
         const TrnStats stats = engine->stats();
@@ -194,9 +205,16 @@ void DirectoryState::ingest(int chunkSize, int overlap)
 
 void DirectoryState::reindex()
 {
+    rebuildWith(effectiveWeightsPath());
+}
+
+void DirectoryState::rebuildWith(const QString &weightsPath)
+{
     const int chunkSize = m_settings->effectiveChunkSize();
     const int overlap = m_settings->effectiveOverlap();
-    m_engine->clearAndReopen(effectiveWeightsPath());
+    QFile::remove(EncoderRecord::path(m_directoryPath));
+    m_engine->clearAndReopen(weightsPath);
+    m_weightsPath = weightsPath;
     ingest(chunkSize, overlap);
 }
 

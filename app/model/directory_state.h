@@ -66,8 +66,9 @@ public:
     static constexpr int kBusyRetries = 30;
 
     // Opens the engine with the override profile's weights when that profile is trained, else
-    // with weightsPath (the default profile's weights; empty for none). settings NULL means
-    // Settings::standard().
+    // with weightsPath (the default profile's weights, or the built-in encoder; empty for the
+    // untrained one). An index that another encoder built is rebuilt at once (see
+    // encoder_record.h). settings NULL means Settings::standard().
     DirectoryState(const DirectoryTab &tab, const QString &weightsPath,
                    Settings *settings = nullptr, QObject *parent = nullptr);
     ~DirectoryState() override;
@@ -166,6 +167,8 @@ private:
     static QString failureText(const QString &engineLine);
     void setResults(const QList<SearchResult> &results);
     void setStatusText(const QString &text);
+    // Discards the index and indexes again with the given weights.
+    void rebuildWith(const QString &weightsPath);
     void setIsIngesting(bool value);
     void setIngestProgress(int done, int found);
     void setIsLoadingMore(bool value);
@@ -188,7 +191,7 @@ private:
     Settings *m_settings;
     QString m_directoryPath;
     std::shared_ptr<TarnwickEngine> m_engine;
-    QString m_openedWeights; // the weights the engine was opened with
+    QString m_weightsPath; // what m_engine was opened with; the index's record names it
     ResultsModel *m_resultsModel = nullptr;
 
     QList<SearchResult> m_results;

@@ -147,14 +147,21 @@ void TrainingManager::setDefaultProfileId(const QUuid &id)
 QString TrainingManager::defaultWeightsPath() const
 {
     const QUuid id = defaultProfileId();
-    if (id.isNull()) {
-        return QString();
-    }
-    const std::optional<TrainingProfile> p = profile(id);
+    const std::optional<TrainingProfile> p = id.isNull() ? std::nullopt : profile(id);
     if (!p || p->status != TrainingStatus::Trained) {
-        return QString();
+        return builtInWeightsPath();
     }
     return p->weightsPath;
+}
+
+QString TrainingManager::builtInWeightsPath() const
+{
+    if (m_trainerDirectory.isEmpty()) {
+        // share/tarnwick once installed, beside the program in the build tree.
+        return supportFilePath(QLatin1String(kBuiltInFileName));
+    }
+    const QString path = m_trainerDirectory + QLatin1Char('/') + QLatin1String(kBuiltInFileName);
+    return QFileInfo(path).isFile() ? path : QString();
 }
 
 QString TrainingManager::weightsDirectory()
@@ -246,7 +253,8 @@ QString TrainingManager::corpusPath(const TrainingProfile &profile)
 }
 
 QStringList TrainingManager::trainerArguments(const TrainingProfile &profile,
-                                              const QString &corpusPath, const QString &bpePath)
+                                              const QString &corpusPath, const QString &bpePath,
+                                              const QString &initPath)
 {
     QStringList args = {corpusPath,
                         profile.weightsPath,
@@ -260,6 +268,9 @@ QStringList TrainingManager::trainerArguments(const TrainingProfile &profile,
     }
     if (profile.threads >= 2) {
         args << QStringLiteral("--threads") << QString::number(profile.threads);
+    }
+    if (!initPath.isEmpty()) {
+        args << QStringLiteral("--init") << initPath;
     }
     return args;
 }
@@ -373,8 +384,10 @@ void TrainingManager::train(const TrainingProfile &profile)
     setTrainingProgress(QStringLiteral("Preparing corpus\u2026"));
     setProfileStatus(profile.id, TrainingStatus::Training, false);
 
+    // Starting from the built-in encoder keeps its tokenizer: no tokenizer is trained then.
+    const QString initPath = profile.startFromBuiltIn ? builtInWeightsPath() : QString();
     QPointer<TrainingManager> self(this);
-    runInBackground([self, profile, dir, run] {
+    runInBackground([self, profile, dir, run, initPath] {
         const QString corpus = corpusPath(profile);
         const qint64 bytes = prepareCorpus(profile.sourceDirectories, corpus);
         if (bytes < kMinimumCorpusBytes) {
@@ -389,7 +402,7 @@ void TrainingManager::train(const TrainingProfile &profile)
             return;
         }
         QString bpePath;
-        if (profile.useBPE) {
+        if (profile.useBPE && initPath.isEmpty()) {
             const QString bpeTrainer = dir + QStringLiteral("/train_bpe");
             if (!isExecutableFile(bpeTrainer)) {
                 runOnMainThread([self, run, profile] {
@@ -436,9 +449,9 @@ void TrainingManager::train(const TrainingProfile &profile)
                 }
             });
         }
-        runOnMainThread([self, run, profile, corpus, bpePath] {
+        runOnMainThread([self, run, profile, corpus, bpePath, initPath] {
             if (self) {
-                self->launchTrainer(run, profile, corpus, bpePath);
+                self->launchTrainer(run, profile, corpus, bpePath, initPath);
             }
         });
     });
@@ -455,7 +468,8 @@ void TrainingManager::failRun(quint64 run, const QUuid &profileId, const QString
 }
 
 void TrainingManager::launchTrainer(quint64 run, const TrainingProfile &profile,
-                                    const QString &corpus, const QString &bpePath)
+                                    const QString &corpus, const QString &bpePath,
+                                    const QString &initPath)
 {
     if (run == m_currentRun && m_cancelRequested) {
         // Cancelled while the corpus or tokenizer was prepared: the trainer never starts.
@@ -466,7 +480,7 @@ void TrainingManager::launchTrainer(quint64 run, const TrainingProfile &profile,
     auto *process = new QProcess(this);
     process->setProcessChannelMode(QProcess::MergedChannels);
     process->setProgram(trainerDirectory() + QStringLiteral("/trainer"));
-    process->setArguments(trainerArguments(profile, corpus, bpePath));
+    process->setArguments(trainerArguments(profile, corpus, bpePath, initPath));
 
     // Output after the last newline, kept until the rest of the line arrives.
     auto pending = std::make_shared<QByteArray>();

@@ -7,14 +7,18 @@
 ** manager on the main thread:
 **
 **   trainer <corpus> <P> <steps> <batch> <learning rate> <heads> <layers>
-**           [--bpe <P.bpe>] [--threads <n>, only for n >= 2]
+**           [--bpe <P.bpe>] [--threads <n>, only for n >= 2] [--init <built-in weights>]
+**
+** A profile that starts from the built-in encoder (startFromBuiltIn, when builtInWeightsPath()
+** finds one) passes it with --init and trains no tokenizer: the run keeps the built-in one.
 **
 ** where P is the profile's weightsPath. Its merged output is read line by line; lines that begin
 ** with "step " become trainingProgress. Exit 0 with a file at P marks the profile trained.
 ** Every failure marks it failed and leaves a one-line message in trainingProgress.
 **
 ** Both trainers are looked up in trainerDirectory(), by default the directory of the
-** application executable, or libexec/tarnwick beside it once installed (support_files.h).
+** application executable, or libexec/tarnwick beside it once installed (support_files.h); the
+** built-in encoder "default.tten" is found by builtInWeightsPath() the same way.
 */
 #ifndef TRN_APP_TRAINING_MANAGER_H
 #define TRN_APP_TRAINING_MANAGER_H
@@ -46,6 +50,7 @@ class TrainingManager : public QObject
 public:
     static constexpr int kBpeMerges = 7740;
     static constexpr qint64 kMinimumCorpusBytes = 101;
+    static constexpr const char *kBuiltInFileName = "default.tten";
 
     // The process-wide manager over Settings::standard(), created on first use (main thread).
     static TrainingManager *shared();
@@ -64,8 +69,12 @@ public:
 
     QUuid defaultProfileId() const;
     void setDefaultProfileId(const QUuid &id);
-    // The default profile's weightsPath when it exists and is trained; else empty.
+    // The default profile's weightsPath when it exists and is trained; else the built-in encoder
+    // (builtInWeightsPath(), empty when there is none: the untrained encoder).
     QString defaultWeightsPath() const;
+    // The encoder that ships with the application: kBuiltInFileName in trainerDirectory() when
+    // that file exists; else empty.
+    QString builtInWeightsPath() const;
 
     // Creates a profile from the panel's values (name, sourceDirectories and the parameters of
     // draft; its id, weightsPath, status and lastTrained are ignored): a new id, the weights at
@@ -97,9 +106,11 @@ public:
     static QString weightsDirectory();
     // "<temp>/tarnwick_corpus_<UUID>.txt".
     static QString corpusPath(const TrainingProfile &profile);
-    // The encoder trainer's arguments; bpePath empty when no tokenizer was trained in this run.
+    // The encoder trainer's arguments; bpePath empty when no tokenizer was trained in this run,
+    // initPath empty when the run starts from random weights.
     static QStringList trainerArguments(const TrainingProfile &profile, const QString &corpusPath,
-                                        const QString &bpePath);
+                                        const QString &bpePath,
+                                        const QString &initPath = QString());
     // Writes the text of every indexable file below dirs (PDF through poppler) to outputPath,
     // each followed by "\n\n"; returns the bytes of text written (separators not counted), or
     // -1 when outputPath cannot be written.
@@ -126,7 +137,7 @@ private:
     void setProfileStatus(const QUuid &id, TrainingStatus status, bool stampDate);
     void failRun(quint64 run, const QUuid &profileId, const QString &message);
     void launchTrainer(quint64 run, const TrainingProfile &profile, const QString &corpus,
-                       const QString &bpePath);
+                       const QString &bpePath, const QString &initPath);
     void trainerFinished(quint64 run, QProcess *process, const TrainingProfile &profile,
                          int exitCode, QProcess::ExitStatus exitStatus);
     void showStepLine(quint64 run, const QByteArray &line);

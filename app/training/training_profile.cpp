@@ -76,6 +76,7 @@ QJsonObject TrainingProfile::toJson() const
     object.insert(QStringLiteral("layers"), layers);
     object.insert(QStringLiteral("threads"), threads);
     object.insert(QStringLiteral("useBPE"), useBPE);
+    object.insert(QStringLiteral("startFromBuiltIn"), startFromBuiltIn);
     object.insert(QStringLiteral("weightsPath"), weightsPath);
     object.insert(QStringLiteral("status"), trainingStatusText(status));
     if (lastTrained) {
@@ -146,6 +147,15 @@ std::optional<TrainingProfile> TrainingProfile::fromJson(const QJsonObject &obje
         p.useBPE = false;
     } else if (useBPE.isBool()) {
         p.useBPE = useBPE.toBool();
+    } else {
+        return std::nullopt;
+    }
+    // Profiles saved before the choice existed trained from random weights, and keep doing so.
+    const QJsonValue fromBuiltIn = object.value(QStringLiteral("startFromBuiltIn"));
+    if (fromBuiltIn.isUndefined() || fromBuiltIn.isNull()) {
+        p.startFromBuiltIn = false;
+    } else if (fromBuiltIn.isBool()) {
+        p.startFromBuiltIn = fromBuiltIn.toBool();
     } else {
         return std::nullopt;
     }

@@ -91,6 +91,12 @@ ProfileDialog::ProfileDialog(const std::optional<TrainingProfile> &profile, QWid
     m_useBpe->setObjectName(QStringLiteral("profileUseBPE"));
     m_useBpe->setChecked(values.useBPE);
     form->addRow(QString(), m_useBpe);
+    m_startFromBuiltIn = new QCheckBox(tr("Start from the built-in encoder"), this);
+    m_startFromBuiltIn->setObjectName(QStringLiteral("profileStartFromBuiltIn"));
+    m_startFromBuiltIn->setToolTip(
+        tr("Train on from the encoder that ships with Tarnwick, with its own tokenizer"));
+    m_startFromBuiltIn->setChecked(values.startFromBuiltIn);
+    form->addRow(QString(), m_startFromBuiltIn);
     layout->addLayout(form);
 
     auto *dirsLabel = new QLabel(tr("Source Directories:"), this);
@@ -192,5 +198,6 @@ TrainingProfile ProfileDialog::profile() const
     result.layers = choiceValue(m_layers);
     result.threads = choiceValue(m_threads);
     result.useBPE = m_useBpe->isChecked();
+    result.startFromBuiltIn = m_startFromBuiltIn->isChecked();
     return result;
 }

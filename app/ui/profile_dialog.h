@@ -61,6 +61,7 @@ private:
     QComboBox *m_layers;
     QComboBox *m_threads;
     QCheckBox *m_useBpe;
+    QCheckBox *m_startFromBuiltIn;
     QListWidget *m_directories;
     QPushButton *m_remove;
     QPushButton *m_accept;

@@ -162,8 +162,12 @@ void StatusBarView::syncBranch()
 void StatusBarView::syncEncoders()
 {
     m_encoder->clear();
-    m_encoder->addItem(tr("Default"), QUuid().toString());
-    for (const TrainingProfile &profile : TrainingManager::shared()->trainedProfiles()) {
+    // With no trained default profile, the default is the encoder that ships with the program.
+    TrainingManager *manager = TrainingManager::shared();
+    const QString defaults = manager->defaultWeightsPath();
+    const bool builtIn = !defaults.isEmpty() && defaults == manager->builtInWeightsPath();
+    m_encoder->addItem(builtIn ? tr("Built-in") : tr("Default"), QUuid().toString());
+    for (const TrainingProfile &profile : manager->trainedProfiles()) {
         m_encoder->addItem(profile.name, profile.id.toString());
     }
     int current = 0;

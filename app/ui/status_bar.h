@@ -1,7 +1,8 @@
 /*
 ** status_bar.h -- the main window's status bar for the active tab: its status text, indexing
-** progress (files done of files found), git branch, the encoder picker ("Default", then every
-** trained profile) and the "Re-index directory" button.
+** progress (files done of files found), git branch, the encoder picker ("Default", or "Built-in"
+** when no trained profile is the default and the built-in encoder is there, then every trained
+** profile) and the "Re-index directory" button.
 */
 #ifndef TRN_UI_STATUS_BAR_H
 #define TRN_UI_STATUS_BAR_H

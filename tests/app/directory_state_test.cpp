@@ -4,6 +4,7 @@
 */
 #include "directory_state.h"
 
+#include "encoder_record.h"
 #include "json_coding.h"
 #include "results_model.h"
 #include "test_support.h"
@@ -38,6 +39,7 @@ private slots:
     void encoderOverrideFallsBackToDefault();
     void choosingDefaultRemovesTheOverrideKey();
     void statusTextReportsCountsAfterIndexing();
+    void indexOfAnotherEncoderIsRebuiltWhenOpened();
     void closedTabDropsLateResults();
     void busyIndexIsShownAndOpenedOnceFree();
     void gitBranch_data();
@@ -45,7 +47,7 @@ private slots:
     void resultsModelFollowsDisplayResults();
 
 private:
-    DirectoryState *openState(const QString &path);
+    DirectoryState *openState(const QString &path, const QString &weights = QString());
     bool waitForIngest(DirectoryState *state);
     bool waitForSearch(DirectoryState *state);
 
@@ -75,10 +77,10 @@ void TestDirectoryState::cleanup()
     m_dir.reset();
 }
 
-DirectoryState *TestDirectoryState::openState(const QString &path)
+DirectoryState *TestDirectoryState::openState(const QString &path, const QString &weights)
 {
     DirectoryTab tab{QUuid::createUuid(), path, QFileInfo(path).fileName()};
-    auto *state = new DirectoryState(tab, QString(), m_env->settings());
+    auto *state = new DirectoryState(tab, weights, m_env->settings());
     m_states.append(state);
     return state;
 }
@@ -353,6 +355,51 @@ void TestDirectoryState::choosingDefaultRemovesTheOverrideKey()
              std::optional<QString>(JsonCoding::uuidText(someId)));
     QVERIFY(waitForIngest(state));
     m_env->settings()->remove(QStringLiteral("chunkSize"));
+}
+
+void TestDirectoryState::indexOfAnotherEncoderIsRebuiltWhenOpened()
+{
+    writeFile(m_dir->path(), QStringLiteral("a.txt"), "rivers run to the sea\n");
+    writeFile(m_dir->path(), QStringLiteral("b.md"), "# bread\nyeast makes dough rise\n");
+    QTemporaryDir weightsDir;
+    const QString other = weightsDir.filePath(QStringLiteral("other.tten"));
+    TrnEncoder encoder;
+    trn_encoder_init(&encoder, 7); // not the engine's seed-42 encoder
+    QCOMPARE(trn_encoder_save_weights(&encoder, QFile::encodeName(other).constData()), 1);
+    trn_encoder_free(&encoder);
+    const QString record = EncoderRecord::path(m_dir->path());
+    auto reopen = [this](const QString &weights) {
+        qDeleteAll(m_states);
+        m_states.clear();
+        QThreadPool::globalInstance()->waitForDone();
+        return openState(m_dir->path(), weights);
+    };
+
+    DirectoryState *first = openState(m_dir->path());
+    first->ingest(800, 200);
+    QVERIFY(waitForIngest(first));
+    QVERIFY(EncoderRecord::matches(m_dir->path(), QString()));
+
+    // the encoder that built it: the index is used as it is
+    DirectoryState *same = reopen(QString());
+    QVERIFY(!same->isIngesting());
+    QCOMPARE(same->statusText(), QStringLiteral("2 chunks from 2 files"));
+
+    // another encoder: rebuilt at once, then recorded
+    DirectoryState *changed = reopen(other);
+    QVERIFY(changed->isIngesting());
+    QVERIFY(waitForIngest(changed));
+    QCOMPARE(changed->statusText(), QStringLiteral("2 chunks from 2 files"));
+    QVERIFY(EncoderRecord::matches(m_dir->path(), other));
+    QVERIFY(!EncoderRecord::matches(m_dir->path(), QString()));
+    QVERIFY(!reopen(other)->isIngesting());
+
+    // an index without a record (built before encoders were recorded) is rebuilt as well
+    QVERIFY(QFile::remove(record));
+    DirectoryState *unrecorded = reopen(other);
+    QVERIFY(unrecorded->isIngesting());
+    QVERIFY(waitForIngest(unrecorded));
+    QVERIFY(QFileInfo::exists(record));
 }
 
 void TestDirectoryState::statusTextReportsCountsAfterIndexing()

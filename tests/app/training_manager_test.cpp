@@ -151,19 +151,31 @@ void TestTrainingManager::commandLine_data()
 {
     QTest::addColumn<int>("threads");
     QTest::addColumn<bool>("useBPE");
-    QTest::newRow("one thread") << 1 << false;
-    QTest::newRow("four threads") << 4 << false;
-    QTest::newRow("tokenizer, one thread") << 1 << true;
-    QTest::newRow("tokenizer, two threads") << 2 << true;
+    QTest::addColumn<bool>("shipped");     // a built-in encoder lies beside the trainers
+    QTest::addColumn<bool>("fromBuiltIn"); // the profile starts from it
+    QTest::newRow("one thread") << 1 << false << false << true;
+    QTest::newRow("four threads") << 4 << false << true << false;
+    QTest::newRow("tokenizer, one thread") << 1 << true << false << true;
+    QTest::newRow("tokenizer, two threads") << 2 << true << true << false;
+    QTest::newRow("from the built-in") << 1 << false << true << true;
+    QTest::newRow("from the built-in, its tokenizer") << 2 << true << true << true;
 }
 
 void TestTrainingManager::commandLine()
 {
     QFETCH(int, threads);
     QFETCH(bool, useBPE);
+    QFETCH(bool, shipped);
+    QFETCH(bool, fromBuiltIn);
+    const QString builtIn = m_bin + QStringLiteral("/default.tten");
+    if (shipped) {
+        writeFile(m_bin, QStringLiteral("default.tten"), "TTEN");
+    }
+    QCOMPARE(m_manager->builtInWeightsPath(), shipped ? builtIn : QString());
     TrainingProfile profile = makeProfile(500);
     profile.threads = threads;
     profile.useBPE = useBPE;
+    profile.startFromBuiltIn = fromBuiltIn;
     profile.steps = 1000;
     profile.batchSize = 4;
     profile.learningRate = 0.001f;
@@ -175,13 +187,20 @@ void TestTrainingManager::commandLine()
 
     const QString corpus = TrainingManager::corpusPath(profile);
     QStringList expected = {corpus, profile.weightsPath, "1000", "4", "0.001", "16", "12"};
-    if (useBPE) {
+    const bool init = shipped && fromBuiltIn;
+    if (useBPE && !init) {
         expected << "--bpe" << profile.bpePath();
         QCOMPARE(recordedArgs(QStringLiteral("train_bpe.args")),
                  QStringList({corpus, profile.bpePath(), "7740"}));
+    } else {
+        // the built-in encoder brings its tokenizer: none is trained
+        QVERIFY(!QFileInfo::exists(m_work->filePath(QStringLiteral("train_bpe.args"))));
     }
     if (threads >= 2) {
         expected << "--threads" << QString::number(threads);
+    }
+    if (init) {
+        expected << "--init" << builtIn;
     }
     QCOMPARE(recordedArgs(QStringLiteral("trainer.args")), expected);
     QVERIFY(corpus.endsWith(QStringLiteral(".txt")));

@@ -11,6 +11,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSignalSpy>
+#include <QTemporaryDir>
 #include <QtTest>
 
 class TestTrainingProfile : public QObject
@@ -95,6 +96,7 @@ static TrainingProfile sampleProfile()
     p.layers = 6;
     p.threads = 4;
     p.useBPE = true;
+    p.startFromBuiltIn = false; // not the default, so a lost key shows
     p.weightsPath = QStringLiteral("/home/u/.tarnwick/weights/mixed.tten");
     p.status = TrainingStatus::Trained;
     p.lastTrained = QDateTime::fromMSecsSinceEpoch(1700000000123, QTimeZone::utc());
@@ -117,6 +119,7 @@ void TestTrainingProfile::jsonRoundTrip()
                           "learningRate",
                           "name",
                           "sourceDirectories",
+                          "startFromBuiltIn",
                           "status",
                           "steps",
                           "threads",
@@ -138,7 +141,8 @@ void TestTrainingProfile::jsonRoundTrip()
 
 void TestTrainingProfile::missingOptionalKeysDecodeWithDefaults()
 {
-    // A profile stored before threads, useBPE and lastTrained existed.
+    // A profile stored before threads, useBPE, startFromBuiltIn and lastTrained existed: it
+    // trained from random weights and goes on doing so.
     const QByteArray old = "[{\"id\":\"E621E1F8-C36C-495A-93FC-0C247A3E6E5F\",\"name\":\"Old\","
                            "\"sourceDirectories\":[\"/docs\"],\"steps\":2000,\"batchSize\":8,"
                            "\"learningRate\":0.001,\"heads\":8,\"layers\":2,"
@@ -148,6 +152,7 @@ void TestTrainingProfile::missingOptionalKeysDecodeWithDefaults()
     const TrainingProfile p = list->first();
     QCOMPARE(p.threads, 1);
     QCOMPARE(p.useBPE, false);
+    QCOMPARE(p.startFromBuiltIn, false);
     QCOMPARE(p.lastTrained, std::nullopt);
     QCOMPARE(p.status, TrainingStatus::Training);
     QCOMPARE(p.learningRate, 0.001f);
@@ -231,6 +236,15 @@ void TestTrainingProfile::defaultWeightsNeedATrainedDefault()
     QCOMPARE(m_manager->defaultWeightsPath(), QString());
     m_env->settings()->setDefaultTrainingProfile(QStringLiteral("garbage"));
     QVERIFY(m_manager->defaultProfileId().isNull());
+
+    // Without a trained default, tabs get the encoder that ships beside the trainers.
+    QTemporaryDir bin;
+    m_manager->setTrainerDirectory(bin.path());
+    QCOMPARE(m_manager->defaultWeightsPath(), QString());
+    writeFile(bin.path(), QStringLiteral("default.tten"), "TTEN");
+    QCOMPARE(m_manager->defaultWeightsPath(), bin.filePath(QStringLiteral("default.tten")));
+    m_manager->setDefaultProfileId(p.id);
+    QCOMPARE(m_manager->defaultWeightsPath(), p.weightsPath);
 
     // Updating an unknown id changes nothing.
     TrainingProfile stranger = p;

@@ -59,9 +59,11 @@ void TestTrainingRun::trainedProfileSuppliesTheWeightsOfATab()
     draft.steps = 3;
     draft.batchSize = 2;
     draft.useBPE = true;
+    draft.startFromBuiltIn = false;
     const TrainingProfile profile = manager->createProfile(draft);
     QCOMPARE(manager->defaultProfileId(), profile.id);
-    QCOMPARE(manager->defaultWeightsPath(), QString());
+    // untrained, the default profile leaves the tabs with the built-in encoder, if one is built
+    QCOMPARE(manager->defaultWeightsPath(), manager->builtInWeightsPath());
 
     QStringList progress;
     connect(manager, &TrainingManager::trainingProgressChanged, this, [manager, &progress] {

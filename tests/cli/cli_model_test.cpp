@@ -140,7 +140,10 @@ TEST_F(ModelCorpus, IndexHoldsWhatTheApplicationsWalkStoresAndSearchesAlike)
 {
     RunResult r = cli({"index", dir.path()});
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_NE(r.err.find("tarnwick: encoder: built-in random encoder"), std::string::npos) << r.err;
+    const std::string built_in = std::string(TRN_BIN_DIR) + "/default.tten";
+    const std::string encoder =
+        fs::exists(built_in) ? "built-in encoder (" + built_in + ")" : "untrained encoder (";
+    EXPECT_NE(r.err.find("tarnwick: encoder: " + encoder), std::string::npos) << r.err;
     const std::vector<StoredChunk> by_cli = stored_chunks(dir.path());
 
     // The files the application indexes: the PDF through poppler, HTML, Markdown, source, the
@@ -452,7 +455,11 @@ TEST_F(CliTrain, ProfilesAreCreatedListedAndMadeDefaultInTheApplicationsSettings
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out,
               "\"Second\" is the default profile\nit is not trained yet; until it is, "
-              "directories use the random encoder\n");
+              "directories use the "
+                  + std::string(fs::exists(std::string(TRN_BIN_DIR) + "/default.tten")
+                                    ? "built-in"
+                                    : "untrained")
+                  + " encoder\n");
     EXPECT_EQ(open_settings(home.path())->defaultTrainingProfile().value_or(QString()),
               QString::fromStdString(list[1]["id"].text));
     ASSERT_EQ(cli({"train", "default", list[0]["id"].text}).status, 0);

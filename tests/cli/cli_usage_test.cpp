@@ -179,22 +179,35 @@ double sum_of_squares(const std::vector<float> &v)
     return s;
 }
 
-TEST(CliEmbed, PrintsTheRandomEncodersUnitVectorExactly)
+TEST(CliEmbed, PrintsTheEncodersUnitVectorExactly)
 {
     TempDir dir;
-    std::vector<float> a = embed({"embed", "the lighthouse keeper"}, dir.path());
-    ASSERT_EQ(a.size(), 512u);
-    EXPECT_NEAR(sum_of_squares(a), 1.0, 1e-4);
-    // The same vector the engine's seed-42 encoder computes, bit for bit: the printed numbers
-    // read back as the same floats.
-    TrnEncoder enc{};
-    trn_encoder_init(&enc, 42);
-    float expected[512];
-    trn_encoder_embed_text(&enc, "the lighthouse keeper", expected);
-    trn_encoder_free(&enc);
-    for (size_t i = 0; i < 512; i++) {
-        ASSERT_EQ(a[i], expected[i]) << "element " << i;
+    // Without --weights the built-in encoder beside the program, when the build put one there;
+    // --weights none is the engine's seed-42 encoder.
+    const std::string built_in = std::string(TRN_BIN_DIR) + "/default.tten";
+    for (bool untrained : {true, false}) {
+        std::vector<std::string> args = {"embed", "the lighthouse keeper"};
+        if (untrained) {
+            args.insert(args.begin() + 1, {"--weights", "none"});
+        }
+        std::vector<float> a = embed(args, dir.path());
+        ASSERT_EQ(a.size(), 512u);
+        EXPECT_NEAR(sum_of_squares(a), 1.0, 1e-4);
+        // The same vector the engine computes, bit for bit: the printed numbers read back as
+        // the same floats.
+        TrnEncoder enc{};
+        trn_encoder_init(&enc, 42);
+        if (!untrained && fs::exists(built_in)) {
+            ASSERT_EQ(trn_encoder_load_weights(&enc, built_in.c_str()), 1);
+        }
+        float expected[512];
+        trn_encoder_embed_text(&enc, "the lighthouse keeper", expected);
+        trn_encoder_free(&enc);
+        for (size_t i = 0; i < 512; i++) {
+            ASSERT_EQ(a[i], expected[i]) << "element " << i;
+        }
     }
+    std::vector<float> a = embed({"embed", "the lighthouse keeper"}, dir.path());
     std::vector<float> b = embed({"embed", "a recipe for rye bread"}, dir.path());
     EXPECT_NE(a, b);
 }

@@ -384,32 +384,193 @@ TEST_F(TrainerCli, WithATokenizerTheWeightsAreVersion3InEitherOptionOrder)
     EXPECT_EQ(a.out.substr(0, a.out.find(" tok/s")), b.out.substr(0, b.out.find(" tok/s")));
 }
 
-TEST_F(TrainerCli, TerminatedRunLeavesNoWeightsFile)
+TEST_F(TrainerCli, TerminatedRunLeavesOnlyItsLastSave)
 {
     write_file("corpus.txt", corpus_text(4000));
-    std::string prog = BIN + "/trainer";
-    std::vector<std::string> all{
-        prog, path("corpus.txt"), path("w.tten"), "100000", "2", "0.001", "8", "2"};
-    std::vector<char *> argv;
-    for (std::string &s : all) {
-        argv.push_back(s.data());
+    for (bool saving : {false, true}) {
+        unlink(path("w.loss").c_str());
+        std::string prog = BIN + "/trainer";
+        std::vector<std::string> all{
+            prog, path("corpus.txt"), path("w.tten"), "100000", "2", "0.001", "8", "2"};
+        if (saving) {
+            all.insert(all.end(), {"--save-every", "3"});
+        }
+        std::vector<char *> argv;
+        for (std::string &s : all) {
+            argv.push_back(s.data());
+        }
+        argv.push_back(nullptr);
+        posix_spawn_file_actions_t fa;
+        posix_spawn_file_actions_init(&fa);
+        posix_spawn_file_actions_addopen(&fa, 1, "/dev/null", O_WRONLY, 0);
+        pid_t pid;
+        ASSERT_EQ(posix_spawn(&pid, prog.c_str(), &fa, nullptr, argv.data(), environ), 0);
+        posix_spawn_file_actions_destroy(&fa);
+        // wait until training runs (the first record is in the loss log) and, when saving,
+        // until the first save is there
+        for (int i = 0; i < 1200
+                        && (slurp(path("w.loss")).find("\n1,") == std::string::npos
+                            || (saving && !exists(path("w.tten"))));
+             i++) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        kill(pid, SIGTERM);
+        int ws = 0;
+        waitpid(pid, &ws, 0);
+        EXPECT_FALSE(WIFEXITED(ws) && WEXITSTATUS(ws) == 0);
+        EXPECT_FALSE(exists(path("w.tten.tmp")));
+        if (!saving) {
+            EXPECT_FALSE(exists(path("w.tten")));
+            continue;
+        }
+        // the last save holds the steps it had done; a second sitting continues from there
+        TrnEncoder enc;
+        trn_encoder_init(&enc, 42);
+        TrnWeightsMeta meta{};
+        ASSERT_EQ(trn_encoder_load_weights_meta(&enc, path("w.tten").c_str(), &meta), 1);
+        trn_encoder_free(&enc);
+        EXPECT_EQ(meta.meta_u32_0 % 3, 0u);
+        EXPECT_GE(meta.meta_u32_0, 3u);
+        const std::string done = std::to_string(meta.meta_u32_0);
+        const std::string total = std::to_string(meta.meta_u32_0 + 2);
+        Result more = train(path("corpus.txt"),
+                            path("w.tten"),
+                            total,
+                            "2",
+                            "8",
+                            "2",
+                            {"--init", path("w.tten"), "--steps-done", done});
+        ASSERT_EQ(more.status, 0) << more.err;
+        EXPECT_EQ(more.out.rfind("step " + std::to_string(meta.meta_u32_0 + 1) + "/" + total, 0),
+                  0u)
+            << more.out;
+        // the log goes on: the first sitting's records up to its save, then the second's
+        const std::string log = slurp(path("w.loss"));
+        EXPECT_EQ(log.rfind("step,loss\n1,", 0), 0u) << log;
+        const std::string next = std::to_string(meta.meta_u32_0 + 1);
+        const std::string joint = "\n# initialised from " + path("w.tten") + "\n" + next + ",";
+        ASSERT_NE(log.find(joint), std::string::npos) << log;
+        // no record of the first sitting after its save is kept
+        EXPECT_EQ(log.find("\n" + next + ","), log.find(joint) + joint.size() - next.size() - 2)
+            << log;
     }
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_addopen(&fa, 1, "/dev/null", O_WRONLY, 0);
-    pid_t pid;
-    ASSERT_EQ(posix_spawn(&pid, prog.c_str(), &fa, nullptr, argv.data(), environ), 0);
-    posix_spawn_file_actions_destroy(&fa);
-    // wait until training runs: the first record is in the loss log
-    for (int i = 0; i < 200 && slurp(path("w.loss")).find("\n1,") == std::string::npos; i++) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+}
+
+namespace
+{
+
+// The tensors of a weights file: everything after its header, metadata and merges.
+std::string tensor_bytes(const std::string &path)
+{
+    std::string all = slurp(path);
+    uint32_t version = (uint8_t)all[4], vocab = 0;
+    memcpy(&vocab, &all[8], 4);
+    size_t head = version == 3 ? 64 + 8 * (size_t)(vocab - 260) : version == 2 ? 60 : 32;
+    return all.substr(head);
+}
+
+} // namespace
+
+TEST_F(TrainerCli, InitStartsFromTheWeightsFileAndKeepsItsTokenizer)
+{
+    write_file("corpus.txt", corpus_text(5000));
+    ASSERT_EQ(run("train_bpe", {path("corpus.txt"), path("tok.bpe"), "30"}).status, 0);
+    Result first =
+        train(path("corpus.txt"), path("a.tten"), "3", "2", "8", "2", {"--bpe", path("tok.bpe")});
+    ASSERT_EQ(first.status, 0) << first.err;
+
+    // with every group frozen, the step changes nothing: the output is the starting point
+    Result frozen = train(path("corpus.txt"),
+                          path("b.tten"),
+                          "1",
+                          "2",
+                          "8",
+                          "2",
+                          {"--init", path("a.tten"), "--rates", "0,0,0"});
+    ASSERT_EQ(frozen.status, 0) << frozen.err;
+    EXPECT_EQ(file_version(path("b.tten")), 3u);
+    EXPECT_TRUE(tensor_bytes(path("b.tten")) == tensor_bytes(path("a.tten")));
+
+    // the same tokenizer may be named again; the run trains on from the file
+    Result on = train(path("corpus.txt"),
+                      path("c.tten"),
+                      "3",
+                      "2",
+                      "8",
+                      "2",
+                      {"--init", path("a.tten"), "--bpe", path("tok.bpe")});
+    ASSERT_EQ(on.status, 0) << on.err;
+    EXPECT_NE(on.out.substr(0, on.out.find(" lr")), first.out.substr(0, first.out.find(" lr")));
+    EXPECT_EQ(
+        slurp(path("c.loss")).rfind("step,loss\n# initialised from " + path("a.tten") + "\n1,", 0),
+        0u);
+    TrnEncoder enc;
+    trn_encoder_init(&enc, 42);
+    TrnWeightsMeta meta{};
+    ASSERT_EQ(trn_encoder_load_weights_meta(&enc, path("c.tten").c_str(), &meta), 1);
+    ASSERT_NE(enc.bpe, nullptr);
+    EXPECT_EQ(enc.bpe->n_merges, 30u);
+    EXPECT_EQ(meta.meta_u32_1, 0x80000000u | 2u); // started from a file, batch 2
+    trn_encoder_free(&enc);
+    trn_encoder_init(&enc, 42);
+    ASSERT_EQ(trn_encoder_load_weights_meta(&enc, path("a.tten").c_str(), &meta), 1);
+    EXPECT_EQ(meta.meta_u32_1, 2u);
+    trn_encoder_free(&enc);
+}
+
+TEST_F(TrainerCli, InitRefusesFilesItCannotStartFrom)
+{
+    write_file("corpus.txt", corpus_text(5000));
+    ASSERT_EQ(run("train_bpe", {path("corpus.txt"), path("tok.bpe"), "30"}).status, 0);
+    ASSERT_EQ(run("train_bpe", {path("corpus.txt"), path("other.bpe"), "20"}).status, 0);
+    TrnEncoder enc;
+    trn_encoder_init_bpe(&enc, 42, trn_bpe_load(path("tok.bpe").c_str()));
+    ASSERT_EQ(trn_encoder_save_weights(&enc, path("v3.tten").c_str()), 1);
+    trn_encoder_free(&enc);
+    trn_encoder_init(&enc, 42);
+    TrnWeightsMeta meta{};
+    ASSERT_EQ(trn_encoder_save_weights_meta(&enc, path("v2.tten").c_str(), &meta), 1);
+    trn_encoder_free(&enc);
+    std::string wide = slurp(path("v2.tten"));
+    wide[16] = 0; // width 512 -> 256 (512 = 0x200: low byte 0, next byte 2 -> 1)
+    wide[17] = 1;
+    write_file("wide.tten", wide);
+    write_file("short.tten", slurp(path("v2.tten")).substr(0, 4000));
+    write_file("text.tten", corpus_text(3000));
+
+    struct Case {
+        const char *name;
+        std::vector<std::string> extra;
+        const char *says;
+    } cases[] = {
+        {"wrong width",
+         {"--init", path("wide.tten")},
+         "has the wrong shape (vocabulary 260, 256 positions, width 256"},
+        {"truncated", {"--init", path("short.tten")}, "is not a complete weights file (4000 bytes"},
+        {"not weights", {"--init", path("text.tten")}, "is not an encoder weights file"},
+        {"missing", {"--init", path("none.tten")}, "cannot open weights"},
+        {"other tokenizer",
+         {"--init", path("v3.tten"), "--bpe", path("other.bpe")},
+         "differs from the one in"},
+        {"tokenizer on bytes",
+         {"--init", path("v2.tten"), "--bpe", path("tok.bpe")},
+         "a byte-level encoder"},
+    };
+    for (const Case &c : cases) {
+        Result r = train(path("corpus.txt"), path("w.tten"), "2", "2", "8", "2", c.extra);
+        EXPECT_EQ(r.status, 1) << c.name;
+        expect_one_line(r.err, "trainer: ");
+        EXPECT_NE(r.err.find(c.says), std::string::npos) << c.name << ": " << r.err;
+        expect_no_output(path("w.tten"));
     }
-    EXPECT_TRUE(exists(path("w.tten.tmp")));
-    kill(pid, SIGTERM);
-    int ws = 0;
-    waitpid(pid, &ws, 0);
-    EXPECT_FALSE(WIFEXITED(ws) && WEXITSTATUS(ws) == 0);
-    EXPECT_FALSE(exists(path("w.tten")));
-    EXPECT_FALSE(exists(path("w.tten.tmp")));
+    // continuing needs a file to continue from, and steps left to run
+    for (const auto &extra :
+         std::vector<std::vector<std::string>>{{"--steps-done", "1"},
+                                               {"--init", path("v2.tten"), "--steps-done", "2"},
+                                               {"--rates", "1,0.1"}}) {
+        Result r = train(path("corpus.txt"), path("w.tten"), "2", "2", "8", "2", extra);
+        EXPECT_EQ(r.status, 2) << r.err;
+        expect_one_line(r.err, "trainer: ");
+        expect_no_output(path("w.tten"));
+    }
 }

@@ -188,6 +188,9 @@ private slots:
         choose(child<QComboBox>(dialog, "profileLayers"), QStringLiteral("6"));
         choose(child<QComboBox>(dialog, "profileThreads"), QStringLiteral("4"));
         child<QCheckBox>(dialog, "profileUseBPE")->click();
+        QCheckBox *fromBuiltIn = child<QCheckBox>(dialog, "profileStartFromBuiltIn");
+        QVERIFY(fromBuiltIn->isChecked()); // a new profile starts from the built-in encoder
+        fromBuiltIn->click();
         dialog->setDirectoryChooser([](QWidget *) {
             return QStringList{QStringLiteral("/srv/docs"), QStringLiteral("/srv/more")};
         });
@@ -209,6 +212,7 @@ private slots:
         QCOMPARE(p.layers, 6);
         QCOMPARE(p.threads, 4);
         QVERIFY(p.useBPE);
+        QVERIFY(!p.startFromBuiltIn);
         QCOMPARE(p.sourceDirectories, QStringList{QStringLiteral("/srv/docs")});
         QVERIFY(p.weightsPath.endsWith(QStringLiteral("/.tarnwick/weights/my_docs__v1_2.tten")));
         QCOMPARE(manager->defaultProfileId(), p.id); // the first profile is the default

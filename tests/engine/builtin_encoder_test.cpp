@@ -1,0 +1,61 @@
+// The encoder that ships in models/default.tten: it loads as a version 3 file with its tokenizer,
+// keeps within the repository's size limit, and embeds a known text to the vector recorded when
+// it was trained, so a changed file, tokenizer or forward pass shows here.
+#include "tarnwick.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <sys/stat.h>
+
+namespace
+{
+
+const char TEXT[] = "How do I roll back a transaction after an error?";
+
+// The first 16 components of TEXT's vector, and the sum over all 512 of v[i] * (i % 7 - 3).
+const float RECORDED[16] = {0.01247986f,
+                            0.02699486f,
+                            0.05573189f,
+                            -0.03520772f,
+                            -0.04573745f,
+                            -0.05613839f,
+                            0.04249547f,
+                            -0.00739110f,
+                            -0.06084937f,
+                            -0.01942365f,
+                            0.01430592f,
+                            -0.03620130f,
+                            0.05034757f,
+                            -0.04248454f,
+                            -0.05821459f,
+                            0.01755250f};
+const double RECORDED_PATTERN = 1.91265291;
+
+} // namespace
+
+TEST(BuiltInEncoder, LoadsAndEmbedsAKnownTextToTheRecordedVector)
+{
+    const std::string path = std::string(TRN_SOURCE_DIR) + "/models/default.tten";
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0) {
+        GTEST_SKIP() << "no built-in encoder at " << path;
+    }
+    EXPECT_LE(st.st_size, 45 * 1000 * 1000);
+    TrnEncoder enc;
+    trn_encoder_init(&enc, 42);
+    ASSERT_EQ(trn_encoder_load_weights(&enc, path.c_str()), 1);
+    ASSERT_NE(enc.bpe, nullptr);
+    EXPECT_EQ(enc.bpe->n_merges, 7740u);
+    float v[TRN_ENCODER_DIM];
+    trn_encoder_embed_text(&enc, TEXT, v);
+    trn_encoder_free(&enc);
+    double pattern = 0;
+    for (int i = 0; i < TRN_ENCODER_DIM; i++) {
+        pattern += (double)v[i] * (i % 7 - 3);
+    }
+    for (int i = 0; i < 16; i++) {
+        EXPECT_NEAR(v[i], RECORDED[i], 1e-5) << "component " << i;
+    }
+    EXPECT_NEAR(pattern, RECORDED_PATTERN, 1e-4);
+}
