@@ -20,6 +20,7 @@
 */
 #include "internal.h"
 
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <type_traits>
@@ -284,10 +285,25 @@ int32_t search_text(TrnEngine *e, const char *query, int32_t kk, TrnResult *resu
     return found;
 }
 
+// Compiles a regex-mode query, the one place that decides what such a query means; both
+// trn_search and trn_check_regex go through here. Returns true with re to be freed by regfree,
+// or false with the reason in message (when message is not NULL and size > 0).
+bool compile_regex(const char *pattern, regex_t *re, char *message, size_t size)
+{
+    int rc = regcomp(re, pattern, REG_EXTENDED | REG_ICASE);
+    if (rc == 0) {
+        return true;
+    }
+    if (message != nullptr && size > 0) {
+        regerror(rc, re, message, size);
+    }
+    return false;
+}
+
 int32_t search_regex(TrnEngine *e, const char *query, int32_t kk, TrnResult *results)
 {
     regex_t re;
-    if (regcomp(&re, query, REG_EXTENDED | REG_ICASE) != 0) {
+    if (!compile_regex(query, &re, nullptr, 0)) {
         return 0;
     }
     int32_t found = 0;
@@ -329,6 +345,22 @@ int32_t trn_search(TrnEngine *e, const char *query, int32_t mode, int32_t k, Trn
     default:
         return 0;
     }
+}
+
+int32_t trn_check_regex(const char *pattern, char *message, size_t size)
+{
+    if (pattern == nullptr) {
+        if (message != nullptr && size > 0) {
+            snprintf(message, size, "%s", "no pattern");
+        }
+        return 0;
+    }
+    regex_t re;
+    if (!compile_regex(pattern, &re, message, size)) {
+        return 0;
+    }
+    regfree(&re);
+    return 1;
 }
 
 } // extern "C"

@@ -258,8 +258,9 @@ typedef bool (*TrnProgressFn)(const char *path, int32_t done, int32_t total, voi
 /* Opens an engine on cfg->index_dir (which must exist; the engine never creates directories):
 ** loads the store file, replays the log, opens the log for appending and builds the document
 ** index. A missing or unreadable store or log is not an error. Prints "tarnwick: opened (N docs,
-** dim=D)" and, when weights_path is given, whether the weights loaded. Reseeds rand() with the
-** time. Never returns NULL; close with trn_close. */
+** dim=D)", "tarnwick: built doc index (N files)" and, when the weights loaded, "tarnwick: loaded
+** encoder weights from PATH" while trn_set_verbose is on; weights that do not load are reported
+** always. Reseeds rand() with the time. Never returns NULL; close with trn_close. */
 TRN_API TrnEngine *trn_open(const TrnConfig *cfg);
 
 /* Checkpoints, then frees everything. The index directory then holds a fresh store file and an
@@ -269,6 +270,11 @@ TRN_API void trn_close(TrnEngine *e);
 /* Writes the whole index to the store file and empties the log. Returns 1 on success or for an
 ** in-memory engine, 0 when the store file cannot be created (the log is then left untouched). */
 TRN_API int32_t trn_checkpoint(TrnEngine *e);
+
+/* Turns the engine's informational lines on standard error ("opened", "built doc index", "loaded
+** encoder weights") on (non-zero, the default) or off (0). Warnings and errors are printed either
+** way. Process-wide, for every handle; not synchronised, so set it before opening engines. */
+TRN_API void trn_set_verbose(int32_t on);
 
 /* Returns the static version string "1.23.0". */
 TRN_API const char *trn_version(void);
@@ -330,6 +336,12 @@ enum { TRN_SEARCH_SEMANTIC = 0, TRN_SEARCH_TEXT = 1, TRN_SEARCH_REGEX = 2 };
 ** Text and regex hits come in chunk order with scores 1, 1 - 1/k, ... */
 TRN_API int32_t trn_search(TrnEngine *e, const char *query, int32_t mode, int32_t k,
                            TrnResult *results);
+
+/* Checks that pattern compiles as trn_search compiles a TRN_SEARCH_REGEX query. Returns 1 when it
+** does (message untouched), else 0 and writes a one-line reason without a trailing newline to
+** message, cut to size - 1 bytes and NUL-terminated (nothing is written when message is NULL or
+** size is 0). A NULL pattern returns 0 with the reason "no pattern". */
+TRN_API int32_t trn_check_regex(const char *pattern, char *message, size_t size);
 
 #ifdef __cplusplus
 }
