@@ -7,6 +7,8 @@
 */
 #include "args.h"
 
+#include "tarnwick.h"
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +17,8 @@
 
 namespace
 {
+
+constexpr int32_t MAX_RESULTS = 64; // trn_search returns at most this many records
 
 const char USAGE[] =
     "usage: tarnwick-cli COMMAND [OPTIONS] ARGS\n"
@@ -48,6 +52,7 @@ const char USAGE[] =
     "                   application (the default profile's weights once trained, else the\n"
     "                   built-in random encoder)\n"
     "  --json           print JSON instead of text\n"
+    "  --verbose        show the engine's own messages (opening, loading weights)\n"
     "  -h, --help       print this help\n"
     "\n"
     "Exit status: 0 on success, 1 on failure, 2 for a usage error.\n";
@@ -171,6 +176,21 @@ void check_train(const Options &o, bool training_options)
     }
 }
 
+// An empty query would match everything in text and regex mode and nothing useful in the others;
+// a regex-mode query must compile exactly as the engine will compile it.
+void check_query(const std::string &query, int32_t mode)
+{
+    if (query.empty()) {
+        throw UsageError("the query is empty");
+    }
+    if (mode == TRN_SEARCH_REGEX) {
+        char reason[256];
+        if (!trn_check_regex(query.c_str(), reason, sizeof reason)) {
+            throw QueryError("invalid regular expression \"" + query + "\": " + reason);
+        }
+    }
+}
+
 bool is_help(const std::string &arg)
 {
     return arg == "-h" || arg == "--help";
@@ -243,7 +263,12 @@ Options parse_args(int argc, char **argv)
             return args[++i];
         };
 
-        if (name == "--json" && rule->json) {
+        if (name == "--verbose") {
+            if (has_value) {
+                throw UsageError("--verbose takes no value");
+            }
+            o.verbose = true;
+        } else if (name == "--json" && rule->json) {
             if (has_value) {
                 throw UsageError("--json takes no value");
             }
@@ -261,6 +286,11 @@ Options parse_args(int argc, char **argv)
             o.mode = parse_mode(take_value());
         } else if (name == "-k" && rule->search) {
             o.k = parse_int(name, take_value(), 1);
+            if (o.k > MAX_RESULTS) {
+                throw UsageError("-k is at most " + std::to_string(MAX_RESULTS)
+                                 + ", the most results one search returns, not "
+                                 + std::to_string(o.k));
+            }
         } else if (name == "--scope" && rule->scope) {
             o.scope = parse_scope(take_value());
         } else if (name == "--steps" && rule->training) {
@@ -301,6 +331,9 @@ Options parse_args(int argc, char **argv)
     }
     if (o.command == "train") {
         check_train(o, training_options);
+    }
+    if (rule->search) {
+        check_query(o.operands[1], o.mode);
     }
     return o;
 }

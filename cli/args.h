@@ -17,6 +17,14 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+// A query the engine cannot run (an invalid regular expression); exit status 2 like a usage
+// error, but its line stands alone, without the pointer to --help.
+class QueryError : public UsageError
+{
+public:
+    using UsageError::UsageError;
+};
+
 // Anything else that went wrong; main answers it with exit status 1.
 class Failure : public std::runtime_error
 {
@@ -37,6 +45,7 @@ struct Options {
     std::string scope = "top5"; // prompt: "pinned", "top5" or "all"
     bool json = false;
     bool help = false;
+    bool verbose = false; // the engine's informational lines on standard error
 
     // train add: the profile's parameters; absent ones keep a new profile's defaults.
     std::optional<int32_t> steps;
@@ -49,8 +58,9 @@ struct Options {
 };
 
 // Parses argv. Throws UsageError for an unknown command or option, a missing or malformed value,
-// or the wrong number of operands (for train: of its sub-command, "profiles", "add", "default" or
-// a profile's name). With --help anywhere before "--" only help is set.
+// -k above the engine's limit, an empty query, or the wrong number of operands (for train: of its
+// sub-command, "profiles", "add", "default" or a profile's name); QueryError for a regex-mode query
+// that does not compile. With --help anywhere before "--" only help is set.
 Options parse_args(int argc, char **argv);
 
 const char *usage_text();
