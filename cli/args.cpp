@@ -7,6 +7,8 @@
 */
 #include "args.h"
 
+#include "tarnwick.h"
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +17,8 @@
 
 namespace
 {
+
+constexpr int32_t MAX_RESULTS = 64; // trn_search returns at most this many records
 
 const char USAGE[] =
     "usage: tarnwick-cli COMMAND [OPTIONS] ARGS\n"
@@ -50,6 +54,7 @@ const char USAGE[] =
     "                   the directory's encoder in the application (the default profile's\n"
     "                   weights once trained, else the built-in encoder)\n"
     "  --json           print JSON instead of text\n"
+    "  --verbose        show the engine's own messages (opening, loading weights)\n"
     "  -h, --help       print this help\n"
     "  --version        print the version of the program and of its engine\n"
     "\n"
@@ -183,6 +188,21 @@ void check_train(const Options &o, bool training_options)
     }
 }
 
+// An empty query would match everything in text and regex mode and nothing useful in the others;
+// a regex-mode query must compile exactly as the engine will compile it.
+void check_query(const std::string &query, int32_t mode)
+{
+    if (query.empty()) {
+        throw UsageError("the query is empty");
+    }
+    if (mode == TRN_SEARCH_REGEX) {
+        char reason[256];
+        if (!trn_check_regex(query.c_str(), reason, sizeof reason)) {
+            throw QueryError("invalid regular expression \"" + query + "\": " + reason);
+        }
+    }
+}
+
 bool is_help(const std::string &arg)
 {
     return arg == "-h" || arg == "--help";
@@ -261,7 +281,12 @@ Options parse_args(int argc, char **argv)
             return args[++i];
         };
 
-        if (name == "--json" && rule->json) {
+        if (name == "--verbose") {
+            if (has_value) {
+                throw UsageError("--verbose takes no value");
+            }
+            o.verbose = true;
+        } else if (name == "--json" && rule->json) {
             if (has_value) {
                 throw UsageError("--json takes no value");
             }
@@ -279,6 +304,11 @@ Options parse_args(int argc, char **argv)
             o.mode = parse_mode(take_value());
         } else if (name == "-k" && rule->search) {
             o.k = parse_int(name, take_value(), 1);
+            if (o.k > MAX_RESULTS) {
+                throw UsageError("-k is at most " + std::to_string(MAX_RESULTS)
+                                 + ", the most results one search returns, not "
+                                 + std::to_string(o.k));
+            }
         } else if (name == "--scope" && rule->scope) {
             o.scope = parse_scope(take_value());
         } else if (name == "--steps" && rule->training) {
@@ -319,6 +349,9 @@ Options parse_args(int argc, char **argv)
     }
     if (o.command == "train") {
         check_train(o, training_options);
+    }
+    if (rule->search) {
+        check_query(o.operands[1], o.mode);
     }
     return o;
 }

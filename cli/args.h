@@ -19,6 +19,14 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+// A query the engine cannot run (an invalid regular expression); exit status 2 like a usage
+// error, but its line stands alone, without the pointer to --help.
+class QueryError : public UsageError
+{
+public:
+    using UsageError::UsageError;
+};
+
 // Anything else that went wrong; main answers it with exit status 1.
 class Failure : public std::runtime_error
 {
@@ -40,6 +48,7 @@ struct Options {
     bool json = false;
     bool help = false;
     bool version = false;
+    bool verbose = false; // the engine's informational lines on standard error
 
     // train add: the profile's parameters; absent ones keep a new profile's defaults.
     std::optional<int32_t> steps;
@@ -52,8 +61,9 @@ struct Options {
 };
 
 // Parses argv. Throws UsageError for an unknown command or option, a missing or malformed value,
-// or the wrong number of operands (for train: of its sub-command, "profiles", "add", "default" or
-// a profile's name). With --help anywhere before "--" only help is set; else with --version
+// -k above the engine's limit, an empty query, or the wrong number of operands (for train: of its
+// sub-command, "profiles", "add", "default" or a profile's name); QueryError for a regex-mode query
+// that does not compile. With --help anywhere before "--" only help is set; else with --version
 // only version.
 Options parse_args(int argc, char **argv);
 

@@ -8,6 +8,7 @@
 #include "common.h"
 #include "json.h"
 #include "model_commands.h"
+#include "progress.h"
 #include "tarnwick.h"
 
 #include <algorithm>
@@ -118,34 +119,19 @@ std::string file_key(const std::string &file)
 
 struct Progress {
     TrnEngine *engine;
-    bool show; // standard error is a terminal
+    ProgressLine line{"indexing"};
     int32_t files = 0;
-    Clock::time_point start = Clock::now();
-    Clock::time_point last_shown{};
 };
 
 // The walk's callback counts only within one directory, so the running chunk count is read from
-// the engine instead. Redrawn at most ten times a second.
+// the engine instead; the total is not known before the walk ends.
 bool on_file_done(const char *, int32_t, int32_t, void *user)
 {
     Progress *p = static_cast<Progress *>(user);
     p->files++;
-    if (!p->show) {
-        return true;
+    if (p->line.shown()) {
+        p->line.update(p->files, 0, trn_stats(p->engine).chunk_count);
     }
-    Clock::time_point now = Clock::now();
-    if (now - p->last_shown < std::chrono::milliseconds(100)) {
-        return true;
-    }
-    p->last_shown = now;
-    TrnStats st = trn_stats(p->engine);
-    double elapsed = seconds_since(p->start);
-    std::fprintf(stderr,
-                 "\r\033[Kindexing: %d files, %u chunks, %.1f chunks/s",
-                 p->files,
-                 st.chunk_count,
-                 elapsed > 0 ? st.chunk_count / elapsed : 0.0);
-    std::fflush(stderr);
     return true;
 }
 
@@ -164,12 +150,11 @@ void cmd_index(const Options &o)
 
     // Searches keep using the old index until the new one is complete and swapped in.
     EnginePtr engine = open_engine(index_dir, weights, TRN_OPEN_REBUILD);
-    Progress progress{engine.get(), isatty(STDERR_FILENO) == 1};
+    Clock::time_point start = Clock::now();
+    Progress progress{engine.get()};
     int32_t added =
         trn_ingest_dir(engine.get(), root.c_str(), chunk_size, overlap, on_file_done, &progress);
-    if (progress.show) {
-        std::fputs("\r\033[K", stderr);
-    }
+    progress.line.clear();
     if (added < 0) {
         throw Failure("cannot open directory " + root);
     }
@@ -178,7 +163,7 @@ void cmd_index(const Options &o)
         throw Failure(trn_last_error(engine.get()));
     }
     TrnStats st = trn_stats(engine.get());
-    write_out(indexed_line(st.file_count, st.chunk_count, seconds_since(progress.start)));
+    write_out(indexed_line(st.file_count, st.chunk_count, seconds_since(start)));
 }
 
 // --- search -----------------------------------------------------------------------------------

@@ -28,11 +28,15 @@ int main(int argc, char **argv)
             std::printf("tarnwick-cli %s (engine %s)\n", TRN_VERSION, trn_version());
             return 0;
         }
+        trn_set_verbose(o.verbose ? 1 : 0);
         run_command(o);
         if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
             throw Failure("cannot write to standard output");
         }
         return 0;
+    } catch (const QueryError &err) {
+        std::fprintf(stderr, "tarnwick: %s\n", err.what());
+        return 2;
     } catch (const UsageError &err) {
         std::fprintf(stderr, "tarnwick: %s (see tarnwick-cli --help)\n", err.what());
         return 2;

@@ -15,6 +15,7 @@
 
 #include "common.h"
 #include "json.h"
+#include "progress.h"
 
 #include "encoder_record.h"
 #include "json_coding.h"
@@ -93,31 +94,6 @@ std::optional<TrainingProfile> trained_profile(const QUuid &id)
 }
 
 // --- index ------------------------------------------------------------------------------------
-
-struct IndexProgress {
-    TarnwickEngine *engine;
-    Clock::time_point start = Clock::now();
-    Clock::time_point last_shown{};
-};
-
-// Redrawn at most ten times a second, and always for the last file.
-void show_progress(IndexProgress *p, int done, int found)
-{
-    Clock::time_point now = Clock::now();
-    if (done < found && now - p->last_shown < std::chrono::milliseconds(100)) {
-        return;
-    }
-    p->last_shown = now;
-    TrnStats st = p->engine->stats();
-    double elapsed = seconds_since(p->start);
-    std::fprintf(stderr,
-                 "\r\033[Kindexing: %d/%d files, %u chunks, %.1f chunks/s",
-                 done,
-                 found,
-                 st.chunk_count,
-                 elapsed > 0 ? st.chunk_count / elapsed : 0.0);
-    std::fflush(stderr);
-}
 
 // --- train ------------------------------------------------------------------------------------
 
@@ -468,18 +444,16 @@ void model_index(const Options &o)
     if (!engine.isOpen()) {
         throw Failure(engine.lastError().toStdString());
     }
-    IndexProgress progress{&engine};
+    Clock::time_point start = Clock::now();
+    ProgressLine progress("indexing");
     TarnwickEngine::ProgressFn show;
-    bool on_terminal = isatty(STDERR_FILENO) == 1;
-    if (on_terminal) {
-        show = [&progress](int done, int found) {
-            show_progress(&progress, done, found);
+    if (progress.shown()) {
+        show = [&progress](int done, int found, int chunks) {
+            progress.update(done, found, static_cast<uint32_t>(chunks));
         };
     }
     int added = engine.ingestDirectory(chunk_size, overlap, show);
-    if (on_terminal) {
-        std::fputs("\r\033[K", stderr);
-    }
+    progress.clear();
     if (added < 0) {
         throw Failure("cannot open directory " + root);
     }
@@ -489,7 +463,7 @@ void model_index(const Options &o)
     // so the application does not rebuild what was just built with its own encoder
     EncoderRecord::write(path_text(root), path_text(weights));
     TrnStats st = engine.stats();
-    write_out(indexed_line(st.file_count, st.chunk_count, seconds_since(progress.start)));
+    write_out(indexed_line(st.file_count, st.chunk_count, seconds_since(start)));
 }
 
 void model_prompt(const Options &o)

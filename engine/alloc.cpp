@@ -5,14 +5,35 @@
 **
 ** g_alloc_fail_countdown lets a test make the Nth allocation fail, to check that the failure
 ** really ends in oom_abort.
+**
+** The engine's informational lines go through verbose_note(), which trn_set_verbose switches off
+*for
+** front ends that keep standard error for problems.
 */
 #include "internal.h"
 
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 long g_alloc_fail_countdown = 0;
+
+/* On by default, so a C caller that never asks sees the lines it always saw. */
+static int32_t g_verbose = 1;
+
+void verbose_note(const char *fmt, ...)
+{
+    if (!g_verbose) {
+        return;
+    }
+    va_list args;
+    va_start(args, fmt);
+    fputs("tarnwick: ", stderr);
+    vfprintf(stderr, fmt, args);
+    fputc('\n', stderr);
+    va_end(args);
+}
 
 bool alloc_should_fail(void)
 {
@@ -77,3 +98,12 @@ char *xstrdup(const char *s)
     memcpy(copy, s, n + 1);
     return copy;
 }
+
+extern "C" {
+
+void trn_set_verbose(int32_t on)
+{
+    g_verbose = on != 0;
+}
+
+} // extern "C"

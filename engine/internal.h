@@ -35,6 +35,10 @@ extern long g_alloc_fail_countdown;
 /* Returns true when the current allocation must fail (counts the hook down). */
 bool alloc_should_fail(void);
 
+/* Informational lines on stderr ("tarnwick: " + fmt), printed only while trn_set_verbose is on
+** (alloc.cpp). Process-wide, like the allocation hook. */
+void verbose_note(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+
 /* An allocator over xmalloc for standard containers inside the engine. */
 template <typename T>
 struct XAllocator {

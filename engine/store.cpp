@@ -448,7 +448,7 @@ TrnEngine *engine_new(const TrnConfig *cfg)
     if (cfg->weights_path && cfg->weights_path[0]) {
         e->weights_loaded = trn_encoder_load_weights(&e->encoder, cfg->weights_path) ? 1 : 0;
         if (e->weights_loaded) {
-            fprintf(stderr, "tarnwick: loaded encoder weights from %s\n", cfg->weights_path);
+            verbose_note("loaded encoder weights from %s", cfg->weights_path);
         } else {
             fprintf(
                 stderr, "tarnwick: using random encoder (no weights at %s)\n", cfg->weights_path);
@@ -486,11 +486,11 @@ TrnEngine *engine_open(const TrnConfig *cfg, uint32_t flags, int32_t *status)
         }
     }
 
-    fprintf(stderr, "tarnwick: opened (%zu docs, dim=%d)\n", (size_t)e->count, e->dim);
+    verbose_note("opened (%zu docs, dim=%d)", (size_t)e->count, e->dim);
     if (e->count > 0) {
         int32_t files = trn_build_doc_index(e);
         if (files >= 1) {
-            fprintf(stderr, "tarnwick: built doc index (%d files)\n", files);
+            verbose_note("built doc index (%d files)", files);
         }
     }
     return e;

@@ -264,13 +264,14 @@ typedef bool (*TrnProgressFn)(const char *path, int32_t done, int32_t total, voi
 
 /* Opens an engine on cfg->index_dir (which must exist; the engine never creates directories):
 ** loads the store file, replays the log and builds the document index. A missing store or log
-** is not an error. Prints "tarnwick: opened (N docs, dim=D)" and, when weights_path is given,
-** whether the weights loaded. Reseeds rand() with the time. Re-embedding 256 or more logged
-** chunks (after a crash) prints "tarnwick: recovering N chunks from the log" and then, every
-** two seconds, "tarnwick: recovered D of N chunks"; a normal handle checkpoints after every 4096
-** logged chunks, which bounds N. Never returns NULL; close with trn_close. When the index is
-** busy or damaged (see trn_open_ex) it prints the one line of trn_last_error and returns an
-** empty handle whose writes all fail with that status. */
+** is not an error. Prints "tarnwick: opened (N docs, dim=D)", "tarnwick: built doc index (N
+** files)" and, when the weights loaded, "tarnwick: loaded encoder weights from PATH" while
+** trn_set_verbose is on; weights that do not load are reported always. Reseeds rand() with the
+** time. Re-embedding 256 or more logged chunks (after a crash) prints "tarnwick: recovering N
+** chunks from the log" and then, every two seconds, "tarnwick: recovered D of N chunks"; a
+** normal handle checkpoints after every 4096 logged chunks, which bounds N. Never returns NULL;
+** close with trn_close. When the index is busy or damaged (see trn_open_ex) it prints the one
+** line of trn_last_error and returns an empty handle whose writes all fail with that status. */
 TRN_API TrnEngine *trn_open(const TrnConfig *cfg);
 
 /* ---------------------------------------------------------------------------------------------
@@ -335,6 +336,11 @@ TRN_API void trn_close(TrnEngine *e);
 ** when the index is busy, damaged or cannot be written (the previous store, log and commit
 ** record then stay as they were; see trn_last_error). */
 TRN_API int32_t trn_checkpoint(TrnEngine *e);
+
+/* Turns the engine's informational lines on standard error ("opened", "built doc index", "loaded
+** encoder weights") on (non-zero, the default) or off (0). Warnings and errors are printed either
+** way. Process-wide, for every handle; not synchronised, so set it before opening engines. */
+TRN_API void trn_set_verbose(int32_t on);
 
 /* Returns the static version string "1.23.0". */
 TRN_API const char *trn_version(void);

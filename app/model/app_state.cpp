@@ -46,6 +46,10 @@ void AppState::setSearchMode(SearchMode mode)
     }
     m_searchMode = mode;
     emit searchModeChanged();
+    // The results on screen belong to the old mode; whatever the new mode is, ask again.
+    if (!m_query.isEmpty()) {
+        performSearch();
+    }
 }
 
 void AppState::setActiveTabId(const QUuid &id)
@@ -204,6 +208,11 @@ void AppState::copyPrompt(PromptScope scope)
         clipboard = m_systemClipboard.get();
     }
     clipboard->setText(text);
+    const int count = state->promptResultCount(scope);
+    emit promptCopied(count == 0   ? QStringLiteral("No results to include: copied only the "
+                                                    "message saying so")
+                      : count == 1 ? QStringLiteral("Copied a prompt with 1 result")
+                                   : QStringLiteral("Copied a prompt with %1 results").arg(count));
 }
 
 void AppState::setClipboard(Clipboard *clipboard)

@@ -47,6 +47,7 @@ public:
     QString query() const { return m_query; }
     void setQuery(const QString &query);
     SearchMode searchMode() const { return m_searchMode; }
+    // A change of mode re-runs a non-empty query in the active tab.
     void setSearchMode(SearchMode mode);
     Settings *settings() const { return m_settings; }
 
@@ -73,8 +74,8 @@ public:
     void performSearch();
     // "Re-index": discards the active tab's index and builds it again.
     void reindexActive();
-    // "Copy Prompt": the active tab's prompt for query in scope, onto the clipboard. Does nothing
-    // without an active tab.
+    // "Copy Prompt": the active tab's prompt for query in scope, onto the clipboard, and says so
+    // in promptCopied. Does nothing without an active tab.
     void copyPrompt(PromptScope scope = PromptScope::Top5);
     // Where copyPrompt puts its text; not owned. NULL (the default) means the system clipboard.
     void setClipboard(Clipboard *clipboard);
@@ -87,6 +88,9 @@ signals:
     void activeTabIdChanged();
     void queryChanged();
     void searchModeChanged();
+    // copyPrompt put a prompt on the clipboard; message says how many results it holds ("Copied
+    // a prompt with 5 results", or that there were none to include).
+    void promptCopied(const QString &message);
     // restoreState() ran (also when nothing was saved).
     void stateRestored();
 

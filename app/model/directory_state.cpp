@@ -166,17 +166,18 @@ bool DirectoryState::isIndexed() const
 void DirectoryState::ingest(int chunkSize, int overlap)
 {
     setIsIngesting(true);
-    setIngestProgress(0, 0);
+    m_ingestClock.start();
+    setIngestProgress(0, 0, 0);
     setStatusText(QStringLiteral("Indexing..."));
     std::shared_ptr<TarnwickEngine> engine = m_engine;
     const QString directory = m_directoryPath;
     const QString weights = m_weightsPath;
     QPointer<DirectoryState> self(this);
     runInBackground([engine, self, chunkSize, overlap, directory, weights] {
-        auto progress = [self](int done, int found) {
-            runOnMainThread([self, done, found] {
+        auto progress = [self](int done, int found, int chunks) {
+            runOnMainThread([self, done, found, chunks] {
                 if (self) {
-                    self->setIngestProgress(done, found);
+                    self->setIngestProgress(done, found, chunks);
                 }
             });
         };
@@ -193,6 +194,11 @@ void DirectoryState::ingest(int chunkSize, int overlap)
             if (!self) { // the tab was closed while it was indexed
                 return;
             }
+            // Runs long enough to measure give the speed that re-index estimates use.
+            const double seconds = self->m_ingestClock.elapsed() / 1000.0;
+            if (n > 0 && seconds >= 2.0) {
+                self->m_settings->setValue(QStringLiteral("indexingChunksPerSecond"), n / seconds);
+            }
             self->setIsIngesting(false);
             self->setStatusText(saved ? countsText(stats) : failureText(error));
             if (n >= 0 && !saved && status == TRN_STATUS_BUSY) {
@@ -201,6 +207,53 @@ void DirectoryState::ingest(int chunkSize, int overlap)
             emit self->ingestFinished();
         });
     });
+}
+
+double DirectoryState::reindexEstimateSeconds() const
+{
+    bool ok = false;
+    const double rate = m_settings->value(QStringLiteral("indexingChunksPerSecond")).toDouble(&ok);
+    const TrnStats counts = stats();
+    if (!ok || !(rate > 0.0) || counts.chunk_count == 0) {
+        return -1.0;
+    }
+    return counts.chunk_count / rate;
+}
+
+QString DirectoryState::durationText(double seconds)
+{
+    const qint64 s = qMax<qint64>(1, qRound64(seconds));
+    if (s < 60) {
+        return QString::number(s) + QStringLiteral(" s");
+    }
+    const qint64 minutes = (s + 30) / 60;
+    if (minutes < 60) {
+        return QString::number(minutes) + QStringLiteral(" min");
+    }
+    return QString::number(minutes / 60) + QStringLiteral(" h ")
+           + QStringLiteral("%1").arg(minutes % 60, 2, 10, QLatin1Char('0'))
+           + QStringLiteral(" min");
+}
+
+QString DirectoryState::indexingProgressText(int filesDone, int filesFound, int chunksDone,
+                                             double seconds)
+{
+    if (filesFound <= 0) {
+        return QStringLiteral("Indexing: looking for files...");
+    }
+    QString text = QStringLiteral("Indexing %1 of %2 files, %3 chunks")
+                       .arg(filesDone)
+                       .arg(filesFound)
+                       .arg(chunksDone);
+    if (seconds > 0.0 && chunksDone > 0) {
+        text += QStringLiteral(", %1 chunks/s").arg(chunksDone / seconds, 0, 'f', 1);
+    }
+    if (filesDone > 0 && filesDone < filesFound && seconds > 0.0) {
+        text += QStringLiteral(", about ")
+                + durationText(seconds / filesDone * (filesFound - filesDone))
+                + QStringLiteral(" left");
+    }
+    return text;
 }
 
 void DirectoryState::reindex()
@@ -221,10 +274,23 @@ void DirectoryState::rebuildWith(const QString &weightsPath)
 void DirectoryState::search(const QString &query, SearchMode mode)
 {
     if (query.isEmpty()) {
+        ++m_searchRequest; // a search still under way must not bring its answer back
         setResults({});
         setHasMoreResults(false);
+        setQueryError(QString());
         return;
     }
+    if (mode == SearchMode::Regex) {
+        const std::optional<QString> error = TarnwickEngine::regexError(query);
+        if (error) {
+            ++m_searchRequest;
+            setResults({});
+            setHasMoreResults(false);
+            setQueryError(QStringLiteral("Invalid regular expression: ") + *error);
+            return;
+        }
+    }
+    setQueryError(QString());
     m_lastQuery = query;
     m_lastMode = mode;
     m_searchLimit = kPageSize;
@@ -248,11 +314,17 @@ void DirectoryState::runSearch(int k)
     const SearchMode mode = m_lastMode;
     std::shared_ptr<TarnwickEngine> engine = m_engine;
     QPointer<DirectoryState> self(this);
+    const quint64 request = ++m_searchRequest;
     searchStarted();
-    runInBackground([query, mode, k, engine, self] {
+    runInBackground([query, mode, k, engine, self, request] {
         const QList<SearchResult> hits = engine->search(query, mode, k);
-        runOnMainThread([self, hits, k] {
+        runOnMainThread([self, hits, k, request] {
             if (!self) { // the tab was closed while we searched
+                return;
+            }
+            // Latest wins: an answer to a request that a newer one replaced is dropped.
+            if (request != self->m_searchRequest) {
+                self->searchEnded();
                 return;
             }
             self->setResults(hits);
@@ -295,6 +367,14 @@ QList<SearchResult> DirectoryState::displayResults() const
         }
     }
     return shown;
+}
+
+void DirectoryState::openResult(const SearchResult &result)
+{
+    const OpenOutcome outcome = TarnwickEngine::openResult(result);
+    if (!outcome.message.isEmpty()) {
+        setStatusText(outcome.message);
+    }
 }
 
 bool DirectoryState::isPinned(const SearchResult &result) const
@@ -399,6 +479,15 @@ QString DirectoryState::buildPrompt(const QString &query, PromptScope scope) con
     return ::buildPrompt(query, scope, displayResults(), pinned);
 }
 
+int DirectoryState::promptResultCount(PromptScope scope) const
+{
+    QList<SearchResult> pinned;
+    for (const PinnedResult &pin : m_pinnedResults) {
+        pinned.append(pin.toResult());
+    }
+    return static_cast<int>(promptResults(scope, displayResults(), pinned).size());
+}
+
 void DirectoryState::setResults(const QList<SearchResult> &results)
 {
     if (m_results == results) {
@@ -427,7 +516,7 @@ void DirectoryState::setIsIngesting(bool value)
     emit isIngestingChanged();
 }
 
-void DirectoryState::setIngestProgress(int done, int found)
+void DirectoryState::setIngestProgress(int done, int found, int chunks)
 {
     if (m_ingestFilesFound != found) {
         m_ingestFilesFound = found;
@@ -437,6 +526,23 @@ void DirectoryState::setIngestProgress(int done, int found)
         m_ingestFilesDone = done;
         emit ingestFilesDoneChanged();
     }
+    if (m_ingestChunksDone != chunks) {
+        m_ingestChunksDone = chunks;
+        emit ingestChunksDoneChanged();
+    }
+    // A late report of a run that has ended leaves the final status alone.
+    if (m_isIngesting && found > 0) {
+        setStatusText(indexingProgressText(done, found, chunks, m_ingestClock.elapsed() / 1000.0));
+    }
+}
+
+void DirectoryState::setQueryError(const QString &text)
+{
+    if (m_queryError == text) {
+        return;
+    }
+    m_queryError = text;
+    emit queryErrorChanged();
 }
 
 void DirectoryState::setIsLoadingMore(bool value)

@@ -11,6 +11,7 @@
 ** override (a training profile id whose weights this directory uses once that profile is
 ** trained), and the directory's git branch.
 **
+** Searches: the newest request wins; the answer of an older one still under way is dropped.
 ** Paging: a search asks for 10 results; loadMore() asks again for 10 more, replacing the list,
 ** while the last answer was full and k was below 64 (the engine never returns more than 64).
 */
@@ -21,6 +22,7 @@
 #include "records.h"
 #include "tarnwick_engine.h"
 
+#include <QElapsedTimer>
 #include <QList>
 #include <QObject>
 #include <QString>
@@ -44,7 +46,12 @@ class DirectoryState : public QObject
     // directory is still being walked).
     Q_PROPERTY(int ingestFilesDone READ ingestFilesDone NOTIFY ingestFilesDoneChanged)
     Q_PROPERTY(int ingestFilesFound READ ingestFilesFound NOTIFY ingestFilesFoundChanged)
+    // Chunks the running indexing has added so far. While indexing, statusText reads as
+    // indexingProgressText() of these counts.
+    Q_PROPERTY(int ingestChunksDone READ ingestChunksDone NOTIFY ingestChunksDoneChanged)
     Q_PROPERTY(bool isSearching READ isSearching NOTIFY isSearchingChanged)
+    // Why the last query could not run ("Invalid regular expression: ..."); empty when it ran.
+    Q_PROPERTY(QString queryError READ queryError NOTIFY queryErrorChanged)
     Q_PROPERTY(bool isLoadingMore READ isLoadingMore NOTIFY isLoadingMoreChanged)
     Q_PROPERTY(bool hasMoreResults READ hasMoreResults NOTIFY hasMoreResultsChanged)
     Q_PROPERTY(QList<FileInfo> fileList READ fileList NOTIFY fileListChanged)
@@ -82,7 +89,9 @@ public:
     bool isIngesting() const { return m_isIngesting; }
     int ingestFilesDone() const { return m_ingestFilesDone; }
     int ingestFilesFound() const { return m_ingestFilesFound; }
+    int ingestChunksDone() const { return m_ingestChunksDone; }
     bool isSearching() const { return m_runningSearches > 0; }
+    QString queryError() const { return m_queryError; }
     bool isLoadingMore() const { return m_isLoadingMore; }
     bool hasMoreResults() const { return m_hasMoreResults; }
     QList<FileInfo> fileList() const { return m_fileList; }
@@ -102,19 +111,37 @@ public:
     QString effectiveWeightsPath() const;
     // True when the engine is open and holds at least one chunk.
     bool isIndexed() const;
+    // The engine's counts now (zero when it is not open).
+    TrnStats stats() const { return m_engine->stats(); }
+    // How long re-indexing would take at the speed the last indexing run measured (the setting
+    // "indexingChunksPerSecond"), in seconds; -1 when no speed is known yet.
+    double reindexEstimateSeconds() const;
+
+    // "Indexing 120 of 451 files, 3412 chunks, 85 chunks/s, about 4 min left" after `seconds`
+    // of work; before the walk has found the files, "Indexing: looking for files...". The time
+    // left counts the files still to come at the pace of those done.
+    static QString indexingProgressText(int filesDone, int filesFound, int chunksDone,
+                                        double seconds);
+    // "12 s", "4 min", "1 h 05 min".
+    static QString durationText(double seconds);
 
     // Indexes the directory in the background ("Indexing..." until done).
     void ingest(int chunkSize, int overlap);
     // Discards the index, reopens the engine with effectiveWeightsPath() and indexes again with
     // the chunk size and overlap from the settings.
     void reindex();
-    // Starts a new search; an empty query only clears the results.
+    // Starts a new search; an empty query only clears the results. A regex-mode query that does
+    // not compile clears the results and sets queryError instead (no history entry).
     void search(const QString &query, SearchMode mode);
     // "Load More Results": re-runs the current search with 10 more, while hasMoreResults and no
     // load is under way.
     void loadMore();
     // Refreshes fileList in the background.
     void loadFileList();
+
+    // Opens a result in its application (TarnwickEngine::openResult); a failure, or a fall-back
+    // to the default application, is told in statusText.
+    void openResult(const SearchResult &result);
 
     bool isPinned(const SearchResult &result) const;
     void togglePin(const SearchResult &result);
@@ -132,6 +159,8 @@ public:
 
     // The prompt for query from this tab's results (prompt_builder.h).
     QString buildPrompt(const QString &query, PromptScope scope) const;
+    // How many results that prompt holds.
+    int promptResultCount(PromptScope scope) const;
 
     // displayResults as an item model for the results list; owned by this state.
     ResultsModel *resultsModel() const { return m_resultsModel; }
@@ -143,7 +172,9 @@ signals:
     void isIngestingChanged();
     void ingestFilesDoneChanged();
     void ingestFilesFoundChanged();
+    void ingestChunksDoneChanged();
     void isSearchingChanged();
+    void queryErrorChanged();
     void isLoadingMoreChanged();
     void hasMoreResultsChanged();
     void fileListChanged();
@@ -170,8 +201,9 @@ private:
     // Discards the index and indexes again with the given weights.
     void rebuildWith(const QString &weightsPath);
     void setIsIngesting(bool value);
-    void setIngestProgress(int done, int found);
+    void setIngestProgress(int done, int found, int chunks);
     void setIsLoadingMore(bool value);
+    void setQueryError(const QString &text);
     void setHasMoreResults(bool value);
     void setFileList(const QList<FileInfo> &list);
     void setIsLoadingFileList(bool value);
@@ -199,7 +231,11 @@ private:
     bool m_isIngesting = false;
     int m_ingestFilesDone = 0;
     int m_ingestFilesFound = 0;
+    int m_ingestChunksDone = 0;
+    QElapsedTimer m_ingestClock;
     int m_runningSearches = 0;
+    quint64 m_searchRequest = 0; // the newest runSearch; older answers are dropped
+    QString m_queryError;
     bool m_isLoadingMore = false;
     bool m_hasMoreResults = false;
     QList<FileInfo> m_fileList;

@@ -29,21 +29,24 @@ QString promptHeaderPath(const QString &filePath)
     return parts.at(parts.size() - 2) + QLatin1Char('/') + parts.last();
 }
 
+QList<SearchResult> promptResults(PromptScope scope, const QList<SearchResult> &displayed,
+                                  const QList<SearchResult> &pinned)
+{
+    switch (scope) {
+    case PromptScope::Pinned:
+        return pinned;
+    case PromptScope::Top5:
+        return displayed.mid(0, 5);
+    case PromptScope::AllVisible:
+        return displayed;
+    }
+    return {};
+}
+
 QString buildPrompt(const QString &query, PromptScope scope, const QList<SearchResult> &displayed,
                     const QList<SearchResult> &pinned)
 {
-    QList<SearchResult> selected;
-    switch (scope) {
-    case PromptScope::Pinned:
-        selected = pinned;
-        break;
-    case PromptScope::Top5:
-        selected = displayed.mid(0, 5);
-        break;
-    case PromptScope::AllVisible:
-        selected = displayed;
-        break;
-    }
+    const QList<SearchResult> selected = promptResults(scope, displayed, pinned);
     if (selected.isEmpty()) {
         return QStringLiteral("No results to include in prompt.");
     }

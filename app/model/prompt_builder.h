@@ -37,6 +37,10 @@ QString promptScopeName(PromptScope scope);
 // Every scope in menu order.
 QList<PromptScope> allPromptScopes();
 
+// The results a scope selects, in prompt order.
+QList<SearchResult> promptResults(PromptScope scope, const QList<SearchResult> &displayed,
+                                  const QList<SearchResult> &pinned);
+
 // The prompt text for query from the results the scope selects: displayed is what the results
 // list shows, pinned the pinned results (as results) in pin order.
 QString buildPrompt(const QString &query, PromptScope scope, const QList<SearchResult> &displayed,

@@ -29,6 +29,8 @@ const SettingDefault *defaultsTable(size_t *count)
         {"extraExtensions", QString::fromLatin1(Settings::kDefaultExtraExtensions)},
         {"hoverPreview", true},
         {"previewOnTop", false},
+        {"openTextFilesWith", QStringLiteral("system")},
+        {"editorCommand", QString()},
     };
     *count = sizeof(table) / sizeof(table[0]);
     return table;
@@ -191,6 +193,30 @@ void Settings::setPreviewOnTop(bool value)
 {
     if (write(QStringLiteral("previewOnTop"), value)) {
         emit previewOnTopChanged();
+    }
+}
+
+QString Settings::openTextFilesWith() const
+{
+    return read(QStringLiteral("openTextFilesWith")).toString();
+}
+
+void Settings::setOpenTextFilesWith(const QString &value)
+{
+    if (write(QStringLiteral("openTextFilesWith"), value)) {
+        emit openTextFilesWithChanged();
+    }
+}
+
+QString Settings::editorCommand() const
+{
+    return read(QStringLiteral("editorCommand")).toString();
+}
+
+void Settings::setEditorCommand(const QString &value)
+{
+    if (write(QStringLiteral("editorCommand"), value)) {
+        emit editorCommandChanged();
     }
 }
 

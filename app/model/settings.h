@@ -13,6 +13,9 @@
 **   extraExtensions          string        kDefaultExtraExtensions
 **   hoverPreview             bool          true     "Show context panel on hover"
 **   previewOnTop             bool          false    "Keep context panel on top"
+**   openTextFilesWith        string        "system" "Open text files with": a preset key of
+**                                                   editorPresets() (result_opener.h)
+**   editorCommand            string        ""       the custom command, {file} and {line}
 **   searchHistory_<path>     JSON bytes    absent   a tab's search history
 **   pinnedResults_<path>     JSON bytes    absent   a tab's pinned results
 **   encoderOverride_<path>   string UUID   absent   a tab's encoder override
@@ -51,6 +54,10 @@ class Settings : public QObject
                    extraExtensionsChanged)
     Q_PROPERTY(bool hoverPreview READ hoverPreview WRITE setHoverPreview NOTIFY hoverPreviewChanged)
     Q_PROPERTY(bool previewOnTop READ previewOnTop WRITE setPreviewOnTop NOTIFY previewOnTopChanged)
+    Q_PROPERTY(QString openTextFilesWith READ openTextFilesWith WRITE setOpenTextFilesWith NOTIFY
+                   openTextFilesWithChanged)
+    Q_PROPERTY(
+        QString editorCommand READ editorCommand WRITE setEditorCommand NOTIFY editorCommandChanged)
 
 public:
     static constexpr int kDefaultChunkSize = 800;
@@ -94,6 +101,10 @@ public:
     void setHoverPreview(bool value);
     bool previewOnTop() const;
     void setPreviewOnTop(bool value);
+    QString openTextFilesWith() const;
+    void setOpenTextFilesWith(const QString &value);
+    QString editorCommand() const;
+    void setEditorCommand(const QString &value);
 
     // What indexing uses: a stored value below 1 (or one that is not a number) counts as the
     // default, and a pair outside the limits of setChunking counts as both defaults.
@@ -136,6 +147,8 @@ signals:
     void extraExtensionsChanged();
     void hoverPreviewChanged();
     void previewOnTopChanged();
+    void openTextFilesWithChanged();
+    void editorCommandChanged();
 
 private:
     QVariant read(const QString &key) const; // the stored value, or the table's default

@@ -14,7 +14,6 @@
 #include "settings.h"
 
 #include <QByteArray>
-#include <QDesktopServices>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -165,21 +164,6 @@ constexpr const char *kWellKnownTextNames[] = {
     "CONTRIBUTING",
 };
 
-TarnwickEngine::UrlOpener &urlOpener()
-{
-    static TarnwickEngine::UrlOpener opener;
-    return opener;
-}
-
-bool openUrl(const QUrl &url)
-{
-    const TarnwickEngine::UrlOpener &opener = urlOpener();
-    if (opener) {
-        return opener(url);
-    }
-    return QDesktopServices::openUrl(url);
-}
-
 // The index directory, readable by its owner alone (0700); the directories above it as before.
 void createIndexDir(const QString &dataDir)
 {
@@ -280,6 +264,12 @@ QList<SearchMode> allSearchModes()
             SearchMode::Keyword,
             SearchMode::Text,
             SearchMode::Regex};
+}
+
+void TarnwickEngine::setVerbose(bool on)
+{
+    std::lock_guard<std::mutex> lock(engineMutex());
+    trn_set_verbose(on ? 1 : 0);
 }
 
 std::mutex &TarnwickEngine::engineMutex()
@@ -390,7 +380,7 @@ int TarnwickEngine::ingestDirectory(int chunkSize, int overlap, const ProgressFn
     }
     const int found = static_cast<int>(candidates.size());
     if (progress) {
-        progress(0, found);
+        progress(0, found, 0);
     }
     const int32_t chunk32 = checkedInt32(chunkSize);
     const int32_t overlap32 = checkedInt32(overlap);
@@ -418,7 +408,7 @@ int TarnwickEngine::ingestDirectory(int chunkSize, int overlap, const ProgressFn
         }
         done++;
         if (progress) {
-            progress(done, found);
+            progress(done, found, total);
         }
     }
     std::lock_guard<std::mutex> lock(engineMutex());
@@ -426,6 +416,17 @@ int TarnwickEngine::ingestDirectory(int chunkSize, int overlap, const ProgressFn
         trn_build_doc_index(m_handle);
     }
     return total;
+}
+
+std::optional<QString> TarnwickEngine::regexError(const QString &query)
+{
+    const QByteArray utf8 = query.toUtf8();
+    char reason[256] = "";
+    std::lock_guard<std::mutex> lock(engineMutex());
+    if (trn_check_regex(utf8.constData(), reason, sizeof reason)) {
+        return std::nullopt;
+    }
+    return QString::fromUtf8(reason);
 }
 
 QList<SearchResult> TarnwickEngine::search(const QString &query, SearchMode mode, int k)
@@ -653,41 +654,23 @@ std::optional<int> TarnwickEngine::pdfPageForLine(const QString &path, int lineN
     return document->numPages();
 }
 
-QUrl TarnwickEngine::editorUrl(const QString &filePath, int lineNumber)
+OpenOutcome TarnwickEngine::openResult(const SearchResult &result)
 {
-    // The characters a URL query may hold unescaped; everything else is percent-encoded.
-    const QByteArray encoded = filePath.toUtf8().toPercentEncoding("!$&'()*+,/:;=?@");
-    const QByteArray link = QByteArrayLiteral("vorn://open?file=") + encoded
-                            + QByteArrayLiteral("&line=") + QByteArray::number(lineNumber);
-    return QUrl::fromEncoded(link, QUrl::StrictMode);
-}
-
-void TarnwickEngine::setUrlOpener(UrlOpener opener)
-{
-    urlOpener() = std::move(opener);
-}
-
-void TarnwickEngine::openResult(const SearchResult &result)
-{
-    if (result.filePath.isEmpty()) {
-        return;
-    }
-    const QUrl fileUrl = QUrl::fromLocalFile(result.filePath);
+    OpenRequest request;
+    request.filePath = result.filePath;
+    request.lineNumber = result.lineNumber;
     const QString ext = lowerExtension(result.filePath);
     const TypeEntry *type = lookupType(ext);
-    if (type && (type->flags & kPdf)) {
-        openUrl(fileUrl);
-        return;
+    request.isPdf = type && (type->flags & kPdf);
+    request.isEditable = (type && (type->flags & (kPlainText | kSource)))
+                         || ext == QLatin1String("md") || ext == QLatin1String("markdown");
+    if (request.isPdf) {
+        request.pdfPage = pdfPageForLine(result.filePath, result.lineNumber).value_or(1);
     }
-    const bool editable = (type && (type->flags & (kPlainText | kSource)))
-                          || ext == QLatin1String("md") || ext == QLatin1String("markdown");
-    if (editable) {
-        const QUrl link = editorUrl(result.filePath, result.lineNumber);
-        if (link.isValid() && openUrl(link)) {
-            return;
-        }
-    }
-    openUrl(fileUrl);
+    Settings *settings = Settings::standard();
+    request.editorChoice = settings->openTextFilesWith();
+    request.customCommand = settings->editorCommand();
+    return openWithDesktop(request);
 }
 
 FileCategory TarnwickEngine::fileCategory(const SearchResult &result)

@@ -18,6 +18,7 @@
 #ifndef TRN_APP_TARNWICK_ENGINE_H
 #define TRN_APP_TARNWICK_ENGINE_H
 
+#include "result_opener.h"
 #include "tarnwick.h"
 
 #include <QList>
@@ -93,10 +94,9 @@ class TarnwickEngine
 {
 public:
     using Result = SearchResult;
-    // Called on the indexing thread: files ingested so far of the indexable files found.
-    using ProgressFn = std::function<void(int filesDone, int filesFound)>;
-    // Opens a URL in an external application; false when nothing could open it.
-    using UrlOpener = std::function<bool(const QUrl &url)>;
+    // Called on the indexing thread: files ingested so far of the indexable files found, and the
+    // chunks those files gave.
+    using ProgressFn = std::function<void(int filesDone, int filesFound, int chunksDone)>;
 
     // Normal loads the directory's index; Rebuild starts empty and replaces the index only when
     // checkpoint() succeeds (the old index stays searchable by others until then).
@@ -132,8 +132,11 @@ public:
     // bytes whose text has at least 11 characters, then rebuilds the document index. Returns the
     // chunks added, or -1 when the engine is not open, the directory cannot be read or a write
     // failed (see lastError; the walk stops there). progress
-    // (may be empty) is called with (0, found) once the walk is done and after each file.
+    // (may be empty) is called with (0, found, 0) once the walk is done and after each file.
     int ingestDirectory(int chunkSize, int overlap, const ProgressFn &progress = {});
+
+    // Nullopt when query compiles as a regex-mode query, else the reason in one line.
+    static std::optional<QString> regexError(const QString &query);
 
     // At most k results (k >= 0; the engine gives at most 64). Empty when not open or k is 0.
     QList<SearchResult> search(const QString &query, SearchMode mode, int k);
@@ -168,19 +171,18 @@ public:
     // it; nullopt when the file cannot be opened.
     static std::optional<int> pdfPageForLine(const QString &path, int lineNumber);
 
-    // Opens a result: PDF with the default application; plain text, source code and Markdown in
-    // the editor through "vorn://open?file=<path>&line=<n>", falling back to the default
-    // application when that link cannot be opened; everything else with the default application.
-    static void openResult(const SearchResult &result);
-    // The editor link for a result, as openResult builds it.
-    static QUrl editorUrl(const QString &filePath, int lineNumber);
-    // Replaces QDesktopServices::openUrl (tests). An empty function restores it.
-    static void setUrlOpener(UrlOpener opener);
+    // Opens a result as result_opener.h describes, with the editor chosen in the settings:
+    // plain text, source code and Markdown in the editor at the line, PDFs at the hit's page,
+    // everything else with the default application. The outcome's message is for the status bar.
+    static OpenOutcome openResult(const SearchResult &result);
 
     static FileCategory fileCategory(const SearchResult &result);
 
     // "1023 B", "1.0 KB", "1.0 MB".
     static QString formatFileSize(qint64 bytes);
+
+    // The engine's informational lines on standard error (trn_set_verbose), process-wide.
+    static void setVerbose(bool on);
 
     // The process-wide lock held around every trn_ call.
     static std::mutex &engineMutex();

@@ -20,6 +20,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QSaveFile>
 #include <QStringDecoder>
 #include <QThread>
 #include <QThreadPool>
@@ -33,6 +34,30 @@ bool isExecutableFile(const QString &path)
 {
     const QFileInfo info(path);
     return info.isFile() && info.isExecutable();
+}
+
+// The bytes of a file, or nullopt when there is none (or it cannot be read).
+std::optional<QByteArray> readWholeFile(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        return std::nullopt;
+    }
+    return file.readAll();
+}
+
+// Puts a file back as readWholeFile saw it: its bytes, or no file.
+void restoreWholeFile(const QString &path, const std::optional<QByteArray> &bytes)
+{
+    if (!bytes) {
+        QFile::remove(path);
+        return;
+    }
+    QSaveFile file(path);
+    if (file.open(QIODevice::WriteOnly)) {
+        file.write(*bytes);
+        file.commit();
+    }
 }
 
 } // namespace
@@ -380,6 +405,14 @@ void TrainingManager::train(const TrainingProfile &profile)
     }
     const quint64 run = ++m_currentRun;
     m_cancelRequested = false;
+    RunSnapshot snapshot;
+    if (const std::optional<TrainingProfile> before = this->profile(profile.id)) {
+        snapshot.status = before->status;
+        snapshot.lastTrained = before->lastTrained;
+    }
+    snapshot.loss = readWholeFile(profile.lossPath());
+    snapshot.bpe = readWholeFile(profile.bpePath());
+    m_snapshots.insert(run, snapshot);
     setIsTraining(true);
     setTrainingProgress(QStringLiteral("Preparing corpus\u2026"));
     setProfileStatus(profile.id, TrainingStatus::Training, false);
@@ -459,6 +492,11 @@ void TrainingManager::train(const TrainingProfile &profile)
 
 void TrainingManager::failRun(quint64 run, const QUuid &profileId, const QString &message)
 {
+    if (m_cancelledRuns.contains(run)) {
+        finishCancelled(run, profileId);
+        return;
+    }
+    m_snapshots.remove(run);
     if (run == m_currentRun) {
         setIsTraining(false);
         setTrainingProgress(message);
@@ -471,10 +509,9 @@ void TrainingManager::launchTrainer(quint64 run, const TrainingProfile &profile,
                                     const QString &corpus, const QString &bpePath,
                                     const QString &initPath)
 {
-    if (run == m_currentRun && m_cancelRequested) {
+    if (m_cancelledRuns.contains(run)) {
         // Cancelled while the corpus or tokenizer was prepared: the trainer never starts.
-        setProfileStatus(profile.id, TrainingStatus::Failed, false);
-        emit trainingFinished(profile.id);
+        finishCancelled(run, profile.id);
         return;
     }
     auto *process = new QProcess(this);
@@ -539,6 +576,12 @@ void TrainingManager::trainerFinished(quint64 run, QProcess *process,
     if (m_process == process) {
         m_process = nullptr;
     }
+    if (m_cancelledRuns.contains(run)) {
+        process->deleteLater();
+        finishCancelled(run, profile.id);
+        return;
+    }
+    m_snapshots.remove(run);
     // A trainer killed by a signal reports the signal number as its exit code.
     const bool exists = QFileInfo::exists(profile.weightsPath);
     const bool succeeded = exitStatus == QProcess::NormalExit && exitCode == 0 && exists;
@@ -563,12 +606,35 @@ void TrainingManager::trainerFinished(quint64 run, QProcess *process,
 
 void TrainingManager::cancelTraining()
 {
+    if (!m_isTraining) {
+        return;
+    }
+    m_cancelledRuns.insert(m_currentRun);
     if (m_process) {
         m_process->terminate();
-    } else if (m_isTraining) {
+    } else {
         m_cancelRequested = true;
     }
     m_process = nullptr;
     setIsTraining(false);
     setTrainingProgress(QStringLiteral("Cancelled"));
+}
+
+void TrainingManager::finishCancelled(quint64 run, const QUuid &profileId)
+{
+    m_cancelledRuns.remove(run);
+    const RunSnapshot snapshot = m_snapshots.take(run);
+    // A newer run has the profile now; it decides what the profile becomes.
+    if (run == m_currentRun) {
+        if (std::optional<TrainingProfile> p = profile(profileId)) {
+            restoreWholeFile(p->lossPath(), snapshot.loss);
+            restoreWholeFile(p->bpePath(), snapshot.bpe);
+            QFile::remove(p->weightsPath + QStringLiteral(".tmp"));
+            p->status = snapshot.status;
+            p->lastTrained = snapshot.lastTrained;
+            updateProfile(*p);
+        }
+        setTrainingProgress(QStringLiteral("Cancelled"));
+    }
+    emit trainingFinished(profileId);
 }

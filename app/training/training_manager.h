@@ -25,10 +25,14 @@
 
 #include "training_profile.h"
 
+#include <QByteArray>
+#include <QDateTime>
+#include <QHash>
 #include <QList>
 #include <QObject>
 #include <QPointer>
 #include <QProcess>
+#include <QSet>
 #include <QString>
 #include <QStringList>
 #include <QUuid>
@@ -94,7 +98,10 @@ public:
 
     // Starts a run; ignored while one is under way.
     void train(const TrainingProfile &profile);
-    // Terminates the encoder trainer ("Cancelled"); the run then ends as failed.
+    // Stops the run ("Cancelled"): terminates the encoder trainer, or keeps it from starting.
+    // Once the trainer has exited, the profile is put back as it was before the run: its
+    // status and last training date, its loss log and tokenizer files (the weights file is only
+    // ever replaced by a completed run), and "Cancelled" stays the progress text.
     void cancelTraining();
 
     // Where the trainers are looked up: by default the directory where supportFilePath() finds
@@ -141,6 +148,16 @@ private:
     void trainerFinished(quint64 run, QProcess *process, const TrainingProfile &profile,
                          int exitCode, QProcess::ExitStatus exitStatus);
     void showStepLine(quint64 run, const QByteArray &line);
+    // Ends a cancelled run: restores the snapshot taken when it started.
+    void finishCancelled(quint64 run, const QUuid &profileId);
+
+    // What a run may change of its profile, as it was when the run started.
+    struct RunSnapshot {
+        TrainingStatus status = TrainingStatus::Untrained;
+        std::optional<QDateTime> lastTrained;
+        std::optional<QByteArray> loss; // nullopt: there was no loss log
+        std::optional<QByteArray> bpe;  // nullopt: there was no tokenizer file
+    };
 
     Settings *m_settings;
     QString m_trainerDirectory;
@@ -151,7 +168,9 @@ private:
     // Each train() call is a run; a run that was cancelled and overtaken by a new one still
     // finishes its profile but no longer touches isTraining or trainingProgress.
     quint64 m_currentRun = 0;
-    bool m_cancelRequested = false; // cancelTraining() before the trainer was launched
+    bool m_cancelRequested = false;          // cancelTraining() before the trainer was launched
+    QHash<quint64, RunSnapshot> m_snapshots; // of runs not finished yet
+    QSet<quint64> m_cancelledRuns;
 };
 
 #endif

@@ -267,7 +267,9 @@ FileScopeWindow::FileScopeWindow(QWidget *parent) : QWidget(parent, Qt::Window)
         SearchResult target;
         target.filePath = index.data(Qt::UserRole).toString();
         target.lineNumber = 1;
-        TarnwickEngine::openResult(target);
+        if (m_state) {
+            m_state->openResult(target);
+        }
     });
     m_pages->addWidget(m_table);
     layout->addWidget(m_pages, 1);

@@ -5,6 +5,9 @@
 
 #include <QApplication>
 #include <QDir>
+#include <QImage>
+#include <QPainter>
+#include <QPalette>
 #include <QStandardPaths>
 
 QIcon applicationIcon()
@@ -62,4 +65,52 @@ QIcon themedIcon(const QStringList &names, QStyle::StandardPixmap fallback)
         }
     }
     return themedIcon(QString(), fallback);
+}
+
+namespace
+{
+
+// True when every visible pixel is a shade of grey: a symbolic icon, drawn in one colour that
+// the theme chose for a light background.
+bool isMonochrome(const QIcon &icon)
+{
+    const QImage image =
+        icon.pixmap(QSize(24, 24)).toImage().convertToFormat(QImage::Format_ARGB32);
+    if (image.isNull()) {
+        return false;
+    }
+    for (int y = 0; y < image.height(); y++) {
+        for (int x = 0; x < image.width(); x++) {
+            const QColor c = image.pixelColor(x, y);
+            if (c.alpha() > 32 && c.hsvSaturation() > 40) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+QIcon paletteIcon(const QIcon &source, const QPalette &palette)
+{
+    if (source.isNull() || !isMonochrome(source)) {
+        return source;
+    }
+    const QColor colour = palette.color(QPalette::Active, QPalette::ButtonText);
+    QIcon tinted;
+    for (int side : {16, 20, 22, 24, 32, 48}) {
+        for (qreal ratio : {1.0, 2.0}) {
+            QPixmap pixmap = source.pixmap(QSize(side, side), ratio);
+            if (pixmap.isNull()) {
+                continue;
+            }
+            QPainter painter(&pixmap);
+            painter.setCompositionMode(QPainter::CompositionMode_SourceIn);
+            painter.fillRect(QRect(QPoint(0, 0), pixmap.size()), colour);
+            painter.end();
+            tinted.addPixmap(pixmap, QIcon::Normal);
+        }
+    }
+    return tinted;
 }

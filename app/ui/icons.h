@@ -23,4 +23,10 @@ QIcon themedIcon(const QString &name, QStyle::StandardPixmap fallback = QStyle::
 // The first of names that the theme has (themes differ in what they call an icon), else as above.
 QIcon themedIcon(const QStringList &names, QStyle::StandardPixmap fallback = QStyle::SP_CustomBase);
 
+// A one-colour (symbolic) icon drawn in the palette's button text colour, so that an enabled
+// button's icon has the contrast of its text in light and dark appearances alike (themes draw
+// symbolic icons in one fixed grey). The disabled state is derived from it as for any icon.
+// Coloured and null icons are returned as they are.
+QIcon paletteIcon(const QIcon &source, const QPalette &palette);
+
 #endif

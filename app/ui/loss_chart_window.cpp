@@ -8,6 +8,8 @@
 
 #include <QChart>
 #include <QChartView>
+#include <QDateTime>
+#include <QFileInfo>
 #include <QLabel>
 #include <QLineSeries>
 #include <QStackedWidget>
@@ -22,6 +24,7 @@ LossChartWindow::LossChartWindow(const TrainingProfile &profile, QWidget *parent
     setObjectName(QStringLiteral("lossChartWindow"));
     setAttribute(Qt::WA_QuitOnClose, false);
     setWindowTitle(titleFor(profile.name));
+    m_lossPath = profile.lossPath();
     resize(640, 420);
     setMinimumSize(420, 280);
 
@@ -38,45 +41,69 @@ LossChartWindow::LossChartWindow(const TrainingProfile &profile, QWidget *parent
 
     m_series = new QLineSeries();
     m_series->setName(tr("Loss"));
-    const QList<LossDataPoint> points = TrainingManager::parseLossFile(profile.lossPath());
-    float low = 0.0f;
-    float high = 1.0f;
-    for (const LossDataPoint &point : points) {
-        m_series->append(point.step, point.loss);
-        low = m_series->count() == 1 ? point.loss : qMin(low, point.loss);
-        high = m_series->count() == 1 ? point.loss : qMax(high, point.loss);
-    }
     m_chart = new QChart();
     m_chart->addSeries(m_series);
     m_chart->legend()->hide();
     m_chart->setMargins(QMargins(8, 8, 16, 8));
-    auto *xAxis = new QValueAxis(m_chart);
-    xAxis->setTitleText(tr("Step"));
-    xAxis->setLabelFormat(QStringLiteral("%d"));
-    auto *yAxis = new QValueAxis(m_chart);
-    yAxis->setTitleText(tr("Loss"));
-    yAxis->setLabelFormat(QStringLiteral("%.2f"));
-    if (!points.isEmpty()) {
-        xAxis->setRange(points.first().step, qMax(points.last().step, points.first().step + 1));
-        const float pad = qMax(0.05f, (high - low) * 0.08f);
-        yAxis->setRange(std::floor((low - pad) * 10.0f) / 10.0f,
-                        std::ceil((high + pad) * 10.0f) / 10.0f);
-        xAxis->applyNiceNumbers();
-        yAxis->applyNiceNumbers();
-    }
-    m_chart->addAxis(xAxis, Qt::AlignBottom);
-    m_chart->addAxis(yAxis, Qt::AlignLeft);
-    m_series->attachAxis(xAxis);
-    m_series->attachAxis(yAxis);
+    m_xAxis = new QValueAxis(m_chart);
+    m_xAxis->setTitleText(tr("Step"));
+    m_xAxis->setLabelFormat(QStringLiteral("%d"));
+    m_yAxis = new QValueAxis(m_chart);
+    m_yAxis->setTitleText(tr("Loss"));
+    m_yAxis->setLabelFormat(QStringLiteral("%.2f"));
+    m_chart->addAxis(m_xAxis, Qt::AlignBottom);
+    m_chart->addAxis(m_yAxis, Qt::AlignLeft);
+    m_series->attachAxis(m_xAxis);
+    m_series->attachAxis(m_yAxis);
     m_view = new QChartView(m_chart, m_pages);
     m_view->setObjectName(QStringLiteral("lossChart"));
     m_view->setRenderHint(QPainter::Antialiasing);
     m_pages->addWidget(m_view);
-    m_pages->setCurrentIndex(points.isEmpty() ? 0 : 1);
+    reload();
     applyTheme();
+
+    // A running training appends to the log: follow it while the window is open. Reading is
+    // skipped while the file's size and time are unchanged.
+    m_follow.setInterval(1000);
+    connect(&m_follow, &QTimer::timeout, this, &LossChartWindow::reload);
+    m_follow.start();
 
     auto *frame = new WindowFrame(this, QStringLiteral("TarnwickLossChart"));
     frame->restore();
+}
+
+void LossChartWindow::reload()
+{
+    const QFileInfo info(m_lossPath);
+    const QString stamp = info.exists()
+                              ? QString::number(info.size()) + QLatin1Char('@')
+                                    + QString::number(info.lastModified().toMSecsSinceEpoch())
+                              : QString();
+    if (m_loaded && stamp == m_stamp) {
+        return;
+    }
+    m_loaded = true;
+    m_stamp = stamp;
+    const QList<LossDataPoint> points = TrainingManager::parseLossFile(m_lossPath);
+    QList<QPointF> shown;
+    shown.reserve(points.size());
+    float low = 0.0f;
+    float high = 1.0f;
+    for (const LossDataPoint &point : points) {
+        shown.append(QPointF(point.step, point.loss));
+        low = shown.size() == 1 ? point.loss : qMin(low, point.loss);
+        high = shown.size() == 1 ? point.loss : qMax(high, point.loss);
+    }
+    m_series->replace(shown);
+    if (!points.isEmpty()) {
+        m_xAxis->setRange(points.first().step, qMax(points.last().step, points.first().step + 1));
+        const float pad = qMax(0.05f, (high - low) * 0.08f);
+        m_yAxis->setRange(std::floor((low - pad) * 10.0f) / 10.0f,
+                          std::ceil((high + pad) * 10.0f) / 10.0f);
+        m_xAxis->applyNiceNumbers();
+        m_yAxis->applyNiceNumbers();
+    }
+    m_pages->setCurrentIndex(points.isEmpty() ? 0 : 1);
 }
 
 QString LossChartWindow::titleFor(const QString &profileName)

@@ -1,13 +1,15 @@
 /*
 ** loss_chart_window.h -- "Training Loss — <profile>": the loss log of a profile as a line chart
 ** of loss over step, or, when the log is missing, unreadable or empty, the two lines
-** "No loss data available." and "Train this profile to see the loss curve.".
+** "No loss data available." and "Train this profile to see the loss curve.". While open it
+** follows the log, so the chart grows as a running training writes it.
 */
 #ifndef TRN_UI_LOSS_CHART_WINDOW_H
 #define TRN_UI_LOSS_CHART_WINDOW_H
 
 #include "training_profile.h"
 
+#include <QTimer>
 #include <QWidget>
 
 class QChart;
@@ -15,6 +17,7 @@ class QChartView;
 class QLabel;
 class QLineSeries;
 class QStackedWidget;
+class QValueAxis;
 
 class LossChartWindow : public QWidget
 {
@@ -30,6 +33,8 @@ public:
     bool hasData() const;
     QLineSeries *series() const { return m_series; }
     QLabel *messageLabel() const { return m_message; }
+    // Reads the log again when it changed since the last reading.
+    void reload();
 
 protected:
     void changeEvent(QEvent *event) override;
@@ -42,6 +47,12 @@ private:
     QChartView *m_view;
     QChart *m_chart;
     QLineSeries *m_series;
+    QValueAxis *m_xAxis;
+    QValueAxis *m_yAxis;
+    QString m_lossPath;
+    QString m_stamp; // size and time of the log at the last reading
+    bool m_loaded = false;
+    QTimer m_follow;
 };
 
 #endif

@@ -5,7 +5,9 @@
 **
 ** Restores the tabs of the last session, then opens each DIR as a tab (a directory that is open
 ** already is only selected); a FILE opens the directory that holds it. Closing the main window
-** quits. --help and --version answer without a display.
+** quits. --help and --version answer without a display. An unknown option is shown in a message
+** box and exits with status 2; a path that names nothing is shown in a message box over the main
+** window, and the others still open.
 */
 #include "app_state.h"
 #include "appearance.h"
@@ -13,9 +15,11 @@
 #include "icons.h"
 #include "main_window.h"
 #include "settings.h"
+#include "tarnwick_engine.h"
 
 #include <QApplication>
 #include <QCommandLineParser>
+#include <QMessageBox>
 #include <QTimer>
 
 #include <cstdio>
@@ -85,9 +89,22 @@ int main(int argc, char **argv)
     QApplication::setDesktopFileName(QStringLiteral("org.tarnwick.Tarnwick"));
     QApplication::setWindowIcon(applicationIcon());
 
+    // The engine's informational lines ("opened", "built doc index") are for the command line's
+    // --verbose; the application shows what matters in its status bar.
+    TarnwickEngine::setVerbose(false);
+
     QCommandLineParser parser;
     describeCommandLine(parser);
-    parser.process(application);
+    // A desktop launch has no terminal to read: what cannot be understood is shown in a message
+    // box as well as on standard error.
+    if (!parser.parse(QApplication::arguments())) {
+        const QString text = parser.errorText();
+        std::fprintf(stderr, "tarnwick: %s\n", qPrintable(text));
+        QMessageBox::critical(nullptr,
+                              QStringLiteral("Tarnwick"),
+                              text + QStringLiteral("\n\nUsage: tarnwick [DIR | FILE]..."));
+        return 2;
+    }
     const bool quitAfterStart = parser.isSet(QString::fromLatin1(kQuitAfterStart));
 
     const LaunchTargets targets = launchTargets(parser.positionalArguments());
@@ -112,5 +129,18 @@ int main(int argc, char **argv)
             }
         });
     window.show();
+    const QStringList refused = targets.unusable;
+    if (!refused.isEmpty() && !quitAfterStart) {
+        // After show(), so the box sits over the main window; the other directories still open.
+        QMetaObject::invokeMethod(
+            &window,
+            [&window, refused] {
+                QMessageBox::warning(&window,
+                                     QStringLiteral("Tarnwick"),
+                                     QStringLiteral("No such file or directory, so not opened:\n")
+                                         + refused.join(QLatin1Char('\n')));
+            },
+            Qt::QueuedConnection);
+    }
     return application.exec();
 }

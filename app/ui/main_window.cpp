@@ -58,6 +58,15 @@ MainWindow::MainWindow(AppState *app, QWidget *parent) : QMainWindow(parent), m_
     m_chooser = [](QWidget *owner) {
         return chooseDirectories(owner, tr("Select directories to index"));
     };
+    m_confirmer = [](QWidget *owner, const QString &title, const QString &text) {
+        QMessageBox box(QMessageBox::Question, title, text, QMessageBox::Cancel, owner);
+        box.setObjectName(QStringLiteral("reindexQuestion"));
+        QPushButton *go = box.addButton(tr("Re-index"), QMessageBox::AcceptRole);
+        box.setDefaultButton(go);
+        fitOnceShown(&box, owner);
+        box.exec();
+        return box.clickedButton() == go;
+    };
 
     auto *central = new QWidget(this);
     auto *layout = new QVBoxLayout(central);
@@ -76,6 +85,7 @@ MainWindow::MainWindow(AppState *app, QWidget *parent) : QMainWindow(parent), m_
 
     m_status = new StatusBarView(app, this);
     setStatusBar(m_status);
+    connect(m_status, &StatusBarView::reindexRequested, this, &MainWindow::confirmReindex);
 
     buildActions();
     buildMenus();
@@ -91,12 +101,17 @@ MainWindow::MainWindow(AppState *app, QWidget *parent) : QMainWindow(parent), m_
     connect(m_results, &ResultsView::focusSearchRequested, this, [this] {
         m_search->field()->setFocus();
     });
+    connect(app, &AppState::promptCopied, this, [this](const QString &message) {
+        m_status->showMessage(message, 5000);
+    });
     connect(app, &AppState::activeTabIdChanged, this, &MainWindow::followActiveState);
     connect(app, &AppState::tabsChanged, this, &MainWindow::followActiveState);
     followActiveState();
 
     auto *frame = new WindowFrame(this, QStringLiteral("TarnwickMainWindow"));
-    frame->restore();
+    if (!frame->restore()) {
+        fitOnScreen(this, nullptr); // the default size on a small screen
+    }
 }
 
 MainWindow::~MainWindow() = default;
@@ -186,7 +201,9 @@ void MainWindow::buildActions()
                        const QKeySequence &key,
                        const QString &icon,
                        auto slot) {
-        auto *action = new QAction(themedIcon(icon.split(QLatin1Char('|'))), text, this);
+        const QIcon themed = themedIcon(icon.split(QLatin1Char('|')));
+        auto *action = new QAction(themed, text, this);
+        m_sourceIcons.insert(action, themed);
         action->setObjectName(name);
         action->setShortcut(key);
         action->setShortcutContext(Qt::WindowShortcut);
@@ -219,9 +236,7 @@ void MainWindow::buildActions()
                             QKeySequence(QStringLiteral("Ctrl+Shift+R")),
                             QStringLiteral("view-refresh"),
                             [this] {
-                                if (m_app) {
-                                    m_app->reindexActive();
-                                }
+                                confirmReindex();
                             });
     QAction *scope = make(QStringLiteral("fileScopeAction"),
                           tr("Show File Scope"),
@@ -306,6 +321,8 @@ void MainWindow::buildActions()
                      .arg(QApplication::applicationVersion()));
          });
     m_tabActions = {close, reindex, scope, copy};
+
+    tintIcons();
 
     auto *toolbar = addToolBar(tr("Main Toolbar"));
     toolbar->setObjectName(QStringLiteral("mainToolbar"));
@@ -425,6 +442,39 @@ void MainWindow::syncWindow()
     }
 }
 
+QString MainWindow::reindexQuestion(const QString &name, const DirectoryState &state)
+{
+    const TrnStats stats = state.stats();
+    QString text = tr("The index of \u201c%1\u201d (%2 chunks from %3 files) is discarded and "
+                      "built again from the files.")
+                       .arg(name)
+                       .arg(stats.chunk_count)
+                       .arg(stats.file_count);
+    const double seconds = state.reindexEstimateSeconds();
+    if (seconds > 0) {
+        text += tr(" At the speed of the last indexing that takes about %1.")
+                    .arg(DirectoryState::durationText(seconds));
+    } else {
+        text += tr(" No indexing speed has been measured yet; the status bar shows the time left "
+                   "once it runs.");
+    }
+    text += tr(" Until it is done, searches find only what has been indexed again.");
+    return text;
+}
+
+void MainWindow::confirmReindex()
+{
+    const std::optional<DirectoryTab> tab = m_app ? m_app->activeTab() : std::nullopt;
+    DirectoryState *state = m_app ? m_app->activeState() : nullptr;
+    if (!tab || !state || state->isIngesting()) {
+        return;
+    }
+    if (m_confirmer(this, tr("Re-index %1?").arg(tab->name), reindexQuestion(tab->name, *state))
+        && m_app && m_app->activeState() == state) {
+        m_app->reindexActive();
+    }
+}
+
 void MainWindow::openDirectory()
 {
     const QStringList paths = m_chooser(this);
@@ -444,9 +494,7 @@ void MainWindow::showFileScope()
         m_fileScope = new FileScopeWindow(this);
     }
     m_fileScope->setState(state);
-    m_fileScope->show();
-    m_fileScope->raise();
-    m_fileScope->activateWindow();
+    showOnScreen(m_fileScope, this);
 }
 
 void MainWindow::showSettings()
@@ -454,9 +502,7 @@ void MainWindow::showSettings()
     if (!m_settings) {
         m_settings = new SettingsWindow(nullptr, nullptr, this);
     }
-    m_settings->show();
-    m_settings->raise();
-    m_settings->activateWindow();
+    showOnScreen(m_settings, this);
 }
 
 void MainWindow::showHelp()
@@ -465,9 +511,22 @@ void MainWindow::showHelp()
         m_help = new HelpWindow(this);
     }
     m_help->showPage(QStringLiteral("index.html"));
-    m_help->show();
-    m_help->raise();
-    m_help->activateWindow();
+    showOnScreen(m_help, this);
+}
+
+void MainWindow::tintIcons()
+{
+    for (auto it = m_sourceIcons.cbegin(); it != m_sourceIcons.cend(); ++it) {
+        it.key()->setIcon(paletteIcon(it.value(), palette()));
+    }
+}
+
+void MainWindow::changeEvent(QEvent *event)
+{
+    if (event->type() == QEvent::PaletteChange) {
+        tintIcons();
+    }
+    QMainWindow::changeEvent(event);
 }
 
 void MainWindow::dragEnterEvent(QDragEnterEvent *event)

@@ -20,6 +20,8 @@
 #include "help_window.h"
 #include "settings_window.h"
 
+#include <QHash>
+#include <QIcon>
 #include <QMainWindow>
 #include <QPointer>
 
@@ -40,6 +42,9 @@ class MainWindow : public QMainWindow
 
 public:
     using DirectoryChooser = std::function<QStringList(QWidget *parent)>;
+    // Asks the user to confirm (title, text); true to go ahead.
+    using Confirmer =
+        std::function<bool(QWidget *parent, const QString &title, const QString &text)>;
 
     explicit MainWindow(AppState *app, QWidget *parent = nullptr);
     ~MainWindow() override;
@@ -59,6 +64,14 @@ public:
 
     // Replaces the folder chooser of "Open Directory…" (tests).
     void setDirectoryChooser(DirectoryChooser chooser) { m_chooser = std::move(chooser); }
+    // Replaces the question "Re-index ...?" (tests).
+    void setConfirmer(Confirmer confirmer) { m_confirmer = std::move(confirmer); }
+
+    // "Re-index": asks first, with the time the last indexing speed predicts, then re-indexes
+    // the active tab.
+    void confirmReindex();
+    // The question confirmReindex asks for a tab of that name and state.
+    static QString reindexQuestion(const QString &name, const DirectoryState &state);
 
     void openDirectory();
     void showFileScope();
@@ -70,6 +83,7 @@ public:
     HelpWindow *helpWindow() const { return m_help; }
 
 protected:
+    void changeEvent(QEvent *event) override;
     void dragEnterEvent(QDragEnterEvent *event) override;
     void dropEvent(QDropEvent *event) override;
 
@@ -81,11 +95,13 @@ private:
     void followActiveState();
     void syncFooter();
     void syncWindow();
+    void tintIcons();
 
     QPointer<AppState> m_app;
     QPointer<DirectoryState> m_state;
     QObject *m_stateLink = nullptr;
     DirectoryChooser m_chooser;
+    Confirmer m_confirmer;
     TabStrip *m_tabs;
     SearchBar *m_search;
     QStackedWidget *m_pages;
@@ -96,7 +112,8 @@ private:
     QPointer<FileScopeWindow> m_fileScope;
     QPointer<SettingsWindow> m_settings;
     QPointer<HelpWindow> m_help;
-    QList<QAction *> m_tabActions; // enabled only while a tab is open
+    QList<QAction *> m_tabActions;         // enabled only while a tab is open
+    QHash<QAction *, QIcon> m_sourceIcons; // the theme's icons, before tintIcons()
 };
 
 #endif

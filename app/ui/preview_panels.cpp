@@ -17,6 +17,7 @@
 #include <QPdfDocument>
 #include <QPdfPageNavigator>
 #include <QPdfView>
+#include <QRegularExpression>
 #include <QScreen>
 #include <QScrollBar>
 #include <QStringDecoder>
@@ -103,28 +104,46 @@ PreviewPanel::PreviewPanel(const QString &autosaveName, const QSize &size, const
 
 void PreviewPanel::present()
 {
+    QWidget *anchor = anchorWindow();
     if (!m_placed) {
         m_placed = true;
-        if (!m_frame->restore()) {
-            // First use: to the right of the main window when the screen has room, else to its
-            // left, else over its right edge.
-            if (QWidget *anchor = anchorWindow()) {
-                const QRect main = anchor->frameGeometry();
-                const QScreen *screen = anchor->screen();
-                const QRect avail = screen ? screen->availableGeometry() : QRect();
-                QPoint at(main.right() + 12, main.top() + 40);
-                if (avail.isValid() && at.x() + width() > avail.right()) {
-                    at.setX(main.left() - width() - 12);
-                    if (at.x() < avail.left()) {
-                        at.setX(qMax(avail.left(), main.right() - width() - 24));
-                    }
-                }
-                move(at);
-            }
+        if (!m_frame->restore() && anchor) {
+            placeBeside(anchor);
         }
     }
+    fitOnScreen(this, anchor);
     show();
     raise();
+}
+
+void PreviewPanel::placeBeside(QWidget *anchor)
+{
+    const QMargins margins = frameMargins(this, anchor);
+    const QMargins anchorMargins = frameMargins(anchor, nullptr);
+    const QRect main = anchor->frameGeometry();
+    // The panel's top is level with the search bar, the first row it must leave uncovered.
+    QRect results = main;
+    if (const QWidget *bar = anchor->findChild<QWidget *>(QStringLiteral("searchBar"))) {
+        results = QRect(bar->mapToGlobal(QPoint(0, 0)), bar->size());
+    }
+    QRect mainFrame;
+    const QRect panel =
+        previewPlacement(main,
+                         results,
+                         availableArea(this, anchor),
+                         size().grownBy(margins),
+                         minimumSize().grownBy(margins),
+                         anchor->minimumWidth() + anchorMargins.left() + anchorMargins.right(),
+                         &mainFrame);
+    if (mainFrame != main) {
+        if (anchor->windowState() & (Qt::WindowMaximized | Qt::WindowFullScreen)) {
+            anchor->showNormal();
+        }
+        anchor->resize(mainFrame.size().shrunkBy(anchorMargins));
+        anchor->move(mainFrame.topLeft());
+    }
+    resize(panel.size().shrunkBy(margins));
+    move(panel.topLeft());
 }
 
 // ---- context panel ----
@@ -378,7 +397,40 @@ DocumentPanel::DocumentPanel(Kind kind)
     layout->addWidget(m_browser);
 }
 
-bool DocumentPanel::showDocument(const QString &path)
+QString DocumentPanel::renderedFragment(const QString &sourceLine, Kind kind)
+{
+    QString text = sourceLine;
+    if (kind == Kind::Html) {
+        static const QRegularExpression tag(QStringLiteral("<[^>]*>"));
+        text.replace(tag, QStringLiteral(" "));
+        const std::pair<const char *, const char *> entities[] = {{"&lt;", "<"},
+                                                                  {"&gt;", ">"},
+                                                                  {"&quot;", "\""},
+                                                                  {"&#39;", "'"},
+                                                                  {"&nbsp;", " "},
+                                                                  {"&amp;", "&"}};
+        for (const auto &[entity, character] : entities) {
+            text.replace(QLatin1String(entity), QLatin1String(character));
+        }
+    } else {
+        // Block marks at the start (headings, quotes, list bullets and numbers), links reduced
+        // to their text, and the inline emphasis and code marks.
+        static const QRegularExpression block(QStringLiteral("^\\s*([#>]+|[-*+]|\\d+[.)])\\s+"));
+        static const QRegularExpression link(QStringLiteral("!?\\[([^\\]]*)\\]\\([^)]*\\)"));
+        static const QRegularExpression marks(QStringLiteral("[*_`]+"));
+        text.replace(block, QString());
+        text.replace(link, QStringLiteral("\\1"));
+        text.replace(marks, QString());
+    }
+    text = text.simplified();
+    if (text.size() > 48) {
+        const qsizetype space = text.lastIndexOf(QLatin1Char(' '), 48);
+        text.truncate(space > 16 ? space : 48);
+    }
+    return text.size() >= 4 ? text : QString();
+}
+
+bool DocumentPanel::showDocument(const QString &path, int lineNumber)
 {
     QFileInfo info(path);
     if (path.isEmpty() || !info.isFile() || !info.isReadable()) {
@@ -388,9 +440,47 @@ bool DocumentPanel::showDocument(const QString &path)
     m_browser->setSource(QUrl::fromLocalFile(info.absoluteFilePath()),
                          m_kind == Kind::Html ? QTextDocument::HtmlResource
                                               : QTextDocument::MarkdownResource);
-    setWindowTitle(info.fileName());
+    setWindowTitle(info.fileName() + QStringLiteral(" \u2014 line ") + QString::number(lineNumber));
     present();
+    // After the layout of the new document, on the next turn of the event loop.
+    QPointer<DocumentPanel> self(this);
+    QTimer::singleShot(0, this, [self, lineNumber] {
+        if (self) {
+            self->scrollToSourceLine(lineNumber);
+        }
+    });
     return true;
+}
+
+void DocumentPanel::scrollToSourceLine(int lineNumber)
+{
+    const std::optional<QString> source = readUtf8(m_filePath);
+    if (!source) {
+        return;
+    }
+    const QStringList lines = source->split(QLatin1Char('\n'));
+    QTextDocument *document = m_browser->document();
+    QScrollBar *bar = m_browser->verticalScrollBar();
+    const int first = qBound(0, lineNumber - 1, qMax(0, int(lines.size()) - 1));
+    // The first line from the hit on whose text shows in the rendered document (markup-only
+    // lines such as "<div>" or "---" show nothing).
+    for (int i = first; i < lines.size() && i < first + 40; i++) {
+        const QString fragment = renderedFragment(lines.at(i), m_kind);
+        if (fragment.isEmpty()) {
+            continue;
+        }
+        const QTextCursor found = document->find(fragment);
+        if (found.isNull()) {
+            continue;
+        }
+        const QRectF block = document->documentLayout()->blockBoundingRect(found.block());
+        bar->setValue(qMax(0, int(block.top()) - m_browser->viewport()->height() / 3));
+        m_hitLine = i + 1;
+        return;
+    }
+    // Nothing recognisable: the same fraction of the way down as the line is in the file.
+    m_hitLine = 0;
+    bar->setValue(int(double(first) / qMax(1, int(lines.size())) * bar->maximum()));
 }
 
 void previewResult(const SearchResult &result, const QString &query, SearchMode mode)
@@ -403,10 +493,12 @@ void previewResult(const SearchResult &result, const QString &query, SearchMode 
         break;
     }
     case FileCategory::Html:
-        DocumentPanel::shared(DocumentPanel::Kind::Html)->showDocument(result.filePath);
+        DocumentPanel::shared(DocumentPanel::Kind::Html)
+            ->showDocument(result.filePath, result.lineNumber);
         break;
     case FileCategory::Markdown:
-        DocumentPanel::shared(DocumentPanel::Kind::Markdown)->showDocument(result.filePath);
+        DocumentPanel::shared(DocumentPanel::Kind::Markdown)
+            ->showDocument(result.filePath, result.lineNumber);
         break;
     case FileCategory::Plain:
         ContextPanel::shared()->showFile(result.filePath, result.lineNumber, query, mode);

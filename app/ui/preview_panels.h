@@ -51,10 +51,13 @@ public:
                  bool onTop);
 
     // Shows the panel without taking the focus: at its remembered frame, or on first use beside
-    // the application's main window.
+    // the application's main window (previewPlacement in window_frames.h), always wholly on the
+    // main window's screen.
     void present();
 
 private:
+    void placeBeside(QWidget *anchor);
+
     WindowFrame *m_frame;
     bool m_placed = false;
 };
@@ -133,14 +136,23 @@ public:
     // One shared panel per kind.
     static DocumentPanel *shared(Kind kind);
     static DocumentPanel *existing(Kind kind);
-    // Renders the file; false when it cannot be read.
-    bool showDocument(const QString &path);
+    // Renders the file and scrolls the text of source line lineNumber a third of the way down;
+    // false when the file cannot be read.
+    bool showDocument(const QString &path, int lineNumber = 1);
     QTextBrowser *browser() const { return m_browser; }
     QString filePath() const { return m_filePath; }
+    // The source line whose rendered text the view was scrolled to; 0 when none was found and the
+    // view was scrolled in proportion.
+    int hitLine() const { return m_hitLine; }
+    // The first words of a source line as the rendered document shows them (markup removed), or
+    // "" when the line shows nothing distinctive.
+    static QString renderedFragment(const QString &sourceLine, Kind kind);
 
 private:
     explicit DocumentPanel(Kind kind);
+    void scrollToSourceLine(int lineNumber);
     Kind m_kind;
+    int m_hitLine = 0;
     QTextBrowser *m_browser;
     QString m_filePath;
 };

@@ -305,6 +305,7 @@ void ResultsView::setState(DirectoryState *state)
         connect(state, &DirectoryState::searchFinished, m_stateLink, repaint);
         connect(state, &DirectoryState::isSearchingChanged, m_stateLink, repaint);
         connect(state, &DirectoryState::isIngestingChanged, m_stateLink, repaint);
+        connect(state, &DirectoryState::queryErrorChanged, m_stateLink, repaint);
         connect(state, &DirectoryState::displayResultsChanged, m_stateLink, [this] {
             // The rows were replaced; a pending hover would preview another result.
             m_hoverTimer.stop();
@@ -338,7 +339,7 @@ SearchResult ResultsView::resultAt(int row) const
 void ResultsView::openResult(const QModelIndex &index)
 {
     if (index.isValid() && m_state) {
-        TarnwickEngine::openResult(resultAt(index.row()));
+        m_state->openResult(resultAt(index.row()));
     }
 }
 
@@ -467,6 +468,10 @@ void ResultsView::paintEvent(QPaintEvent *event)
     const QString name = QFileInfo(m_state->directoryPath()).fileName();
     if (m_state->isSearching()) {
         title = tr("Searching\u2026");
+    } else if (!m_state->queryError().isEmpty()) {
+        title = tr("The query was not run");
+        detail = tr("Correct it as the message under the search field says, or choose Text to "
+                    "search for it as written.");
     } else if (!m_state->lastQuery().isEmpty()) {
         title = tr("No results for \u201c%1\u201d").arg(m_state->lastQuery());
         detail = tr("Try other words, or another search mode.");

@@ -13,18 +13,30 @@
 #include <QFileInfo>
 #include <QHBoxLayout>
 #include <QKeyEvent>
+#include <QLabel>
 #include <QLineEdit>
 #include <QMenu>
 #include <QPushButton>
 #include <QToolButton>
-#include <QToolTip>
+#include <QVBoxLayout>
 
 SearchBar::SearchBar(AppState *app, QWidget *parent) : QWidget(parent), m_app(app)
 {
     setObjectName(QStringLiteral("searchBar"));
-    auto *layout = new QHBoxLayout(this);
-    layout->setContentsMargins(10, 8, 10, 8);
+    // The row of controls, and under it the reason a query could not run.
+    auto *column = new QVBoxLayout(this);
+    column->setContentsMargins(10, 8, 10, 8);
+    column->setSpacing(4);
+    auto *layout = new QHBoxLayout();
+    layout->setContentsMargins(0, 0, 0, 0);
     layout->setSpacing(8);
+    column->addLayout(layout);
+    m_error = new QLabel(this);
+    m_error->setObjectName(QStringLiteral("queryErrorLabel"));
+    m_error->setWordWrap(true);
+    m_error->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    m_error->hide();
+    column->addWidget(m_error);
 
     m_field = new QLineEdit(this);
     m_field->setObjectName(QStringLiteral("searchField"));
@@ -116,9 +128,6 @@ SearchBar::SearchBar(AppState *app, QWidget *parent) : QWidget(parent), m_app(ap
         connect(action, &QAction::triggered, this, [this, scope] {
             if (m_app && m_app->activeState()) {
                 m_app->copyPrompt(scope);
-                QToolTip::showText(m_copyButton->mapToGlobal(QPoint(0, m_copyButton->height())),
-                                   tr("Prompt copied to the clipboard"),
-                                   m_copyButton);
             }
         });
     }
@@ -139,7 +148,43 @@ SearchBar::SearchBar(AppState *app, QWidget *parent) : QWidget(parent), m_app(ap
     connect(app, &AppState::searchModeChanged, this, &SearchBar::syncFromModel);
     connect(app, &AppState::activeTabIdChanged, this, &SearchBar::syncFromModel);
     connect(app, &AppState::tabsChanged, this, &SearchBar::syncFromModel);
+    connect(app, &AppState::activeTabIdChanged, this, &SearchBar::followActiveState);
+    connect(app, &AppState::tabsChanged, this, &SearchBar::followActiveState);
     syncFromModel();
+    followActiveState();
+}
+
+void SearchBar::followActiveState()
+{
+    DirectoryState *state = m_app ? m_app->activeState() : nullptr;
+    if (state == m_state && (state || !m_stateLink)) {
+        return;
+    }
+    delete m_stateLink;
+    m_stateLink = nullptr;
+    m_state = state;
+    if (state) {
+        m_stateLink = new QObject(this);
+        connect(state, &DirectoryState::queryErrorChanged, m_stateLink, [this] {
+            syncError();
+        });
+    }
+    syncError();
+}
+
+void SearchBar::syncError()
+{
+    const QString error = m_state ? m_state->queryError() : QString();
+    m_error->setText(error);
+    m_error->setVisible(!error.isEmpty());
+    styleError();
+}
+
+void SearchBar::styleError()
+{
+    // A red that reads on both a light and a dark window.
+    const bool dark = palette().color(QPalette::Window).lightness() < 128;
+    m_error->setStyleSheet(QStringLiteral("color: %1;").arg(dark ? "#ff8a80" : "#c62828"));
 }
 
 void SearchBar::stylePicker()
@@ -172,6 +217,7 @@ void SearchBar::changeEvent(QEvent *event)
 {
     if (event->type() == QEvent::PaletteChange && m_picker) {
         stylePicker();
+        styleError();
     }
     QWidget::changeEvent(event);
 }
@@ -218,8 +264,11 @@ void SearchBar::fillHistoryMenu()
         connect(action, &QAction::triggered, this, [this, query, chosen] {
             if (m_app) {
                 m_app->setQuery(query);
-                m_app->setSearchMode(chosen);
-                m_app->performSearch();
+                if (m_app->searchMode() != chosen) {
+                    m_app->setSearchMode(chosen); // runs the search in the new mode
+                } else {
+                    m_app->performSearch();
+                }
             }
         });
     }

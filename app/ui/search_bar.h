@@ -4,12 +4,14 @@
 ** "Regex", and the copy button whose menu "Results to include in prompt" copies the prompt for
 ** one of the three scopes.
 **
-** The field and the picker mirror AppState's query and searchMode both ways.
+** The field and the picker mirror AppState's query and searchMode both ways. Under the field, the
+** active tab's queryError says why a query could not run.
 */
 #ifndef TRN_UI_SEARCH_BAR_H
 #define TRN_UI_SEARCH_BAR_H
 
 #include "app_state.h"
+#include "directory_state.h"
 #include "tarnwick_engine.h"
 
 #include <QPointer>
@@ -18,6 +20,7 @@
 class QAbstractButton;
 class QAction;
 class QButtonGroup;
+class QLabel;
 class QLineEdit;
 class QMenu;
 class QPushButton;
@@ -32,6 +35,7 @@ public:
     QLineEdit *field() const { return m_field; }
     QPushButton *copyButton() const { return m_copyButton; }
     QAbstractButton *modeButton(SearchMode mode) const;
+    QLabel *errorLabel() const { return m_error; }
 
 signals:
     // Down was pressed in the field: the results list should take the focus.
@@ -45,6 +49,9 @@ private:
     void syncFromModel();
     void fillHistoryMenu();
     void stylePicker();
+    void followActiveState();
+    void syncError();
+    void styleError();
 
     QPointer<AppState> m_app;
     QLineEdit *m_field;
@@ -53,6 +60,9 @@ private:
     QWidget *m_picker = nullptr;
     QButtonGroup *m_modes;
     QPushButton *m_copyButton;
+    QLabel *m_error;
+    QPointer<DirectoryState> m_state;
+    QObject *m_stateLink = nullptr; // context of the connections to m_state
 };
 
 #endif

@@ -6,6 +6,7 @@
 #include "icons.h"
 #include "loss_chart_window.h"
 #include "profile_dialog.h"
+#include "result_opener.h"
 #include "settings.h"
 #include "training_manager.h"
 #include "window_frames.h"
@@ -177,7 +178,7 @@ SettingsWindow::SettingsWindow(Settings *settings, TrainingManager *manager, QWi
     setObjectName(QStringLiteral("settingsWindow"));
     setAttribute(Qt::WA_QuitOnClose, false);
     setWindowTitle(tr("Tarnwick Settings"));
-    resize(720, 560);
+    resize(720, 680);
     setMinimumSize(600, 440);
 
     auto *layout = new QVBoxLayout(this);
@@ -185,8 +186,14 @@ SettingsWindow::SettingsWindow(Settings *settings, TrainingManager *manager, QWi
     m_tabs = new QTabWidget(this);
     m_tabs->setObjectName(QStringLiteral("settingsTabs"));
     m_tabs->setDocumentMode(false);
-    m_tabs->addTab(
-        buildGeneralPage(), themedIcon(QStringLiteral("preferences-system")), tr("General"));
+    // The general page scrolls rather than squeezes its fields on a short screen.
+    auto *general = new QScrollArea(m_tabs);
+    general->setObjectName(QStringLiteral("generalScroll"));
+    general->setWidgetResizable(true);
+    general->setFrameShape(QFrame::NoFrame);
+    general->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+    general->setWidget(buildGeneralPage());
+    m_tabs->addTab(general, themedIcon(QStringLiteral("preferences-system")), tr("General"));
     m_tabs->addTab(
         buildTrainingPage(), themedIcon(QStringLiteral("system-run")), tr("Encoder Training"));
     layout->addWidget(m_tabs);
@@ -197,6 +204,7 @@ SettingsWindow::SettingsWindow(Settings *settings, TrainingManager *manager, QWi
     connect(m_settings, &Settings::extraExtensionsChanged, this, &SettingsWindow::syncGeneral);
     connect(m_settings, &Settings::hoverPreviewChanged, this, &SettingsWindow::syncGeneral);
     connect(m_settings, &Settings::previewOnTopChanged, this, &SettingsWindow::syncGeneral);
+    connect(m_settings, &Settings::openTextFilesWithChanged, this, &SettingsWindow::syncGeneral);
     connect(m_manager, &TrainingManager::profilesChanged, this, &SettingsWindow::syncProfiles);
     connect(
         m_manager, &TrainingManager::defaultProfileIdChanged, this, &SettingsWindow::syncProfiles);
@@ -207,7 +215,7 @@ SettingsWindow::SettingsWindow(Settings *settings, TrainingManager *manager, QWi
     syncProfiles();
 
     auto *frame = new WindowFrame(this, QStringLiteral("TarnwickSettingsWindow"));
-    frame->restore();
+    frame->restore(); // only when it fits; showOnScreen places it otherwise
 }
 
 QWidget *SettingsWindow::buildGeneralPage()
@@ -256,13 +264,44 @@ QWidget *SettingsWindow::buildGeneralPage()
     m_overlap->setSuffix(tr(" characters"));
     m_overlap->setMinimumWidth(160);
     indexForm->addRow(tr("Overlap:"), m_overlap);
-    connect(m_chunkSize, &QSpinBox::valueChanged, this, [this](int value) {
-        m_settings->setChunkSize(value);
+    m_chunkingProblem = new QLabel(indexing);
+    m_chunkingProblem->setObjectName(QStringLiteral("chunkingProblemLabel"));
+    m_chunkingProblem->setWordWrap(true);
+    m_chunkingProblem->hide();
+    indexForm->addRow(QString(), m_chunkingProblem);
+    // The two values are saved together, and only as a pair that can cut a text into chunks.
+    connect(m_chunkSize, &QSpinBox::valueChanged, this, [this] {
+        applyChunking();
     });
-    connect(m_overlap, &QSpinBox::valueChanged, this, [this](int value) {
-        m_settings->setOverlap(value);
+    connect(m_overlap, &QSpinBox::valueChanged, this, [this] {
+        applyChunking();
     });
     layout->addWidget(indexing);
+
+    auto *opening = new QGroupBox(tr("Opening Results"), page);
+    auto *openForm = new QFormLayout(opening);
+    openForm->setVerticalSpacing(6);
+    m_editor = new QComboBox(opening);
+    m_editor->setObjectName(QStringLiteral("editorPicker"));
+    for (const EditorPreset &preset : editorPresets()) {
+        m_editor->addItem(preset.label, preset.key);
+    }
+    m_editor->setMinimumWidth(200);
+    openForm->addRow(tr("Open text files with:"), m_editor);
+    m_editorCommand = new QLineEdit(opening);
+    m_editorCommand->setObjectName(QStringLiteral("editorCommandField"));
+    m_editorCommand->setPlaceholderText(tr("e.g. subl {file}:{line}"));
+    openForm->addRow(tr("Command:"), m_editorCommand);
+    m_editorHelp = helpLabel(QString(), opening);
+    openForm->addRow(QString(), m_editorHelp);
+    connect(m_editor, &QComboBox::activated, this, [this](int index) {
+        m_settings->setOpenTextFilesWith(m_editor->itemData(index).toString());
+    });
+    connect(m_editorCommand, &QLineEdit::textEdited, this, [this](const QString &text) {
+        m_settings->setEditorCommand(text);
+        syncEditorHelp();
+    });
+    layout->addWidget(opening);
 
     auto *types = new QGroupBox(tr("Additional File Types"), page);
     auto *typesLayout = new QVBoxLayout(types);
@@ -371,6 +410,81 @@ void SettingsWindow::syncGeneral()
     }
     m_hoverPreview->setChecked(m_settings->hoverPreview());
     m_previewOnTop->setChecked(m_settings->previewOnTop());
+    const int editor = m_editor->findData(m_settings->openTextFilesWith());
+    m_editor->setCurrentIndex(editor >= 0 ? editor : 0);
+    syncEditorHelp();
+    syncChunkingProblem();
+}
+
+QString SettingsWindow::chunkingProblem(int chunkSize, int overlap)
+{
+    if (overlap >= chunkSize) {
+        return tr("The overlap must be smaller than the chunk size (%1 characters): each chunk "
+                  "starts chunk size minus overlap characters after the one before. Not saved.")
+            .arg(chunkSize);
+    }
+    return QString();
+}
+
+void SettingsWindow::applyChunking()
+{
+    const int chunkSize = m_chunkSize->value();
+    const int overlap = m_overlap->value();
+    if (chunkingProblem(chunkSize, overlap).isEmpty()) {
+        m_settings->setChunkSize(chunkSize);
+        m_settings->setOverlap(overlap);
+    }
+    syncChunkingProblem();
+}
+
+void SettingsWindow::syncChunkingProblem()
+{
+    const QString problem = chunkingProblem(m_chunkSize->value(), m_overlap->value());
+    m_chunkingProblem->setText(problem);
+    m_chunkingProblem->setVisible(!problem.isEmpty());
+    const bool dark = palette().color(QPalette::Window).lightness() < 128;
+    const QString red = dark ? QStringLiteral("#ff8a80") : QStringLiteral("#c62828");
+    m_chunkingProblem->setStyleSheet(QStringLiteral("color: %1;").arg(red));
+    const QString fieldStyle = problem.isEmpty()
+                                   ? QString()
+                                   : QStringLiteral("QSpinBox { border: 1px solid %1; }").arg(red);
+    m_chunkSize->setStyleSheet(fieldStyle);
+    m_overlap->setStyleSheet(fieldStyle);
+    m_chunkSize->setToolTip(problem);
+    m_overlap->setToolTip(problem);
+}
+
+void SettingsWindow::syncEditorHelp()
+{
+    const QString key = m_editor->currentData().toString();
+    const std::optional<EditorPreset> preset = editorPreset(key);
+    const bool custom = key == QLatin1String("custom");
+    {
+        const QSignalBlocker block(m_editorCommand);
+        const QString shown =
+            custom ? m_settings->editorCommand() : (preset ? preset->command : QString());
+        if (m_editorCommand->text() != shown) {
+            m_editorCommand->setText(shown);
+        }
+    }
+    m_editorCommand->setReadOnly(!custom);
+    m_editorCommand->setEnabled(custom || (preset && !preset->command.isEmpty()));
+    QString help;
+    if (key == QLatin1String("system")) {
+        help = tr("Uses the editor link when an application handles it, otherwise opens the "
+                  "file with the desktop's default application (without the line).");
+    } else if (custom) {
+        help = tr("{file} and {line} are replaced by the result's path and line. The command "
+                  "runs directly, not through a shell; quote arguments with ' or \".");
+        if (!m_editorCommand->text().trimmed().isEmpty()
+            && !editorArguments(m_editorCommand->text(), QStringLiteral("f"), 1)) {
+            help = tr("This command has an unclosed quote.");
+        }
+    } else {
+        help = tr("Opens at the result's line. If the program is missing, the file opens with "
+                  "the default application instead.");
+    }
+    m_editorHelp->setText(help);
 }
 
 QList<ProfileRow *> SettingsWindow::profileRows() const
@@ -487,6 +601,7 @@ void SettingsWindow::openProfilePanel(const QUuid &id)
         }
     });
     dialog->open();
+    fitOnceShown(dialog, anchorWindow());
 }
 
 void SettingsWindow::confirmDelete(const QUuid &id)
@@ -513,6 +628,7 @@ void SettingsWindow::confirmDelete(const QUuid &id)
         }
     });
     m_confirmation->open();
+    fitOnceShown(m_confirmation, anchorWindow());
 }
 
 LossChartWindow *SettingsWindow::lossChart(const QUuid &id) const
@@ -524,6 +640,11 @@ LossChartWindow *SettingsWindow::lossChart(const QUuid &id) const
         }
     }
     return nullptr;
+}
+
+QWidget *SettingsWindow::anchorWindow()
+{
+    return parentWidget() ? parentWidget()->window() : this;
 }
 
 void SettingsWindow::showLossChart(const QUuid &id)
@@ -539,6 +660,5 @@ void SettingsWindow::showLossChart(const QUuid &id)
     chart->setAttribute(Qt::WA_DeleteOnClose);
     m_charts.removeAll(nullptr);
     m_charts.append(chart);
-    chart->show();
-    chart->raise();
+    showOnScreen(chart, anchorWindow());
 }

@@ -93,6 +93,14 @@ public:
     void showLossChart(const QUuid &id);
 
 private:
+    // Why a chunk size and overlap cannot be used together; empty when they can.
+    static QString chunkingProblem(int chunkSize, int overlap);
+    void applyChunking();
+    void syncChunkingProblem();
+    void syncEditorHelp();
+    // The window whose screen the settings' own windows open on: the main window when there is
+    // one.
+    QWidget *anchorWindow();
     QWidget *buildGeneralPage();
     QWidget *buildTrainingPage();
     void syncGeneral();
@@ -105,6 +113,10 @@ private:
     QComboBox *m_appearance;
     QSpinBox *m_chunkSize;
     QSpinBox *m_overlap;
+    QLabel *m_chunkingProblem;
+    QComboBox *m_editor;
+    QLineEdit *m_editorCommand;
+    QLabel *m_editorHelp;
     QLineEdit *m_extensions;
     QCheckBox *m_hoverPreview;
     QCheckBox *m_previewOnTop;

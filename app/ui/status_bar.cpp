@@ -9,6 +9,7 @@
 #include "training_manager.h"
 
 #include <QComboBox>
+#include <QEvent>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QProgressBar>
@@ -70,15 +71,12 @@ StatusBarView::StatusBarView(AppState *app, QWidget *parent) : QStatusBar(parent
     m_reindex->setText(tr("Re-index directory"));
     m_reindex->setToolTip(tr("Re-index directory (Ctrl+Shift+R)"));
     const QIcon refresh = themedIcon(QStringLiteral("view-refresh"), QStyle::SP_BrowserReload);
-    m_reindex->setIcon(refresh);
+    m_reindexIcon = refresh;
+    m_reindex->setIcon(paletteIcon(refresh, palette()));
     m_reindex->setToolButtonStyle(refresh.isNull() ? Qt::ToolButtonTextOnly
                                                    : Qt::ToolButtonIconOnly);
     m_reindex->setAutoRaise(true);
-    connect(m_reindex, &QToolButton::clicked, this, [this] {
-        if (m_app) {
-            m_app->reindexActive();
-        }
-    });
+    connect(m_reindex, &QToolButton::clicked, this, &StatusBarView::reindexRequested);
     addPermanentWidget(m_reindex);
 
     TrainingManager *manager = TrainingManager::shared();
@@ -92,11 +90,22 @@ StatusBarView::StatusBarView(AppState *app, QWidget *parent) : QStatusBar(parent
     setState(app->activeState());
 }
 
+void StatusBarView::changeEvent(QEvent *event)
+{
+    if (event->type() == QEvent::PaletteChange) {
+        m_reindex->setIcon(paletteIcon(m_reindexIcon, palette()));
+    }
+    QStatusBar::changeEvent(event);
+}
+
 void StatusBarView::setState(DirectoryState *state)
 {
-    if (state == m_state && (state || !m_stateLink)) {
+    // The first call always runs: it hides the branch, encoder and re-index widgets of an empty
+    // window.
+    if (m_synced && state == m_state && (state || !m_stateLink)) {
         return;
     }
+    m_synced = true;
     delete m_stateLink;
     m_stateLink = nullptr;
     m_state = state;

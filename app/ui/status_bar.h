@@ -2,7 +2,8 @@
 ** status_bar.h -- the main window's status bar for the active tab: its status text, indexing
 ** progress (files done of files found), git branch, the encoder picker ("Default", or "Built-in"
 ** when no trained profile is the default and the built-in encoder is there, then every trained
-** profile) and the "Re-index directory" button.
+** profile) and the "Re-index directory" button, which asks the main window to confirm
+** (reindexRequested).
 */
 #ifndef TRN_UI_STATUS_BAR_H
 #define TRN_UI_STATUS_BAR_H
@@ -10,6 +11,7 @@
 #include "app_state.h"
 #include "directory_state.h"
 
+#include <QIcon>
 #include <QPointer>
 #include <QStatusBar>
 
@@ -31,6 +33,13 @@ public:
     QComboBox *encoderPicker() const { return m_encoder; }
     QToolButton *reindexButton() const { return m_reindex; }
 
+protected:
+    void changeEvent(QEvent *event) override;
+
+signals:
+    // "Re-index directory" was pressed.
+    void reindexRequested();
+
 private:
     void setState(DirectoryState *state);
     void syncStatus();
@@ -47,6 +56,8 @@ private:
     QLabel *m_branch;
     QComboBox *m_encoder;
     QToolButton *m_reindex;
+    QIcon m_reindexIcon;   // the theme's, drawn in the palette's colour on the button
+    bool m_synced = false; // setState has shown the widgets for a state (or for none)
 };
 
 #endif

@@ -1,16 +1,25 @@
 /*
-** window_frames.h -- window positions and sizes kept between runs.
+** window_frames.h -- window positions and sizes kept between runs, and windows that fit the
+** screen.
 **
 ** Each window is saved under its autosave name ("TarnwickContextPanel", "TarnwickPDFPanel", ...)
 ** as the bytes of QWidget::saveGeometry(), through the model's Settings (the views never open
 ** QSettings themselves). A window is saved when it is hidden or moved or resized and restored
-** once, before it is first shown; unreadable bytes leave the window where the caller put it.
+** once, before it is first shown. A saved frame is restored only when it lies wholly within the
+** available area of a screen (a monitor unplugged since, a smaller resolution); unreadable bytes
+** or a frame that no longer fits leave the window where the caller put it.
+**
+** showOnScreen() shows a window fully on the screen that holds the main window: its frame
+** (title bar included) is shrunk and moved into that screen's available geometry, and a window
+** without a restored frame opens centred over the main window.
 */
 #ifndef TRN_UI_WINDOW_FRAMES_H
 #define TRN_UI_WINDOW_FRAMES_H
 
+#include <QMargins>
 #include <QObject>
 #include <QPointer>
+#include <QRect>
 #include <QString>
 #include <QTimer>
 
@@ -24,8 +33,10 @@ public:
     // Follows window; owned by it.
     WindowFrame(QWidget *window, const QString &autosaveName);
 
-    // Restores the saved frame; false when none was saved (the caller then places the window).
+    // Restores the saved frame when it fits a screen; false when none was saved or it does not
+    // fit (the caller then places the window).
     bool restore();
+    bool wasRestored() const { return m_restored; }
     void save();
     QString autosaveName() const { return m_name; }
 
@@ -35,7 +46,44 @@ protected:
 private:
     QPointer<QWidget> m_window;
     QString m_name;
+    bool m_restored = false;
     QTimer m_saveTimer; // moves and resizes come in bursts; save once they stop
 };
+
+// frame shrunk to at most available's size and moved the least distance that puts it inside
+// available. An invalid available returns frame unchanged.
+QRect clampToArea(const QRect &frame, const QRect &available);
+
+// The window's frame margins (title bar and borders) as the window manager draws them: the
+// window's own once it has been shown, else the anchor's, else a typical title bar.
+QMargins frameMargins(const QWidget *window, const QWidget *anchor);
+
+// The available geometry of the screen that holds anchor (the window's own screen when anchor
+// is NULL).
+QRect availableArea(const QWidget *window, const QWidget *anchor);
+
+// Moves and shrinks window so that its frame lies within availableArea(window, anchor).
+void fitOnScreen(QWidget *window, const QWidget *anchor);
+
+// Shows window, raised and active: on its first showing centred over anchor unless its
+// WindowFrame restored a saved frame; every time fitted to anchor's screen, and fitted again
+// once the window manager has framed it.
+void showOnScreen(QWidget *window, QWidget *anchor);
+
+// For dialogs that place themselves (centred on their parent when shown): fits window to
+// anchor's screen once it is shown and again once the window manager has framed it.
+void fitOnceShown(QWidget *window, QWidget *anchor);
+
+// Where a preview panel of the wanted size goes on first use, beside the main window (frame
+// `main`; frames include title bars) within the screen area `available`, never over the results
+// list or the search bar: right of the main window when there is room for `minimum`, else left
+// of it; else at the screen's right edge, as wide as leaves the main window `mainMinimum`, with
+// the main window moved and narrowed to end before it; on a screen too narrow for both, over the
+// main window's right part below the search bar. The panel's top is level with `results` (the
+// search bar, in global coordinates). mainFrame receives the main window's
+// frame afterwards (main itself when it need not change).
+QRect previewPlacement(const QRect &main, const QRect &results, const QRect &available,
+                       const QSize &wanted, const QSize &minimum, int mainMinimum,
+                       QRect *mainFrame);
 
 #endif

@@ -43,6 +43,7 @@ private slots:
     void addingAnIndexedDirectoryDoesNotReindex();
     void storedChunkSizeBelowOneIndexesWith800();
     void selectingATabRerunsTheSharedQuery();
+    void changingTheModeRerunsTheQuery();
     void copyPromptUsesTheClipboard();
     void concurrentSearchesAndIndexingOnTwoTabs();
 
@@ -301,6 +302,33 @@ void TestAppState::selectingATabRerunsTheSharedQuery()
     QCOMPARE(m_env->settings()->activeTabPath(), std::optional<QString>(a));
 }
 
+void TestAppState::changingTheModeRerunsTheQuery()
+{
+    const QString dir = makeDir(QStringLiteral("Modes"));
+    writeFile(dir, QStringLiteral("a.txt"), "a word and another words\n");
+    std::unique_ptr<AppState> app = restoredState();
+    QVERIFY(app);
+    app->addTab(dir);
+    DirectoryState *state = app->activeState();
+    QTRY_VERIFY_WITH_TIMEOUT(!state->isIngesting(), 20000);
+    app->setSearchMode(SearchMode::Text);
+    QVERIFY(!state->isSearching()); // no query yet: nothing to re-run
+    app->setQuery(QStringLiteral("wor[a-z]s"));
+    app->performSearch();
+    QTRY_VERIFY(!state->isSearching());
+    QVERIFY(state->results().isEmpty()); // no literal "wor[a-z]s" in the text
+
+    // Only the picker changes; the regular expression matches "words".
+    for (SearchMode mode : {SearchMode::Regex, SearchMode::Text, SearchMode::Regex}) {
+        app->setSearchMode(mode);
+        QVERIFY(state->isSearching());
+        QTRY_VERIFY(!state->isSearching());
+        QCOMPARE(state->lastMode(), mode);
+        QCOMPARE(state->results().size(), mode == SearchMode::Regex ? 1 : 0);
+    }
+    QCOMPARE(state->searchHistory().first().mode, searchModeName(SearchMode::Regex));
+}
+
 void TestAppState::copyPromptUsesTheClipboard()
 {
     const QString dir = makeDir(QStringLiteral("Notes"));
@@ -321,7 +349,10 @@ void TestAppState::copyPromptUsesTheClipboard()
     app->setSearchMode(SearchMode::Text);
     app->performSearch();
     QTRY_COMPARE(app->activeState()->results().size(), 1);
+    QSignalSpy copied(app.get(), &AppState::promptCopied);
     app->copyPrompt();
+    QCOMPARE(copied.count(), 1);
+    QCOMPARE(copied.first().first().toString(), QStringLiteral("Copied a prompt with 1 result"));
     QCOMPARE(clipboard.texts.last(),
              QStringLiteral("Based on the following excerpts from my documents, answer my "
                             "question.\n\n--- Context ---\n\n[Notes/list.txt, line 1]\n"

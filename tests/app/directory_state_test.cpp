@@ -29,6 +29,9 @@ private slots:
     void init();
     void cleanup();
     void emptyQueryClearsResultsAndRecordsNothing();
+    void invalidRegexSaysWhyAndRunsNothing();
+    void indexingProgressText_data();
+    void indexingProgressText();
     void historyDeduplicatesByQueryAndMode();
     void historyKeepsTheTenMostRecent();
     void historySurvivesReopening();
@@ -115,6 +118,67 @@ void TestDirectoryState::emptyQueryClearsResultsAndRecordsNothing()
     QVERIFY(!state->hasMoreResults());
     QCOMPARE(state->searchHistory().size(), 1);
     QCOMPARE(state->lastQuery(), QStringLiteral("fox"));
+}
+
+void TestDirectoryState::invalidRegexSaysWhyAndRunsNothing()
+{
+    writeFile(m_dir->path(), QStringLiteral("a.py"), "def read_lines(path):\n    pass\n");
+    DirectoryState *state = openState(m_dir->path());
+    state->ingest(800, 200);
+    QVERIFY(waitForIngest(state));
+    state->search(QStringLiteral("def [a-z]+"), SearchMode::Regex);
+    QVERIFY(waitForSearch(state));
+    QCOMPARE(state->results().size(), 1);
+    QCOMPARE(state->queryError(), QString());
+
+    QSignalSpy error(state, &DirectoryState::queryErrorChanged);
+    state->search(QStringLiteral("def [a-z"), SearchMode::Regex);
+    QVERIFY(!state->isSearching()); // refused before any engine search
+    QVERIFY(state->results().isEmpty());
+    QCOMPARE(error.count(), 1);
+    QVERIFY2(state->queryError().startsWith(QStringLiteral("Invalid regular expression: ")),
+             qPrintable(state->queryError()));
+    QVERIFY(state->queryError().size() > QStringLiteral("Invalid regular expression: ").size());
+    QCOMPARE(state->searchHistory().size(), 1);
+
+    // The same text is fine as plain text, and the message goes away.
+    state->search(QStringLiteral("def [a-z"), SearchMode::Text);
+    QCOMPARE(state->queryError(), QString());
+    QVERIFY(waitForSearch(state));
+    QVERIFY(state->results().isEmpty());
+}
+
+void TestDirectoryState::indexingProgressText_data()
+{
+    QTest::addColumn<int>("done");
+    QTest::addColumn<int>("found");
+    QTest::addColumn<int>("chunks");
+    QTest::addColumn<double>("seconds");
+    QTest::addColumn<QString>("expected");
+    QTest::newRow("walking") << 0 << 0 << 0 << 0.5 << "Indexing: looking for files...";
+    QTest::newRow("nothing done yet: no estimate")
+        << 0 << 40 << 0 << 0.5 << "Indexing 0 of 40 files, 0 chunks";
+    QTest::newRow("a quarter done in 5 s leaves 15 s")
+        << 10 << 40 << 100 << 5.0
+        << "Indexing 10 of 40 files, 100 chunks, 20.0 chunks/s, about 15 s left";
+    QTest::newRow("minutes are rounded")
+        << 1 << 10 << 50 << 20.0
+        << "Indexing 1 of 10 files, 50 chunks, 2.5 chunks/s, about 3 min left";
+    QTest::newRow("hours and minutes")
+        << 1 << 200 << 9 << 30.0
+        << "Indexing 1 of 200 files, 9 chunks, 0.3 chunks/s, about 1 h 40 min left";
+    QTest::newRow("all done: no time left")
+        << 40 << 40 << 400 << 8.0 << "Indexing 40 of 40 files, 400 chunks, 50.0 chunks/s";
+}
+
+void TestDirectoryState::indexingProgressText()
+{
+    QFETCH(int, done);
+    QFETCH(int, found);
+    QFETCH(int, chunks);
+    QFETCH(double, seconds);
+    QFETCH(QString, expected);
+    QCOMPARE(DirectoryState::indexingProgressText(done, found, chunks, seconds), expected);
 }
 
 void TestDirectoryState::historyDeduplicatesByQueryAndMode()

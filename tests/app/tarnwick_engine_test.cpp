@@ -33,9 +33,10 @@ private slots:
     void fileListCarriesChunkCounts();
     void clearAndReopenDiscardsTheIndex();
     void pdfTextAndPageForLine();
+    void editorArguments_data();
+    void editorArguments();
     void openResult_data();
     void openResult();
-    void editorLinkFallsBackToTheFile();
     void fileCategory_data();
     void fileCategory();
     void formatFileSize_data();
@@ -56,7 +57,9 @@ void TestTarnwickEngine::initTestCase()
 void TestTarnwickEngine::init()
 {
     m_env->settings()->remove(QStringLiteral("extraExtensions"));
-    TarnwickEngine::setUrlOpener({});
+    setDesktopServices({});
+    m_env->settings()->remove(QStringLiteral("openTextFilesWith"));
+    m_env->settings()->remove(QStringLiteral("editorCommand"));
 }
 
 void TestTarnwickEngine::classify_data()
@@ -169,13 +172,14 @@ void TestTarnwickEngine::walkSkipsHiddenEntriesAndTheIndex()
     QVERIFY(engine.isOpen());
     QVERIFY(QFileInfo(dir.filePath(QStringLiteral(".tarnwick"))).isDir());
 
-    QList<QPair<int, int>> progress;
-    const int chunks = engine.ingestDirectory(800, 200, [&progress](int done, int found) {
-        progress.append({done, found});
-    });
+    QList<QList<int>> progress;
+    const int chunks =
+        engine.ingestDirectory(800, 200, [&progress](int done, int found, int chunksDone) {
+            progress.append({done, found, chunksDone});
+        });
     QCOMPARE(chunks, 2);
-    // (0 of 2) after the walk, then one step per file.
-    const QList<QPair<int, int>> expected = {{0, 2}, {1, 2}, {2, 2}};
+    // (0 of 2) after the walk, then one step per file with the chunks so far.
+    const QList<QList<int>> expected = {{0, 2, 0}, {1, 2, 1}, {2, 2, 2}};
     QCOMPARE(progress, expected);
     QCOMPARE(engine.search(QStringLiteral("hidden"), SearchMode::Text, 10).size(), 0);
     QCOMPARE(engine.search(QStringLiteral("visible"), SearchMode::Text, 10).size(), 2);
@@ -412,63 +416,153 @@ void TestTarnwickEngine::pdfTextAndPageForLine()
     QCOMPARE(engine.search(QStringLiteral("gamma"), SearchMode::Text, 5).size(), 1);
 }
 
+void TestTarnwickEngine::editorArguments_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::addColumn<QString>("file");
+    QTest::addColumn<QStringList>("expected");
+    const QString plain = QStringLiteral("/src/main.c");
+    const QString awkward = QStringLiteral("/home/a b/it's \"q\" $HOME;rm.txt");
+    for (const EditorPreset &preset : editorPresets()) {
+        if (preset.command.isEmpty()) {
+            continue;
+        }
+        QStringList expected;
+        if (preset.key == QLatin1String("code")) {
+            expected = {"code", "-g", awkward + ":42"};
+        } else if (preset.key == QLatin1String("kate")) {
+            expected = {"kate", "-l", "42", awkward};
+        } else if (preset.key == QLatin1String("gedit")) {
+            expected = {"gedit", "+42", awkward};
+        } else if (preset.key == QLatin1String("vim")) {
+            expected = {"x-terminal-emulator", "-e", "vim", "+42", awkward};
+        } else if (preset.key == QLatin1String("nvim")) {
+            expected = {"x-terminal-emulator", "-e", "nvim", "+42", awkward};
+        } else if (preset.key == QLatin1String("emacs")) {
+            expected = {"emacsclient", "+42", awkward};
+        }
+        QTest::newRow(qPrintable(preset.label)) << preset.command << awkward << expected;
+    }
+    QTest::newRow("custom, quoted program and arguments")
+        << R"('/opt/my editor/bin/ed' --goto "{file}:{line}" -t 'a b')" << awkward
+        << QStringList{"/opt/my editor/bin/ed", "--goto", awkward + ":42", "-t", "a b"};
+    QTest::newRow("custom, escapes inside and outside quotes")
+        << R"(ed\ it "say \"{line}\"" \$x)" << plain
+        << QStringList{"ed it", "say \"42\"", "$x", plain};
+    QTest::newRow("custom without {file} gets the file last")
+        << "subl -w" << plain << QStringList{"subl", "-w", plain};
+    QTest::newRow("a path holding {line} keeps it")
+        << "ed {file}"
+        << "/x/{line}.txt" << QStringList{"ed", "/x/{line}.txt"};
+    QTest::newRow("unclosed quote") << "ed '{file}" << plain << QStringList();
+    QTest::newRow("blank") << "   " << plain << QStringList();
+}
+
+// The command becomes an argument list split before the file is put in, so no file name can
+// split an argument or reach a shell.
+void TestTarnwickEngine::editorArguments()
+{
+    QFETCH(QString, command);
+    QFETCH(QString, file);
+    QFETCH(QStringList, expected);
+    const std::optional<QStringList> arguments = ::editorArguments(command, file, 42);
+    if (expected.isEmpty()) {
+        QVERIFY(!arguments);
+    } else {
+        QVERIFY(arguments);
+        QCOMPARE(*arguments, expected);
+    }
+}
+
 void TestTarnwickEngine::openResult_data()
 {
     QTest::addColumn<QString>("path");
-    QTest::addColumn<QString>("expected");
+    QTest::addColumn<QString>("choice");
+    QTest::addColumn<bool>("linkHandler");     // an application handles vorn:// links
+    QTest::addColumn<bool>("startWorks");      // the editor program starts
+    QTest::addColumn<QStringList>("expected"); // what was started or opened, in order
+    QTest::addColumn<QString>("message");      // the status text; "" when it opened as asked
 
-    QTest::newRow("c source opens the editor at the line")
+    QTest::newRow("system default with a link handler: the editor link")
         << "/src/main.c"
-        << "vorn://open?file=/src/main.c&line=42";
-    QTest::newRow("markdown opens the editor") << "/notes/a b.md"
-                                               << "vorn://open?file=/notes/a%20b.md&line=42";
-    QTest::newRow("query characters stay, others are encoded")
+        << "system" << true << true << QStringList{"url vorn://open?file=/src/main.c&line=42"}
+        << "";
+    QTest::newRow("system default, query characters kept, others encoded")
         << "/x/R&D #1.txt"
-        << "vorn://open?file=/x/R&D%20%231.txt&line=42";
-    QTest::newRow("html opens in the browser") << "/site/index.html"
-                                               << "file:///site/index.html";
-    QTest::newRow("pdf opens in the viewer") << "/docs/paper.pdf"
-                                             << "file:///docs/paper.pdf";
-    QTest::newRow("extra extension opens with the default application") << "/cfg/app.json"
-                                                                        << "file:///cfg/app.json";
+        << "system" << true << true << QStringList{"url vorn://open?file=/x/R&D%20%231.txt&line=42"}
+        << "";
+    QTest::newRow("system default without a handler: the file, never the link")
+        << "/notes/a b.md"
+        << "system" << false << true << QStringList{"url file:///notes/a%20b.md"} << "";
+    QTest::newRow("preset starts the editor at the line")
+        << "/src/util.py"
+        << "kate" << false << true << QStringList{"start kate -l 42 /src/util.py"} << "";
+    QTest::newRow("missing editor falls back to the file and says so")
+        << "/src/util.py"
+        << "code" << false << false
+        << QStringList{"start code -g /src/util.py:42", "url file:///src/util.py"}
+        << "Could not start \"code\"; opened util.py with the default application";
+    QTest::newRow("html opens in the browser")
+        << "/site/index.html"
+        << "kate" << true << true << QStringList{"url file:///site/index.html"} << "";
+    QTest::newRow("pdf opens in a viewer that takes the page")
+        << "/docs/paper.pdf"
+        << "system" << false << true << QStringList{"start evince -i 1 /docs/paper.pdf"} << "";
+    QTest::newRow("extra extension opens with the default application")
+        << "/cfg/app.json"
+        << "gedit" << true << true << QStringList{"url file:///cfg/app.json"} << "";
 }
 
 void TestTarnwickEngine::openResult()
 {
     QFETCH(QString, path);
-    QFETCH(QString, expected);
-    QList<QUrl> opened;
-    TarnwickEngine::setUrlOpener([&opened](const QUrl &url) {
-        opened.append(url);
+    QFETCH(QString, choice);
+    QFETCH(bool, linkHandler);
+    QFETCH(bool, startWorks);
+    QFETCH(QStringList, expected);
+    QFETCH(QString, message);
+    QStringList calls;
+    DesktopServices desktop;
+    desktop.openUrl = [&calls](const QUrl &url) {
+        calls.append(QStringLiteral("url ") + QString::fromUtf8(url.toEncoded()));
         return true;
-    });
+    };
+    desktop.startDetached = [&calls, startWorks](const QString &program, const QStringList &args) {
+        calls.append(QStringLiteral("start ") + program + QLatin1Char(' ') + args.join(' '));
+        return startWorks;
+    };
+    desktop.defaultApplication = [linkHandler](const QString &mimeType) {
+        if (mimeType == QLatin1String("application/pdf")) {
+            return QStringLiteral("org.gnome.Evince.desktop");
+        }
+        return linkHandler ? QStringLiteral("vorn-editor.desktop") : QString();
+    };
+    setDesktopServices(desktop);
+    m_env->settings()->setOpenTextFilesWith(choice);
     SearchResult result;
     result.filePath = path;
     result.lineNumber = 42;
-    TarnwickEngine::openResult(result);
-    QCOMPARE(opened.size(), 1);
-    QCOMPARE(QString::fromUtf8(opened.first().toEncoded()), expected);
+    const OpenOutcome outcome = TarnwickEngine::openResult(result);
+    QCOMPARE(calls, expected);
+    QVERIFY(outcome.opened);
+    QCOMPARE(outcome.message, message);
 
-    opened.clear();
+    calls.clear();
     TarnwickEngine::openResult(SearchResult());
-    QVERIFY(opened.isEmpty());
-}
+    QVERIFY(calls.isEmpty());
 
-void TestTarnwickEngine::editorLinkFallsBackToTheFile()
-{
-    QList<QUrl> opened;
-    // No handler for the editor's scheme: the link fails and the file opens instead.
-    TarnwickEngine::setUrlOpener([&opened](const QUrl &url) {
-        opened.append(url);
-        return url.scheme() != QLatin1String("vorn");
-    });
-    SearchResult result;
-    result.filePath = QStringLiteral("/src/util.py");
-    result.lineNumber = 7;
-    TarnwickEngine::openResult(result);
-    QCOMPARE(opened.size(), 2);
-    QCOMPARE(opened.at(0).scheme(), QStringLiteral("vorn"));
-    QCOMPARE(opened.at(1), QUrl::fromLocalFile(QStringLiteral("/src/util.py")));
+    // Nothing opens at all: the status text says so.
+    desktop.openUrl = [](const QUrl &) {
+        return false;
+    };
+    desktop.startDetached = [](const QString &, const QStringList &) {
+        return false;
+    };
+    setDesktopServices(desktop);
+    const OpenOutcome failed = TarnwickEngine::openResult(result);
+    QVERIFY(!failed.opened);
+    QVERIFY2(failed.message.contains(QStringLiteral("could not open"), Qt::CaseInsensitive),
+             qPrintable(failed.message));
 }
 
 void TestTarnwickEngine::fileCategory_data()

@@ -29,7 +29,8 @@ private slots:
     void tokenizerFailures_data();
     void tokenizerFailures();
     void missingTrainerChangesNothing();
-    void cancelEndsTheRunAsFailed();
+    void cancelLeavesTheProfileAsItWas_data();
+    void cancelLeavesTheProfileAsItWas();
 
 private:
     TrainingProfile makeProfile(int textBytes);
@@ -41,6 +42,12 @@ private:
     std::unique_ptr<TrainingManager> m_manager;
     QString m_bin;
 };
+
+static QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("(missing)");
+}
 
 static void writeScript(const QString &path, const QByteArray &body)
 {
@@ -67,7 +74,9 @@ void TestTrainingManager::init()
                 "echo 'warming up'\n"
                 "echo 'step 1/2 loss 6.0'\n"
                 "printf '  step 2/2 loss 5.0  \\n'\n"
-                "if [ -n \"$FAKE_SLEEP\" ]; then exec sleep \"$FAKE_SLEEP\"; fi\n"
+                // A slow run has begun its loss log before it is cancelled.
+                "if [ -n \"$FAKE_SLEEP\" ]; then echo 1,9.9 > \"${2%.tten}.loss\";"
+                " exec sleep \"$FAKE_SLEEP\"; fi\n"
                 "if [ \"$FAKE_WRITE\" = 1 ]; then echo weights > \"$2\"; fi\n"
                 "exit ${FAKE_EXIT:-0}\n");
     writeScript(m_bin + QStringLiteral("/train_bpe"),
@@ -304,23 +313,62 @@ void TestTrainingManager::missingTrainerChangesNothing()
     QVERIFY(!m_manager->isTraining());
 }
 
-void TestTrainingManager::cancelEndsTheRunAsFailed()
+void TestTrainingManager::cancelLeavesTheProfileAsItWas_data()
 {
+    QTest::addColumn<bool>("wasTrained");
+    QTest::addColumn<bool>("useBPE");
+    QTest::newRow("untrained stays untrained") << false << false;
+    QTest::newRow("trained keeps its weights, log and tokenizer") << true << true;
+}
+
+void TestTrainingManager::cancelLeavesTheProfileAsItWas()
+{
+    QFETCH(bool, wasTrained);
+    QFETCH(bool, useBPE);
     qputenv("FAKE_SLEEP", "30");
-    const TrainingProfile profile = makeProfile(300);
+    TrainingProfile profile = makeProfile(300);
+    profile.useBPE = useBPE;
+    const QDateTime trainedAt = QDateTime::currentDateTimeUtc().addDays(-3);
+    if (wasTrained) {
+        profile.status = TrainingStatus::Trained;
+        profile.lastTrained = trainedAt;
+        writeFile(QFileInfo(profile.weightsPath).path(),
+                  QFileInfo(profile.weightsPath).fileName(),
+                  "old weights");
+        writeFile(QFileInfo(profile.lossPath()).path(),
+                  QFileInfo(profile.lossPath()).fileName(),
+                  "step,loss\n10,1.5\n");
+        writeFile(QFileInfo(profile.bpePath()).path(),
+                  QFileInfo(profile.bpePath()).fileName(),
+                  "old merges");
+    }
+    m_manager->updateProfile(profile);
+    // The stand-in tokenizer trainer replaces the merges file, as the real one does.
+    writeScript(m_bin + QStringLiteral("/train_bpe"), "echo new merges > \"$2\"\n");
+
     QSignalSpy finished(m_manager.get(), &TrainingManager::trainingFinished);
     m_manager->train(profile);
     QTRY_COMPARE(m_manager->trainingProgress(), QStringLiteral("step 2/2 loss 5.0"));
+    QCOMPARE(m_manager->profile(profile.id)->status, TrainingStatus::Training);
     m_manager->cancelTraining();
     QCOMPARE(m_manager->trainingProgress(), QStringLiteral("Cancelled"));
     QVERIFY(!m_manager->isTraining());
-    QCOMPARE(m_manager->profile(profile.id)->status, TrainingStatus::Training);
     QVERIFY(finished.wait(10000));
-    // SIGTERM is 15; the run then reads as any failed exit.
-    QCOMPARE(
-        m_manager->trainingProgress(),
-        QStringLiteral("Training failed (exit 15, file missing: %1)").arg(profile.weightsPath));
-    QCOMPARE(m_manager->profile(profile.id)->status, TrainingStatus::Failed);
+
+    QCOMPARE(m_manager->trainingProgress(), QStringLiteral("Cancelled"));
+    const std::optional<TrainingProfile> after = m_manager->profile(profile.id);
+    QVERIFY(after);
+    QCOMPARE(after->status, wasTrained ? TrainingStatus::Trained : TrainingStatus::Untrained);
+    QCOMPARE(after->lastTrained.has_value(), wasTrained);
+    if (wasTrained) {
+        QCOMPARE(*after->lastTrained, trainedAt);
+        QCOMPARE(readFile(profile.weightsPath), QByteArray("old weights"));
+        QCOMPARE(readFile(profile.lossPath()), QByteArray("step,loss\n10,1.5\n"));
+        QCOMPARE(readFile(profile.bpePath()), QByteArray("old merges"));
+    } else {
+        QVERIFY(!QFileInfo::exists(profile.weightsPath));
+        QVERIFY(!QFileInfo::exists(profile.lossPath())); // the cancelled run's log is gone
+    }
     QFile::remove(TrainingManager::corpusPath(profile));
 }
 

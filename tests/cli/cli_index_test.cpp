@@ -132,9 +132,14 @@ TEST_F(CliMaintenance, IndexingReportsOnOneLineAndShowsProgressOnlyOnATerminal)
 {
     EXPECT_EQ(lines_of(first_index.out).size(), 1u);
     EXPECT_EQ(first_index.out.rfind("indexed 3 files, 6 chunks in ", 0), 0u) << first_index.out;
-    // Standard error was no terminal: only the engine's own lines, no progress display.
+    // Standard error was no terminal: no progress display, and the engine's informational lines
+    // only with --verbose.
     EXPECT_EQ(first_index.err.find('\r'), std::string::npos);
-    expect_diagnostics(first_index);
+    EXPECT_EQ(first_index.err.find("tarnwick: opened"), std::string::npos) << first_index.err;
+    RunResult verbose = run_cli({"stats", dir.path(), "--verbose"}, dir.path());
+    EXPECT_EQ(verbose.status, 0) << verbose.err;
+    EXPECT_NE(verbose.err.find("tarnwick: opened (6 docs"), std::string::npos) << verbose.err;
+    expect_diagnostics(verbose);
 
     RunResult r = run_cli({"index", dir.path(), "--chunk-size", "64", "--overlap", "16"},
                           dir.path(),
@@ -144,6 +149,7 @@ TEST_F(CliMaintenance, IndexingReportsOnOneLineAndShowsProgressOnlyOnATerminal)
     EXPECT_NE(r.err.find("indexing: 0/3 files, "), std::string::npos) << r.err;
     EXPECT_NE(r.err.find("indexing: 3/3 files, 6 chunks, "), std::string::npos) << r.err;
     EXPECT_NE(r.err.find(" chunks/s"), std::string::npos) << r.err;
+    EXPECT_EQ(r.err.find("tarnwick: opened"), std::string::npos) << r.err;
     // Indexing again starts from scratch rather than adding a second copy of every chunk.
     EXPECT_EQ(stats()["chunk_count"].number, 6);
 }
@@ -217,11 +223,14 @@ TEST_F(CliIndexed, TextAndRegexHitsNameTheChunkAndItsFirstLine)
     EXPECT_EQ(parse_json(r.out).items.size(), 1u);
 }
 
-TEST_F(CliIndexed, InvalidRegexGivesAnEmptyArray)
+// An expression that cannot run is a mistake in the command line, not an empty answer.
+TEST_F(CliIndexed, InvalidRegexIsRefusedWithItsReasonOnOneLine)
 {
     RunResult r = run_cli({"search", dir.path(), "(", "--mode", "regex", "--json"}, dir.path());
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, "[]\n");
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(r.out, "");
+    ASSERT_EQ(lines_of(r.err).size(), 1u) << r.err;
+    EXPECT_EQ(r.err.rfind("tarnwick: invalid regular expression \"(\": ", 0), 0u) << r.err;
 }
 
 TEST_F(CliIndexed, SemanticHitsAreRankedAndPointIntoTheIndex)
@@ -326,7 +335,7 @@ TEST(CliPaths, IndexedPathsAreResolved)
     EXPECT_EQ(hits.items[0]["filePath"].text, dir / "real/note.txt");
 }
 
-TEST(CliSearch, KAboveSixtyFourGivesSixtyFourResults)
+TEST(CliSearch, KOfSixtyFourGivesSixtyFourResults)
 {
     TempDir dir;
     std::string text;
@@ -341,11 +350,15 @@ TEST(CliSearch, KAboveSixtyFourGivesSixtyFourResults)
     ASSERT_EQ(r.status, 0) << r.err;
     // Semantic and hybrid search every file with a graph search at least k wide.
     for (const char *mode : {"text", "regex", "semantic", "hybrid"}) {
-        r = run_cli({"search", dir.path(), "tick", "--mode", mode, "-k", "100", "--json"},
+        r = run_cli({"search", dir.path(), "tick", "--mode", mode, "-k", "64", "--json"},
                     dir.path());
         ASSERT_EQ(r.status, 0) << r.err;
         EXPECT_EQ(parse_json(r.out).items.size(), 64u) << mode;
     }
+    // Asking for more than one search can return says so instead of quietly giving 64.
+    r = run_cli({"search", dir.path(), "tick", "-k", "100"}, dir.path());
+    EXPECT_EQ(r.status, 2);
+    EXPECT_NE(r.err.find("-k is at most 64"), std::string::npos) << r.err;
 }
 
 // A chunk searched with its own exact text scores 1: the query goes through the same encoder.

@@ -254,6 +254,44 @@ TEST(TextSearch, LimitsAndFailures)
     EXPECT_TRUE(eng.search("(word", TRN_SEARCH_REGEX, 10).empty());
 }
 
+// trn_check_regex answers exactly what a regex search would do with the pattern, and its reason
+// is one line that fits the buffer it is given.
+TEST(RegexCheck, AgreesWithTheSearchAndExplainsRefusals)
+{
+    Engine eng;
+    eng.add("/f.txt", "def read_lines(path): return open(path)");
+    struct Case {
+        const char *pattern;
+        bool compiles;
+    };
+    const Case cases[] = {
+        {"def [a-z]+", true},
+        {"READ_(lines|words)", true},
+        {"def [a-z", false},
+        {"(read", false},
+        {"read)x{2,1}", false},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.pattern);
+        char message[256] = "untouched";
+        EXPECT_EQ(trn_check_regex(c.pattern, message, sizeof message), c.compiles ? 1 : 0);
+        EXPECT_EQ(eng.search(c.pattern, TRN_SEARCH_REGEX, 10).size(), c.compiles ? 1u : 0u);
+        if (c.compiles) {
+            EXPECT_STREQ(message, "untouched");
+        } else {
+            EXPECT_GT(strlen(message), 0u);
+            EXPECT_EQ(strchr(message, '\n'), nullptr);
+        }
+    }
+    char small[8];
+    EXPECT_EQ(trn_check_regex("def [a-z", small, sizeof small), 0);
+    EXPECT_EQ(strlen(small), sizeof small - 1);
+    EXPECT_EQ(trn_check_regex("def [a-z", nullptr, 0), 0);
+    char reason[32];
+    EXPECT_EQ(trn_check_regex(nullptr, reason, sizeof reason), 0);
+    EXPECT_STREQ(reason, "no pattern");
+}
+
 // Snippets begin at a word boundary at most 75 bytes before the match.
 TEST(TextSearch, SnippetStart)
 {

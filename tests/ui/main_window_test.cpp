@@ -5,6 +5,7 @@
 */
 #include "icons.h"
 #include "main_window.h"
+#include "result_opener.h"
 #include "results_model.h"
 #include "results_view.h"
 #include "search_bar.h"
@@ -88,8 +89,9 @@ void search(Harness &h, const QString &query, SearchMode mode)
 {
     QLineEdit *field = h.window.searchBar()->field();
     field->clear();
-    QTest::keyClicks(field, query);
+    // The mode first: with text in the field a change of mode would search at once.
     h.window.searchBar()->modeButton(mode)->click();
+    QTest::keyClicks(field, query);
     DirectoryState *state = h.app.activeState();
     QSignalSpy finished(state, &DirectoryState::searchFinished);
     QTest::keyClick(field, Qt::Key_Return);
@@ -139,7 +141,7 @@ private slots:
     void init()
     {
         Settings::standard()->setHoverPreview(false); // these tests are not about previews
-        TarnwickEngine::setUrlOpener({});
+        setDesktopServices({});
     }
 
     // The window icon is drawn at each size the desktop asks for, not scaled from one.
@@ -160,6 +162,12 @@ private slots:
         QVERIFY(h->window.isShowingEmptyState());
         QVERIFY(!h->window.searchBar()->field()->isEnabled());
         QVERIFY(!h->window.action(QStringLiteral("closeTabAction"))->isEnabled());
+        // Nothing in the status bar belongs to a directory yet.
+        StatusBarView *bar = h->window.statusBarView();
+        QVERIFY(!bar->branchLabel()->isVisibleTo(&h->window));
+        QVERIFY(!bar->encoderPicker()->isVisibleTo(&h->window));
+        QVERIFY(!bar->reindexButton()->isVisibleTo(&h->window));
+        QCOMPARE(bar->statusLabel()->text(), QStringLiteral("No directory open"));
 
         QTemporaryDir dir;
         writeSample(dir.path());
@@ -292,11 +300,15 @@ private slots:
 
     void returnOpensTheResultInTheEditorAtItsLine()
     {
-        QList<QUrl> opened;
-        TarnwickEngine::setUrlOpener([&opened](const QUrl &url) {
-            opened.append(url);
+        QStringList started;
+        DesktopServices desktop;
+        desktop.startDetached = [&started](const QString &program, const QStringList &args) {
+            started = QStringList{program} + args;
             return true;
-        });
+        };
+        setDesktopServices(desktop);
+        Settings::standard()->setOpenTextFilesWith(QStringLiteral("custom"));
+        Settings::standard()->setEditorCommand(QStringLiteral("my-editor --line={line} {file}"));
         auto h = makeHarness();
         QTemporaryDir dir;
         writeSample(dir.path());
@@ -306,11 +318,26 @@ private slots:
         view->setFocus();
         view->setCurrentIndex(view->model()->index(0, 0));
         QTest::keyClick(view, Qt::Key_Return);
-        QCOMPARE(opened.size(), 1);
-        QCOMPARE(opened.first().scheme(), QStringLiteral("vorn"));
-        QVERIFY(opened.first().toString().contains(QStringLiteral("marmalade.txt")));
-        QVERIFY(opened.first().toString().endsWith(QStringLiteral("&line=1")));
-        TarnwickEngine::setUrlOpener({});
+        QCOMPARE(started.size(), 3);
+        QCOMPARE(started.at(0), QStringLiteral("my-editor"));
+        QCOMPARE(started.at(1), QStringLiteral("--line=1"));
+        QVERIFY(started.at(2).endsWith(QStringLiteral("marmalade.txt")));
+
+        // An editor that does not start and no application for the file: the status bar says so.
+        desktop.startDetached = [](const QString &, const QStringList &) {
+            return false;
+        };
+        desktop.openUrl = [](const QUrl &) {
+            return false;
+        };
+        setDesktopServices(desktop);
+        QTest::keyClick(view, Qt::Key_Return);
+        QVERIFY2(h->window.statusBarView()->statusLabel()->text().startsWith(
+                     QStringLiteral("Could not start \"my-editor\"")),
+                 qPrintable(h->window.statusBarView()->statusLabel()->text()));
+        Settings::standard()->remove(QStringLiteral("openTextFilesWith"));
+        Settings::standard()->remove(QStringLiteral("editorCommand"));
+        setDesktopServices({});
     }
 
     void draggingATabReordersTheTabsLive()
@@ -449,6 +476,18 @@ private slots:
         QCOMPARE(bar->encoderPicker()->itemText(0), QStringLiteral("Default"));
         QVERIFY(!bar->progressBar()->isVisible());
 
+        // Re-index asks first, naming what is discarded; "no" changes nothing.
+        QString question;
+        bool answer = false;
+        h->window.setConfirmer(
+            [&question, &answer](QWidget *, const QString &, const QString &text) {
+                question = text;
+                return answer;
+            });
+        bar->reindexButton()->click();
+        QVERIFY2(question.contains(QStringLiteral(" chunks from ")), qPrintable(question));
+        QVERIFY(!state->isIngesting());
+        answer = true;
         QSignalSpy done(state, &DirectoryState::ingestFinished);
         bar->reindexButton()->click();
         QVERIFY(bar->progressBar()->isVisible());

@@ -13,6 +13,8 @@
 #include <QScrollBar>
 #include <QTextBlock>
 #include <QTextBrowser>
+#include <QTextCursor>
+#include <QTextDocument>
 #include <QTextEdit>
 
 #include <memory>
@@ -367,6 +369,48 @@ private slots:
         QCOMPARE(markdown->browser()->toPlainText().trimmed(),
                  QStringLiteral("Sourdough\nFeed the starter weekly."));
         QVERIFY(!contextPanelVisible());
+    }
+
+    // The rendered document opens at the hit's source line, not at its top.
+    void htmlAndMarkdownPreviewsScrollToTheHit_data()
+    {
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<int>("kind");
+        QTest::addColumn<QByteArray>("lineFormat"); // %1: the line's number
+        QTest::newRow("markdown") << "long.md" << int(DocumentPanel::Kind::Markdown)
+                                  << QByteArray("- item **%1** of the list\n\n");
+        QTest::newRow("html") << "long.html" << int(DocumentPanel::Kind::Html)
+                              << QByteArray("<p>paragraph <b>%1</b> &amp; more</p>\n");
+    }
+    void htmlAndMarkdownPreviewsScrollToTheHit()
+    {
+        QFETCH(QString, name);
+        QFETCH(int, kind);
+        QFETCH(QByteArray, lineFormat);
+        QByteArray text;
+        int hitLine = 0;
+        for (int i = 1; i <= 300; i++) {
+            const int line = int(text.count('\n')) + 1;
+            if (i == 240) {
+                hitLine = line;
+            }
+            text += QString::fromLatin1(lineFormat).arg(i).toUtf8();
+        }
+        QVERIFY(writeFile(m_files.path(), name, text));
+        SearchResult hit;
+        hit.filePath = m_files.filePath(name);
+        hit.lineNumber = hitLine;
+        previewResult(hit, QString(), SearchMode::Semantic);
+        DocumentPanel *panel = DocumentPanel::existing(DocumentPanel::Kind(kind));
+        QVERIFY(panel && panel->isVisible());
+        QTRY_COMPARE(panel->hitLine(), hitLine);
+        QScrollBar *bar = panel->browser()->verticalScrollBar();
+        QVERIFY(bar->value() > bar->maximum() / 2);
+        // The hit's paragraph is on screen.
+        const QTextCursor cursor = panel->browser()->document()->find(QStringLiteral("240"));
+        QVERIFY(!cursor.isNull());
+        const QRect shown = panel->browser()->cursorRect(cursor);
+        QVERIFY(panel->browser()->viewport()->rect().contains(shown.center()));
     }
 
     void panelsRememberTheirFrames()

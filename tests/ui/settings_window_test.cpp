@@ -104,6 +104,52 @@ private slots:
         Settings::standard()->setPreviewOnTop(false);
     }
 
+    // A chunk size and an overlap that cannot cut a text are never stored; the fields say why.
+    void chunkSizeAndOverlapAreCheckedTogether()
+    {
+        Settings::standard()->setChunkSize(600);
+        Settings::standard()->setOverlap(150);
+        SettingsWindow window;
+        window.show();
+        QSpinBox *chunk = child<QSpinBox>(&window, "chunkSizeField");
+        QSpinBox *overlap = child<QSpinBox>(&window, "overlapField");
+        QLabel *problem = child<QLabel>(&window, "chunkingProblemLabel");
+        QVERIFY(!problem->isVisible());
+        chunk->setValue(5);
+        QVERIFY(problem->isVisible());
+        QVERIFY2(problem->text().contains(QStringLiteral("smaller than the chunk size")),
+                 qPrintable(problem->text()));
+        QCOMPARE(overlap->toolTip(), problem->text());
+        QCOMPARE(Settings::standard()->chunkSize(), 600);
+        QCOMPARE(Settings::standard()->overlap(), 150);
+        overlap->setValue(2);
+        QVERIFY(!problem->isVisible());
+        QCOMPARE(Settings::standard()->chunkSize(), 5);
+        QCOMPARE(Settings::standard()->overlap(), 2);
+        Settings::standard()->setChunkSize(800);
+        Settings::standard()->setOverlap(200);
+    }
+
+    void editorChoiceAndCustomCommandAreStored()
+    {
+        SettingsWindow window;
+        window.show();
+        QComboBox *editor = child<QComboBox>(&window, "editorPicker");
+        QLineEdit *command = child<QLineEdit>(&window, "editorCommandField");
+        QCOMPARE(editor->currentData().toString(), QStringLiteral("system"));
+        choose(editor, QStringLiteral("Kate"));
+        QCOMPARE(Settings::standard()->openTextFilesWith(), QStringLiteral("kate"));
+        QCOMPARE(command->text(), QStringLiteral("kate -l {line} {file}"));
+        QVERIFY(command->isReadOnly());
+        choose(editor, QStringLiteral("Custom command"));
+        QVERIFY(!command->isReadOnly());
+        command->clear();
+        QTest::keyClicks(command, QStringLiteral("subl {file}:{line}"));
+        QCOMPARE(Settings::standard()->editorCommand(), QStringLiteral("subl {file}:{line}"));
+        Settings::standard()->remove(QStringLiteral("openTextFilesWith"));
+        Settings::standard()->remove(QStringLiteral("editorCommand"));
+    }
+
     void helpTextsAreShown()
     {
         SettingsWindow window;
@@ -365,6 +411,16 @@ private slots:
         QCOMPARE(chart.series()->at(0).x(), 1.0);
         QCOMPARE(float(chart.series()->at(0).y()), 2.9921f);
         QCOMPARE(chart.series()->at(10).x(), 100.0);
+
+        // A running training appends to the log; the open chart follows it, and the window
+        // that showed the message switches to the chart.
+        QFile grow(profile.lossPath());
+        QVERIFY(grow.open(QIODevice::Append));
+        grow.write("110,2.1\n120,2.0\n");
+        grow.close();
+        QTRY_COMPARE_WITH_TIMEOUT(chart.series()->count(), 13, 5000);
+        QCOMPARE(chart.series()->at(12).x(), 120.0);
+        QTRY_VERIFY_WITH_TIMEOUT(empty.hasData(), 5000);
 
         // The row's chart button opens the same window.
         SettingsWindow window;

@@ -1,0 +1,50 @@
+/*
+** progress.h -- the one progress line of tarnwick-cli's long commands (index, and any later
+** command that walks a directory).
+**
+** On a terminal the line redraws itself in place on standard error, at most ten times a second:
+**   indexing: 120/451 files, 3412 chunks, 85.2 chunks/s, about 4 min left
+** When standard error is not a terminal it prints nothing at all, so logs and pipes get only the
+** command's own result.
+*/
+#ifndef TRN_CLI_PROGRESS_H
+#define TRN_CLI_PROGRESS_H
+
+#include "common.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+class ProgressLine
+{
+public:
+    // verb starts the line ("indexing"). Shown only when stream is a terminal.
+    explicit ProgressLine(std::string verb, std::FILE *stream = stderr);
+    // Clears a line that is still shown.
+    ~ProgressLine();
+    ProgressLine(const ProgressLine &) = delete;
+    ProgressLine &operator=(const ProgressLine &) = delete;
+
+    bool shown() const { return m_enabled; }
+    // files_found < 1 means the total is not known yet: no estimate of the time left.
+    void update(int files_done, int files_found, uint32_t chunks);
+    // Clears the line (the command then prints its result).
+    void clear();
+
+    // The text of one line after `seconds` of work; exposed for tests.
+    static std::string format(const std::string &verb, int files_done, int files_found,
+                              uint32_t chunks, double seconds);
+    // "12 s", "4 min", "1 h 05 min".
+    static std::string duration_text(double seconds);
+
+private:
+    std::string m_verb;
+    std::FILE *m_stream;
+    bool m_enabled;
+    bool m_drawn = false;
+    Clock::time_point m_start = Clock::now();
+    Clock::time_point m_last_drawn{};
+};
+
+#endif

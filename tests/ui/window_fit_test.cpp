@@ -1,0 +1,170 @@
+/*
+** Windows that fit: on a virtual screen smaller than the windows' own sizes (the offscreen
+** platform with a screen of 1200 x 640 beginning at 100,50), every window opens with its whole
+** frame on the screen, a saved frame that no longer fits is not restored, and a preview opens
+** beside the results list and the search bar, never over them.
+*/
+#include "file_scope_window.h"
+#include "help_window.h"
+#include "loss_chart_window.h"
+#include "main_window.h"
+#include "preview_panels.h"
+#include "results_view.h"
+#include "search_bar.h"
+#include "settings_window.h"
+#include "ui_test_support.h"
+#include "window_frames.h"
+
+#include <QApplication>
+#include <QScreen>
+
+namespace
+{
+
+const QRect kScreen(100, 50, 1200, 640);
+
+QRect globalRect(const QWidget *w)
+{
+    return QRect(w->mapToGlobal(QPoint(0, 0)), w->size());
+}
+
+} // namespace
+
+class TestWindowFit : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase()
+    {
+        m_home = std::make_unique<IsolatedHome>();
+        QCOMPARE(QGuiApplication::primaryScreen()->availableGeometry(), kScreen);
+    }
+
+    void everyWindowOpensWhollyOnTheScreen()
+    {
+        AppState app;
+        MainWindow window(&app);
+        window.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&window));
+        QVERIFY2(kScreen.contains(window.frameGeometry()),
+                 qPrintable(QStringLiteral("main window at %1,%2 %3x%4")
+                                .arg(window.frameGeometry().x())
+                                .arg(window.frameGeometry().y())
+                                .arg(window.frameGeometry().width())
+                                .arg(window.frameGeometry().height())));
+
+        window.showSettings();
+        window.showHelp();
+        TrainingProfile profile;
+        profile.name = QStringLiteral("fit");
+        profile.weightsPath = m_home->path() + QStringLiteral("/fit.tten");
+        auto *chart = new LossChartWindow(profile, &window);
+        showOnScreen(chart, &window);
+        const QList<QWidget *> windows = {window.settingsWindow(), window.helpWindow(), chart};
+        for (QWidget *w : windows) {
+            QVERIFY(QTest::qWaitForWindowExposed(w));
+            QVERIFY2(kScreen.contains(w->frameGeometry()), qPrintable(w->objectName()));
+        }
+    }
+
+    void aSavedFrameOffTheScreenIsNotRestored()
+    {
+        {
+            // A frame saved on a wider monitor, right of this screen.
+            QWidget big;
+            big.setGeometry(1500, 80, 700, 500);
+            m_home->settings()->setValue(QStringLiteral("TarnwickSettingsWindow"),
+                                         big.saveGeometry());
+        }
+        SettingsWindow settings;
+        showOnScreen(&settings, nullptr);
+        QVERIFY(QTest::qWaitForWindowExposed(&settings));
+        QVERIFY(kScreen.contains(settings.frameGeometry()));
+        m_home->settings()->remove(QStringLiteral("TarnwickSettingsWindow"));
+    }
+
+    void previewOpensBesideTheResultsNeverOverThem()
+    {
+        QTemporaryDir dir;
+        QVERIFY(writeFile(dir.path(), QStringLiteral("notes.txt"), numberedLines(40)));
+        m_home->settings()->remove(QStringLiteral("TarnwickContextPanel"));
+        AppState app;
+        MainWindow window(&app);
+        window.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&window));
+        app.addTab(dir.path());
+        QTRY_VERIFY_WITH_TIMEOUT(!app.activeState()->isIngesting(), 30000);
+
+        SearchResult hit;
+        hit.filePath = dir.filePath(QStringLiteral("notes.txt"));
+        hit.lineNumber = 20;
+        previewResult(hit, QStringLiteral("line"), SearchMode::Text);
+        ContextPanel *panel = ContextPanel::existing();
+        QVERIFY(panel);
+        QVERIFY(QTest::qWaitForWindowExposed(panel));
+        QVERIFY(kScreen.contains(panel->frameGeometry()));
+        QVERIFY(kScreen.contains(window.frameGeometry()));
+        const QRect results = globalRect(window.resultsView());
+        const QRect bar = globalRect(window.searchBar());
+        QVERIFY2(!panel->frameGeometry().intersects(results), "the preview covers the results");
+        QVERIFY2(!panel->frameGeometry().intersects(bar), "the preview covers the search bar");
+        panel->hide();
+    }
+
+    // The placement rule on its own, for the three cases the screens above do not all reach.
+    void previewPlacementKeepsClearOfTheMainWindow_data()
+    {
+        QTest::addColumn<QRect>("main");
+        QTest::addColumn<bool>("mainMoves");
+        QTest::newRow("room on the right") << QRect(0, 0, 900, 700) << false;
+        QTest::newRow("room on the left only") << QRect(1000, 0, 900, 700) << false;
+        QTest::newRow("no room: the main window makes some") << QRect(200, 0, 1500, 700) << true;
+        QTest::newRow("maximised width") << QRect(0, 0, 1920, 1050) << true;
+    }
+    void previewPlacementKeepsClearOfTheMainWindow()
+    {
+        QFETCH(QRect, main);
+        QFETCH(bool, mainMoves);
+        const QRect screen(0, 0, 1920, 1080);
+        const QRect searchBar(main.left(), main.top() + 60, main.width(), 40);
+        QRect mainAfter;
+        const QRect panel = previewPlacement(
+            main, searchBar, screen, QSize(640, 540), QSize(400, 280), 700, &mainAfter);
+        QVERIFY(screen.contains(panel));
+        QVERIFY(screen.contains(mainAfter));
+        QVERIFY(!panel.intersects(mainAfter));
+        QVERIFY(panel.width() >= 400);
+        QVERIFY(mainAfter.width() >= 700);
+        QCOMPARE(mainAfter != main, mainMoves);
+    }
+
+private:
+    std::unique_ptr<IsolatedHome> m_home;
+};
+
+int main(int argc, char **argv)
+{
+    // The offscreen platform with one small screen, described in a file it reads at start.
+    QTemporaryDir config;
+    const QString path = config.filePath(QStringLiteral("screens.json"));
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly)
+        || file.write(QStringLiteral("{\"screens\": [{\"name\": \"small\", \"x\": %1, \"y\": %2, "
+                                     "\"width\": %3, \"height\": %4, \"logicalDpi\": 96}]}")
+                          .arg(kScreen.x())
+                          .arg(kScreen.y())
+                          .arg(kScreen.width())
+                          .arg(kScreen.height())
+                          .toUtf8())
+               < 0) {
+        return 1;
+    }
+    file.close();
+    qputenv("QT_QPA_PLATFORM", "offscreen:configfile=" + QFile::encodeName(path));
+    QApplication application(argc, argv);
+    TestWindowFit test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "window_fit_test.moc"
