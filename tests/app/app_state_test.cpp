@@ -6,6 +6,7 @@
 
 #include "clipboard.h"
 #include "directory_state.h"
+#include "encoder_record.h"
 #include "test_support.h"
 #include "training_manager.h"
 
@@ -227,6 +228,8 @@ void TestAppState::addingAnIndexedDirectoryDoesNotReindex()
         TarnwickEngine engine(dir, QString());
         QVERIFY(engine.ingestDirectory(800, 200) > 0);
     }
+    // built with the encoder the tab will use (no trained profile, no built-in beside the test)
+    QVERIFY(EncoderRecord::write(dir, QString()));
     std::unique_ptr<AppState> app = restoredState();
     QVERIFY(app);
     app->addTab(dir);

@@ -192,9 +192,10 @@ TEST_F(ModelCorpus, IndexHoldsWhatTheApplicationsWalkStoresAndSearchesAlike)
 
     // The application's own re-index of the same directory: the same chunks, byte for byte and
     // vector for vector, and the same answers.
+    const QString weights = QString::fromStdString(fs::exists(built_in) ? built_in : "");
     {
-        TarnwickEngine engine(QString::fromStdString(dir.path()), QString());
-        engine.clearAndReopen(QString());
+        TarnwickEngine engine(QString::fromStdString(dir.path()), weights);
+        engine.clearAndReopen(weights);
         Settings *settings = Settings::standard();
         ASSERT_GT(
             engine.ingestDirectory(settings->effectiveChunkSize(), settings->effectiveOverlap()),
@@ -203,7 +204,7 @@ TEST_F(ModelCorpus, IndexHoldsWhatTheApplicationsWalkStoresAndSearchesAlike)
     }
     EXPECT_TRUE(stored_chunks(dir.path()) == by_cli);
 
-    TarnwickEngine engine(QString::fromStdString(dir.path()), QString());
+    TarnwickEngine engine(QString::fromStdString(dir.path()), weights);
     for (const auto &[mode, query] : queries) {
         SCOPED_TRACE(mode);
         const std::map<std::string, SearchMode> by_name = {{"semantic", SearchMode::Semantic},
