@@ -367,8 +367,15 @@ TEST(CliSearch, ExactChunkTextScoresOne)
     TempDir dir;
     write_file(dir / "one.txt", "spring tides cover the causeway");
     ASSERT_EQ(run_cli({"index", dir.path()}, dir.path()).status, 0);
-    RunResult r = run_cli(
-        {"search", dir.path(), "spring tides cover the causeway", "--json", "-k", "1"}, dir.path());
+    RunResult r = run_cli({"search",
+                           dir.path(),
+                           "spring tides cover the causeway",
+                           "--mode",
+                           "semantic",
+                           "--json",
+                           "-k",
+                           "1"},
+                          dir.path());
     ASSERT_EQ(r.status, 0) << r.err;
     Json hits = parse_json(r.out);
     ASSERT_EQ(hits.items.size(), 1u);

@@ -544,7 +544,12 @@ TEST_F(CliTrain, TrainsWithTheRealTrainerAndIndexingThenUsesTheWeights)
     for (int i = 0; i < TRN_ENCODER_DIM; i++) {
         EXPECT_NEAR(chunks[0].vector[(size_t)i], expected[i], 1e-6f) << "element " << i;
     }
-    r = cli({"search", corpus / "notes", "spring tides cover the causeway", "--json"});
+    r = cli({"search",
+             corpus / "notes",
+             "spring tides cover the causeway",
+             "--mode",
+             "semantic",
+             "--json"});
     ASSERT_EQ(r.status, 0) << r.err;
     Json hits = parse_json(r.out);
     ASSERT_EQ(hits.items.size(), 1u);
