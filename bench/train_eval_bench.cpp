@@ -5,8 +5,9 @@
 **   train_eval_bench [DIR] [STEPS] [BATCH] [THREADS] [LR] [FILES] [MERGES] [--weights FILE]...
 **                    [--init FILE]
 **
-** DIR (default /usr/share/doc/python3/html): every indexable file below it (names beginning
-** with "." or "_" skipped, PDF skipped), HTML stripped by the engine. FILES files (default 120)
+** DIR (default /usr/share/doc/postgresql-doc-15/html): every indexable file below it (names
+** beginning with "." or "_" skipped, PDF skipped), HTML stripped by the engine. FILES files
+*(default 120)
 ** of at least 3000 bytes of text are drawn with a fixed seed as the evaluation set; each is
 ** indexed with its first 10,000 bytes and gives two queries: 4 to 10 consecutive words of a
 ** 300-byte passage away from the file's head and tail. The relevant item of a query is its file.
@@ -350,7 +351,7 @@ int main(int argc, char **argv)
     auto arg = [&pos](size_t i, const char *fallback) {
         return i < pos.size() ? pos[i] : std::string(fallback);
     };
-    const std::string dir = arg(0, "/usr/share/doc/python3/html");
+    const std::string dir = arg(0, "/usr/share/doc/postgresql-doc-15/html");
     const int steps = atoi(arg(1, "1000").c_str());
     const int batch = atoi(arg(2, "8").c_str());
     const int threads = atoi(arg(3, "1").c_str());
