@@ -65,7 +65,11 @@ bool write(const QString &directoryPath, const QString &weightsPath)
         return false;
     }
     file.write(identity(weightsPath).toLatin1() + '\n');
-    return file.commit();
+    if (!file.commit()) {
+        return false;
+    }
+    // Like every file of the index directory, readable by its owner alone.
+    return QFile::setPermissions(path(directoryPath), QFile::ReadOwner | QFile::WriteOwner);
 }
 
 } // namespace EncoderRecord

@@ -418,22 +418,20 @@ void SettingsWindow::syncGeneral()
 
 QString SettingsWindow::chunkingProblem(int chunkSize, int overlap)
 {
-    if (overlap >= chunkSize) {
-        return tr("The overlap must be smaller than the chunk size (%1 characters): each chunk "
-                  "starts chunk size minus overlap characters after the one before. Not saved.")
-            .arg(chunkSize);
+    // The model's rule, so the window never offers a pair the settings would refuse.
+    QString problem = Settings::chunkingProblem(chunkSize, overlap);
+    if (problem.isEmpty()) {
+        return problem;
     }
-    return QString();
+    problem[0] = problem[0].toUpper();
+    return problem
+           + tr(". Each chunk starts chunk size minus overlap characters after the one "
+                "before. Not saved.");
 }
 
 void SettingsWindow::applyChunking()
 {
-    const int chunkSize = m_chunkSize->value();
-    const int overlap = m_overlap->value();
-    if (chunkingProblem(chunkSize, overlap).isEmpty()) {
-        m_settings->setChunkSize(chunkSize);
-        m_settings->setOverlap(overlap);
-    }
+    m_settings->setChunking(m_chunkSize->value(), m_overlap->value());
     syncChunkingProblem();
 }
 

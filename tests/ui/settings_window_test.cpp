@@ -115,17 +115,21 @@ private slots:
         QSpinBox *overlap = child<QSpinBox>(&window, "overlapField");
         QLabel *problem = child<QLabel>(&window, "chunkingProblemLabel");
         QVERIFY(!problem->isVisible());
-        chunk->setValue(5);
+        chunk->setValue(200); // an overlap of 150 is more than half of it
         QVERIFY(problem->isVisible());
-        QVERIFY2(problem->text().contains(QStringLiteral("smaller than the chunk size")),
+        QVERIFY2(problem->text().contains(QStringLiteral("half the chunk size")),
                  qPrintable(problem->text()));
         QCOMPARE(overlap->toolTip(), problem->text());
         QCOMPARE(Settings::standard()->chunkSize(), 600);
         QCOMPARE(Settings::standard()->overlap(), 150);
-        overlap->setValue(2);
+        overlap->setValue(40);
         QVERIFY(!problem->isVisible());
-        QCOMPARE(Settings::standard()->chunkSize(), 5);
-        QCOMPARE(Settings::standard()->overlap(), 2);
+        QCOMPARE(Settings::standard()->chunkSize(), 200);
+        QCOMPARE(Settings::standard()->overlap(), 40);
+        chunk->setValue(5);
+        QVERIFY2(problem->text().contains(QStringLiteral("chunk size")),
+                 qPrintable(problem->text()));
+        QCOMPARE(Settings::standard()->chunkSize(), 200);
         Settings::standard()->setChunkSize(800);
         Settings::standard()->setOverlap(200);
     }
