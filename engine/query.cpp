@@ -349,7 +349,8 @@ int32_t search_hybrid(TrnEngine *e, const char *query, int32_t kk, TrnResult *re
     int32_t ns = hnsw_query_width(e, q, HYBRID_CANDIDATES, width, sem, sim);
     int32_t nk = lex_search(e, query, HYBRID_CANDIDATES, kw, bm25);
     float weight = hybrid_semantic_weight(kw, nk, sem, ns);
-    int32_t n = fuse_rankings(kw, nk, 1.0f, sem, ns, weight, kk, fused, score);
+    /* A semantic ranking weighed 0 adds nothing: its own hits would only trail at score 0. */
+    int32_t n = fuse_rankings(kw, nk, 1.0f, sem, weight > 0.0f ? ns : 0, weight, kk, fused, score);
     for (int32_t i = 0; i < n; i++) {
         fill_dense(e, &results[i], i, fused[i], score[i], query);
     }

@@ -446,7 +446,7 @@ enum {
 **   that the keyword ranking also has among its first 20 (0 to 1; 1 when no chunk holds a query
 **   word), so an encoder that does not know the text cannot push good keyword hits down.
 **   score: 1 / (60 + keyword rank) + weight / (60 + semantic rank), ranks from 1, a missing rank
-**   adding nothing (at most 2/61).
+**   adding nothing (at most 2/61). With a weight of 0 only keyword hits come back.
 ** TRN_SEARCH_SEMANTIC_ALL: as TRN_SEARCH_SEMANTIC without the narrowing to ten files, searched
 **   with a width of at least min(k, 64), so up to min(k, 64) hits. score: the dot product.
 **

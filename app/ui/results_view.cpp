@@ -481,7 +481,8 @@ void ResultsView::paintEvent(QPaintEvent *event)
     } else {
         title = tr("Search %1").arg(name);
         detail = tr("Type a question or a phrase and press Return.\n"
-                    "Semantic finds passages by meaning; Text and Regex match exactly.");
+                    "Hybrid ranks passages by their words and their meaning; Text and Regex "
+                    "match exactly.");
     }
     QPainter painter(viewport());
     QFont titleFont = font();
