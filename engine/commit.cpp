@@ -179,6 +179,16 @@ void unmap_file(Mapped *m)
     m->bytes = nullptr;
 }
 
+/* Forgets which store the handle loaded: the next commit starts a new chain of generations. */
+void forget_store(TrnEngine *e)
+{
+    e->has_commit = 0;
+    e->generation = 0;
+    e->store_present = 0;
+    e->store_size = 0;
+    e->store_crc = 0;
+}
+
 /* Frees every chunk and the document index; the handle is empty afterwards, as after open. */
 void index_reset(TrnEngine *e)
 {
@@ -196,11 +206,7 @@ void index_reset(TrnEngine *e)
     e->entry_point = -1;
     e->max_level = -1;
     hnsw_free_scratch(e);
-    e->has_commit = 0;
-    e->generation = 0;
-    e->store_present = 0;
-    e->store_size = 0;
-    e->store_crc = 0;
+    forget_store(e);
     e->wal_end = 0;
     e->wal_chunks = 0;
     e->wal_legacy = 0;
@@ -577,11 +583,7 @@ bool rebuild_swap(TrnEngine *e)
     free(probe);
     if (damaged) {
         keep_damaged_aside(e);
-        e->has_commit = 0;
-        e->generation = 0;
-        e->store_present = 0;
-        e->store_size = 0;
-        e->store_crc = 0;
+        forget_store(e);
     }
     e->rebuild = 0;
     e->unsaved = 1;

@@ -132,6 +132,24 @@ protected:
         }
         return numbers;
     }
+    /* Runs op on dir with the Nth call to call given the fault (strace's inject= action). */
+    Outcome run_injected(const char *call, const char *fault, int n, const std::string &dir,
+                         const std::string &op)
+    {
+        std::string inject = std::string(call) + ":" + fault + ":when=" + std::to_string(n);
+        return run({"strace",
+                    "-qq",
+                    "-o",
+                    "/dev/null",
+                    "-e",
+                    std::string("trace=") + call,
+                    "-e",
+                    "inject=" + inject,
+                    DRIVER,
+                    dir,
+                    op},
+                   scratch_);
+    }
     void SetUp() override
     {
         ASSERT_EQ(access(DRIVER.c_str(), X_OK), 0) << DRIVER;
@@ -156,19 +174,7 @@ TEST_P(CrashAtEverySyscall, LeavesTheStateBeforeOrAfterAndTheNextWriterGoesOn)
     for (const char *call : CALLS) {
         for (int n : calls_on(op, call, dir)) {
             copy_dir(start_.path(), dir);
-            std::string inject = std::string(call) + ":signal=SIGKILL:when=" + std::to_string(n);
-            Outcome r = run({"strace",
-                             "-qq",
-                             "-o",
-                             "/dev/null",
-                             "-e",
-                             std::string("trace=") + call,
-                             "-e",
-                             "inject=" + inject,
-                             DRIVER,
-                             dir,
-                             op},
-                            scratch_);
+            Outcome r = run_injected(call, "signal=SIGKILL", n, dir, op);
             ASSERT_TRUE(r.killed) << op << " at " << call << " #" << n << ": " << r.err;
             crashes++;
             Outcome c = run({DRIVER, dir, "check"}, scratch_);
@@ -192,19 +198,7 @@ TEST_P(CrashAtEverySyscall, AFullDiskFailsTheOperationAndKeepsTheCommittedState)
     for (const char *call : {"write", "fsync"}) {
         for (int n : calls_on(op, call, dir)) {
             copy_dir(start_.path(), dir);
-            std::string inject = std::string(call) + ":error=ENOSPC:when=" + std::to_string(n);
-            Outcome r = run({"strace",
-                             "-qq",
-                             "-o",
-                             "/dev/null",
-                             "-e",
-                             std::string("trace=") + call,
-                             "-e",
-                             "inject=" + inject,
-                             DRIVER,
-                             dir,
-                             op},
-                            scratch_);
+            Outcome r = run_injected(call, "error=ENOSPC", n, dir, op);
             std::string now = state(dir);
             if (r.code == 0) {
                 /* The failed call was not one the operation depends on (its own messages). */
