@@ -128,12 +128,12 @@ bool name_in(const xmlNode *node, const char *const *names)
 const char *const HTML_SKIPPED[] = {
     "script", "style", "template", "svg", "math", "iframe", "object", "noembed", nullptr};
 const char *const HTML_BLOCKS[] = {
-    "p",       "div",        "br",     "li",         "ul",      "ol",      "h1",    "h2",
-    "h3",      "h4",         "h5",     "h6",         "tr",      "table",   "pre",   "blockquote",
-    "section", "article",    "header", "footer",     "nav",     "aside",   "dt",    "dd",
-    "dl",      "hr",         "title",  "form",       "figure",  "figcaption", "main", "address",
-    "caption", "fieldset",   "legend", "details",    "summary", "body",    "html",  "thead",
-    "tbody",   "tfoot",      "option", "textarea",   "center",  nullptr};
+    "p",       "div",      "br",     "li",       "ul",      "ol",         "h1",   "h2",
+    "h3",      "h4",       "h5",     "h6",       "tr",      "table",      "pre",  "blockquote",
+    "section", "article",  "header", "footer",   "nav",     "aside",      "dt",   "dd",
+    "dl",      "hr",       "title",  "form",     "figure",  "figcaption", "main", "address",
+    "caption", "fieldset", "legend", "details",  "summary", "body",       "html", "thead",
+    "tbody",   "tfoot",    "option", "textarea", "center",  nullptr};
 
 void html_walk(const xmlNode *node, TextBuilder *b, bool in_pre)
 {

@@ -97,7 +97,9 @@ int32_t walk_files(const char *root, const TrnWalkOptions *opts, Fn &&fn)
     return walk_files(
         root,
         opts,
-        [](const WalkedFile *f, void *user) { return (*static_cast<Fn *>(user))(*f); },
+        [](const WalkedFile *f, void *user) {
+            return (*static_cast<Fn *>(user))(*f);
+        },
         static_cast<void *>(&fn));
 }
 
@@ -199,7 +201,9 @@ void for_each_live_chunk_path(TrnEngine *e, Fn &&fn)
 {
     for_each_live_chunk_path(
         e,
-        [](const char *path, void *user) { (*static_cast<Fn *>(user))(path); },
+        [](const char *path, void *user) {
+            (*static_cast<Fn *>(user))(path);
+        },
         static_cast<void *>(&fn));
 }
 

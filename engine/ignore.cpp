@@ -396,11 +396,10 @@ const char *ignore_rules_match(const IgnoreRules *r, const char *rel_path, bool 
         if (strncmp(rel_path, rule.base, rule.base_length) != 0) {
             continue; /* a rule of another branch; the stack holds ancestors only */
         }
-        bool hit = rule.anchored ? glob_match(rule.pattern,
-                                              rule.length,
-                                              rel_path + rule.base_length,
-                                              path_len - rule.base_length)
-                                 : glob_match(rule.pattern, rule.length, name, name_len);
+        bool hit =
+            rule.anchored ? glob_match(
+                rule.pattern, rule.length, rel_path + rule.base_length, path_len - rule.base_length)
+                          : glob_match(rule.pattern, rule.length, name, name_len);
         if (hit) {
             return rule.negate ? nullptr : rule.reason;
         }

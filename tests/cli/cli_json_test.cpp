@@ -115,10 +115,9 @@ TEST(CliHostile, NamesThatAreNotUtf8AreListedAsValidJson)
     // (A0 cannot follow it), so it gives three, the overlong C0 AF two.
     const std::string R = REPLACEMENT;
     EXPECT_EQ(files.items[0]["name"].text, "bad" + R + R + "-" + R + R + R + "-" + R + R + ".txt");
-    // Indexing walks as the application does, with file names decoded as UTF-8: a name that is
-    // not UTF-8 does not decode back to the same bytes, so the file cannot be opened and stays
-    // unindexed, in the application and here alike.
-    EXPECT_EQ(files.items[0]["chunk_count"].number, 0);
+    // The walk keeps names as the bytes they are, so such a file is read and indexed.
+    EXPECT_EQ(files.items[0]["status"].text, "Indexable");
+    EXPECT_EQ(files.items[0]["chunk_count"].number, 1);
 }
 
 } // namespace

@@ -54,7 +54,8 @@ TEST(ExtractHtml, ReadableTextWithoutMarkupScriptsOrStyles)
         {"<p>Hi</p><script>x()</script>tail<b>bold</b>", "Hi\ntailbold\n"},
         {"<html><head><title>Guide</title><style>p{}</style></head><body>x</body></html>",
          "Guide\nx\n"},
-        {"a &amp; b &lt;c&gt; &eacute;t&#233; &#x263A;", "a & b <c> \xC3\xA9t\xC3\xA9 \xE2\x98\xBA\n"},
+        {"a &amp; b &lt;c&gt; &eacute;t&#233; &#x263A;",
+         "a & b <c> \xC3\xA9t\xC3\xA9 \xE2\x98\xBA\n"},
         {"<h1>Title</h1><p>one\n   two</p><ul><li>x</li><li>y</li></ul>", "Title\none two\nx\ny\n"},
         {"<pre>keep\n  indent</pre>after", "keep\n  indent\nafter\n"},
         {"line<br>break", "line\nbreak\n"},
@@ -76,7 +77,8 @@ TEST(ExtractHtml, DeclaredCharsetIsHonoured)
 {
     TempDir dir;
     write_file_text(dir.file("latin.html"),
-                    "<meta charset=\"iso-8859-1\"><p>caf\xE9 cr\xE8me br\xFBl\xE9" "e</p>");
+                    "<meta charset=\"iso-8859-1\"><p>caf\xE9 cr\xE8me br\xFBl\xE9"
+                    "e</p>");
     EXPECT_EQ(text_of(dir.file("latin.html"), TRN_FILE_TYPE_HTML),
               "caf\xC3\xA9 cr\xC3\xA8me br\xC3\xBBl\xC3\xA9\x65\n");
 }
@@ -144,11 +146,11 @@ std::string pdf_with_pages(const std::vector<std::string> &pages)
         objects.push_back("<< /Type /Page /Parent 2 0 R /MediaBox [0 0 400 144] /Contents "
                           + std::to_string(page_obj + 1)
                           + " 0 R /Resources << /Font << /F1 3 0 R >> >> >>");
-        objects.push_back("<< /Length " + std::to_string(content.size()) + " >>\nstream\n"
-                          + content + "\nendstream");
+        objects.push_back("<< /Length " + std::to_string(content.size()) + " >>\nstream\n" + content
+                          + "\nendstream");
     }
-    objects[1] = "<< /Type /Pages /Kids [" + kids + "] /Count " + std::to_string(pages.size())
-                 + " >>";
+    objects[1] =
+        "<< /Type /Pages /Kids [" + kids + "] /Count " + std::to_string(pages.size()) + " >>";
     std::string pdf = "%PDF-1.4\n";
     std::vector<size_t> offsets;
     for (size_t i = 0; i < objects.size(); i++) {
@@ -204,7 +206,11 @@ TEST(ExtractText, VerdictsForTextThatCannotBeUsed)
         const char *text;
     } cases[] = {
         {"ok.txt", "\xEF\xBB\xBFplain text here", TRN_FILE_TYPE_TEXT, "plain text here"},
-        {"latin1.txt", "caf\xE9" " au lait, monsieur", TRN_FILE_TYPE_TEXT, "[Not UTF-8]"},
+        {"latin1.txt",
+         "caf\xE9"
+         " au lait, monsieur",
+         TRN_FILE_TYPE_TEXT,
+         "[Not UTF-8]"},
         {"overlong.txt", "slash \xC0\xAF is not allowed", TRN_FILE_TYPE_TEXT, "[Not UTF-8]"},
         {"cut.md", "ends in the middle \xE2\x98", TRN_FILE_TYPE_MARKDOWN, "[Not UTF-8]"},
         {"short.txt", "  ten chars \n\n ", TRN_FILE_TYPE_TEXT, "[Too short]"},

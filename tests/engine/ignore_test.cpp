@@ -47,16 +47,46 @@ const std::map<std::string, std::string> IGNORE_FILES = {
 };
 
 const char *const TREE[] = {
-    "a.log",          "keep.log",         "sub/a.log",         "sub/b.tmp",
-    "sub/inner/important.tmp", "sub/inner/other.tmp", "anchored.txt",  "sub/anchored.txt",
-    "out/o.txt",      "sub/out",          "doc/x.pdf",         "doc/a/b/y.pdf",
-    "doc/y.txt",      "deep",             "p/deep/f.txt",      "a/z.txt",
-    "a/b/c/z.txt",    "b/a/z.txt",        "#hash.txt",         "!bang.txt",
-    "trailing ",      "trailing",         "spaces.txt",        "m.o",
-    "m.a",            "m.c",              "data/f.txt",        "data/keep/f.txt",
-    "xay.txt",        "xy.txt",           "foo/bar",           "sub/foo/bar",
-    "local.txt",      "sub/local.txt",    "sub/x/nested/f.txt", "sub/x/local.txt",
-    "logs/a/b.txt",   "9.tmp",            "n9.tmp",            "plain.txt",
+    "a.log",
+    "keep.log",
+    "sub/a.log",
+    "sub/b.tmp",
+    "sub/inner/important.tmp",
+    "sub/inner/other.tmp",
+    "anchored.txt",
+    "sub/anchored.txt",
+    "out/o.txt",
+    "sub/out",
+    "doc/x.pdf",
+    "doc/a/b/y.pdf",
+    "doc/y.txt",
+    "deep",
+    "p/deep/f.txt",
+    "a/z.txt",
+    "a/b/c/z.txt",
+    "b/a/z.txt",
+    "#hash.txt",
+    "!bang.txt",
+    "trailing ",
+    "trailing",
+    "spaces.txt",
+    "m.o",
+    "m.a",
+    "m.c",
+    "data/f.txt",
+    "data/keep/f.txt",
+    "xay.txt",
+    "xy.txt",
+    "foo/bar",
+    "sub/foo/bar",
+    "local.txt",
+    "sub/local.txt",
+    "sub/x/nested/f.txt",
+    "sub/x/local.txt",
+    "logs/a/b.txt",
+    "9.tmp",
+    "n9.tmp",
+    "plain.txt",
 };
 
 void make_tree(const TempDir &dir, const char *ignore_name)
@@ -195,28 +225,34 @@ TEST(Walk, ReportsEveryFileWithItsVerdictAndSkipsExcludedDirectories)
     write_file_text(dir.file("node_modules/pkg/index.js"), "module.exports = 1;\n");
     write_file_text(dir.file("src/main.c"), "int main(void) { return 0; }\n");
     write_file_text(dir.file("src/NEWS"), "Release notes of the project\n");
-    write_file_bytes(dir.file("src/blob"), "\x7F" "ELF\x02\x01\x01\x00", 8);
+    write_file_bytes(dir.file("src/blob"),
+                     "\x7F"
+                     "ELF\x02\x01\x01\x00",
+                     8);
     write_file_text(dir.file("big.txt"), std::string(3000, 'x'));
     write_file_text(dir.file(".env"), "SECRET=1\n");
     write_file_text(dir.file("z.md"), "# Notes\n");
     std::vector<std::string> seen;
     TrnWalkOptions opts = {};
     opts.max_file_size = 2048;
-    ASSERT_EQ(walk_files(dir.path().c_str(), &opts, [&](const WalkedFile &f) {
-                  if (f.kind == WALK_DIR_LEAVE) {
-                      return WALK_CONTINUE;
-                  }
-                  std::string line = std::string(f.rel_path) + " " + std::to_string(f.kind) + " "
-                                     + trn_file_status_name(f.status);
-                  if (f.status == TRN_FILE_STATUS_INDEXABLE && f.kind == WALK_FILE) {
-                      line += std::string(" ") + trn_file_type_name(f.type);
-                  }
-                  if (f.reason[0]) {
-                      line += std::string(" (") + f.reason + ")";
-                  }
-                  seen.push_back(line);
-                  return WALK_CONTINUE;
-              }),
+    ASSERT_EQ(walk_files(dir.path().c_str(),
+                         &opts,
+                         [&](const WalkedFile &f) {
+                             if (f.kind == WALK_DIR_LEAVE) {
+                                 return WALK_CONTINUE;
+                             }
+                             std::string line = std::string(f.rel_path) + " "
+                                                + std::to_string(f.kind) + " "
+                                                + trn_file_status_name(f.status);
+                             if (f.status == TRN_FILE_STATUS_INDEXABLE && f.kind == WALK_FILE) {
+                                 line += std::string(" ") + trn_file_type_name(f.type);
+                             }
+                             if (f.reason[0]) {
+                                 line += std::string(" (") + f.reason + ")";
+                             }
+                             seen.push_back(line);
+                             return WALK_CONTINUE;
+                         }),
               0);
     const std::vector<std::string> expected = {
         ".env 0 Excluded (hidden name)",
@@ -229,15 +265,19 @@ TEST(Walk, ReportsEveryFileWithItsVerdictAndSkipsExcludedDirectories)
         "z.md 0 Indexable Markdown",
     };
     EXPECT_EQ(seen, expected);
-    EXPECT_EQ(walk_files(dir.file("absent").c_str(), nullptr, [](const WalkedFile &) {
-                  return WALK_CONTINUE;
-              }),
+    EXPECT_EQ(walk_files(dir.file("absent").c_str(),
+                         nullptr,
+                         [](const WalkedFile &) {
+                             return WALK_CONTINUE;
+                         }),
               -1);
     int calls = 0;
-    EXPECT_EQ(walk_files(dir.path().c_str(), nullptr, [&](const WalkedFile &) {
-                  calls++;
-                  return WALK_STOP;
-              }),
+    EXPECT_EQ(walk_files(dir.path().c_str(),
+                         nullptr,
+                         [&](const WalkedFile &) {
+                             calls++;
+                             return WALK_STOP;
+                         }),
               1);
     EXPECT_EQ(calls, 1);
 }

@@ -23,7 +23,7 @@ if [ -z "$deb" ]; then
 fi
 
 depends=$(dpkg-deb -f "$deb" Depends)
-for dependency in libc6 libstdc++6 libopenblas poppler-utils; do
+for dependency in libc6 libstdc++6 libopenblas libpoppler-cpp libzip libxml2; do
     case $depends in
         *"$dependency"*) ;;
         *) fail "Depends lacks $dependency: $depends" ;;
