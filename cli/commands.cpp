@@ -212,6 +212,9 @@ void cmd_index(const Options &o)
         throw Failure("cannot open directory " + root);
     }
     ProgressLine progress("indexing");
+    if (progress.shown()) {
+        progress.update(0, static_cast<int>(candidates.size()), 0); // the walk found them
+    }
     uint32_t chunks = 0;
     int done = 0;
     for (const Candidate &c : candidates) {

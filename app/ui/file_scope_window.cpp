@@ -339,13 +339,15 @@ void FileScopeWindow::syncSummary()
         return;
     }
     const QList<FileInfo> files = m_state->fileList();
+    int fileCount = 0; // excluded folders are rows too, but not files
     int indexed = 0;
     qint64 bytes = 0;
     for (const FileInfo &file : files) {
+        fileCount += file.isDirectory ? 0 : 1;
         indexed += file.isIndexed ? 1 : 0;
         bytes += file.fileSize;
     }
-    QString text = (files.size() == 1 ? tr("1 file") : tr("%1 files").arg(files.size()))
+    QString text = (fileCount == 1 ? tr("1 file") : tr("%1 files").arg(fileCount))
                    + tr(", %1 indexed, %2").arg(indexed).arg(TarnwickEngine::formatFileSize(bytes));
     if (m_files && m_files->count() != files.size()) {
         text += tr(" \u00b7 %1 shown").arg(m_files->count());
