@@ -268,14 +268,7 @@ QList<SearchMode> allSearchModes()
 
 void TarnwickEngine::setVerbose(bool on)
 {
-    std::lock_guard<std::mutex> lock(engineMutex());
     trn_set_verbose(on ? 1 : 0);
-}
-
-std::mutex &TarnwickEngine::engineMutex()
-{
-    static std::mutex mutex;
-    return mutex;
 }
 
 TarnwickEngine::TarnwickEngine(const QString &directoryPath, const QString &weightsPath,
@@ -283,13 +276,13 @@ TarnwickEngine::TarnwickEngine(const QString &directoryPath, const QString &weig
     : m_directoryPath(directoryPath), m_dataDir(directoryPath + QStringLiteral("/.tarnwick"))
 {
     createIndexDir(m_dataDir);
-    std::lock_guard<std::mutex> lock(engineMutex());
+    std::lock_guard<std::mutex> lock(m_mutex);
     openLocked(weightsPath, mode == OpenMode::Rebuild ? TRN_OPEN_REBUILD : 0);
 }
 
 TarnwickEngine::~TarnwickEngine()
 {
-    std::lock_guard<std::mutex> lock(engineMutex());
+    std::lock_guard<std::mutex> lock(m_mutex);
     if (m_handle) {
         trn_close(m_handle);
         m_handle = nullptr;
@@ -320,7 +313,7 @@ void TarnwickEngine::openLocked(const QString &weightsPath, uint32_t flags)
 
 bool TarnwickEngine::reopen(const QString &weightsPath)
 {
-    std::lock_guard<std::mutex> lock(engineMutex());
+    std::lock_guard<std::mutex> lock(m_mutex);
     if (!m_handle) {
         openLocked(weightsPath, 0);
     }
@@ -329,25 +322,25 @@ bool TarnwickEngine::reopen(const QString &weightsPath)
 
 QString TarnwickEngine::lastError() const
 {
-    std::lock_guard<std::mutex> lock(engineMutex());
+    std::lock_guard<std::mutex> lock(m_mutex);
     return m_lastError;
 }
 
 int TarnwickEngine::lastStatus() const
 {
-    std::lock_guard<std::mutex> lock(engineMutex());
+    std::lock_guard<std::mutex> lock(m_mutex);
     return m_lastStatus;
 }
 
 bool TarnwickEngine::isOpen() const
 {
-    std::lock_guard<std::mutex> lock(engineMutex());
+    std::lock_guard<std::mutex> lock(m_mutex);
     return m_handle != nullptr;
 }
 
 void TarnwickEngine::clearAndReopen(const QString &weightsPath)
 {
-    std::lock_guard<std::mutex> lock(engineMutex());
+    std::lock_guard<std::mutex> lock(m_mutex);
     if (m_handle) {
         trn_close(m_handle);
         m_handle = nullptr;
@@ -392,7 +385,7 @@ int TarnwickEngine::ingestDirectory(int chunkSize, int overlap, const ProgressFn
         if (text && text->size() >= 11) {
             const QByteArray path = QFile::encodeName(candidate.path);
             const QByteArray utf8 = text->toUtf8();
-            std::lock_guard<std::mutex> lock(engineMutex());
+            std::lock_guard<std::mutex> lock(m_mutex);
             if (m_handle) {
                 const int32_t n = trn_ingest_text(
                     m_handle, path.constData(), utf8.constData(), chunk32, overlap32);
@@ -411,7 +404,7 @@ int TarnwickEngine::ingestDirectory(int chunkSize, int overlap, const ProgressFn
             progress(done, found, total);
         }
     }
-    std::lock_guard<std::mutex> lock(engineMutex());
+    std::lock_guard<std::mutex> lock(m_mutex);
     if (m_handle) {
         trn_build_doc_index(m_handle);
     }
@@ -422,7 +415,6 @@ std::optional<QString> TarnwickEngine::regexError(const QString &query)
 {
     const QByteArray utf8 = query.toUtf8();
     char reason[256] = "";
-    std::lock_guard<std::mutex> lock(engineMutex());
     if (trn_check_regex(utf8.constData(), reason, sizeof reason)) {
         return std::nullopt;
     }
@@ -440,7 +432,7 @@ QList<SearchResult> TarnwickEngine::search(const QString &query, SearchMode mode
     }
     const QByteArray utf8 = query.toUtf8();
     std::vector<TrnResult> records(static_cast<size_t>(k), TrnResult{});
-    std::lock_guard<std::mutex> lock(engineMutex());
+    std::lock_guard<std::mutex> lock(m_mutex);
     if (!m_handle) {
         return results;
     }
@@ -467,7 +459,7 @@ QList<FileInfo> TarnwickEngine::fileList()
     QHash<QString, int> chunkCounts;
     {
         const QByteArray dir = QFile::encodeName(m_directoryPath);
-        std::lock_guard<std::mutex> lock(engineMutex());
+        std::lock_guard<std::mutex> lock(m_mutex);
         if (m_handle) {
             (void)trn_stats(m_handle);
             TrnFileList *list = trn_list_dir_files(m_handle, dir.constData());
@@ -507,7 +499,7 @@ QList<FileInfo> TarnwickEngine::fileList()
 
 TrnStats TarnwickEngine::stats() const
 {
-    std::lock_guard<std::mutex> lock(engineMutex());
+    std::lock_guard<std::mutex> lock(m_mutex);
     if (!m_handle) {
         return TrnStats{};
     }
@@ -516,7 +508,7 @@ TrnStats TarnwickEngine::stats() const
 
 bool TarnwickEngine::checkpoint()
 {
-    std::lock_guard<std::mutex> lock(engineMutex());
+    std::lock_guard<std::mutex> lock(m_mutex);
     if (!m_handle) {
         return false;
     }
