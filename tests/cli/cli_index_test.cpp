@@ -114,13 +114,13 @@ TEST_F(CliIndexed, StatsCountChunksFilesAndDimension)
 {
     Json s = stats();
     ASSERT_EQ(s.kind, Json::Object);
-    EXPECT_EQ(s.keys(),
-              (std::vector<std::string>{
-                  "chunk_count", "file_count", "deleted_count", "max_level", "dim"}));
-    EXPECT_EQ(s["chunk_count"].number, 6);
-    EXPECT_EQ(s["file_count"].number, 3);
-    EXPECT_EQ(s["deleted_count"].number, 0);
-    EXPECT_GE(s["max_level"].number, 0);
+    EXPECT_EQ(
+        s.keys(),
+        (std::vector<std::string>{"chunkCount", "fileCount", "deletedCount", "maxLevel", "dim"}));
+    EXPECT_EQ(s["chunkCount"].number, 6);
+    EXPECT_EQ(s["fileCount"].number, 3);
+    EXPECT_EQ(s["deletedCount"].number, 0);
+    EXPECT_GE(s["maxLevel"].number, 0);
     EXPECT_EQ(s["dim"].number, 512);
 
     RunResult r = run_cli({"stats", dir.path()}, dir.path());
@@ -151,7 +151,7 @@ TEST_F(CliMaintenance, IndexingReportsOnOneLineAndShowsProgressOnlyOnATerminal)
     EXPECT_NE(r.err.find(" chunks/s"), std::string::npos) << r.err;
     EXPECT_EQ(r.err.find("tarnwick: opened"), std::string::npos) << r.err;
     // Indexing again starts from scratch rather than adding a second copy of every chunk.
-    EXPECT_EQ(stats()["chunk_count"].number, 6);
+    EXPECT_EQ(stats()["chunkCount"].number, 6);
 }
 
 TEST_F(CliIndexed, FilesListsEveryVisibleFileWithItsChunks)
@@ -171,16 +171,17 @@ TEST_F(CliIndexed, FilesListsEveryVisibleFileWithItsChunks)
         const Json &info = f[dir / e.rel];
         EXPECT_EQ(
             info.keys(),
-            (std::vector<std::string>{"path", "name", "type", "size", "chunk_count", "indexed"}));
+            (std::vector<std::string>{
+                "path", "name", "fileType", "fileTypeName", "size", "chunkCount", "indexed"}));
         EXPECT_EQ(info["name"].text, e.name);
-        EXPECT_EQ(info["type"].text, e.type);
+        EXPECT_EQ(info["fileTypeName"].text, e.type);
         EXPECT_EQ(info["size"].number, e.size);
-        EXPECT_EQ(info["chunk_count"].number, e.chunks);
+        EXPECT_EQ(info["chunkCount"].number, e.chunks);
         EXPECT_EQ(info["indexed"].kind, Json::Bool);
         EXPECT_TRUE(info["indexed"].boolean);
     }
     const Json &image = f[dir / "image.bin"];
-    EXPECT_EQ(image["chunk_count"].number, 0);
+    EXPECT_EQ(image["chunkCount"].number, 0);
     EXPECT_FALSE(image["indexed"].boolean);
 }
 
@@ -195,15 +196,21 @@ TEST_F(CliIndexed, TextAndRegexHitsNameTheChunkAndItsFirstLine)
         std::vector<Json> hits = search(query, mode);
         ASSERT_EQ(hits.size(), 1u);
         const Json &h = hits[0];
-        EXPECT_EQ(
-            h.keys(),
-            (std::vector<std::string>{
-                "id", "filePath", "snippet", "score", "chunkIndex", "lineNumber", "fileType"}));
+        EXPECT_EQ(h.keys(),
+                  (std::vector<std::string>{"id",
+                                            "filePath",
+                                            "snippet",
+                                            "score",
+                                            "chunkIndex",
+                                            "lineNumber",
+                                            "fileType",
+                                            "fileTypeName"}));
         EXPECT_EQ(h["id"].text, alpha + ":2");
         EXPECT_EQ(h["filePath"].text, alpha);
         EXPECT_EQ(h["chunkIndex"].number, 2);
         EXPECT_EQ(h["lineNumber"].number, 5);
-        EXPECT_EQ(h["fileType"].number, 5); // Markdown
+        EXPECT_EQ(h["fileType"].number, 5);
+        EXPECT_EQ(h["fileTypeName"].text, "Markdown");
         EXPECT_EQ(h["score"].number, 1.0);
         EXPECT_EQ(h["snippet"].text, alpha_text().substr(96, 64));
     }
@@ -273,10 +280,10 @@ TEST_F(CliMaintenance, RemoveMarksChunksDeletedAndAcceptsRelativePaths)
     EXPECT_EQ(r.out, "removed 3 chunks of " + dir / "notes/alpha.md" + "\n");
 
     Json s = stats();
-    EXPECT_EQ(s["chunk_count"].number, 6);
-    EXPECT_EQ(s["deleted_count"].number, 3);
+    EXPECT_EQ(s["chunkCount"].number, 6);
+    EXPECT_EQ(s["deletedCount"].number, 3);
     std::map<std::string, Json> f = files();
-    EXPECT_EQ(f[dir / "notes/alpha.md"]["chunk_count"].number, 0);
+    EXPECT_EQ(f[dir / "notes/alpha.md"]["chunkCount"].number, 0);
     EXPECT_FALSE(f[dir / "notes/alpha.md"]["indexed"].boolean);
     EXPECT_TRUE(search("lighthouse", "text").empty());
 
@@ -287,7 +294,7 @@ TEST_F(CliMaintenance, RemoveMarksChunksDeletedAndAcceptsRelativePaths)
     EXPECT_NE(r.err.find("tarnwick: not in the index: " + dir / "notes/alpha.md"),
               std::string::npos)
         << r.err;
-    EXPECT_EQ(stats()["deleted_count"].number, 4);
+    EXPECT_EQ(stats()["deletedCount"].number, 4);
 }
 
 TEST_F(CliMaintenance, RemoveFindsFilesDeletedFromDiskAndPathsThroughLinks)
@@ -297,7 +304,7 @@ TEST_F(CliMaintenance, RemoveFindsFilesDeletedFromDiskAndPathsThroughLinks)
     RunResult r =
         run_cli({"remove", "link/.", "link/code/gamma.c", "link/code/../beta.txt"}, dir.path());
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(stats()["deleted_count"].number, 3);
+    EXPECT_EQ(stats()["deletedCount"].number, 3);
 }
 
 TEST_F(CliMaintenance, CompactAfterRemovingEverythingLeavesAnEmptyIndex)
@@ -310,10 +317,10 @@ TEST_F(CliMaintenance, CompactAfterRemovingEverythingLeavesAnEmptyIndex)
     EXPECT_EQ(r.out, "compacted: 0 chunks of 0 files\n");
 
     Json s = stats();
-    EXPECT_EQ(s["chunk_count"].number, 0);
-    EXPECT_EQ(s["file_count"].number, 0);
-    EXPECT_EQ(s["deleted_count"].number, 0);
-    EXPECT_EQ(s["max_level"].number, -1);
+    EXPECT_EQ(s["chunkCount"].number, 0);
+    EXPECT_EQ(s["fileCount"].number, 0);
+    EXPECT_EQ(s["deletedCount"].number, 0);
+    EXPECT_EQ(s["maxLevel"].number, -1);
     EXPECT_EQ(fs::file_size(dir / ".tarnwick/tarnwick.bin"), 40u); // the header alone
     EXPECT_TRUE(search("lighthouse", "semantic").empty());
 }
@@ -441,7 +448,7 @@ TEST_F(CliMaintenance, DamagedOrBusyIndexFailsWithOneLineAndARebuildRecovers)
 
     RunResult r = index();
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(stats()["chunk_count"].number, 6);
+    EXPECT_EQ(stats()["chunkCount"].number, 6);
     int kept = 0;
     for (const auto &entry : fs::directory_iterator(dir / ".tarnwick")) {
         kept += entry.path().filename().string().rfind("tarnwick.bin.damaged-", 0) == 0;
@@ -457,5 +464,5 @@ TEST_F(CliMaintenance, DamagedOrBusyIndexFailsWithOneLineAndARebuildRecovers)
               "tarnwick: the index of " + dir.path()
                   + " is busy: another Tarnwick is updating it\n");
     close(lock);
-    EXPECT_EQ(stats()["deleted_count"].number, 0);
+    EXPECT_EQ(stats()["deletedCount"].number, 0);
 }

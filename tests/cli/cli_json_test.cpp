@@ -33,7 +33,8 @@ TEST(CliHostile, PdfNamedWithShellSyntaxIsIndexedAndRunsNothing)
     const Json &pdf = files.items[0];
     EXPECT_EQ(pdf["name"].text, HOSTILE_NAME);
     EXPECT_EQ(pdf["path"].text, dir / HOSTILE_NAME);
-    EXPECT_EQ(pdf["type"].text, "PDF");
+    EXPECT_EQ(pdf["fileType"].number, 1);
+    EXPECT_EQ(pdf["fileTypeName"].text, "PDF");
     EXPECT_TRUE(pdf["indexed"].boolean);
 
     // The converted text is what was indexed.
@@ -118,7 +119,7 @@ TEST(CliHostile, NamesThatAreNotUtf8AreListedAsValidJson)
     // Indexing walks as the application does, with file names decoded as UTF-8: a name that is
     // not UTF-8 does not decode back to the same bytes, so the file cannot be opened and stays
     // unindexed, in the application and here alike.
-    EXPECT_EQ(files.items[0]["chunk_count"].number, 0);
+    EXPECT_EQ(files.items[0]["chunkCount"].number, 0);
 }
 
 } // namespace
