@@ -299,14 +299,14 @@ Figures run_engine(const DataSet &d, const std::vector<uint32_t> &truth, unsigne
 {
     TrnConfig cfg = {nullptr, nullptr, DIM, GRAPH_M, EF_CONSTRUCTION, EF_SEARCH};
     TrnEngine *e = trn_open(&cfg);
-    srand(seed); // trn_open seeds with the time; the levels should not change between runs
+    e->level_state = seed; // the levels should not change between runs
     Figures f;
     double t0 = thread_cpu_seconds();
     ensure_cap(e, (uint64_t)d.n);
     for (long i = 0; i < d.n; i++) {
         uint64_t slot = e->count++;
         memcpy(e->vectors + slot * DIM, &d.base[(size_t)i * DIM], DIM * sizeof(float));
-        e->nodes[slot].level = draw_level(e->level_mult);
+        e->nodes[slot].level = draw_level(&e->level_state, e->level_mult);
         hnsw_insert(e, (uint32_t)slot);
     }
     f.build_s = thread_cpu_seconds() - t0;

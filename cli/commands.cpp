@@ -284,6 +284,8 @@ void cmd_search(const Options &o)
             w.integer(r.line_number);
             w.key("fileType");
             w.integer(r.file_type);
+            w.key("fileTypeName");
+            w.string(trn_file_type_name(r.file_type));
             w.end_object();
         }
         w.end_array();
@@ -350,11 +352,13 @@ void cmd_files(const Options &o)
             w.string(f.path);
             w.key("name");
             w.string(f.name);
-            w.key("type");
+            w.key("fileType");
+            w.integer(f.type);
+            w.key("fileTypeName");
             w.string(trn_file_type_name(f.type));
             w.key("size");
             w.integer(f.size);
-            w.key("chunk_count");
+            w.key("chunkCount");
             w.integer(f.chunk_count);
             w.key("indexed");
             w.boolean(f.indexed != 0);
@@ -406,13 +410,13 @@ void cmd_stats(const Options &o)
     if (o.json) {
         JsonWriter w;
         w.begin_object();
-        w.key("chunk_count");
+        w.key("chunkCount");
         w.integer(st.chunk_count);
-        w.key("file_count");
+        w.key("fileCount");
         w.integer(st.file_count);
-        w.key("deleted_count");
+        w.key("deletedCount");
         w.integer(st.deleted_count);
-        w.key("max_level");
+        w.key("maxLevel");
         w.integer(st.max_level);
         w.key("dim");
         w.integer(st.dim);

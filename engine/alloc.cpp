@@ -12,6 +12,7 @@
 */
 #include "internal.h"
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -19,12 +20,13 @@
 
 long g_alloc_fail_countdown = 0;
 
-/* On by default, so a C caller that never asks sees the lines it always saw. */
-static int32_t g_verbose = 1;
+/* On by default, so a C caller that never asks sees the lines it always saw. Atomic, since
+** handles on other threads read it while one thread sets it. */
+static std::atomic<int32_t> g_verbose{1};
 
 void verbose_note(const char *fmt, ...)
 {
-    if (!g_verbose) {
+    if (!g_verbose.load(std::memory_order_relaxed)) {
         return;
     }
     va_list args;
@@ -103,7 +105,7 @@ extern "C" {
 
 void trn_set_verbose(int32_t on)
 {
-    g_verbose = on != 0;
+    g_verbose.store(on != 0 ? 1 : 0, std::memory_order_relaxed);
 }
 
 } // extern "C"

@@ -16,10 +16,11 @@
 ** at 1 and shifts at 0. The generator state carries on from array to array, so a seed reproduces
 ** the weights bit for bit.
 **
-** Process-wide state, shared by every encoder: the workspace g_ws (sized for 256 positions,
-** created by the first embedding, released by any trn_encoder_free), the layer-norm and GELU
-** scratch rows, and the generator state. Nothing here is reentrant; callers serialise all calls.
-** An embedding allocates nothing.
+** Nothing here is process-wide. Every buffer of an embedding lives in a TrnScratch (sized for 256
+** positions); an encoder owns one, created by its first trn_encoder_embed_text, and the engine's
+** embedding workers each own another (embed.cpp), so any number of embeddings run at once as long
+** as no two share a scratch. The weights are only read while embedding. With its scratch in place
+** an embedding allocates nothing. The initialiser's generator state is a local of init_common.
 **
 ** An allocation failure prints "tarnwick: OOM (<bytes> bytes)" and ends the process with status 1.
 */
@@ -27,6 +28,23 @@
 
 #include <cmath>
 #include <cstring>
+
+/* Every buffer of one embedding, sized for MAX_SEQ positions. */
+struct TrnScratch {
+    float *x;          /* residual stream, MAX_SEQ x DIM */
+    float *xn;         /* normalised copy of x, MAX_SEQ x DIM */
+    float *q;          /* MAX_SEQ x DIM */
+    float *k;          /* MAX_SEQ x DIM */
+    float *v;          /* MAX_SEQ x DIM */
+    float *heads;      /* concatenated head outputs, MAX_SEQ x DIM */
+    float *proj;       /* output projection, MAX_SEQ x DIM */
+    float *hidden;     /* feed-forward hidden, MAX_SEQ x FF */
+    float *ff_out;     /* feed-forward output, MAX_SEQ x DIM */
+    float *scores;     /* attention scores, n x n with row stride n */
+    float *norm_row;   /* DIM, inside layernorm */
+    float *gelu_cube;  /* FF, inside gelu_vec_inplace */
+    float *gelu_inner; /* FF, inside gelu_vec_inplace */
+};
 
 namespace
 {
@@ -42,27 +60,6 @@ constexpr float GELU_C = 0.044715f;
 constexpr float SQRT_2_OVER_PI = 0.7978846f;
 constexpr char ENCODER_OOM[] = "tarnwick: OOM (%zu bytes)\n";
 
-/* Every buffer of one embedding, sized for MAX_SEQ positions. */
-struct TrnWorkspace {
-    float *x;      /* residual stream, MAX_SEQ x DIM */
-    float *xn;     /* normalised copy of x, MAX_SEQ x DIM */
-    float *q;      /* MAX_SEQ x DIM */
-    float *k;      /* MAX_SEQ x DIM */
-    float *v;      /* MAX_SEQ x DIM */
-    float *heads;  /* concatenated head outputs, MAX_SEQ x DIM */
-    float *proj;   /* output projection, MAX_SEQ x DIM */
-    float *hidden; /* feed-forward hidden, MAX_SEQ x FF */
-    float *ff_out; /* feed-forward output, MAX_SEQ x DIM */
-    float *spare;  /* MAX_SEQ floats, unused */
-    float *scores; /* attention scores, n x n with row stride n */
-};
-
-TrnWorkspace *g_ws = nullptr;
-uint32_t rng_state = 1;
-float tmp_buf[DIM];
-float t1_buf[FF];
-float t2_buf[FF];
-
 void *encoder_alloc(size_t bytes)
 {
     void *p = alloc_should_fail() ? nullptr : malloc(bytes ? bytes : 1);
@@ -72,21 +69,21 @@ void *encoder_alloc(size_t bytes)
     return p;
 }
 
-float rng_draw()
+float rng_draw(uint32_t *state)
 {
-    uint32_t x = rng_state;
+    uint32_t x = *state;
     x ^= x << 13;
     x ^= x >> 17;
     x ^= x << 5;
-    rng_state = x;
+    *state = x;
     return ((float)(x % 10000) / 10000.0f - 0.5f) * 0.04f;
 }
 
-float *random_floats(size_t n)
+float *random_floats(size_t n, uint32_t *state)
 {
     float *p = encoder_alloc_floats(n);
     for (size_t i = 0; i < n; i++) {
-        p[i] = rng_draw();
+        p[i] = rng_draw(state);
     }
     return p;
 }
@@ -100,16 +97,16 @@ float *filled_floats(size_t n, float value)
     return p;
 }
 
-void init_layer(TrnEncoderLayer *layer)
+void init_layer(TrnEncoderLayer *layer, uint32_t *state)
 {
-    layer->wq = random_floats((size_t)DIM * DIM);
-    layer->wk = random_floats((size_t)DIM * DIM);
-    layer->wv = random_floats((size_t)DIM * DIM);
-    layer->wo = random_floats((size_t)DIM * DIM);
-    layer->w1 = random_floats((size_t)DIM * FF);
-    layer->b1 = random_floats(FF);
-    layer->w2 = random_floats((size_t)FF * DIM);
-    layer->b2 = random_floats(DIM);
+    layer->wq = random_floats((size_t)DIM * DIM, state);
+    layer->wk = random_floats((size_t)DIM * DIM, state);
+    layer->wv = random_floats((size_t)DIM * DIM, state);
+    layer->wo = random_floats((size_t)DIM * DIM, state);
+    layer->w1 = random_floats((size_t)DIM * FF, state);
+    layer->b1 = random_floats(FF, state);
+    layer->w2 = random_floats((size_t)FF * DIM, state);
+    layer->b2 = random_floats(DIM, state);
     layer->ln1_gamma = filled_floats(DIM, 1.0f);
     layer->ln1_beta = filled_floats(DIM, 0.0f);
     layer->ln2_gamma = filled_floats(DIM, 1.0f);
@@ -137,63 +134,20 @@ void free_layer(TrnEncoderLayer *layer)
 
 void init_common(TrnEncoder *enc, uint32_t seed)
 {
-    rng_state = seed ? seed : 1;
-    enc->tok_emb = random_floats((size_t)enc->vocab_size * DIM);
-    enc->pos_emb = random_floats((size_t)MAX_SEQ * DIM);
+    uint32_t state = seed ? seed : 1;
+    enc->tok_emb = random_floats((size_t)enc->vocab_size * DIM, &state);
+    enc->pos_emb = random_floats((size_t)MAX_SEQ * DIM, &state);
     enc->ln_f_gamma = filled_floats(DIM, 1.0f);
     enc->ln_f_beta = filled_floats(DIM, 0.0f);
     for (TrnEncoderLayer &layer : enc->layers) {
-        init_layer(&layer);
+        init_layer(&layer, &state);
     }
-}
-
-TrnWorkspace *ws_get()
-{
-    if (g_ws) {
-        return g_ws;
-    }
-    TrnWorkspace *ws = static_cast<TrnWorkspace *>(encoder_alloc(sizeof(TrnWorkspace)));
-    ws->x = encoder_alloc_floats((size_t)MAX_SEQ * DIM);
-    ws->xn = encoder_alloc_floats((size_t)MAX_SEQ * DIM);
-    ws->q = encoder_alloc_floats((size_t)MAX_SEQ * DIM);
-    ws->k = encoder_alloc_floats((size_t)MAX_SEQ * DIM);
-    ws->v = encoder_alloc_floats((size_t)MAX_SEQ * DIM);
-    ws->heads = encoder_alloc_floats((size_t)MAX_SEQ * DIM);
-    ws->proj = encoder_alloc_floats((size_t)MAX_SEQ * DIM);
-    ws->hidden = encoder_alloc_floats((size_t)MAX_SEQ * FF);
-    ws->ff_out = encoder_alloc_floats((size_t)MAX_SEQ * DIM);
-    ws->spare = encoder_alloc_floats(MAX_SEQ);
-    ws->scores = encoder_alloc_floats((size_t)MAX_SEQ * MAX_SEQ);
-    g_ws = ws;
-    return ws;
-}
-
-void ws_free()
-{
-    if (!g_ws) {
-        return;
-    }
-    float *buffers[] = {g_ws->x,
-                        g_ws->xn,
-                        g_ws->q,
-                        g_ws->k,
-                        g_ws->v,
-                        g_ws->heads,
-                        g_ws->proj,
-                        g_ws->hidden,
-                        g_ws->ff_out,
-                        g_ws->spare,
-                        g_ws->scores};
-    for (float *b : buffers) {
-        free(b);
-    }
-    free(g_ws);
-    g_ws = nullptr;
 }
 
 /* x = (x - mean) / sqrt(var + 1e-5) * gamma + beta over one 512-float row; the variance is
 ** E[x^2] - mean^2, clamped at 0 against rounding. */
-void layernorm(float *x, const float *gamma, const float *beta)
+void layernorm(float *x, const float *gamma, const float *beta, float *tmp_buf,
+               float *mean_out = nullptr, float *rstd_out = nullptr)
 {
     float mean = vec_mean(x, DIM);
     float var = vec_meansq(x, DIM) - mean * mean;
@@ -201,6 +155,10 @@ void layernorm(float *x, const float *gamma, const float *beta)
         var = 0.0f;
     }
     float inv = 1.0f / sqrtf(var + LN_EPS);
+    if (mean_out) {
+        *mean_out = mean;
+        *rstd_out = inv;
+    }
     vec_sadd(x, -mean, tmp_buf, DIM);
     vec_smul(tmp_buf, inv, tmp_buf, DIM);
     vec_mul(tmp_buf, gamma, tmp_buf, DIM);
@@ -208,7 +166,7 @@ void layernorm(float *x, const float *gamma, const float *beta)
 }
 
 /* h = 0.5 h (1 + tanh(sqrt(2/pi) (h + 0.044715 h^3))) over one 2048-float row (tanh form). */
-void gelu_vec_inplace(float *h)
+void gelu_vec_inplace(float *h, float *t1_buf, float *t2_buf)
 {
     vec_sq(h, t1_buf, FF);
     vec_mul(t1_buf, h, t1_buf, FF);
@@ -231,18 +189,41 @@ void softmax_row(float *row, int n)
     vec_smul(row, scale, row, (size_t)n);
 }
 
-/* One pre-norm transformer layer over the first n rows of the residual stream. The matrix
-** products need n >= 1 (their leading dimensions must be positive). */
-void layer_forward(TrnWorkspace *ws, const TrnEncoderLayer *layer, int n)
+/* Copies rows x width floats when the copy is wanted (dst not NULL). */
+void save_rows(float *dst, const float *src, int rows, int width)
 {
+    if (dst) {
+        memcpy(dst, src, (size_t)rows * width * sizeof(float));
+    }
+}
+
+/* One pre-norm transformer layer over the first n rows of the residual stream, saving its
+** activations into the l-th slots of save when save is not NULL. The matrix products need
+** n >= 1 (their leading dimensions must be positive). */
+void layer_forward(TrnScratch *ws, const TrnEncoderLayer *layer, int n, TrnForwardSave *save, int l)
+{
+    if (save) {
+        save_rows(save->x[l], ws->x, n, DIM);
+    }
     for (int i = 0; i < n; i++) {
         float *row = ws->xn + (size_t)i * DIM;
         memcpy(row, ws->x + (size_t)i * DIM, DIM * sizeof(float));
-        layernorm(row, layer->ln1_gamma, layer->ln1_beta);
+        layernorm(row,
+                  layer->ln1_gamma,
+                  layer->ln1_beta,
+                  ws->norm_row,
+                  save ? save->ln1_mean[l] + i : nullptr,
+                  save ? save->ln1_rstd[l] + i : nullptr);
     }
     sgemm(false, false, n, DIM, DIM, 1.0f, ws->xn, DIM, layer->wq, DIM, 0.0f, ws->q, DIM);
     sgemm(false, false, n, DIM, DIM, 1.0f, ws->xn, DIM, layer->wk, DIM, 0.0f, ws->k, DIM);
     sgemm(false, false, n, DIM, DIM, 1.0f, ws->xn, DIM, layer->wv, DIM, 0.0f, ws->v, DIM);
+    if (save) {
+        save_rows(save->a[l], ws->xn, n, DIM);
+        save_rows(save->q[l], ws->q, n, DIM);
+        save_rows(save->k[l], ws->k, n, DIM);
+        save_rows(save->v[l], ws->v, n, DIM);
+    }
     memset(ws->heads, 0, (size_t)n * DIM * sizeof(float));
 
     for (int h = 0; h < HEADS; h++) {
@@ -263,6 +244,9 @@ void layer_forward(TrnWorkspace *ws, const TrnEncoderLayer *layer, int n)
         for (int i = 0; i < n; i++) {
             softmax_row(ws->scores + (size_t)i * n, n);
         }
+        if (save) {
+            save_rows(save->probs[l] + (size_t)h * n * n, ws->scores, n, n);
+        }
         sgemm(false,
               false,
               n,
@@ -279,17 +263,35 @@ void layer_forward(TrnWorkspace *ws, const TrnEncoderLayer *layer, int n)
     }
     sgemm(false, false, n, DIM, DIM, 1.0f, ws->heads, DIM, layer->wo, DIM, 0.0f, ws->proj, DIM);
     vec_add(ws->x, ws->proj, ws->x, (size_t)n * DIM);
+    if (save) {
+        save_rows(save->ctx[l], ws->heads, n, DIM);
+        save_rows(save->mid[l], ws->x, n, DIM);
+    }
 
     for (int i = 0; i < n; i++) {
         float *row = ws->xn + (size_t)i * DIM;
         memcpy(row, ws->x + (size_t)i * DIM, DIM * sizeof(float));
-        layernorm(row, layer->ln2_gamma, layer->ln2_beta);
+        layernorm(row,
+                  layer->ln2_gamma,
+                  layer->ln2_beta,
+                  ws->norm_row,
+                  save ? save->ln2_mean[l] + i : nullptr,
+                  save ? save->ln2_rstd[l] + i : nullptr);
+    }
+    if (save) {
+        save_rows(save->b[l], ws->xn, n, DIM);
     }
     sgemm(false, false, n, FF, DIM, 1.0f, ws->xn, DIM, layer->w1, FF, 0.0f, ws->hidden, FF);
     for (int i = 0; i < n; i++) {
         float *row = ws->hidden + (size_t)i * FF;
         vec_add(row, layer->b1, row, FF);
-        gelu_vec_inplace(row);
+        if (save) {
+            save_rows(save->h[l] + (size_t)i * FF, row, 1, FF);
+        }
+        gelu_vec_inplace(row, ws->gelu_cube, ws->gelu_inner);
+    }
+    if (save) {
+        save_rows(save->g[l], ws->hidden, n, FF);
     }
     sgemm(false, false, n, DIM, FF, 1.0f, ws->hidden, FF, layer->w2, DIM, 0.0f, ws->ff_out, DIM);
     for (int i = 0; i < n; i++) {
@@ -300,6 +302,49 @@ void layer_forward(TrnWorkspace *ws, const TrnEncoderLayer *layer, int n)
 }
 
 } // namespace
+
+TrnScratch *scratch_new(void)
+{
+    TrnScratch *ws = static_cast<TrnScratch *>(encoder_alloc(sizeof(TrnScratch)));
+    ws->x = encoder_alloc_floats((size_t)MAX_SEQ * DIM);
+    ws->xn = encoder_alloc_floats((size_t)MAX_SEQ * DIM);
+    ws->q = encoder_alloc_floats((size_t)MAX_SEQ * DIM);
+    ws->k = encoder_alloc_floats((size_t)MAX_SEQ * DIM);
+    ws->v = encoder_alloc_floats((size_t)MAX_SEQ * DIM);
+    ws->heads = encoder_alloc_floats((size_t)MAX_SEQ * DIM);
+    ws->proj = encoder_alloc_floats((size_t)MAX_SEQ * DIM);
+    ws->hidden = encoder_alloc_floats((size_t)MAX_SEQ * FF);
+    ws->ff_out = encoder_alloc_floats((size_t)MAX_SEQ * DIM);
+    ws->scores = encoder_alloc_floats((size_t)MAX_SEQ * MAX_SEQ);
+    ws->norm_row = encoder_alloc_floats(DIM);
+    ws->gelu_cube = encoder_alloc_floats(FF);
+    ws->gelu_inner = encoder_alloc_floats(FF);
+    return ws;
+}
+
+void scratch_free(TrnScratch *ws)
+{
+    if (!ws) {
+        return;
+    }
+    float *buffers[] = {ws->x,
+                        ws->xn,
+                        ws->q,
+                        ws->k,
+                        ws->v,
+                        ws->heads,
+                        ws->proj,
+                        ws->hidden,
+                        ws->ff_out,
+                        ws->scores,
+                        ws->norm_row,
+                        ws->gelu_cube,
+                        ws->gelu_inner};
+    for (float *b : buffers) {
+        free(b);
+    }
+    free(ws);
+}
 
 float *encoder_alloc_floats(size_t n)
 {
@@ -319,6 +364,72 @@ void encoder_redraw(TrnEncoder *enc, uint32_t seed)
         free_layer(&layer);
     }
     init_common(enc, seed);
+}
+
+void encoder_forward(const TrnEncoder *enc, TrnScratch *ws, const uint32_t *ids, int n, float *out,
+                     TrnForwardSave *save)
+{
+    for (int i = 0; i < n; i++) {
+        vec_add(enc->tok_emb + (size_t)ids[i] * DIM,
+                enc->pos_emb + (size_t)i * DIM,
+                ws->x + (size_t)i * DIM,
+                DIM);
+    }
+    if (n > 0) {
+        for (int l = 0; l < TRN_ENCODER_LAYERS; l++) {
+            layer_forward(ws, &enc->layers[l], n, save, l);
+        }
+    }
+    if (save) {
+        save_rows(save->x[TRN_ENCODER_LAYERS], ws->x, n, DIM);
+    }
+    for (int i = 0; i < n; i++) {
+        layernorm(ws->x + (size_t)i * DIM,
+                  enc->ln_f_gamma,
+                  enc->ln_f_beta,
+                  ws->norm_row,
+                  save ? save->lnf_mean + i : nullptr,
+                  save ? save->lnf_rstd + i : nullptr);
+    }
+    if (save) {
+        save_rows(save->y, ws->x, n, DIM);
+    }
+
+    memset(out, 0, DIM * sizeof(float));
+    for (int i = 0; i < n; i++) {
+        vec_add(out, ws->x + (size_t)i * DIM, out, DIM);
+    }
+    vec_smul(out, 1.0f / (float)n, out, DIM);
+
+    float norm = sqrtf(vec_sumsq(out, DIM));
+    if (save) {
+        save_rows(save->pooled, out, 1, DIM);
+        *save->norm = norm;
+    }
+    if (norm > 1e-12f) {
+        vec_smul(out, 1.0f / norm, out, DIM);
+    }
+}
+
+/* A NULL text counts as empty for byte-level input; with a tokenizer it yields no positions at
+** all, and the pooled vector is then 0 * (1 / 0), NaN in every component. */
+void encoder_embed(const TrnEncoder *enc, TrnScratch *ws, const char *text, float *out)
+{
+    uint32_t ids[MAX_SEQ];
+    int n = 0;
+    if (enc->bpe) {
+        n = trn_bpe_encode(enc->bpe, text, ids, MAX_SEQ);
+    } else {
+        ids[n++] = TRN_TOKEN_BEGIN;
+        if (text) {
+            const unsigned char *p = reinterpret_cast<const unsigned char *>(text);
+            while (*p && n < MAX_SEQ - 1) {
+                ids[n++] = *p++;
+            }
+        }
+        ids[n++] = TRN_TOKEN_END;
+    }
+    encoder_forward(enc, ws, ids, n, out, nullptr);
 }
 
 extern "C" {
@@ -349,55 +460,16 @@ void trn_encoder_free(TrnEncoder *enc)
         free_layer(&layer);
     }
     trn_bpe_free(enc->bpe);
+    scratch_free(enc->scratch);
     memset(enc, 0, sizeof *enc);
-    ws_free();
 }
 
-/* A NULL text counts as empty for byte-level input; with a tokenizer it yields no positions at
-** all, and the pooled vector is then 0 * (1 / 0), NaN in every component. */
 void trn_encoder_embed_text(TrnEncoder *enc, const char *text, float *out)
 {
-    TrnWorkspace *ws = ws_get();
-    uint32_t ids[MAX_SEQ];
-    int n = 0;
-    if (enc->bpe) {
-        n = trn_bpe_encode(enc->bpe, text, ids, MAX_SEQ);
-    } else {
-        ids[n++] = TRN_TOKEN_BEGIN;
-        if (text) {
-            const unsigned char *p = reinterpret_cast<const unsigned char *>(text);
-            while (*p && n < MAX_SEQ - 1) {
-                ids[n++] = *p++;
-            }
-        }
-        ids[n++] = TRN_TOKEN_END;
+    if (!enc->scratch) {
+        enc->scratch = scratch_new();
     }
-
-    for (int i = 0; i < n; i++) {
-        vec_add(enc->tok_emb + (size_t)ids[i] * DIM,
-                enc->pos_emb + (size_t)i * DIM,
-                ws->x + (size_t)i * DIM,
-                DIM);
-    }
-    if (n > 0) {
-        for (const TrnEncoderLayer &layer : enc->layers) {
-            layer_forward(ws, &layer, n);
-        }
-    }
-    for (int i = 0; i < n; i++) {
-        layernorm(ws->x + (size_t)i * DIM, enc->ln_f_gamma, enc->ln_f_beta);
-    }
-
-    memset(out, 0, DIM * sizeof(float));
-    for (int i = 0; i < n; i++) {
-        vec_add(out, ws->x + (size_t)i * DIM, out, DIM);
-    }
-    vec_smul(out, 1.0f / (float)n, out, DIM);
-
-    float norm = sqrtf(vec_sumsq(out, DIM));
-    if (norm > 1e-12f) {
-        vec_smul(out, 1.0f / norm, out, DIM);
-    }
+    encoder_embed(enc, enc->scratch, text, out);
 }
 
 } // extern "C"

@@ -533,7 +533,7 @@ void hnsw_rebuild(TrnEngine *e)
         if (e->chunks[i].deleted) {
             continue;
         }
-        int32_t level = draw_level(e->level_mult);
+        int32_t level = draw_level(&e->level_state, e->level_mult);
         e->nodes[i].level = level;
         if (e->entry_point == -1) {
             /* The first live chunk is its own entry point, so it links to itself. */

@@ -12,9 +12,10 @@
 ** so a text no longer than chunk_size gives one chunk and the last bytes, fewer than step, are
 ** not indexed. Each window becomes one chunk with the key "<path>:<ordinal>" (cut at 255 bytes),
 ** the 1-based line on which it starts and the file type. All windows of one text are embedded and
-** normalised first, without any lock; then, under the index's exclusive lock, they are appended to
-** the write-ahead log as one synced group (wal.cpp), and only then given random graph levels and
-** linked into the graph. A text whose group could not be written adds nothing.
+** normalised first, on the processor's cores (embed.cpp) and without the index's lock; then,
+** under its exclusive lock, they are appended to the write-ahead log as one synced group
+** (wal.cpp), and only then given random graph levels and linked into the graph. A text whose
+** group could not be written adds nothing.
 **
 ** Files larger than TRN_FILE_SIZE_MAX are skipped on their size, before a byte is read: the walk
 ** checks the size it has from stat, and the extraction checks the open file again.
@@ -124,10 +125,15 @@ void ensure_cap(TrnEngine *e, uint64_t n)
     e->capacity = c;
 }
 
-int32_t draw_level(float level_mult)
+int32_t draw_level(uint64_t *state, float level_mult)
 {
-    /* rand() is in 0..2147483647, so u is in (0, 1] and -ln(u) >= 0. */
-    double u = (rand() + 1.0) / 2147483649.0;
+    /* splitmix64 (Steele, Lea and Flood): any state, 0 included, gives a full-period sequence. */
+    uint64_t z = (*state += 0x9E3779B97F4A7C15ull);
+    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+    z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+    z ^= z >> 31;
+    /* The top 53 bits plus one, over 2^53: u is in (0, 1], so -ln(u) >= 0. */
+    double u = (double)((z >> 11) + 1) / 9007199254740992.0;
     double x = floor(-log(u) * (double)level_mult);
     if (!(x >= 0.0)) { /* also catches a NaN multiplier from a damaged store */
         return 0;
@@ -136,22 +142,6 @@ int32_t draw_level(float level_mult)
         return TRN_MAX_LEVELS - 1;
     }
     return (int32_t)x;
-}
-
-void embed_chunk(TrnEngine *e, const char *text, float *v)
-{
-    /* The encoder always writes 512 floats; a handle configured with another dim keeps the
-    ** leading dim of them (zero-padded), so the slot is never overrun. */
-    if (e->dim == TRN_ENCODER_DIM) {
-        trn_encoder_embed_text(&e->encoder, text, v);
-    } else {
-        float full[TRN_ENCODER_DIM];
-        trn_encoder_embed_text(&e->encoder, text, full);
-        for (int32_t i = 0; i < e->dim; i++) {
-            v[i] = i < TRN_ENCODER_DIM ? full[i] : 0.0f;
-        }
-    }
-    vec_normalize(v, (size_t)e->dim);
 }
 
 /* Takes the next slot and fills its record; returns the slot. */
@@ -175,7 +165,7 @@ static uint64_t new_slot(TrnEngine *e, const char *doc_id, const char *text, con
 static void link_slot(TrnEngine *e, uint64_t slot)
 {
     node_reset(&e->nodes[slot]);
-    e->nodes[slot].level = draw_level(e->level_mult);
+    e->nodes[slot].level = draw_level(&e->level_state, e->level_mult);
     hnsw_insert(e, (uint32_t)slot);
 }
 
@@ -244,13 +234,18 @@ int32_t chunk_and_ingest(TrnEngine *e, const char *path, const char *text, int64
         }
         p.line_number = 1 + line_feeds;
         pending.push_back(p);
-        vectors.resize(pending.size() * (size_t)e->dim);
-        embed_chunk(e, p.text, vectors.data() + (pending.size() - 1) * (size_t)e->dim);
         if (pos + chunk + step > length) {
             break;
         }
         pos += step;
     }
+    std::vector<const char *, XAllocator<const char *>> texts;
+    texts.reserve(pending.size());
+    for (const PendingChunk &c : pending) {
+        texts.push_back(c.text);
+    }
+    vectors.resize(pending.size() * (size_t)e->dim);
+    embed_chunks(e, texts.data(), texts.size(), vectors.data());
 
     int32_t added = -1;
     if (write_begin(e)) {

@@ -86,6 +86,37 @@ void sgemm(bool trans_a, bool trans_b, int m, int n, int k, float alpha, const f
 */
 /* n floats, or "tarnwick: OOM (%zu bytes)" and exit(1). */
 float *encoder_alloc_floats(size_t n);
+/* The buffers of one embedding (encoder.cpp), about 6 MB. One scratch serves one embedding at a
+** time; embeddings with different scratches may run at once on the same encoder. */
+struct TrnScratch;
+TrnScratch *scratch_new(void);
+void scratch_free(TrnScratch *ws); /* NULL is ignored */
+/* trn_encoder_embed_text with the given scratch: reads enc, writes ws and the 512 floats of out. */
+void encoder_embed(const TrnEncoder *enc, TrnScratch *ws, const char *text, float *out);
+
+/* Where encoder_forward copies the activations of one sequence of n positions, for a backward
+** pass (trainers/model.cpp). Rows are 512 floats (2048 for h and g) for each of the n positions;
+** the per-row norm values are one float per position. Every pointer must be set. */
+struct TrnForwardSave {
+    float *x[TRN_ENCODER_LAYERS + 1]; /* residual entering layer l; [2] enters the final norm */
+    float *ln1_mean[TRN_ENCODER_LAYERS], *ln1_rstd[TRN_ENCODER_LAYERS]; /* 1 / sqrt(var + eps) */
+    float *a[TRN_ENCODER_LAYERS];                                       /* first norm's output */
+    float *q[TRN_ENCODER_LAYERS], *k[TRN_ENCODER_LAYERS], *v[TRN_ENCODER_LAYERS];
+    float *probs[TRN_ENCODER_LAYERS]; /* 8 blocks of n x n softmax rows, head after head */
+    float *ctx[TRN_ENCODER_LAYERS];   /* concatenated head outputs */
+    float *mid[TRN_ENCODER_LAYERS];   /* residual after attention */
+    float *ln2_mean[TRN_ENCODER_LAYERS], *ln2_rstd[TRN_ENCODER_LAYERS];
+    float *b[TRN_ENCODER_LAYERS];                         /* second norm's output */
+    float *h[TRN_ENCODER_LAYERS], *g[TRN_ENCODER_LAYERS]; /* before and after GELU */
+    float *lnf_mean, *lnf_rstd, *y;                       /* final norm and its output */
+    float *pooled; /* 512: the mean of y's rows, before normalisation */
+    float *norm;   /* 1: the length of pooled */
+};
+/* The forward pass over n (1 to 256) token ids: writes the unit vector to out (512 floats), and
+** the activations to save when it is not NULL. The one forward pass of the engine and the
+** trainer; the same bits with or without save. */
+void encoder_forward(const TrnEncoder *enc, TrnScratch *ws, const uint32_t *ids, int n, float *out,
+                     TrnForwardSave *save);
 /* Draws every tensor afresh from seed, as trn_encoder_init does, keeping the tokenizer and the
 ** vocabulary size. */
 void encoder_redraw(TrnEncoder *enc, uint32_t seed);
@@ -168,6 +199,9 @@ struct TrnEngine {
     FILE *wal; /* the log, open for appending, or NULL; written with write(2) and fsync(2) only */
     TrnEncoder encoder;
     uint8_t weights_loaded;
+    int32_t embed_threads;      /* workers of embed_chunks, >= 1 */
+    TrnScratch **embed_scratch; /* their scratch spaces (slot 0 unused), NULL until needed */
+    uint64_t level_state;       /* the graph level generator (draw_level) */
 
     /* document index (docindex.cpp) */
     char **file_names;
@@ -298,8 +332,26 @@ void add_doc_mem(TrnEngine *e, const char *doc_id, const char *text, const char 
 /* As add_doc_mem with the vector already embedded and normalised (dim floats). */
 void add_doc_vec(TrnEngine *e, const char *doc_id, const char *text, const char *path,
                  int32_t chunk_index, int32_t line_number, uint32_t file_type, const float *v);
-/* Embeds text into v (dim floats) and normalises it, as add_doc_mem does. */
+/* Draws a graph level from the generator at *state (splitmix64): floor(-ln(u) * level_mult)
+** clamped to 0..31, u uniform in (0, 1]. */
+int32_t draw_level(uint64_t *state, float level_mult);
+
+/* ---------------------------------------------------------------------------------------------
+** Embedding on the cores (embed.cpp)
+*/
+/* Embeds text into v (dim floats) and normalises it, as add_doc_mem does, on the calling thread
+** with the encoder's own scratch. */
 void embed_chunk(TrnEngine *e, const char *text, float *v);
+/* As embed_chunk with the given scratch; only reads the handle. */
+void embed_chunk_with(TrnEngine *e, TrnScratch *scratch, const char *text, float *v);
+/* Embeds count texts into out (count x dim floats, row i for text i) as embed_chunk does, on up
+** to e->embed_threads threads; the same bits as embedding them one after another. */
+void embed_chunks(TrnEngine *e, const char *const *texts, size_t count, float *out);
+/* The number of embedding workers a new handle gets: the cores this process may run on, at most
+** 8. The first call sets OpenBLAS to one thread for the process. */
+int32_t embed_threads_default(void);
+/* Frees the workers' scratch spaces (the encoder's own one goes with the encoder). */
+void embed_free_scratch(TrnEngine *e);
 /* Marks the live chunks of path deleted (rebuilding the graph when more than half of the slots
 ** are deleted) and returns how many; writes nothing. */
 int32_t remove_file_mem(TrnEngine *e, const char *path);
@@ -307,8 +359,6 @@ int32_t remove_file_mem(TrnEngine *e, const char *path);
 int32_t count_file_chunks(const TrnEngine *e, const char *path);
 int32_t chunk_and_ingest(TrnEngine *e, const char *path, const char *text, int64_t length,
                          int32_t chunk_size, int32_t overlap, TrnFileType type);
-/* Draws a graph level from rand(): floor(-ln(u) * level_mult) clamped to 0..31. */
-int32_t draw_level(float level_mult);
 
 /* ---------------------------------------------------------------------------------------------
 ** Private files (walk.cpp; the walk itself is in files.h)

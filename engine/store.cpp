@@ -425,9 +425,14 @@ void free_slots(TrnEngine *e)
 namespace
 {
 
-/* The message of the last trn_open_ex that returned NULL (process-wide, as documented). */
-char g_open_error[TRN_ERROR_MAX];
-int32_t g_open_status;
+/* The message of the calling thread's last trn_open_ex that returned NULL, so that handles opened
+** on different threads at once never read each other's. */
+thread_local char g_open_error[TRN_ERROR_MAX];
+thread_local int32_t g_open_status;
+
+/* Seeds the graph level generator: the same for every handle, moved on by the chunks it loaded,
+** so that a handle reopened on its index does not repeat the levels of the first chunks. */
+constexpr uint64_t LEVEL_SEED = 42;
 
 /* Everything but the files: the handle as trn_open leaves it before loading. */
 TrnEngine *engine_new(const TrnConfig *cfg)
@@ -442,8 +447,8 @@ TrnEngine *engine_new(const TrnConfig *cfg)
     e->level_mult = level_mult_for(e->M);
     ensure_cap(e, 64);
 
-    /* The graph's level draws use the process-wide rand(); every open reseeds it. */
-    srand((unsigned)time(nullptr));
+    e->level_state = LEVEL_SEED;
+    e->embed_threads = embed_threads_default();
     trn_encoder_init(&e->encoder, 42);
     if (cfg->weights_path && cfg->weights_path[0]) {
         e->weights_loaded = trn_encoder_load_weights(&e->encoder, cfg->weights_path) ? 1 : 0;
@@ -486,6 +491,7 @@ TrnEngine *engine_open(const TrnConfig *cfg, uint32_t flags, int32_t *status)
         }
     }
 
+    e->level_state = LEVEL_SEED + e->count;
     verbose_note("opened (%zu docs, dim=%d)", (size_t)e->count, e->dim);
     if (e->count > 0) {
         int32_t files = trn_build_doc_index(e);
@@ -509,6 +515,7 @@ void engine_free(TrnEngine *e)
         close(e->lock_fd);
     }
     trn_encoder_free(&e->encoder);
+    embed_free_scratch(e);
     hnsw_free_scratch(e);
     free(e);
 }

@@ -9,10 +9,13 @@
 ** This header is plain C99 and also compiles as C++. Records that cross it are standard layout
 ** with fixed-width fields, so any language with a C foreign-function interface can use it.
 **
-** Threads: the engine has no locks. All calls on one handle must be serialised by the caller,
-** and because the encoder's scratch space is shared by every handle of the process, calls that
-** embed text (ingestion, semantic search, trn_encoder_embed_text) on different handles must be
-** serialised too. One process-wide lock around every call is sufficient.
+** Threads: all calls on one handle (and on one TrnEncoder) must be serialised by the caller, for
+** example by one lock per handle; calls on different handles may run at the same time, since no
+** handle shares state with another. Ingestion embeds a text's chunks on worker threads of its
+** own, one per processor core (at most 8), each with its own scratch space, and joins them before
+** it returns; the vectors are the same bits as embedding the chunks one after another. Because
+** those workers already keep the cores busy, trn_open sets OpenBLAS to one thread for the whole
+** process (openblas_set_num_threads(1)), so that matrix products never oversubscribe the cores.
 **
 ** Privacy: the callers create the index directory with mode 0700 (the engine creates no
 ** directory), and every file the engine writes in it is created, or narrowed, to mode 0600.
@@ -154,6 +157,7 @@ typedef struct TrnEncoder {
     float *pos_emb;                /* 256 x 512 */
     float *ln_f_gamma, *ln_f_beta; /* 512 each */
     TrnEncoderLayer layers[2];
+    struct TrnScratch *scratch; /* owned buffers of trn_encoder_embed_text; NULL until the first */
 } TrnEncoder;
 
 /* Five values a trainer stores with its weights; the engine keeps them and never reads them.
@@ -172,13 +176,14 @@ TRN_API void trn_encoder_init(TrnEncoder *enc, uint32_t seed);
 /* As trn_encoder_init, with vocab_size taken from bpe; the encoder takes ownership of bpe. */
 TRN_API void trn_encoder_init_bpe(TrnEncoder *enc, uint32_t seed, TrnBpe *bpe);
 
-/* Frees every array and the tokenizer, zeroes *enc, and frees the process-wide workspace that
-** all encoders share (the next embedding creates it again). */
+/* Frees every array, the tokenizer and the encoder's scratch space, and zeroes *enc. */
 TRN_API void trn_encoder_free(TrnEncoder *enc);
 
 /* Embeds the NUL-terminated text into out, a caller-owned array of 512 floats. Without a
 ** tokenizer only the first 254 bytes count. The result has unit length unless its norm is at or
-** below 1e-12. Not reentrant (see the top of this header). */
+** below 1e-12. The first call allocates the encoder's scratch space (about 6 MB), kept until
+** trn_encoder_free; calls on one encoder must be serialised, calls on different encoders may
+** overlap. */
 TRN_API void trn_encoder_embed_text(TrnEncoder *enc, const char *text, float *out);
 
 /* ---------------------------------------------------------------------------------------------
@@ -303,10 +308,12 @@ typedef bool (*TrnProgressFn)(const char *path, int32_t done, int32_t total, voi
 ** loads the store file, replays the log and builds the document index. A missing store or log
 ** is not an error. Prints "tarnwick: opened (N docs, dim=D)", "tarnwick: built doc index (N
 ** files)" and, when the weights loaded, "tarnwick: loaded encoder weights from PATH" while
-** trn_set_verbose is on; weights that do not load are reported always. Reseeds rand() with the
-** time. Re-embedding 256 or more logged chunks (after a crash) prints "tarnwick: recovering N
-** chunks from the log" and then, every two seconds, "tarnwick: recovered D of N chunks"; a
-** normal handle checkpoints after every 4096 logged chunks, which bounds N. Never returns NULL;
+** trn_set_verbose is on; weights that do not load are reported always. The graph's levels come
+** from the handle's own generator, seeded from a constant and the number of chunks loaded, so
+** the same operations build the same graph. Re-embedding 256 or more logged chunks (after a
+** crash) prints "tarnwick: recovering N chunks from the log" and then, every two seconds,
+** "tarnwick: recovered D of N chunks"; a normal handle checkpoints after every 4096 logged
+** chunks, which bounds N. Never returns NULL;
 ** close with trn_close. When the index is busy or damaged (see trn_open_ex) it prints the one
 ** line of trn_last_error and returns an empty handle whose writes all fail with that status. */
 TRN_API TrnEngine *trn_open(const TrnConfig *cfg);
@@ -347,20 +354,22 @@ enum {
 /* Opens an engine as trn_open does. Returns NULL, with *status (when status is not NULL) set
 ** to TRN_STATUS_BUSY or TRN_STATUS_DAMAGED and trn_last_error(NULL) saying why in one line, when
 ** the index is busy for longer than the timeout or damaged; else the handle, with *status
-** TRN_STATUS_OK. Prints nothing for those failures. flags: 0 or TRN_OPEN_REBUILD. */
+** TRN_STATUS_OK. Prints nothing for those failures. flags: 0 or TRN_OPEN_REBUILD. The status and
+** message of a failed open belong to the calling thread. */
 TRN_API TrnEngine *trn_open_ex(const TrnConfig *cfg, uint32_t flags, int32_t *status);
 
 /* TRN_STATUS_OK, or the status of the last call on e that failed: an ingestion returning -1, a
 ** removal returning -1, a checkpoint or compaction returning 0. A later call that succeeds
-** clears it. With e NULL: the status of the last trn_open_ex in the process that returned NULL. */
+** clears it. With e NULL: the status of the last trn_open_ex of the calling thread that returned
+** NULL. */
 TRN_API int32_t trn_last_status(const TrnEngine *e);
 
 /* One line without the "tarnwick: " prefix for the last failure that trn_last_status reports,
 ** or "" when there is none. Busy: "the index of DIR is busy: another Tarnwick is updating it";
 ** damaged: "the index of DIR is damaged; rebuild it with tarnwick-cli index DIR"; I/O: "cannot
 ** write the index of DIR: <reason>". DIR is the indexed directory (the parent of an index
-** directory named ".tarnwick"). The text belongs to the engine (to the process for e NULL) and
-** stays until the next call on e (the next trn_open_ex). */
+** directory named ".tarnwick"). The text belongs to the engine (to the calling thread for e NULL)
+** and stays until the next call on e (the thread's next trn_open_ex). */
 TRN_API const char *trn_last_error(const TrnEngine *e);
 
 /* Checkpoints when the handle holds anything the store does not (the lock permitting at once),
@@ -376,7 +385,7 @@ TRN_API int32_t trn_checkpoint(TrnEngine *e);
 
 /* Turns the engine's informational lines on standard error ("opened", "built doc index", "loaded
 ** encoder weights") on (non-zero, the default) or off (0). Warnings and errors are printed either
-** way. Process-wide, for every handle; not synchronised, so set it before opening engines. */
+** way. Process-wide, for every handle; may be called from any thread. */
 TRN_API void trn_set_verbose(int32_t on);
 
 /* Returns the static version string "1.23.0". */

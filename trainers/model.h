@@ -1,11 +1,11 @@
 /*
-** model.h -- the engine's encoder as a trainable model: forward pass with saved activations,
-** backward pass by hand, and the contrastive loss.
+** model.h -- the engine's encoder as a trainable model: the engine's own forward pass with its
+** activations saved, a backward pass by hand, and the contrastive loss.
 **
-** The shapes and the arithmetic are the engine's own (width 512, 8 heads of 64, feed-forward 2048,
-** 2 pre-norm layers, at most 256 positions, layer norm with the variance taken as E[x^2] - mean^2,
-** tanh GELU, softmax without a mask, mean pooling over all positions, L2 normalisation), so that
-** weights trained here embed the same text to the same vector when the engine loads them.
+** The forward pass is the engine's encoder_forward (engine/internal.h), run once per sequence
+** with a TrnForwardSave pointing into the activations below, so weights trained here embed a
+** text to exactly the vector the engine gives it. The trainer adds only what training needs: the
+** saved activations, the backward pass and the loss.
 **
 ** Parameters live in one flat array, tensor after tensor in the order of the weights file:
 **
@@ -17,15 +17,15 @@
 **                        b1 (2048), w2 (2048 x 512), b2 (512), ln1 scale, ln1 shift,
 **                        ln2 scale, ln2 shift (512 each)
 **
-** The code is written once for float (training, through cblas_sgemm) and double (the gradient
-** check, through cblas_dgemm). Several sequences of different lengths are processed together:
-** their tokens are stacked into one matrix so that projections and the feed-forward block are
-** single large matrix products; attention runs per sequence and head.
+** Several sequences of different lengths are processed together: their tokens are stacked into
+** one matrix (the activations of sequence s are rows start[s] .. start[s + 1]), so that the
+** backward pass's projections and feed-forward block are single large matrix products; attention
+** runs per sequence and head. Every matrix product goes through the engine's sgemm.
 */
 #ifndef TRN_TRAINERS_MODEL_H
 #define TRN_TRAINERS_MODEL_H
 
-#include "tarnwick.h"
+#include "internal.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -109,41 +109,48 @@ struct GemmShape {
 
 /* Saved activations and backward scratch of one batch of sequences. Grows to the largest batch
 ** seen and is reused. */
-template <typename T>
 struct Activations {
     int tokens = 0;
-    std::vector<T> x[LAYERS + 1]; /* residual stream entering layer l; x[LAYERS] enters the final
-                                     norm */
-    std::vector<T> ln1_mean[LAYERS], ln1_rstd[LAYERS], a[LAYERS]; /* first norm */
-    std::vector<T> q[LAYERS], k[LAYERS], v[LAYERS];
-    std::vector<T> probs[LAYERS]; /* softmax rows, per sequence HEADS blocks of n x n */
-    std::vector<T> ctx[LAYERS];   /* concatenated head outputs */
-    std::vector<T> mid[LAYERS];   /* residual after attention */
-    std::vector<T> ln2_mean[LAYERS], ln2_rstd[LAYERS], b[LAYERS]; /* second norm */
-    std::vector<T> h[LAYERS], g[LAYERS]; /* feed-forward hidden before and after GELU */
-    std::vector<T> lnf_mean, lnf_rstd, y;
-    std::vector<T> pooled; /* per sequence, before normalisation */
-    std::vector<T> norm;   /* per sequence */
-    std::vector<T> z;      /* per sequence, the embedding */
+    std::vector<float> x[LAYERS + 1]; /* residual stream entering layer l; x[LAYERS] enters the
+                                         final norm */
+    std::vector<float> ln1_mean[LAYERS], ln1_rstd[LAYERS], a[LAYERS]; /* first norm */
+    std::vector<float> q[LAYERS], k[LAYERS], v[LAYERS];
+    std::vector<float> probs[LAYERS]; /* softmax rows, per sequence HEADS blocks of n x n */
+    std::vector<float> ctx[LAYERS];   /* concatenated head outputs */
+    std::vector<float> mid[LAYERS];   /* residual after attention */
+    std::vector<float> ln2_mean[LAYERS], ln2_rstd[LAYERS], b[LAYERS]; /* second norm */
+    std::vector<float> h[LAYERS], g[LAYERS]; /* feed-forward hidden before and after GELU */
+    std::vector<float> lnf_mean, lnf_rstd, y;
+    std::vector<float> pooled; /* per sequence, before normalisation */
+    std::vector<float> norm;   /* per sequence */
+    std::vector<float> z;      /* per sequence, the embedding */
     std::vector<size_t> prob_offset;
 
-    std::vector<T> dx, dtmp, dq, dk, dv, dctx, dh, dp;
+    std::vector<float> dx, dtmp, dq, dk, dv, dctx, dh, dp, gelu_t;
 
     double flops = 0;                         /* 2mnk of every product issued */
     std::vector<GemmShape> *shapes = nullptr; /* when set, every product is recorded */
+
+    TrnScratch *scratch = nullptr; /* the engine's buffers for the forward pass; owned */
+    Activations() = default;
+    ~Activations() { scratch_free(scratch); }
+    Activations(const Activations &) = delete;
+    Activations &operator=(const Activations &) = delete;
 };
 
-/* Runs the encoder over every sequence of batch, saving what the backward pass needs, and writes
-** one unit vector of 512 per sequence to z (count x 512). */
-template <typename T>
-void model_forward(const ParamLayout &layout, const T *params, const SeqBatch &batch,
-                   Activations<T> &acts, T *z);
+/* Runs the engine's forward pass over every sequence of batch (each of 1 to 256 ids), saving what
+** the backward pass needs, and writes one unit vector of 512 per sequence to z (count x 512). */
+void model_forward(const ParamLayout &layout, const float *params, const SeqBatch &batch,
+                   Activations &acts, float *z);
 
 /* Given dz (count x 512), the gradient of the loss with respect to the embeddings of the last
 ** forward pass, adds the gradient of every parameter to grad (layout.total). */
-template <typename T>
-void model_backward(const ParamLayout &layout, const T *params, const SeqBatch &batch,
-                    Activations<T> &acts, const T *dz, T *grad);
+void model_backward(const ParamLayout &layout, const float *params, const SeqBatch &batch,
+                    Activations &acts, const float *dz, float *grad);
+
+/* An encoder whose tensors are the flat array params (not owned, no tokenizer): what the
+** engine's forward pass reads. */
+TrnEncoder encoder_view(const ParamLayout &layout, const float *params);
 
 /* InfoNCE over a batch of pairs in both directions. z holds 2 * pairs unit vectors: the anchor
 ** of pair i at row 2i, its positive at row 2i + 1. Scores are dot products divided by
@@ -151,12 +158,6 @@ void model_backward(const ParamLayout &layout, const T *params, const SeqBatch &
 ** cross-entropies. Writes the gradient with respect to z to dz and returns the loss. */
 template <typename T>
 double info_nce(const T *z, int pairs, double temperature, T *dz);
-
-/* The elementwise kernels, exposed for their tests. Float versions are vectorisable
-** approximations accurate to a few units in the last place; double versions call the C
-** library. */
-float fast_tanhf(float x);
-float fast_expf(float x);
 
 } // namespace trn_train
 

@@ -30,7 +30,7 @@ namespace trn_train
 {
 
 struct Trainer::Worker {
-    Activations<float> acts;
+    Activations acts;
     SeqBatch batch;
     std::vector<int> global; /* sequence numbers of the batch, in batch order */
     std::vector<float> z, dz;

@@ -82,14 +82,7 @@ QList<SearchMode> allSearchModes()
 
 void TarnwickEngine::setVerbose(bool on)
 {
-    std::lock_guard<std::mutex> lock(engineMutex());
     trn_set_verbose(on ? 1 : 0);
-}
-
-std::mutex &TarnwickEngine::engineMutex()
-{
-    static std::mutex mutex;
-    return mutex;
 }
 
 TarnwickEngine::TarnwickEngine(const QString &directoryPath, const QString &weightsPath,
@@ -97,13 +90,13 @@ TarnwickEngine::TarnwickEngine(const QString &directoryPath, const QString &weig
     : m_directoryPath(directoryPath), m_dataDir(directoryPath + QStringLiteral("/.tarnwick"))
 {
     createIndexDir(m_dataDir);
-    std::lock_guard<std::mutex> lock(engineMutex());
+    std::lock_guard<std::mutex> lock(m_mutex);
     openLocked(weightsPath, mode == OpenMode::Rebuild ? TRN_OPEN_REBUILD : 0);
 }
 
 TarnwickEngine::~TarnwickEngine()
 {
-    std::lock_guard<std::mutex> lock(engineMutex());
+    std::lock_guard<std::mutex> lock(m_mutex);
     if (m_handle) {
         trn_close(m_handle);
         m_handle = nullptr;
@@ -134,7 +127,7 @@ void TarnwickEngine::openLocked(const QString &weightsPath, uint32_t flags)
 
 bool TarnwickEngine::reopen(const QString &weightsPath)
 {
-    std::lock_guard<std::mutex> lock(engineMutex());
+    std::lock_guard<std::mutex> lock(m_mutex);
     if (!m_handle) {
         openLocked(weightsPath, 0);
     }
@@ -143,25 +136,25 @@ bool TarnwickEngine::reopen(const QString &weightsPath)
 
 QString TarnwickEngine::lastError() const
 {
-    std::lock_guard<std::mutex> lock(engineMutex());
+    std::lock_guard<std::mutex> lock(m_mutex);
     return m_lastError;
 }
 
 int TarnwickEngine::lastStatus() const
 {
-    std::lock_guard<std::mutex> lock(engineMutex());
+    std::lock_guard<std::mutex> lock(m_mutex);
     return m_lastStatus;
 }
 
 bool TarnwickEngine::isOpen() const
 {
-    std::lock_guard<std::mutex> lock(engineMutex());
+    std::lock_guard<std::mutex> lock(m_mutex);
     return m_handle != nullptr;
 }
 
 void TarnwickEngine::clearAndReopen(const QString &weightsPath)
 {
-    std::lock_guard<std::mutex> lock(engineMutex());
+    std::lock_guard<std::mutex> lock(m_mutex);
     if (m_handle) {
         trn_close(m_handle);
         m_handle = nullptr;
@@ -209,7 +202,7 @@ int TarnwickEngine::ingestDirectory(int chunkSize, int overlap, const ProgressFn
         const TrnFileStatus status = extract_file_text(
             candidate.path.constData(), candidate.type, walk->maxFileSize(), &text);
         if (status == TRN_FILE_STATUS_INDEXABLE) {
-            std::lock_guard<std::mutex> lock(engineMutex());
+            std::lock_guard<std::mutex> lock(m_mutex);
             if (m_handle) {
                 const int32_t n = ingest_extracted_text(m_handle,
                                                         candidate.path.constData(),
@@ -235,7 +228,7 @@ int TarnwickEngine::ingestDirectory(int chunkSize, int overlap, const ProgressFn
             progress(done, found, total);
         }
     }
-    std::lock_guard<std::mutex> lock(engineMutex());
+    std::lock_guard<std::mutex> lock(m_mutex);
     if (m_handle) {
         trn_build_doc_index(m_handle);
     }
@@ -246,7 +239,6 @@ std::optional<QString> TarnwickEngine::regexError(const QString &query)
 {
     const QByteArray utf8 = query.toUtf8();
     char reason[256] = "";
-    std::lock_guard<std::mutex> lock(engineMutex());
     if (trn_check_regex(utf8.constData(), reason, sizeof reason)) {
         return std::nullopt;
     }
@@ -264,7 +256,7 @@ QList<SearchResult> TarnwickEngine::search(const QString &query, SearchMode mode
     }
     const QByteArray utf8 = query.toUtf8();
     std::vector<TrnResult> records(static_cast<size_t>(k), TrnResult{});
-    std::lock_guard<std::mutex> lock(engineMutex());
+    std::lock_guard<std::mutex> lock(m_mutex);
     if (!m_handle) {
         return results;
     }
@@ -290,7 +282,7 @@ QList<FileInfo> TarnwickEngine::fileList()
 {
     QHash<QString, int> chunkCounts;
     {
-        std::lock_guard<std::mutex> lock(engineMutex());
+        std::lock_guard<std::mutex> lock(m_mutex);
         if (m_handle) {
             for_each_live_chunk_path(m_handle, [&chunkCounts](const char *path) {
                 chunkCounts[QFile::decodeName(path)]++;
@@ -401,7 +393,7 @@ std::unique_ptr<FileWalkOptions> FileWalkOptions::fromSettings()
 
 TrnStats TarnwickEngine::stats() const
 {
-    std::lock_guard<std::mutex> lock(engineMutex());
+    std::lock_guard<std::mutex> lock(m_mutex);
     if (!m_handle) {
         return TrnStats{};
     }
@@ -410,7 +402,7 @@ TrnStats TarnwickEngine::stats() const
 
 bool TarnwickEngine::checkpoint()
 {
-    std::lock_guard<std::mutex> lock(engineMutex());
+    std::lock_guard<std::mutex> lock(m_mutex);
     if (!m_handle) {
         return false;
     }

@@ -10,11 +10,11 @@
 ** The type-level operations (static members) find a PDF hit's page and open results in external
 ** applications.
 **
-** Locking: every trn_ call in the process goes through engineMutex(), because the engine is not
-** reentrant and its encoder scratch space is shared by all handles. The lock is taken per call
-** (per file while indexing), so a search can run between two files of another tab's indexing.
-** The handle pointer itself is guarded by the same mutex, so clearAndReopen may run while a
-** worker thread is using the object.
+** Locking: every trn_ call on the handle holds this object's own mutex, because calls on one
+** handle must not overlap; handles share nothing, so tabs never wait for each other (a search in
+** one tab runs while another tab indexes). The lock is taken per call (per file while indexing),
+** so a search in the same tab runs between two files. The handle pointer itself is guarded by the
+** same mutex, so clearAndReopen may run while a worker thread is using the object.
 */
 #ifndef TRN_APP_TARNWICK_ENGINE_H
 #define TRN_APP_TARNWICK_ENGINE_H
@@ -198,18 +198,16 @@ public:
     // The engine's informational lines on standard error (trn_set_verbose), process-wide.
     static void setVerbose(bool on);
 
-    // The process-wide lock held around every trn_ call.
-    static std::mutex &engineMutex();
-
 private:
-    void openLocked(const QString &weightsPath, uint32_t flags); // engineMutex() held
-    void noteFailureLocked(int status, const char *message);     // engineMutex() held
+    void openLocked(const QString &weightsPath, uint32_t flags); // m_mutex held
+    void noteFailureLocked(int status, const char *message);     // m_mutex held
 
     QString m_directoryPath;
     QString m_dataDir;
-    TrnEngine *m_handle = nullptr;    // guarded by engineMutex(); NULL when not open
-    QString m_lastError;              // guarded by engineMutex()
-    int m_lastStatus = TRN_STATUS_OK; // guarded by engineMutex()
+    mutable std::mutex m_mutex;       // held around every trn_ call on m_handle
+    TrnEngine *m_handle = nullptr;    // guarded by m_mutex; NULL when not open
+    QString m_lastError;              // guarded by m_mutex
+    int m_lastStatus = TRN_STATUS_OK; // guarded by m_mutex
 };
 
 Q_DECLARE_METATYPE(SearchResult)

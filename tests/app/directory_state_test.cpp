@@ -44,6 +44,8 @@ private slots:
     void statusTextReportsCountsAfterIndexing();
     void indexOfAnotherEncoderIsRebuiltWhenOpened();
     void closedTabDropsLateResults();
+    void olderAnswerNeverShowsOverANewerSearch_data();
+    void olderAnswerNeverShowsOverANewerSearch();
     void busyIndexIsShownAndOpenedOnceFree();
     void gitBranch_data();
     void gitBranch();
@@ -539,6 +541,42 @@ void TestDirectoryState::closedTabDropsLateResults()
     delete state;
     // The background work still holds the engine, finishes, and publishes nowhere.
     QTRY_VERIFY_WITH_TIMEOUT(engine.expired(), 20000);
+}
+
+void TestDirectoryState::olderAnswerNeverShowsOverANewerSearch_data()
+{
+    QTest::addColumn<QString>("newer"); // the query started right after "alpha"
+    QTest::addColumn<bool>("regex");
+    QTest::addColumn<QString>("shownFile"); // the only file the results may ever name
+
+    QTest::newRow("another query") << "beta" << false << "b.txt";
+    QTest::newRow("cleared query") << "" << false << "";
+    QTest::newRow("refused regex") << "(beta" << true << "";
+}
+
+void TestDirectoryState::olderAnswerNeverShowsOverANewerSearch()
+{
+    QFETCH(QString, newer);
+    QFETCH(bool, regex);
+    QFETCH(QString, shownFile);
+    writeFile(m_dir->path(), QStringLiteral("a.txt"), "alpha is the first letter\n");
+    writeFile(m_dir->path(), QStringLiteral("b.txt"), "beta is the second letter\n");
+    DirectoryState *state = openState(m_dir->path());
+    state->ingest(800, 200);
+    QVERIFY(waitForIngest(state));
+
+    QSignalSpy results(state, &DirectoryState::resultsChanged);
+    state->search(QStringLiteral("alpha"), SearchMode::Text);
+    // The answer to "alpha" reaches the main thread only from the event loop, so it always
+    // arrives after the newer request below was made.
+    state->search(newer, regex ? SearchMode::Regex : SearchMode::Text);
+    QTRY_VERIFY_WITH_TIMEOUT(!state->isSearching(), 10000);
+    QStringList shown;
+    for (const SearchResult &r : state->results()) {
+        shown.append(QFileInfo(r.filePath).fileName());
+    }
+    QCOMPARE(shown, shownFile.isEmpty() ? QStringList() : QStringList{shownFile});
+    QVERIFY(results.count() <= 1); // set once for the newer search, never for "alpha"
 }
 
 void TestDirectoryState::gitBranch_data()

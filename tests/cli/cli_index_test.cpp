@@ -114,13 +114,13 @@ TEST_F(CliIndexed, StatsCountChunksFilesAndDimension)
 {
     Json s = stats();
     ASSERT_EQ(s.kind, Json::Object);
-    EXPECT_EQ(s.keys(),
-              (std::vector<std::string>{
-                  "chunk_count", "file_count", "deleted_count", "max_level", "dim"}));
-    EXPECT_EQ(s["chunk_count"].number, 6);
-    EXPECT_EQ(s["file_count"].number, 3);
-    EXPECT_EQ(s["deleted_count"].number, 0);
-    EXPECT_GE(s["max_level"].number, 0);
+    EXPECT_EQ(
+        s.keys(),
+        (std::vector<std::string>{"chunkCount", "fileCount", "deletedCount", "maxLevel", "dim"}));
+    EXPECT_EQ(s["chunkCount"].number, 6);
+    EXPECT_EQ(s["fileCount"].number, 3);
+    EXPECT_EQ(s["deletedCount"].number, 0);
+    EXPECT_GE(s["maxLevel"].number, 0);
     EXPECT_EQ(s["dim"].number, 512);
 
     RunResult r = run_cli({"stats", dir.path()}, dir.path());
@@ -151,7 +151,7 @@ TEST_F(CliMaintenance, IndexingReportsOnOneLineAndShowsProgressOnlyOnATerminal)
     EXPECT_NE(r.err.find(" chunks/s"), std::string::npos) << r.err;
     EXPECT_EQ(r.err.find("tarnwick: opened"), std::string::npos) << r.err;
     // Indexing again starts from scratch rather than adding a second copy of every chunk.
-    EXPECT_EQ(stats()["chunk_count"].number, 6);
+    EXPECT_EQ(stats()["chunkCount"].number, 6);
 }
 
 TEST_F(CliIndexed, FilesListsEveryFileWithItsChunksAndStatus)
@@ -172,23 +172,24 @@ TEST_F(CliIndexed, FilesListsEveryFileWithItsChunksAndStatus)
         EXPECT_EQ(info.keys(),
                   (std::vector<std::string>{"path",
                                             "name",
-                                            "type",
+                                            "fileType",
+                                            "fileTypeName",
                                             "size",
-                                            "chunk_count",
+                                            "chunkCount",
                                             "indexed",
                                             "directory",
                                             "status",
                                             "reason"}));
         EXPECT_EQ(info["status"].text, "Indexable");
         EXPECT_EQ(info["name"].text, e.name);
-        EXPECT_EQ(info["type"].text, e.type);
+        EXPECT_EQ(info["fileTypeName"].text, e.type);
         EXPECT_EQ(info["size"].number, e.size);
-        EXPECT_EQ(info["chunk_count"].number, e.chunks);
+        EXPECT_EQ(info["chunkCount"].number, e.chunks);
         EXPECT_EQ(info["indexed"].kind, Json::Bool);
         EXPECT_TRUE(info["indexed"].boolean);
     }
     const Json &image = f[dir / "image.bin"];
-    EXPECT_EQ(image["chunk_count"].number, 0);
+    EXPECT_EQ(image["chunkCount"].number, 0);
     EXPECT_FALSE(image["indexed"].boolean);
     EXPECT_EQ(image["status"].text, "Binary");
     EXPECT_EQ(f[dir / ".hidden.txt"]["reason"].text, "hidden name");
@@ -241,7 +242,7 @@ TEST(CliFiles, FilesAndIndexAgreeOnEveryFileOfAMixedTree)
     for (const Json &f : parse_json(r.out).items) {
         const std::string rel = f["path"].text.substr(dir.path().size() + 1);
         status[rel] = f["status"].text + (f["reason"].text.empty() ? "" : " " + f["reason"].text);
-        EXPECT_EQ(f["status"].text == "Indexable", f["chunk_count"].number > 0) << rel;
+        EXPECT_EQ(f["status"].text == "Indexable", f["chunkCount"].number > 0) << rel;
     }
     const std::map<std::string, std::string> expected = {
         {"src/main.c", "Indexable"},
@@ -277,15 +278,21 @@ TEST_F(CliIndexed, TextAndRegexHitsNameTheChunkAndItsFirstLine)
         std::vector<Json> hits = search(query, mode);
         ASSERT_EQ(hits.size(), 1u);
         const Json &h = hits[0];
-        EXPECT_EQ(
-            h.keys(),
-            (std::vector<std::string>{
-                "id", "filePath", "snippet", "score", "chunkIndex", "lineNumber", "fileType"}));
+        EXPECT_EQ(h.keys(),
+                  (std::vector<std::string>{"id",
+                                            "filePath",
+                                            "snippet",
+                                            "score",
+                                            "chunkIndex",
+                                            "lineNumber",
+                                            "fileType",
+                                            "fileTypeName"}));
         EXPECT_EQ(h["id"].text, alpha + ":2");
         EXPECT_EQ(h["filePath"].text, alpha);
         EXPECT_EQ(h["chunkIndex"].number, 2);
         EXPECT_EQ(h["lineNumber"].number, 5);
-        EXPECT_EQ(h["fileType"].number, 5); // Markdown
+        EXPECT_EQ(h["fileType"].number, 5);
+        EXPECT_EQ(h["fileTypeName"].text, "Markdown");
         EXPECT_EQ(h["score"].number, 1.0);
         EXPECT_EQ(h["snippet"].text, alpha_text().substr(96, 64));
     }
@@ -355,10 +362,10 @@ TEST_F(CliMaintenance, RemoveMarksChunksDeletedAndAcceptsRelativePaths)
     EXPECT_EQ(r.out, "removed 3 chunks of " + dir / "notes/alpha.md" + "\n");
 
     Json s = stats();
-    EXPECT_EQ(s["chunk_count"].number, 6);
-    EXPECT_EQ(s["deleted_count"].number, 3);
+    EXPECT_EQ(s["chunkCount"].number, 6);
+    EXPECT_EQ(s["deletedCount"].number, 3);
     std::map<std::string, Json> f = files();
-    EXPECT_EQ(f[dir / "notes/alpha.md"]["chunk_count"].number, 0);
+    EXPECT_EQ(f[dir / "notes/alpha.md"]["chunkCount"].number, 0);
     EXPECT_FALSE(f[dir / "notes/alpha.md"]["indexed"].boolean);
     EXPECT_TRUE(search("lighthouse", "text").empty());
 
@@ -369,7 +376,7 @@ TEST_F(CliMaintenance, RemoveMarksChunksDeletedAndAcceptsRelativePaths)
     EXPECT_NE(r.err.find("tarnwick: not in the index: " + dir / "notes/alpha.md"),
               std::string::npos)
         << r.err;
-    EXPECT_EQ(stats()["deleted_count"].number, 4);
+    EXPECT_EQ(stats()["deletedCount"].number, 4);
 }
 
 TEST_F(CliMaintenance, RemoveFindsFilesDeletedFromDiskAndPathsThroughLinks)
@@ -379,7 +386,7 @@ TEST_F(CliMaintenance, RemoveFindsFilesDeletedFromDiskAndPathsThroughLinks)
     RunResult r =
         run_cli({"remove", "link/.", "link/code/gamma.c", "link/code/../beta.txt"}, dir.path());
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(stats()["deleted_count"].number, 3);
+    EXPECT_EQ(stats()["deletedCount"].number, 3);
 }
 
 TEST_F(CliMaintenance, CompactAfterRemovingEverythingLeavesAnEmptyIndex)
@@ -392,10 +399,10 @@ TEST_F(CliMaintenance, CompactAfterRemovingEverythingLeavesAnEmptyIndex)
     EXPECT_EQ(r.out, "compacted: 0 chunks of 0 files\n");
 
     Json s = stats();
-    EXPECT_EQ(s["chunk_count"].number, 0);
-    EXPECT_EQ(s["file_count"].number, 0);
-    EXPECT_EQ(s["deleted_count"].number, 0);
-    EXPECT_EQ(s["max_level"].number, -1);
+    EXPECT_EQ(s["chunkCount"].number, 0);
+    EXPECT_EQ(s["fileCount"].number, 0);
+    EXPECT_EQ(s["deletedCount"].number, 0);
+    EXPECT_EQ(s["maxLevel"].number, -1);
     EXPECT_EQ(fs::file_size(dir / ".tarnwick/tarnwick.bin"), 40u); // the header alone
     EXPECT_TRUE(search("lighthouse", "semantic").empty());
 }
@@ -523,7 +530,7 @@ TEST_F(CliMaintenance, DamagedOrBusyIndexFailsWithOneLineAndARebuildRecovers)
 
     RunResult r = index();
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(stats()["chunk_count"].number, 6);
+    EXPECT_EQ(stats()["chunkCount"].number, 6);
     int kept = 0;
     for (const auto &entry : fs::directory_iterator(dir / ".tarnwick")) {
         kept += entry.path().filename().string().rfind("tarnwick.bin.damaged-", 0) == 0;
@@ -539,5 +546,5 @@ TEST_F(CliMaintenance, DamagedOrBusyIndexFailsWithOneLineAndARebuildRecovers)
               "tarnwick: the index of " + dir.path()
                   + " is busy: another Tarnwick is updating it\n");
     close(lock);
-    EXPECT_EQ(stats()["deleted_count"].number, 0);
+    EXPECT_EQ(stats()["deletedCount"].number, 0);
 }

@@ -33,7 +33,8 @@ TEST(CliHostile, PdfNamedWithShellSyntaxIsIndexedAndRunsNothing)
     const Json &pdf = files.items[0];
     EXPECT_EQ(pdf["name"].text, HOSTILE_NAME);
     EXPECT_EQ(pdf["path"].text, dir / HOSTILE_NAME);
-    EXPECT_EQ(pdf["type"].text, "PDF");
+    EXPECT_EQ(pdf["fileType"].number, 1);
+    EXPECT_EQ(pdf["fileTypeName"].text, "PDF");
     EXPECT_TRUE(pdf["indexed"].boolean);
 
     // The converted text is what was indexed.
@@ -117,7 +118,7 @@ TEST(CliHostile, NamesThatAreNotUtf8AreListedAsValidJson)
     EXPECT_EQ(files.items[0]["name"].text, "bad" + R + R + "-" + R + R + R + "-" + R + R + ".txt");
     // The walk keeps names as the bytes they are, so such a file is read and indexed.
     EXPECT_EQ(files.items[0]["status"].text, "Indexable");
-    EXPECT_EQ(files.items[0]["chunk_count"].number, 1);
+    EXPECT_EQ(files.items[0]["chunkCount"].number, 1);
 }
 
 } // namespace

@@ -400,8 +400,8 @@ TEST(HnswQuery, EpochWrapClearsOldMarks)
 
 TEST(HnswRebuild, FirstLiveChunkLinksToItselfAndDeletedAreDropped)
 {
-    srand(12345);
     BuiltClusters bc(800, 16);
+    bc.g.e->level_state = 12345;
     bc.g.remove(0);
     bc.g.remove(5);
     hnsw_rebuild(bc.g.e);
@@ -456,8 +456,8 @@ TEST(HnswRebuild, OnlyDeletedOrNothingLeavesEmptyGraph)
 
 TEST(HnswRebuild, LevelsStayWithin0To31)
 {
-    srand(99);
     BuiltClusters bc(300, 16);
+    bc.g.e->level_state = 99;
     bc.g.e->level_mult = 40.0f; // most draws would land above 31 without the clamp
     hnsw_rebuild(bc.g.e);
     int at_top = 0;

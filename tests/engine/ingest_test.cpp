@@ -135,10 +135,10 @@ TEST(IngestStorage, CapacityGrowsByDoublingWithZeroedRecords)
 
 TEST(IngestStorage, LevelsAreGeometricAndClamped)
 {
-    srand(1234);
+    uint64_t state = 1234;
     int at_zero = 0;
     for (int i = 0; i < 20000; i++) {
-        int32_t level = draw_level(1.0f / (float)std::log(16.0));
+        int32_t level = draw_level(&state, 1.0f / (float)std::log(16.0));
         ASSERT_GE(level, 0);
         ASSERT_LE(level, 31);
         at_zero += level == 0;
@@ -147,8 +147,8 @@ TEST(IngestStorage, LevelsAreGeometricAndClamped)
     EXPECT_NEAR(at_zero / 20000.0, 15.0 / 16.0, 0.01);
     int top = 0;
     for (int i = 0; i < 100; i++) {
-        top += draw_level(1000.0f) == 31;
-        EXPECT_EQ(draw_level(std::nanf("")), 0);
+        top += draw_level(&state, 1000.0f) == 31;
+        EXPECT_EQ(draw_level(&state, std::nanf("")), 0);
     }
     EXPECT_GT(top, 90);
 }

@@ -23,7 +23,7 @@ struct Engine {
     {
         TrnConfig cfg = {nullptr, nullptr, 0, 0, 0, 0};
         e = trn_open(&cfg);
-        srand(5);
+        e->level_state = 5;
     }
     ~Engine() { trn_close(e); }
     Engine(const Engine &) = delete;
@@ -44,7 +44,7 @@ struct Engine {
         c->file_type = TRN_FILE_TYPE_MARKDOWN;
         if (vec) {
             memcpy(e->vectors + (size_t)slot * e->dim, vec->data(), sizeof(float) * e->dim);
-            e->nodes[slot].level = draw_level(e->level_mult);
+            e->nodes[slot].level = draw_level(&e->level_state, e->level_mult);
             hnsw_insert(e, slot);
         }
         return slot;
