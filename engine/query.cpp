@@ -62,7 +62,6 @@ constexpr int32_t REGEX_NESTING_MAX = 100;
 /* A keyword or hybrid snippet starts at most SNIPPET_REACH bytes before the densest window of the
 ** query's words, so a window of this size still ends inside the 300-byte snippet. */
 constexpr size_t DENSE_WINDOW = TRN_SNIPPET_MAX - SNIPPET_REACH;
-constexpr int32_t HYBRID_CANDIDATES = 100; /* depth of each ranking a hybrid search fuses */
 
 struct FreeDeleter {
     void operator()(void *p) const { free(p); }
@@ -345,8 +344,7 @@ int32_t search_hybrid(TrnEngine *e, const char *query, int32_t kk, TrnResult *re
     }
     uint32_t sem[HYBRID_CANDIDATES], kw[HYBRID_CANDIDATES], fused[TRN_MAX_RESULTS];
     float sim[HYBRID_CANDIDATES], bm25[HYBRID_CANDIDATES], score[TRN_MAX_RESULTS];
-    int32_t width = HYBRID_CANDIDATES > e->ef_search ? HYBRID_CANDIDATES : e->ef_search;
-    int32_t ns = hnsw_query_width(e, q, HYBRID_CANDIDATES, width, sem, sim);
+    int32_t ns = hnsw_query_width(e, q, HYBRID_CANDIDATES, hybrid_graph_width(e), sem, sim);
     int32_t nk = lex_search(e, query, HYBRID_CANDIDATES, kw, bm25);
     float weight = hybrid_semantic_weight(kw, nk, sem, ns);
     /* A semantic ranking weighed 0 adds nothing: its own hits would only trail at score 0. */
