@@ -28,8 +28,8 @@
 ** flags, until compaction renumbers the slots: lex_compact then drops them and renumbers the
 ** rest, so a compaction never reads the texts again.
 **
-** The index file. Building the index from the texts takes about 55 ms per thousand chunks of
-** varied text (bench/lexical_speed_bench.cpp), several times what opening the store costs, so a
+** The index file. Building the index from the texts takes about 50 ms per thousand chunks of
+** varied text (bench/lexical_speed_bench.cpp), over twice what opening the store costs, so a
 ** writer keeps a copy beside the store, "tarnwick.lex", written after every checkpoint
 ** (lex_save) and read when a handle loads that store (lex_load), before the log is replayed; the
 ** log's chunks are then added by the first lex_sync. The store and the log never depend on it:
