@@ -66,6 +66,7 @@
 #include <memory>
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -332,7 +333,8 @@ struct TrnLexical {
     uint64_t total_len;    /* terms in the live chunks */
     uint64_t deleted_seen; /* the engine's deleted_count at the last sync */
     uint32_t epoch;        /* counts chunk visits, for Term::mark */
-    uint8_t *arena;        /* the bytes of a loaded index file, holding postings; or NULL */
+    uint8_t *arena;        /* a loaded index file, mapped read-only, holding postings; or NULL */
+    size_t arena_size;
 };
 
 namespace
@@ -611,9 +613,11 @@ void out_put(LexOut *o, const void *p, size_t n)
     }
 }
 
-/* The bytes of the index file at path when its header names the store e loaded and its chunk
-** count, in a buffer from xmalloc (*size of them); NULL otherwise, without reading further. */
-uint8_t *read_matching(const TrnEngine *e, const char *path, size_t *size)
+/* The index file at path, mapped read-only, when its header names the store e loaded and its chunk
+** count; NULL otherwise, without reading further. *size is the mapping's length. The pages are
+** mapped at once: one fault per page costs more than reading them. Postings that change are
+** copied out first (add_chunk, lex_compact). */
+uint8_t *map_matching(const TrnEngine *e, const char *path, size_t *size)
 {
     int fd = open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
@@ -622,40 +626,28 @@ uint8_t *read_matching(const TrnEngine *e, const char *path, size_t *size)
     uint8_t head[LEX_HEADER_SIZE];
     LexHeader h;
     struct stat st;
-    if (fstat(fd, &st) != 0 || st.st_size < (off_t)LEX_HEADER_SIZE
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size < (off_t)LEX_HEADER_SIZE
         || pread(fd, head, sizeof head, 0) != (ssize_t)sizeof head || !decode_header(head, &h)
         || h.store_size != e->store_size || h.store_crc != e->store_crc || h.slots != e->count) {
         close(fd);
         return nullptr;
     }
     size_t n = (size_t)st.st_size;
-    uint8_t *b = static_cast<uint8_t *>(xmalloc(n));
-    size_t got = 0;
-    while (got < n) {
-        ssize_t r = pread(fd, b + got, n - got, (off_t)got);
-        if (r < 0 && errno == EINTR) {
-            continue;
-        }
-        if (r <= 0) {
-            break;
-        }
-        got += (size_t)r;
-    }
+    void *m = mmap(nullptr, n, PROT_READ, MAP_PRIVATE | MAP_POPULATE, fd, 0);
     close(fd);
-    if (got != n) {
-        free(b);
+    if (m == MAP_FAILED) {
         return nullptr;
     }
     *size = n;
-    return b;
+    return static_cast<uint8_t *>(m);
 }
 
-/* Builds x from a file's bytes b (n of them, ownership taken) for the chunk table of e; false,
-** with x untouched and b freed, when the file does not describe exactly that table. */
+/* Builds x from the mapped file b (n bytes) for the chunk table of e and makes x own the mapping;
+** false when the file does not describe exactly that table (x then holds postings pointing into
+** b: the caller frees x, then unmaps b). */
 bool lex_from_bytes(TrnLexical *x, const TrnEngine *e, uint8_t *b, size_t n)
 {
     LexHeader h;
-    std::unique_ptr<uint8_t, void (*)(void *)> own(b, free);
     if (!decode_header(b, &h) || h.store_size != e->store_size || h.store_crc != e->store_crc
         || h.slots != e->count) {
         return false;
@@ -736,7 +728,8 @@ bool lex_from_bytes(TrnLexical *x, const TrnEngine *e, uint8_t *b, size_t n)
     if (pool_at != h.pool || posting_at != h.postings) {
         return false;
     }
-    x->arena = own.release();
+    x->arena = b;
+    x->arena_size = n;
     x->deleted_seen = UINT64_MAX; /* the log may delete chunks of the store: look at every flag */
     return true;
 }
@@ -754,7 +747,9 @@ void lex_free(TrnEngine *e)
             free(x->terms[id].postings);
         }
     }
-    free(x->arena);
+    if (x->arena) {
+        munmap(x->arena, x->arena_size);
+    }
     free(x->terms);
     free(x->table);
     free(x->pool);
@@ -806,7 +801,7 @@ void lex_load(TrnEngine *e)
     char path[TRN_PATH_MAX + 16];
     index_file_path(e, "tarnwick.lex", path, sizeof path);
     size_t n = 0;
-    uint8_t *b = read_matching(e, path, &n);
+    uint8_t *b = map_matching(e, path, &n);
     if (!b) {
         return;
     }
@@ -814,6 +809,7 @@ void lex_load(TrnEngine *e)
     e->lexical = x;
     if (!lex_from_bytes(x, e, b, n)) {
         lex_free(e);
+        munmap(b, n);
         verbose_note("ignored the word index file %s", path);
     }
 }
@@ -906,12 +902,20 @@ void lex_compact(TrnEngine *e)
     }
     for (uint32_t id = 0; id < x->term_count; id++) {
         Term *t = &x->terms[id];
+        Posting *to = t->postings;
+        if (t->cap == 0 && t->n > 0) { /* in the read-only file */
+            to = static_cast<Posting *>(xmalloc(xmul(t->n, sizeof(Posting))));
+        }
         uint32_t kept = 0;
         for (uint32_t j = 0; j < t->n; j++) {
             Posting p = t->postings[j];
             if (!e->chunks[p.slot].deleted) {
-                t->postings[kept++] = Posting{new_slot[p.slot], p.tf};
+                to[kept++] = Posting{new_slot[p.slot], p.tf};
             }
+        }
+        if (to != t->postings) {
+            t->postings = to;
+            t->cap = t->n;
         }
         t->n = kept;
     }

@@ -364,6 +364,8 @@ TEST(LexicalUpkeep, AgreesWithAFreshIndexAfterEveryChange)
     replayed = trn_open(&log_cfg);
     EXPECT_NE(replayed->lexical, nullptr);
     EXPECT_EQ(ranking(replayed), scratch({"c.txt", "b.txt", "a.txt"})) << "file and log";
+    trn_compact(replayed);
+    EXPECT_EQ(ranking(replayed), scratch({"c.txt", "b.txt", "a.txt"})) << "and compaction";
     trn_close(replayed);
     trn_close(e);
 
