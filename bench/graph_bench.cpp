@@ -25,6 +25,7 @@
 ** at level 0 where hnswlib keeps 2M; a third row runs hnswlib limited to M there as well, which
 ** separates the cost of that choice from the cost of the implementation.
 */
+#include "files.h"
 #include "internal.h"
 #include "tarnwick.h"
 
@@ -181,7 +182,8 @@ std::vector<std::string> real_pieces(const std::string &dir, long want)
         std::string raw = ss.str();
         std::string text = raw;
         if (path.size() > 5 && path.compare(path.size() - 5, 5, ".html") == 0) {
-            char *stripped = strip_html(raw.data(), raw.size());
+            size_t stripped_len = 0;
+            char *stripped = html_to_text(raw.data(), raw.size(), &stripped_len);
             text = stripped;
             free(stripped);
         }

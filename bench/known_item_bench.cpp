@@ -30,6 +30,7 @@
 ** other weights and depths), to tune the hybrid mode. --dump FILE writes, per query, the target
 ** file and both rankings 200 deep (chunk slot, file, score), for trying fusions offline.
 */
+#include "files.h"
 #include "internal.h"
 
 #include <algorithm>
@@ -64,13 +65,13 @@ struct Tally {
 
 std::string read_file(const std::string &path)
 {
-    uint64_t len = 0;
-    char *raw = read_text_file(path.c_str(), &len);
-    if (!raw) {
-        return "";
+    ExtractedText t;
+    std::string s;
+    if (extract_file_text(path.c_str(), classify_file(path.c_str(), nullptr, 0, nullptr), 0, &t)
+        == TRN_FILE_STATUS_INDEXABLE) {
+        s.assign(t.text, t.length);
     }
-    std::string s(raw, strlen(raw));
-    free(raw);
+    extracted_text_free(&t);
     return s;
 }
 

@@ -28,6 +28,7 @@
 ** the machine does not count. It prints the ratios asked of the index: open with the file against
 ** open without, the keyword time (aim under 5 ms) and hybrid minus embed (aim at most 10 ms).
 */
+#include "files.h"
 #include "internal.h"
 
 #include <algorithm>
@@ -117,16 +118,19 @@ int main(int argc, char **argv)
         }
         std::sort(files.begin(), files.end());
         for (const std::string &f : files) {
-            uint64_t n = 0;
-            char *t = read_text_file(f.c_str(), &n);
-            if (!t) {
+            ExtractedText text;
+            if (extract_file_text(
+                    f.c_str(), classify_file(f.c_str(), nullptr, 0, nullptr), 0, &text)
+                != TRN_FILE_STATUS_INDEXABLE) {
+                extracted_text_free(&text);
                 continue;
             }
-            n = strlen(t);
+            const char *t = text.text;
+            uint64_t n = text.length;
             for (uint64_t at = 0; at + 800 <= n && (long)real.size() < chunks; at += 600) {
                 real.emplace_back(t + at, 800);
             }
-            free(t);
+            extracted_text_free(&text);
         }
         if (real.empty()) {
             fprintf(stderr, "lexical_speed_bench: no text under %s\n", argv[3]);

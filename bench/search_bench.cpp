@@ -17,6 +17,7 @@
 ** and the ratio engine / memmem (above 1 means the engine's scan is faster). Times are CPU time
 ** of the one thread, steadier than wall time on a shared machine.
 */
+#include "files.h"
 #include "internal.h"
 #include "tarnwick.h"
 
@@ -78,7 +79,8 @@ std::string read_corpus(const std::string &dir, size_t want)
         ss << in.rdbuf();
         std::string raw = ss.str();
         if (ext_is(path, ".html")) {
-            char *stripped = strip_html(raw.data(), raw.size());
+            size_t stripped_len = 0;
+            char *stripped = html_to_text(raw.data(), raw.size(), &stripped_len);
             all += stripped;
             free(stripped);
         } else {

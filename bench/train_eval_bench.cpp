@@ -31,6 +31,7 @@
 ** "every chunk" rows rank all chunks by exact similarity to the query, without the search's
 ** narrowing to the ten files with the closest mean vectors.
 */
+#include "files.h"
 #include "internal.h"
 
 #include <algorithm>
@@ -77,20 +78,13 @@ struct Score {
 
 std::string read_text(const std::string &path)
 {
-    uint64_t len = 0;
-    char *raw = read_text_file(path.c_str(), &len);
-    if (!raw) {
-        return "";
-    }
+    ExtractedText t;
     std::string text;
-    if (trn_detect_file_type(path.c_str()) == TRN_FILE_TYPE_HTML) {
-        char *plain = strip_html(raw, (size_t)len);
-        text = plain ? plain : "";
-        free(plain);
-    } else {
-        text.assign(raw, strnlen(raw, (size_t)len));
+    if (extract_file_text(path.c_str(), classify_file(path.c_str(), nullptr, 0, nullptr), 0, &t)
+        == TRN_FILE_STATUS_INDEXABLE) {
+        text.assign(t.text, t.length);
     }
-    free(raw);
+    extracted_text_free(&t);
     return text;
 }
 

@@ -30,14 +30,16 @@ const char USAGE[] =
     "  index  DIR [--chunk-size N] [--overlap N] [--weights PATH]\n"
     "         index DIR from scratch as the application does; chunk size and overlap come from\n"
     "         its settings (800 and 200 by default); chunks of 64 to 65536 bytes, overlap at\n"
-    "         most half a chunk; files above 20 MiB are skipped\n"
+    "         most half a chunk; which files are read as for files below\n"
     "  search DIR QUERY [--mode hybrid|semantic|keyword|text|regex] [-k N] [--weights PATH]\n"
     "         [--json]  show the k best chunks (10 by default, at most 64); hybrid (by words\n"
     "         and by meaning) by default\n"
     "  prompt DIR QUERY [--scope pinned|top5|all] [--mode M] [-k N] [--weights PATH]\n"
     "         print the prompt the application copies for the results (top5 by default),\n"
     "         with the directory's pinned results first\n"
-    "  files  DIR [--json]          list every file under DIR with its indexed chunks\n"
+    "  files  DIR [--json]          list every file under DIR with its indexed chunks and why\n"
+    "         each is or is not indexed (excluded and by which rule, too large, binary, not\n"
+    "         UTF-8, too short, unreadable)\n"
     "  stats  DIR [--json]          show the index's counts\n"
     "  remove DIR FILE...           drop the chunks of the given files from the index\n"
     "  compact DIR                  rewrite the index without removed chunks\n"
@@ -54,6 +56,14 @@ const char USAGE[] =
     "                   the directory's encoder in the application (the default profile's\n"
     "                   weights once trained, else the built-in encoder)\n"
     "  --json           print JSON instead of text\n"
+    "  --exclude PATTERN  (index, files) skip what PATTERN matches, in .gitignore syntax;\n"
+    "                   repeatable; replaces the application's patterns (.git, node_modules,\n"
+    "                   __pycache__, build, dist, target, .venv by default). .gitignore and\n"
+    "                   .tarnwickignore files in DIR are always honoured\n"
+    "  --extensions LIST  (index, files) comma-separated extensions read as text when their\n"
+    "                   content is text, instead of the application's extra extensions\n"
+    "  --max-file-size MB  (index, files) skip larger files (the application's setting, 20\n"
+    "                   by default)\n"
     "  --verbose        show the engine's own messages (opening, loading weights)\n"
     "  -h, --help       print this help\n"
     "  --version        print the version of the program and of its engine\n"
@@ -84,6 +94,12 @@ constexpr CommandRule COMMANDS[] = {
     {"embed", 1, 1, false, true, false, false, false, false},
     {"train", 1, -1, false, false, false, true, false, true},
 };
+
+// The commands that walk a directory take --exclude, --extensions and --max-file-size.
+bool takes_walk_options(const CommandRule *rule)
+{
+    return std::string(rule->name) == "index" || std::string(rule->name) == "files";
+}
 
 const CommandRule *find_command(const std::string &name)
 {
@@ -295,6 +311,15 @@ Options parse_args(int argc, char **argv)
             o.chunk_size = parse_int(name, take_value(), 1);
         } else if (name == "--overlap" && rule->chunking) {
             o.overlap = parse_int(name, take_value(), 0);
+        } else if (name == "--exclude" && takes_walk_options(rule)) {
+            o.excludes.push_back(take_value());
+            if (o.excludes.back().empty()) {
+                throw UsageError("--exclude needs a pattern");
+            }
+        } else if (name == "--extensions" && takes_walk_options(rule)) {
+            o.extensions = take_value();
+        } else if (name == "--max-file-size" && takes_walk_options(rule)) {
+            o.max_file_size_mb = parse_int(name, take_value(), 1);
         } else if (name == "--weights" && rule->weights) {
             o.weights = take_value();
             if (o.weights.empty()) {

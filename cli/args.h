@@ -41,6 +41,12 @@ struct Options {
     // index: absent means the application's settings ("chunkSize", "overlap").
     std::optional<int32_t> chunk_size;
     std::optional<int32_t> overlap;
+    // index, files: which files are read. Absent (empty) means the application's settings
+    // ("extraExtensions", "excludePatterns", "maxFileSizeMB"), or the engine's defaults in the
+    // build without the application model.
+    std::optional<std::string> extensions;   // --extensions "org, rst"
+    std::vector<std::string> excludes;       // --exclude PATTERN, repeatable; replace defaults
+    std::optional<int32_t> max_file_size_mb; // --max-file-size MB
     std::string weights;              // empty: the application's choice (or the random encoder)
     int32_t mode = TRN_SEARCH_HYBRID; // the engine's search mode (trn_search's mode argument)
     int32_t k = 10;

@@ -6,12 +6,14 @@
 #include "commands.h"
 
 #include "common.h"
+#include "files.h"
 #include "json.h"
 #include "model_commands.h"
 #include "progress.h"
 #include "tarnwick.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -115,27 +117,67 @@ std::string file_key(const std::string &file)
     return path;
 }
 
-// --- index ------------------------------------------------------------------------------------
+} // namespace
 
-struct Progress {
-    TrnEngine *engine;
-    ProgressLine line{"indexing"};
-    int32_t files = 0;
-};
+// --- walk options -----------------------------------------------------------------------------
 
-// The walk's callback counts only within one directory, so the running chunk count is read from
-// the engine instead; the total is not known before the walk ends.
-bool on_file_done(const char *, int32_t, int32_t, void *user)
+TrnWalkOptions WalkConfig::view(std::vector<const char *> *extension_ptrs,
+                                std::vector<const char *> *exclude_ptrs) const
 {
-    Progress *p = static_cast<Progress *>(user);
-    p->files++;
-    if (p->line.shown()) {
-        p->line.update(p->files, 0, trn_stats(p->engine).chunk_count);
+    extension_ptrs->clear();
+    exclude_ptrs->clear();
+    for (const std::string &ext : extensions) {
+        extension_ptrs->push_back(ext.c_str());
     }
-    return true;
+    for (const std::string &pattern : excludes) {
+        exclude_ptrs->push_back(pattern.c_str());
+    }
+    TrnWalkOptions opts = {};
+    opts.extra_extensions = extension_ptrs->empty() ? nullptr : extension_ptrs->data();
+    opts.extra_extension_count = static_cast<int32_t>(extension_ptrs->size());
+    opts.exclude_patterns = exclude_ptrs->empty() ? nullptr : exclude_ptrs->data();
+    opts.exclude_pattern_count = static_cast<int32_t>(exclude_ptrs->size());
+    opts.max_file_size = max_file_size;
+    return opts;
 }
 
-// The engine-only index: the engine's own walk and classification, 800 and 200 by default.
+WalkConfig walk_config(const Options &o)
+{
+    WalkConfig config = application_walk_config();
+    if (o.extensions) {
+        // "org, .RST" reads as {"org", "rst"}.
+        config.extensions.clear();
+        std::string piece;
+        for (size_t i = 0; i <= o.extensions->size(); i++) {
+            char c = i < o.extensions->size() ? (*o.extensions)[i] : ',';
+            if (c != ',') {
+                piece += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+                continue;
+            }
+            size_t first = piece.find_first_not_of(" \t.");
+            size_t last = piece.find_last_not_of(" \t");
+            if (first != std::string::npos) {
+                config.extensions.push_back(piece.substr(first, last - first + 1));
+            }
+            piece.clear();
+        }
+    }
+    if (!o.excludes.empty()) {
+        config.excludes = o.excludes;
+    }
+    if (o.max_file_size_mb) {
+        config.max_file_size = static_cast<uint64_t>(*o.max_file_size_mb) * 1024 * 1024;
+    }
+    return config;
+}
+
+namespace
+{
+
+// --- index ------------------------------------------------------------------------------------
+
+// The engine-only index: the engine's walk and text extraction (files.h), as the application
+// indexes, with the command line's walk options; 800 and 200 by default.
 void cmd_index(const Options &o)
 {
     const int32_t chunk_size = o.chunk_size.value_or(800);
@@ -151,13 +193,47 @@ void cmd_index(const Options &o)
     // Searches keep using the old index until the new one is complete and swapped in.
     EnginePtr engine = open_engine(index_dir, weights, TRN_OPEN_REBUILD);
     Clock::time_point start = Clock::now();
-    Progress progress{engine.get()};
-    int32_t added =
-        trn_ingest_dir(engine.get(), root.c_str(), chunk_size, overlap, on_file_done, &progress);
-    progress.line.clear();
-    if (added < 0) {
+    const WalkConfig config = walk_config(o);
+    std::vector<const char *> extension_ptrs;
+    std::vector<const char *> exclude_ptrs;
+    const TrnWalkOptions opts = config.view(&extension_ptrs, &exclude_ptrs);
+    struct Candidate {
+        std::string path;
+        TrnFileType type;
+    };
+    std::vector<Candidate> candidates;
+    int32_t rc = walk_files(root.c_str(), &opts, [&candidates](const WalkedFile &f) {
+        if (f.kind == WALK_FILE && f.status == TRN_FILE_STATUS_INDEXABLE) {
+            candidates.push_back(Candidate{f.path, f.type});
+        }
+        return WALK_CONTINUE;
+    });
+    if (rc < 0) {
         throw Failure("cannot open directory " + root);
     }
+    ProgressLine progress("indexing");
+    uint32_t chunks = 0;
+    int done = 0;
+    for (const Candidate &c : candidates) {
+        ExtractedText text;
+        if (extract_file_text(c.path.c_str(), c.type, opts.max_file_size, &text)
+            == TRN_FILE_STATUS_INDEXABLE) {
+            int32_t n = ingest_extracted_text(
+                engine.get(), c.path.c_str(), text.text, text.length, c.type, chunk_size, overlap);
+            if (n < 0 && trn_last_status(engine.get()) != TRN_STATUS_OK) {
+                extracted_text_free(&text);
+                progress.clear();
+                throw Failure(trn_last_error(engine.get()));
+            }
+            chunks += n > 0 ? static_cast<uint32_t>(n) : 0;
+        }
+        extracted_text_free(&text);
+        done++;
+        if (progress.shown()) {
+            progress.update(done, static_cast<int>(candidates.size()), chunks);
+        }
+    }
+    progress.clear();
     trn_build_doc_index(engine.get());
     if (!trn_checkpoint(engine.get())) {
         throw Failure(trn_last_error(engine.get()));
@@ -251,8 +327,14 @@ void cmd_files(const Options &o)
     if (exists(join(index_dir, "tarnwick.bin")) || exists(join(index_dir, "tarnwick.wal"))) {
         engine = open_engine(index_dir, "");
     }
+    // The walk and the text extraction of index, with the same options: a file is listed as
+    // indexable exactly when index gives it chunks.
+    const WalkConfig config = walk_config(o);
+    std::vector<const char *> extension_ptrs;
+    std::vector<const char *> exclude_ptrs;
+    const TrnWalkOptions opts = config.view(&extension_ptrs, &exclude_ptrs);
     std::unique_ptr<TrnFileList, FileListCloser> list(
-        trn_list_dir_files(engine.get(), root.c_str()));
+        trn_list_dir_files_ex(engine.get(), root.c_str(), &opts));
 
     std::string out;
     if (o.json) {
@@ -273,23 +355,41 @@ void cmd_files(const Options &o)
             w.integer(f.chunk_count);
             w.key("indexed");
             w.boolean(f.indexed != 0);
+            w.key("directory");
+            w.boolean(f.is_dir != 0);
+            w.key("status");
+            w.string(trn_file_status_name(f.status));
+            w.key("reason");
+            w.string(f.reason);
             w.end_object();
         }
         w.end_array();
         out = w.str() + "\n";
     } else {
-        char line[96];
-        std::snprintf(line, sizeof line, "%-9s %10s %7s  %s\n", "TYPE", "SIZE", "CHUNKS", "PATH");
+        char line[128];
+        std::snprintf(line,
+                      sizeof line,
+                      "%-9s %10s %7s  %-10s %s\n",
+                      "TYPE",
+                      "SIZE",
+                      "CHUNKS",
+                      "STATUS",
+                      "PATH");
         out += line;
         for (int32_t i = 0; i < list->count; i++) {
             const TrnFileInfo &f = list->entries[i];
             std::snprintf(line,
                           sizeof line,
-                          "%-9s %10lld %7u  ",
-                          trn_file_type_name(f.type),
+                          "%-9s %10lld %7u  %-10s ",
+                          f.is_dir ? "Folder" : trn_file_type_name(f.type),
                           static_cast<long long>(f.size),
-                          f.chunk_count);
-            out += line + display_text(f.path, false) + "\n";
+                          f.chunk_count,
+                          trn_file_status_name(f.status));
+            out += line + display_text(f.path, false);
+            if (f.reason[0] != '\0') {
+                out += "  (" + display_text(f.reason, false) + ")";
+            }
+            out += "\n";
         }
     }
     write_out(out);

@@ -1,10 +1,10 @@
 /*
 ** model_commands.cpp -- index, prompt and train on the application's model.
 **
-** `index` walks the directory with TarnwickEngine::ingestDirectory, the application's own walk:
-** its classification by extension table, well-known names and the "extraExtensions" setting,
-** PDF text through poppler, and no file whose text has fewer than 11 characters. Chunk size and
-** overlap default to the "chunkSize" and "overlap" settings. The same QSettings
+** `index` walks the directory with TarnwickEngine::ingestDirectory, the application's indexing:
+** the engine's walk and text extraction under the "extraExtensions", "excludePatterns" and
+** "maxFileSizeMB" settings (or the command line's options). Chunk size and overlap default to
+** the "chunkSize" and "overlap" settings. The same QSettings
 ** ("Tarnwick"/"Tarnwick") and training profiles as the application's are read and written, so a
 ** profile trained here is the application's too.
 **
@@ -425,6 +425,20 @@ std::string application_weights(const std::string &root, std::string *descriptio
     return "";
 }
 
+WalkConfig application_walk_config()
+{
+    Settings *settings = Settings::standard();
+    WalkConfig config;
+    for (const QString &ext : TarnwickEngine::extraExtensions()) {
+        config.extensions.push_back(ext.toStdString());
+    }
+    for (const QString &pattern : settings->effectiveExcludePatterns()) {
+        config.excludes.push_back(pattern.toStdString());
+    }
+    config.max_file_size = static_cast<uint64_t>(settings->effectiveMaxFileSize());
+    return config;
+}
+
 void model_index(const Options &o)
 {
     Settings *settings = Settings::standard();
@@ -452,7 +466,17 @@ void model_index(const Options &o)
             progress.update(done, found, static_cast<uint32_t>(chunks));
         };
     }
-    int added = engine.ingestDirectory(chunk_size, overlap, show);
+    const WalkConfig config = walk_config(o);
+    QSet<QString> extensions;
+    for (const std::string &ext : config.extensions) {
+        extensions.insert(QString::fromStdString(ext));
+    }
+    QStringList excludes;
+    for (const std::string &pattern : config.excludes) {
+        excludes.append(QString::fromStdString(pattern));
+    }
+    const FileWalkOptions walk(extensions, excludes, static_cast<qint64>(config.max_file_size));
+    int added = engine.ingestDirectory(chunk_size, overlap, show, &walk);
     progress.clear();
     if (added < 0) {
         throw Failure("cannot open directory " + root);

@@ -12,8 +12,11 @@
 #define TRN_CLI_MODEL_COMMANDS_H
 
 #include "args.h"
+#include "tarnwick.h"
 
+#include <cstdint>
 #include <string>
+#include <vector>
 
 // True when the program was built on the application's model.
 extern const bool HAVE_APPLICATION_MODEL;
@@ -40,6 +43,25 @@ private:
 // built-in encoder beside the program, else "" (the untrained encoder). description says which,
 // for a line on standard error.
 std::string application_weights(const std::string &root, std::string *description);
+
+// Which files a walk reads: extensions without the dot, patterns in .gitignore syntax (empty:
+// the engine's defaults), the size limit in bytes (0: TRN_FILE_SIZE_MAX).
+struct WalkConfig {
+    std::vector<std::string> extensions;
+    std::vector<std::string> excludes;
+    uint64_t max_file_size = 0;
+
+    // The engine's options, pointing into this object and into the two vectors given.
+    TrnWalkOptions view(std::vector<const char *> *extension_ptrs,
+                        std::vector<const char *> *exclude_ptrs) const;
+};
+
+// The application's settings ("extraExtensions", "excludePatterns", "maxFileSizeMB"); all
+// defaults (empty) without the model.
+WalkConfig application_walk_config();
+// application_walk_config() with the command line's --extensions, --exclude and
+// --max-file-size over it (commands.cpp).
+WalkConfig walk_config(const Options &o);
 
 // index DIR: drops the index and walks DIR with TarnwickEngine::ingestDirectory.
 void model_index(const Options &o);

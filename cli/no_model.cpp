@@ -38,6 +38,11 @@ std::string application_weights(const std::string &, std::string *description)
     return "";
 }
 
+WalkConfig application_walk_config()
+{
+    return WalkConfig{};
+}
+
 void model_index(const Options &)
 {
     throw Failure("built without the application model");

@@ -24,7 +24,8 @@ _tarnwick_cli()
             _filedir tten
             return
             ;;
-        --chunk-size | --overlap | -k | --steps | --batch | --lr | --threads | --heads | --layers)
+        --chunk-size | --overlap | -k | --steps | --batch | --lr | --threads | --heads | --layers | \
+            --exclude | --extensions | --max-file-size)
             return
             ;;
     esac
@@ -34,7 +35,7 @@ _tarnwick_cli()
     for ((i = 1; i < cword; i++)); do
         case ${words[i]} in
             --mode | --scope | --weights | --chunk-size | --overlap | -k | --steps | --batch | \
-                --lr | --threads | --heads | --layers)
+                --lr | --threads | --heads | --layers | --exclude | --extensions | --max-file-size)
                 ((i++))
                 ;;
             -*) ;;
@@ -59,10 +60,11 @@ _tarnwick_cli()
 
     local options=""
     case $command in
-        index) options="--chunk-size --overlap --weights --verbose" ;;
+        index) options="--chunk-size --overlap --weights --exclude --extensions --max-file-size --verbose" ;;
         search) options="--mode -k --weights --json --verbose" ;;
         prompt) options="--scope --mode -k --weights --verbose" ;;
-        files | stats) options="--json --verbose" ;;
+        files) options="--json --exclude --extensions --max-file-size --verbose" ;;
+        stats) options="--json --verbose" ;;
         remove | compact) options="--verbose" ;;
         embed) options="--weights --verbose" ;;
         train) options="--json --steps --batch --lr --threads --heads --layers --bpe --verbose" ;;

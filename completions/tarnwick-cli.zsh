@@ -13,7 +13,7 @@ commands=(
     'index:index a directory from scratch'
     'search:search the index of a directory'
     'prompt:print the prompt for a language model'
-    'files:list the files of a directory and their chunks'
+    'files:list the files of a directory, their chunks and why'
     'stats:show the counts of the index'
     'remove:drop files from the index'
     'compact:rewrite the index without removed chunks'
@@ -22,6 +22,9 @@ commands=(
 )
 common=('--verbose[show the engine diagnostics]' '(- *)'{-h,--help}'[print help]')
 weights=('--weights=[encoder weights file, or none]:weights:_tarnwick_cli_weights')
+walk=('*--exclude=[skip what a .gitignore pattern matches]:pattern'
+      '--extensions=[extensions read as text, comma-separated]:extensions'
+      '--max-file-size=[skip larger files]:megabytes')
 
 if (( CURRENT == 2 )); then
     _arguments '(- *)--version[print the version]' '(- *)'{-h,--help}'[print help]' \
@@ -38,6 +41,7 @@ case $command in
         _arguments $common $weights \
             '--chunk-size=[chunk size in bytes]:bytes' \
             '--overlap=[bytes shared with the previous chunk]:bytes' \
+            $walk \
             '1:directory:_files -/'
         ;;
     search)
@@ -54,7 +58,10 @@ case $command in
             "--scope=[which results the prompt quotes]:scope:$scopes" \
             '1:directory:_files -/' '2:query:'
         ;;
-    files|stats)
+    files)
+        _arguments $common $walk '--json[print JSON]' '1:directory:_files -/'
+        ;;
+    stats)
         _arguments $common '--json[print JSON]' '1:directory:_files -/'
         ;;
     remove)

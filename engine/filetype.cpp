@@ -3,11 +3,14 @@
 **
 ** The decision rests on the name first: a few special base names, then the extension (the text
 ** from the last "." of the whole path, matched case-insensitively against three tables), then a
-** few well-known extensionless text names. Only when the name decides nothing are the first 16
-** bytes of the file read: magic numbers of common binary formats, a 0 byte, or too many control
-** bytes make it binary; otherwise it is text. The numeric values of TrnFileType are stored in the
+** few well-known extensionless text names. Only when the name decides nothing (README.Debian,
+** NEWS, TODO, foo.Bugs, names without an extension) are the first 512 bytes of the file read:
+** magic numbers of common binary formats, a 0 byte, or too many control bytes make it binary;
+** otherwise it is text. The user's extra extensions are read as text when their content is. The
+*numeric values of TrnFileType are stored in the
 ** store file and the log, so they never change.
 */
+#include "files.h"
 #include "internal.h"
 
 #include <cstring>
@@ -31,6 +34,10 @@ const char *const binary_extensions[] = {
     ".nib", ".storyboard", ".car",   ".plist",  ".strings", ".stringsdict", nullptr};
 
 const char *const text_extensions[] = {".txt",
+                                       ".rst",
+                                       ".adoc",
+                                       ".org",
+                                       ".tex",
                                        ".text",
                                        ".log",
                                        ".csv",
@@ -56,7 +63,8 @@ const char *const source_extensions[] = {
     ".fs",      ".ex",    ".exs",        ".erl",   ".hs",    ".ml",   ".mli",
     ".lisp",    ".el",    ".clj",        ".cmake", ".make",  ".mk",   ".proto",
     ".graphql", ".gql",   ".dockerfile", ".tf",    ".hcl",   ".sdef", ".entitlements",
-    nullptr};
+    ".hh",      ".hxx",   ".cp",         ".c++",   ".s",     ".asm",  ".php",
+    ".csh",     ".ksh",   ".mjs",        ".y",     ".l",     nullptr};
 
 const char *const binary_names[] = {".DS_Store", "Thumbs.db", ".gitkeep", nullptr};
 
@@ -90,14 +98,18 @@ bool starts_with(const unsigned char *b, const char *magic, size_t n)
     return memcmp(b, magic, n) == 0;
 }
 
-/* Classifies up to 16 leading bytes of a file whose name said nothing. */
-TrnFileType sniff_content(const char *path)
+constexpr size_t SNIFF_BYTES = 512;
+
+/* Classifies up to SNIFF_BYTES leading bytes of a file whose name said nothing. *unreadable is
+** set when the file cannot be opened. */
+TrnFileType sniff_content(const char *path, bool *unreadable)
 {
     FILE *f = fopen(path, "rb");
     if (!f) {
+        *unreadable = true;
         return TRN_FILE_TYPE_UNKNOWN;
     }
-    unsigned char b[16];
+    unsigned char b[SNIFF_BYTES];
     size_t n = fread(b, 1, sizeof b, f);
     fclose(f);
     if (n < 4) {
@@ -134,7 +146,112 @@ TrnFileType sniff_content(const char *path)
     return suspicious > n / 4 ? TRN_FILE_TYPE_BINARY : TRN_FILE_TYPE_TEXT;
 }
 
+/* The type by name alone, or UNKNOWN when the name decides nothing. */
+TrnFileType type_by_name(const char *path, const char *base, const char *ext)
+{
+    if (in_list_exact(base, binary_names)) {
+        return TRN_FILE_TYPE_BINARY;
+    }
+    if (ext) {
+        if (in_list_casecmp(ext, binary_extensions)) {
+            return TRN_FILE_TYPE_BINARY;
+        }
+        if (strcasecmp(ext, ".pdf") == 0) {
+            return TRN_FILE_TYPE_PDF;
+        }
+        if (strcasecmp(ext, ".html") == 0 || strcasecmp(ext, ".htm") == 0
+            || strcasecmp(ext, ".xhtml") == 0 || strcasecmp(ext, ".shtml") == 0) {
+            return TRN_FILE_TYPE_HTML;
+        }
+        if (strcasecmp(ext, ".docx") == 0) {
+            return TRN_FILE_TYPE_DOCX;
+        }
+        if (strcasecmp(ext, ".odt") == 0) {
+            return TRN_FILE_TYPE_ODT;
+        }
+        if (strcasecmp(ext, ".epub") == 0) {
+            return TRN_FILE_TYPE_EPUB;
+        }
+        if (strcasecmp(ext, ".md") == 0 || strcasecmp(ext, ".markdown") == 0) {
+            return TRN_FILE_TYPE_MARKDOWN;
+        }
+        if (in_list_casecmp(ext, text_extensions)) {
+            return TRN_FILE_TYPE_TEXT;
+        }
+        if (in_list_casecmp(ext, source_extensions)) {
+            return TRN_FILE_TYPE_SOURCE;
+        }
+    }
+    (void)path;
+    if (in_list_exact(base, text_names)) {
+        return TRN_FILE_TYPE_TEXT;
+    }
+    return TRN_FILE_TYPE_UNKNOWN;
+}
+
+/* The extension of base (after its last "."), when it is one of the count extra extensions. */
+bool is_extra(const char *base, const char *const *extra, int32_t count)
+{
+    const char *dot = strrchr(base, '.');
+    if (!dot || !extra) {
+        return false;
+    }
+    for (int32_t i = 0; i < count; i++) {
+        const char *e = extra[i];
+        if (e && e[0] == '.') {
+            e++; /* ".org" is meant as "org" */
+        }
+        if (e && e[0] && strcasecmp(dot + 1, e) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
 } // namespace
+
+TrnFileType file_type_by_name(const char *path)
+{
+    if (!path) {
+        return TRN_FILE_TYPE_UNKNOWN;
+    }
+    const char *slash = strrchr(path, '/');
+    return type_by_name(path, slash ? slash + 1 : path, strrchr(path, '.'));
+}
+
+TrnFileType classify_file(const char *path, const char *const *extra, int32_t extra_count,
+                          TrnFileStatus *status)
+{
+    TrnFileStatus ignored;
+    if (!status) {
+        status = &ignored;
+    }
+    *status = TRN_FILE_STATUS_INDEXABLE;
+    if (!path) {
+        *status = TRN_FILE_STATUS_UNREADABLE;
+        return TRN_FILE_TYPE_UNKNOWN;
+    }
+    const char *ext = strrchr(path, '.');
+    const char *slash = strrchr(path, '/');
+    const char *base = slash ? slash + 1 : path;
+    TrnFileType type = TRN_FILE_TYPE_UNKNOWN;
+    if (!is_extra(base, extra, extra_count)) {
+        type = type_by_name(path, base, ext);
+    }
+    if (type == TRN_FILE_TYPE_UNKNOWN) {
+        bool unreadable = false;
+        type = sniff_content(path, &unreadable);
+        if (unreadable) {
+            *status = TRN_FILE_STATUS_UNREADABLE;
+        } else if (type == TRN_FILE_TYPE_UNKNOWN) {
+            *status = TRN_FILE_STATUS_TOO_SHORT; /* fewer than 4 bytes */
+        }
+    }
+    if (type == TRN_FILE_TYPE_BINARY) {
+        *status = TRN_FILE_STATUS_BINARY;
+    }
+    return type;
+}
 
 int32_t in_list_casecmp(const char *s, const char *const *list)
 {
@@ -150,50 +267,14 @@ extern "C" {
 
 TrnFileType trn_detect_file_type(const char *path)
 {
-    if (!path) {
-        return TRN_FILE_TYPE_UNKNOWN;
-    }
     /* The dot is searched in the whole path, so "/a.b/README" has the extension ".b/README",
     ** which matches no table; such names fall through to the name list and sniffing. */
-    const char *ext = strrchr(path, '.');
-    const char *slash = strrchr(path, '/');
-    const char *base = slash ? slash + 1 : path;
-
-    if (in_list_exact(base, binary_names)) {
-        return TRN_FILE_TYPE_BINARY;
-    }
-    if (ext) {
-        if (in_list_casecmp(ext, binary_extensions)) {
-            return TRN_FILE_TYPE_BINARY;
-        }
-        if (strcasecmp(ext, ".pdf") == 0) {
-            return TRN_FILE_TYPE_PDF;
-        }
-        if (strcasecmp(ext, ".html") == 0 || strcasecmp(ext, ".htm") == 0) {
-            return TRN_FILE_TYPE_HTML;
-        }
-        if (strcasecmp(ext, ".docx") == 0) {
-            return TRN_FILE_TYPE_DOCX;
-        }
-        if (strcasecmp(ext, ".md") == 0 || strcasecmp(ext, ".markdown") == 0) {
-            return TRN_FILE_TYPE_MARKDOWN;
-        }
-        if (in_list_casecmp(ext, text_extensions)) {
-            return TRN_FILE_TYPE_TEXT;
-        }
-        if (in_list_casecmp(ext, source_extensions)) {
-            return TRN_FILE_TYPE_SOURCE;
-        }
-    }
-    if (in_list_exact(base, text_names)) {
-        return TRN_FILE_TYPE_TEXT;
-    }
-    return sniff_content(path);
+    return classify_file(path, nullptr, 0, nullptr);
 }
 
 int32_t trn_is_indexable(TrnFileType t)
 {
-    return t < 6 ? 1 : 0;
+    return t <= TRN_FILE_TYPE_EPUB ? 1 : 0;
 }
 
 const char *trn_file_type_name(TrnFileType t)
@@ -211,8 +292,34 @@ const char *trn_file_type_name(TrnFileType t)
         return "DOCX";
     case TRN_FILE_TYPE_MARKDOWN:
         return "Markdown";
+    case TRN_FILE_TYPE_ODT:
+        return "ODT";
+    case TRN_FILE_TYPE_EPUB:
+        return "EPUB";
     case TRN_FILE_TYPE_BINARY:
         return "Binary";
+    default:
+        return "Unknown";
+    }
+}
+
+const char *trn_file_status_name(TrnFileStatus s)
+{
+    switch (s) {
+    case TRN_FILE_STATUS_INDEXABLE:
+        return "Indexable";
+    case TRN_FILE_STATUS_EXCLUDED:
+        return "Excluded";
+    case TRN_FILE_STATUS_TOO_LARGE:
+        return "Too large";
+    case TRN_FILE_STATUS_BINARY:
+        return "Binary";
+    case TRN_FILE_STATUS_NOT_UTF8:
+        return "Not UTF-8";
+    case TRN_FILE_STATUS_TOO_SHORT:
+        return "Too short";
+    case TRN_FILE_STATUS_UNREADABLE:
+        return "Unreadable";
     default:
         return "Unknown";
     }

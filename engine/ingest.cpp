@@ -1,9 +1,9 @@
 /*
 ** ingest.cpp -- turns files and texts into chunks of the engine handle.
 **
-** Text comes from a file by its type: plain bytes (text, source, Markdown, DOCX read as bytes up
-** to the first 0 byte), HTML with scripts, styles and tags stripped, or PDF through the external
-** converter "pdftotext". It is cut into fixed-size overlapping byte windows:
+** Text comes from a file through extract_file_text (extract.cpp: UTF-8 text, HTML as readable
+** text, PDF, DOCX, ODT, EPUB); the engine's directory walk is walk_files (walk.cpp). The text is
+** cut into fixed-size overlapping byte windows:
 **
 **     chunk = min(length, chunk_size)        every window is exactly chunk bytes
 **     step  = chunk - overlap (int32), or 1 when that is below 2
@@ -17,12 +17,9 @@
 ** linked into the graph. A text whose group could not be written adds nothing.
 **
 ** Files larger than TRN_FILE_SIZE_MAX are skipped on their size, before a byte is read: the walk
-** checks the size it has from stat, and read_text_file checks the open file again.
-**
-** The PDF converter runs as a child process with an argument vector, never through a shell, with
-** its standard error sent to /dev/null; it writes into a temporary file from mkstemp that is
-** removed on every path. A file name is therefore only ever an argument, whatever it contains.
+** checks the size it has from stat, and the extraction checks the open file again.
 */
+#include "files.h"
 #include "internal.h"
 
 #include <cerrno>
@@ -30,92 +27,14 @@
 #include <cstring>
 
 #include <fcntl.h>
-#include <spawn.h>
 #include <strings.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
-
-extern char **environ;
 
 namespace
 {
 
 constexpr uint64_t FIRST_CAPACITY = 64;
-
-/* Runs pdftotext on path, writing UTF-8 text to out_path. Returns true when it exited with 0. */
-bool run_pdftotext(const char *path, const char *out_path)
-{
-    /* A path that begins with "-" would read as an option; "./" keeps it a file name. */
-    char safe_path[TRN_WALK_MAX + 2];
-    const char *arg_path = path;
-    if (path[0] == '-') {
-        int n = snprintf(safe_path, sizeof safe_path, "./%s", path);
-        if (n < 0 || (size_t)n >= sizeof safe_path) {
-            return false;
-        }
-        arg_path = safe_path;
-    }
-    char prog[] = "pdftotext";
-    char opt_enc[] = "-enc";
-    char enc[] = "UTF-8";
-    char *argv[] = {
-        prog, opt_enc, enc, const_cast<char *>(arg_path), const_cast<char *>(out_path), nullptr};
-
-    posix_spawn_file_actions_t actions;
-    if (posix_spawn_file_actions_init(&actions) != 0) {
-        return false;
-    }
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-    pid_t pid = 0;
-    int rc = posix_spawnp(&pid, prog, &actions, nullptr, argv, environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (rc != 0) {
-        return false;
-    }
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR) {
-            return false;
-        }
-    }
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
-/* Converts a PDF to its text. Returns an owned text, or NULL when the converter fails or yields
-** fewer than 6 bytes (an image-only PDF gives a few form feeds, which is no text). */
-char *pdf_text(const char *path)
-{
-    /* One file per call, so two conversions never share a name; $TMPDIR when it is set. */
-    const char *dir = getenv("TMPDIR");
-    if (!dir || dir[0] != '/') {
-        dir = "/tmp";
-    }
-    char tmp[TRN_PATH_MAX];
-    int len = snprintf(tmp, sizeof tmp, "%s/trn_pdf_XXXXXX", dir);
-    if (len < 0 || (size_t)len >= sizeof tmp) {
-        snprintf(tmp, sizeof tmp, "/tmp/trn_pdf_XXXXXX");
-    }
-    int fd = mkstemp(tmp);
-    if (fd < 0) {
-        return nullptr;
-    }
-    close(fd);
-    bool ok = run_pdftotext(path, tmp);
-    uint64_t length = 0;
-    char *text = ok ? read_text_file(tmp, &length) : nullptr;
-    remove(tmp);
-    if (text && strlen(text) < 6) {
-        free(text);
-        return nullptr;
-    }
-    return text;
-}
-
-bool prefix_casecmp(const char *p, const char *word, size_t n)
-{
-    return strncasecmp(p, word, n) == 0;
-}
 
 constexpr int32_t WALK_DEPTH_MAX = TRN_WALK_MAX / 2; /* "/x" per level */
 
@@ -133,36 +52,48 @@ struct DirIngest {
     bool failed; /* a write failed (busy, damaged, full disk): every later file fails too */
 };
 
-void ingest_walked_dir(bool entering, void *arg)
+/* Keeps a running chunk total per open directory, and ingests each indexable file. */
+WalkAction ingest_walked(const WalkedFile *f, void *arg)
 {
     DirIngest *state = static_cast<DirIngest *>(arg);
-    if (entering) {
+    if (f->kind == WALK_DIR_ENTER) {
         state->depth++;
-        state->totals[state->depth] = 0;
-    } else {
+        if (state->depth <= WALK_DEPTH_MAX) {
+            state->totals[state->depth] = 0;
+        }
+        return WALK_CONTINUE;
+    }
+    if (f->kind == WALK_DIR_LEAVE) {
         state->depth--;
-        state->totals[state->depth] += state->totals[state->depth + 1];
+        if (state->depth < WALK_DEPTH_MAX) {
+            state->totals[state->depth] += state->totals[state->depth + 1];
+        }
+        return WALK_CONTINUE;
     }
-}
-
-/* A file too large is skipped on its size alone, before its type is sniffed or a byte read. */
-bool ingest_walked_file(const char *path, const struct stat *st, void *arg)
-{
-    DirIngest *state = static_cast<DirIngest *>(arg);
-    if (state->failed) {
-        return false;
+    if (f->kind != WALK_FILE || f->status != TRN_FILE_STATUS_INDEXABLE) {
+        return WALK_CONTINUE;
     }
-    if (st->st_size > TRN_FILE_SIZE_MAX || !trn_is_indexable(trn_detect_file_type(path))) {
-        return true;
+    ExtractedText text;
+    TrnFileStatus status = extract_file_text(f->path, f->type, 0, &text);
+    int32_t n = 0;
+    if (status == TRN_FILE_STATUS_INDEXABLE) {
+        n = chunk_and_ingest(state->e,
+                             f->path,
+                             text.text,
+                             (int64_t)text.length,
+                             state->chunk_size,
+                             state->overlap,
+                             f->type);
     }
-    int32_t n = trn_ingest_file(state->e, path, state->chunk_size, state->overlap);
+    extracted_text_free(&text);
     if (state->e->status != TRN_STATUS_OK) {
         state->failed = true;
-        return false;
+        return WALK_STOP;
     }
-    int32_t *total = &state->totals[state->depth];
+    int32_t *total = &state->totals[state->depth <= WALK_DEPTH_MAX ? state->depth : 0];
     *total += n > 0 ? n : 0;
-    return !state->cb || state->cb(path, *total, *total, state->user);
+    return !state->cb || state->cb(f->path, *total, *total, state->user) ? WALK_CONTINUE
+                                                                         : WALK_LEAVE_DIR;
 }
 
 } // namespace
@@ -364,113 +295,6 @@ int32_t chunk_and_ingest(TrnEngine *e, const char *path, const char *text, int64
     return added;
 }
 
-char *read_text_file(const char *path, uint64_t *out_length)
-{
-    FILE *f = fopen(path, "rb");
-    if (!f) {
-        return nullptr;
-    }
-    /* The size decides before anything is allocated: a sparse 2 GB file or a device never
-    ** reaches memory. The read asks for one byte more, so a file that grew since is refused too. */
-    struct stat st;
-    if (fstat(fileno(f), &st) != 0 || !S_ISREG(st.st_mode) || st.st_size < 0
-        || st.st_size > TRN_FILE_SIZE_MAX) {
-        fclose(f);
-        return nullptr;
-    }
-    size_t n = (size_t)st.st_size;
-    char *buf = static_cast<char *>(xmalloc(n + 2));
-    size_t got = fread(buf, 1, n + 1, f);
-    fclose(f);
-    if (got != n) {
-        free(buf);
-        return nullptr;
-    }
-    buf[n] = '\0';
-    if (out_length) {
-        *out_length = n;
-    }
-    return buf;
-}
-
-/* One pass with four flags. The opening "<script" or "<style" also sets in_tag and its ">" is
-** swallowed inside the script or style, so in_tag is still set after the closing tag: the text
-** between "</script>" and the next ">" is dropped. Indexes built so far depend on that, so it
-** stays. */
-char *strip_html(const char *p, size_t n)
-{
-    char *out = static_cast<char *>(xmalloc(n + 1));
-    size_t o = 0;
-    bool in_script = false;
-    bool in_style = false;
-    bool in_tag = false;
-    bool last_space = true;
-    size_t i = 0;
-    while (i < n) {
-        char c = p[i];
-        if (i + 7 < n && c == '<') {
-            if (prefix_casecmp(p + i, "<script", 7)) {
-                in_script = true;
-                in_tag = true;
-                i++;
-                continue;
-            }
-            if (prefix_casecmp(p + i, "<style", 6)) {
-                in_style = true;
-                in_tag = true;
-                i++;
-                continue;
-            }
-        }
-        if (in_script && i + 9 < n && prefix_casecmp(p + i, "</script>", 9)) {
-            in_script = false;
-            i += 9;
-            continue;
-        }
-        if (in_style && i + 8 < n && prefix_casecmp(p + i, "</style>", 8)) {
-            in_style = false;
-            i += 8;
-            continue;
-        }
-        if (in_script || in_style) {
-            i++;
-            continue;
-        }
-        if (c == '<') {
-            if (!last_space && o >= 1) {
-                out[o++] = ' ';
-                last_space = true;
-            }
-            in_tag = true;
-            i++;
-            continue;
-        }
-        if (c == '>') {
-            in_tag = false;
-            i++;
-            continue;
-        }
-        if (in_tag) {
-            i++;
-            continue;
-        }
-        if (c == '\t' || c == '\n' || c == '\r' || c == ' ') {
-            if (!last_space && o >= 1) {
-                out[o++] = ' ';
-                last_space = true;
-            }
-            in_tag = false;
-            i++;
-            continue;
-        }
-        out[o++] = c;
-        last_space = false;
-        i++;
-    }
-    out[o] = '\0';
-    return out;
-}
-
 extern "C" {
 
 int32_t trn_check_chunking(int32_t chunk_size, int32_t overlap, char *message, size_t size)
@@ -515,37 +339,19 @@ int32_t trn_ingest_file(TrnEngine *e, const char *path, int32_t chunk_size, int3
     if (!e || !path) {
         return -1;
     }
-    TrnFileType type = trn_detect_file_type(path);
+    TrnFileType type = classify_file(path, nullptr, 0, nullptr);
     if (!trn_is_indexable(type)) {
         return 0;
     }
-    struct stat st;
-    if (stat(path, &st) != 0 || st.st_size > TRN_FILE_SIZE_MAX) {
-        return -1; /* a PDF is checked here, before the converter runs */
+    ExtractedText text;
+    TrnFileStatus status = extract_file_text(path, type, 0, &text);
+    int32_t n = -1;
+    if (status == TRN_FILE_STATUS_INDEXABLE) {
+        n = chunk_and_ingest(e, path, text.text, (int64_t)text.length, chunk_size, overlap, type);
+    } else if (status == TRN_FILE_STATUS_TOO_SHORT) {
+        n = 0;
     }
-    char *text = nullptr;
-    uint64_t length = 0;
-    if (type == TRN_FILE_TYPE_HTML) {
-        char *raw = read_text_file(path, &length);
-        if (!raw) {
-            return -1;
-        }
-        text = strip_html(raw, (size_t)length);
-        free(raw);
-    } else if (type == TRN_FILE_TYPE_PDF) {
-        text = pdf_text(path);
-        if (!text) {
-            return -1;
-        }
-    } else {
-        /* Bytes as they are, up to the first 0 byte: a DOCX container yields its first bytes. */
-        text = read_text_file(path, &length);
-        if (!text) {
-            return -1;
-        }
-    }
-    int32_t n = chunk_and_ingest(e, path, text, (int64_t)strlen(text), chunk_size, overlap, type);
-    free(text);
+    extracted_text_free(&text);
     return n;
 }
 
@@ -558,8 +364,8 @@ int32_t trn_ingest_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
     status_clear(e);
     DirIngest *state = static_cast<DirIngest *>(xcalloc(1, sizeof(DirIngest)));
     *state = DirIngest{e, chunk_size, overlap, cb, user, 0, {}, false};
-    int32_t rc = walk_tree(dir, ingest_walked_file, ingest_walked_dir, state);
-    int32_t total = rc == 0 && !state->failed ? state->totals[0] : -1;
+    int32_t rc = walk_files(dir, nullptr, ingest_walked, state);
+    int32_t total = rc >= 0 && !state->failed ? state->totals[0] : -1;
     free(state);
     return total;
 }

@@ -307,25 +307,12 @@ int32_t remove_file_mem(TrnEngine *e, const char *path);
 int32_t count_file_chunks(const TrnEngine *e, const char *path);
 int32_t chunk_and_ingest(TrnEngine *e, const char *path, const char *text, int64_t length,
                          int32_t chunk_size, int32_t overlap, TrnFileType type);
-char *read_text_file(const char *path, uint64_t *out_length);
-/* Strips tags, scripts and styles from n bytes of HTML; returns an owned NUL-terminated text. */
-char *strip_html(const char *p, size_t n);
 /* Draws a graph level from rand(): floor(-ln(u) * level_mult) clamped to 0..31. */
 int32_t draw_level(float level_mult);
 
 /* ---------------------------------------------------------------------------------------------
-** Directory walk and private files (walk.cpp)
+** Private files (walk.cpp; the walk itself is in files.h)
 */
-/* Called for each regular file of a walk with its path and stat (links followed); returning
-** false ends the walk of the directory that holds the file, and the walk goes on above it. */
-typedef bool (*WalkFileFn)(const char *path, const struct stat *st, void *user);
-/* Called with true before the walk enters a directory below the root and false after it leaves. */
-typedef void (*WalkDirFn)(bool entering, void *user);
-/* Calls on_file for every regular file below root that the walk reaches: hidden names skipped,
-** links to files followed only to targets inside root, links to directories never entered,
-** every directory entered once. on_dir may be NULL.
-** Returns 0, or -1 when root is not a directory that can be read. */
-int32_t walk_tree(const char *root, WalkFileFn on_file, WalkDirFn on_dir, void *user);
 /* fopen for the index's files: "wb", "ab" or "r+b"; a file it creates is 0600 and an existing
 ** one is set to 0600, so no other user can read what was indexed. NULL on failure. */
 FILE *private_fopen(const char *path, const char *mode);

@@ -44,7 +44,7 @@ extern "C" {
 */
 
 /* The kind of a file. The values are stored in the store file and the log and never change.
-** Values below 6 are indexable. */
+** Values below 6, and ODT and EPUB, are indexable. */
 typedef uint32_t TrnFileType;
 enum {
     TRN_FILE_TYPE_TEXT = 0,
@@ -53,20 +53,25 @@ enum {
     TRN_FILE_TYPE_SOURCE = 3,
     TRN_FILE_TYPE_DOCX = 4,
     TRN_FILE_TYPE_MARKDOWN = 5,
+    TRN_FILE_TYPE_ODT = 6,
+    TRN_FILE_TYPE_EPUB = 7,
     TRN_FILE_TYPE_BINARY = 98,
     TRN_FILE_TYPE_UNKNOWN = 99
 };
 
 /* Classifies path by its base name, then its extension (case-insensitive, the last "." of the
-** whole path), and only when neither decides by sniffing the first 16 bytes of the file. Never
-** fails: a file that cannot be read, or holds fewer than 4 bytes, is TRN_FILE_TYPE_UNKNOWN. */
+** whole path), and only when neither decides by sniffing the first bytes of the file (at most
+** 512: signatures of binary formats, a 0 byte, or more than a quarter control bytes make it
+** binary, anything else text). Never fails: a file that cannot be read, or holds fewer than 4
+** bytes, is TRN_FILE_TYPE_UNKNOWN. */
 TRN_API TrnFileType trn_detect_file_type(const char *path);
 
-/* Returns 1 when t (taken as unsigned) is below 6, else 0. */
+/* Returns 1 when t is one of the indexable types (0 to 7), else 0. */
 TRN_API int32_t trn_is_indexable(TrnFileType t);
 
-/* Returns the static name of t: "Text", "PDF", "HTML", "Source", "DOCX", "Markdown", "Binary",
-** or "Unknown" for 99 and for every value not listed. Never NULL; never free it. */
+/* Returns the static name of t: "Text", "PDF", "HTML", "Source", "DOCX", "Markdown", "ODT",
+** "EPUB", "Binary", or "Unknown" for 99 and for every value not listed. Never NULL; never free
+** it. */
 TRN_API const char *trn_file_type_name(TrnFileType t);
 
 /* ---------------------------------------------------------------------------------------------
@@ -244,13 +249,45 @@ typedef struct TrnStats {
     int32_t dim;            /* floats per vector */
 } TrnStats;
 
+/* Why a file of a walk is, or is not, read for the index. The walk decides the first four from
+** names, sizes and a file's first bytes; reading the text decides the last three. */
+typedef uint32_t TrnFileStatus;
+enum {
+    TRN_FILE_STATUS_INDEXABLE = 0,  /* its text is read (and may still be one of the last three) */
+    TRN_FILE_STATUS_EXCLUDED = 1,   /* an ignore rule or a hidden name; see the reason */
+    TRN_FILE_STATUS_TOO_LARGE = 2,  /* larger than the walk's maximum file size */
+    TRN_FILE_STATUS_BINARY = 3,     /* not text by its name or its first bytes */
+    TRN_FILE_STATUS_NOT_UTF8 = 4,   /* its text is not valid UTF-8 */
+    TRN_FILE_STATUS_TOO_SHORT = 5,  /* fewer than TRN_TEXT_MIN_CHARS characters of text */
+    TRN_FILE_STATUS_UNREADABLE = 6, /* cannot be opened, read or parsed */
+    TRN_TEXT_MIN_CHARS = 11         /* characters other than white space */
+};
+
+/* Returns the static one-word name of s: "Indexable", "Excluded", "Too large", "Binary",
+** "Not UTF-8", "Too short", "Unreadable", or "Unknown" for any other value. Never NULL. */
+TRN_API const char *trn_file_status_name(TrnFileStatus s);
+
+/* Which files of a directory are indexed. A null pointer to it, or zero members, mean the
+ * defaults: no extra extensions, the default exclusion patterns (.git, node_modules,
+ * __pycache__, build, dist, target, .venv) and TRN_FILE_SIZE_MAX. */
+typedef struct TrnWalkOptions {
+    const char *const *extra_extensions; /* without the dot, e.g. "org" */
+    int32_t extra_extension_count;
+    const char *const *exclude_patterns; /* gitignore syntax; replace the defaults when given */
+    int32_t exclude_pattern_count;
+    uint64_t max_file_size; /* bytes; 0 = TRN_FILE_SIZE_MAX */
+} TrnWalkOptions;
+
 typedef struct TrnFileInfo {
     char *path;           /* owned by the list */
     char *name;           /* points into path, after its last "/" */
-    TrnFileType type;     /* trn_detect_file_type(path) */
+    TrnFileType type;     /* the walk's classification (trn_detect_file_type with its options) */
     int64_t size;         /* bytes, from stat */
     uint32_t chunk_count; /* live chunks of this file in the engine */
     uint8_t indexed;      /* 1 when chunk_count >= 1 */
+    uint8_t is_dir;       /* 1 for an excluded or unreadable directory, reported once */
+    TrnFileStatus status; /* the walk's verdict; trn_list_dir_files_ex also reads the text */
+    char *reason;         /* owned; for EXCLUDED the rule, e.g. ".gitignore:3: build/"; else "" */
 } TrnFileInfo;
 
 typedef struct TrnFileList {
@@ -368,21 +405,23 @@ TRN_API int32_t trn_check_chunking(int32_t chunk_size, int32_t overlap, char *me
 TRN_API int32_t trn_ingest_text(TrnEngine *e, const char *path, const char *text,
                                 int32_t chunk_size, int32_t overlap);
 
-/* Reads the file at path (HTML stripped of tags, scripts and styles; PDF through pdftotext) and
-** ingests it as trn_ingest_text does. Returns the chunks added, 0 when the file is not indexable,
-** -1 when its text cannot be obtained, the file is larger than TRN_FILE_SIZE_MAX or the write
-** failed. */
+/* Reads the text of the file at path as the application does (plain text and source as UTF-8,
+** HTML as readable text without markup, scripts or styles, PDF through poppler, DOCX, ODT and
+** EPUB from their XML) and ingests it as trn_ingest_text does. Returns the chunks added, 0 when
+** the file is not indexable or holds too little text, -1 when its text cannot be obtained (not
+** UTF-8, unreadable, damaged), the file is larger than TRN_FILE_SIZE_MAX or the write failed. */
 TRN_API int32_t trn_ingest_file(TrnEngine *e, const char *path, int32_t chunk_size,
                                 int32_t overlap);
 
-/* Walks dir recursively and ingests every indexable regular file of at most TRN_FILE_SIZE_MAX
-** bytes. Names beginning with "." are skipped; a symbolic link to a file is followed only when
-** its resolved target lies inside dir, a link to a directory is never entered (the directory is
-** reached under its own name), and every directory is entered once (by device and inode), so
-** link loops end and nothing outside dir is read. cb may be NULL; when it returns false the walk
-** leaves the directory of that file and goes on with the rest. Returns the chunks added in the
-** whole tree, or -1 when dir cannot be opened or a write failed (the walk stops there; see
-** trn_last_status). */
+/* Walks dir recursively with the default TrnWalkOptions and ingests every indexable regular
+** file. Hidden names (beginning with ".") are skipped, and so is what the default exclusion
+** patterns, ".gitignore" and ".tarnwickignore" files exclude; a symbolic link to a file is
+** followed only when its resolved target lies inside dir, a link to a directory is never entered
+** (the directory is reached under its own name), and every directory is entered once (by device
+** and inode), so link loops end and nothing outside dir is read. cb may be NULL; when it returns
+** false the walk leaves the directory of that file and goes on with the rest. Returns the chunks
+** added in the whole tree, or -1 when dir cannot be opened or a write failed (the walk stops
+** there; see trn_last_status). */
 TRN_API int32_t trn_ingest_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_t overlap,
                                TrnProgressFn cb, void *user);
 
@@ -406,13 +445,23 @@ TRN_API int32_t trn_compact(TrnEngine *e);
 /* Returns the engine's counts as last loaded (it does not look for other processes' commits). */
 TRN_API TrnStats trn_stats(const TrnEngine *e);
 
-/* Lists every regular file under dir (recursively, by the walk of trn_ingest_dir, whatever its
-** size) with its type, size and, when e is not NULL, its live chunk count. Never returns NULL (a
-*directory that
-** cannot be opened gives an empty list); free with trn_free_file_list. */
+/* Lists every regular file under dir that the walk of trn_ingest_dir reads (whatever its size,
+** excluded names left out) with its type, size and, when e is not NULL, its live chunk count;
+** status is TOO_LARGE, BINARY or INDEXABLE (the text is not read). Never returns NULL (a
+** directory that cannot be opened gives an empty list); free with trn_free_file_list. */
 TRN_API TrnFileList *trn_list_dir_files(TrnEngine *e, const char *dir);
 
-/* Frees a list from trn_list_dir_files. NULL is ignored. */
+/* Lists every file under dir as the walk of the given options sees it, with a verdict for each:
+** excluded ones (a directory that is excluded is one entry, with is_dir set, and is not entered),
+** too large, binary, and for the indexable ones the outcome of reading their text (NOT_UTF8,
+** TOO_SHORT, UNREADABLE, or INDEXABLE when they give text), and when e is not NULL the live chunk
+** counts. opts NULL selects the defaults (see TrnWalkOptions). Reads every indexable file, so it
+** is slower than trn_list_dir_files. Never returns NULL (a directory that cannot be opened gives
+** an empty list); free with trn_free_file_list. */
+TRN_API TrnFileList *trn_list_dir_files_ex(TrnEngine *e, const char *dir,
+                                           const TrnWalkOptions *opts);
+
+/* Frees a list from trn_list_dir_files or trn_list_dir_files_ex. NULL is ignored. */
 TRN_API void trn_free_file_list(TrnFileList *list);
 
 /* Search modes of trn_search. The values never change. */

@@ -1,21 +1,26 @@
 /*
-** walk.cpp -- the engine's one directory walk (trn_ingest_dir, trn_list_dir_files), and the
-** helper that opens the index's files for the owner alone.
+** walk.cpp -- the one directory walk (walk_files of files.h), and the helper that opens the
+** index's files for the owner alone.
 **
-** A walk visits the regular files below a root, depth first in readdir order, skipping every
-** name that begins with "." (hidden files and directories, "." and "..", the index directory
-** ".tarnwick"). It must end on any tree a user can make, and must not leave it:
+** A walk visits everything below a root, depth first, each directory's entries in name order,
+** and says of each file whether it is read for the index and why not (files.h). It must end on
+** any tree a user can make, and must not leave it:
 **   - a symbolic link to a file is followed only when its target, fully resolved, lies inside
 **     the root's own resolved path; a link to a file in /etc or above the root is skipped;
 **   - a symbolic link to a directory is never entered: one inside the tree names a directory the
-**     walk reaches under its own name anyway (so every walk, the application's too, gives each
-**     file the same path), and one outside leads out of the tree or back into it forever;
+**     walk reaches under its own name anyway (so every caller gives each file the same path),
+**     and one outside leads out of the tree or back into it forever;
 **   - every directory is entered at most once, remembered by (device, inode), so a bind mount of
 **     an ancestor ends the descent there too;
-**   - paths longer than TRN_WALK_MAX are skipped, which bounds the depth.
+**   - paths longer than TRN_WALK_MAX are skipped, which bounds the depth;
+**   - a file's size is taken from stat before its type is sniffed, so a file over the limit is
+**     never opened.
+** Exclusion (hidden names, global patterns, ignore files) is decided by ignore.cpp before an
+** entry is stat'ed further; an excluded directory is reported once and not entered.
 ** The visited set is an open-addressing hash table of (device, inode) pairs that doubles at half
 ** load.
 */
+#include "files.h"
 #include "internal.h"
 
 #include <climits>
@@ -26,6 +31,11 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+const char *const WALK_DEFAULT_EXCLUDES[] = {
+    ".git", "node_modules", "__pycache__", "build", "dist", "target", ".venv"};
+const int32_t WALK_DEFAULT_EXCLUDE_COUNT =
+    (int32_t)(sizeof WALK_DEFAULT_EXCLUDES / sizeof WALK_DEFAULT_EXCLUDES[0]);
 
 namespace
 {
@@ -41,12 +51,17 @@ struct DirKey {
 struct Walk {
     char root[PATH_MAX]; /* the root, resolved */
     size_t root_len;
-    DirKey *visited; /* capacity slots, at most half used */
+    size_t prefix_len; /* bytes of the root as given, plus the "/" after it */
+    DirKey *visited;   /* capacity slots, at most half used */
     size_t visited_count;
     size_t visited_capacity;
-    WalkFileFn on_file;
-    WalkDirFn on_dir; /* may be NULL */
+    IgnoreRules *ignore;
+    const char *const *extra;
+    int32_t extra_count;
+    uint64_t max_size;
+    WalkFn fn;
     void *user;
+    bool stopped;
 };
 
 size_t key_hash(dev_t dev, ino_t ino)
@@ -104,56 +119,175 @@ bool link_stays_inside(const Walk *w, const char *path)
            && (target[w->root_len] == '/' || target[w->root_len] == '\0');
 }
 
-/* Walks one directory and, depth first, the directories below it. */
-void walk_dir(Walk *w, const char *dir)
+int compare_names(const void *a, const void *b)
+{
+    return strcmp(*static_cast<char *const *>(a), *static_cast<char *const *>(b));
+}
+
+/* The names of a directory except "." and "..", sorted; NULL when it cannot be opened. */
+char **list_names(const char *dir, size_t *count)
 {
     DIR *d = opendir(dir);
     if (!d) {
-        return;
+        return nullptr;
     }
+    size_t n = 0;
+    size_t capacity = 16;
+    char **names = static_cast<char **>(xmalloc(capacity * sizeof(char *)));
     struct dirent *entry;
     while ((entry = readdir(d)) != nullptr) {
-        if (entry->d_name[0] == '.') {
+        if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) {
             continue;
         }
+        if (n == capacity) {
+            capacity = xmul(capacity, 2);
+            names = static_cast<char **>(xrealloc(names, xmul(capacity, sizeof(char *))));
+        }
+        names[n++] = xstrdup(entry->d_name);
+    }
+    closedir(d);
+    qsort(names, n, sizeof(char *), compare_names);
+    *count = n;
+    return names;
+}
+
+WalkAction report(Walk *w, WalkKind kind, const char *path, int32_t depth, const struct stat *st,
+                  TrnFileStatus status, TrnFileType type, const char *reason)
+{
+    WalkedFile f = {};
+    f.kind = kind;
+    f.path = path;
+    f.rel_path = path + w->prefix_len;
+    f.depth = depth;
+    if (st) {
+        f.size = st->st_size > 0 ? (uint64_t)st->st_size : 0;
+        f.mtime_ns = (int64_t)st->st_mtim.tv_sec * 1000000000 + st->st_mtim.tv_nsec;
+        f.dev = (uint64_t)st->st_dev;
+        f.ino = (uint64_t)st->st_ino;
+    }
+    f.status = status;
+    f.type = type;
+    f.reason = reason ? reason : "";
+    WalkAction action = w->fn(&f, w->user);
+    if (action == WALK_STOP) {
+        w->stopped = true;
+    }
+    return action;
+}
+
+/* Walks one directory and, depth first, the directories below it. */
+void walk_dir(Walk *w, const char *dir, int32_t depth)
+{
+    size_t count = 0;
+    char **names = list_names(dir, &count);
+    if (!names) {
+        return;
+    }
+    ignore_rules_push_dir(w->ignore, dir, dir[w->prefix_len - 1] ? dir + w->prefix_len : "");
+    for (size_t i = 0; i < count && !w->stopped; i++) {
+        const char *name = names[i];
         char path[TRN_WALK_MAX];
-        int len = snprintf(path, sizeof path, "%s/%s", dir, entry->d_name);
+        int len = snprintf(path, sizeof path, "%s/%s", dir, name);
         if (len < 0 || (size_t)len >= sizeof path) {
             continue; /* a cut path would name another file */
         }
         struct stat st;
         if (lstat(path, &st) != 0) {
-            continue;
+            continue; /* gone since the listing */
         }
         if (S_ISLNK(st.st_mode)
             && (!link_stays_inside(w, path) || stat(path, &st) != 0 || S_ISDIR(st.st_mode))) {
             continue;
         }
-        if (S_ISDIR(st.st_mode)) {
-            if (visit_once(w, st.st_dev, st.st_ino)) {
-                if (w->on_dir) {
-                    w->on_dir(true, w->user);
+        bool is_dir = S_ISDIR(st.st_mode);
+        if (!is_dir && !S_ISREG(st.st_mode)) {
+            continue; /* sockets, devices, pipes */
+        }
+        if (is_dir && strcmp(name, ".tarnwick") == 0) {
+            continue; /* an index directory is the program's own data, never reported */
+        }
+        const char *excluded = name[0] == '.'
+                                   ? "hidden name"
+                                   : ignore_rules_match(w->ignore, path + w->prefix_len, is_dir);
+        WalkAction action = WALK_CONTINUE;
+        if (excluded) {
+            action = report(w,
+                            is_dir ? WALK_DIR : WALK_FILE,
+                            path,
+                            depth,
+                            &st,
+                            TRN_FILE_STATUS_EXCLUDED,
+                            TRN_FILE_TYPE_UNKNOWN,
+                            excluded);
+        } else if (is_dir) {
+            if (!visit_once(w, st.st_dev, st.st_ino)) {
+                continue;
+            }
+            DIR *probe = opendir(path);
+            if (!probe) {
+                action = report(w,
+                                WALK_DIR,
+                                path,
+                                depth,
+                                &st,
+                                TRN_FILE_STATUS_UNREADABLE,
+                                TRN_FILE_TYPE_UNKNOWN,
+                                nullptr);
+            } else {
+                closedir(probe);
+                action = report(w,
+                                WALK_DIR_ENTER,
+                                path,
+                                depth,
+                                &st,
+                                TRN_FILE_STATUS_INDEXABLE,
+                                TRN_FILE_TYPE_UNKNOWN,
+                                nullptr);
+                if (action == WALK_CONTINUE) {
+                    walk_dir(w, path, depth + 1);
                 }
-                walk_dir(w, path);
-                if (w->on_dir) {
-                    w->on_dir(false, w->user);
+                if (!w->stopped) {
+                    action = report(w,
+                                    WALK_DIR_LEAVE,
+                                    path,
+                                    depth,
+                                    &st,
+                                    TRN_FILE_STATUS_INDEXABLE,
+                                    TRN_FILE_TYPE_UNKNOWN,
+                                    nullptr);
                 }
             }
-        } else if (S_ISREG(st.st_mode)) {
-            if (!w->on_file(path, &st, w->user)) {
-                break;
-            }
+        } else if ((uint64_t)st.st_size > w->max_size) {
+            action = report(w,
+                            WALK_FILE,
+                            path,
+                            depth,
+                            &st,
+                            TRN_FILE_STATUS_TOO_LARGE,
+                            TRN_FILE_TYPE_UNKNOWN,
+                            nullptr);
+        } else {
+            TrnFileStatus status = TRN_FILE_STATUS_INDEXABLE;
+            TrnFileType type = classify_file(path, w->extra, w->extra_count, &status);
+            action = report(w, WALK_FILE, path, depth, &st, status, type, nullptr);
+        }
+        if (action == WALK_LEAVE_DIR) {
+            break;
         }
     }
-    closedir(d);
+    ignore_rules_pop_dir(w->ignore);
+    for (size_t i = 0; i < count; i++) {
+        free(names[i]);
+    }
+    free(names);
 }
 
 } // namespace
 
-int32_t walk_tree(const char *root, WalkFileFn on_file, WalkDirFn on_dir, void *user)
+int32_t walk_files(const char *root, const TrnWalkOptions *opts, WalkFn fn, void *user)
 {
     struct stat st;
-    if (stat(root, &st) != 0 || !S_ISDIR(st.st_mode)) {
+    if (!root || stat(root, &st) != 0 || !S_ISDIR(st.st_mode)) {
         return -1;
     }
     DIR *probe = opendir(root);
@@ -161,22 +295,46 @@ int32_t walk_tree(const char *root, WalkFileFn on_file, WalkDirFn on_dir, void *
         return -1;
     }
     closedir(probe);
+    size_t given_len = strlen(root);
+    while (given_len > 1 && root[given_len - 1] == '/') {
+        given_len--; /* "dir/" and "dir" give the same paths */
+    }
+    if (given_len + 2 >= TRN_WALK_MAX) {
+        return -1;
+    }
+    char start[TRN_WALK_MAX];
+    memcpy(start, root, given_len);
+    start[given_len] = '\0';
     Walk *w = static_cast<Walk *>(xcalloc(1, sizeof(Walk)));
     if (!realpath(root, w->root)) {
         free(w);
         return -1;
     }
     w->root_len = strlen(w->root);
+    /* The root "/" builds "//name": the relative path starts after both slashes. */
+    w->prefix_len = given_len == 1 && start[0] == '/' ? 2 : given_len + 1;
     w->visited_capacity = FIRST_VISITED_CAPACITY;
     w->visited = static_cast<DirKey *>(xcalloc(w->visited_capacity, sizeof(DirKey)));
-    w->on_file = on_file;
-    w->on_dir = on_dir;
+    bool own_patterns = opts && opts->exclude_pattern_count > 0 && opts->exclude_patterns;
+    w->ignore = own_patterns ? ignore_rules_new(opts->exclude_patterns, opts->exclude_pattern_count)
+                             : ignore_rules_new(WALK_DEFAULT_EXCLUDES, WALK_DEFAULT_EXCLUDE_COUNT);
+    if (opts && opts->extra_extensions && opts->extra_extension_count > 0) {
+        w->extra = opts->extra_extensions;
+        w->extra_count = opts->extra_extension_count;
+    }
+    w->max_size = TRN_FILE_SIZE_MAX;
+    if (opts && opts->max_file_size > 0) {
+        w->max_size = opts->max_file_size;
+    }
+    w->fn = fn;
     w->user = user;
     visit_once(w, st.st_dev, st.st_ino);
-    walk_dir(w, root);
+    walk_dir(w, start, 0);
+    bool stopped = w->stopped;
+    ignore_rules_free(w->ignore);
     free(w->visited);
     free(w);
-    return 0;
+    return stopped ? 1 : 0;
 }
 
 FILE *private_fopen(const char *path, const char *mode)

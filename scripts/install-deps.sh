@@ -8,7 +8,7 @@ packages=(
     libopenblas-dev libre2-dev zlib1g-dev strace
     libgtest-dev libgmock-dev libbenchmark-dev libhnswlib-dev
     clang libclang-rt-14-dev clang-format
-    poppler-utils libpoppler-qt6-dev
+    poppler-utils libpoppler-cpp-dev libzip-dev libxml2-dev
     qt6-base-dev qt6-charts-dev qt6-pdf-dev libgl-dev libqt6opengl6-dev
     xvfb xauth
     librsvg2-bin

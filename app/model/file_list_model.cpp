@@ -38,7 +38,7 @@ FileListModel::FileListModel(DirectoryState *state, QObject *parent)
 
 int FileListModel::statusRank(const FileInfo &file)
 {
-    if (file.isIndexed) {
+    if (file.isIndexed && !file.isChanged) {
         return 0;
     }
     return file.isIndexable ? 1 : 2;
@@ -170,8 +170,8 @@ QVariant FileListModel::data(const QModelIndex &index, int role) const
         return f.isIndexed;
     case IsIndexableRole:
         return f.isIndexable;
-    case UtiTypeRole:
-        return f.utiType;
+    case StatusTextRole:
+        return fileStatusText(f);
     case StatusRankRole:
         return statusRank(f);
     default:
@@ -191,7 +191,7 @@ QHash<int, QByteArray> FileListModel::roleNames() const
     names.insert(ChunkCountRole, "chunkCount");
     names.insert(IsIndexedRole, "isIndexed");
     names.insert(IsIndexableRole, "isIndexable");
-    names.insert(UtiTypeRole, "utiType");
+    names.insert(StatusTextRole, "statusText");
     names.insert(StatusRankRole, "statusRank");
     return names;
 }

@@ -6,7 +6,7 @@
 **   Name    names compared by the locale's collation, ignoring case
 **   Type    type names compared as plain strings
 **   Size    sizes compared as integers
-**   Status  0 indexed, 1 indexable but not indexed, 2 not indexable
+**   Status  0 indexed, 1 waiting (indexable but not indexed, or changed since), 2 not indexable
 ** Descending order reverses the comparison (files that compare equal keep their listed order).
 */
 #ifndef TRN_APP_FILE_LIST_MODEL_H
@@ -47,8 +47,8 @@ public:
         ChunkCountRole,
         IsIndexedRole,
         IsIndexableRole,
-        UtiTypeRole,
-        StatusRankRole // 0, 1 or 2 as above
+        StatusTextRole, // fileStatusText: "Indexed (3 chunks)", "Excluded by ...", ...
+        StatusRankRole  // 0, 1 or 2 as above
     };
 
     // Follows state's fileList; state may be NULL (an empty list).

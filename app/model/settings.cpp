@@ -27,6 +27,8 @@ const SettingDefault *defaultsTable(size_t *count)
         {"chunkSize", Settings::kDefaultChunkSize},
         {"overlap", Settings::kDefaultOverlap},
         {"extraExtensions", QString::fromLatin1(Settings::kDefaultExtraExtensions)},
+        {"excludePatterns", QString::fromLatin1(Settings::kDefaultExcludePatterns)},
+        {"maxFileSizeMB", Settings::kDefaultMaxFileSizeMB},
         {"hoverPreview", true},
         {"previewOnTop", false},
         {"openTextFilesWith", QStringLiteral("system")},
@@ -170,6 +172,52 @@ void Settings::setExtraExtensions(const QString &value)
     if (write(QStringLiteral("extraExtensions"), value)) {
         emit extraExtensionsChanged();
     }
+}
+
+QString Settings::excludePatterns() const
+{
+    return read(QStringLiteral("excludePatterns")).toString();
+}
+
+void Settings::setExcludePatterns(const QString &value)
+{
+    if (write(QStringLiteral("excludePatterns"), value)) {
+        emit excludePatternsChanged();
+    }
+}
+
+int Settings::maxFileSizeMB() const
+{
+    return read(QStringLiteral("maxFileSizeMB")).toInt();
+}
+
+void Settings::setMaxFileSizeMB(int value)
+{
+    if (write(QStringLiteral("maxFileSizeMB"), value)) {
+        emit maxFileSizeMBChanged();
+    }
+}
+
+QStringList Settings::effectiveExcludePatterns() const
+{
+    QStringList patterns;
+    const QStringList pieces = excludePatterns().split(QLatin1Char(','));
+    for (const QString &piece : pieces) {
+        const QString pattern = piece.trimmed();
+        if (!pattern.isEmpty()) {
+            patterns.append(pattern);
+        }
+    }
+    if (patterns.isEmpty()) {
+        return QString::fromLatin1(kDefaultExcludePatterns).split(QStringLiteral(", "));
+    }
+    return patterns;
+}
+
+qint64 Settings::effectiveMaxFileSize() const
+{
+    const int mb = positiveOr(read(QStringLiteral("maxFileSizeMB")), kDefaultMaxFileSizeMB);
+    return qint64(mb) * 1024 * 1024;
 }
 
 bool Settings::hoverPreview() const

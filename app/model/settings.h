@@ -11,6 +11,11 @@
 **                                                    (a pair the engine's limits refuse,
 **                                                    trn_check_chunking, reads as 800 and 200)
 **   extraExtensions          string        kDefaultExtraExtensions
+**   excludePatterns          string        kDefaultExcludePatterns  comma-separated patterns in
+**                                                   .gitignore syntax that no walk reads, matched
+**                                                   from each directory's root; empty reads as the
+**                                                   default
+**   maxFileSizeMB            int           20       larger files are not read; below 1 reads as 20
 **   hoverPreview             bool          true     "Show context panel on hover"
 **   previewOnTop             bool          false    "Keep context panel on top"
 **   openTextFilesWith        string        "system" "Open text files with": a preset key of
@@ -52,6 +57,10 @@ class Settings : public QObject
     Q_PROPERTY(int overlap READ overlap WRITE setOverlap NOTIFY overlapChanged)
     Q_PROPERTY(QString extraExtensions READ extraExtensions WRITE setExtraExtensions NOTIFY
                    extraExtensionsChanged)
+    Q_PROPERTY(QString excludePatterns READ excludePatterns WRITE setExcludePatterns NOTIFY
+                   excludePatternsChanged)
+    Q_PROPERTY(
+        int maxFileSizeMB READ maxFileSizeMB WRITE setMaxFileSizeMB NOTIFY maxFileSizeMBChanged)
     Q_PROPERTY(bool hoverPreview READ hoverPreview WRITE setHoverPreview NOTIFY hoverPreviewChanged)
     Q_PROPERTY(bool previewOnTop READ previewOnTop WRITE setPreviewOnTop NOTIFY previewOnTopChanged)
     Q_PROPERTY(QString openTextFilesWith READ openTextFilesWith WRITE setOpenTextFilesWith NOTIFY
@@ -64,6 +73,9 @@ public:
     static constexpr int kDefaultOverlap = 200;
     static constexpr const char *kDefaultExtraExtensions =
         "plist, json, xml, yaml, yml, toml, ini, cfg, conf, env, properties, gradle, cmake";
+    static constexpr const char *kDefaultExcludePatterns =
+        ".git, node_modules, __pycache__, build, dist, target, .venv";
+    static constexpr int kDefaultMaxFileSizeMB = 20;
 
     // Key words of the per-directory keys.
     static constexpr const char *kSearchHistoryPrefix = "searchHistory_";
@@ -97,6 +109,14 @@ public:
     static QString chunkingProblem(int chunkSize, int overlap);
     QString extraExtensions() const;
     void setExtraExtensions(const QString &value);
+    QString excludePatterns() const;
+    void setExcludePatterns(const QString &value);
+    int maxFileSizeMB() const;
+    void setMaxFileSizeMB(int value);
+    // The list of excludePatterns (split at ",", trimmed, empties dropped; the defaults when that
+    // leaves none) and the size limit in bytes.
+    QStringList effectiveExcludePatterns() const;
+    qint64 effectiveMaxFileSize() const;
     bool hoverPreview() const;
     void setHoverPreview(bool value);
     bool previewOnTop() const;
@@ -145,6 +165,8 @@ signals:
     void chunkSizeChanged();
     void overlapChanged();
     void extraExtensionsChanged();
+    void excludePatternsChanged();
+    void maxFileSizeMBChanged();
     void hoverPreviewChanged();
     void previewOnTopChanged();
     void openTextFilesWithChanged();

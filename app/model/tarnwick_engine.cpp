@@ -1,16 +1,12 @@
 /*
 ** tarnwick_engine.cpp -- the engine wrapper: opening, walking and ingesting, searching, file
-** listing, and the type-level helpers (classification, PDF text, opening results).
-**
-** The extension table stands in for a system type registry. For each known extension it gives an
-** identifier and which of the four questions the type answers yes to: is it PDF, HTML, source
-** code, plain text. Source code conforms to plain text. Types that are text but not plain text
-** (JSON, XML, property lists, ...) answer no to all four, so they are indexed only through the
-** user's extra extensions.
+** listing, and the type-level helpers (a PDF hit's page, opening results). Which files are read
+** and what text they hold is decided by the engine (files.h); this file only passes the
+** settings along.
 */
 #include "tarnwick_engine.h"
 
-#include "file_walk.h"
+#include "files.h"
 #include "settings.h"
 
 #include <QByteArray>
@@ -19,8 +15,7 @@
 #include <QFileInfo>
 #include <QStringDecoder>
 
-#include <poppler-qt6.h>
-
+#include <algorithm>
 #include <cstdlib>
 #include <limits>
 #include <memory>
@@ -31,192 +26,11 @@
 namespace
 {
 
-enum TypeFlag : unsigned {
-    kPdf = 1u << 0,
-    kHtml = 1u << 1,
-    kSource = 1u << 2,
-    kPlainText = 1u << 3,
-};
-
-struct TypeEntry {
-    const char *extension;
-    const char *identifier;
-    unsigned flags;
-};
-
-constexpr unsigned kSourceText = kSource | kPlainText;
-
-// Extension (lower case) -> type. Extensions missing here have no type.
-constexpr TypeEntry kTypeTable[] = {
-    {"pdf", "com.adobe.pdf", kPdf},
-    {"html", "public.html", kHtml},
-    {"htm", "public.html", kHtml},
-    {"shtml", "public.html", kHtml},
-    {"xhtml", "public.xhtml", kHtml},
-    {"txt", "public.plain-text", kPlainText},
-    {"text", "public.plain-text", kPlainText},
-    {"md", "public.plain-text", kPlainText},
-    {"markdown", "public.plain-text", kPlainText},
-    {"csv", "public.comma-separated-values-text", kPlainText},
-    {"tsv", "public.tab-separated-values-text", kPlainText},
-    {"log", "com.apple.log", kPlainText},
-    {"c", "public.c-source", kSourceText},
-    {"h", "public.c-header", kSourceText},
-    {"cc", "public.c-plus-plus-source", kSourceText},
-    {"cp", "public.c-plus-plus-source", kSourceText},
-    {"cpp", "public.c-plus-plus-source", kSourceText},
-    {"cxx", "public.c-plus-plus-source", kSourceText},
-    {"c++", "public.c-plus-plus-source", kSourceText},
-    {"hh", "public.c-plus-plus-header", kSourceText},
-    {"hpp", "public.c-plus-plus-header", kSourceText},
-    {"hxx", "public.c-plus-plus-header", kSourceText},
-    {"m", "public.objective-c-source", kSourceText},
-    {"mm", "public.objective-c-plus-plus-source", kSourceText},
-    {"swift", "public.swift-source", kSourceText},
-    {"s", "public.assembly-source", kSourceText},
-    {"asm", "public.assembly-source", kSourceText},
-    {"py", "public.python-script", kSourceText},
-    {"rb", "public.ruby-script", kSourceText},
-    {"pl", "public.perl-script", kSourceText},
-    {"pm", "public.perl-script", kSourceText},
-    {"php", "public.php-script", kSourceText},
-    {"sh", "public.shell-script", kSourceText},
-    {"bash", "public.bash-script", kSourceText},
-    {"zsh", "public.zsh-script", kSourceText},
-    {"csh", "public.csh-script", kSourceText},
-    {"ksh", "public.ksh-script", kSourceText},
-    {"js", "com.netscape.javascript-source", kSourceText},
-    {"mjs", "com.netscape.javascript-source", kSourceText},
-    {"java", "com.sun.java-source", kSourceText},
-    {"y", "public.yacc-source", kSourceText},
-    {"l", "public.lex-source", kSourceText},
-    {"go", "public.go-source", kSourceText},
-    {"rs", "public.rust-source", kSourceText},
-    {"ts", "public.typescript-source", kSourceText},
-    {"kt", "public.kotlin-source", kSourceText},
-    {"cs", "public.csharp-source", kSourceText},
-    {"lua", "public.lua-script", kSourceText},
-    {"sql", "public.sql-source", kSourceText},
-    {"r", "public.r-source", kSourceText},
-    {"scala", "public.scala-source", kSourceText},
-    {"json", "public.json", 0},
-    {"xml", "public.xml", 0},
-    {"plist", "com.apple.property-list", 0},
-    {"yaml", "public.yaml", 0},
-    {"yml", "public.yaml", 0},
-    {"rtf", "public.rtf", 0},
-    {"css", "public.css", 0},
-    {"png", "public.png", 0},
-    {"jpg", "public.jpeg", 0},
-    {"jpeg", "public.jpeg", 0},
-    {"gif", "com.compuserve.gif", 0},
-    {"tif", "public.tiff", 0},
-    {"tiff", "public.tiff", 0},
-    {"svg", "public.svg-image", 0},
-    {"zip", "public.zip-archive", 0},
-    {"gz", "org.gnu.gnu-zip-archive", 0},
-    {"tar", "public.tar-archive", 0},
-    {"docx", "org.openxmlformats.wordprocessingml.document", 0},
-    {"xlsx", "org.openxmlformats.spreadsheetml.sheet", 0},
-    {"mp3", "public.mp3", 0},
-    {"mp4", "public.mpeg-4", 0},
-    {"o", "public.object-code", 0},
-    {"so", "public.unix-executable", 0},
-};
-
-const TypeEntry *lookupType(const QString &extension)
-{
-    if (extension.isEmpty()) {
-        return nullptr;
-    }
-    const QByteArray ext = extension.toUtf8();
-    for (const TypeEntry &entry : kTypeTable) {
-        if (ext == entry.extension) {
-            return &entry;
-        }
-    }
-    return nullptr;
-}
-
-// The extension as the path sees it: after the last "." of the last component, lower-cased;
-// empty for "Makefile" and for hidden names without another dot (".profile").
-QString lowerExtension(const QString &path)
-{
-    const QString name = QFileInfo(path).fileName();
-    const qsizetype dot = name.lastIndexOf(QLatin1Char('.'));
-    if (dot <= 0) {
-        return QString();
-    }
-    return name.mid(dot + 1).toLower();
-}
-
-constexpr const char *kWellKnownTextNames[] = {
-    "Makefile",
-    "Dockerfile",
-    "Rakefile",
-    "Gemfile",
-    "Podfile",
-    "Brewfile",
-    "LICENSE",
-    "README",
-    "CHANGELOG",
-    "AUTHORS",
-    "CONTRIBUTING",
-};
-
 // The index directory, readable by its owner alone (0700); the directories above it as before.
 void createIndexDir(const QString &dataDir)
 {
     QDir().mkpath(QFileInfo(dataDir).path());
     ::mkdir(QFile::encodeName(dataDir).constData(), 0700);
-}
-
-// The file's contents as UTF-8 text; nullopt when unreadable or not valid UTF-8.
-std::optional<QString> readUtf8File(const QString &path)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly) || file.size() > TRN_FILE_SIZE_MAX) {
-        return std::nullopt;
-    }
-    // One byte more than the limit tells a file that grew since from one that fits.
-    const QByteArray bytes = file.read(qint64(TRN_FILE_SIZE_MAX) + 1);
-    if (bytes.size() > TRN_FILE_SIZE_MAX) {
-        return std::nullopt;
-    }
-    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
-    QString text = decoder.decode(bytes);
-    if (decoder.hasError()) {
-        return std::nullopt;
-    }
-    return text;
-}
-
-std::unique_ptr<Poppler::Document> loadPdf(const QString &path)
-{
-    std::unique_ptr<Poppler::Document> document = Poppler::Document::load(path);
-    if (!document || document->isLocked()) {
-        return nullptr;
-    }
-    return document;
-}
-
-// The text of page i, or nullopt when the page has none.
-std::optional<QString> pageText(const Poppler::Document &document, int i)
-{
-    std::unique_ptr<Poppler::Page> page = document.page(i);
-    if (!page) {
-        return std::nullopt;
-    }
-    QString text = page->text(QRectF());
-    // poppler ends every line, the last one too, with a newline; a page of three lines is three
-    // pieces, as the line arithmetic of pdfPageForLine expects.
-    while (text.endsWith(QLatin1Char('\n'))) {
-        text.chop(1);
-    }
-    if (text.isEmpty()) {
-        return std::nullopt;
-    }
-    return text;
 }
 
 int32_t checkedInt32(qint64 value)
@@ -356,27 +170,30 @@ void TarnwickEngine::clearAndReopen(const QString &weightsPath)
     openLocked(weightsPath, TRN_OPEN_REBUILD);
 }
 
-int TarnwickEngine::ingestDirectory(int chunkSize, int overlap, const ProgressFn &progress)
+int TarnwickEngine::ingestDirectory(int chunkSize, int overlap, const ProgressFn &progress,
+                                    const FileWalkOptions *givenWalk)
 {
     if (!isOpen()) {
         return -1;
     }
-    QList<WalkEntry> entries;
-    if (!walkDirectory(m_directoryPath, false, &entries)) {
-        return -1;
-    }
-    const QSet<QString> extra = extraExtensions();
+    const std::unique_ptr<FileWalkOptions> settingsWalk =
+        givenWalk ? nullptr : FileWalkOptions::fromSettings();
+    const FileWalkOptions *walk = givenWalk ? givenWalk : settingsWalk.get();
     struct Candidate {
-        QString path;
-        bool isPdf;
+        QByteArray path;
+        TrnFileType type;
     };
     QList<Candidate> candidates;
-    for (const WalkEntry &entry : entries) {
-        const FileClassification c = classify(entry.path, extra);
-        // Skipped on its size alone: a file this large is never read into memory.
-        if (c.isIndexable && entry.size <= TRN_FILE_SIZE_MAX) {
-            candidates.append(Candidate{entry.path, c.fileType == QLatin1String("PDF")});
-        }
+    const QByteArray root = QFile::encodeName(m_directoryPath);
+    const int32_t rc =
+        walk_files(root.constData(), walk->options(), [&candidates](const WalkedFile &f) {
+            if (f.kind == WALK_FILE && f.status == TRN_FILE_STATUS_INDEXABLE) {
+                candidates.append(Candidate{QByteArray(f.path), f.type});
+            }
+            return WALK_CONTINUE;
+        });
+    if (rc < 0) {
+        return -1;
     }
     const int found = static_cast<int>(candidates.size());
     if (progress) {
@@ -387,25 +204,32 @@ int TarnwickEngine::ingestDirectory(int chunkSize, int overlap, const ProgressFn
     int total = 0;
     int done = 0;
     for (const Candidate &candidate : candidates) {
-        std::optional<QString> text =
-            candidate.isPdf ? extractPDFText(candidate.path) : readUtf8File(candidate.path);
-        if (text && text->size() >= 11) {
-            const QByteArray path = QFile::encodeName(candidate.path);
-            const QByteArray utf8 = text->toUtf8();
+        // The text is read without the lock, so searches of other tabs go on meanwhile.
+        ExtractedText text;
+        const TrnFileStatus status = extract_file_text(
+            candidate.path.constData(), candidate.type, walk->maxFileSize(), &text);
+        if (status == TRN_FILE_STATUS_INDEXABLE) {
             std::lock_guard<std::mutex> lock(engineMutex());
             if (m_handle) {
-                const int32_t n = trn_ingest_text(
-                    m_handle, path.constData(), utf8.constData(), chunk32, overlap32);
+                const int32_t n = ingest_extracted_text(m_handle,
+                                                        candidate.path.constData(),
+                                                        text.text,
+                                                        text.length,
+                                                        candidate.type,
+                                                        chunk32,
+                                                        overlap32);
                 if (n > 0) {
                     total += n;
                 }
                 // A write that failed (busy, full disk) would fail for every later file too.
                 if (n < 0 && trn_last_status(m_handle) != TRN_STATUS_OK) {
                     noteFailureLocked(trn_last_status(m_handle), trn_last_error(m_handle));
+                    extracted_text_free(&text);
                     return -1;
                 }
             }
         }
+        extracted_text_free(&text);
         done++;
         if (progress) {
             progress(done, found, total);
@@ -466,43 +290,113 @@ QList<FileInfo> TarnwickEngine::fileList()
 {
     QHash<QString, int> chunkCounts;
     {
-        const QByteArray dir = QFile::encodeName(m_directoryPath);
         std::lock_guard<std::mutex> lock(engineMutex());
         if (m_handle) {
-            (void)trn_stats(m_handle);
-            TrnFileList *list = trn_list_dir_files(m_handle, dir.constData());
-            if (list) {
-                for (int32_t i = 0; i < list->count; i++) {
-                    const TrnFileInfo &info = list->entries[i];
-                    if (info.path) {
-                        chunkCounts.insert(QFile::decodeName(info.path),
-                                           static_cast<int>(info.chunk_count));
-                    }
-                }
-                trn_free_file_list(list);
-            }
+            for_each_live_chunk_path(m_handle, [&chunkCounts](const char *path) {
+                chunkCounts[QFile::decodeName(path)]++;
+            });
         }
     }
-    QList<WalkEntry> entries;
-    walkDirectory(m_directoryPath, false, &entries);
-    const QSet<QString> extra = extraExtensions();
-    QList<FileInfo> files;
-    files.reserve(entries.size());
-    for (const WalkEntry &entry : entries) {
-        const FileClassification c = classify(entry.path, extra);
-        FileInfo info;
-        info.id = entry.path;
-        info.path = entry.path;
-        info.name = QFileInfo(entry.path).fileName();
-        info.fileType = c.fileType;
-        info.fileSize = entry.size;
-        info.chunkCount = chunkCounts.value(entry.path, 0);
-        info.isIndexed = info.chunkCount > 0;
-        info.isIndexable = c.isIndexable;
-        info.utiType = c.utiType;
-        files.append(info);
+    // A file modified after the index was last written has changed since it was indexed. (Files
+    // changed between their own indexing and the last write are not told apart.)
+    qint64 indexWrittenNs = 0;
+    for (const char *name : {"/tarnwick.bin", "/tarnwick.wal"}) {
+        struct stat st;
+        if (::stat(QFile::encodeName(m_dataDir + QLatin1String(name)).constData(), &st) == 0) {
+            indexWrittenNs = std::max(indexWrittenNs,
+                                      qint64(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec);
+        }
     }
+    const std::unique_ptr<FileWalkOptions> walk = FileWalkOptions::fromSettings();
+    const QByteArray root = QFile::encodeName(m_directoryPath);
+    QList<FileInfo> files;
+    walk_files(root.constData(), walk->options(), [&](const WalkedFile &f) {
+        if (f.kind != WALK_FILE && f.kind != WALK_DIR) {
+            return WALK_CONTINUE;
+        }
+        FileInfo info;
+        info.path = QFile::decodeName(f.path);
+        info.id = info.path;
+        info.name = QFileInfo(info.path).fileName();
+        info.isDirectory = f.kind == WALK_DIR;
+        info.fileSize = info.isDirectory ? 0 : qint64(f.size);
+        info.status = int(f.status);
+        info.reason = QString::fromUtf8(f.reason);
+        TrnFileType type = f.type;
+        if (info.isDirectory) {
+            info.fileType = QStringLiteral("Folder");
+        } else {
+            if (type == TRN_FILE_TYPE_UNKNOWN) {
+                type = file_type_by_name(f.path);
+            }
+            if (type != TRN_FILE_TYPE_UNKNOWN) {
+                info.fileType = QString::fromLatin1(trn_file_type_name(type));
+            }
+        }
+        info.chunkCount = chunkCounts.value(info.path, 0);
+        info.isIndexed = info.chunkCount > 0;
+        if (f.kind == WALK_FILE && f.status == TRN_FILE_STATUS_INDEXABLE && !info.isIndexed) {
+            // Why a readable file holds no chunk: its text decides (not UTF-8, too short, ...).
+            ExtractedText text;
+            info.status = int(extract_file_text(f.path, f.type, walk->maxFileSize(), &text));
+            extracted_text_free(&text);
+        }
+        info.isIndexable = info.status == TRN_FILE_STATUS_INDEXABLE;
+        info.isChanged = info.isIndexed && indexWrittenNs > 0 && f.mtime_ns > indexWrittenNs;
+        files.append(info);
+        return WALK_CONTINUE;
+    });
     return files;
+}
+
+QString fileStatusText(const FileInfo &file)
+{
+    switch (file.status) {
+    case TRN_FILE_STATUS_INDEXABLE:
+        if (file.isChanged) {
+            return QStringLiteral("Changed since indexing");
+        }
+        if (file.isIndexed) {
+            return file.chunkCount == 1
+                       ? QStringLiteral("Indexed (1 chunk)")
+                       : QStringLiteral("Indexed (%1 chunks)").arg(file.chunkCount);
+        }
+        return QStringLiteral("Not indexed yet");
+    case TRN_FILE_STATUS_EXCLUDED:
+        return QStringLiteral("Excluded by ") + file.reason;
+    default:
+        return QString::fromLatin1(trn_file_status_name(static_cast<TrnFileStatus>(file.status)));
+    }
+}
+
+FileWalkOptions::FileWalkOptions(const QSet<QString> &extraExtensions,
+                                 const QStringList &excludePatterns, qint64 maxFileSize)
+{
+    // Every string is stored first, so the pointers taken below never move.
+    m_strings.reserve(size_t(extraExtensions.size() + excludePatterns.size()));
+    for (const QString &ext : extraExtensions) {
+        m_strings.push_back(ext.toUtf8());
+    }
+    for (const QString &pattern : excludePatterns) {
+        m_strings.push_back(pattern.toUtf8());
+    }
+    const size_t extensionCount = size_t(extraExtensions.size());
+    for (size_t i = 0; i < m_strings.size(); i++) {
+        (i < extensionCount ? m_extensions : m_patterns).push_back(m_strings[i].constData());
+    }
+    m_options.extra_extensions = m_extensions.empty() ? nullptr : m_extensions.data();
+    m_options.extra_extension_count = int32_t(m_extensions.size());
+    m_options.exclude_patterns = m_patterns.empty() ? nullptr : m_patterns.data();
+    m_options.exclude_pattern_count = int32_t(m_patterns.size());
+    m_options.max_file_size = maxFileSize > 0 ? uint64_t(maxFileSize) : uint64_t(TRN_FILE_SIZE_MAX);
+}
+
+std::unique_ptr<FileWalkOptions> FileWalkOptions::fromSettings()
+{
+    Settings *settings = Settings::standard();
+    return std::make_unique<FileWalkOptions>(TarnwickEngine::extraExtensions(),
+                                             settings->effectiveExcludePatterns(),
+                                             settings->effectiveMaxFileSize());
 }
 
 TrnStats TarnwickEngine::stats() const
@@ -543,115 +437,17 @@ QSet<QString> TarnwickEngine::parseExtensions(const QString &commaSeparated)
     return set;
 }
 
-bool TarnwickEngine::appearsToBeText(const QString &path)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        return false;
-    }
-    const QByteArray head = file.read(512);
-    if (head.isEmpty()) {
-        return false;
-    }
-    qsizetype control = 0;
-    for (const char ch : head) {
-        const unsigned char b = static_cast<unsigned char>(ch);
-        if (b == 0) {
-            return false;
-        }
-        // Tab, line feed, vertical tab, form feed, carriage return (9..13) and escape (27) are
-        // text.
-        if ((b >= 1 && b <= 8) || (b >= 14 && b <= 26) || (b >= 28 && b <= 31)) {
-            control++;
-        }
-    }
-    return double(control) / double(head.size()) < 0.1;
-}
-
-FileClassification TarnwickEngine::classify(const QString &path)
-{
-    return classify(path, extraExtensions());
-}
-
-FileClassification TarnwickEngine::classify(const QString &path, const QSet<QString> &extra)
-{
-    const QString ext = lowerExtension(path);
-    const TypeEntry *type = lookupType(ext);
-    if (type) {
-        const QString identifier = QString::fromLatin1(type->identifier);
-        if (type->flags & kPdf) {
-            return {true, QStringLiteral("PDF"), identifier};
-        }
-        if (type->flags & kHtml) {
-            return {true, QStringLiteral("HTML"), identifier};
-        }
-        if (type->flags & kSource) {
-            return {true, QStringLiteral("Source"), identifier};
-        }
-        if (type->flags & kPlainText) {
-            const bool markdown = ext == QLatin1String("md") || ext == QLatin1String("markdown");
-            return {
-                true, markdown ? QStringLiteral("Markdown") : QStringLiteral("Text"), identifier};
-        }
-    }
-    if (ext.isEmpty()) {
-        const QString name = QFileInfo(path).fileName();
-        for (const char *known : kWellKnownTextNames) {
-            if (name == QLatin1String(known)) {
-                return {true, QStringLiteral("Text"), QStringLiteral("public.plain-text")};
-            }
-        }
-    }
-    if (!ext.isEmpty() && extra.contains(ext) && appearsToBeText(path)) {
-        return {true, QStringLiteral("Text"), QStringLiteral("extra.") + ext};
-    }
-    return {false,
-            QStringLiteral("Binary"),
-            type ? QString::fromLatin1(type->identifier) : QStringLiteral("unknown")};
-}
-
-std::optional<QString> TarnwickEngine::extractPDFText(const QString &path)
-{
-    std::unique_ptr<Poppler::Document> document = loadPdf(path);
-    if (!document) {
-        return std::nullopt;
-    }
-    QString text;
-    for (int i = 0; i < document->numPages(); i++) {
-        std::optional<QString> page = pageText(*document, i);
-        if (page) {
-            text += *page;
-            text += QLatin1String("\n\n");
-        }
-    }
-    if (text.isEmpty()) {
-        return std::nullopt;
-    }
-    return text;
-}
-
 std::optional<int> TarnwickEngine::pdfPageForLine(const QString &path, int lineNumber)
 {
-    std::unique_ptr<Poppler::Document> document = loadPdf(path);
-    if (!document) {
-        return std::nullopt;
+    const QByteArray file = QFile::encodeName(path);
+    ExtractedText text;
+    const TrnFileStatus status = extract_file_text(file.constData(), TRN_FILE_TYPE_PDF, 0, &text);
+    std::optional<int> page;
+    if (status == TRN_FILE_STATUS_INDEXABLE || status == TRN_FILE_STATUS_TOO_SHORT) {
+        page = page_for_line(&text, lineNumber);
     }
-    if (lineNumber < 1) {
-        return 1;
-    }
-    qint64 running = 0;
-    for (int i = 0; i < document->numPages(); i++) {
-        std::optional<QString> page = pageText(*document, i);
-        if (!page) {
-            continue;
-        }
-        // The page's lines plus the blank line extractPDFText puts after it.
-        running += page->split(QLatin1Char('\n')).size() + 1;
-        if (running >= lineNumber) {
-            return i + 1;
-        }
-    }
-    return document->numPages();
+    extracted_text_free(&text);
+    return page;
 }
 
 OpenOutcome TarnwickEngine::openResult(const SearchResult &result)
@@ -659,11 +455,12 @@ OpenOutcome TarnwickEngine::openResult(const SearchResult &result)
     OpenRequest request;
     request.filePath = result.filePath;
     request.lineNumber = result.lineNumber;
-    const QString ext = lowerExtension(result.filePath);
-    const TypeEntry *type = lookupType(ext);
-    request.isPdf = type && (type->flags & kPdf);
-    request.isEditable = (type && (type->flags & (kPlainText | kSource)))
-                         || ext == QLatin1String("md") || ext == QLatin1String("markdown");
+    const TrnFileType type = file_type_by_name(QFile::encodeName(result.filePath).constData());
+    request.isPdf = type == TRN_FILE_TYPE_PDF;
+    // A name that says nothing (README.Debian, NEWS) was indexed as text: the editor opens it.
+    request.isEditable =
+        type == TRN_FILE_TYPE_TEXT || type == TRN_FILE_TYPE_SOURCE || type == TRN_FILE_TYPE_MARKDOWN
+        || (type == TRN_FILE_TYPE_UNKNOWN && result.fileType == TRN_FILE_TYPE_TEXT);
     if (request.isPdf) {
         request.pdfPage = pdfPageForLine(result.filePath, result.lineNumber).value_or(1);
     }
@@ -675,18 +472,16 @@ OpenOutcome TarnwickEngine::openResult(const SearchResult &result)
 
 FileCategory TarnwickEngine::fileCategory(const SearchResult &result)
 {
-    const QString ext = lowerExtension(result.filePath);
-    const TypeEntry *type = lookupType(ext);
-    if (type && (type->flags & kPdf)) {
+    switch (file_type_by_name(QFile::encodeName(result.filePath).constData())) {
+    case TRN_FILE_TYPE_PDF:
         return FileCategory::Pdf;
-    }
-    if (type && (type->flags & kHtml)) {
+    case TRN_FILE_TYPE_HTML:
         return FileCategory::Html;
-    }
-    if (ext == QLatin1String("md") || ext == QLatin1String("markdown")) {
+    case TRN_FILE_TYPE_MARKDOWN:
         return FileCategory::Markdown;
+    default:
+        return FileCategory::Plain;
     }
-    return FileCategory::Plain;
 }
 
 QString TarnwickEngine::formatFileSize(qint64 bytes)

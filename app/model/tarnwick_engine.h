@@ -2,12 +2,13 @@
 ** tarnwick_engine.h -- the application's side of one directory's index.
 **
 ** TarnwickEngine owns one engine handle (tarnwick.h) opened on "<directory>/.tarnwick". It walks
-** the directory itself (so the application decides what is text), hands each file's text to the
-** engine, runs searches and copies their records into value types, and lists the directory's
-** files with their index state.
+** the directory with the engine's one walk and text extraction (files.h) under the settings'
+** extra extensions, exclusion patterns and size limit (FileWalkOptions), hands each file's text
+** to the engine, runs searches and copies their records into value types, and lists the
+** directory's files with the reason each is or is not in the index.
 **
-** The type-level operations (static members) classify files with the application's own
-** extension table, extract PDF text with poppler, and open results in external applications.
+** The type-level operations (static members) find a PDF hit's page and open results in external
+** applications.
 **
 ** Locking: every trn_ call in the process goes through engineMutex(), because the engine is not
 ** reentrant and its encoder scratch space is shared by all handles. The lock is taken per call
@@ -25,11 +26,14 @@
 #include <QMetaType>
 #include <QSet>
 #include <QString>
+#include <QStringList>
 #include <QUrl>
 
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
+#include <vector>
 
 // The query modes. The value is the mode of trn_search: Semantic searches every file
 // (TRN_SEARCH_SEMANTIC_ALL), so it answers with as many results as asked for, Keyword ranks by
@@ -63,28 +67,49 @@ struct SearchResult {
     bool operator==(const SearchResult &other) const = default;
 };
 
-// The answer of TarnwickEngine::classify.
-struct FileClassification {
-    bool isIndexable = false;
-    QString fileType; // "PDF", "HTML", "Source", "Markdown", "Text" or "Binary"
-    QString utiType;  // the table's identifier, "extra." + extension, or "unknown"
-
-    bool operator==(const FileClassification &other) const = default;
-};
-
-// One file of the directory with its index state.
+// One file of the directory (or one excluded or unreadable directory) with its index state.
 struct FileInfo {
-    QString id;   // the full path
-    QString path; // the full path
-    QString name; // last path component
-    QString fileType;
+    QString id;       // the full path
+    QString path;     // the full path
+    QString name;     // last path component
+    QString fileType; // trn_file_type_name, "Folder" for a directory, "" when not classified
     qint64 fileSize = 0;
     int chunkCount = 0;
-    bool isIndexed = false; // chunkCount > 0
-    bool isIndexable = false;
-    QString utiType;
+    bool isIndexed = false;   // chunkCount > 0
+    bool isIndexable = false; // status is TRN_FILE_STATUS_INDEXABLE
+    bool isChanged = false;   // indexed, and modified after the index was last written
+    bool isDirectory = false;
+    int status = TRN_FILE_STATUS_INDEXABLE; // a TrnFileStatus
+    QString reason; // the excluding rule, e.g. ".gitignore:3: build/"; else empty
 
     bool operator==(const FileInfo &other) const = default;
+};
+
+// What the file scope view says of a file: "Indexed (N chunks)", "Changed since indexing",
+// "Not indexed yet", "Excluded by <rule>", "Too large", "Binary", "Not UTF-8", "Too short",
+// "Unreadable".
+QString fileStatusText(const FileInfo &file);
+
+// The walk options of the settings (extraExtensions, excludePatterns, maxFileSizeMB), holding
+// the strings that options() points into; not copyable, so the pointers stay valid.
+class FileWalkOptions
+{
+public:
+    FileWalkOptions(const QSet<QString> &extraExtensions, const QStringList &excludePatterns,
+                    qint64 maxFileSize);
+    // From Settings::standard().
+    static std::unique_ptr<FileWalkOptions> fromSettings();
+    FileWalkOptions(const FileWalkOptions &) = delete;
+    FileWalkOptions &operator=(const FileWalkOptions &) = delete;
+
+    const TrnWalkOptions *options() const { return &m_options; }
+    uint64_t maxFileSize() const { return m_options.max_file_size; }
+
+private:
+    std::vector<QByteArray> m_strings;
+    std::vector<const char *> m_extensions;
+    std::vector<const char *> m_patterns;
+    TrnWalkOptions m_options = {};
 };
 
 // Which preview a result gets.
@@ -127,13 +152,15 @@ public:
     QString lastError() const;
     int lastStatus() const;
 
-    // Walks the directory (walkDirectory of file_walk.h: hidden names skipped, links followed
-    // only inside the directory) and ingests every indexable file of at most TRN_FILE_SIZE_MAX
-    // bytes whose text has at least 11 characters, then rebuilds the document index. Returns the
-    // chunks added, or -1 when the engine is not open, the directory cannot be read or a write
-    // failed (see lastError; the walk stops there). progress
-    // (may be empty) is called with (0, found, 0) once the walk is done and after each file.
-    int ingestDirectory(int chunkSize, int overlap, const ProgressFn &progress = {});
+    // Walks the directory with walk, or the settings' FileWalkOptions when NULL (walk_files of
+    // files.h: hidden names and excluded paths skipped, links followed only inside the directory)
+    // and ingests the text of every indexable file (extract_file_text: valid UTF-8, at least
+    // TRN_TEXT_MIN_CHARS characters), then rebuilds the document index. Returns the chunks
+    // added, or -1 when the engine is not open, the directory cannot be read or a write failed
+    // (see lastError; the walk stops there). progress (may be empty) is called with
+    // (0, found, 0) once the walk is done and after each file.
+    int ingestDirectory(int chunkSize, int overlap, const ProgressFn &progress = {},
+                        const FileWalkOptions *walk = nullptr);
 
     // Nullopt when query compiles as a regex-mode query, else the reason in one line.
     static std::optional<QString> regexError(const QString &query);
@@ -141,7 +168,8 @@ public:
     // At most k results (k >= 0; the engine gives at most 64). Empty when not open or k is 0.
     QList<SearchResult> search(const QString &query, SearchMode mode, int k);
 
-    // Every regular file of the directory in walk order, with the engine's chunk counts.
+    // Every file of the directory in walk order with its state (see FileInfo): excluded
+    // directories once, the text of indexable files that are not indexed read for the reason.
     QList<FileInfo> fileList();
 
     // trn_stats, or zero counts when not open.
@@ -153,22 +181,8 @@ public:
     static QSet<QString> extraExtensions();
     static QSet<QString> parseExtensions(const QString &commaSeparated);
 
-    // True when the first 512 bytes hold no byte 0 and fewer than 10% control bytes (1..8,
-    // 14..26, 28..31). False for an unreadable or empty file.
-    static bool appearsToBeText(const QString &path);
-
-    // Classifies by the extension table, then the well-known names ("Makefile", "README", ...),
-    // then the extra extensions. The second form takes the extra extensions instead of reading
-    // the setting (a walk reads it once).
-    static FileClassification classify(const QString &path);
-    static FileClassification classify(const QString &path, const QSet<QString> &extra);
-
-    // Text of every page that has text, each followed by two newlines; nullopt when the file
-    // cannot be opened as a PDF or holds no text.
-    static std::optional<QString> extractPDFText(const QString &path);
-    // The 1-based page holding lineNumber of extractPDFText's text (each page counts its lines
-    // plus the blank line after it); 1 for lineNumber < 1; the page count when no page reaches
-    // it; nullopt when the file cannot be opened.
+    // The 1-based page of the PDF at path that holds line lineNumber of its extracted text
+    // (page_for_line of files.h); 1 for lineNumber < 1; nullopt when the file cannot be read.
     static std::optional<int> pdfPageForLine(const QString &path, int lineNumber);
 
     // Opens a result as result_opener.h describes, with the editor chosen in the settings:

@@ -13,7 +13,7 @@
 #include "tarnwick_engine.h"
 
 #include "background.h"
-#include "file_walk.h"
+#include "files.h"
 #include "json_coding.h"
 
 #include <QCoreApplication>
@@ -306,41 +306,25 @@ qint64 TrainingManager::prepareCorpus(const QStringList &dirs, const QString &ou
     if (!out.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
         return -1;
     }
-    const QSet<QString> extra = TarnwickEngine::extraExtensions();
+    // The same walk and text as indexing, so training sees what search sees.
+    const std::unique_ptr<FileWalkOptions> walk = FileWalkOptions::fromSettings();
     qint64 total = 0;
     for (const QString &dir : dirs) {
-        QList<WalkEntry> entries;
-        walkDirectory(dir, true, &entries);
-        for (const WalkEntry &entry : entries) {
-            const QString &path = entry.path;
-            const FileClassification c = TarnwickEngine::classify(path, extra);
-            // Too large a file is skipped on its size, as indexing does, before it is read.
-            if (!c.isIndexable || entry.size > TRN_FILE_SIZE_MAX) {
-                continue;
+        const QByteArray root = QFile::encodeName(dir);
+        walk_files(root.constData(), walk->options(), [&out, &total, &walk](const WalkedFile &f) {
+            if (f.kind != WALK_FILE || f.status != TRN_FILE_STATUS_INDEXABLE) {
+                return WALK_CONTINUE;
             }
-            QString text;
-            if (c.fileType == QLatin1String("PDF")) {
-                const std::optional<QString> pdf = TarnwickEngine::extractPDFText(path);
-                if (!pdf) {
-                    continue;
-                }
-                text = *pdf;
-            } else {
-                QFile file(path);
-                if (!file.open(QIODevice::ReadOnly)) {
-                    continue;
-                }
-                QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
-                text = decoder.decode(file.readAll());
-                if (decoder.hasError()) {
-                    continue; // not UTF-8
-                }
+            ExtractedText text;
+            if (extract_file_text(f.path, f.type, walk->maxFileSize(), &text)
+                == TRN_FILE_STATUS_INDEXABLE) {
+                out.write(text.text, qint64(text.length));
+                out.write("\n\n", 2);
+                total += qint64(text.length);
             }
-            const QByteArray utf8 = text.toUtf8();
-            out.write(utf8);
-            out.write("\n\n", 2);
-            total += utf8.size();
-        }
+            extracted_text_free(&text);
+            return WALK_CONTINUE;
+        });
     }
     return total;
 }

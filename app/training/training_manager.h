@@ -118,9 +118,9 @@ public:
     static QStringList trainerArguments(const TrainingProfile &profile, const QString &corpusPath,
                                         const QString &bpePath,
                                         const QString &initPath = QString());
-    // Writes the text of every indexable file below dirs (PDF through poppler) to outputPath,
-    // each followed by "\n\n"; returns the bytes of text written (separators not counted), or
-    // -1 when outputPath cannot be written.
+    // Writes the text of every file below dirs that indexing would read (the same walk, settings
+    // and text extraction) to outputPath, each followed by "\n\n"; returns the bytes of text
+    // written (separators not counted), or -1 when outputPath cannot be written.
     static qint64 prepareCorpus(const QStringList &dirs, const QString &outputPath);
     // The records of a loss log ("<step>,<loss>" lines; other lines skipped), in file order.
     static QList<LossDataPoint> parseLossFile(const QString &path);

@@ -85,18 +85,6 @@ int FileTableModel::columnFor(FileSortKey key)
     return NameColumn;
 }
 
-QString FileTableModel::statusText(int statusRank)
-{
-    switch (statusRank) {
-    case 0:
-        return tr("Indexed");
-    case 1:
-        return tr("Not indexed");
-    default:
-        return tr("Not indexable");
-    }
-}
-
 QVariant FileTableModel::data(const QModelIndex &index, int role) const
 {
     if (!m_source || !index.isValid() || index.row() >= m_source->rowCount()) {
@@ -121,10 +109,12 @@ QVariant FileTableModel::data(const QModelIndex &index, int role) const
         case ChunksColumn:
             return rank == 2 ? QString() : src.data(FileListModel::ChunkCountRole).toString();
         case StatusColumn:
-            return statusText(rank);
+            return src.data(FileListModel::StatusTextRole);
         }
     } else if (role == Qt::ToolTipRole && column <= FolderColumn) {
         return src.data(FileListModel::RelativePathRole);
+    } else if (role == Qt::ToolTipRole && column == StatusColumn) {
+        return src.data(FileListModel::StatusTextRole); // an exclusion rule may be long
     } else if (role == Qt::TextAlignmentRole) {
         if (column == SizeColumn || column == ChunksColumn) {
             return QVariant(Qt::AlignRight | Qt::AlignVCenter);
@@ -139,6 +129,11 @@ QVariant FileTableModel::data(const QModelIndex &index, int role) const
             name = QStringLiteral("text-html");
         } else if (type == QLatin1String("Source")) {
             name = QStringLiteral("text-x-script");
+        } else if (type == QLatin1String("Folder")) {
+            name = QStringLiteral("folder");
+        } else if (type == QLatin1String("DOCX") || type == QLatin1String("ODT")
+                   || type == QLatin1String("EPUB")) {
+            name = QStringLiteral("x-office-document");
         } else if (type == QLatin1String("Binary")) {
             name = QStringLiteral("application-x-executable");
         }
@@ -182,7 +177,7 @@ FileScopeWindow::FileScopeWindow(QWidget *parent) : QWidget(parent, Qt::Window)
     setObjectName(QStringLiteral("fileScopeWindow"));
     setAttribute(Qt::WA_QuitOnClose, false);
     setWindowTitle(tr("File Scope"));
-    resize(760, 520);
+    resize(900, 520);
     setMinimumSize(480, 300);
 
     auto *layout = new QVBoxLayout(this);
@@ -250,7 +245,7 @@ FileScopeWindow::FileScopeWindow(QWidget *parent) : QWidget(parent, Qt::Window)
     columns->resizeSection(FileTableModel::TypeColumn, 90);
     columns->resizeSection(FileTableModel::SizeColumn, 80);
     columns->resizeSection(FileTableModel::ChunksColumn, 70);
-    columns->resizeSection(FileTableModel::StatusColumn, 120);
+    columns->resizeSection(FileTableModel::StatusColumn, 240);
     connect(columns, &QHeaderView::sectionClicked, this, [this](int section) {
         const std::optional<FileSortKey> key = FileTableModel::sortKeyFor(section);
         if (m_files && key) {

@@ -44,8 +44,6 @@ public:
     // The sort key of a column, or nullopt for a column that does not sort.
     static std::optional<FileSortKey> sortKeyFor(int column);
     static int columnFor(FileSortKey key);
-    // "Indexed", "Not indexed" or "Not indexable".
-    static QString statusText(int statusRank);
 
 private:
     QPointer<FileListModel> m_source;

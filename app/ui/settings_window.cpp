@@ -202,6 +202,8 @@ SettingsWindow::SettingsWindow(Settings *settings, TrainingManager *manager, QWi
     connect(m_settings, &Settings::chunkSizeChanged, this, &SettingsWindow::syncGeneral);
     connect(m_settings, &Settings::overlapChanged, this, &SettingsWindow::syncGeneral);
     connect(m_settings, &Settings::extraExtensionsChanged, this, &SettingsWindow::syncGeneral);
+    connect(m_settings, &Settings::excludePatternsChanged, this, &SettingsWindow::syncGeneral);
+    connect(m_settings, &Settings::maxFileSizeMBChanged, this, &SettingsWindow::syncGeneral);
     connect(m_settings, &Settings::hoverPreviewChanged, this, &SettingsWindow::syncGeneral);
     connect(m_settings, &Settings::previewOnTopChanged, this, &SettingsWindow::syncGeneral);
     connect(m_settings, &Settings::openTextFilesWithChanged, this, &SettingsWindow::syncGeneral);
@@ -316,6 +318,31 @@ QWidget *SettingsWindow::buildGeneralPage()
     });
     layout->addWidget(types);
 
+    auto *exclusions = new QGroupBox(tr("Excluded Files"), page);
+    auto *exclusionsForm = new QFormLayout(exclusions);
+    m_excludePatterns = new QLineEdit(exclusions);
+    m_excludePatterns->setObjectName(QStringLiteral("excludePatternsField"));
+    m_excludePatterns->setPlaceholderText(QString::fromLatin1(Settings::kDefaultExcludePatterns));
+    exclusionsForm->addRow(tr("Patterns:"), m_excludePatterns);
+    m_maxFileSize = new QSpinBox(exclusions);
+    m_maxFileSize->setObjectName(QStringLiteral("maxFileSizeSpin"));
+    m_maxFileSize->setRange(1, 4096);
+    m_maxFileSize->setSuffix(tr(" MB"));
+    exclusionsForm->addRow(tr("Largest file:"), m_maxFileSize);
+    exclusionsForm->addRow(
+        QString(),
+        helpLabel(tr("Comma-separated patterns in .gitignore syntax that are never indexed, "
+                     "in every directory. .gitignore and .tarnwickignore files are honoured "
+                     "too. Larger files are skipped. Re-index after changes."),
+                  exclusions));
+    connect(m_excludePatterns, &QLineEdit::textEdited, this, [this](const QString &text) {
+        m_settings->setExcludePatterns(text);
+    });
+    connect(m_maxFileSize, &QSpinBox::valueChanged, this, [this](int mb) {
+        m_settings->setMaxFileSizeMB(mb);
+    });
+    layout->addWidget(exclusions);
+
     auto *preview = new QGroupBox(tr("Preview"), page);
     auto *previewLayout = new QVBoxLayout(preview);
     m_hoverPreview = new QCheckBox(tr("Show context panel on hover"), preview);
@@ -399,6 +426,7 @@ void SettingsWindow::syncGeneral()
     const QSignalBlocker b2(m_overlap);
     const QSignalBlocker b3(m_hoverPreview);
     const QSignalBlocker b4(m_previewOnTop);
+    const QSignalBlocker b5(m_maxFileSize);
     const int at = m_appearance->findData(m_settings->appearance());
     m_appearance->setCurrentIndex(at >= 0 ? at : 0);
     m_chunkSize->setValue(m_settings->chunkSize() >= 1 ? m_settings->chunkSize()
@@ -408,6 +436,10 @@ void SettingsWindow::syncGeneral()
     if (m_extensions->text() != m_settings->extraExtensions()) {
         m_extensions->setText(m_settings->extraExtensions());
     }
+    if (m_excludePatterns->text() != m_settings->excludePatterns()) {
+        m_excludePatterns->setText(m_settings->excludePatterns());
+    }
+    m_maxFileSize->setValue(int(m_settings->effectiveMaxFileSize() / (1024 * 1024)));
     m_hoverPreview->setChecked(m_settings->hoverPreview());
     m_previewOnTop->setChecked(m_settings->previewOnTop());
     const int editor = m_editor->findData(m_settings->openTextFilesWith());

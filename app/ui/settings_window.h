@@ -118,6 +118,8 @@ private:
     QLineEdit *m_editorCommand;
     QLabel *m_editorHelp;
     QLineEdit *m_extensions;
+    QLineEdit *m_excludePatterns;
+    QSpinBox *m_maxFileSize;
     QCheckBox *m_hoverPreview;
     QCheckBox *m_previewOnTop;
     QLabel *m_noProfiles;

@@ -1,6 +1,6 @@
 /*
-** The engine wrapper: classification, the walk and ingestion rules, searching, listing, PDF
-** text and pages, opening results, and file sizes.
+** The engine wrapper: indexing with the settings' walk, searching, the file scope's reason for
+** every file, a PDF hit's page, opening results, and file sizes.
 */
 #include "tarnwick_engine.h"
 
@@ -8,6 +8,9 @@
 
 #include "test_support.h"
 
+#include <QDateTime>
+#include <QDir>
+#include <QMap>
 #include <QPainter>
 #include <QPdfWriter>
 #include <QTemporaryDir>
@@ -20,19 +23,13 @@ class TestTarnwickEngine : public QObject
 private slots:
     void initTestCase();
     void init();
-    void classify_data();
-    void classify();
-    void appearsToBeText_data();
-    void appearsToBeText();
     void extraExtensionsAreTrimmedAndLowerCased();
     void walkSkipsHiddenEntriesAndTheIndex();
-    void walksEndOnLinkLoopsAndNeverLeaveTheTree();
     void indexIsPrivateAndHugeFilesAreNeverRead();
-    void ingestNeedsElevenCharactersAndValidUtf8();
     void searchCopiesRecordsAndKZeroReturnsNothing();
-    void fileListCarriesChunkCounts();
+    void fileListGivesTheReasonForEveryFile();
     void clearAndReopenDiscardsTheIndex();
-    void pdfTextAndPageForLine();
+    void pdfPageForLine();
     void editorArguments_data();
     void editorArguments();
     void openResult_data();
@@ -62,88 +59,6 @@ void TestTarnwickEngine::init()
     m_env->settings()->remove(QStringLiteral("editorCommand"));
 }
 
-void TestTarnwickEngine::classify_data()
-{
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<QByteArray>("content");
-    QTest::addColumn<bool>("indexable");
-    QTest::addColumn<QString>("fileType");
-    QTest::addColumn<QString>("identifier");
-
-    const QByteArray text = "plain words\n";
-    QTest::newRow("markdown keeps the plain-text identifier")
-        << "notes.md" << text << true << "Markdown"
-        << "public.plain-text";
-    QTest::newRow("upper-case extension") << "NOTES.MARKDOWN" << text << true << "Markdown"
-                                          << "public.plain-text";
-    QTest::newRow("plain text") << "a.txt" << text << true << "Text"
-                                << "public.plain-text";
-    QTest::newRow("c source") << "main.c" << text << true << "Source"
-                              << "public.c-source";
-    QTest::newRow("python") << "x.py" << text << true << "Source"
-                            << "public.python-script";
-    QTest::newRow("html") << "page.html" << text << true << "HTML"
-                          << "public.html";
-    QTest::newRow("pdf by extension") << "doc.pdf" << text << true << "PDF"
-                                      << "com.adobe.pdf";
-    QTest::newRow("Makefile by name") << "Makefile" << text << true << "Text"
-                                      << "public.plain-text";
-    QTest::newRow("makefile lower case is unknown") << "makefile" << text << false << "Binary"
-                                                    << "unknown";
-    QTest::newRow("README by name") << "README" << text << true << "Text"
-                                    << "public.plain-text";
-    QTest::newRow("json through the extra extensions")
-        << "conf.json" << QByteArray("{\"a\": 1}\n") << true << "Text"
-        << "extra.json";
-    QTest::newRow("unknown extension listed as extra")
-        << "data.toml" << QByteArray("a = 1\n") << true << "Text"
-        << "extra.toml";
-    QTest::newRow("extra extension with a NUL byte")
-        << "blob.json" << QByteArray("{\"a\"\0}", 6) << false << "Binary"
-        << "public.json";
-    QTest::newRow("known binary type") << "x.png" << text << false << "Binary"
-                                       << "public.png";
-    QTest::newRow("unknown extension") << "x.qqq" << text << false << "Binary"
-                                       << "unknown";
-}
-
-void TestTarnwickEngine::classify()
-{
-    QFETCH(QString, name);
-    QFETCH(QByteArray, content);
-    QTemporaryDir dir;
-    writeFile(dir.path(), name, content);
-    const FileClassification c = TarnwickEngine::classify(dir.filePath(name));
-    QTEST(c.fileType, "fileType");
-    QTEST(c.utiType, "identifier");
-    QTEST(c.isIndexable, "indexable");
-}
-
-void TestTarnwickEngine::appearsToBeText_data()
-{
-    QTest::addColumn<QByteArray>("content");
-    QTest::addColumn<bool>("text");
-
-    QTest::newRow("empty file") << QByteArray() << false;
-    QTest::newRow("ascii") << QByteArray("hello\tworld\r\n\x1b[0m\f\v") << true;
-    QTest::newRow("one NUL among text")
-        << (QByteArray(300, 'a') + '\0' + QByteArray(100, 'b')) << false;
-    QTest::newRow("NUL after 512 bytes is not seen") << (QByteArray(512, 'a') + '\0') << true;
-    // 9 control bytes of 100 is below 10%; 10 of 100 is not.
-    QTest::newRow("9 percent control") << (QByteArray(9, '\x01') + QByteArray(91, 'a')) << true;
-    QTest::newRow("10 percent control") << (QByteArray(10, '\x1f') + QByteArray(90, 'a')) << false;
-    QTest::newRow("utf-8 letters") << QString::fromUtf8("räksmörgås").toUtf8() << true;
-}
-
-void TestTarnwickEngine::appearsToBeText()
-{
-    QFETCH(QByteArray, content);
-    QTemporaryDir dir;
-    writeFile(dir.path(), QStringLiteral("f.bin"), content);
-    QTEST(TarnwickEngine::appearsToBeText(dir.filePath(QStringLiteral("f.bin"))), "text");
-    QVERIFY(!TarnwickEngine::appearsToBeText(dir.filePath(QStringLiteral("missing"))));
-}
-
 void TestTarnwickEngine::extraExtensionsAreTrimmedAndLowerCased()
 {
     m_env->settings()->setExtraExtensions(QStringLiteral(" JSON ,, toml,\tIni , "));
@@ -156,9 +71,6 @@ void TestTarnwickEngine::extraExtensionsAreTrimmedAndLowerCased()
     QVERIFY(TarnwickEngine::extraExtensions().contains(QStringLiteral("yaml")));
     m_env->settings()->setExtraExtensions(QString());
     QVERIFY(TarnwickEngine::extraExtensions().isEmpty());
-    QTemporaryDir dir;
-    writeFile(dir.path(), QStringLiteral("c.yaml"), "a: 1\n");
-    QVERIFY(!TarnwickEngine::classify(dir.filePath(QStringLiteral("c.yaml"))).isIndexable);
 }
 
 void TestTarnwickEngine::walkSkipsHiddenEntriesAndTheIndex()
@@ -183,69 +95,6 @@ void TestTarnwickEngine::walkSkipsHiddenEntriesAndTheIndex()
     QCOMPARE(progress, expected);
     QCOMPARE(engine.search(QStringLiteral("hidden"), SearchMode::Text, 10).size(), 0);
     QCOMPARE(engine.search(QStringLiteral("visible"), SearchMode::Text, 10).size(), 2);
-
-    // A second run over the same directory must not ingest the index files themselves.
-    QVERIFY(engine.checkpoint());
-    const QList<FileInfo> files = engine.fileList();
-    QStringList names;
-    for (const FileInfo &f : files) {
-        names.append(f.name);
-    }
-    QCOMPARE(names, QStringList({QStringLiteral("nested.md"), QStringLiteral("visible.txt")}));
-}
-
-// Indexing, the file list and the training corpus each walk the tree themselves. A walk that
-// followed these links never ended, or read /etc and a file beside the tree.
-void TestTarnwickEngine::walksEndOnLinkLoopsAndNeverLeaveTheTree()
-{
-    QTemporaryDir dir;
-    const QString root = dir.filePath(QStringLiteral("tree"));
-    writeFile(root, QStringLiteral("a.txt"), "alpha words inside the tree\n");
-    writeFile(root, QStringLiteral("sub/b.txt"), "bravo words inside the tree\n");
-    writeFile(dir.path(), QStringLiteral("outside.txt"), "secret words outside the tree\n");
-    const QList<QPair<QString, QString>> links = {
-        {QStringLiteral("."), QStringLiteral("loop1")},
-        {QStringLiteral(".."), QStringLiteral("sub/loop2")},
-        {QStringLiteral("/etc"), QStringLiteral("etc")},
-        {QStringLiteral("/"), QStringLiteral("slash")},
-        {QStringLiteral("sub"), QStringLiteral("inside")},
-        {QStringLiteral("a.txt"), QStringLiteral("alias.txt")},
-        {QStringLiteral("../outside.txt"), QStringLiteral("secret.txt")},
-        {QStringLiteral("ba"), QStringLiteral("ab")},
-        {QStringLiteral("ab"), QStringLiteral("ba")},
-    };
-    for (const auto &[target, name] : links) {
-        QVERIFY(QFile::link(target, root + QLatin1Char('/') + name));
-    }
-    const QStringList want = {root + QStringLiteral("/a.txt"),
-                              root + QStringLiteral("/alias.txt"),
-                              root + QStringLiteral("/sub/b.txt")};
-
-    TarnwickEngine engine(root, QString());
-    QCOMPARE(engine.ingestDirectory(800, 200), 3);
-    QStringList hits;
-    for (const SearchResult &r : engine.search(QStringLiteral("words"), SearchMode::Text, 64)) {
-        hits.append(r.filePath);
-    }
-    hits.sort();
-    QCOMPARE(hits, want);
-
-    QStringList listed;
-    for (const FileInfo &f : engine.fileList()) {
-        listed.append(f.path);
-        QCOMPARE(f.chunkCount, 1); // the engine's walk gives the same paths
-    }
-    listed.sort();
-    QCOMPARE(listed, want);
-
-    const QString corpus = dir.filePath(QStringLiteral("corpus.txt"));
-    QVERIFY(TrainingManager::prepareCorpus({root}, corpus) > 0);
-    QFile file(corpus);
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    const QByteArray text = file.readAll();
-    QCOMPARE(text.count("alpha words"), 2); // a.txt and the link beside it
-    QCOMPARE(text.count("bravo words"), 1);
-    QVERIFY(!text.contains("secret"));
 }
 
 void TestTarnwickEngine::indexIsPrivateAndHugeFilesAreNeverRead()
@@ -264,7 +113,11 @@ void TestTarnwickEngine::indexIsPrivateAndHugeFilesAreNeverRead()
     TarnwickEngine engine(dir.path(), QString());
     QCOMPARE(engine.ingestDirectory(800, 200), 1);
     QVERIFY(engine.checkpoint());
-    QCOMPARE(engine.fileList().size(), 3); // listed with their sizes, never read
+    int tooLarge = 0;
+    for (const FileInfo &f : engine.fileList()) {
+        tooLarge += f.status == TRN_FILE_STATUS_TOO_LARGE ? 1 : 0; // listed, never read
+    }
+    QCOMPARE(tooLarge, 2);
     const QString corpus = dir.filePath(QStringLiteral(".corpus"));
     QVERIFY(TrainingManager::prepareCorpus({dir.path()}, corpus) < 100);
 
@@ -276,21 +129,6 @@ void TestTarnwickEngine::indexIsPrivateAndHugeFilesAreNeverRead()
         QCOMPARE(QFile::permissions(index + QLatin1String(name)),
                  QFile::ReadOwner | QFile::WriteOwner | QFile::ReadUser | QFile::WriteUser);
     }
-}
-
-void TestTarnwickEngine::ingestNeedsElevenCharactersAndValidUtf8()
-{
-    QTemporaryDir dir;
-    writeFile(dir.path(), QStringLiteral("ten.txt"), "abcdefghij");
-    writeFile(dir.path(), QStringLiteral("eleven.txt"), "abcdefghijk");
-    writeFile(dir.path(), QStringLiteral("latin1.txt"), "caf\xe9 caf\xe9 caf\xe9 caf\xe9");
-    writeFile(dir.path(), QStringLiteral("photo.png"), "abcdefghijklmnop");
-    TarnwickEngine engine(dir.path(), QString());
-    QCOMPARE(engine.ingestDirectory(800, 200), 1);
-    const QList<SearchResult> hits =
-        engine.search(QStringLiteral("abcdefghij"), SearchMode::Text, 10);
-    QCOMPARE(hits.size(), 1);
-    QCOMPARE(hits.first().filePath, dir.filePath(QStringLiteral("eleven.txt")));
 }
 
 void TestTarnwickEngine::searchCopiesRecordsAndKZeroReturnsNothing()
@@ -321,27 +159,57 @@ void TestTarnwickEngine::searchCopiesRecordsAndKZeroReturnsNothing()
     QCOMPARE(engine.search(QStringLiteral("anything"), SearchMode::Semantic, 5).size(), 2);
 }
 
-void TestTarnwickEngine::fileListCarriesChunkCounts()
+// The file scope view's words for every kind of file, after indexing, an edit and an addition.
+void TestTarnwickEngine::fileListGivesTheReasonForEveryFile()
 {
     QTemporaryDir dir;
+    const QByteArray words = "words worth indexing in this file\n";
+    writeFile(dir.path(), QStringLiteral("notes.txt"), words);
     writeFile(dir.path(), QStringLiteral("long.txt"), QByteArray(250, 'x'));
-    writeFile(dir.path(), QStringLiteral("short.txt"), "tiny");
-    writeFile(dir.path(), QStringLiteral("image.png"), QByteArray(2048, '\x01'));
+    writeFile(dir.path(), QStringLiteral("edited.md"), words);
+    writeFile(dir.path(), QStringLiteral("README.Debian"), words);
+    writeFile(dir.path(), QStringLiteral(".gitignore"), "*.log\n");
+    writeFile(dir.path(), QStringLiteral("run.log"), words);
+    writeFile(dir.path(), QStringLiteral("node_modules/dep/index.js"), words);
+    writeFile(dir.path(), QStringLiteral("big.txt"), QByteArray(2 * 1024 * 1024, 'y'));
+    writeFile(dir.path(), QStringLiteral("image.png"), words);
+    writeFile(dir.path(), QStringLiteral("latin1.txt"), "caf\xe9 caf\xe9 caf\xe9 caf\xe9");
+    writeFile(dir.path(), QStringLiteral("tiny.txt"), "tiny");
+    writeFile(dir.path(), QStringLiteral("broken.docx"), "PK not really a document");
+    m_env->settings()->setMaxFileSizeMB(1);
     TarnwickEngine engine(dir.path(), QString());
-    QCOMPARE(engine.fileList().first().chunkCount, 0);
     QVERIFY(engine.ingestDirectory(100, 20) > 0);
-    const QList<FileInfo> files = engine.fileList();
-    QCOMPARE(files.size(), 3);
-    QCOMPARE(files.at(0).name, QStringLiteral("image.png"));
-    QCOMPARE(files.at(0).isIndexable, false);
-    QCOMPARE(files.at(0).fileSize, 2048);
-    QCOMPARE(files.at(0).utiType, QStringLiteral("public.png"));
-    // 250 bytes in windows of 100 bytes every 80: at 0 and 80; a third would run past the end.
-    QCOMPARE(files.at(1).chunkCount, 2);
-    QVERIFY(files.at(1).isIndexed);
-    QCOMPARE(files.at(2).chunkCount, 0);
-    QVERIFY(!files.at(2).isIndexed);
-    QVERIFY(files.at(2).isIndexable);
+    QVERIFY(engine.checkpoint());
+    // Written after the index: one file edited, one new.
+    QFile edited(dir.filePath(QStringLiteral("edited.md")));
+    QVERIFY(edited.open(QIODevice::ReadWrite));
+    QVERIFY(edited.setFileTime(QDateTime::currentDateTime().addSecs(60),
+                               QFileDevice::FileModificationTime));
+    edited.close();
+    writeFile(dir.path(), QStringLiteral("new.txt"), words);
+
+    QMap<QString, QString> said;
+    for (const FileInfo &f : engine.fileList()) {
+        said.insert(QDir(dir.path()).relativeFilePath(f.path), fileStatusText(f));
+    }
+    m_env->settings()->remove(QStringLiteral("maxFileSizeMB"));
+    const QMap<QString, QString> expected = {
+        {QStringLiteral("notes.txt"), QStringLiteral("Indexed (1 chunk)")},
+        // 250 bytes in windows of 100 bytes every 80: at 0 and 80; a third would run past the end.
+        {QStringLiteral("long.txt"), QStringLiteral("Indexed (2 chunks)")},
+        {QStringLiteral("README.Debian"), QStringLiteral("Indexed (1 chunk)")},
+        {QStringLiteral("edited.md"), QStringLiteral("Changed since indexing")},
+        {QStringLiteral("new.txt"), QStringLiteral("Not indexed yet")},
+        {QStringLiteral(".gitignore"), QStringLiteral("Excluded by hidden name")},
+        {QStringLiteral("run.log"), QStringLiteral("Excluded by .gitignore:1: *.log")},
+        {QStringLiteral("node_modules"), QStringLiteral("Excluded by global pattern node_modules")},
+        {QStringLiteral("big.txt"), QStringLiteral("Too large")},
+        {QStringLiteral("image.png"), QStringLiteral("Binary")},
+        {QStringLiteral("latin1.txt"), QStringLiteral("Not UTF-8")},
+        {QStringLiteral("tiny.txt"), QStringLiteral("Too short")},
+        {QStringLiteral("broken.docx"), QStringLiteral("Unreadable")},
+    };
+    QCOMPARE(said, expected);
 }
 
 void TestTarnwickEngine::clearAndReopenDiscardsTheIndex()
@@ -381,7 +249,7 @@ static void writePdf(const QString &path, const QList<QStringList> &pages)
     }
 }
 
-void TestTarnwickEngine::pdfTextAndPageForLine()
+void TestTarnwickEngine::pdfPageForLine()
 {
     QTemporaryDir dir;
     const QString pdf = dir.filePath(QStringLiteral("two.pdf"));
@@ -392,12 +260,6 @@ void TestTarnwickEngine::pdfTextAndPageForLine()
                QStringLiteral("three"),
                QStringLiteral("four"),
                QStringLiteral("five")}});
-    const std::optional<QString> text = TarnwickEngine::extractPDFText(pdf);
-    QVERIFY(text);
-    QVERIFY(text->contains(QStringLiteral("gamma")));
-    QVERIFY(text->indexOf(QStringLiteral("gamma")) < text->indexOf(QStringLiteral("three")));
-    const QString firstPage = text->left(text->indexOf(QStringLiteral("\n\n")));
-    QCOMPARE(firstPage.split(QLatin1Char('\n')).size(), 3);
     // Page one counts 3 lines plus its blank line.
     QCOMPARE(TarnwickEngine::pdfPageForLine(pdf, 0), std::optional<int>(1));
     QCOMPARE(TarnwickEngine::pdfPageForLine(pdf, 4), std::optional<int>(1));
@@ -405,8 +267,6 @@ void TestTarnwickEngine::pdfTextAndPageForLine()
     QCOMPARE(TarnwickEngine::pdfPageForLine(pdf, 500), std::optional<int>(2));
 
     writeFile(dir.path(), QStringLiteral("fake.pdf"), "not a pdf at all");
-    QCOMPARE(TarnwickEngine::extractPDFText(dir.filePath(QStringLiteral("fake.pdf"))),
-             std::nullopt);
     QCOMPARE(TarnwickEngine::pdfPageForLine(dir.filePath(QStringLiteral("fake.pdf")), 3),
              std::nullopt);
 
@@ -509,8 +369,8 @@ void TestTarnwickEngine::openResult_data()
         << "/docs/paper.pdf"
         << "system" << false << true << QStringList{"start evince -i 1 /docs/paper.pdf"} << "";
     QTest::newRow("extra extension opens with the default application")
-        << "/cfg/app.json"
-        << "gedit" << true << true << QStringList{"url file:///cfg/app.json"} << "";
+        << "/cfg/app.plist"
+        << "gedit" << true << true << QStringList{"url file:///cfg/app.plist"} << "";
 }
 
 void TestTarnwickEngine::openResult()

@@ -154,10 +154,10 @@ TEST_F(CliMaintenance, IndexingReportsOnOneLineAndShowsProgressOnlyOnATerminal)
     EXPECT_EQ(stats()["chunk_count"].number, 6);
 }
 
-TEST_F(CliIndexed, FilesListsEveryVisibleFileWithItsChunks)
+TEST_F(CliIndexed, FilesListsEveryFileWithItsChunksAndStatus)
 {
     std::map<std::string, Json> f = files();
-    ASSERT_EQ(f.size(), 4u);
+    ASSERT_EQ(f.size(), 5u);
     struct Expected {
         std::string rel, name, type;
         double size, chunks;
@@ -169,9 +169,17 @@ TEST_F(CliIndexed, FilesListsEveryVisibleFileWithItsChunks)
         SCOPED_TRACE(e.rel);
         ASSERT_EQ(f.count(dir / e.rel), 1u);
         const Json &info = f[dir / e.rel];
-        EXPECT_EQ(
-            info.keys(),
-            (std::vector<std::string>{"path", "name", "type", "size", "chunk_count", "indexed"}));
+        EXPECT_EQ(info.keys(),
+                  (std::vector<std::string>{"path",
+                                            "name",
+                                            "type",
+                                            "size",
+                                            "chunk_count",
+                                            "indexed",
+                                            "directory",
+                                            "status",
+                                            "reason"}));
+        EXPECT_EQ(info["status"].text, "Indexable");
         EXPECT_EQ(info["name"].text, e.name);
         EXPECT_EQ(info["type"].text, e.type);
         EXPECT_EQ(info["size"].number, e.size);
@@ -182,6 +190,80 @@ TEST_F(CliIndexed, FilesListsEveryVisibleFileWithItsChunks)
     const Json &image = f[dir / "image.bin"];
     EXPECT_EQ(image["chunk_count"].number, 0);
     EXPECT_FALSE(image["indexed"].boolean);
+    EXPECT_EQ(image["status"].text, "Binary");
+    EXPECT_EQ(f[dir / ".hidden.txt"]["reason"].text, "hidden name");
+}
+
+// files said "indexable" of files that index skipped. Both now walk and read alike, with the
+// same options, so a file is indexable exactly when it has chunks, in every kind of file.
+TEST(CliFiles, FilesAndIndexAgreeOnEveryFileOfAMixedTree)
+{
+    TempDir dir;
+    const std::string words = "words worth indexing in this file, and a few more\n";
+    write_file(dir / "src/main.c", "int main(void) { return 0; } /* " + words + " */\n");
+    write_file(dir / "README.Debian", words);
+    write_file(dir / "NEWS", words);
+    write_file(dir / "parser.Bugs", words);
+    write_file(dir / "doc/guide.html", "<html><body><p>" + words + "</p></body></html>");
+    write_file(dir / "doc/notes.md", words);
+    write_file(dir / "doc/empty.html", "<html><script>var x = 1;</script></html>");
+    write_file(dir / ".gitignore", "*.log\n!keep.log\n");
+    write_file(dir / "run.log", words);
+    write_file(dir / "keep.log", words);
+    write_file(dir / "node_modules/dep/index.js", words);
+    write_file(dir / "build/out.txt", words);
+    write_file(dir / "latin1.txt", "caf\xe9 caf\xe9 caf\xe9 caf\xe9 caf\xe9");
+    write_file(dir / "tiny.txt", "tiny");
+    write_file(dir / "broken.docx", "PK\x03\x04 not a document");
+    write_file(dir / "large.txt", std::string(2 * 1024 * 1024 + 1, 'z'));
+    write_file(dir / "blob",
+               std::string("\x7f"
+                           "ELF\x02\x01\x01\0\0",
+                           10));
+    write_file(dir / "extra.org", words);
+    const std::vector<std::string> walk = {"--exclude",
+                                           "node_modules",
+                                           "--exclude",
+                                           "build",
+                                           "--max-file-size",
+                                           "2",
+                                           "--extensions",
+                                           "org"};
+    std::vector<std::string> index = {"index", dir.path(), "--weights", "none"};
+    index.insert(index.end(), walk.begin(), walk.end());
+    RunResult r = run_cli(index, dir.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::vector<std::string> list = {"files", dir.path(), "--json"};
+    list.insert(list.end(), walk.begin(), walk.end());
+    r = run_cli(list, dir.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::map<std::string, std::string> status;
+    for (const Json &f : parse_json(r.out).items) {
+        const std::string rel = f["path"].text.substr(dir.path().size() + 1);
+        status[rel] = f["status"].text + (f["reason"].text.empty() ? "" : " " + f["reason"].text);
+        EXPECT_EQ(f["status"].text == "Indexable", f["chunk_count"].number > 0) << rel;
+    }
+    const std::map<std::string, std::string> expected = {
+        {"src/main.c", "Indexable"},
+        {"README.Debian", "Indexable"},
+        {"NEWS", "Indexable"},
+        {"parser.Bugs", "Indexable"},
+        {"doc/guide.html", "Indexable"},
+        {"doc/notes.md", "Indexable"},
+        {"doc/empty.html", "Too short"},
+        {".gitignore", "Excluded hidden name"},
+        {"run.log", "Excluded .gitignore:1: *.log"},
+        {"keep.log", "Indexable"},
+        {"node_modules", "Excluded global pattern node_modules"},
+        {"build", "Excluded global pattern build"},
+        {"latin1.txt", "Not UTF-8"},
+        {"tiny.txt", "Too short"},
+        {"broken.docx", "Unreadable"},
+        {"large.txt", "Too large"},
+        {"blob", "Binary"},
+        {"extra.org", "Indexable"},
+    };
+    EXPECT_EQ(status, expected);
 }
 
 TEST_F(CliIndexed, TextAndRegexHitsNameTheChunkAndItsFirstLine)

@@ -2,6 +2,7 @@
 ** filetype_test.cpp -- classification by special names, the three extension tables and content
 ** sniffing.
 */
+#include "files.h"
 #include "store_fixtures.h"
 
 #include <gtest/gtest.h>
@@ -146,7 +147,7 @@ TEST(FileType, ContentSniffingOfNamesThatSayNothing)
          TRN_FILE_TYPE_BINARY},
         {"five_ctrl",
          std::string("ab\x01\x01\x01\x01\x01"
-                     "cdefghijklmnop"),
+                     "cdefghijk"),
          TRN_FILE_TYPE_BINARY},
         {"four_ctrl",
          std::string("ab\x01\x01\x01\x01"
@@ -168,13 +169,35 @@ TEST(FileType, ContentSniffingOfNamesThatSayNothing)
         {"riff", "RIFF..WAVE", TRN_FILE_TYPE_BINARY},
         {"riff_short", "RIFF.", TRN_FILE_TYPE_TEXT}, /* RIFF counts from 6 bytes on */
         {"movie", "....ftypisom", TRN_FILE_TYPE_BINARY},
-        /* Only the first 16 bytes are looked at. */
-        {"late_nul", std::string("0123456789abcdef\0\0", 18), TRN_FILE_TYPE_TEXT},
+        /* Names that say nothing are read when their content is text. */
+        {"README.Debian", "Notes on the Debian package\n", TRN_FILE_TYPE_TEXT},
+        {"NEWS", "Version 2.1: fixes\n", TRN_FILE_TYPE_TEXT},
+        {"TODO", "- write the manual\n", TRN_FILE_TYPE_TEXT},
+        {"parser.Bugs", "Known faults of the parser\n", TRN_FILE_TYPE_TEXT},
+        {"late_nul", std::string(300, 'a') + std::string("\0", 1), TRN_FILE_TYPE_BINARY},
+        /* Only the first 512 bytes are looked at. */
+        {"later_nul", std::string(512, 'a') + std::string("\0", 1), TRN_FILE_TYPE_TEXT},
     };
     for (const auto &c : cases) {
         write_file_bytes(dir.file(c.name), c.bytes.data(), c.bytes.size());
         EXPECT_EQ(trn_detect_file_type(dir.file(c.name).c_str()), c.type) << c.name;
     }
+    /* The user's extra extensions override the tables when the content is text. */
+    write_file_text(dir.file("icon.svg"), "<svg xmlns='http://www.w3.org/2000/svg'/>");
+    write_file_bytes(dir.file("blob.svg"), "\x89PNG\r\n\x1a\n", 8);
+    const char *const extra[] = {"SVG"};
+    TrnFileStatus status = TRN_FILE_STATUS_INDEXABLE;
+    EXPECT_EQ(trn_detect_file_type(dir.file("icon.svg").c_str()),
+              (TrnFileType)TRN_FILE_TYPE_BINARY);
+    EXPECT_EQ(classify_file(dir.file("icon.svg").c_str(), extra, 1, &status),
+              (TrnFileType)TRN_FILE_TYPE_TEXT);
+    EXPECT_EQ(status, (TrnFileStatus)TRN_FILE_STATUS_INDEXABLE);
+    EXPECT_EQ(classify_file(dir.file("blob.svg").c_str(), extra, 1, &status),
+              (TrnFileType)TRN_FILE_TYPE_BINARY);
+    EXPECT_EQ(status, (TrnFileStatus)TRN_FILE_STATUS_BINARY);
+    EXPECT_EQ(classify_file(dir.file("gone").c_str(), extra, 1, &status),
+              (TrnFileType)TRN_FILE_TYPE_UNKNOWN);
+    EXPECT_EQ(status, (TrnFileStatus)TRN_FILE_STATUS_UNREADABLE);
     /* A JPEG named like text is still text: the name decides first. */
     write_file_text(dir.file("photo.txt"), "\xFF\xD8\xFF\xE0 jfif");
     EXPECT_EQ(trn_detect_file_type(dir.file("photo.txt").c_str()), (TrnFileType)TRN_FILE_TYPE_TEXT);
@@ -193,8 +216,9 @@ TEST(FileType, NamesIndexabilityAndListMatching)
         {3, "Source", 1},
         {4, "DOCX", 1},
         {5, "Markdown", 1},
-        {6, "Unknown", 0},
-        {7, "Unknown", 0},
+        {6, "ODT", 1},
+        {7, "EPUB", 1},
+        {8, "Unknown", 0},
         {98, "Binary", 0},
         {99, "Unknown", 0},
         {0xFFFFFFFFu, "Unknown", 0},

@@ -1,0 +1,206 @@
+/*
+** files.h -- which files of a directory are read, and what text they hold: the one walk, the one
+** classification and the one text extraction that every part of Tarnwick uses (the engine's
+** trn_ingest_dir and trn_list_dir_files, the application's indexing and file scope view, the
+** training corpus, both builds of tarnwick-cli, the incremental update).
+**
+** Internal to the project (the static engine); not exported from libtarnwick.so. Plain C++ with
+** function pointers; the template overload of walk_files takes any callable.
+**
+**   walk_files(root, opts, fn, user)        every file below root, with a verdict
+**   classify_file(path, extra, &status)     the TrnFileType of one file (name, then content)
+**   extract_file_text(path, type, max, &t)  its text as UTF-8, with PDF page starts
+**
+** A typical caller:
+**
+**     walk_files(root, &opts, [&](const WalkedFile &f) {
+**         if (f.kind == WALK_FILE && f.status == TRN_FILE_STATUS_INDEXABLE) {
+**             ExtractedText t;
+**             if (extract_file_text(f.path, f.type, opts.max_file_size, &t)
+**                 == TRN_FILE_STATUS_INDEXABLE) {
+**                 ... t.text, t.length ...
+**             }
+**             extracted_text_free(&t);
+**         }
+**         return WALK_CONTINUE;
+**     });
+*/
+#ifndef TRN_FILES_H
+#define TRN_FILES_H
+
+#include "tarnwick.h"
+
+#include <stddef.h>
+#include <stdint.h>
+
+/* ---------------------------------------------------------------------------------------------
+** The walk (walk.cpp, ignore.cpp)
+**
+** Depth first, entries of a directory in name order (strcmp), so every caller sees the same
+** order. Guarantees: a symbolic link to a directory is never entered; a link to a file is followed
+** only when its resolved target lies inside the resolved root; every directory is entered at most
+** once (by device and inode); the size is checked from stat before anything is read; paths longer
+** than 1023 bytes are skipped.
+**
+** Exclusion, as git reads ignore files: the walk options' patterns (or the defaults) apply from
+** the root with the lowest precedence, then ".gitignore" and ".tarnwickignore" of each directory
+** from the root down (".tarnwickignore" after ".gitignore" of the same directory); the last
+** pattern that matches decides, and a "!" pattern re-includes. An excluded directory is reported
+** once and not entered, so nothing below it can be re-included (as in git). Names beginning with
+** "." are excluded with the reason "hidden name"; the ignore files themselves are hidden. Index
+** directories (".tarnwick") are skipped without a report.
+*/
+
+/* What one callback of walk_files is about. */
+enum WalkKind : uint32_t {
+    WALK_FILE = 0,      /* a regular file (or a link to one inside the root) */
+    WALK_DIR = 1,       /* a directory that is not entered: EXCLUDED or UNREADABLE */
+    WALK_DIR_ENTER = 2, /* the walk enters a directory below the root (status INDEXABLE) */
+    WALK_DIR_LEAVE = 3, /* ... and leaves it again */
+};
+
+/* The answer of a walk callback. */
+enum WalkAction : uint32_t {
+    WALK_CONTINUE = 0,
+    WALK_LEAVE_DIR = 1, /* skip the rest of the directory that holds this entry */
+    WALK_STOP = 2,      /* end the whole walk; walk_files returns 1 */
+};
+
+struct WalkedFile {
+    WalkKind kind;
+    const char *path;     /* root + "/" + rel_path, as the walk built it; valid during the call */
+    const char *rel_path; /* relative to the root, "/"-separated */
+    int32_t depth;        /* directories between the root and this entry; 0 for the root's own */
+    uint64_t size;        /* bytes, from stat (links followed) */
+    int64_t mtime_ns;     /* modification time, nanoseconds since 1970 */
+    uint64_t dev, ino;    /* identity, for telling a rename from a new file */
+    /* For WALK_FILE: INDEXABLE (type is one of the indexable types), EXCLUDED, TOO_LARGE, BINARY
+    ** or UNREADABLE; the text is not read, so NOT_UTF8 and TOO_SHORT come from
+    ** extract_file_text. For WALK_DIR: EXCLUDED or UNREADABLE. */
+    TrnFileStatus status;
+    TrnFileType type;   /* TRN_FILE_TYPE_UNKNOWN unless the file was classified */
+    const char *reason; /* for EXCLUDED: ".gitignore:3: build/", "sub/.tarnwickignore:1: *.log",
+                           "global pattern node_modules", "hidden name"; else "" */
+};
+
+typedef WalkAction (*WalkFn)(const WalkedFile *f, void *user);
+
+/* Walks root. opts NULL, or members left zero, select the defaults of TrnWalkOptions. Returns 0
+** when the walk went through, 1 when the callback stopped it, -1 when root is not a readable
+** directory (fn is not called then). */
+int32_t walk_files(const char *root, const TrnWalkOptions *opts, WalkFn fn, void *user);
+
+/* The same with any callable taking const WalkedFile & and returning WalkAction. */
+template <typename Fn>
+int32_t walk_files(const char *root, const TrnWalkOptions *opts, Fn &&fn)
+{
+    return walk_files(
+        root,
+        opts,
+        [](const WalkedFile *f, void *user) { return (*static_cast<Fn *>(user))(*f); },
+        static_cast<void *>(&fn));
+}
+
+/* The default exclusion patterns, and how many. */
+extern const char *const WALK_DEFAULT_EXCLUDES[];
+extern const int32_t WALK_DEFAULT_EXCLUDE_COUNT;
+
+/* ---------------------------------------------------------------------------------------------
+** Ignore patterns (ignore.cpp), gitignore syntax
+*/
+
+/* The patterns in force at one point of a walk: the global ones and those of the ignore files of
+** every directory from the root down to the current one. */
+struct IgnoreRules;
+
+/* Rules holding the count global patterns (gitignore syntax, relative to the root). */
+IgnoreRules *ignore_rules_new(const char *const *patterns, int32_t count);
+void ignore_rules_free(IgnoreRules *r);
+/* Reads ".gitignore" and ".tarnwickignore" of the directory at dir_path, whose path relative to
+** the root is rel_dir ("" for the root), and adds their patterns. Missing files add nothing. */
+void ignore_rules_push_dir(IgnoreRules *r, const char *dir_path, const char *rel_dir);
+/* Drops the patterns of the last pushed directory. */
+void ignore_rules_pop_dir(IgnoreRules *r);
+/* The rule that excludes rel_path (relative to the root; is_dir for a directory) as its reason,
+** e.g. ".gitignore:3: build/"; NULL when no rule matches or the deciding one re-includes. The
+** string lives as long as the rule. */
+const char *ignore_rules_match(const IgnoreRules *r, const char *rel_path, bool is_dir);
+
+/* Matches text against a gitignore glob: "*" and "?" never match "/", "[...]" classes (with "!"
+** or "^" negation and ranges), "\" escapes, "**" between slashes (or at either end) matches any
+** number of directories. Returns true on a match. */
+bool glob_match(const char *pattern, size_t pattern_len, const char *text, size_t text_len);
+
+/* ---------------------------------------------------------------------------------------------
+** Classification (filetype.cpp)
+*/
+
+/* The type of path: trn_detect_file_type's name rules, except that an extension listed in
+** extra (count strings without the dot, matched case-insensitively) is read as Text when its
+** content is text, whatever the tables say. Content is sniffed only when the name decides
+** nothing. *status (may be NULL) gets INDEXABLE, BINARY, or UNREADABLE (cannot be opened, or
+** too short to tell: fewer than 4 bytes). */
+TrnFileType classify_file(const char *path, const char *const *extra, int32_t extra_count,
+                          TrnFileStatus *status);
+
+/* The type that path's name alone gives, without touching the file: TRN_FILE_TYPE_UNKNOWN when
+** the name decides nothing (classify_file would sniff the content then). */
+TrnFileType file_type_by_name(const char *path);
+
+/* ---------------------------------------------------------------------------------------------
+** Text extraction (extract.cpp, extract_pdf.cpp)
+*/
+
+struct ExtractedText {
+    char *text;    /* xmalloc, NUL-terminated, valid UTF-8; NULL until extracted */
+    size_t length; /* bytes of text without the NUL */
+    /* PDF only: the byte offset in text where each page's text starts (page_count entries, in
+    ** page order; empty pages have the offset of the next). NULL for other types. */
+    uint64_t *page_starts;
+    int32_t page_count;
+};
+
+/* Reads the text of path as type says: Text, Source and Markdown as UTF-8 (a leading byte order
+** mark dropped); HTML as readable text (no markup, scripts or styles; entities decoded; block
+** elements end lines); PDF through poppler, pages separated by a form feed and a line feed; DOCX
+** and ODT paragraphs as lines; EPUB the chapters of its spine in order, as HTML is. Files larger
+** than max_size (0 = TRN_FILE_SIZE_MAX) are refused before reading. Returns INDEXABLE with *out
+** filled, or TOO_LARGE, BINARY (type not indexable), NOT_UTF8, TOO_SHORT (fewer than
+** TRN_TEXT_MIN_CHARS characters other than white space) or UNREADABLE, with *out left empty.
+** Free with extracted_text_free in every case. */
+TrnFileStatus extract_file_text(const char *path, TrnFileType type, uint64_t max_size,
+                                ExtractedText *out);
+
+void extracted_text_free(ExtractedText *t);
+
+/* The readable text of an HTML document of n bytes (see extract_file_text). Returns an xmalloc'd
+** string (never NULL; empty when nothing could be parsed) and its length in *out_len. */
+char *html_to_text(const char *html, size_t n, size_t *out_len);
+
+/* The 1-based page of a PDF text that holds the 1-based line line_number: the page whose start
+** offset is the last one at or before the line's first byte. 1 when there are no pages or
+** line_number < 1. */
+int32_t page_for_line(const ExtractedText *t, int32_t line_number);
+
+/* Adds text, extracted from the file at path of type type, to the index as trn_ingest_text does,
+** with type given instead of detected. Returns the chunks added, 0 for an empty text, -1 when the
+** write failed (see trn_last_status). */
+int32_t ingest_extracted_text(TrnEngine *e, const char *path, const char *text, size_t length,
+                              TrnFileType type, int32_t chunk_size, int32_t overlap);
+
+/* Calls fn with the file path of every live chunk of e (after taking up another process's
+** commit, as trn_list_dir_files does), so a caller can count chunks per file of its own walk.
+** Chunks without a path are skipped. */
+void for_each_live_chunk_path(TrnEngine *e, void (*fn)(const char *path, void *user), void *user);
+
+/* The same with any callable taking const char *. */
+template <typename Fn>
+void for_each_live_chunk_path(TrnEngine *e, Fn &&fn)
+{
+    for_each_live_chunk_path(
+        e,
+        [](const char *path, void *user) { (*static_cast<Fn *>(user))(path); },
+        static_cast<void *>(&fn));
+}
+
+#endif /* TRN_FILES_H */
