@@ -19,7 +19,8 @@
 ** (names beginning with "." skipped) are sorted, shuffled with the seed (default 1) and the first
 ** N (default 300) that give a query are indexed; each is the answer to its own query.
 **
-** The files are ingested as the application ingests them (the text as read, HTML included),
+** The files are ingested as the application ingests them (the engine's text extraction: HTML as
+** readable text, the query's lines taken out of the markup first),
 ** with chunks of C bytes (default 800) overlapping by O (default 200), into an in-memory engine
 ** with the random encoder or the weights W. Each query runs in every mode with k = 10:
 ** semantic (mode 0, narrowed to ten files), semantic over every file (mode 5), keyword (3),
@@ -63,6 +64,24 @@ struct Tally {
     }
 };
 
+/* The file's bytes as they are. */
+std::string read_bytes(const std::string &path)
+{
+    std::string s;
+    FILE *f = fopen(path.c_str(), "rb");
+    if (!f) {
+        return s;
+    }
+    char buf[65536];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, f)) > 0) {
+        s.append(buf, n);
+    }
+    fclose(f);
+    return s;
+}
+
+/* The file's text as the engine extracts it for indexing. */
 std::string read_file(const std::string &path)
 {
     ExtractedText t;
@@ -415,11 +434,18 @@ int main(int argc, char **argv)
         if (!trn_is_indexable(type) || type == TRN_FILE_TYPE_PDF) {
             continue;
         }
-        Item it{p, read_file(p), ""};
+        /* An HTML page's query comes from its markup, which is then read as the engine reads it. */
+        Item it{p, type == TRN_FILE_TYPE_HTML ? read_bytes(p) : read_file(p), ""};
         bool ok = type == TRN_FILE_TYPE_HTML       ? html_query(&it)
                   : type == TRN_FILE_TYPE_MARKDOWN ? markdown_query(&it)
                   : type == TRN_FILE_TYPE_SOURCE   ? source_query(&it, rng)
                                                    : false;
+        if (ok && type == TRN_FILE_TYPE_HTML) {
+            size_t n = 0;
+            char *text = html_to_text(it.text.data(), it.text.size(), &n);
+            it.text.assign(text, n);
+            free(text);
+        }
         if (ok && it.text.size() >= 11) {
             items.push_back(std::move(it));
         }

@@ -390,6 +390,9 @@ bool index_load(TrnEngine *e, bool replay)
     e->store_present = store.present ? 1 : 0;
     e->store_size = store.size;
     e->store_crc = crc;
+    if (replay) {
+        lex_load(e);
+    }
     if (!wal_replay(e, e->wal_path, 0, replay)) {
         index_reset(e);
         return fail_status(e, TRN_STATUS_DAMAGED, 0);
@@ -672,6 +675,7 @@ void remove_stale_temps(const TrnEngine *e)
         const char *name = ent->d_name;
         size_t n = strlen(name);
         bool temp = (strncmp(name, "tarnwick.bin.", 13) == 0 && n == 19)
+                    || (strncmp(name, "tarnwick.lex.", 13) == 0 && n == 19)
                     || (strncmp(name, "tarnwick.commit.", 16) == 0 && n == 22);
         if (temp && !strstr(name, ".damaged")) {
             char path[TRN_PATH_MAX + 300];

@@ -140,6 +140,7 @@ void compact_mem(TrnEngine *e)
         vectors = static_cast<float *>(xmalloc(xmul(xmul((size_t)live, dim), sizeof(float))));
         nodes = static_cast<TrnNode *>(xcalloc((size_t)live, sizeof(TrnNode)));
     }
+    lex_compact(e); /* renumbers its slots as below */
     uint64_t next = 0;
     for (uint64_t i = 0; i < e->count; i++) {
         TrnChunk *c = &e->chunks[i];
@@ -163,7 +164,6 @@ void compact_mem(TrnEngine *e)
     e->count = live;
     e->capacity = live;
     e->deleted_count = 0;
-    lex_free(e); /* slots were renumbered; the next search reads them afresh */
     hnsw_rebuild(e);
     trn_build_doc_index(e);
 }

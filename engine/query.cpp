@@ -9,9 +9,9 @@
 **   text      ASCII case-insensitive substring, chunks in index order.
 **   regex     POSIX extended syntax, case-insensitive, leftmost-longest, chunks in index order.
 **   keyword   BM25 over the chunks' words (lexical.cpp), best first.
-**   hybrid    the keyword ranking and the semantic ranking over every file, 100 deep each,
-**             fused by reciprocal rank, the semantic one weighted by how far the two agree at
-**             the top (lexical.cpp); the graph is searched 100 wide.
+**   hybrid    the keyword ranking, 100 deep, and the semantic ranking over every file, as deep
+**             as the graph is searched wide (hybrid_graph_width), fused by reciprocal rank, the
+**             semantic one weighted by how far the two agree at the top (lexical.cpp).
 **   semantic over every file: the graph's nearest chunks, searched at least k wide, unnarrowed.
 ** Text and regex hits score 1, 1 - 1/k, 1 - 2/k, ...: the score only encodes the order.
 **
@@ -62,7 +62,6 @@ constexpr int32_t REGEX_NESTING_MAX = 100;
 /* A keyword or hybrid snippet starts at most SNIPPET_REACH bytes before the densest window of the
 ** query's words, so a window of this size still ends inside the 300-byte snippet. */
 constexpr size_t DENSE_WINDOW = TRN_SNIPPET_MAX - SNIPPET_REACH;
-constexpr int32_t HYBRID_CANDIDATES = 100; /* depth of each ranking a hybrid search fuses */
 
 struct FreeDeleter {
     void operator()(void *p) const { free(p); }
@@ -333,10 +332,10 @@ int32_t search_keyword(TrnEngine *e, const char *query, int32_t kk, TrnResult *r
     return n;
 }
 
-/* The keyword ranking and the semantic ranking over every file, HYBRID_CANDIDATES deep each,
-** fused by reciprocal rank with the semantic weight from hybrid_semantic_weight. Equal weights
-** let the random encoder's near-random ranking push the right file out of the first ten for a
-** fifth of the known-item queries (bench/README.md); weighing it by agreement does not. */
+/* The keyword ranking, HYBRID_CANDIDATES deep, and the semantic ranking over every file, fused by
+ *reciprocal rank with the semantic weight from hybrid_semantic_weight. Equal weights
+ ** let the random encoder's near-random ranking push the right file out of the first ten for a
+ ** fifth of the known-item queries (bench/README.md); weighing it by agreement does not. */
 int32_t search_hybrid(TrnEngine *e, const char *query, int32_t kk, TrnResult *results)
 {
     float q[QUERY_DIM_MAX];
@@ -345,8 +344,8 @@ int32_t search_hybrid(TrnEngine *e, const char *query, int32_t kk, TrnResult *re
     }
     uint32_t sem[HYBRID_CANDIDATES], kw[HYBRID_CANDIDATES], fused[TRN_MAX_RESULTS];
     float sim[HYBRID_CANDIDATES], bm25[HYBRID_CANDIDATES], score[TRN_MAX_RESULTS];
-    int32_t width = HYBRID_CANDIDATES > e->ef_search ? HYBRID_CANDIDATES : e->ef_search;
-    int32_t ns = hnsw_query_width(e, q, HYBRID_CANDIDATES, width, sem, sim);
+    int32_t width = hybrid_graph_width(e);
+    int32_t ns = hnsw_query_width(e, q, width, width, sem, sim);
     int32_t nk = lex_search(e, query, HYBRID_CANDIDATES, kw, bm25);
     float weight = hybrid_semantic_weight(kw, nk, sem, ns);
     /* A semantic ranking weighed 0 adds nothing: its own hits would only trail at score 0. */

@@ -608,6 +608,7 @@ bool checkpoint_locked(TrnEngine *e)
     e->wal_end = 0;
     e->wal_chunks = 0;
     disk_view_read(e, &e->seen);
+    lex_save(e); /* a copy for the next open: without it that open builds the index again */
     return true;
 }
 

@@ -497,10 +497,12 @@ enum {
 **   letters and digits, case-folded for Latin, Greek and Cyrillic scripts; identifiers also count
 **   by their parts, so "read file" finds readFileSync and read_file_sync. score: the BM25 sum
 **   (above 0, unbounded). Chunks with none of the query's words are not returned. The word index
-**   lives in memory only: the first keyword or hybrid search after trn_open builds it from the
-**   chunk texts (about 1.5 s per 100,000 chunks), later ones bring it up to date.
-** TRN_SEARCH_HYBRID: the keyword ranking and the semantic ranking over every file (100 deep
-**   each) fused by reciprocal rank. The semantic ranking weighs the share of its first 20 chunks
+**   is kept in "tarnwick.lex" in the index directory, written after each checkpoint and read by
+**   trn_open; without a valid one the first keyword or hybrid search builds it from the chunk
+**   texts (about 5 s per 100,000 chunks). Every search brings it up to date.
+** TRN_SEARCH_HYBRID: the keyword ranking (100 deep) and the semantic ranking over every file
+**   (ef_search deep, at least 50) fused by reciprocal rank. The semantic ranking weighs the share
+*of its first 20 chunks
 **   that the keyword ranking also has among its first 20 (0 to 1; 1 when no chunk holds a query
 **   word), so an encoder that does not know the text cannot push good keyword hits down.
 **   score: 1 / (60 + keyword rank) + weight / (60 + semantic rank), ranks from 1, a missing rank

@@ -349,8 +349,39 @@ TEST(LexicalUpkeep, AgreesWithAFreshIndexAfterEveryChange)
 
     trn_close(e);
     e = trn_open(&cfg);
+    EXPECT_NE(e->lexical, nullptr) << "the index file written at close was not read";
     EXPECT_EQ(ranking(e), scratch({"c.txt", "d.txt", "b.txt"})) << "after reopening";
+
+    // The file's index, then the log's changes on top of it.
+    const std::vector<uint8_t> old_lex = read_file_bytes(dir.file("tarnwick.lex"));
+    trn_remove_file(e, "d.txt");
+    trn_ingest_text(e, "a.txt", files().at("a.txt").c_str(), 24, 4);
+    TrnConfig log_cfg = {copy.path().c_str(), nullptr, 0, 0, 0, 0};
+    for (const char *name : {"tarnwick.bin", "tarnwick.commit", "tarnwick.lex", "tarnwick.wal"}) {
+        std::vector<uint8_t> bytes = read_file_bytes(dir.file(name));
+        write_file_bytes(copy.file(name), bytes.data(), bytes.size());
+    }
+    replayed = trn_open(&log_cfg);
+    EXPECT_NE(replayed->lexical, nullptr);
+    EXPECT_EQ(ranking(replayed), scratch({"c.txt", "b.txt", "a.txt"})) << "file and log";
+    trn_compact(replayed);
+    EXPECT_EQ(ranking(replayed), scratch({"c.txt", "b.txt", "a.txt"})) << "and compaction";
+    trn_close(replayed);
     trn_close(e);
+
+    // A damaged file, or one of another store, is never used: the index is built afresh.
+    std::vector<uint8_t> lex = read_file_bytes(dir.file("tarnwick.lex"));
+    ASSERT_GT(lex.size(), 200u);
+    for (int variant = 0; variant < 2; variant++) {
+        std::vector<uint8_t> bad = lex;
+        bad[bad.size() - 40] ^= 0x01; /* a posting or a term's byte */
+        const std::vector<uint8_t> &use = variant == 0 ? bad : old_lex;
+        write_file_bytes(dir.file("tarnwick.lex"), use.data(), use.size());
+        e = trn_open(&cfg);
+        EXPECT_EQ(e->lexical, nullptr) << variant;
+        EXPECT_EQ(ranking(e), scratch({"c.txt", "b.txt", "a.txt"})) << variant;
+        trn_close(e);
+    }
 }
 
 } // namespace

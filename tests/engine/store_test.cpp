@@ -119,9 +119,11 @@ TEST(StoreFile, CheckpointWritesTheDocumentedLayout)
     EXPECT_TRUE(got == want.b);
     const uint8_t head[12] = {'T', 'R', 'N', 'W', 1, 0, 0, 0, 0, 2, 0, 0};
     EXPECT_EQ(memcmp(got.data(), head, sizeof head), 0);
-    /* No temporary file is left behind; the commit record and the lock file stand beside it. */
+    /* No temporary file is left behind; the commit record, the word index and the lock file
+    ** stand beside it. */
     EXPECT_EQ(dir_names(dir.path()),
-              (std::vector<std::string>{"tarnwick.bin", "tarnwick.commit", "tarnwick.lock"}));
+              (std::vector<std::string>{
+                  "tarnwick.bin", "tarnwick.commit", "tarnwick.lex", "tarnwick.lock"}));
     if (e->wal) {
         fclose(e->wal);
     }
@@ -450,7 +452,7 @@ TEST(StoreFile, FailedCheckpointKeepsTheStoreAndTheLog)
         << trn_last_error(e);
     EXPECT_EQ(file_size(dir.file("tarnwick.wal")), wal_before);
     EXPECT_TRUE(read_file_bytes(dir.file("tarnwick.bin")) == store_before);
-    EXPECT_EQ(dir_names(dir.path()).size(), 4u) << "a temporary file was left";
+    EXPECT_EQ(dir_names(dir.path()).size(), 5u) << "a temporary file was left";
     /* Appending still works after the failure. */
     ASSERT_EQ(trn_ingest_text(e, "/c/c.txt", "still logged", 800, 200), 1);
     EXPECT_GT(file_size(dir.file("tarnwick.wal")), wal_before);
