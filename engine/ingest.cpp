@@ -276,9 +276,31 @@ struct PendingChunk {
 
 } // namespace
 
+static int32_t chunk_and_store(TrnEngine *e, const char *path, const char *text, int64_t length,
+                               int32_t chunk_size, int32_t overlap, TrnFileType type, bool replace);
+
 int32_t chunk_and_ingest(TrnEngine *e, const char *path, const char *text, int64_t length,
                          int32_t chunk_size, int32_t overlap, TrnFileType type)
 {
+    return chunk_and_store(e, path, text, length, chunk_size, overlap, type, false);
+}
+
+int32_t chunk_and_replace(TrnEngine *e, const char *path, const char *text, int64_t length,
+                          int32_t chunk_size, int32_t overlap, TrnFileType type)
+{
+    return chunk_and_store(e, path, text, length, chunk_size, overlap, type, true);
+}
+
+/* With replace, the group that adds the chunks begins with the removal of the file's chunks, so
+** a crash leaves either the old chunks or the new ones, never both and never neither. An empty
+** text then only removes. */
+static int32_t chunk_and_store(TrnEngine *e, const char *path, const char *text, int64_t length,
+                               int32_t chunk_size, int32_t overlap, TrnFileType type, bool replace)
+{
+    if (replace && (length < 1 || chunk_size < 1)) {
+        int32_t removed = trn_remove_file(e, path);
+        return removed < 0 ? -1 : 0;
+    }
     /* A window of no bytes cuts nothing: a chunk_size below 1 adds no chunk. */
     if (length < 1 || chunk_size < 1) {
         return 0;
@@ -325,6 +347,9 @@ int32_t chunk_and_ingest(TrnEngine *e, const char *path, const char *text, int64
     if (write_begin(e)) {
         TrnBytes group;
         wal_group_begin(e, &group);
+        if (replace) {
+            wal_put_remove(&group, path);
+        }
         for (size_t i = 0; i < pending.size(); i++) {
             wal_put_add(&group,
                         pending[i].doc_id,
@@ -335,6 +360,9 @@ int32_t chunk_and_ingest(TrnEngine *e, const char *path, const char *text, int64
                         type);
         }
         if (wal_commit_group(e, &group)) {
+            if (replace) {
+                remove_file_mem(e, path);
+            }
             for (size_t i = 0; i < pending.size(); i++) {
                 add_doc_vec(e,
                             pending[i].doc_id,
@@ -471,6 +499,25 @@ char *strip_html(const char *p, size_t n)
     return out;
 }
 
+char *file_text(const char *path, TrnFileType type)
+{
+    uint64_t length = 0;
+    if (type == TRN_FILE_TYPE_HTML) {
+        char *raw = read_text_file(path, &length);
+        if (!raw) {
+            return nullptr;
+        }
+        char *text = strip_html(raw, (size_t)length);
+        free(raw);
+        return text;
+    }
+    if (type == TRN_FILE_TYPE_PDF) {
+        return pdf_text(path);
+    }
+    /* Bytes as they are, up to the first 0 byte: a DOCX container yields its first bytes. */
+    return read_text_file(path, &length);
+}
+
 extern "C" {
 
 int32_t trn_check_chunking(int32_t chunk_size, int32_t overlap, char *message, size_t size)
@@ -523,26 +570,9 @@ int32_t trn_ingest_file(TrnEngine *e, const char *path, int32_t chunk_size, int3
     if (stat(path, &st) != 0 || st.st_size > TRN_FILE_SIZE_MAX) {
         return -1; /* a PDF is checked here, before the converter runs */
     }
-    char *text = nullptr;
-    uint64_t length = 0;
-    if (type == TRN_FILE_TYPE_HTML) {
-        char *raw = read_text_file(path, &length);
-        if (!raw) {
-            return -1;
-        }
-        text = strip_html(raw, (size_t)length);
-        free(raw);
-    } else if (type == TRN_FILE_TYPE_PDF) {
-        text = pdf_text(path);
-        if (!text) {
-            return -1;
-        }
-    } else {
-        /* Bytes as they are, up to the first 0 byte: a DOCX container yields its first bytes. */
-        text = read_text_file(path, &length);
-        if (!text) {
-            return -1;
-        }
+    char *text = file_text(path, type);
+    if (!text) {
+        return -1;
     }
     int32_t n = chunk_and_ingest(e, path, text, (int64_t)strlen(text), chunk_size, overlap, type);
     free(text);
