@@ -31,6 +31,12 @@ const char USAGE[] =
     "         index DIR from scratch as the application does; chunk size and overlap come from\n"
     "         its settings (800 and 200 by default); chunks of 64 to 65536 bytes, overlap at\n"
     "         most half a chunk; files above 20 MiB are skipped\n"
+    "  update DIR [--chunk-size N] [--overlap N] [--weights PATH] [--json]\n"
+    "         bring DIR's index up to date: index new files, re-index changed ones, drop\n"
+    "         deleted ones; unchanged files are not read\n"
+    "  watch  DIR [--chunk-size N] [--overlap N] [--weights PATH] [--json]\n"
+    "         update, then update again each time files change (after 2 s of quiet), one line\n"
+    "         per update, until interrupted (Ctrl+C)\n"
     "  search DIR QUERY [--mode hybrid|semantic|keyword|text|regex] [-k N] [--weights PATH]\n"
     "         [--json]  show the k best chunks (10 by default, at most 64); hybrid (by words\n"
     "         and by meaning) by default\n"
@@ -75,6 +81,8 @@ struct CommandRule {
 
 constexpr CommandRule COMMANDS[] = {
     {"index", 1, 1, true, true, false, false, false, false},
+    {"update", 1, 1, true, true, false, true, false, false},
+    {"watch", 1, 1, true, true, false, true, false, false},
     {"search", 2, 2, false, true, true, true, false, false},
     {"prompt", 2, 2, false, true, true, false, true, false},
     {"files", 1, 1, false, false, false, true, false, false},

@@ -425,6 +425,32 @@ std::string application_weights(const std::string &root, std::string *descriptio
     return "";
 }
 
+void application_chunking(int32_t *chunk_size, int32_t *overlap)
+{
+    Settings *settings = Settings::standard();
+    *chunk_size = settings->effectiveChunkSize();
+    *overlap = settings->effectiveOverlap();
+}
+
+std::vector<std::string> application_extra_extensions()
+{
+    std::vector<std::string> out;
+    for (const QString &ext : TarnwickEngine::extraExtensions()) {
+        out.push_back(ext.toStdString());
+    }
+    return out;
+}
+
+bool index_encoder_matches(const std::string &root, const std::string &weights)
+{
+    return EncoderRecord::matches(path_text(root), path_text(weights));
+}
+
+void note_index_encoder(const std::string &root, const std::string &weights)
+{
+    EncoderRecord::write(path_text(root), path_text(weights));
+}
+
 void model_index(const Options &o)
 {
     Settings *settings = Settings::standard();

@@ -13,7 +13,9 @@
 
 #include "args.h"
 
+#include <cstdint>
 #include <string>
+#include <vector>
 
 // True when the program was built on the application's model.
 extern const bool HAVE_APPLICATION_MODEL;
@@ -40,6 +42,16 @@ private:
 // built-in encoder beside the program, else "" (the untrained encoder). description says which,
 // for a line on standard error.
 std::string application_weights(const std::string &root, std::string *description);
+
+// What update and watch index with when the command line does not say: the application's
+// chunking ("chunkSize", "overlap") and extra extensions, or 800, 200 and none without the model.
+void application_chunking(int32_t *chunk_size, int32_t *overlap);
+std::vector<std::string> application_extra_extensions();
+// Whether root's index may be updated with weights: the application's record of the encoder that
+// built it names the same one (always true without the model, which keeps no record).
+bool index_encoder_matches(const std::string &root, const std::string &weights);
+// Records that root's index was built with weights, so the application does not rebuild it.
+void note_index_encoder(const std::string &root, const std::string &weights);
 
 // index DIR: drops the index and walks DIR with TarnwickEngine::ingestDirectory.
 void model_index(const Options &o);

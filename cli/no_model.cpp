@@ -38,6 +38,24 @@ std::string application_weights(const std::string &, std::string *description)
     return "";
 }
 
+void application_chunking(int32_t *chunk_size, int32_t *overlap)
+{
+    *chunk_size = 800;
+    *overlap = 200;
+}
+
+std::vector<std::string> application_extra_extensions()
+{
+    return {};
+}
+
+bool index_encoder_matches(const std::string &, const std::string &)
+{
+    return true;
+}
+
+void note_index_encoder(const std::string &, const std::string &) {}
+
 void model_index(const Options &)
 {
     throw Failure("built without the application model");

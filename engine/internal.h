@@ -473,7 +473,7 @@ extern uint64_t g_update_files_read;
 ** update (3 s; a test hook). */
 extern int64_t g_update_recent_ns;
 /* The text to index of a file of an indexable type, or NULL when it cannot be read or turns out
-** binary (*binary set then). */
+** binary: a 0 byte in its first 8 KiB, or not UTF-8 (*binary set then). */
 char *update_text(const char *path, TrnFileType type, bool *binary);
 
 #endif /* TRN_INTERNAL_H */

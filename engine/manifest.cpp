@@ -87,8 +87,8 @@ void manifest_add(Manifest *m, const ManifestEntry *e)
 {
     if (m->count == m->capacity) {
         uint32_t grown = m->capacity ? m->capacity * 2 : 256;
-        m->entries = static_cast<ManifestEntry *>(
-            xrealloc(m->entries, xmul(grown, sizeof(ManifestEntry))));
+        m->entries =
+            static_cast<ManifestEntry *>(xrealloc(m->entries, xmul(grown, sizeof(ManifestEntry))));
         m->capacity = grown;
     }
     ManifestEntry *slot = &m->entries[m->count++];
@@ -139,11 +139,11 @@ bool manifest_read(const char *path, Manifest *m)
     Reader r = {bytes, size - 4};
     char magic[4];
     uint32_t version = 0, count = 0;
-    bool ok = got == size && stored_crc == crc32_update(0, bytes, size - 4)
-              && take(&r, magic, 4) && memcmp(magic, "TRNF", 4) == 0 && take(&r, &version, 4)
+    bool ok = got == size && stored_crc == crc32_update(0, bytes, size - 4) && take(&r, magic, 4)
+              && memcmp(magic, "TRNF", 4) == 0 && take(&r, &version, 4)
               && version == MANIFEST_VERSION && take(&r, &m->chunk_size, 4)
-              && take(&r, &m->overlap, 4) && take(&r, &m->text_version, 4)
-              && take(&r, &count, 4) && (uint64_t)count * ENTRY_FIXED <= r.left;
+              && take(&r, &m->overlap, 4) && take(&r, &m->text_version, 4) && take(&r, &count, 4)
+              && (uint64_t)count * ENTRY_FIXED <= r.left;
     for (uint32_t i = 0; ok && i < count; i++) {
         ManifestEntry e = {};
         uint32_t n = 0;

@@ -418,7 +418,10 @@ enum { TRN_UPDATE_COMPACT_PERCENT = 25 };
 ** of an empty index): walks dir with opts (NULL: the defaults), ingests the files that are new,
 ** replaces the chunks of files whose text changed, removes the chunks of files that are gone,
 ** excluded, too large or binary now, and leaves the rest alone, then rebuilds the document
-** index and compacts as TRN_UPDATE_COMPACT_PERCENT says.
+** index and compacts as TRN_UPDATE_COMPACT_PERCENT says. Files are classified as
+** trn_detect_file_type does (extra extensions are text when their first bytes look like text);
+** a text, source or Markdown file with a 0 byte in its first 8 KiB or that is not UTF-8 counts
+** as binary, and a text shorter than 11 bytes gives no chunks.
 **
 ** Which files changed comes from the manifest "tarnwick.files" in the index directory: each
 ** file's size, modification and change times (nanoseconds), inode, type, chunk count and a hash
@@ -432,7 +435,10 @@ enum { TRN_UPDATE_COMPACT_PERCENT = 25 };
 **
 ** progress (may be NULL) is called with path NULL and done 0 once the walk found the work (total:
 ** files to read or remove), then after each of them with its path; returning false stops the
-** update after the current file (what was done is kept, report->cancelled set). report may be
+** update after the current file (what was done is kept, report->cancelled set). Between files
+** the handle is whole, so progress may call trn_search, trn_stats and trn_list_dir_files on e
+** (an application keeps searching during a long update that way), but no other function on e.
+*report may be
 ** NULL; it is filled in as the update goes. On a handle opened with TRN_OPEN_REBUILD the update
 ** ends with trn_checkpoint (the rebuilt index replaces the old one) unless it was cancelled or
 ** failed. Returns the chunks added, or -1 when dir cannot be opened or a write failed (the

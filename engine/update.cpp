@@ -25,6 +25,7 @@
 */
 #include "internal.h"
 
+#include <algorithm>
 #include <cstring>
 #include <ctime>
 #include <string>
@@ -50,6 +51,8 @@ constexpr int64_t RECENT_NS = 3000000000ll;
 /* A long update writes the manifest this often, so a kill costs at most this much reading. */
 constexpr int64_t MANIFEST_INTERVAL_NS = 5000000000ll;
 constexpr size_t SNIFF_BYTES = 8192; /* a 0 byte in these makes a text file binary */
+/* A text shorter than this says nothing a search could find: the file keeps no chunks. */
+constexpr size_t TEXT_MIN = 11;
 
 using XString = std::basic_string<char, std::char_traits<char>, XAllocator<char>>;
 
@@ -153,6 +156,34 @@ bool sniffs_as_text(const char *path)
     return n > 0 && control * 10 < n;
 }
 
+/* Well-formed UTF-8: no stray continuation bytes, no overlong forms, no surrogates, nothing
+** above U+10FFFF. A file in another encoding is not indexed rather than indexed as noise. */
+bool valid_utf8(const char *text, size_t n)
+{
+    const unsigned char *p = reinterpret_cast<const unsigned char *>(text);
+    size_t i = 0;
+    while (i < n) {
+        unsigned char c = p[i];
+        size_t len = c < 0x80 ? 1 : (c >> 5) == 6 ? 2 : (c >> 4) == 14 ? 3 : (c >> 3) == 30 ? 4 : 0;
+        if (len == 0 || i + len > n) {
+            return false;
+        }
+        uint32_t cp = len == 1 ? c : c & (0x7F >> len);
+        for (size_t k = 1; k < len; k++) {
+            if ((p[i + k] & 0xC0) != 0x80) {
+                return false;
+            }
+            cp = (cp << 6) | (p[i + k] & 0x3F);
+        }
+        const uint32_t least[] = {0, 0, 0x80, 0x800, 0x10000};
+        if (cp < least[len] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
+            return false;
+        }
+        i += len;
+    }
+    return true;
+}
+
 int64_t stat_ns(const struct timespec &t)
 {
     return (int64_t)t.tv_sec * 1000000000ll + t.tv_nsec;
@@ -212,7 +243,9 @@ char *update_text(const char *path, TrnFileType type, bool *binary)
         || type == TRN_FILE_TYPE_MARKDOWN) {
         uint64_t length = 0;
         char *text = read_text_file(path, &length);
-        if (text && memchr(text, 0, length < SNIFF_BYTES ? length : SNIFF_BYTES)) {
+        if (text
+            && (memchr(text, 0, length < SNIFF_BYTES ? length : SNIFF_BYTES)
+                || !valid_utf8(text, (size_t)length))) {
             free(text);
             *binary = true;
             return nullptr;
@@ -249,10 +282,10 @@ bool collect_file(const char *path, const struct stat *st, void *arg)
 /* One piece of work the comparison found. */
 struct Work {
     XString path;
-    int64_t walked;     /* index into the walked list; -1 for a removal of a vanished file */
-    int64_t old_entry;  /* index into the old manifest, or -1 */
-    uint32_t type;      /* classification of an ingest */
-    bool remove_only;   /* not indexable now: only its chunks go */
+    int64_t walked;    /* index into the walked list; -1 for a removal of a vanished file */
+    int64_t old_entry; /* index into the old manifest, or -1 */
+    uint32_t type;     /* classification of an ingest */
+    bool remove_only;  /* not indexable now: only its chunks go */
 };
 
 ManifestEntry entry_for(const WalkedFile &w, uint32_t type)
@@ -332,6 +365,11 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
     if (update_walk(root.c_str(), opts, collect_file, &walked) != 0) {
         return -1;
     }
+    /* In path order, whatever order the directories list their entries in: an index built from
+    ** the same tree holds its chunks in the same order. */
+    std::sort(walked.begin(), walked.end(), [](const WalkedFile &a, const WalkedFile &b) {
+        return a.path < b.path;
+    });
     index_refresh_for_read(e);
 
     const bool has_files = e->store_path[0] != '\0';
@@ -452,6 +490,9 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
                 report->failed++; /* no entry: the next update tries again */
             } else {
                 size_t length = strlen(text);
+                if (length < TEXT_MIN) {
+                    length = 0; /* replaced by nothing: chunks it had go */
+                }
                 entry.text_hash = text_hash(text, length);
                 entry.flags = read_at - w->mtime_ns < g_update_recent_ns ? MANIFEST_FLAG_RECENT : 0;
                 if (oe && oe->text_hash == entry.text_hash && oe->type == job.type
@@ -468,9 +509,9 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
                     }
                     entry.chunks = (uint32_t)n;
                     store_chunks[job.path] = (uint32_t)n;
-                    if (held > 0 || oe) {
+                    if (held > 0 || (oe && oe->chunks > 0)) {
                         report->changed++;
-                    } else {
+                    } else if (n > 0) {
                         report->added++;
                     }
                     report->chunks_added += n;

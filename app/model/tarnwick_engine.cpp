@@ -24,6 +24,7 @@
 #include <cstdlib>
 #include <limits>
 #include <memory>
+#include <thread>
 #include <vector>
 
 #include <sys/stat.h>
@@ -169,26 +170,6 @@ void createIndexDir(const QString &dataDir)
 {
     QDir().mkpath(QFileInfo(dataDir).path());
     ::mkdir(QFile::encodeName(dataDir).constData(), 0700);
-}
-
-// The file's contents as UTF-8 text; nullopt when unreadable or not valid UTF-8.
-std::optional<QString> readUtf8File(const QString &path)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly) || file.size() > TRN_FILE_SIZE_MAX) {
-        return std::nullopt;
-    }
-    // One byte more than the limit tells a file that grew since from one that fits.
-    const QByteArray bytes = file.read(qint64(TRN_FILE_SIZE_MAX) + 1);
-    if (bytes.size() > TRN_FILE_SIZE_MAX) {
-        return std::nullopt;
-    }
-    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
-    QString text = decoder.decode(bytes);
-    if (decoder.hasError()) {
-        return std::nullopt;
-    }
-    return text;
 }
 
 std::unique_ptr<Poppler::Document> loadPdf(const QString &path)
@@ -347,7 +328,12 @@ bool TarnwickEngine::isOpen() const
 
 void TarnwickEngine::clearAndReopen(const QString &weightsPath)
 {
-    std::lock_guard<std::mutex> lock(engineMutex());
+    std::unique_lock<std::mutex> lock(engineMutex());
+    // A running update stops after its current file; the handle is closed only then.
+    m_cancelUpdate = true;
+    m_updateEnded.wait(lock, [this] {
+        return !m_updateRunning;
+    });
     if (m_handle) {
         trn_close(m_handle);
         m_handle = nullptr;
@@ -356,66 +342,76 @@ void TarnwickEngine::clearAndReopen(const QString &weightsPath)
     openLocked(weightsPath, TRN_OPEN_REBUILD);
 }
 
-int TarnwickEngine::ingestDirectory(int chunkSize, int overlap, const ProgressFn &progress)
+namespace
 {
-    if (!isOpen()) {
+
+// What trn_update_dir's progress callback needs: the caller's callback, the report the engine
+// fills in as it goes, and the lock to open between files.
+struct UpdateProgress {
+    const TarnwickEngine::ProgressFn *progress;
+    const TrnUpdateReport *report;
+    std::unique_lock<std::mutex> *lock;
+    const bool *cancel; // guarded by engineMutex()
+};
+
+bool onUpdateProgress(const char *, int32_t done, int32_t total, void *user)
+{
+    UpdateProgress *p = static_cast<UpdateProgress *>(user);
+    // Between two files the handle is whole: searches of this tab and other tabs' work run here.
+    p->lock->unlock();
+    if (*p->progress) {
+        (*p->progress)(done, total, p->report->chunks_added);
+    }
+    std::this_thread::yield();
+    p->lock->lock();
+    return !*p->cancel;
+}
+
+} // namespace
+
+int TarnwickEngine::ingestDirectory(int chunkSize, int overlap, const ProgressFn &progress,
+                                    TrnUpdateReport *report)
+{
+    TrnUpdateReport local{};
+    if (!report) {
+        report = &local;
+    }
+    *report = TrnUpdateReport{};
+    const QByteArray dir = QFile::encodeName(m_directoryPath);
+    QList<QByteArray> extensions;
+    for (const QString &ext : extraExtensions()) {
+        extensions.append(ext.toUtf8());
+    }
+    std::vector<const char *> extensionPointers;
+    for (const QByteArray &ext : extensions) {
+        extensionPointers.push_back(ext.constData());
+    }
+    TrnWalkOptions options{};
+    options.extra_extensions = extensionPointers.data();
+    options.extra_extension_count = static_cast<int32_t>(extensionPointers.size());
+
+    std::unique_lock<std::mutex> lock(engineMutex());
+    if (!m_handle || m_updateRunning) {
         return -1;
     }
-    QList<WalkEntry> entries;
-    if (!walkDirectory(m_directoryPath, false, &entries)) {
-        return -1;
+    m_updateRunning = true;
+    m_cancelUpdate = false;
+    UpdateProgress state{&progress, report, &lock, &m_cancelUpdate};
+    // m_handle stays while m_updateRunning: clearAndReopen waits for the update to stop.
+    const int32_t n = trn_update_dir(m_handle,
+                                     dir.constData(),
+                                     checkedInt32(chunkSize),
+                                     checkedInt32(overlap),
+                                     &options,
+                                     onUpdateProgress,
+                                     &state,
+                                     report);
+    if (n < 0) {
+        noteFailureLocked(trn_last_status(m_handle), trn_last_error(m_handle));
     }
-    const QSet<QString> extra = extraExtensions();
-    struct Candidate {
-        QString path;
-        bool isPdf;
-    };
-    QList<Candidate> candidates;
-    for (const WalkEntry &entry : entries) {
-        const FileClassification c = classify(entry.path, extra);
-        // Skipped on its size alone: a file this large is never read into memory.
-        if (c.isIndexable && entry.size <= TRN_FILE_SIZE_MAX) {
-            candidates.append(Candidate{entry.path, c.fileType == QLatin1String("PDF")});
-        }
-    }
-    const int found = static_cast<int>(candidates.size());
-    if (progress) {
-        progress(0, found, 0);
-    }
-    const int32_t chunk32 = checkedInt32(chunkSize);
-    const int32_t overlap32 = checkedInt32(overlap);
-    int total = 0;
-    int done = 0;
-    for (const Candidate &candidate : candidates) {
-        std::optional<QString> text =
-            candidate.isPdf ? extractPDFText(candidate.path) : readUtf8File(candidate.path);
-        if (text && text->size() >= 11) {
-            const QByteArray path = QFile::encodeName(candidate.path);
-            const QByteArray utf8 = text->toUtf8();
-            std::lock_guard<std::mutex> lock(engineMutex());
-            if (m_handle) {
-                const int32_t n = trn_ingest_text(
-                    m_handle, path.constData(), utf8.constData(), chunk32, overlap32);
-                if (n > 0) {
-                    total += n;
-                }
-                // A write that failed (busy, full disk) would fail for every later file too.
-                if (n < 0 && trn_last_status(m_handle) != TRN_STATUS_OK) {
-                    noteFailureLocked(trn_last_status(m_handle), trn_last_error(m_handle));
-                    return -1;
-                }
-            }
-        }
-        done++;
-        if (progress) {
-            progress(done, found, total);
-        }
-    }
-    std::lock_guard<std::mutex> lock(engineMutex());
-    if (m_handle) {
-        trn_build_doc_index(m_handle);
-    }
-    return total;
+    m_updateRunning = false;
+    m_updateEnded.notify_all();
+    return n;
 }
 
 std::optional<QString> TarnwickEngine::regexError(const QString &query)

@@ -1,17 +1,18 @@
 /*
 ** tarnwick_engine.h -- the application's side of one directory's index.
 **
-** TarnwickEngine owns one engine handle (tarnwick.h) opened on "<directory>/.tarnwick". It walks
-** the directory itself (so the application decides what is text), hands each file's text to the
-** engine, runs searches and copies their records into value types, and lists the directory's
-** files with their index state.
+** TarnwickEngine owns one engine handle (tarnwick.h) opened on "<directory>/.tarnwick". It keeps
+** the index up to date through the engine's update (which walks, classifies and reads the files),
+** runs searches and copies their records into value types, and lists the directory's files with
+** their index state.
 **
 ** The type-level operations (static members) classify files with the application's own
 ** extension table, extract PDF text with poppler, and open results in external applications.
 **
 ** Locking: every trn_ call in the process goes through engineMutex(), because the engine is not
 ** reentrant and its encoder scratch space is shared by all handles. The lock is taken per call
-** (per file while indexing), so a search can run between two files of another tab's indexing.
+** (per file while indexing: the update opens it between files), so a search can run between two
+** files of any tab's indexing.
 ** The handle pointer itself is guarded by the same mutex, so clearAndReopen may run while a
 ** worker thread is using the object.
 */
@@ -27,6 +28,7 @@
 #include <QString>
 #include <QUrl>
 
+#include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -117,7 +119,8 @@ public:
     bool isOpen() const;
 
     // Closes the engine and opens an empty one that rebuilds the index beside the old one; the
-    // old index is replaced by the next successful checkpoint().
+    // old index is replaced by the next successful checkpoint() or ingestDirectory(). A running
+    // ingestDirectory() is stopped after its current file first.
     void clearAndReopen(const QString &weightsPath);
     // Opens again when the last open failed (busy); true when it is open now.
     bool reopen(const QString &weightsPath);
@@ -127,13 +130,17 @@ public:
     QString lastError() const;
     int lastStatus() const;
 
-    // Walks the directory (walkDirectory of file_walk.h: hidden names skipped, links followed
-    // only inside the directory) and ingests every indexable file of at most TRN_FILE_SIZE_MAX
-    // bytes whose text has at least 11 characters, then rebuilds the document index. Returns the
-    // chunks added, or -1 when the engine is not open, the directory cannot be read or a write
-    // failed (see lastError; the walk stops there). progress
-    // (may be empty) is called with (0, found, 0) once the walk is done and after each file.
-    int ingestDirectory(int chunkSize, int overlap, const ProgressFn &progress = {});
+    // Brings the index up to date with the directory (trn_update_dir, with the extra extensions
+    // of the settings): new files ingested, changed ones replaced, deleted or excluded ones
+    // removed, unchanged ones not read. On a handle opened to rebuild, the rebuilt index replaces
+    // the old one at the end. Returns the chunks added, or -1 when the engine is not open, an
+    // update already runs, the directory cannot be read or a write failed (see lastError).
+    // progress (may be empty) is called with (0, files to read or remove, 0) once the walk is
+    // done, then after each of them with (files done, that total, chunks added). The engine lock is
+    // open while progress runs, so searches go on between files. report, when given, says what the
+    // update did.
+    int ingestDirectory(int chunkSize, int overlap, const ProgressFn &progress = {},
+                        TrnUpdateReport *report = nullptr);
 
     // Nullopt when query compiles as a regex-mode query, else the reason in one line.
     static std::optional<QString> regexError(const QString &query);
@@ -196,6 +203,9 @@ private:
     TrnEngine *m_handle = nullptr;    // guarded by engineMutex(); NULL when not open
     QString m_lastError;              // guarded by engineMutex()
     int m_lastStatus = TRN_STATUS_OK; // guarded by engineMutex()
+    bool m_updateRunning = false;     // guarded by engineMutex()
+    bool m_cancelUpdate = false;      // guarded by engineMutex()
+    std::condition_variable m_updateEnded;
 };
 
 Q_DECLARE_METATYPE(SearchResult)

@@ -129,8 +129,8 @@ TEST_P(UpdateAfterChange, HoldsWhatAFreshIndexOfTheSameTreeHolds)
     for (size_t i = 0; i < names.size(); i++) {
         struct stat st;
         ASSERT_EQ(stat((index + "/" + names[i]).c_str(), &st), 0) << names[i];
-        EXPECT_EQ(stamps[i], std::make_pair((long)st.st_size,
-                                            (long)st.st_mtim.tv_nsec + st.st_mtim.tv_sec))
+        EXPECT_EQ(stamps[i],
+                  std::make_pair((long)st.st_size, (long)st.st_mtim.tv_nsec + st.st_mtim.tv_sec))
             << names[i] << " was written by an update with nothing to do";
     }
 }
@@ -145,28 +145,72 @@ void age(const std::string &path)
 }
 
 const Change CHANGES[] = {
-    {"Add", [](const std::string &s) { write_file_text(s + "/sub/e.txt", long_text("echo", 9)); },
-     1, 0, 0, 3, 1},
-    {"Edit", [](const std::string &s) { write_file_text(s + "/a.txt", long_text("alpha!", 31)); },
-     0, 1, 0, 2, 1},
-    {"Delete", [](const std::string &s) { unlink((s + "/b.md").c_str()); }, 0, 0, 1, 2, 0},
+    {"Add",
+     [](const std::string &s) {
+         write_file_text(s + "/sub/e.txt", long_text("echo", 9));
+     },
+     1,
+     0,
+     0,
+     3,
+     1},
+    {"Edit",
+     [](const std::string &s) {
+         write_file_text(s + "/a.txt", long_text("alpha!", 31));
+     },
+     0,
+     1,
+     0,
+     2,
+     1},
+    {"Delete",
+     [](const std::string &s) {
+         unlink((s + "/b.md").c_str());
+     },
+     0,
+     0,
+     1,
+     2,
+     0},
     {"Rename",
-     [](const std::string &s) { rename((s + "/a.txt").c_str(), (s + "/sub/z.txt").c_str()); },
-     1, 0, 1, 2, 1},
+     [](const std::string &s) {
+         rename((s + "/a.txt").c_str(), (s + "/sub/z.txt").c_str());
+     },
+     1,
+     0,
+     1,
+     2,
+     1},
     {"TurnBinary",
      [](const std::string &s) {
          std::string bytes("bin\0\1\2\3 data", 13);
          write_file_bytes(s + "/sub/c.txt", bytes.data(), bytes.size());
      },
-     0, 0, 1, 2, 1},
+     0,
+     0,
+     1,
+     2,
+     1},
     {"Excluded",
      [](const std::string &s) {
          mkdir((s + "/node_modules").c_str(), 0700);
          write_file_text(s + "/node_modules/x.js", long_text("excluded", 9));
      },
-     0, 0, 0, 3, 0},
+     0,
+     0,
+     0,
+     3,
+     0},
     /* Times changed, text not: read again, not embedded again. */
-    {"TouchOnly", [](const std::string &s) { age(s + "/a.txt"); }, 0, 0, 0, 3, 1},
+    {"TouchOnly",
+     [](const std::string &s) {
+         age(s + "/a.txt");
+     },
+     0,
+     0,
+     0,
+     3,
+     1},
 };
 
 INSTANTIATE_TEST_SUITE_P(Changes, UpdateAfterChange, testing::ValuesIn(CHANGES),
