@@ -2,9 +2,10 @@
 ** live_update_bench.cpp -- from saving a file to seeing it in a tab's search results, through
 ** the application's model (DirectoryState with its directory watcher), without pressing anything.
 **
-**   live_update_bench [--files N] [--runs R] [--settle MS]
+**   live_update_bench [--files N | --tree DIR] [--runs R] [--settle MS]
 **
-** Makes a tree of N small text files (default 20,000), opens it as a tab and indexes it once.
+** Makes a tree of N small text files (default 20,000), opens it as a tab and indexes it once;
+** --tree takes the tree update_bench --keep left instead (indexed with the untrained encoder).
 ** Then, R times (default 3): one file is rewritten with a word found nowhere else, and the clock
 ** runs until a text search of the tab shows that file. The watcher waits --settle milliseconds of
 ** quiet first (the application's 2000 by default), then the update reads and embeds the file.
@@ -13,6 +14,7 @@
 ** shared machine.
 */
 #include "directory_state.h"
+#include "encoder_record.h"
 #include "settings.h"
 
 #include <QCoreApplication>
@@ -74,7 +76,11 @@ int main(int argc, char **argv)
     int files = 20000;
     int runs = 3;
     int settle = 2000;
+    QString given;
     for (int i = 1; i + 1 < argc; i += 2) {
+        if (std::strcmp(argv[i], "--tree") == 0) {
+            given = QString::fromLocal8Bit(argv[i + 1]);
+        }
         if (std::strcmp(argv[i], "--files") == 0) {
             files = std::atoi(argv[i + 1]);
         } else if (std::strcmp(argv[i], "--runs") == 0) {
@@ -90,7 +96,8 @@ int main(int argc, char **argv)
         new QSettings(home.filePath(QStringLiteral("settings.ini")), QSettings::IniFormat)));
     Settings::standard()->setValue(QStringLiteral("watchSettleMs"), settle);
     TarnwickEngine::setVerbose(false);
-    for (int i = 0; i < files; i++) {
+    const QString root = given.isEmpty() ? tree.path() : given;
+    for (int i = 0; given.isEmpty() && i < files; i++) {
         const QString dir = tree.filePath(QStringLiteral("d%1").arg(i / 100));
         if (i % 100 == 0) {
             QDir().mkpath(dir);
@@ -99,18 +106,25 @@ int main(int argc, char **argv)
     }
 
     DirectoryTab tab;
-    tab.path = tree.path();
+    tab.path = root;
+    if (!given.isEmpty()) {
+        EncoderRecord::write(root, QString()); // update_bench's encoder: the untrained one
+    }
     tab.name = QStringLiteral("tree");
     DirectoryState state(tab, QString());
     QElapsedTimer clock;
     clock.start();
     state.ingest(800, 200);
-    if (!waitFor([&state] { return !state.isIngesting(); }, 3600000)) {
+    if (!waitFor(
+            [&state] {
+                return !state.isIngesting();
+            },
+            3600000)) {
         std::fprintf(stderr, "first indexing did not finish\n");
         return 1;
     }
-    std::printf("tree: %d files; first indexing %.1f s; watching: %s\n\n",
-                files,
+    std::printf("tree: %s; first indexing (an update) %.1f s; watching: %s\n\n",
+                qPrintable(root),
                 clock.elapsed() / 1000.0,
                 state.isWatching() ? "yes" : "no");
 
@@ -118,9 +132,13 @@ int main(int argc, char **argv)
     for (int r = 0; r < runs; r++) {
         const QByteArray word = QByteArray("quokka") + QByteArray::number(r);
         const QByteArray text = fileText(300 + r) + "Seen a " + word + " today.\n";
-        const QString path = tree.filePath(QStringLiteral("d3/f%1.txt").arg(300 + r));
+        const QString path = root + QStringLiteral("/d3/f%1.txt").arg(300 + r);
         // Let the previous round's writes settle before the clock starts.
-        waitFor([] { return false; }, 300);
+        waitFor(
+            [] {
+                return false;
+            },
+            300);
         clock.restart();
         writeFile(path, text);
         bool found = waitFor(

@@ -1,7 +1,7 @@
 /*
 ** update_bench.cpp -- how long trn_update_dir takes when little or nothing changed.
 **
-**   update_bench [--files N] [--runs R]
+**   update_bench [--files N] [--runs R] [--keep]
 **
 ** Makes a tree of N small text files (default 20,000, 100 to a directory) in a temporary
 ** directory, indexes it once with trn_update_dir, and then measures in the same run:
@@ -13,8 +13,10 @@
 **   update, 1 edit   trn_update_dir after one file was rewritten;
 **   embed that file  the embedding of that file's chunks alone, the floor for the line above.
 **
-** Each row is the median, min and max of R runs (default 5). Both temporary directories are
-** removed at the end. Run with OPENBLAS_NUM_THREADS=1 on a shared machine.
+** Each row is the median, min and max of R runs (default 5). The index lives in the tree's
+** ".tarnwick", as the application keeps it; the tree is removed at the end unless --keep is
+** given (live_update_bench --tree takes it then, indexed). Run with OPENBLAS_NUM_THREADS=1 on a
+*shared machine.
 */
 #include "internal.h"
 #include "tarnwick.h"
@@ -51,17 +53,14 @@ void print_row(const Row &r)
 {
     std::vector<double> s = r.seconds;
     std::sort(s.begin(), s.end());
-    std::printf("| %-28s | %9.4f | %9.4f | %9.4f |\n",
-                r.name,
-                s[s.size() / 2],
-                s.front(),
-                s.back());
+    std::printf(
+        "| %-28s | %9.4f | %9.4f | %9.4f |\n", r.name, s[s.size() / 2], s.front(), s.back());
 }
 
 std::string file_text(int i)
 {
-    std::string text = "Note " + std::to_string(i) + ": the harbour master logs boat " +
-                       std::to_string(i * 7 % 1000) + " at the north quay.\n";
+    std::string text = "Note " + std::to_string(i) + ": the harbour master logs boat "
+                       + std::to_string(i * 7 % 1000) + " at the north quay.\n";
     return text;
 }
 
@@ -84,11 +83,14 @@ int main(int argc, char **argv)
 {
     int files = 20000;
     int runs = 5;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        if (std::strcmp(argv[i], "--files") == 0) {
-            files = std::atoi(argv[i + 1]);
-        } else if (std::strcmp(argv[i], "--runs") == 0) {
-            runs = std::atoi(argv[i + 1]);
+    bool keep = false;
+    for (int i = 1; i < argc; i++) {
+        if (std::strcmp(argv[i], "--keep") == 0) {
+            keep = true;
+        } else if (i + 1 < argc && std::strcmp(argv[i], "--files") == 0) {
+            files = std::atoi(argv[++i]);
+        } else if (i + 1 < argc && std::strcmp(argv[i], "--runs") == 0) {
+            runs = std::atoi(argv[++i]);
         }
     }
     if (files < 1 || runs < 1) {
@@ -97,9 +99,9 @@ int main(int argc, char **argv)
     }
     trn_set_verbose(0);
     char tree_tmpl[] = "/tmp/trn_update_bench_XXXXXX";
-    char index_tmpl[] = "/tmp/trn_update_index_XXXXXX";
     std::string tree = mkdtemp(tree_tmpl);
-    std::string index = mkdtemp(index_tmpl);
+    std::string index = tree + "/.tarnwick";
+    fs::create_directory(index);
     for (int i = 0; i < files; i++) {
         std::string dir = tree + "/d" + std::to_string(i / 100);
         if (i % 100 == 0) {
@@ -160,8 +162,11 @@ int main(int argc, char **argv)
     for (const Row &row : {walk, nothing, edit, embed}) {
         print_row(row);
     }
-    fs::remove_all(tree);
-    fs::remove_all(index);
+    if (keep) {
+        std::printf("\nkept the indexed tree %s\n", tree.c_str());
+    } else {
+        fs::remove_all(tree);
+    }
     if (!ok) {
         std::printf("\nthe updates did not report what was changed\n");
         return 1;

@@ -235,7 +235,14 @@ void DirectoryState::runIndexing(int chunkSize, int overlap, bool checkpoint)
                 self->retryCheckpoint(1);
             }
             emit self->ingestFinished();
-            if (self && self->m_updatePending) {
+            if (!self) {
+                return;
+            }
+            // The results on screen follow the index: the current search runs again.
+            if (!self->m_lastQuery.isEmpty() && n >= 0) {
+                self->runSearch(self->m_searchLimit);
+            }
+            if (self->m_updatePending) {
                 self->update();
             }
         });

@@ -130,7 +130,8 @@ public:
     // index (new, changed and deleted files only), then a checkpoint.
     void ingest(int chunkSize, int overlap);
     // "Re-index directory": brings the index up to date with the directory in the background,
-    // reading only what changed. The watcher does the same by itself once changes settle.
+    // reading only what changed. The watcher does the same by itself once changes settle. After
+    // every indexing the current search runs again, so the results follow the files.
     void update();
     // "Rebuild index": discards the index, reopens the engine with effectiveWeightsPath() and
     // indexes everything again with the chunk size and overlap from the settings.
