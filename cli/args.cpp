@@ -31,6 +31,12 @@ const char USAGE[] =
     "         index DIR from scratch as the application does; chunk size and overlap come from\n"
     "         its settings (800 and 200 by default); chunks of 64 to 65536 bytes, overlap at\n"
     "         most half a chunk; which files are read as for files below\n"
+    "  update DIR [--chunk-size N] [--overlap N] [--weights PATH] [--json]\n"
+    "         bring DIR's index up to date: index new files, re-index changed ones, drop\n"
+    "         deleted and excluded ones; unchanged files are not read\n"
+    "  watch  DIR [--chunk-size N] [--overlap N] [--weights PATH] [--json]\n"
+    "         update, then update again each time files change (after 2 s of quiet), one line\n"
+    "         per update, until interrupted (Ctrl+C)\n"
     "  search DIR QUERY [--mode hybrid|semantic|keyword|text|regex] [-k N] [--weights PATH]\n"
     "         [--json]  show the k best chunks (10 by default, at most 64); hybrid (by words\n"
     "         and by meaning) by default\n"
@@ -56,14 +62,15 @@ const char USAGE[] =
     "                   the directory's encoder in the application (the default profile's\n"
     "                   weights once trained, else the built-in encoder)\n"
     "  --json           print JSON instead of text\n"
-    "  --exclude PATTERN  (index, files) skip what PATTERN matches, in .gitignore syntax;\n"
-    "                   repeatable; replaces the application's patterns (.git, node_modules,\n"
-    "                   __pycache__, build, dist, target, .venv by default). .gitignore and\n"
-    "                   .tarnwickignore files in DIR are always honoured\n"
-    "  --extensions LIST  (index, files) comma-separated extensions read as text when their\n"
-    "                   content is text, instead of the application's extra extensions\n"
-    "  --max-file-size MB  (index, files) skip larger files (the application's setting, 20\n"
-    "                   by default)\n"
+    "  --exclude PATTERN  skip what PATTERN matches, in .gitignore syntax; repeatable;\n"
+    "                   replaces the application's patterns (.git, node_modules, __pycache__,\n"
+    "                   build, dist, target, .venv by default). .gitignore and .tarnwickignore\n"
+    "                   files in DIR are always honoured (index, update, watch, files)\n"
+    "  --extensions LIST  comma-separated extensions read as text when their content is text,\n"
+    "                   instead of the application's extra extensions (index, update, watch,\n"
+    "                   files)\n"
+    "  --max-file-size MB  skip larger files (the application's setting, 20 by default; index,\n"
+    "                   update, watch, files)\n"
     "  --verbose        show the engine's own messages (opening, loading weights)\n"
     "  -h, --help       print this help\n"
     "  --version        print the version of the program and of its engine\n"
@@ -85,6 +92,8 @@ struct CommandRule {
 
 constexpr CommandRule COMMANDS[] = {
     {"index", 1, 1, true, true, false, false, false, false},
+    {"update", 1, 1, true, true, false, true, false, false},
+    {"watch", 1, 1, true, true, false, true, false, false},
     {"search", 2, 2, false, true, true, true, false, false},
     {"prompt", 2, 2, false, true, true, false, true, false},
     {"files", 1, 1, false, false, false, true, false, false},
@@ -95,10 +104,11 @@ constexpr CommandRule COMMANDS[] = {
     {"train", 1, -1, false, false, false, true, false, true},
 };
 
-// The commands that walk a directory take --exclude, --extensions and --max-file-size.
+// The commands that walk a directory (index, update, watch, files) take --exclude, --extensions and --max-file-size.
 bool takes_walk_options(const CommandRule *rule)
 {
-    return std::string(rule->name) == "index" || std::string(rule->name) == "files";
+    const std::string name = rule->name;
+    return name == "index" || name == "update" || name == "watch" || name == "files";
 }
 
 const CommandRule *find_command(const std::string &name)

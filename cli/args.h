@@ -35,10 +35,11 @@ public:
 };
 
 struct Options {
-    // "index", "search", "prompt", "files", "stats", "remove", "compact", "embed", "train"
+    // "index", "update", "watch", "search", "prompt", "files", "stats", "remove", "compact",
+    // "embed", "train"
     std::string command;
     std::vector<std::string> operands;
-    // index: absent means the application's settings ("chunkSize", "overlap").
+    // index, update, watch: absent means the application's settings ("chunkSize", "overlap").
     std::optional<int32_t> chunk_size;
     std::optional<int32_t> overlap;
     // index, files: which files are read. Absent (empty) means the application's settings

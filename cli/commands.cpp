@@ -21,10 +21,17 @@
 #include <string>
 #include <vector>
 
+#include <csignal>
+
+#include <poll.h>
 #include <unistd.h>
 
 namespace
 {
+
+// How long watch waits for changes to stop before it updates: an editor's save, a checkout or an
+// unpacked archive gives one update.
+constexpr int WATCH_SETTLE_MS = 2000;
 
 struct EngineCloser {
     void operator()(TrnEngine *e) const { trn_close(e); }
@@ -174,6 +181,20 @@ WalkConfig walk_config(const Options &o)
 namespace
 {
 
+struct UpdateProgress {
+    ProgressLine line;
+    TrnUpdateReport report; // filled in by the engine as the update goes
+};
+
+bool on_update_progress(const char *, int32_t done, int32_t total, void *user)
+{
+    UpdateProgress *p = static_cast<UpdateProgress *>(user);
+    if (p->line.shown() && total > 0) {
+        p->line.update(done, total, (uint32_t)p->report.chunks_added);
+    }
+    return true;
+}
+
 // --- index ------------------------------------------------------------------------------------
 
 // The engine-only index: the engine's walk and text extraction (files.h), as the application
@@ -197,52 +218,198 @@ void cmd_index(const Options &o)
     std::vector<const char *> extension_ptrs;
     std::vector<const char *> exclude_ptrs;
     const TrnWalkOptions opts = config.view(&extension_ptrs, &exclude_ptrs);
-    struct Candidate {
-        std::string path;
-        TrnFileType type;
-    };
-    std::vector<Candidate> candidates;
-    int32_t rc = walk_files(root.c_str(), &opts, [&candidates](const WalkedFile &f) {
-        if (f.kind == WALK_FILE && f.status == TRN_FILE_STATUS_INDEXABLE) {
-            candidates.push_back(Candidate{f.path, f.type});
-        }
-        return WALK_CONTINUE;
-    });
-    if (rc < 0) {
-        throw Failure("cannot open directory " + root);
-    }
-    ProgressLine progress("indexing");
-    if (progress.shown()) {
-        progress.update(0, static_cast<int>(candidates.size()), 0); // the walk found them
-    }
-    uint32_t chunks = 0;
-    int done = 0;
-    for (const Candidate &c : candidates) {
-        ExtractedText text;
-        if (extract_file_text(c.path.c_str(), c.type, opts.max_file_size, &text)
-            == TRN_FILE_STATUS_INDEXABLE) {
-            int32_t n = ingest_extracted_text(
-                engine.get(), c.path.c_str(), text.text, text.length, c.type, chunk_size, overlap);
-            if (n < 0 && trn_last_status(engine.get()) != TRN_STATUS_OK) {
-                extracted_text_free(&text);
-                progress.clear();
-                throw Failure(trn_last_error(engine.get()));
-            }
-            chunks += n > 0 ? static_cast<uint32_t>(n) : 0;
-        }
-        extracted_text_free(&text);
-        done++;
-        if (progress.shown()) {
-            progress.update(done, static_cast<int>(candidates.size()), chunks);
-        }
-    }
-    progress.clear();
-    trn_build_doc_index(engine.get());
-    if (!trn_checkpoint(engine.get())) {
-        throw Failure(trn_last_error(engine.get()));
+    UpdateProgress progress{ProgressLine{"indexing"}, {}};
+    // An update of an empty index that rebuilds: it replaces the old index when it is done.
+    int32_t added = trn_update_dir(engine.get(),
+                                   root.c_str(),
+                                   chunk_size,
+                                   overlap,
+                                   &opts,
+                                   on_update_progress,
+                                   &progress,
+                                   &progress.report);
+    progress.line.clear();
+    if (added < 0) {
+        throw Failure(trn_last_status(engine.get()) != TRN_STATUS_OK
+                          ? std::string(trn_last_error(engine.get()))
+                          : "cannot open directory " + root);
     }
     TrnStats st = trn_stats(engine.get());
     write_out(indexed_line(st.file_count, st.chunk_count, seconds_since(start)));
+}
+
+// --- update and watch -------------------------------------------------------------------------
+
+volatile sig_atomic_t g_stop = 0;
+
+void on_stop_signal(int)
+{
+    g_stop = 1;
+}
+
+// What one update did: a line of text, or a JSON object with --json.
+std::string update_line(const Options &o, const TrnUpdateReport &r, double seconds)
+{
+    if (o.json) {
+        JsonWriter w;
+        w.begin_object();
+        w.key("added");
+        w.integer(r.added);
+        w.key("changed");
+        w.integer(r.changed);
+        w.key("removed");
+        w.integer(r.removed);
+        w.key("unchanged");
+        w.integer(r.unchanged);
+        w.key("failed");
+        w.integer(r.failed);
+        w.key("chunksAdded");
+        w.integer(r.chunks_added);
+        w.key("compacted");
+        w.boolean(r.compacted != 0);
+        w.key("seconds");
+        w.number((float)seconds);
+        w.end_object();
+        return w.str() + "\n";
+    }
+    char line[256];
+    std::snprintf(line,
+                  sizeof line,
+                  "updated: %d added, %d changed, %d removed, %d unchanged, %d failed, %d chunks "
+                  "in %.1f s%s\n",
+                  r.added,
+                  r.changed,
+                  r.removed,
+                  r.unchanged,
+                  r.failed,
+                  r.chunks_added,
+                  seconds,
+                  r.compacted ? " (compacted)" : "");
+    return line;
+}
+
+// Everything an update of root needs, settled once for update and for every round of watch.
+struct UpdateSetup {
+    std::string root;
+    std::string weights;
+    int32_t chunk_size = 0;
+    int32_t overlap = 0;
+    WalkConfig config;
+    std::vector<const char *> extension_pointers;
+    std::vector<const char *> exclude_pointers;
+    TrnWalkOptions walk{}; // points into config and the two vectors
+};
+
+void prepare_update(const Options &o, UpdateSetup *u)
+{
+    application_chunking(&u->chunk_size, &u->overlap);
+    u->chunk_size = o.chunk_size.value_or(u->chunk_size);
+    u->overlap = o.overlap.value_or(u->overlap);
+    check_chunking(u->chunk_size, u->overlap);
+    u->root = resolve_dir(o.operands[0]);
+    std::string description;
+    u->weights = chosen_weights(o, u->root, &description);
+    check_weights(u->weights);
+    // Vectors of two encoders in one index would not compare: that takes a rebuild.
+    if (has_index(u->root) && !index_encoder_matches(u->root, u->weights)) {
+        throw Failure("the index of " + u->root + " was built with another encoder (" + description
+                      + " now); rebuild it with tarnwick-cli index " + u->root);
+    }
+    ensure_index_dir(index_dir_of(u->root));
+    u->config = walk_config(o);
+    u->walk = u->config.view(&u->extension_pointers, &u->exclude_pointers);
+}
+
+// One update of root; writes its line. Throws Failure when it failed.
+void run_update(const Options &o, const UpdateSetup &u, TrnEngine *e)
+{
+    Clock::time_point start = Clock::now();
+    UpdateProgress progress{ProgressLine{"updating"}, {}};
+    int32_t n = trn_update_dir(e,
+                               u.root.c_str(),
+                               u.chunk_size,
+                               u.overlap,
+                               &u.walk,
+                               on_update_progress,
+                               &progress,
+                               &progress.report);
+    progress.line.clear();
+    if (n < 0) {
+        throw Failure(trn_last_status(e) != TRN_STATUS_OK ? std::string(trn_last_error(e))
+                                                          : "cannot open directory " + u.root);
+    }
+    note_index_encoder(u.root, u.weights);
+    write_out(update_line(o, progress.report, seconds_since(start)));
+}
+
+void cmd_update(const Options &o)
+{
+    UpdateSetup u;
+    prepare_update(o, &u);
+    EnginePtr engine = open_engine(index_dir_of(u.root), u.weights);
+    run_update(o, u, engine.get());
+}
+
+// Waits for a change below root that then stays quiet for settle_ms; false when a signal asked
+// to stop first.
+bool wait_for_settled_change(TrnWatch *w, int settle_ms)
+{
+    bool changed = false;
+    while (!g_stop) {
+        int fd = trn_watch_fd(w);
+        if (fd >= 0) {
+            struct pollfd p = {fd, POLLIN, 0};
+            int rc = poll(&p, 1, changed ? settle_ms : -1);
+            if (rc == 0) {
+                return true; /* quiet for settle_ms after a change */
+            }
+            if (rc > 0 && trn_watch_changed(w)) {
+                changed = true;
+            }
+        } else {
+            /* The comparing fallback: look every settle_ms, update once a look finds no news. */
+            usleep((useconds_t)settle_ms * 1000);
+            if (g_stop) {
+                break;
+            }
+            if (trn_watch_changed(w)) {
+                changed = true;
+            } else if (changed) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+void cmd_watch(const Options &o)
+{
+    UpdateSetup u;
+    prepare_update(o, &u);
+    EnginePtr engine = open_engine(index_dir_of(u.root), u.weights);
+    struct sigaction act = {};
+    act.sa_handler = on_stop_signal;
+    sigemptyset(&act.sa_mask);
+    sigaction(SIGINT, &act, nullptr);
+    sigaction(SIGTERM, &act, nullptr);
+    std::unique_ptr<TrnWatch, void (*)(TrnWatch *)> watch(trn_watch_open(u.root.c_str(), &u.walk),
+                                                          trn_watch_close);
+    if (!watch) {
+        throw Failure("cannot watch directory " + u.root);
+    }
+    if (trn_watch_fd(watch.get()) < 0) {
+        std::fprintf(stderr,
+                     "tarnwick: too many directories for the system's watch limit "
+                     "(fs.inotify.max_user_watches): comparing every %d s instead\n",
+                     WATCH_SETTLE_MS / 1000);
+    }
+    // Changes made while the program was not running come in first.
+    run_update(o, u, engine.get());
+    std::fflush(stdout);
+    while (wait_for_settled_change(watch.get(), WATCH_SETTLE_MS)) {
+        run_update(o, u, engine.get());
+        std::fflush(stdout);
+    }
 }
 
 // --- search -----------------------------------------------------------------------------------
@@ -515,6 +682,10 @@ void run_command(const Options &o)
         } else {
             cmd_index(o);
         }
+    } else if (o.command == "update") {
+        cmd_update(o);
+    } else if (o.command == "watch") {
+        cmd_watch(o);
     } else if (o.command == "prompt") {
         model_prompt(o);
     } else if (o.command == "train") {

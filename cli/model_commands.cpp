@@ -439,6 +439,23 @@ WalkConfig application_walk_config()
     return config;
 }
 
+void application_chunking(int32_t *chunk_size, int32_t *overlap)
+{
+    Settings *settings = Settings::standard();
+    *chunk_size = settings->effectiveChunkSize();
+    *overlap = settings->effectiveOverlap();
+}
+
+bool index_encoder_matches(const std::string &root, const std::string &weights)
+{
+    return EncoderRecord::matches(path_text(root), path_text(weights));
+}
+
+void note_index_encoder(const std::string &root, const std::string &weights)
+{
+    EncoderRecord::write(path_text(root), path_text(weights));
+}
+
 void model_index(const Options &o)
 {
     Settings *settings = Settings::standard();
@@ -476,7 +493,7 @@ void model_index(const Options &o)
         excludes.append(QString::fromStdString(pattern));
     }
     const FileWalkOptions walk(extensions, excludes, static_cast<qint64>(config.max_file_size));
-    int added = engine.ingestDirectory(chunk_size, overlap, show, &walk);
+    int added = engine.ingestDirectory(chunk_size, overlap, show, nullptr, &walk);
     progress.clear();
     if (added < 0) {
         throw Failure("cannot open directory " + root);

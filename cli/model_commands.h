@@ -62,6 +62,14 @@ WalkConfig application_walk_config();
 // application_walk_config() with the command line's --extensions, --exclude and
 // --max-file-size over it (commands.cpp).
 WalkConfig walk_config(const Options &o);
+// The chunking update and watch use when the command line does not say: the application's
+// ("chunkSize", "overlap"), or 800 and 200 without the model.
+void application_chunking(int32_t *chunk_size, int32_t *overlap);
+// Whether root's index may be updated with weights: the application's record of the encoder that
+// built it names the same one (always true without the model, which keeps no record).
+bool index_encoder_matches(const std::string &root, const std::string &weights);
+// Records that root's index was built with weights, so the application does not rebuild it.
+void note_index_encoder(const std::string &root, const std::string &weights);
 
 // index DIR: drops the index and walks DIR with TarnwickEngine::ingestDirectory.
 void model_index(const Options &o);

@@ -43,6 +43,19 @@ WalkConfig application_walk_config()
     return WalkConfig{};
 }
 
+void application_chunking(int32_t *chunk_size, int32_t *overlap)
+{
+    *chunk_size = 800;
+    *overlap = 200;
+}
+
+bool index_encoder_matches(const std::string &, const std::string &)
+{
+    return true;
+}
+
+void note_index_encoder(const std::string &, const std::string &) {}
+
 void model_index(const Options &)
 {
     throw Failure("built without the application model");

@@ -6,7 +6,7 @@ _tarnwick_cli()
     local cur prev words cword
     _init_completion -s || return
 
-    local commands="index search prompt files stats remove compact embed train"
+    local commands="index update watch search prompt files stats remove compact embed train"
     local modes="hybrid semantic keyword text regex"
     local scopes="pinned top5 all"
 
@@ -61,6 +61,7 @@ _tarnwick_cli()
     local options=""
     case $command in
         index) options="--chunk-size --overlap --weights --exclude --extensions --max-file-size --verbose" ;;
+        update | watch) options="--chunk-size --overlap --weights --json --exclude --extensions --max-file-size --verbose" ;;
         search) options="--mode -k --weights --json --verbose" ;;
         prompt) options="--scope --mode -k --weights --verbose" ;;
         files) options="--json --exclude --extensions --max-file-size --verbose" ;;
@@ -82,7 +83,7 @@ _tarnwick_cli()
                 _filedir -d
             fi
             ;;
-        index | files | stats | compact)
+        index | update | watch | files | stats | compact)
             ((operands == 0)) && _filedir -d
             ;;
         search | prompt)

@@ -11,6 +11,8 @@ local -a commands common weights
 local modes='(hybrid semantic keyword text regex)' scopes='(pinned top5 all)'
 commands=(
     'index:index a directory from scratch'
+    'update:bring the index of a directory up to date'
+    'watch:keep the index of a directory up to date until interrupted'
     'search:search the index of a directory'
     'prompt:print the prompt for a language model'
     'files:list the files of a directory, their chunks and why'
@@ -41,6 +43,14 @@ case $command in
         _arguments $common $weights \
             '--chunk-size=[chunk size in bytes]:bytes' \
             '--overlap=[bytes shared with the previous chunk]:bytes' \
+            $walk \
+            '1:directory:_files -/'
+        ;;
+    update|watch)
+        _arguments $common $weights \
+            '--chunk-size=[chunk size in bytes]:bytes' \
+            '--overlap=[bytes shared with the previous chunk]:bytes' \
+            '--json[print JSON]' \
             $walk \
             '1:directory:_files -/'
         ;;

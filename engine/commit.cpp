@@ -676,7 +676,8 @@ void remove_stale_temps(const TrnEngine *e)
         size_t n = strlen(name);
         bool temp = (strncmp(name, "tarnwick.bin.", 13) == 0 && n == 19)
                     || (strncmp(name, "tarnwick.lex.", 13) == 0 && n == 19)
-                    || (strncmp(name, "tarnwick.commit.", 16) == 0 && n == 22);
+                    || (strncmp(name, "tarnwick.commit.", 16) == 0 && n == 22)
+                    || (strncmp(name, "tarnwick.files.", 15) == 0 && n == 21);
         if (temp && !strstr(name, ".damaged")) {
             char path[TRN_PATH_MAX + 300];
             snprintf(path, sizeof path, "%s%s", dir, name);

@@ -197,9 +197,31 @@ struct PendingChunk {
 
 } // namespace
 
+static int32_t chunk_and_store(TrnEngine *e, const char *path, const char *text, int64_t length,
+                               int32_t chunk_size, int32_t overlap, TrnFileType type, bool replace);
+
 int32_t chunk_and_ingest(TrnEngine *e, const char *path, const char *text, int64_t length,
                          int32_t chunk_size, int32_t overlap, TrnFileType type)
 {
+    return chunk_and_store(e, path, text, length, chunk_size, overlap, type, false);
+}
+
+int32_t chunk_and_replace(TrnEngine *e, const char *path, const char *text, int64_t length,
+                          int32_t chunk_size, int32_t overlap, TrnFileType type)
+{
+    return chunk_and_store(e, path, text, length, chunk_size, overlap, type, true);
+}
+
+/* With replace, the group that adds the chunks begins with the removal of the file's chunks, so
+** a crash leaves either the old chunks or the new ones, never both and never neither. An empty
+** text then only removes. */
+static int32_t chunk_and_store(TrnEngine *e, const char *path, const char *text, int64_t length,
+                               int32_t chunk_size, int32_t overlap, TrnFileType type, bool replace)
+{
+    if (replace && (length < 1 || chunk_size < 1)) {
+        int32_t removed = trn_remove_file(e, path);
+        return removed < 0 ? -1 : 0;
+    }
     /* A window of no bytes cuts nothing: a chunk_size below 1 adds no chunk. */
     if (length < 1 || chunk_size < 1) {
         return 0;
@@ -251,6 +273,9 @@ int32_t chunk_and_ingest(TrnEngine *e, const char *path, const char *text, int64
     if (write_begin(e)) {
         TrnBytes group;
         wal_group_begin(e, &group);
+        if (replace) {
+            wal_put_remove(&group, path);
+        }
         for (size_t i = 0; i < pending.size(); i++) {
             wal_put_add(&group,
                         pending[i].doc_id,
@@ -261,6 +286,9 @@ int32_t chunk_and_ingest(TrnEngine *e, const char *path, const char *text, int64
                         type);
         }
         if (wal_commit_group(e, &group)) {
+            if (replace) {
+                remove_file_mem(e, path);
+            }
             for (size_t i = 0; i < pending.size(); i++) {
                 add_doc_vec(e,
                             pending[i].doc_id,

@@ -315,8 +315,9 @@ bool rebuild_swap(TrnEngine *e);
 /* Writes the commit record of the next generation for a store of that size and checksum, the
 ** current store as the previous one (temporary file, sync, rename, directory sync). */
 bool commit_write(TrnEngine *e, uint64_t store_size, uint32_t store_crc);
-/* Removes temporary files that a crashed writer left ("tarnwick.bin.XXXXXX" and
-** "tarnwick.commit.XXXXXX"); the exclusive lock is held, so none of them is being written. */
+/* Removes temporary files that a crashed writer left ("tarnwick.bin.XXXXXX",
+** "tarnwick.commit.XXXXXX", "tarnwick.files.XXXXXX"); the exclusive lock is held, so none of them
+** is being written. */
 void remove_stale_temps(const TrnEngine *e);
 /* Moves the files of a damaged index aside ("<name>.damaged-<time>"), never over another. */
 void keep_damaged_aside(TrnEngine *e);
@@ -359,6 +360,11 @@ int32_t remove_file_mem(TrnEngine *e, const char *path);
 int32_t count_file_chunks(const TrnEngine *e, const char *path);
 int32_t chunk_and_ingest(TrnEngine *e, const char *path, const char *text, int64_t length,
                          int32_t chunk_size, int32_t overlap, TrnFileType type);
+/* As chunk_and_ingest, replacing the chunks path had: the removal and the new chunks are one
+** group of the log. An empty text only removes. Returns the chunks added, or -1 when the write
+** failed (the old chunks then stay). */
+int32_t chunk_and_replace(TrnEngine *e, const char *path, const char *text, int64_t length,
+                          int32_t chunk_size, int32_t overlap, TrnFileType type);
 
 /* ---------------------------------------------------------------------------------------------
 ** Private files (walk.cpp; the walk itself is in files.h)
@@ -458,5 +464,66 @@ float hybrid_semantic_weight(const uint32_t *kw, int32_t nk, const uint32_t *sem
 ** keep a's order, then b's. Returns how many. */
 int32_t fuse_rankings(const uint32_t *a, int32_t na, float wa, const uint32_t *b, int32_t nb,
                       float wb, int32_t k, uint32_t *out, float *out_scores);
+
+/* ---------------------------------------------------------------------------------------------
+** The file manifest (manifest.cpp): what the index knows of each file it walked, so an update
+** reads only the files that changed.
+*/
+constexpr uint32_t MANIFEST_FLAG_RECENT = 1; /* modified just before it was read: read again */
+
+struct ManifestEntry {
+    char *path; /* owned */
+    uint64_t size;
+    int64_t mtime_ns;
+    int64_t ctime_ns;
+    uint64_t inode;
+    uint64_t text_hash; /* of the text that was chunked; 0 for a file not indexed */
+    uint32_t type;      /* TrnFileType */
+    uint32_t chunks;    /* live chunks the file had when the entry was written */
+    uint32_t flags;
+};
+
+struct Manifest {
+    int32_t chunk_size;
+    int32_t overlap;
+    uint32_t text_version;
+    ManifestEntry *entries; /* count entries, owned */
+    uint32_t count;
+    uint32_t capacity;
+};
+
+/* How text is taken from files; an index whose manifest names another version reads every file
+** again (and replaces only those whose text changed). */
+constexpr uint32_t MANIFEST_TEXT_VERSION = 1;
+
+/* Reads the manifest at path into m (emptied first). False, with m empty, when it is missing,
+** damaged or of another version: the caller then trusts no entry. */
+bool manifest_read(const char *path, Manifest *m);
+/* Writes m to path atomically (temporary file, sync, rename, directory sync), mode 0600.
+** False when it could not be written (the old manifest then stays). */
+bool manifest_write(const char *path, const Manifest *m);
+/* Appends a copy of e (its path copied). */
+void manifest_add(Manifest *m, const ManifestEntry *e);
+void manifest_free(Manifest *m);
+/* 64-bit FNV-1a of n bytes. */
+uint64_t text_hash(const char *p, size_t n);
+
+/* ---------------------------------------------------------------------------------------------
+** The walk of an update and the text of a file (update.cpp). One place decides which files of a
+** directory are indexed and what text they hold.
+*/
+/* True when the options' global patterns (or the default ones) exclude rel, a path relative to
+** the walked root (a directory's with a trailing "/"). */
+bool update_excludes(const TrnWalkOptions *opts, const char *rel);
+/* Files update_text has read in this process (a test hook: unchanged files must not be read). */
+extern uint64_t g_update_files_read;
+/* A file modified less than this many nanoseconds before it was read is read again by the next
+** update (3 s; a test hook). */
+extern int64_t g_update_recent_ns;
+/* The text to index of a walked file (extract_file_text) and its length: an empty text when it
+** is too short to index, NULL when it cannot be read, or turns out binary, not UTF-8 or too
+** large (*binary set then). */
+char *update_text(const char *path, TrnFileType type, uint64_t max_size, size_t *length,
+                  bool *binary);
 
 #endif /* TRN_INTERNAL_H */

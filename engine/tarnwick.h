@@ -434,6 +434,99 @@ TRN_API int32_t trn_ingest_file(TrnEngine *e, const char *path, int32_t chunk_si
 TRN_API int32_t trn_ingest_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_t overlap,
                                TrnProgressFn cb, void *user);
 
+/* Which files of a directory are indexed. A null pointer to it, or zero members, mean the
+ * defaults: no extra extensions, the default exclusion patterns (.git, node_modules,
+ * __pycache__, build, dist, target, .venv) and TRN_FILE_SIZE_MAX. */
+typedef struct TrnWalkOptions {
+    const char *const *extra_extensions; /* without the dot, e.g. "org" */
+    int32_t extra_extension_count;
+    const char *const *exclude_patterns; /* gitignore syntax; replace the defaults when given */
+    int32_t exclude_pattern_count;
+    uint64_t max_file_size; /* bytes; 0 = TRN_FILE_SIZE_MAX */
+} TrnWalkOptions;
+
+/* What one trn_update_dir did, in files (and chunks added). */
+typedef struct TrnUpdateReport {
+    int32_t added;     /* indexed for the first time */
+    int32_t changed;   /* indexed again because their text changed (old chunks replaced) */
+    int32_t removed;   /* chunks removed: deleted, excluded, too large or binary now */
+    int32_t unchanged; /* left alone (not read unless their size or times changed) */
+    int32_t failed;    /* could not be read; chunks they had stay, the next update tries again */
+    int32_t chunks_added;
+    uint8_t compacted; /* 1 when deleted chunks passed TRN_UPDATE_COMPACT_PERCENT */
+    uint8_t cancelled; /* 1 when progress returned false */
+} TrnUpdateReport;
+
+/* An update compacts (trn_compact) once deleted chunk slots are more than this share of all
+** slots: below it, dead slots cost searches little; above it they cost memory, store size and
+** graph quality. A quarter keeps the store at most a third larger than its live chunks. */
+enum { TRN_UPDATE_COMPACT_PERCENT = 25 };
+
+/* Brings the index up to date with dir, as every indexing should (a first indexing is the update
+** of an empty index): walks dir with opts (NULL: the defaults), ingests the files that are new,
+** replaces the chunks of files whose text changed, removes the chunks of files that are gone,
+** excluded, too large or binary now, and leaves the rest alone, then rebuilds the document
+** index and compacts as TRN_UPDATE_COMPACT_PERCENT says. Files are classified as
+** trn_detect_file_type does (extra extensions are text when their first bytes look like text);
+** a text, source or Markdown file with a 0 byte in its first 8 KiB or that is not UTF-8 counts
+** as binary, and a text shorter than 11 bytes gives no chunks.
+**
+** Which files changed comes from the manifest "tarnwick.files" in the index directory: each
+** file's size, modification and change times (nanoseconds), inode, type, chunk count and a hash
+** of its text. A file whose entry matches is not read; one whose times changed but whose text
+** hashes the same is read but not embedded again. An entry is trusted only when the index still
+** holds that many chunks of the file, so a missing, damaged or stale manifest (a crash, another
+** program's rebuild) costs reading and embedding, never lost or doubled chunks. Each file's old
+** chunks and new ones are replaced in one logged group; the manifest is written atomically (mode
+** 0600) every few seconds and at the end, only when it changed. A kill at any moment loses no
+** file whose group was logged; the next update finishes the rest.
+**
+** progress (may be NULL) is called with path NULL and done 0 once the walk found the work (total:
+** files to read or remove), then after each of them with its path; returning false stops the
+** update after the current file (what was done is kept, report->cancelled set). Between files
+** the handle is whole, so progress may call trn_search, trn_stats and trn_list_dir_files on e
+** (an application keeps searching during a long update that way), but no other function on e.
+*report may be
+** NULL; it is filled in as the update goes. On a handle opened with TRN_OPEN_REBUILD the update
+** ends with trn_checkpoint (the rebuilt index replaces the old one) unless it was cancelled or
+** failed. Returns the chunks added, or -1 when dir cannot be opened or a write failed (the
+** update stops there; see trn_last_status).
+**
+** Paths in the index are dir, "/" and the path below it, as given: pass dir the same way (the
+** application and tarnwick-cli pass it absolute and resolved) or files are indexed twice. */
+TRN_API int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_t overlap,
+                               const TrnWalkOptions *opts, TrnProgressFn progress, void *user,
+                               TrnUpdateReport *report);
+
+/* ---------------------------------------------------------------------------------------------
+** Watching a directory for changes
+**
+** A watch is independent of any engine handle: its calls need no serialising with engine calls,
+** only among themselves. It watches every directory the update's walk enters (inotify), and when
+** the system's limit on watches (fs.inotify.max_user_watches) does not cover the tree, or
+** inotify is missing, it falls back to comparing the sizes and times of every file each time it
+** is asked. Changes inside the index directory ".tarnwick" never count.
+*/
+typedef struct TrnWatch TrnWatch; /* opaque */
+
+/* Starts watching dir; directories that opts excludes (NULL: the defaults) are not watched, and
+** opts is copied. Returns NULL when dir is not a directory; else a watch to close with
+** trn_watch_close. */
+TRN_API TrnWatch *trn_watch_open(const char *dir, const TrnWalkOptions *opts);
+
+/* The descriptor that becomes readable when something changed (poll it for POLLIN), or -1 when
+** the watch fell back to comparing: call trn_watch_changed every few seconds then. */
+TRN_API int trn_watch_fd(const TrnWatch *w);
+
+/* Returns 1 when something below dir changed since the last call (a file written, created,
+** deleted or moved, a directory made or removed; new directories are watched from then on), 0
+** when nothing did. Never blocks on events: it reads what is pending. In the comparing fallback
+** it walks the tree (about 50 ms per 10,000 files). */
+TRN_API int32_t trn_watch_changed(TrnWatch *w);
+
+/* Stops watching and frees w. NULL is ignored. */
+TRN_API void trn_watch_close(TrnWatch *w);
+
 /* Rebuilds the per-file index (one unit centroid per file of live chunks) that narrows semantic
 ** searches. Returns the number of files, 0 when there are none. */
 TRN_API int32_t trn_build_doc_index(TrnEngine *e);

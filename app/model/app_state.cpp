@@ -189,7 +189,15 @@ void AppState::reindexActive()
 {
     DirectoryState *state = activeState();
     if (state) {
-        state->reindex();
+        state->update();
+    }
+}
+
+void AppState::rebuildActive()
+{
+    DirectoryState *state = activeState();
+    if (state) {
+        state->rebuild();
     }
 }
 

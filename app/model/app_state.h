@@ -72,8 +72,10 @@ public:
     void moveTab(const QUuid &from, const QUuid &to);
     // Searches the active tab with query and searchMode.
     void performSearch();
-    // "Re-index": discards the active tab's index and builds it again.
+    // "Re-index": brings the active tab's index up to date, reading only what changed.
     void reindexActive();
+    // "Rebuild Index": discards the active tab's index and builds it again.
+    void rebuildActive();
     // "Copy Prompt": the active tab's prompt for query in scope, onto the clipboard, and says so
     // in promptCopied. Does nothing without an active tab.
     void copyPrompt(PromptScope scope = PromptScope::Top5);

@@ -5,6 +5,7 @@
 #include "directory_state.h"
 
 #include "background.h"
+#include "directory_watcher.h"
 #include "encoder_record.h"
 #include "json_coding.h"
 #include "results_model.h"
@@ -71,6 +72,24 @@ DirectoryState::DirectoryState(const DirectoryTab &tab, const QString &weightsPa
     if (stats.chunk_count >= 1 && !EncoderRecord::matches(m_directoryPath, weights)) {
         rebuildWith(weights);
     }
+    if (m_settings->watchDirectories()) {
+        m_watcher = new DirectoryWatcher(m_directoryPath, m_settings->watchSettleMs(), this);
+        connect(m_watcher, &DirectoryWatcher::settled, this, &DirectoryState::directoryChanged);
+    }
+}
+
+bool DirectoryState::isWatching() const
+{
+    return m_watcher && m_watcher->isWatching();
+}
+
+void DirectoryState::directoryChanged()
+{
+    if (m_isIngesting) {
+        m_updatePending = true;
+        return;
+    }
+    update();
 }
 
 DirectoryState::~DirectoryState() = default;
@@ -165,6 +184,17 @@ bool DirectoryState::isIndexed() const
 
 void DirectoryState::ingest(int chunkSize, int overlap)
 {
+    runIndexing(chunkSize, overlap, true);
+}
+
+void DirectoryState::update()
+{
+    runIndexing(m_settings->effectiveChunkSize(), m_settings->effectiveOverlap(), false);
+}
+
+void DirectoryState::runIndexing(int chunkSize, int overlap, bool checkpoint)
+{
+    m_updatePending = false;
     setIsIngesting(true);
     m_ingestClock.start();
     setIngestProgress(0, 0, 0);
@@ -173,7 +203,7 @@ void DirectoryState::ingest(int chunkSize, int overlap)
     const QString directory = m_directoryPath;
     const QString weights = m_weightsPath;
     QPointer<DirectoryState> self(this);
-    runInBackground([engine, self, chunkSize, overlap, directory, weights] {
+    runInBackground([engine, self, chunkSize, overlap, directory, weights, checkpoint] {
         auto progress = [self](int done, int found, int chunks) {
             runOnMainThread([self, done, found, chunks] {
                 if (self) {
@@ -182,8 +212,8 @@ void DirectoryState::ingest(int chunkSize, int overlap)
             });
         };
         const int n = engine->ingestDirectory(chunkSize, overlap, progress);
-        // A failed walk is not committed: a rebuild would replace the index with part of it.
-        const bool saved = n >= 0 && engine->checkpoint();
+        // A failed update is not committed: what it logged stays in the log.
+        const bool saved = n >= 0 && (!checkpoint || engine->checkpoint());
         if (saved) {
             EncoderRecord::write(directory, weights);
         }
@@ -205,6 +235,16 @@ void DirectoryState::ingest(int chunkSize, int overlap)
                 self->retryCheckpoint(1);
             }
             emit self->ingestFinished();
+            if (!self) {
+                return;
+            }
+            // The results on screen follow the index: the current search runs again.
+            if (!self->m_lastQuery.isEmpty() && n >= 0) {
+                self->runSearch(self->m_searchLimit);
+            }
+            if (self->m_updatePending) {
+                self->update();
+            }
         });
     });
 }
@@ -256,7 +296,7 @@ QString DirectoryState::indexingProgressText(int filesDone, int filesFound, int 
     return text;
 }
 
-void DirectoryState::reindex()
+void DirectoryState::rebuild()
 {
     rebuildWith(effectiveWeightsPath());
 }
@@ -424,7 +464,7 @@ void DirectoryState::setEncoderProfile(const QUuid &profileId)
         emit overrideProfileIdChanged();
     }
     saveEncoderOverride();
-    reindex();
+    rebuild();
 }
 
 QString DirectoryState::detectGitBranch(const QString &path)

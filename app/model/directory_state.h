@@ -30,6 +30,7 @@
 
 #include <memory>
 
+class DirectoryWatcher;
 class ResultsModel;
 class Settings;
 
@@ -125,11 +126,18 @@ public:
     // "12 s", "4 min", "1 h 05 min".
     static QString durationText(double seconds);
 
-    // Indexes the directory in the background ("Indexing..." until done).
+    // Indexes the directory in the background ("Indexing..." until done): an update of the
+    // index (new, changed and deleted files only), then a checkpoint.
     void ingest(int chunkSize, int overlap);
-    // Discards the index, reopens the engine with effectiveWeightsPath() and indexes again with
-    // the chunk size and overlap from the settings.
-    void reindex();
+    // "Re-index directory": brings the index up to date with the directory in the background,
+    // reading only what changed. The watcher does the same by itself once changes settle. After
+    // every indexing the current search runs again, so the results follow the files.
+    void update();
+    // "Rebuild index": discards the index, reopens the engine with effectiveWeightsPath() and
+    // indexes everything again with the chunk size and overlap from the settings.
+    void rebuild();
+    // True while the directory is watched for changes (setting "watchDirectories").
+    bool isWatching() const;
     // Starts a new search; an empty query only clears the results. A regex-mode query that does
     // not compile clears the results and sets queryError instead (no history entry).
     void search(const QString &query, SearchMode mode);
@@ -190,6 +198,11 @@ signals:
 
 private:
     void runSearch(int k);
+    // Updates the index in the background; checkpoint: commit the store afterwards (first
+    // indexing and rebuilds; live updates leave their changes in the log until the tab closes).
+    void runIndexing(int chunkSize, int overlap, bool checkpoint);
+    // The watcher saw the directory change and settle: update now, or after the running indexing.
+    void directoryChanged();
     // Retries opening the engine (busy at open) after kBusyRetryMs.
     void retryOpen(int attempt);
     // Retries the checkpoint that ends an indexing run (busy) after kBusyRetryMs.
@@ -223,6 +236,8 @@ private:
     Settings *m_settings;
     QString m_directoryPath;
     std::shared_ptr<TarnwickEngine> m_engine;
+    DirectoryWatcher *m_watcher = nullptr; // owned (child); NULL when watching is off
+    bool m_updatePending = false;          // a change settled while indexing ran
     QString m_weightsPath; // what m_engine was opened with; the index's record names it
     ResultsModel *m_resultsModel = nullptr;
 

@@ -33,6 +33,8 @@ const SettingDefault *defaultsTable(size_t *count)
         {"previewOnTop", false},
         {"openTextFilesWith", QStringLiteral("system")},
         {"editorCommand", QString()},
+        {"watchDirectories", true},
+        {"watchSettleMs", 2000},
     };
     *count = sizeof(table) / sizeof(table[0]);
     return table;
@@ -160,6 +162,18 @@ int Settings::overlap() const
 void Settings::setOverlap(int value)
 {
     setChunking(effectiveChunkSize(), value);
+}
+
+bool Settings::watchDirectories() const
+{
+    return read(QStringLiteral("watchDirectories")).toBool();
+}
+
+int Settings::watchSettleMs() const
+{
+    bool ok = false;
+    const int ms = read(QStringLiteral("watchSettleMs")).toInt(&ok);
+    return ok && ms >= 0 ? ms : 2000;
 }
 
 QString Settings::extraExtensions() const

@@ -21,6 +21,9 @@
 **   openTextFilesWith        string        "system" "Open text files with": a preset key of
 **                                                   editorPresets() (result_opener.h)
 **   editorCommand            string        ""       the custom command, {file} and {line}
+**   watchDirectories         bool          true     open tabs follow changes of their directory
+**   watchSettleMs            int           2000     quiet time after a change before the update;
+**                                                   below 0 reads as 2000
 **   searchHistory_<path>     JSON bytes    absent   a tab's search history
 **   pinnedResults_<path>     JSON bytes    absent   a tab's pinned results
 **   encoderOverride_<path>   string UUID   absent   a tab's encoder override
@@ -125,6 +128,10 @@ public:
     void setOpenTextFilesWith(const QString &value);
     QString editorCommand() const;
     void setEditorCommand(const QString &value);
+
+    // Live updates of open tabs (directory_watcher.h).
+    bool watchDirectories() const;
+    int watchSettleMs() const;
 
     // What indexing uses: a stored value below 1 (or one that is not a number) counts as the
     // default, and a pair outside the limits of setChunking counts as both defaults.

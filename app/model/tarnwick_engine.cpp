@@ -19,6 +19,7 @@
 #include <cstdlib>
 #include <limits>
 #include <memory>
+#include <thread>
 #include <vector>
 
 #include <sys/stat.h>
@@ -154,7 +155,12 @@ bool TarnwickEngine::isOpen() const
 
 void TarnwickEngine::clearAndReopen(const QString &weightsPath)
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    std::unique_lock<std::mutex> lock(m_mutex);
+    // A running update stops after its current file; the handle is closed only then.
+    m_cancelUpdate = true;
+    m_updateEnded.wait(lock, [this] {
+        return !m_updateRunning;
+    });
     if (m_handle) {
         trn_close(m_handle);
         m_handle = nullptr;
@@ -163,76 +169,68 @@ void TarnwickEngine::clearAndReopen(const QString &weightsPath)
     openLocked(weightsPath, TRN_OPEN_REBUILD);
 }
 
-int TarnwickEngine::ingestDirectory(int chunkSize, int overlap, const ProgressFn &progress,
-                                    const FileWalkOptions *givenWalk)
+namespace
 {
-    if (!isOpen()) {
-        return -1;
+
+// What trn_update_dir's progress callback needs: the caller's callback, the report the engine
+// fills in as it goes, and the lock to open between files.
+struct UpdateProgress {
+    const TarnwickEngine::ProgressFn *progress;
+    const TrnUpdateReport *report;
+    std::unique_lock<std::mutex> *lock;
+    const bool *cancel; // guarded by m_mutex
+};
+
+bool onUpdateProgress(const char *, int32_t done, int32_t total, void *user)
+{
+    UpdateProgress *p = static_cast<UpdateProgress *>(user);
+    // Between two files the handle is whole: searches of this tab and other tabs' work run here.
+    p->lock->unlock();
+    if (*p->progress) {
+        (*p->progress)(done, total, p->report->chunks_added);
     }
+    std::this_thread::yield();
+    p->lock->lock();
+    return !*p->cancel;
+}
+
+} // namespace
+
+int TarnwickEngine::ingestDirectory(int chunkSize, int overlap, const ProgressFn &progress,
+                                    TrnUpdateReport *report, const FileWalkOptions *givenWalk)
+{
+    TrnUpdateReport local{};
+    if (!report) {
+        report = &local;
+    }
+    *report = TrnUpdateReport{};
+    const QByteArray dir = QFile::encodeName(m_directoryPath);
     const std::unique_ptr<FileWalkOptions> settingsWalk =
         givenWalk ? nullptr : FileWalkOptions::fromSettings();
     const FileWalkOptions *walk = givenWalk ? givenWalk : settingsWalk.get();
-    struct Candidate {
-        QByteArray path;
-        TrnFileType type;
-    };
-    QList<Candidate> candidates;
-    const QByteArray root = QFile::encodeName(m_directoryPath);
-    const int32_t rc =
-        walk_files(root.constData(), walk->options(), [&candidates](const WalkedFile &f) {
-            if (f.kind == WALK_FILE && f.status == TRN_FILE_STATUS_INDEXABLE) {
-                candidates.append(Candidate{QByteArray(f.path), f.type});
-            }
-            return WALK_CONTINUE;
-        });
-    if (rc < 0) {
+
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (!m_handle || m_updateRunning) {
         return -1;
     }
-    const int found = static_cast<int>(candidates.size());
-    if (progress) {
-        progress(0, found, 0);
+    m_updateRunning = true;
+    m_cancelUpdate = false;
+    UpdateProgress state{&progress, report, &lock, &m_cancelUpdate};
+    // m_handle stays while m_updateRunning: clearAndReopen waits for the update to stop.
+    const int32_t n = trn_update_dir(m_handle,
+                                     dir.constData(),
+                                     checkedInt32(chunkSize),
+                                     checkedInt32(overlap),
+                                     walk->options(),
+                                     onUpdateProgress,
+                                     &state,
+                                     report);
+    if (n < 0) {
+        noteFailureLocked(trn_last_status(m_handle), trn_last_error(m_handle));
     }
-    const int32_t chunk32 = checkedInt32(chunkSize);
-    const int32_t overlap32 = checkedInt32(overlap);
-    int total = 0;
-    int done = 0;
-    for (const Candidate &candidate : candidates) {
-        // The text is read without the lock, so searches of other tabs go on meanwhile.
-        ExtractedText text;
-        const TrnFileStatus status = extract_file_text(
-            candidate.path.constData(), candidate.type, walk->maxFileSize(), &text);
-        if (status == TRN_FILE_STATUS_INDEXABLE) {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            if (m_handle) {
-                const int32_t n = ingest_extracted_text(m_handle,
-                                                        candidate.path.constData(),
-                                                        text.text,
-                                                        text.length,
-                                                        candidate.type,
-                                                        chunk32,
-                                                        overlap32);
-                if (n > 0) {
-                    total += n;
-                }
-                // A write that failed (busy, full disk) would fail for every later file too.
-                if (n < 0 && trn_last_status(m_handle) != TRN_STATUS_OK) {
-                    noteFailureLocked(trn_last_status(m_handle), trn_last_error(m_handle));
-                    extracted_text_free(&text);
-                    return -1;
-                }
-            }
-        }
-        extracted_text_free(&text);
-        done++;
-        if (progress) {
-            progress(done, found, total);
-        }
-    }
-    std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_handle) {
-        trn_build_doc_index(m_handle);
-    }
-    return total;
+    m_updateRunning = false;
+    m_updateEnded.notify_all();
+    return n;
 }
 
 std::optional<QString> TarnwickEngine::regexError(const QString &query)

@@ -1,18 +1,19 @@
 /*
 ** tarnwick_engine.h -- the application's side of one directory's index.
 **
-** TarnwickEngine owns one engine handle (tarnwick.h) opened on "<directory>/.tarnwick". It walks
-** the directory with the engine's one walk and text extraction (files.h) under the settings'
-** extra extensions, exclusion patterns and size limit (FileWalkOptions), hands each file's text
-** to the engine, runs searches and copies their records into value types, and lists the
-** directory's files with the reason each is or is not in the index.
+** TarnwickEngine owns one engine handle (tarnwick.h) opened on "<directory>/.tarnwick". It keeps
+** the index up to date through the engine's update (trn_update_dir, which walks, classifies and
+** reads the files with the one walk and extraction of files.h under the settings' extra
+** extensions, exclusion patterns and size limit: FileWalkOptions), runs searches and copies their
+** records into value types, and lists the directory's files with the reason each is or is not in
+** the index.
 **
 ** The type-level operations (static members) find a PDF hit's page and open results in external
 ** applications.
 **
 ** Locking: every trn_ call on the handle holds this object's own mutex, because calls on one
 ** handle must not overlap; handles share nothing, so tabs never wait for each other (a search in
-** one tab runs while another tab indexes). The lock is taken per call (per file while indexing),
+** one tab runs while another tab indexes). The lock is taken per call (per file while indexing: the update opens it between files),
 ** so a search in the same tab runs between two files. The handle pointer itself is guarded by the
 ** same mutex, so clearAndReopen may run while a worker thread is using the object.
 */
@@ -29,6 +30,7 @@
 #include <QStringList>
 #include <QUrl>
 
+#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -142,7 +144,8 @@ public:
     bool isOpen() const;
 
     // Closes the engine and opens an empty one that rebuilds the index beside the old one; the
-    // old index is replaced by the next successful checkpoint().
+    // old index is replaced by the next successful checkpoint() or ingestDirectory(). A running
+    // ingestDirectory() is stopped after its current file first.
     void clearAndReopen(const QString &weightsPath);
     // Opens again when the last open failed (busy); true when it is open now.
     bool reopen(const QString &weightsPath);
@@ -152,15 +155,17 @@ public:
     QString lastError() const;
     int lastStatus() const;
 
-    // Walks the directory with walk, or the settings' FileWalkOptions when NULL (walk_files of
-    // files.h: hidden names and excluded paths skipped, links followed only inside the directory)
-    // and ingests the text of every indexable file (extract_file_text: valid UTF-8, at least
-    // TRN_TEXT_MIN_CHARS characters), then rebuilds the document index. Returns the chunks
-    // added, or -1 when the engine is not open, the directory cannot be read or a write failed
-    // (see lastError; the walk stops there). progress (may be empty) is called with
-    // (0, found, 0) once the walk is done and after each file.
+    // Brings the index up to date with the directory (trn_update_dir, with walk, or the settings'
+    // FileWalkOptions when NULL): new files ingested, changed ones replaced, deleted or excluded
+    // ones removed, unchanged ones not read. On a handle opened to rebuild, the rebuilt index
+    // replaces the old one at the end. Returns the chunks added, or -1 when the engine is not
+    // open, an update already runs, the directory cannot be read or a write failed (see
+    // lastError). progress (may be empty) is called with (0, files to read or remove, 0) once the
+    // walk is done, then after each of them with (files done, that total, chunks added). The
+    // lock is open while progress runs, so searches go on between files. report, when given,
+    // says what the update did.
     int ingestDirectory(int chunkSize, int overlap, const ProgressFn &progress = {},
-                        const FileWalkOptions *walk = nullptr);
+                        TrnUpdateReport *report = nullptr, const FileWalkOptions *walk = nullptr);
 
     // Nullopt when query compiles as a regex-mode query, else the reason in one line.
     static std::optional<QString> regexError(const QString &query);
@@ -208,6 +213,9 @@ private:
     TrnEngine *m_handle = nullptr;    // guarded by m_mutex; NULL when not open
     QString m_lastError;              // guarded by m_mutex
     int m_lastStatus = TRN_STATUS_OK; // guarded by m_mutex
+    bool m_updateRunning = false;     // guarded by m_mutex
+    bool m_cancelUpdate = false;      // guarded by m_mutex
+    std::condition_variable m_updateEnded;
 };
 
 Q_DECLARE_METATYPE(SearchResult)

@@ -60,8 +60,8 @@ MainWindow::MainWindow(AppState *app, QWidget *parent) : QMainWindow(parent), m_
     };
     m_confirmer = [](QWidget *owner, const QString &title, const QString &text) {
         QMessageBox box(QMessageBox::Question, title, text, QMessageBox::Cancel, owner);
-        box.setObjectName(QStringLiteral("reindexQuestion"));
-        QPushButton *go = box.addButton(tr("Re-index"), QMessageBox::AcceptRole);
+        box.setObjectName(QStringLiteral("rebuildQuestion"));
+        QPushButton *go = box.addButton(tr("Rebuild"), QMessageBox::AcceptRole);
         box.setDefaultButton(go);
         fitOnceShown(&box, owner);
         box.exec();
@@ -85,7 +85,11 @@ MainWindow::MainWindow(AppState *app, QWidget *parent) : QMainWindow(parent), m_
 
     m_status = new StatusBarView(app, this);
     setStatusBar(m_status);
-    connect(m_status, &StatusBarView::reindexRequested, this, &MainWindow::confirmReindex);
+    connect(m_status, &StatusBarView::reindexRequested, this, [this] {
+        if (m_app) {
+            m_app->reindexActive();
+        }
+    });
 
     buildActions();
     buildMenus();
@@ -236,7 +240,17 @@ void MainWindow::buildActions()
                             QKeySequence(QStringLiteral("Ctrl+Shift+R")),
                             QStringLiteral("view-refresh"),
                             [this] {
-                                confirmReindex();
+                                DirectoryState *state = m_app ? m_app->activeState() : nullptr;
+                                if (state && !state->isIngesting()) {
+                                    m_app->reindexActive();
+                                }
+                            });
+    QAction *rebuild = make(QStringLiteral("rebuildIndexAction"),
+                            tr("Rebuild Index…"),
+                            QKeySequence(QStringLiteral("Ctrl+Shift+B")),
+                            QStringLiteral("edit-clear-all|view-refresh"),
+                            [this] {
+                                confirmRebuild();
                             });
     QAction *scope = make(QStringLiteral("fileScopeAction"),
                           tr("Show File Scope"),
@@ -320,7 +334,7 @@ void MainWindow::buildActions()
                     "folder.</p>")
                      .arg(QApplication::applicationVersion()));
          });
-    m_tabActions = {close, reindex, scope, copy};
+    m_tabActions = {close, reindex, rebuild, scope, copy};
 
     tintIcons();
 
@@ -351,6 +365,7 @@ void MainWindow::buildMenus()
     file->addAction(action(QStringLiteral("openDirectoryAction")));
     file->addAction(action(QStringLiteral("closeTabAction")));
     file->addAction(action(QStringLiteral("reindexAction")));
+    file->addAction(action(QStringLiteral("rebuildIndexAction")));
     file->addSeparator();
     file->addAction(action(QStringLiteral("settingsAction")));
     file->addSeparator();
@@ -442,7 +457,7 @@ void MainWindow::syncWindow()
     }
 }
 
-QString MainWindow::reindexQuestion(const QString &name, const DirectoryState &state)
+QString MainWindow::rebuildQuestion(const QString &name, const DirectoryState &state)
 {
     const TrnStats stats = state.stats();
     QString text = tr("The index of \u201c%1\u201d (%2 chunks from %3 files) is discarded and "
@@ -462,16 +477,17 @@ QString MainWindow::reindexQuestion(const QString &name, const DirectoryState &s
     return text;
 }
 
-void MainWindow::confirmReindex()
+void MainWindow::confirmRebuild()
 {
     const std::optional<DirectoryTab> tab = m_app ? m_app->activeTab() : std::nullopt;
     DirectoryState *state = m_app ? m_app->activeState() : nullptr;
     if (!tab || !state || state->isIngesting()) {
         return;
     }
-    if (m_confirmer(this, tr("Re-index %1?").arg(tab->name), reindexQuestion(tab->name, *state))
+    if (m_confirmer(
+            this, tr("Rebuild the index of %1?").arg(tab->name), rebuildQuestion(tab->name, *state))
         && m_app && m_app->activeState() == state) {
-        m_app->reindexActive();
+        m_app->rebuildActive();
     }
 }
 

@@ -4,8 +4,9 @@
 ** directory instead of the results.
 **
 ** Menu commands and shortcuts:
-**   File   Open Directory… (Ctrl+Shift+O), Close Tab (Ctrl+W), Re-index (Ctrl+Shift+R),
-**          Settings… (Ctrl+,), Quit (Ctrl+Q)
+**   File   Open Directory… (Ctrl+Shift+O), Close Tab (Ctrl+W), Re-index (Ctrl+Shift+R: an
+**          update, reading only what changed), Rebuild Index… (Ctrl+Shift+B: asks, then discards
+**          the index and builds it again), Settings… (Ctrl+,), Quit (Ctrl+Q)
 **   Edit   Find (Ctrl+F), Copy Prompt (Ctrl+Shift+C, the top five results)
 **   View   Show File Scope (Ctrl+I), Next Tab (Ctrl+Page Down), Previous Tab (Ctrl+Page Up)
 **   Help   Tarnwick Help (Ctrl+/), About Tarnwick
@@ -59,19 +60,20 @@ public:
     bool isShowingEmptyState() const;
 
     // The menu command with that object name ("openDirectoryAction", "closeTabAction",
-    // "reindexAction", "fileScopeAction", "copyPromptAction", "helpAction", "settingsAction").
+    // "reindexAction", "rebuildIndexAction", "fileScopeAction", "copyPromptAction", "helpAction",
+    // "settingsAction").
     QAction *action(const QString &objectName) const;
 
     // Replaces the folder chooser of "Open Directory…" (tests).
     void setDirectoryChooser(DirectoryChooser chooser) { m_chooser = std::move(chooser); }
-    // Replaces the question "Re-index ...?" (tests).
+    // Replaces the question "Rebuild the index of ...?" (tests).
     void setConfirmer(Confirmer confirmer) { m_confirmer = std::move(confirmer); }
 
-    // "Re-index": asks first, with the time the last indexing speed predicts, then re-indexes
-    // the active tab.
-    void confirmReindex();
-    // The question confirmReindex asks for a tab of that name and state.
-    static QString reindexQuestion(const QString &name, const DirectoryState &state);
+    // "Rebuild Index": asks first, with the time the last indexing speed predicts, then discards
+    // the active tab's index and builds it again.
+    void confirmRebuild();
+    // The question confirmRebuild asks for a tab of that name and state.
+    static QString rebuildQuestion(const QString &name, const DirectoryState &state);
 
     void openDirectory();
     void showFileScope();

@@ -548,3 +548,46 @@ TEST_F(CliMaintenance, DamagedOrBusyIndexFailsWithOneLineAndARebuildRecovers)
     close(lock);
     EXPECT_EQ(stats()["deletedCount"].number, 0);
 }
+
+// update reads only what changed since index; watch does the same each time files change, one
+// line per update, until it is told to stop.
+TEST_F(CliMaintenance, UpdateAndWatchFollowAddedEditedAndDeletedFiles)
+{
+    auto update = [this] {
+        return json_of({"update", dir.path(), "--chunk-size", "64", "--overlap", "16", "--json"});
+    };
+    Json nothing = update();
+    EXPECT_EQ(nothing["unchanged"].number, 3);
+    EXPECT_EQ(nothing["added"].number + nothing["changed"].number + nothing["removed"].number, 0);
+
+    write_file(dir / "beta.txt", "a longer note about rye, barley and oats, and a little spelt\n");
+    fs::remove(dir / "code/gamma.c");
+    write_file(dir / "notes/delta.txt", "delta is new\n");
+    Json changed = update();
+    EXPECT_EQ(changed["added"].number, 1);
+    EXPECT_EQ(changed["changed"].number, 1);
+    EXPECT_EQ(changed["removed"].number, 1);
+    EXPECT_EQ(changed["unchanged"].number, 1);
+    EXPECT_EQ(search("barley", "text").size(), 1u);
+    EXPECT_TRUE(search("nothing to do here", "text").empty());
+
+    CliProcess watch({"watch", dir.path(), "--chunk-size", "64", "--overlap", "16"}, dir.path());
+    auto lines = [&watch] {
+        return lines_of(watch.out_so_far()).size();
+    };
+    for (int i = 0; i < 200 && lines() < 1; i++) {
+        usleep(50000);
+    }
+    ASSERT_EQ(lines(), 1u);
+    write_file(dir / "epsilon.md", "# Epsilon\n\nwatched into the index\n");
+    for (int i = 0; i < 300 && lines() < 2; i++) {
+        usleep(50000);
+    }
+    kill(watch.pid(), SIGTERM);
+    RunResult r = watch.finish();
+    EXPECT_EQ(r.status, 0) << r.err;
+    std::vector<std::string> out = lines_of(r.out);
+    ASSERT_EQ(out.size(), 2u) << r.out;
+    EXPECT_EQ(out[1].rfind("updated: 1 added, 0 changed, 0 removed, 3 unchanged", 0), 0u) << out[1];
+    EXPECT_EQ(search("watched", "text").size(), 1u);
+}

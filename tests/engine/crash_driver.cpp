@@ -8,6 +8,7 @@
 **     trn_crash_driver DIR ingest NAME  ingests a small text as /s/NAME
 **     trn_crash_driver DIR state        prints the index: one line per live chunk, sorted
 **     trn_crash_driver DIR check        prints the index, ingests e.txt, prints it again
+**     trn_crash_driver DIR update SRC   trn_update_dir of SRC; prints what it did
 **
 ** Exit status: 0 done; 3 the operation reported a failure (its line on standard error); 4 the
 ** index could not be opened (busy or damaged; its line on standard output as "refused ...").
@@ -52,7 +53,9 @@ int print_state(TrnEngine *e)
 
 int main(int argc, char **argv)
 {
-    if (argc != 3 && !(argc == 4 && std::strcmp(argv[2], "ingest") == 0)) {
+    if (argc != 3
+        && !(argc == 4
+             && (std::strcmp(argv[2], "ingest") == 0 || std::strcmp(argv[2], "update") == 0))) {
         std::fprintf(stderr,
                      "usage: trn_crash_driver DIR setup|ingest|remove|compact|"
                      "checkpoint|rebuild|state\n");
@@ -78,6 +81,10 @@ int main(int argc, char **argv)
     } else if (op == "ingest" && argc == 4) {
         std::string path = std::string("/s/") + argv[3];
         rc = ingest(e, path.c_str(), (std::string(argv[3]) + " one, two, three").c_str());
+    } else if (op == "update") {
+        TrnUpdateReport r;
+        rc = trn_update_dir(e, argv[3], 24, 4, nullptr, nullptr, nullptr, &r) >= 0 ? 0 : 3;
+        std::printf("added %d changed %d removed %d\n", r.added, r.changed, r.removed);
     } else if (op == "ingest") {
         rc = ingest(e, "/s/d.txt", "delta one, delta two, delta three, delta four");
     } else if (op == "remove") {

@@ -218,6 +218,86 @@ TEST_P(CrashAtEverySyscall, AFullDiskFailsTheOperationAndKeepsTheCommittedState)
     EXPECT_GT(failures, 0);
 }
 
+/* An update killed at each of its calls on the index, then updated again, holds what a fresh
+** index of the same tree holds, and its manifest is then trusted: a third update finds nothing to
+** do. */
+TEST(UpdateCrash, AKilledUpdateIsFinishedByTheNextOne)
+{
+    TempDir src, start, scratch;
+    write_file_text(src.file("a.txt"), "alpha one, alpha two, alpha three");
+    write_file_text(src.file("b.txt"), "bravo one, bravo two");
+    write_file_text(src.file("c.txt"), "charlie one, charlie two");
+    ASSERT_EQ(run({DRIVER, start.path(), "update", src.path()}, scratch).code, 0);
+    write_file_text(src.file("a.txt"), "alpha changed, alpha two, alpha four");
+    unlink(src.file("b.txt").c_str());
+    write_file_text(src.file("d.txt"), "delta one, delta two");
+    write_file_bytes(src.file("c.txt"), "bin\0ary", 7);
+
+    std::string fresh = scratch.file("fresh");
+    mkdir(fresh.c_str(), 0700);
+    ASSERT_EQ(run({DRIVER, fresh, "update", src.path()}, scratch).code, 0);
+    const std::string expected = run({DRIVER, fresh, "state"}, scratch).out;
+
+    /* The calls of the update on the index's files, counted as the fixture above does. */
+    std::string dir = scratch.file("crashed"), trace = scratch.file("trace.txt");
+    int crashes = 0;
+    for (const char *call : CALLS) {
+        copy_dir(start.path(), dir);
+        run({"strace",
+             "-qq",
+             "-y",
+             "-o",
+             trace,
+             "-e",
+             std::string("trace=") + call,
+             DRIVER,
+             dir,
+             "update",
+             src.path()},
+            scratch);
+        std::vector<uint8_t> bytes = read_file_bytes(trace);
+        std::string text(bytes.begin(), bytes.end());
+        std::vector<int> numbers;
+        size_t pos = 0;
+        for (int n = 1; pos < text.size(); n++) {
+            size_t end = text.find('\n', pos);
+            std::string line = text.substr(pos, end - pos);
+            bool reads = line.rfind("openat", 0) == 0 && line.find("O_CREAT") == std::string::npos
+                         && line.find("O_WRONLY") == std::string::npos;
+            if (line.find(dir + "/") != std::string::npos && !reads) {
+                numbers.push_back(n);
+            }
+            pos = end == std::string::npos ? text.size() : end + 1;
+        }
+        for (int n : numbers) {
+            copy_dir(start.path(), dir);
+            std::string inject = std::string(call) + ":signal=SIGKILL:when=" + std::to_string(n);
+            Outcome r = run({"strace",
+                             "-qq",
+                             "-o",
+                             "/dev/null",
+                             "-e",
+                             std::string("trace=") + call,
+                             "-e",
+                             "inject=" + inject,
+                             DRIVER,
+                             dir,
+                             "update",
+                             src.path()},
+                            scratch);
+            ASSERT_TRUE(r.killed) << call << " #" << n << ": " << r.err;
+            crashes++;
+            ASSERT_EQ(run({DRIVER, dir, "update", src.path()}, scratch).code, 0);
+            ASSERT_EQ(run({DRIVER, dir, "state"}, scratch).out, expected)
+                << "update killed at " << call << " #" << n;
+            ASSERT_EQ(run({DRIVER, dir, "update", src.path()}, scratch).out,
+                      "added 0 changed 0 removed 0\n")
+                << "update killed at " << call << " #" << n;
+        }
+    }
+    EXPECT_GT(crashes, 10);
+}
+
 INSTANTIATE_TEST_SUITE_P(WritePaths, CrashAtEverySyscall,
                          testing::Values("ingest", "remove", "compact", "checkpoint", "rebuild"));
 

@@ -49,8 +49,9 @@ done
 if [ -f /usr/share/bash-completion/bash_completion ]; then
     # Each line: a command line typed so far, then what the completion offers, sorted.
     table=$(cat <<'TABLE'
-tarnwick-cli |compact embed files index prompt remove search stats train
+tarnwick-cli |compact embed files index prompt remove search stats train update watch
 tarnwick-cli se|search
+tarnwick-cli watch /tmp --j|--json
 tarnwick-cli search /tmp q --mode |hybrid keyword regex semantic text
 tarnwick-cli search /tmp q --mode=|hybrid keyword regex semantic text
 tarnwick-cli prompt /tmp q --scope |all pinned top5

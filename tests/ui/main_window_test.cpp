@@ -476,7 +476,15 @@ private slots:
         QCOMPARE(bar->encoderPicker()->itemText(0), QStringLiteral("Default"));
         QVERIFY(!bar->progressBar()->isVisible());
 
-        // Re-index asks first, naming what is discarded; "no" changes nothing.
+        // Re-index updates at once; Rebuild asks first, naming what is discarded.
+        QSignalSpy done(state, &DirectoryState::ingestFinished);
+        bar->reindexButton()->click();
+        QVERIFY(state->isIngesting());
+        QVERIFY(!bar->reindexButton()->isEnabled());
+        QVERIFY(done.wait(60000));
+        QVERIFY(bar->reindexButton()->isEnabled());
+        QCOMPARE(bar->statusLabel()->text(), state->statusText());
+
         QString question;
         bool answer = false;
         h->window.setConfirmer(
@@ -484,19 +492,42 @@ private slots:
                 question = text;
                 return answer;
             });
-        bar->reindexButton()->click();
+        QAction *rebuild = h->window.action(QStringLiteral("rebuildIndexAction"));
+        rebuild->trigger();
         QVERIFY2(question.contains(QStringLiteral(" chunks from ")), qPrintable(question));
         QVERIFY(!state->isIngesting());
         answer = true;
-        QSignalSpy done(state, &DirectoryState::ingestFinished);
-        bar->reindexButton()->click();
+        rebuild->trigger();
         QVERIFY(bar->progressBar()->isVisible());
-        QCOMPARE(bar->statusLabel()->text(), QStringLiteral("Indexing..."));
         QVERIFY(!bar->reindexButton()->isEnabled());
         QVERIFY(done.wait(60000));
         QVERIFY(!bar->progressBar()->isVisible());
-        QVERIFY(bar->reindexButton()->isEnabled());
         QCOMPARE(bar->statusLabel()->text(), state->statusText());
+    }
+
+    // Nothing pressed: an edit saved in the open directory reaches the results once it settled.
+    void anOpenTabFollowsEditsOfItsDirectory()
+    {
+        Settings::standard()->setValue(QStringLiteral("watchSettleMs"), 100);
+        auto h = makeHarness();
+        QTemporaryDir dir;
+        writeSample(dir.path());
+        DirectoryState *state = openAndIndex(*h, dir.path());
+        QVERIFY(state);
+        QVERIFY(state->isWatching());
+        search(*h, QStringLiteral("quince"), SearchMode::Text);
+        QVERIFY(shownFileNames(*h).isEmpty());
+
+        QVERIFY(writeFile(dir.path(), QStringLiteral("garden.md"), "# Garden\n\nA quince tree.\n"));
+        QVERIFY(
+            writeFile(dir.path(), QStringLiteral("notes/new.txt"), "Quince jelly sets well.\n"));
+        // The search on screen runs again by itself once the update is done.
+        QTRY_COMPARE_WITH_TIMEOUT(shownFileNames(*h).size(), 2, 30000);
+        QStringList names = shownFileNames(*h);
+        names.sort();
+        QCOMPARE(names, (QStringList{QStringLiteral("garden.md"), QStringLiteral("new.txt")}));
+        QCOMPARE(state->stats().file_count, 5u);
+        Settings::standard()->remove(QStringLiteral("watchSettleMs"));
     }
 
     void gitBranchShowsWhenTheDirectoryIsInARepository()
@@ -521,6 +552,8 @@ private slots:
                                    << "Ctrl+W";
         QTest::newRow("re-index") << "reindexAction"
                                   << "Ctrl+Shift+R";
+        QTest::newRow("rebuild index") << "rebuildIndexAction"
+                                       << "Ctrl+Shift+B";
         QTest::newRow("file scope") << "fileScopeAction"
                                     << "Ctrl+I";
         QTest::newRow("copy prompt") << "copyPromptAction"

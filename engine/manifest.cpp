@@ -1,0 +1,229 @@
+/*
+** manifest.cpp -- the file manifest "tarnwick.files": what the index knows of each file that an
+** update walked, so the next update reads only what changed.
+**
+** Layout. Little-endian, no padding:
+**
+**     offset  size  field
+**          0     4  magic "TRNF"
+**          4     4  uint32 version, 1
+**          8     4  int32 chunk_size the files were cut with
+**         12     4  int32 overlap
+**         16     4  uint32 text version (MANIFEST_TEXT_VERSION: how text is taken from files)
+**         20     4  uint32 count of entries that follow
+**
+** then count entries, in the order the walk met the files:
+**
+**     uint32 n, n bytes   path (1 to TRN_WALK_MAX - 1 bytes, no NUL), as the chunks name it
+**     uint64 size         bytes, from stat
+**     int64  mtime_ns     modification time, nanoseconds since the epoch
+**     int64  ctime_ns     change time, nanoseconds since the epoch
+**     uint64 inode
+**     uint64 text_hash    FNV-1a 64 of the text that was chunked; 0 when not indexed
+**     uint32 type         TrnFileType as classified (binary ones are remembered too, unread)
+**     uint32 chunks       live chunks of the file in the index when the entry was written
+**     uint32 flags        1: modified so shortly before it was read that a later write within
+**                         the file system's time granularity could hide: read it again
+**
+** and last a uint32 CRC-32 (zlib's) of every byte before it.
+**
+** The file is hostile like every other: a wrong magic, version or checksum, a count or length
+** beyond the bytes left, or bytes left over make the whole manifest absent, which costs the next
+** update reading every file, never an index entry. It is replaced whole (temporary file from
+** mkstemp, fsync, rename, directory fsync) and created 0600.
+*/
+#include "internal.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace
+{
+
+constexpr uint32_t MANIFEST_VERSION = 1;
+constexpr size_t MANIFEST_HEADER = 24;
+constexpr size_t ENTRY_FIXED = 4 + 8 * 5 + 4 * 3;
+constexpr uint64_t MANIFEST_SIZE_MAX = 1ull << 31; /* about 20 million files */
+
+struct Reader {
+    const uint8_t *p;
+    size_t left;
+};
+
+bool take(Reader *r, void *out, size_t n)
+{
+    if (n > r->left) {
+        return false;
+    }
+    memcpy(out, r->p, n);
+    r->p += n;
+    r->left -= n;
+    return true;
+}
+
+void put(TrnBytes *b, const void *p, size_t n)
+{
+    const uint8_t *bytes = static_cast<const uint8_t *>(p);
+    b->insert(b->end(), bytes, bytes + n);
+}
+
+} // namespace
+
+uint64_t text_hash(const char *p, size_t n)
+{
+    uint64_t h = 0xcbf29ce484222325ull;
+    for (size_t i = 0; i < n; i++) {
+        h ^= (uint8_t)p[i];
+        h *= 0x100000001b3ull;
+    }
+    return h;
+}
+
+void manifest_add(Manifest *m, const ManifestEntry *e)
+{
+    if (m->count == m->capacity) {
+        uint32_t grown = m->capacity ? m->capacity * 2 : 256;
+        m->entries =
+            static_cast<ManifestEntry *>(xrealloc(m->entries, xmul(grown, sizeof(ManifestEntry))));
+        m->capacity = grown;
+    }
+    ManifestEntry *slot = &m->entries[m->count++];
+    *slot = *e;
+    slot->path = xstrdup(e->path);
+}
+
+void manifest_free(Manifest *m)
+{
+    for (uint32_t i = 0; i < m->count; i++) {
+        free(m->entries[i].path);
+    }
+    free(m->entries);
+    memset(m, 0, sizeof *m);
+}
+
+bool manifest_read(const char *path, Manifest *m)
+{
+    manifest_free(m);
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return false;
+    }
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || (uint64_t)st.st_size < MANIFEST_HEADER + 4
+        || (uint64_t)st.st_size > MANIFEST_SIZE_MAX) {
+        close(fd);
+        return false;
+    }
+    size_t size = (size_t)st.st_size;
+    uint8_t *bytes = static_cast<uint8_t *>(xmalloc(size));
+    size_t got = 0;
+    while (got < size) {
+        ssize_t n = read(fd, bytes + got, size - got);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            break;
+        }
+        got += (size_t)n;
+    }
+    close(fd);
+    uint32_t stored_crc = 0;
+    if (got == size) {
+        memcpy(&stored_crc, bytes + size - 4, 4);
+    }
+    Reader r = {bytes, size - 4};
+    char magic[4];
+    uint32_t version = 0, count = 0;
+    bool ok = got == size && stored_crc == crc32_update(0, bytes, size - 4) && take(&r, magic, 4)
+              && memcmp(magic, "TRNF", 4) == 0 && take(&r, &version, 4)
+              && version == MANIFEST_VERSION && take(&r, &m->chunk_size, 4)
+              && take(&r, &m->overlap, 4) && take(&r, &m->text_version, 4) && take(&r, &count, 4)
+              && (uint64_t)count * ENTRY_FIXED <= r.left;
+    for (uint32_t i = 0; ok && i < count; i++) {
+        ManifestEntry e = {};
+        uint32_t n = 0;
+        ok = take(&r, &n, 4) && n >= 1 && n < TRN_WALK_MAX && n <= r.left;
+        if (!ok) {
+            break;
+        }
+        char name[TRN_WALK_MAX];
+        memcpy(name, r.p, n);
+        name[n] = '\0';
+        r.p += n;
+        r.left -= n;
+        ok = memchr(name, '\0', n) == nullptr && take(&r, &e.size, 8) && take(&r, &e.mtime_ns, 8)
+             && take(&r, &e.ctime_ns, 8) && take(&r, &e.inode, 8) && take(&r, &e.text_hash, 8)
+             && take(&r, &e.type, 4) && take(&r, &e.chunks, 4) && take(&r, &e.flags, 4);
+        if (ok) {
+            e.path = name;
+            manifest_add(m, &e);
+        }
+    }
+    ok = ok && r.left == 0;
+    free(bytes);
+    if (!ok) {
+        manifest_free(m);
+    }
+    return ok;
+}
+
+bool manifest_write(const char *path, const Manifest *m)
+{
+    TrnBytes b;
+    put(&b, "TRNF", 4);
+    put(&b, &MANIFEST_VERSION, 4);
+    put(&b, &m->chunk_size, 4);
+    put(&b, &m->overlap, 4);
+    put(&b, &m->text_version, 4);
+    put(&b, &m->count, 4);
+    for (uint32_t i = 0; i < m->count; i++) {
+        const ManifestEntry *e = &m->entries[i];
+        uint32_t n = (uint32_t)strlen(e->path);
+        put(&b, &n, 4);
+        put(&b, e->path, n);
+        put(&b, &e->size, 8);
+        put(&b, &e->mtime_ns, 8);
+        put(&b, &e->ctime_ns, 8);
+        put(&b, &e->inode, 8);
+        put(&b, &e->text_hash, 8);
+        put(&b, &e->type, 4);
+        put(&b, &e->chunks, 4);
+        put(&b, &e->flags, 4);
+    }
+    uint32_t crc = crc32_update(0, b.data(), b.size());
+    put(&b, &crc, 4);
+
+    char tmp[TRN_PATH_MAX + 32];
+    snprintf(tmp, sizeof tmp, "%s.XXXXXX", path);
+    int fd = mkstemp(tmp); /* mkstemp creates 0600 */
+    if (fd < 0) {
+        return false;
+    }
+    const uint8_t *p = b.data();
+    size_t left = b.size();
+    bool ok = true;
+    while (ok && left > 0) {
+        ssize_t n = write(fd, p, left);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        ok = n > 0;
+        if (ok) {
+            p += n;
+            left -= (size_t)n;
+        }
+    }
+    ok = ok && fsync(fd) == 0;
+    ok = close(fd) == 0 && ok;
+    ok = ok && rename(tmp, path) == 0;
+    if (!ok) {
+        unlink(tmp);
+        return false;
+    }
+    return sync_parent_dir(path);
+}

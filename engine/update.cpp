@@ -1,0 +1,429 @@
+/*
+** update.cpp -- trn_update_dir, the one way a directory gets indexed: a first indexing is the
+** update of an empty index, a re-index the update of a full one.
+**
+** An update walks the directory, compares every file with its entry in the manifest
+** (manifest.cpp) and with the chunks the index holds of it, and then works through what differs:
+**
+**   entry matches (size, mtime, ctime, inode), not flagged recent, and the index holds as many
+**   chunks of the file as the entry says       -> unchanged: not classified, not read
+**   not indexable (binary, excluded, too large) -> its chunks removed, entry kept unread
+**   otherwise                                   -> read; text hashing as the entry says and the
+**                                                  chunk count agreeing: unchanged (entry
+**                                                  refreshed); else its chunks replaced
+**   chunks of a path below dir the walk did not reach -> removed
+**
+** Replacing is one group of the log (removal and new chunks), so a kill leaves the old chunks or
+** the new ones. The manifest is written after the groups it describes are logged, so an entry
+** never claims more than the index holds; its chunk count check catches the rest (a rebuild by
+** another program, a log another process cut). A manifest that cannot be read means every file
+** is read and every chunked file is replaced once, which costs time and loses nothing.
+**
+** Which files are walked and what text they hold is decided by the one walk, classification and
+** extraction of files.h, as everywhere else.
+*/
+#include "files.h"
+#include "internal.h"
+
+#include <algorithm>
+#include <cstring>
+#include <ctime>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+#include <sys/file.h>
+#include <sys/stat.h>
+
+namespace
+{
+
+/* Coarse file system clocks (ext4 stamps times from a tick of a few milliseconds, FAT in two
+** seconds) let a write just after a read keep the same mtime: a file modified this close to the
+** moment it was read is read again by the next update. */
+constexpr int64_t RECENT_NS = 3000000000ll;
+/* A long update writes the manifest this often, so a kill costs at most this much reading. */
+constexpr int64_t MANIFEST_INTERVAL_NS = 5000000000ll;
+
+using XString = std::basic_string<char, std::char_traits<char>, XAllocator<char>>;
+
+struct XStringHash {
+    size_t operator()(const XString &s) const
+    {
+        return std::hash<std::string_view>{}(std::string_view(s.data(), s.size()));
+    }
+};
+
+template <typename V>
+using PathMap = std::unordered_map<XString, V, XStringHash, std::equal_to<XString>,
+                                   XAllocator<std::pair<const XString, V>>>;
+
+int64_t stat_ns(const struct timespec &t)
+{
+    return (int64_t)t.tv_sec * 1000000000ll + t.tv_nsec;
+}
+
+int64_t now_ns(void)
+{
+    struct timespec t;
+    clock_gettime(CLOCK_REALTIME, &t);
+    return stat_ns(t);
+}
+
+} // namespace
+
+bool update_excludes(const TrnWalkOptions *opts, const char *rel)
+{
+    bool custom = opts && opts->exclude_pattern_count > 0 && opts->exclude_patterns;
+    IgnoreRules *rules = custom ? ignore_rules_new(opts->exclude_patterns, opts->exclude_pattern_count)
+                                : ignore_rules_new(WALK_DEFAULT_EXCLUDES, WALK_DEFAULT_EXCLUDE_COUNT);
+    std::string path(rel);
+    bool is_dir = !path.empty() && path.back() == '/';
+    if (is_dir) {
+        path.pop_back();
+    }
+    bool excluded = ignore_rules_match(rules, path.c_str(), is_dir) != nullptr;
+    ignore_rules_free(rules);
+    return excluded;
+}
+
+uint64_t g_update_files_read = 0;
+int64_t g_update_recent_ns = RECENT_NS;
+
+char *update_text(const char *path, TrnFileType type, uint64_t max_size, size_t *length,
+                  bool *binary)
+{
+    *binary = false;
+    *length = 0;
+    g_update_files_read++;
+    ExtractedText t;
+    TrnFileStatus status = extract_file_text(path, type, max_size, &t);
+    char *text = nullptr;
+    if (status == TRN_FILE_STATUS_INDEXABLE) {
+        text = t.text;
+        *length = t.length;
+        t.text = nullptr;
+    } else if (status == TRN_FILE_STATUS_TOO_SHORT) {
+        text = xstrdup(""); /* replaced by nothing: the chunks it had go */
+    } else {
+        *binary = status != TRN_FILE_STATUS_UNREADABLE;
+    }
+    extracted_text_free(&t);
+    return text;
+}
+
+namespace
+{
+
+struct FoundFile {
+    XString path;
+    uint32_t type;
+    uint64_t size;
+    int64_t mtime_ns;
+    int64_t ctime_ns;
+    uint64_t inode;
+};
+
+using FoundList = std::vector<FoundFile, XAllocator<FoundFile>>;
+
+/* Keeps the files the walk found indexable or binary; an excluded, too large or unreadable one is
+** left out, so the chunks it had are removed like those of a file that is gone. */
+WalkAction collect_file(const ::WalkedFile &f, FoundList *list)
+{
+    if (f.kind != WALK_FILE
+        || (f.status != TRN_FILE_STATUS_INDEXABLE && f.status != TRN_FILE_STATUS_BINARY)) {
+        return WALK_CONTINUE;
+    }
+    struct stat st;
+    if (stat(f.path, &st) != 0) {
+        return WALK_CONTINUE;
+    }
+    uint32_t type = f.status == TRN_FILE_STATUS_BINARY ? (uint32_t)TRN_FILE_TYPE_BINARY : f.type;
+    list->push_back(FoundFile{XString(f.path),
+                              type,
+                              (uint64_t)st.st_size,
+                              stat_ns(st.st_mtim),
+                              stat_ns(st.st_ctim),
+                              (uint64_t)st.st_ino});
+    return WALK_CONTINUE;
+}
+
+/* One piece of work the comparison found. */
+struct Work {
+    XString path;
+    int64_t walked;    /* index into the walked list; -1 for a removal of a vanished file */
+    int64_t old_entry; /* index into the old manifest, or -1 */
+    uint32_t type;     /* classification of an ingest */
+    bool remove_only;  /* not indexable now: only its chunks go */
+};
+
+ManifestEntry entry_for(const FoundFile &w, uint32_t type)
+{
+    ManifestEntry e = {};
+    e.path = const_cast<char *>(w.path.c_str());
+    e.size = w.size;
+    e.mtime_ns = w.mtime_ns;
+    e.ctime_ns = w.ctime_ns;
+    e.inode = w.inode;
+    e.type = type;
+    return e;
+}
+
+bool same_stat(const ManifestEntry &e, const FoundFile &w)
+{
+    return e.size == w.size && e.mtime_ns == w.mtime_ns && e.ctime_ns == w.ctime_ns
+           && e.inode == w.inode;
+}
+
+/* Writes next, with the old entries of the files still to be read (their times differ from the
+** files', so they are read again; their hashes spare the embedding), under the exclusive lock. */
+void write_manifest(TrnEngine *e, const char *path, const Manifest *next, const Manifest *old,
+                    const std::vector<Work, XAllocator<Work>> &work, size_t next_work)
+{
+    Manifest out = *next;
+    Manifest extra = {};
+    for (size_t i = next_work; i < work.size(); i++) {
+        if (work[i].old_entry >= 0 && !work[i].remove_only) {
+            manifest_add(&extra, &old->entries[work[i].old_entry]);
+        }
+    }
+    if (extra.count > 0) {
+        out.entries = static_cast<ManifestEntry *>(
+            xmalloc(xmul((size_t)next->count + extra.count, sizeof(ManifestEntry))));
+        memcpy(out.entries, next->entries, next->count * sizeof(ManifestEntry));
+        memcpy(out.entries + next->count, extra.entries, extra.count * sizeof(ManifestEntry));
+        out.count = next->count + extra.count;
+    }
+    if (lock_take(e, LOCK_EX, g_busy_timeout_ms)) {
+        manifest_write(path, &out);
+        lock_release(e);
+    }
+    if (extra.count > 0) {
+        free(out.entries);
+    }
+    manifest_free(&extra);
+}
+
+} // namespace
+
+extern "C" {
+
+int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_t overlap,
+                       const TrnWalkOptions *opts, TrnProgressFn progress, void *user,
+                       TrnUpdateReport *report)
+{
+    TrnUpdateReport local;
+    if (!report) {
+        report = &local;
+    }
+    memset(report, 0, sizeof *report);
+    if (!e || !dir) {
+        return -1;
+    }
+    status_clear(e);
+    if (e->refused) {
+        fail_status(e, e->refused, 0);
+        return -1;
+    }
+    /* Paths are dir "/" name: a trailing slash would name every file differently. */
+    XString root(dir);
+    while (root.size() > 1 && root.back() == '/') {
+        root.pop_back();
+    }
+    FoundList walked;
+    if (walk_files(root.c_str(), opts, [&walked](const ::WalkedFile &f) {
+            return collect_file(f, &walked);
+        }) < 0) {
+        return -1;
+    }
+    /* In path order, whatever order the directories list their entries in: an index built from
+    ** the same tree holds its chunks in the same order. */
+    std::sort(walked.begin(), walked.end(), [](const FoundFile &a, const FoundFile &b) {
+        return a.path < b.path;
+    });
+    index_refresh_for_read(e);
+
+    const bool has_files = e->store_path[0] != '\0';
+    char manifest_path[TRN_PATH_MAX + 16] = "";
+    Manifest old = {};
+    bool trusted = false;
+    if (has_files) {
+        index_file_path(e, "tarnwick.files", manifest_path, sizeof manifest_path);
+        /* A rebuild starts from nothing; the old manifest describes the index it replaces. */
+        trusted = !e->rebuild && manifest_read(manifest_path, &old) && old.chunk_size == chunk_size
+                  && old.overlap == overlap && old.text_version == MANIFEST_TEXT_VERSION;
+    }
+    bool dirty = has_files && !trusted;
+    PathMap<int64_t> old_index;
+    for (uint32_t i = 0; trusted && i < old.count; i++) {
+        old_index.emplace(XString(old.entries[i].path), (int64_t)i);
+    }
+    PathMap<uint32_t> store_chunks;
+    for (uint64_t i = 0; i < e->count; i++) {
+        const TrnChunk *c = &e->chunks[i];
+        if (!c->deleted && c->file_path) {
+            store_chunks[XString(c->file_path)]++;
+        }
+    }
+    auto chunks_of = [&store_chunks](const XString &path) -> uint32_t {
+        auto it = store_chunks.find(path);
+        return it == store_chunks.end() ? 0 : it->second;
+    };
+
+    Manifest next = {};
+    next.chunk_size = chunk_size;
+    next.overlap = overlap;
+    next.text_version = MANIFEST_TEXT_VERSION;
+    std::vector<Work, XAllocator<Work>> work;
+    PathMap<bool> seen;
+    for (size_t i = 0; i < walked.size(); i++) {
+        const FoundFile &w = walked[i];
+        seen.emplace(w.path, true);
+        auto found = old_index.find(w.path);
+        int64_t oi = found == old_index.end() ? -1 : found->second;
+        const ManifestEntry *oe = oi >= 0 ? &old.entries[oi] : nullptr;
+        uint32_t held = chunks_of(w.path);
+        if (oe && same_stat(*oe, w) && !(oe->flags & MANIFEST_FLAG_RECENT) && oe->chunks == held) {
+            manifest_add(&next, oe);
+            report->unchanged += trn_is_indexable(oe->type) ? 1 : 0;
+            continue;
+        }
+        dirty = true;
+        TrnFileType type = w.type;
+        if (!trn_is_indexable(type)) {
+            ManifestEntry entry = entry_for(w, type);
+            manifest_add(&next, &entry);
+            if (held > 0) {
+                work.push_back(Work{w.path, (int64_t)i, oi, type, true});
+            }
+            continue;
+        }
+        work.push_back(Work{w.path, (int64_t)i, oi, type, false});
+    }
+    /* Chunks of files below dir that the walk no longer reaches, in a stable order. */
+    XString below = root + "/";
+    for (uint64_t i = 0; i < e->count; i++) {
+        const TrnChunk *c = &e->chunks[i];
+        if (c->deleted || !c->file_path || strncmp(c->file_path, below.c_str(), below.size())) {
+            continue;
+        }
+        XString path(c->file_path);
+        if (seen.emplace(path, true).second) {
+            work.push_back(Work{path, -1, -1, 0, true});
+            dirty = true;
+        }
+    }
+    /* Entries of other directories indexed into the same index stay as they were. */
+    for (uint32_t i = 0; trusted && i < old.count; i++) {
+        const char *p = old.entries[i].path;
+        if (strncmp(p, below.c_str(), below.size()) != 0) {
+            manifest_add(&next, &old.entries[i]);
+        } else if (seen.find(XString(p)) == seen.end()) {
+            dirty = true; /* a file that went away without chunks (binary, empty) */
+        }
+    }
+
+    const int32_t total = (int32_t)work.size();
+    bool keep_going = !progress || progress(nullptr, 0, total, user);
+    bool failed = false;
+    bool changed_index = false;
+    int64_t last_manifest = now_ns();
+    size_t done = 0;
+    for (; keep_going && done < work.size(); done++) {
+        const Work &job = work[done];
+        const FoundFile *w = job.walked >= 0 ? &walked[(size_t)job.walked] : nullptr;
+        const ManifestEntry *oe = job.old_entry >= 0 ? &old.entries[job.old_entry] : nullptr;
+        uint32_t held = chunks_of(job.path);
+        if (job.remove_only) {
+            if (trn_remove_file(e, job.path.c_str()) < 0) {
+                failed = true;
+                break;
+            }
+            report->removed++;
+            changed_index = true;
+        } else {
+            int64_t read_at = now_ns();
+            bool binary = false;
+            size_t length = 0;
+            char *text = update_text(job.path.c_str(),
+                                     job.type,
+                                     opts ? opts->max_file_size : 0,
+                                     &length,
+                                     &binary);
+            ManifestEntry entry = entry_for(*w, job.type);
+            if (!text && binary) {
+                entry.type = TRN_FILE_TYPE_BINARY;
+                manifest_add(&next, &entry);
+                if (held > 0) {
+                    if (trn_remove_file(e, job.path.c_str()) < 0) {
+                        failed = true;
+                        break;
+                    }
+                    report->removed++;
+                    changed_index = true;
+                }
+            } else if (!text) {
+                report->failed++; /* no entry: the next update tries again */
+            } else {
+                entry.text_hash = text_hash(text, length);
+                entry.flags = read_at - w->mtime_ns < g_update_recent_ns ? MANIFEST_FLAG_RECENT : 0;
+                if (oe && oe->text_hash == entry.text_hash && oe->type == job.type
+                    && oe->chunks == held) {
+                    entry.chunks = held;
+                    report->unchanged++;
+                } else {
+                    int32_t n = chunk_and_replace(
+                        e, job.path.c_str(), text, (int64_t)length, chunk_size, overlap, job.type);
+                    if (n < 0) {
+                        free(text);
+                        failed = true;
+                        break;
+                    }
+                    entry.chunks = (uint32_t)n;
+                    store_chunks[job.path] = (uint32_t)n;
+                    if (held > 0 || (oe && oe->chunks > 0)) {
+                        report->changed++;
+                    } else if (n > 0) {
+                        report->added++;
+                    }
+                    report->chunks_added += n;
+                    changed_index = true;
+                }
+                manifest_add(&next, &entry);
+                free(text);
+            }
+        }
+        if (progress && !progress(job.path.c_str(), (int32_t)done + 1, total, user)) {
+            keep_going = false;
+            report->cancelled = 1;
+        }
+        if (has_files && !e->rebuild && now_ns() - last_manifest > MANIFEST_INTERVAL_NS) {
+            write_manifest(e, manifest_path, &next, &old, work, done + 1);
+            last_manifest = now_ns();
+        }
+    }
+    if (changed_index) {
+        trn_build_doc_index(e);
+    }
+    if (!failed && e->count > 0 && e->deleted_count * 100 > e->count * TRN_UPDATE_COMPACT_PERCENT) {
+        if (trn_compact(e) == 1) {
+            report->compacted = 1;
+        } else {
+            failed = true;
+        }
+    }
+    /* A rebuilt index replaces the old one here; until it does, the old manifest stays with the
+    ** old index (a cancelled or failed rebuild leaves both as they were). */
+    if (e->rebuild && !failed && !report->cancelled) {
+        failed = trn_checkpoint(e) != 1;
+    }
+    if (has_files && dirty && !e->rebuild) {
+        /* The files from done on were not handled: they keep their old entries. */
+        write_manifest(e, manifest_path, &next, &old, work, done);
+    }
+    manifest_free(&next);
+    manifest_free(&old);
+    return failed ? -1 : report->chunks_added;
+}
+
+} /* extern "C" */

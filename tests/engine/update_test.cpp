@@ -1,0 +1,290 @@
+/*
+** update_test.cpp -- trn_update_dir against a build from scratch: after each kind of change to a
+** tree, the updated index holds exactly the chunks a fresh index of the same tree holds, it read
+** only the files that changed, and an update with nothing to do writes nothing.
+*/
+#include "store_fixtures.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <set>
+
+#include <sys/time.h>
+
+namespace
+{
+
+constexpr int32_t CHUNK = 64;
+constexpr int32_t OVERLAP = 8;
+
+/* Every live chunk as "doc_id|line|type|text", sorted. */
+std::multiset<std::string> chunks_of(const TrnEngine *e)
+{
+    std::multiset<std::string> out;
+    for (uint64_t i = 0; i < e->count; i++) {
+        const TrnChunk &c = e->chunks[i];
+        if (!c.deleted) {
+            out.insert(std::string(c.doc_id) + "|" + std::to_string(c.line_number) + "|"
+                       + std::to_string(c.file_type) + "|" + c.text);
+        }
+    }
+    return out;
+}
+
+TrnEngine *open_index(const std::string &dir)
+{
+    mkdir(dir.c_str(), 0700);
+    trn_set_verbose(0);
+    TrnConfig cfg = {};
+    cfg.index_dir = dir.c_str();
+    return trn_open(&cfg);
+}
+
+struct Updated {
+    TrnUpdateReport report;
+    uint64_t files_read;
+    std::multiset<std::string> chunks;
+};
+
+Updated update(const std::string &index, const std::string &src)
+{
+    TrnEngine *e = open_index(index);
+    Updated u = {};
+    uint64_t before = g_update_files_read;
+    EXPECT_GE(trn_update_dir(e, src.c_str(), CHUNK, OVERLAP, nullptr, nullptr, nullptr, &u.report),
+              0);
+    u.files_read = g_update_files_read - before;
+    u.chunks = chunks_of(e);
+    trn_close(e);
+    return u;
+}
+
+std::string long_text(const std::string &word, int n)
+{
+    std::string s;
+    for (int i = 0; i < n; i++) {
+        s += word + " " + std::to_string(i) + (i % 5 == 4 ? "\n" : " ");
+    }
+    return s;
+}
+
+struct Change {
+    const char *name;
+    std::function<void(const std::string &src)> apply;
+    int added, changed, removed, unchanged; /* files, as the report counts them */
+    int read;                               /* files the update reads */
+};
+
+void PrintTo(const Change &c, std::ostream *os)
+{
+    *os << c.name;
+}
+
+class UpdateAfterChange : public testing::TestWithParam<Change>
+{
+};
+
+TEST_P(UpdateAfterChange, HoldsWhatAFreshIndexOfTheSameTreeHolds)
+{
+    const Change &c = GetParam();
+    g_update_recent_ns = 0; /* the files here are all written a moment before they are read */
+    TempDir tmp;
+    std::string src = tmp.file("src");
+    mkdir(src.c_str(), 0700);
+    mkdir((src + "/sub").c_str(), 0700);
+    write_file_text(src + "/a.txt", long_text("alpha", 30));
+    write_file_text(src + "/b.md", long_text("bravo", 12));
+    write_file_text(src + "/sub/c.txt", long_text("charlie", 20));
+    write_file_text(src + "/d.png", "\x89PNG not text");
+    std::string index = tmp.file("index");
+    Updated first = update(index, src);
+    EXPECT_EQ(first.report.added, 3);
+    EXPECT_GT(first.report.chunks_added, 5);
+
+    c.apply(src);
+    Updated second = update(index, src);
+    EXPECT_EQ(second.report.added, c.added);
+    EXPECT_EQ(second.report.changed, c.changed);
+    EXPECT_EQ(second.report.removed, c.removed);
+    EXPECT_EQ(second.report.unchanged, c.unchanged);
+    EXPECT_EQ(second.report.failed, 0);
+    EXPECT_EQ(second.files_read, (uint64_t)c.read);
+
+    Updated fresh = update(tmp.file("fresh"), src);
+    EXPECT_EQ(second.chunks, fresh.chunks);
+
+    /* Nothing left to do: nothing read, nothing written in the index directory. */
+    std::vector<std::string> names = dir_names(index);
+    std::vector<std::pair<long, long>> stamps;
+    for (const std::string &n : names) {
+        struct stat st;
+        stat((index + "/" + n).c_str(), &st);
+        stamps.push_back({(long)st.st_size, (long)st.st_mtim.tv_nsec + st.st_mtim.tv_sec});
+    }
+    Updated third = update(index, src);
+    EXPECT_EQ(third.files_read, 0u);
+    EXPECT_EQ(third.report.added + third.report.changed + third.report.removed, 0);
+    EXPECT_EQ(third.chunks, fresh.chunks);
+    for (size_t i = 0; i < names.size(); i++) {
+        struct stat st;
+        ASSERT_EQ(stat((index + "/" + names[i]).c_str(), &st), 0) << names[i];
+        EXPECT_EQ(stamps[i],
+                  std::make_pair((long)st.st_size, (long)st.st_mtim.tv_nsec + st.st_mtim.tv_sec))
+            << names[i] << " was written by an update with nothing to do";
+    }
+}
+
+/* Moves a file's times ten seconds into the past. */
+void age(const std::string &path)
+{
+    struct stat st;
+    stat(path.c_str(), &st);
+    struct timeval tv[2] = {{st.st_atim.tv_sec - 10, 0}, {st.st_mtim.tv_sec - 10, 0}};
+    utimes(path.c_str(), tv);
+}
+
+const Change CHANGES[] = {
+    {"Add",
+     [](const std::string &s) {
+         write_file_text(s + "/sub/e.txt", long_text("echo", 9));
+     },
+     1,
+     0,
+     0,
+     3,
+     1},
+    {"Edit",
+     [](const std::string &s) {
+         write_file_text(s + "/a.txt", long_text("alpha!", 31));
+     },
+     0,
+     1,
+     0,
+     2,
+     1},
+    {"Delete",
+     [](const std::string &s) {
+         unlink((s + "/b.md").c_str());
+     },
+     0,
+     0,
+     1,
+     2,
+     0},
+    {"Rename",
+     [](const std::string &s) {
+         rename((s + "/a.txt").c_str(), (s + "/sub/z.txt").c_str());
+     },
+     1,
+     0,
+     1,
+     2,
+     1},
+    {"TurnBinary",
+     [](const std::string &s) {
+         std::string bytes("bin\0\1\2\3 data", 13);
+         write_file_bytes(s + "/sub/c.txt", bytes.data(), bytes.size());
+     },
+     0,
+     0,
+     1,
+     2,
+     1},
+    {"Excluded",
+     [](const std::string &s) {
+         mkdir((s + "/node_modules").c_str(), 0700);
+         write_file_text(s + "/node_modules/x.js", long_text("excluded", 9));
+     },
+     0,
+     0,
+     0,
+     3,
+     0},
+    /* Times changed, text not: read again, not embedded again. */
+    {"TouchOnly",
+     [](const std::string &s) {
+         age(s + "/a.txt");
+     },
+     0,
+     0,
+     0,
+     3,
+     1},
+};
+
+INSTANTIATE_TEST_SUITE_P(Changes, UpdateAfterChange, testing::ValuesIn(CHANGES),
+                         [](const testing::TestParamInfo<Change> &info) {
+                             return std::string(info.param.name);
+                         });
+
+TEST(UpdateManifest, AMissingOrDamagedManifestCostsReadingNeverChunks)
+{
+    g_update_recent_ns = 0;
+    TempDir tmp;
+    std::string src = tmp.file("src");
+    mkdir(src.c_str(), 0700);
+    write_file_text(src + "/a.txt", long_text("alpha", 30));
+    write_file_text(src + "/b.txt", long_text("bravo", 10));
+    std::string index = tmp.file("index");
+    Updated first = update(index, src);
+    std::string manifest = index + "/tarnwick.files";
+    struct stat st;
+    ASSERT_EQ(stat(manifest.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+
+    std::vector<uint8_t> bytes = read_file_bytes(manifest);
+    for (const char *damage : {"flip", "cut", "gone"}) {
+        std::vector<uint8_t> b = bytes;
+        if (std::string(damage) == "flip") {
+            b[b.size() / 2] ^= 0x40;
+        } else if (std::string(damage) == "cut") {
+            b.resize(b.size() - 7);
+        }
+        unlink(manifest.c_str());
+        if (std::string(damage) != "gone") {
+            write_file_bytes(manifest, b.data(), b.size());
+        }
+        Updated u = update(index, src);
+        EXPECT_EQ(u.chunks, first.chunks) << damage;
+        EXPECT_EQ(u.files_read, 2u) << damage;
+        /* And the manifest written then is trusted again. */
+        EXPECT_EQ(update(index, src).files_read, 0u) << damage;
+        bytes = read_file_bytes(manifest);
+    }
+}
+
+TEST(UpdateManifest, AFileModifiedJustBeforeItWasReadIsReadAgain)
+{
+    g_update_recent_ns = 3000000000ll;
+    TempDir tmp;
+    std::string src = tmp.file("src");
+    mkdir(src.c_str(), 0700);
+    write_file_text(src + "/a.txt", long_text("alpha", 30));
+    write_file_text(src + "/old.txt", long_text("old", 30));
+    age(src + "/old.txt");
+    std::string index = tmp.file("index");
+    EXPECT_EQ(update(index, src).files_read, 2u);
+    EXPECT_EQ(update(index, src).files_read, 1u); /* a.txt, without embedding it */
+    g_update_recent_ns = 0;
+}
+
+TEST(UpdateManifest, AnEntryTheIndexDoesNotBackIsNotTrusted)
+{
+    g_update_recent_ns = 0;
+    TempDir tmp;
+    std::string src = tmp.file("src");
+    mkdir(src.c_str(), 0700);
+    write_file_text(src + "/a.txt", long_text("alpha", 30));
+    std::string index = tmp.file("index");
+    Updated first = update(index, src);
+    /* Another program removed the file's chunks behind the manifest's back. */
+    TrnEngine *e = open_index(index);
+    ASSERT_GT(trn_remove_file(e, (src + "/a.txt").c_str()), 0);
+    trn_close(e);
+    Updated u = update(index, src);
+    EXPECT_EQ(u.files_read, 1u);
+    EXPECT_EQ(u.chunks, first.chunks);
+}
+
+} // namespace
