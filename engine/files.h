@@ -74,9 +74,10 @@ struct WalkedFile {
     uint64_t size;        /* bytes, from stat (links followed) */
     int64_t mtime_ns;     /* modification time, nanoseconds since 1970 */
     uint64_t dev, ino;    /* identity, for telling a rename from a new file */
-    /* For WALK_FILE: INDEXABLE (type is one of the indexable types), EXCLUDED, TOO_LARGE, BINARY
-    ** or UNREADABLE; the text is not read, so NOT_UTF8 and TOO_SHORT come from
-    ** extract_file_text. For WALK_DIR: EXCLUDED or UNREADABLE. */
+    /* For WALK_FILE: INDEXABLE (type is one of the indexable types), EXCLUDED, TOO_LARGE, BINARY,
+    ** UNREADABLE, or TOO_SHORT for a file of fewer than 4 bytes whose name says nothing; the text
+    ** is not read, so NOT_UTF8 and most TOO_SHORT verdicts come from extract_file_text. For
+    ** WALK_DIR: EXCLUDED or UNREADABLE. */
     TrnFileStatus status;
     TrnFileType type;   /* TRN_FILE_TYPE_UNKNOWN unless the file was classified */
     const char *reason; /* for EXCLUDED: ".gitignore:3: build/", "sub/.tarnwickignore:1: *.log",

@@ -24,6 +24,7 @@ private slots:
     void effectiveChunkingFallsBackToTheDefaults_data();
     void effectiveChunkingFallsBackToTheDefaults();
     void invalidChunkingIsRefusedAndNothingChanges();
+    void walkSettingsFallBackToTheDefaults();
     void settersSignalOnlyOnChange();
     void directoryKeysRoundTrip_data();
     void directoryKeysRoundTrip();
@@ -60,6 +61,32 @@ std::unique_ptr<Settings> TestSettings::reopen()
 {
     return std::make_unique<Settings>(
         new QSettings(m_dir->filePath(QStringLiteral("s.ini")), QSettings::IniFormat));
+}
+
+// A blank pattern list or a size that is not a positive number would index everything, or
+// nothing: both read as the defaults.
+void TestSettings::walkSettingsFallBackToTheDefaults()
+{
+    const QStringList defaults = {QStringLiteral(".git"),
+                                  QStringLiteral("node_modules"),
+                                  QStringLiteral("__pycache__"),
+                                  QStringLiteral("build"),
+                                  QStringLiteral("dist"),
+                                  QStringLiteral("target"),
+                                  QStringLiteral(".venv")};
+    QCOMPARE(m_settings->effectiveExcludePatterns(), defaults);
+    QCOMPARE(m_settings->effectiveMaxFileSize(), qint64(20) * 1024 * 1024);
+    m_settings->setExcludePatterns(QStringLiteral(" , "));
+    QCOMPARE(m_settings->effectiveExcludePatterns(), defaults);
+    m_settings->setExcludePatterns(QStringLiteral(" *.tmp ,, vendor/ "));
+    QCOMPARE(m_settings->effectiveExcludePatterns(),
+             QStringList({QStringLiteral("*.tmp"), QStringLiteral("vendor/")}));
+    m_settings->setValue(QStringLiteral("maxFileSizeMB"), QStringLiteral("huge"));
+    QCOMPARE(m_settings->effectiveMaxFileSize(), qint64(20) * 1024 * 1024);
+    m_settings->setMaxFileSizeMB(-5);
+    QCOMPARE(m_settings->effectiveMaxFileSize(), qint64(20) * 1024 * 1024);
+    m_settings->setMaxFileSizeMB(3);
+    QCOMPARE(reopen()->effectiveMaxFileSize(), qint64(3) * 1024 * 1024);
 }
 
 void TestSettings::absentKeysReadAsTheirDefaults()

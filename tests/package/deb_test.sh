@@ -32,7 +32,7 @@ done
 has_app=0
 [ -f "$build/bin/tarnwick" ] && has_app=1
 if [ "$has_app" = 1 ]; then
-    for dependency in libqt6widgets6 libpoppler-qt6 qt6-qpa-plugins; do
+    for dependency in libqt6widgets6 libqt6pdf6 qt6-qpa-plugins; do
         case $depends in
             *"$dependency"*) ;;
             *) fail "Depends lacks $dependency: $depends" ;;
