@@ -434,17 +434,6 @@ TRN_API int32_t trn_ingest_file(TrnEngine *e, const char *path, int32_t chunk_si
 TRN_API int32_t trn_ingest_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_t overlap,
                                TrnProgressFn cb, void *user);
 
-/* Which files of a directory are indexed. A null pointer to it, or zero members, mean the
- * defaults: no extra extensions, the default exclusion patterns (.git, node_modules,
- * __pycache__, build, dist, target, .venv) and TRN_FILE_SIZE_MAX. */
-typedef struct TrnWalkOptions {
-    const char *const *extra_extensions; /* without the dot, e.g. "org" */
-    int32_t extra_extension_count;
-    const char *const *exclude_patterns; /* gitignore syntax; replace the defaults when given */
-    int32_t exclude_pattern_count;
-    uint64_t max_file_size; /* bytes; 0 = TRN_FILE_SIZE_MAX */
-} TrnWalkOptions;
-
 /* What one trn_update_dir did, in files (and chunks added). */
 typedef struct TrnUpdateReport {
     int32_t added;     /* indexed for the first time */
