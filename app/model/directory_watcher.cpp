@@ -4,6 +4,7 @@
 #include "directory_watcher.h"
 
 #include "background.h"
+#include "tarnwick_engine.h"
 #include "tarnwick.h"
 
 #include <QFile>
@@ -18,7 +19,9 @@ DirectoryWatcher::DirectoryWatcher(const QString &directoryPath, int settleMs, Q
     m_settle.setInterval(qMax(0, settleMs));
     connect(&m_settle, &QTimer::timeout, this, &DirectoryWatcher::settled);
     const QByteArray path = QFile::encodeName(directoryPath);
-    TrnWatch *watch = trn_watch_open(path.constData(), nullptr);
+    // What the settings exclude is not watched: changes there never start an update.
+    const std::unique_ptr<FileWalkOptions> walk = FileWalkOptions::fromSettings();
+    TrnWatch *watch = trn_watch_open(path.constData(), walk->options());
     if (!watch) {
         return;
     }
