@@ -119,7 +119,7 @@ std::string file_key(const std::string &file)
 
 struct Progress {
     TrnEngine *engine;
-    ProgressLine line{"indexing"};
+    ProgressLine line{"Indexing"};
     int32_t files = 0;
 };
 
@@ -388,11 +388,11 @@ void cmd_embed(const Options &o)
     EncoderGuard guard;
     std::string description;
     const std::string weights = chosen_weights(o, "", &description);
-    if (!weights.empty() && !trn_encoder_load_weights(&guard.encoder, weights.c_str())) {
+    if (!weights.empty() && !trn_encoder_load_weights(guard.encoder, weights.c_str())) {
         throw Failure("cannot load encoder weights from " + weights);
     }
     float vector[TRN_ENCODER_DIM];
-    trn_encoder_embed_text(&guard.encoder, o.operands[0].c_str(), vector);
+    trn_encoder_embed_text(guard.encoder, o.operands[0].c_str(), vector);
     JsonWriter w;
     w.begin_array();
     for (float v : vector) {
