@@ -102,7 +102,7 @@ struct SgemmReplay {
 void benchEmbedding(int embeds, int rounds)
 {
     TrnEncoder enc;
-    trn_encoder_init(&enc, 42);
+    encoder_init(&enc, 42);
     std::string text;
     for (int i = 0; i < 300; i++) {
         text += (char)('a' + (i * 7) % 26);
@@ -138,7 +138,7 @@ void benchEmbedding(int embeds, int rounds)
            bestReplay * 1e3);
     printf("  ratio                     %10.1f%%  (target >= 85%%)\n",
            100 * bestReplay / bestEmbed);
-    trn_encoder_free(&enc);
+    encoder_release(&enc);
 }
 
 bool looksLikeText(const std::string &s)

@@ -218,7 +218,7 @@ bool make_real(const Options &o, DataSet *d)
     }
     // Every 11th piece is a query, so queries come from the same files as the base.
     TrnEncoder enc;
-    trn_encoder_init(&enc, 42);
+    encoder_init(&enc, 42);
     d->name = "real text (" + o.real_dir + ", seed-42 encoder)";
     d->n = o.real;
     d->q = o.queries;
@@ -234,7 +234,7 @@ bool make_real(const Options &o, DataSet *d)
     }
     double secs = seconds_since(t0);
     printf("embedded %ld pieces in %.1f s (%.2f ms each)\n", total, secs, 1e3 * secs / total);
-    trn_encoder_free(&enc);
+    encoder_release(&enc);
     return true;
 }
 

@@ -195,7 +195,7 @@ int main(int argc, char **argv)
 
     // The encoder alone on the same texts.
     TrnEncoder encoder{};
-    trn_encoder_init(&encoder, 42);
+    encoder_init(&encoder, 42);
     std::vector<float> vector(TRN_ENCODER_DIM);
     start = Clock::now();
     cpu_start = cpu_seconds();
@@ -204,7 +204,7 @@ int main(int argc, char **argv)
     }
     double embed_seconds = seconds_since(start);
     double embed_cpu = cpu_seconds() - cpu_start;
-    trn_encoder_free(&encoder);
+    encoder_release(&encoder);
 
     std::error_code ec;
     fs::remove_all(work, ec);

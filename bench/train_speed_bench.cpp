@@ -143,7 +143,7 @@ int main(int argc, char **argv)
     }
 
     TrnEncoder enc;
-    trn_encoder_init(&enc, ENCODER_SEED);
+    encoder_init(&enc, ENCODER_SEED);
     Trainer trainer(&enc, batch, 1e-3f, 2000, threads);
     std::mt19937_64 rng(SAMPLER_SEED);
     std::vector<std::string> texts;
@@ -197,7 +197,7 @@ int main(int argc, char **argv)
     printf("sampling               %.1f%% of the step time\n", 100.0 * sample_secs / secs);
     printf("projected 2000 steps   %.1f min\n", 2000 * step_secs / 60.0);
 
-    trn_encoder_free(&enc);
+    encoder_release(&enc);
     if (!temp.empty()) {
         unlink(temp.c_str());
     }

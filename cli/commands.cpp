@@ -218,7 +218,7 @@ void cmd_index(const Options &o)
     std::vector<const char *> extension_ptrs;
     std::vector<const char *> exclude_ptrs;
     const TrnWalkOptions opts = config.view(&extension_ptrs, &exclude_ptrs);
-    UpdateProgress progress{ProgressLine{"indexing"}, {}};
+    UpdateProgress progress{ProgressLine{"Indexing"}, {}};
     // An update of an empty index that rebuilds: it replaces the old index when it is done.
     int32_t added = trn_update_dir(engine.get(),
                                    root.c_str(),
@@ -324,7 +324,7 @@ void prepare_update(const Options &o, UpdateSetup *u)
 void run_update(const Options &o, const UpdateSetup &u, TrnEngine *e)
 {
     Clock::time_point start = Clock::now();
-    UpdateProgress progress{ProgressLine{"updating"}, {}};
+    UpdateProgress progress{ProgressLine{"Updating"}, {}};
     int32_t n = trn_update_dir(e,
                                u.root.c_str(),
                                u.chunk_size,
@@ -658,11 +658,11 @@ void cmd_embed(const Options &o)
     EncoderGuard guard;
     std::string description;
     const std::string weights = chosen_weights(o, "", &description);
-    if (!weights.empty() && !trn_encoder_load_weights(&guard.encoder, weights.c_str())) {
+    if (!weights.empty() && !trn_encoder_load_weights(guard.encoder, weights.c_str())) {
         throw Failure("cannot load encoder weights from " + weights);
     }
     float vector[TRN_ENCODER_DIM];
-    trn_encoder_embed_text(&guard.encoder, o.operands[0].c_str(), vector);
+    trn_encoder_embed_text(guard.encoder, o.operands[0].c_str(), vector);
     JsonWriter w;
     w.begin_array();
     for (float v : vector) {

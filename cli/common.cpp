@@ -18,12 +18,12 @@
 
 EncoderGuard::EncoderGuard()
 {
-    trn_encoder_init(&encoder, 42);
+    encoder = trn_encoder_init(42);
 }
 
 EncoderGuard::~EncoderGuard()
 {
-    trn_encoder_free(&encoder);
+    trn_encoder_free(encoder);
 }
 
 std::string errno_text()
@@ -98,7 +98,7 @@ void check_weights(const std::string &weights)
         return;
     }
     EncoderGuard scratch;
-    if (!trn_encoder_load_weights(&scratch.encoder, weights.c_str())) {
+    if (!trn_encoder_load_weights(scratch.encoder, weights.c_str())) {
         throw Failure("cannot load encoder weights from " + weights);
     }
 }

@@ -24,7 +24,7 @@ using Clock = std::chrono::steady_clock;
 
 // The engine's random encoder (seed 42) for the life of a scope.
 struct EncoderGuard {
-    TrnEncoder encoder{};
+    TrnEncoder *encoder;
     EncoderGuard();
     ~EncoderGuard();
     EncoderGuard(const EncoderGuard &) = delete;

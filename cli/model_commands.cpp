@@ -476,7 +476,7 @@ void model_index(const Options &o)
         throw Failure(engine.lastError().toStdString());
     }
     Clock::time_point start = Clock::now();
-    ProgressLine progress("indexing");
+    ProgressLine progress("Indexing");
     TarnwickEngine::ProgressFn show;
     if (progress.shown()) {
         show = [&progress](int done, int found, int chunks) {

@@ -2,8 +2,9 @@
 ** progress.h -- the one progress line of tarnwick-cli's long commands (index, and any later
 ** command that walks a directory).
 **
-** On a terminal the line redraws itself in place on standard error, at most ten times a second:
-**   indexing: 120/451 files, 3412 chunks, 85.2 chunks/s, about 4 min left
+** On a terminal the line redraws itself in place on standard error, at most ten times a second,
+** with the engine's trn_progress_text, the line the application's status bar shows too:
+**   Indexing 120 of 451 files, 3412 chunks, 85.2 chunks/s, about 4 min left
 ** When standard error is not a terminal it prints nothing at all, so logs and pipes get only the
 ** command's own result.
 */
@@ -19,7 +20,7 @@
 class ProgressLine
 {
 public:
-    // verb starts the line ("indexing"). Shown only when stream is a terminal.
+    // verb starts the line ("Indexing"). Shown only when stream is a terminal.
     explicit ProgressLine(std::string verb, std::FILE *stream = stderr);
     // Clears a line that is still shown.
     ~ProgressLine();
@@ -32,11 +33,9 @@ public:
     // Clears the line (the command then prints its result).
     void clear();
 
-    // The text of one line after `seconds` of work; exposed for tests.
+    // The text of one line after `seconds` of work (trn_progress_text).
     static std::string format(const std::string &verb, int files_done, int files_found,
                               uint32_t chunks, double seconds);
-    // "12 s", "4 min", "1 h 05 min".
-    static std::string duration_text(double seconds);
 
 private:
     std::string m_verb;

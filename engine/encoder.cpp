@@ -432,9 +432,7 @@ void encoder_embed(const TrnEncoder *enc, TrnScratch *ws, const char *text, floa
     encoder_forward(enc, ws, ids, n, out, nullptr);
 }
 
-extern "C" {
-
-void trn_encoder_init(TrnEncoder *enc, uint32_t seed)
+void encoder_init(TrnEncoder *enc, uint32_t seed)
 {
     memset(enc, 0, sizeof *enc);
     enc->vocab_size = TRN_ENCODER_BYTE_VOCAB;
@@ -442,7 +440,7 @@ void trn_encoder_init(TrnEncoder *enc, uint32_t seed)
     init_common(enc, seed);
 }
 
-void trn_encoder_init_bpe(TrnEncoder *enc, uint32_t seed, TrnBpe *bpe)
+void encoder_init_bpe(TrnEncoder *enc, uint32_t seed, TrnBpe *bpe)
 {
     memset(enc, 0, sizeof *enc);
     enc->vocab_size = (uint32_t)TRN_ENCODER_BYTE_VOCAB + (bpe ? bpe->n_merges : 0);
@@ -450,7 +448,7 @@ void trn_encoder_init_bpe(TrnEncoder *enc, uint32_t seed, TrnBpe *bpe)
     init_common(enc, seed);
 }
 
-void trn_encoder_free(TrnEncoder *enc)
+void encoder_release(TrnEncoder *enc)
 {
     free(enc->tok_emb);
     free(enc->pos_emb);
@@ -462,6 +460,31 @@ void trn_encoder_free(TrnEncoder *enc)
     trn_bpe_free(enc->bpe);
     scratch_free(enc->scratch);
     memset(enc, 0, sizeof *enc);
+}
+
+extern "C" {
+
+TrnEncoder *trn_encoder_init(uint32_t seed)
+{
+    TrnEncoder *enc = static_cast<TrnEncoder *>(encoder_alloc(sizeof(TrnEncoder)));
+    encoder_init(enc, seed);
+    return enc;
+}
+
+TrnEncoder *trn_encoder_init_bpe(uint32_t seed, TrnBpe *bpe)
+{
+    TrnEncoder *enc = static_cast<TrnEncoder *>(encoder_alloc(sizeof(TrnEncoder)));
+    encoder_init_bpe(enc, seed, bpe);
+    return enc;
+}
+
+void trn_encoder_free(TrnEncoder *enc)
+{
+    if (!enc) {
+        return;
+    }
+    encoder_release(enc);
+    free(enc);
 }
 
 void trn_encoder_embed_text(TrnEncoder *enc, const char *text, float *out)

@@ -82,13 +82,49 @@ void sgemm(bool trans_a, bool trans_b, int m, int n, int k, float alpha, const f
            const float *b, int ldb, float beta, float *c, int ldc);
 
 /* ---------------------------------------------------------------------------------------------
+** Tokenizer and encoder records (bpe.cpp, encoder.cpp): opaque to everything but the engine, its
+** tests and the trainers.
+*/
+struct TrnBpe {
+    uint32_t (*merges)[2]; /* n_merges pairs (left, right) in the order they were learned; owned */
+    uint32_t n_merges;
+    uint32_t vocab_size; /* always n_merges + 260 */
+};
+
+/* One transformer layer; every array is owned by the encoder. */
+struct TrnEncoderLayer {
+    float *wq, *wk, *wv, *wo; /* 512 x 512 projections, no bias */
+    float *w1, *b1;           /* 512 x 2048 up projection and its bias */
+    float *w2, *b2;           /* 2048 x 512 down projection and its bias */
+    float *ln1_gamma, *ln1_beta, *ln2_gamma, *ln2_beta; /* 512 each */
+};
+
+struct TrnScratch;
+
+struct TrnEncoder {
+    uint32_t vocab_size;           /* rows of tok_emb: 260, or the tokenizer's vocabulary size */
+    TrnBpe *bpe;                   /* owned tokenizer, or NULL for byte-level input */
+    float *tok_emb;                /* vocab_size x 512 */
+    float *pos_emb;                /* 256 x 512 */
+    float *ln_f_gamma, *ln_f_beta; /* 512 each */
+    TrnEncoderLayer layers[TRN_ENCODER_LAYERS];
+    TrnScratch *scratch; /* owned buffers of trn_encoder_embed_text; NULL until the first */
+};
+
+/* In-place forms of trn_encoder_init, trn_encoder_init_bpe and trn_encoder_free, for an encoder
+** held by value (the engine handle's, the tests'): encoder_release frees what the record owns
+** and zeroes it, but not the record. */
+void encoder_init(TrnEncoder *enc, uint32_t seed);
+void encoder_init_bpe(TrnEncoder *enc, uint32_t seed, TrnBpe *bpe);
+void encoder_release(TrnEncoder *enc);
+
+/* ---------------------------------------------------------------------------------------------
 ** Encoder internals (encoder.cpp)
 */
 /* n floats, or "tarnwick: OOM (%zu bytes)" and exit(1). */
 float *encoder_alloc_floats(size_t n);
 /* The buffers of one embedding (encoder.cpp), about 6 MB. One scratch serves one embedding at a
 ** time; embeddings with different scratches may run at once on the same encoder. */
-struct TrnScratch;
 TrnScratch *scratch_new(void);
 void scratch_free(TrnScratch *ws); /* NULL is ignored */
 /* trn_encoder_embed_text with the given scratch: reads enc, writes ws and the 512 floats of out. */

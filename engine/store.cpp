@@ -449,7 +449,7 @@ TrnEngine *engine_new(const TrnConfig *cfg)
 
     e->level_state = LEVEL_SEED;
     e->embed_threads = embed_threads_default();
-    trn_encoder_init(&e->encoder, 42);
+    encoder_init(&e->encoder, 42);
     if (cfg->weights_path && cfg->weights_path[0]) {
         e->weights_loaded = trn_encoder_load_weights(&e->encoder, cfg->weights_path) ? 1 : 0;
         if (e->weights_loaded) {
@@ -514,7 +514,7 @@ void engine_free(TrnEngine *e)
     if (e->lock_open) {
         close(e->lock_fd);
     }
-    trn_encoder_free(&e->encoder);
+    encoder_release(&e->encoder);
     embed_free_scratch(e);
     hnsw_free_scratch(e);
     free(e);

@@ -86,11 +86,7 @@ TRN_API const char *trn_file_type_name(TrnFileType t);
 ** Tokenizer file ("TBPE"), little-endian uint32: magic "TBPE", merge count m, then m pairs
 ** (left id, right id). The vocabulary size is m + 260 and is not stored.
 */
-typedef struct TrnBpe {
-    uint32_t (*merges)[2]; /* n_merges pairs (left, right) in the order they were learned; owned */
-    uint32_t n_merges;
-    uint32_t vocab_size; /* always n_merges + 260 */
-} TrnBpe;
+typedef struct TrnBpe TrnBpe; /* opaque: the merges in the order they were learned */
 
 /* Learns at most num_merges merges from len bytes of data, each time merging the most frequent
 ** adjacent pair of the whole sequence (ties go to the lowest slot of the 2^20-slot pair table).
@@ -142,23 +138,7 @@ enum {
     TRN_TOKEN_END = 258
 };
 
-/* One transformer layer; every array is owned by the encoder. */
-typedef struct TrnEncoderLayer {
-    float *wq, *wk, *wv, *wo; /* 512 x 512 projections, no bias */
-    float *w1, *b1;           /* 512 x 2048 up projection and its bias */
-    float *w2, *b2;           /* 2048 x 512 down projection and its bias */
-    float *ln1_gamma, *ln1_beta, *ln2_gamma, *ln2_beta; /* 512 each */
-} TrnEncoderLayer;
-
-typedef struct TrnEncoder {
-    uint32_t vocab_size;           /* rows of tok_emb: 260, or the tokenizer's vocabulary size */
-    TrnBpe *bpe;                   /* owned tokenizer, or NULL for byte-level input */
-    float *tok_emb;                /* vocab_size x 512 */
-    float *pos_emb;                /* 256 x 512 */
-    float *ln_f_gamma, *ln_f_beta; /* 512 each */
-    TrnEncoderLayer layers[2];
-    struct TrnScratch *scratch; /* owned buffers of trn_encoder_embed_text; NULL until the first */
-} TrnEncoder;
+typedef struct TrnEncoder TrnEncoder; /* opaque */
 
 /* Five values a trainer stores with its weights; the engine keeps them and never reads them.
 ** What each means is the trainer's (see trainers/README.md). */
@@ -168,15 +148,16 @@ typedef struct TrnWeightsMeta {
     uint64_t meta_u64;
 } TrnWeightsMeta;
 
-/* Allocates a byte-level encoder (vocab_size 260, no tokenizer) and fills it from the xorshift32
+/* Returns a new byte-level encoder (vocabulary 260, no tokenizer) filled from the xorshift32
 ** generator seeded with seed (0 counts as 1): the same seed gives the same weights bit for bit.
-** The engine uses seed 42. Free with trn_encoder_free. */
-TRN_API void trn_encoder_init(TrnEncoder *enc, uint32_t seed);
+** The engine uses seed 42. Never NULL; free with trn_encoder_free. */
+TRN_API TrnEncoder *trn_encoder_init(uint32_t seed);
 
-/* As trn_encoder_init, with vocab_size taken from bpe; the encoder takes ownership of bpe. */
-TRN_API void trn_encoder_init_bpe(TrnEncoder *enc, uint32_t seed, TrnBpe *bpe);
+/* As trn_encoder_init, with the vocabulary of bpe (260 + its merges); the encoder takes
+** ownership of bpe. */
+TRN_API TrnEncoder *trn_encoder_init_bpe(uint32_t seed, TrnBpe *bpe);
 
-/* Frees every array, the tokenizer and the encoder's scratch space, and zeroes *enc. */
+/* Frees every array, the tokenizer, the scratch space and the encoder. NULL is ignored. */
 TRN_API void trn_encoder_free(TrnEncoder *enc);
 
 /* Embeds the NUL-terminated text into out, a caller-owned array of 512 floats. Without a
@@ -387,6 +368,21 @@ TRN_API int32_t trn_checkpoint(TrnEngine *e);
 ** encoder weights") on (non-zero, the default) or off (0). Warnings and errors are printed either
 ** way. Process-wide, for every handle; may be called from any thread. */
 TRN_API void trn_set_verbose(int32_t on);
+
+/* Writes the one line that shows the progress of a long job over files into out (size bytes,
+** always NUL-terminated when size > 0, cut to fit): "<verb> <done> of <found> files, <chunks>
+** chunks", then ", <rate> chunks/s" (one decimal) once seconds > 0 and chunks > 0, then ", about
+** <time> left" while 0 < done < found, taking the files to come as long as those done so far.
+** <time> is as trn_duration_text writes it. With found < 1 no total is known: "<verb> <done>
+** files, <chunks> chunks" and the rate, or "<verb>: looking for files..." while done < 1. verb
+** starts the line ("Indexing"). Returns the length of the whole line. The application's status bar
+*and tarnwick-cli print this same line. */
+TRN_API int32_t trn_progress_text(const char *verb, int32_t done, int32_t found, uint32_t chunks,
+                                  double seconds, char *out, size_t size);
+
+/* Writes a duration rounded for people into out as trn_progress_text does: "12 s" (at least 1),
+** "4 min" below an hour (to the nearest minute), else "1 h 05 min". Returns the length. */
+TRN_API int32_t trn_duration_text(double seconds, char *out, size_t size);
 
 /* Returns the static version string "1.23.0". */
 TRN_API const char *trn_version(void);

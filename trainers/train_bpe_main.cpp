@@ -9,7 +9,7 @@
 */
 #include "corpus.h"
 
-#include "tarnwick.h"
+#include "internal.h"
 
 #include <cerrno>
 #include <cstdio>

@@ -469,9 +469,9 @@ bool init_encoder(const TrainOptions &opts, TrnEncoder *enc)
     }
     if (opts.init_path.empty()) {
         if (bpe) {
-            trn_encoder_init_bpe(enc, ENCODER_SEED, bpe); /* the encoder owns bpe now */
+            encoder_init_bpe(enc, ENCODER_SEED, bpe); /* the encoder owns bpe now */
         } else {
-            trn_encoder_init(enc, ENCODER_SEED);
+            encoder_init(enc, ENCODER_SEED);
         }
         return true;
     }
@@ -482,11 +482,11 @@ bool init_encoder(const TrainOptions &opts, TrnEncoder *enc)
         trn_bpe_free(bpe);
         return false;
     }
-    trn_encoder_init(enc, ENCODER_SEED);
+    encoder_init(enc, ENCODER_SEED);
     if (!trn_encoder_load_weights(enc, opts.init_path.c_str())) {
         fprintf(stderr, "trainer: cannot read weights %s\n", opts.init_path.c_str());
         trn_bpe_free(bpe);
-        trn_encoder_free(enc);
+        encoder_release(enc);
         return false;
     }
     if (bpe && (!enc->bpe || !same_merges(bpe, enc->bpe))) {
@@ -496,7 +496,7 @@ bool init_encoder(const TrainOptions &opts, TrnEncoder *enc)
                 opts.bpe_path.c_str(),
                 opts.init_path.c_str());
         trn_bpe_free(bpe);
-        trn_encoder_free(enc);
+        encoder_release(enc);
         return false;
     }
     trn_bpe_free(bpe);
@@ -692,7 +692,7 @@ int run_trainer(const TrainOptions &opts, FILE *progress)
     int probe = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (probe < 0) {
         fprintf(stderr, "trainer: cannot write %s: %s\n", tmp.c_str(), strerror(errno));
-        trn_encoder_free(&enc);
+        encoder_release(&enc);
         return 1;
     }
     close(probe);
@@ -716,7 +716,7 @@ int run_trainer(const TrainOptions &opts, FILE *progress)
     if (!loss_log) {
         fprintf(stderr, "trainer: cannot write %s: %s\n", loss_path.c_str(), strerror(errno));
         unlink(tmp.c_str());
-        trn_encoder_free(&enc);
+        encoder_release(&enc);
         return 1;
     }
     fputs(opts.steps_done > 0 ? earlier_log.c_str() : "step,loss\n", loss_log);
@@ -795,7 +795,7 @@ int run_trainer(const TrainOptions &opts, FILE *progress)
         unlink(tmp.c_str());
     }
     g_tmp_path[0] = '\0';
-    trn_encoder_free(&enc);
+    encoder_release(&enc);
     return status;
 }
 

@@ -262,38 +262,23 @@ double DirectoryState::reindexEstimateSeconds() const
 
 QString DirectoryState::durationText(double seconds)
 {
-    const qint64 s = qMax<qint64>(1, qRound64(seconds));
-    if (s < 60) {
-        return QString::number(s) + QStringLiteral(" s");
-    }
-    const qint64 minutes = (s + 30) / 60;
-    if (minutes < 60) {
-        return QString::number(minutes) + QStringLiteral(" min");
-    }
-    return QString::number(minutes / 60) + QStringLiteral(" h ")
-           + QStringLiteral("%1").arg(minutes % 60, 2, 10, QLatin1Char('0'))
-           + QStringLiteral(" min");
+    char text[64];
+    trn_duration_text(seconds, text, sizeof text);
+    return QString::fromUtf8(text);
 }
 
 QString DirectoryState::indexingProgressText(int filesDone, int filesFound, int chunksDone,
                                              double seconds)
 {
-    if (filesFound <= 0) {
-        return QStringLiteral("Indexing: looking for files...");
-    }
-    QString text = QStringLiteral("Indexing %1 of %2 files, %3 chunks")
-                       .arg(filesDone)
-                       .arg(filesFound)
-                       .arg(chunksDone);
-    if (seconds > 0.0 && chunksDone > 0) {
-        text += QStringLiteral(", %1 chunks/s").arg(chunksDone / seconds, 0, 'f', 1);
-    }
-    if (filesDone > 0 && filesDone < filesFound && seconds > 0.0) {
-        text += QStringLiteral(", about ")
-                + durationText(seconds / filesDone * (filesFound - filesDone))
-                + QStringLiteral(" left");
-    }
-    return text;
+    char text[256];
+    trn_progress_text("Indexing",
+                      filesDone,
+                      filesFound,
+                      static_cast<uint32_t>(qMax(0, chunksDone)),
+                      seconds,
+                      text,
+                      sizeof text);
+    return QString::fromUtf8(text);
 }
 
 void DirectoryState::rebuild()

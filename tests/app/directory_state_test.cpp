@@ -158,6 +158,8 @@ void TestDirectoryState::indexingProgressText_data()
     QTest::addColumn<double>("seconds");
     QTest::addColumn<QString>("expected");
     QTest::newRow("walking") << 0 << 0 << 0 << 0.5 << "Indexing: looking for files...";
+    QTest::newRow("no total while walking and indexing at once")
+        << 3 << 0 << 30 << 10.0 << "Indexing 3 files, 30 chunks, 3.0 chunks/s";
     QTest::newRow("nothing done yet: no estimate")
         << 0 << 40 << 0 << 0.5 << "Indexing 0 of 40 files, 0 chunks";
     QTest::newRow("a quarter done in 5 s leaves 15 s")
@@ -429,10 +431,10 @@ void TestDirectoryState::indexOfAnotherEncoderIsRebuiltWhenOpened()
     writeFile(m_dir->path(), QStringLiteral("b.md"), "# bread\nyeast makes dough rise\n");
     QTemporaryDir weightsDir;
     const QString other = weightsDir.filePath(QStringLiteral("other.tten"));
-    TrnEncoder encoder;
-    trn_encoder_init(&encoder, 7); // not the engine's seed-42 encoder
-    QCOMPARE(trn_encoder_save_weights(&encoder, QFile::encodeName(other).constData()), 1);
-    trn_encoder_free(&encoder);
+    TrnEncoder *encoder = trn_encoder_init(7); // not the engine's seed-42 encoder
+    const int saved = trn_encoder_save_weights(encoder, QFile::encodeName(other).constData());
+    trn_encoder_free(encoder);
+    QCOMPARE(saved, 1);
     const QString record = EncoderRecord::path(m_dir->path());
     auto reopen = [this](const QString &weights) {
         qDeleteAll(m_states);

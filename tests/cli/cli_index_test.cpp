@@ -146,8 +146,8 @@ TEST_F(CliMaintenance, IndexingReportsOnOneLineAndShowsProgressOnlyOnATerminal)
                           /*err_on_terminal=*/true);
     ASSERT_EQ(r.status, 0) << r.err;
     // The first line comes once the walk has found the three indexable files.
-    EXPECT_NE(r.err.find("indexing: 0/3 files, "), std::string::npos) << r.err;
-    EXPECT_NE(r.err.find("indexing: 3/3 files, 6 chunks, "), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("Indexing 0 of 3 files, "), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("Indexing 3 of 3 files, 6 chunks, "), std::string::npos) << r.err;
     EXPECT_NE(r.err.find(" chunks/s"), std::string::npos) << r.err;
     EXPECT_EQ(r.err.find("tarnwick: opened"), std::string::npos) << r.err;
     // Indexing again starts from scratch rather than adding a second copy of every chunk.

@@ -1,7 +1,7 @@
 // The encoder that ships in models/default.tten: it loads as a version 3 file with its tokenizer,
 // keeps within the repository's size limit, and embeds a known text to the vector recorded when
 // it was trained, so a changed file, tokenizer or forward pass shows here.
-#include "tarnwick.h"
+#include "internal.h"
 
 #include <gtest/gtest.h>
 
@@ -43,13 +43,13 @@ TEST(BuiltInEncoder, LoadsAndEmbedsAKnownTextToTheRecordedVector)
     }
     EXPECT_LE(st.st_size, 45 * 1000 * 1000);
     TrnEncoder enc;
-    trn_encoder_init(&enc, 42);
+    encoder_init(&enc, 42);
     ASSERT_EQ(trn_encoder_load_weights(&enc, path.c_str()), 1);
     ASSERT_NE(enc.bpe, nullptr);
     EXPECT_EQ(enc.bpe->n_merges, 7740u);
     float v[TRN_ENCODER_DIM];
     trn_encoder_embed_text(&enc, TEXT, v);
-    trn_encoder_free(&enc);
+    encoder_release(&enc);
     double pattern = 0;
     for (int i = 0; i < TRN_ENCODER_DIM; i++) {
         pattern += (double)v[i] * (i % 7 - 3);

@@ -61,8 +61,8 @@ TEST(EmbedThreads, HandlesEmbeddingAtOnceMatchThemEmbeddingInTurn)
     // Two encoders of one weights on two threads: a scratch shared between them would mix their
     // activations.
     TrnEncoder a, b;
-    trn_encoder_init(&a, 42);
-    trn_encoder_init(&b, 42);
+    encoder_init(&a, 42);
+    encoder_init(&b, 42);
     const std::string long_text(120, 'x');
     std::vector<float> want_a(512), want_b(512);
     trn_encoder_embed_text(&a, long_text.c_str(), want_a.data());
@@ -77,6 +77,6 @@ TEST(EmbedThreads, HandlesEmbeddingAtOnceMatchThemEmbeddingInTurn)
         ASSERT_EQ(got_a, want_a) << "round " << round;
         ASSERT_EQ(got_b, want_b) << "round " << round;
     }
-    trn_encoder_free(&a);
-    trn_encoder_free(&b);
+    encoder_release(&a);
+    encoder_release(&b);
 }

@@ -89,10 +89,10 @@ class EncoderForward : public testing::Test
 protected:
     void SetUp() override
     {
-        trn_encoder_init(&enc, 42);
+        encoder_init(&enc, 42);
         randomiseWeights(&enc, 7);
     }
-    void TearDown() override { trn_encoder_free(&enc); }
+    void TearDown() override { encoder_release(&enc); }
     TrnEncoder enc;
 };
 
@@ -137,7 +137,7 @@ TEST(EncoderBpe, EmbedsTheTokenizersIdsThroughTheSameForwardPass)
     ASSERT_NE(bpe, nullptr);
     ASSERT_EQ(bpe->vocab_size, 264u);
     TrnEncoder enc;
-    trn_encoder_init_bpe(&enc, 3, bpe);
+    encoder_init_bpe(&enc, 3, bpe);
     EXPECT_EQ(enc.vocab_size, 264u);
     EXPECT_EQ(enc.bpe, bpe);
     randomiseWeights(&enc, 11);
@@ -145,7 +145,7 @@ TEST(EncoderBpe, EmbedsTheTokenizersIdsThroughTheSameForwardPass)
     std::vector<float> got = embed(&enc, "sand and");
     std::vector<double> want = referenceEmbed(&enc, {257, 263, 261, 258});
     EXPECT_LT(normalisedMse(got, want), 1e-6);
-    trn_encoder_free(&enc);
+    encoder_release(&enc);
 }
 
 TEST(EncoderBpe, NoTextGivesNoPositionsAndANanVectorLeftUnnormalised)
@@ -155,28 +155,28 @@ TEST(EncoderBpe, NoTextGivesNoPositionsAndANanVectorLeftUnnormalised)
     bpe->n_merges = 0;
     bpe->vocab_size = 260;
     TrnEncoder enc;
-    trn_encoder_init_bpe(&enc, 1, bpe);
+    encoder_init_bpe(&enc, 1, bpe);
     std::vector<float> out = embed(&enc, nullptr);
     for (float v : out) {
         ASSERT_TRUE(std::isnan(v));
     }
-    trn_encoder_free(&enc);
+    encoder_release(&enc);
 }
 
 TEST(EncoderEmbedding, IsUnitLengthForAnyText)
 {
     TrnEncoder enc;
-    trn_encoder_init(&enc, 42);
+    encoder_init(&enc, 42);
     for (const char *text : {"", "a", "hello world", "\x01\x02\x7F", "Zeile 1\nZeile 2\n"}) {
         EXPECT_NEAR(norm(embed(&enc, text)), 1.0, 1e-5) << text;
     }
-    trn_encoder_free(&enc);
+    encoder_release(&enc);
 }
 
 TEST(EncoderEmbedding, OnlyTheFirst254BytesCount)
 {
     TrnEncoder enc;
-    trn_encoder_init(&enc, 42);
+    encoder_init(&enc, 42);
     randomiseWeights(&enc, 5);
     std::string base(254, 'x');
     for (int i = 0; i < 254; i++) {
@@ -189,47 +189,47 @@ TEST(EncoderEmbedding, OnlyTheFirst254BytesCount)
     std::string changed = base;
     changed[253] = '!';
     EXPECT_NE(embed(&enc, changed.c_str()), v254) << "the 254th byte still counts";
-    trn_encoder_free(&enc);
+    encoder_release(&enc);
 }
 
 TEST(EncoderEmbedding, AllocatesNothingOnceTheWorkspaceExists)
 {
     TrnEncoder enc;
-    trn_encoder_init(&enc, 42);
+    encoder_init(&enc, 42);
     embed(&enc, "warm up");
     g_alloc_fail_countdown = 1; // the next allocation through the engine would fail
     std::vector<float> out(D);
     trn_encoder_embed_text(&enc, std::string(300, 'w').c_str(), out.data());
     EXPECT_EQ(g_alloc_fail_countdown, 1);
     g_alloc_fail_countdown = 0;
-    trn_encoder_free(&enc);
+    encoder_release(&enc);
 }
 
 TEST(EncoderInit, SameSeedGivesBitIdenticalWeightsAndVectors)
 {
     TrnEncoder a, b;
-    trn_encoder_init(&a, 42);
-    trn_encoder_init(&b, 42);
+    encoder_init(&a, 42);
+    encoder_init(&b, 42);
     EXPECT_EQ(memcmp(a.tok_emb, b.tok_emb, 260 * D * sizeof(float)), 0);
     EXPECT_EQ(memcmp(a.layers[1].w2, b.layers[1].w2, (size_t)F * D * sizeof(float)), 0);
     EXPECT_EQ(embed(&a, "reproducible"), embed(&b, "reproducible"));
-    trn_encoder_free(&b);
-    trn_encoder_init(&b, 43);
+    encoder_release(&b);
+    encoder_init(&b, 43);
     EXPECT_NE(embed(&a, "reproducible"), embed(&b, "reproducible"));
-    trn_encoder_free(&a);
-    trn_encoder_free(&b);
+    encoder_release(&a);
+    encoder_release(&b);
 }
 
 TEST(EncoderInit, SeedZeroCountsAsSeedOne)
 {
     TrnEncoder zero, one;
-    trn_encoder_init(&zero, 0);
-    trn_encoder_init(&one, 1);
+    encoder_init(&zero, 0);
+    encoder_init(&one, 1);
     EXPECT_EQ(memcmp(zero.tok_emb, one.tok_emb, 260 * D * sizeof(float)), 0);
     EXPECT_EQ(memcmp(zero.layers[1].b2, one.layers[1].b2, D * sizeof(float)), 0);
     EXPECT_EQ(embed(&zero, "seed"), embed(&one, "seed"));
-    trn_encoder_free(&zero);
-    trn_encoder_free(&one);
+    encoder_release(&zero);
+    encoder_release(&one);
 }
 
 TEST(EncoderInit, FirstDrawOfSeedOneIsWorkedOutByHand)
@@ -237,9 +237,9 @@ TEST(EncoderInit, FirstDrawOfSeedOneIsWorkedOutByHand)
     // x = 1: x ^= x << 13 -> 8193; x ^= x >> 17 -> 8193; x ^= x << 5 -> 270369.
     // 270369 % 10000 = 369, so the value is (0.0369 - 0.5) * 0.04.
     TrnEncoder enc;
-    trn_encoder_init(&enc, 1);
+    encoder_init(&enc, 1);
     EXPECT_EQ(enc.tok_emb[0], (369.0f / 10000.0f - 0.5f) * 0.04f);
-    trn_encoder_free(&enc);
+    encoder_release(&enc);
 }
 
 TEST(EncoderInit, DrawsEveryArrayInOrderFromOneGenerator)
@@ -256,7 +256,7 @@ TEST(EncoderInit, DrawsEveryArrayInOrderFromOneGenerator)
         return ((float)(x % 10000) / 10000.0f - 0.5f) * 0.04f;
     };
     TrnEncoder enc;
-    trn_encoder_init(&enc, 42);
+    encoder_init(&enc, 42);
     EXPECT_EQ(enc.tok_emb[260 * D - 1], drawAfter(260 * D - 1));
     EXPECT_EQ(enc.pos_emb[256 * D - 1], drawAfter(256 * D - 1));
     for (const TrnEncoderLayer &l : enc.layers) {
@@ -270,7 +270,7 @@ TEST(EncoderInit, DrawsEveryArrayInOrderFromOneGenerator)
     }
     EXPECT_EQ(enc.ln_f_gamma[0], 1.0f);
     EXPECT_EQ(enc.ln_f_beta[D - 1], 0.0f);
-    trn_encoder_free(&enc);
+    encoder_release(&enc);
 }
 
 TEST(EncoderOom, AllocationFailuresPrintTheRequestedSizeAndExitWithOne)
@@ -288,7 +288,7 @@ TEST(EncoderOom, AllocationFailuresPrintTheRequestedSizeAndExitWithOne)
             {
                 g_alloc_fail_countdown = c.countdown;
                 TrnEncoder enc;
-                trn_encoder_init(&enc, 42);
+                encoder_init(&enc, 42);
             },
             testing::ExitedWithCode(1),
             c.message);
@@ -297,9 +297,9 @@ TEST(EncoderOom, AllocationFailuresPrintTheRequestedSizeAndExitWithOne)
     EXPECT_EXIT(
         {
             TrnEncoder enc;
-            trn_encoder_init(&enc, 42);
-            trn_encoder_free(&enc); // drops any workspace left by earlier tests
-            trn_encoder_init(&enc, 42);
+            encoder_init(&enc, 42);
+            encoder_release(&enc); // drops any workspace left by earlier tests
+            encoder_init(&enc, 42);
             g_alloc_fail_countdown = 2;
             embed(&enc, "x");
         },

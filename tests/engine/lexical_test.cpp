@@ -303,7 +303,7 @@ std::vector<std::pair<std::string, float>> scratch(const std::vector<std::string
 {
     static TrnEncoder encoder = [] {
         TrnEncoder enc;
-        trn_encoder_init(&enc, 42);
+        encoder_init(&enc, 42);
         return enc;
     }();
     TrnEngine *e = bare_engine(&encoder);

@@ -25,8 +25,8 @@ class WalReplay : public testing::Test
 {
 protected:
     /* Building the encoder is the slow part of an open; every replay here borrows one. */
-    static void SetUpTestSuite() { trn_encoder_init(&encoder_, 42); }
-    static void TearDownTestSuite() { trn_encoder_free(&encoder_); }
+    static void SetUpTestSuite() { encoder_init(&encoder_, 42); }
+    static void TearDownTestSuite() { encoder_release(&encoder_); }
 
     TrnEngine *replay(const std::string &path)
     {

@@ -120,16 +120,16 @@ protected:
         dir = testing::TempDir() + "weights_test_" + std::to_string(getpid());
         mkdir(dir.c_str(), 0700);
         path = dir + "/w.tten";
-        trn_encoder_init(&enc, 42);
+        encoder_init(&enc, 42);
         // Values the random initialiser never produces, so a load that skips a tensor shows.
         enc.layers[1].ln2_beta[511] = -0.0f;
         enc.ln_f_gamma[3] = 1e-40f;
-        trn_encoder_init(&other, 7);
+        encoder_init(&other, 7);
     }
     void TearDown() override
     {
-        trn_encoder_free(&enc);
-        trn_encoder_free(&other);
+        encoder_release(&enc);
+        encoder_release(&other);
         remove(path.c_str());
         rmdir(dir.c_str());
     }
@@ -198,8 +198,8 @@ TEST_F(WeightsFile, Version2KeepsTheMetadataIncludingBothHalvesOfTheU64)
 
 TEST_F(WeightsFile, Version3CarriesTheTokenizerAndResizesTheTokenEmbedding)
 {
-    trn_encoder_free(&enc);
-    trn_encoder_init_bpe(&enc, 42, makeBpe(5));
+    encoder_release(&enc);
+    encoder_init_bpe(&enc, 42, makeBpe(5));
     ASSERT_EQ(trn_encoder_save_weights(&enc, path.c_str()), 1);
     EXPECT_EQ(fileSize(path), 64 + 8 * 5 + 2048 * 5 + 26263552);
     EXPECT_EQ(readU32(path, 4), 3u);
@@ -224,8 +224,8 @@ TEST_F(WeightsFile, Version3CarriesTheTokenizerAndResizesTheTokenEmbedding)
     EXPECT_EQ(memcmp(&meta, &zero, sizeof meta), 0);
 
     // Loading a version 1 file afterwards makes the encoder byte-level again.
-    trn_encoder_free(&enc);
-    trn_encoder_init(&enc, 3);
+    encoder_release(&enc);
+    encoder_init(&enc, 3);
     ASSERT_EQ(trn_encoder_save_weights(&enc, path.c_str()), 1);
     ASSERT_EQ(loadQuietly(), 1);
     EXPECT_EQ(other.bpe, nullptr);
@@ -235,8 +235,8 @@ TEST_F(WeightsFile, Version3CarriesTheTokenizerAndResizesTheTokenEmbedding)
 
 TEST_F(WeightsFile, Version3WithMetadataAndWithZeroMerges)
 {
-    trn_encoder_free(&enc);
-    trn_encoder_init_bpe(&enc, 42, makeBpe(0));
+    encoder_release(&enc);
+    encoder_init_bpe(&enc, 42, makeBpe(0));
     TrnWeightsMeta meta = {1, 2, 3.0f, 4.0f, 5};
     ASSERT_EQ(trn_encoder_save_weights_meta(&enc, path.c_str(), &meta), 1);
     EXPECT_EQ(fileSize(path), 64 + 26263552);
@@ -272,7 +272,7 @@ TEST_F(WeightsFile, RefusesMissingFileBadMagicAndUnsupportedVersionsWithAMessage
 TEST_F(WeightsFile, RefusesEveryWrongShapeFieldSilentlyAndLeavesTheEncoderAlone)
 {
     TrnEncoder before;
-    trn_encoder_init(&before, 7); // the same weights as `other`
+    encoder_init(&before, 7); // the same weights as `other`
     ASSERT_EQ(trn_encoder_save_weights(&enc, path.c_str()), 1);
     const uint32_t good[5] = {256, 512, 8, 2048, 2};
     for (int field = 0; field < 5; field++) {
@@ -290,13 +290,13 @@ TEST_F(WeightsFile, RefusesEveryWrongShapeFieldSilentlyAndLeavesTheEncoderAlone)
     ASSERT_EQ(loadQuietly(), 0) << "version 2 with a vocabulary of 261";
     EXPECT_EQ(err, "");
     EXPECT_TRUE(sameWeights(&before, &other));
-    trn_encoder_free(&before);
+    encoder_release(&before);
 }
 
 TEST_F(WeightsFile, RefusesAVersion3VocabularyThatDisagreesWithItsMergeCount)
 {
-    trn_encoder_free(&enc);
-    trn_encoder_init_bpe(&enc, 42, makeBpe(3));
+    encoder_release(&enc);
+    encoder_init_bpe(&enc, 42, makeBpe(3));
     ASSERT_EQ(trn_encoder_save_weights(&enc, path.c_str()), 1);
     patchU32(path, 60, 4);
     ASSERT_EQ(loadQuietly(), 0);
@@ -324,8 +324,8 @@ TEST_F(WeightsFile, AHostileMergeCountInASmallFileIsRefusedBeforeAnyAllocation)
 
 TEST_F(WeightsFile, EveryCutThroughHeaderMetadataOrPairsFails)
 {
-    trn_encoder_free(&enc);
-    trn_encoder_init_bpe(&enc, 42, makeBpe(4));
+    encoder_release(&enc);
+    encoder_init_bpe(&enc, 42, makeBpe(4));
     ASSERT_EQ(trn_encoder_save_weights(&enc, path.c_str()), 1);
     // The header, the metadata, the count and all but the last byte of the pairs.
     for (long len = 4; len < 64 + 8 * 4; len += 3) {
@@ -339,7 +339,7 @@ TEST_F(WeightsFile, ACutInsideTheTensorsFailsButKeepsWhatWasRead)
 {
     ASSERT_EQ(trn_encoder_save_weights(&enc, path.c_str()), 1);
     TrnEncoder before;
-    trn_encoder_init(&before, 7);
+    encoder_init(&before, 7);
     // Cut in the middle of layer 0's w1: everything up to wo is overwritten, layer 1 is not.
     long cut = 32 + (long)(260 * D + 256 * D + 2 * D + 4 * D * D + 1000) * 4;
     ASSERT_EQ(truncate(path.c_str(), cut), 0);
@@ -354,11 +354,11 @@ TEST_F(WeightsFile, ACutInsideTheTensorsFailsButKeepsWhatWasRead)
     ASSERT_EQ(trn_encoder_save_weights(&enc, path.c_str()), 1);
     ASSERT_EQ(truncate(path.c_str(), kV1Size - 1), 0);
     ASSERT_EQ(loadQuietly(), 0);
-    trn_encoder_free(&before);
+    encoder_release(&before);
 
     // A version 3 file cut after its token embedding still attaches the new tokenizer.
-    trn_encoder_free(&enc);
-    trn_encoder_init_bpe(&enc, 42, makeBpe(6));
+    encoder_release(&enc);
+    encoder_init_bpe(&enc, 42, makeBpe(6));
     ASSERT_EQ(trn_encoder_save_weights(&enc, path.c_str()), 1);
     ASSERT_EQ(truncate(path.c_str(), 64 + 8 * 6 + 266 * 2048 + 100), 0);
     ASSERT_EQ(loadQuietly(), 0);
@@ -388,11 +388,11 @@ TEST_F(WeightsFile, NonFiniteOrHugeValuesAreRefusedAndLeaveAFiniteEncoder)
         {"large but within the bound", 0, -4, 9999.0f, true},
     };
     for (const Case &c : cases) {
-        trn_encoder_free(&enc);
+        encoder_release(&enc);
         if (c.merges > 0) {
-            trn_encoder_init_bpe(&enc, 42, makeBpe(c.merges));
+            encoder_init_bpe(&enc, 42, makeBpe(c.merges));
         } else {
-            trn_encoder_init(&enc, 42);
+            encoder_init(&enc, 42);
         }
         ASSERT_EQ(trn_encoder_save_weights(&enc, path.c_str()), 1);
         uint32_t bits;
@@ -401,8 +401,8 @@ TEST_F(WeightsFile, NonFiniteOrHugeValuesAreRefusedAndLeaveAFiniteEncoder)
         if (c.cut > 0) {
             ASSERT_EQ(truncate(path.c_str(), c.cut), 0);
         }
-        trn_encoder_free(&other);
-        trn_encoder_init(&other, 7);
+        encoder_release(&other);
+        encoder_init(&other, 7);
 
         ASSERT_EQ(loadQuietly(), c.accepted ? 1 : 0) << c.name;
         std::vector<float> v(D);
@@ -419,13 +419,13 @@ TEST_F(WeightsFile, NonFiniteOrHugeValuesAreRefusedAndLeaveAFiniteEncoder)
             << c.name;
         TrnEncoder fresh;
         if (c.merges > 0) {
-            trn_encoder_init_bpe(&fresh, 42, makeBpe(c.merges));
+            encoder_init_bpe(&fresh, 42, makeBpe(c.merges));
         } else {
-            trn_encoder_init(&fresh, 42);
+            encoder_init(&fresh, 42);
         }
         EXPECT_TRUE(sameWeights(&fresh, &other)) << c.name;
         EXPECT_EQ(other.bpe != nullptr, c.merges > 0) << c.name;
-        trn_encoder_free(&fresh);
+        encoder_release(&fresh);
     }
 }
 
@@ -434,8 +434,8 @@ TEST_F(WeightsFile, SaveFailsForAnUncreatableFileAndAFullDisk)
     EXPECT_EQ(trn_encoder_save_weights(&enc, (dir + "/missing/w.tten").c_str()), 0);
     if (access("/dev/full", W_OK) == 0) {
         EXPECT_EQ(trn_encoder_save_weights(&enc, "/dev/full"), 0);
-        trn_encoder_free(&enc);
-        trn_encoder_init_bpe(&enc, 1, makeBpe(2));
+        encoder_release(&enc);
+        encoder_init_bpe(&enc, 1, makeBpe(2));
         EXPECT_EQ(trn_encoder_save_weights(&enc, "/dev/full"), 0);
     }
 }
@@ -445,7 +445,7 @@ TEST(WeightsOom, TheNewTokenEmbeddingOfAVersion3FileIsASizedFailure)
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     std::string path = testing::TempDir() + "weights_oom_" + std::to_string(getpid()) + ".tten";
     TrnEncoder enc;
-    trn_encoder_init_bpe(&enc, 42, makeBpe(1));
+    encoder_init_bpe(&enc, 42, makeBpe(1));
     ASSERT_EQ(trn_encoder_save_weights(&enc, path.c_str()), 1);
     // Loading allocates the tokenizer record (1), its pairs (2), then 261 x 512 floats (3).
     EXPECT_EXIT(
@@ -455,7 +455,7 @@ TEST(WeightsOom, TheNewTokenEmbeddingOfAVersion3FileIsASizedFailure)
         },
         testing::ExitedWithCode(1),
         "^tarnwick: OOM \\(534528 bytes\\)\n$");
-    trn_encoder_free(&enc);
+    encoder_release(&enc);
     remove(path.c_str());
 }
 

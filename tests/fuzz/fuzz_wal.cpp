@@ -10,7 +10,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     static TrnEncoder encoder;
     static bool ready = false;
     if (!ready) {
-        trn_encoder_init(&encoder, 42);
+        encoder_init(&encoder, 42);
         ready = true;
     }
     const char *path = fuzz_input_file("trn_fuzz_wal", data, size);

@@ -1,6 +1,6 @@
 // The command-line contract of train_bpe and trainer as the application uses it: arguments,
 // exit status, messages, progress lines, the loss log and the files left behind.
-#include "tarnwick.h"
+#include "internal.h"
 
 #include <gtest/gtest.h>
 
@@ -325,8 +325,8 @@ TEST_F(TrainerCli, ShortRunPrintsStepLinesWritesTheLossLogAndVersion2Weights)
     EXPECT_FALSE(exists(path("w.tten.tmp")));
     EXPECT_EQ(file_version(path("w.tten")), 2u);
     TrnEncoder enc, fresh;
-    trn_encoder_init(&enc, 42);
-    trn_encoder_init(&fresh, 42);
+    encoder_init(&enc, 42);
+    encoder_init(&fresh, 42);
     TrnWeightsMeta meta{};
     ASSERT_EQ(trn_encoder_load_weights_meta(&enc, path("w.tten").c_str(), &meta), 1);
     EXPECT_EQ(meta.meta_u32_0, 11u);
@@ -338,8 +338,8 @@ TEST_F(TrainerCli, ShortRunPrintsStepLinesWritesTheLossLogAndVersion2Weights)
     // training moved the weights away from the seed-42 start (the norms always train)
     EXPECT_NE(memcmp(enc.ln_f_gamma, fresh.ln_f_gamma, 512 * sizeof(float)), 0);
     EXPECT_NE(memcmp(enc.layers[0].ln1_beta, fresh.layers[0].ln1_beta, 512 * sizeof(float)), 0);
-    trn_encoder_free(&fresh);
-    trn_encoder_free(&enc);
+    encoder_release(&fresh);
+    encoder_release(&enc);
 }
 
 TEST_F(TrainerCli, WithATokenizerTheWeightsAreVersion3InEitherOptionOrder)
@@ -373,12 +373,12 @@ TEST_F(TrainerCli, WithATokenizerTheWeightsAreVersion3InEitherOptionOrder)
     for (const char *name : {"a.tten", "b.tten"}) {
         EXPECT_EQ(file_version(path(name)), 3u) << name;
         TrnEncoder enc;
-        trn_encoder_init(&enc, 42);
+        encoder_init(&enc, 42);
         ASSERT_EQ(trn_encoder_load_weights(&enc, path(name).c_str()), 1) << name;
         ASSERT_NE(enc.bpe, nullptr);
         EXPECT_EQ(enc.bpe->n_merges, 30u);
         EXPECT_EQ(enc.vocab_size, 290u);
-        trn_encoder_free(&enc);
+        encoder_release(&enc);
     }
     // the sampler's seed is fixed: the same run gives the same first loss whatever the order
     EXPECT_EQ(a.out.substr(0, a.out.find(" tok/s")), b.out.substr(0, b.out.find(" tok/s")));
@@ -425,10 +425,10 @@ TEST_F(TrainerCli, TerminatedRunLeavesOnlyItsLastSave)
         }
         // the last save holds the steps it had done; a second sitting continues from there
         TrnEncoder enc;
-        trn_encoder_init(&enc, 42);
+        encoder_init(&enc, 42);
         TrnWeightsMeta meta{};
         ASSERT_EQ(trn_encoder_load_weights_meta(&enc, path("w.tten").c_str(), &meta), 1);
-        trn_encoder_free(&enc);
+        encoder_release(&enc);
         EXPECT_EQ(meta.meta_u32_0 % 3, 0u);
         EXPECT_GE(meta.meta_u32_0, 3u);
         const std::string done = std::to_string(meta.meta_u32_0);
@@ -505,17 +505,17 @@ TEST_F(TrainerCli, InitStartsFromTheWeightsFileAndKeepsItsTokenizer)
         slurp(path("c.loss")).rfind("step,loss\n# initialised from " + path("a.tten") + "\n1,", 0),
         0u);
     TrnEncoder enc;
-    trn_encoder_init(&enc, 42);
+    encoder_init(&enc, 42);
     TrnWeightsMeta meta{};
     ASSERT_EQ(trn_encoder_load_weights_meta(&enc, path("c.tten").c_str(), &meta), 1);
     ASSERT_NE(enc.bpe, nullptr);
     EXPECT_EQ(enc.bpe->n_merges, 30u);
     EXPECT_EQ(meta.meta_u32_1, 0x80000000u | 2u); // started from a file, batch 2
-    trn_encoder_free(&enc);
-    trn_encoder_init(&enc, 42);
+    encoder_release(&enc);
+    encoder_init(&enc, 42);
     ASSERT_EQ(trn_encoder_load_weights_meta(&enc, path("a.tten").c_str(), &meta), 1);
     EXPECT_EQ(meta.meta_u32_1, 2u);
-    trn_encoder_free(&enc);
+    encoder_release(&enc);
 }
 
 TEST_F(TrainerCli, InitRefusesFilesItCannotStartFrom)
@@ -524,13 +524,13 @@ TEST_F(TrainerCli, InitRefusesFilesItCannotStartFrom)
     ASSERT_EQ(run("train_bpe", {path("corpus.txt"), path("tok.bpe"), "30"}).status, 0);
     ASSERT_EQ(run("train_bpe", {path("corpus.txt"), path("other.bpe"), "20"}).status, 0);
     TrnEncoder enc;
-    trn_encoder_init_bpe(&enc, 42, trn_bpe_load(path("tok.bpe").c_str()));
+    encoder_init_bpe(&enc, 42, trn_bpe_load(path("tok.bpe").c_str()));
     ASSERT_EQ(trn_encoder_save_weights(&enc, path("v3.tten").c_str()), 1);
-    trn_encoder_free(&enc);
-    trn_encoder_init(&enc, 42);
+    encoder_release(&enc);
+    encoder_init(&enc, 42);
     TrnWeightsMeta meta{};
     ASSERT_EQ(trn_encoder_save_weights_meta(&enc, path("v2.tten").c_str(), &meta), 1);
-    trn_encoder_free(&enc);
+    encoder_release(&enc);
     std::string wide = slurp(path("v2.tten"));
     wide[16] = 0; // width 512 -> 256 (512 = 0x200: low byte 0, next byte 2 -> 1)
     wide[17] = 1;

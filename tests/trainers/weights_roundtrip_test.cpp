@@ -3,7 +3,7 @@
 // Also: the threaded step computes the same update, and steps lower the loss.
 #include "training.h"
 
-#include "tarnwick.h"
+#include "internal.h"
 
 #include <gtest/gtest.h>
 
@@ -71,7 +71,7 @@ void expect_engine_embeds_like_trainer(TrnEncoder *enc, uint32_t want_version)
     EXPECT_EQ(head[4], want_version);
 
     TrnEncoder loaded;
-    trn_encoder_init(&loaded, 42);
+    encoder_init(&loaded, 42);
     TrnWeightsMeta back{};
     ASSERT_EQ(trn_encoder_load_weights_meta(&loaded, path.c_str(), &back), 1);
     unlink(path.c_str());
@@ -93,7 +93,7 @@ void expect_engine_embeds_like_trainer(TrnEncoder *enc, uint32_t want_version)
     }
     // and the trained encoder is not the random one any more
     TrnEncoder fresh;
-    trn_encoder_init(&fresh, 42);
+    encoder_init(&fresh, 42);
     float a[TRN_ENCODER_DIM], b[TRN_ENCODER_DIM];
     trn_encoder_embed_text(&fresh, texts[4].c_str(), a);
     trn_encoder_embed_text(&loaded, texts[4].c_str(), b);
@@ -102,8 +102,8 @@ void expect_engine_embeds_like_trainer(TrnEncoder *enc, uint32_t want_version)
         diff = std::max(diff, std::fabs(a[c] - b[c]));
     }
     EXPECT_GT(diff, 1e-3f);
-    trn_encoder_free(&fresh);
-    trn_encoder_free(&loaded);
+    encoder_release(&fresh);
+    encoder_release(&loaded);
 }
 
 } // namespace
@@ -111,9 +111,9 @@ void expect_engine_embeds_like_trainer(TrnEncoder *enc, uint32_t want_version)
 TEST(WeightsRoundTrip, ByteLevelVersion2EmbedsInTheEngineAsInTheTrainer)
 {
     TrnEncoder enc;
-    trn_encoder_init(&enc, 42);
+    encoder_init(&enc, 42);
     expect_engine_embeds_like_trainer(&enc, 2);
-    trn_encoder_free(&enc);
+    encoder_release(&enc);
 }
 
 TEST(WeightsRoundTrip, TokenizerVersion3EmbedsInTheEngineAsInTheTrainer)
@@ -125,16 +125,16 @@ TEST(WeightsRoundTrip, TokenizerVersion3EmbedsInTheEngineAsInTheTrainer)
     TrnBpe *bpe = trn_bpe_train((const uint8_t *)corpus.data(), corpus.size(), 25);
     ASSERT_NE(bpe, nullptr);
     TrnEncoder enc;
-    trn_encoder_init_bpe(&enc, 42, bpe);
+    encoder_init_bpe(&enc, 42, bpe);
     ASSERT_EQ(enc.vocab_size, 260 + bpe->n_merges);
     expect_engine_embeds_like_trainer(&enc, 3);
-    trn_encoder_free(&enc);
+    encoder_release(&enc);
 }
 
 TEST(TrainerStep, ThreadsSplitTheBatchWithoutChangingTheStep)
 {
     TrnEncoder enc;
-    trn_encoder_init(&enc, 42);
+    encoder_init(&enc, 42);
     Trainer one(&enc, 4, 1e-3f, 2000, 1);
     Trainer three(&enc, 4, 1e-3f, 2000, 3);
     for (int s = 0; s < 2; s++) {
@@ -144,13 +144,13 @@ TEST(TrainerStep, ThreadsSplitTheBatchWithoutChangingTheStep)
         EXPECT_NEAR(one.last_grad_norm(), three.last_grad_norm(), 1e-4 * one.last_grad_norm());
     }
     EXPECT_EQ(one.tokens_seen(), three.tokens_seen());
-    trn_encoder_free(&enc);
+    encoder_release(&enc);
 }
 
 TEST(TrainerStep, RepeatedStepsOnOneBatchLowerItsLoss)
 {
     TrnEncoder enc;
-    trn_encoder_init(&enc, 42);
+    encoder_init(&enc, 42);
     std::vector<std::string> texts = pair_texts();
     texts.resize(4); // two pairs
     Trainer trainer(&enc, 2, 1e-2f, 10, 1);
@@ -160,13 +160,13 @@ TEST(TrainerStep, RepeatedStepsOnOneBatchLowerItsLoss)
         last = trainer.step(texts);
     }
     EXPECT_LT(last, 0.5 * first);
-    trn_encoder_free(&enc);
+    encoder_release(&enc);
 }
 
 TEST(TrainerSchedule, WarmsUpThenDecaysToAFractionOfThePeak)
 {
     TrnEncoder enc;
-    trn_encoder_init(&enc, 42);
+    encoder_init(&enc, 42);
     {
         // 2000 steps: a warm-up of 10% of the steps
         Trainer trainer(&enc, 2, 1e-3f, 2000, 1);
@@ -186,13 +186,13 @@ TEST(TrainerSchedule, WarmsUpThenDecaysToAFractionOfThePeak)
         EXPECT_FLOAT_EQ(tiny.lr_at(5), 5e-4f);
         EXPECT_FLOAT_EQ(tiny.lr_at(10), 1e-3f);
     }
-    trn_encoder_free(&enc);
+    encoder_release(&enc);
 }
 
 TEST(TrainerStep, EachTensorMovesOnlyWhenItsGroupHasARate)
 {
     TrnEncoder enc;
-    trn_encoder_init(&enc, 42);
+    encoder_init(&enc, 42);
     Trainer trainer(&enc, 4, 1e-3f, 10, 1);
     const std::vector<float> before = trainer.params();
     trainer.step(pair_texts());
@@ -215,5 +215,5 @@ TEST(TrainerStep, EachTensorMovesOnlyWhenItsGroupHasARate)
     }
     // the layer norms always train: two per layer and the final one, scale and shift each
     EXPECT_GE(moving, 2 * (2 * LAYERS + 1));
-    trn_encoder_free(&enc);
+    encoder_release(&enc);
 }

@@ -1,0 +1,52 @@
+/*
+** progress.cpp -- the progress line of long jobs over files, shared by the application's status
+** bar and tarnwick-cli, so both say the same thing the same way.
+*/
+#include "internal.h"
+
+#include <cmath>
+#include <cstring>
+
+extern "C" {
+
+int32_t trn_duration_text(double seconds, char *out, size_t size)
+{
+    double rounded = std::round(seconds);
+    long s = rounded >= 1.0 ? (rounded < 1e9 ? (long)rounded : 1000000000L) : 1;
+    if (s < 60) {
+        return (int32_t)snprintf(out, size, "%ld s", s);
+    }
+    long minutes = (s + 30) / 60;
+    if (minutes < 60) {
+        return (int32_t)snprintf(out, size, "%ld min", minutes);
+    }
+    return (int32_t)snprintf(out, size, "%ld h %02ld min", minutes / 60, minutes % 60);
+}
+
+int32_t trn_progress_text(const char *verb, int32_t done, int32_t found, uint32_t chunks,
+                          double seconds, char *out, size_t size)
+{
+    if (!verb) {
+        verb = "";
+    }
+    if (found < 1 && done < 1) {
+        return (int32_t)snprintf(out, size, "%s: looking for files...", verb);
+    }
+    char rate[48] = "";
+    if (seconds > 0.0 && chunks > 0) {
+        snprintf(rate, sizeof rate, ", %.1f chunks/s", chunks / seconds);
+    }
+    char left[48] = "";
+    if (done > 0 && done < found && seconds > 0.0) {
+        char time[32];
+        trn_duration_text(seconds / done * (found - done), time, sizeof time);
+        snprintf(left, sizeof left, ", about %s left", time);
+    }
+    if (found < 1) { /* files are done as they are found: no total yet */
+        return (int32_t)snprintf(out, size, "%s %d files, %u chunks%s", verb, done, chunks, rate);
+    }
+    return (int32_t)snprintf(
+        out, size, "%s %d of %d files, %u chunks%s%s", verb, done, found, chunks, rate, left);
+}
+
+} // extern "C"
