@@ -344,7 +344,7 @@ int32_t search_hybrid(TrnEngine *e, const char *query, int32_t kk, TrnResult *re
     }
     uint32_t sem[HYBRID_CANDIDATES], kw[HYBRID_CANDIDATES], fused[TRN_MAX_RESULTS];
     float sim[HYBRID_CANDIDATES], bm25[HYBRID_CANDIDATES], score[TRN_MAX_RESULTS];
-    int32_t width = hybrid_graph_width(e);
+    int32_t width = hybrid_graph_width(e) > kk ? hybrid_graph_width(e) : kk; /* kk <= 64 */
     int32_t ns = hnsw_query_width(e, q, width, width, sem, sim);
     int32_t nk = lex_search(e, query, HYBRID_CANDIDATES, kw, bm25);
     float weight = hybrid_semantic_weight(kw, nk, sem, ns);

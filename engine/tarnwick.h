@@ -579,10 +579,10 @@ enum {
 **   trn_open; without a valid one the first keyword or hybrid search builds it from the chunk
 **   texts (about 5 s per 100,000 chunks). Every search brings it up to date.
 ** TRN_SEARCH_HYBRID: the keyword ranking (100 deep) and the semantic ranking over every file
-**   (ef_search deep, at least 50) fused by reciprocal rank. The semantic ranking weighs the share
-*of its first 20 chunks
-**   that the keyword ranking also has among its first 20 (0 to 1; 1 when no chunk holds a query
-**   word), so an encoder that does not know the text cannot push good keyword hits down.
+**   (ef_search deep, at least 50 and at least k) fused by reciprocal rank. The semantic ranking
+**   weighs the share of its first 20 chunks that the keyword ranking also has among its first 20
+**   (0 to 1; 1 when no chunk holds a query word), so an encoder that does not know the text
+**   cannot push good keyword hits down.
 **   score: 1 / (60 + keyword rank) + weight / (60 + semantic rank), ranks from 1, a missing rank
 **   adding nothing (at most 2/61). With a weight of 0 only keyword hits come back.
 ** TRN_SEARCH_SEMANTIC_ALL: as TRN_SEARCH_SEMANTIC without the narrowing to ten files, searched
