@@ -18,6 +18,7 @@
 ** given (live_update_bench --tree takes it then, indexed). Run with OPENBLAS_NUM_THREADS=1 on a
 *shared machine.
 */
+#include "files.h"
 #include "internal.h"
 #include "tarnwick.h"
 
@@ -64,10 +65,12 @@ std::string file_text(int i)
     return text;
 }
 
-bool count_file(const char *, const struct stat *, void *user)
+WalkAction count_file(const WalkedFile *f, void *user)
 {
-    (*static_cast<int *>(user))++;
-    return true;
+    if (f->kind == WALK_FILE) {
+        (*static_cast<int *>(user))++;
+    }
+    return WALK_CONTINUE;
 }
 
 TrnEngine *open_index(const std::string &dir)
@@ -130,7 +133,7 @@ int main(int argc, char **argv)
     for (int r = 0; r < runs; r++) {
         int seen = 0;
         Clock::time_point t = Clock::now();
-        update_walk(tree.c_str(), nullptr, count_file, &seen);
+        walk_files(tree.c_str(), nullptr, count_file, &seen);
         walk.seconds.push_back(seconds_since(t));
         ok = ok && seen == files;
 
@@ -149,13 +152,12 @@ int main(int argc, char **argv)
         ok = ok && report.changed == 1 && report.unchanged == files - 1;
         trn_close(e);
 
-        TrnEncoder enc;
-        trn_encoder_init(&enc, 42);
+        TrnEncoder *enc = trn_encoder_init(42);
         float v[TRN_ENCODER_DIM];
         t = Clock::now();
-        trn_encoder_embed_text(&enc, text.c_str(), v);
+        trn_encoder_embed_text(enc, text.c_str(), v);
         embed.seconds.push_back(seconds_since(t));
-        trn_encoder_free(&enc);
+        trn_encoder_free(enc);
     }
     std::printf("| %-28s | %9s | %9s | %9s |\n", "seconds", "median", "min", "max");
     std::printf("|------------------------------|-----------|-----------|-----------|\n");
