@@ -104,7 +104,8 @@ constexpr CommandRule COMMANDS[] = {
     {"train", 1, -1, false, false, false, true, false, true},
 };
 
-// The commands that walk a directory (index, update, watch, files) take --exclude, --extensions and --max-file-size.
+// The commands that walk a directory (index, update, watch, files) take --exclude, --extensions and
+// --max-file-size.
 bool takes_walk_options(const CommandRule *rule)
 {
     const std::string name = rule->name;

@@ -75,8 +75,9 @@ int64_t now_ns(void)
 bool update_excludes(const TrnWalkOptions *opts, const char *rel)
 {
     bool custom = opts && opts->exclude_pattern_count > 0 && opts->exclude_patterns;
-    IgnoreRules *rules = custom ? ignore_rules_new(opts->exclude_patterns, opts->exclude_pattern_count)
-                                : ignore_rules_new(WALK_DEFAULT_EXCLUDES, WALK_DEFAULT_EXCLUDE_COUNT);
+    IgnoreRules *rules = custom
+                             ? ignore_rules_new(opts->exclude_patterns, opts->exclude_pattern_count)
+                             : ignore_rules_new(WALK_DEFAULT_EXCLUDES, WALK_DEFAULT_EXCLUDE_COUNT);
     std::string path(rel);
     bool is_dir = !path.empty() && path.back() == '/';
     if (is_dir) {
@@ -231,9 +232,12 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
         root.pop_back();
     }
     FoundList walked;
-    if (walk_files(root.c_str(), opts, [&walked](const ::WalkedFile &f) {
-            return collect_file(f, &walked);
-        }) < 0) {
+    if (walk_files(root.c_str(),
+                   opts,
+                   [&walked](const ::WalkedFile &f) {
+                       return collect_file(f, &walked);
+                   })
+        < 0) {
         return -1;
     }
     /* In path order, whatever order the directories list their entries in: an index built from
@@ -345,11 +349,8 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
             int64_t read_at = now_ns();
             bool binary = false;
             size_t length = 0;
-            char *text = update_text(job.path.c_str(),
-                                     job.type,
-                                     opts ? opts->max_file_size : 0,
-                                     &length,
-                                     &binary);
+            char *text = update_text(
+                job.path.c_str(), job.type, opts ? opts->max_file_size : 0, &length, &binary);
             ManifestEntry entry = entry_for(*w, job.type);
             if (!text && binary) {
                 entry.type = TRN_FILE_TYPE_BINARY;

@@ -4,8 +4,8 @@
 #include "directory_watcher.h"
 
 #include "background.h"
-#include "tarnwick_engine.h"
 #include "tarnwick.h"
+#include "tarnwick_engine.h"
 
 #include <QFile>
 #include <QPointer>
