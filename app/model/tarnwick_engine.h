@@ -13,10 +13,9 @@
 **
 ** Locking: every trn_ call on the handle holds this object's own mutex, because calls on one
 ** handle must not overlap; handles share nothing, so tabs never wait for each other (a search in
-** one tab runs while another tab indexes). The lock is taken per call (per file while indexing: the
-*update opens it between files),
-** so a search in the same tab runs between two files. The handle pointer itself is guarded by the
-** same mutex, so clearAndReopen may run while a worker thread is using the object.
+** one tab runs while another tab indexes). The lock is taken per call, and an update opens it
+** between files, so a search in the same tab runs between two files. The handle pointer itself is
+** guarded by the same mutex, so clearAndReopen may run while a worker thread is using the object.
 */
 #ifndef TRN_APP_TARNWICK_ENGINE_H
 #define TRN_APP_TARNWICK_ENGINE_H
