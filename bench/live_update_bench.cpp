@@ -161,13 +161,12 @@ int main(int argc, char **argv)
         }
         seen.push_back(clock.elapsed() / 1000.0);
 
-        TrnEncoder enc;
-        trn_encoder_init(&enc, 42);
+        TrnEncoder *enc = trn_encoder_init(42);
         float v[TRN_ENCODER_DIM];
         clock.restart();
-        trn_encoder_embed_text(&enc, text.constData(), v);
+        trn_encoder_embed_text(enc, text.constData(), v);
         embedOnly.push_back(clock.nsecsElapsed() / 1e9);
-        trn_encoder_free(&enc);
+        trn_encoder_free(enc);
     }
     std::printf("| %-38s | %8s | %8s | %8s |\n", "seconds", "median", "min", "max");
     std::printf("|----------------------------------------|----------|----------|----------|\n");
