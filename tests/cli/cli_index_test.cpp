@@ -562,7 +562,7 @@ TEST_F(CliMaintenance, UpdateAndWatchFollowAddedEditedAndDeletedFiles)
 
     write_file(dir / "beta.txt", "a longer note about rye, barley and oats, and a little spelt\n");
     fs::remove(dir / "code/gamma.c");
-    write_file(dir / "notes/delta.txt", "delta is new\n");
+    write_file(dir / "notes/delta.txt", "delta is a new note\n");
     Json changed = update();
     EXPECT_EQ(changed["added"].number, 1);
     EXPECT_EQ(changed["changed"].number, 1);
