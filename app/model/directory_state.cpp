@@ -161,8 +161,10 @@ void DirectoryState::retryCheckpoint(int attempt)
 
 QString DirectoryState::countsText(const TrnStats &stats)
 {
-    return QString::number(stats.chunk_count) + QStringLiteral(" chunks from ")
-           + QString::number(stats.file_count) + QStringLiteral(" files");
+    // Chunks of removed files keep their slots until a compaction: only live ones are counted.
+    return QString::number(stats.chunk_count - stats.deleted_count)
+           + QStringLiteral(" chunks from ") + QString::number(stats.file_count)
+           + QStringLiteral(" files");
 }
 
 QString DirectoryState::effectiveWeightsPath() const

@@ -527,6 +527,13 @@ private slots:
         names.sort();
         QCOMPARE(names, (QStringList{QStringLiteral("garden.md"), QStringLiteral("new.txt")}));
         QCOMPARE(state->stats().file_count, 5u);
+        // A deleted file leaves the results, and its chunk the count on the status bar.
+        const int chunksBefore = state->statusText().section(QLatin1Char(' '), 0, 0).toInt();
+        QVERIFY(QFile::remove(dir.filePath(QStringLiteral("notes/new.txt"))));
+        QTRY_COMPARE_WITH_TIMEOUT(
+            shownFileNames(*h), QStringList{QStringLiteral("garden.md")}, 30000);
+        QTRY_COMPARE_WITH_TIMEOUT(
+            state->statusText().section(QLatin1Char(' '), 0, 0).toInt(), chunksBefore - 1, 10000);
         Settings::standard()->remove(QStringLiteral("watchSettleMs"));
     }
 
