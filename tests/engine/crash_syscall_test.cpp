@@ -73,6 +73,27 @@ void copy_dir(const std::string &from, const std::string &to)
     }
 }
 
+/* The 1-based numbers of the calls in an strace output file that touch a file below dir, other
+** than opening one only to read it: that changes nothing a crash could show. */
+std::vector<int> writes_in_trace(const std::string &trace, const std::string &dir)
+{
+    std::vector<uint8_t> bytes = read_file_bytes(trace);
+    std::string text(bytes.begin(), bytes.end());
+    std::vector<int> numbers;
+    size_t pos = 0;
+    for (int n = 1; pos < text.size(); n++) {
+        size_t end = text.find('\n', pos);
+        std::string line = text.substr(pos, end - pos);
+        bool reads = line.rfind("openat", 0) == 0 && line.find("O_CREAT") == std::string::npos
+                     && line.find("O_WRONLY") == std::string::npos;
+        if (line.find(dir + "/") != std::string::npos && !reads) {
+            numbers.push_back(n);
+        }
+        pos = end == std::string::npos ? text.size() : end + 1;
+    }
+    return numbers;
+}
+
 class CrashAtEverySyscall : public testing::TestWithParam<const char *>
 {
 protected:
@@ -115,21 +136,7 @@ protected:
                          op},
                         scratch_);
         EXPECT_EQ(r.code, 0) << r.err;
-        std::vector<uint8_t> bytes = read_file_bytes(trace);
-        std::string text(bytes.begin(), bytes.end());
-        std::vector<int> numbers;
-        size_t pos = 0;
-        for (int n = 1; pos < text.size(); n++) {
-            size_t end = text.find('\n', pos);
-            std::string line = text.substr(pos, end - pos);
-            /* Opening a file only to read it changes nothing a crash could show. */
-            bool reads = line.rfind("openat", 0) == 0 && line.find("O_CREAT") == std::string::npos
-                         && line.find("O_WRONLY") == std::string::npos;
-            if (line.find(dir + "/") != std::string::npos && !reads) {
-                numbers.push_back(n);
-            }
-            pos = end == std::string::npos ? text.size() : end + 1;
-        }
+        std::vector<int> numbers = writes_in_trace(trace, dir);
         return numbers;
     }
     /* Runs op on dir with the Nth call to call given the fault (strace's inject= action). */
@@ -255,20 +262,7 @@ TEST(UpdateCrash, AKilledUpdateIsFinishedByTheNextOne)
              "update",
              src.path()},
             scratch);
-        std::vector<uint8_t> bytes = read_file_bytes(trace);
-        std::string text(bytes.begin(), bytes.end());
-        std::vector<int> numbers;
-        size_t pos = 0;
-        for (int n = 1; pos < text.size(); n++) {
-            size_t end = text.find('\n', pos);
-            std::string line = text.substr(pos, end - pos);
-            bool reads = line.rfind("openat", 0) == 0 && line.find("O_CREAT") == std::string::npos
-                         && line.find("O_WRONLY") == std::string::npos;
-            if (line.find(dir + "/") != std::string::npos && !reads) {
-                numbers.push_back(n);
-            }
-            pos = end == std::string::npos ? text.size() : end + 1;
-        }
+        std::vector<int> numbers = writes_in_trace(trace, dir);
         for (int n : numbers) {
             copy_dir(start.path(), dir);
             std::string inject = std::string(call) + ":signal=SIGKILL:when=" + std::to_string(n);
