@@ -111,7 +111,7 @@ int main(int argc, char **argv)
         EncoderRecord::write(root, QString()); // update_bench's encoder: the untrained one
     }
     tab.name = QStringLiteral("tree");
-    DirectoryState state(tab, QString());
+    DirectoryState state(tab, nullptr); // the untrained encoder
     QElapsedTimer clock;
     clock.start();
     state.ingest(800, 200);

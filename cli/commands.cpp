@@ -199,7 +199,7 @@ bool on_update_progress(const char *, int32_t done, int32_t total, void *user)
 
 // The engine-only index: the engine's walk and text extraction (files.h), as the application
 // indexes, with the command line's walk options; 800 and 200 by default.
-void cmd_index(const Options &o)
+void cmd_index(const Options &o, const ModelRuntime &model)
 {
     const int32_t chunk_size = o.chunk_size.value_or(800);
     const int32_t overlap = o.overlap.value_or(200);
@@ -207,7 +207,7 @@ void cmd_index(const Options &o)
     std::string root = resolve_dir(o.operands[0]);
     std::string index_dir = index_dir_of(root);
     std::string description;
-    std::string weights = chosen_weights(o, root, &description);
+    std::string weights = chosen_weights(o, model, root, &description);
     check_weights(weights);
     ensure_index_dir(index_dir);
 
@@ -300,7 +300,7 @@ struct UpdateSetup {
     TrnWalkOptions walk{}; // points into config and the two vectors
 };
 
-void prepare_update(const Options &o, UpdateSetup *u)
+void prepare_update(const Options &o, const ModelRuntime &model, UpdateSetup *u)
 {
     application_chunking(&u->chunk_size, &u->overlap);
     u->chunk_size = o.chunk_size.value_or(u->chunk_size);
@@ -308,7 +308,7 @@ void prepare_update(const Options &o, UpdateSetup *u)
     check_chunking(u->chunk_size, u->overlap);
     u->root = resolve_dir(o.operands[0]);
     std::string description;
-    u->weights = chosen_weights(o, u->root, &description);
+    u->weights = chosen_weights(o, model, u->root, &description);
     check_weights(u->weights);
     // Vectors of two encoders in one index would not compare: that takes a rebuild.
     if (has_index(u->root) && !index_encoder_matches(u->root, u->weights)) {
@@ -342,10 +342,10 @@ void run_update(const Options &o, const UpdateSetup &u, TrnEngine *e)
     write_out(update_line(o, progress.report, seconds_since(start)));
 }
 
-void cmd_update(const Options &o)
+void cmd_update(const Options &o, const ModelRuntime &model)
 {
     UpdateSetup u;
-    prepare_update(o, &u);
+    prepare_update(o, model, &u);
     EnginePtr engine = open_engine(index_dir_of(u.root), u.weights);
     run_update(o, u, engine.get());
 }
@@ -382,10 +382,10 @@ bool wait_for_settled_change(TrnWatch *w, int settle_ms)
     return false;
 }
 
-void cmd_watch(const Options &o)
+void cmd_watch(const Options &o, const ModelRuntime &model)
 {
     UpdateSetup u;
-    prepare_update(o, &u);
+    prepare_update(o, model, &u);
     EnginePtr engine = open_engine(index_dir_of(u.root), u.weights);
     struct sigaction act = {};
     act.sa_handler = on_stop_signal;
@@ -414,13 +414,13 @@ void cmd_watch(const Options &o)
 
 // --- search -----------------------------------------------------------------------------------
 
-void cmd_search(const Options &o)
+void cmd_search(const Options &o, const ModelRuntime &model)
 {
     std::string root = resolve_dir(o.operands[0]);
     const std::string &query = o.operands[1];
     // The encoder the index was built with: the application's choice unless --weights names one.
     std::string description;
-    std::string weights = chosen_weights(o, root, &description);
+    std::string weights = chosen_weights(o, model, root, &description);
     EnginePtr engine = open_existing(root, weights);
     // The engine never returns more than 64 hits, however large k is.
     int32_t k = std::min<int32_t>(o.k, 64);
@@ -653,11 +653,11 @@ void cmd_compact(const Options &o)
 
 // --- embed ------------------------------------------------------------------------------------
 
-void cmd_embed(const Options &o)
+void cmd_embed(const Options &o, const ModelRuntime &model)
 {
     EncoderGuard guard;
     std::string description;
-    const std::string weights = chosen_weights(o, "", &description);
+    const std::string weights = chosen_weights(o, model, "", &description);
     if (!weights.empty() && !trn_encoder_load_weights(guard.encoder, weights.c_str())) {
         throw Failure("cannot load encoder weights from " + weights);
     }
@@ -674,24 +674,24 @@ void cmd_embed(const Options &o)
 
 } // namespace
 
-void run_command(const Options &o)
+void run_command(const Options &o, const ModelRuntime &model)
 {
     if (o.command == "index") {
         if (HAVE_APPLICATION_MODEL) {
-            model_index(o);
+            model_index(o, model);
         } else {
-            cmd_index(o);
+            cmd_index(o, model);
         }
     } else if (o.command == "update") {
-        cmd_update(o);
+        cmd_update(o, model);
     } else if (o.command == "watch") {
-        cmd_watch(o);
+        cmd_watch(o, model);
     } else if (o.command == "prompt") {
-        model_prompt(o);
+        model_prompt(o, model);
     } else if (o.command == "train") {
-        model_train(o);
+        model_train(o, model);
     } else if (o.command == "search") {
-        cmd_search(o);
+        cmd_search(o, model);
     } else if (o.command == "files") {
         cmd_files(o);
     } else if (o.command == "stats") {
@@ -701,6 +701,6 @@ void run_command(const Options &o)
     } else if (o.command == "compact") {
         cmd_compact(o);
     } else if (o.command == "embed") {
-        cmd_embed(o);
+        cmd_embed(o, model);
     }
 }

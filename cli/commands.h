@@ -6,9 +6,11 @@
 
 #include "args.h"
 
+class ModelRuntime;
+
 // Runs the command that o names, writing its results to standard output. Throws Failure for
 // anything that goes wrong (a missing directory or index, unreadable weights, a store that
 // cannot be written, a file that is not in the index).
-void run_command(const Options &o);
+void run_command(const Options &o, const ModelRuntime &model);
 
 #endif

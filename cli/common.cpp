@@ -79,7 +79,8 @@ void require_index(const std::string &root)
     }
 }
 
-std::string chosen_weights(const Options &o, const std::string &root, std::string *description)
+std::string chosen_weights(const Options &o, const ModelRuntime &model, const std::string &root,
+                           std::string *description)
 {
     if (o.weights == "none") {
         *description = "untrained encoder (--weights none)";
@@ -89,7 +90,7 @@ std::string chosen_weights(const Options &o, const std::string &root, std::strin
         *description = "weights " + o.weights;
         return o.weights;
     }
-    return application_weights(root, description);
+    return application_weights(model, root, description);
 }
 
 void check_weights(const std::string &weights)

@@ -16,6 +16,8 @@
 #include <chrono>
 #include <string>
 
+class ModelRuntime;
+
 // The engine keeps its store and log paths in 512-byte fields; a longer path would be cut short
 // silently and the index written elsewhere, so such directories are refused.
 constexpr size_t STORE_PATH_MAX = 511;
@@ -64,7 +66,8 @@ void check_chunking(int32_t chunk_size, int32_t overlap);
 
 // The weights a command uses: --weights FILE, "" for --weights none (the untrained encoder),
 // else application_weights(root). description says which.
-std::string chosen_weights(const Options &o, const std::string &root, std::string *description);
+std::string chosen_weights(const Options &o, const ModelRuntime &model, const std::string &root,
+                           std::string *description);
 
 void write_out(const std::string &text);
 

@@ -29,7 +29,7 @@ int main(int argc, char **argv)
             return 0;
         }
         trn_set_verbose(o.verbose ? 1 : 0);
-        run_command(o);
+        run_command(o, runtime);
         if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
             throw Failure("cannot write to standard output");
         }

@@ -81,18 +81,6 @@ std::string quoted(const std::string &text)
     return out;
 }
 
-std::optional<TrainingProfile> trained_profile(const QUuid &id)
-{
-    if (id.isNull()) {
-        return std::nullopt;
-    }
-    std::optional<TrainingProfile> p = TrainingManager::shared()->profile(id);
-    if (!p || p->status != TrainingStatus::Trained) {
-        return std::nullopt;
-    }
-    return p;
-}
-
 // --- index ------------------------------------------------------------------------------------
 
 // --- train ------------------------------------------------------------------------------------
@@ -101,11 +89,11 @@ const char *const TRAIN_WORDS[] = {"profiles", "add", "default"};
 
 // The profile called name, or whose id is name. Several of that name are an error: the
 // application allows them, so the id tells them apart.
-TrainingProfile find_profile(const std::string &name)
+TrainingProfile find_profile(const TrainingManager &manager, const std::string &name)
 {
     const QString wanted = QString::fromUtf8(name);
     std::vector<TrainingProfile> named;
-    for (const TrainingProfile &p : TrainingManager::shared()->profiles()) {
+    for (const TrainingProfile &p : manager.profiles()) {
         if (p.name == wanted) {
             named.push_back(p);
         }
@@ -116,8 +104,7 @@ TrainingProfile find_profile(const std::string &name)
     if (named.size() == 1) {
         return named[0];
     }
-    std::optional<TrainingProfile> by_id =
-        TrainingManager::shared()->profile(JsonCoding::uuidFromText(wanted));
+    std::optional<TrainingProfile> by_id = manager.profile(JsonCoding::uuidFromText(wanted));
     if (!by_id) {
         throw Failure("no training profile named \"" + name
                       + "\" (see: tarnwick-cli train profiles)");
@@ -133,9 +120,8 @@ std::string last_trained_text(const TrainingProfile &p)
     return utf8(p.lastTrained->toLocalTime().toString(QStringLiteral("yyyy-MM-dd HH:mm")));
 }
 
-void list_profiles(const Options &o)
+void list_profiles(const Options &o, TrainingManager *manager)
 {
-    TrainingManager *manager = TrainingManager::shared();
     const QList<TrainingProfile> profiles = manager->profiles();
     const QUuid default_id = manager->defaultProfileId();
     if (o.json) {
@@ -220,9 +206,8 @@ void list_profiles(const Options &o)
     write_out(out);
 }
 
-void add_profile(const Options &o)
+void add_profile(const Options &o, TrainingManager *manager)
 {
-    TrainingManager *manager = TrainingManager::shared();
     const std::string &name = o.operands[1];
     const QString qname = QString::fromUtf8(name);
     if (qname.trimmed().isEmpty()) {
@@ -259,16 +244,15 @@ void add_profile(const Options &o)
     write_out(out);
 }
 
-void set_default(const Options &o)
+void set_default(const Options &o, TrainingManager *manager)
 {
-    TrainingProfile p = find_profile(o.operands[1]);
-    TrainingManager::shared()->setDefaultProfileId(p.id);
+    TrainingProfile p = find_profile(*manager, o.operands[1]);
+    manager->setDefaultProfileId(p.id);
     std::string out = quoted(utf8(p.name)) + " is the default profile\n";
     if (p.status != TrainingStatus::Trained) {
-        out +=
-            std::string("it is not trained yet; until it is, directories use the ")
-            + (TrainingManager::shared()->builtInWeightsPath().isEmpty() ? "untrained" : "built-in")
-            + " encoder\n";
+        out += std::string("it is not trained yet; until it is, directories use the ")
+               + (manager->builtInWeightsPath().isEmpty() ? "untrained" : "built-in")
+               + " encoder\n";
     }
     write_out(out);
 }
@@ -335,10 +319,9 @@ void print_progress(const QString &text)
     std::fflush(stdout);
 }
 
-void run_training(const Options &o)
+void run_training(const Options &o, TrainingManager *manager)
 {
-    TrainingManager *manager = TrainingManager::shared();
-    const TrainingProfile profile = find_profile(o.operands[0]);
+    const TrainingProfile profile = find_profile(*manager, o.operands[0]);
     QCoreApplication *app = QCoreApplication::instance();
     bool finished = false;
     QObject context; // the connections below end with this function
@@ -378,6 +361,7 @@ void run_training(const Options &o)
 
 struct ModelRuntime::State {
     std::unique_ptr<QCoreApplication> app;
+    std::unique_ptr<TrainingManager> training;
     QtMessageHandler previous = nullptr;
 };
 
@@ -385,41 +369,45 @@ ModelRuntime::ModelRuntime(int &argc, char **argv) : m_state(new State)
 {
     m_state->previous = qInstallMessageHandler(print_qt_message);
     m_state->app = std::make_unique<QCoreApplication>(argc, argv);
+    m_state->training = std::make_unique<TrainingManager>();
+}
+
+TrainingManager *ModelRuntime::training() const
+{
+    return m_state->training.get();
 }
 
 ModelRuntime::~ModelRuntime()
 {
     // Settings::standard() lives until the process ends; what was written must reach the disk.
     Settings::standard()->sync();
+    m_state->training.reset();
     m_state->app.reset();
     qInstallMessageHandler(m_state->previous);
     delete m_state;
 }
 
-std::string application_weights(const std::string &root, std::string *description)
+std::string application_weights(const ModelRuntime &model, const std::string &root,
+                                std::string *description)
 {
-    const QString dir = path_text(root);
-    const std::optional<QString> override_text = Settings::standard()->encoderOverride(dir);
-    if (override_text) {
-        std::optional<TrainingProfile> p =
-            trained_profile(JsonCoding::uuidFromText(*override_text));
-        if (p) {
-            *description = "profile \"" + utf8(p->name) + "\" chosen for this directory ("
-                           + path_bytes(p->weightsPath) + ")";
-            return path_bytes(p->weightsPath);
+    const TrainingManager &manager = *model.training();
+    const std::optional<QString> override_text =
+        Settings::standard()->encoderOverride(path_text(root));
+    const QUuid override_id = override_text ? JsonCoding::uuidFromText(*override_text) : QUuid();
+    const QString weights = manager.weightsPathFor(override_id);
+    // Which encoder the manager chose, named for the line on standard error.
+    for (const TrainingProfile &p : manager.profiles()) {
+        if (p.status == TrainingStatus::Trained && p.weightsPath == weights) {
+            *description = (p.id == override_id
+                                ? "profile \"" + utf8(p.name) + "\" chosen for this directory ("
+                                : "default profile \"" + utf8(p.name) + "\" (")
+                           + path_bytes(weights) + ")";
+            return path_bytes(weights);
         }
     }
-    std::optional<TrainingProfile> p =
-        trained_profile(TrainingManager::shared()->defaultProfileId());
-    if (p) {
-        *description =
-            "default profile \"" + utf8(p->name) + "\" (" + path_bytes(p->weightsPath) + ")";
-        return path_bytes(p->weightsPath);
-    }
-    const QString builtIn = TrainingManager::shared()->builtInWeightsPath();
-    if (!builtIn.isEmpty()) {
-        *description = "built-in encoder (" + path_bytes(builtIn) + ")";
-        return path_bytes(builtIn);
+    if (!weights.isEmpty()) {
+        *description = "built-in encoder (" + path_bytes(weights) + ")";
+        return path_bytes(weights);
     }
     *description = "untrained encoder (no trained default profile, no built-in encoder)";
     return "";
@@ -456,7 +444,7 @@ void note_index_encoder(const std::string &root, const std::string &weights)
     EncoderRecord::write(path_text(root), path_text(weights));
 }
 
-void model_index(const Options &o)
+void model_index(const Options &o, const ModelRuntime &model)
 {
     Settings *settings = Settings::standard();
     int32_t chunk_size = o.chunk_size.value_or(settings->effectiveChunkSize());
@@ -465,7 +453,7 @@ void model_index(const Options &o)
     std::string root = resolve_dir(o.operands[0]);
     std::string index_dir = index_dir_of(root);
     std::string description;
-    std::string weights = chosen_weights(o, root, &description);
+    std::string weights = chosen_weights(o, model, root, &description);
     check_weights(weights);
     ensure_index_dir(index_dir);
     std::fprintf(stderr, "tarnwick: encoder: %s\n", display_text(description, false).c_str());
@@ -507,12 +495,12 @@ void model_index(const Options &o)
     write_out(indexed_line(st.file_count, st.chunk_count, seconds_since(start)));
 }
 
-void model_prompt(const Options &o)
+void model_prompt(const Options &o, const ModelRuntime &model)
 {
     std::string root = resolve_dir(o.operands[0]);
     require_index(root);
     std::string description;
-    std::string weights = chosen_weights(o, root, &description);
+    std::string weights = chosen_weights(o, model, root, &description);
     check_weights(weights);
     const QString dir = path_text(root);
     TarnwickEngine engine(dir, path_text(weights));
@@ -549,17 +537,17 @@ void model_prompt(const Options &o)
     }
 }
 
-void model_train(const Options &o)
+void model_train(const Options &o, const ModelRuntime &model)
 {
     const std::string &sub = o.operands[0];
     if (sub == "profiles") {
-        list_profiles(o);
+        list_profiles(o, model.training());
     } else if (sub == "add") {
-        add_profile(o);
+        add_profile(o, model.training());
     } else if (sub == "default") {
-        set_default(o);
+        set_default(o, model.training());
     } else {
-        run_training(o);
+        run_training(o, model.training());
     }
     Settings::standard()->sync();
 }

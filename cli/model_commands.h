@@ -21,15 +21,19 @@
 // True when the program was built on the application's model.
 extern const bool HAVE_APPLICATION_MODEL;
 
+class TrainingManager;
+
 // Sets up what the model needs for the life of the process (a QCoreApplication, for the
-// trainers' directory and the event loop of a training run, and Qt's diagnostics on standard
-// error with the "tarnwick: " prefix). Call once from main before any command; returns an
-// object that tears it down when destroyed. Nothing without the model.
+// trainers' directory and the event loop of a training run, Qt's diagnostics on standard error
+// with the "tarnwick: " prefix, and the training manager that the commands are handed). Made once
+// by main before any command; tears it down when destroyed. Nothing without the model.
 class ModelRuntime
 {
 public:
     ModelRuntime(int &argc, char **argv);
     ~ModelRuntime();
+    // The program's training manager (the profiles, and the encoder each directory uses).
+    TrainingManager *training() const;
     ModelRuntime(const ModelRuntime &) = delete;
     ModelRuntime &operator=(const ModelRuntime &) = delete;
 
@@ -42,7 +46,8 @@ private:
 // when that profile is trained, else the default profile's weights when trained, else the
 // built-in encoder beside the program, else "" (the untrained encoder). description says which,
 // for a line on standard error.
-std::string application_weights(const std::string &root, std::string *description);
+std::string application_weights(const ModelRuntime &model, const std::string &root,
+                                std::string *description);
 
 // Which files a walk reads: extensions without the dot, patterns in .gitignore syntax (empty:
 // the engine's defaults), the size limit in bytes (0: TRN_FILE_SIZE_MAX).
@@ -72,10 +77,10 @@ bool index_encoder_matches(const std::string &root, const std::string &weights);
 void note_index_encoder(const std::string &root, const std::string &weights);
 
 // index DIR: drops the index and walks DIR with TarnwickEngine::ingestDirectory.
-void model_index(const Options &o);
+void model_index(const Options &o, const ModelRuntime &model);
 // prompt DIR QUERY: the text "Copy Prompt" puts on the clipboard.
-void model_prompt(const Options &o);
+void model_prompt(const Options &o, const ModelRuntime &model);
 // train profiles | add | default | NAME.
-void model_train(const Options &o);
+void model_train(const Options &o, const ModelRuntime &model);
 
 #endif

@@ -18,7 +18,7 @@ ModelRuntime::ModelRuntime(int &, char **) {}
 ModelRuntime::~ModelRuntime() = default;
 
 // The built-in encoder beside the program, as the application finds it beside itself.
-std::string application_weights(const std::string &, std::string *description)
+std::string application_weights(const ModelRuntime &, const std::string &, std::string *description)
 {
     char self[4096];
     ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
@@ -56,17 +56,17 @@ bool index_encoder_matches(const std::string &, const std::string &)
 
 void note_index_encoder(const std::string &, const std::string &) {}
 
-void model_index(const Options &)
+void model_index(const Options &, const ModelRuntime &)
 {
     throw Failure("built without the application model");
 }
 
-void model_prompt(const Options &)
+void model_prompt(const Options &, const ModelRuntime &)
 {
     throw Failure("built without the application model");
 }
 
-void model_train(const Options &)
+void model_train(const Options &, const ModelRuntime &)
 {
     throw Failure("built without the application model");
 }

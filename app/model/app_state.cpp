@@ -6,7 +6,6 @@
 #include "clipboard.h"
 #include "directory_state.h"
 #include "settings.h"
-#include "training_manager.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -14,8 +13,8 @@
 
 #include <algorithm>
 
-AppState::AppState(Settings *settings, QObject *parent)
-    : QObject(parent), m_settings(settings ? settings : Settings::standard())
+AppState::AppState(Settings *settings, const EncoderChoice *encoders, QObject *parent)
+    : QObject(parent), m_settings(settings ? settings : Settings::standard()), m_encoders(encoders)
 {
     QPointer<AppState> self(this);
     QMetaObject::invokeMethod(
@@ -88,8 +87,7 @@ DirectoryTab AppState::makeTab(const QString &path)
 
 DirectoryState *AppState::createState(const DirectoryTab &tab)
 {
-    auto *state =
-        new DirectoryState(tab, TrainingManager::shared()->defaultWeightsPath(), m_settings, this);
+    auto *state = new DirectoryState(tab, m_encoders, m_settings, this);
     m_tabStates.insert(tab.id, state);
     return state;
 }

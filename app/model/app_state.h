@@ -26,6 +26,7 @@
 
 class Clipboard;
 class DirectoryState;
+class EncoderChoice;
 class Settings;
 
 class AppState : public QObject
@@ -38,8 +39,11 @@ class AppState : public QObject
     Q_PROPERTY(SearchMode searchMode READ searchMode WRITE setSearchMode NOTIFY searchModeChanged)
 
 public:
-    // settings NULL means Settings::standard(). Schedules restoreState() on the event loop.
-    explicit AppState(Settings *settings = nullptr, QObject *parent = nullptr);
+    // settings NULL means Settings::standard(); encoders (NULL: the untrained encoder for every
+    // tab) is handed to each tab and must outlive this object. Schedules restoreState() on the
+    // event loop.
+    explicit AppState(Settings *settings = nullptr, const EncoderChoice *encoders = nullptr,
+                      QObject *parent = nullptr);
     ~AppState() override;
 
     QList<DirectoryTab> tabs() const { return m_tabs; }
@@ -103,6 +107,7 @@ private:
     static DirectoryTab makeTab(const QString &path);
 
     Settings *m_settings;
+    const EncoderChoice *m_encoders; // handed to every tab
     Clipboard *m_clipboard = nullptr;
     std::unique_ptr<Clipboard> m_systemClipboard;
     QList<DirectoryTab> m_tabs;

@@ -1,23 +1,62 @@
 /*
-** background.h -- the two hand-offs of the model: work to the thread pool, results back to the
-** main thread.
+** background.h -- the model's hand-off of work to the thread pool and of its result back, on
+** QtConcurrent.
 **
-** Both go through objects allocated here and marked for ThreadSanitizer: Qt's own queues
-** synchronise inside libQt6Core, which is not built with TSan, so without the marks every
-** hand-off would read as a data race in `make tsan`. The marks change nothing in other builds.
+** runInBackground(receiver, job, done) runs job() on QThreadPool::globalInstance(), then
+** done(result) on receiver's thread through a QFutureWatcher that receiver owns. When receiver is
+** destroyed first, the watcher goes with it and done is dropped; the job still runs to its end,
+** so it holds what it uses by value or by shared pointer.
+**
+** The hand-offs are marked for ThreadSanitizer: Qt's own queues synchronise inside libQt6Core,
+** which is not built with TSan, so without the marks every hand-off would read as a data race in
+** `make tsan`. The marks change nothing in other builds.
 */
 #ifndef TRN_APP_BACKGROUND_H
 #define TRN_APP_BACKGROUND_H
 
-#include <functional>
+#include <QFutureWatcher>
+#include <QObject>
+#include <QPromise>
+#include <QtConcurrent/QtConcurrentRun>
 
-// Runs job on QThreadPool::globalInstance(). The job gets its inputs by value.
-void runInBackground(std::function<void()> job);
+#include <memory>
+#include <type_traits>
+#include <utility>
 
-// Runs call on the main thread from its event loop (queued, also when called there). Model
-// objects call prepareMainThreadCalls() from their constructors, on the main thread, before any
-// worker can call this.
-void runOnMainThread(std::function<void()> call);
-void prepareMainThreadCalls();
+// What one thread did before handOffRelease(token) is seen by another after
+// handOffAcquire(token).
+void handOffRelease(const void *token);
+void handOffAcquire(const void *token);
+
+template <typename Job, typename Done>
+void runInBackground(QObject *receiver, Job job, Done done)
+{
+    using Result = std::invoke_result_t<Job &>;
+    const auto token = std::make_shared<char>();
+    auto *watcher = new QFutureWatcher<Result>(receiver);
+    QObject::connect(watcher,
+                     &QFutureWatcherBase::finished,
+                     receiver,
+                     [watcher, token, done = std::move(done)]() mutable {
+                         watcher->deleteLater();
+                         handOffAcquire(token.get());
+                         if constexpr (std::is_void_v<Result>) {
+                             done();
+                         } else {
+                             done(watcher->result());
+                         }
+                     });
+    handOffRelease(token.get());
+    watcher->setFuture(
+        QtConcurrent::run([job = std::move(job), token](QPromise<Result> &promise) mutable {
+            handOffAcquire(token.get());
+            if constexpr (std::is_void_v<Result>) {
+                job();
+            } else {
+                promise.addResult(job());
+            }
+            handOffRelease(token.get());
+        }));
+}
 
 #endif

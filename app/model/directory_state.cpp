@@ -6,11 +6,11 @@
 
 #include "background.h"
 #include "directory_watcher.h"
+#include "encoder_choice.h"
 #include "encoder_record.h"
 #include "json_coding.h"
 #include "results_model.h"
 #include "settings.h"
-#include "training_manager.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -35,24 +35,32 @@ std::optional<QString> readTrimmedText(const QString &path)
 
 } // namespace
 
-DirectoryState::DirectoryState(const DirectoryTab &tab, const QString &weightsPath,
+// What an engine call on the thread pool left behind: whether it worked, the engine's status and
+// error, and its counts after it.
+struct DirectoryState::EngineOutcome {
+    bool ok = false;
+    int status = TRN_STATUS_OK;
+    QString error;
+    TrnStats stats{};
+    int added = 0; // indexing: the chunks added, or -1 when it failed
+
+    EngineOutcome() = default;
+    EngineOutcome(const TarnwickEngine &engine, bool worked)
+        : ok(worked), status(engine.lastStatus()), error(engine.lastError()), stats(engine.stats())
+    {
+    }
+};
+
+DirectoryState::DirectoryState(const DirectoryTab &tab, const EncoderChoice *encoders,
                                Settings *settings, QObject *parent)
-    : QObject(parent), m_settings(settings ? settings : Settings::standard()),
+    : QObject(parent), m_settings(settings ? settings : Settings::standard()), m_encoders(encoders),
       m_directoryPath(tab.path)
 {
-    prepareMainThreadCalls();
     const std::optional<QString> overrideText = m_settings->encoderOverride(m_directoryPath);
     if (overrideText) {
         m_overrideProfileId = JsonCoding::uuidFromText(*overrideText);
     }
-    QString weights = weightsPath;
-    if (!m_overrideProfileId.isNull()) {
-        const std::optional<TrainingProfile> profile =
-            TrainingManager::shared()->profile(m_overrideProfileId);
-        if (profile && profile->status == TrainingStatus::Trained) {
-            weights = profile->weightsPath;
-        }
-    }
+    const QString weights = effectiveWeightsPath();
     m_engine = std::make_shared<TarnwickEngine>(m_directoryPath, weights);
     m_weightsPath = weights;
     const TrnStats stats = m_engine->stats();
@@ -106,56 +114,46 @@ void DirectoryState::retryOpen(int attempt)
 {
     std::shared_ptr<TarnwickEngine> engine = m_engine;
     const QString weights = m_weightsPath;
-    QPointer<DirectoryState> self(this);
     // Opening waits for the lock, so it runs off the main thread.
-    QTimer::singleShot(kBusyRetryMs, this, [engine, weights, self, attempt] {
-        runInBackground([engine, weights, self, attempt] {
-            const bool open = engine->reopen(weights);
-            const int status = engine->lastStatus();
-            const QString error = engine->lastError();
-            const TrnStats stats = engine->stats();
-            runOnMainThread([self, open, status, error, stats, attempt] {
-                if (!self) {
+    QTimer::singleShot(kBusyRetryMs, this, [this, engine, weights, attempt] {
+        runInBackground(
+            this,
+            [engine, weights] {
+                return EngineOutcome(*engine, engine->reopen(weights));
+            },
+            [this, attempt](const EngineOutcome &r) {
+                if (r.ok) {
+                    setStatusText(r.stats.chunk_count >= 1 ? countsText(r.stats)
+                                                           : QStringLiteral("Not indexed"));
                     return;
                 }
-                if (open) {
-                    self->setStatusText(stats.chunk_count >= 1 ? countsText(stats)
-                                                               : QStringLiteral("Not indexed"));
-                    return;
-                }
-                self->setStatusText(failureText(error));
-                if (status == TRN_STATUS_BUSY && attempt < kBusyRetries) {
-                    self->retryOpen(attempt + 1);
+                setStatusText(failureText(r.error));
+                if (r.status == TRN_STATUS_BUSY && attempt < kBusyRetries) {
+                    retryOpen(attempt + 1);
                 }
             });
-        });
     });
 }
 
 void DirectoryState::retryCheckpoint(int attempt)
 {
     std::shared_ptr<TarnwickEngine> engine = m_engine;
-    QPointer<DirectoryState> self(this);
-    QTimer::singleShot(kBusyRetryMs, this, [engine, self, attempt] {
-        runInBackground([engine, self, attempt] {
-            const bool saved = engine->checkpoint();
-            const int status = engine->lastStatus();
-            const QString error = engine->lastError();
-            const TrnStats stats = engine->stats();
-            runOnMainThread([self, saved, status, error, stats, attempt] {
-                if (!self) {
+    QTimer::singleShot(kBusyRetryMs, this, [this, engine, attempt] {
+        runInBackground(
+            this,
+            [engine] {
+                return EngineOutcome(*engine, engine->checkpoint());
+            },
+            [this, attempt](const EngineOutcome &r) {
+                if (r.ok) {
+                    setStatusText(countsText(r.stats));
                     return;
                 }
-                if (saved) {
-                    self->setStatusText(countsText(stats));
-                    return;
-                }
-                self->setStatusText(failureText(error));
-                if (status == TRN_STATUS_BUSY && attempt < kBusyRetries) {
-                    self->retryCheckpoint(attempt + 1);
+                setStatusText(failureText(r.error));
+                if (r.status == TRN_STATUS_BUSY && attempt < kBusyRetries) {
+                    retryCheckpoint(attempt + 1);
                 }
             });
-        });
     });
 }
 
@@ -169,14 +167,7 @@ QString DirectoryState::countsText(const TrnStats &stats)
 
 QString DirectoryState::effectiveWeightsPath() const
 {
-    TrainingManager *manager = TrainingManager::shared();
-    if (!m_overrideProfileId.isNull()) {
-        const std::optional<TrainingProfile> profile = manager->profile(m_overrideProfileId);
-        if (profile && profile->status == TrainingStatus::Trained) {
-            return profile->weightsPath;
-        }
-    }
-    return manager->defaultWeightsPath();
+    return m_encoders ? m_encoders->weightsPathFor(m_overrideProfileId) : QString();
 }
 
 bool DirectoryState::isIndexed() const
@@ -204,14 +195,29 @@ void DirectoryState::runIndexing(int chunkSize, int overlap, bool checkpoint)
     std::shared_ptr<TarnwickEngine> engine = m_engine;
     const QString directory = m_directoryPath;
     const QString weights = m_weightsPath;
-    QPointer<DirectoryState> self(this);
-    runInBackground([engine, self, chunkSize, overlap, directory, weights, checkpoint] {
-        auto progress = [self](int done, int found, int chunks) {
-            runOnMainThread([self, done, found, chunks] {
-                if (self) {
-                    self->setIngestProgress(done, found, chunks);
-                }
-            });
+    // Progress travels as the future's progress: files done of files found, and the chunks so far
+    // as its text.
+    auto *watcher = new QFutureWatcher<EngineOutcome>(this);
+    auto showProgress = [this, watcher] {
+        setIngestProgress(
+            watcher->progressValue(), watcher->progressMaximum(), watcher->progressText().toInt());
+    };
+    connect(watcher, &QFutureWatcherBase::progressRangeChanged, this, showProgress);
+    connect(watcher, &QFutureWatcherBase::progressValueChanged, this, showProgress);
+    const auto token = std::make_shared<char>();
+    connect(watcher, &QFutureWatcherBase::finished, this, [this, watcher, token] {
+        watcher->deleteLater();
+        handOffAcquire(token.get());
+        indexingFinished(watcher->result());
+    });
+    handOffRelease(token.get());
+    watcher->setFuture(QtConcurrent::run([=](QPromise<EngineOutcome> &promise) {
+        handOffAcquire(token.get());
+        auto progress = [&promise](int done, int found, int chunks) {
+            if (done == 0) {
+                promise.setProgressRange(0, found);
+            }
+            promise.setProgressValueAndText(done, QString::number(chunks));
         };
         const int n = engine->ingestDirectory(chunkSize, overlap, progress);
         // A failed update is not committed: what it logged stays in the log.
@@ -219,36 +225,37 @@ void DirectoryState::runIndexing(int chunkSize, int overlap, bool checkpoint)
         if (saved) {
             EncoderRecord::write(directory, weights);
         }
-        const int status = engine->lastStatus();
-        const QString error = engine->lastError();
-        const TrnStats stats = engine->stats();
-        runOnMainThread([self, n, saved, status, error, stats] {
-            if (!self) { // the tab was closed while it was indexed
-                return;
-            }
-            // Runs long enough to measure give the speed that re-index estimates use.
-            const double seconds = self->m_ingestClock.elapsed() / 1000.0;
-            if (n > 0 && seconds >= 2.0) {
-                self->m_settings->setValue(QStringLiteral("indexingChunksPerSecond"), n / seconds);
-            }
-            self->setIsIngesting(false);
-            self->setStatusText(saved ? countsText(stats) : failureText(error));
-            if (n >= 0 && !saved && status == TRN_STATUS_BUSY) {
-                self->retryCheckpoint(1);
-            }
-            emit self->ingestFinished();
-            if (!self) {
-                return;
-            }
-            // The results on screen follow the index: the current search runs again.
-            if (!self->m_lastQuery.isEmpty() && n >= 0) {
-                self->runSearch(self->m_searchLimit);
-            }
-            if (self->m_updatePending) {
-                self->update();
-            }
-        });
-    });
+        EngineOutcome outcome(*engine, saved);
+        outcome.added = n;
+        promise.addResult(outcome);
+        handOffRelease(token.get());
+    }));
+}
+
+void DirectoryState::indexingFinished(const EngineOutcome &r)
+{
+    // Runs long enough to measure give the speed that re-index estimates use.
+    const double seconds = m_ingestClock.elapsed() / 1000.0;
+    if (r.added > 0 && seconds >= 2.0) {
+        m_settings->setValue(QStringLiteral("indexingChunksPerSecond"), r.added / seconds);
+    }
+    setIsIngesting(false);
+    setStatusText(r.ok ? countsText(r.stats) : failureText(r.error));
+    if (r.added >= 0 && !r.ok && r.status == TRN_STATUS_BUSY) {
+        retryCheckpoint(1);
+    }
+    QPointer<DirectoryState> self(this);
+    emit ingestFinished();
+    if (!self) { // a receiver closed the tab
+        return;
+    }
+    // The results on screen follow the index: the current search runs again.
+    if (!m_lastQuery.isEmpty() && r.added >= 0) {
+        runSearch(m_searchLimit);
+    }
+    if (m_updatePending) {
+        update();
+    }
 }
 
 double DirectoryState::reindexEstimateSeconds() const
@@ -340,44 +347,40 @@ void DirectoryState::runSearch(int k)
     const QString query = m_lastQuery;
     const SearchMode mode = m_lastMode;
     std::shared_ptr<TarnwickEngine> engine = m_engine;
-    QPointer<DirectoryState> self(this);
     const quint64 request = ++m_searchRequest;
     searchStarted();
-    runInBackground([query, mode, k, engine, self, request] {
-        const QList<SearchResult> hits = engine->search(query, mode, k);
-        runOnMainThread([self, hits, k, request] {
-            if (!self) { // the tab was closed while we searched
-                return;
-            }
+    runInBackground(
+        this,
+        [query, mode, k, engine] {
+            return engine->search(query, mode, k);
+        },
+        [this, k, request](const QList<SearchResult> &hits) {
             // Latest wins: an answer to a request that a newer one replaced is dropped.
-            if (request != self->m_searchRequest) {
-                self->searchEnded();
+            if (request != m_searchRequest) {
+                searchEnded();
                 return;
             }
-            self->setResults(hits);
-            self->setHasMoreResults(k < kMaxPagedResults && hits.size() >= k);
-            self->setIsLoadingMore(false);
-            self->searchEnded();
-            emit self->searchFinished();
+            setResults(hits);
+            setHasMoreResults(k < kMaxPagedResults && hits.size() >= k);
+            setIsLoadingMore(false);
+            searchEnded();
+            emit searchFinished();
         });
-    });
 }
 
 void DirectoryState::loadFileList()
 {
     setIsLoadingFileList(true);
     std::shared_ptr<TarnwickEngine> engine = m_engine;
-    QPointer<DirectoryState> self(this);
-    runInBackground([engine, self] {
-        const QList<FileInfo> list = engine->fileList();
-        runOnMainThread([self, list] {
-            if (!self) {
-                return;
-            }
-            self->setFileList(list);
-            self->setIsLoadingFileList(false);
+    runInBackground(
+        this,
+        [engine] {
+            return engine->fileList();
+        },
+        [this](const QList<FileInfo> &list) {
+            setFileList(list);
+            setIsLoadingFileList(false);
         });
-    });
 }
 
 QList<SearchResult> DirectoryState::displayResults() const

@@ -30,6 +30,7 @@
 
 #include <memory>
 
+class EncoderChoice;
 class DirectoryWatcher;
 class ResultsModel;
 class Settings;
@@ -73,11 +74,11 @@ public:
     static constexpr int kBusyRetryMs = 2000;
     static constexpr int kBusyRetries = 30;
 
-    // Opens the engine with the override profile's weights when that profile is trained, else
-    // with weightsPath (the default profile's weights, or the built-in encoder; empty for the
-    // untrained one). An index that another encoder built is rebuilt at once (see
-    // encoder_record.h). settings NULL means Settings::standard().
-    DirectoryState(const DirectoryTab &tab, const QString &weightsPath,
+    // Opens the engine with the weights encoders chooses for the directory's override (NULL
+    // encoders: the untrained encoder); encoders must outlive the tab. An index that another
+    // encoder built is rebuilt at once (see encoder_record.h). settings NULL means
+    // Settings::standard().
+    DirectoryState(const DirectoryTab &tab, const EncoderChoice *encoders,
                    Settings *settings = nullptr, QObject *parent = nullptr);
     ~DirectoryState() override;
 
@@ -107,8 +108,7 @@ public:
     QString lastQuery() const { return m_lastQuery; }
     SearchMode lastMode() const { return m_lastMode; }
 
-    // The weights this directory should use: the override profile's when it exists and is
-    // trained, else the default profile's (empty for none).
+    // The weights this directory should use now (EncoderChoice::weightsPathFor its override).
     QString effectiveWeightsPath() const;
     // True when the engine is open and holds at least one chunk.
     bool isIndexed() const;
@@ -232,8 +232,12 @@ private:
     void saveEncoderOverride();
 
     static QString countsText(const TrnStats &stats);
+    struct EngineOutcome;
+    // Takes over on the main thread when an indexing run ends.
+    void indexingFinished(const EngineOutcome &outcome);
 
     Settings *m_settings;
+    const EncoderChoice *m_encoders; // NULL: always the untrained encoder
     QString m_directoryPath;
     std::shared_ptr<TarnwickEngine> m_engine;
     DirectoryWatcher *m_watcher = nullptr; // owned (child); NULL when watching is off

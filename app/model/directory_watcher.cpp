@@ -8,13 +8,11 @@
 #include "tarnwick_engine.h"
 
 #include <QFile>
-#include <QPointer>
 #include <QSocketNotifier>
 
 DirectoryWatcher::DirectoryWatcher(const QString &directoryPath, int settleMs, QObject *parent)
     : QObject(parent)
 {
-    prepareMainThreadCalls();
     m_settle.setSingleShot(true);
     m_settle.setInterval(qMax(0, settleMs));
     connect(&m_settle, &QTimer::timeout, this, &DirectoryWatcher::settled);
@@ -66,18 +64,16 @@ void DirectoryWatcher::poll()
     }
     m_polling = true;
     std::shared_ptr<TrnWatch> watch = m_watch;
-    QPointer<DirectoryWatcher> self(this);
     // Walking a large tree takes a while: off the main thread.
-    runInBackground([watch, self] {
-        const bool changed = trn_watch_changed(watch.get()) == 1;
-        runOnMainThread([self, changed] {
-            if (!self) {
-                return;
-            }
-            self->m_polling = false;
+    runInBackground(
+        this,
+        [watch] {
+            return trn_watch_changed(watch.get()) == 1;
+        },
+        [this](bool changed) {
+            m_polling = false;
             if (changed) {
-                self->m_settle.start();
+                m_settle.start();
             }
         });
-    });
 }

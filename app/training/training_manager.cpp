@@ -62,17 +62,9 @@ void restoreWholeFile(const QString &path, const std::optional<QByteArray> &byte
 
 } // namespace
 
-TrainingManager *TrainingManager::shared()
-{
-    // Lives until the process ends; views and tabs hold plain pointers to it.
-    static TrainingManager *manager = new TrainingManager(nullptr, nullptr);
-    return manager;
-}
-
 TrainingManager::TrainingManager(Settings *settings, QObject *parent)
     : QObject(parent), m_settings(settings ? settings : Settings::standard())
 {
-    prepareMainThreadCalls();
     loadProfiles();
 }
 
@@ -169,14 +161,15 @@ void TrainingManager::setDefaultProfileId(const QUuid &id)
     }
 }
 
-QString TrainingManager::defaultWeightsPath() const
+QString TrainingManager::weightsPathFor(const QUuid &overrideProfileId) const
 {
-    const QUuid id = defaultProfileId();
-    const std::optional<TrainingProfile> p = id.isNull() ? std::nullopt : profile(id);
-    if (!p || p->status != TrainingStatus::Trained) {
-        return builtInWeightsPath();
+    for (const QUuid &id : {overrideProfileId, defaultProfileId()}) {
+        const std::optional<TrainingProfile> p = id.isNull() ? std::nullopt : profile(id);
+        if (p && p->status == TrainingStatus::Trained) {
+            return p->weightsPath;
+        }
     }
-    return p->weightsPath;
+    return builtInWeightsPath();
 }
 
 QString TrainingManager::builtInWeightsPath() const
@@ -403,75 +396,65 @@ void TrainingManager::train(const TrainingProfile &profile)
 
     // Starting from the built-in encoder keeps its tokenizer: no tokenizer is trained then.
     const QString initPath = profile.startFromBuiltIn ? builtInWeightsPath() : QString();
-    QPointer<TrainingManager> self(this);
-    runInBackground([self, profile, dir, run, initPath] {
-        const QString corpus = corpusPath(profile);
-        const qint64 bytes = prepareCorpus(profile.sourceDirectories, corpus);
-        if (bytes < kMinimumCorpusBytes) {
-            const QString message = QStringLiteral("Corpus too small (")
-                                    + QString::number(bytes < 0 ? 0 : bytes)
-                                    + QStringLiteral(" bytes). Add more source directories.");
-            runOnMainThread([self, run, profile, message] {
-                if (self) {
-                    self->failRun(run, profile.id, message);
-                }
-            });
-            return;
-        }
-        QString bpePath;
-        if (profile.useBPE && initPath.isEmpty()) {
-            const QString bpeTrainer = dir + QStringLiteral("/train_bpe");
-            if (!isExecutableFile(bpeTrainer)) {
-                runOnMainThread([self, run, profile] {
-                    if (self) {
-                        self->failRun(run,
-                                      profile.id,
-                                      QStringLiteral("train_bpe not found beside the application"));
-                    }
-                });
-                return;
-            }
-            runOnMainThread([self, run] {
-                if (self && run == self->m_currentRun) {
-                    self->setTrainingProgress(QStringLiteral("Training BPE tokenizer\u2026"));
-                }
-            });
+    runInBackground(
+        this,
+        [profile] {
+            return prepareCorpus(profile.sourceDirectories, corpusPath(profile));
+        },
+        [this, run, profile, dir, initPath](qint64 bytes) {
+            corpusPrepared(run, profile, dir, initPath, bytes);
+        });
+}
+
+void TrainingManager::corpusPrepared(quint64 run, const TrainingProfile &profile,
+                                     const QString &dir, const QString &initPath, qint64 bytes)
+{
+    if (bytes < kMinimumCorpusBytes) {
+        failRun(run,
+                profile.id,
+                QStringLiteral("Corpus too small (") + QString::number(qMax<qint64>(bytes, 0))
+                    + QStringLiteral(" bytes). Add more source directories."));
+        return;
+    }
+    const QString corpus = corpusPath(profile);
+    if (!profile.useBPE || !initPath.isEmpty()) {
+        launchTrainer(run, profile, corpus, QString(), initPath);
+        return;
+    }
+    const QString bpeTrainer = dir + QStringLiteral("/train_bpe");
+    if (!isExecutableFile(bpeTrainer)) {
+        failRun(run, profile.id, QStringLiteral("train_bpe not found beside the application"));
+        return;
+    }
+    if (run == m_currentRun && !m_cancelledRuns.contains(run)) {
+        setTrainingProgress(QStringLiteral("Training BPE tokenizer\u2026"));
+    }
+    runInBackground(
+        this,
+        [bpeTrainer, corpus, profile] {
             QProcess bpe;
             bpe.setStandardOutputFile(QProcess::nullDevice());
             bpe.setStandardErrorFile(QProcess::nullDevice());
             bpe.start(bpeTrainer, {corpus, profile.bpePath(), QString::number(kBpeMerges)});
             if (!bpe.waitForStarted(-1)) {
-                const QString message =
-                    QStringLiteral("Failed to run BPE training: ") + bpe.errorString();
-                runOnMainThread([self, run, profile, message] {
-                    if (self) {
-                        self->failRun(run, profile.id, message);
-                    }
-                });
-                return;
+                return QStringLiteral("Failed to run BPE training: ") + bpe.errorString();
             }
             bpe.waitForFinished(-1);
             if (bpe.exitStatus() != QProcess::NormalExit || bpe.exitCode() != 0) {
-                runOnMainThread([self, run, profile] {
-                    if (self) {
-                        self->failRun(run, profile.id, QStringLiteral("BPE training failed"));
-                    }
-                });
+                return QStringLiteral("BPE training failed");
+            }
+            return QString();
+        },
+        [this, run, profile, corpus, initPath](const QString &failure) {
+            if (!failure.isEmpty()) {
+                failRun(run, profile.id, failure);
                 return;
             }
-            bpePath = profile.bpePath();
-            runOnMainThread([self, run] {
-                if (self && run == self->m_currentRun) {
-                    self->setTrainingProgress(QStringLiteral("BPE ready. Training encoder\u2026"));
-                }
-            });
-        }
-        runOnMainThread([self, run, profile, corpus, bpePath, initPath] {
-            if (self) {
-                self->launchTrainer(run, profile, corpus, bpePath, initPath);
+            if (run == m_currentRun && !m_cancelledRuns.contains(run)) {
+                setTrainingProgress(QStringLiteral("BPE ready. Training encoder\u2026"));
             }
+            launchTrainer(run, profile, corpus, profile.bpePath(), initPath);
         });
-    });
 }
 
 void TrainingManager::failRun(quint64 run, const QUuid &profileId, const QString &message)

@@ -23,6 +23,7 @@
 #ifndef TRN_APP_TRAINING_MANAGER_H
 #define TRN_APP_TRAINING_MANAGER_H
 
+#include "encoder_choice.h"
 #include "training_profile.h"
 
 #include <QByteArray>
@@ -41,7 +42,9 @@
 
 class Settings;
 
-class TrainingManager : public QObject
+// Owned by the application object (or the command line's runtime), which hands it to the tabs
+// as their EncoderChoice and to the views that show or edit the profiles.
+class TrainingManager : public QObject, public EncoderChoice
 {
     Q_OBJECT
     Q_PROPERTY(QList<TrainingProfile> profiles READ profiles NOTIFY profilesChanged)
@@ -55,9 +58,6 @@ public:
     static constexpr int kBpeMerges = 7740;
     static constexpr qint64 kMinimumCorpusBytes = 101;
     static constexpr const char *kBuiltInFileName = "default.tten";
-
-    // The process-wide manager over Settings::standard(), created on first use (main thread).
-    static TrainingManager *shared();
 
     // Loads the profiles from settings (NULL: Settings::standard()).
     explicit TrainingManager(Settings *settings = nullptr, QObject *parent = nullptr);
@@ -73,9 +73,12 @@ public:
 
     QUuid defaultProfileId() const;
     void setDefaultProfileId(const QUuid &id);
-    // The default profile's weightsPath when it exists and is trained; else the built-in encoder
-    // (builtInWeightsPath(), empty when there is none: the untrained encoder).
-    QString defaultWeightsPath() const;
+    // The first of the override profile and the default profile that exists and is trained
+    // gives its weightsPath; else the built-in encoder (builtInWeightsPath(), empty when there is
+    // none: the untrained encoder).
+    QString weightsPathFor(const QUuid &overrideProfileId) const override;
+    // The weights of a directory without an override.
+    QString defaultWeightsPath() const { return weightsPathFor(QUuid()); }
     // The encoder that ships with the application: kBuiltInFileName in trainerDirectory() when
     // that file exists; else empty.
     QString builtInWeightsPath() const;
@@ -143,6 +146,10 @@ private:
     void setIsTraining(bool value);
     void setProfileStatus(const QUuid &id, TrainingStatus status, bool stampDate);
     void failRun(quint64 run, const QUuid &profileId, const QString &message);
+    // The second step of a run, on the main thread: the corpus holds bytes bytes of text (-1:
+    // it could not be written). Trains the tokenizer when the run needs one, then the encoder.
+    void corpusPrepared(quint64 run, const TrainingProfile &profile, const QString &dir,
+                        const QString &initPath, qint64 bytes);
     void launchTrainer(quint64 run, const TrainingProfile &profile, const QString &corpus,
                        const QString &bpePath, const QString &initPath);
     void trainerFinished(quint64 run, QProcess *process, const TrainingProfile &profile,

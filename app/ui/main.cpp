@@ -16,6 +16,7 @@
 #include "main_window.h"
 #include "settings.h"
 #include "tarnwick_engine.h"
+#include "training_manager.h"
 
 #include <QApplication>
 #include <QCommandLineParser>
@@ -115,8 +116,9 @@ int main(int argc, char **argv)
 
     installIconThemeFallback();
     Appearance appearance(Settings::standard());
-    AppState state;
-    MainWindow window(&state);
+    TrainingManager training;
+    AppState state(nullptr, &training);
+    MainWindow window(&state, &training);
     // The saved tabs come back on the first turn of the event loop; the directories named on the
     // command line open after them, so the last one named is the active tab.
     QObject::connect(

@@ -47,7 +47,8 @@ QFrame *separatorLine(QWidget *parent)
 
 } // namespace
 
-MainWindow::MainWindow(AppState *app, QWidget *parent) : QMainWindow(parent), m_app(app)
+MainWindow::MainWindow(AppState *app, TrainingManager *training, QWidget *parent)
+    : QMainWindow(parent), m_app(app), m_training(training)
 {
     setObjectName(QStringLiteral("mainWindow"));
     setWindowTitle(QStringLiteral("Tarnwick"));
@@ -83,7 +84,7 @@ MainWindow::MainWindow(AppState *app, QWidget *parent) : QMainWindow(parent), m_
     layout->addWidget(m_pages, 1);
     setCentralWidget(central);
 
-    m_status = new StatusBarView(app, this);
+    m_status = new StatusBarView(app, training, this);
     setStatusBar(m_status);
     connect(m_status, &StatusBarView::reindexRequested, this, [this] {
         if (m_app) {
@@ -516,7 +517,7 @@ void MainWindow::showFileScope()
 void MainWindow::showSettings()
 {
     if (!m_settings) {
-        m_settings = new SettingsWindow(nullptr, nullptr, this);
+        m_settings = new SettingsWindow(m_training, nullptr, this);
     }
     showOnScreen(m_settings, this);
 }

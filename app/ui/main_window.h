@@ -47,7 +47,9 @@ public:
     using Confirmer =
         std::function<bool(QWidget *parent, const QString &title, const QString &text)>;
 
-    explicit MainWindow(AppState *app, QWidget *parent = nullptr);
+    // training is the application's training manager (the encoder picker, the settings window);
+    // both it and app must outlive the window.
+    MainWindow(AppState *app, TrainingManager *training, QWidget *parent = nullptr);
     ~MainWindow() override;
 
     AppState *app() const { return m_app; }
@@ -100,6 +102,7 @@ private:
     void tintIcons();
 
     QPointer<AppState> m_app;
+    TrainingManager *m_training;
     QPointer<DirectoryState> m_state;
     QObject *m_stateLink = nullptr;
     DirectoryChooser m_chooser;

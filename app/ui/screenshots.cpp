@@ -195,8 +195,9 @@ int main(int argc, char **argv)
         return fail("cannot copy the samples");
     }
 
-    AppState app(settings);
-    MainWindow window(&app);
+    TrainingManager training(settings);
+    AppState app(settings, &training);
+    MainWindow window(&app, &training);
     window.resize(1060, 680);
     window.show();
     if (!waitFor(
@@ -219,7 +220,7 @@ int main(int argc, char **argv)
     }
 
     // Two training profiles: one with the log of a real trainer run, one never trained.
-    TrainingManager *manager = TrainingManager::shared();
+    TrainingManager *manager = &training;
     TrainingProfile draft;
     draft.name = QStringLiteral("Kitchen and Garden Notes");
     draft.sourceDirectories = {sample + QStringLiteral("/notes")};

@@ -171,9 +171,9 @@ void ProfileRow::sync(const TrainingProfile &profile, bool isDefault, bool isTra
 
 // ---- window ----
 
-SettingsWindow::SettingsWindow(Settings *settings, TrainingManager *manager, QWidget *parent)
+SettingsWindow::SettingsWindow(TrainingManager *manager, Settings *settings, QWidget *parent)
     : QWidget(parent, Qt::Window), m_settings(settings ? settings : Settings::standard()),
-      m_manager(manager ? manager : TrainingManager::shared())
+      m_manager(manager)
 {
     setObjectName(QStringLiteral("settingsWindow"));
     setAttribute(Qt::WA_QuitOnClose, false);

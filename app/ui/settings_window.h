@@ -70,8 +70,8 @@ class SettingsWindow : public QWidget
     Q_OBJECT
 
 public:
-    // settings and manager NULL: the process-wide ones.
-    explicit SettingsWindow(Settings *settings = nullptr, TrainingManager *manager = nullptr,
+    // manager is the application's training manager; settings NULL: Settings::standard().
+    explicit SettingsWindow(TrainingManager *manager, Settings *settings = nullptr,
                             QWidget *parent = nullptr);
 
     QTabWidget *tabs() const { return m_tabs; }

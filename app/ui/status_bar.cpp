@@ -15,7 +15,8 @@
 #include <QProgressBar>
 #include <QToolButton>
 
-StatusBarView::StatusBarView(AppState *app, QWidget *parent) : QStatusBar(parent), m_app(app)
+StatusBarView::StatusBarView(AppState *app, TrainingManager *training, QWidget *parent)
+    : QStatusBar(parent), m_app(app), m_training(training)
 {
     setObjectName(QStringLiteral("statusBar"));
     setSizeGripEnabled(true);
@@ -79,8 +80,7 @@ StatusBarView::StatusBarView(AppState *app, QWidget *parent) : QStatusBar(parent
     connect(m_reindex, &QToolButton::clicked, this, &StatusBarView::reindexRequested);
     addPermanentWidget(m_reindex);
 
-    TrainingManager *manager = TrainingManager::shared();
-    connect(manager, &TrainingManager::profilesChanged, this, &StatusBarView::syncEncoders);
+    connect(training, &TrainingManager::profilesChanged, this, &StatusBarView::syncEncoders);
     connect(app, &AppState::activeTabIdChanged, this, [this] {
         setState(m_app ? m_app->activeState() : nullptr);
     });
@@ -172,7 +172,7 @@ void StatusBarView::syncEncoders()
 {
     m_encoder->clear();
     // With no trained default profile, the default is the encoder that ships with the program.
-    TrainingManager *manager = TrainingManager::shared();
+    TrainingManager *manager = m_training;
     const QString defaults = manager->defaultWeightsPath();
     const bool builtIn = !defaults.isEmpty() && defaults == manager->builtInWeightsPath();
     m_encoder->addItem(builtIn ? tr("Built-in") : tr("Default"), QUuid().toString());

@@ -19,13 +19,15 @@ class QComboBox;
 class QLabel;
 class QProgressBar;
 class QToolButton;
+class TrainingManager;
 
 class StatusBarView : public QStatusBar
 {
     Q_OBJECT
 
 public:
-    StatusBarView(AppState *app, QWidget *parent = nullptr);
+    // training: the application's training manager, for the encoder picker's choices.
+    StatusBarView(AppState *app, TrainingManager *training, QWidget *parent = nullptr);
 
     QLabel *statusLabel() const { return m_status; }
     QProgressBar *progressBar() const { return m_progress; }
@@ -48,6 +50,7 @@ private:
     void syncEncoders();
 
     QPointer<AppState> m_app;
+    TrainingManager *m_training;
     QPointer<DirectoryState> m_state;
     QObject *m_stateLink = nullptr; // context of the connections to m_state
     QLabel *m_status;

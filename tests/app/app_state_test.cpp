@@ -60,7 +60,6 @@ private:
 void TestAppState::initTestCase()
 {
     m_env = std::make_unique<IsolatedEnvironment>();
-    TrainingManager::shared();
 }
 
 void TestAppState::init()

@@ -59,12 +59,12 @@ private:
     std::unique_ptr<IsolatedEnvironment> m_env;
     std::unique_ptr<QTemporaryDir> m_dir;
     QList<DirectoryState *> m_states;
+    QList<std::shared_ptr<FixedWeights>> m_fixed;
 };
 
 void TestDirectoryState::initTestCase()
 {
     m_env = std::make_unique<IsolatedEnvironment>();
-    TrainingManager::shared(); // reads the isolated settings
 }
 
 void TestDirectoryState::init()
@@ -85,7 +85,14 @@ void TestDirectoryState::cleanup()
 DirectoryState *TestDirectoryState::openState(const QString &path, const QString &weights)
 {
     DirectoryTab tab{QUuid::createUuid(), path, QFileInfo(path).fileName()};
-    auto *state = new DirectoryState(tab, weights, m_env->settings());
+    // Tabs opened with given weights use them; the others ask the training manager.
+    auto fixed = std::make_shared<FixedWeights>(weights);
+    const EncoderChoice *encoders = m_env->training();
+    if (!weights.isEmpty()) {
+        m_fixed.append(fixed);
+        encoders = fixed.get();
+    }
+    auto *state = new DirectoryState(tab, encoders, m_env->settings());
     m_states.append(state);
     return state;
 }
@@ -365,7 +372,7 @@ void TestDirectoryState::unpinningRemovesFromListAndSettings()
 
 void TestDirectoryState::encoderOverrideFallsBackToDefault()
 {
-    TrainingManager *manager = TrainingManager::shared();
+    TrainingManager *manager = m_env->training();
     TrainingProfile draft;
     draft.name = QStringLiteral("Override profile");
     TrainingProfile profile = manager->createProfile(draft);

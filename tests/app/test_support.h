@@ -6,6 +6,7 @@
 #define TRN_TEST_SUPPORT_H
 
 #include "settings.h"
+#include "training_manager.h"
 
 #include <QDir>
 #include <QFile>
@@ -14,6 +15,8 @@
 #include <QString>
 #include <QTemporaryDir>
 #include <QtTest>
+
+#include <memory>
 
 // Points HOME and the process-wide settings at a fresh temporary directory. Call from
 // initTestCase(), before anything reads the settings.
@@ -26,12 +29,27 @@ public:
         qputenv("HOME", QFile::encodeName(m_home.path()));
         Settings::setStandard(new Settings(
             new QSettings(m_home.filePath(QStringLiteral("settings.ini")), QSettings::IniFormat)));
+        m_training = std::make_unique<TrainingManager>();
     }
     QString home() const { return m_home.path(); }
     Settings *settings() const { return Settings::standard(); }
+    // The training manager over these settings, as the application object owns one.
+    TrainingManager *training() const { return m_training.get(); }
 
 private:
     QTemporaryDir m_home;
+    std::unique_ptr<TrainingManager> m_training;
+};
+
+// An EncoderChoice that gives every directory the same weights (empty: the untrained encoder).
+class FixedWeights : public EncoderChoice
+{
+public:
+    explicit FixedWeights(const QString &path) : m_path(path) {}
+    QString weightsPathFor(const QUuid &) const override { return m_path; }
+
+private:
+    QString m_path;
 };
 
 // Writes bytes to dir/relative, creating folders on the way.

@@ -34,7 +34,7 @@ void TestTrainingRun::initTestCase()
         || !QFileInfo(bin + QStringLiteral("/train_bpe")).isExecutable()) {
         QSKIP("the trainers are not built in bin/");
     }
-    TrainingManager::shared()->setTrainerDirectory(bin);
+    m_env->training()->setTrainerDirectory(bin);
 }
 
 void TestTrainingRun::trainedProfileSuppliesTheWeightsOfATab()
@@ -52,7 +52,7 @@ void TestTrainingRun::trainedProfileSuppliesTheWeightsOfATab()
         writeFile(docs.path(), QStringLiteral("note%1.txt").arg(i), text);
     }
 
-    TrainingManager *manager = TrainingManager::shared();
+    TrainingManager *manager = m_env->training();
     TrainingProfile draft;
     draft.name = QStringLiteral("Tiny Run");
     draft.sourceDirectories = {docs.path()};
@@ -93,7 +93,7 @@ void TestTrainingRun::trainedProfileSuppliesTheWeightsOfATab()
     QCOMPARE(manager->defaultWeightsPath(), trained.weightsPath);
 
     // A new tab opens its engine with the trained weights and searches with them.
-    AppState app(m_env->settings());
+    AppState app(m_env->settings(), m_env->training());
     QSignalSpy restored(&app, &AppState::stateRestored);
     QVERIFY(restored.wait(5000));
     app.addTab(docs.path());

@@ -55,11 +55,9 @@ private slots:
             writeFile(m_dir.path(), QStringLiteral("image.bin"), QByteArray("\x00\x01\x02", 3)));
         QVERIFY(writeFile(m_dir.path(), QStringLiteral("tiny.txt"), "short\n"));
 
-        m_app = std::make_unique<AppState>();
-        QSignalSpy restored(m_app.get(), &AppState::stateRestored);
-        m_window = std::make_unique<MainWindow>(m_app.get());
-        m_window->show();
-        QVERIFY(restored.wait(2000));
+        m_open = openAppWindow();
+        m_app = &m_open->app;
+        m_window = &m_open->window;
         m_app->addTab(m_dir.path());
         DirectoryState *state = m_app->activeState();
         QVERIFY(state);
@@ -69,11 +67,7 @@ private slots:
             },
             60000));
     }
-    void cleanupTestCase()
-    {
-        m_window.reset();
-        m_app.reset();
-    }
+    void cleanupTestCase() { m_open.reset(); }
 
     void showsScanningUntilTheListingArrives()
     {
@@ -211,8 +205,9 @@ private slots:
 private:
     std::unique_ptr<IsolatedHome> m_home;
     QTemporaryDir m_dir;
-    std::unique_ptr<AppState> m_app;
-    std::unique_ptr<MainWindow> m_window;
+    std::unique_ptr<AppWindow> m_open;
+    AppState *m_app = nullptr;
+    MainWindow *m_window = nullptr;
 };
 
 QTEST_MAIN(FileScopeTest)

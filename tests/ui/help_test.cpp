@@ -48,9 +48,8 @@ private slots:
 
     void helpCommandOpensTheFirstPage()
     {
-        AppState app;
-        MainWindow window(&app);
-        window.show();
+        auto w = openAppWindow();
+        MainWindow &window = w->window;
         window.action(QStringLiteral("helpAction"))->trigger();
         HelpWindow *help = window.helpWindow();
         QVERIFY(help && help->isVisible());

@@ -32,25 +32,6 @@
 namespace
 {
 
-// One application state and its window, with no tabs saved from an earlier test.
-struct Harness {
-    AppState app;
-    MainWindow window{&app};
-};
-
-std::unique_ptr<Harness> makeHarness()
-{
-    Settings::standard()->remove(QStringLiteral("savedTabPaths"));
-    Settings::standard()->remove(QStringLiteral("activeTabPath"));
-    auto h = std::make_unique<Harness>();
-    QSignalSpy restored(&h->app, &AppState::stateRestored);
-    h->window.show();
-    if (restored.isEmpty()) {
-        restored.wait(2000);
-    }
-    return h;
-}
-
 // A small directory: three text files and a source file.
 void writeSample(const QString &dir)
 {
@@ -69,7 +50,7 @@ void writeSample(const QString &dir)
                       "int main(void)\n{\n    return 0; /* nothing to do yet */\n}\n"));
 }
 
-DirectoryState *openAndIndex(Harness &h, const QString &dir)
+DirectoryState *openAndIndex(AppWindow &h, const QString &dir)
 {
     h.app.addTab(dir);
     DirectoryState *state = h.app.activeState();
@@ -85,7 +66,7 @@ DirectoryState *openAndIndex(Harness &h, const QString &dir)
     return state;
 }
 
-void search(Harness &h, const QString &query, SearchMode mode)
+void search(AppWindow &h, const QString &query, SearchMode mode)
 {
     QLineEdit *field = h.window.searchBar()->field();
     field->clear();
@@ -98,7 +79,7 @@ void search(Harness &h, const QString &query, SearchMode mode)
     QVERIFY(finished.wait(30000));
 }
 
-QStringList shownFileNames(const Harness &h)
+QStringList shownFileNames(const AppWindow &h)
 {
     QStringList names;
     QAbstractItemModel *model = h.window.resultsView()->model();
@@ -158,7 +139,7 @@ private slots:
 
     void withoutTabsTheWindowInvitesOpeningADirectory()
     {
-        auto h = makeHarness();
+        auto h = openAppWindow();
         QVERIFY(h->window.isShowingEmptyState());
         QVERIFY(!h->window.searchBar()->field()->isEnabled());
         QVERIFY(!h->window.action(QStringLiteral("closeTabAction"))->isEnabled());
@@ -209,7 +190,7 @@ private slots:
         QFETCH(int, mode);
         QFETCH(QStringList, expected);
         QFETCH(bool, marked);
-        auto h = makeHarness();
+        auto h = openAppWindow();
         QTemporaryDir dir;
         writeSample(dir.path());
         QVERIFY(openAndIndex(*h, dir.path()));
@@ -222,7 +203,7 @@ private slots:
 
     void semanticSearchFindsPassagesWithoutMarkingThem()
     {
-        auto h = makeHarness();
+        auto h = openAppWindow();
         QTemporaryDir dir;
         writeSample(dir.path());
         QVERIFY(openAndIndex(*h, dir.path()));
@@ -234,7 +215,7 @@ private slots:
 
     void loadMoreResultsPagesUntilTheAnswerIsShort()
     {
-        auto h = makeHarness();
+        auto h = openAppWindow();
         QTemporaryDir dir;
         // 25 small files that all mention the word: 25 matching chunks.
         for (int i = 0; i < 25; ++i) {
@@ -266,7 +247,7 @@ private slots:
 
     void pinnedResultsStayFirstAcrossSearches()
     {
-        auto h = makeHarness();
+        auto h = openAppWindow();
         QTemporaryDir dir;
         writeSample(dir.path());
         QVERIFY(openAndIndex(*h, dir.path()));
@@ -309,7 +290,7 @@ private slots:
         setDesktopServices(desktop);
         Settings::standard()->setOpenTextFilesWith(QStringLiteral("custom"));
         Settings::standard()->setEditorCommand(QStringLiteral("my-editor --line={line} {file}"));
-        auto h = makeHarness();
+        auto h = openAppWindow();
         QTemporaryDir dir;
         writeSample(dir.path());
         QVERIFY(openAndIndex(*h, dir.path()));
@@ -342,7 +323,7 @@ private slots:
 
     void draggingATabReordersTheTabsLive()
     {
-        auto h = makeHarness();
+        auto h = openAppWindow();
         QTemporaryDir root;
         QStringList names = {
             QStringLiteral("alpha"), QStringLiteral("bravo"), QStringLiteral("charlie")};
@@ -398,7 +379,7 @@ private slots:
 
     void clickingATabSelectsItAndItsCloseButtonClosesIt()
     {
-        auto h = makeHarness();
+        auto h = openAppWindow();
         QTemporaryDir root;
         for (const char *name : {"one", "two", "three"}) {
             QVERIFY(QDir(root.path()).mkpath(name));
@@ -420,7 +401,7 @@ private slots:
 
     void copyButtonOffersTheThreePromptScopes()
     {
-        auto h = makeHarness();
+        auto h = openAppWindow();
         QTemporaryDir dir;
         writeSample(dir.path());
         QVERIFY(openAndIndex(*h, dir.path()));
@@ -464,7 +445,7 @@ private slots:
 
     void statusBarShowsTheActiveTabAndReindexes()
     {
-        auto h = makeHarness();
+        auto h = openAppWindow();
         QTemporaryDir dir;
         writeSample(dir.path());
         DirectoryState *state = openAndIndex(*h, dir.path());
@@ -509,7 +490,7 @@ private slots:
     void anOpenTabFollowsEditsOfItsDirectory()
     {
         Settings::standard()->setValue(QStringLiteral("watchSettleMs"), 100);
-        auto h = makeHarness();
+        auto h = openAppWindow();
         QTemporaryDir dir;
         writeSample(dir.path());
         DirectoryState *state = openAndIndex(*h, dir.path());
@@ -539,7 +520,7 @@ private slots:
 
     void gitBranchShowsWhenTheDirectoryIsInARepository()
     {
-        auto h = makeHarness();
+        auto h = openAppWindow();
         QTemporaryDir dir;
         QVERIFY(writeFile(dir.path(), QStringLiteral(".git/HEAD"), "ref: refs/heads/feature/x\n"));
         QVERIFY(QDir(dir.path()).mkpath(QStringLiteral("docs")));
@@ -572,7 +553,7 @@ private slots:
     {
         QFETCH(QString, action);
         QFETCH(QString, shortcut);
-        auto h = makeHarness();
+        auto h = openAppWindow();
         QAction *command = h->window.action(action);
         QVERIFY(command);
         QCOMPARE(command->shortcut().toString(), shortcut);
@@ -586,7 +567,7 @@ private slots:
 
     void toolbarHelpTextsNameTheirShortcuts()
     {
-        auto h = makeHarness();
+        auto h = openAppWindow();
         QCOMPARE(h->window.action(QStringLiteral("openDirectoryAction"))->toolTip(),
                  QStringLiteral("Open Directory (Ctrl+Shift+O)"));
         QCOMPARE(h->window.action(QStringLiteral("closeTabAction"))->toolTip(),

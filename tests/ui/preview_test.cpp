@@ -266,11 +266,9 @@ private slots:
 
     void hoverOpensThePreviewOnlyAfterTheDelay()
     {
-        auto app = std::make_unique<AppState>();
-        QSignalSpy restored(app.get(), &AppState::stateRestored);
-        MainWindow window(app.get());
-        window.show();
-        QVERIFY(restored.wait(2000)); // no saved tabs, but let the restore pass first
+        auto w = openAppWindow();
+        AppState *app = &w->app;
+        MainWindow &window = w->window;
         QTemporaryDir dir;
         QVERIFY(writeFile(dir.path(),
                           QStringLiteral("notes.txt"),

@@ -62,7 +62,7 @@ private slots:
     }
     void cleanup()
     {
-        TrainingManager *manager = TrainingManager::shared();
+        TrainingManager *manager = m_home->training();
         for (const TrainingProfile &profile : manager->profiles()) {
             manager->deleteProfile(profile);
         }
@@ -71,7 +71,7 @@ private slots:
 
     void controlsPersistTheirSettings()
     {
-        SettingsWindow window;
+        SettingsWindow window(m_home->training());
         window.show();
         child<QSpinBox>(&window, "chunkSizeField")->setValue(600);
         child<QSpinBox>(&window, "overlapField")->setValue(150);
@@ -92,7 +92,7 @@ private slots:
         QCOMPARE(stored.value(QStringLiteral("previewOnTop")).toBool(), true);
 
         // A second window shows what the first one stored.
-        SettingsWindow second;
+        SettingsWindow second(m_home->training());
         QCOMPARE(child<QSpinBox>(&second, "chunkSizeField")->value(), 600);
         QCOMPARE(child<QLineEdit>(&second, "extraExtensionsField")->text(),
                  QStringLiteral("json, rst"));
@@ -109,7 +109,7 @@ private slots:
     {
         Settings::standard()->setChunkSize(600);
         Settings::standard()->setOverlap(150);
-        SettingsWindow window;
+        SettingsWindow window(m_home->training());
         window.show();
         QSpinBox *chunk = child<QSpinBox>(&window, "chunkSizeField");
         QSpinBox *overlap = child<QSpinBox>(&window, "overlapField");
@@ -136,7 +136,7 @@ private slots:
 
     void editorChoiceAndCustomCommandAreStored()
     {
-        SettingsWindow window;
+        SettingsWindow window(m_home->training());
         window.show();
         QComboBox *editor = child<QComboBox>(&window, "editorPicker");
         QLineEdit *command = child<QLineEdit>(&window, "editorCommandField");
@@ -156,7 +156,7 @@ private slots:
 
     void helpTextsAreShown()
     {
-        SettingsWindow window;
+        SettingsWindow window(m_home->training());
         QStringList texts;
         for (QLabel *label : window.findChildren<QLabel *>()) {
             texts.append(label->text());
@@ -172,7 +172,7 @@ private slots:
     {
         Appearance appearance(Settings::standard());
         const bool systemDark = Appearance::paletteIsDark(m_systemPalette);
-        SettingsWindow window;
+        SettingsWindow window(m_home->training());
         QComboBox *picker = child<QComboBox>(&window, "appearancePicker");
         QCOMPARE(picker->count(), 4);
 
@@ -192,7 +192,7 @@ private slots:
 
     void trainingPageExplainsAndSaysWhenEmpty()
     {
-        SettingsWindow window;
+        SettingsWindow window(m_home->training());
         window.showTrainingPage();
         window.show();
         const QString explanation = child<QLabel>(&window, "trainingExplanation")->text();
@@ -209,7 +209,7 @@ private slots:
 
     void addingAProfileThroughThePanel()
     {
-        SettingsWindow window;
+        SettingsWindow window(m_home->training());
         window.showTrainingPage();
         window.show();
         child<QPushButton>(&window, "addProfileButton")->click();
@@ -251,7 +251,7 @@ private slots:
         QVERIFY(dialog->acceptButton()->isEnabled());
         dialog->acceptButton()->click();
 
-        TrainingManager *manager = TrainingManager::shared();
+        TrainingManager *manager = m_home->training();
         QCOMPARE(manager->profiles().size(), 1);
         const TrainingProfile p = manager->profiles().first();
         QCOMPARE(p.name, QStringLiteral("My Docs: v1.2"));
@@ -279,7 +279,7 @@ private slots:
 
     void editingSelectsTheStoredValuesAndKeepsTheWeights()
     {
-        TrainingManager *manager = TrainingManager::shared();
+        TrainingManager *manager = m_home->training();
         TrainingProfile draft;
         draft.name = QStringLiteral("Recipes");
         draft.steps = 10000;
@@ -291,7 +291,7 @@ private slots:
         draft.sourceDirectories = {QStringLiteral("/srv/recipes")};
         const TrainingProfile created = manager->createProfile(draft);
 
-        SettingsWindow window;
+        SettingsWindow window(m_home->training());
         window.showTrainingPage();
         window.show();
         ProfileRow *row = window.rowFor(created.id);
@@ -326,7 +326,7 @@ private slots:
 
     void deletingAsksFirstThenRemovesProfileAndFiles()
     {
-        TrainingManager *manager = TrainingManager::shared();
+        TrainingManager *manager = m_home->training();
         TrainingProfile draft;
         draft.name = QStringLiteral("Scratch");
         const TrainingProfile created = manager->createProfile(draft);
@@ -337,7 +337,7 @@ private slots:
                           QFileInfo(created.lossPath()).fileName(),
                           "1,2.0\n"));
 
-        SettingsWindow window;
+        SettingsWindow window(m_home->training());
         window.showTrainingPage();
         window.show();
         auto pressDelete = [&window, &created] {
@@ -370,13 +370,13 @@ private slots:
 
     void setAsDefaultMovesTheBadge()
     {
-        TrainingManager *manager = TrainingManager::shared();
+        TrainingManager *manager = m_home->training();
         TrainingProfile draft;
         draft.name = QStringLiteral("First");
         const TrainingProfile first = manager->createProfile(draft);
         draft.name = QStringLiteral("Second");
         const TrainingProfile second = manager->createProfile(draft);
-        SettingsWindow window;
+        SettingsWindow window(m_home->training());
         window.showTrainingPage();
         window.show();
         QVERIFY(child<QLabel>(window.rowFor(first.id), "defaultBadge")->isVisible());
@@ -391,7 +391,7 @@ private slots:
 
     void lossChartShowsTheLogOrItsTwoLineMessage()
     {
-        TrainingManager *manager = TrainingManager::shared();
+        TrainingManager *manager = m_home->training();
         TrainingProfile draft;
         draft.name = QStringLiteral("Charted");
         const TrainingProfile profile = manager->createProfile(draft);
@@ -427,7 +427,7 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(empty.hasData(), 5000);
 
         // The row's chart button opens the same window.
-        SettingsWindow window;
+        SettingsWindow window(m_home->training());
         window.showTrainingPage();
         window.show();
         child<QToolButton>(window.rowFor(profile.id), "lossChartButton")->click();

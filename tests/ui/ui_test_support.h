@@ -1,6 +1,6 @@
 /*
 ** ui_test_support.h -- what the view tests share: a home directory and settings of their own,
-** file helpers, and waiting for a tab's background work.
+** the application's objects as main() makes them, and file and mouse helpers.
 */
 #ifndef TRN_UI_TEST_SUPPORT_H
 #define TRN_UI_TEST_SUPPORT_H
@@ -8,7 +8,9 @@
 #include "app_state.h"
 #include "directory_state.h"
 #include "icons.h"
+#include "main_window.h"
 #include "settings.h"
+#include "training_manager.h"
 
 #include <QDir>
 #include <QFile>
@@ -18,6 +20,8 @@
 #include <QString>
 #include <QTemporaryDir>
 #include <QtTest>
+
+#include <memory>
 
 // Points HOME and the process-wide settings at a fresh temporary directory. Create it in
 // initTestCase(), before anything reads the settings.
@@ -29,15 +33,41 @@ public:
         qputenv("HOME", QFile::encodeName(m_home.path()));
         Settings::setStandard(new Settings(new QSettings(settingsPath(), QSettings::IniFormat)));
         installIconThemeFallback();
+        m_training = std::make_unique<TrainingManager>();
     }
     bool isValid() const { return m_home.isValid(); }
     QString path() const { return m_home.path(); }
     QString settingsPath() const { return m_home.filePath(QStringLiteral("settings.ini")); }
     Settings *settings() const { return Settings::standard(); }
+    // A training manager over these settings, for windows made on their own.
+    TrainingManager *training() const { return m_training.get(); }
 
 private:
     QTemporaryDir m_home;
+    std::unique_ptr<TrainingManager> m_training;
 };
+
+// The application's objects as main() makes them: the training manager, the model and the main
+// window.
+struct AppWindow {
+    TrainingManager training;
+    AppState app{nullptr, &training};
+    MainWindow window{&app, &training};
+};
+
+// A shown AppWindow with no tabs saved by an earlier test, once its saved state is restored.
+inline std::unique_ptr<AppWindow> openAppWindow()
+{
+    Settings::standard()->remove(QStringLiteral("savedTabPaths"));
+    Settings::standard()->remove(QStringLiteral("activeTabPath"));
+    auto w = std::make_unique<AppWindow>();
+    QSignalSpy restored(&w->app, &AppState::stateRestored);
+    w->window.show();
+    if (restored.isEmpty()) {
+        restored.wait(2000);
+    }
+    return w;
+}
 
 // Writes bytes to dir/relative, creating folders on the way; false when it cannot.
 inline bool writeFile(const QString &dir, const QString &relative, const QByteArray &bytes)

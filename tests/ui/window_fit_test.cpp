@@ -43,9 +43,8 @@ private slots:
 
     void everyWindowOpensWhollyOnTheScreen()
     {
-        AppState app;
-        MainWindow window(&app);
-        window.show();
+        auto w = openAppWindow();
+        MainWindow &window = w->window;
         QVERIFY(QTest::qWaitForWindowExposed(&window));
         QVERIFY2(kScreen.contains(window.frameGeometry()),
                  qPrintable(QStringLiteral("main window at %1,%2 %3x%4")
@@ -77,7 +76,7 @@ private slots:
             m_home->settings()->setValue(QStringLiteral("TarnwickSettingsWindow"),
                                          big.saveGeometry());
         }
-        SettingsWindow settings;
+        SettingsWindow settings(m_home->training());
         showOnScreen(&settings, nullptr);
         QVERIFY(QTest::qWaitForWindowExposed(&settings));
         QVERIFY(kScreen.contains(settings.frameGeometry()));
@@ -89,9 +88,9 @@ private slots:
         QTemporaryDir dir;
         QVERIFY(writeFile(dir.path(), QStringLiteral("notes.txt"), numberedLines(40)));
         m_home->settings()->remove(QStringLiteral("TarnwickContextPanel"));
-        AppState app;
-        MainWindow window(&app);
-        window.show();
+        auto w = openAppWindow();
+        AppState &app = w->app;
+        MainWindow &window = w->window;
         QVERIFY(QTest::qWaitForWindowExposed(&window));
         app.addTab(dir.path());
         QTRY_VERIFY_WITH_TIMEOUT(!app.activeState()->isIngesting(), 30000);
