@@ -197,6 +197,19 @@ void save_rows(float *dst, const float *src, int rows, int width)
     }
 }
 
+/* Layer-normalises copies of the first n rows of the residual stream into xn, saving each row's
+** mean and reciprocal deviation when mean and rstd are not NULL. */
+void norm_rows(TrnScratch *ws, int n, const float *gamma, const float *beta, float *mean,
+               float *rstd)
+{
+    for (int i = 0; i < n; i++) {
+        float *row = ws->xn + (size_t)i * DIM;
+        memcpy(row, ws->x + (size_t)i * DIM, DIM * sizeof(float));
+        layernorm(
+            row, gamma, beta, ws->norm_row, mean ? mean + i : nullptr, rstd ? rstd + i : nullptr);
+    }
+}
+
 /* One pre-norm transformer layer over the first n rows of the residual stream, saving its
 ** activations into the l-th slots of save when save is not NULL. The matrix products need
 ** n >= 1 (their leading dimensions must be positive). */
@@ -205,16 +218,12 @@ void layer_forward(TrnScratch *ws, const TrnEncoderLayer *layer, int n, TrnForwa
     if (save) {
         save_rows(save->x[l], ws->x, n, DIM);
     }
-    for (int i = 0; i < n; i++) {
-        float *row = ws->xn + (size_t)i * DIM;
-        memcpy(row, ws->x + (size_t)i * DIM, DIM * sizeof(float));
-        layernorm(row,
-                  layer->ln1_gamma,
-                  layer->ln1_beta,
-                  ws->norm_row,
-                  save ? save->ln1_mean[l] + i : nullptr,
-                  save ? save->ln1_rstd[l] + i : nullptr);
-    }
+    norm_rows(ws,
+              n,
+              layer->ln1_gamma,
+              layer->ln1_beta,
+              save ? save->ln1_mean[l] : nullptr,
+              save ? save->ln1_rstd[l] : nullptr);
     sgemm(false, false, n, DIM, DIM, 1.0f, ws->xn, DIM, layer->wq, DIM, 0.0f, ws->q, DIM);
     sgemm(false, false, n, DIM, DIM, 1.0f, ws->xn, DIM, layer->wk, DIM, 0.0f, ws->k, DIM);
     sgemm(false, false, n, DIM, DIM, 1.0f, ws->xn, DIM, layer->wv, DIM, 0.0f, ws->v, DIM);
@@ -268,16 +277,12 @@ void layer_forward(TrnScratch *ws, const TrnEncoderLayer *layer, int n, TrnForwa
         save_rows(save->mid[l], ws->x, n, DIM);
     }
 
-    for (int i = 0; i < n; i++) {
-        float *row = ws->xn + (size_t)i * DIM;
-        memcpy(row, ws->x + (size_t)i * DIM, DIM * sizeof(float));
-        layernorm(row,
-                  layer->ln2_gamma,
-                  layer->ln2_beta,
-                  ws->norm_row,
-                  save ? save->ln2_mean[l] + i : nullptr,
-                  save ? save->ln2_rstd[l] + i : nullptr);
-    }
+    norm_rows(ws,
+              n,
+              layer->ln2_gamma,
+              layer->ln2_beta,
+              save ? save->ln2_mean[l] : nullptr,
+              save ? save->ln2_rstd[l] : nullptr);
     if (save) {
         save_rows(save->b[l], ws->xn, n, DIM);
     }
