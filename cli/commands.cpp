@@ -195,49 +195,6 @@ bool on_update_progress(const char *, int32_t done, int32_t total, void *user)
     return true;
 }
 
-// --- index ------------------------------------------------------------------------------------
-
-// The engine-only index: the engine's walk and text extraction (files.h), as the application
-// indexes, with the command line's walk options; 800 and 200 by default.
-void cmd_index(const Options &o, const ModelRuntime &model)
-{
-    const int32_t chunk_size = o.chunk_size.value_or(800);
-    const int32_t overlap = o.overlap.value_or(200);
-    check_chunking(chunk_size, overlap);
-    std::string root = resolve_dir(o.operands[0]);
-    std::string index_dir = index_dir_of(root);
-    std::string description;
-    std::string weights = chosen_weights(o, model, root, &description);
-    check_weights(weights);
-    ensure_index_dir(index_dir);
-
-    // Searches keep using the old index until the new one is complete and swapped in.
-    EnginePtr engine = open_engine(index_dir, weights, TRN_OPEN_REBUILD);
-    Clock::time_point start = Clock::now();
-    const WalkConfig config = walk_config(o);
-    std::vector<const char *> extension_ptrs;
-    std::vector<const char *> exclude_ptrs;
-    const TrnWalkOptions opts = config.view(&extension_ptrs, &exclude_ptrs);
-    UpdateProgress progress{ProgressLine{"Indexing"}, {}};
-    // An update of an empty index that rebuilds: it replaces the old index when it is done.
-    int32_t added = trn_update_dir(engine.get(),
-                                   root.c_str(),
-                                   chunk_size,
-                                   overlap,
-                                   &opts,
-                                   on_update_progress,
-                                   &progress,
-                                   &progress.report);
-    progress.line.clear();
-    if (added < 0) {
-        throw Failure(trn_last_status(engine.get()) != TRN_STATUS_OK
-                          ? std::string(trn_last_error(engine.get()))
-                          : "cannot open directory " + root);
-    }
-    TrnStats st = trn_stats(engine.get());
-    write_out(indexed_line(st.file_count, st.chunk_count, seconds_since(start)));
-}
-
 // --- update and watch -------------------------------------------------------------------------
 
 volatile sig_atomic_t g_stop = 0;
@@ -300,7 +257,10 @@ struct UpdateSetup {
     TrnWalkOptions walk{}; // points into config and the two vectors
 };
 
-void prepare_update(const Options &o, const ModelRuntime &model, UpdateSetup *u)
+// What index, update and watch read from the command line and the application's settings. An
+// update (rebuild false) refuses an index that another encoder built; an index (rebuild true)
+// says which encoder builds it.
+void prepare_update(const Options &o, const ModelRuntime &model, bool rebuild, UpdateSetup *u)
 {
     application_chunking(&u->chunk_size, &u->overlap);
     u->chunk_size = o.chunk_size.value_or(u->chunk_size);
@@ -310,8 +270,10 @@ void prepare_update(const Options &o, const ModelRuntime &model, UpdateSetup *u)
     std::string description;
     u->weights = chosen_weights(o, model, u->root, &description);
     check_weights(u->weights);
-    // Vectors of two encoders in one index would not compare: that takes a rebuild.
-    if (has_index(u->root) && !index_encoder_matches(u->root, u->weights)) {
+    if (rebuild) {
+        std::fprintf(stderr, "tarnwick: encoder: %s\n", display_text(description, false).c_str());
+    } else if (has_index(u->root) && !index_encoder_matches(u->root, u->weights)) {
+        // Vectors of two encoders in one index would not compare: that takes a rebuild.
         throw Failure("the index of " + u->root + " was built with another encoder (" + description
                       + " now); rebuild it with tarnwick-cli index " + u->root);
     }
@@ -320,11 +282,11 @@ void prepare_update(const Options &o, const ModelRuntime &model, UpdateSetup *u)
     u->walk = u->config.view(&u->extension_pointers, &u->exclude_pointers);
 }
 
-// One update of root; writes its line. Throws Failure when it failed.
-void run_update(const Options &o, const UpdateSetup &u, TrnEngine *e)
+// One walk of root into e, showing progress as label; returns what changed. Throws Failure when
+// it failed. On a rebuilding handle the new index replaces the old one at the end.
+TrnUpdateReport run_walk(const char *label, const UpdateSetup &u, TrnEngine *e)
 {
-    Clock::time_point start = Clock::now();
-    UpdateProgress progress{ProgressLine{"Updating"}, {}};
+    UpdateProgress progress{ProgressLine{label}, {}};
     int32_t n = trn_update_dir(e,
                                u.root.c_str(),
                                u.chunk_size,
@@ -339,13 +301,34 @@ void run_update(const Options &o, const UpdateSetup &u, TrnEngine *e)
                                                           : "cannot open directory " + u.root);
     }
     note_index_encoder(u.root, u.weights);
-    write_out(update_line(o, progress.report, seconds_since(start)));
+    return progress.report;
+}
+
+// One update of root; writes its line.
+void run_update(const Options &o, const UpdateSetup &u, TrnEngine *e)
+{
+    Clock::time_point start = Clock::now();
+    const TrnUpdateReport report = run_walk("Updating", u, e);
+    write_out(update_line(o, report, seconds_since(start)));
+}
+
+// index DIR: builds the index from scratch beside the old one, which searches keep using until
+// the new one is complete and replaces it.
+void cmd_index(const Options &o, const ModelRuntime &model)
+{
+    UpdateSetup u;
+    prepare_update(o, model, true, &u);
+    Clock::time_point start = Clock::now();
+    EnginePtr engine = open_engine(index_dir_of(u.root), u.weights, TRN_OPEN_REBUILD);
+    run_walk("Indexing", u, engine.get());
+    const TrnStats st = trn_stats(engine.get());
+    write_out(indexed_line(st.file_count, st.chunk_count, seconds_since(start)));
 }
 
 void cmd_update(const Options &o, const ModelRuntime &model)
 {
     UpdateSetup u;
-    prepare_update(o, model, &u);
+    prepare_update(o, model, false, &u);
     EnginePtr engine = open_engine(index_dir_of(u.root), u.weights);
     run_update(o, u, engine.get());
 }
@@ -385,7 +368,7 @@ bool wait_for_settled_change(TrnWatch *w, int settle_ms)
 void cmd_watch(const Options &o, const ModelRuntime &model)
 {
     UpdateSetup u;
-    prepare_update(o, model, &u);
+    prepare_update(o, model, false, &u);
     EnginePtr engine = open_engine(index_dir_of(u.root), u.weights);
     struct sigaction act = {};
     act.sa_handler = on_stop_signal;
@@ -677,11 +660,7 @@ void cmd_embed(const Options &o, const ModelRuntime &model)
 void run_command(const Options &o, const ModelRuntime &model)
 {
     if (o.command == "index") {
-        if (HAVE_APPLICATION_MODEL) {
-            model_index(o, model);
-        } else {
-            cmd_index(o, model);
-        }
+        cmd_index(o, model);
     } else if (o.command == "update") {
         cmd_update(o, model);
     } else if (o.command == "watch") {

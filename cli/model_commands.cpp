@@ -1,12 +1,11 @@
 /*
-** model_commands.cpp -- index, prompt and train on the application's model.
+** model_commands.cpp -- prompt and train on the application's model, and the application's
+** settings and encoder for the other commands.
 **
-** `index` walks the directory with TarnwickEngine::ingestDirectory, the application's indexing:
-** the engine's walk and text extraction under the "extraExtensions", "excludePatterns" and
-** "maxFileSizeMB" settings (or the command line's options). Chunk size and overlap default to
-** the "chunkSize" and "overlap" settings. The same QSettings
-** ("Tarnwick"/"Tarnwick") and training profiles as the application's are read and written, so a
-** profile trained here is the application's too.
+** The walk settings ("extraExtensions", "excludePatterns", "maxFileSizeMB") and the chunking
+** ("chunkSize", "overlap") are the application's unless the command line says otherwise. The same
+** QSettings ("Tarnwick"/"Tarnwick") and training profiles as the application's are read and
+** written, so a profile trained here is the application's too.
 **
 ** `train NAME` runs TrainingManager's run in this process's event loop; SIGINT reaches that
 ** loop through a pipe (the handler only writes one byte) and cancels the run.
@@ -15,7 +14,6 @@
 
 #include "common.h"
 #include "json.h"
-#include "progress.h"
 
 #include "encoder_record.h"
 #include "json_coding.h"
@@ -42,8 +40,6 @@
 
 #include <fcntl.h>
 #include <unistd.h>
-
-const bool HAVE_APPLICATION_MODEL = true;
 
 namespace
 {
@@ -442,57 +438,6 @@ bool index_encoder_matches(const std::string &root, const std::string &weights)
 void note_index_encoder(const std::string &root, const std::string &weights)
 {
     EncoderRecord::write(path_text(root), path_text(weights));
-}
-
-void model_index(const Options &o, const ModelRuntime &model)
-{
-    Settings *settings = Settings::standard();
-    int32_t chunk_size = o.chunk_size.value_or(settings->effectiveChunkSize());
-    int32_t overlap = o.overlap.value_or(settings->effectiveOverlap());
-    check_chunking(chunk_size, overlap);
-    std::string root = resolve_dir(o.operands[0]);
-    std::string index_dir = index_dir_of(root);
-    std::string description;
-    std::string weights = chosen_weights(o, model, root, &description);
-    check_weights(weights);
-    ensure_index_dir(index_dir);
-    std::fprintf(stderr, "tarnwick: encoder: %s\n", display_text(description, false).c_str());
-
-    // Searches keep using the old index until the new one is complete and swapped in.
-    TarnwickEngine engine(path_text(root), path_text(weights), TarnwickEngine::OpenMode::Rebuild);
-    if (!engine.isOpen()) {
-        throw Failure(engine.lastError().toStdString());
-    }
-    Clock::time_point start = Clock::now();
-    ProgressLine progress("Indexing");
-    TarnwickEngine::ProgressFn show;
-    if (progress.shown()) {
-        show = [&progress](int done, int found, int chunks) {
-            progress.update(done, found, static_cast<uint32_t>(chunks));
-        };
-    }
-    const WalkConfig config = walk_config(o);
-    QSet<QString> extensions;
-    for (const std::string &ext : config.extensions) {
-        extensions.insert(QString::fromStdString(ext));
-    }
-    QStringList excludes;
-    for (const std::string &pattern : config.excludes) {
-        excludes.append(QString::fromStdString(pattern));
-    }
-    const FileWalkOptions walk(extensions, excludes, static_cast<qint64>(config.max_file_size));
-    int added = engine.ingestDirectory(chunk_size, overlap, show, nullptr, &walk);
-    progress.clear();
-    if (added < 0) {
-        throw Failure("cannot open directory " + root);
-    }
-    if (!engine.checkpoint()) {
-        throw Failure(engine.lastError().toStdString());
-    }
-    // so the application does not rebuild what was just built with its own encoder
-    EncoderRecord::write(path_text(root), path_text(weights));
-    TrnStats st = engine.stats();
-    write_out(indexed_line(st.file_count, st.chunk_count, seconds_since(start)));
 }
 
 void model_prompt(const Options &o, const ModelRuntime &model)

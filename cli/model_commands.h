@@ -1,12 +1,11 @@
 /*
 ** model_commands.h -- the subcommands of tarnwick-cli that run on the application's model
-** (app/model, app/training): indexing, prompts, training profiles, and the encoder the
+** (app/model, app/training): prompts, training profiles, and the settings and encoder the
 ** application would use for a directory.
 **
-** With Qt the program is built on that model (model_commands.cpp), so the command line and the
-** application index a directory identically. Without it (no_model.cpp) the engine-only commands
-** remain: `index` walks with the engine's own classification, and `prompt` and `train` fail with
-** "built without the application model".
+** With Qt the program is built on that model (model_commands.cpp), so the command line indexes a
+** directory with the application's settings and encoder. Without it (no_model.cpp) the engine's
+** defaults stand in, and `prompt` and `train` fail with "built without the application model".
 */
 #ifndef TRN_CLI_MODEL_COMMANDS_H
 #define TRN_CLI_MODEL_COMMANDS_H
@@ -17,9 +16,6 @@
 #include <cstdint>
 #include <string>
 #include <vector>
-
-// True when the program was built on the application's model.
-extern const bool HAVE_APPLICATION_MODEL;
 
 class TrainingManager;
 
@@ -76,8 +72,6 @@ bool index_encoder_matches(const std::string &root, const std::string &weights);
 // Records that root's index was built with weights, so the application does not rebuild it.
 void note_index_encoder(const std::string &root, const std::string &weights);
 
-// index DIR: drops the index and walks DIR with TarnwickEngine::ingestDirectory.
-void model_index(const Options &o, const ModelRuntime &model);
 // prompt DIR QUERY: the text "Copy Prompt" puts on the clipboard.
 void model_prompt(const Options &o, const ModelRuntime &model);
 // train profiles | add | default | NAME.

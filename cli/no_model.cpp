@@ -8,8 +8,6 @@
 
 #include <unistd.h>
 
-const bool HAVE_APPLICATION_MODEL = false;
-
 struct ModelRuntime::State {
 };
 
@@ -55,11 +53,6 @@ bool index_encoder_matches(const std::string &, const std::string &)
 }
 
 void note_index_encoder(const std::string &, const std::string &) {}
-
-void model_index(const Options &, const ModelRuntime &)
-{
-    throw Failure("built without the application model");
-}
 
 void model_prompt(const Options &, const ModelRuntime &)
 {
