@@ -1,4 +1,5 @@
 // The pair sampler and the tokenizer's corpus sample: what they read, from where, and how much.
+#include "../engine/store_fixtures.h"
 #include "corpus.h"
 
 #include <gtest/gtest.h>
@@ -9,8 +10,6 @@
 #include <string>
 #include <vector>
 
-#include <unistd.h>
-
 using namespace trn_train;
 
 namespace
@@ -18,17 +17,9 @@ namespace
 
 // A temporary corpus file removed at the end of the test.
 struct TempCorpus {
-    std::string path;
-    explicit TempCorpus(const std::string &text)
-    {
-        char tmpl[] = "/tmp/trn_corpus_test_XXXXXX";
-        int fd = mkstemp(tmpl);
-        EXPECT_GE(fd, 0);
-        path = tmpl;
-        EXPECT_EQ(write(fd, text.data(), text.size()), (ssize_t)text.size());
-        close(fd);
-    }
-    ~TempCorpus() { unlink(path.c_str()); }
+    TempDir dir;
+    std::string path = dir.file("corpus.txt");
+    explicit TempCorpus(const std::string &text) { write_file_text(path, text); }
 };
 
 // Words that name their own byte offset ("w0001234 "), paragraphs of 12 words, so every piece
