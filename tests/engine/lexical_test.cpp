@@ -64,26 +64,6 @@ TEST(LexicalTerms, LongWordsAreCutAndOverlongRunsSplit)
     EXPECT_EQ(terms, std::string(64, 'a') + " " + std::string(44, 'a'));
 }
 
-// An in-memory handle whose chunks are placed by hand, so nothing is embedded.
-struct Bare {
-    TrnEngine *e = bare_engine();
-    ~Bare() { free_bare_engine(e); }
-    void add(const char *path, const char *text)
-    {
-        ensure_cap(e, e->count + 1);
-        TrnChunk *c = &e->chunks[e->count];
-        snprintf(c->doc_id, TRN_ID_MAX, "%s:%d", path, (int)e->count);
-        c->text = xstrdup(text);
-        c->file_path = xstrdup(path);
-        e->count++;
-    }
-    void remove(uint64_t slot)
-    {
-        e->chunks[slot].deleted = 1;
-        e->deleted_count++;
-    }
-};
-
 std::vector<std::string> terms_of(const char *text)
 {
     std::vector<std::string> out;
@@ -108,7 +88,7 @@ TEST(LexicalBm25, ScoresEqualTheDefinitionOverLiveChunks)
         "the file was read, then the file was closed and the cat slept",
         "deleted chunk about cat cat cat file",
     };
-    Bare b;
+    HandEngine b;
     for (const char *t : texts) {
         b.add("f", t);
     }
@@ -186,10 +166,9 @@ TEST(LexicalSnippets, StartWhereTheQueryWordsAreDensestOnThatLine)
         {"one word far in", {{10, "beta "}}, 320, 11},
     };
     for (const Case &c : cases) {
-        Bare b;
+        HandEngine b;
         std::string text = text_with(c.lines);
-        b.add("f.txt", text.c_str());
-        b.e->chunks[0].line_number = 3;
+        b.add("f.txt", text, nullptr, 0, 3);
         b.add("g.txt", "unrelated words only");
         TrnResult r[4];
         ASSERT_EQ(trn_search(b.e, "Alpha BETA gamma", TRN_SEARCH_KEYWORD, 4, r), 1) << c.name;

@@ -1,6 +1,7 @@
 // Regular-expression search: ordinary patterns find what the C library's POSIX extended matcher
 // finds, and hostile ones are refused with a reason or run in time linear in the text.
 #include "internal.h"
+#include "store_fixtures.h"
 #include "tarnwick.h"
 
 #include <gtest/gtest.h>
@@ -13,27 +14,10 @@
 namespace
 {
 
-struct Engine {
-    TrnEngine *e;
-    Engine()
-    {
-        TrnConfig cfg = {nullptr, nullptr, 0, 0, 0, 0};
-        e = trn_open(&cfg);
-    }
-    ~Engine() { trn_close(e); }
-    Engine(const Engine &) = delete;
-    Engine &operator=(const Engine &) = delete;
-
+struct Engine : HandEngine {
     void add(const std::string &text)
     {
-        ensure_cap(e, e->count + 1);
-        TrnChunk *c = &e->chunks[e->count];
-        snprintf(c->doc_id, TRN_ID_MAX, "/t.txt:%d", (int)e->count);
-        c->text = xstrdup(text.c_str());
-        c->file_path = xstrdup("/t.txt");
-        c->chunk_index = (int32_t)e->count;
-        c->line_number = 1;
-        e->count++;
+        HandEngine::add("/t.txt", text, nullptr, (int32_t)e->count);
     }
     // "chunk:snippet" per hit, so a different match start shows as a different snippet.
     std::vector<std::string> hits(const char *pattern)

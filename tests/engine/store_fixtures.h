@@ -249,6 +249,46 @@ inline void free_bare_engine(TrnEngine *e)
     free(e);
 }
 
+/* An in-memory handle (with its encoder) whose chunks are placed by hand: text and path are
+** set directly, and a chunk given a vector is also linked into the graph. */
+struct HandEngine {
+    TrnEngine *e;
+    HandEngine()
+    {
+        TrnConfig cfg = {};
+        e = trn_open(&cfg);
+        e->level_state = 5;
+    }
+    ~HandEngine() { trn_close(e); }
+    HandEngine(const HandEngine &) = delete;
+    HandEngine &operator=(const HandEngine &) = delete;
+
+    uint32_t add(const char *path, const std::string &text, const std::vector<float> *vec = nullptr,
+                 int32_t ordinal = 0, int32_t line = 1)
+    {
+        ensure_cap(e, e->count + 1);
+        uint32_t slot = (uint32_t)e->count++;
+        TrnChunk *c = &e->chunks[slot];
+        snprintf(c->doc_id, TRN_ID_MAX, "%s:%d", path ? path : "", ordinal);
+        c->text = xstrdup(text.c_str());
+        c->file_path = path ? xstrdup(path) : nullptr;
+        c->chunk_index = ordinal;
+        c->line_number = line;
+        c->file_type = TRN_FILE_TYPE_MARKDOWN;
+        if (vec) {
+            memcpy(e->vectors + (size_t)slot * e->dim, vec->data(), sizeof(float) * e->dim);
+            e->nodes[slot].level = draw_level(&e->level_state, e->level_mult);
+            hnsw_insert(e, slot);
+        }
+        return slot;
+    }
+    void remove(uint64_t slot)
+    {
+        e->chunks[slot].deleted = 1;
+        e->deleted_count++;
+    }
+};
+
 /* Checks what every loaded handle must satisfy, whatever file it came from. Returns an empty
 ** string when all hold, else a description of the first violation. */
 inline std::string handle_invariant_violation(const TrnEngine *e)
