@@ -300,7 +300,7 @@ TEST(LexicalUpkeep, AgreesWithAFreshIndexAfterEveryChange)
 {
     TempDir dir;
     TempDir copy;
-    TrnConfig cfg = {dir.path().c_str(), nullptr, 0, 0, 0, 0};
+    TrnConfig cfg = config_for(dir);
     TrnEngine *e = trn_open(&cfg);
     for (const char *n : {"a.txt", "b.txt", "c.txt"}) {
         trn_ingest_text(e, n, files().at(n).c_str(), 24, 4);
@@ -311,7 +311,7 @@ TEST(LexicalUpkeep, AgreesWithAFreshIndexAfterEveryChange)
     write_file_bytes(copy.file("tarnwick.wal"),
                      read_file_bytes(dir.file("tarnwick.wal")).data(),
                      read_file_bytes(dir.file("tarnwick.wal")).size());
-    TrnConfig copy_cfg = {copy.path().c_str(), nullptr, 0, 0, 0, 0};
+    TrnConfig copy_cfg = config_for(copy);
     TrnEngine *replayed = trn_open(&copy_cfg);
     EXPECT_EQ(ranking(replayed), scratch({"a.txt", "b.txt", "c.txt"})) << "after replay";
     trn_close(replayed);
@@ -335,7 +335,7 @@ TEST(LexicalUpkeep, AgreesWithAFreshIndexAfterEveryChange)
     const std::vector<uint8_t> old_lex = read_file_bytes(dir.file("tarnwick.lex"));
     trn_remove_file(e, "d.txt");
     trn_ingest_text(e, "a.txt", files().at("a.txt").c_str(), 24, 4);
-    TrnConfig log_cfg = {copy.path().c_str(), nullptr, 0, 0, 0, 0};
+    TrnConfig log_cfg = config_for(copy);
     for (const char *name : {"tarnwick.bin", "tarnwick.commit", "tarnwick.lex", "tarnwick.wal"}) {
         std::vector<uint8_t> bytes = read_file_bytes(dir.file(name));
         write_file_bytes(copy.file(name), bytes.data(), bytes.size());

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -86,6 +87,14 @@ private:
     std::string path_;
 };
 
+/* A configuration with dir as the index directory and defaults for the rest. */
+inline TrnConfig config_for(const TempDir &dir)
+{
+    TrnConfig cfg = {};
+    cfg.index_dir = dir.path().c_str();
+    return cfg;
+}
+
 inline std::vector<uint8_t> read_file_bytes(const std::string &path)
 {
     std::vector<uint8_t> bytes;
@@ -140,6 +149,30 @@ inline long file_size(const std::string &path)
 {
     struct stat st;
     return stat(path.c_str(), &st) == 0 ? (long)st.st_size : -1;
+}
+
+/* The program the crash and commit tests run for one engine write per process. */
+inline const std::string CRASH_DRIVER = std::string(TRN_BIN_DIR) + "/../tests/trn_crash_driver";
+
+/* Starts argv (no shell; argv[0] is looked up in PATH) with standard output and error going to
+** the named files, and returns the child's pid. */
+inline pid_t spawn_child(const std::vector<std::string> &argv, const std::string &out,
+                         const std::string &err)
+{
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
+        dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
+        std::vector<char *> args;
+        for (const std::string &a : argv) {
+            args.push_back(const_cast<char *>(a.c_str()));
+        }
+        args.push_back(nullptr);
+        setenv("OPENBLAS_NUM_THREADS", "1", 1);
+        execvp(args[0], args.data());
+        _exit(127);
+    }
+    return pid;
 }
 
 /* Little-endian bytes assembled field by field, independently of the engine's writer. */
