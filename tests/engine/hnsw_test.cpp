@@ -114,11 +114,6 @@ struct Clusters {
         vec_normalize(v.data(), dim);
         return v;
     }
-    int32_t level(float mult)
-    {
-        double u = (std::uniform_int_distribution<int>(0, 2147483646)(rng) + 1.0) / 2147483649.0;
-        return std::clamp((int32_t)std::floor(-std::log(u) * mult), 0, 31);
-    }
 };
 
 std::vector<uint32_t> brute_force(HandGraph &g, const std::vector<float> &q, int k)
@@ -170,7 +165,7 @@ struct BuiltClusters {
     BuiltClusters(int n, int m) : data(32, 40, 7), g(32, m, 100, 50, n)
     {
         for (int i = 0; i < n; i++) {
-            g.add(data.draw(), data.level(g.e->level_mult));
+            g.add(data.draw(), draw_level(&g.e->level_state, g.e->level_mult));
         }
     }
     double recall_at_10(int queries)
