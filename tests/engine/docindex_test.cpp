@@ -204,8 +204,6 @@ TEST_F(DocIndex, StatsCountFilesByChunkZeroUntilAnIndexIsBuilt)
 TEST_F(DocIndex, FileListShowsEveryRegularFileWithItsLiveChunks)
 {
     TempDir dir;
-    mkdir(dir.file("sub").c_str(), 0700);
-    mkdir(dir.file(".tarnwick").c_str(), 0700);
     write_file_text(dir.file("a.txt"), "0123456789abcdefghij");
     write_file_text(dir.file("pic.png"), "PNG!");
     write_file_text(dir.file("sub/n.md"), "# notes");

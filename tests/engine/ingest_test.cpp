@@ -195,9 +195,6 @@ bool record_progress(const char *path, int32_t done, int32_t total, void *user)
 TEST_F(Ingest, DirectoryWalkSkipsHiddenAndBinaryAndReportsProgress)
 {
     TempDir dir;
-    mkdir(dir.file("s1").c_str(), 0700);
-    mkdir(dir.file("s2").c_str(), 0700);
-    mkdir(dir.file(".tarnwick").c_str(), 0700);
     write_file_text(dir.file("s1/a.txt"), "alpha is long enough");
     write_file_text(dir.file("s1/b.txt"), "bravo is long enough");
     write_file_text(dir.file("s2/c.md"), "charlie is long enough");
@@ -225,8 +222,6 @@ TEST_F(Ingest, DirectoryWalkSkipsHiddenAndBinaryAndReportsProgress)
 TEST_F(Ingest, CallbackReturningFalseStopsOnlyTheCurrentDirectory)
 {
     TempDir dir;
-    mkdir(dir.file("s1").c_str(), 0700);
-    mkdir(dir.file("s2").c_str(), 0700);
     write_file_text(dir.file("s1/a.txt"), "alpha is long enough");
     write_file_text(dir.file("s1/b.txt"), "bravo is long enough");
     write_file_text(dir.file("s2/c.txt"), "charlie is long enough");

@@ -111,8 +111,14 @@ inline std::vector<uint8_t> read_file_bytes(const std::string &path)
     return bytes;
 }
 
+/* Writes a file, creating the directories on the way to it that do not exist yet. */
 inline void write_file_bytes(const std::string &path, const void *data, size_t n)
 {
+    for (size_t i = 1; i < path.size(); i++) {
+        if (path[i] == '/') {
+            mkdir(path.substr(0, i).c_str(), 0700);
+        }
+    }
     FILE *f = fopen(path.c_str(), "wb");
     if (f) {
         if (n > 0) {

@@ -95,8 +95,6 @@ TEST_P(UpdateAfterChange, HoldsWhatAFreshIndexOfTheSameTreeHolds)
     g_update_recent_ns = 0; /* the files here are all written a moment before they are read */
     TempDir tmp;
     std::string src = tmp.file("src");
-    mkdir(src.c_str(), 0700);
-    mkdir((src + "/sub").c_str(), 0700);
     write_file_text(src + "/a.txt", long_text("alpha", 30));
     write_file_text(src + "/b.md", long_text("bravo", 12));
     write_file_text(src + "/sub/c.txt", long_text("charlie", 20));
@@ -177,7 +175,6 @@ const Change CHANGES[] = {
      {0, 0, 1, 2, 1}},
     {"Excluded",
      [](const std::string &s) {
-         mkdir((s + "/node_modules").c_str(), 0700);
          write_file_text(s + "/node_modules/x.js", long_text("excluded", 9));
      },
      {0, 0, 0, 3, 0}},
@@ -199,7 +196,6 @@ TEST(UpdateManifest, AMissingOrDamagedManifestCostsReadingNeverChunks)
     g_update_recent_ns = 0;
     TempDir tmp;
     std::string src = tmp.file("src");
-    mkdir(src.c_str(), 0700);
     write_file_text(src + "/a.txt", long_text("alpha", 30));
     write_file_text(src + "/b.txt", long_text("bravo", 10));
     std::string index = tmp.file("index");
@@ -235,7 +231,6 @@ TEST(UpdateManifest, AFileModifiedJustBeforeItWasReadIsReadAgain)
     g_update_recent_ns = 3000000000ll;
     TempDir tmp;
     std::string src = tmp.file("src");
-    mkdir(src.c_str(), 0700);
     write_file_text(src + "/a.txt", long_text("alpha", 30));
     write_file_text(src + "/old.txt", long_text("old", 30));
     age(src + "/old.txt");
@@ -250,7 +245,6 @@ TEST(UpdateManifest, AnEntryTheIndexDoesNotBackIsNotTrusted)
     g_update_recent_ns = 0;
     TempDir tmp;
     std::string src = tmp.file("src");
-    mkdir(src.c_str(), 0700);
     write_file_text(src + "/a.txt", long_text("alpha", 30));
     std::string index = tmp.file("index");
     Updated first = update(index, src);

@@ -62,8 +62,6 @@ TEST(Walk, LinkLoopsEndAndLinksOutOfTheTreeAreNotFollowed)
 {
     TempDir tmp;
     const std::string root = tmp.file("tree");
-    mkdir(root.c_str(), 0700);
-    mkdir((root + "/sub").c_str(), 0700);
     write_file_text(root + "/a.txt", "alpha file inside the tree");
     write_file_text(root + "/sub/b.txt", "bravo file inside the tree");
     write_file_text(tmp.file("secret.txt"), "a secret outside the tree");
