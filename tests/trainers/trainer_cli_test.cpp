@@ -219,11 +219,7 @@ TEST_F(TrainerCli, UsageErrorsExitWithTwoBeforeCreatingAnything)
     };
     for (const auto &args : bad) {
         Result r = run("trainer", args);
-        std::string joined;
-        for (const auto &a : args) {
-            joined += a + " ";
-        }
-        EXPECT_EQ(r.status, 2) << joined << r.err;
+        EXPECT_EQ(r.status, 2) << testing::PrintToString(args) << r.err;
         expect_one_line(r.err, "trainer: ");
         expect_no_output(o);
     }
