@@ -19,6 +19,7 @@ namespace
 constexpr size_t D = 512;
 constexpr size_t F = 2048;
 constexpr long kV1Size = 26263584;
+const TrnWeightsMeta kNoMeta = {}; // what a file without metadata loads as
 
 // Overwrites 4 bytes at offset with v (little-endian).
 void patchU32(const std::string &path, long offset, uint32_t v)
@@ -151,9 +152,7 @@ TEST_F(WeightsFile, Version1RoundTripsBitForBit)
     ASSERT_EQ(loadQuietly(&meta), 1);
     EXPECT_EQ(err, "");
     EXPECT_TRUE(sameWeights(&enc, &other));
-    TrnWeightsMeta zero;
-    memset(&zero, 0, sizeof zero);
-    EXPECT_EQ(memcmp(&meta, &zero, sizeof meta), 0) << "version 1 zeroes the metadata";
+    EXPECT_EQ(memcmp(&meta, &kNoMeta, sizeof meta), 0) << "version 1 zeroes the metadata";
 
     std::vector<float> a(D), b(D);
     trn_encoder_embed_text(&enc, "same weights, same vector", a.data());
@@ -202,9 +201,7 @@ TEST_F(WeightsFile, Version3CarriesTheTokenizerAndResizesTheTokenEmbedding)
     EXPECT_EQ(other.bpe->vocab_size, 265u);
     EXPECT_EQ(memcmp(other.bpe->merges, enc.bpe->merges, 5 * 8), 0);
     EXPECT_TRUE(sameWeights(&enc, &other));
-    TrnWeightsMeta zero;
-    memset(&zero, 0, sizeof zero);
-    EXPECT_EQ(memcmp(&meta, &zero, sizeof meta), 0);
+    EXPECT_EQ(memcmp(&meta, &kNoMeta, sizeof meta), 0);
 
     // Loading a version 1 file afterwards makes the encoder byte-level again.
     encoder_release(&enc);
