@@ -21,6 +21,8 @@
 namespace
 {
 
+const std::string CRASH_DRIVER = std::string(TRN_BIN_DIR) + "/../tests/trn_crash_driver";
+
 /* Every file of dir with its bytes and modification time. */
 std::map<std::string, std::pair<std::vector<uint8_t>, long>> snapshot(const TempDir &dir)
 {

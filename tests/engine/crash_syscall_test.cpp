@@ -20,6 +20,8 @@
 namespace
 {
 
+const std::string CRASH_DRIVER = std::string(TRN_BIN_DIR) + "/../tests/trn_crash_driver";
+
 /* The calls that change files or their names, and those that create or lock them. */
 const char *const CALLS[] = {
     "openat", "write", "fsync", "rename", "ftruncate", "unlink", "link", "flock"};

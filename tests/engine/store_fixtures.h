@@ -157,9 +157,6 @@ inline long file_size(const std::string &path)
     return stat(path.c_str(), &st) == 0 ? (long)st.st_size : -1;
 }
 
-/* The program the crash and commit tests run for one engine write per process. */
-inline const std::string CRASH_DRIVER = std::string(TRN_BIN_DIR) + "/../tests/trn_crash_driver";
-
 /* Starts argv (no shell; argv[0] is looked up in PATH) with standard output and error going to
 ** the named files, and returns the child's pid. */
 inline pid_t spawn_child(const std::vector<std::string> &argv, const std::string &out,
