@@ -21,14 +21,7 @@
 namespace
 {
 
-const std::string DRIVER = std::string(TRN_BIN_DIR) + "/../tests/trn_crash_driver";
-
-TrnConfig config_of(const TempDir &dir)
-{
-    TrnConfig cfg = {};
-    cfg.index_dir = dir.path().c_str();
-    return cfg;
-}
+const std::string CRASH_DRIVER = std::string(TRN_BIN_DIR) + "/../tests/trn_crash_driver";
 
 /* Every file of dir with its bytes and modification time. */
 std::map<std::string, std::pair<std::vector<uint8_t>, long>> snapshot(const TempDir &dir)
@@ -56,24 +49,10 @@ std::vector<std::string> live_ids(const TrnEngine *e)
 }
 
 /* Runs the driver with args, standard output to out, and returns the pid. */
-pid_t start_driver(const std::vector<std::string> &args, const std::string &out)
+pid_t start_driver(std::vector<std::string> args, const std::string &out)
 {
-    pid_t pid = fork();
-    if (pid == 0) {
-        int fd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        dup2(fd, 1);
-        int null = open("/dev/null", O_WRONLY);
-        dup2(null, 2);
-        std::vector<char *> argv = {const_cast<char *>(DRIVER.c_str())};
-        for (const std::string &a : args) {
-            argv.push_back(const_cast<char *>(a.c_str()));
-        }
-        argv.push_back(nullptr);
-        setenv("OPENBLAS_NUM_THREADS", "1", 1);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    return pid;
+    args.insert(args.begin(), CRASH_DRIVER);
+    return spawn_child(args, out, "/dev/null");
 }
 
 int run_driver(const std::vector<std::string> &args, const std::string &out)
@@ -89,7 +68,7 @@ TEST(SharedIndex, AHandleThatOnlyReadsLeavesEveryFileByteIdenticalWithItsTime)
     TempDir out;
     /* A store, and a log with an ingestion and a removal, as a killed writer leaves them. */
     ASSERT_EQ(run_driver({dir.path(), "setup"}, out.file("setup")), 0);
-    TrnConfig cfg = config_of(dir);
+    TrnConfig cfg = config_for(dir);
     for (int round = 0; round < 3; round++) {
         /* Round 0 replays the log, which its close may fold into the store; then nothing. */
         const auto before = snapshot(dir);
@@ -112,7 +91,7 @@ TEST(SharedIndex, AHandleThatOnlyReadsLeavesEveryFileByteIdenticalWithItsTime)
 TEST(SharedIndex, EveryDamagedByteOfTheStoreOrCommitRecordIsRefused)
 {
     TempDir dir;
-    TrnConfig cfg = config_of(dir);
+    TrnConfig cfg = config_for(dir);
     TrnEngine *e = trn_open(&cfg);
     ASSERT_EQ(trn_ingest_text(e, "/d/a.txt", "one small chunk", 800, 200), 1);
     ASSERT_EQ(trn_checkpoint(e), 1);
@@ -189,7 +168,7 @@ TEST(SharedIndex, AStoreWithoutACommitRecordIsAcceptedAndConvertedByTheFirstWrit
     put_store_header(legacy, 1, 512, 0, 0, 1);
     put_store_record(legacy, r, 512);
     legacy.write(dir.file("tarnwick.bin"));
-    TrnConfig cfg = config_of(dir);
+    TrnConfig cfg = config_for(dir);
     TrnEngine *e = trn_open(&cfg);
     EXPECT_EQ(e->count, 1u);
     trn_close(e);
@@ -208,7 +187,7 @@ TEST(SharedIndex, AStoreWithoutACommitRecordIsAcceptedAndConvertedByTheFirstWrit
 TEST(SharedIndex, ALongLivedHandleTakesUpOtherCommitsAndNeverWritesOverThem)
 {
     TempDir dir;
-    TrnConfig cfg = config_of(dir);
+    TrnConfig cfg = config_for(dir);
     TrnEngine *tab = trn_open(&cfg);
     TrnEngine *cli = trn_open(&cfg);
     ASSERT_EQ(trn_ingest_text(tab, "/t/tab1.txt", "written by the tab", 800, 200), 1);
@@ -231,7 +210,7 @@ TEST(SharedIndex, ALongLivedHandleTakesUpOtherCommitsAndNeverWritesOverThem)
 TEST(SharedIndex, AHeldLockMakesWritersBusyAfterTheTimeoutButLetsReadersShare)
 {
     TempDir dir;
-    TrnConfig cfg = config_of(dir);
+    TrnConfig cfg = config_for(dir);
     TrnEngine *e = trn_open(&cfg);
     ASSERT_EQ(trn_ingest_text(e, "/b/a.txt", "first", 800, 200), 1);
     int lock = open(dir.file("tarnwick.lock").c_str(), O_RDWR);
@@ -269,7 +248,7 @@ TEST(SharedIndex, AHeldLockMakesWritersBusyAfterTheTimeoutButLetsReadersShare)
 TEST(SharedIndex, AFullDiskFailsTheAppendAndLeavesTheLogAsItWas)
 {
     TempDir dir;
-    TrnConfig cfg = config_of(dir);
+    TrnConfig cfg = config_for(dir);
     TrnEngine *e = trn_open(&cfg);
     ASSERT_EQ(trn_ingest_text(e, "/f/a.txt", "fits", 800, 200), 1);
     long wal = file_size(dir.file("tarnwick.wal"));
@@ -295,7 +274,7 @@ TEST(SharedIndex, AFullDiskFailsTheAppendAndLeavesTheLogAsItWas)
 TEST(SharedIndex, LongIndexingCheckpointsSoRecoveryReembedsAFewChunksOnly)
 {
     TempDir dir;
-    TrnConfig cfg = config_of(dir);
+    TrnConfig cfg = config_for(dir);
     g_checkpoint_chunks = 3;
     TrnEngine *e = trn_open(&cfg);
     for (int i = 0; i < 7; i++) {

@@ -20,7 +20,7 @@
 namespace
 {
 
-const std::string DRIVER = std::string(TRN_BIN_DIR) + "/../tests/trn_crash_driver";
+const std::string CRASH_DRIVER = std::string(TRN_BIN_DIR) + "/../tests/trn_crash_driver";
 
 /* The calls that change files or their names, and those that create or lock them. */
 const char *const CALLS[] = {
@@ -37,21 +37,7 @@ struct Outcome {
 Outcome run(const std::vector<std::string> &argv, const TempDir &scratch)
 {
     std::string out = scratch.file("out.txt"), err = scratch.file("err.txt");
-    pid_t pid = fork();
-    if (pid == 0) {
-        int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        dup2(o, 1);
-        dup2(e, 2);
-        std::vector<char *> args;
-        for (const std::string &a : argv) {
-            args.push_back(const_cast<char *>(a.c_str()));
-        }
-        args.push_back(nullptr);
-        setenv("OPENBLAS_NUM_THREADS", "1", 1);
-        execvp(args[0], args.data());
-        _exit(127);
-    }
+    pid_t pid = spawn_child(argv, out, err);
     int status = 0;
     waitpid(pid, &status, 0);
     Outcome r;
@@ -99,7 +85,7 @@ class CrashAtEverySyscall : public testing::TestWithParam<const char *>
 protected:
     std::string state(const std::string &dir)
     {
-        Outcome r = run({DRIVER, dir, "state"}, scratch_);
+        Outcome r = run({CRASH_DRIVER, dir, "state"}, scratch_);
         EXPECT_EQ(r.code, 0) << r.out << r.err;
         return r.out;
     }
@@ -109,10 +95,10 @@ protected:
         std::string dir = scratch_.file("reference");
         copy_dir(start_.path(), dir);
         for (const std::string &op : ops) {
-            Outcome r = run({DRIVER, dir, op}, scratch_);
+            Outcome r = run({CRASH_DRIVER, dir, op}, scratch_);
             EXPECT_EQ(r.code, 0) << op << ": " << r.err;
         }
-        Outcome r = run({DRIVER, dir, last}, scratch_);
+        Outcome r = run({CRASH_DRIVER, dir, last}, scratch_);
         EXPECT_EQ(r.code, 0) << r.out << r.err;
         return r.out;
     }
@@ -131,7 +117,7 @@ protected:
                          trace,
                          "-e",
                          std::string("trace=") + call,
-                         DRIVER,
+                         CRASH_DRIVER,
                          dir,
                          op},
                         scratch_);
@@ -152,15 +138,15 @@ protected:
                     std::string("trace=") + call,
                     "-e",
                     "inject=" + inject,
-                    DRIVER,
+                    CRASH_DRIVER,
                     dir,
                     op},
                    scratch_);
     }
     void SetUp() override
     {
-        ASSERT_EQ(access(DRIVER.c_str(), X_OK), 0) << DRIVER;
-        ASSERT_EQ(run({DRIVER, start_.path(), "setup"}, scratch_).code, 0);
+        ASSERT_EQ(access(CRASH_DRIVER.c_str(), X_OK), 0) << CRASH_DRIVER;
+        ASSERT_EQ(run({CRASH_DRIVER, start_.path(), "setup"}, scratch_).code, 0);
     }
 
     TempDir start_;
@@ -184,7 +170,7 @@ TEST_P(CrashAtEverySyscall, LeavesTheStateBeforeOrAfterAndTheNextWriterGoesOn)
             Outcome r = run_injected(call, "signal=SIGKILL", n, dir, op);
             ASSERT_TRUE(r.killed) << op << " at " << call << " #" << n << ": " << r.err;
             crashes++;
-            Outcome c = run({DRIVER, dir, "check"}, scratch_);
+            Outcome c = run({CRASH_DRIVER, dir, "check"}, scratch_);
             ASSERT_EQ(c.code, 0) << c.out << c.err;
             ASSERT_TRUE(c.out == before || c.out == after)
                 << op << " killed at " << call << " #" << n << ":\n"
@@ -234,7 +220,7 @@ TEST(UpdateCrash, AKilledUpdateIsFinishedByTheNextOne)
     write_file_text(src.file("a.txt"), "alpha one, alpha two, alpha three");
     write_file_text(src.file("b.txt"), "bravo one, bravo two");
     write_file_text(src.file("c.txt"), "charlie one, charlie two");
-    ASSERT_EQ(run({DRIVER, start.path(), "update", src.path()}, scratch).code, 0);
+    ASSERT_EQ(run({CRASH_DRIVER, start.path(), "update", src.path()}, scratch).code, 0);
     write_file_text(src.file("a.txt"), "alpha changed, alpha two, alpha four");
     unlink(src.file("b.txt").c_str());
     write_file_text(src.file("d.txt"), "delta one, delta two");
@@ -242,8 +228,8 @@ TEST(UpdateCrash, AKilledUpdateIsFinishedByTheNextOne)
 
     std::string fresh = scratch.file("fresh");
     mkdir(fresh.c_str(), 0700);
-    ASSERT_EQ(run({DRIVER, fresh, "update", src.path()}, scratch).code, 0);
-    const std::string expected = run({DRIVER, fresh, "state"}, scratch).out;
+    ASSERT_EQ(run({CRASH_DRIVER, fresh, "update", src.path()}, scratch).code, 0);
+    const std::string expected = run({CRASH_DRIVER, fresh, "state"}, scratch).out;
 
     /* The calls of the update on the index's files, counted as the fixture above does. */
     std::string dir = scratch.file("crashed"), trace = scratch.file("trace.txt");
@@ -257,7 +243,7 @@ TEST(UpdateCrash, AKilledUpdateIsFinishedByTheNextOne)
              trace,
              "-e",
              std::string("trace=") + call,
-             DRIVER,
+             CRASH_DRIVER,
              dir,
              "update",
              src.path()},
@@ -274,17 +260,17 @@ TEST(UpdateCrash, AKilledUpdateIsFinishedByTheNextOne)
                              std::string("trace=") + call,
                              "-e",
                              "inject=" + inject,
-                             DRIVER,
+                             CRASH_DRIVER,
                              dir,
                              "update",
                              src.path()},
                             scratch);
             ASSERT_TRUE(r.killed) << call << " #" << n << ": " << r.err;
             crashes++;
-            ASSERT_EQ(run({DRIVER, dir, "update", src.path()}, scratch).code, 0);
-            ASSERT_EQ(run({DRIVER, dir, "state"}, scratch).out, expected)
+            ASSERT_EQ(run({CRASH_DRIVER, dir, "update", src.path()}, scratch).code, 0);
+            ASSERT_EQ(run({CRASH_DRIVER, dir, "state"}, scratch).out, expected)
                 << "update killed at " << call << " #" << n;
-            ASSERT_EQ(run({DRIVER, dir, "update", src.path()}, scratch).out,
+            ASSERT_EQ(run({CRASH_DRIVER, dir, "update", src.path()}, scratch).out,
                       "added 0 changed 0 removed 0\n")
                 << "update killed at " << call << " #" << n;
         }

@@ -1,6 +1,7 @@
 // Tests of the HNSW graph: insertion, rebuild and the k-nearest-neighbour query, on engines built
 // by hand (vectors set directly, no encoder), so every case runs in milliseconds.
 #include "internal.h"
+#include "store_fixtures.h"
 
 #include <gtest/gtest.h>
 
@@ -19,33 +20,16 @@ struct HandGraph {
     TrnEngine *e;
 
     HandGraph(int32_t dim, int32_t m, int32_t ef_construction, int32_t ef_search, uint64_t cap)
+        : e(bare_engine())
     {
-        e = static_cast<TrnEngine *>(xcalloc(1, sizeof(TrnEngine)));
-        e->chunks = static_cast<TrnChunk *>(xcalloc(cap, sizeof(TrnChunk)));
-        e->vectors = static_cast<float *>(xcalloc(cap * dim, sizeof(float)));
-        e->nodes = static_cast<TrnNode *>(xcalloc(cap, sizeof(TrnNode)));
-        e->capacity = cap;
         e->dim = dim;
         e->M = m;
         e->ef_construction = ef_construction;
         e->ef_search = ef_search;
-        e->entry_point = -1;
-        e->max_level = -1;
         e->level_mult = m >= 2 ? 1.0f / (float)std::log((double)m) : 1.0f;
+        ensure_cap(e, cap);
     }
-    ~HandGraph()
-    {
-        for (uint64_t i = 0; i < e->capacity; i++) {
-            for (int l = 0; l < TRN_MAX_LEVELS; l++) {
-                free(e->nodes[i].neighbors[l]);
-            }
-        }
-        hnsw_free_scratch(e);
-        free(e->chunks);
-        free(e->vectors);
-        free(e->nodes);
-        free(e);
-    }
+    ~HandGraph() { free_bare_engine(e); }
     HandGraph(const HandGraph &) = delete;
     HandGraph &operator=(const HandGraph &) = delete;
 
@@ -130,11 +114,6 @@ struct Clusters {
         vec_normalize(v.data(), dim);
         return v;
     }
-    int32_t level(float mult)
-    {
-        double u = (std::uniform_int_distribution<int>(0, 2147483646)(rng) + 1.0) / 2147483649.0;
-        return std::clamp((int32_t)std::floor(-std::log(u) * mult), 0, 31);
-    }
 };
 
 std::vector<uint32_t> brute_force(HandGraph &g, const std::vector<float> &q, int k)
@@ -186,7 +165,7 @@ struct BuiltClusters {
     BuiltClusters(int n, int m) : data(32, 40, 7), g(32, m, 100, 50, n)
     {
         for (int i = 0; i < n; i++) {
-            g.add(data.draw(), data.level(g.e->level_mult));
+            g.add(data.draw(), draw_level(&g.e->level_state, g.e->level_mult));
         }
     }
     double recall_at_10(int queries)

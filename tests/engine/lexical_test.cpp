@@ -64,26 +64,6 @@ TEST(LexicalTerms, LongWordsAreCutAndOverlongRunsSplit)
     EXPECT_EQ(terms, std::string(64, 'a') + " " + std::string(44, 'a'));
 }
 
-// An in-memory handle whose chunks are placed by hand, so nothing is embedded.
-struct Bare {
-    TrnEngine *e = bare_engine();
-    ~Bare() { free_bare_engine(e); }
-    void add(const char *path, const char *text)
-    {
-        ensure_cap(e, e->count + 1);
-        TrnChunk *c = &e->chunks[e->count];
-        snprintf(c->doc_id, TRN_ID_MAX, "%s:%d", path, (int)e->count);
-        c->text = xstrdup(text);
-        c->file_path = xstrdup(path);
-        e->count++;
-    }
-    void remove(uint64_t slot)
-    {
-        e->chunks[slot].deleted = 1;
-        e->deleted_count++;
-    }
-};
-
 std::vector<std::string> terms_of(const char *text)
 {
     std::vector<std::string> out;
@@ -108,7 +88,7 @@ TEST(LexicalBm25, ScoresEqualTheDefinitionOverLiveChunks)
         "the file was read, then the file was closed and the cat slept",
         "deleted chunk about cat cat cat file",
     };
-    Bare b;
+    HandEngine b;
     for (const char *t : texts) {
         b.add("f", t);
     }
@@ -186,10 +166,9 @@ TEST(LexicalSnippets, StartWhereTheQueryWordsAreDensestOnThatLine)
         {"one word far in", {{10, "beta "}}, 320, 11},
     };
     for (const Case &c : cases) {
-        Bare b;
+        HandEngine b;
         std::string text = text_with(c.lines);
-        b.add("f.txt", text.c_str());
-        b.e->chunks[0].line_number = 3;
+        b.add("f.txt", text, nullptr, 0, 3);
         b.add("g.txt", "unrelated words only");
         TrnResult r[4];
         ASSERT_EQ(trn_search(b.e, "Alpha BETA gamma", TRN_SEARCH_KEYWORD, 4, r), 1) << c.name;
@@ -321,7 +300,7 @@ TEST(LexicalUpkeep, AgreesWithAFreshIndexAfterEveryChange)
 {
     TempDir dir;
     TempDir copy;
-    TrnConfig cfg = {dir.path().c_str(), nullptr, 0, 0, 0, 0};
+    TrnConfig cfg = config_for(dir);
     TrnEngine *e = trn_open(&cfg);
     for (const char *n : {"a.txt", "b.txt", "c.txt"}) {
         trn_ingest_text(e, n, files().at(n).c_str(), 24, 4);
@@ -332,7 +311,7 @@ TEST(LexicalUpkeep, AgreesWithAFreshIndexAfterEveryChange)
     write_file_bytes(copy.file("tarnwick.wal"),
                      read_file_bytes(dir.file("tarnwick.wal")).data(),
                      read_file_bytes(dir.file("tarnwick.wal")).size());
-    TrnConfig copy_cfg = {copy.path().c_str(), nullptr, 0, 0, 0, 0};
+    TrnConfig copy_cfg = config_for(copy);
     TrnEngine *replayed = trn_open(&copy_cfg);
     EXPECT_EQ(ranking(replayed), scratch({"a.txt", "b.txt", "c.txt"})) << "after replay";
     trn_close(replayed);
@@ -356,7 +335,7 @@ TEST(LexicalUpkeep, AgreesWithAFreshIndexAfterEveryChange)
     const std::vector<uint8_t> old_lex = read_file_bytes(dir.file("tarnwick.lex"));
     trn_remove_file(e, "d.txt");
     trn_ingest_text(e, "a.txt", files().at("a.txt").c_str(), 24, 4);
-    TrnConfig log_cfg = {copy.path().c_str(), nullptr, 0, 0, 0, 0};
+    TrnConfig log_cfg = config_for(copy);
     for (const char *name : {"tarnwick.bin", "tarnwick.commit", "tarnwick.lex", "tarnwick.wal"}) {
         std::vector<uint8_t> bytes = read_file_bytes(dir.file(name));
         write_file_bytes(copy.file(name), bytes.data(), bytes.size());

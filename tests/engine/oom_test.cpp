@@ -21,8 +21,7 @@ protected:
 TEST_F(OutOfMemory, EveryEarlyAllocationOfAnOpenEndsTheProcess)
 {
     TempDir dir;
-    TrnConfig cfg = {};
-    cfg.index_dir = dir.path().c_str();
+    TrnConfig cfg = config_for(dir);
     for (long n : {1L, 2L, 3L, 4L, 6L, 9L}) {
         EXPECT_EXIT(
             {

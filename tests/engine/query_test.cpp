@@ -1,6 +1,7 @@
 // Tests of trn_search on in-memory engines whose chunks are placed by hand: texts, paths and
 // vectors are set directly, so nothing is embedded but the query itself in semantic mode.
 #include "internal.h"
+#include "store_fixtures.h"
 #include "tarnwick.h"
 
 #include <gtest/gtest.h>
@@ -17,43 +18,7 @@
 namespace
 {
 
-struct Engine {
-    TrnEngine *e;
-    Engine()
-    {
-        TrnConfig cfg = {nullptr, nullptr, 0, 0, 0, 0};
-        e = trn_open(&cfg);
-        e->level_state = 5;
-    }
-    ~Engine() { trn_close(e); }
-    Engine(const Engine &) = delete;
-    Engine &operator=(const Engine &) = delete;
-
-    // Adds a chunk record; with a vector it is also linked into the graph.
-    uint32_t add(const char *path, const std::string &text, const std::vector<float> *vec = nullptr,
-                 int32_t ordinal = 0, int32_t line = 1)
-    {
-        ensure_cap(e, e->count + 1);
-        uint32_t slot = (uint32_t)e->count++;
-        TrnChunk *c = &e->chunks[slot];
-        snprintf(c->doc_id, TRN_ID_MAX, "%s:%d", path ? path : "", ordinal);
-        c->text = xstrdup(text.c_str());
-        c->file_path = path ? xstrdup(path) : nullptr;
-        c->chunk_index = ordinal;
-        c->line_number = line;
-        c->file_type = TRN_FILE_TYPE_MARKDOWN;
-        if (vec) {
-            memcpy(e->vectors + (size_t)slot * e->dim, vec->data(), sizeof(float) * e->dim);
-            e->nodes[slot].level = draw_level(&e->level_state, e->level_mult);
-            hnsw_insert(e, slot);
-        }
-        return slot;
-    }
-    void remove(uint32_t slot)
-    {
-        e->chunks[slot].deleted = 1;
-        e->deleted_count++;
-    }
+struct Engine : HandEngine {
     // A document index set by hand: one name and one centroid per file.
     void set_files(const std::vector<std::string> &names, const std::vector<std::vector<float>> &c)
     {

@@ -1,10 +1,12 @@
 // Regular-expression search: ordinary patterns find what the C library's POSIX extended matcher
 // finds, and hostile ones are refused with a reason or run in time linear in the text.
 #include "internal.h"
+#include "store_fixtures.h"
 #include "tarnwick.h"
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <string>
 #include <vector>
 
@@ -13,68 +15,37 @@
 namespace
 {
 
-struct Engine {
-    TrnEngine *e;
-    Engine()
-    {
-        TrnConfig cfg = {nullptr, nullptr, 0, 0, 0, 0};
-        e = trn_open(&cfg);
-    }
-    ~Engine() { trn_close(e); }
-    Engine(const Engine &) = delete;
-    Engine &operator=(const Engine &) = delete;
-
+struct Engine : HandEngine {
     void add(const std::string &text)
     {
-        ensure_cap(e, e->count + 1);
-        TrnChunk *c = &e->chunks[e->count];
-        snprintf(c->doc_id, TRN_ID_MAX, "/t.txt:%d", (int)e->count);
-        c->text = xstrdup(text.c_str());
-        c->file_path = xstrdup("/t.txt");
-        c->chunk_index = (int32_t)e->count;
-        c->line_number = 1;
-        e->count++;
+        HandEngine::add("/t.txt", text, nullptr, (int32_t)e->count);
     }
-    // "chunk:snippet" per hit, so a different match start shows as a different snippet.
-    std::vector<std::string> hits(const char *pattern)
+    // (chunk, snippet) per hit.
+    std::vector<std::pair<size_t, std::string>> hits(const char *pattern)
     {
         TrnResult out[TRN_MAX_RESULTS];
         int32_t n = trn_search(e, pattern, TRN_SEARCH_REGEX, TRN_MAX_RESULTS, out);
-        std::vector<std::string> got;
+        std::vector<std::pair<size_t, std::string>> got;
         for (int32_t i = 0; i < n; i++) {
-            got.push_back(std::to_string(out[i].chunk_index) + ":" + out[i].snippet);
+            got.push_back({(size_t)out[i].chunk_index, out[i].snippet});
         }
         return got;
     }
 };
 
-// The same list computed with regcomp/regexec, the matcher regex search used to run on.
-std::vector<std::string> posix_hits(const std::vector<std::string> &texts, const char *pattern)
+// (chunk, match start, match end) of each text that regcomp/regexec match, the matcher regex
+// search used to run on.
+std::vector<std::array<size_t, 3>> posix_matches(const std::vector<std::string> &texts,
+                                                 const char *pattern)
 {
     regex_t re;
     EXPECT_EQ(regcomp(&re, pattern, REG_EXTENDED | REG_ICASE), 0) << pattern;
-    std::vector<std::string> got;
+    std::vector<std::array<size_t, 3>> got;
     for (size_t i = 0; i < texts.size(); i++) {
         regmatch_t m;
-        if (regexec(&re, texts[i].c_str(), 1, &m, 0) != 0) {
-            continue;
+        if (regexec(&re, texts[i].c_str(), 1, &m, 0) == 0) {
+            got.push_back({i, (size_t)m.rm_so, (size_t)m.rm_eo});
         }
-        // The snippet rule: from a space or line feed at most 75 bytes before the match.
-        size_t p = (size_t)m.rm_so;
-        size_t start = 0;
-        if (p >= 76) {
-            start = p;
-            for (size_t j = p - 75; j < p; j++) {
-                if (texts[i][j] == ' ' || texts[i][j] == '\n') {
-                    start = j;
-                    break;
-                }
-            }
-            if (texts[i][start] == ' ' || texts[i][start] == '\n') {
-                start++;
-            }
-        }
-        got.push_back(std::to_string(i) + ":" + texts[i].substr(start, 300));
     }
     regfree(&re);
     return got;
@@ -122,7 +93,20 @@ TEST(RegexSearch, OrdinaryPatternsFindWhatPosixExtendedFinds)
         "[[:upper:]]{3}BAZ",
     };
     for (const char *pattern : patterns) {
-        EXPECT_EQ(eng.hits(pattern), posix_hits(texts, pattern)) << pattern;
+        SCOPED_TRACE(pattern);
+        const auto got = eng.hits(pattern);
+        const auto want = posix_matches(texts, pattern);
+        ASSERT_EQ(got.size(), want.size());
+        for (size_t k = 0; k < got.size(); k++) {
+            const auto [chunk, from, to] = want[k];
+            ASSERT_EQ(got[k].first, chunk);
+            // The same match: the snippet starts at most 75 bytes before it and shows all of it.
+            const size_t start = texts[chunk].find(got[k].second);
+            ASSERT_NE(start, std::string::npos) << got[k].second;
+            EXPECT_LE(start, from);
+            EXPECT_LE(from - start, 75u) << got[k].second;
+            EXPECT_GE(start + got[k].second.size(), to);
+        }
     }
 }
 

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -86,6 +87,14 @@ private:
     std::string path_;
 };
 
+/* A configuration with dir as the index directory and defaults for the rest. */
+inline TrnConfig config_for(const TempDir &dir)
+{
+    TrnConfig cfg = {};
+    cfg.index_dir = dir.path().c_str();
+    return cfg;
+}
+
 inline std::vector<uint8_t> read_file_bytes(const std::string &path)
 {
     std::vector<uint8_t> bytes;
@@ -102,8 +111,14 @@ inline std::vector<uint8_t> read_file_bytes(const std::string &path)
     return bytes;
 }
 
+/* Writes a file, creating the directories on the way to it that do not exist yet. */
 inline void write_file_bytes(const std::string &path, const void *data, size_t n)
 {
+    for (size_t i = 1; i < path.size(); i++) {
+        if (path[i] == '/') {
+            mkdir(path.substr(0, i).c_str(), 0700);
+        }
+    }
     FILE *f = fopen(path.c_str(), "wb");
     if (f) {
         if (n > 0) {
@@ -140,6 +155,27 @@ inline long file_size(const std::string &path)
 {
     struct stat st;
     return stat(path.c_str(), &st) == 0 ? (long)st.st_size : -1;
+}
+
+/* Starts argv (no shell; argv[0] is looked up in PATH) with standard output and error going to
+** the named files, and returns the child's pid. */
+inline pid_t spawn_child(const std::vector<std::string> &argv, const std::string &out,
+                         const std::string &err)
+{
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
+        dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
+        std::vector<char *> args;
+        for (const std::string &a : argv) {
+            args.push_back(const_cast<char *>(a.c_str()));
+        }
+        args.push_back(nullptr);
+        setenv("OPENBLAS_NUM_THREADS", "1", 1);
+        execvp(args[0], args.data());
+        _exit(127);
+    }
+    return pid;
 }
 
 /* Little-endian bytes assembled field by field, independently of the engine's writer. */
@@ -248,6 +284,46 @@ inline void free_bare_engine(TrnEngine *e)
     hnsw_free_scratch(e);
     free(e);
 }
+
+/* An in-memory handle (with its encoder) whose chunks are placed by hand: text and path are
+** set directly, and a chunk given a vector is also linked into the graph. */
+struct HandEngine {
+    TrnEngine *e;
+    HandEngine()
+    {
+        TrnConfig cfg = {};
+        e = trn_open(&cfg);
+        e->level_state = 5;
+    }
+    ~HandEngine() { trn_close(e); }
+    HandEngine(const HandEngine &) = delete;
+    HandEngine &operator=(const HandEngine &) = delete;
+
+    uint32_t add(const char *path, const std::string &text, const std::vector<float> *vec = nullptr,
+                 int32_t ordinal = 0, int32_t line = 1)
+    {
+        ensure_cap(e, e->count + 1);
+        uint32_t slot = (uint32_t)e->count++;
+        TrnChunk *c = &e->chunks[slot];
+        snprintf(c->doc_id, TRN_ID_MAX, "%s:%d", path ? path : "", ordinal);
+        c->text = xstrdup(text.c_str());
+        c->file_path = path ? xstrdup(path) : nullptr;
+        c->chunk_index = ordinal;
+        c->line_number = line;
+        c->file_type = TRN_FILE_TYPE_MARKDOWN;
+        if (vec) {
+            memcpy(e->vectors + (size_t)slot * e->dim, vec->data(), sizeof(float) * e->dim);
+            e->nodes[slot].level = draw_level(&e->level_state, e->level_mult);
+            hnsw_insert(e, slot);
+        }
+        return slot;
+    }
+    void remove(uint64_t slot)
+    {
+        e->chunks[slot].deleted = 1;
+        e->deleted_count++;
+    }
+};
 
 /* Checks what every loaded handle must satisfy, whatever file it came from. Returns an empty
 ** string when all hold, else a description of the first violation. */

@@ -16,13 +16,6 @@
 namespace
 {
 
-TrnConfig config_for(const TempDir &dir)
-{
-    TrnConfig cfg = {};
-    cfg.index_dir = dir.path().c_str();
-    return cfg;
-}
-
 /* Puts a chunk into a handle directly, with a known vector and graph node. */
 void put_chunk(TrnEngine *e, const StoreRecord &r)
 {
@@ -248,7 +241,6 @@ TEST(StoreFile, EmptyDirectoryOpensWithNoDocsAndWritesNothing)
     std::string log = testing::internal::GetCapturedStderr();
     EXPECT_EQ(log, "tarnwick: opened (0 docs, dim=512)\n");
     EXPECT_EQ(e->entry_point, -1);
-    EXPECT_EQ(e->capacity, 64u);
     trn_close(e);
     EXPECT_EQ(dir_names(dir.path()), std::vector<std::string>{"tarnwick.lock"});
 }
@@ -261,7 +253,8 @@ TEST(StoreFile, InMemoryEngineCheckpointsToNothing)
     EXPECT_EQ(e->store_path[0], '\0');
     EXPECT_EQ(e->wal, nullptr);
     EXPECT_EQ(trn_checkpoint(e), 1);
-    EXPECT_STREQ(trn_version(), "1.23.0");
+    int major, minor, patch;
+    EXPECT_EQ(sscanf(trn_version(), "%d.%d.%d", &major, &minor, &patch), 3) << trn_version();
     trn_close(e);
     trn_close(nullptr);
 }
@@ -362,7 +355,7 @@ TEST(StoreFile, HostileCountsAndLengthsEndTheLoadWithoutOverreach)
     TrnEngine *e = bare_engine();
     store_load(e, path.c_str());
     EXPECT_EQ(e->count, 1u);
-    EXPECT_EQ(e->capacity, 64u);
+    EXPECT_LT(e->capacity, 1024u);
     EXPECT_EQ(handle_invariant_violation(e), "");
     free_bare_engine(e);
 

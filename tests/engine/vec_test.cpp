@@ -188,23 +188,17 @@ TEST(VecExpTanh, TailElementsGetTheSameValuesAsFullBlocks)
     // The last n % 8 elements take a separate path; they must agree with the same inputs inside
     // a block and leave the memory after them alone.
     std::vector<float> block = randomFloats(16, 3, -3.0f, 3.0f);
-    for (size_t n = 1; n < 16; n++) {
-        std::vector<float> e(block.begin(), block.begin() + n);
-        std::vector<float> full = block;
-        e.push_back(42.0f);
-        vec_exp(e.data(), n);
-        vec_exp(full.data(), full.size());
-        for (size_t i = 0; i < n; i++) {
-            ASSERT_EQ(e[i], full[i]) << "n=" << n << " i=" << i;
-        }
-        EXPECT_EQ(e[n], 42.0f);
-
-        std::vector<float> t(block.begin(), block.begin() + n);
-        std::vector<float> tfull = block;
-        vec_tanh(t.data(), n);
-        vec_tanh(tfull.data(), tfull.size());
-        for (size_t i = 0; i < n; i++) {
-            ASSERT_EQ(t[i], tfull[i]) << "n=" << n << " i=" << i;
+    for (void (*fn)(float *, size_t) : {vec_exp, vec_tanh}) {
+        for (size_t n = 1; n < 16; n++) {
+            std::vector<float> part(block.begin(), block.begin() + n);
+            std::vector<float> full = block;
+            part.push_back(42.0f);
+            fn(part.data(), n);
+            fn(full.data(), full.size());
+            for (size_t i = 0; i < n; i++) {
+                ASSERT_EQ(part[i], full[i]) << "n=" << n << " i=" << i;
+            }
+            EXPECT_EQ(part[n], 42.0f);
         }
     }
 }

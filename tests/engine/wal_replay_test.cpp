@@ -56,8 +56,7 @@ void end_group(Bytes &b, size_t start)
 
 TEST_F(WalReplay, EachFileAndRemovalIsAppendedAsOneGroupBeforeTheCallReturns)
 {
-    TrnConfig cfg = {};
-    cfg.index_dir = dir_.path().c_str();
+    TrnConfig cfg = config_for(dir_);
     TrnEngine *e = trn_open(&cfg);
     ASSERT_EQ(trn_ingest_text(e, "/x/n.txt", "abc", 800, 200), 1);
     /* Read while the handle is still open: nothing may wait in a buffer. The first write
@@ -231,8 +230,7 @@ TEST_F(WalReplay, RecordsAppendedAfterATornTailAreReplayedLater)
     log.u8('A').u32(10).raw("/s/b."); /* torn inside the id */
     log.write(dir_.file("tarnwick.wal"));
 
-    TrnConfig cfg = {};
-    cfg.index_dir = dir_.path().c_str();
+    TrnConfig cfg = config_for(dir_);
     pid_t pid = fork();
     ASSERT_GE(pid, 0);
     if (pid == 0) {

@@ -19,14 +19,6 @@
 namespace
 {
 
-void write_text(const std::string &path, const std::string &text)
-{
-    FILE *f = fopen(path.c_str(), "wb");
-    ASSERT_NE(f, nullptr) << path;
-    fwrite(text.data(), 1, text.size(), f);
-    fclose(f);
-}
-
 void link_to(const std::string &target, const std::string &path)
 {
     ASSERT_EQ(symlink(target.c_str(), path.c_str()), 0) << path;
@@ -70,11 +62,9 @@ TEST(Walk, LinkLoopsEndAndLinksOutOfTheTreeAreNotFollowed)
 {
     TempDir tmp;
     const std::string root = tmp.file("tree");
-    mkdir(root.c_str(), 0700);
-    mkdir((root + "/sub").c_str(), 0700);
-    write_text(root + "/a.txt", "alpha file inside the tree");
-    write_text(root + "/sub/b.txt", "bravo file inside the tree");
-    write_text(tmp.file("secret.txt"), "a secret outside the tree");
+    write_file_text(root + "/a.txt", "alpha file inside the tree");
+    write_file_text(root + "/sub/b.txt", "bravo file inside the tree");
+    write_file_text(tmp.file("secret.txt"), "a secret outside the tree");
     link_to(".", root + "/loop1");      // a loop through the root
     link_to("..", root + "/sub/loop2"); // a loop through the parent
     link_to("../..", root + "/sub/up"); // out of the tree
@@ -114,7 +104,7 @@ long child_peak_mib(Fn fn)
 TEST(Walk, FilesAboveTheSizeLimitAreSkippedWithoutReadingThem)
 {
     TempDir dir;
-    write_text(dir.file("small.txt"), "a small file that is indexed");
+    write_file_text(dir.file("small.txt"), "a small file that is indexed");
     // Sparse: 2 GiB long, no block on disk. Reading it in would take 2 GiB of memory.
     int fd = open(dir.file("huge.txt").c_str(), O_WRONLY | O_CREAT, 0600);
     ASSERT_GE(fd, 0);

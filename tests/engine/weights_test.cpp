@@ -1,6 +1,7 @@
 // The encoder weights file: exact layout and sizes of versions 1-3, bit-exact round trips, and
 // every refusal of a damaged or hostile file.
 #include "internal.h"
+#include "store_fixtures.h"
 
 #include <gtest/gtest.h>
 
@@ -9,7 +10,6 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -19,12 +19,7 @@ namespace
 constexpr size_t D = 512;
 constexpr size_t F = 2048;
 constexpr long kV1Size = 26263584;
-
-long fileSize(const std::string &path)
-{
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 ? (long)st.st_size : -1;
-}
+const TrnWeightsMeta kNoMeta = {}; // what a file without metadata loads as
 
 // Overwrites 4 bytes at offset with v (little-endian).
 void patchU32(const std::string &path, long offset, uint32_t v)
@@ -48,14 +43,6 @@ uint32_t readU32(const std::string &path, long offset)
         fclose(f);
     }
     return v;
-}
-
-void writeBytes(const std::string &path, const std::vector<uint32_t> &words)
-{
-    FILE *f = fopen(path.c_str(), "wb");
-    ASSERT_NE(f, nullptr);
-    fwrite(words.data(), 4, words.size(), f);
-    fclose(f);
 }
 
 // Every float array of an encoder with its length, in file order.
@@ -117,9 +104,7 @@ class WeightsFile : public testing::Test
 protected:
     void SetUp() override
     {
-        dir = testing::TempDir() + "weights_test_" + std::to_string(getpid());
-        mkdir(dir.c_str(), 0700);
-        path = dir + "/w.tten";
+        path = dir.file("w.tten");
         encoder_init(&enc, 42);
         // Values the random initialiser never produces, so a load that skips a tensor shows.
         enc.layers[1].ln2_beta[511] = -0.0f;
@@ -130,8 +115,6 @@ protected:
     {
         encoder_release(&enc);
         encoder_release(&other);
-        remove(path.c_str());
-        rmdir(dir.c_str());
     }
 
     // Loads path into `other` with stderr captured; returns the result and keeps the output.
@@ -143,14 +126,15 @@ protected:
         return ok;
     }
 
-    std::string dir, path, err;
+    TempDir dir;
+    std::string path, err;
     TrnEncoder enc, other;
 };
 
 TEST_F(WeightsFile, Version1RoundTripsBitForBit)
 {
     ASSERT_EQ(trn_encoder_save_weights(&enc, path.c_str()), 1);
-    EXPECT_EQ(fileSize(path), kV1Size);
+    EXPECT_EQ(file_size(path), kV1Size);
     EXPECT_EQ(readU32(path, 0), 0x4E455454u); // "TTEN"
     EXPECT_EQ(readU32(path, 4), 1u);
     EXPECT_EQ(readU32(path, 8), 260u);
@@ -168,9 +152,7 @@ TEST_F(WeightsFile, Version1RoundTripsBitForBit)
     ASSERT_EQ(loadQuietly(&meta), 1);
     EXPECT_EQ(err, "");
     EXPECT_TRUE(sameWeights(&enc, &other));
-    TrnWeightsMeta zero;
-    memset(&zero, 0, sizeof zero);
-    EXPECT_EQ(memcmp(&meta, &zero, sizeof meta), 0) << "version 1 zeroes the metadata";
+    EXPECT_EQ(memcmp(&meta, &kNoMeta, sizeof meta), 0) << "version 1 zeroes the metadata";
 
     std::vector<float> a(D), b(D);
     trn_encoder_embed_text(&enc, "same weights, same vector", a.data());
@@ -182,7 +164,7 @@ TEST_F(WeightsFile, Version2KeepsTheMetadataIncludingBothHalvesOfTheU64)
 {
     TrnWeightsMeta meta = {7, 0xFFFFFFFEu, 0.125f, -3.5f, 0x0123456789ABCDEFull};
     ASSERT_EQ(trn_encoder_save_weights_meta(&enc, path.c_str(), &meta), 1);
-    EXPECT_EQ(fileSize(path), kV1Size + 28);
+    EXPECT_EQ(file_size(path), kV1Size + 28);
     EXPECT_EQ(readU32(path, 4), 2u);
     EXPECT_EQ(readU32(path, 48), 0x89ABCDEFu) << "low half first";
     EXPECT_EQ(readU32(path, 52), 0x01234567u);
@@ -201,7 +183,7 @@ TEST_F(WeightsFile, Version3CarriesTheTokenizerAndResizesTheTokenEmbedding)
     encoder_release(&enc);
     encoder_init_bpe(&enc, 42, makeBpe(5));
     ASSERT_EQ(trn_encoder_save_weights(&enc, path.c_str()), 1);
-    EXPECT_EQ(fileSize(path), 64 + 8 * 5 + 2048 * 5 + 26263552);
+    EXPECT_EQ(file_size(path), 64 + 8 * 5 + 2048 * 5 + 26263552);
     EXPECT_EQ(readU32(path, 4), 3u);
     EXPECT_EQ(readU32(path, 8), 265u);
     for (long off = 32; off < 60; off += 4) {
@@ -219,9 +201,7 @@ TEST_F(WeightsFile, Version3CarriesTheTokenizerAndResizesTheTokenEmbedding)
     EXPECT_EQ(other.bpe->vocab_size, 265u);
     EXPECT_EQ(memcmp(other.bpe->merges, enc.bpe->merges, 5 * 8), 0);
     EXPECT_TRUE(sameWeights(&enc, &other));
-    TrnWeightsMeta zero;
-    memset(&zero, 0, sizeof zero);
-    EXPECT_EQ(memcmp(&meta, &zero, sizeof meta), 0);
+    EXPECT_EQ(memcmp(&meta, &kNoMeta, sizeof meta), 0);
 
     // Loading a version 1 file afterwards makes the encoder byte-level again.
     encoder_release(&enc);
@@ -239,7 +219,7 @@ TEST_F(WeightsFile, Version3WithMetadataAndWithZeroMerges)
     encoder_init_bpe(&enc, 42, makeBpe(0));
     TrnWeightsMeta meta = {1, 2, 3.0f, 4.0f, 5};
     ASSERT_EQ(trn_encoder_save_weights_meta(&enc, path.c_str(), &meta), 1);
-    EXPECT_EQ(fileSize(path), 64 + 26263552);
+    EXPECT_EQ(file_size(path), 64 + 26263552);
     TrnWeightsMeta back;
     ASSERT_EQ(loadQuietly(&back), 1);
     EXPECT_EQ(memcmp(&back, &meta, sizeof meta), 0);
@@ -314,8 +294,9 @@ TEST_F(WeightsFile, AHostileMergeCountInASmallFileIsRefusedBeforeAnyAllocation)
     // 2^32 - 261 merges in a 68-byte file: reading or allocating for them would need hundreds of
     // gigabytes, so the load must fail on the bytes left, not run out of memory.
     const uint32_t m = 0xFFFFFFFFu - 260;
-    writeBytes(path,
-               {0x4E455454u, 3, m + 260, 256, 512, 8, 2048, 2, 0, 0, 0, 0, 0, 0, 0, m, 'a', 'b'});
+    const uint32_t words[] = {
+        0x4E455454u, 3, m + 260, 256, 512, 8, 2048, 2, 0, 0, 0, 0, 0, 0, 0, m, 'a', 'b'};
+    write_file_bytes(path, words, sizeof words);
     ASSERT_EQ(loadQuietly(), 0);
     EXPECT_EQ(err, "");
     EXPECT_EQ(other.bpe, nullptr);
@@ -397,7 +378,7 @@ TEST_F(WeightsFile, NonFiniteOrHugeValuesAreRefusedAndLeaveAFiniteEncoder)
         ASSERT_EQ(trn_encoder_save_weights(&enc, path.c_str()), 1);
         uint32_t bits;
         memcpy(&bits, &c.value, 4);
-        patchU32(path, c.offset < 0 ? fileSize(path) + c.offset : c.offset, bits);
+        patchU32(path, c.offset < 0 ? file_size(path) + c.offset : c.offset, bits);
         if (c.cut > 0) {
             ASSERT_EQ(truncate(path.c_str(), c.cut), 0);
         }
@@ -431,7 +412,7 @@ TEST_F(WeightsFile, NonFiniteOrHugeValuesAreRefusedAndLeaveAFiniteEncoder)
 
 TEST_F(WeightsFile, SaveFailsForAnUncreatableFileAndAFullDisk)
 {
-    EXPECT_EQ(trn_encoder_save_weights(&enc, (dir + "/missing/w.tten").c_str()), 0);
+    EXPECT_EQ(trn_encoder_save_weights(&enc, (dir.file("missing/w.tten")).c_str()), 0);
     if (access("/dev/full", W_OK) == 0) {
         EXPECT_EQ(trn_encoder_save_weights(&enc, "/dev/full"), 0);
         encoder_release(&enc);
@@ -443,7 +424,8 @@ TEST_F(WeightsFile, SaveFailsForAnUncreatableFileAndAFullDisk)
 TEST(WeightsOom, TheNewTokenEmbeddingOfAVersion3FileIsASizedFailure)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    std::string path = testing::TempDir() + "weights_oom_" + std::to_string(getpid()) + ".tten";
+    TempDir dir;
+    std::string path = dir.file("w.tten");
     TrnEncoder enc;
     encoder_init_bpe(&enc, 42, makeBpe(1));
     ASSERT_EQ(trn_encoder_save_weights(&enc, path.c_str()), 1);
@@ -456,7 +438,6 @@ TEST(WeightsOom, TheNewTokenEmbeddingOfAVersion3FileIsASizedFailure)
         testing::ExitedWithCode(1),
         "^tarnwick: OOM \\(534528 bytes\\)\n$");
     encoder_release(&enc);
-    remove(path.c_str());
 }
 
 } // namespace

@@ -1,4 +1,5 @@
 // The pair sampler and the tokenizer's corpus sample: what they read, from where, and how much.
+#include "../engine/store_fixtures.h"
 #include "corpus.h"
 
 #include <gtest/gtest.h>
@@ -9,8 +10,6 @@
 #include <string>
 #include <vector>
 
-#include <unistd.h>
-
 using namespace trn_train;
 
 namespace
@@ -18,17 +17,12 @@ namespace
 
 // A temporary corpus file removed at the end of the test.
 struct TempCorpus {
-    std::string path;
-    explicit TempCorpus(const std::string &text)
-    {
-        char tmpl[] = "/tmp/trn_corpus_test_XXXXXX";
-        int fd = mkstemp(tmpl);
-        EXPECT_GE(fd, 0);
-        path = tmpl;
-        EXPECT_EQ(write(fd, text.data(), text.size()), (ssize_t)text.size());
-        close(fd);
-    }
-    ~TempCorpus() { unlink(path.c_str()); }
+    TempDir dir;
+    std::string path = dir.file("corpus.txt");
+    CorpusSampler sampler;
+    std::string err;
+    explicit TempCorpus(const std::string &text) { write_file_text(path, text); }
+    bool open() { return sampler.open(path, &err); }
 };
 
 // Words that name their own byte offset ("w0001234 "), paragraphs of 12 words, so every piece
@@ -66,16 +60,14 @@ TEST(CorpusSampler, PairsAreTextOfTheCorpusInTheShapesTheTrainerExpects)
 {
     const std::string text = numbered_corpus(200000);
     TempCorpus corpus(text);
-    CorpusSampler sampler;
-    std::string err;
-    ASSERT_TRUE(sampler.open(corpus.path, &err)) << err;
-    EXPECT_EQ(sampler.size(), text.size());
+    ASSERT_TRUE(corpus.open()) << corpus.err;
+    EXPECT_EQ(corpus.sampler.size(), text.size());
 
     std::mt19937_64 rng(1);
     std::vector<std::string> texts;
     int query_pairs = 0, crop_pairs = 0;
     for (int round = 0; round < 40; round++) {
-        ASSERT_TRUE(sampler.draw(8, rng, texts, &err)) << err;
+        ASSERT_TRUE(corpus.sampler.draw(8, rng, texts, &corpus.err)) << corpus.err;
         ASSERT_EQ(texts.size(), 16u);
         for (int i = 0; i < 8; i++) {
             const std::string &anchor = texts[2 * i], &positive = texts[2 * i + 1];
@@ -115,16 +107,14 @@ TEST(CorpusSampler, NeighbouringPairsComeFromOneStratumOneChunkStrideApart)
 {
     const std::string text = numbered_corpus(400000);
     TempCorpus corpus(text);
-    CorpusSampler sampler;
-    std::string err;
-    ASSERT_TRUE(sampler.open(corpus.path, &err)) << err;
+    ASSERT_TRUE(corpus.open()) << corpus.err;
     std::mt19937_64 rng(2);
     std::vector<std::string> texts;
     const int pairs = 8, groups = pairs / NEIGHBOURS;
     const long stratum = (long)text.size() / groups;
     int strides_seen = 0;
     for (int round = 0; round < 20; round++) {
-        ASSERT_TRUE(sampler.draw(pairs, rng, texts, &err));
+        ASSERT_TRUE(corpus.sampler.draw(pairs, rng, texts, &corpus.err));
         for (int i = 0; i < pairs; i++) {
             long at = offset_of_first_word(texts[2 * i + 1]);
             ASSERT_GE(at, 0);
@@ -149,13 +139,11 @@ TEST(CorpusSampler, TinyCorpusStillGivesWholeWindowsAndNulBytesReadAsSpaces)
     std::string text = "alpha beta gamma delta epsilon zeta eta theta iota kappa lambda mu nu xi";
     text += std::string("\0\0", 2) + " omicron pi rho sigma tau upsilon phi chi psi omega end";
     TempCorpus corpus(text);
-    CorpusSampler sampler;
-    std::string err;
-    ASSERT_TRUE(sampler.open(corpus.path, &err));
+    ASSERT_TRUE(corpus.open()) << corpus.err;
     std::mt19937_64 rng(3);
     std::vector<std::string> texts;
     for (int round = 0; round < 20; round++) {
-        ASSERT_TRUE(sampler.draw(2, rng, texts, &err));
+        ASSERT_TRUE(corpus.sampler.draw(2, rng, texts, &corpus.err));
         for (const std::string &t : texts) {
             EXPECT_EQ(t.find('\0'), std::string::npos);
             EXPECT_FALSE(t.empty());

@@ -1,5 +1,6 @@
 // The command-line contract of train_bpe and trainer as the application uses it: arguments,
 // exit status, messages, progress lines, the loss log and the files left behind.
+#include "../engine/store_fixtures.h"
 #include "internal.h"
 
 #include <gtest/gtest.h>
@@ -8,7 +9,6 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -18,7 +18,6 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -36,41 +35,24 @@ struct Result {
 
 std::string slurp(const std::string &path)
 {
-    std::ifstream f(path, std::ios::binary);
-    std::stringstream ss;
-    ss << f.rdbuf();
-    return ss.str();
+    std::vector<uint8_t> bytes = read_file_bytes(path);
+    return std::string(bytes.begin(), bytes.end());
 }
 
 bool exists(const std::string &path)
 {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0;
+    return file_size(path) >= 0;
 }
 
 class TrainerCli : public ::testing::Test
 {
 protected:
-    std::string dir;
+    TempDir dir;
 
-    void SetUp() override
-    {
-        char tmpl[] = "/tmp/trn_trainer_cli_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir = tmpl;
-    }
-    void TearDown() override
-    {
-        std::string cmd = "rm -rf '" + dir + "'";
-        ASSERT_EQ(system(cmd.c_str()), 0);
-    }
-
-    std::string path(const std::string &name) const { return dir + "/" + name; }
-
+    std::string path(const std::string &name) const { return dir.file(name); }
     void write_file(const std::string &name, const std::string &text) const
     {
-        std::ofstream f(path(name), std::ios::binary);
-        f << text;
+        write_file_text(path(name), text);
     }
 
     // Paragraphs of plain prose about a few topics, separated by blank lines like the
@@ -91,7 +73,8 @@ protected:
         return s.substr(0, bytes);
     }
 
-    Result run(const std::string &program, const std::vector<std::string> &args) const
+    // Starts program with stdout and stderr going to files in the directory; -1 if it fails.
+    pid_t spawn(const std::string &program, const std::vector<std::string> &args) const
     {
         std::vector<std::string> all{BIN + "/" + program};
         all.insert(all.end(), args.begin(), args.end());
@@ -100,26 +83,31 @@ protected:
             argv.push_back(a.data());
         }
         argv.push_back(nullptr);
-        std::string out_path = path("stdout.txt"), err_path = path("stderr.txt");
         posix_spawn_file_actions_t fa;
         posix_spawn_file_actions_init(&fa);
         posix_spawn_file_actions_addopen(
-            &fa, 1, out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            &fa, 1, path("stdout.txt").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         posix_spawn_file_actions_addopen(
-            &fa, 2, err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            &fa, 2, path("stderr.txt").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         pid_t pid;
-        Result r;
         int rc = posix_spawn(&pid, argv[0], &fa, nullptr, argv.data(), environ);
         posix_spawn_file_actions_destroy(&fa);
         EXPECT_EQ(rc, 0) << "cannot start " << argv[0];
-        if (rc != 0) {
+        return rc == 0 ? pid : -1;
+    }
+
+    Result run(const std::string &program, const std::vector<std::string> &args) const
+    {
+        Result r;
+        pid_t pid = spawn(program, args);
+        if (pid < 0) {
             return r;
         }
         int ws = 0;
         waitpid(pid, &ws, 0);
         r.status = WIFEXITED(ws) ? WEXITSTATUS(ws) : 128 + WTERMSIG(ws);
-        r.out = slurp(out_path);
-        r.err = slurp(err_path);
+        r.out = slurp(path("stdout.txt"));
+        r.err = slurp(path("stderr.txt"));
         return r;
     }
 
@@ -131,6 +119,13 @@ protected:
         std::vector<std::string> args{corpus, out, steps, batch, "0.001", heads, layers};
         args.insert(args.end(), extra.begin(), extra.end());
         return run("trainer", args);
+    }
+
+    // trainer on corpus.txt with batch 2, 8 heads, 2 layers and the extra arguments.
+    Result train_on(const std::vector<std::string> &extra, const std::string &out = "w.tten",
+                    const std::string &steps = "2") const
+    {
+        return train(path("corpus.txt"), path(out), steps, "2", "8", "2", extra);
     }
 
     // No weights, no temporary weights and no loss log beside out.
@@ -224,11 +219,7 @@ TEST_F(TrainerCli, UsageErrorsExitWithTwoBeforeCreatingAnything)
     };
     for (const auto &args : bad) {
         Result r = run("trainer", args);
-        std::string joined;
-        for (const auto &a : args) {
-            joined += a + " ";
-        }
-        EXPECT_EQ(r.status, 2) << joined << r.err;
+        EXPECT_EQ(r.status, 2) << testing::PrintToString(args) << r.err;
         expect_one_line(r.err, "trainer: ");
         expect_no_output(o);
     }
@@ -237,26 +228,12 @@ TEST_F(TrainerCli, UsageErrorsExitWithTwoBeforeCreatingAnything)
 TEST_F(TrainerCli, OtherShapesAreRefusedWithTheExactMessage)
 {
     write_file("corpus.txt", corpus_text(4000));
-    struct Case {
-        const char *heads, *layers, *message;
-    } cases[] = {
-        {"4",
-         "2",
-         "trainer: the engine loads only 8 heads and 2 layers (asked for 4 heads, 2 "
-         "layers)\n"},
-        {"8",
-         "6",
-         "trainer: the engine loads only 8 heads and 2 layers (asked for 8 heads, 6 "
-         "layers)\n"},
-        {"16",
-         "12",
-         "trainer: the engine loads only 8 heads and 2 layers (asked for 16 heads, "
-         "12 layers)\n"},
-    };
-    for (const Case &c : cases) {
-        Result r = train(path("corpus.txt"), path("w.tten"), "10", "2", c.heads, c.layers);
+    for (auto [heads, layers] : {std::pair{"4", "2"}, {"8", "6"}, {"16", "12"}}) {
+        Result r = train(path("corpus.txt"), path("w.tten"), "10", "2", heads, layers);
         EXPECT_EQ(r.status, 2);
-        EXPECT_EQ(r.err, c.message);
+        EXPECT_EQ(r.err,
+                  std::string("trainer: the engine loads only 8 heads and 2 layers (asked for ")
+                      + heads + " heads, " + layers + " layers)\n");
         EXPECT_EQ(r.out, "");
         expect_no_output(path("w.tten"));
     }
@@ -275,12 +252,8 @@ TEST_F(TrainerCli, BadInputsFailWithOneLineAndLeaveNoFiles)
     } cases[] = {
         {train(path("missing.txt"), o, "5", "2"), "missing.txt", o},
         {train(path("small.txt"), o, "5", "8"), "too few for a batch of 8", o},
-        {train(path("corpus.txt"), o, "5", "2", "8", "2", {"--bpe", path("bad.bpe")}),
-         "bad.bpe",
-         o},
-        {train(path("corpus.txt"), o, "5", "2", "8", "2", {"--bpe", path("none.bpe")}),
-         "none.bpe",
-         o},
+        {train_on({"--bpe", path("bad.bpe")}, "w.tten", "5"), "bad.bpe", o},
+        {train_on({"--bpe", path("none.bpe")}, "w.tten", "5"), "none.bpe", o},
         {train(path("corpus.txt"), path("no/dir/w.tten"), "5", "2"),
          "cannot write",
          path("no/dir/w.tten")},
@@ -348,13 +321,7 @@ TEST_F(TrainerCli, WithATokenizerTheWeightsAreVersion3InEitherOptionOrder)
     Result bpe = run("train_bpe", {path("corpus.txt"), path("tok.bpe"), "30"});
     ASSERT_EQ(bpe.status, 0) << bpe.err;
 
-    Result a = train(path("corpus.txt"),
-                     path("a.tten"),
-                     "2",
-                     "2",
-                     "8",
-                     "2",
-                     {"--bpe", path("tok.bpe"), "--threads", "2"});
+    Result a = train_on({"--bpe", path("tok.bpe"), "--threads", "2"}, "a.tten");
     ASSERT_EQ(a.status, 0) << a.err;
     Result b = run("trainer",
                    {"--threads",
@@ -389,23 +356,13 @@ TEST_F(TrainerCli, TerminatedRunLeavesOnlyItsLastSave)
     write_file("corpus.txt", corpus_text(4000));
     for (bool saving : {false, true}) {
         unlink(path("w.loss").c_str());
-        std::string prog = BIN + "/trainer";
-        std::vector<std::string> all{
-            prog, path("corpus.txt"), path("w.tten"), "100000", "2", "0.001", "8", "2"};
+        std::vector<std::string> args{
+            path("corpus.txt"), path("w.tten"), "100000", "2", "0.001", "8", "2"};
         if (saving) {
-            all.insert(all.end(), {"--save-every", "3"});
+            args.insert(args.end(), {"--save-every", "3"});
         }
-        std::vector<char *> argv;
-        for (std::string &s : all) {
-            argv.push_back(s.data());
-        }
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t fa;
-        posix_spawn_file_actions_init(&fa);
-        posix_spawn_file_actions_addopen(&fa, 1, "/dev/null", O_WRONLY, 0);
-        pid_t pid;
-        ASSERT_EQ(posix_spawn(&pid, prog.c_str(), &fa, nullptr, argv.data(), environ), 0);
-        posix_spawn_file_actions_destroy(&fa);
+        pid_t pid = spawn("trainer", args);
+        ASSERT_GT(pid, 0);
         // wait until training runs (the first record is in the loss log) and, when saving,
         // until the first save is there
         for (int i = 0; i < 1200
@@ -433,13 +390,7 @@ TEST_F(TrainerCli, TerminatedRunLeavesOnlyItsLastSave)
         EXPECT_GE(meta.meta_u32_0, 3u);
         const std::string done = std::to_string(meta.meta_u32_0);
         const std::string total = std::to_string(meta.meta_u32_0 + 2);
-        Result more = train(path("corpus.txt"),
-                            path("w.tten"),
-                            total,
-                            "2",
-                            "8",
-                            "2",
-                            {"--init", path("w.tten"), "--steps-done", done});
+        Result more = train_on({"--init", path("w.tten"), "--steps-done", done}, "w.tten", total);
         ASSERT_EQ(more.status, 0) << more.err;
         EXPECT_EQ(more.out.rfind("step " + std::to_string(meta.meta_u32_0 + 1) + "/" + total, 0),
                   0u)
@@ -475,30 +426,17 @@ TEST_F(TrainerCli, InitStartsFromTheWeightsFileAndKeepsItsTokenizer)
 {
     write_file("corpus.txt", corpus_text(5000));
     ASSERT_EQ(run("train_bpe", {path("corpus.txt"), path("tok.bpe"), "30"}).status, 0);
-    Result first =
-        train(path("corpus.txt"), path("a.tten"), "3", "2", "8", "2", {"--bpe", path("tok.bpe")});
+    Result first = train_on({"--bpe", path("tok.bpe")}, "a.tten", "3");
     ASSERT_EQ(first.status, 0) << first.err;
 
     // with every group frozen, the step changes nothing: the output is the starting point
-    Result frozen = train(path("corpus.txt"),
-                          path("b.tten"),
-                          "1",
-                          "2",
-                          "8",
-                          "2",
-                          {"--init", path("a.tten"), "--rates", "0,0,0"});
+    Result frozen = train_on({"--init", path("a.tten"), "--rates", "0,0,0"}, "b.tten", "1");
     ASSERT_EQ(frozen.status, 0) << frozen.err;
     EXPECT_EQ(file_version(path("b.tten")), 3u);
     EXPECT_TRUE(tensor_bytes(path("b.tten")) == tensor_bytes(path("a.tten")));
 
     // the same tokenizer may be named again; the run trains on from the file
-    Result on = train(path("corpus.txt"),
-                      path("c.tten"),
-                      "3",
-                      "2",
-                      "8",
-                      "2",
-                      {"--init", path("a.tten"), "--bpe", path("tok.bpe")});
+    Result on = train_on({"--init", path("a.tten"), "--bpe", path("tok.bpe")}, "c.tten", "3");
     ASSERT_EQ(on.status, 0) << on.err;
     EXPECT_NE(on.out.substr(0, on.out.find(" lr")), first.out.substr(0, first.out.find(" lr")));
     EXPECT_EQ(
@@ -557,7 +495,7 @@ TEST_F(TrainerCli, InitRefusesFilesItCannotStartFrom)
          "a byte-level encoder"},
     };
     for (const Case &c : cases) {
-        Result r = train(path("corpus.txt"), path("w.tten"), "2", "2", "8", "2", c.extra);
+        Result r = train_on(c.extra);
         EXPECT_EQ(r.status, 1) << c.name;
         expect_one_line(r.err, "trainer: ");
         EXPECT_NE(r.err.find(c.says), std::string::npos) << c.name << ": " << r.err;
@@ -568,7 +506,7 @@ TEST_F(TrainerCli, InitRefusesFilesItCannotStartFrom)
          std::vector<std::vector<std::string>>{{"--steps-done", "1"},
                                                {"--init", path("v2.tten"), "--steps-done", "2"},
                                                {"--rates", "1,0.1"}}) {
-        Result r = train(path("corpus.txt"), path("w.tten"), "2", "2", "8", "2", extra);
+        Result r = train_on(extra);
         EXPECT_EQ(r.status, 2) << r.err;
         expect_one_line(r.err, "trainer: ");
         expect_no_output(path("w.tten"));

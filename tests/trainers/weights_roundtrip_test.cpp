@@ -3,6 +3,7 @@
 // Also: the threaded step computes the same update, and steps lower the loss.
 #include "training.h"
 
+#include "../engine/store_fixtures.h"
 #include "internal.h"
 
 #include <gtest/gtest.h>
@@ -10,8 +11,6 @@
 #include <cmath>
 #include <string>
 #include <vector>
-
-#include <unistd.h>
 
 using namespace trn_train;
 
@@ -42,15 +41,6 @@ std::vector<std::string> probe_texts()
     return {"", "a", "caf\xc3\xa9 na\xc3\xafve \xff\x80", long_text, pair_texts()[1]};
 }
 
-std::string temp_path(const char *suffix)
-{
-    char tmpl[] = "/tmp/trn_roundtrip_XXXXXX";
-    int fd = mkstemp(tmpl);
-    close(fd);
-    unlink(tmpl);
-    return std::string(tmpl) + suffix;
-}
-
 // Trains two steps, saves, loads into a fresh engine encoder and compares the embeddings.
 void expect_engine_embeds_like_trainer(TrnEncoder *enc, uint32_t want_version)
 {
@@ -60,21 +50,18 @@ void expect_engine_embeds_like_trainer(TrnEncoder *enc, uint32_t want_version)
     trainer.step(pair_texts());
     trainer.store(enc);
 
-    const std::string path = temp_path(".tten");
+    TempDir dir;
+    const std::string path = dir.file("w.tten");
     TrnWeightsMeta meta{2, 4, 1e-3f, 1.5f, 12345};
     ASSERT_EQ(trn_encoder_save_weights_meta(enc, path.c_str(), &meta), 1);
-    FILE *f = fopen(path.c_str(), "rb");
-    ASSERT_NE(f, nullptr);
-    unsigned char head[8];
-    ASSERT_EQ(fread(head, 1, 8, f), 8u);
-    fclose(f);
+    std::vector<uint8_t> head = read_file_bytes(path);
+    ASSERT_GE(head.size(), 8u);
     EXPECT_EQ(head[4], want_version);
 
     TrnEncoder loaded;
     encoder_init(&loaded, 42);
     TrnWeightsMeta back{};
     ASSERT_EQ(trn_encoder_load_weights_meta(&loaded, path.c_str(), &back), 1);
-    unlink(path.c_str());
     EXPECT_EQ(back.meta_u64, 12345u);
 
     std::vector<std::string> texts = probe_texts();
