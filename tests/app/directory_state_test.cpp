@@ -4,6 +4,7 @@
 */
 #include "directory_state.h"
 
+#include "background.h"
 #include "encoder_record.h"
 #include "json_coding.h"
 #include "results_model.h"
@@ -13,8 +14,11 @@
 #include <QAbstractItemModelTester>
 #include <QSignalSpy>
 #include <QTemporaryDir>
+#include <QThread>
 #include <QThreadPool>
 #include <QtTest>
+
+#include <atomic>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -550,6 +554,38 @@ void TestDirectoryState::closedTabDropsLateResults()
     delete state;
     // The background work still holds the engine, finishes, and publishes nowhere.
     QTRY_VERIFY_WITH_TIMEOUT(engine.expired(), 20000);
+
+    // A job's result reaches its receiver only while the receiver lives.
+    std::atomic<bool> release{false};
+    bool lateResultRan = false;
+    int kept = 0;
+    auto *closed = new QObject;
+    QObject open;
+    runInBackground(
+        closed,
+        [&release] {
+            while (!release) {
+                QThread::msleep(1);
+            }
+            return 1;
+        },
+        [&lateResultRan](int) {
+            lateResultRan = true;
+        });
+    runInBackground(
+        &open,
+        [] {
+            return 7;
+        },
+        [&kept](int value) {
+            kept = value;
+        });
+    delete closed;
+    release = true;
+    QTRY_COMPARE(kept, 7);
+    QThreadPool::globalInstance()->waitForDone();
+    QCoreApplication::processEvents();
+    QVERIFY(!lateResultRan);
 }
 
 void TestDirectoryState::olderAnswerNeverShowsOverANewerSearch_data()
