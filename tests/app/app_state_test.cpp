@@ -107,7 +107,7 @@ void TestAppState::restoreSkipsMissingPathsAndFallsBackToFirstTab()
     const QString a = makeDir(QStringLiteral("A"));
     const QString gone = makeDir(QStringLiteral("Gone"));
     const QString c = makeDir(QStringLiteral("C"));
-    writeFile(a, QStringLiteral("a.txt"), "text that is never indexed at restore\n");
+    QVERIFY(writeFile(a, QStringLiteral("a.txt"), "text that is never indexed at restore\n"));
     m_env->settings()->setSavedTabPaths({a, gone, c});
     m_env->settings()->setActiveTabPath(gone);
     QVERIFY(QDir(gone).removeRecursively());
@@ -222,7 +222,7 @@ void TestAppState::addingAnOpenDirectoryOnlySelectsIt()
 void TestAppState::addingAnIndexedDirectoryDoesNotReindex()
 {
     const QString dir = makeDir(QStringLiteral("Indexed"));
-    writeFile(dir, QStringLiteral("a.txt"), "already indexed text in here\n");
+    QVERIFY(writeFile(dir, QStringLiteral("a.txt"), "already indexed text in here\n"));
     {
         TarnwickEngine engine(dir, QString());
         QVERIFY(engine.ingestDirectory(800, 200) > 0);
@@ -238,7 +238,7 @@ void TestAppState::addingAnIndexedDirectoryDoesNotReindex()
     QCOMPARE(state->statusText(), QStringLiteral("1 chunks from 1 files"));
 
     const QString fresh = makeDir(QStringLiteral("Fresh"));
-    writeFile(fresh, QStringLiteral("b.txt"), "new text to index\n");
+    QVERIFY(writeFile(fresh, QStringLiteral("b.txt"), "new text to index\n"));
     app->addTab(fresh);
     QVERIFY(app->activeState()->isIngesting());
     QTRY_VERIFY_WITH_TIMEOUT(!app->activeState()->isIngesting(), 20000);
@@ -251,7 +251,7 @@ void TestAppState::storedChunkSizeBelowOneIndexesWith800()
     // chunk size of 0 would give something else.
     const QByteArray text(2000, 'z');
     const QString reference = makeDir(QStringLiteral("Reference"));
-    writeFile(reference, QStringLiteral("z.txt"), text);
+    QVERIFY(writeFile(reference, QStringLiteral("z.txt"), text));
     int expected = 0;
     {
         TarnwickEngine engine(reference, QString());
@@ -263,7 +263,7 @@ void TestAppState::storedChunkSizeBelowOneIndexesWith800()
     m_env->settings()->setChunkSize(0);
     m_env->settings()->setOverlap(-7);
     const QString dir = makeDir(QStringLiteral("Zero"));
-    writeFile(dir, QStringLiteral("z.txt"), text);
+    QVERIFY(writeFile(dir, QStringLiteral("z.txt"), text));
     std::unique_ptr<AppState> app = restoredState();
     QVERIFY(app);
     app->addTab(dir);
@@ -282,8 +282,8 @@ void TestAppState::selectingATabRerunsTheSharedQuery()
 {
     const QString a = makeDir(QStringLiteral("A"));
     const QString b = makeDir(QStringLiteral("B"));
-    writeFile(a, QStringLiteral("a.txt"), "shared query word lives here\n");
-    writeFile(b, QStringLiteral("b.txt"), "the word is also here\n");
+    QVERIFY(writeFile(a, QStringLiteral("a.txt"), "shared query word lives here\n"));
+    QVERIFY(writeFile(b, QStringLiteral("b.txt"), "the word is also here\n"));
     std::unique_ptr<AppState> app = restoredState();
     QVERIFY(app);
     app->openDirectory({a, b});
@@ -307,7 +307,7 @@ void TestAppState::selectingATabRerunsTheSharedQuery()
 void TestAppState::changingTheModeRerunsTheQuery()
 {
     const QString dir = makeDir(QStringLiteral("Modes"));
-    writeFile(dir, QStringLiteral("a.txt"), "a word and another words\n");
+    QVERIFY(writeFile(dir, QStringLiteral("a.txt"), "a word and another words\n"));
     std::unique_ptr<AppState> app = restoredState();
     QVERIFY(app);
     app->addTab(dir);
@@ -334,7 +334,7 @@ void TestAppState::changingTheModeRerunsTheQuery()
 void TestAppState::copyPromptUsesTheClipboard()
 {
     const QString dir = makeDir(QStringLiteral("Notes"));
-    writeFile(dir, QStringLiteral("list.txt"), "  buy milk and bread\n");
+    QVERIFY(writeFile(dir, QStringLiteral("list.txt"), "  buy milk and bread\n"));
     std::unique_ptr<AppState> app = restoredState();
     QVERIFY(app);
     RecordingClipboard clipboard;
@@ -368,14 +368,14 @@ void TestAppState::concurrentSearchesAndIndexingOnTwoTabs()
     const QString a = makeDir(QStringLiteral("Left"));
     const QString b = makeDir(QStringLiteral("Right"));
     for (int i = 0; i < 12; i++) {
-        writeFile(a,
-                  QStringLiteral("left%1.txt").arg(i),
-                  QByteArray("left side document number ") + QByteArray::number(i)
-                      + QByteArray(300, '.'));
-        writeFile(b,
-                  QStringLiteral("right%1.md").arg(i),
-                  QByteArray("right side note number ") + QByteArray::number(i)
-                      + QByteArray(300, '-'));
+        QVERIFY(writeFile(a,
+                          QStringLiteral("left%1.txt").arg(i),
+                          QByteArray("left side document number ") + QByteArray::number(i)
+                              + QByteArray(300, '.')));
+        QVERIFY(writeFile(b,
+                          QStringLiteral("right%1.md").arg(i),
+                          QByteArray("right side note number ") + QByteArray::number(i)
+                              + QByteArray(300, '-')));
     }
     std::unique_ptr<AppState> app = restoredState();
     QVERIFY(app);

@@ -111,7 +111,7 @@ bool TestDirectoryState::waitForSearch(DirectoryState *state)
 
 void TestDirectoryState::emptyQueryClearsResultsAndRecordsNothing()
 {
-    writeFile(m_dir->path(), QStringLiteral("a.txt"), "the quick brown fox jumps\n");
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("a.txt"), "the quick brown fox jumps\n"));
     DirectoryState *state = openState(m_dir->path());
     state->ingest(800, 200);
     QVERIFY(waitForIngest(state));
@@ -131,7 +131,7 @@ void TestDirectoryState::emptyQueryClearsResultsAndRecordsNothing()
 
 void TestDirectoryState::invalidRegexSaysWhyAndRunsNothing()
 {
-    writeFile(m_dir->path(), QStringLiteral("a.py"), "def read_lines(path):\n    pass\n");
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("a.py"), "def read_lines(path):\n    pass\n"));
     DirectoryState *state = openState(m_dir->path());
     state->ingest(800, 200);
     QVERIFY(waitForIngest(state));
@@ -249,7 +249,7 @@ void TestDirectoryState::pagingGrowsByTenUntilSixtyFour()
     while (text.size() < 4000) {
         text += "alpha ";
     }
-    writeFile(m_dir->path(), QStringLiteral("many.txt"), text);
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("many.txt"), text));
     DirectoryState *state = openState(m_dir->path());
     state->ingest(50, 10);
     QVERIFY(waitForIngest(state));
@@ -290,8 +290,8 @@ void TestDirectoryState::pagingGrowsByTenUntilSixtyFour()
 
 void TestDirectoryState::shortAnswerEndsPaging()
 {
-    writeFile(m_dir->path(), QStringLiteral("a.txt"), "one rare word here\n");
-    writeFile(m_dir->path(), QStringLiteral("b.txt"), "another rare word\n");
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("a.txt"), "one rare word here\n"));
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("b.txt"), "another rare word\n"));
     DirectoryState *state = openState(m_dir->path());
     state->ingest(800, 200);
     QVERIFY(waitForIngest(state));
@@ -316,8 +316,8 @@ static SearchResult makeResult(const QString &id, const QString &path)
 
 void TestDirectoryState::pinnedResultsShowFirstAndNeverTwice()
 {
-    writeFile(m_dir->path(), QStringLiteral("a.txt"), "apples and pears in the basket\n");
-    writeFile(m_dir->path(), QStringLiteral("b.txt"), "apples grow on trees in autumn\n");
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("a.txt"), "apples and pears in the basket\n"));
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("b.txt"), "apples grow on trees in autumn\n"));
     DirectoryState *state = openState(m_dir->path());
     state->ingest(800, 200);
     QVERIFY(waitForIngest(state));
@@ -411,7 +411,7 @@ void TestDirectoryState::encoderOverrideFallsBackToDefault()
 
 void TestDirectoryState::choosingDefaultRemovesTheOverrideKey()
 {
-    writeFile(m_dir->path(), QStringLiteral("a.txt"), "words to index again and again\n");
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("a.txt"), "words to index again and again\n"));
     const QUuid someId = QUuid::createUuid();
     m_env->settings()->setEncoderOverride(m_dir->path(), JsonCoding::uuidText(someId));
     m_env->settings()->setChunkSize(0); // reads as 800
@@ -434,8 +434,8 @@ void TestDirectoryState::choosingDefaultRemovesTheOverrideKey()
 
 void TestDirectoryState::indexOfAnotherEncoderIsRebuiltWhenOpened()
 {
-    writeFile(m_dir->path(), QStringLiteral("a.txt"), "rivers run to the sea\n");
-    writeFile(m_dir->path(), QStringLiteral("b.md"), "# bread\nyeast makes dough rise\n");
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("a.txt"), "rivers run to the sea\n"));
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("b.md"), "# bread\nyeast makes dough rise\n"));
     QTemporaryDir weightsDir;
     const QString other = weightsDir.filePath(QStringLiteral("other.tten"));
     TrnEncoder *encoder = trn_encoder_init(7); // not the engine's seed-42 encoder
@@ -479,8 +479,8 @@ void TestDirectoryState::indexOfAnotherEncoderIsRebuiltWhenOpened()
 
 void TestDirectoryState::statusTextReportsCountsAfterIndexing()
 {
-    writeFile(m_dir->path(), QStringLiteral("a.txt"), QByteArray(250, 'a'));
-    writeFile(m_dir->path(), QStringLiteral("b.md"), "# heading\nsome text\n");
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("a.txt"), QByteArray(250, 'a')));
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("b.md"), "# heading\nsome text\n"));
     DirectoryState *fresh = openState(m_dir->path());
     QCOMPARE(fresh->statusText(), QStringLiteral("Not indexed"));
     QVERIFY(!fresh->isIndexed());
@@ -541,7 +541,7 @@ void TestDirectoryState::busyIndexIsShownAndOpenedOnceFree()
 
 void TestDirectoryState::closedTabDropsLateResults()
 {
-    writeFile(m_dir->path(), QStringLiteral("a.txt"), "closing while searching\n");
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("a.txt"), "closing while searching\n"));
     DirectoryState *state = openState(m_dir->path());
     std::weak_ptr<TarnwickEngine> engine = state->engine();
     state->ingest(800, 200);
@@ -568,8 +568,8 @@ void TestDirectoryState::olderAnswerNeverShowsOverANewerSearch()
     QFETCH(QString, newer);
     QFETCH(bool, regex);
     QFETCH(QString, shownFile);
-    writeFile(m_dir->path(), QStringLiteral("a.txt"), "alpha is the first letter\n");
-    writeFile(m_dir->path(), QStringLiteral("b.txt"), "beta is the second letter\n");
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("a.txt"), "alpha is the first letter\n"));
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("b.txt"), "beta is the second letter\n"));
     DirectoryState *state = openState(m_dir->path());
     state->ingest(800, 200);
     QVERIFY(waitForIngest(state));
@@ -622,13 +622,13 @@ void TestDirectoryState::gitBranch()
     const QString root = m_dir->filePath(QStringLiteral("repo"));
     QDir().mkpath(root + QLatin1Char('/') + subdirectory);
     if (layout == QLatin1String("dir")) {
-        writeFile(root, QStringLiteral(".git/HEAD"), head);
+        QVERIFY(writeFile(root, QStringLiteral(".git/HEAD"), head));
     } else if (layout == QLatin1String("file")) {
         const QString gitDir = m_dir->filePath(QStringLiteral("elsewhere/worktrees/wt"));
-        writeFile(gitDir, QStringLiteral("HEAD"), head);
-        writeFile(root, QStringLiteral(".git"), "gitdir: " + gitDir.toUtf8() + "\n");
+        QVERIFY(writeFile(gitDir, QStringLiteral("HEAD"), head));
+        QVERIFY(writeFile(root, QStringLiteral(".git"), "gitdir: " + gitDir.toUtf8() + "\n"));
     } else if (layout == QLatin1String("bad-file")) {
-        writeFile(root, QStringLiteral(".git"), "something else\n");
+        QVERIFY(writeFile(root, QStringLiteral(".git"), "something else\n"));
     }
     const QString path = subdirectory.isEmpty() ? root : root + QLatin1Char('/') + subdirectory;
     QTEST(DirectoryState::detectGitBranch(path), "branch");
@@ -638,8 +638,8 @@ void TestDirectoryState::gitBranch()
 
 void TestDirectoryState::resultsModelFollowsDisplayResults()
 {
-    writeFile(m_dir->path(), QStringLiteral("a.txt"), "model rows come from here\n");
-    writeFile(m_dir->path(), QStringLiteral("b.txt"), "more model rows\n");
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("a.txt"), "model rows come from here\n"));
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("b.txt"), "more model rows\n"));
     DirectoryState *state = openState(m_dir->path());
     ResultsModel *model = state->resultsModel();
     QAbstractItemModelTester tester(model, QAbstractItemModelTester::FailureReportingMode::QtTest);

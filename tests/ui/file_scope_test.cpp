@@ -42,8 +42,8 @@ class FileScopeTest : public QObject
 private slots:
     void initTestCase()
     {
-        m_home = std::make_unique<IsolatedHome>();
-        QVERIFY(m_home->isValid());
+        m_home = std::make_unique<IsolatedEnvironment>();
+        installIconThemeFallback();
         Settings::standard()->remove(QStringLiteral("savedTabPaths"));
         QVERIFY(m_dir.isValid());
         // Sizes 120, 60 and 30 bytes; a binary file; a file too short to index.
@@ -203,7 +203,7 @@ private slots:
     }
 
 private:
-    std::unique_ptr<IsolatedHome> m_home;
+    std::unique_ptr<IsolatedEnvironment> m_home;
     QTemporaryDir m_dir;
     std::unique_ptr<AppWindow> m_open;
     AppState *m_app = nullptr;

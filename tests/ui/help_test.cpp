@@ -42,8 +42,8 @@ class HelpTest : public QObject
 private slots:
     void initTestCase()
     {
-        m_home = std::make_unique<IsolatedHome>();
-        QVERIFY(m_home->isValid());
+        m_home = std::make_unique<IsolatedEnvironment>();
+        installIconThemeFallback();
     }
 
     void helpCommandOpensTheFirstPage()
@@ -103,7 +103,7 @@ private slots:
     }
 
 private:
-    std::unique_ptr<IsolatedHome> m_home;
+    std::unique_ptr<IsolatedEnvironment> m_home;
 };
 
 QTEST_MAIN(HelpTest)
