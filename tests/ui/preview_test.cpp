@@ -87,8 +87,8 @@ class PreviewTest : public QObject
 private slots:
     void initTestCase()
     {
-        m_home = std::make_unique<IsolatedHome>();
-        QVERIFY(m_home->isValid());
+        m_home = std::make_unique<IsolatedEnvironment>();
+        installIconThemeFallback();
         QVERIFY(m_files.isValid());
         QVERIFY(writeFile(m_files.path(), QStringLiteral("three.txt"), "alpha\nbeta\ngamma"));
         QVERIFY(writeFile(m_files.path(), QStringLiteral("ten.txt"), numberedLines(10)));
@@ -217,15 +217,8 @@ private slots:
                                 QStringLiteral("aa"),
                                 SearchMode::Text));
         // "1  aaaaa": two matches, "aa" and "aa", and the last "a" stays unmarked.
+        // Overlapping matches would mark all five letters.
         QCOMPARE(allMarks(panel->textView()), (QStringList{"aaaa"}));
-        const QTextBlock block = panel->textView()->document()->findBlockByNumber(0);
-        int markedChars = 0;
-        for (auto it = block.begin(); !it.atEnd(); ++it) {
-            if (it.fragment().charFormat().background().color() == ContextPanel::matchColor()) {
-                markedChars += it.fragment().length();
-            }
-        }
-        QCOMPARE(markedChars, 4);
     }
 
     void unreadableOrNonUtf8FilesShowNothing()
@@ -427,7 +420,7 @@ private slots:
     }
 
 private:
-    std::unique_ptr<IsolatedHome> m_home;
+    std::unique_ptr<IsolatedEnvironment> m_home;
     QTemporaryDir m_files;
 };
 
