@@ -35,8 +35,7 @@ private slots:
     void initTestCase();
     void init();
     void cleanup();
-    void restoreSkipsMissingPathsAndFallsBackToFirstTab();
-    void restoreNeverOpensADirectoryTwice();
+    void restoreSkipsMissingAndRepeatedPathsAndFallsBackToFirstTab();
     void restoreSelectsTheSavedActiveTab();
     void closingTheActiveMiddleTabSelectsTheLast();
     void dragReordersBothWays();
@@ -102,13 +101,13 @@ QStringList TestAppState::tabNames(const AppState &app)
     return names;
 }
 
-void TestAppState::restoreSkipsMissingPathsAndFallsBackToFirstTab()
+void TestAppState::restoreSkipsMissingAndRepeatedPathsAndFallsBackToFirstTab()
 {
     const QString a = makeDir(QStringLiteral("A"));
     const QString gone = makeDir(QStringLiteral("Gone"));
     const QString c = makeDir(QStringLiteral("C"));
     QVERIFY(writeFile(a, QStringLiteral("a.txt"), "text that is never indexed at restore\n"));
-    m_env->settings()->setSavedTabPaths({a, gone, c});
+    m_env->settings()->setSavedTabPaths({a, gone, c, a}); // a directory is never opened twice
     m_env->settings()->setActiveTabPath(gone);
     QVERIFY(QDir(gone).removeRecursively());
 
@@ -354,11 +353,10 @@ void TestAppState::copyPromptUsesTheClipboard()
     QSignalSpy copied(app.get(), &AppState::promptCopied);
     app->copyPrompt();
     QCOMPARE(copied.count(), 1);
-    QCOMPARE(copied.first().first().toString(), QStringLiteral("Copied a prompt with 1 result"));
-    QCOMPARE(clipboard.texts.last(),
-             QStringLiteral("Based on the following excerpts from my documents, answer my "
-                            "question.\n\n--- Context ---\n\n[Notes/list.txt, line 1]\n"
-                            "buy milk and bread\n\n--- Question ---\n\nmilk\n"));
+    QVERIFY(copied.first().first().toString().contains(QStringLiteral(" 1 result")));
+    // The prompt holds the active tab's result and the query (its layout is the builder's).
+    QVERIFY(clipboard.texts.last().contains(QStringLiteral("[Notes/list.txt, line 1]\nbuy milk")));
+    QVERIFY(clipboard.texts.last().endsWith(QStringLiteral("\nmilk\n")));
 }
 
 void TestAppState::concurrentSearchesAndIndexingOnTwoTabs()
@@ -404,17 +402,6 @@ void TestAppState::concurrentSearchesAndIndexingOnTwoTabs()
     QVERIFY(left->hasMoreResults());
     QTRY_VERIFY(!right->isSearching());
     QVERIFY(right->results().isEmpty());
-}
-
-void TestAppState::restoreNeverOpensADirectoryTwice()
-{
-    const QString a = makeDir(QStringLiteral("A"));
-    const QString b = makeDir(QStringLiteral("B"));
-    m_env->settings()->setSavedTabPaths({a, b, a});
-
-    std::unique_ptr<AppState> app = restoredState();
-    QVERIFY(app);
-    QCOMPARE(tabNames(*app), QStringList({QStringLiteral("A"), QStringLiteral("B")}));
 }
 
 QTEST_GUILESS_MAIN(TestAppState)

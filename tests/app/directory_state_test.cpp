@@ -32,9 +32,7 @@ private slots:
     void invalidRegexSaysWhyAndRunsNothing();
     void indexingProgressText_data();
     void indexingProgressText();
-    void historyDeduplicatesByQueryAndMode();
-    void historyKeepsTheTenMostRecent();
-    void historySurvivesReopening();
+    void historyDeduplicatesKeepsTenAndSurvivesReopening();
     void pagingGrowsByTenUntilSixtyFour();
     void shortAnswerEndsPaging();
     void pinnedResultsShowFirstAndNeverTwice();
@@ -192,7 +190,7 @@ void TestDirectoryState::indexingProgressText()
     QCOMPARE(DirectoryState::indexingProgressText(done, found, chunks, seconds), expected);
 }
 
-void TestDirectoryState::historyDeduplicatesByQueryAndMode()
+void TestDirectoryState::historyDeduplicatesKeepsTenAndSurvivesReopening()
 {
     DirectoryState *state = openState(m_dir->path());
     state->addToHistory(QStringLiteral("foo"), SearchMode::Text);
@@ -201,17 +199,13 @@ void TestDirectoryState::historyDeduplicatesByQueryAndMode()
     QCOMPARE(state->searchHistory().size(), 2);
     QCOMPARE(state->searchHistory().at(0).query, QStringLiteral("foo"));
     QCOMPARE(state->searchHistory().at(1).query, QStringLiteral("bar"));
-
     state->addToHistory(QStringLiteral("foo"), SearchMode::Semantic);
     state->addToHistory(QStringLiteral("Foo"), SearchMode::Text);
     QCOMPARE(state->searchHistory().size(), 4);
     QCOMPARE(state->searchHistory().at(1).mode, QStringLiteral("Semantic"));
     QCOMPARE(state->searchHistory().at(2).mode, QStringLiteral("Text"));
-}
 
-void TestDirectoryState::historyKeepsTheTenMostRecent()
-{
-    DirectoryState *state = openState(m_dir->path());
+    // The ten most recent stay, in the settings as well.
     QSignalSpy changed(state, &DirectoryState::searchHistoryChanged);
     for (int i = 1; i <= 11; i++) {
         state->addToHistory(QStringLiteral("query %1").arg(i), SearchMode::Regex);
@@ -224,13 +218,8 @@ void TestDirectoryState::historyKeepsTheTenMostRecent()
         SearchHistoryEntry::decodeList(m_env->settings()->searchHistoryData(m_dir->path()));
     QVERIFY(stored);
     QCOMPARE(stored->size(), 10);
-}
 
-void TestDirectoryState::historySurvivesReopening()
-{
-    DirectoryState *state = openState(m_dir->path());
-    state->addToHistory(QStringLiteral("first"), SearchMode::Text);
-    state->addToHistory(QStringLiteral("second"), SearchMode::Regex);
+    state->addToHistory(QStringLiteral("plain"), SearchMode::Text); // a second mode to keep
     const QList<SearchHistoryEntry> before = state->searchHistory();
     // Garbage under another directory's key does not disturb this one.
     m_env->settings()->setSearchHistoryData(m_dir->path() + QStringLiteral("/sub"), "garbage");

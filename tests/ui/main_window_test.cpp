@@ -183,6 +183,9 @@ private slots:
             << "quince" << int(SearchMode::Text) << QStringList{} << false;
         QTest::newRow("keyword finds the words apart")
             << "sugar PEEL" << int(SearchMode::Keyword) << QStringList{"marmalade.txt"} << true;
+        // Semantic hits come in the encoder's order: only that there are some is checked.
+        QTest::newRow("semantic finds passages without marking them")
+            << "marmalade" << int(SearchMode::Semantic) << QStringList{} << false;
     }
     void searchRunsInTheChosenMode()
     {
@@ -196,21 +199,13 @@ private slots:
         QVERIFY(openAndIndex(*h, dir.path()));
         search(*h, query, static_cast<SearchMode>(mode));
         QCOMPARE(h->app.searchMode(), static_cast<SearchMode>(mode));
-        QCOMPARE(shownFileNames(*h), expected);
+        if (mode == int(SearchMode::Semantic)) {
+            QVERIFY(!shownFileNames(*h).isEmpty());
+        } else {
+            QCOMPARE(shownFileNames(*h), expected);
+        }
         h->window.resultsView()->clearSelection();
         QCOMPARE(markPixels(h->window.resultsView()) > 0, marked);
-    }
-
-    void semanticSearchFindsPassagesWithoutMarkingThem()
-    {
-        auto h = openAppWindow();
-        QTemporaryDir dir;
-        writeSample(dir.path());
-        QVERIFY(openAndIndex(*h, dir.path()));
-        search(*h, QStringLiteral("marmalade"), SearchMode::Semantic);
-        QVERIFY(!shownFileNames(*h).isEmpty());
-        h->window.resultsView()->clearSelection();
-        QCOMPARE(markPixels(h->window.resultsView()), 0);
     }
 
     void loadMoreResultsPagesUntilTheAnswerIsShort()
