@@ -103,9 +103,9 @@ void TestTrainingManager::cleanup()
 TrainingProfile TestTrainingManager::makeProfile(int textBytes)
 {
     const QString source = m_work->filePath(QStringLiteral("source"));
+    // The picture is not indexable.
     if (!writeFile(source, QStringLiteral("text.md"), QByteArray(textBytes, 'w'))
-        || !writeFile(
-            source, QStringLiteral("image.png"), QByteArray(4096, 'p'))) { // not indexable
+        || !writeFile(source, QStringLiteral("image.png"), QByteArray(4096, 'p'))) {
         QTest::qFail("cannot write the source directory", __FILE__, __LINE__);
     }
     TrainingProfile draft;

@@ -330,19 +330,6 @@ TEST_F(CliPrompt, PinnedResultsOfTheDirectoryComeFirstAsStored)
                     "--- Question ---\n\ncauseway\n");
 }
 
-TEST(CliPromptFailures, ADirectoryWithoutAnIndexIsRefusedAndLeftAlone)
-{
-    TempDir dir;
-    write_file(dir / "a.txt", "some words to index, more than eleven bytes\n");
-    RunResult r = run_cli({"prompt", dir.path(), "words"}, dir.path());
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out, "");
-    EXPECT_EQ(r.err,
-              "tarnwick: no index in " + dir.path() + " (run: tarnwick-cli index " + dir.path()
-                  + ")\n");
-    EXPECT_FALSE(fs::exists(dir / ".tarnwick"));
-}
-
 // --- train
 // ----------------------------------------------------------------------------------------
 

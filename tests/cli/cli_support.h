@@ -1,9 +1,9 @@
 /*
 ** cli_support.h -- what the tarnwick-cli tests share: running the built program in a temporary
-** directory with its output captured and a home directory of its own, writing fixture files, and a
-*strict JSON parser that
-** rejects everything the grammar does not allow (raw control characters and ill-formed UTF-8 in
-** strings included), so a test that parses the program's output also checks that it is valid.
+** directory with its output captured and a home directory of its own, writing fixture files, and
+** a strict JSON parser that rejects everything the grammar does not allow (raw control characters
+** and ill-formed UTF-8 in strings included), so a test that parses the program's output also
+** checks that it is valid.
 */
 #ifndef TRN_CLI_SUPPORT_H
 #define TRN_CLI_SUPPORT_H
