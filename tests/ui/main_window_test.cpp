@@ -403,11 +403,10 @@ private slots:
         search(*h, QStringLiteral("marmalade"), SearchMode::Text);
 
         QPushButton *copy = h->window.searchBar()->copyButton();
-        QCOMPARE(copy->toolTip(),
-                 QStringLiteral("Copy search results as RAG prompt (Ctrl+Shift+C)"));
+        const QKeySequence key = h->window.action(QStringLiteral("copyPromptAction"))->shortcut();
+        QVERIFY(copy->toolTip().endsWith(" (" + key.toString() + ")"));
         QMenu *menu = copy->menu();
         QVERIFY(menu);
-        QCOMPARE(menu->title(), QStringLiteral("Results to include in prompt"));
         QStringList scopes;
         for (QAction *action : menu->actions()) {
             if (!action->isSeparator()) {
@@ -448,7 +447,6 @@ private slots:
         StatusBarView *bar = h->window.statusBarView();
         QCOMPARE(bar->statusLabel()->text(), state->statusText());
         QVERIFY(bar->statusLabel()->text().endsWith(QStringLiteral(" files")));
-        QCOMPARE(bar->encoderPicker()->toolTip(), QStringLiteral("Encoder for this directory"));
         QCOMPARE(bar->encoderPicker()->itemText(0), QStringLiteral("Default"));
         QVERIFY(!bar->progressBar()->isVisible());
 
