@@ -52,15 +52,20 @@ private:
     QString m_path;
 };
 
-// Writes bytes to dir/relative, creating folders on the way; false when it cannot.
-[[nodiscard]] inline bool writeFile(const QString &dir, const QString &relative,
-                                    const QByteArray &bytes)
+// Writes bytes to path, creating folders on the way; false when it cannot.
+[[nodiscard]] inline bool writeFile(const QString &path, const QByteArray &bytes)
 {
-    const QString path = dir + QLatin1Char('/') + relative;
     QDir().mkpath(QFileInfo(path).path());
     QFile file(path);
     return file.open(QIODevice::WriteOnly | QIODevice::Truncate)
            && file.write(bytes) == bytes.size();
+}
+
+// Writes bytes to dir/relative, creating folders on the way; false when it cannot.
+[[nodiscard]] inline bool writeFile(const QString &dir, const QString &relative,
+                                    const QByteArray &bytes)
+{
+    return writeFile(dir + QLatin1Char('/') + relative, bytes);
 }
 
 #endif

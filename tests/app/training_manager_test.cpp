@@ -335,15 +335,9 @@ void TestTrainingManager::cancelLeavesTheProfileAsItWas()
     if (wasTrained) {
         profile.status = TrainingStatus::Trained;
         profile.lastTrained = trainedAt;
-        QVERIFY(writeFile(QFileInfo(profile.weightsPath).path(),
-                          QFileInfo(profile.weightsPath).fileName(),
-                          "old weights"));
-        QVERIFY(writeFile(QFileInfo(profile.lossPath()).path(),
-                          QFileInfo(profile.lossPath()).fileName(),
-                          "step,loss\n10,1.5\n"));
-        QVERIFY(writeFile(QFileInfo(profile.bpePath()).path(),
-                          QFileInfo(profile.bpePath()).fileName(),
-                          "old merges"));
+        QVERIFY(writeFile(profile.weightsPath, "old weights"));
+        QVERIFY(writeFile(profile.lossPath(), "step,loss\n10,1.5\n"));
+        QVERIFY(writeFile(profile.bpePath(), "old merges"));
     }
     m_manager->updateProfile(profile);
     // The stand-in tokenizer trainer replaces the merges file, as the real one does.

@@ -311,12 +311,8 @@ private slots:
         TrainingProfile draft;
         draft.name = QStringLiteral("Scratch");
         const TrainingProfile created = manager->createProfile(draft);
-        QVERIFY(writeFile(QFileInfo(created.weightsPath).path(),
-                          QFileInfo(created.weightsPath).fileName(),
-                          "TTEN"));
-        QVERIFY(writeFile(QFileInfo(created.lossPath()).path(),
-                          QFileInfo(created.lossPath()).fileName(),
-                          "1,2.0\n"));
+        QVERIFY(writeFile(created.weightsPath, "TTEN"));
+        QVERIFY(writeFile(created.lossPath(), "1,2.0\n"));
 
         SettingsWindow window(m_home->training());
         window.showTrainingPage();
@@ -381,9 +377,7 @@ private slots:
 
         QFile log(QStringLiteral(TRN_SOURCE_DIR "/tests/ui/data/sample_run.loss"));
         QVERIFY(log.open(QIODevice::ReadOnly));
-        QVERIFY(writeFile(QFileInfo(profile.lossPath()).path(),
-                          QFileInfo(profile.lossPath()).fileName(),
-                          log.readAll()));
+        QVERIFY(writeFile(profile.lossPath(), log.readAll()));
         LossChartWindow chart(profile);
         QVERIFY(chart.hasData());
         // The header line "step,loss" is skipped; eleven records remain, in file order.

@@ -48,11 +48,7 @@ private slots:
         MainWindow &window = w->window;
         QVERIFY(QTest::qWaitForWindowExposed(&window));
         QVERIFY2(kScreen.contains(window.frameGeometry()),
-                 qPrintable(QStringLiteral("main window at %1,%2 %3x%4")
-                                .arg(window.frameGeometry().x())
-                                .arg(window.frameGeometry().y())
-                                .arg(window.frameGeometry().width())
-                                .arg(window.frameGeometry().height())));
+                 qPrintable(QDebug::toString(window.frameGeometry())));
 
         window.showSettings();
         window.showHelp();
