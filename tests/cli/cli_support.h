@@ -31,11 +31,6 @@ namespace cli_test
 
 namespace fs = std::filesystem;
 
-inline std::string cli_path()
-{
-    return std::string(TRN_BIN_DIR) + "/tarnwick-cli";
-}
-
 // A fresh directory under /tmp, removed with everything in it at the end of the test. Its path
 // is resolved (no symbolic links), as the program resolves the directories it is given.
 class TempDir
@@ -122,7 +117,7 @@ public:
             ADD_FAILURE() << "openpty failed";
             m_master = -1;
         }
-        std::vector<std::string> argv_text = {cli_path()};
+        std::vector<std::string> argv_text = {std::string(TRN_BIN_DIR) + "/tarnwick-cli"};
         argv_text.insert(argv_text.end(), args.begin(), args.end());
         std::vector<char *> argv;
         for (std::string &a : argv_text) {

@@ -180,8 +180,7 @@ private slots:
                                 1,
                                 query,
                                 static_cast<SearchMode>(mode)));
-        QStringList found = allMarks(panel->textView());
-        QCOMPARE(found, marks);
+        QCOMPARE(allMarks(panel->textView()), marks);
         QCOMPARE(panel->textView()->document()->blockCount(), 50); // the file is shown all the same
     }
 
