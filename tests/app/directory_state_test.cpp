@@ -36,11 +36,8 @@ private slots:
     void invalidRegexSaysWhyAndRunsNothing();
     void indexingProgressText_data();
     void indexingProgressText();
-    void historyDeduplicatesByQueryAndMode();
-    void historyKeepsTheTenMostRecent();
-    void historySurvivesReopening();
+    void historyDeduplicatesKeepsTenAndSurvivesReopening();
     void pagingGrowsByTenUntilSixtyFour();
-    void shortAnswerEndsPaging();
     void pinnedResultsShowFirstAndNeverTwice();
     void unpinningRemovesFromListAndSettings();
     void encoderOverrideFallsBackToDefault();
@@ -115,7 +112,7 @@ bool TestDirectoryState::waitForSearch(DirectoryState *state)
 
 void TestDirectoryState::emptyQueryClearsResultsAndRecordsNothing()
 {
-    writeFile(m_dir->path(), QStringLiteral("a.txt"), "the quick brown fox jumps\n");
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("a.txt"), "the quick brown fox jumps\n"));
     DirectoryState *state = openState(m_dir->path());
     state->ingest(800, 200);
     QVERIFY(waitForIngest(state));
@@ -135,7 +132,7 @@ void TestDirectoryState::emptyQueryClearsResultsAndRecordsNothing()
 
 void TestDirectoryState::invalidRegexSaysWhyAndRunsNothing()
 {
-    writeFile(m_dir->path(), QStringLiteral("a.py"), "def read_lines(path):\n    pass\n");
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("a.py"), "def read_lines(path):\n    pass\n"));
     DirectoryState *state = openState(m_dir->path());
     state->ingest(800, 200);
     QVERIFY(waitForIngest(state));
@@ -196,7 +193,7 @@ void TestDirectoryState::indexingProgressText()
     QCOMPARE(DirectoryState::indexingProgressText(done, found, chunks, seconds), expected);
 }
 
-void TestDirectoryState::historyDeduplicatesByQueryAndMode()
+void TestDirectoryState::historyDeduplicatesKeepsTenAndSurvivesReopening()
 {
     DirectoryState *state = openState(m_dir->path());
     state->addToHistory(QStringLiteral("foo"), SearchMode::Text);
@@ -205,17 +202,13 @@ void TestDirectoryState::historyDeduplicatesByQueryAndMode()
     QCOMPARE(state->searchHistory().size(), 2);
     QCOMPARE(state->searchHistory().at(0).query, QStringLiteral("foo"));
     QCOMPARE(state->searchHistory().at(1).query, QStringLiteral("bar"));
-
     state->addToHistory(QStringLiteral("foo"), SearchMode::Semantic);
     state->addToHistory(QStringLiteral("Foo"), SearchMode::Text);
     QCOMPARE(state->searchHistory().size(), 4);
     QCOMPARE(state->searchHistory().at(1).mode, QStringLiteral("Semantic"));
     QCOMPARE(state->searchHistory().at(2).mode, QStringLiteral("Text"));
-}
 
-void TestDirectoryState::historyKeepsTheTenMostRecent()
-{
-    DirectoryState *state = openState(m_dir->path());
+    // The ten most recent stay, in the settings as well.
     QSignalSpy changed(state, &DirectoryState::searchHistoryChanged);
     for (int i = 1; i <= 11; i++) {
         state->addToHistory(QStringLiteral("query %1").arg(i), SearchMode::Regex);
@@ -228,13 +221,8 @@ void TestDirectoryState::historyKeepsTheTenMostRecent()
         SearchHistoryEntry::decodeList(m_env->settings()->searchHistoryData(m_dir->path()));
     QVERIFY(stored);
     QCOMPARE(stored->size(), 10);
-}
 
-void TestDirectoryState::historySurvivesReopening()
-{
-    DirectoryState *state = openState(m_dir->path());
-    state->addToHistory(QStringLiteral("first"), SearchMode::Text);
-    state->addToHistory(QStringLiteral("second"), SearchMode::Regex);
+    state->addToHistory(QStringLiteral("plain"), SearchMode::Text); // a second mode to keep
     const QList<SearchHistoryEntry> before = state->searchHistory();
     // Garbage under another directory's key does not disturb this one.
     m_env->settings()->setSearchHistoryData(m_dir->path() + QStringLiteral("/sub"), "garbage");
@@ -253,7 +241,8 @@ void TestDirectoryState::pagingGrowsByTenUntilSixtyFour()
     while (text.size() < 4000) {
         text += "alpha ";
     }
-    writeFile(m_dir->path(), QStringLiteral("many.txt"), text);
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("many.txt"), text));
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("rare.txt"), "one rare omega word\n"));
     DirectoryState *state = openState(m_dir->path());
     state->ingest(50, 10);
     QVERIFY(waitForIngest(state));
@@ -290,18 +279,10 @@ void TestDirectoryState::pagingGrowsByTenUntilSixtyFour()
     QCOMPARE(state->searchLimit(), 10);
     QVERIFY(waitForSearch(state));
     QCOMPARE(state->results().size(), 10);
-}
-
-void TestDirectoryState::shortAnswerEndsPaging()
-{
-    writeFile(m_dir->path(), QStringLiteral("a.txt"), "one rare word here\n");
-    writeFile(m_dir->path(), QStringLiteral("b.txt"), "another rare word\n");
-    DirectoryState *state = openState(m_dir->path());
-    state->ingest(800, 200);
-    QVERIFY(waitForIngest(state));
-    state->search(QStringLiteral("rare"), SearchMode::Text);
+    // An answer shorter than the first page ends paging at once.
+    state->search(QStringLiteral("omega"), SearchMode::Text);
     QVERIFY(waitForSearch(state));
-    QCOMPARE(state->results().size(), 2);
+    QCOMPARE(state->results().size(), 1);
     QVERIFY(!state->hasMoreResults());
 }
 
@@ -320,8 +301,8 @@ static SearchResult makeResult(const QString &id, const QString &path)
 
 void TestDirectoryState::pinnedResultsShowFirstAndNeverTwice()
 {
-    writeFile(m_dir->path(), QStringLiteral("a.txt"), "apples and pears in the basket\n");
-    writeFile(m_dir->path(), QStringLiteral("b.txt"), "apples grow on trees in autumn\n");
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("a.txt"), "apples and pears in the basket\n"));
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("b.txt"), "apples grow on trees in autumn\n"));
     DirectoryState *state = openState(m_dir->path());
     state->ingest(800, 200);
     QVERIFY(waitForIngest(state));
@@ -415,7 +396,7 @@ void TestDirectoryState::encoderOverrideFallsBackToDefault()
 
 void TestDirectoryState::choosingDefaultRemovesTheOverrideKey()
 {
-    writeFile(m_dir->path(), QStringLiteral("a.txt"), "words to index again and again\n");
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("a.txt"), "words to index again and again\n"));
     const QUuid someId = QUuid::createUuid();
     m_env->settings()->setEncoderOverride(m_dir->path(), JsonCoding::uuidText(someId));
     m_env->settings()->setChunkSize(0); // reads as 800
@@ -438,8 +419,8 @@ void TestDirectoryState::choosingDefaultRemovesTheOverrideKey()
 
 void TestDirectoryState::indexOfAnotherEncoderIsRebuiltWhenOpened()
 {
-    writeFile(m_dir->path(), QStringLiteral("a.txt"), "rivers run to the sea\n");
-    writeFile(m_dir->path(), QStringLiteral("b.md"), "# bread\nyeast makes dough rise\n");
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("a.txt"), "rivers run to the sea\n"));
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("b.md"), "# bread\nyeast makes dough rise\n"));
     QTemporaryDir weightsDir;
     const QString other = weightsDir.filePath(QStringLiteral("other.tten"));
     TrnEncoder *encoder = trn_encoder_init(7); // not the engine's seed-42 encoder
@@ -483,8 +464,8 @@ void TestDirectoryState::indexOfAnotherEncoderIsRebuiltWhenOpened()
 
 void TestDirectoryState::statusTextReportsCountsAfterIndexing()
 {
-    writeFile(m_dir->path(), QStringLiteral("a.txt"), QByteArray(250, 'a'));
-    writeFile(m_dir->path(), QStringLiteral("b.md"), "# heading\nsome text\n");
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("a.txt"), QByteArray(250, 'a')));
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("b.md"), "# heading\nsome text\n"));
     DirectoryState *fresh = openState(m_dir->path());
     QCOMPARE(fresh->statusText(), QStringLiteral("Not indexed"));
     QVERIFY(!fresh->isIndexed());
@@ -545,7 +526,7 @@ void TestDirectoryState::busyIndexIsShownAndOpenedOnceFree()
 
 void TestDirectoryState::closedTabDropsLateResults()
 {
-    writeFile(m_dir->path(), QStringLiteral("a.txt"), "closing while searching\n");
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("a.txt"), "closing while searching\n"));
     DirectoryState *state = openState(m_dir->path());
     std::weak_ptr<TarnwickEngine> engine = state->engine();
     state->ingest(800, 200);
@@ -604,8 +585,8 @@ void TestDirectoryState::olderAnswerNeverShowsOverANewerSearch()
     QFETCH(QString, newer);
     QFETCH(bool, regex);
     QFETCH(QString, shownFile);
-    writeFile(m_dir->path(), QStringLiteral("a.txt"), "alpha is the first letter\n");
-    writeFile(m_dir->path(), QStringLiteral("b.txt"), "beta is the second letter\n");
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("a.txt"), "alpha is the first letter\n"));
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("b.txt"), "beta is the second letter\n"));
     DirectoryState *state = openState(m_dir->path());
     state->ingest(800, 200);
     QVERIFY(waitForIngest(state));
@@ -658,13 +639,13 @@ void TestDirectoryState::gitBranch()
     const QString root = m_dir->filePath(QStringLiteral("repo"));
     QDir().mkpath(root + QLatin1Char('/') + subdirectory);
     if (layout == QLatin1String("dir")) {
-        writeFile(root, QStringLiteral(".git/HEAD"), head);
+        QVERIFY(writeFile(root, QStringLiteral(".git/HEAD"), head));
     } else if (layout == QLatin1String("file")) {
         const QString gitDir = m_dir->filePath(QStringLiteral("elsewhere/worktrees/wt"));
-        writeFile(gitDir, QStringLiteral("HEAD"), head);
-        writeFile(root, QStringLiteral(".git"), "gitdir: " + gitDir.toUtf8() + "\n");
+        QVERIFY(writeFile(gitDir, QStringLiteral("HEAD"), head));
+        QVERIFY(writeFile(root, QStringLiteral(".git"), "gitdir: " + gitDir.toUtf8() + "\n"));
     } else if (layout == QLatin1String("bad-file")) {
-        writeFile(root, QStringLiteral(".git"), "something else\n");
+        QVERIFY(writeFile(root, QStringLiteral(".git"), "something else\n"));
     }
     const QString path = subdirectory.isEmpty() ? root : root + QLatin1Char('/') + subdirectory;
     QTEST(DirectoryState::detectGitBranch(path), "branch");
@@ -674,8 +655,8 @@ void TestDirectoryState::gitBranch()
 
 void TestDirectoryState::resultsModelFollowsDisplayResults()
 {
-    writeFile(m_dir->path(), QStringLiteral("a.txt"), "model rows come from here\n");
-    writeFile(m_dir->path(), QStringLiteral("b.txt"), "more model rows\n");
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("a.txt"), "model rows come from here\n"));
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("b.txt"), "more model rows\n"));
     DirectoryState *state = openState(m_dir->path());
     ResultsModel *model = state->resultsModel();
     QAbstractItemModelTester tester(model, QAbstractItemModelTester::FailureReportingMode::QtTest);

@@ -10,7 +10,6 @@ class TestPromptBuilder : public QObject
     Q_OBJECT
 
 private slots:
-    void scopeNames();
     void headerPath_data();
     void headerPath();
     void exampleFromTheHelp();
@@ -31,18 +30,6 @@ static SearchResult result(const QString &path, int line, const QString &snippet
 
 static const char kOpening[] = "Based on the following excerpts from my documents, answer my "
                                "question.\n\n--- Context ---\n\n";
-
-void TestPromptBuilder::scopeNames()
-{
-    QStringList names;
-    for (PromptScope scope : allPromptScopes()) {
-        names.append(promptScopeName(scope));
-    }
-    QCOMPARE(
-        names,
-        QStringList(
-            {QStringLiteral("Pinned"), QStringLiteral("Top 5"), QStringLiteral("All Visible")}));
-}
 
 void TestPromptBuilder::headerPath_data()
 {

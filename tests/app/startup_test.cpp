@@ -4,9 +4,9 @@
 */
 #include "command_line.h"
 #include "support_files.h"
+#include "test_support.h"
 
 #include <QDir>
-#include <QFile>
 #include <QTemporaryDir>
 #include <QUrl>
 #include <QtTest>
@@ -20,18 +20,6 @@ private slots:
     void supportFileIsFoundInEachLayout();
     void argumentsNameDirectories();
 };
-
-namespace
-{
-
-void touch(const QString &path)
-{
-    QDir().mkpath(QFileInfo(path).absolutePath());
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-}
-
-} // namespace
 
 // Each row lays out files under a fresh prefix (the program lives in prefix/bin) and names the
 // file expected for "trainer", relative to the prefix, or "" for none.
@@ -64,7 +52,7 @@ void TestStartup::supportFileIsFoundInEachLayout()
     QVERIFY(prefix.isValid());
     QDir().mkpath(prefix.filePath(QStringLiteral("bin")));
     for (const QString &file : files) {
-        touch(prefix.filePath(file));
+        QVERIFY(writeFile(prefix.path(), file, {}));
     }
     const QString found = supportFilePath(QStringLiteral("trainer"), prefix.filePath("bin"));
     QCOMPARE(found, expected.isEmpty() ? QString() : prefix.filePath(expected));
@@ -76,8 +64,8 @@ void TestStartup::argumentsNameDirectories()
     QVERIFY(root.isValid());
     const QString notes = root.filePath(QStringLiteral("notes"));
     const QString src = root.filePath(QStringLiteral("src"));
-    touch(notes + QStringLiteral("/todo.txt"));
-    touch(src + QStringLiteral("/has space/main.c"));
+    QVERIFY(writeFile(notes, QStringLiteral("todo.txt"), {}));
+    QVERIFY(writeFile(src, QStringLiteral("has space/main.c"), {}));
     QDir::setCurrent(root.path());
 
     const LaunchTargets targets =

@@ -1,6 +1,6 @@
 /*
-** test_support.h -- what the model tests share: settings and a home directory of their own,
-** and small file helpers.
+** test_support.h -- what the model and view tests share: settings and a home directory of their
+** own, and small file helpers.
 */
 #ifndef TRN_TEST_SUPPORT_H
 #define TRN_TEST_SUPPORT_H
@@ -27,11 +27,11 @@ public:
     {
         QVERIFY2(m_home.isValid(), "no temporary directory");
         qputenv("HOME", QFile::encodeName(m_home.path()));
-        Settings::setStandard(new Settings(
-            new QSettings(m_home.filePath(QStringLiteral("settings.ini")), QSettings::IniFormat)));
+        Settings::setStandard(new Settings(new QSettings(settingsPath(), QSettings::IniFormat)));
         m_training = std::make_unique<TrainingManager>();
     }
     QString home() const { return m_home.path(); }
+    QString settingsPath() const { return m_home.filePath(QStringLiteral("settings.ini")); }
     Settings *settings() const { return Settings::standard(); }
     // The training manager over these settings, as the application object owns one.
     TrainingManager *training() const { return m_training.get(); }
@@ -52,14 +52,20 @@ private:
     QString m_path;
 };
 
-// Writes bytes to dir/relative, creating folders on the way.
-inline void writeFile(const QString &dir, const QString &relative, const QByteArray &bytes)
+// Writes bytes to path, creating folders on the way; false when it cannot.
+[[nodiscard]] inline bool writeFile(const QString &path, const QByteArray &bytes)
 {
-    const QString path = dir + QLatin1Char('/') + relative;
     QDir().mkpath(QFileInfo(path).path());
     QFile file(path);
-    QVERIFY2(file.open(QIODevice::WriteOnly | QIODevice::Truncate), qPrintable(path));
-    QCOMPARE(file.write(bytes), bytes.size());
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate)
+           && file.write(bytes) == bytes.size();
+}
+
+// Writes bytes to dir/relative, creating folders on the way; false when it cannot.
+[[nodiscard]] inline bool writeFile(const QString &dir, const QString &relative,
+                                    const QByteArray &bytes)
+{
+    return writeFile(dir + QLatin1Char('/') + relative, bytes);
 }
 
 #endif

@@ -103,8 +103,11 @@ void TestTrainingManager::cleanup()
 TrainingProfile TestTrainingManager::makeProfile(int textBytes)
 {
     const QString source = m_work->filePath(QStringLiteral("source"));
-    writeFile(source, QStringLiteral("text.md"), QByteArray(textBytes, 'w'));
-    writeFile(source, QStringLiteral("image.png"), QByteArray(4096, 'p')); // not indexable
+    // The picture is not indexable.
+    if (!writeFile(source, QStringLiteral("text.md"), QByteArray(textBytes, 'w'))
+        || !writeFile(source, QStringLiteral("image.png"), QByteArray(4096, 'p'))) {
+        QTest::qFail("cannot write the source directory", __FILE__, __LINE__);
+    }
     TrainingProfile draft;
     draft.name = QStringLiteral("Run ") + QString::number(textBytes);
     draft.sourceDirectories = {source};
@@ -178,7 +181,7 @@ void TestTrainingManager::commandLine()
     QFETCH(bool, fromBuiltIn);
     const QString builtIn = m_bin + QStringLiteral("/default.tten");
     if (shipped) {
-        writeFile(m_bin, QStringLiteral("default.tten"), "TTEN");
+        QVERIFY(writeFile(m_bin, QStringLiteral("default.tten"), "TTEN"));
     }
     QCOMPARE(m_manager->builtInWeightsPath(), shipped ? builtIn : QString());
     TrainingProfile profile = makeProfile(500);
@@ -307,7 +310,7 @@ void TestTrainingManager::missingTrainerChangesNothing()
     QCOMPARE(m_manager->profile(profile.id)->status, TrainingStatus::Untrained);
 
     // A file without execute permission is no trainer either.
-    writeFile(m_bin, QStringLiteral("trainer"), "#!/bin/sh\nexit 0\n");
+    QVERIFY(writeFile(m_bin, QStringLiteral("trainer"), "#!/bin/sh\nexit 0\n"));
     m_manager->train(profile);
     QCOMPARE(m_manager->trainingProgress(), QStringLiteral("Trainer not executable"));
     QVERIFY(!m_manager->isTraining());
@@ -332,15 +335,9 @@ void TestTrainingManager::cancelLeavesTheProfileAsItWas()
     if (wasTrained) {
         profile.status = TrainingStatus::Trained;
         profile.lastTrained = trainedAt;
-        writeFile(QFileInfo(profile.weightsPath).path(),
-                  QFileInfo(profile.weightsPath).fileName(),
-                  "old weights");
-        writeFile(QFileInfo(profile.lossPath()).path(),
-                  QFileInfo(profile.lossPath()).fileName(),
-                  "step,loss\n10,1.5\n");
-        writeFile(QFileInfo(profile.bpePath()).path(),
-                  QFileInfo(profile.bpePath()).fileName(),
-                  "old merges");
+        QVERIFY(writeFile(profile.weightsPath, "old weights"));
+        QVERIFY(writeFile(profile.lossPath(), "step,loss\n10,1.5\n"));
+        QVERIFY(writeFile(profile.bpePath(), "old merges"));
     }
     m_manager->updateProfile(profile);
     // The stand-in tokenizer trainer replaces the merges file, as the real one does.

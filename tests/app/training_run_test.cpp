@@ -49,7 +49,7 @@ void TestTrainingRun::trainedProfileSuppliesTheWeightsOfATab()
         for (int line = 0; line < 6; line++) {
             text += QByteArray(topics[(i + line) % 4]) + " (note " + QByteArray::number(i) + ")\n";
         }
-        writeFile(docs.path(), QStringLiteral("note%1.txt").arg(i), text);
+        QVERIFY(writeFile(docs.path(), QStringLiteral("note%1.txt").arg(i), text));
     }
 
     TrainingManager *manager = m_env->training();

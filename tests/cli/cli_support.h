@@ -1,9 +1,9 @@
 /*
 ** cli_support.h -- what the tarnwick-cli tests share: running the built program in a temporary
-** directory with its output captured and a home directory of its own, writing fixture files, and a
-*strict JSON parser that
-** rejects everything the grammar does not allow (raw control characters and ill-formed UTF-8 in
-** strings included), so a test that parses the program's output also checks that it is valid.
+** directory with its output captured and a home directory of its own, writing fixture files, and
+** a strict JSON parser that rejects everything the grammar does not allow (raw control characters
+** and ill-formed UTF-8 in strings included), so a test that parses the program's output also
+** checks that it is valid.
 */
 #ifndef TRN_CLI_SUPPORT_H
 #define TRN_CLI_SUPPORT_H
@@ -30,11 +30,6 @@ namespace cli_test
 {
 
 namespace fs = std::filesystem;
-
-inline std::string cli_path()
-{
-    return std::string(TRN_BIN_DIR) + "/tarnwick-cli";
-}
 
 // A fresh directory under /tmp, removed with everything in it at the end of the test. Its path
 // is resolved (no symbolic links), as the program resolves the directories it is given.
@@ -122,7 +117,7 @@ public:
             ADD_FAILURE() << "openpty failed";
             m_master = -1;
         }
-        std::vector<std::string> argv_text = {cli_path()};
+        std::vector<std::string> argv_text = {std::string(TRN_BIN_DIR) + "/tarnwick-cli"};
         argv_text.insert(argv_text.end(), args.begin(), args.end());
         std::vector<char *> argv;
         for (std::string &a : argv_text) {

@@ -42,8 +42,8 @@ class FileScopeTest : public QObject
 private slots:
     void initTestCase()
     {
-        m_home = std::make_unique<IsolatedHome>();
-        QVERIFY(m_home->isValid());
+        m_home = std::make_unique<IsolatedEnvironment>();
+        installIconThemeFallback();
         Settings::standard()->remove(QStringLiteral("savedTabPaths"));
         QVERIFY(m_dir.isValid());
         // Sizes 120, 60 and 30 bytes; a binary file; a file too short to index.
@@ -75,9 +75,7 @@ private slots:
         FileScopeWindow *scope = m_window->fileScopeWindow();
         QVERIFY(scope && scope->isVisible());
         QVERIFY(scope->isScanning());
-        auto *label = scope->findChild<QLabel *>(QStringLiteral("scanningLabel"));
-        QCOMPARE(label->text(), QStringLiteral("Scanning directory\u2026"));
-        QVERIFY(label->isVisible());
+        QVERIFY(scope->findChild<QLabel *>(QStringLiteral("scanningLabel"))->isVisible());
         QTRY_VERIFY_WITH_TIMEOUT(!scope->isScanning(), 10000);
         QCOMPARE(scope->table()->model()->rowCount(), 5);
         QVERIFY(scope->windowTitle().endsWith(QFileInfo(m_dir.path()).fileName()));
@@ -143,21 +141,13 @@ private slots:
         QCOMPARE(table->horizontalHeader()->sortIndicatorOrder(), Qt::DescendingOrder);
     }
 
-    void statusSortPutsIndexedFirst()
+    // The order by status is the model's own (file_list_model_test); the header picks it.
+    void statusHeaderSortsByStatus()
     {
         FileScopeWindow *scope = m_window->fileScopeWindow();
-        QTableView *table = scope->table();
         scope->fileModel()->setSortKey(FileSortKey::Name);
-        clickHeader(table, FileTableModel::StatusColumn);
-        const QStringList status = column(table, FileTableModel::StatusColumn);
-        // Files that are not indexable keep their name order after the indexed ones.
-        const QString indexed = QStringLiteral("Indexed (1 chunk)");
-        QCOMPARE(status,
-                 QStringList({indexed,
-                              indexed,
-                              indexed,
-                              QStringLiteral("Binary"),
-                              QStringLiteral("Too short")}));
+        clickHeader(scope->table(), FileTableModel::StatusColumn);
+        QCOMPARE(scope->fileModel()->sortKey(), FileSortKey::Status);
     }
 
     void columnsWithoutAKeyDoNotSort()
@@ -203,7 +193,7 @@ private slots:
     }
 
 private:
-    std::unique_ptr<IsolatedHome> m_home;
+    std::unique_ptr<IsolatedEnvironment> m_home;
     QTemporaryDir m_dir;
     std::unique_ptr<AppWindow> m_open;
     AppState *m_app = nullptr;

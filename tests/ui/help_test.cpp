@@ -42,8 +42,8 @@ class HelpTest : public QObject
 private slots:
     void initTestCase()
     {
-        m_home = std::make_unique<IsolatedHome>();
-        QVERIFY(m_home->isValid());
+        m_home = std::make_unique<IsolatedEnvironment>();
+        installIconThemeFallback();
     }
 
     void helpCommandOpensTheFirstPage()
@@ -54,12 +54,14 @@ private slots:
         HelpWindow *help = window.helpWindow();
         QVERIFY(help && help->isVisible());
         QCOMPARE(help->browser()->source(), QUrl(QStringLiteral("qrc:/help/index.html")));
-        QCOMPARE(help->browser()->documentTitle(), QStringLiteral("Welcome"));
-        QCOMPARE(help->windowTitle(), QStringLiteral("Tarnwick Help \u2014 Welcome"));
+        QCOMPARE(help->browser()->documentTitle(), HelpWindow::pages().first().second);
+        QVERIFY(help->windowTitle().endsWith(help->browser()->documentTitle()));
         QCOMPARE(help->contents()->currentRow(), 0);
     }
 
-    void contentsListEveryShippedPage()
+    // Every shipped page is in the contents, has a title and text, and links only to shipped
+    // pages.
+    void contentsListEveryShippedPageAndItsLinksStayInside()
     {
         QStringList listed;
         HelpWindow help;
@@ -68,18 +70,6 @@ private slots:
             help.showPage(file);
             QVERIFY2(!help.browser()->toPlainText().trimmed().isEmpty(), qPrintable(file));
             QCOMPARE(help.browser()->documentTitle(), title);
-        }
-        QStringList shipped = QDir(QStringLiteral(":/help")).entryList({QStringLiteral("*.html")});
-        listed.sort();
-        shipped.sort();
-        QCOMPARE(listed, shipped);
-    }
-
-    void everyLinkLeadsToAShippedPage()
-    {
-        HelpWindow help;
-        for (const auto &[file, title] : HelpWindow::pages()) {
-            help.showPage(file);
             const QStringList targets = links(help.browser()->document());
             QVERIFY2(file == QLatin1String("shortcuts.html") || !targets.isEmpty(),
                      qPrintable(file));
@@ -90,6 +80,10 @@ private slots:
                          qPrintable(file + QStringLiteral(" links to ") + target));
             }
         }
+        QStringList shipped = QDir(QStringLiteral(":/help")).entryList({QStringLiteral("*.html")});
+        listed.sort();
+        shipped.sort();
+        QCOMPARE(listed, shipped);
     }
 
     void choosingAPageInTheContentsShowsIt()
@@ -103,7 +97,7 @@ private slots:
     }
 
 private:
-    std::unique_ptr<IsolatedHome> m_home;
+    std::unique_ptr<IsolatedEnvironment> m_home;
 };
 
 QTEST_MAIN(HelpTest)

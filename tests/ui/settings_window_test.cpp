@@ -56,8 +56,8 @@ class SettingsWindowTest : public QObject
 private slots:
     void initTestCase()
     {
-        m_home = std::make_unique<IsolatedHome>();
-        QVERIFY(m_home->isValid());
+        m_home = std::make_unique<IsolatedEnvironment>();
+        installIconThemeFallback();
         m_systemPalette = QApplication::palette();
     }
     void cleanup()
@@ -154,20 +154,6 @@ private slots:
         Settings::standard()->remove(QStringLiteral("editorCommand"));
     }
 
-    void helpTextsAreShown()
-    {
-        SettingsWindow window(m_home->training());
-        QStringList texts;
-        for (QLabel *label : window.findChildren<QLabel *>()) {
-            texts.append(label->text());
-        }
-        QVERIFY(texts.contains(QStringLiteral("Applied when indexing new directories. Source "
-                                              "code: 400\u2013800. Documents: 800\u20131200.")));
-        QVERIFY(texts.contains(QStringLiteral("Comma-separated extensions to index as text, "
-                                              "beyond what Tarnwick recognizes. Re-index after "
-                                              "changes.")));
-    }
-
     void appearanceAppliesToTheWholeApplicationAtOnce()
     {
         Appearance appearance(Settings::standard());
@@ -190,20 +176,15 @@ private slots:
         QCOMPARE(Settings::standard()->appearance(), QStringLiteral("system"));
     }
 
-    void trainingPageExplainsAndSaysWhenEmpty()
+    void trainingPageCountsTheCoresAndSaysWhenEmpty()
     {
         SettingsWindow window(m_home->training());
         window.showTrainingPage();
         window.show();
-        const QString explanation = child<QLabel>(&window, "trainingExplanation")->text();
-        QVERIFY(explanation.startsWith(
-            QStringLiteral("Train an encoder on your documents for semantic search.")));
-        QVERIFY(explanation.endsWith(QStringLiteral("This computer has %1 CPU cores available "
-                                                    "for training threads.")
-                                         .arg(QThread::idealThreadCount())));
-        QLabel *empty = child<QLabel>(&window, "noProfilesLabel");
-        QCOMPARE(empty->text(), QStringLiteral("No training profiles yet."));
-        QVERIFY(empty->isVisible());
+        QVERIFY(child<QLabel>(&window, "trainingExplanation")
+                    ->text()
+                    .contains(QStringLiteral(" %1 CPU cores ").arg(QThread::idealThreadCount())));
+        QVERIFY(child<QLabel>(&window, "noProfilesLabel")->isVisible());
         QVERIFY(window.profileRows().isEmpty());
     }
 
@@ -218,15 +199,15 @@ private slots:
         QCOMPARE(dialog->windowTitle(), QStringLiteral("New Training Profile"));
         QCOMPARE(dialog->acceptButton()->text(), QStringLiteral("Add"));
         QVERIFY(!dialog->acceptButton()->isEnabled()); // no name yet
-        // The defaults of a new profile.
-        QCOMPARE(child<QComboBox>(dialog, "profileSteps")->currentText(), QStringLiteral("2000"));
-        QCOMPARE(child<QComboBox>(dialog, "profileBatch")->currentText(), QStringLiteral("8"));
-        QCOMPARE(child<QLineEdit>(dialog, "profileLearningRate")->text(), QStringLiteral("0.001"));
-        QCOMPARE(child<QComboBox>(dialog, "profileHeads")->currentText(), QStringLiteral("8"));
-        QCOMPARE(child<QComboBox>(dialog, "profileLayers")->currentText(), QStringLiteral("2"));
-        QCOMPARE(child<QComboBox>(dialog, "profileThreads")->currentText(), QStringLiteral("1"));
-        QCOMPARE(child<QLineEdit>(dialog, "profileName")->placeholderText(),
-                 QStringLiteral("e.g. Swedish, English, Mixed"));
+        // The fields start at a new profile's values.
+        const TrainingProfile fresh;
+        QCOMPARE(child<QComboBox>(dialog, "profileSteps")->currentText().toInt(), fresh.steps);
+        QCOMPARE(child<QComboBox>(dialog, "profileBatch")->currentText().toInt(), fresh.batchSize);
+        QCOMPARE(child<QLineEdit>(dialog, "profileLearningRate")->text().toFloat(),
+                 fresh.learningRate);
+        QCOMPARE(child<QComboBox>(dialog, "profileHeads")->currentText().toInt(), fresh.heads);
+        QCOMPARE(child<QComboBox>(dialog, "profileLayers")->currentText().toInt(), fresh.layers);
+        QCOMPARE(child<QComboBox>(dialog, "profileThreads")->currentText().toInt(), fresh.threads);
 
         QTest::keyClicks(child<QLineEdit>(dialog, "profileName"), QStringLiteral("My Docs: v1.2"));
         choose(child<QComboBox>(dialog, "profileSteps"), QStringLiteral("5000"));
@@ -330,12 +311,8 @@ private slots:
         TrainingProfile draft;
         draft.name = QStringLiteral("Scratch");
         const TrainingProfile created = manager->createProfile(draft);
-        QVERIFY(writeFile(QFileInfo(created.weightsPath).path(),
-                          QFileInfo(created.weightsPath).fileName(),
-                          "TTEN"));
-        QVERIFY(writeFile(QFileInfo(created.lossPath()).path(),
-                          QFileInfo(created.lossPath()).fileName(),
-                          "1,2.0\n"));
+        QVERIFY(writeFile(created.weightsPath, "TTEN"));
+        QVERIFY(writeFile(created.lossPath(), "1,2.0\n"));
 
         SettingsWindow window(m_home->training());
         window.showTrainingPage();
@@ -346,10 +323,8 @@ private slots:
         pressDelete();
         QMessageBox *box = window.openDeleteConfirmation();
         QVERIFY(box && box->isVisible());
-        QCOMPARE(box->windowTitle(), QStringLiteral("Delete Training Profile?"));
-        QCOMPARE(box->text(),
-                 QStringLiteral("Delete \u201cScratch\u201d and its weights file? "
-                                "This cannot be undone."));
+        QVERIFY2(box->text().contains(QStringLiteral("\u201cScratch\u201d")),
+                 qPrintable(box->text()));
         box->button(QMessageBox::Cancel)->click();
         QVERIFY(manager->profile(created.id).has_value());
         QVERIFY(QFileInfo::exists(created.weightsPath));
@@ -359,7 +334,6 @@ private slots:
         box = window.openDeleteConfirmation();
         QVERIFY(box);
         auto *confirm = box->findChild<QPushButton *>(QStringLiteral("confirmDeleteButton"));
-        QCOMPARE(confirm->text(), QStringLiteral("Delete profile and weights"));
         confirm->click();
         QVERIFY(!manager->profile(created.id).has_value());
         QVERIFY(!QFileInfo::exists(created.weightsPath));
@@ -397,17 +371,13 @@ private slots:
         const TrainingProfile profile = manager->createProfile(draft);
 
         LossChartWindow empty(profile);
-        QCOMPARE(empty.windowTitle(), QStringLiteral("Training Loss \u2014 Charted"));
+        QVERIFY(empty.windowTitle().endsWith(QStringLiteral(" Charted")));
         QVERIFY(!empty.hasData());
-        QCOMPARE(empty.messageLabel()->text(),
-                 QStringLiteral("No loss data available.\nTrain this profile to see the loss "
-                                "curve."));
+        QCOMPARE(empty.messageLabel()->text().count(QLatin1Char('\n')), 1);
 
         QFile log(QStringLiteral(TRN_SOURCE_DIR "/tests/ui/data/sample_run.loss"));
         QVERIFY(log.open(QIODevice::ReadOnly));
-        QVERIFY(writeFile(QFileInfo(profile.lossPath()).path(),
-                          QFileInfo(profile.lossPath()).fileName(),
-                          log.readAll()));
+        QVERIFY(writeFile(profile.lossPath(), log.readAll()));
         LossChartWindow chart(profile);
         QVERIFY(chart.hasData());
         // The header line "step,loss" is skipped; eleven records remain, in file order.
@@ -437,7 +407,7 @@ private slots:
     }
 
 private:
-    std::unique_ptr<IsolatedHome> m_home;
+    std::unique_ptr<IsolatedEnvironment> m_home;
     QPalette m_systemPalette;
 };
 

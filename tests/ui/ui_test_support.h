@@ -1,6 +1,6 @@
 /*
-** ui_test_support.h -- what the view tests share: a home directory and settings of their own,
-** the application's objects as main() makes them, and file and mouse helpers.
+** ui_test_support.h -- what the view tests share beyond test_support.h: the application's objects
+** as main() makes them, and text and mouse helpers.
 */
 #ifndef TRN_UI_TEST_SUPPORT_H
 #define TRN_UI_TEST_SUPPORT_H
@@ -9,43 +9,14 @@
 #include "directory_state.h"
 #include "icons.h"
 #include "main_window.h"
-#include "settings.h"
+#include "test_support.h"
 #include "training_manager.h"
 
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
 #include <QMouseEvent>
-#include <QSettings>
 #include <QString>
-#include <QTemporaryDir>
 #include <QtTest>
 
 #include <memory>
-
-// Points HOME and the process-wide settings at a fresh temporary directory. Create it in
-// initTestCase(), before anything reads the settings.
-class IsolatedHome
-{
-public:
-    IsolatedHome()
-    {
-        qputenv("HOME", QFile::encodeName(m_home.path()));
-        Settings::setStandard(new Settings(new QSettings(settingsPath(), QSettings::IniFormat)));
-        installIconThemeFallback();
-        m_training = std::make_unique<TrainingManager>();
-    }
-    bool isValid() const { return m_home.isValid(); }
-    QString path() const { return m_home.path(); }
-    QString settingsPath() const { return m_home.filePath(QStringLiteral("settings.ini")); }
-    Settings *settings() const { return Settings::standard(); }
-    // A training manager over these settings, for windows made on their own.
-    TrainingManager *training() const { return m_training.get(); }
-
-private:
-    QTemporaryDir m_home;
-    std::unique_ptr<TrainingManager> m_training;
-};
 
 // The application's objects as main() makes them: the training manager, the model and the main
 // window.
@@ -67,16 +38,6 @@ inline std::unique_ptr<AppWindow> openAppWindow()
         restored.wait(2000);
     }
     return w;
-}
-
-// Writes bytes to dir/relative, creating folders on the way; false when it cannot.
-inline bool writeFile(const QString &dir, const QString &relative, const QByteArray &bytes)
-{
-    const QString path = dir + QLatin1Char('/') + relative;
-    QDir().mkpath(QFileInfo(path).path());
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly | QIODevice::Truncate)
-           && file.write(bytes) == bytes.size();
 }
 
 // "line 1\nline 2\n...line n" (no newline after the last line).

@@ -37,7 +37,8 @@ class TestWindowFit : public QObject
 private slots:
     void initTestCase()
     {
-        m_home = std::make_unique<IsolatedHome>();
+        m_home = std::make_unique<IsolatedEnvironment>();
+        installIconThemeFallback();
         QCOMPARE(QGuiApplication::primaryScreen()->availableGeometry(), kScreen);
     }
 
@@ -47,17 +48,13 @@ private slots:
         MainWindow &window = w->window;
         QVERIFY(QTest::qWaitForWindowExposed(&window));
         QVERIFY2(kScreen.contains(window.frameGeometry()),
-                 qPrintable(QStringLiteral("main window at %1,%2 %3x%4")
-                                .arg(window.frameGeometry().x())
-                                .arg(window.frameGeometry().y())
-                                .arg(window.frameGeometry().width())
-                                .arg(window.frameGeometry().height())));
+                 qPrintable(QDebug::toString(window.frameGeometry())));
 
         window.showSettings();
         window.showHelp();
         TrainingProfile profile;
         profile.name = QStringLiteral("fit");
-        profile.weightsPath = m_home->path() + QStringLiteral("/fit.tten");
+        profile.weightsPath = m_home->home() + QStringLiteral("/fit.tten");
         auto *chart = new LossChartWindow(profile, &window);
         showOnScreen(chart, &window);
         const QList<QWidget *> windows = {window.settingsWindow(), window.helpWindow(), chart};
@@ -139,7 +136,7 @@ private slots:
     }
 
 private:
-    std::unique_ptr<IsolatedHome> m_home;
+    std::unique_ptr<IsolatedEnvironment> m_home;
 };
 
 int main(int argc, char **argv)
