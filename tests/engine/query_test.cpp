@@ -160,6 +160,9 @@ TEST(SemanticSearch, ResultCountLimits)
     EXPECT_EQ(eng.search("anything", TRN_SEARCH_SEMANTIC, 100).size(), 50u); // ef_search
     EXPECT_EQ(eng.search("anything", TRN_SEARCH_SEMANTIC, 7).size(), 7u);
     EXPECT_TRUE(eng.search("anything", TRN_SEARCH_SEMANTIC, 0).empty());
+    // Over every file and in hybrid search the graph is searched at least k wide.
+    EXPECT_EQ(eng.search("anything", TRN_SEARCH_SEMANTIC_ALL, 64).size(), 64u);
+    EXPECT_EQ(eng.search("anything", TRN_SEARCH_HYBRID, 64).size(), 64u);
     // Two files: the graph is asked for min(4k, 64) hits, still at most ef_search.
     eng.set_files({"/one/file.txt", "/two.txt"}, {around.q, around.at(3.0f)});
     EXPECT_EQ(eng.search("anything", TRN_SEARCH_SEMANTIC, 100).size(), 50u);
