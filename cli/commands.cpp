@@ -1,7 +1,7 @@
 /*
-** commands.cpp -- the subcommands of tarnwick-cli over the engine's C interface: search, files,
-** stats, remove, compact and embed, and the engine-only index of a build without the
-** application's model. Indexing, prompts and training on the model are in model_commands.cpp.
+** commands.cpp -- the subcommands of tarnwick-cli over the engine's C interface: index, update,
+** watch, search, files, stats, remove, compact and embed. Prompts and training on the
+** application's model are in model_commands.cpp.
 */
 #include "commands.h"
 
