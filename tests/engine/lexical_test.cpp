@@ -54,6 +54,16 @@ TEST(LexicalTerms, SplitAsDocumented)
     for (const Case &c : cases) {
         EXPECT_EQ(split(c.text), c.terms) << c.text;
     }
+    // Only whole terms, as many as fit with the terminating zero; the count is of them all.
+    char out[8];
+    EXPECT_EQ(lex_split("open a", out, 7), 2);
+    EXPECT_STREQ(out, "open a");
+    EXPECT_EQ(lex_split("open a", out, 6), 2);
+    EXPECT_STREQ(out, "open");
+    EXPECT_EQ(lex_split("open", out, 5), 1);
+    EXPECT_STREQ(out, "open");
+    EXPECT_EQ(lex_split("open", out, 4), 1);
+    EXPECT_STREQ(out, "");
 }
 
 TEST(LexicalTerms, LongWordsAreCutAndOverlongRunsSplit)

@@ -301,19 +301,22 @@ TEST(StoreFile, StoredWidthReplacesTheConfiguredOne)
 
 TEST(StoreFile, LongIdKeeps255BytesAndLaterFieldsStayAligned)
 {
-    TempDir dir;
-    std::vector<StoreRecord> records = sample_records();
-    records[0].id = std::string(300, 'q');
-    store_bytes(records).write(dir.file("tarnwick.bin"));
-    TrnEngine *e = bare_engine();
-    store_load(e, dir.file("tarnwick.bin").c_str());
-    ASSERT_EQ(e->count, 3u);
-    EXPECT_EQ(std::string(e->chunks[0].doc_id), std::string(255, 'q'));
-    EXPECT_STREQ(e->chunks[0].text, "alpha beta");
-    EXPECT_STREQ(e->chunks[2].doc_id, "/d/c.py:1");
-    EXPECT_EQ(e->chunks[2].line_number, 12);
-    EXPECT_EQ(e->vectors[2 * 512], 3.0f);
-    free_bare_engine(e);
+    for (size_t length : {254, 255, 256, 300}) {
+        TempDir dir;
+        std::vector<StoreRecord> records = sample_records();
+        records[0].id = std::string(length, 'q');
+        store_bytes(records).write(dir.file("tarnwick.bin"));
+        TrnEngine *e = bare_engine();
+        store_load(e, dir.file("tarnwick.bin").c_str());
+        ASSERT_EQ(e->count, 3u);
+        EXPECT_EQ(std::string(e->chunks[0].doc_id),
+                  std::string(std::min<size_t>(length, 255), 'q'));
+        EXPECT_STREQ(e->chunks[0].text, "alpha beta");
+        EXPECT_STREQ(e->chunks[2].doc_id, "/d/c.py:1");
+        EXPECT_EQ(e->chunks[2].line_number, 12);
+        EXPECT_EQ(e->vectors[2 * 512], 3.0f);
+        free_bare_engine(e);
+    }
 }
 
 TEST(StoreFile, EveryTruncationLoadsTheWholeRecordsBeforeTheCut)
@@ -404,19 +407,22 @@ TEST(StoreFile, LinksAndEntryPointOutsideTheLoadedChunksAreRepaired)
     records[0].neighbors = {{1, 77, 2}, {900}, {}};
     records[2].level = 3;
     records[2].neighbors = {{0}, {}, {}, {}};
-    store_bytes(records, nullptr, 1, 512, /*entry=*/55, /*max_level=*/9).write(path);
-    TrnEngine *e = bare_engine();
-    store_load(e, path.c_str());
-    ASSERT_EQ(e->count, 3u);
-    EXPECT_EQ(handle_invariant_violation(e), "");
-    EXPECT_EQ(std::vector<uint32_t>(e->nodes[0].neighbors[0],
-                                    e->nodes[0].neighbors[0] + e->nodes[0].count[0]),
-              (std::vector<uint32_t>{1, 2}));
-    EXPECT_EQ(e->nodes[0].count[1], 0);
-    /* The highest live node takes the place of an entry point that names no chunk. */
-    EXPECT_EQ(e->entry_point, 2);
-    EXPECT_EQ(e->max_level, 3);
-    free_bare_engine(e);
+    /* An entry point past the chunks, the first one past them included, names no chunk. */
+    for (int32_t entry : {55, 3}) {
+        store_bytes(records, nullptr, 1, 512, entry, /*max_level=*/9).write(path);
+        TrnEngine *e = bare_engine();
+        store_load(e, path.c_str());
+        ASSERT_EQ(e->count, 3u);
+        EXPECT_EQ(handle_invariant_violation(e), "");
+        EXPECT_EQ(std::vector<uint32_t>(e->nodes[0].neighbors[0],
+                                        e->nodes[0].neighbors[0] + e->nodes[0].count[0]),
+                  (std::vector<uint32_t>{1, 2}));
+        EXPECT_EQ(e->nodes[0].count[1], 0);
+        /* The highest live node takes the place of an entry point that names no chunk. */
+        EXPECT_EQ(e->entry_point, 2) << entry;
+        EXPECT_EQ(e->max_level, 3);
+        free_bare_engine(e);
+    }
 }
 
 TEST(StoreFile, FailedCheckpointKeepsTheStoreAndTheLog)
