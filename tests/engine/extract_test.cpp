@@ -127,6 +127,11 @@ TEST(ExtractContainers, DocxOdtAndEpubGiveTheirParagraphs)
 
     write_zip(dir.file("empty.docx"), {{"word/other.xml", "<x/>"}});
     EXPECT_EQ(text_of(dir.file("empty.docx"), TRN_FILE_TYPE_DOCX), "[Unreadable]");
+    write_zip(
+        dir.file("lost.epub"),
+        {{"mimetype", "application/epub+zip"},
+         {"META-INF/container.xml", "<container><rootfiles><rootfile/></rootfiles></container>"}});
+    EXPECT_EQ(text_of(dir.file("lost.epub"), TRN_FILE_TYPE_EPUB), "[Unreadable]");
     write_file_text(dir.file("fake.epub"), "not a zip container at all");
     EXPECT_EQ(text_of(dir.file("fake.epub"), TRN_FILE_TYPE_EPUB), "[Unreadable]");
 }
@@ -214,6 +219,13 @@ TEST(ExtractText, VerdictsForTextThatCannotBeUsed)
         {"overlong.txt", "slash \xC0\xAF is not allowed", TRN_FILE_TYPE_TEXT, "[Not UTF-8]"},
         {"cut.md", "ends in the middle \xE2\x98", TRN_FILE_TYPE_MARKDOWN, "[Not UTF-8]"},
         {"short.txt", "  ten chars \n\n ", TRN_FILE_TYPE_TEXT, "[Too short]"},
+        // Ten visible characters: white space of every kind and the continuation bytes of UTF-8
+        // never make up the eleventh.
+        {"spaces.txt", "ten chars!!\r\n\t\f\v \r\n", TRN_FILE_TYPE_TEXT, "[Too short]"},
+        {"accents.txt",
+         "\xC3\xA9\xC3\xA9\xC3\xA9\xC3\xA9\xC3\xA9\xC3\xA9\xC3\xA9\xC3\xA9\xC3\xA9\xC3\xA9",
+         TRN_FILE_TYPE_TEXT,
+         "[Too short]"},
         {"eleven.py", "x = 123456789", TRN_FILE_TYPE_SOURCE, "x = 123456789"},
         {"nul.txt", std::string("text with a \0 byte inside", 25), TRN_FILE_TYPE_TEXT, "[Binary]"},
         {"pic.png", "\x89PNG\r\n", TRN_FILE_TYPE_BINARY, "[Binary]"},
