@@ -23,22 +23,16 @@ if [ -z "$deb" ]; then
 fi
 
 depends=$(dpkg-deb -f "$deb" Depends)
-for dependency in libc6 libstdc++6 libopenblas libpoppler-cpp libzip libxml2; do
+needed="libc6 libstdc++6 libopenblas libpoppler-cpp libzip libxml2"
+has_app=0
+[ -f "$build/bin/tarnwick" ] && has_app=1
+[ "$has_app" = 1 ] && needed="$needed libqt6widgets6 libqt6pdf6 qt6-qpa-plugins"
+for dependency in $needed; do
     case $depends in
         *"$dependency"*) ;;
         *) fail "Depends lacks $dependency: $depends" ;;
     esac
 done
-has_app=0
-[ -f "$build/bin/tarnwick" ] && has_app=1
-if [ "$has_app" = 1 ]; then
-    for dependency in libqt6widgets6 libqt6pdf6 qt6-qpa-plugins; do
-        case $depends in
-            *"$dependency"*) ;;
-            *) fail "Depends lacks $dependency: $depends" ;;
-        esac
-    done
-fi
 
 # Every file lies under /usr, owned by root.
 if dpkg-deb -c "$deb" | awk '{print $6}' | grep -v '^\./usr/' | grep -qv '^\./$'; then
