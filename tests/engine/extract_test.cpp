@@ -93,9 +93,10 @@ TEST(ExtractContainers, DocxOdtAndEpubGiveTheirParagraphs)
                 "wordprocessingml/2006/main\"><w:body><w:p><w:r><w:t>Quarterly</w:t></w:r><w:r>"
                 "<w:t xml:space=\"preserve\"> report</w:t></w:r></w:p><w:p><w:r><w:t>Sales</w:t>"
                 "<w:tab/><w:t>rose &amp; fell</w:t></w:r></w:p><w:p><w:del><w:r><w:delText>gone"
-                "</w:delText></w:r></w:del></w:p></w:body></w:document>"}});
+                "</w:delText></w:r></w:del></w:p><w:p><w:r><w:t><![CDATA[a < b]]></w:t></w:r></w:p>"
+                "</w:body></w:document>"}});
     EXPECT_EQ(text_of(dir.file("report.docx"), TRN_FILE_TYPE_DOCX),
-              "Quarterly report\nSales\trose & fell\n");
+              "Quarterly report\nSales\trose & fell\na < b\n");
 
     write_zip(dir.file("notes.odt"),
               {{"mimetype", "application/vnd.oasis.opendocument.text"},
