@@ -265,4 +265,28 @@ TEST(CheckChunking, RefusesChunkSizesOutOfRangeAndOverlapsAboveHalfAChunk)
     EXPECT_EQ(trn_check_chunking(800, 799, nullptr, 0), 0);
 }
 
+TEST(UpdateDir, CompactsOnlyOnceMoreThanAQuarterOfTheChunksAreDeleted)
+{
+    TempDir index;
+    TempDir tree;
+    for (const char *name : {"a.txt", "b.txt", "c.txt", "d.txt"}) {
+        write_file_text(tree.file(name), std::string("a few words about ") + name);
+    }
+    TrnConfig cfg = config_for(index);
+    TrnEngine *e = trn_open(&cfg);
+    TrnUpdateReport r{};
+    ASSERT_EQ(trn_update_dir(e, tree.path().c_str(), 800, 200, nullptr, nullptr, nullptr, &r), 4);
+    for (const char *gone : {"a.txt", "b.txt"}) {
+        ASSERT_EQ(unlink(tree.file(gone).c_str()), 0);
+        ASSERT_EQ(trn_update_dir(e, tree.path().c_str(), 800, 200, nullptr, nullptr, nullptr, &r),
+                  0);
+        EXPECT_EQ(r.removed, 1) << gone;
+        // One of four deleted is a quarter, not more: only the second removal compacts.
+        EXPECT_EQ(r.compacted, strcmp(gone, "b.txt") == 0 ? 1 : 0) << gone;
+    }
+    EXPECT_EQ(trn_stats(e).deleted_count, 0u);
+    EXPECT_EQ(trn_stats(e).chunk_count, 2u);
+    trn_close(e);
+}
+
 } // namespace
