@@ -196,6 +196,14 @@ TEST(ExtractPdf, PagesKeepTheirStartsForThePreview)
     }
     extracted_text_free(&t);
 
+    /* A page whose text begins with an empty line: that line is the page's first. */
+    char lines[] = "a\n\nb\n";
+    uint64_t starts[] = {0, 2};
+    ExtractedText blank_first = {lines, 5, starts, 2};
+    EXPECT_EQ(page_for_line(&blank_first, 1), 1);
+    EXPECT_EQ(page_for_line(&blank_first, 2), 2);
+    EXPECT_EQ(page_for_line(&blank_first, 3), 2);
+
     write_file_text(dir.file("blank.pdf"), pdf_with_pages({""}));
     EXPECT_EQ(text_of(dir.file("blank.pdf"), TRN_FILE_TYPE_PDF), "[Too short]");
     write_file_text(dir.file("broken.pdf"), "%PDF-1.4 this is not a document");
