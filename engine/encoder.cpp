@@ -197,11 +197,14 @@ void save_rows(float *dst, const float *src, int rows, int width)
     }
 }
 
-/* Layer-normalises copies of the first n rows of the residual stream into xn, saving each row's
-** mean and reciprocal deviation when mean and rstd are not NULL. */
-void norm_rows(TrnScratch *ws, int n, const float *gamma, const float *beta, float *mean,
-               float *rstd)
+/* Layer-normalises copies of the first n rows of the residual stream into xn with the first or
+** the second norm of a layer, saving each row's mean and reciprocal deviation in the l-th slots
+** of save when save is not NULL. */
+void norm_rows(TrnScratch *ws, int n, const float *gamma, const float *beta,
+               const TrnForwardSave *save, int l, bool second)
 {
+    float *mean = save ? (second ? save->ln2_mean[l] : save->ln1_mean[l]) : nullptr;
+    float *rstd = save ? (second ? save->ln2_rstd[l] : save->ln1_rstd[l]) : nullptr;
     for (int i = 0; i < n; i++) {
         float *row = ws->xn + (size_t)i * DIM;
         memcpy(row, ws->x + (size_t)i * DIM, DIM * sizeof(float));
@@ -218,12 +221,7 @@ void layer_forward(TrnScratch *ws, const TrnEncoderLayer *layer, int n, TrnForwa
     if (save) {
         save_rows(save->x[l], ws->x, n, DIM);
     }
-    norm_rows(ws,
-              n,
-              layer->ln1_gamma,
-              layer->ln1_beta,
-              save ? save->ln1_mean[l] : nullptr,
-              save ? save->ln1_rstd[l] : nullptr);
+    norm_rows(ws, n, layer->ln1_gamma, layer->ln1_beta, save, l, false);
     sgemm(false, false, n, DIM, DIM, 1.0f, ws->xn, DIM, layer->wq, DIM, 0.0f, ws->q, DIM);
     sgemm(false, false, n, DIM, DIM, 1.0f, ws->xn, DIM, layer->wk, DIM, 0.0f, ws->k, DIM);
     sgemm(false, false, n, DIM, DIM, 1.0f, ws->xn, DIM, layer->wv, DIM, 0.0f, ws->v, DIM);
@@ -277,12 +275,7 @@ void layer_forward(TrnScratch *ws, const TrnEncoderLayer *layer, int n, TrnForwa
         save_rows(save->mid[l], ws->x, n, DIM);
     }
 
-    norm_rows(ws,
-              n,
-              layer->ln2_gamma,
-              layer->ln2_beta,
-              save ? save->ln2_mean[l] : nullptr,
-              save ? save->ln2_rstd[l] : nullptr);
+    norm_rows(ws, n, layer->ln2_gamma, layer->ln2_beta, save, l, true);
     if (save) {
         save_rows(save->b[l], ws->xn, n, DIM);
     }
