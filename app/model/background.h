@@ -28,12 +28,19 @@
 void handOffRelease(const void *token);
 void handOffAcquire(const void *token);
 
-template <typename Job, typename Done>
-void runInBackground(QObject *receiver, Job job, Done done)
+// runInBackground for a job that reports progress: job(promise) gets the QPromise of its Result,
+// sets its progress range, value and text as it goes and returns the result; progress(watcher)
+// runs on receiver's thread whenever they change, to read them from the watcher.
+template <typename Result, typename Job, typename Progress, typename Done>
+void runWithProgress(QObject *receiver, Job job, Progress progress, Done done)
 {
-    using Result = std::invoke_result_t<Job &>;
     const auto token = std::make_shared<char>();
     auto *watcher = new QFutureWatcher<Result>(receiver);
+    auto show = [watcher, progress = std::move(progress)] {
+        progress(*watcher);
+    };
+    QObject::connect(watcher, &QFutureWatcherBase::progressRangeChanged, receiver, show);
+    QObject::connect(watcher, &QFutureWatcherBase::progressValueChanged, receiver, show);
     QObject::connect(watcher,
                      &QFutureWatcherBase::finished,
                      receiver,
@@ -51,12 +58,25 @@ void runInBackground(QObject *receiver, Job job, Done done)
         QtConcurrent::run([job = std::move(job), token](QPromise<Result> &promise) mutable {
             handOffAcquire(token.get());
             if constexpr (std::is_void_v<Result>) {
-                job();
+                job(promise);
             } else {
-                promise.addResult(job());
+                promise.addResult(job(promise));
             }
             handOffRelease(token.get());
         }));
+}
+
+template <typename Job, typename Done>
+void runInBackground(QObject *receiver, Job job, Done done)
+{
+    using Result = std::invoke_result_t<Job &>;
+    runWithProgress<Result>(
+        receiver,
+        [job = std::move(job)](QPromise<Result> &) mutable {
+            return job();
+        },
+        [](const QFutureWatcher<Result> &) {},
+        std::move(done));
 }
 
 #endif

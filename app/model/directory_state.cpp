@@ -197,39 +197,32 @@ void DirectoryState::runIndexing(int chunkSize, int overlap, bool checkpoint)
     const QString weights = m_weightsPath;
     // Progress travels as the future's progress: files done of files found, and the chunks so far
     // as its text.
-    auto *watcher = new QFutureWatcher<EngineOutcome>(this);
-    auto showProgress = [this, watcher] {
-        setIngestProgress(
-            watcher->progressValue(), watcher->progressMaximum(), watcher->progressText().toInt());
-    };
-    connect(watcher, &QFutureWatcherBase::progressRangeChanged, this, showProgress);
-    connect(watcher, &QFutureWatcherBase::progressValueChanged, this, showProgress);
-    const auto token = std::make_shared<char>();
-    connect(watcher, &QFutureWatcherBase::finished, this, [this, watcher, token] {
-        watcher->deleteLater();
-        handOffAcquire(token.get());
-        indexingFinished(watcher->result());
-    });
-    handOffRelease(token.get());
-    watcher->setFuture(QtConcurrent::run([=](QPromise<EngineOutcome> &promise) {
-        handOffAcquire(token.get());
-        auto progress = [&promise](int done, int found, int chunks) {
-            if (done == 0) {
-                promise.setProgressRange(0, found);
+    runWithProgress<EngineOutcome>(
+        this,
+        [=](QPromise<EngineOutcome> &promise) {
+            auto progress = [&promise](int done, int found, int chunks) {
+                if (done == 0) {
+                    promise.setProgressRange(0, found);
+                }
+                promise.setProgressValueAndText(done, QString::number(chunks));
+            };
+            const int n = engine->ingestDirectory(chunkSize, overlap, progress);
+            // A failed update is not committed: what it logged stays in the log.
+            const bool saved = n >= 0 && (!checkpoint || engine->checkpoint());
+            if (saved) {
+                EncoderRecord::write(directory, weights);
             }
-            promise.setProgressValueAndText(done, QString::number(chunks));
-        };
-        const int n = engine->ingestDirectory(chunkSize, overlap, progress);
-        // A failed update is not committed: what it logged stays in the log.
-        const bool saved = n >= 0 && (!checkpoint || engine->checkpoint());
-        if (saved) {
-            EncoderRecord::write(directory, weights);
-        }
-        EngineOutcome outcome(*engine, saved);
-        outcome.added = n;
-        promise.addResult(outcome);
-        handOffRelease(token.get());
-    }));
+            EngineOutcome outcome(*engine, saved);
+            outcome.added = n;
+            return outcome;
+        },
+        [this](const QFutureWatcher<EngineOutcome> &watcher) {
+            setIngestProgress(
+                watcher.progressValue(), watcher.progressMaximum(), watcher.progressText().toInt());
+        },
+        [this](const EngineOutcome &outcome) {
+            indexingFinished(outcome);
+        });
 }
 
 void DirectoryState::indexingFinished(const EngineOutcome &r)
