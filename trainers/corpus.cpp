@@ -147,9 +147,13 @@ bool read_bpe_sample(const std::string &path, size_t max_bytes, std::string *out
     return true;
 }
 
-std::string query_span(const std::string &window, std::mt19937_64 &rng, size_t visible)
+std::string query_span(const std::string &window, std::mt19937_64 &rng, size_t visible,
+                       size_t *at)
 {
     const size_t len = window.size();
+    if (at) {
+        *at = 0;
+    }
     if (len == 0) {
         return window;
     }
@@ -188,6 +192,9 @@ std::string query_span(const std::string &window, std::mt19937_64 &rng, size_t v
             if (end <= pos) {
                 return window.substr(0, len < 64 ? len : 64);
             }
+            if (at) {
+                *at = pos;
+            }
             return window.substr(pos, end - pos);
         }
     }
@@ -216,8 +223,14 @@ bool CorpusSampler::draw(int pairs, std::mt19937_64 &rng, std::vector<std::strin
         std::string &positive = texts[(size_t)2 * i + 1];
         double u = std::uniform_real_distribution<double>(0.0, 1.0)(rng);
         if (u < QUERY_PAIR_SHARE) {
-            anchor = query_span(window, rng, visible_);
+            size_t pos = 0;
+            anchor = query_span(window, rng, visible_, &pos);
             positive = window;
+            /* no draw without cloze pairs: the batches stay those of a run without them */
+            if (cloze_ > 0.0 && std::uniform_real_distribution<double>(0.0, 1.0)(rng) < cloze_
+                && anchor.size() + 64 <= window.size()) {
+                positive.erase(pos, anchor.size());
+            }
             continue;
         }
         const size_t len = window.size();

@@ -15,7 +15,9 @@
 ** windows usually belong to one document and share its topic, so each is a hard negative for the
 ** other: the encoder must match what a passage says, not only what it is about. Each pair is
 **   - a query pair (probability QUERY_PAIR_SHARE): a query-like span of 3 to 24 words starting in
-**     the visible part of the window, against the window itself; or
+**     the visible part of the window, against the window itself, or (a cloze pair, a set share of
+**     the query pairs, none unless set_cloze) against the window with the span taken out, so
+**     that the pair cannot be matched by the span's own words; or
 **   - a crop pair: two overlapping crops of 64 bytes to the visible length of the window.
 ** The visible part is what the encoder reads of a chunk: its first 254 bytes for the byte-level
 ** encoder (VISIBLE_BYTES); with a tokenizer the 254 positions hold tokens, which cover about a
@@ -58,6 +60,9 @@ public:
     ** VISIBLE_BYTES until set). */
     void set_visible(size_t bytes) { visible_ = bytes < 64 ? 64 : bytes; }
 
+    /* The share of query pairs whose positive is the window without the span (0 to 1). */
+    void set_cloze(double share) { cloze_ = share; }
+
     /* Draws pairs pairs into texts (2 * pairs strings: anchor of pair i at 2i, positive at
     ** 2i + 1). Returns false with a message in err when the corpus cannot be read. */
     bool draw(int pairs, std::mt19937_64 &rng, std::vector<std::string> &texts, std::string *err);
@@ -74,6 +79,7 @@ private:
     int fd_ = -1;
     uint64_t size_ = 0;
     size_t visible_ = VISIBLE_BYTES;
+    double cloze_ = 0.0;
 };
 
 /* The tokenizer's training text. The engine's pair table has 2^20 slots and no overflow check: a
@@ -90,9 +96,9 @@ constexpr int BPE_SAMPLE_BLOCKS = 64;
 bool read_bpe_sample(const std::string &path, size_t max_bytes, std::string *out, std::string *err);
 
 /* A query-like span of whole words starting in the first visible bytes of window (exposed for
-** tests). */
+** tests). Its offset in the window goes to at when given. */
 std::string query_span(const std::string &window, std::mt19937_64 &rng,
-                       size_t visible = VISIBLE_BYTES);
+                       size_t visible = VISIBLE_BYTES, size_t *at = nullptr);
 
 } // namespace trn_train
 

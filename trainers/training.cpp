@@ -313,7 +313,7 @@ namespace
 
 const char USAGE[] = "trainer: usage: trainer CORPUS OUT STEPS BATCH LR HEADS LAYERS [--bpe PATH] "
                      "[--threads N] [--init WEIGHTS] [--steps-done K] [--save-every N] [--rates "
-                     "NORM,EMBEDDING,MATRIX]";
+                     "NORM,EMBEDDING,MATRIX] [--cloze P]";
 
 bool parse_int(const char *s, long lo, long hi, int *out)
 {
@@ -559,12 +559,13 @@ int parse_trainer_args(int argc, char **argv, TrainOptions *opts)
 {
     std::vector<const char *> pos;
     bool have_threads = false, have_bpe = false, have_init = false, have_done = false,
-         have_save = false, have_rates = false;
+         have_save = false, have_rates = false, have_cloze = false;
     for (int i = 1; i < argc; i++) {
         const char *a = argv[i];
         const bool is_option = strcmp(a, "--bpe") == 0 || strcmp(a, "--threads") == 0
                                || strcmp(a, "--init") == 0 || strcmp(a, "--steps-done") == 0
-                               || strcmp(a, "--save-every") == 0 || strcmp(a, "--rates") == 0;
+                               || strcmp(a, "--save-every") == 0 || strcmp(a, "--rates") == 0
+                               || strcmp(a, "--cloze") == 0;
         if (is_option) {
             if (i + 1 >= argc) {
                 return usage_error("%s needs a value", a);
@@ -592,6 +593,14 @@ int parse_trainer_args(int argc, char **argv, TrainOptions *opts)
                     return usage_error("bad --save-every '%s' (expected 1 to 10000000)", val);
                 }
                 have_save = true;
+            } else if (strcmp(a, "--cloze") == 0) {
+                char *end = nullptr;
+                const double v = strtod(val, &end);
+                if (have_cloze || end == val || *end != '\0' || !(v >= 0.0 && v <= 1.0)) {
+                    return usage_error("bad --cloze '%s' (expected a share from 0 to 1)", val);
+                }
+                opts->cloze = v;
+                have_cloze = true;
             } else {
                 if (have_rates || !parse_rates(val, &opts->rates)) {
                     return usage_error("bad --rates '%s' (expected three numbers from 0 to 100, "
@@ -686,6 +695,7 @@ int run_trainer(const TrainOptions &opts, FILE *progress)
         /* 254 tokens cover about a whole chunk: queries and crops may come from all of it */
         sampler.set_visible(CHUNK_BYTES);
     }
+    sampler.set_cloze(opts.cloze);
 
     const std::string tmp = opts.out + ".tmp";
     const std::string loss_path = loss_path_for(opts.out);

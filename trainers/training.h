@@ -77,6 +77,7 @@ struct TrainOptions {
     int steps_done = 0;    /* steps of an earlier run of the same STEPS to continue after */
     int save_every = 0;    /* write OUT every that many steps; 0: only at the end */
     GroupRates rates;
+    double cloze = 0.0;    /* share of query pairs against the window without the query */
     int steps = 2000;
     int batch = 8; /* pairs per step: 2 x batch sequences */
     float lr = 1e-3f;
@@ -86,7 +87,8 @@ struct TrainOptions {
 };
 
 /* Parses "CORPUS OUT STEPS BATCH LR HEADS LAYERS [--bpe PATH] [--threads N] [--init WEIGHTS]
-** [--steps-done K] [--save-every N] [--rates NORM,EMBEDDING,MATRIX]" (options in any order,
+** [--steps-done K] [--save-every N] [--rates NORM,EMBEDDING,MATRIX] [--cloze P]" (options in
+** any order,
 ** before or after the positional arguments). Returns 0, or 2 after printing one
 ** "trainer: ..." line (usage errors and the shapes the engine cannot load). */
 int parse_trainer_args(int argc, char **argv, TrainOptions *opts);

@@ -103,6 +103,49 @@ TEST(CorpusSampler, PairsAreTextOfTheCorpusInTheShapesTheTrainerExpects)
     EXPECT_GT(crop_pairs, 60);
 }
 
+TEST(CorpusSampler, ClozePairsTakeTheQueryOutOfItsWindowAndNoShareDrawsAsBefore)
+{
+    const std::string text = numbered_corpus(200000);
+    TempCorpus corpus(text);
+    ASSERT_TRUE(corpus.open());
+    corpus.sampler.set_cloze(1.0);
+    std::mt19937_64 rng(7);
+    std::vector<std::string> texts;
+    int cut = 0;
+    for (int round = 0; round < 20; round++) {
+        ASSERT_TRUE(corpus.sampler.draw(8, rng, texts, &corpus.err));
+        for (int i = 0; i < 8; i++) {
+            const std::string &query = texts[2 * i], &positive = texts[2 * i + 1];
+            if (positive.size() <= (size_t)VISIBLE_BYTES) {
+                continue; /* a crop pair: no query to take out */
+            }
+            // the corpus holds the positive with the query put back at one place in it
+            const size_t q = text.find(query);
+            ASSERT_NE(q, std::string::npos) << query;
+            EXPECT_EQ(positive.find(query), std::string::npos) << query;
+            bool whole = false;
+            for (size_t k = 0; k <= positive.size() && k <= q && !whole; k++) {
+                whole = text.compare(q - k, k, positive, 0, k) == 0
+                        && text.compare(q + query.size(), positive.size() - k, positive, k) == 0;
+            }
+            EXPECT_TRUE(whole) << query << " | " << positive;
+            cut++;
+        }
+    }
+    EXPECT_GT(cut, 60);
+    // a share of 0 draws nothing extra, so the batches are those of a sampler without the option
+    TempCorpus other(text);
+    ASSERT_TRUE(other.open());
+    corpus.sampler.set_cloze(0.0);
+    std::mt19937_64 rng_a(9), rng_b(9);
+    std::vector<std::string> a, b;
+    for (int round = 0; round < 3; round++) {
+        ASSERT_TRUE(corpus.sampler.draw(8, rng_a, a, &corpus.err));
+        ASSERT_TRUE(other.sampler.draw(8, rng_b, b, &other.err));
+        EXPECT_EQ(a, b);
+    }
+}
+
 TEST(CorpusSampler, NeighbouringPairsComeFromOneStratumOneChunkStrideApart)
 {
     const std::string text = numbered_corpus(400000);

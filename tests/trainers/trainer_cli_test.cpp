@@ -505,7 +505,9 @@ TEST_F(TrainerCli, InitRefusesFilesItCannotStartFrom)
     for (const auto &extra :
          std::vector<std::vector<std::string>>{{"--steps-done", "1"},
                                                {"--init", path("v2.tten"), "--steps-done", "2"},
-                                               {"--rates", "1,0.1"}}) {
+                                               {"--rates", "1,0.1"},
+                                               {"--cloze", "1.5"},
+                                               {"--cloze", "half"}}) {
         Result r = train_on(extra);
         EXPECT_EQ(r.status, 2) << r.err;
         expect_one_line(r.err, "trainer: ");
