@@ -2,7 +2,7 @@
 ** known_item_bench.cpp -- how often each search mode puts the right file first, on any directory.
 **
 **   known_item_bench DIR [--weights W] [--files N] [--seed S] [--chunk C] [--overlap O]
-**                        [--sweep]
+**                        [--sweep] [--corpus FILE]
 **
 ** Known-item queries written as people write them, each asked against the text with its own line
 ** taken out, so that no mode can find the query copied verbatim:
@@ -30,6 +30,9 @@
 ** --sweep adds rows for other fusions of the same two rankings (reciprocal rank fusion with
 ** other weights and depths), to tune the hybrid mode. --dump FILE writes, per query, the target
 ** file and both rankings 200 deep (chunk slot, file, score), for trying fusions offline.
+** --corpus FILE writes the texts that would be indexed (queries taken out), each followed by a
+** blank line as a training profile's corpus is, and stops: an encoder trained on it has seen the
+** user's files but never the answers to the queries.
 */
 #include "files.h"
 #include "internal.h"
@@ -363,7 +366,7 @@ void usage()
 {
     fprintf(stderr,
             "usage: known_item_bench DIR [--weights W] [--files N] [--seed S] [--chunk C] "
-            "[--overlap O] [--sweep]\n");
+            "[--overlap O] [--sweep] [--dump FILE] [--corpus FILE]\n");
 }
 
 } // namespace
@@ -378,7 +381,7 @@ int main(int argc, char **argv)
     int files = 300, chunk = 800, overlap = 200;
     unsigned seed = 1;
     bool sweep = false;
-    std::string dump_path;
+    std::string dump_path, corpus_path;
     for (int i = 2; i < argc; i++) {
         std::string a = argv[i];
         bool has = i + 1 < argc;
@@ -394,6 +397,8 @@ int main(int argc, char **argv)
             overlap = atoi(argv[++i]);
         } else if (a == "--dump" && has) {
             dump_path = argv[++i];
+        } else if (a == "--corpus" && has) {
+            corpus_path = argv[++i];
         } else if (a == "--sweep") {
             sweep = true;
         } else {
@@ -453,6 +458,23 @@ int main(int argc, char **argv)
     if (items.empty()) {
         fprintf(stderr, "known_item_bench: no file under %s gives a query\n", dir.c_str());
         return 1;
+    }
+    if (!corpus_path.empty()) {
+        FILE *out = fopen(corpus_path.c_str(), "wb");
+        bool ok = out != nullptr;
+        for (size_t i = 0; ok && i < items.size(); i++) {
+            ok = fwrite(items[i].text.data(), 1, items[i].text.size(), out) == items[i].text.size()
+                 && fwrite("\n\n", 1, 2, out) == 2;
+        }
+        if (out && fclose(out) != 0) {
+            ok = false;
+        }
+        if (!ok) {
+            fprintf(stderr, "known_item_bench: cannot write %s\n", corpus_path.c_str());
+            return 1;
+        }
+        printf("wrote %zu files' text to %s\n", items.size(), corpus_path.c_str());
+        return 0;
     }
 
     TrnConfig cfg = {nullptr, weights.empty() ? nullptr : weights.c_str(), 0, 0, 0, 0};
