@@ -14,23 +14,23 @@ namespace
 const char TEXT[] = "How do I roll back a transaction after an error?";
 
 // The first 16 components of TEXT's vector, and the sum over all 512 of v[i] * (i % 7 - 3).
-const float RECORDED[16] = {0.01247986f,
-                            0.02699486f,
-                            0.05573189f,
-                            -0.03520772f,
-                            -0.04573745f,
-                            -0.05613839f,
-                            0.04249547f,
-                            -0.00739110f,
-                            -0.06084937f,
-                            -0.01942365f,
-                            0.01430592f,
-                            -0.03620130f,
-                            0.05034757f,
-                            -0.04248454f,
-                            -0.05821459f,
-                            0.01755250f};
-const double RECORDED_PATTERN = 1.91265291;
+const float RECORDED[16] = {0.00622128f,
+                            0.00162979f,
+                            0.03746127f,
+                            -0.03396885f,
+                            -0.00034421f,
+                            -0.00832226f,
+                            0.04126447f,
+                            -0.02830219f,
+                            -0.08308131f,
+                            -0.02852626f,
+                            0.02789838f,
+                            -0.03996421f,
+                            0.01713502f,
+                            -0.06517620f,
+                            -0.08949601f,
+                            0.00550969f};
+const double RECORDED_PATTERN = 0.60174847;
 
 } // namespace
 
