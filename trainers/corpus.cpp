@@ -147,8 +147,7 @@ bool read_bpe_sample(const std::string &path, size_t max_bytes, std::string *out
     return true;
 }
 
-std::string query_span(const std::string &window, std::mt19937_64 &rng, size_t visible,
-                       size_t *at)
+std::string query_span(const std::string &window, std::mt19937_64 &rng, size_t visible, size_t *at)
 {
     const size_t len = window.size();
     if (at) {

@@ -77,7 +77,7 @@ struct TrainOptions {
     int steps_done = 0;    /* steps of an earlier run of the same STEPS to continue after */
     int save_every = 0;    /* write OUT every that many steps; 0: only at the end */
     GroupRates rates;
-    double cloze = 0.0;    /* share of query pairs against the window without the query */
+    double cloze = 0.0; /* share of query pairs against the window without the query */
     int steps = 2000;
     int batch = 8; /* pairs per step: 2 x batch sequences */
     float lr = 1e-3f;
