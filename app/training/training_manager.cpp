@@ -278,7 +278,9 @@ QStringList TrainingManager::trainerArguments(const TrainingProfile &profile,
                         profile.weightsPath,
                         QString::number(profile.steps),
                         QString::number(profile.batchSize),
-                        JsonCoding::floatText(profile.learningRate),
+                        initPath.isEmpty()
+                            ? JsonCoding::floatText(profile.learningRate)
+                            : QString::number(profile.learningRate * kFineTuneRateShare, 'g', 6),
                         QString::number(profile.heads),
                         QString::number(profile.layers)};
     if (!bpePath.isEmpty()) {

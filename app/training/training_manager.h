@@ -10,7 +10,9 @@
 **           [--bpe <P.bpe>] [--threads <n>, only for n >= 2] [--init <built-in weights>]
 **
 ** A profile that starts from the built-in encoder (startFromBuiltIn, when builtInWeightsPath()
-** finds one) passes it with --init and trains no tokenizer: the run keeps the built-in one.
+** finds one) passes it with --init and trains no tokenizer: the run keeps the built-in one. Such a
+** run refines an encoder that already works, so it trains at kFineTuneRateShare of the profile's
+** learning rate: at the full rate, batches of a few pairs undo more of it than they teach.
 **
 ** where P is the profile's weightsPath. Its merged output is read line by line; lines that begin
 ** with "step " become trainingProgress. Exit 0 with a file at P marks the profile trained.
@@ -116,6 +118,8 @@ public:
     static QString weightsDirectory();
     // "<temp>/tarnwick_corpus_<UUID>.txt".
     static QString corpusPath(const TrainingProfile &profile);
+    // A run that starts from the built-in encoder trains at this share of the profile's rate.
+    static constexpr double kFineTuneRateShare = 0.1;
     // The encoder trainer's arguments; bpePath empty when no tokenizer was trained in this run,
     // initPath empty when the run starts from random weights.
     static QStringList trainerArguments(const TrainingProfile &profile, const QString &corpusPath,

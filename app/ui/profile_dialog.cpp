@@ -94,7 +94,8 @@ ProfileDialog::ProfileDialog(const std::optional<TrainingProfile> &profile, QWid
     m_startFromBuiltIn = new QCheckBox(tr("Start from the built-in encoder"), this);
     m_startFromBuiltIn->setObjectName(QStringLiteral("profileStartFromBuiltIn"));
     m_startFromBuiltIn->setToolTip(
-        tr("Train on from the encoder that ships with Tarnwick, with its own tokenizer"));
+        tr("Train on from the encoder that ships with Tarnwick, with its own tokenizer, at a "
+           "tenth of the learning rate"));
     m_startFromBuiltIn->setChecked(values.startFromBuiltIn);
     form->addRow(QString(), m_startFromBuiltIn);
     layout->addLayout(form);
