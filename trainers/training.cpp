@@ -90,6 +90,71 @@ void tokenize(const TrnBpe *bpe, const std::string &text, std::vector<uint32_t> 
     ids.resize(n + 2);
 }
 
+bool token_rarity(const CorpusSampler &sampler, const TrnBpe *bpe, uint32_t vocab, int windows,
+                  std::mt19937_64 &rng, std::vector<float> *rarity, std::string *err)
+{
+    const uint64_t size = sampler.size();
+    const size_t len = (size_t)std::min<uint64_t>(size, CHUNK_BYTES);
+    std::vector<uint32_t> held(vocab, 0), last(vocab, 0), ids;
+    std::string window(len, ' ');
+    for (int w = 1; w <= windows; w++) {
+        const uint64_t off = size > len ? rng() % (size - len + 1) : 0;
+        if (!sampler.read_at(off, window.data(), len, err)) {
+            return false;
+        }
+        std::replace(window.begin(), window.end(), '\0', ' ');
+        tokenize(bpe, window, ids);
+        for (uint32_t id : ids) {
+            if (id < vocab && last[id] != (uint32_t)w) {
+                last[id] = (uint32_t)w;
+                held[id]++;
+            }
+        }
+    }
+    const double top = std::log(windows + 1.0);
+    rarity->resize(vocab);
+    for (uint32_t t = 0; t < vocab; t++) {
+        (*rarity)[t] = (float)(std::log((windows + 1.0) / (held[t] + 1.0)) / top);
+    }
+    return true;
+}
+
+void bag_of_tokens(TrnEncoder *enc, const std::vector<float> &weight)
+{
+    constexpr int LIVE = DIM - IDF_SPARE_DIMS;
+    for (uint32_t t = 0; t < enc->vocab_size; t++) {
+        float *row = enc->tok_emb + (size_t)t * DIM;
+        double w = t < weight.size() ? std::clamp((double)weight[t], 0.0, 1.0) : 0.0;
+        if (t == TRN_TOKEN_BEGIN || t == TRN_TOKEN_END) {
+            w = 0.0;
+        }
+        double mean = 0, sq = 0;
+        for (int d = IDF_SPARE_DIMS; d < DIM; d++) {
+            mean += row[d];
+        }
+        mean /= LIVE;
+        for (int d = IDF_SPARE_DIMS; d < DIM; d++) {
+            sq += (row[d] - mean) * (row[d] - mean);
+        }
+        const double sd = std::sqrt(sq / LIVE);
+        for (int d = IDF_SPARE_DIMS; d < DIM; d++) {
+            row[d] = sd > 0 ? (float)(w * (row[d] - mean) / sd) : 0.0f;
+        }
+        /* the rest of a unit variance, in alternating signs so the row's mean stays 0 */
+        const double c = std::sqrt((DIM - LIVE * w * w) / IDF_SPARE_DIMS);
+        for (int d = 0; d < IDF_SPARE_DIMS; d++) {
+            row[d] = (float)(d % 2 ? -c : c);
+        }
+    }
+    std::fill_n(enc->pos_emb, (size_t)MAX_SEQ * DIM, 0.0f);
+    std::fill_n(enc->ln_f_gamma, IDF_SPARE_DIMS, 0.0f);
+    for (TrnEncoderLayer &layer : enc->layers) {
+        std::fill_n(layer.wo, (size_t)DIM * DIM, 0.0f);
+        std::fill_n(layer.w2, (size_t)FF * DIM, 0.0f);
+        std::fill_n(layer.b2, (size_t)DIM, 0.0f);
+    }
+}
+
 Trainer::Trainer(const TrnEncoder *enc, int batch, float peak_lr, int steps, int threads)
     : layout_(make_layout(enc->vocab_size)), bpe_(enc->bpe), batch_(batch), steps_(steps),
       threads_(std::max(1, std::min(threads, 2 * batch))), peak_lr_(peak_lr)
@@ -313,7 +378,7 @@ namespace
 
 const char USAGE[] = "trainer: usage: trainer CORPUS OUT STEPS BATCH LR HEADS LAYERS [--bpe PATH] "
                      "[--threads N] [--init WEIGHTS] [--steps-done K] [--save-every N] [--rates "
-                     "NORM,EMBEDDING,MATRIX] [--cloze P]";
+                     "NORM,EMBEDDING,MATRIX] [--cloze P] [--idf]";
 
 bool parse_int(const char *s, long lo, long hi, int *out)
 {
@@ -562,6 +627,13 @@ int parse_trainer_args(int argc, char **argv, TrainOptions *opts)
          have_save = false, have_rates = false, have_cloze = false;
     for (int i = 1; i < argc; i++) {
         const char *a = argv[i];
+        if (strcmp(a, "--idf") == 0) {
+            if (opts->idf) {
+                return usage_error("%s given twice", a);
+            }
+            opts->idf = true;
+            continue;
+        }
         const bool is_option = strcmp(a, "--bpe") == 0 || strcmp(a, "--threads") == 0
                                || strcmp(a, "--init") == 0 || strcmp(a, "--steps-done") == 0
                                || strcmp(a, "--save-every") == 0 || strcmp(a, "--rates") == 0
@@ -655,6 +727,10 @@ int parse_trainer_args(int argc, char **argv, TrainOptions *opts)
                 opts->steps);
         return 2;
     }
+    if (opts->idf && !opts->init_path.empty()) {
+        fprintf(stderr, "trainer: --idf starts a new encoder and cannot go with --init\n");
+        return 2;
+    }
     if (opts->heads != TRN_ENCODER_HEADS || opts->layers != TRN_ENCODER_LAYERS) {
         fprintf(stderr,
                 "trainer: the engine loads only 8 heads and 2 layers (asked for %d heads, %d "
@@ -696,6 +772,16 @@ int run_trainer(const TrainOptions &opts, FILE *progress)
         sampler.set_visible(CHUNK_BYTES);
     }
     sampler.set_cloze(opts.cloze);
+    if (opts.idf) {
+        std::mt19937_64 idf_rng(SAMPLER_SEED + 1); /* leaves the batches as they would be */
+        std::vector<float> rarity;
+        if (!token_rarity(sampler, enc.bpe, enc.vocab_size, IDF_WINDOWS, idf_rng, &rarity, &err)) {
+            fprintf(stderr, "trainer: %s\n", err.c_str());
+            encoder_release(&enc);
+            return 1;
+        }
+        bag_of_tokens(&enc, rarity);
+    }
 
     const std::string tmp = opts.out + ".tmp";
     const std::string loss_path = loss_path_for(opts.out);
@@ -733,6 +819,9 @@ int run_trainer(const TrainOptions &opts, FILE *progress)
     if (!opts.init_path.empty()) {
         /* one field, so readers of step,loss records skip it */
         fprintf(loss_log, "# initialised from %s\n", opts.init_path.c_str());
+    } else if (opts.idf) {
+        fprintf(
+            loss_log, "# initialised as tokens weighted by rarity over %d windows\n", IDF_WINDOWS);
     }
     fflush(loss_log);
 

@@ -23,10 +23,15 @@
 ** those of steps K + 1 .. STEPS of the uninterrupted run. Adam's moments are not saved, so a
 ** continued run starts them afresh and ramps the rate up over its first RESUME_RAMP_STEPS
 ** steps. --save-every N writes OUT every N steps, so a long run can be stopped and continued.
+**
+** --idf starts instead from a weighted bag of tokens, measured on the corpus (bag_of_tokens):
+** the encoder then embeds a text as the sum of its tokens' directions, each weighted by how rare
+** the token is, which is what keyword ranking rewards, and training goes on from there.
 */
 #ifndef TRN_TRAINERS_TRAINING_H
 #define TRN_TRAINERS_TRAINING_H
 
+#include "corpus.h"
 #include "model.h"
 
 #include "tarnwick.h"
@@ -34,6 +39,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <memory>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -58,6 +64,11 @@ constexpr int RESUME_RAMP_STEPS = 20;
 /* set in meta_u32_1 (the batch, at most 128) when the run started from a weights file */
 constexpr uint32_t META_FROM_FILE = 0x80000000u;
 
+/* windows of CHUNK_BYTES over which --idf counts the windows that hold each token */
+constexpr int IDF_WINDOWS = 20000;
+/* components of the token rows that --idf keeps for the part of a row that must not count */
+constexpr int IDF_SPARE_DIMS = 16;
+
 constexpr int MAX_STEPS = 10000000;
 constexpr int MAX_BATCH = 128;
 constexpr int MAX_THREADS = 256;
@@ -78,6 +89,7 @@ struct TrainOptions {
     int save_every = 0;    /* write OUT every that many steps; 0: only at the end */
     GroupRates rates;
     double cloze = 0.0; /* share of query pairs against the window without the query */
+    bool idf = false;   /* start from the corpus's weighted bag of tokens */
     int steps = 2000;
     int batch = 8; /* pairs per step: 2 x batch sequences */
     float lr = 1e-3f;
@@ -87,10 +99,9 @@ struct TrainOptions {
 };
 
 /* Parses "CORPUS OUT STEPS BATCH LR HEADS LAYERS [--bpe PATH] [--threads N] [--init WEIGHTS]
-** [--steps-done K] [--save-every N] [--rates NORM,EMBEDDING,MATRIX] [--cloze P]" (options in
-** any order,
-** before or after the positional arguments). Returns 0, or 2 after printing one
-** "trainer: ..." line (usage errors and the shapes the engine cannot load). */
+** [--steps-done K] [--save-every N] [--rates NORM,EMBEDDING,MATRIX] [--cloze P] [--idf]"
+** (options in any order, before or after the positional arguments). Returns 0, or 2 after
+** printing one "trainer: ..." line (usage errors and the shapes the engine cannot load). */
 int parse_trainer_args(int argc, char **argv, TrainOptions *opts);
 
 /* Runs a whole training as the trainer program does. Returns the exit status: 0, or 1 after one
@@ -110,6 +121,23 @@ bool check_weights_file(const std::string &path, uint32_t *version, std::string 
 /* Token ids as the engine makes them: 257, at most 254 bytes, 258 without a tokenizer; the
 ** tokenizer's own encoding (merged whole, then cut to 256 ids) with one. */
 void tokenize(const TrnBpe *bpe, const std::string &text, std::vector<uint32_t> &ids);
+
+/* How rare each token id below vocab is: over the windows of CHUNK_BYTES at offsets drawn from
+** rng (all of a corpus shorter than that), ln((N + 1) / (n + 1)) for a token held by n of the N
+** windows, divided by ln(N + 1) so that it lies in [0, 1]. Returns false with a message in err
+** when the corpus cannot be read. */
+bool token_rarity(const CorpusSampler &sampler, const TrnBpe *bpe, uint32_t vocab, int windows,
+                  std::mt19937_64 &rng, std::vector<float> *rarity, std::string *err);
+
+/* Makes a freshly initialised encoder a weighted bag of tokens. The final layer norm's scale
+** becomes 0 on the first IDF_SPARE_DIMS components, so what a row holds there never reaches the
+** pooled vector. Every token's row becomes unit variance: on the other components its seeded
+** random row, centred and scaled to weight[t] (0 to 1) times unit variance, on the spare ones the
+** rest, so the norm passes weight[t] times a random direction of its own. The begin and end
+** tokens weigh 0; the position embeddings and the output projections of both layers (wo, w2, b2)
+** become zero, so the residual stream is the token's row alone, and a text's vector is the
+** weighted sum of its tokens' directions. */
+void bag_of_tokens(TrnEncoder *enc, const std::vector<float> &weight);
 
 class Trainer
 {

@@ -204,18 +204,20 @@ TEST_F(TrainerCli, UsageErrorsExitWithTwoBeforeCreatingAnything)
     write_file("corpus.txt", corpus_text(4000));
     const std::string c = path("corpus.txt"), o = path("w.tten");
     const std::vector<std::vector<std::string>> bad = {
-        {c, o, "10", "2", "0.001", "8"},                         // six arguments
-        {c, o, "10", "2", "0.001", "8", "2", "9"},               // eight
-        {c, o, "ten", "2", "0.001", "8", "2"},                   // steps
-        {c, o, "10", "2x", "0.001", "8", "2"},                   // batch
-        {c, o, "10", "1", "0.001", "8", "2"},                    // one pair has no negatives
-        {c, o, "10", "2", "fast", "8", "2"},                     // learning rate
-        {c, o, "10", "2", "-0.1", "8", "2"},                     // negative learning rate
-        {c, o, "10", "2", "0.001", "eight", "2"},                // heads
-        {c, o, "10", "2", "0.001", "8", "2", "--fast"},          // unknown option
-        {c, o, "10", "2", "0.001", "8", "2", "--threads"},       // option without a value
-        {c, o, "10", "2", "0.001", "8", "2", "--threads", "0"},  // no threads
-        {c, o, "10", "2", "0.001", "8", "2", "--threads", "two"} // unparsable threads
+        {c, o, "10", "2", "0.001", "8"},                           // six arguments
+        {c, o, "10", "2", "0.001", "8", "2", "9"},                 // eight
+        {c, o, "ten", "2", "0.001", "8", "2"},                     // steps
+        {c, o, "10", "2x", "0.001", "8", "2"},                     // batch
+        {c, o, "10", "1", "0.001", "8", "2"},                      // one pair has no negatives
+        {c, o, "10", "2", "fast", "8", "2"},                       // learning rate
+        {c, o, "10", "2", "-0.1", "8", "2"},                       // negative learning rate
+        {c, o, "10", "2", "0.001", "eight", "2"},                  // heads
+        {c, o, "10", "2", "0.001", "8", "2", "--fast"},            // unknown option
+        {c, o, "10", "2", "0.001", "8", "2", "--threads"},         // option without a value
+        {c, o, "10", "2", "0.001", "8", "2", "--threads", "0"},    // no threads
+        {c, o, "10", "2", "0.001", "8", "2", "--threads", "two"},  // unparsable threads
+        {c, o, "10", "2", "0.001", "8", "2", "--idf", "--idf"},    // twice
+        {c, o, "10", "2", "0.001", "8", "2", "--idf", "--init", o} // a new encoder from a file
     };
     for (const auto &args : bad) {
         Result r = run("trainer", args);
@@ -453,6 +455,38 @@ TEST_F(TrainerCli, InitStartsFromTheWeightsFileAndKeepsItsTokenizer)
     encoder_init(&enc, 42);
     ASSERT_EQ(trn_encoder_load_weights_meta(&enc, path("a.tten").c_str(), &meta), 1);
     EXPECT_EQ(meta.meta_u32_1, 2u);
+    encoder_release(&enc);
+}
+
+TEST_F(TrainerCli, IdfStartsFromTheCorpussBagOfTokensAndSaysSo)
+{
+    write_file("corpus.txt", corpus_text(5000));
+    ASSERT_EQ(run("train_bpe", {path("corpus.txt"), path("tok.bpe"), "30"}).status, 0);
+    Result plain = train_on({"--bpe", path("tok.bpe"), "--rates", "0,0,0"}, "plain.tten", "1");
+    ASSERT_EQ(plain.status, 0) << plain.err;
+    Result idf = train_on({"--bpe", path("tok.bpe"), "--idf", "--rates", "0,0,0"}, "idf.tten", "1");
+    ASSERT_EQ(idf.status, 0) << idf.err;
+    EXPECT_EQ(
+        slurp(path("idf.loss")).rfind("step,loss\n# initialised as tokens weighted by rarity", 0),
+        0u);
+    // frozen, the file is the starting point: word order no longer moves a text's vector
+    TrnEncoder enc;
+    encoder_init(&enc, 42);
+    for (const char *name : {"plain.tten", "idf.tten"}) {
+        ASSERT_EQ(trn_encoder_load_weights(&enc, path(name).c_str()), 1) << name;
+        float a[TRN_ENCODER_DIM], b[TRN_ENCODER_DIM];
+        trn_encoder_embed_text(&enc, "the quick brown fox", a);
+        trn_encoder_embed_text(&enc, "fox brown quick the", b);
+        float diff = 0;
+        for (int i = 0; i < TRN_ENCODER_DIM; i++) {
+            diff = std::max(diff, std::fabs(a[i] - b[i]));
+        }
+        if (std::string(name) == "idf.tten") {
+            EXPECT_LT(diff, 1e-5f);
+        } else {
+            EXPECT_GT(diff, 1e-3f);
+        }
+    }
     encoder_release(&enc);
 }
 
