@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cmath>
@@ -19,6 +20,7 @@
 #include <cstring>
 #include <new>
 #include <thread>
+#include <unordered_map>
 
 #include <cblas.h>
 #include <csignal>
@@ -90,9 +92,42 @@ void tokenize(const TrnBpe *bpe, const std::string &text, std::vector<uint32_t> 
     ids.resize(n + 2);
 }
 
-bool token_rarity(const CorpusSampler &sampler, const TrnBpe *bpe, uint32_t vocab, int windows,
-                  std::mt19937_64 &rng, std::vector<float> *rarity, std::string *err)
+std::vector<uint32_t> token_words(const TrnBpe *bpe, uint32_t vocab)
 {
+    std::vector<std::string> spelling(vocab);
+    for (uint32_t t = 0; t < vocab && t < 256; t++) {
+        spelling[t] = std::string(1, (char)t);
+    }
+    for (uint32_t i = 0; bpe && i < bpe->n_merges && 260 + i < vocab; i++) {
+        const uint32_t l = bpe->merges[i][0], r = bpe->merges[i][1];
+        if (l < 260 + i && r < 260 + i) {
+            spelling[260 + i] = spelling[l] + spelling[r];
+        }
+    }
+    std::vector<uint32_t> word(vocab, NO_WORD);
+    std::unordered_map<std::string, uint32_t> first;
+    for (uint32_t t = 0; t < vocab; t++) {
+        std::string key;
+        bool wordy = false;
+        for (unsigned char c : spelling[t]) {
+            wordy |= std::isalnum(c) || c >= 0x80;
+            key += (char)std::tolower(c);
+        }
+        if (!wordy) {
+            continue;
+        }
+        const size_t a = key.find_first_not_of(" \t\n\r\f\v");
+        key = key.substr(a, key.find_last_not_of(" \t\n\r\f\v") + 1 - a);
+        word[t] = first.emplace(key, t).first->second;
+    }
+    return word;
+}
+
+bool token_rarity(const CorpusSampler &sampler, const TrnBpe *bpe,
+                  const std::vector<uint32_t> &word, int windows, std::mt19937_64 &rng,
+                  std::vector<float> *rarity, std::string *err)
+{
+    const uint32_t vocab = (uint32_t)word.size();
     const uint64_t size = sampler.size();
     const size_t len = (size_t)std::min<uint64_t>(size, CHUNK_BYTES);
     std::vector<uint32_t> held(vocab, 0), last(vocab, 0), ids;
@@ -105,40 +140,53 @@ bool token_rarity(const CorpusSampler &sampler, const TrnBpe *bpe, uint32_t voca
         std::replace(window.begin(), window.end(), '\0', ' ');
         tokenize(bpe, window, ids);
         for (uint32_t id : ids) {
-            if (id < vocab && last[id] != (uint32_t)w) {
-                last[id] = (uint32_t)w;
-                held[id]++;
+            const uint32_t g = id < vocab ? word[id] : NO_WORD;
+            if (g != NO_WORD && last[g] != (uint32_t)w) {
+                last[g] = (uint32_t)w;
+                held[g]++;
             }
         }
     }
     const double top = std::log(windows + 1.0);
-    rarity->resize(vocab);
+    rarity->assign(vocab, 0.0f);
     for (uint32_t t = 0; t < vocab; t++) {
-        (*rarity)[t] = (float)(std::log((windows + 1.0) / (held[t] + 1.0)) / top);
+        if (word[t] != NO_WORD) {
+            (*rarity)[t] = (float)(std::log((windows + 1.0) / (held[word[t]] + 1.0)) / top);
+        }
     }
     return true;
 }
 
-void bag_of_tokens(TrnEncoder *enc, const std::vector<float> &weight)
+void bag_of_tokens(TrnEncoder *enc, const std::vector<float> &weight,
+                   const std::vector<uint32_t> &word)
 {
     constexpr int LIVE = DIM - IDF_SPARE_DIMS;
+    /* every token's own direction first: a word's tokens then take the first one's */
+    std::vector<float> dir((size_t)enc->vocab_size * LIVE);
+    for (uint32_t t = 0; t < enc->vocab_size; t++) {
+        const float *row = enc->tok_emb + (size_t)t * DIM + IDF_SPARE_DIMS;
+        double mean = 0, sq = 0;
+        for (int d = 0; d < LIVE; d++) {
+            mean += row[d];
+        }
+        mean /= LIVE;
+        for (int d = 0; d < LIVE; d++) {
+            sq += (row[d] - mean) * (row[d] - mean);
+        }
+        const double sd = std::sqrt(sq / LIVE);
+        for (int d = 0; d < LIVE; d++) {
+            dir[(size_t)t * LIVE + d] = sd > 0 ? (float)((row[d] - mean) / sd) : 0.0f;
+        }
+    }
     for (uint32_t t = 0; t < enc->vocab_size; t++) {
         float *row = enc->tok_emb + (size_t)t * DIM;
         double w = t < weight.size() ? std::clamp((double)weight[t], 0.0, 1.0) : 0.0;
         if (t == TRN_TOKEN_BEGIN || t == TRN_TOKEN_END) {
             w = 0.0;
         }
-        double mean = 0, sq = 0;
-        for (int d = IDF_SPARE_DIMS; d < DIM; d++) {
-            mean += row[d];
-        }
-        mean /= LIVE;
-        for (int d = IDF_SPARE_DIMS; d < DIM; d++) {
-            sq += (row[d] - mean) * (row[d] - mean);
-        }
-        const double sd = std::sqrt(sq / LIVE);
-        for (int d = IDF_SPARE_DIMS; d < DIM; d++) {
-            row[d] = sd > 0 ? (float)(w * (row[d] - mean) / sd) : 0.0f;
+        const uint32_t from = t < word.size() && word[t] < enc->vocab_size ? word[t] : t;
+        for (int d = 0; d < LIVE; d++) {
+            row[IDF_SPARE_DIMS + d] = (float)(w * dir[(size_t)from * LIVE + d]);
         }
         /* the rest of a unit variance, in alternating signs so the row's mean stays 0 */
         const double c = std::sqrt((DIM - LIVE * w * w) / IDF_SPARE_DIMS);
@@ -775,12 +823,13 @@ int run_trainer(const TrainOptions &opts, FILE *progress)
     if (opts.idf) {
         std::mt19937_64 idf_rng(SAMPLER_SEED + 1); /* leaves the batches as they would be */
         std::vector<float> rarity;
-        if (!token_rarity(sampler, enc.bpe, enc.vocab_size, IDF_WINDOWS, idf_rng, &rarity, &err)) {
+        const std::vector<uint32_t> word = token_words(enc.bpe, enc.vocab_size);
+        if (!token_rarity(sampler, enc.bpe, word, IDF_WINDOWS, idf_rng, &rarity, &err)) {
             fprintf(stderr, "trainer: %s\n", err.c_str());
             encoder_release(&enc);
             return 1;
         }
-        bag_of_tokens(&enc, rarity);
+        bag_of_tokens(&enc, rarity, word);
     }
 
     const std::string tmp = opts.out + ".tmp";

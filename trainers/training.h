@@ -122,22 +122,35 @@ bool check_weights_file(const std::string &path, uint32_t *version, std::string 
 ** tokenizer's own encoding (merged whole, then cut to 256 ids) with one. */
 void tokenize(const TrnBpe *bpe, const std::string &text, std::vector<uint32_t> &ids);
 
-/* How rare each token id below vocab is: over the windows of CHUNK_BYTES at offsets drawn from
-** rng (all of a corpus shorter than that), ln((N + 1) / (n + 1)) for a token held by n of the N
-** windows, divided by ln(N + 1) so that it lies in [0, 1]. Returns false with a message in err
-** when the corpus cannot be read. */
-bool token_rarity(const CorpusSampler &sampler, const TrnBpe *bpe, uint32_t vocab, int windows,
-                  std::mt19937_64 &rng, std::vector<float> *rarity, std::string *err);
+/* In token_words, a token that holds no letter or digit. */
+constexpr uint32_t NO_WORD = 0xffffffffu;
 
-/* Makes a freshly initialised encoder a weighted bag of tokens. The final layer norm's scale
+/* Which word each token id below vocab spells: the lowest id whose bytes are the same once ASCII
+** letters are lower-cased and white space at either end is dropped (" Read", "read" and "READ"
+** are one word), or NO_WORD for a token with no letter, digit or byte above 127 (white space,
+** punctuation, the begin and end tokens). */
+std::vector<uint32_t> token_words(const TrnBpe *bpe, uint32_t vocab);
+
+/* How rare each token's word is (word from token_words, one entry per token id): over windows
+** windows of CHUNK_BYTES at offsets drawn from rng (all of a corpus shorter than that),
+** ln((N + 1) / (n + 1)) for a word held by n of the N windows, divided by ln(N + 1) so that it
+** lies in [0, 1]; 0 for NO_WORD. Returns false with a message in err when the corpus cannot be
+** read. */
+bool token_rarity(const CorpusSampler &sampler, const TrnBpe *bpe,
+                  const std::vector<uint32_t> &word, int windows, std::mt19937_64 &rng,
+                  std::vector<float> *rarity, std::string *err);
+
+/* Makes a freshly initialised encoder a weighted bag of words. The final layer norm's scale
 ** becomes 0 on the first IDF_SPARE_DIMS components, so what a row holds there never reaches the
-** pooled vector. Every token's row becomes unit variance: on the other components its seeded
-** random row, centred and scaled to weight[t] (0 to 1) times unit variance, on the spare ones the
-** rest, so the norm passes weight[t] times a random direction of its own. The begin and end
-** tokens weigh 0; the position embeddings and the output projections of both layers (wo, w2, b2)
-** become zero, so the residual stream is the token's row alone, and a text's vector is the
-** weighted sum of its tokens' directions. */
-void bag_of_tokens(TrnEncoder *enc, const std::vector<float> &weight);
+** pooled vector. Every token's row becomes unit variance: on the other components the seeded
+** random row of its word's first token (word[t], or its own where word[t] is NO_WORD), centred
+** and scaled to weight[t] (0 to 1) times unit variance, on the spare ones the rest, so the norm
+** passes weight[t] times its word's random direction. The begin and end tokens weigh 0; the
+** position embeddings and the output projections of both layers (wo, w2, b2) become zero, so
+** the residual stream is the token's row alone, and a text's vector is the weighted sum of its
+** words' directions. */
+void bag_of_tokens(TrnEncoder *enc, const std::vector<float> &weight,
+                   const std::vector<uint32_t> &word);
 
 class Trainer
 {

@@ -36,16 +36,16 @@ float max_diff(const Vec &a, const Vec &b)
     return worst;
 }
 
-// What a bag of tokens must give, worked out from the seeded random rows alone: each token's row
-// past the spare components, centred and scaled to unit variance, times its weight, summed over
-// the text's bytes, zero on the spare components, to unit length.
-Vec expected_bag(const std::string &text, const Vec &weight)
+// What a bag of words must give, worked out from the seeded random rows alone: the row of each
+// token's word past the spare components, centred and scaled to unit variance, times the token's
+// weight, summed over the text's bytes, zero on the spare components, to unit length.
+Vec expected_bag(const std::string &text, const Vec &weight, const std::vector<uint32_t> &word)
 {
     TrnEncoder fresh;
     encoder_init(&fresh, 42);
     Vec sum(DIM, 0.0f);
     for (unsigned char byte : text) {
-        const float *row = fresh.tok_emb + (size_t)byte * DIM;
+        const float *row = fresh.tok_emb + (size_t)word[byte] * DIM;
         double mean = 0, sq = 0;
         for (int d = IDF_SPARE_DIMS; d < DIM; d++) {
             mean += row[d];
@@ -72,22 +72,63 @@ Vec expected_bag(const std::string &text, const Vec &weight)
 
 } // namespace
 
-TEST(BagOfTokens, ATextIsItsTokensDirectionsWeightedByRarityInAnyOrder)
+TEST(TokenWords, SpellingsThatDifferInCaseOrSpacesAreOneWordAndPunctuationIsNone)
 {
+    uint32_t merges[][2] = {
+        {' ', 'r'},   // 260 " r"
+        {260, 'e'},   // 261 " re"
+        {'R', 'e'},   // 262 "Re"
+        {'r', 'e'},   // 263 "re"
+        {'\t', '\t'}, // 264 two tabs
+        {'(', ')'},   // 265 "()"
+        {263, ')'},   // 266 "re)"
+    };
+    TrnBpe bpe{merges, 7, 267};
+    const std::vector<uint32_t> word = token_words(&bpe, 267);
+    ASSERT_EQ(word.size(), 267u);
+    EXPECT_EQ(word['a'], (uint32_t)'A');
+    EXPECT_EQ(word['A'], (uint32_t)'A');
+    EXPECT_EQ(word['7'], (uint32_t)'7');
+    EXPECT_EQ(word[0xc3], 0xc3u); // a byte of a UTF-8 letter
+    EXPECT_EQ(word[260], (uint32_t)'R');
+    EXPECT_EQ(word[261], 261u);
+    EXPECT_EQ(word[262], 261u);
+    EXPECT_EQ(word[263], 261u);
+    EXPECT_EQ(word[266], 266u); // punctuation inside a token is part of its spelling
+    for (uint32_t none : {(uint32_t)' ',
+                          (uint32_t)'{',
+                          (uint32_t)'\n',
+                          264u,
+                          265u,
+                          (uint32_t)TRN_TOKEN_BEGIN,
+                          (uint32_t)TRN_TOKEN_END}) {
+        EXPECT_EQ(word[none], NO_WORD) << none;
+    }
+}
+
+TEST(BagOfTokens, ATextIsItsWordsDirectionsWeightedByRarityInAnyOrderAndCase)
+{
+    const std::vector<uint32_t> word = token_words(nullptr, TRN_ENCODER_BYTE_VOCAB);
     Vec weight(TRN_ENCODER_BYTE_VOCAB, 0.0f);
-    weight['a'] = 1.0f;
-    weight['b'] = 0.5f;
+    for (unsigned char c : std::string("aA")) {
+        weight[c] = 1.0f;
+    }
+    for (unsigned char c : std::string("bB")) {
+        weight[c] = 0.5f;
+    }
     weight['c'] = 0.25f;
-    weight[' '] = 0.0f; // as common as a token can be
+    weight['C'] = 0.25f;
+    weight[' '] = 0.0f; // as common as a word can be
     TrnEncoder enc;
     encoder_init(&enc, 42);
-    bag_of_tokens(&enc, weight);
+    bag_of_tokens(&enc, weight, word);
 
     const Vec abc = embed(&enc, "abc");
-    EXPECT_LT(max_diff(abc, expected_bag("abc", weight)), 1e-5f);
-    EXPECT_LT(max_diff(embed(&enc, "aabc"), expected_bag("aabc", weight)), 1e-5f);
-    // positions count for nothing, and a token of weight 0 adds nothing wherever it stands
+    EXPECT_LT(max_diff(abc, expected_bag("abc", weight, word)), 1e-5f);
+    EXPECT_LT(max_diff(embed(&enc, "aabc"), expected_bag("aabc", weight, word)), 1e-5f);
+    // positions count for nothing, nor does case, and a token of weight 0 adds nothing
     EXPECT_LT(max_diff(embed(&enc, "cba"), abc), 1e-5f);
+    EXPECT_LT(max_diff(embed(&enc, "AbC"), abc), 1e-5f);
     EXPECT_LT(max_diff(embed(&enc, "  a b  c "), abc), 1e-5f);
     // a text of nothing but weightless tokens has no direction, not a NaN
     for (float x : embed(&enc, "   ")) {
@@ -105,11 +146,11 @@ TEST(BagOfTokens, ItsStartingPointSurvivesASaveAndTheTrainersForwardPass)
     ASSERT_TRUE(sampler.open(dir.file("corpus.txt"), &err)) << err;
     std::mt19937_64 rng(1);
     Vec rarity;
-    ASSERT_TRUE(token_rarity(sampler, nullptr, TRN_ENCODER_BYTE_VOCAB, 50, rng, &rarity, &err))
-        << err;
+    const std::vector<uint32_t> word = token_words(nullptr, TRN_ENCODER_BYTE_VOCAB);
+    ASSERT_TRUE(token_rarity(sampler, nullptr, word, 50, rng, &rarity, &err)) << err;
     TrnEncoder enc;
     encoder_init(&enc, 42);
-    bag_of_tokens(&enc, rarity);
+    bag_of_tokens(&enc, rarity, word);
     ASSERT_EQ(trn_encoder_save_weights(&enc, dir.file("w.tten").c_str()), 1);
 
     TrnEncoder loaded;
@@ -150,13 +191,17 @@ TEST(TokenRarity, CountsWindowsNotOccurrencesAndLiesBetweenZeroAndOne)
     std::mt19937_64 rng(3);
     const int windows = 400;
     Vec rarity;
-    ASSERT_TRUE(token_rarity(sampler, nullptr, TRN_ENCODER_BYTE_VOCAB, windows, rng, &rarity, &err))
-        << err;
+    const std::vector<uint32_t> word = token_words(nullptr, TRN_ENCODER_BYTE_VOCAB);
+    ASSERT_TRUE(token_rarity(sampler, nullptr, word, windows, rng, &rarity, &err)) << err;
     ASSERT_EQ(rarity.size(), (size_t)TRN_ENCODER_BYTE_VOCAB);
-    // a window of 800 bytes always holds "e"; the begin and end tokens are in every window too
+    // a window of 800 bytes always holds "e"; "x" is in none; white space is no word
     EXPECT_FLOAT_EQ(rarity['e'], 0.0f);
-    EXPECT_FLOAT_EQ(rarity[TRN_TOKEN_BEGIN], 0.0f);
     EXPECT_FLOAT_EQ(rarity['x'], 1.0f);
+    EXPECT_FLOAT_EQ(rarity[' '], 0.0f);
+    EXPECT_FLOAT_EQ(rarity[TRN_TOKEN_BEGIN], 0.0f);
+    // "E" is never in the corpus, but it is the word "e"
+    EXPECT_FLOAT_EQ(rarity['E'], 0.0f);
+    EXPECT_EQ(rarity['Q'], rarity['q']);
     // "q" is in the windows that reach paragraph 100: about a fifth of them, however many q's
     const double held = std::exp(std::log(windows + 1.0) * (1.0 - rarity['q'])) - 1.0;
     EXPECT_GT(held, windows * 0.05);
@@ -165,6 +210,6 @@ TEST(TokenRarity, CountsWindowsNotOccurrencesAndLiesBetweenZeroAndOne)
     // a corpus that cannot be read any more says so
     const std::string gone = dir.file("corpus.txt");
     ASSERT_EQ(truncate(gone.c_str(), 0), 0);
-    EXPECT_FALSE(token_rarity(sampler, nullptr, TRN_ENCODER_BYTE_VOCAB, 10, rng, &rarity, &err));
+    EXPECT_FALSE(token_rarity(sampler, nullptr, word, 10, rng, &rarity, &err));
     EXPECT_FALSE(err.empty());
 }
