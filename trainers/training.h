@@ -24,9 +24,9 @@
 ** continued run starts them afresh and ramps the rate up over its first RESUME_RAMP_STEPS
 ** steps. --save-every N writes OUT every N steps, so a long run can be stopped and continued.
 **
-** --idf starts instead from a weighted bag of tokens, measured on the corpus (bag_of_tokens):
-** the encoder then embeds a text as the sum of its tokens' directions, each weighted by how rare
-** the token is, which is what keyword ranking rewards, and training goes on from there.
+** --idf starts instead from a weighted bag of words, measured on the corpus (bag_of_tokens):
+** the encoder then embeds a text as the sum of its words' directions, each weighted by how rare
+** the word is, which is what keyword ranking rewards, and training goes on from there.
 */
 #ifndef TRN_TRAINERS_TRAINING_H
 #define TRN_TRAINERS_TRAINING_H
