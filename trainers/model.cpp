@@ -25,6 +25,7 @@ namespace trn_train
 namespace
 {
 
+constexpr float LN_EPS = 1e-5f;
 constexpr float GELU_C = 0.7978846f; /* sqrt(2 / pi) */
 constexpr float GELU_A = 0.044715f;
 

@@ -40,7 +40,6 @@ constexpr int HEAD_DIM = TRN_ENCODER_HEAD_DIM;
 constexpr int FF = TRN_ENCODER_FF;
 constexpr int LAYERS = TRN_ENCODER_LAYERS;
 constexpr int MAX_SEQ = TRN_ENCODER_MAX_SEQ;
-constexpr float LN_EPS = 1e-5f; /* the engine's layer norm: x / sqrt(var + LN_EPS) */
 
 /* Tensor numbers in file order: four top-level tensors, then LAYER_TENSORS per layer. */
 enum { TENSOR_TOK = 0, TENSOR_POS, TENSOR_LNF_G, TENSOR_LNF_B, TENSOR_FIRST_LAYER };

@@ -64,7 +64,7 @@ constexpr int RESUME_RAMP_STEPS = 20;
 /* set in meta_u32_1 (the batch, at most 128) when the run started from a weights file */
 constexpr uint32_t META_FROM_FILE = 0x80000000u;
 
-/* windows of CHUNK_BYTES over which --idf counts the windows that hold each token */
+/* windows of CHUNK_BYTES over which --idf counts the windows that hold each word */
 constexpr int IDF_WINDOWS = 20000;
 /* components of the token rows that --idf keeps for the part of a row that must not count */
 constexpr int IDF_SPARE_DIMS = 16;
@@ -89,7 +89,7 @@ struct TrainOptions {
     int save_every = 0;    /* write OUT every that many steps; 0: only at the end */
     GroupRates rates;
     double cloze = 0.0; /* share of query pairs against the window without the query */
-    bool idf = false;   /* start from the corpus's weighted bag of tokens */
+    bool idf = false;   /* start from the corpus's weighted bag of words */
     int steps = 2000;
     int batch = 8; /* pairs per step: 2 x batch sequences */
     float lr = 1e-3f;
