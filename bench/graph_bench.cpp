@@ -25,9 +25,9 @@
 ** at level 0 where hnswlib keeps 2M; a third row runs hnswlib limited to M there as well, which
 ** separates the cost of that choice from the cost of the implementation.
 */
-#include "files.h"
 #include "internal.h"
 #include "tarnwick.h"
+#include "text/files.h"
 
 #include <hnswlib/hnswlib.h>
 

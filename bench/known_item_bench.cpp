@@ -34,8 +34,8 @@
 ** blank line as a training profile's corpus is, and stops: an encoder trained on it has seen the
 ** user's files but never the answers to the queries.
 */
-#include "files.h"
 #include "internal.h"
+#include "text/files.h"
 
 #include <algorithm>
 #include <chrono>

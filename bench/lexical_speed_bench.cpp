@@ -28,8 +28,8 @@
 ** the machine does not count. It prints the ratios asked of the index: open with the file against
 ** open without, the keyword time (aim under 5 ms) and hybrid minus embed (aim at most 10 ms).
 */
-#include "files.h"
 #include "internal.h"
+#include "text/files.h"
 
 #include <algorithm>
 #include <chrono>

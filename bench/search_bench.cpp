@@ -17,9 +17,9 @@
 ** and the ratio engine / memmem (above 1 means the engine's scan is faster). Times are CPU time
 ** of the one thread, steadier than wall time on a shared machine.
 */
-#include "files.h"
 #include "internal.h"
 #include "tarnwick.h"
+#include "text/files.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -31,8 +31,8 @@
 ** "every chunk" rows rank all chunks by exact similarity to the query, without the search's
 ** narrowing to the ten files with the closest mean vectors.
 */
-#include "files.h"
 #include "internal.h"
+#include "text/files.h"
 
 #include <algorithm>
 #include <chrono>

@@ -18,9 +18,9 @@
 ** given (live_update_bench --tree takes it then, indexed). Run with OPENBLAS_NUM_THREADS=1 on a
 *shared machine.
 */
-#include "files.h"
 #include "internal.h"
 #include "tarnwick.h"
+#include "text/files.h"
 
 #include <algorithm>
 #include <chrono>
