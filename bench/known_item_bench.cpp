@@ -34,7 +34,10 @@
 ** blank line as a training profile's corpus is, and stops: an encoder trained on it has seen the
 ** user's files but never the answers to the queries.
 */
-#include "internal.h"
+#include "encoder/vec.h"
+#include "index/hnsw.h"
+#include "probe.h"
+#include "search/search.h"
 #include "text/files.h"
 
 #include <algorithm>
@@ -354,7 +357,7 @@ int rank_of(const TrnResult *r, int32_t n, const std::string &path)
 int rank_of_slots(const TrnEngine *e, const uint32_t *slots, int32_t n, const std::string &path)
 {
     for (int32_t i = 0; i < n && i < 10; i++) {
-        const char *p = e->chunks[slots[i]].file_path;
+        const char *p = probe_chunk(e, slots[i]).file_path;
         if (p && path == p) {
             return i + 1;
         }
@@ -479,7 +482,7 @@ int main(int argc, char **argv)
 
     TrnConfig cfg = {nullptr, weights.empty() ? nullptr : weights.c_str(), 0, 0, 0, 0};
     TrnEngine *e = trn_open(&cfg);
-    if (!weights.empty() && !e->weights_loaded) {
+    if (!weights.empty() && !probe_weights_loaded(e)) {
         fprintf(stderr, "known_item_bench: cannot load weights %s\n", weights.c_str());
         trn_close(e);
         return 1;
@@ -495,7 +498,7 @@ int main(int argc, char **argv)
                     "\rindexing: %zu/%zu files, %zu chunks, %.0f s, about %.0f s left   ",
                     i + 1,
                     items.size(),
-                    (size_t)e->count,
+                    (size_t)trn_stats(e).chunk_count,
                     s,
                     s / (double)(i + 1) * (double)(items.size() - i - 1));
         }
@@ -547,7 +550,7 @@ int main(int argc, char **argv)
             continue;
         }
         float q[TRN_ENCODER_DIM];
-        trn_encoder_embed_text(&e->encoder, it.query.c_str(), q);
+        trn_encoder_embed_text(probe_encoder(e), it.query.c_str(), q);
         vec_normalize(q, TRN_ENCODER_DIM);
         std::vector<uint32_t> sem(200), kw(200), fused(10);
         std::vector<float> s1(200), s2(200), s3(10);
@@ -556,12 +559,12 @@ int main(int argc, char **argv)
             int32_t nk = lex_search(e, it.query.c_str(), 200, kw.data(), s2.data());
             fprintf(dump, "Q\t%s\nK", it.path.c_str());
             for (int32_t j = 0; j < nk; j++) {
-                const char *f = e->chunks[kw[j]].file_path;
+                const char *f = probe_chunk(e, kw[j]).file_path;
                 fprintf(dump, "\t%u %s %.5f", kw[j], f ? f : "-", s2[j]);
             }
             fprintf(dump, "\nS");
             for (int32_t j = 0; j < ns; j++) {
-                const char *f = e->chunks[sem[j]].file_path;
+                const char *f = probe_chunk(e, sem[j]).file_path;
                 fprintf(dump, "\t%u %s %.5f", sem[j], f ? f : "-", s1[j]);
             }
             fprintf(dump, "\n");
@@ -572,7 +575,7 @@ int main(int argc, char **argv)
         for (int v = 0; v < n_variants; v++) {
             int32_t d = variants[v].depth;
             int32_t ns =
-                hnsw_query_width(e, q, d, std::max(d, e->ef_search), sem.data(), s1.data());
+                hnsw_query_width(e, q, d, std::max(d, probe_ef_search(e)), sem.data(), s1.data());
             int32_t nk = lex_search(e, it.query.c_str(), d, kw.data(), s2.data());
             int32_t nf = fuse_rankings(kw.data(),
                                        nk,
@@ -593,7 +596,7 @@ int main(int argc, char **argv)
            dir.c_str(),
            items.size(),
            (double)bytes / 1e6,
-           (size_t)e->count,
+           (size_t)trn_stats(e).chunk_count,
            chunk,
            items.size(),
            weights.empty() ? "random (seed 42)" : weights.c_str());
