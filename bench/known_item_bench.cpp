@@ -2,22 +2,30 @@
 ** known_item_bench.cpp -- how often each search mode puts the right file first, on any directory.
 **
 **   known_item_bench DIR [--weights W] [--files N] [--seed S] [--chunk C] [--overlap O]
-**                        [--sweep] [--corpus FILE]
+**                        [--sweep] [--dump FILE] [--corpus FILE] [--questions FILE]
 **
 ** Known-item queries written as people write them, each asked against the text with its own line
 ** taken out, so that no mode can find the query copied verbatim:
 **   HTML      a reference page's one-line summary (the text after the dash in "NAME — summary"
-**             right after the first heading), else the first heading without its section
-**             number ("9.4. String Functions and Operators" asks "String Functions and
-**             Operators"). Every line holding the query is removed from the page.
+**             right after the first heading), else the first heading (levels 1 to 4) without
+**             its section number ("9.4. String Functions and Operators" asks "String Functions
+**             and Operators"). Every line holding the query is removed from the page.
 **   Markdown  the first "# " heading, removed.
-**   Source    the first sentence of a function's doc comment ("//" lines right above a line
+**   Go        the first sentence of a function's doc comment ("//" lines right above a line
 **             starting "func "), without the function's name when it opens the sentence
-**             ("ReadFile reads the named file" asks "reads the named file"); the comment lines
-**             that hold the sentence are removed. One function per file, drawn with the seed.
+**             ("ReadFile reads the named file" asks "reads the named file").
+**   Other     the first sentence of a "/" "**" doc comment (Javadoc, JSDoc, Doxygen) right above a
+**   source    declaration with a parameter list, its markup read as text ("{@code x}" as "x").
+**             For source, the comment lines that hold the sentence are removed, and one function
+**             per file is drawn with the seed.
 ** Only queries of at least two words (four for source) count. The indexable files under DIR
 ** (names beginning with "." skipped) are sorted, shuffled with the seed (default 1) and the first
 ** N (default 300) that give a query are indexed; each is the answer to its own query.
+**
+** --questions FILE asks hand-written questions instead (a line each: the question, a tab, and
+** the files that answer it, relative to DIR, tab-separated; "#" lines skipped) over every
+** indexable file under DIR, or with --files N over the answers and other files drawn with the
+** seed up to N. A question counts as found when any of its files is in the ten results.
 **
 ** The files are ingested as the application ingests them (the engine's text extraction: HTML as
 ** readable text, the query's lines taken out of the markup first),
@@ -25,20 +33,23 @@
 ** with the random encoder or the weights W. Each query runs in every mode with k = 10:
 ** semantic (mode 0, narrowed to ten files), semantic over every file (mode 5), keyword (3),
 ** text (1) and hybrid (4). R@10: share of queries with a chunk of their file among the ten
-** results; MRR@10: mean of 1 / rank of the first such chunk (0 when none).
+** results; MRR@10: mean of 1 / rank of the first such chunk (0 when none). Both are given for
+** every query and for the vocabulary-mismatch slice: the queries none of whose content words
+** occurs in their file as indexed (vocabulary.h), where words cannot help and meaning must.
 **
-** --sweep adds rows for other fusions of the same two rankings (reciprocal rank fusion with
-** other weights and depths), to tune the hybrid mode. --dump FILE writes, per query, the target
-** file and both rankings 200 deep (chunk slot, file, score), for trying fusions offline.
-** --corpus FILE writes the texts that would be indexed (queries taken out), each followed by a
-** blank line as a training profile's corpus is, and stops: an encoder trained on it has seen the
-** user's files but never the answers to the queries.
+** --sweep adds rows for other fusions of the same two rankings, to tune the hybrid mode.
+** --dump FILE writes every chunk's file ("C slot path"), then per query a line "Q slice query
+** file..." and both rankings 200 deep, "K" for keyword and "S" for semantic, each entry
+** "slot score"; fields are tab-separated. --corpus FILE writes the texts that would be indexed
+** (queries taken out), each followed by a blank line as a training profile's corpus is, and
+** stops: an encoder trained on it has seen the user's files but never the answers to the queries.
 */
 #include "encoder/vec.h"
 #include "index/hnsw.h"
 #include "probe.h"
 #include "search/search.h"
 #include "text/files.h"
+#include "vocabulary.h"
 
 #include <algorithm>
 #include <chrono>
@@ -194,19 +205,30 @@ std::string strip_tags(const std::string &html)
     return out;
 }
 
-/* "9.4.2. Name", "Chapter 9. Name", "Appendix A. Name", "F.3. Name" give "Name". */
+/* "9.4.2. Name", "Chapter 9. Name", "Appendix A. Name", "Appendix C Name", "F.3. Name", "20.1 Name"
+** and "A.3 Name" give "Name"; "X11 Name" stays. */
 std::string drop_numbering(std::string s)
 {
     for (const char *word : {"Chapter ", "Appendix ", "Part "}) {
         if (s.rfind(word, 0) == 0) {
             s = s.substr(strlen(word));
+            if (s.size() > 2 && isupper((unsigned char)s[0]) && s[1] == ' ') {
+                s = s.substr(2); /* "Appendix C Name" */
+            }
         }
     }
     size_t i = 0;
+    bool digit = false;
     while (i < s.size() && (isalnum((unsigned char)s[i]) || s[i] == '.') && s[i] != ' ') {
+        digit = digit || isdigit((unsigned char)s[i]);
         i++;
     }
-    if (i > 0 && i < s.size() && s[i] == ' ' && s[i - 1] == '.') {
+    /* A number ends with a dot ("9.4.") or is made of digits and dots ("20.1", "A.3"). */
+    bool number = i > 0
+                  && (s[i - 1] == '.'
+                      || (digit && (isdigit((unsigned char)s[0]) || (i > 1 && s[1] == '.'))
+                          && s.find_first_not_of("0123456789.", 1) >= i));
+    if (i > 0 && i < s.size() && s[i] == ' ' && number) {
         s = s.substr(i + 1);
     }
     return s;
@@ -236,7 +258,7 @@ bool html_query(Item *it)
 {
     const std::string &t = it->text;
     size_t h = std::string::npos;
-    for (const char *open : {"<h1", "<h2"}) {
+    for (const char *open : {"<h1", "<h2", "<h3", "<h4"}) {
         size_t at = t.find(open);
         if (at != std::string::npos && (h == std::string::npos || at < h)) {
             h = at;
@@ -282,7 +304,23 @@ bool markdown_query(Item *it)
     return false;
 }
 
-bool source_query(Item *it, std::mt19937 &rng)
+/* The lines joined again, those from first to last left out. */
+std::string join_without(const std::vector<std::string> &lines, size_t first, size_t last)
+{
+    std::string out;
+    for (size_t i = 0; i < lines.size(); i++) {
+        if (i >= first && i <= last) {
+            continue;
+        }
+        out += lines[i];
+        if (i + 1 < lines.size()) {
+            out += '\n';
+        }
+    }
+    return out;
+}
+
+bool go_query(Item *it, std::mt19937 &rng)
 {
     std::vector<std::string> lines = split_lines(it->text);
     struct Candidate {
@@ -330,46 +368,232 @@ bool source_query(Item *it, std::mt19937 &rng)
     }
     const Candidate &c = found[rng() % found.size()];
     it->query = c.sentence;
-    std::string out;
-    for (size_t i = 0; i < lines.size(); i++) {
-        if (i >= c.first && i <= c.last) {
-            continue;
-        }
-        out += lines[i];
-        if (i + 1 < lines.size()) {
-            out += '\n';
-        }
-    }
-    it->text = out;
+    it->text = join_without(lines, c.first, c.last);
     return true;
 }
 
-int rank_of(const TrnResult *r, int32_t n, const std::string &path)
+std::string trim(const std::string &s)
+{
+    size_t a = s.find_first_not_of(" \t\r");
+    size_t b = s.find_last_not_of(" \t\r");
+    return a == std::string::npos ? "" : s.substr(a, b + 1 - a);
+}
+
+/* A line of a block comment without its indentation, opening "/" "**", leading "*" and closing
+** "*" "/". */
+std::string comment_body(const std::string &line)
+{
+    std::string b = trim(line);
+    if (b.rfind("/**", 0) == 0) {
+        b = b.substr(3);
+    }
+    size_t close = b.find("*/");
+    if (close != std::string::npos) {
+        b = b.substr(0, close);
+    }
+    b = trim(b);
+    while (!b.empty() && b[0] == '*') {
+        b = trim(b.substr(1));
+    }
+    return b;
+}
+
+/* Doc-comment markup read as text: "{@code x}" and "{@link Foo#bar}" give "x" and "Foo.bar",
+** "{@link Foo label}" gives "label"; then tags are dropped and entities decoded. */
+std::string doc_text(const std::string &s)
+{
+    std::string out;
+    for (size_t i = 0; i < s.size(); i++) {
+        if (s.compare(i, 2, "{@") != 0) {
+            out += s[i];
+            continue;
+        }
+        size_t close = s.find('}', i);
+        if (close == std::string::npos) {
+            break;
+        }
+        std::string inner = s.substr(i + 2, close - i - 2);
+        size_t sp = inner.find(' ');
+        inner = sp == std::string::npos ? "" : trim(inner.substr(sp + 1));
+        size_t label = inner.find(' ');
+        if (label != std::string::npos && inner.find('(') > label) {
+            inner = trim(inner.substr(label + 1));
+        }
+        for (char &c : inner) {
+            c = c == '#' ? '.' : c;
+        }
+        if (!inner.empty() && inner[0] == '.') {
+            inner = inner.substr(1);
+        }
+        out += inner;
+        i = close;
+    }
+    return strip_tags(out);
+}
+
+/* Javadoc, JSDoc and Doxygen: the first sentence of a block doc comment right above a declaration
+** with a parameter list (annotations may stand between them), read as text, without the
+** function's name when it opens the sentence; the comment lines that hold the sentence are
+** removed. One function per file, drawn with the seed. */
+bool block_comment_query(Item *it, std::mt19937 &rng)
+{
+    std::vector<std::string> lines = split_lines(it->text);
+    struct Candidate {
+        size_t first, last;
+        std::string sentence;
+    };
+    std::vector<Candidate> found;
+    for (size_t i = 0; i < lines.size(); i++) {
+        if (trim(lines[i]).rfind("/**", 0) != 0) {
+            continue;
+        }
+        size_t end = i;
+        while (end < lines.size() && lines[end].find("*/") == std::string::npos) {
+            end++;
+        }
+        if (end == lines.size()) {
+            break;
+        }
+        size_t d = end + 1;
+        while (d < lines.size() && trim(lines[d]).rfind('@', 0) == 0) {
+            d++;
+        }
+        std::string decl = d < lines.size() ? trim(lines[d]) : "";
+        size_t paren = decl.find('(');
+        if (paren == std::string::npos || paren == 0 || decl.find('=') < paren || decl[0] == '*'
+            || decl.rfind("//", 0) == 0) {
+            i = end;
+            continue;
+        }
+        size_t name_end = decl.find_last_not_of(' ', paren - 1);
+        size_t name_start = name_end == std::string::npos ? 0 : name_end + 1;
+        while (name_start > 0
+               && (isalnum((unsigned char)decl[name_start - 1]) || decl[name_start - 1] == '_')) {
+            name_start--;
+        }
+        std::string name = decl.substr(name_start, name_end + 1 - name_start);
+        std::string raw, sentence;
+        size_t first = std::string::npos, last = i;
+        for (size_t j = i; j <= end; j++) {
+            std::string body = comment_body(lines[j]);
+            if (body.rfind('@', 0) == 0 || (body.empty() && !raw.empty())) {
+                break; /* block tags and the end of the first paragraph end the sentence */
+            }
+            if (body.empty()) {
+                continue;
+            }
+            first = first == std::string::npos ? j : first;
+            last = j;
+            raw += (raw.empty() ? "" : " ") + body;
+            sentence = doc_text(raw);
+            size_t stop = sentence.find(". ");
+            if (stop != std::string::npos || (!sentence.empty() && sentence.back() == '.')) {
+                sentence =
+                    sentence.substr(0, stop == std::string::npos ? sentence.size() - 1 : stop);
+                break;
+            }
+        }
+        if (!name.empty() && sentence.rfind(name + " ", 0) == 0) {
+            sentence = sentence.substr(name.size() + 1);
+        }
+        if (first != std::string::npos && count_words(sentence) >= 4) {
+            found.push_back({first, last, sentence});
+        }
+        i = end;
+    }
+    if (found.empty()) {
+        return false;
+    }
+    const Candidate &c = found[rng() % found.size()];
+    it->query = c.sentence;
+    it->text = join_without(lines, c.first, c.last);
+    return true;
+}
+
+/* A query and the files that answer it. */
+struct Query {
+    std::string text;
+    std::vector<std::string> answers;
+    bool mismatch = false; /* shares no content word with any answer (vocabulary.h) */
+};
+
+bool answers(const Query &q, const char *path)
+{
+    return path && std::find(q.answers.begin(), q.answers.end(), path) != q.answers.end();
+}
+
+int rank_of(const TrnResult *r, int32_t n, const Query &q)
 {
     for (int32_t i = 0; i < n; i++) {
-        if (r[i].file_path && path == r[i].file_path) {
+        if (answers(q, r[i].file_path)) {
             return i + 1;
         }
     }
     return 0;
 }
 
-int rank_of_slots(const TrnEngine *e, const uint32_t *slots, int32_t n, const std::string &path)
+int rank_of_slots(const TrnEngine *e, const uint32_t *slots, int32_t n, const Query &q)
 {
     for (int32_t i = 0; i < n && i < 10; i++) {
-        const char *p = probe_chunk(e, slots[i]).file_path;
-        if (p && path == p) {
+        if (answers(q, probe_chunk(e, slots[i]).file_path)) {
             return i + 1;
         }
     }
     return 0;
+}
+
+/* One question a line: the question, a tab, and the files that answer it relative to dir,
+** separated by tabs. Blank lines and lines starting with "#" are skipped. */
+bool read_questions(const std::string &path, const std::string &dir, std::vector<Query> *out)
+{
+    FILE *f = fopen(path.c_str(), "rb");
+    if (!f) {
+        fprintf(stderr, "known_item_bench: cannot read %s\n", path.c_str());
+        return false;
+    }
+    std::string text;
+    char buf[65536];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, f)) > 0) {
+        text.append(buf, n);
+    }
+    fclose(f);
+    int line_no = 0;
+    for (const std::string &line : split_lines(text)) {
+        line_no++;
+        if (trim(line).empty() || line[0] == '#') {
+            continue;
+        }
+        std::vector<std::string> fields;
+        size_t at = 0;
+        for (size_t tab; (tab = line.find('\t', at)) != std::string::npos; at = tab + 1) {
+            fields.push_back(trim(line.substr(at, tab - at)));
+        }
+        fields.push_back(trim(line.substr(at)));
+        Query q{fields[0], {}, false};
+        for (size_t i = 1; i < fields.size(); i++) {
+            if (!fields[i].empty()) {
+                q.answers.push_back((std::filesystem::path(dir) / fields[i]).string());
+            }
+        }
+        if (q.text.empty() || q.answers.empty()) {
+            fprintf(
+                stderr,
+                "known_item_bench: %s:%d: want a question, a tab and the files that answer it\n",
+                path.c_str(),
+                line_no);
+            return false;
+        }
+        out->push_back(std::move(q));
+    }
+    return true;
 }
 
 void usage()
 {
     fprintf(stderr,
             "usage: known_item_bench DIR [--weights W] [--files N] [--seed S] [--chunk C] "
-            "[--overlap O] [--sweep] [--dump FILE] [--corpus FILE]\n");
+            "[--overlap O] [--sweep] [--dump FILE] [--corpus FILE] [--questions FILE]\n");
 }
 
 } // namespace
@@ -381,10 +605,10 @@ int main(int argc, char **argv)
         return 2;
     }
     std::string dir = argv[1], weights;
-    int files = 300, chunk = 800, overlap = 200;
+    int files = -1, chunk = 800, overlap = 200; /* files: 300, or every file with questions */
     unsigned seed = 1;
     bool sweep = false;
-    std::string dump_path, corpus_path;
+    std::string dump_path, corpus_path, questions_path;
     for (int i = 2; i < argc; i++) {
         std::string a = argv[i];
         bool has = i + 1 < argc;
@@ -402,6 +626,8 @@ int main(int argc, char **argv)
             dump_path = argv[++i];
         } else if (a == "--corpus" && has) {
             corpus_path = argv[++i];
+        } else if (a == "--questions" && has) {
+            questions_path = argv[++i];
         } else if (a == "--sweep") {
             sweep = true;
         } else {
@@ -430,35 +656,76 @@ int main(int argc, char **argv)
         return 1;
     }
     std::sort(paths.begin(), paths.end());
-    std::mt19937 rng(seed);
-    std::shuffle(paths.begin(), paths.end(), rng);
 
-    std::vector<Item> items;
-    for (const std::string &p : paths) {
-        if ((int)items.size() >= files) {
-            break;
+    std::vector<Item> items; /* what is indexed: path and text */
+    std::vector<Query> queries;
+    if (!questions_path.empty()) {
+        /* Every indexable file, as the application reads it; the questions say which answer. */
+        if (!read_questions(questions_path, dir, &queries)) {
+            return 1;
         }
-        TrnFileType type = trn_detect_file_type(p.c_str());
-        if (!trn_is_indexable(type) || type == TRN_FILE_TYPE_PDF) {
-            continue;
+        std::vector<std::string> wanted;
+        for (const Query &q : queries) {
+            for (const std::string &a : q.answers) {
+                if (!std::binary_search(paths.begin(), paths.end(), a)) {
+                    fprintf(stderr,
+                            "known_item_bench: %s answers \"%s\" but is not there\n",
+                            a.c_str(),
+                            q.text.c_str());
+                    return 1;
+                }
+                wanted.push_back(a);
+            }
         }
-        /* An HTML page's query comes from its markup, which is then read as the engine reads it. */
-        Item it{p, type == TRN_FILE_TYPE_HTML ? read_bytes(p) : read_file(p), ""};
-        bool ok = type == TRN_FILE_TYPE_HTML       ? html_query(&it)
-                  : type == TRN_FILE_TYPE_MARKDOWN ? markdown_query(&it)
-                  : type == TRN_FILE_TYPE_SOURCE   ? source_query(&it, rng)
-                                                   : false;
-        if (ok && type == TRN_FILE_TYPE_HTML) {
-            size_t n = 0;
-            char *text = html_to_text(it.text.data(), it.text.size(), &n);
-            it.text.assign(text, n);
-            free(text);
+        /* With --files N: the answers and, drawn with the seed, other files up to N. */
+        std::sort(wanted.begin(), wanted.end());
+        wanted.erase(std::unique(wanted.begin(), wanted.end()), wanted.end());
+        std::mt19937 rng(seed);
+        std::shuffle(paths.begin(), paths.end(), rng);
+        std::stable_partition(paths.begin(), paths.end(), [&wanted](const std::string &p) {
+            return std::binary_search(wanted.begin(), wanted.end(), p);
+        });
+        for (const std::string &p : paths) {
+            TrnFileType type = trn_detect_file_type(p.c_str());
+            if (files >= 0 && (int)items.size() >= std::max(files, (int)wanted.size())) {
+                break;
+            }
+            if (trn_is_indexable(type) && type != TRN_FILE_TYPE_PDF) {
+                items.push_back({p, read_file(p), ""});
+            }
         }
-        if (ok && it.text.size() >= 11) {
-            items.push_back(std::move(it));
+    } else {
+        std::mt19937 rng(seed);
+        std::shuffle(paths.begin(), paths.end(), rng);
+        for (const std::string &p : paths) {
+            if ((int)items.size() >= (files < 0 ? 300 : files)) {
+                break;
+            }
+            TrnFileType type = trn_detect_file_type(p.c_str());
+            if (!trn_is_indexable(type) || type == TRN_FILE_TYPE_PDF) {
+                continue;
+            }
+            /* An HTML page's query comes from its markup, then read as the engine reads it. */
+            Item it{p, type == TRN_FILE_TYPE_HTML ? read_bytes(p) : read_file(p), ""};
+            bool go = p.size() > 3 && p.compare(p.size() - 3, 3, ".go") == 0;
+            bool ok = type == TRN_FILE_TYPE_HTML       ? html_query(&it)
+                      : type == TRN_FILE_TYPE_MARKDOWN ? markdown_query(&it)
+                      : type != TRN_FILE_TYPE_SOURCE   ? false
+                      : go                             ? go_query(&it, rng)
+                                                       : block_comment_query(&it, rng);
+            if (ok && type == TRN_FILE_TYPE_HTML) {
+                size_t n = 0;
+                char *text = html_to_text(it.text.data(), it.text.size(), &n);
+                it.text.assign(text, n);
+                free(text);
+            }
+            if (ok && it.text.size() >= 11) {
+                queries.push_back({it.query, {it.path}, false});
+                items.push_back(std::move(it));
+            }
         }
     }
-    if (items.empty()) {
+    if (queries.empty()) {
         fprintf(stderr, "known_item_bench: no file under %s gives a query\n", dir.c_str());
         return 1;
     }
@@ -478,6 +745,17 @@ int main(int argc, char **argv)
         }
         printf("wrote %zu files' text to %s\n", items.size(), corpus_path.c_str());
         return 0;
+    }
+    size_t n_mismatch = 0;
+    for (Query &q : queries) {
+        std::vector<const std::string *> texts;
+        for (const Item &it : items) {
+            if (answers(q, it.path.c_str())) {
+                texts.push_back(&it.text);
+            }
+        }
+        q.mismatch = vocabulary_mismatch(q.text, stem_set(texts));
+        n_mismatch += q.mismatch ? 1 : 0;
     }
 
     TrnConfig cfg = {nullptr, weights.empty() ? nullptr : weights.c_str(), 0, 0, 0, 0};
@@ -516,7 +794,7 @@ int main(int argc, char **argv)
                           {"text (mode 1)", TRN_SEARCH_TEXT},
                           {"hybrid (mode 4)", TRN_SEARCH_HYBRID}};
     constexpr int n_modes = sizeof modes / sizeof modes[0];
-    Tally tally[n_modes];
+    Tally tally[n_modes], slice[n_modes];
     double seconds[n_modes] = {0};
 
     /* Fusions tried by --sweep: semantic weight against keyword weight 1, candidate depth. */
@@ -534,93 +812,126 @@ int main(int argc, char **argv)
                                 {1.0f, 200},
                                 {0.5f, 200}};
     constexpr int n_variants = sizeof variants / sizeof variants[0];
-    Tally swept[n_variants];
+    Tally swept[n_variants], swept_slice[n_variants];
 
     FILE *dump = dump_path.empty() ? nullptr : fopen(dump_path.c_str(), "w");
+    if (dump) {
+        const uint32_t slots = trn_stats(e).chunk_count;
+        for (uint64_t c = 0; c < slots; c++) {
+            fprintf(dump, "C\t%llu\t%s\n", (unsigned long long)c, probe_chunk(e, c).file_path);
+        }
+    }
     TrnResult results[10];
-    for (const Item &it : items) {
+    for (const Query &q : queries) {
         for (int m = 0; m < n_modes; m++) {
             auto s0 = std::chrono::steady_clock::now();
-            int32_t n = trn_search(e, it.query.c_str(), modes[m].mode, 10, results);
+            int32_t n = trn_search(e, q.text.c_str(), modes[m].mode, 10, results);
             seconds[m] +=
                 std::chrono::duration<double>(std::chrono::steady_clock::now() - s0).count();
-            tally[m].add(rank_of(results, n, it.path));
+            int rank = rank_of(results, n, q);
+            tally[m].add(rank);
+            if (q.mismatch) {
+                slice[m].add(rank);
+            }
         }
         if (!sweep && !dump) {
             continue;
         }
-        float q[TRN_ENCODER_DIM];
-        trn_encoder_embed_text(probe_encoder(e), it.query.c_str(), q);
-        vec_normalize(q, TRN_ENCODER_DIM);
+        float v[TRN_ENCODER_DIM];
+        trn_encoder_embed_text(probe_encoder(e), q.text.c_str(), v);
+        vec_normalize(v, TRN_ENCODER_DIM);
         std::vector<uint32_t> sem(200), kw(200), fused(10);
         std::vector<float> s1(200), s2(200), s3(10);
         if (dump) {
-            int32_t ns = hnsw_query_width(e, q, 200, 200, sem.data(), s1.data());
-            int32_t nk = lex_search(e, it.query.c_str(), 200, kw.data(), s2.data());
-            fprintf(dump, "Q\t%s\nK", it.path.c_str());
+            int32_t ns = hnsw_query_width(e, v, 200, 200, sem.data(), s1.data());
+            int32_t nk = lex_search(e, q.text.c_str(), 200, kw.data(), s2.data());
+            fprintf(dump, "Q\t%d\t%s", q.mismatch ? 1 : 0, q.text.c_str());
+            for (const std::string &a : q.answers) {
+                fprintf(dump, "\t%s", a.c_str());
+            }
+            fprintf(dump, "\nK");
             for (int32_t j = 0; j < nk; j++) {
-                const char *f = probe_chunk(e, kw[j]).file_path;
-                fprintf(dump, "\t%u %s %.5f", kw[j], f ? f : "-", s2[j]);
+                fprintf(dump, "\t%u %.5f", kw[j], s2[j]);
             }
             fprintf(dump, "\nS");
             for (int32_t j = 0; j < ns; j++) {
-                const char *f = probe_chunk(e, sem[j]).file_path;
-                fprintf(dump, "\t%u %s %.5f", sem[j], f ? f : "-", s1[j]);
+                fprintf(dump, "\t%u %.5f", sem[j], s1[j]);
             }
             fprintf(dump, "\n");
         }
         if (!sweep) {
             continue;
         }
-        for (int v = 0; v < n_variants; v++) {
-            int32_t d = variants[v].depth;
+        for (int w = 0; w < n_variants; w++) {
+            int32_t d = variants[w].depth;
             int32_t ns =
-                hnsw_query_width(e, q, d, std::max(d, probe_ef_search(e)), sem.data(), s1.data());
-            int32_t nk = lex_search(e, it.query.c_str(), d, kw.data(), s2.data());
+                hnsw_query_width(e, v, d, std::max(d, probe_ef_search(e)), sem.data(), s1.data());
+            int32_t nk = lex_search(e, q.text.c_str(), d, kw.data(), s2.data());
             int32_t nf = fuse_rankings(kw.data(),
                                        nk,
                                        1.0f,
                                        sem.data(),
                                        ns,
-                                       variants[v].weight,
+                                       variants[w].weight,
                                        10,
                                        fused.data(),
                                        s3.data());
-            swept[v].add(rank_of_slots(e, fused.data(), nf, it.path));
+            int rank = rank_of_slots(e, fused.data(), nf, q);
+            swept[w].add(rank);
+            if (q.mismatch) {
+                swept_slice[w].add(rank);
+            }
         }
     }
 
-    const double nq = (double)items.size();
-    printf("\nKnown-item search over %s: %zu files (%.1f MB, %zu chunks of %d bytes), %zu queries, "
-           "encoder %s\n\n",
+    const double nq = (double)queries.size(), ns = (double)n_mismatch;
+    const auto cells = [nq, ns](const Tally &all, const Tally &part) {
+        static char buf[96];
+        if (ns > 0) {
+            snprintf(buf,
+                     sizeof buf,
+                     "%.3f | %.3f | %.3f | %.3f",
+                     all.hits / nq,
+                     all.rr / nq,
+                     part.hits / ns,
+                     part.rr / ns);
+        } else {
+            snprintf(buf, sizeof buf, "%.3f | %.3f | - | -", all.hits / nq, all.rr / nq);
+        }
+        return buf;
+    };
+    printf("\n%s over %s: %zu files (%.1f MB, %zu chunks of %d bytes), %zu queries, %zu of them "
+           "sharing no content word with their file (the mismatch slice), encoder %s\n\n",
+           questions_path.empty() ? "Known-item search" : questions_path.c_str(),
            dir.c_str(),
            items.size(),
            (double)bytes / 1e6,
            (size_t)trn_stats(e).chunk_count,
            chunk,
-           items.size(),
+           queries.size(),
+           n_mismatch,
            weights.empty() ? "random (seed 42)" : weights.c_str());
-    printf("| mode | R@10 | MRR@10 | ms/query |\n|---|---:|---:|---:|\n");
+    printf("| mode | R@10 | MRR@10 | mismatch R@10 | mismatch MRR@10 | ms/query |\n"
+           "|---|---:|---:|---:|---:|---:|\n");
     for (int m = 0; m < n_modes; m++) {
-        printf("| %s | %.3f | %.3f | %.2f |\n",
+        printf("| %s | %s | %.2f |\n",
                modes[m].name,
-               tally[m].hits / nq,
-               tally[m].rr / nq,
+               cells(tally[m], slice[m]),
                1000.0 * seconds[m] / nq);
     }
     if (sweep) {
-        printf("\n| fusion (keyword weight 1) | R@10 | MRR@10 |\n|---|---:|---:|\n");
-        for (int v = 0; v < n_variants; v++) {
-            printf("| RRF, semantic weight %.2f, depth %d | %.3f | %.3f |\n",
-                   variants[v].weight,
-                   variants[v].depth,
-                   swept[v].hits / nq,
-                   swept[v].rr / nq);
+        printf("\n| fusion (keyword weight 1) | R@10 | MRR@10 | mismatch R@10 | mismatch MRR@10 |\n"
+               "|---|---:|---:|---:|---:|\n");
+        for (int w = 0; w < n_variants; w++) {
+            printf("| RRF, semantic weight %.2f, depth %d | %s |\n",
+                   variants[w].weight,
+                   variants[w].depth,
+                   cells(swept[w], swept_slice[w]));
         }
     }
     printf("\nExample queries:\n");
-    for (size_t i = 0; i < items.size() && i < 5; i++) {
-        printf("  \"%s\" -> %s\n", items[i].query.c_str(), items[i].path.c_str());
+    for (size_t i = 0; i < queries.size() && i < 5; i++) {
+        printf("  \"%s\" -> %s\n", queries[i].text.c_str(), queries[i].answers[0].c_str());
     }
     if (dump) {
         fclose(dump);
