@@ -6,8 +6,8 @@
 */
 #include "tarnwick_engine.h"
 
-#include "files.h"
 #include "settings.h"
+#include "text/files.h"
 
 #include <QByteArray>
 #include <QDir>
