@@ -3,7 +3,7 @@
 ** headings, list items and emphasis, and every paragraph's line against the line the index's
 ** own extraction gives the same text.
 */
-#include "files.h"
+#include "text/files.h"
 #include "formatted_document.h"
 
 #include <QTemporaryDir>
