@@ -3,8 +3,8 @@
 ** headings, list items and emphasis, and every paragraph's line against the line the index's
 ** own extraction gives the same text.
 */
-#include "text/files.h"
 #include "formatted_document.h"
+#include "text/files.h"
 
 #include <QTemporaryDir>
 #include <QTextBlock>
