@@ -3,6 +3,7 @@
 ** searching in each mode, paging, pinning, opening results, the tab strip, the prompt button,
 ** the status bar and the menu commands.
 */
+#include "filter_chips.h"
 #include "icons.h"
 #include "main_window.h"
 #include "result_opener.h"
@@ -206,6 +207,50 @@ private slots:
         }
         h->window.resultsView()->clearSelection();
         QCOMPARE(markPixels(h->window.resultsView()) > 0, marked);
+    }
+
+    // The chips write their filter words into the field and search again; a filter typed into
+    // the field shows on its chip.
+    void filterChipsEditTheQueryText()
+    {
+        auto h = openAppWindow();
+        QTemporaryDir dir;
+        writeSample(dir.path());
+        QVERIFY(QDir(dir.path()).mkpath(QStringLiteral("notes")));
+        QVERIFY(openAndIndex(*h, dir.path()));
+        QLineEdit *field = h->window.searchBar()->field();
+        FilterChips *chips = h->window.searchBar()->filterChips();
+        QToolButton *type = chips->chip(FilterKind::Type);
+        QToolButton *folder = chips->chip(FilterKind::Folder);
+        const auto choose = [](QToolButton *chip, const QString &name) {
+            emit chip->menu()->aboutToShow();
+            for (QAction *action : chip->menu()->actions()) {
+                if (action->objectName() == name || action->text() == name) {
+                    action->trigger();
+                    return true;
+                }
+            }
+            return false;
+        };
+        QTest::keyClicks(field, QStringLiteral("sugar"));
+        QSignalSpy finished(h->app.activeState(), &DirectoryState::searchFinished);
+        QVERIFY(choose(type, QStringLiteral("type_pdf")));
+        QCOMPARE(field->text(), QStringLiteral("sugar type:pdf"));
+        QVERIFY(finished.wait(30000));
+        QCOMPARE(h->app.activeState()->lastQuery(), QStringLiteral("sugar type:pdf"));
+        QCOMPARE(type->text(), QStringLiteral("Type: PDF \u25be"));
+        QVERIFY(choose(type, QStringLiteral("type_docx")));
+        QCOMPARE(field->text(), QStringLiteral("sugar type:pdf,docx"));
+        QVERIFY(choose(type, QStringLiteral("type_pdf"))); // unticked
+        QCOMPARE(field->text(), QStringLiteral("sugar type:docx"));
+
+        field->setText(QStringLiteral("in:notes sugar"));
+        QCOMPARE(folder->text(), QStringLiteral("Folder: notes \u25be"));
+        QVERIFY(folder->property("inUse").toBool());
+        QCOMPARE(type->text(), QStringLiteral("Type \u25be"));
+        QVERIFY(!type->property("inUse").toBool());
+        QVERIFY(choose(folder, QStringLiteral("Any folder")));
+        QCOMPARE(field->text(), QStringLiteral("sugar"));
     }
 
     void loadMoreResultsPagesUntilTheAnswerIsShort()
