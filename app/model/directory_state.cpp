@@ -321,6 +321,7 @@ void DirectoryState::search(const QString &query, SearchMode mode)
     m_lastQuery = query;
     m_lastMode = mode;
     m_searchLimit = kPageSize;
+    setExpandedFiles({});
     addToHistory(query, mode);
     runSearch(kPageSize);
 }
@@ -339,13 +340,15 @@ void DirectoryState::runSearch(int k)
 {
     const QString query = m_lastQuery;
     const SearchMode mode = m_lastMode;
+    const ResultLayout layout =
+        m_settings->allPassages() ? ResultLayout::AllPassages : ResultLayout::ByFile;
     std::shared_ptr<TarnwickEngine> engine = m_engine;
     const quint64 request = ++m_searchRequest;
     searchStarted();
     runInBackground(
         this,
-        [query, mode, k, engine] {
-            return engine->search(query, mode, k);
+        [query, mode, k, layout, engine] {
+            return engine->search(query, mode, k, layout);
         },
         [this, k, request](const QList<SearchResult> &hits) {
             // Latest wins: an answer to a request that a newer one replaced is dropped.
@@ -359,6 +362,53 @@ void DirectoryState::runSearch(int k)
             searchEnded();
             emit searchFinished();
         });
+}
+
+bool DirectoryState::isExpanded(const QString &filePath) const
+{
+    return m_expandedFiles.contains(filePath);
+}
+
+QList<SearchResult> DirectoryState::passagesOf(const QString &filePath) const
+{
+    return m_expandedFiles.value(filePath);
+}
+
+void DirectoryState::toggleFile(const QString &filePath)
+{
+    if (m_expandedFiles.contains(filePath)) {
+        QHash<QString, QList<SearchResult>> files = m_expandedFiles;
+        files.remove(filePath);
+        setExpandedFiles(files);
+        return;
+    }
+    const QString query = m_lastQuery;
+    const SearchMode mode = m_lastMode;
+    const quint64 request = m_searchRequest;
+    std::shared_ptr<TarnwickEngine> engine = m_engine;
+    runInBackground(
+        this,
+        [query, mode, filePath, engine] {
+            return engine->searchFile(query, mode, filePath);
+        },
+        [this, filePath, request](const QList<SearchResult> &passages) {
+            // The passages of an earlier search's file do not belong under a newer one.
+            if (request != m_searchRequest) {
+                return;
+            }
+            QHash<QString, QList<SearchResult>> files = m_expandedFiles;
+            files.insert(filePath, passages);
+            setExpandedFiles(files);
+        });
+}
+
+void DirectoryState::setExpandedFiles(const QHash<QString, QList<SearchResult>> &files)
+{
+    if (m_expandedFiles == files) {
+        return;
+    }
+    m_expandedFiles = files;
+    emit expandedFilesChanged();
 }
 
 void DirectoryState::loadFileList()

@@ -14,6 +14,9 @@
 ** Searches: the newest request wins; the answer of an older one still under way is dropped.
 ** Paging: a search asks for 10 results; loadMore() asks again for 10 more, replacing the list,
 ** while the last answer was full and k was below 64 (the engine never returns more than 64).
+** Results come one row per file (the file's best passage, with how many more matched) unless
+** the setting "allPassages" asks for every passage; toggleFile() opens a file's other passages
+** under its row (expandedFiles) until the next search.
 */
 #ifndef TRN_APP_DIRECTORY_STATE_H
 #define TRN_APP_DIRECTORY_STATE_H
@@ -23,6 +26,7 @@
 #include "tarnwick_engine.h"
 
 #include <QElapsedTimer>
+#include <QHash>
 #include <QList>
 #include <QObject>
 #include <QString>
@@ -147,6 +151,14 @@ public:
     // Refreshes fileList in the background.
     void loadFileList();
 
+    // "n more in this file": loads the matching passages of filePath in the background and
+    // keeps them in expandedFiles, or closes them again when they are there. A new search closes
+    // every file.
+    void toggleFile(const QString &filePath);
+    bool isExpanded(const QString &filePath) const;
+    // The passages of an expanded file, best first (empty when it is not expanded).
+    QList<SearchResult> passagesOf(const QString &filePath) const;
+
     // Opens a result in its application (TarnwickEngine::openResult); a failure, or a fall-back
     // to the default application, is told in statusText.
     void openResult(const SearchResult &result);
@@ -195,6 +207,8 @@ signals:
     void ingestFinished();
     // A search finished and results holds its answer.
     void searchFinished();
+    // A file's passages were opened or closed under its row.
+    void expandedFilesChanged();
 
 private:
     void runSearch(int k);
@@ -210,6 +224,7 @@ private:
     // The engine's failure line as a status text ("The index of ... is busy: ...").
     static QString failureText(const QString &engineLine);
     void setResults(const QList<SearchResult> &results);
+    void setExpandedFiles(const QHash<QString, QList<SearchResult>> &files);
     void setStatusText(const QString &text);
     // Discards the index and indexes again with the given weights.
     void rebuildWith(const QString &weightsPath);
@@ -246,6 +261,7 @@ private:
     ResultsModel *m_resultsModel = nullptr;
 
     QList<SearchResult> m_results;
+    QHash<QString, QList<SearchResult>> m_expandedFiles; // file path -> its passages
     QString m_statusText = QStringLiteral("Ready");
     bool m_isIngesting = false;
     int m_ingestFilesDone = 0;

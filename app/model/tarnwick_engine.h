@@ -65,9 +65,15 @@ struct SearchResult {
     int chunkIndex = 0;
     int lineNumber = 0;
     int fileType = 0; // a TrnFileType value
+    // On a file's row of a search laid out by file: how many more of its passages matched.
+    int moreInFile = 0;
 
     bool operator==(const SearchResult &other) const = default;
 };
+
+// How a search's answer is laid out: one row per file, the file's best passage (the default of
+// the application), or every matching passage.
+enum class ResultLayout { ByFile, AllPassages };
 
 // One file of the directory (or one excluded or unreadable directory) with its index state.
 struct FileInfo {
@@ -171,7 +177,14 @@ public:
     static std::optional<QString> regexError(const QString &query);
 
     // At most k results (k >= 0; the engine gives at most 64). Empty when not open or k is 0.
-    QList<SearchResult> search(const QString &query, SearchMode mode, int k);
+    // ByFile: at most k files, each once with its best passage and moreInFile set.
+    QList<SearchResult> search(const QString &query, SearchMode mode, int k,
+                               ResultLayout layout = ResultLayout::AllPassages);
+    // The matching passages of one file (what "n more in this file" opens), best first.
+    QList<SearchResult> searchFile(const QString &query, SearchMode mode, const QString &filePath);
+    // passages laid out by file: each file's first passage in order with moreInFile counting its
+    // others, at most k files.
+    static QList<SearchResult> groupByFile(const QList<SearchResult> &passages, int k);
 
     // Every file of the directory in walk order with its state (see FileInfo): excluded
     // directories once, the text of indexable files that are not indexed read for the reason.

@@ -13,6 +13,7 @@
 #include <QMap>
 #include <QPainter>
 #include <QPdfWriter>
+#include <QRandomGenerator>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -27,6 +28,7 @@ private slots:
     void walkSkipsHiddenEntriesAndTheIndex();
     void indexIsPrivateAndHugeFilesAreNeverRead();
     void searchCopiesRecordsAndKZeroReturnsNothing();
+    void groupingKeepsEachFilesBestPassage();
     void fileListGivesTheReasonForEveryFile();
     void clearAndReopenDiscardsTheIndex();
     void pdfPageForLine();
@@ -162,6 +164,45 @@ void TestTarnwickEngine::searchCopiesRecordsAndKZeroReturnsNothing()
 }
 
 // The file scope view's words for every kind of file, after indexing, an edit and an addition.
+// Against a brute force over random rankings: one row per file, in the order of each file's
+// best passage, the row being that passage, with the count of the file's other passages.
+void TestTarnwickEngine::groupingKeepsEachFilesBestPassage()
+{
+    QRandomGenerator random(27);
+    for (int round = 0; round < 200; ++round) {
+        QList<SearchResult> ranked;
+        const int n = random.bounded(40);
+        for (int i = 0; i < n; ++i) {
+            SearchResult r;
+            r.filePath = QStringLiteral("/d/f%1.txt").arg(random.bounded(6));
+            r.id = r.filePath + QLatin1Char(':') + QString::number(i);
+            r.score = 1.0f - float(i) / 64.0f;
+            r.moreInFile = 99; // whatever came in is replaced
+            ranked.append(r);
+        }
+        const int k = 1 + random.bounded(6);
+        const QList<SearchResult> files = TarnwickEngine::groupByFile(ranked, k);
+        QStringList order;
+        for (const SearchResult &r : ranked) {
+            if (!order.contains(r.filePath)) {
+                order.append(r.filePath);
+            }
+        }
+        QCOMPARE(files.size(), qMin<qsizetype>(k, order.size()));
+        for (int row = 0; row < files.size(); ++row) {
+            const QString path = order.at(row);
+            const auto first = std::find_if(ranked.cbegin(), ranked.cend(), [&path](auto &r) {
+                return r.filePath == path;
+            });
+            QCOMPARE(files.at(row).id, first->id);
+            QCOMPARE(files.at(row).moreInFile,
+                     int(std::count_if(ranked.cbegin(), ranked.cend(), [&path](auto &r) {
+                         return r.filePath == path;
+                     })) - 1);
+        }
+    }
+}
+
 void TestTarnwickEngine::fileListGivesTheReasonForEveryFile()
 {
     QTemporaryDir dir;
