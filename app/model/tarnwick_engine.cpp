@@ -441,6 +441,10 @@ FileCategory TarnwickEngine::fileCategory(const SearchResult &result)
         return FileCategory::Html;
     case TRN_FILE_TYPE_MARKDOWN:
         return FileCategory::Markdown;
+    case TRN_FILE_TYPE_DOCX:
+    case TRN_FILE_TYPE_ODT:
+    case TRN_FILE_TYPE_EPUB:
+        return FileCategory::Document;
     default:
         return FileCategory::Plain;
     }
