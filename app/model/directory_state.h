@@ -109,6 +109,8 @@ public:
 
     // The k of the current search (10, then 20, 30, ... with each loadMore()).
     int searchLimit() const { return m_searchLimit; }
+    // True while the current search runs over several tabs' indexes.
+    bool searchesAcrossTabs() const { return !m_searchAcross.isEmpty(); }
     QString lastQuery() const { return m_lastQuery; }
     SearchMode lastMode() const { return m_lastMode; }
 
@@ -143,8 +145,12 @@ public:
     // True while the directory is watched for changes (setting "watchDirectories").
     bool isWatching() const;
     // Starts a new search; an empty query only clears the results. A regex-mode query that does
-    // not compile clears the results and sets queryError instead (no history entry).
-    void search(const QString &query, SearchMode mode);
+    // not compile clears the results and sets queryError instead (no history entry). across:
+    // search these indexes (this tab's among them) as one ranking, each result naming its folder
+    // (TarnwickEngine::mergeRankings); loadMore and the searches after indexing do the same until
+    // the next search. Indexes whose tab closed meanwhile are left out.
+    void search(const QString &query, SearchMode mode,
+                const QList<std::shared_ptr<TarnwickEngine>> &across = {});
     // "Load More Results": re-runs the current search with 10 more, while hasMoreResults and no
     // load is under way.
     void loadMore();
@@ -262,6 +268,8 @@ private:
 
     QList<SearchResult> m_results;
     QHash<QString, QList<SearchResult>> m_expandedFiles; // file path -> its passages
+    // The indexes of a search over every tab; weak, so a closed tab's index closes.
+    QList<std::weak_ptr<TarnwickEngine>> m_searchAcross;
     QString m_statusText = QStringLiteral("Ready");
     bool m_isIngesting = false;
     int m_ingestFilesDone = 0;

@@ -90,6 +90,8 @@ QVariant ResultsModel::data(const QModelIndex &index, int role) const
         return row.expanded;
     case IsPassageRole:
         return row.passage;
+    case FolderRole:
+        return r.folder;
     default:
         return QVariant();
     }
@@ -111,5 +113,6 @@ QHash<int, QByteArray> ResultsModel::roleNames() const
     names.insert(MoreInFileRole, "moreInFile");
     names.insert(IsExpandedRole, "isExpanded");
     names.insert(IsPassageRole, "isPassage");
+    names.insert(FolderRole, "folder");
     return names;
 }

@@ -33,7 +33,8 @@ public:
         IsPinnedRole,
         MoreInFileRole, // int: further passages of the file (its row of a search by file)
         IsExpandedRole, // bool: the file's passages are shown under this row
-        IsPassageRole   // bool: a passage shown under its file's row
+        IsPassageRole,  // bool: a passage shown under its file's row
+        FolderRole      // the indexed directory the result comes from
     };
 
     explicit ResultsModel(DirectoryState *state, QObject *parent = nullptr);

@@ -263,6 +263,38 @@ QList<SearchResult> TarnwickEngine::groupByFile(const QList<SearchResult> &passa
     return files;
 }
 
+QList<SearchResult> TarnwickEngine::mergeRankings(const QList<QList<SearchResult>> &rankings,
+                                                  SearchMode mode, int k)
+{
+    // TODO(#27): the engine ranks several indexes as one (shared word counts); until then the
+    // rankings are merged here.
+    struct Place {
+        qsizetype rank;
+        qsizetype list;
+        const SearchResult *result;
+    };
+    QList<Place> places;
+    for (qsizetype list = 0; list < rankings.size(); ++list) {
+        for (qsizetype rank = 0; rank < rankings.at(list).size(); ++rank) {
+            places.append(Place{rank, list, &rankings.at(list).at(rank)});
+        }
+    }
+    std::stable_sort(places.begin(), places.end(), [mode](const Place &a, const Place &b) {
+        if (mode == SearchMode::Semantic) {
+            return a.result->score > b.result->score;
+        }
+        return a.rank != b.rank ? a.rank < b.rank : a.list < b.list;
+    });
+    QList<SearchResult> merged;
+    for (const Place &place : places) {
+        if (merged.size() >= k) {
+            break;
+        }
+        merged.append(*place.result);
+    }
+    return merged;
+}
+
 QList<SearchResult> TarnwickEngine::search(const QString &query, SearchMode mode, int k,
                                            ResultLayout layout)
 {
@@ -297,6 +329,7 @@ QList<SearchResult> TarnwickEngine::search(const QString &query, SearchMode mode
         result.chunkIndex = r.chunk_index;
         result.lineNumber = r.line_number;
         result.fileType = static_cast<int>(r.file_type);
+        result.folder = m_directoryPath;
         results.append(result);
     }
     return results;

@@ -67,6 +67,8 @@ struct SearchResult {
     int fileType = 0; // a TrnFileType value
     // On a file's row of a search laid out by file: how many more of its passages matched.
     int moreInFile = 0;
+    // The indexed directory the result comes from.
+    QString folder;
 
     bool operator==(const SearchResult &other) const = default;
 };
@@ -185,6 +187,12 @@ public:
     // passages laid out by file: each file's first passage in order with moreInFile counting its
     // others, at most k files.
     static QList<SearchResult> groupByFile(const QList<SearchResult> &passages, int k);
+    // Several indexes' rankings as one, at most k: semantic results by score (dot products
+    // compare across indexes); in the other modes by rank, the first of each index, then the
+    // second of each, and so on, so that no index's scale of scores crowds out another's. Equal
+    // places keep the order of rankings.
+    static QList<SearchResult> mergeRankings(const QList<QList<SearchResult>> &rankings,
+                                             SearchMode mode, int k);
 
     // Every file of the directory in walk order with its state (see FileInfo): excluded
     // directories once, the text of indexable files that are not indexed read for the reason.

@@ -70,6 +70,21 @@ FilterChips::FilterChips(AppState *app, QWidget *parent) : QWidget(parent), m_ap
     m_modified = makeChip(QStringLiteral("modifiedChip"),
                           tr("Only files changed in this time (modified: in the query, e.g. "
                              "modified:>=2024-01-01)"));
+    layout->addSpacing(10);
+    m_allTabs = new QToolButton(this);
+    m_allTabs->setObjectName(QStringLiteral("allTabsChip"));
+    m_allTabs->setText(tr("All tabs"));
+    m_allTabs->setCheckable(true);
+    m_allTabs->setFocusPolicy(Qt::TabFocus);
+    m_allTabs->setToolTip(tr("Search the folders of every open tab at once"));
+    layout->addWidget(m_allTabs);
+    connect(m_allTabs, &QToolButton::toggled, this, [this](bool on) {
+        if (m_app) {
+            m_app->setSearchAllTabs(on);
+        }
+    });
+    connect(app, &AppState::searchAllTabsChanged, this, &FilterChips::sync);
+    connect(app, &AppState::tabsChanged, this, &FilterChips::sync);
     connect(m_type->menu(), &QMenu::aboutToShow, this, &FilterChips::fillTypeMenu);
     connect(m_folder->menu(), &QMenu::aboutToShow, this, &FilterChips::fillFolderMenu);
     connect(m_modified->menu(), &QMenu::aboutToShow, this, &FilterChips::fillModifiedMenu);
@@ -147,6 +162,13 @@ void FilterChips::sync()
         c->setProperty("inUse", !value.isEmpty());
         c->setEnabled(hasTab);
     }
+    const bool across = m_app && m_app->searchAllTabs();
+    if (m_allTabs->isChecked() != across) {
+        const QSignalBlocker quiet(m_allTabs);
+        m_allTabs->setChecked(across);
+    }
+    m_allTabs->setProperty("inUse", across);
+    m_allTabs->setVisible(m_app && m_app->tabs().size() > 1);
     style();
 }
 

@@ -6,6 +6,9 @@
 ** (query_filters.h) and runs the search again when the query has words to search for. The chips
 ** read their labels back from the query, so a filter typed into the field shows on its chip
 ** ("Type: PDF, Word"), and a chip in use is drawn filled. "Any ..." removes the filter.
+**
+** Beside them the scope chip "All tabs" (AppState::searchAllTabs) searches every open tab's
+** folder at once; it is offered while more than one tab is open.
 */
 #ifndef TRN_UI_FILTER_CHIPS_H
 #define TRN_UI_FILTER_CHIPS_H
@@ -27,6 +30,7 @@ public:
     explicit FilterChips(AppState *app, QWidget *parent = nullptr);
 
     QToolButton *chip(FilterKind kind) const;
+    QToolButton *allTabsChip() const { return m_allTabs; }
     // What a chip's menu does: the filter of that kind set to value ("" removes it).
     void setFilter(FilterKind kind, const QString &value);
     // "Type: PDF", "Folder: notes", "Modified: past week"; the bare name when not in use.
@@ -47,6 +51,7 @@ private:
     QToolButton *m_type;
     QToolButton *m_folder;
     QToolButton *m_modified;
+    QToolButton *m_allTabs;
 };
 
 #endif

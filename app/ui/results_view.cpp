@@ -237,8 +237,12 @@ void ResultDelegate::paint(QPainter *painter, const QStyleOptionViewItem &option
     const QString line = tr("line %1").arg(index.data(ResultsModel::LineNumberRole).toInt());
     const QString name = passage ? line : index.data(ResultsModel::FileNameRole).toString();
     const QString filePath = index.data(ResultsModel::FilePathRole).toString();
-    QString relative =
-        m_directory.isEmpty() ? filePath : QDir(m_directory).relativeFilePath(filePath);
+    const QString folder = index.data(ResultsModel::FolderRole).toString();
+    const QString root = folder.isEmpty() ? m_directory : folder;
+    QString relative = root.isEmpty() ? filePath : QDir(root).relativeFilePath(filePath);
+    if (m_showFolders && !folder.isEmpty()) {
+        relative = QFileInfo(folder).fileName() + QStringLiteral(" \u203a ") + relative;
+    }
     const QString where = passage ? QString() : relative + QStringLiteral(" \u00b7 ") + line;
     const int nameWidth = qMin(nfm.horizontalAdvance(name) + 4, qMax(0, headerRight - x));
     painter->setFont(nameFont);
@@ -420,6 +424,7 @@ void ResultsView::refreshQuery()
 {
     if (m_state) {
         m_delegate->setQuery(m_state->lastQuery(), m_state->lastMode());
+        m_delegate->setShowFolders(m_state->searchesAcrossTabs());
     } else {
         m_delegate->setQuery(QString(), SearchMode::Semantic);
     }

@@ -43,6 +43,8 @@ public:
     void setQuery(const QString &query, SearchMode mode);
     // The directory that relative paths are shown against.
     void setDirectory(const QString &directoryPath) { m_directory = directoryPath; }
+    // Each row names its folder first (a search over every tab).
+    void setShowFolders(bool show) { m_showFolders = show; }
     // Where the pin toggle of a row drawn in rect sits.
     static QRect pinRect(const QRect &rowRect);
     // Where a file's "n more in this file" link sits; invalid when it has no more passages.
@@ -54,6 +56,7 @@ private:
     QString m_query;
     SearchMode m_mode = SearchMode::Semantic;
     QString m_directory;
+    bool m_showFolders = false;
 };
 
 class ResultsView : public QListView
