@@ -14,7 +14,8 @@
 // Options: --embeds N (default 20), --rounds R (default 5), --corpus-mb X (default 10),
 // --merges M (default 7740), --no-train. OpenBLAS threads as it is configured
 // (OPENBLAS_NUM_THREADS); the embedding and its reference run under the same setting.
-#include "internal.h"
+#include "encoder/encoder.h"
+#include "encoder/vec.h"
 
 #include <algorithm>
 #include <chrono>

@@ -17,17 +17,21 @@
 **              so the default is 4,000 base pieces (plus the queries), a few minutes; --real
 **              sets the count.
 **
-** The engine's graph is built through its internal functions (ensure_cap, the vector copied
-** into its slot, draw_level, hnsw_insert), so the timing covers the graph only. For each graph it
+** The engine's graph is built through probe.h (each vector copied into a slot of its own, then
+** linked at a drawn level as ingestion links it), so the timing covers the graph only. For each
+** graph it
 ** prints build time, query time per query (both CPU time of the one thread, which other work on
 ** a shared machine disturbs less than wall time) and recall@10 against exact search, then the
 ** ratios engine / hnswlib (below 1 means the engine is faster). The engine keeps M links per node
 ** at level 0 where hnswlib keeps 2M; a third row runs hnswlib limited to M there as well, which
 ** separates the cost of that choice from the cost of the implementation.
 */
-#include "files.h"
-#include "internal.h"
+#include "encoder/encoder.h"
+#include "encoder/vec.h"
+#include "index/hnsw.h"
+#include "probe.h"
 #include "tarnwick.h"
+#include "text/files.h"
 
 #include <hnswlib/hnswlib.h>
 
@@ -299,15 +303,12 @@ Figures run_engine(const DataSet &d, const std::vector<uint32_t> &truth, unsigne
 {
     TrnConfig cfg = {nullptr, nullptr, DIM, GRAPH_M, EF_CONSTRUCTION, EF_SEARCH};
     TrnEngine *e = trn_open(&cfg);
-    e->level_state = seed; // the levels should not change between runs
+    probe_seed_levels(e, seed); // the levels should not change between runs
     Figures f;
     double t0 = thread_cpu_seconds();
-    ensure_cap(e, (uint64_t)d.n);
+    probe_reserve(e, (uint64_t)d.n);
     for (long i = 0; i < d.n; i++) {
-        uint64_t slot = e->count++;
-        memcpy(e->vectors + slot * DIM, &d.base[(size_t)i * DIM], DIM * sizeof(float));
-        e->nodes[slot].level = draw_level(&e->level_state, e->level_mult);
-        hnsw_insert(e, (uint32_t)slot);
+        probe_link(e, probe_append(e, "", nullptr, nullptr, 0, &d.base[(size_t)i * DIM]));
     }
     f.build_s = thread_cpu_seconds() - t0;
 

@@ -17,7 +17,8 @@
 ** machine the CPU time is the one to trust. OpenBLAS runs one thread unless --blas-threads says
 ** otherwise, because its idle threads spin and would charge waiting as work.
 */
-#include "internal.h"
+#include "encoder/encoder.h"
+#include "probe.h"
 #include "tarnwick.h"
 
 #include <cblas.h>
@@ -184,8 +185,10 @@ int main(int argc, char **argv)
 
     // The chunk texts, copied out of the handle while it is open (not timed).
     std::vector<std::string> texts;
-    for (uint64_t i = 0; i < engine->count; i++) {
-        texts.emplace_back(engine->chunks[i].text != nullptr ? engine->chunks[i].text : "");
+    const uint32_t slots = trn_stats(engine).chunk_count;
+    for (uint64_t i = 0; i < slots; i++) {
+        const char *text = probe_chunk(engine, i).text;
+        texts.emplace_back(text != nullptr ? text : "");
     }
     start = Clock::now();
     cpu_start = cpu_seconds();

@@ -47,8 +47,11 @@
 ** text's length in bytes and the text, each on a line; then per query "Q slice query file...",
 ** slice 1 for the mismatch slice, fields tab-separated.
 */
-#include "files.h"
-#include "internal.h"
+#include "encoder/vec.h"
+#include "index/hnsw.h"
+#include "probe.h"
+#include "search/search.h"
+#include "text/files.h"
 #include "vocabulary.h"
 
 #include <algorithm>
@@ -535,7 +538,7 @@ int rank_of(const TrnResult *r, int32_t n, const Query &q)
 int rank_of_slots(const TrnEngine *e, const uint32_t *slots, int32_t n, const Query &q)
 {
     for (int32_t i = 0; i < n && i < 10; i++) {
-        if (answers(q, e->chunks[slots[i]].file_path)) {
+        if (answers(q, probe_chunk(e, slots[i]).file_path)) {
             return i + 1;
         }
     }
@@ -791,7 +794,7 @@ int main(int argc, char **argv)
 
     TrnConfig cfg = {nullptr, weights.empty() ? nullptr : weights.c_str(), 0, 0, 0, 0};
     TrnEngine *e = trn_open(&cfg);
-    if (!weights.empty() && !e->weights_loaded) {
+    if (!weights.empty() && !probe_weights_loaded(e)) {
         fprintf(stderr, "known_item_bench: cannot load weights %s\n", weights.c_str());
         trn_close(e);
         return 1;
@@ -807,7 +810,7 @@ int main(int argc, char **argv)
                     "\rindexing: %zu/%zu files, %zu chunks, %.0f s, about %.0f s left   ",
                     i + 1,
                     items.size(),
-                    (size_t)e->count,
+                    (size_t)trn_stats(e).chunk_count,
                     s,
                     s / (double)(i + 1) * (double)(items.size() - i - 1));
         }
@@ -847,8 +850,9 @@ int main(int argc, char **argv)
 
     FILE *dump = dump_path.empty() ? nullptr : fopen(dump_path.c_str(), "w");
     if (dump) {
-        for (uint64_t c = 0; c < e->count; c++) {
-            fprintf(dump, "C\t%llu\t%s\n", (unsigned long long)c, e->chunks[c].file_path);
+        const uint32_t slots = trn_stats(e).chunk_count;
+        for (uint64_t c = 0; c < slots; c++) {
+            fprintf(dump, "C\t%llu\t%s\n", (unsigned long long)c, probe_chunk(e, c).file_path);
         }
     }
     TrnResult results[10];
@@ -868,7 +872,7 @@ int main(int argc, char **argv)
             continue;
         }
         float v[TRN_ENCODER_DIM];
-        trn_encoder_embed_text(&e->encoder, q.text.c_str(), v);
+        trn_encoder_embed_text(probe_encoder(e), q.text.c_str(), v);
         vec_normalize(v, TRN_ENCODER_DIM);
         std::vector<uint32_t> sem(200), kw(200), fused(10);
         std::vector<float> s1(200), s2(200), s3(10);
@@ -895,7 +899,7 @@ int main(int argc, char **argv)
         for (int w = 0; w < n_variants; w++) {
             int32_t d = variants[w].depth;
             int32_t ns =
-                hnsw_query_width(e, v, d, std::max(d, e->ef_search), sem.data(), s1.data());
+                hnsw_query_width(e, v, d, std::max(d, probe_ef_search(e)), sem.data(), s1.data());
             int32_t nk = lex_search(e, q.text.c_str(), d, kw.data(), s2.data());
             int32_t nf = fuse_rankings(kw.data(),
                                        nk,
@@ -936,7 +940,7 @@ int main(int argc, char **argv)
            dir.c_str(),
            items.size(),
            (double)bytes / 1e6,
-           (size_t)e->count,
+           (size_t)trn_stats(e).chunk_count,
            chunk,
            queries.size(),
            n_mismatch,

@@ -22,7 +22,8 @@
 **    both engines (what the application did before), and for reference, measured in the same
 **    run on an idle engine: one search alone, and B's time per file.
 */
-#include "internal.h"
+#include "encoder/embed.h"
+#include "probe.h"
 #include "tarnwick.h"
 
 #include <algorithm>
@@ -115,7 +116,7 @@ struct TempIndex {
         TrnConfig cfg = {dir.c_str(), weights.empty() ? nullptr : weights.c_str(), 0, 0, 0, 0};
         e = trn_open(&cfg);
         if (workers > 0) {
-            e->embed_threads = workers;
+            probe_set_embed_threads(e, workers);
         }
     }
     ~TempIndex()
@@ -236,7 +237,7 @@ int main(int argc, char **argv)
         Clock::time_point t0 = Clock::now();
         double c0 = cpu_seconds();
         for (const std::string &c : chunks) {
-            trn_encoder_embed_text(&idle.e->encoder, c.c_str(), v);
+            trn_encoder_embed_text(probe_encoder(idle.e), c.c_str(), v);
         }
         embed_t = Timing{seconds_since(t0), cpu_seconds() - c0};
     }

@@ -17,9 +17,9 @@
 ** and the ratio engine / memmem (above 1 means the engine's scan is faster). Times are CPU time
 ** of the one thread, steadier than wall time on a shared machine.
 */
-#include "files.h"
-#include "internal.h"
+#include "probe.h"
 #include "tarnwick.h"
+#include "text/files.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -156,7 +156,7 @@ int main(int argc, char **argv)
     }
     TrnConfig cfg = {nullptr, nullptr, 0, 0, 0, 0};
     TrnEngine *e = trn_open(&cfg);
-    ensure_cap(e, (uint64_t)chunks);
+    probe_reserve(e, (uint64_t)chunks);
     size_t pos = 0, round = 0;
     std::string buf;
     for (long i = 0; i < chunks; i++) {
@@ -169,12 +169,15 @@ int main(int argc, char **argv)
                 ch = ' ';
             }
         }
-        TrnChunk *c = &e->chunks[e->count++];
-        snprintf(c->doc_id, TRN_ID_MAX, "doc%ld:%ld", i / 50, i % 50);
-        c->text = xstrdup(buf.c_str());
-        c->file_path = nullptr;
-        c->line_number = 1;
+        char doc_id[64];
+        snprintf(doc_id, sizeof doc_id, "doc%ld:%ld", i / 50, i % 50);
+        probe_append(e, doc_id, buf.c_str(), nullptr, 0, nullptr);
         pos += STEP;
+    }
+    /* The texts the references scan, gathered before any timing. */
+    std::vector<const char *> texts((size_t)chunks);
+    for (size_t i = 0; i < texts.size(); i++) {
+        texts[i] = probe_chunk(e, i).text;
     }
     const double mb = (double)chunks * CHUNK / 1e6;
     printf("search_bench: %ld chunks of %zu bytes (%.1f MB) from %s, median of %d runs, CPU "
@@ -188,7 +191,7 @@ int main(int argc, char **argv)
     const char *word = "quixotry";
     const char *pattern = "quixot(ry|ic) [0-9]+";
     size_t wlen = strlen(word);
-    TrnResult results[TRN_MAX_RESULTS];
+    TrnResult results[10];
     long n_engine = 0, n_memmem = 0, n_strcasestr = 0, n_regex = 0;
     double t_engine = time_runs(
         runs,
@@ -200,8 +203,7 @@ int main(int argc, char **argv)
         runs,
         [&] {
             long found = 0;
-            for (uint64_t i = 0; i < e->count; i++) {
-                const char *t = e->chunks[i].text;
+            for (const char *t : texts) {
                 found += memmem(t, strlen(t), word, wlen) ? 1 : 0;
             }
             return found;
@@ -211,8 +213,8 @@ int main(int argc, char **argv)
         runs,
         [&] {
             long found = 0;
-            for (uint64_t i = 0; i < e->count; i++) {
-                found += strcasestr(e->chunks[i].text, word) ? 1 : 0;
+            for (const char *t : texts) {
+                found += strcasestr(t, word) ? 1 : 0;
             }
             return found;
         },

@@ -7,7 +7,7 @@
 **
 ** DIR (default /usr/share/doc/postgresql-doc-15/html): every indexable file below it (names
 ** beginning with "." or "_" skipped, PDF skipped), HTML stripped by the engine. FILES files
-*(default 120)
+** (default 120)
 ** of at least 3000 bytes of text are drawn with a fixed seed as the evaluation set; each is
 ** indexed with its first 10,000 bytes and gives two queries: 4 to 10 consecutive words of a
 ** 300-byte passage away from the file's head and tail. The relevant item of a query is its file.
@@ -31,8 +31,8 @@
 ** "every chunk" rows rank all chunks by exact similarity to the query, without the search's
 ** narrowing to the ten files with the closest mean vectors.
 */
-#include "files.h"
-#include "internal.h"
+#include "probe.h"
+#include "text/files.h"
 
 #include <algorithm>
 #include <chrono>
@@ -269,17 +269,18 @@ Score semantic(TrnEngine *e, const std::vector<Doc> &eval, const std::vector<Que
 Score exhaustive(TrnEngine *e, const std::vector<Doc> &eval, const std::vector<Query> &queries)
 {
     Score score;
-    std::vector<float> q((size_t)e->dim);
+    const TrnStats stats = trn_stats(e);
+    std::vector<float> q((size_t)stats.dim);
     std::vector<std::pair<float, uint64_t>> ranked;
     for (const Query &query : queries) {
-        trn_encoder_embed_text(&e->encoder, query.text.c_str(), q.data());
+        trn_encoder_embed_text(probe_encoder(e), query.text.c_str(), q.data());
         ranked.clear();
-        for (uint64_t i = 0; i < e->count; i++) {
-            if (!e->chunks[i].deleted) {
-                const float *v = e->vectors + i * (uint64_t)e->dim;
+        for (uint64_t i = 0; i < stats.chunk_count; i++) {
+            const ProbeChunk c = probe_chunk(e, i);
+            if (!c.deleted) {
                 float dot = 0;
-                for (int32_t j = 0; j < e->dim; j++) {
-                    dot += q[(size_t)j] * v[j];
+                for (int32_t j = 0; j < stats.dim; j++) {
+                    dot += q[(size_t)j] * c.vector[j];
                 }
                 ranked.push_back({-dot, i});
             }
@@ -287,7 +288,7 @@ Score exhaustive(TrnEngine *e, const std::vector<Doc> &eval, const std::vector<Q
         size_t top = std::min<size_t>(10, ranked.size());
         std::partial_sort(ranked.begin(), ranked.begin() + (long)top, ranked.end());
         for (size_t r = 0; r < top; r++) {
-            const char *path = e->chunks[ranked[r].second].file_path;
+            const char *path = probe_chunk(e, ranked[r].second).file_path;
             if (path && eval[(size_t)query.doc].path == path) {
                 score.recall += 1;
                 score.mrr += 1.0 / (double)(r + 1);
@@ -500,8 +501,9 @@ int main(int argc, char **argv)
     for (size_t d = 0; d < eval.size(); d++) {
         doc_of[eval[d].path] = (int)d;
     }
-    for (uint64_t i = 0; i < random_ix.engine->count; i++) {
-        const TrnChunk &ch = random_ix.engine->chunks[i];
+    const uint32_t slots = trn_stats(random_ix.engine).chunk_count;
+    for (uint64_t i = 0; i < slots; i++) {
+        const ProbeChunk ch = probe_chunk(random_ix.engine, i);
         whole.push_back(ch.text);
         head.push_back(std::string(ch.text).substr(0, 254));
         chunk_doc.push_back(doc_of[ch.file_path ? ch.file_path : ""]);

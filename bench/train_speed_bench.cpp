@@ -14,7 +14,8 @@
 #include "corpus.h"
 #include "training.h"
 
-#include "internal.h"
+#include "encoder/encoder.h"
+#include "encoder/vec.h"
 
 #include <algorithm>
 #include <chrono>

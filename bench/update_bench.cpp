@@ -16,11 +16,11 @@
 ** Each row is the median, min and max of R runs (default 5). The index lives in the tree's
 ** ".tarnwick", as the application keeps it; the tree is removed at the end unless --keep is
 ** given (live_update_bench --tree takes it then, indexed). Run with OPENBLAS_NUM_THREADS=1 on a
-*shared machine.
+** shared machine.
 */
-#include "files.h"
-#include "internal.h"
+#include "index/index.h"
 #include "tarnwick.h"
+#include "text/files.h"
 
 #include <algorithm>
 #include <chrono>

@@ -3,7 +3,7 @@
 */
 #include "vocabulary.h"
 
-#include "internal.h"
+#include "index/word_index.h"
 
 #include <algorithm>
 #include <cstring>

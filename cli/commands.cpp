@@ -6,11 +6,11 @@
 #include "commands.h"
 
 #include "common.h"
-#include "files.h"
 #include "json.h"
 #include "model_commands.h"
 #include "progress.h"
 #include "tarnwick.h"
+#include "text/files.h"
 
 #include <algorithm>
 #include <cctype>

@@ -7,8 +7,7 @@
 ** really ends in oom_abort.
 **
 ** The engine's informational lines go through verbose_note(), which trn_set_verbose switches off
-*for
-** front ends that keep standard error for problems.
+** for front ends that keep standard error for problems.
 */
 #include "internal.h"
 

@@ -376,7 +376,7 @@ TRN_API void trn_set_verbose(int32_t on);
 ** <time> is as trn_duration_text writes it. With found < 1 no total is known: "<verb> <done>
 ** files, <chunks> chunks" and the rate, or "<verb>: looking for files..." while done < 1. verb
 ** starts the line ("Indexing"). Returns the length of the whole line. The application's status bar
-*and tarnwick-cli print this same line. */
+** and tarnwick-cli print this same line. */
 TRN_API int32_t trn_progress_text(const char *verb, int32_t done, int32_t found, uint32_t chunks,
                                   double seconds, char *out, size_t size);
 
@@ -471,7 +471,7 @@ enum { TRN_UPDATE_COMPACT_PERCENT = 25 };
 ** update after the current file (what was done is kept, report->cancelled set). Between files
 ** the handle is whole, so progress may call trn_search, trn_stats and trn_list_dir_files on e
 ** (an application keeps searching during a long update that way), but no other function on e.
-*report may be
+** report may be
 ** NULL; it is filled in as the update goes. On a handle opened with TRN_OPEN_REBUILD the update
 ** ends with trn_checkpoint (the rebuilt index replaces the old one) unless it was cancelled or
 ** failed. Returns the chunks added, or -1 when dir cannot be opened or a write failed (the

@@ -2,8 +2,8 @@
 ** model.cpp -- the backward pass of the encoder and the InfoNCE loss, around the engine's forward
 ** pass.
 **
-** The forward pass (encoder_forward in engine/encoder.cpp) computes, per layer, for the tokens X
-** of one sequence (one row per token):
+** The forward pass (encoder_forward in engine/encoder/encoder.cpp) computes, per layer, for the
+** tokens X of one sequence (one row per token):
 **   A = LN1(X); Q, K, V = A Wq, A Wk, A Wv
 **   per head: P = softmax(0.125 Q_h K_h^T); C_h = P V_h
 **   M = X + C Wo; B = LN2(M); H = B W1 + b1; G = gelu(H); X' = M + (G W2 + b2)

@@ -2,7 +2,8 @@
 ** model.h -- the engine's encoder as a trainable model: the engine's own forward pass with its
 ** activations saved, a backward pass by hand, and the contrastive loss.
 **
-** The forward pass is the engine's encoder_forward (engine/internal.h), run once per sequence
+** The forward pass is the engine's encoder_forward (engine/encoder/encoder.h), run once per
+** sequence
 ** with a TrnForwardSave pointing into the activations below, so weights trained here embed a
 ** text to exactly the vector the engine gives it. The trainer adds only what training needs: the
 ** saved activations, the backward pass and the loss.
@@ -25,7 +26,8 @@
 #ifndef TRN_TRAINERS_MODEL_H
 #define TRN_TRAINERS_MODEL_H
 
-#include "internal.h"
+#include "encoder/encoder.h"
+#include "encoder/vec.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -9,7 +9,7 @@
 */
 #include "corpus.h"
 
-#include "internal.h"
+#include "encoder/encoder.h"
 
 #include <cerrno>
 #include <cstdio>

@@ -30,7 +30,9 @@ const SettingDefault *defaultsTable(size_t *count)
         {"excludePatterns", QString::fromLatin1(Settings::kDefaultExcludePatterns)},
         {"maxFileSizeMB", Settings::kDefaultMaxFileSizeMB},
         {"hoverPreview", true},
-        {"previewOnTop", false},
+        {"previewPane", true},
+        {"previewBelow", false},
+        {"previewShare", Settings::kDefaultPreviewShare},
         {"openTextFilesWith", QStringLiteral("system")},
         {"editorCommand", QString()},
         {"watchDirectories", true},
@@ -246,16 +248,41 @@ void Settings::setHoverPreview(bool value)
     }
 }
 
-bool Settings::previewOnTop() const
+bool Settings::previewPane() const
 {
-    return read(QStringLiteral("previewOnTop")).toBool();
+    return read(QStringLiteral("previewPane")).toBool();
 }
 
-void Settings::setPreviewOnTop(bool value)
+void Settings::setPreviewPane(bool value)
 {
-    if (write(QStringLiteral("previewOnTop"), value)) {
-        emit previewOnTopChanged();
+    if (write(QStringLiteral("previewPane"), value)) {
+        emit previewPaneChanged();
     }
+}
+
+bool Settings::previewBelow() const
+{
+    return read(QStringLiteral("previewBelow")).toBool();
+}
+
+void Settings::setPreviewBelow(bool value)
+{
+    if (write(QStringLiteral("previewBelow"), value)) {
+        emit previewBelowChanged();
+    }
+}
+
+double Settings::previewShare() const
+{
+    bool ok = false;
+    const double share = read(QStringLiteral("previewShare")).toDouble(&ok);
+    return ok && share >= kMinPreviewShare && share <= kMaxPreviewShare ? share
+                                                                        : kDefaultPreviewShare;
+}
+
+void Settings::setPreviewShare(double value)
+{
+    write(QStringLiteral("previewShare"), qBound(kMinPreviewShare, value, kMaxPreviewShare));
 }
 
 QString Settings::openTextFilesWith() const

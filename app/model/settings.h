@@ -16,8 +16,12 @@
 **                                                   from each directory's root; empty reads as the
 **                                                   default
 **   maxFileSizeMB            int           20       larger files are not read; below 1 reads as 20
-**   hoverPreview             bool          true     "Show context panel on hover"
-**   previewOnTop             bool          false    "Keep context panel on top"
+**   hoverPreview             bool          true     the preview follows the pointer too (after
+**                                                   a 0.6 s rest), not only the selection
+**   previewPane              bool          true     the preview pane is shown
+**   previewBelow             bool          false    the pane sits under the results, not beside
+**   previewShare             double        0.45     the pane's share of the results area;
+**                                                   outside 0.1-0.8 reads as 0.45
 **   openTextFilesWith        string        "system" "Open text files with": a preset key of
 **                                                   editorPresets() (result_opener.h)
 **   editorCommand            string        ""       the custom command, {file} and {line}
@@ -65,7 +69,8 @@ class Settings : public QObject
     Q_PROPERTY(
         int maxFileSizeMB READ maxFileSizeMB WRITE setMaxFileSizeMB NOTIFY maxFileSizeMBChanged)
     Q_PROPERTY(bool hoverPreview READ hoverPreview WRITE setHoverPreview NOTIFY hoverPreviewChanged)
-    Q_PROPERTY(bool previewOnTop READ previewOnTop WRITE setPreviewOnTop NOTIFY previewOnTopChanged)
+    Q_PROPERTY(bool previewPane READ previewPane WRITE setPreviewPane NOTIFY previewPaneChanged)
+    Q_PROPERTY(bool previewBelow READ previewBelow WRITE setPreviewBelow NOTIFY previewBelowChanged)
     Q_PROPERTY(QString openTextFilesWith READ openTextFilesWith WRITE setOpenTextFilesWith NOTIFY
                    openTextFilesWithChanged)
     Q_PROPERTY(
@@ -79,6 +84,9 @@ public:
     static constexpr const char *kDefaultExcludePatterns =
         ".git, node_modules, __pycache__, build, dist, target, .venv";
     static constexpr int kDefaultMaxFileSizeMB = 20;
+    static constexpr double kDefaultPreviewShare = 0.45;
+    static constexpr double kMinPreviewShare = 0.1;
+    static constexpr double kMaxPreviewShare = 0.8;
 
     // Key words of the per-directory keys.
     static constexpr const char *kSearchHistoryPrefix = "searchHistory_";
@@ -122,8 +130,13 @@ public:
     qint64 effectiveMaxFileSize() const;
     bool hoverPreview() const;
     void setHoverPreview(bool value);
-    bool previewOnTop() const;
-    void setPreviewOnTop(bool value);
+    bool previewPane() const;
+    void setPreviewPane(bool value);
+    bool previewBelow() const;
+    void setPreviewBelow(bool value);
+    // Stored within kMinPreviewShare..kMaxPreviewShare.
+    double previewShare() const;
+    void setPreviewShare(double value);
     QString openTextFilesWith() const;
     void setOpenTextFilesWith(const QString &value);
     QString editorCommand() const;
@@ -175,7 +188,8 @@ signals:
     void excludePatternsChanged();
     void maxFileSizeMBChanged();
     void hoverPreviewChanged();
-    void previewOnTopChanged();
+    void previewPaneChanged();
+    void previewBelowChanged();
     void openTextFilesWithChanged();
     void editorCommandChanged();
 

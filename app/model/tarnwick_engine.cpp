@@ -6,8 +6,8 @@
 */
 #include "tarnwick_engine.h"
 
-#include "files.h"
 #include "settings.h"
+#include "text/files.h"
 
 #include <QByteArray>
 #include <QDir>
@@ -469,6 +469,10 @@ FileCategory TarnwickEngine::fileCategory(const SearchResult &result)
         return FileCategory::Html;
     case TRN_FILE_TYPE_MARKDOWN:
         return FileCategory::Markdown;
+    case TRN_FILE_TYPE_DOCX:
+    case TRN_FILE_TYPE_ODT:
+    case TRN_FILE_TYPE_EPUB:
+        return FileCategory::Document;
     default:
         return FileCategory::Plain;
     }

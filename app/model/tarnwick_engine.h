@@ -114,8 +114,8 @@ private:
     TrnWalkOptions m_options = {};
 };
 
-// Which preview a result gets.
-enum class FileCategory { Plain, Pdf, Html, Markdown };
+// Which preview a result gets: Document for DOCX, ODT and EPUB (formatted text from their XML).
+enum class FileCategory { Plain, Pdf, Html, Markdown, Document };
 
 class TarnwickEngine
 {

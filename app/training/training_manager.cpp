@@ -13,8 +13,8 @@
 #include "tarnwick_engine.h"
 
 #include "background.h"
-#include "files.h"
 #include "json_coding.h"
+#include "text/files.h"
 
 #include <QCoreApplication>
 #include <QDir>

@@ -7,14 +7,14 @@
 **   {"id": "<UUID>", "name": "...", "sourceDirectories": ["/abs/dir", ...], "steps": 2000,
 **    "batchSize": 8, "learningRate": 0.001, "heads": 8, "layers": 2, "threads": 1,
 **    "useBPE": false, "startFromBuiltIn": true, "weightsPath":
-*"/home/u/.tarnwick/weights/<stem>.tten",
+** "/home/u/.tarnwick/weights/<stem>.tten",
 **    "status": "Not trained"|"Training…"|"Trained"|"Failed",
 **    "lastTrained": <seconds since 2001-01-01>}
 **
 ** "threads" (default 1), "useBPE" (default false), "startFromBuiltIn" (default false: profiles
 ** saved before it existed trained from random weights; a new profile starts with true) and
 ** "lastTrained" (default none) may be missing; any other missing or mistyped key fails the whole
-*array. See json_coding.h for dates.
+** array. See json_coding.h for dates.
 **
 ** Files of a profile, derived from weightsPath by replacing ".tten": the weights (".tten"), the
 ** BPE tokenizer (".bpe") and the trainer's loss log (".loss").

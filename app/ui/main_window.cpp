@@ -9,9 +9,11 @@
 #include "file_scope_window.h"
 #include "help_window.h"
 #include "icons.h"
+#include "preview_pane.h"
 #include "results_model.h"
 #include "results_view.h"
 #include "search_bar.h"
+#include "settings.h"
 #include "settings_window.h"
 #include "status_bar.h"
 #include "tab_strip.h"
@@ -28,6 +30,7 @@
 #include <QMessageBox>
 #include <QMimeData>
 #include <QPushButton>
+#include <QSplitter>
 #include <QStackedWidget>
 #include <QToolBar>
 #include <QVBoxLayout>
@@ -94,6 +97,7 @@ MainWindow::MainWindow(AppState *app, TrainingManager *training, QWidget *parent
 
     buildActions();
     buildMenus();
+    applyPreviewLayout();
 
     connect(m_search, &SearchBar::focusResultsRequested, this, [this] {
         if (m_results->model() && m_results->model()->rowCount() > 0) {
@@ -106,6 +110,30 @@ MainWindow::MainWindow(AppState *app, TrainingManager *training, QWidget *parent
     connect(m_results, &ResultsView::focusSearchRequested, this, [this] {
         m_search->field()->setFocus();
     });
+    connect(m_results, &ResultsView::previewRequested, this, &MainWindow::previewRow);
+    connect(m_preview, &PreviewPane::openRequested, this, [this](const SearchResult &result) {
+        if (m_state) {
+            m_state->openResult(result);
+        }
+    });
+    connect(m_preview, &PreviewPane::hideRequested, this, [] {
+        Settings::standard()->setPreviewPane(false);
+    });
+    connect(m_split, &QSplitter::splitterMoved, this, [this] {
+        const QList<int> sizes = m_split->sizes();
+        const int total = sizes.value(0) + sizes.value(1);
+        if (sizes.value(1) == 0) {
+            Settings::standard()->setPreviewPane(false); // dragged shut
+        } else if (total > 0) {
+            Settings::standard()->setPreviewShare(double(sizes.value(1)) / total);
+        }
+    });
+    connect(
+        Settings::standard(), &Settings::previewPaneChanged, this, &MainWindow::applyPreviewLayout);
+    connect(Settings::standard(),
+            &Settings::previewBelowChanged,
+            this,
+            &MainWindow::applyPreviewLayout);
     connect(app, &AppState::promptCopied, this, [this](const QString &message) {
         m_status->showMessage(message, 5000);
     });
@@ -170,7 +198,12 @@ QWidget *MainWindow::buildEmptyState()
 
 QWidget *MainWindow::buildResultsArea()
 {
-    auto *page = new QWidget(this);
+    m_split = new QSplitter(Qt::Horizontal, this);
+    m_split->setObjectName(QStringLiteral("resultsSplitter"));
+    m_split->setChildrenCollapsible(true);
+    auto *page = new QWidget(m_split);
+    page->setObjectName(QStringLiteral("resultsColumn"));
+    page->setMinimumSize(300, 160);
     auto *layout = new QVBoxLayout(page);
     layout->setContentsMargins(0, 0, 0, 0);
     layout->setSpacing(0);
@@ -196,7 +229,66 @@ QWidget *MainWindow::buildResultsArea()
     footerLayout->addWidget(m_loadMore);
     layout->addWidget(separatorLine(page));
     layout->addWidget(footer);
-    return page;
+
+    m_preview = new PreviewPane(m_split);
+    m_split->addWidget(page);
+    m_split->addWidget(m_preview);
+    // The results never give way to the preview: only the pane can be dragged shut.
+    m_split->setCollapsible(0, false);
+    m_split->setCollapsible(1, true);
+    m_split->setStretchFactor(0, 1);
+    m_split->setStretchFactor(1, 1);
+    return m_split;
+}
+
+void MainWindow::applyPreviewLayout()
+{
+    const Settings *settings = Settings::standard();
+    const bool shown = settings->previewPane();
+    m_split->setOrientation(settings->previewBelow() ? Qt::Vertical : Qt::Horizontal);
+    m_preview->setVisible(shown);
+    if (QAction *toggle = action(QStringLiteral("previewPaneAction"))) {
+        toggle->setChecked(shown);
+    }
+    if (QAction *below = action(QStringLiteral("previewBelowAction"))) {
+        below->setChecked(settings->previewBelow());
+    }
+    if (shown) {
+        applyPreviewShare();
+        previewRow(m_results->currentIndex().isValid() ? m_results->currentIndex().row() : -1,
+                   false);
+    }
+}
+
+void MainWindow::applyPreviewShare()
+{
+    // Sizes in proportion: the splitter spreads them over whatever length it has.
+    const double share = Settings::standard()->previewShare();
+    m_split->setSizes({int((1.0 - share) * 10000), int(share * 10000)});
+}
+
+void MainWindow::previewRow(int row, bool reveal)
+{
+    if (reveal && !Settings::standard()->previewPane()) {
+        Settings::standard()->setPreviewPane(true); // shows the pane on the current row
+    }
+    if (!m_preview->isVisibleTo(this)) {
+        return;
+    }
+    if (!m_state || row < 0 || row >= m_state->resultsModel()->rowCount()) {
+        m_preview->showMessage();
+        return;
+    }
+    m_preview->showResult(
+        m_state->resultsModel()->result(row), m_state->lastQuery(), m_state->lastMode());
+}
+
+void MainWindow::resizeEvent(QResizeEvent *event)
+{
+    QMainWindow::resizeEvent(event);
+    if (m_preview->isVisibleTo(this)) {
+        applyPreviewShare();
+    }
 }
 
 void MainWindow::buildActions()
@@ -279,6 +371,27 @@ void MainWindow::buildActions()
              m_search->field()->setFocus();
              m_search->field()->selectAll();
          });
+    QAction *previewPane =
+        make(QStringLiteral("previewPaneAction"),
+             tr("Preview Pane"),
+             QKeySequence(Qt::Key_F8),
+             QStringLiteral("view-preview|sidebar-show-right-symbolic|view-dual-symbolic"),
+             [] {
+                 Settings *settings = Settings::standard();
+                 settings->setPreviewPane(!settings->previewPane());
+             });
+    previewPane->setCheckable(true);
+    previewPane->setIconText(tr("Preview"));
+    previewPane->setToolTip(tr("Show or hide the preview (F8)"));
+    QAction *below = make(QStringLiteral("previewBelowAction"),
+                          tr("Preview Under Results"),
+                          QKeySequence(),
+                          QString(),
+                          [] {
+                              Settings *settings = Settings::standard();
+                              settings->setPreviewBelow(!settings->previewBelow());
+                          });
+    below->setCheckable(true);
     make(QStringLiteral("helpAction"),
          tr("Tarnwick Help"),
          QKeySequence(QStringLiteral("Ctrl+/")),
@@ -349,6 +462,7 @@ void MainWindow::buildActions()
     toolbar->addAction(close);
     toolbar->addSeparator();
     toolbar->addAction(scope);
+    toolbar->addAction(previewPane);
     auto *spacer = new QWidget(toolbar);
     spacer->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Preferred);
     toolbar->addWidget(spacer);
@@ -376,6 +490,9 @@ void MainWindow::buildMenus()
     edit->addAction(action(QStringLiteral("copyPromptAction")));
     QMenu *view = menuBar()->addMenu(tr("&View"));
     view->addAction(action(QStringLiteral("fileScopeAction")));
+    view->addSeparator();
+    view->addAction(action(QStringLiteral("previewPaneAction")));
+    view->addAction(action(QStringLiteral("previewBelowAction")));
     view->addSeparator();
     view->addAction(action(QStringLiteral("nextTabAction")));
     view->addAction(action(QStringLiteral("previousTabAction")));
@@ -412,6 +529,7 @@ void MainWindow::followActiveState()
                 syncFooter();
             });
         }
+        m_preview->setDirectory(state ? state->directoryPath() : QString());
         m_results->setState(state);
     }
     syncFooter();

@@ -1,14 +1,16 @@
 /*
 ** main_window.h -- the main window: toolbar, tab strip, search bar, results list with "Load More
-** Results", status bar, and the menu commands. With no tab open it shows an invitation to open a
-** directory instead of the results.
+** Results", the preview pane beside or under the results (a splitter: the pane can be narrowed
+** or dragged shut but never covers the list), status bar, and the menu commands. With no tab
+** open it shows an invitation to open a directory instead of the results.
 **
 ** Menu commands and shortcuts:
 **   File   Open Directory… (Ctrl+Shift+O), Close Tab (Ctrl+W), Re-index (Ctrl+Shift+R: an
 **          update, reading only what changed), Rebuild Index… (Ctrl+Shift+B: asks, then discards
 **          the index and builds it again), Settings… (Ctrl+,), Quit (Ctrl+Q)
 **   Edit   Find (Ctrl+F), Copy Prompt (Ctrl+Shift+C, the top five results)
-**   View   Show File Scope (Ctrl+I), Next Tab (Ctrl+Page Down), Previous Tab (Ctrl+Page Up)
+**   View   Show File Scope (Ctrl+I), Preview Pane (F8), Preview Under Results, Next Tab
+**          (Ctrl+Page Down), Previous Tab (Ctrl+Page Up)
 **   Help   Tarnwick Help (Ctrl+/), About Tarnwick
 ** Directories dropped on the window open as tabs.
 */
@@ -30,7 +32,9 @@
 
 class QAction;
 class QLabel;
+class PreviewPane;
 class QPushButton;
+class QSplitter;
 class QStackedWidget;
 class ResultsView;
 class SearchBar;
@@ -58,12 +62,14 @@ public:
     ResultsView *resultsView() const { return m_results; }
     StatusBarView *statusBarView() const { return m_status; }
     QPushButton *loadMoreButton() const { return m_loadMore; }
+    PreviewPane *previewPane() const { return m_preview; }
+    QSplitter *resultsSplitter() const { return m_split; }
     // True while the invitation to open a directory is shown.
     bool isShowingEmptyState() const;
 
     // The menu command with that object name ("openDirectoryAction", "closeTabAction",
     // "reindexAction", "rebuildIndexAction", "fileScopeAction", "copyPromptAction", "helpAction",
-    // "settingsAction").
+    // "settingsAction", "previewPaneAction", "previewBelowAction").
     QAction *action(const QString &objectName) const;
 
     // Replaces the folder chooser of "Open Directory…" (tests).
@@ -90,6 +96,7 @@ protected:
     void changeEvent(QEvent *event) override;
     void dragEnterEvent(QDragEnterEvent *event) override;
     void dropEvent(QDropEvent *event) override;
+    void resizeEvent(QResizeEvent *event) override;
 
 private:
     void buildActions();
@@ -100,6 +107,10 @@ private:
     void syncFooter();
     void syncWindow();
     void tintIcons();
+    // The pane shown or hidden, beside or under the results, at its remembered share.
+    void applyPreviewLayout();
+    void applyPreviewShare();
+    void previewRow(int row, bool reveal);
 
     QPointer<AppState> m_app;
     TrainingManager *m_training;
@@ -113,6 +124,8 @@ private:
     ResultsView *m_results;
     QLabel *m_summary;
     QPushButton *m_loadMore;
+    QSplitter *m_split;
+    PreviewPane *m_preview;
     StatusBarView *m_status;
     QPointer<FileScopeWindow> m_fileScope;
     QPointer<SettingsWindow> m_settings;

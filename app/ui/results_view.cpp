@@ -6,7 +6,6 @@
 #include "directory_state.h"
 #include "icons.h"
 #include "match_marks.h"
-#include "preview_panels.h"
 #include "results_model.h"
 #include "settings.h"
 
@@ -45,6 +44,8 @@ QString iconNameFor(FileCategory category, int fileType)
         return QStringLiteral("text-html");
     case FileCategory::Markdown:
         return QStringLiteral("text-x-generic");
+    case FileCategory::Document:
+        return QStringLiteral("x-office-document|text-x-generic");
     case FileCategory::Plain:
         break;
     }
@@ -279,7 +280,9 @@ ResultsView::ResultsView(QWidget *parent) : QListView(parent)
     m_hoverTimer.setSingleShot(true);
     m_hoverTimer.setInterval(kHoverDelayMs);
     connect(&m_hoverTimer, &QTimer::timeout, this, [this] {
-        previewRow(m_hoverRow);
+        if (m_hoverRow >= 0) {
+            emit previewRequested(m_hoverRow, false);
+        }
     });
     connect(this, &QAbstractItemView::activated, this, &ResultsView::openResult);
 }
@@ -310,6 +313,7 @@ void ResultsView::setState(DirectoryState *state)
             // The rows were replaced; a pending hover would preview another result.
             m_hoverTimer.stop();
             m_hoverRow = -1;
+            keepCurrentResult();
         });
         connect(state, &QObject::destroyed, m_stateLink, [this] {
             setState(nullptr);
@@ -317,6 +321,34 @@ void ResultsView::setState(DirectoryState *state)
     }
     refreshQuery();
     viewport()->update();
+    m_currentId.clear();
+    keepCurrentResult();
+}
+
+void ResultsView::keepCurrentResult()
+{
+    const int rows = model() ? model()->rowCount() : 0;
+    int row = rows > 0 ? 0 : -1;
+    for (int i = 0; i < rows && !m_currentId.isEmpty(); ++i) {
+        if (resultAt(i).id == m_currentId) {
+            row = i;
+            break;
+        }
+    }
+    if (row < 0) {
+        emit previewRequested(-1, false);
+    } else if (currentIndex().row() != row) {
+        setCurrentIndex(model()->index(row, 0));
+    } else {
+        emit previewRequested(row, false);
+    }
+}
+
+void ResultsView::currentChanged(const QModelIndex &current, const QModelIndex &previous)
+{
+    QListView::currentChanged(current, previous);
+    m_currentId = current.isValid() ? resultAt(current.row()).id : QString();
+    emit previewRequested(current.isValid() ? current.row() : -1, false);
 }
 
 void ResultsView::refreshQuery()
@@ -345,10 +377,9 @@ void ResultsView::openResult(const QModelIndex &index)
 
 void ResultsView::previewRow(int row)
 {
-    if (!m_state || row < 0 || row >= m_state->resultsModel()->rowCount()) {
-        return;
+    if (m_state && row >= 0 && row < m_state->resultsModel()->rowCount()) {
+        emit previewRequested(row, true);
     }
-    previewResult(resultAt(row), m_state->lastQuery(), m_state->lastMode());
 }
 
 void ResultsView::togglePin(int row)
@@ -490,7 +521,13 @@ void ResultsView::paintEvent(QPaintEvent *event)
     titleFont.setWeight(QFont::DemiBold);
     const QFontMetrics tfm(titleFont);
     const QRect area = viewport()->rect().adjusted(24, 0, -24, 0);
-    const int detailHeight = detail.isEmpty() ? 0 : fontMetrics().lineSpacing() * 2;
+    const int detailHeight = detail.isEmpty()
+                                 ? 0
+                                 : fontMetrics()
+                                       .boundingRect(QRect(0, 0, area.width(), 10000),
+                                                     Qt::AlignHCenter | Qt::TextWordWrap,
+                                                     detail)
+                                       .height();
     const int top = area.center().y() - (tfm.height() + 8 + detailHeight) / 2 - 20;
     QColor dim = palette().color(QPalette::Text);
     dim.setAlphaF(0.75f);
@@ -504,7 +541,7 @@ void ResultsView::paintEvent(QPaintEvent *event)
         painter.setPen(dim);
         painter.setFont(font());
         painter.drawText(QRect(area.left(), top + tfm.height() + 8, area.width(), detailHeight),
-                         Qt::AlignHCenter | Qt::AlignTop,
+                         Qt::AlignHCenter | Qt::AlignTop | Qt::TextWordWrap,
                          detail);
     }
 }

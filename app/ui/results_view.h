@@ -6,9 +6,13 @@
 ** regex modes) and a pin toggle; pinned rows carry an accent bar and a filled pin.
 **
 ** Keys: the arrows move, Return (or a double click) opens the result in its application, Space
-** previews it at once, Ctrl+D pins or unpins it, Escape hands the focus back to the search field.
-** Resting the pointer on a row for 0.6 s previews it when "hoverPreview" is on; leaving the row
-** earlier cancels that.
+** shows it in the preview (showing the pane if hidden), Ctrl+D pins or unpins it, Escape hands
+** the focus back to the search field.
+**
+** The preview follows the current row: when the rows are replaced (a new search, more results, a
+** pin) the same result stays current when it is still there, else the first row becomes current.
+** Resting the pointer on a row for 0.6 s previews that row too when "hoverPreview" is on; leaving
+** the row earlier cancels that.
 */
 #ifndef TRN_UI_RESULTS_VIEW_H
 #define TRN_UI_RESULTS_VIEW_H
@@ -68,6 +72,8 @@ public:
 signals:
     // Escape was pressed in the list.
     void focusSearchRequested();
+    // The preview should show row (-1: no result); reveal: show the pane when it is hidden.
+    void previewRequested(int row, bool reveal);
 
 protected:
     void mouseMoveEvent(QMouseEvent *event) override;
@@ -76,8 +82,11 @@ protected:
     void keyPressEvent(QKeyEvent *event) override;
     void paintEvent(QPaintEvent *event) override;
     void contextMenuEvent(QContextMenuEvent *event) override;
+    void currentChanged(const QModelIndex &current, const QModelIndex &previous) override;
 
 private:
+    // After the rows changed: the remembered result current again, else the first row.
+    void keepCurrentResult();
     void refreshQuery();
     void hoverRow(int row);
     SearchResult resultAt(int row) const;
@@ -86,6 +95,7 @@ private:
     ResultDelegate *m_delegate;
     QTimer m_hoverTimer;
     int m_hoverRow = -1;
+    QString m_currentId;            // the id of the current row's result
     QObject *m_stateLink = nullptr; // context of the connections to m_state
 };
 

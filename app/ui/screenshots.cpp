@@ -1,6 +1,6 @@
 /*
-** screenshots.cpp -- renders the README's pictures: the main window with results, the context
-** panel, the file scope window, the settings window and the loss chart, in the light and the
+** screenshots.cpp -- renders the README's pictures: the main window with results and the
+** preview pane, the file scope window, the settings window and the loss chart, in the light and the
 ** dark appearance.
 **
 **   tarnwick-screenshots SAMPLES_DIR OUT_DIR [LOSS_LOG]
@@ -18,7 +18,6 @@
 #include "icons.h"
 #include "loss_chart_window.h"
 #include "main_window.h"
-#include "preview_panels.h"
 #include "results_model.h"
 #include "results_view.h"
 #include "settings.h"
@@ -198,7 +197,7 @@ int main(int argc, char **argv)
     TrainingManager training(settings);
     AppState app(settings, &training);
     MainWindow window(&app, &training);
-    window.resize(1060, 680);
+    window.resize(1200, 720);
     window.show();
     if (!waitFor(
             [&app] {
@@ -281,26 +280,27 @@ int main(int argc, char **argv)
             return 1;
         }
 
-        // The context panel on a source file, searched in text mode.
-        SearchResult hit;
-        hit.filePath = sample + QStringLiteral("/src/ring_buffer.c");
-        hit.lineNumber = 1;
-        QFile source(hit.filePath);
-        if (source.open(QIODevice::ReadOnly)) {
-            const QList<QByteArray> lines = source.readAll().split('\n');
-            for (int i = 0; i < lines.size(); ++i) {
-                if (lines.at(i).startsWith("/* Copies up to n bytes in")) {
-                    hit.lineNumber = i + 1;
-                    break;
-                }
+        // The preview pane on a source file, searched in text mode.
+        app.setQuery(QStringLiteral("head"));
+        app.setSearchMode(SearchMode::Text);
+        app.performSearch();
+        if (!waitFor(
+                [state] {
+                    return !state->isSearching();
+                },
+                60000)) {
+            return fail("the search did not finish");
+        }
+        for (int row = 0; row < state->resultsModel()->count(); ++row) {
+            if (state->resultsModel()->result(row).filePath.endsWith(
+                    QStringLiteral("ring_buffer.c"))) {
+                results->setCurrentIndex(results->model()->index(row, 0));
+                break;
             }
         }
-        ContextPanel *panel = ContextPanel::shared();
-        panel->showFile(hit.filePath, hit.lineNumber, QStringLiteral("head"), SearchMode::Text);
-        if (!save(panel, outDir, QStringLiteral("context-panel%1.png").arg(look.suffix))) {
+        if (!save(&window, outDir, QStringLiteral("preview-pane%1.png").arg(look.suffix))) {
             return 1;
         }
-        panel->hide();
 
         // The file scope window, largest files first.
         window.showFileScope();

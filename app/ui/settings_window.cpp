@@ -205,7 +205,7 @@ SettingsWindow::SettingsWindow(TrainingManager *manager, Settings *settings, QWi
     connect(m_settings, &Settings::excludePatternsChanged, this, &SettingsWindow::syncGeneral);
     connect(m_settings, &Settings::maxFileSizeMBChanged, this, &SettingsWindow::syncGeneral);
     connect(m_settings, &Settings::hoverPreviewChanged, this, &SettingsWindow::syncGeneral);
-    connect(m_settings, &Settings::previewOnTopChanged, this, &SettingsWindow::syncGeneral);
+    connect(m_settings, &Settings::previewBelowChanged, this, &SettingsWindow::syncGeneral);
     connect(m_settings, &Settings::openTextFilesWithChanged, this, &SettingsWindow::syncGeneral);
     connect(m_manager, &TrainingManager::profilesChanged, this, &SettingsWindow::syncProfiles);
     connect(
@@ -345,17 +345,17 @@ QWidget *SettingsWindow::buildGeneralPage()
 
     auto *preview = new QGroupBox(tr("Preview"), page);
     auto *previewLayout = new QVBoxLayout(preview);
-    m_hoverPreview = new QCheckBox(tr("Show context panel on hover"), preview);
+    m_hoverPreview = new QCheckBox(tr("Preview the result under the pointer"), preview);
     m_hoverPreview->setObjectName(QStringLiteral("hoverPreviewCheck"));
-    m_previewOnTop = new QCheckBox(tr("Keep context panel on top"), preview);
-    m_previewOnTop->setObjectName(QStringLiteral("previewOnTopCheck"));
+    m_previewBelow = new QCheckBox(tr("Show the preview under the results"), preview);
+    m_previewBelow->setObjectName(QStringLiteral("previewBelowCheck"));
     previewLayout->addWidget(m_hoverPreview);
-    previewLayout->addWidget(m_previewOnTop);
+    previewLayout->addWidget(m_previewBelow);
     connect(m_hoverPreview, &QCheckBox::toggled, this, [this](bool on) {
         m_settings->setHoverPreview(on);
     });
-    connect(m_previewOnTop, &QCheckBox::toggled, this, [this](bool on) {
-        m_settings->setPreviewOnTop(on);
+    connect(m_previewBelow, &QCheckBox::toggled, this, [this](bool on) {
+        m_settings->setPreviewBelow(on);
     });
     layout->addWidget(preview);
     layout->addStretch(1);
@@ -425,7 +425,7 @@ void SettingsWindow::syncGeneral()
     const QSignalBlocker b1(m_chunkSize);
     const QSignalBlocker b2(m_overlap);
     const QSignalBlocker b3(m_hoverPreview);
-    const QSignalBlocker b4(m_previewOnTop);
+    const QSignalBlocker b4(m_previewBelow);
     const QSignalBlocker b5(m_maxFileSize);
     const int at = m_appearance->findData(m_settings->appearance());
     m_appearance->setCurrentIndex(at >= 0 ? at : 0);
@@ -441,7 +441,7 @@ void SettingsWindow::syncGeneral()
     }
     m_maxFileSize->setValue(int(m_settings->effectiveMaxFileSize() / (1024 * 1024)));
     m_hoverPreview->setChecked(m_settings->hoverPreview());
-    m_previewOnTop->setChecked(m_settings->previewOnTop());
+    m_previewBelow->setChecked(m_settings->previewBelow());
     const int editor = m_editor->findData(m_settings->openTextFilesWith());
     m_editor->setCurrentIndex(editor >= 0 ? editor : 0);
     syncEditorHelp();

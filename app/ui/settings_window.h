@@ -121,7 +121,7 @@ private:
     QLineEdit *m_excludePatterns;
     QSpinBox *m_maxFileSize;
     QCheckBox *m_hoverPreview;
-    QCheckBox *m_previewOnTop;
+    QCheckBox *m_previewBelow;
     QLabel *m_noProfiles;
     QVBoxLayout *m_rows;
     QLabel *m_progress;

@@ -2,7 +2,8 @@
 ** window_frames.h -- window positions and sizes kept between runs, and windows that fit the
 ** screen.
 **
-** Each window is saved under its autosave name ("TarnwickContextPanel", "TarnwickPDFPanel", ...)
+** Each window is saved under its autosave name ("TarnwickMainWindow", "TarnwickSettingsWindow",
+*...)
 ** as the bytes of QWidget::saveGeometry(), through the model's Settings (the views never open
 ** QSettings themselves). A window is saved when it is hidden or moved or resized and restored
 ** once, before it is first shown. A saved frame is restored only when it lies wholly within the
@@ -73,17 +74,5 @@ void showOnScreen(QWidget *window, QWidget *anchor);
 // For dialogs that place themselves (centred on their parent when shown): fits window to
 // anchor's screen once it is shown and again once the window manager has framed it.
 void fitOnceShown(QWidget *window, QWidget *anchor);
-
-// Where a preview panel of the wanted size goes on first use, beside the main window (frame
-// `main`; frames include title bars) within the screen area `available`, never over the results
-// list or the search bar: right of the main window when there is room for `minimum`, else left
-// of it; else at the screen's right edge, as wide as leaves the main window `mainMinimum`, with
-// the main window moved and narrowed to end before it; on a screen too narrow for both, over the
-// main window's right part below the search bar. The panel's top is level with `results` (the
-// search bar, in global coordinates). mainFrame receives the main window's
-// frame afterwards (main itself when it need not change).
-QRect previewPlacement(const QRect &main, const QRect &results, const QRect &available,
-                       const QSize &wanted, const QSize &minimum, int mainMinimum,
-                       QRect *mainFrame);
 
 #endif

@@ -433,6 +433,7 @@ void TestTarnwickEngine::fileCategory_data()
     QTest::newRow("pdf") << "/a/b.PDF" << int(FileCategory::Pdf);
     QTest::newRow("html") << "/a/b.htm" << int(FileCategory::Html);
     QTest::newRow("markdown") << "/a/b.markdown" << int(FileCategory::Markdown);
+    QTest::newRow("office and e-books") << "/a/b.odt" << int(FileCategory::Document);
     QTest::newRow("source") << "/a/b.cpp" << int(FileCategory::Plain);
     QTest::newRow("no extension") << "/a/Makefile" << int(FileCategory::Plain);
 }

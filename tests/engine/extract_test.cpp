@@ -3,8 +3,8 @@
 ** DOCX, ODT and EPUB containers built here, PDF pages with their starts, and the verdicts for
 ** text that cannot be used.
 */
-#include "files.h"
 #include "store_fixtures.h"
+#include "text/files.h"
 
 #include <gtest/gtest.h>
 

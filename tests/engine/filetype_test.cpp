@@ -2,8 +2,8 @@
 ** filetype_test.cpp -- classification by special names, the three extension tables and content
 ** sniffing.
 */
-#include "files.h"
 #include "store_fixtures.h"
+#include "text/files.h"
 
 #include <gtest/gtest.h>
 

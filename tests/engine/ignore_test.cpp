@@ -2,8 +2,8 @@
 ** ignore_test.cpp -- what the walk excludes agrees with git's own answers (git check-ignore) on a
 ** tree of tricky patterns; ".tarnwickignore" reads the same; the walk's verdicts for the rest.
 */
-#include "files.h"
 #include "store_fixtures.h"
+#include "text/files.h"
 
 #include <gtest/gtest.h>
 

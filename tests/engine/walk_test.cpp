@@ -3,8 +3,8 @@
 ** loops and never leave the tree; files above the size limit are never read; the index's files
 ** are readable by their owner alone.
 */
-#include "files.h"
 #include "store_fixtures.h"
+#include "text/files.h"
 
 #include <gtest/gtest.h>
 

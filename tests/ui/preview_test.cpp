@@ -1,16 +1,18 @@
 /*
-** preview_test.cpp -- the context panel (title, gutter, shaded chunk, marks, scrolling), the hover
-** rule that opens previews, and the PDF, HTML and Markdown panels.
+** preview_test.cpp -- the preview pane: text with its gutter, the hit's band and the marks,
+** scrolling to the hit, files it cannot show, rendered HTML and Markdown, PDF pages, and the pane
+** in the main window following the selection and the pointer.
 */
 #include "main_window.h"
-#include "preview_panels.h"
+#include "pdf_page_view.h"
+#include "preview_pane.h"
 #include "results_model.h"
 #include "results_view.h"
 #include "ui_test_support.h"
 
 #include <QAbstractTextDocumentLayout>
-#include <QPdfView>
 #include <QScrollBar>
+#include <QSplitter>
 #include <QTextBlock>
 #include <QTextBrowser>
 #include <QTextCursor>
@@ -22,60 +24,65 @@
 namespace
 {
 
-// The text ranges of one document line that carry a background colour.
-struct LineLook {
-    bool chunkShaded = false; // the line's text is on the chunk colour
-    QStringList marked;       // the marked pieces, in order
-};
-
-LineLook lookOfLine(QTextEdit *view, int line)
-{
-    LineLook look;
-    const QTextBlock block = view->document()->findBlockByNumber(line);
-    int markEnd = -1; // where the last marked fragment ended; adjacent ones form one mark
-    for (auto it = block.begin(); !it.atEnd(); ++it) {
-        const QTextFragment fragment = it.fragment();
-        const QBrush background = fragment.charFormat().background();
-        if (background.style() == Qt::NoBrush) {
-            continue;
-        }
-        if (background.color() == ContextPanel::matchColor()) {
-            if (fragment.position() == markEnd) {
-                look.marked.last() += fragment.text();
-            } else {
-                look.marked.append(fragment.text());
-            }
-            markEnd = fragment.position() + fragment.length();
-        } else if (background.color() == ContextPanel::chunkColor()) {
-            look.chunkShaded = true;
-        }
-    }
-    return look;
-}
-
-QList<int> shadedLines(QTextEdit *view)
-{
-    QList<int> lines;
-    for (int i = 0; i < view->document()->blockCount(); ++i) {
-        if (lookOfLine(view, i).chunkShaded) {
-            lines.append(i + 1);
-        }
-    }
-    return lines;
-}
-
-QStringList allMarks(QTextEdit *view)
+// The pieces of the text view that carry the match colour, adjacent ones joined.
+QStringList marksOf(QTextEdit *view)
 {
     QStringList marks;
-    for (int i = 0; i < view->document()->blockCount(); ++i) {
-        marks += lookOfLine(view, i).marked;
+    int markEnd = -1;
+    for (QTextBlock block = view->document()->begin(); block.isValid(); block = block.next()) {
+        for (auto it = block.begin(); !it.atEnd(); ++it) {
+            const QTextFragment fragment = it.fragment();
+            if (fragment.charFormat().background().color() != PreviewPane::matchColor()) {
+                continue;
+            }
+            if (fragment.position() == markEnd) {
+                marks.last() += fragment.text();
+            } else {
+                marks.append(fragment.text());
+            }
+            markEnd = fragment.position() + fragment.length();
+        }
     }
     return marks;
 }
 
-bool contextPanelVisible()
+// The blocks (0-based) on the band, and the marked texts, of a view's extra selections.
+QList<int> bandedBlocks(QTextEdit *view)
 {
-    return ContextPanel::existing() && ContextPanel::existing()->isVisible();
+    QList<int> blocks;
+    for (const QTextEdit::ExtraSelection &s : view->extraSelections()) {
+        if (s.format.background().color() == PreviewPane::bandColor()) {
+            blocks.append(s.cursor.blockNumber());
+        }
+    }
+    return blocks;
+}
+
+QStringList selectedMarks(QTextEdit *view)
+{
+    QStringList marks;
+    for (const QTextEdit::ExtraSelection &s : view->extraSelections()) {
+        if (s.format.background().color() == PreviewPane::matchColor()) {
+            marks.append(s.cursor.selectedText());
+        }
+    }
+    return marks;
+}
+
+// The top of block in the view's viewport.
+int topOf(QTextEdit *view, const QTextBlock &block)
+{
+    return view->cursorRect(QTextCursor(block)).top();
+}
+
+SearchResult hitIn(const QString &path, int line, const QString &snippet = QString())
+{
+    SearchResult hit;
+    hit.id = path + QStringLiteral(":0");
+    hit.filePath = path;
+    hit.lineNumber = line;
+    hit.snippet = snippet;
+    return hit;
 }
 
 } // namespace
@@ -90,290 +97,200 @@ private slots:
         m_home = std::make_unique<IsolatedEnvironment>();
         installIconThemeFallback();
         QVERIFY(m_files.isValid());
-        QVERIFY(writeFile(m_files.path(), QStringLiteral("three.txt"), "alpha\nbeta\ngamma"));
         QVERIFY(writeFile(m_files.path(), QStringLiteral("ten.txt"), numberedLines(10)));
         QVERIFY(writeFile(m_files.path(), QStringLiteral("fifty.txt"), numberedLines(50)));
         QVERIFY(writeFile(m_files.path(), QStringLiteral("long.txt"), numberedLines(300)));
-        QVERIFY(writeFile(m_files.path(), QStringLiteral("latin1.txt"), "caf\xe9 au lait\n"));
+        QVERIFY(writeFile(m_files.path(), QStringLiteral("huge.txt"), numberedLines(10000)));
+        QVERIFY(writeFile(m_files.path(),
+                          QStringLiteral("latin1.txt"),
+                          "caf\xe9 \x93"
+                          "au lait\x94\n"));
+        QVERIFY(writeFile(m_files.path(), QStringLiteral("tool.bin"), QByteArray("ab\0cd", 5)));
+        m_pane = std::make_unique<PreviewPane>();
+        m_pane->setDirectory(m_files.path());
+        m_pane->resize(520, 420);
+        m_pane->show();
+        QVERIFY(QTest::qWaitForWindowExposed(m_pane.get()));
     }
-    void init()
+    void init() { Settings::standard()->setHoverPreview(true); }
+
+    void textShowsTheFileWithItsLineNumbersAndTheHitOnTheBand()
     {
-        Settings::standard()->setChunkSize(800);
-        Settings::standard()->setHoverPreview(true);
-        if (ContextPanel::existing()) {
-            ContextPanel::existing()->hide();
-        }
+        m_pane->showResult(
+            hitIn(m_files.filePath(QStringLiteral("ten.txt")), 4), QString(), SearchMode::Semantic);
+        QCOMPARE(m_pane->content(), PreviewPane::Content::Text);
+        QCOMPARE(m_pane->title(), QStringLiteral("ten.txt"));
+        QCOMPARE(m_pane->location(), QStringLiteral("line 4"));
+        QTextEdit *view = m_pane->textView();
+        QCOMPARE(view->document()->blockCount(), 10);
+        // A gutter two digits wide, right-aligned.
+        QCOMPARE(view->document()->findBlockByNumber(0).text(), QStringLiteral(" 1  line 1"));
+        QCOMPARE(view->document()->findBlockByNumber(9).text(), QStringLiteral("10  line 10"));
+        QCOMPARE(bandedBlocks(view), QList<int>{3});
+        QVERIFY(marksOf(view).isEmpty()); // semantic: nothing to mark
+
+        // A line beyond the end bands the last line.
+        m_pane->showResult(hitIn(m_files.filePath(QStringLiteral("ten.txt")), 40),
+                           QString(),
+                           SearchMode::Semantic);
+        QCOMPARE(bandedBlocks(view), QList<int>{9});
     }
 
-    void titleNamesFileLineAndMode()
-    {
-        ContextPanel *panel = ContextPanel::shared();
-        QVERIFY(panel->showFile(m_files.filePath(QStringLiteral("ten.txt")),
-                                4,
-                                QStringLiteral("line"),
-                                SearchMode::Regex));
-        QCOMPARE(panel->windowTitle(), QStringLiteral("ten.txt \u2014 line 4 (regex)"));
-        QVERIFY(panel->isVisible());
-        // Monospaced text with a right-aligned gutter two digits wide.
-        QVERIFY(QFontInfo(panel->textView()->document()->defaultFont()).fixedPitch());
-        QCOMPARE(panel->textView()->document()->findBlockByNumber(0).text(),
-                 QStringLiteral(" 1  line 1"));
-        QCOMPARE(panel->textView()->document()->findBlockByNumber(9).text(),
-                 QStringLiteral("10  line 10"));
-    }
-
-    void shadingCoversAboutOneChunkFromTheHit_data()
-    {
-        QTest::addColumn<QString>("file");
-        QTest::addColumn<int>("line");
-        QTest::addColumn<int>("chunkSize");
-        QTest::addColumn<QList<int>>("shaded");
-        QTest::newRow("short file, first line") << "three.txt" << 1 << 800 << QList<int>{1, 2, 3};
-        QTest::newRow("line beyond the end") << "ten.txt" << 40 << 800 << QList<int>{10};
-        QTest::newRow("line 0 counts as the first")
-            << "three.txt" << 0 << 800 << QList<int>{1, 2, 3};
-        // "line 5\n" .. are 7 characters each: 7 + 7 + 7 reach 20 at the third line.
-        QTest::newRow("chunk of 20 characters") << "ten.txt" << 5 << 20 << QList<int>{5, 6, 7};
-        QTest::newRow("unset chunk size reads as 800") << "three.txt" << 2 << 0 << QList<int>{2, 3};
-    }
-    void shadingCoversAboutOneChunkFromTheHit()
-    {
-        QFETCH(QString, file);
-        QFETCH(int, line);
-        QFETCH(int, chunkSize);
-        QFETCH(QList<int>, shaded);
-        // Planted as stored: the shading follows the stored value, which the setters would not
-        // take below 64.
-        Settings::standard()->setValue(QStringLiteral("chunkSize"), chunkSize);
-        ContextPanel *panel = ContextPanel::shared();
-        QVERIFY(panel->showFile(m_files.filePath(file), line, QString(), SearchMode::Semantic));
-        QCOMPARE(shadedLines(panel->textView()), shaded);
-        QVERIFY(allMarks(panel->textView()).isEmpty());
-    }
-
-    void queryMatchesAreMarked_data()
+    void queryMatchesAreMarkedInTheTextNotTheGutter_data()
     {
         QTest::addColumn<QString>("query");
         QTest::addColumn<int>("mode");
         QTest::addColumn<QStringList>("marks");
-        // The gutter is part of the text: "42" marks the number of line 42 as well.
-        QTest::newRow("text marks gutter numbers")
-            << "42" << int(SearchMode::Text) << QStringList{"42", "42"};
+        QTest::newRow("text, only the line's own digits")
+            << "42" << int(SearchMode::Text) << QStringList{"42"};
         QTest::newRow("text ignores case")
             << "LINE 7" << int(SearchMode::Text) << QStringList{"line 7"};
         QTest::newRow("regex, case-insensitive")
-            << "4[5-6]  LINE" << int(SearchMode::Regex) << QStringList{"45  line", "46  line"};
-        // Without multi-line mode "^" anchors at the start of the whole text only.
-        QTest::newRow("regex anchor") << "^ ?4[5-6]" << int(SearchMode::Regex) << QStringList{};
+            << "LINE 4[5-6]" << int(SearchMode::Regex) << QStringList{"line 45", "line 46"};
+        QTest::newRow("regex anchored at each line's start")
+            << "^line 1$" << int(SearchMode::Regex) << QStringList{"line 1"};
         QTest::newRow("regex that does not compile")
             << "(" << int(SearchMode::Regex) << QStringList{};
         QTest::newRow("semantic marks nothing")
             << "line" << int(SearchMode::Semantic) << QStringList{};
     }
-    void queryMatchesAreMarked()
+    void queryMatchesAreMarkedInTheTextNotTheGutter()
     {
         QFETCH(QString, query);
         QFETCH(int, mode);
         QFETCH(QStringList, marks);
-        ContextPanel *panel = ContextPanel::shared();
-        QVERIFY(panel->showFile(m_files.filePath(QStringLiteral("fifty.txt")),
-                                1,
-                                query,
-                                static_cast<SearchMode>(mode)));
-        QCOMPARE(allMarks(panel->textView()), marks);
-        QCOMPARE(panel->textView()->document()->blockCount(), 50); // the file is shown all the same
+        m_pane->showResult(hitIn(m_files.filePath(QStringLiteral("fifty.txt")), 1),
+                           query,
+                           static_cast<SearchMode>(mode));
+        QCOMPARE(marksOf(m_pane->textView()), marks);
+        QCOMPARE(m_pane->textView()->document()->blockCount(), 50); // the file is shown whole
     }
 
-    void wordModesMarkWordsAndIdentifierParts_data()
-    {
-        QTest::addColumn<int>("mode");
-        QTest::newRow("keyword") << int(SearchMode::Keyword);
-        QTest::newRow("hybrid") << int(SearchMode::Hybrid);
-    }
     void wordModesMarkWordsAndIdentifierParts()
     {
-        QFETCH(int, mode);
         QVERIFY(writeFile(m_files.path(),
                           QStringLiteral("idents.txt"),
                           "readFileSync(p)\nread_file = 1\nspread the profile\nREAD FILES\n"));
-        ContextPanel *panel = ContextPanel::shared();
-        QVERIFY(panel->showFile(m_files.filePath(QStringLiteral("idents.txt")),
-                                1,
-                                QStringLiteral("Read file"),
-                                static_cast<SearchMode>(mode)));
-        // Parts of identifiers count, words inside other words ("spread", "FILES") do not.
-        QCOMPARE(allMarks(panel->textView()), (QStringList{"readFile", "read", "file", "READ"}));
+        for (SearchMode mode : {SearchMode::Keyword, SearchMode::Hybrid}) {
+            m_pane->showResult(hitIn(m_files.filePath(QStringLiteral("idents.txt")), 1),
+                               QStringLiteral("Read file"),
+                               mode);
+            // Parts of identifiers count, words inside other words ("spread", "FILES") do not.
+            QCOMPARE(marksOf(m_pane->textView()),
+                     (QStringList{"readFile", "read", "file", "READ"}));
+        }
     }
 
-    void textMatchesDoNotOverlap()
+    void theHitIsScrolledToAThirdOfTheHeight()
     {
-        QVERIFY(writeFile(m_files.path(), QStringLiteral("aaa.txt"), "aaaaa"));
-        ContextPanel *panel = ContextPanel::shared();
-        QVERIFY(panel->showFile(m_files.filePath(QStringLiteral("aaa.txt")),
-                                1,
-                                QStringLiteral("aa"),
-                                SearchMode::Text));
-        // "1  aaaaa": two matches, "aa" and "aa", and the last "a" stays unmarked.
-        // Overlapping matches would mark all five letters.
-        QCOMPARE(allMarks(panel->textView()), (QStringList{"aaaa"}));
-    }
-
-    void unreadableOrNonUtf8FilesShowNothing()
-    {
-        ContextPanel *panel = ContextPanel::shared();
-        QVERIFY(panel->showFile(
-            m_files.filePath(QStringLiteral("three.txt")), 1, QString(), SearchMode::Semantic));
-        panel->hide();
-        const QString title = panel->windowTitle();
-        QVERIFY(!panel->showFile(
-            m_files.filePath(QStringLiteral("latin1.txt")), 1, QString(), SearchMode::Semantic));
-        QVERIFY(!panel->showFile(
-            m_files.filePath(QStringLiteral("missing.txt")), 1, QString(), SearchMode::Semantic));
-        QVERIFY(!panel->showFile(QString(), 1, QString(), SearchMode::Semantic));
-        QVERIFY(!panel->isVisible());
-        QCOMPARE(panel->windowTitle(), title);
-    }
-
-    void hitIsScrolledToAThirdOfTheHeight()
-    {
-        ContextPanel *panel = ContextPanel::shared();
-        QVERIFY(panel->showFile(
-            m_files.filePath(QStringLiteral("long.txt")), 150, QString(), SearchMode::Semantic));
-        QTextEdit *view = panel->textView();
-        const QTextBlock hit = view->document()->findBlockByNumber(149);
-        // The scroll happens on the next turn of the event loop.
+        QTextEdit *view = m_pane->textView();
+        m_pane->showResult(hitIn(m_files.filePath(QStringLiteral("long.txt")), 150),
+                           QString(),
+                           SearchMode::Semantic);
         QTRY_VERIFY(view->verticalScrollBar()->value() > 0);
-        QTextCursor cursor(hit);
-        const int top = view->cursorRect(cursor).top();
         const int third = view->viewport()->height() / 3;
-        QVERIFY2(qAbs(top - third) <= view->fontMetrics().lineSpacing(),
-                 qPrintable(QStringLiteral("hit at %1, a third is %2").arg(top).arg(third)));
+        QVERIFY2(qAbs(topOf(view, m_pane->hitBlock()) - third) <= view->fontMetrics().lineSpacing(),
+                 qPrintable(QStringLiteral("hit at %1, a third is %2")
+                                .arg(topOf(view, m_pane->hitBlock()))
+                                .arg(third)));
 
-        QVERIFY(panel->showFile(
-            m_files.filePath(QStringLiteral("long.txt")), 1, QString(), SearchMode::Semantic));
+        m_pane->showResult(hitIn(m_files.filePath(QStringLiteral("long.txt")), 1),
+                           QString(),
+                           SearchMode::Semantic);
         QTRY_COMPARE(view->verticalScrollBar()->value(), 0);
     }
 
-    void hoverOpensThePreviewOnlyAfterTheDelay()
+    void aLongFileShowsTheLinesAroundTheHitWithTheirNumbers()
     {
-        auto w = openAppWindow();
-        AppState *app = &w->app;
-        MainWindow &window = w->window;
-        QTemporaryDir dir;
-        QVERIFY(writeFile(dir.path(),
-                          QStringLiteral("notes.txt"),
-                          "The quick brown fox jumps over the lazy dog.\n"));
-        QVERIFY(writeFile(
-            dir.path(), QStringLiteral("other.txt"), "Nothing to see here, only filler text.\n"));
-        app->addTab(dir.path());
-        DirectoryState *state = app->activeState();
-        QVERIFY(QTest::qWaitFor(
-            [state] {
-                return !state->isIngesting();
-            },
-            60000));
-        QSignalSpy finished(state, &DirectoryState::searchFinished);
-        state->search(QStringLiteral("fox"), SearchMode::Text);
-        QVERIFY(finished.wait(30000));
-        ResultsView *view = window.resultsView();
-        view->doItemsLayout();
-        QCOMPARE(view->model()->rowCount(), 1);
-        const QPoint onRow = view->visualRect(view->model()->index(0, 0)).center();
-        const QPoint offRows(onRow.x(), view->viewport()->height() - 4);
-
-        // A quick pass: in and out again within 0.6 s opens nothing.
-        sendMouse(view->viewport(), QEvent::MouseMove, onRow, Qt::NoButton, Qt::NoButton);
-        QVERIFY(view->isHoverPending());
-        QTest::qWait(250);
-        sendMouse(view->viewport(), QEvent::MouseMove, offRows, Qt::NoButton, Qt::NoButton);
-        QVERIFY(!view->isHoverPending());
-        QTest::qWait(500);
-        QVERIFY(!contextPanelVisible());
-
-        // Resting on the row opens the context panel on the hit, in the search's mode.
-        sendMouse(view->viewport(), QEvent::MouseMove, onRow, Qt::NoButton, Qt::NoButton);
-        QTest::qWait(300);
-        QVERIFY(!contextPanelVisible());
-        QTRY_VERIFY_WITH_TIMEOUT(contextPanelVisible(), 2000);
-        QCOMPARE(ContextPanel::existing()->windowTitle(),
-                 QStringLiteral("notes.txt \u2014 line 1 (text)"));
-        QCOMPARE(allMarks(ContextPanel::existing()->textView()), QStringList{"fox"});
-        ContextPanel::existing()->hide();
-
-        // With "hoverPreview" off nothing opens, however long the pointer rests.
-        sendMouse(view->viewport(), QEvent::MouseMove, offRows, Qt::NoButton, Qt::NoButton);
-        Settings::standard()->setHoverPreview(false);
-        sendMouse(view->viewport(), QEvent::MouseMove, onRow, Qt::NoButton, Qt::NoButton);
-        QVERIFY(!view->isHoverPending());
-        QTest::qWait(800);
-        QVERIFY(!contextPanelVisible());
+        m_pane->showResult(hitIn(m_files.filePath(QStringLiteral("huge.txt")), 9000),
+                           QStringLiteral("line 9000"),
+                           SearchMode::Text);
+        QTextDocument *doc = m_pane->textView()->document();
+        QCOMPARE(doc->blockCount(), PreviewPane::kMaxLines);
+        // The window ends at the file's end: lines 6001 to 10000.
+        QCOMPARE(doc->firstBlock().text(), QStringLiteral(" 6001  line 6001"));
+        QCOMPARE(doc->lastBlock().text(), QStringLiteral("10000  line 10000"));
+        QCOMPARE(m_pane->hitBlock().text(), QStringLiteral(" 9000  line 9000"));
+        QCOMPARE(marksOf(m_pane->textView()), QStringList{"line 9000"});
     }
 
-    void pdfResultsOpenThePdfPanelAtTheirPage()
+    void filesItCannotShowSayWhyAndNeverShowThePreviousFile_data()
     {
-        const QString pdf = QStringLiteral(TRN_SOURCE_DIR "/samples/tide-table.pdf");
-        QVERIFY(QFileInfo::exists(pdf));
-        SearchResult hit;
-        hit.filePath = pdf;
-        hit.lineNumber = 1;
-        previewResult(hit, QString(), SearchMode::Semantic);
-        PdfPanel *panel = PdfPanel::existing();
-        QVERIFY(panel);
-        QVERIFY(panel->isVisible());
-        QCOMPARE(panel->currentPage(), 1);
-        QCOMPARE(panel->windowTitle(), QStringLiteral("tide-table.pdf \u2014 page 1"));
-        panel->hide();
-
-        // A file named .pdf that is no PDF cannot be mapped to a page; the panel stays shut.
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<QString>("reason");
+        QTest::newRow("missing") << "gone.txt"
+                                 << "no longer there";
+        QTest::newRow("binary") << "tool.bin"
+                                << "not text";
+        QTest::newRow("pdf that is not one") << "fake.pdf"
+                                             << "cannot be read as a PDF";
+        QTest::newRow("office file that is not one") << "fake.docx"
+                                                     << "cannot be read";
+    }
+    void filesItCannotShowSayWhyAndNeverShowThePreviousFile()
+    {
+        QFETCH(QString, name);
+        QFETCH(QString, reason);
         QVERIFY(writeFile(m_files.path(), QStringLiteral("fake.pdf"), "not a pdf at all\n"));
-        hit.filePath = m_files.filePath(QStringLiteral("fake.pdf"));
-        previewResult(hit, QString(), SearchMode::Semantic);
-        QVERIFY(!panel->isVisible());
+        QVERIFY(writeFile(m_files.path(), QStringLiteral("fake.docx"), "not a zip at all\n"));
+        m_pane->showResult(
+            hitIn(m_files.filePath(QStringLiteral("ten.txt")), 1), QString(), SearchMode::Semantic);
+        m_pane->showResult(hitIn(m_files.filePath(name), 3), QString(), SearchMode::Semantic);
+        QCOMPARE(m_pane->content(), PreviewPane::Content::Message);
+        QCOMPARE(m_pane->title(), name);
+        QVERIFY2(m_pane->message().contains(reason), qPrintable(m_pane->message()));
     }
 
-    void htmlAndMarkdownResultsOpenRendered()
+    void legacyTextIsReadAsWindows1252()
     {
-        QVERIFY(
-            writeFile(m_files.path(),
-                      QStringLiteral("page.html"),
-                      "<html><body><h1>Ridge trail</h1><p>Eleven kilometres.</p></body></html>"));
+        m_pane->showResult(hitIn(m_files.filePath(QStringLiteral("latin1.txt")), 1),
+                           QStringLiteral("café"),
+                           SearchMode::Text);
+        QCOMPARE(m_pane->content(), PreviewPane::Content::Text);
+        QCOMPARE(m_pane->textView()->document()->firstBlock().text(),
+                 QStringLiteral("1  café \u201cau lait\u201d"));
+        QCOMPARE(marksOf(m_pane->textView()), QStringList{"café"});
+    }
+
+    void htmlAndMarkdownAreRendered()
+    {
+        QVERIFY(writeFile(
+            m_files.path(),
+            QStringLiteral("page.html"),
+            "<html><body><h1>Ridge trail</h1><p>Eleven kilometres of ridge.</p></body></html>"));
         QVERIFY(writeFile(m_files.path(),
                           QStringLiteral("notes.md"),
                           "# Sourdough\n\nFeed the **starter** weekly.\n"));
-        SearchResult hit;
-        hit.filePath = m_files.filePath(QStringLiteral("page.html"));
-        previewResult(hit, QString(), SearchMode::Semantic);
-        DocumentPanel *html = DocumentPanel::existing(DocumentPanel::Kind::Html);
-        QVERIFY(html && html->isVisible());
-        QCOMPARE(html->browser()->toPlainText().trimmed(),
-                 QStringLiteral("Ridge trail\nEleven kilometres."));
+        m_pane->showResult(hitIn(m_files.filePath(QStringLiteral("page.html")), 1),
+                           QStringLiteral("ridge"),
+                           SearchMode::Keyword);
+        QCOMPARE(m_pane->content(), PreviewPane::Content::Document);
+        QCOMPARE(m_pane->documentView()->toPlainText().trimmed(),
+                 QStringLiteral("Ridge trail\nEleven kilometres of ridge."));
+        QCOMPARE(selectedMarks(m_pane->documentView()), (QStringList{"Ridge", "ridge"}));
 
-        hit.filePath = m_files.filePath(QStringLiteral("notes.md"));
-        previewResult(hit, QString(), SearchMode::Semantic);
-        DocumentPanel *markdown = DocumentPanel::existing(DocumentPanel::Kind::Markdown);
-        QVERIFY(markdown && markdown->isVisible());
-        QVERIFY(markdown != html);
+        m_pane->showResult(hitIn(m_files.filePath(QStringLiteral("notes.md")), 3),
+                           QString(),
+                           SearchMode::Semantic);
         // Rendered, not shown as source: no "#" or "**" left.
-        QCOMPARE(markdown->browser()->toPlainText().trimmed(),
+        QCOMPARE(m_pane->documentView()->toPlainText().trimmed(),
                  QStringLiteral("Sourdough\nFeed the starter weekly."));
-        QVERIFY(!contextPanelVisible());
+        QCOMPARE(m_pane->hitLine(), 3);
+        QCOMPARE(m_pane->hitBlock().text(), QStringLiteral("Feed the starter weekly."));
     }
 
     // The rendered document opens at the hit's source line, not at its top.
-    void htmlAndMarkdownPreviewsScrollToTheHit_data()
+    void htmlAndMarkdownScrollToTheHit_data()
     {
         QTest::addColumn<QString>("name");
-        QTest::addColumn<int>("kind");
         QTest::addColumn<QByteArray>("lineFormat"); // %1: the line's number
-        QTest::newRow("markdown") << "long.md" << int(DocumentPanel::Kind::Markdown)
-                                  << QByteArray("- item **%1** of the list\n\n");
-        QTest::newRow("html") << "long.html" << int(DocumentPanel::Kind::Html)
+        QTest::newRow("markdown") << "long.md" << QByteArray("- item **%1** of the list\n\n");
+        QTest::newRow("html") << "long.html"
                               << QByteArray("<p>paragraph <b>%1</b> &amp; more</p>\n");
     }
-    void htmlAndMarkdownPreviewsScrollToTheHit()
+    void htmlAndMarkdownScrollToTheHit()
     {
         QFETCH(QString, name);
-        QFETCH(int, kind);
         QFETCH(QByteArray, lineFormat);
         QByteArray text;
         int hitLine = 0;
@@ -385,40 +302,183 @@ private slots:
             text += QString::fromLatin1(lineFormat).arg(i).toUtf8();
         }
         QVERIFY(writeFile(m_files.path(), name, text));
-        SearchResult hit;
-        hit.filePath = m_files.filePath(name);
-        hit.lineNumber = hitLine;
-        previewResult(hit, QString(), SearchMode::Semantic);
-        DocumentPanel *panel = DocumentPanel::existing(DocumentPanel::Kind(kind));
-        QVERIFY(panel && panel->isVisible());
-        QTRY_COMPARE(panel->hitLine(), hitLine);
-        QScrollBar *bar = panel->browser()->verticalScrollBar();
-        QVERIFY(bar->value() > bar->maximum() / 2);
-        // The hit's paragraph is on screen.
-        const QTextCursor cursor = panel->browser()->document()->find(QStringLiteral("240"));
-        QVERIFY(!cursor.isNull());
-        const QRect shown = panel->browser()->cursorRect(cursor);
-        QVERIFY(panel->browser()->viewport()->rect().contains(shown.center()));
+        m_pane->showResult(hitIn(m_files.filePath(name), hitLine), QString(), SearchMode::Semantic);
+        QCOMPARE(m_pane->hitLine(), hitLine);
+        QVERIFY(m_pane->hitBlock().text().contains(QStringLiteral("240")));
+        QTextBrowser *view = m_pane->documentView();
+        QTRY_VERIFY(view->verticalScrollBar()->value() > view->verticalScrollBar()->maximum() / 2);
+        QVERIFY(view->viewport()->rect().contains(
+            view->cursorRect(QTextCursor(m_pane->hitBlock())).center()));
     }
 
-    void panelsRememberTheirFrames()
+    void pdfShowsTheHitsPageWithTheMatchesMarked()
     {
-        ContextPanel *panel = ContextPanel::shared();
-        QVERIFY(panel->showFile(
-            m_files.filePath(QStringLiteral("three.txt")), 1, QString(), SearchMode::Semantic));
-        panel->resize(555, 333);
-        panel->hide(); // hiding saves the frame
-        const QByteArray saved =
-            Settings::standard()->value(QStringLiteral("TarnwickContextPanel")).toByteArray();
-        QVERIFY(!saved.isEmpty());
-        QWidget probe;
-        QVERIFY(probe.restoreGeometry(saved));
-        QCOMPARE(probe.size(), QSize(555, 333));
+        const QString pdf = QStringLiteral(TRN_SOURCE_DIR "/samples/tide-table.pdf");
+        m_pane->setDirectory(QStringLiteral(TRN_SOURCE_DIR "/samples"));
+        m_pane->showResult(hitIn(pdf, 1), QStringLiteral("tide"), SearchMode::Text);
+        QCOMPARE(m_pane->content(), PreviewPane::Content::Pdf);
+        QCOMPARE(m_pane->pdfPage(), 0);
+        const int pages = m_pane->pdfView()->pageCount();
+        QCOMPARE(m_pane->location(), QStringLiteral("page 1 of %1").arg(pages));
+        // As many marks as the page's text has matches (a match may wrap over two lines).
+        const QString text = m_pane->pdfView()->pageText(0);
+        const int matches = int(text.count(QStringLiteral("tide"), Qt::CaseInsensitive));
+        QVERIFY(matches > 0);
+        QVERIFY(m_pane->pdfView()->matchOutlines().size() >= matches);
+        // Semantic: nothing to mark.
+        m_pane->showResult(hitIn(pdf, 1), QStringLiteral("tide"), SearchMode::Semantic);
+        QVERIFY(m_pane->pdfView()->matchOutlines().isEmpty());
+        m_pane->setDirectory(m_files.path());
+    }
+
+    // At a small and a large window, beside and under the results, even at the largest share
+    // the pane may take, the results keep their room and the pane never lies over them.
+    void thePaneNeverCoversTheResults_data()
+    {
+        QTest::addColumn<QSize>("size");
+        QTest::addColumn<bool>("below");
+        QTest::addColumn<double>("share");
+        for (const QSize size : {QSize(1024, 768), QSize(1600, 1000)}) {
+            for (const bool below : {false, true}) {
+                for (const double share : {0.45, 0.8}) {
+                    QTest::addRow("%dx%d %s %.2f",
+                                  size.width(),
+                                  size.height(),
+                                  below ? "under" : "beside",
+                                  share)
+                        << size << below << share;
+                }
+            }
+        }
+    }
+    void thePaneNeverCoversTheResults()
+    {
+        QFETCH(QSize, size);
+        QFETCH(bool, below);
+        QFETCH(double, share);
+        Settings::standard()->setPreviewPane(true);
+        Settings::standard()->setPreviewBelow(below);
+        Settings::standard()->setPreviewShare(share);
+        auto w = openAppWindow();
+        MainWindow &window = w->window;
+        QTemporaryDir dir;
+        QVERIFY(writeFile(dir.path(), QStringLiteral("notes.txt"), numberedLines(40)));
+        w->app.addTab(dir.path());
+        window.resize(size);
+        QVERIFY(QTest::qWaitForWindowExposed(&window));
+        QTRY_COMPARE(window.size(), size);
+        const auto global = [](const QWidget *widget) {
+            return QRect(widget->mapToGlobal(QPoint(0, 0)), widget->size());
+        };
+        const QWidget *results = window.resultsView()->parentWidget();
+        const QWidget *pane = window.previewPane();
+        QTRY_VERIFY(pane->isVisible() && pane->width() > 0 && pane->height() > 0);
+        QVERIFY2(!global(results).intersects(global(pane)),
+                 qPrintable(QDebug::toString(global(results)) + QDebug::toString(global(pane))));
+        QVERIFY(results->width() >= results->minimumWidth());
+        QVERIFY(results->height() >= results->minimumHeight());
+        // Both lie inside the window.
+        QVERIFY(
+            window.rect().contains(QRect(results->mapTo(&window, QPoint(0, 0)), results->size())));
+        QVERIFY(window.rect().contains(QRect(pane->mapTo(&window, QPoint(0, 0)), pane->size())));
+        Settings::standard()->setPreviewBelow(false);
+        Settings::standard()->setPreviewShare(Settings::kDefaultPreviewShare);
+    }
+
+    void thePaneFollowsTheSelectionAndThePointer()
+    {
+        auto w = openAppWindow();
+        AppState *app = &w->app;
+        MainWindow &window = w->window;
+        QTemporaryDir dir;
+        QVERIFY(writeFile(dir.path(), QStringLiteral("fox.txt"), "a\nb\nThe quick brown fox.\n"));
+        QVERIFY(writeFile(dir.path(), QStringLiteral("dog.txt"), "The lazy dog and the fox.\n"));
+        app->addTab(dir.path());
+        DirectoryState *state = app->activeState();
+        QTRY_VERIFY_WITH_TIMEOUT(!state->isIngesting(), 60000);
+        QSignalSpy finished(state, &DirectoryState::searchFinished);
+        state->search(QStringLiteral("fox"), SearchMode::Text);
+        QVERIFY(finished.wait(30000));
+        ResultsView *view = window.resultsView();
+        PreviewPane *pane = window.previewPane();
+        view->doItemsLayout();
+        QCOMPARE(view->model()->rowCount(), 2);
+
+        // The first result is current and previewed as soon as the results arrive.
+        QCOMPARE(view->currentIndex().row(), 0);
+        QCOMPARE(pane->result().filePath, state->resultsModel()->result(0).filePath);
+        QCOMPARE(marksOf(pane->textView()), QStringList{"fox"});
+
+        // The selection moves: the pane follows at once.
+        view->setFocus();
+        QTest::keyClick(view, Qt::Key_Down);
+        QCOMPARE(pane->result().filePath, state->resultsModel()->result(1).filePath);
+
+        // The pointer rests on the first row: after 0.6 s, not before, the pane shows it.
+        const QPoint onFirst = view->visualRect(view->model()->index(0, 0)).center();
+        sendMouse(view->viewport(), QEvent::MouseMove, onFirst, Qt::NoButton, Qt::NoButton);
+        QVERIFY(view->isHoverPending());
+        QTest::qWait(300);
+        QCOMPARE(pane->result().filePath, state->resultsModel()->result(1).filePath);
+        QTRY_COMPARE_WITH_TIMEOUT(
+            pane->result().filePath, state->resultsModel()->result(0).filePath, 2000);
+
+        // With "hoverPreview" off only the selection counts.
+        const QPoint onSecond = view->visualRect(view->model()->index(1, 0)).center();
+        Settings::standard()->setHoverPreview(false);
+        sendMouse(view->viewport(), QEvent::MouseMove, onSecond, Qt::NoButton, Qt::NoButton);
+        QVERIFY(!view->isHoverPending());
+
+        // A search with no results leaves no stale preview behind.
+        state->search(QStringLiteral("nowhere to be found"), SearchMode::Text);
+        QVERIFY(finished.wait(30000));
+        QCOMPARE(pane->content(), PreviewPane::Content::Message);
+        QVERIFY(pane->result().filePath.isEmpty());
+    }
+
+    void theKeyHidesAndShowsThePaneAndItsSizeIsKept()
+    {
+        Settings::standard()->setPreviewPane(true);
+        Settings::standard()->setPreviewShare(0.3);
+        auto w = openAppWindow();
+        MainWindow &window = w->window;
+        QTemporaryDir dir;
+        QVERIFY(writeFile(dir.path(), QStringLiteral("notes.txt"), "some words\n"));
+        w->app.addTab(dir.path());
+        window.resize(1000, 700);
+        QVERIFY(QTest::qWaitForWindowExposed(&window));
+        QSplitter *split = window.resultsSplitter();
+        QTRY_VERIFY(window.previewPane()->isVisible());
+        const auto share = [split] {
+            return double(split->sizes().at(1)) / (split->sizes().at(0) + split->sizes().at(1));
+        };
+        QTRY_VERIFY2(qAbs(share() - 0.3) < 0.02, qPrintable(QString::number(share())));
+
+        // Dragging the handle is remembered as the pane's share.
+        split->setSizes({500, 500});
+        emit split->splitterMoved(500, 1);
+        QVERIFY(qAbs(Settings::standard()->previewShare() - 0.5) < 0.02);
+
+        window.action(QStringLiteral("previewPaneAction"))->trigger();
+        QVERIFY(!window.previewPane()->isVisible());
+        QVERIFY(!Settings::standard()->previewPane());
+        window.action(QStringLiteral("previewPaneAction"))->trigger();
+        QVERIFY(window.previewPane()->isVisible());
+        QTRY_VERIFY(qAbs(share() - 0.5) < 0.02);
+        QCOMPARE(window.action(QStringLiteral("previewPaneAction"))->shortcut(),
+                 QKeySequence(Qt::Key_F8));
+
+        // Dragged shut, it counts as hidden.
+        split->setSizes({1000, 0});
+        emit split->splitterMoved(1000, 1);
+        QVERIFY(!Settings::standard()->previewPane());
+        Settings::standard()->setPreviewPane(true);
     }
 
 private:
     std::unique_ptr<IsolatedEnvironment> m_home;
     QTemporaryDir m_files;
+    std::unique_ptr<PreviewPane> m_pane;
 };
 
 QTEST_MAIN(PreviewTest)

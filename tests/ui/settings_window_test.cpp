@@ -79,7 +79,7 @@ private slots:
         types->clear();
         QTest::keyClicks(types, QStringLiteral("json, rst"));
         child<QCheckBox>(&window, "hoverPreviewCheck")->click();
-        child<QCheckBox>(&window, "previewOnTopCheck")->click();
+        child<QCheckBox>(&window, "previewBelowCheck")->click();
         Settings::standard()->sync();
 
         // What a later run of the application reads.
@@ -89,7 +89,7 @@ private slots:
         QCOMPARE(stored.value(QStringLiteral("extraExtensions")).toString(),
                  QStringLiteral("json, rst"));
         QCOMPARE(stored.value(QStringLiteral("hoverPreview")).toBool(), false);
-        QCOMPARE(stored.value(QStringLiteral("previewOnTop")).toBool(), true);
+        QCOMPARE(stored.value(QStringLiteral("previewBelow")).toBool(), true);
 
         // A second window shows what the first one stored.
         SettingsWindow second(m_home->training());
@@ -101,7 +101,7 @@ private slots:
         Settings::standard()->setOverlap(90);
         QCOMPARE(child<QSpinBox>(&second, "overlapField")->value(), 90);
         Settings::standard()->setHoverPreview(true);
-        Settings::standard()->setPreviewOnTop(false);
+        Settings::standard()->setPreviewBelow(false);
     }
 
     // A chunk size and an overlap that cannot cut a text are never stored; the fields say why.

@@ -1,14 +1,14 @@
 /*
 ** Windows that fit: on a virtual screen smaller than the windows' own sizes (the offscreen
 ** platform with a screen of 1200 x 640 beginning at 100,50), every window opens with its whole
-** frame on the screen, a saved frame that no longer fits is not restored, and a preview opens
-** beside the results list and the search bar, never over them.
+** frame on the screen, a saved frame that no longer fits is not restored, and maximised the
+** preview stays beside the results list and the search bar, never over them.
 */
 #include "file_scope_window.h"
 #include "help_window.h"
 #include "loss_chart_window.h"
 #include "main_window.h"
-#include "preview_panels.h"
+#include "preview_pane.h"
 #include "results_view.h"
 #include "search_bar.h"
 #include "settings_window.h"
@@ -80,59 +80,23 @@ private slots:
         m_home->settings()->remove(QStringLiteral("TarnwickSettingsWindow"));
     }
 
-    void previewOpensBesideTheResultsNeverOverThem()
+    void maximisedThePreviewStaysBesideTheResults()
     {
         QTemporaryDir dir;
         QVERIFY(writeFile(dir.path(), QStringLiteral("notes.txt"), numberedLines(40)));
-        m_home->settings()->remove(QStringLiteral("TarnwickContextPanel"));
         auto w = openAppWindow();
-        AppState &app = w->app;
         MainWindow &window = w->window;
+        w->app.addTab(dir.path());
+        window.showMaximized();
         QVERIFY(QTest::qWaitForWindowExposed(&window));
-        app.addTab(dir.path());
-        QTRY_VERIFY_WITH_TIMEOUT(!app.activeState()->isIngesting(), 30000);
-
-        SearchResult hit;
-        hit.filePath = dir.filePath(QStringLiteral("notes.txt"));
-        hit.lineNumber = 20;
-        previewResult(hit, QStringLiteral("line"), SearchMode::Text);
-        ContextPanel *panel = ContextPanel::existing();
-        QVERIFY(panel);
-        QVERIFY(QTest::qWaitForWindowExposed(panel));
-        QVERIFY(kScreen.contains(panel->frameGeometry()));
+        QTRY_VERIFY(window.previewPane()->isVisible());
         QVERIFY(kScreen.contains(window.frameGeometry()));
-        const QRect results = globalRect(window.resultsView());
-        const QRect bar = globalRect(window.searchBar());
-        QVERIFY2(!panel->frameGeometry().intersects(results), "the preview covers the results");
-        QVERIFY2(!panel->frameGeometry().intersects(bar), "the preview covers the search bar");
-        panel->hide();
-    }
-
-    // The placement rule on its own, for the three cases the screens above do not all reach.
-    void previewPlacementKeepsClearOfTheMainWindow_data()
-    {
-        QTest::addColumn<QRect>("main");
-        QTest::addColumn<bool>("mainMoves");
-        QTest::newRow("room on the right") << QRect(0, 0, 900, 700) << false;
-        QTest::newRow("room on the left only") << QRect(1000, 0, 900, 700) << false;
-        QTest::newRow("no room: the main window makes some") << QRect(200, 0, 1500, 700) << true;
-        QTest::newRow("maximised width") << QRect(0, 0, 1920, 1050) << true;
-    }
-    void previewPlacementKeepsClearOfTheMainWindow()
-    {
-        QFETCH(QRect, main);
-        QFETCH(bool, mainMoves);
-        const QRect screen(0, 0, 1920, 1080);
-        const QRect searchBar(main.left(), main.top() + 60, main.width(), 40);
-        QRect mainAfter;
-        const QRect panel = previewPlacement(
-            main, searchBar, screen, QSize(640, 540), QSize(400, 280), 700, &mainAfter);
-        QVERIFY(screen.contains(panel));
-        QVERIFY(screen.contains(mainAfter));
-        QVERIFY(!panel.intersects(mainAfter));
-        QVERIFY(panel.width() >= 400);
-        QVERIFY(mainAfter.width() >= 700);
-        QCOMPARE(mainAfter != main, mainMoves);
+        const QRect results = globalRect(window.resultsView()->parentWidget());
+        const QRect pane = globalRect(window.previewPane());
+        QVERIFY2(!pane.intersects(results), "the preview covers the results");
+        QVERIFY2(!pane.intersects(globalRect(window.searchBar())),
+                 "the preview covers the search bar");
+        QVERIFY(kScreen.contains(pane));
     }
 
 private:

@@ -12,8 +12,8 @@
 ** Files are told apart by their paths; building the document index finds each chunk's file
 ** through a hash of the paths, so it takes time linear in the chunks.
 */
-#include "files.h"
 #include "internal.h"
+#include "text/files.h"
 
 #include <cmath>
 #include <cstring>

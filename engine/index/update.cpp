@@ -22,8 +22,8 @@
 ** Which files are walked and what text they hold is decided by the one walk, classification and
 ** extraction of files.h, as everywhere else.
 */
-#include "files.h"
 #include "internal.h"
+#include "text/files.h"
 
 #include <algorithm>
 #include <cstring>

@@ -302,14 +302,6 @@ void store_load_bytes(TrnEngine *e, const uint8_t *bytes, size_t size)
     load_from_bytes(e, bytes, size);
 }
 
-void node_reset(TrnNode *node)
-{
-    for (int l = 0; l < TRN_MAX_LEVELS; l++) {
-        free(node->neighbors[l]);
-    }
-    memset(node, 0, sizeof *node);
-}
-
 void store_load(TrnEngine *e, const char *path)
 {
     int fd = open(path, O_RDONLY | O_CLOEXEC);

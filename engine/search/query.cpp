@@ -1,25 +1,8 @@
 /*
-** query.cpp -- trn_search, the engine's one query entry point.
-**
-** Six modes:
-**   semantic  embed the query, normalise it, and ask the graph for its nearest chunks. When the
-**             document index names two or more files, the ten files whose centroids are closest
-**             are picked first, the graph is asked for min(4k, 64) hits and only hits from those
-**             files are kept. At most ef_search hits come back, whatever k is.
-**   text      ASCII case-insensitive substring, chunks in index order.
-**   regex     POSIX extended syntax, case-insensitive, leftmost-longest, chunks in index order.
-**   keyword   BM25 over the chunks' words (lexical.cpp), best first.
-**   hybrid    the keyword ranking, 100 deep, and the semantic ranking over every file, as deep
-**             as the graph is searched wide (hybrid_graph_width), fused by reciprocal rank, the
-**             semantic one weighted by how far the two agree at the top (lexical.cpp).
-**   semantic over every file: the graph's nearest chunks, searched at least k wide, unnarrowed.
-** Text and regex hits score 1, 1 - 1/k, 1 - 2/k, ...: the score only encodes the order.
-**
-** Result i always uses the handle's snippet buffer i; a snippet holds at most 300 bytes of the
-** chunk text. For text and regex hits it begins at a word boundary at most 75 bytes before the
-** match, or at the chunk's start when the match lies within its first 76 bytes. Keyword and
-** hybrid snippets do the same for the first query word of the window where the query's words are
-** densest, and their line number is the line on which the snippet starts.
+** query.cpp -- trn_search, the engine's one query entry point, and its semantic, text and regular
+** expression modes (what each mode returns is said at trn_search in tarnwick.h). The keyword
+** ranking is bm25.cpp's, the hybrid one fusion.cpp's, and where a snippet starts snippets.cpp's.
+** A narrowed semantic search asks the graph for min(4k, 64) hits and keeps those of its files.
 **
 ** Regular expressions run on RE2 (Debian's libre2), whose automata take time linear in the text
 ** whatever the pattern: a pattern like (a*)*b that makes a backtracking matcher run for minutes
@@ -54,14 +37,9 @@ static_assert(std::is_standard_layout_v<TrnResult> && std::is_trivially_copyable
 namespace
 {
 
-constexpr int32_t NARROW_FILES = 10;  /* files a semantic search is narrowed to */
-constexpr int32_t SNIPPET_REACH = 75; /* bytes before a match a snippet may start */
-constexpr int32_t QUERY_DIM_MAX = 512;
+constexpr int32_t NARROW_FILES = 10; /* files a semantic search is narrowed to */
 /* Deeper nesting than any pattern a person writes; 20,000 levels must fail in microseconds. */
 constexpr int32_t REGEX_NESTING_MAX = 100;
-/* A keyword or hybrid snippet starts at most SNIPPET_REACH bytes before the densest window of the
-** query's words, so a window of this size still ends inside the 300-byte snippet. */
-constexpr size_t DENSE_WINDOW = TRN_SNIPPET_MAX - SNIPPET_REACH;
 
 struct FreeDeleter {
     void operator()(void *p) const { free(p); }
@@ -162,10 +140,6 @@ int64_t find_ascii_nocase(const char *hay, size_t len, const unsigned char *nl, 
     return -1;
 }
 
-namespace
-{
-
-/* Fills result slot i from chunk idx; the snippet is text[start..] cut at 300 bytes. */
 void fill_result(TrnEngine *e, TrnResult *r, int32_t i, uint64_t idx, float score, size_t start)
 {
     const TrnChunk *c = &e->chunks[idx];
@@ -189,26 +163,18 @@ void fill_result(TrnEngine *e, TrnResult *r, int32_t i, uint64_t idx, float scor
     r->file_type = c->file_type;
 }
 
-/* Where the snippet of a match at offset p begins: 0 for p < 76; else the first space or line
-** feed among the 75 bytes before p (or p itself when there is none), stepped past when it is one.
-*/
-size_t snippet_start(const char *text, int64_t p)
+bool embed_query(TrnEngine *e, const char *query, float *q)
 {
-    if (p < SNIPPET_REACH + 1) {
-        return 0;
+    if (e->dim < 1 || e->dim > QUERY_DIM_MAX) {
+        return false;
     }
-    size_t start = (size_t)p;
-    for (size_t j = (size_t)p - SNIPPET_REACH; j < (size_t)p; j++) {
-        if (text[j] == ' ' || text[j] == '\n') {
-            start = j;
-            break;
-        }
-    }
-    if (text[start] == ' ' || text[start] == '\n') {
-        start += 1;
-    }
-    return start;
+    trn_encoder_embed_text(&e->encoder, query, q);
+    vec_normalize(q, (size_t)e->dim);
+    return true;
 }
+
+namespace
+{
 
 int32_t search_semantic(TrnEngine *e, const char *query, int32_t kk, TrnResult *results)
 {
@@ -281,17 +247,6 @@ int32_t search_semantic(TrnEngine *e, const char *query, int32_t kk, TrnResult *
     return filled;
 }
 
-/* Embeds and normalises the query into q (dim floats); false when dim does not fit. */
-bool embed_query(TrnEngine *e, const char *query, float *q)
-{
-    if (e->dim < 1 || e->dim > QUERY_DIM_MAX) {
-        return false;
-    }
-    trn_encoder_embed_text(&e->encoder, query, q);
-    vec_normalize(q, (size_t)e->dim);
-    return true;
-}
-
 /* Semantic search over every file: the graph is searched with a width of at least kk. */
 int32_t search_semantic_all(TrnEngine *e, const char *query, int32_t kk, TrnResult *results)
 {
@@ -308,19 +263,6 @@ int32_t search_semantic_all(TrnEngine *e, const char *query, int32_t kk, TrnResu
     return n;
 }
 
-/* Fills result slot i from chunk idx with the snippet where the query's words are densest; its
-** line number is that of the snippet's first line. */
-void fill_dense(TrnEngine *e, TrnResult *r, int32_t i, uint64_t idx, float score, const char *query)
-{
-    const char *text = e->chunks[idx].text ? e->chunks[idx].text : "";
-    int64_t p = lex_densest(e, query, text, DENSE_WINDOW);
-    size_t start = p < 0 ? 0 : snippet_start(text, p);
-    fill_result(e, r, i, idx, score, start);
-    for (size_t j = 0; j < start; j++) {
-        r->line_number += text[j] == '\n' ? 1 : 0;
-    }
-}
-
 int32_t search_keyword(TrnEngine *e, const char *query, int32_t kk, TrnResult *results)
 {
     uint32_t idx[TRN_MAX_RESULTS];
@@ -328,30 +270,6 @@ int32_t search_keyword(TrnEngine *e, const char *query, int32_t kk, TrnResult *r
     int32_t n = lex_search(e, query, kk, idx, score);
     for (int32_t i = 0; i < n; i++) {
         fill_dense(e, &results[i], i, idx[i], score[i], query);
-    }
-    return n;
-}
-
-/* The keyword ranking, HYBRID_CANDIDATES deep, and the semantic ranking over every file, fused by
- *reciprocal rank with the semantic weight from hybrid_semantic_weight. Equal weights
- ** let the random encoder's near-random ranking push the right file out of the first ten for a
- ** fifth of the known-item queries (bench/README.md); weighing it by agreement does not. */
-int32_t search_hybrid(TrnEngine *e, const char *query, int32_t kk, TrnResult *results)
-{
-    float q[QUERY_DIM_MAX];
-    if (!embed_query(e, query, q)) {
-        return 0;
-    }
-    uint32_t sem[HYBRID_CANDIDATES], kw[HYBRID_CANDIDATES], fused[TRN_MAX_RESULTS];
-    float sim[HYBRID_CANDIDATES], bm25[HYBRID_CANDIDATES], score[TRN_MAX_RESULTS];
-    int32_t width = hybrid_graph_width(e) > kk ? hybrid_graph_width(e) : kk; /* kk <= 64 */
-    int32_t ns = hnsw_query_width(e, q, width, width, sem, sim);
-    int32_t nk = lex_search(e, query, HYBRID_CANDIDATES, kw, bm25);
-    float weight = hybrid_semantic_weight(kw, nk, sem, ns);
-    /* A semantic ranking weighed 0 adds nothing: its own hits would only trail at score 0. */
-    int32_t n = fuse_rankings(kw, nk, 1.0f, sem, weight > 0.0f ? ns : 0, weight, kk, fused, score);
-    for (int32_t i = 0; i < n; i++) {
-        fill_dense(e, &results[i], i, fused[i], score[i], query);
     }
     return n;
 }

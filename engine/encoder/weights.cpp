@@ -38,7 +38,7 @@
 **
 ** A file whose tensors hold a NaN, an infinity or a value beyond WEIGHT_ABS_MAX is refused after
 ** reading (a short one too, once its tensors have been read into), and the encoder's tensors are
-*drawn afresh from seed 42 (those of a new engine), so a
+** drawn afresh from seed 42 (those of a new engine), so a
 ** damaged file can never make the engine store NaN vectors. With every value within the bound
 ** the forward pass stays finite: each layer starts with a layer norm, which brings its input
 ** back to at most sqrt(512) per component, and the largest product that follows is some 1e25.

@@ -471,6 +471,14 @@ void clear_node(TrnNode *node)
 
 } // namespace
 
+void node_reset(TrnNode *node)
+{
+    for (int l = 0; l < TRN_MAX_LEVELS; l++) {
+        free(node->neighbors[l]);
+    }
+    memset(node, 0, sizeof *node);
+}
+
 void hnsw_insert(TrnEngine *e, uint32_t index)
 {
     int32_t level = e->nodes[index].level;

@@ -7,8 +7,7 @@
 ** NEWS, TODO, foo.Bugs, names without an extension) are the first 512 bytes of the file read:
 ** magic numbers of common binary formats, a 0 byte, or too many control bytes make it binary;
 ** otherwise it is text. The user's extra extensions are read as text when their content is. The
-*numeric values of TrnFileType are stored in the
-** store file and the log, so they never change.
+** numeric values of TrnFileType are stored in the store file and the log, so they never change.
 */
 #include "files.h"
 #include "internal.h"

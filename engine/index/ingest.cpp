@@ -20,8 +20,8 @@
 ** Files larger than TRN_FILE_SIZE_MAX are skipped on their size, before a byte is read: the walk
 ** checks the size it has from stat, and the extraction checks the open file again.
 */
-#include "files.h"
 #include "internal.h"
+#include "text/files.h"
 
 #include <cerrno>
 #include <cmath>

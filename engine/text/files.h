@@ -51,6 +51,8 @@
 ** directories (".tarnwick") are skipped without a report.
 */
 
+constexpr int TRN_WALK_MAX = 1024; /* bytes of a path built during a walk, with its NUL */
+
 /* What one callback of walk_files is about. */
 enum WalkKind : uint32_t {
     WALK_FILE = 0,      /* a regular file (or a link to one inside the root) */
@@ -149,6 +151,9 @@ TrnFileType classify_file(const char *path, const char *const *extra, int32_t ex
 /* The type that path's name alone gives, without touching the file: TRN_FILE_TYPE_UNKNOWN when
 ** the name decides nothing (classify_file would sniff the content then). */
 TrnFileType file_type_by_name(const char *path);
+
+/* 1 when strcasecmp finds s equal to an entry of the NULL-terminated list, else 0. */
+int32_t in_list_casecmp(const char *s, const char *const *list);
 
 /* ---------------------------------------------------------------------------------------------
 ** Text extraction (extract.cpp, extract_pdf.cpp)

@@ -1,0 +1,86 @@
+/*
+** encoder.h -- the tokenizer's and the encoder's records and the one forward pass (bpe.cpp,
+** encoder.cpp, weights.cpp): opaque to everything but the engine, its tests, the benchmarks and
+** the trainers, which train these records in place.
+*/
+#ifndef TRN_ENCODER_H
+#define TRN_ENCODER_H
+
+#include "tarnwick.h"
+
+#include <cstddef>
+#include <cstdint>
+
+struct TrnBpe {
+    uint32_t (*merges)[2]; /* n_merges pairs (left, right) in the order they were learned; owned */
+    uint32_t n_merges;
+    uint32_t vocab_size; /* always n_merges + 260 */
+};
+
+/* One transformer layer; every array is owned by the encoder. */
+struct TrnEncoderLayer {
+    float *wq, *wk, *wv, *wo; /* 512 x 512 projections, no bias */
+    float *w1, *b1;           /* 512 x 2048 up projection and its bias */
+    float *w2, *b2;           /* 2048 x 512 down projection and its bias */
+    float *ln1_gamma, *ln1_beta, *ln2_gamma, *ln2_beta; /* 512 each */
+};
+
+struct TrnScratch;
+
+struct TrnEncoder {
+    uint32_t vocab_size;           /* rows of tok_emb: 260, or the tokenizer's vocabulary size */
+    TrnBpe *bpe;                   /* owned tokenizer, or NULL for byte-level input */
+    float *tok_emb;                /* vocab_size x 512 */
+    float *pos_emb;                /* 256 x 512 */
+    float *ln_f_gamma, *ln_f_beta; /* 512 each */
+    TrnEncoderLayer layers[TRN_ENCODER_LAYERS];
+    TrnScratch *scratch; /* owned buffers of trn_encoder_embed_text; NULL until the first */
+};
+
+/* In-place forms of trn_encoder_init, trn_encoder_init_bpe and trn_encoder_free, for an encoder
+** held by value (the engine handle's, the tests'): encoder_release frees what the record owns
+** and zeroes it, but not the record. */
+void encoder_init(TrnEncoder *enc, uint32_t seed);
+void encoder_init_bpe(TrnEncoder *enc, uint32_t seed, TrnBpe *bpe);
+void encoder_release(TrnEncoder *enc);
+
+/* ---------------------------------------------------------------------------------------------
+** Encoder internals (encoder.cpp)
+*/
+/* n floats, or "tarnwick: OOM (%zu bytes)" and exit(1). */
+float *encoder_alloc_floats(size_t n);
+/* The buffers of one embedding (encoder.cpp), about 6 MB. One scratch serves one embedding at a
+** time; embeddings with different scratches may run at once on the same encoder. */
+TrnScratch *scratch_new(void);
+void scratch_free(TrnScratch *ws); /* NULL is ignored */
+/* trn_encoder_embed_text with the given scratch: reads enc, writes ws and the 512 floats of out. */
+void encoder_embed(const TrnEncoder *enc, TrnScratch *ws, const char *text, float *out);
+
+/* Where encoder_forward copies the activations of one sequence of n positions, for a backward
+** pass (trainers/model.cpp). Rows are 512 floats (2048 for h and g) for each of the n positions;
+** the per-row norm values are one float per position. Every pointer must be set. */
+struct TrnForwardSave {
+    float *x[TRN_ENCODER_LAYERS + 1]; /* residual entering layer l; [2] enters the final norm */
+    float *ln1_mean[TRN_ENCODER_LAYERS], *ln1_rstd[TRN_ENCODER_LAYERS]; /* 1 / sqrt(var + eps) */
+    float *a[TRN_ENCODER_LAYERS];                                       /* first norm's output */
+    float *q[TRN_ENCODER_LAYERS], *k[TRN_ENCODER_LAYERS], *v[TRN_ENCODER_LAYERS];
+    float *probs[TRN_ENCODER_LAYERS]; /* 8 blocks of n x n softmax rows, head after head */
+    float *ctx[TRN_ENCODER_LAYERS];   /* concatenated head outputs */
+    float *mid[TRN_ENCODER_LAYERS];   /* residual after attention */
+    float *ln2_mean[TRN_ENCODER_LAYERS], *ln2_rstd[TRN_ENCODER_LAYERS];
+    float *b[TRN_ENCODER_LAYERS];                         /* second norm's output */
+    float *h[TRN_ENCODER_LAYERS], *g[TRN_ENCODER_LAYERS]; /* before and after GELU */
+    float *lnf_mean, *lnf_rstd, *y;                       /* final norm and its output */
+    float *pooled; /* 512: the mean of y's rows, before normalisation */
+    float *norm;   /* 1: the length of pooled */
+};
+/* The forward pass over n (1 to 256) token ids: writes the unit vector to out (512 floats), and
+** the activations to save when it is not NULL. The one forward pass of the engine and the
+** trainer; the same bits with or without save. */
+void encoder_forward(const TrnEncoder *enc, TrnScratch *ws, const uint32_t *ids, int n, float *out,
+                     TrnForwardSave *save);
+/* Draws every tensor afresh from seed, as trn_encoder_init does, keeping the tokenizer and the
+** vocabulary size. */
+void encoder_redraw(TrnEncoder *enc, uint32_t seed);
+
+#endif /* TRN_ENCODER_H */

@@ -1,0 +1,96 @@
+/*
+** handle.h -- the engine handle: the chunk table every part works on, and the state each part
+** keeps in it. Only the engine's own sources and its tests see this record; benchmarks reach a
+** handle through probe.h.
+*/
+#ifndef TRN_HANDLE_H
+#define TRN_HANDLE_H
+
+#include "tarnwick.h"
+
+#include "encoder/encoder.h"
+#include "index/hnsw.h"
+#include "search/search.h"
+#include "storage/storage.h"
+
+#include <cstdint>
+#include <cstdio>
+
+constexpr int TRN_ID_MAX = 256;     /* doc_id buffer: at most 255 bytes and a NUL */
+constexpr int TRN_PATH_MAX = 512;   /* store_path, wal_path */
+constexpr int TRN_ERROR_MAX = 1200; /* trn_last_error's message, with its NUL */
+
+struct TrnChunk {
+    char doc_id[TRN_ID_MAX];
+    char *text;      /* owned, never NULL for a live slot */
+    char *file_path; /* owned, may be NULL */
+    int32_t chunk_index;
+    int32_t line_number;
+    uint32_t file_type;
+    uint8_t deleted;
+};
+
+/* Terms, postings and chunk lengths of the word index (word_index.h). */
+struct TrnLexical;
+
+struct TrnEngine {
+    TrnChunk *chunks;  /* capacity slots */
+    float *vectors;    /* capacity x dim; chunk i at i * dim */
+    TrnNode *nodes;    /* capacity slots, parallel to chunks */
+    uint64_t count;    /* slots in use, live and deleted */
+    uint64_t capacity; /* count <= capacity */
+    int32_t dim;
+    int32_t M;
+    int32_t ef_construction;
+    int32_t ef_search;
+    int32_t entry_point; /* -1 for an empty graph */
+    int32_t max_level;   /* -1 for an empty graph */
+    float level_mult;
+    uint64_t deleted_count;
+    char store_path[TRN_PATH_MAX]; /* empty for an in-memory engine */
+    char wal_path[TRN_PATH_MAX];
+    FILE *wal; /* the log, open for appending, or NULL; written with write(2) and fsync(2) only */
+    TrnEncoder encoder;
+    uint8_t weights_loaded;
+    int32_t embed_threads;      /* workers of embed_chunks, >= 1 */
+    TrnScratch **embed_scratch; /* their scratch spaces (slot 0 unused), NULL until needed */
+    uint64_t level_state;       /* the graph level generator (draw_level) */
+
+    /* document index (docindex.cpp) */
+    char **file_names;
+    float *centroids; /* file_count x dim */
+    int32_t *file_chunk_counts;
+    int32_t file_count;
+    int32_t file_capacity;
+
+    /* query buffers: result i of a search always uses snippet i */
+    char snippets[TRN_MAX_RESULTS][TRN_SNIPPET_MAX + 1];
+
+    /* graph search scratch, kept between calls so a search clears nothing (hnsw.cpp) */
+    TrnVisited visited;
+    TrnGraphScratch *graph_scratch; /* NULL until the first graph search */
+
+    /* word index of the live chunks (word_index.cpp); NULL until the first lex_sync */
+    TrnLexical *lexical;
+    /* durability (commit.cpp); all zero for an in-memory handle */
+    int lock_fd; /* tarnwick.lock, valid when lock_open */
+    uint8_t lock_open;
+    uint8_t rebuild;           /* built in memory, swapped in by the next checkpoint */
+    int32_t refused;           /* a status other than TRN_STATUS_OK: every write fails with it */
+    int32_t status;            /* of the last call that failed, or TRN_STATUS_OK */
+    char error[TRN_ERROR_MAX]; /* its message; empty with TRN_STATUS_OK */
+    TrnDiskView seen;          /* the directory as this handle last loaded or wrote it */
+    uint8_t has_commit;        /* the loaded state came with a commit record */
+    uint64_t generation;       /* generation of the loaded store; 0 without a commit record */
+    uint8_t store_present;     /* the loaded store existed, with this size and checksum */
+    uint64_t store_size;
+    uint32_t store_crc;
+    uint64_t wal_end;    /* end of the last whole group of the log, read or written */
+    uint64_t wal_chunks; /* chunks logged since the last checkpoint */
+    uint8_t wal_legacy;  /* the log holds records of an older version (no groups) */
+    uint8_t wal_stale;   /* the log belongs to an older generation and is ignored */
+    uint8_t changed;     /* memory holds what the store does not (log replayed, writes) */
+    uint8_t unsaved;     /* memory holds what neither the store nor the log does */
+};
+
+#endif /* TRN_HANDLE_H */

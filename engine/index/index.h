@@ -1,0 +1,56 @@
+/*
+** index.h -- how chunks get into the handle: ingestion (ingest.cpp), removal and counts by file
+** (docindex.cpp) and the update of a directory (update.cpp).
+*/
+#ifndef TRN_INDEX_H
+#define TRN_INDEX_H
+
+#include "tarnwick.h"
+
+#include <cstddef>
+#include <cstdint>
+
+/* ---------------------------------------------------------------------------------------------
+** Ingestion (ingest.cpp)
+*/
+void ensure_cap(TrnEngine *e, uint64_t n);
+void add_doc_mem(TrnEngine *e, const char *doc_id, const char *text, const char *path,
+                 int32_t chunk_index, int32_t line_number, uint32_t file_type);
+/* As add_doc_mem with the vector already embedded and normalised (dim floats). */
+void add_doc_vec(TrnEngine *e, const char *doc_id, const char *text, const char *path,
+                 int32_t chunk_index, int32_t line_number, uint32_t file_type, const float *v);
+/* Draws a graph level from the generator at *state (splitmix64): floor(-ln(u) * level_mult)
+** clamped to 0..31, u uniform in (0, 1]. */
+int32_t draw_level(uint64_t *state, float level_mult);
+/* Marks the live chunks of path deleted (rebuilding the graph when more than half of the slots
+** are deleted) and returns how many; writes nothing. */
+int32_t remove_file_mem(TrnEngine *e, const char *path);
+/* Number of live chunks of path. */
+int32_t count_file_chunks(const TrnEngine *e, const char *path);
+int32_t chunk_and_ingest(TrnEngine *e, const char *path, const char *text, int64_t length,
+                         int32_t chunk_size, int32_t overlap, TrnFileType type);
+/* As chunk_and_ingest, replacing the chunks path had: the removal and the new chunks are one
+** group of the log. An empty text only removes. Returns the chunks added, or -1 when the write
+** failed (the old chunks then stay). */
+int32_t chunk_and_replace(TrnEngine *e, const char *path, const char *text, int64_t length,
+                          int32_t chunk_size, int32_t overlap, TrnFileType type);
+
+/* ---------------------------------------------------------------------------------------------
+** The walk of an update and the text of a file (update.cpp). One place decides which files of a
+** directory are indexed and what text they hold.
+*/
+/* True when the options' global patterns (or the default ones) exclude rel, a path relative to
+** the walked root (a directory's with a trailing "/"). */
+bool update_excludes(const TrnWalkOptions *opts, const char *rel);
+/* Files update_text has read in this process (a test hook: unchanged files must not be read). */
+extern uint64_t g_update_files_read;
+/* A file modified less than this many nanoseconds before it was read is read again by the next
+** update (3 s; a test hook). */
+extern int64_t g_update_recent_ns;
+/* The text to index of a walked file (extract_file_text) and its length: an empty text when it
+** is too short to index, NULL when it cannot be read, or turns out binary, not UTF-8 or too
+** large (*binary set then). */
+char *update_text(const char *path, TrnFileType type, uint64_t max_size, size_t *length,
+                  bool *binary);
+
+#endif /* TRN_INDEX_H */

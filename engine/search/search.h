@@ -1,0 +1,82 @@
+/*
+** search.h -- what trn_search is made of: the scans and modes (query.cpp), the keyword ranking
+** (bm25.cpp), where a snippet starts (snippets.cpp) and the hybrid mode's whole policy
+** (fusion.cpp).
+*/
+#ifndef TRN_SEARCH_H
+#define TRN_SEARCH_H
+
+#include "tarnwick.h"
+
+#include <cstddef>
+#include <cstdint>
+
+constexpr int TRN_MAX_RESULTS = 64;    /* results per trn_search */
+constexpr int TRN_SNIPPET_MAX = 300;   /* bytes of a snippet, without its NUL */
+constexpr int32_t QUERY_DIM_MAX = 512; /* the widest vector a query is embedded into */
+
+/* ---------------------------------------------------------------------------------------------
+** Modes and scans (query.cpp)
+*/
+/* Offset of the first occurrence of the n-byte needle nl, already lower-cased, in the len-byte hay,
+** ignoring ASCII case (what strcasestr finds in the C and UTF-8 locales); -1 when there is none.
+** An empty needle is found at 0. */
+int64_t find_ascii_nocase(const char *hay, size_t len, const unsigned char *nl, size_t n);
+/* Embeds and normalises the query into q (dim floats); false when dim does not fit. */
+bool embed_query(TrnEngine *e, const char *query, float *q);
+/* Fills result slot i from chunk idx; the snippet is text[start..] cut at TRN_SNIPPET_MAX bytes. */
+void fill_result(TrnEngine *e, TrnResult *r, int32_t i, uint64_t idx, float score, size_t start);
+
+/* ---------------------------------------------------------------------------------------------
+** Keyword ranking (bm25.cpp)
+*/
+constexpr float LEX_K1 = 1.2f; /* BM25 term-frequency saturation */
+constexpr float LEX_B = 0.75f; /* BM25 length normalisation */
+/* Syncs the word index, then writes the best min(k, matching) live chunks for query by BM25,
+** best first (equal scores: lower slot first), to out_slots and their scores to out_scores.
+** Returns how many. */
+int32_t lex_search(TrnEngine *e, const char *query, int32_t k, uint32_t *out_slots,
+                   float *out_scores);
+
+/* ---------------------------------------------------------------------------------------------
+** Snippets (snippets.cpp)
+*/
+/* Where the snippet of a match at offset p begins: at most 75 bytes before it, at a word
+** boundary. */
+size_t snippet_start(const char *text, int64_t p);
+/* Offset in text of the first query word of the window of window bytes where the query's words
+** are densest (each distinct word counts its idf, a repeat a quarter of it); -1 when none occurs.
+*/
+int64_t lex_densest(TrnEngine *e, const char *query, const char *text, size_t window);
+/* Fills result slot i from chunk idx with the snippet where the query's words are densest; its
+** line number is that of the snippet's first line. */
+void fill_dense(TrnEngine *e, TrnResult *r, int32_t i, uint64_t idx, float score,
+                const char *query);
+
+/* ---------------------------------------------------------------------------------------------
+** Hybrid search (fusion.cpp): the keyword ranking and the semantic one, fused by reciprocal rank,
+** the semantic one weighted by how far the two agree at the top.
+*/
+constexpr float LEX_RRF_K = 60.0f; /* reciprocal rank fusion: weight / (LEX_RRF_K + rank) */
+constexpr int32_t LEX_AGREEMENT_DEPTH = 20; /* see hybrid_semantic_weight */
+constexpr float LEX_AGREEMENT_FLOOR = 0.2f; /* see hybrid_semantic_weight */
+constexpr int32_t HYBRID_CANDIDATES = 100;  /* keyword ranking a hybrid search fuses */
+constexpr int32_t HYBRID_GRAPH_MIN = 50;    /* see hybrid_graph_width */
+/* How wide a hybrid search searches the graph, and how deep the semantic ranking it fuses:
+** ef_search within HYBRID_GRAPH_MIN..HYBRID_CANDIDATES. */
+int32_t hybrid_graph_width(const TrnEngine *e);
+/* How much the semantic ranking counts in a hybrid search, from 0 to 1. s is the share of the
+** keyword ranking's first LEX_AGREEMENT_DEPTH chunks that are also among the semantic ranking's
+** first LEX_AGREEMENT_DEPTH; the weight is (s - LEX_AGREEMENT_FLOOR) / (1 - LEX_AGREEMENT_FLOOR),
+** 0 when that is negative, and 1 when the keyword ranking is empty. */
+float hybrid_semantic_weight(const uint32_t *kw, int32_t nk, const uint32_t *sem, int32_t ns);
+/* Reciprocal rank fusion of two rankings of chunk slots, best first: a slot scores
+** wa / (LEX_RRF_K + rank in a) + wb / (LEX_RRF_K + rank in b), ranks from 1, a missing rank adding
+** nothing. Writes the best min(k, distinct slots) to out and out_scores, best first; equal scores
+** keep a's order, then b's. Returns how many. */
+int32_t fuse_rankings(const uint32_t *a, int32_t na, float wa, const uint32_t *b, int32_t nb,
+                      float wb, int32_t k, uint32_t *out, float *out_scores);
+/* trn_search's hybrid mode: up to kk (at most TRN_MAX_RESULTS) results. */
+int32_t search_hybrid(TrnEngine *e, const char *query, int32_t kk, TrnResult *results);
+
+#endif /* TRN_SEARCH_H */

@@ -1,0 +1,50 @@
+/*
+** manifest.h -- the file manifest (manifest.cpp): what the index knows of each file it walked,
+** so an update reads only the files that changed.
+*/
+#ifndef TRN_MANIFEST_H
+#define TRN_MANIFEST_H
+
+#include <cstddef>
+#include <cstdint>
+
+constexpr uint32_t MANIFEST_FLAG_RECENT = 1; /* modified just before it was read: read again */
+
+struct ManifestEntry {
+    char *path; /* owned */
+    uint64_t size;
+    int64_t mtime_ns;
+    int64_t ctime_ns;
+    uint64_t inode;
+    uint64_t text_hash; /* of the text that was chunked; 0 for a file not indexed */
+    uint32_t type;      /* TrnFileType */
+    uint32_t chunks;    /* live chunks the file had when the entry was written */
+    uint32_t flags;
+};
+
+struct Manifest {
+    int32_t chunk_size;
+    int32_t overlap;
+    uint32_t text_version;
+    ManifestEntry *entries; /* count entries, owned */
+    uint32_t count;
+    uint32_t capacity;
+};
+
+/* How text is taken from files; an index whose manifest names another version reads every file
+** again (and replaces only those whose text changed). */
+constexpr uint32_t MANIFEST_TEXT_VERSION = 1;
+
+/* Reads the manifest at path into m (emptied first). False, with m empty, when it is missing,
+** damaged or of another version: the caller then trusts no entry. */
+bool manifest_read(const char *path, Manifest *m);
+/* Writes m to path atomically (temporary file, sync, rename, directory sync), mode 0600.
+** False when it could not be written (the old manifest then stays). */
+bool manifest_write(const char *path, const Manifest *m);
+/* Appends a copy of e (its path copied). */
+void manifest_add(Manifest *m, const ManifestEntry *e);
+void manifest_free(Manifest *m);
+/* 64-bit FNV-1a of n bytes. */
+uint64_t text_hash(const char *p, size_t n);
+
+#endif /* TRN_MANIFEST_H */

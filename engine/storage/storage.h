@@ -1,0 +1,128 @@
+/*
+** storage.h -- what keeps an index on disk: the store and the log (store.cpp, wal.cpp), the lock,
+** the commit record and staying in step with other processes (commit.cpp), and the index's
+** private files (file_io.cpp).
+*/
+#ifndef TRN_STORAGE_H
+#define TRN_STORAGE_H
+
+#include "tarnwick.h"
+
+#include "alloc.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <vector>
+
+constexpr uint32_t TRN_WAL_ID_LIMIT = 4096;
+constexpr size_t TRN_COMMIT_SIZE = 48; /* bytes of the commit record (commit.cpp) */
+/* A normal handle checkpoints once its log holds this many chunks, so reopening after a crash
+** re-embeds at most this many (g_checkpoint_chunks, a test hook, starts at this value). */
+constexpr uint64_t TRN_CHECKPOINT_CHUNKS = 4096;
+
+/* What identifies the committed state of an index directory: the commit record's bytes and the
+** identity of the store and the log. A handle compares it with what it saw when it last loaded,
+** to notice that another process committed. */
+struct TrnDiskView {
+    uint8_t commit[TRN_COMMIT_SIZE + 1]; /* one byte more, so a longer file is noticed */
+    uint32_t commit_len;                 /* bytes read; 0 without a commit record */
+    uint8_t has_commit, has_store, has_wal;
+    uint64_t store_ino, store_size;
+    int64_t store_mtime_ns;
+    uint64_t wal_ino, wal_size;
+    int64_t wal_mtime_ns;
+};
+
+/* ---------------------------------------------------------------------------------------------
+** Store and log (store.cpp, wal.cpp)
+*/
+/* Loads a store file into an empty handle; a bad magic or version leaves the handle empty. Reads
+** never run past the file and never allocate more than it could hold. */
+void store_load(TrnEngine *e, const char *path);
+/* Loads size bytes of a store file into an empty handle, as store_load does. */
+void store_load_bytes(TrnEngine *e, const uint8_t *bytes, size_t size);
+/* Writes the store to a temporary file, commits it (commit record, rename) and empties the log.
+** The caller holds the exclusive lock and has refreshed the handle. Returns false, with the
+** handle's status set and the directory at its last committed state, on failure. */
+bool checkpoint_locked(TrnEngine *e);
+/* Replays the log at path into the handle from offset from (0, or the end of a group already
+** replayed), reading only. A log of an older version is replayed record by record up to a torn
+** tail; a grouped log group by group, up to the last whole group. Sets wal_end, wal_chunks,
+** wal_legacy and wal_stale. Returns false when a group before the last fails its checksum.
+** Without apply the records are only checked. */
+bool wal_replay(TrnEngine *e, const char *path, uint64_t from = 0, bool apply = true);
+/* Byte buffer of records to append as one group. */
+using TrnBytes = std::vector<uint8_t, XAllocator<uint8_t>>;
+/* Appends the 'G' record when the log is empty, so a group can follow. */
+void wal_group_begin(const TrnEngine *e, TrnBytes *group);
+/* Appends an 'A' record for one chunk. */
+void wal_put_add(TrnBytes *group, const char *doc_id, const char *text, const char *path,
+                 int32_t chunk_index, int32_t line_number, uint32_t file_type);
+/* Appends a 'D' record: every chunk of path is removed. */
+void wal_put_remove(TrnBytes *group, const char *path);
+/* Ends the group with its 'C' record, writes it to the log and syncs the log. On failure cuts
+** the log back to where the group began, sets the status and returns false. Nothing is written
+** and true returned when the handle keeps no log. */
+bool wal_commit_group(TrnEngine *e, TrnBytes *group);
+
+/* ---------------------------------------------------------------------------------------------
+** Durability (commit.cpp): the lock, the commit record and staying in step with other processes
+*/
+/* How long a write waits for the lock, in milliseconds; TRN_BUSY_TIMEOUT_MS. Test hook. */
+extern int g_busy_timeout_ms;
+/* Logged chunks that make a normal handle checkpoint; TRN_CHECKPOINT_CHUNKS. Test hook. */
+extern uint64_t g_checkpoint_chunks;
+/* CRC-32 (zlib's) of n bytes, continuing crc (0 to start). */
+uint32_t crc32_update(uint32_t crc, const void *p, size_t n);
+/* Fills out with the path of name in the handle's index directory. */
+void index_file_path(const TrnEngine *e, const char *name, char *out, size_t size);
+/* Sets the status and message of the handle for the operation that met the failure; returns
+** false. io_error is errno for TRN_STATUS_IO_ERROR, else 0. */
+bool fail_status(TrnEngine *e, int32_t status, int io_error);
+void status_clear(TrnEngine *e);
+/* Takes the lock (LOCK_SH or LOCK_EX), waiting up to timeout_ms. False when it stays busy. */
+bool lock_take(TrnEngine *e, int op, int timeout_ms);
+void lock_release(TrnEngine *e);
+/* Reads the directory's identity. */
+void disk_view_read(const TrnEngine *e, TrnDiskView *v);
+/* True when nothing was committed between the two views. */
+bool disk_view_unchanged(const TrnDiskView *a, const TrnDiskView *b);
+/* Loads the committed state into an empty handle (lock held). False when it is damaged. Without
+** replay the log is checked but not applied. */
+bool index_load(TrnEngine *e, bool replay = true);
+/* Brings the handle up to the committed state (lock held): replays groups other processes
+** appended, or reloads everything after another process's checkpoint. False when damaged. */
+bool index_refresh_locked(TrnEngine *e);
+/* Before a read: refreshes the handle when another process committed, waiting briefly for the
+** shared lock (a busy index is read as it was). */
+void index_refresh_for_read(TrnEngine *e);
+/* Starts a write: takes the exclusive lock, refreshes, brings the log to a state it can be
+** appended to. False, with the status set and no lock held, when the write cannot go ahead.
+** Handles without files (in memory, rebuilding) take no lock and always succeed. */
+bool write_begin(TrnEngine *e);
+void write_end(TrnEngine *e);
+/* Swaps a rebuilt handle in as the directory's index (trn_checkpoint of a rebuild handle). */
+bool rebuild_swap(TrnEngine *e);
+/* Writes the commit record of the next generation for a store of that size and checksum, the
+** current store as the previous one (temporary file, sync, rename, directory sync). */
+bool commit_write(TrnEngine *e, uint64_t store_size, uint32_t store_crc);
+/* Removes temporary files that a crashed writer left ("tarnwick.bin.XXXXXX",
+** "tarnwick.commit.XXXXXX", "tarnwick.files.XXXXXX"); the exclusive lock is held, so none of them
+** is being written. */
+void remove_stale_temps(const TrnEngine *e);
+/* Moves the files of a damaged index aside ("<name>.damaged-<time>"), never over another. */
+void keep_damaged_aside(TrnEngine *e);
+/* Makes a rename inside the directory of path durable. Returns false when the sync failed. */
+bool sync_parent_dir(const char *path);
+
+/* ---------------------------------------------------------------------------------------------
+** Private files (file_io.cpp)
+*/
+/* fopen for the index's files: "wb", "ab" or "r+b"; a file it creates is 0600 and an existing
+** one is set to 0600, so no other user can read what was indexed. NULL on failure. */
+FILE *private_fopen(const char *path, const char *mode);
+/* open(2) with the same rule as private_fopen (mode 0600, O_CLOEXEC added); -1 on failure. */
+int private_open(const char *path, int flags);
+
+#endif /* TRN_STORAGE_H */
