@@ -267,11 +267,13 @@ typedef struct TrnWalkOptions {
 typedef struct TrnFileInfo {
     char *path;           /* owned by the list */
     char *name;           /* points into path, after its last "/" */
-    TrnFileType type;     /* the walk's classification (trn_detect_file_type with its options) */
+    TrnFileType type;     /* the walk's classification (trn_detect_file_type with its options);
+                             by the name alone for a file the walk did not read */
     int64_t size;         /* bytes, from stat */
     uint32_t chunk_count; /* live chunks of this file in the engine */
     uint8_t indexed;      /* 1 when chunk_count >= 1 */
     uint8_t is_dir;       /* 1 for an excluded or unreadable directory, reported once */
+    uint8_t changed;      /* 1 when indexed and modified after the index was last written */
     TrnFileStatus status; /* the walk's verdict; trn_list_dir_files_ex also reads the text */
     char *reason;         /* owned; for EXCLUDED the rule, e.g. ".gitignore:3: build/"; else "" */
 } TrnFileInfo;
@@ -534,17 +536,19 @@ TRN_API TrnStats trn_stats(const TrnEngine *e);
 
 /* Lists every regular file under dir that the walk of trn_ingest_dir reads (whatever its size,
 ** excluded names left out) with its type, size and, when e is not NULL, its live chunk count;
-** status is TOO_LARGE, BINARY or INDEXABLE (the text is not read). Never returns NULL (a
-** directory that cannot be opened gives an empty list); free with trn_free_file_list. */
+** status is TOO_LARGE, BINARY or INDEXABLE (the text is not read). Costs the files plus the
+** chunks. Never returns NULL (a directory that cannot be opened gives an empty list); free with
+** trn_free_file_list. */
 TRN_API TrnFileList *trn_list_dir_files(TrnEngine *e, const char *dir);
 
 /* Lists every file under dir as the walk of the given options sees it, with a verdict for each:
 ** excluded ones (a directory that is excluded is one entry, with is_dir set, and is not entered),
-** too large, binary, and for the indexable ones the outcome of reading their text (NOT_UTF8,
-** TOO_SHORT, UNREADABLE, or INDEXABLE when they give text), and when e is not NULL the live chunk
-** counts. opts NULL selects the defaults (see TrnWalkOptions). Reads every indexable file, so it
-** is slower than trn_list_dir_files. Never returns NULL (a directory that cannot be opened gives
-** an empty list); free with trn_free_file_list. */
+** too large, binary, and for the indexable ones that hold no chunk the outcome of reading their
+** text (NOT_UTF8, TOO_SHORT, UNREADABLE, or INDEXABLE when they give text), and when e is not
+** NULL the live chunk counts. opts NULL selects the defaults (see TrnWalkOptions). Reads the
+** indexable files the index holds nothing of, so it is slower than trn_list_dir_files. Never
+** returns NULL (a directory that cannot be opened gives an empty list); free with
+** trn_free_file_list. The one listing both tarnwick-cli's files and the application show. */
 TRN_API TrnFileList *trn_list_dir_files_ex(TrnEngine *e, const char *dir,
                                            const TrnWalkOptions *opts);
 

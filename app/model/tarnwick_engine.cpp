@@ -278,64 +278,36 @@ QList<SearchResult> TarnwickEngine::search(const QString &query, SearchMode mode
 
 QList<FileInfo> TarnwickEngine::fileList()
 {
-    QHash<QString, int> chunkCounts;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_handle) {
-            for_each_live_chunk_path(m_handle, [&chunkCounts](const char *path) {
-                chunkCounts[QFile::decodeName(path)]++;
-            });
-        }
-    }
-    // A file modified after the index was last written has changed since it was indexed. (Files
-    // changed between their own indexing and the last write are not told apart.)
-    qint64 indexWrittenNs = 0;
-    for (const char *name : {"/tarnwick.bin", "/tarnwick.wal"}) {
-        struct stat st;
-        if (::stat(QFile::encodeName(m_dataDir + QLatin1String(name)).constData(), &st) == 0) {
-            indexWrittenNs = std::max(indexWrittenNs,
-                                      qint64(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec);
-        }
-    }
     const std::unique_ptr<FileWalkOptions> walk = FileWalkOptions::fromSettings();
     const QByteArray root = QFile::encodeName(m_directoryPath);
+    std::unique_ptr<TrnFileList, void (*)(TrnFileList *)> list(nullptr, trn_free_file_list);
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        list.reset(trn_list_dir_files_ex(m_handle, root.constData(), walk->options()));
+    }
     QList<FileInfo> files;
-    walk_files(root.constData(), walk->options(), [&](const WalkedFile &f) {
-        if (f.kind != WALK_FILE && f.kind != WALK_DIR) {
-            return WALK_CONTINUE;
-        }
+    files.reserve(list->count);
+    for (int32_t i = 0; i < list->count; i++) {
+        const TrnFileInfo &f = list->entries[i];
         FileInfo info;
         info.path = QFile::decodeName(f.path);
         info.id = info.path;
-        info.name = QFileInfo(info.path).fileName();
-        info.isDirectory = f.kind == WALK_DIR;
-        info.fileSize = info.isDirectory ? 0 : qint64(f.size);
-        info.status = int(f.status);
-        info.reason = QString::fromUtf8(f.reason);
-        TrnFileType type = f.type;
+        info.name = QFile::decodeName(f.name);
+        info.isDirectory = f.is_dir != 0;
         if (info.isDirectory) {
             info.fileType = QStringLiteral("Folder");
-        } else {
-            if (type == TRN_FILE_TYPE_UNKNOWN) {
-                type = file_type_by_name(f.path);
-            }
-            if (type != TRN_FILE_TYPE_UNKNOWN) {
-                info.fileType = QString::fromLatin1(trn_file_type_name(type));
-            }
+        } else if (f.type != TRN_FILE_TYPE_UNKNOWN) {
+            info.fileType = QString::fromLatin1(trn_file_type_name(f.type));
         }
-        info.chunkCount = chunkCounts.value(info.path, 0);
-        info.isIndexed = info.chunkCount > 0;
-        if (f.kind == WALK_FILE && f.status == TRN_FILE_STATUS_INDEXABLE && !info.isIndexed) {
-            // Why a readable file holds no chunk: its text decides (not UTF-8, too short, ...).
-            ExtractedText text;
-            info.status = int(extract_file_text(f.path, f.type, walk->maxFileSize(), &text));
-            extracted_text_free(&text);
-        }
-        info.isIndexable = info.status == TRN_FILE_STATUS_INDEXABLE;
-        info.isChanged = info.isIndexed && indexWrittenNs > 0 && f.mtime_ns > indexWrittenNs;
+        info.fileSize = info.isDirectory ? 0 : f.size;
+        info.chunkCount = int(f.chunk_count);
+        info.isIndexed = f.indexed != 0;
+        info.isChanged = f.changed != 0;
+        info.status = int(f.status);
+        info.isIndexable = f.status == TRN_FILE_STATUS_INDEXABLE;
+        info.reason = QString::fromUtf8(f.reason);
         files.append(info);
-        return WALK_CONTINUE;
-    });
+    }
     return files;
 }
 

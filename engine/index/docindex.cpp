@@ -1,7 +1,7 @@
 /*
 ** docindex.cpp -- per-file views of the chunk table: the document index (one unit centroid per
 ** file, which narrows semantic searches to the best-matching files), removal of a file's chunks,
-** compaction of the tables after removals, statistics and the listing of a directory's files.
+** compaction of the tables after removals and statistics.
 **
 ** The document index is a snapshot, rebuilt at open, after compaction and when the caller asks;
 ** chunks added or removed afterwards are not reflected until the next build. Removal sets the
@@ -30,7 +30,6 @@ constexpr int32_t FIRST_FILE_CAPACITY = 64;
 using NameSlots = std::unordered_map<std::string_view, int32_t, std::hash<std::string_view>,
                                      std::equal_to<std::string_view>,
                                      XAllocator<std::pair<const std::string_view, int32_t>>>;
-constexpr int32_t FIRST_LIST_CAPACITY = 256;
 
 bool is_live_file_chunk(const TrnChunk *c)
 {
@@ -47,70 +46,6 @@ uint32_t live_chunks_of(const TrnEngine *e, const char *path)
         }
     }
     return n;
-}
-
-/* The state of the walk of trn_list_dir_files and trn_list_dir_files_ex. */
-struct DirListing {
-    const TrnEngine *e;
-    TrnFileList *list;
-    int32_t capacity; /* entries allocated, >= list->count */
-    bool full;        /* _ex: excluded entries too, and the text of indexable files read */
-    uint64_t max_size;
-};
-
-WalkAction list_walked(const WalkedFile *f, void *arg)
-{
-    DirListing *state = static_cast<DirListing *>(arg);
-    bool listed = f->kind == WALK_FILE || (f->kind == WALK_DIR && state->full);
-    if (!listed || (!state->full && f->status == TRN_FILE_STATUS_EXCLUDED)) {
-        return WALK_CONTINUE;
-    }
-    TrnFileList *list = state->list;
-    if (list->count == state->capacity) {
-        int32_t grown = state->capacity == 0 ? FIRST_LIST_CAPACITY : state->capacity * 2;
-        list->entries = static_cast<TrnFileInfo *>(
-            xrealloc(list->entries, xmul((size_t)grown, sizeof(TrnFileInfo))));
-        state->capacity = grown;
-    }
-    TrnFileInfo *info = &list->entries[list->count];
-    *info = TrnFileInfo{};
-    info->path = xstrdup(f->path);
-    char *slash = strrchr(info->path, '/');
-    info->name = slash ? slash + 1 : info->path;
-    info->type = f->type;
-    info->size = (int64_t)f->size;
-    info->is_dir = f->kind == WALK_DIR ? 1 : 0;
-    info->status = f->status;
-    info->reason = xstrdup(f->reason);
-    if (f->kind == WALK_FILE && f->status == TRN_FILE_STATUS_TOO_LARGE) {
-        info->type = trn_detect_file_type(f->path); /* by name; sniffing reads only 512 bytes */
-    }
-    if (state->full && f->kind == WALK_FILE && f->status == TRN_FILE_STATUS_INDEXABLE) {
-        ExtractedText text;
-        info->status = extract_file_text(f->path, f->type, state->max_size, &text);
-        extracted_text_free(&text);
-    }
-    info->chunk_count = state->e && !info->is_dir ? live_chunks_of(state->e, info->path) : 0;
-    info->indexed = info->chunk_count >= 1 ? 1 : 0;
-    list->count++;
-    return WALK_CONTINUE;
-}
-
-TrnFileList *list_files(TrnEngine *e, const char *dir, const TrnWalkOptions *opts, bool full)
-{
-    if (e) {
-        index_refresh_for_read(e);
-    }
-    TrnFileList *list = static_cast<TrnFileList *>(xcalloc(1, sizeof(TrnFileList)));
-    if (dir) {
-        uint64_t max_size = TRN_FILE_SIZE_MAX;
-        if (opts && opts->max_file_size > 0) {
-            max_size = opts->max_file_size;
-        }
-        DirListing state = {e, list, 0, full, max_size};
-        walk_files(dir, opts, list_walked, &state);
-    }
-    return list;
 }
 
 /* Drops deleted chunks, renumbering the rest, and rebuilds the graph and the document index. */
@@ -159,20 +94,6 @@ void compact_mem(TrnEngine *e)
 }
 
 } // namespace
-
-void for_each_live_chunk_path(TrnEngine *e, void (*fn)(const char *path, void *user), void *user)
-{
-    if (!e) {
-        return;
-    }
-    index_refresh_for_read(e);
-    for (uint64_t i = 0; i < e->count; i++) {
-        const TrnChunk &c = e->chunks[i];
-        if (!c.deleted && c.file_path) {
-            fn(c.file_path, user);
-        }
-    }
-}
 
 int32_t count_file_chunks(const TrnEngine *e, const char *path)
 {
@@ -334,16 +255,6 @@ int32_t trn_compact(TrnEngine *e)
     return ok ? 1 : 0;
 }
 
-TrnFileList *trn_list_dir_files(TrnEngine *e, const char *dir)
-{
-    return list_files(e, dir, nullptr, false);
-}
-
-TrnFileList *trn_list_dir_files_ex(TrnEngine *e, const char *dir, const TrnWalkOptions *opts)
-{
-    return list_files(e, dir, opts, true);
-}
-
 TrnStats trn_stats(const TrnEngine *e)
 {
     TrnStats s = {0, 0, 0, -1, 0};
@@ -365,19 +276,6 @@ TrnStats trn_stats(const TrnEngine *e)
         }
     }
     return s;
-}
-
-void trn_free_file_list(TrnFileList *list)
-{
-    if (!list) {
-        return;
-    }
-    for (int32_t i = 0; i < list->count; i++) {
-        free(list->entries[i].path);
-        free(list->entries[i].reason);
-    }
-    free(list->entries);
-    free(list);
 }
 
 } /* extern "C" */

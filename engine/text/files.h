@@ -1,8 +1,8 @@
 /*
 ** files.h -- which files of a directory are read, and what text they hold: the one walk, the one
 ** classification and the one text extraction that every part of Tarnwick uses (the engine's
-** trn_ingest_dir and trn_list_dir_files, the application's indexing and file scope view, the
-** training corpus, both builds of tarnwick-cli, the incremental update).
+** update, ingestion and file listing, the application's training corpus, both builds of
+** tarnwick-cli).
 **
 ** Internal to the project (the static engine); not exported from libtarnwick.so. Plain C++ with
 ** function pointers; the template overload of walk_files takes any callable.
@@ -195,22 +195,5 @@ int32_t page_for_line(const ExtractedText *t, int32_t line_number);
 ** write failed (see trn_last_status). */
 int32_t ingest_extracted_text(TrnEngine *e, const char *path, const char *text, size_t length,
                               TrnFileType type, int32_t chunk_size, int32_t overlap);
-
-/* Calls fn with the file path of every live chunk of e (after taking up another process's
-** commit, as trn_list_dir_files does), so a caller can count chunks per file of its own walk.
-** Chunks without a path are skipped. */
-void for_each_live_chunk_path(TrnEngine *e, void (*fn)(const char *path, void *user), void *user);
-
-/* The same with any callable taking const char *. */
-template <typename Fn>
-void for_each_live_chunk_path(TrnEngine *e, Fn &&fn)
-{
-    for_each_live_chunk_path(
-        e,
-        [](const char *path, void *user) {
-            (*static_cast<Fn *>(user))(path);
-        },
-        static_cast<void *>(&fn));
-}
 
 #endif /* TRN_FILES_H */
