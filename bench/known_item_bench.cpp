@@ -44,6 +44,7 @@
 ** (queries taken out), each followed by a blank line as a training profile's corpus is, and
 ** stops: an encoder trained on it has seen the user's files but never the answers to the queries.
 */
+#include "common.h"
 #include "encoder/vec.h"
 #include "index/hnsw.h"
 #include "probe.h"
@@ -80,36 +81,6 @@ struct Tally {
         }
     }
 };
-
-/* The file's bytes as they are. */
-std::string read_bytes(const std::string &path)
-{
-    std::string s;
-    FILE *f = fopen(path.c_str(), "rb");
-    if (!f) {
-        return s;
-    }
-    char buf[65536];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, f)) > 0) {
-        s.append(buf, n);
-    }
-    fclose(f);
-    return s;
-}
-
-/* The file's text as the engine extracts it for indexing. */
-std::string read_file(const std::string &path)
-{
-    ExtractedText t;
-    std::string s;
-    if (extract_file_text(path.c_str(), classify_file(path.c_str(), nullptr, 0, nullptr), 0, &t)
-        == TRN_FILE_STATUS_INDEXABLE) {
-        s.assign(t.text, t.length);
-    }
-    extracted_text_free(&t);
-    return s;
-}
 
 std::string lower(std::string s)
 {
@@ -691,7 +662,7 @@ int main(int argc, char **argv)
                 break;
             }
             if (trn_is_indexable(type) && type != TRN_FILE_TYPE_PDF) {
-                items.push_back({p, read_file(p), ""});
+                items.push_back({p, bench::extracted_text(p), ""});
             }
         }
     } else {
@@ -706,7 +677,9 @@ int main(int argc, char **argv)
                 continue;
             }
             /* An HTML page's query comes from its markup, then read as the engine reads it. */
-            Item it{p, type == TRN_FILE_TYPE_HTML ? read_bytes(p) : read_file(p), ""};
+            Item it{p,
+                    type == TRN_FILE_TYPE_HTML ? bench::read_bytes(p) : bench::extracted_text(p),
+                    ""};
             bool go = p.size() > 3 && p.compare(p.size() - 3, 3, ".go") == 0;
             bool ok = type == TRN_FILE_TYPE_HTML       ? html_query(&it)
                       : type == TRN_FILE_TYPE_MARKDOWN ? markdown_query(&it)
