@@ -47,6 +47,7 @@
 ** text's length in bytes and the text, each on a line; then per query "Q slice query file...",
 ** slice 1 for the mismatch slice, fields tab-separated.
 */
+#include "common.h"
 #include "encoder/vec.h"
 #include "index/hnsw.h"
 #include "probe.h"
@@ -83,36 +84,6 @@ struct Tally {
         }
     }
 };
-
-/* The file's bytes as they are. */
-std::string read_bytes(const std::string &path)
-{
-    std::string s;
-    FILE *f = fopen(path.c_str(), "rb");
-    if (!f) {
-        return s;
-    }
-    char buf[65536];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, f)) > 0) {
-        s.append(buf, n);
-    }
-    fclose(f);
-    return s;
-}
-
-/* The file's text as the engine extracts it for indexing. */
-std::string read_file(const std::string &path)
-{
-    ExtractedText t;
-    std::string s;
-    if (extract_file_text(path.c_str(), classify_file(path.c_str(), nullptr, 0, nullptr), 0, &t)
-        == TRN_FILE_STATUS_INDEXABLE) {
-        s.assign(t.text, t.length);
-    }
-    extracted_text_free(&t);
-    return s;
-}
 
 std::string lower(std::string s)
 {
@@ -697,7 +668,7 @@ int main(int argc, char **argv)
                 break;
             }
             if (trn_is_indexable(type) && type != TRN_FILE_TYPE_PDF) {
-                items.push_back({p, read_file(p), ""});
+                items.push_back({p, bench::extracted_text(p), ""});
             }
         }
     } else {
@@ -712,7 +683,9 @@ int main(int argc, char **argv)
                 continue;
             }
             /* An HTML page's query comes from its markup, then read as the engine reads it. */
-            Item it{p, type == TRN_FILE_TYPE_HTML ? read_bytes(p) : read_file(p), ""};
+            Item it{p,
+                    type == TRN_FILE_TYPE_HTML ? bench::read_bytes(p) : bench::extracted_text(p),
+                    ""};
             bool go = p.size() > 3 && p.compare(p.size() - 3, 3, ".go") == 0;
             bool ok = type == TRN_FILE_TYPE_HTML       ? html_query(&it)
                       : type == TRN_FILE_TYPE_MARKDOWN ? markdown_query(&it)
