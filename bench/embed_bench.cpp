@@ -14,6 +14,7 @@
 // Options: --embeds N (default 20), --rounds R (default 5), --corpus-mb X (default 10),
 // --merges M (default 7740), --no-train. OpenBLAS threads as it is configured
 // (OPENBLAS_NUM_THREADS); the embedding and its reference run under the same setting.
+#include "common.h"
 #include "encoder/encoder.h"
 #include "encoder/vec.h"
 
@@ -29,76 +30,27 @@
 namespace
 {
 
-using Clock = std::chrono::steady_clock;
-
-double secondsSince(Clock::time_point t0)
-{
-    return std::chrono::duration<double>(Clock::now() - t0).count();
-}
+using bench::Clock;
 
 constexpr int D = TRN_ENCODER_DIM;
-constexpr int F = TRN_ENCODER_FF;
-constexpr int HD = TRN_ENCODER_HEAD_DIM;
 
-// Multiply-adds of all matrix products of one embedding of n positions.
-double matmulMacs(double n)
+// The matrix products of one embedding of n positions, as the engine issues them.
+std::vector<GemmShape> embeddingProducts(int n)
 {
-    double perLayer = 4 * n * D * D            // Q, K, V and the output projection
-                      + 8 * (2 * n * n * HD)   // scores and scores x V, per head
-                      + 2 * n * (double)D * F; // feed-forward up and down
-    return 2 * perLayer;
+    std::vector<GemmShape> shapes(FORWARD_PRODUCTS);
+    encoder_forward_shapes(n, shapes.data());
+    return shapes;
 }
 
-// The sgemm calls of one embedding, with its shapes, strides, transposes and scale factors,
-// and nothing else.
-struct SgemmReplay {
-    std::vector<float> x, q, k, v, heads, proj, hidden, out, scores;
-    const TrnEncoder *enc;
-    explicit SgemmReplay(const TrnEncoder *e)
-        : x(256 * D, 0.01f), q(256 * D), k(256 * D), v(256 * D), heads(256 * D), proj(256 * D),
-          hidden(256 * F, 0.01f), out(256 * D), scores(256 * 256), enc(e)
-    {
+// Multiply-adds of all matrix products of one embedding of n positions.
+double matmulMacs(int n)
+{
+    double macs = 0;
+    for (const GemmShape &s : embeddingProducts(n)) {
+        macs += (double)s.m * s.n * s.k;
     }
-    void run(int n)
-    {
-        for (const TrnEncoderLayer &l : enc->layers) {
-            sgemm(false, false, n, D, D, 1.0f, x.data(), D, l.wq, D, 0.0f, q.data(), D);
-            sgemm(false, false, n, D, D, 1.0f, x.data(), D, l.wk, D, 0.0f, k.data(), D);
-            sgemm(false, false, n, D, D, 1.0f, x.data(), D, l.wv, D, 0.0f, v.data(), D);
-            for (int h = 0; h < 8; h++) {
-                sgemm(false,
-                      true,
-                      n,
-                      n,
-                      HD,
-                      0.125f,
-                      q.data() + h * HD,
-                      D,
-                      k.data() + h * HD,
-                      D,
-                      0.0f,
-                      scores.data(),
-                      n);
-                sgemm(false,
-                      false,
-                      n,
-                      HD,
-                      n,
-                      1.0f,
-                      scores.data(),
-                      n,
-                      v.data() + h * HD,
-                      D,
-                      0.0f,
-                      heads.data() + h * HD,
-                      D);
-            }
-            sgemm(false, false, n, D, D, 1.0f, heads.data(), D, l.wo, D, 0.0f, proj.data(), D);
-            sgemm(false, false, n, F, D, 1.0f, x.data(), D, l.w1, F, 0.0f, hidden.data(), F);
-            sgemm(false, false, n, D, F, 1.0f, hidden.data(), F, l.w2, D, 0.0f, out.data(), D);
-        }
-    }
-};
+    return macs;
+}
 
 void benchEmbedding(int embeds, int rounds)
 {
@@ -109,9 +61,14 @@ void benchEmbedding(int embeds, int rounds)
         text += (char)('a' + (i * 7) % 26);
     }
     float out[D];
-    SgemmReplay replay(&enc);
+    // The products of `embeds` embeddings, replayed on buffers of their own.
+    std::vector<GemmShape> products;
+    for (int i = 0; i < embeds; i++) {
+        const std::vector<GemmShape> one = embeddingProducts(256);
+        products.insert(products.end(), one.begin(), one.end());
+    }
     trn_encoder_embed_text(&enc, text.c_str(), out); // creates the workspace
-    replay.run(256);
+    bench::replay(embeddingProducts(256));
 
     // Rounds alternate between the two, so a busy machine slows both alike; the best round of
     // each counts.
@@ -121,12 +78,8 @@ void benchEmbedding(int embeds, int rounds)
         for (int i = 0; i < embeds; i++) {
             trn_encoder_embed_text(&enc, text.c_str(), out);
         }
-        bestEmbed = std::min(bestEmbed, secondsSince(t0) / embeds);
-        t0 = Clock::now();
-        for (int i = 0; i < embeds; i++) {
-            replay.run(256);
-        }
-        bestReplay = std::min(bestReplay, secondsSince(t0) / embeds);
+        bestEmbed = std::min(bestEmbed, bench::seconds_since(t0) / embeds);
+        bestReplay = std::min(bestReplay, bench::replay(products) / embeds);
     }
     double gflop = 2 * matmulMacs(256) / 1e9;
     printf("embedding (256 positions, %d x %d rounds, best round)\n", embeds, rounds);
@@ -231,7 +184,7 @@ void benchTokenizer(double corpusMb, int merges, int rounds)
     std::string corpus = buildCorpus((size_t)(corpusMb * 1024 * 1024));
     printf("\ntokenizer training (%.1f MB of text from /usr/share/doc, built in %.1f s)\n",
            corpus.size() / 1048576.0,
-           secondsSince(t0));
+           bench::seconds_since(t0));
     if (corpus.size() < 1024) {
         printf("  not enough text found\n");
         return;
@@ -252,14 +205,14 @@ void benchTokenizer(double corpusMb, int merges, int rounds)
             }
         }
     }
-    double fixedMs = secondsSince(t0) / 20 * 1e3;
+    double fixedMs = bench::seconds_since(t0) / 20 * 1e3;
 
     FILE *saved = stderr;
     stderr = fopen("/dev/null", "w"); // the progress lines
     t0 = Clock::now();
     TrnBpe *bpe =
         trn_bpe_train(reinterpret_cast<const uint8_t *>(corpus.data()), corpus.size(), merges);
-    double trainS = secondsSince(t0);
+    double trainS = bench::seconds_since(t0);
     fclose(stderr);
     stderr = saved;
     printf("  %u merges (vocab %u) in %.1f s: %.2f ms per merge\n",
@@ -283,12 +236,12 @@ void benchTokenizer(double corpusMb, int merges, int rounds)
         for (int i = 0; i < reps; i++) {
             n = trn_bpe_encode(bpe, text.c_str(), ids, 256);
         }
-        best = std::min(best, secondsSince(t0) / reps);
+        best = std::min(best, bench::seconds_since(t0) / reps);
         t0 = Clock::now();
         for (int i = 0; i < reps / 10; i++) {
             plain = plainEncode(bpe, text);
         }
-        bestPlain = std::min(bestPlain, secondsSince(t0) / (reps / 10));
+        bestPlain = std::min(bestPlain, bench::seconds_since(t0) / (reps / 10));
     }
     bool same = n >= 2 && (size_t)n - 2 == std::min<size_t>(plain.size(), 254)
                 && std::equal(ids + 1, ids + n - 1, plain.begin());

@@ -26,6 +26,7 @@
 ** at level 0 where hnswlib keeps 2M; a third row runs hnswlib limited to M there as well, which
 ** separates the cost of that choice from the cost of the implementation.
 */
+#include "common.h"
 #include "encoder/encoder.h"
 #include "encoder/vec.h"
 #include "index/hnsw.h"
@@ -51,7 +52,7 @@
 #include <time.h>
 
 namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
+using bench::Clock;
 
 namespace
 {
@@ -61,20 +62,6 @@ constexpr int GRAPH_M = 16;
 constexpr int EF_CONSTRUCTION = 100;
 constexpr int EF_SEARCH = 50;
 constexpr int K = 10;
-
-double seconds_since(Clock::time_point t)
-{
-    return std::chrono::duration<double>(Clock::now() - t).count();
-}
-
-/* CPU seconds of the calling thread: on a busy shared machine this is steadier than wall time,
-** and both graphs run single-threaded on this thread. */
-double thread_cpu_seconds()
-{
-    timespec ts;
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-    return (double)ts.tv_sec + 1e-9 * (double)ts.tv_nsec;
-}
 
 struct Options {
     long n = 100000;
@@ -163,34 +150,9 @@ DataSet make_synthetic(long n, long q, unsigned seed)
 // Pieces of 100 to 200 bytes of real text, cut at spaces, from the files under dir in path order.
 std::vector<std::string> real_pieces(const std::string &dir, long want)
 {
-    std::vector<std::string> files;
-    std::error_code ec;
-    for (auto it = fs::recursive_directory_iterator(
-             dir, fs::directory_options::follow_directory_symlink, ec);
-         it != fs::recursive_directory_iterator();
-         it.increment(ec)) {
-        if (ec) {
-            break;
-        }
-        std::string ext = it->path().extension().string();
-        if (it->is_regular_file(ec) && (ext == ".html" || ext == ".txt" || ext == ".rst")) {
-            files.push_back(it->path().string());
-        }
-    }
-    std::sort(files.begin(), files.end());
     std::vector<std::string> pieces;
-    for (const std::string &path : files) {
-        std::ifstream in(path, std::ios::binary);
-        std::stringstream ss;
-        ss << in.rdbuf();
-        std::string raw = ss.str();
-        std::string text = raw;
-        if (path.size() > 5 && path.compare(path.size() - 5, 5, ".html") == 0) {
-            size_t stripped_len = 0;
-            char *stripped = html_to_text(raw.data(), raw.size(), &stripped_len);
-            text = stripped;
-            free(stripped);
-        }
+    for (const std::string &path : bench::prose_files(dir)) {
+        std::string text = bench::prose_text(path);
         size_t pos = 0;
         while (pos + 100 < text.size() && (long)pieces.size() < want) {
             size_t end = std::min(text.size(), pos + 200);
@@ -236,7 +198,7 @@ bool make_real(const Options &o, DataSet *d)
         trn_encoder_embed_text(&enc, pieces[(size_t)i].c_str(), out);
         normalize(out);
     }
-    double secs = seconds_since(t0);
+    double secs = bench::seconds_since(t0);
     printf("embedded %ld pieces in %.1f s (%.2f ms each)\n", total, secs, 1e3 * secs / total);
     encoder_release(&enc);
     return true;
@@ -305,20 +267,20 @@ Figures run_engine(const DataSet &d, const std::vector<uint32_t> &truth, unsigne
     TrnEngine *e = trn_open(&cfg);
     probe_seed_levels(e, seed); // the levels should not change between runs
     Figures f;
-    double t0 = thread_cpu_seconds();
+    double t0 = bench::thread_cpu_seconds();
     probe_reserve(e, (uint64_t)d.n);
     for (long i = 0; i < d.n; i++) {
         probe_link(e, probe_append(e, "", nullptr, nullptr, 0, &d.base[(size_t)i * DIM]));
     }
-    f.build_s = thread_cpu_seconds() - t0;
+    f.build_s = bench::thread_cpu_seconds() - t0;
 
     std::vector<uint32_t> got((size_t)d.q * K, UINT32_MAX);
     float scores[K];
-    t0 = thread_cpu_seconds();
+    t0 = bench::thread_cpu_seconds();
     for (long qi = 0; qi < d.q; qi++) {
         hnsw_query(e, &d.queries[(size_t)qi * DIM], K, &got[(size_t)qi * K], scores);
     }
-    f.query_s = thread_cpu_seconds() - t0;
+    f.query_s = bench::thread_cpu_seconds() - t0;
     f.recall = recall_of(got, truth, d.q);
     trn_close(e);
     return f;
@@ -336,13 +298,13 @@ Figures run_hnswlib(const DataSet &d, const std::vector<uint32_t> &truth, unsign
         if (level0_links > 0) {
             index.maxM0_ = level0_links; /* the lists keep room for 2M; only M are used */
         }
-        double t0 = thread_cpu_seconds();
+        double t0 = bench::thread_cpu_seconds();
         for (long i = 0; i < d.n; i++) {
             index.addPoint(&d.base[(size_t)i * DIM], (hnswlib::labeltype)i);
         }
-        f.build_s = thread_cpu_seconds() - t0;
+        f.build_s = bench::thread_cpu_seconds() - t0;
         index.setEf(EF_SEARCH);
-        t0 = thread_cpu_seconds();
+        t0 = bench::thread_cpu_seconds();
         for (long qi = 0; qi < d.q; qi++) {
             auto res = index.searchKnn(&d.queries[(size_t)qi * DIM], K);
             for (int j = (int)res.size() - 1; j >= 0; j--) {
@@ -350,7 +312,7 @@ Figures run_hnswlib(const DataSet &d, const std::vector<uint32_t> &truth, unsign
                 res.pop();
             }
         }
-        f.query_s = thread_cpu_seconds() - t0;
+        f.query_s = bench::thread_cpu_seconds() - t0;
     }
     f.recall = recall_of(got, truth, d.q);
     return f;
@@ -402,17 +364,6 @@ void report(const DataSet &d, unsigned seed)
     fflush(stdout);
 }
 
-long parse_count(const char *s)
-{
-    char *end = nullptr;
-    long v = strtol(s, &end, 10);
-    if (!end || *end != '\0' || v < 1) {
-        fprintf(stderr, "graph_bench: not a positive count: %s\n", s);
-        exit(2);
-    }
-    return v;
-}
-
 } // namespace
 
 int main(int argc, char **argv)
@@ -422,15 +373,15 @@ int main(int argc, char **argv)
         std::string a = argv[i];
         bool has_value = i + 1 < argc;
         if (a == "--n" && has_value) {
-            o.n = parse_count(argv[++i]);
+            o.n = bench::parse_count("graph_bench", argv[++i]);
         } else if (a == "--queries" && has_value) {
-            o.queries = parse_count(argv[++i]);
+            o.queries = bench::parse_count("graph_bench", argv[++i]);
         } else if (a == "--real" && has_value) {
-            o.real = parse_count(argv[++i]);
+            o.real = bench::parse_count("graph_bench", argv[++i]);
         } else if (a == "--real-dir" && has_value) {
             o.real_dir = argv[++i];
         } else if (a == "--seed" && has_value) {
-            o.seed = (unsigned)parse_count(argv[++i]);
+            o.seed = (unsigned)bench::parse_count("graph_bench", argv[++i]);
         } else if (a == "--no-synthetic") {
             o.synthetic = false;
         } else if (a == "--no-real") {

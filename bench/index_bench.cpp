@@ -17,6 +17,7 @@
 ** machine the CPU time is the one to trust. OpenBLAS runs one thread unless --blas-threads says
 ** otherwise, because its idle threads spin and would charge waiting as work.
 */
+#include "common.h"
 #include "encoder/encoder.h"
 #include "probe.h"
 #include "tarnwick.h"
@@ -37,24 +38,10 @@
 #include <unistd.h>
 
 namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
+using bench::Clock;
 
 namespace
 {
-
-double seconds_since(Clock::time_point t)
-{
-    return std::chrono::duration<double>(Clock::now() - t).count();
-}
-
-// CPU time of the whole process (all threads, OpenBLAS's included). On a shared machine the wall
-// time of the two passes depends on what else runs; their CPU time does not.
-double cpu_seconds()
-{
-    timespec ts{};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
-    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
-}
 
 std::string cpu_model()
 {
@@ -171,7 +158,7 @@ int main(int argc, char **argv)
 
     // Indexing, end to end.
     Clock::time_point start = Clock::now();
-    double cpu_start = cpu_seconds();
+    double cpu_start = bench::cpu_seconds();
     TrnConfig cfg{};
     cfg.index_dir = index_dir.c_str();
     TrnEngine *engine = trn_open(&cfg);
@@ -180,8 +167,8 @@ int main(int argc, char **argv)
         trn_ingest_dir(engine, source.c_str(), chunk_size, overlap, count_file, &files_done);
     trn_build_doc_index(engine);
     trn_checkpoint(engine);
-    double index_seconds = seconds_since(start);
-    double index_cpu = cpu_seconds() - cpu_start;
+    double index_seconds = bench::seconds_since(start);
+    double index_cpu = bench::cpu_seconds() - cpu_start;
 
     // The chunk texts, copied out of the handle while it is open (not timed).
     std::vector<std::string> texts;
@@ -191,22 +178,22 @@ int main(int argc, char **argv)
         texts.emplace_back(text != nullptr ? text : "");
     }
     start = Clock::now();
-    cpu_start = cpu_seconds();
+    cpu_start = bench::cpu_seconds();
     trn_close(engine);
-    index_seconds += seconds_since(start);
-    index_cpu += cpu_seconds() - cpu_start;
+    index_seconds += bench::seconds_since(start);
+    index_cpu += bench::cpu_seconds() - cpu_start;
 
     // The encoder alone on the same texts.
     TrnEncoder encoder{};
     encoder_init(&encoder, 42);
     std::vector<float> vector(TRN_ENCODER_DIM);
     start = Clock::now();
-    cpu_start = cpu_seconds();
+    cpu_start = bench::cpu_seconds();
     for (const std::string &text : texts) {
         trn_encoder_embed_text(&encoder, text.c_str(), vector.data());
     }
-    double embed_seconds = seconds_since(start);
-    double embed_cpu = cpu_seconds() - cpu_start;
+    double embed_seconds = bench::seconds_since(start);
+    double embed_cpu = bench::cpu_seconds() - cpu_start;
     encoder_release(&encoder);
 
     std::error_code ec;

@@ -43,7 +43,11 @@
 ** "slot score"; fields are tab-separated. --corpus FILE writes the texts that would be indexed
 ** (queries taken out), each followed by a blank line as a training profile's corpus is, and
 ** stops: an encoder trained on it has seen the user's files but never the answers to the queries.
+** --task FILE writes the task itself and stops, for train_bag_eval_bench: per file "F path", its
+** text's length in bytes and the text, each on a line; then per query "Q slice query file...",
+** slice 1 for the mismatch slice, fields tab-separated.
 */
+#include "common.h"
 #include "encoder/vec.h"
 #include "index/hnsw.h"
 #include "probe.h"
@@ -80,36 +84,6 @@ struct Tally {
         }
     }
 };
-
-/* The file's bytes as they are. */
-std::string read_bytes(const std::string &path)
-{
-    std::string s;
-    FILE *f = fopen(path.c_str(), "rb");
-    if (!f) {
-        return s;
-    }
-    char buf[65536];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, f)) > 0) {
-        s.append(buf, n);
-    }
-    fclose(f);
-    return s;
-}
-
-/* The file's text as the engine extracts it for indexing. */
-std::string read_file(const std::string &path)
-{
-    ExtractedText t;
-    std::string s;
-    if (extract_file_text(path.c_str(), classify_file(path.c_str(), nullptr, 0, nullptr), 0, &t)
-        == TRN_FILE_STATUS_INDEXABLE) {
-        s.assign(t.text, t.length);
-    }
-    extracted_text_free(&t);
-    return s;
-}
 
 std::string lower(std::string s)
 {
@@ -593,7 +567,8 @@ void usage()
 {
     fprintf(stderr,
             "usage: known_item_bench DIR [--weights W] [--files N] [--seed S] [--chunk C] "
-            "[--overlap O] [--sweep] [--dump FILE] [--corpus FILE] [--questions FILE]\n");
+            "[--overlap O] [--sweep] [--dump FILE] [--corpus FILE] [--questions FILE] "
+            "[--task FILE]\n");
 }
 
 } // namespace
@@ -608,7 +583,7 @@ int main(int argc, char **argv)
     int files = -1, chunk = 800, overlap = 200; /* files: 300, or every file with questions */
     unsigned seed = 1;
     bool sweep = false;
-    std::string dump_path, corpus_path, questions_path;
+    std::string dump_path, corpus_path, questions_path, task_path;
     for (int i = 2; i < argc; i++) {
         std::string a = argv[i];
         bool has = i + 1 < argc;
@@ -626,6 +601,8 @@ int main(int argc, char **argv)
             dump_path = argv[++i];
         } else if (a == "--corpus" && has) {
             corpus_path = argv[++i];
+        } else if (a == "--task" && has) {
+            task_path = argv[++i];
         } else if (a == "--questions" && has) {
             questions_path = argv[++i];
         } else if (a == "--sweep") {
@@ -691,7 +668,7 @@ int main(int argc, char **argv)
                 break;
             }
             if (trn_is_indexable(type) && type != TRN_FILE_TYPE_PDF) {
-                items.push_back({p, read_file(p), ""});
+                items.push_back({p, bench::extracted_text(p), ""});
             }
         }
     } else {
@@ -706,7 +683,9 @@ int main(int argc, char **argv)
                 continue;
             }
             /* An HTML page's query comes from its markup, then read as the engine reads it. */
-            Item it{p, type == TRN_FILE_TYPE_HTML ? read_bytes(p) : read_file(p), ""};
+            Item it{p,
+                    type == TRN_FILE_TYPE_HTML ? bench::read_bytes(p) : bench::extracted_text(p),
+                    ""};
             bool go = p.size() > 3 && p.compare(p.size() - 3, 3, ".go") == 0;
             bool ok = type == TRN_FILE_TYPE_HTML       ? html_query(&it)
                       : type == TRN_FILE_TYPE_MARKDOWN ? markdown_query(&it)
@@ -756,6 +735,34 @@ int main(int argc, char **argv)
         }
         q.mismatch = vocabulary_mismatch(q.text, stem_set(texts));
         n_mismatch += q.mismatch ? 1 : 0;
+    }
+    if (!task_path.empty()) {
+        FILE *out = fopen(task_path.c_str(), "wb");
+        bool ok = out != nullptr;
+        for (size_t i = 0; ok && i < items.size(); i++) {
+            ok = fprintf(out, "F %s\n%zu\n", items[i].path.c_str(), items[i].text.size()) > 0
+                 && fwrite(items[i].text.data(), 1, items[i].text.size(), out)
+                        == items[i].text.size();
+        }
+        for (size_t i = 0; ok && i < queries.size(); i++) {
+            ok = fprintf(out, "Q %d\t%s", queries[i].mismatch ? 1 : 0, queries[i].text.c_str()) > 0;
+            for (const std::string &a : queries[i].answers) {
+                ok = ok && fprintf(out, "\t%s", a.c_str()) > 0;
+            }
+            ok = ok && fputc('\n', out) != EOF;
+        }
+        if (out && fclose(out) != 0) {
+            ok = false;
+        }
+        if (!ok) {
+            fprintf(stderr, "known_item_bench: cannot write %s\n", task_path.c_str());
+            return 1;
+        }
+        printf("wrote %zu files and %zu queries to %s\n",
+               items.size(),
+               queries.size(),
+               task_path.c_str());
+        return 0;
     }
 
     TrnConfig cfg = {nullptr, weights.empty() ? nullptr : weights.c_str(), 0, 0, 0, 0};

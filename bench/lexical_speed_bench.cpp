@@ -28,6 +28,7 @@
 ** the machine does not count. It prints the ratios asked of the index: open with the file against
 ** open without, the keyword time (aim under 5 ms) and hybrid minus embed (aim at most 10 ms).
 */
+#include "common.h"
 #include "encoder/vec.h"
 #include "index/hnsw.h"
 #include "index/word_index.h"
@@ -60,12 +61,6 @@ double now_ms()
     struct timespec ts;
     clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
     return (double)ts.tv_sec * 1e3 + (double)ts.tv_nsec / 1e6;
-}
-
-double median(std::vector<double> v)
-{
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
 }
 
 // Word r of the vocabulary: a pronounceable string, every seventh one a camel-case identifier.
@@ -284,9 +279,10 @@ int main(int argc, char **argv)
     }
     std::filesystem::remove_all(dir);
 
-    const double open = median(open_ms), open_cold = median(open_cold_ms);
-    const double keyword = median(keyword_ms), embed = median(embed_ms), hybrid = median(hybrid_ms);
-    const double graph = median(graph_ms), bm25 = median(bm25_ms);
+    const double open = bench::median(open_ms), open_cold = bench::median(open_cold_ms);
+    const double keyword = bench::median(keyword_ms), embed = bench::median(embed_ms),
+                 hybrid = bench::median(hybrid_ms);
+    const double graph = bench::median(graph_ms), bm25 = bench::median(bm25_ms);
     printf("\nWord index at %ld chunks (store %.0f MB, index file %.0f MB), median of %d runs, %zu "
            "queries each\n\n",
            chunks,
@@ -303,10 +299,10 @@ int main(int argc, char **argv)
            open / open_cold);
     printf("| first keyword query after open, index file read | %.1f | without the file: %.1f ms "
            "| | no stall |\n",
-           median(first_ms),
-           median(first_cold_ms));
-    printf("| of which reading the index file (lex_load) | %.1f | | | |\n", median(load_ms));
-    printf("| building the word index from the texts | %.1f | | | |\n", median(build_ms));
+           bench::median(first_ms),
+           bench::median(first_cold_ms));
+    printf("| of which reading the index file (lex_load) | %.1f | | | |\n", bench::median(load_ms));
+    printf("| building the word index from the texts | %.1f | | | |\n", bench::median(build_ms));
     printf("| keyword query, k = 10 | %.2f | | | under 5 ms |\n", keyword);
     printf(
         "| hybrid query, k = 10 | %.2f | query embedding: %.2f ms | +%.2f ms | at most +10 ms |\n",
@@ -316,7 +312,7 @@ int main(int argc, char **argv)
     printf("| of which the graph search, %d wide | %.2f | the same 100 wide: %.2f ms | | |\n",
            width,
            graph,
-           median(graph100_ms));
+           bench::median(graph100_ms));
     printf("| of which the keyword ranking, %d deep | %.2f | | | |\n", HYBRID_CANDIDATES, bm25);
     printf("| the rest: fusion, snippets | %.2f | | | |\n", hybrid - embed - graph - bm25);
     printf("\nkeyword query max %.2f ms; results checksum %ld\n",

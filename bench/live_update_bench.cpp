@@ -13,6 +13,7 @@
 ** index live in temporary directories removed at the end. Run with OPENBLAS_NUM_THREADS=1 on a
 ** shared machine.
 */
+#include "common.h"
 #include "directory_state.h"
 #include "encoder_record.h"
 #include "settings.h"
@@ -60,12 +61,6 @@ bool waitFor(F done, int timeoutMs)
         QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
     }
     return true;
-}
-
-double median(std::vector<double> v)
-{
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
 }
 
 } // namespace
@@ -173,7 +168,7 @@ int main(int argc, char **argv)
     auto row = [](const char *name, const std::vector<double> &v) {
         std::printf("| %-38s | %8.3f | %8.3f | %8.3f |\n",
                     name,
-                    median(v),
+                    bench::median(v),
                     *std::min_element(v.begin(), v.end()),
                     *std::max_element(v.begin(), v.end()));
     };

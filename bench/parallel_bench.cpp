@@ -22,6 +22,7 @@
 **    both engines (what the application did before), and for reference, measured in the same
 **    run on an idle engine: one search alone, and B's time per file.
 */
+#include "common.h"
 #include "encoder/embed.h"
 #include "probe.h"
 #include "tarnwick.h"
@@ -41,7 +42,7 @@
 #include <time.h>
 
 namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
+using bench::Clock;
 
 namespace
 {
@@ -49,20 +50,6 @@ namespace
 constexpr int CHUNK = 800;
 constexpr int OVERLAP = 200;
 constexpr size_t FILE_BYTES = 6000;
-
-double seconds_since(Clock::time_point t)
-{
-    return std::chrono::duration<double>(Clock::now() - t).count();
-}
-
-// CPU time of the whole process, all threads: CPU / wall is how many cores the work kept busy,
-// which on a shared machine says more than the wall time alone.
-double cpu_seconds()
-{
-    timespec ts{};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
-    return (double)ts.tv_sec + (double)ts.tv_nsec * 1e-9;
-}
 
 struct Timing {
     double wall = 0.0;
@@ -126,22 +113,16 @@ struct TempIndex {
     }
 };
 
-double median(std::vector<double> v)
-{
-    std::sort(v.begin(), v.end());
-    return v.empty() ? 0.0 : v[v.size() / 2];
-}
-
 // Time to index every file, one trn_ingest_text each; adds the chunk count to *chunks.
 Timing index_files(TrnEngine *e, const std::vector<std::string> &files, long *chunks)
 {
     Clock::time_point t0 = Clock::now();
-    double c0 = cpu_seconds();
+    double c0 = bench::cpu_seconds();
     for (size_t i = 0; i < files.size(); i++) {
         std::string path = "/bench/file" + std::to_string(i) + ".txt";
         *chunks += trn_ingest_text(e, path.c_str(), files[i].c_str(), CHUNK, OVERLAP);
     }
-    return Timing{seconds_since(t0), cpu_seconds() - c0};
+    return Timing{bench::seconds_since(t0), bench::cpu_seconds() - c0};
 }
 
 void print_rate(const char *what, long chunks, Timing t, double reference_rate)
@@ -175,7 +156,7 @@ Latencies searches_during_indexing(TrnEngine *a, TrnEngine *b, std::mutex *lock_
             std::lock_guard<std::mutex> guard(*lock_b);
             trn_ingest_text(b, path.c_str(), files[i].c_str(), CHUNK, OVERLAP);
         }
-        out.per_file = seconds_since(t0) / (double)files.size();
+        out.per_file = bench::seconds_since(t0) / (double)files.size();
         done = true;
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(50)); // B is inside its first file
@@ -188,7 +169,7 @@ Latencies searches_during_indexing(TrnEngine *a, TrnEngine *b, std::mutex *lock_
             std::lock_guard<std::mutex> guard(*lock_a);
             trn_search(a, query.c_str(), TRN_SEARCH_SEMANTIC_ALL, 10, results);
         }
-        out.search.push_back(seconds_since(t0));
+        out.search.push_back(bench::seconds_since(t0));
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     indexer.join();
@@ -235,11 +216,11 @@ int main(int argc, char **argv)
         TempIndex idle(weights, 1);
         float v[TRN_ENCODER_DIM];
         Clock::time_point t0 = Clock::now();
-        double c0 = cpu_seconds();
+        double c0 = bench::cpu_seconds();
         for (const std::string &c : chunks) {
             trn_encoder_embed_text(probe_encoder(idle.e), c.c_str(), v);
         }
-        embed_t = Timing{seconds_since(t0), cpu_seconds() - c0};
+        embed_t = Timing{bench::seconds_since(t0), bench::cpu_seconds() - c0};
     }
     long one_chunks = 0, all_chunks = 0;
     Timing one_t, all_t;
@@ -271,7 +252,7 @@ int main(int argc, char **argv)
         std::string query = "search the index for memory " + std::to_string(i);
         Clock::time_point t0 = Clock::now();
         trn_search(a.e, query.c_str(), TRN_SEARCH_SEMANTIC_ALL, 10, results);
-        alone.push_back(seconds_since(t0));
+        alone.push_back(bench::seconds_since(t0));
     }
     std::mutex lock_a, lock_b;
     Latencies own, shared;
@@ -287,15 +268,15 @@ int main(int argc, char **argv)
     printf("|---|---:|---:|---:|\n");
     printf("| one lock per engine | %zu | %.1f | %.1f |\n",
            own.search.size(),
-           1e3 * median(own.search),
+           1e3 * bench::median(own.search),
            1e3 * *std::max_element(own.search.begin(), own.search.end()));
     printf("| one lock for the process | %zu | %.1f | %.1f |\n",
            shared.search.size(),
-           1e3 * median(shared.search),
+           1e3 * bench::median(shared.search),
            1e3 * *std::max_element(shared.search.begin(), shared.search.end()));
     printf("| reference: one search alone (embedding + graph) | %zu | %.1f | %.1f |\n",
            alone.size(),
-           1e3 * median(alone),
+           1e3 * bench::median(alone),
            1e3 * *std::max_element(alone.begin(), alone.end()));
     printf("| reference: B's time per file (%zu chunks) | %d | %.1f | |\n",
            chunks.size() / files.size(),

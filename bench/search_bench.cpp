@@ -17,6 +17,7 @@
 ** and the ratio engine / memmem (above 1 means the engine's scan is faster). Times are CPU time
 ** of the one thread, steadier than wall time on a shared machine.
 */
+#include "common.h"
 #include "probe.h"
 #include "tarnwick.h"
 #include "text/files.h"
@@ -42,50 +43,11 @@ namespace
 constexpr size_t CHUNK = 800;
 constexpr size_t STEP = 600; /* the application's chunk size 800 with overlap 200 */
 
-double thread_cpu_seconds()
-{
-    timespec ts;
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-    return (double)ts.tv_sec + 1e-9 * (double)ts.tv_nsec;
-}
-
-bool ext_is(const std::string &path, const char *ext)
-{
-    size_t n = strlen(ext);
-    return path.size() >= n && path.compare(path.size() - n, n, ext) == 0;
-}
-
 std::string read_corpus(const std::string &dir, size_t want)
 {
-    std::vector<std::string> files;
-    std::error_code ec;
-    for (auto it = fs::recursive_directory_iterator(
-             dir, fs::directory_options::follow_directory_symlink, ec);
-         it != fs::recursive_directory_iterator();
-         it.increment(ec)) {
-        if (ec) {
-            break;
-        }
-        std::string ext = it->path().extension().string();
-        if (it->is_regular_file(ec) && (ext == ".html" || ext == ".txt" || ext == ".rst")) {
-            files.push_back(it->path().string());
-        }
-    }
-    std::sort(files.begin(), files.end());
     std::string all;
-    for (const std::string &path : files) {
-        std::ifstream in(path, std::ios::binary);
-        std::stringstream ss;
-        ss << in.rdbuf();
-        std::string raw = ss.str();
-        if (ext_is(path, ".html")) {
-            size_t stripped_len = 0;
-            char *stripped = html_to_text(raw.data(), raw.size(), &stripped_len);
-            all += stripped;
-            free(stripped);
-        } else {
-            all += raw;
-        }
+    for (const std::string &path : bench::prose_files(dir)) {
+        all += bench::prose_text(path);
         all += '\n';
         if (all.size() >= want) {
             break;
@@ -94,38 +56,21 @@ std::string read_corpus(const std::string &dir, size_t want)
     return all;
 }
 
-double median(std::vector<double> v)
-{
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
-}
-
 /* Median CPU seconds of runs calls of fn; every call must return the same count. */
 double time_runs(int runs, const std::function<long()> &fn, long *count)
 {
     std::vector<double> t;
     for (int r = 0; r < runs; r++) {
-        double t0 = thread_cpu_seconds();
+        double t0 = bench::thread_cpu_seconds();
         long c = fn();
-        t.push_back(thread_cpu_seconds() - t0);
+        t.push_back(bench::thread_cpu_seconds() - t0);
         if (r > 0 && c != *count) {
             fprintf(stderr, "search_bench: run %d found %ld, not %ld\n", r, c, *count);
             exit(1);
         }
         *count = c;
     }
-    return median(t);
-}
-
-long parse_count(const char *s)
-{
-    char *end = nullptr;
-    long v = strtol(s, &end, 10);
-    if (!end || *end != '\0' || v < 1) {
-        fprintf(stderr, "search_bench: not a positive count: %s\n", s);
-        exit(2);
-    }
-    return v;
+    return bench::median(t);
 }
 
 } // namespace
@@ -138,9 +83,9 @@ int main(int argc, char **argv)
     for (int i = 1; i < argc; i++) {
         std::string a = argv[i];
         if (a == "--chunks" && i + 1 < argc) {
-            chunks = parse_count(argv[++i]);
+            chunks = bench::parse_count("search_bench", argv[++i]);
         } else if (a == "--runs" && i + 1 < argc) {
-            runs = (int)parse_count(argv[++i]);
+            runs = (int)bench::parse_count("search_bench", argv[++i]);
         } else if (a == "--dir" && i + 1 < argc) {
             dir = argv[++i];
         } else {

@@ -31,6 +31,7 @@
 ** "every chunk" rows rank all chunks by exact similarity to the query, without the search's
 ** narrowing to the ten files with the closest mean vectors.
 */
+#include "common.h"
 #include "probe.h"
 #include "text/files.h"
 
@@ -76,18 +77,6 @@ struct Score {
     double recall = 0, mrr = 0;
 };
 
-std::string read_text(const std::string &path)
-{
-    ExtractedText t;
-    std::string text;
-    if (extract_file_text(path.c_str(), classify_file(path.c_str(), nullptr, 0, nullptr), 0, &t)
-        == TRN_FILE_STATUS_INDEXABLE) {
-        text.assign(t.text, t.length);
-    }
-    extracted_text_free(&t);
-    return text;
-}
-
 std::vector<Doc> collect(const std::string &dir)
 {
     namespace fs = std::filesystem;
@@ -114,7 +103,7 @@ std::vector<Doc> collect(const std::string &dir)
         if (!trn_is_indexable(t) || t == TRN_FILE_TYPE_PDF) {
             continue;
         }
-        std::string text = read_text(p);
+        std::string text = bench::extracted_text(p);
         if (!text.empty()) {
             docs.push_back(Doc{p, text});
         }

@@ -11,6 +11,7 @@
 ** the default profile's 2000 steps. Without CORPUS the text comes from the Python
 ** documentation sources when installed, else from this repository's engine sources.
 */
+#include "common.h"
 #include "corpus.h"
 #include "training.h"
 
@@ -34,11 +35,6 @@ using namespace trn_train;
 
 namespace
 {
-
-double seconds_since(std::chrono::steady_clock::time_point t0)
-{
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-}
 
 // Concatenates text files below dir, each followed by a blank line, up to max_bytes.
 bool write_corpus(const std::string &dir, const std::string &out, size_t max_bytes)
@@ -68,45 +64,6 @@ bool write_corpus(const std::string &dir, const std::string &out, size_t max_byt
         }
     }
     return total > 100000;
-}
-
-// Runs every shape once through sgemm on buffers of the right size; returns the seconds taken.
-double replay(const std::vector<GemmShape> &shapes)
-{
-    size_t max_a = 1, max_b = 1, max_c = 1;
-    for (const GemmShape &s : shapes) {
-        max_a = std::max(max_a, (size_t)s.m * s.k);
-        max_b = std::max(max_b, (size_t)s.k * s.n);
-        max_c = std::max(max_c, (size_t)s.m * s.n);
-    }
-    std::vector<float> a(max_a), b(max_b), c(max_c);
-    std::mt19937 rng(1);
-    std::uniform_real_distribution<float> u(-1.0f, 1.0f);
-    for (float &x : a) {
-        x = u(rng);
-    }
-    for (float &x : b) {
-        x = u(rng);
-    }
-    auto t0 = std::chrono::steady_clock::now();
-    for (const GemmShape &s : shapes) {
-        int lda = s.trans_a ? s.m : s.k;
-        int ldb = s.trans_b ? s.k : s.n;
-        sgemm(s.trans_a,
-              s.trans_b,
-              s.m,
-              s.n,
-              s.k,
-              1.0f,
-              a.data(),
-              lda,
-              b.data(),
-              ldb,
-              0.0f,
-              c.data(),
-              s.n);
-    }
-    return seconds_since(t0);
 }
 
 } // namespace
@@ -160,18 +117,18 @@ int main(int argc, char **argv)
     for (int s = 0; s < steps; s++) {
         auto ts = std::chrono::steady_clock::now();
         sampler.draw(batch, rng, texts, &err);
-        sample_secs += seconds_since(ts);
+        sample_secs += bench::seconds_since(ts);
         trainer.step(texts);
     }
-    const double secs = seconds_since(t0);
+    const double secs = bench::seconds_since(t0);
     trainer.record_shapes(false);
     const double flops = trainer.flops() - flops0;
     const std::vector<GemmShape> shapes = trainer.shapes();
 
     // the same products, alone, best of three
-    double ref_secs = replay(shapes);
-    ref_secs = std::min(ref_secs, replay(shapes));
-    ref_secs = std::min(ref_secs, replay(shapes));
+    double ref_secs = bench::replay(shapes);
+    ref_secs = std::min(ref_secs, bench::replay(shapes));
+    ref_secs = std::min(ref_secs, bench::replay(shapes));
     const int used_threads = std::min(threads, 2 * batch);
 
     const double train_gflops = flops / secs * 1e-9;

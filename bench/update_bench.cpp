@@ -18,6 +18,7 @@
 ** given (live_update_bench --tree takes it then, indexed). Run with OPENBLAS_NUM_THREADS=1 on a
 ** shared machine.
 */
+#include "common.h"
 #include "index/index.h"
 #include "tarnwick.h"
 #include "text/files.h"
@@ -35,15 +36,10 @@
 #include <sys/stat.h>
 
 namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
+using bench::Clock;
 
 namespace
 {
-
-double seconds_since(Clock::time_point t)
-{
-    return std::chrono::duration<double>(Clock::now() - t).count();
-}
 
 struct Row {
     const char *name;
@@ -122,7 +118,7 @@ int main(int argc, char **argv)
     trn_close(e);
     std::printf("tree: %d files; first indexing %.1f s (%d chunks)\n\n",
                 files,
-                seconds_since(start),
+                bench::seconds_since(start),
                 report.chunks_added);
 
     Row walk{"walk alone (stat every file)", {}};
@@ -134,13 +130,13 @@ int main(int argc, char **argv)
         int seen = 0;
         Clock::time_point t = Clock::now();
         walk_files(tree.c_str(), nullptr, count_file, &seen);
-        walk.seconds.push_back(seconds_since(t));
+        walk.seconds.push_back(bench::seconds_since(t));
         ok = ok && seen == files;
 
         e = open_index(index);
         t = Clock::now();
         trn_update_dir(e, tree.c_str(), 800, 200, nullptr, nullptr, nullptr, &report);
-        nothing.seconds.push_back(seconds_since(t));
+        nothing.seconds.push_back(bench::seconds_since(t));
         ok = ok && report.unchanged == files && report.changed == 0;
 
         std::string edited = tree + "/d7/f" + std::to_string(700 + r) + ".txt";
@@ -148,7 +144,7 @@ int main(int argc, char **argv)
         std::ofstream(edited) << text;
         t = Clock::now();
         trn_update_dir(e, tree.c_str(), 800, 200, nullptr, nullptr, nullptr, &report);
-        edit.seconds.push_back(seconds_since(t));
+        edit.seconds.push_back(bench::seconds_since(t));
         ok = ok && report.changed == 1 && report.unchanged == files - 1;
         trn_close(e);
 
@@ -156,7 +152,7 @@ int main(int argc, char **argv)
         float v[TRN_ENCODER_DIM];
         t = Clock::now();
         trn_encoder_embed_text(enc, text.c_str(), v);
-        embed.seconds.push_back(seconds_since(t));
+        embed.seconds.push_back(bench::seconds_since(t));
         trn_encoder_free(enc);
     }
     std::printf("| %-28s | %9s | %9s | %9s |\n", "seconds", "median", "min", "max");

@@ -55,6 +55,7 @@ struct TrnEngine {
     int32_t embed_threads;      /* workers of embed_chunks, >= 1 */
     TrnScratch **embed_scratch; /* their scratch spaces (slot 0 unused), NULL until needed */
     uint64_t level_state;       /* the graph level generator (draw_level) */
+    uint64_t files_read;        /* files its updates read (unchanged ones must not be) */
 
     /* document index (docindex.cpp) */
     char **file_names;

@@ -3,7 +3,10 @@
 */
 #include "corpus.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cmath>
+#include <cstdio>
 #include <cstring>
 
 #include <fcntl.h>
@@ -249,6 +252,54 @@ bool CorpusSampler::draw(int pairs, std::mt19937_64 &rng, std::vector<std::strin
         positive = window.substr(s2, l2);
     }
     return true;
+}
+
+bool PairFile::load(const std::string &path, std::string *err)
+{
+    FILE *f = fopen(path.c_str(), "rb");
+    if (!f) {
+        *err = "cannot open pairs " + path + ": " + strerror(errno);
+        return false;
+    }
+    std::string data;
+    char buf[65536];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, f)) > 0) {
+        data.append(buf, n);
+    }
+    const bool failed = ferror(f) != 0;
+    fclose(f);
+    first_.clear();
+    second_.clear();
+    size_t at = 0;
+    while (!failed) {
+        const size_t end = data.find('\x1e', at);
+        if (end == std::string::npos) {
+            break;
+        }
+        const size_t sep = data.find('\x1f', at);
+        if (sep != std::string::npos && sep < end) {
+            first_.push_back(data.substr(at, sep - at));
+            second_.push_back(data.substr(sep + 1, end - sep - 1));
+        }
+        at = end + 1;
+    }
+    if (failed || first_.empty()) {
+        *err = "pairs " + path + (failed ? " cannot be read" : " holds no pair");
+        return false;
+    }
+    return true;
+}
+
+void PairFile::mix_into(std::vector<std::string> &texts, double share, std::mt19937_64 &rng) const
+{
+    const size_t pairs = texts.size() / 2;
+    const size_t mined = std::min(pairs, (size_t)std::llround(share * (double)pairs));
+    for (size_t i = pairs - mined; i < pairs && !first_.empty(); i++) {
+        const size_t k = (size_t)(rng() % first_.size());
+        texts[2 * i] = first_[k];
+        texts[2 * i + 1] = second_[k];
+    }
 }
 
 } // namespace trn_train

@@ -82,6 +82,25 @@ private:
     double cloze_ = 0.0;
 };
 
+/* Pairs of texts that a corpus holds, mined beforehand (a doc comment and the code it documents,
+** a heading and its section, a word and its definition): a file of records FIRST 0x1f SECOND
+** 0x1e, read whole. */
+class PairFile
+{
+public:
+    /* Reads the file. On failure (unreadable, or no complete record) returns false with a message
+    ** in err. */
+    bool load(const std::string &path, std::string *err);
+    size_t size() const { return first_.size(); }
+
+    /* Replaces the last round(share x pairs) pairs of texts (as CorpusSampler::draw lays them out)
+    ** by pairs of the file drawn with rng. */
+    void mix_into(std::vector<std::string> &texts, double share, std::mt19937_64 &rng) const;
+
+private:
+    std::vector<std::string> first_, second_;
+};
+
 /* The tokenizer's training text. The engine's pair table has 2^20 slots and no overflow check: a
 ** text with that many distinct adjacent pairs would make its training probe forever. A sequence
 ** of n ids holds at most n - 1 distinct pairs, so a text below 2^20 bytes can never fill the

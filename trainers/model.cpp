@@ -55,17 +55,10 @@ void gemm(Activations &acts, bool ta, bool tb, int m, int n, int k, float alpha,
 /* The products the engine's forward pass issues for one sequence of n positions. */
 void count_forward(Activations &acts, int n)
 {
-    for (int l = 0; l < LAYERS; l++) {
-        for (int p = 0; p < 3; p++) {
-            count_gemm(acts, false, false, n, DIM, DIM);
-        }
-        for (int hd = 0; hd < HEADS; hd++) {
-            count_gemm(acts, false, true, n, n, HEAD_DIM);
-            count_gemm(acts, false, false, n, HEAD_DIM, n);
-        }
-        count_gemm(acts, false, false, n, DIM, DIM);
-        count_gemm(acts, false, false, n, FF, DIM);
-        count_gemm(acts, false, false, n, DIM, FF);
+    GemmShape shapes[FORWARD_PRODUCTS];
+    encoder_forward_shapes(n, shapes);
+    for (const GemmShape &s : shapes) {
+        count_gemm(acts, s.trans_a, s.trans_b, s.m, s.n, s.k);
     }
 }
 

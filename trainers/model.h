@@ -103,12 +103,6 @@ struct SeqBatch {
     }
 };
 
-/* One matrix product as the model issued it, for the speed benchmark's reference run. */
-struct GemmShape {
-    bool trans_a, trans_b;
-    int m, n, k;
-};
-
 /* Saved activations and backward scratch of one batch of sequences. Grows to the largest batch
 ** seen and is reused. */
 struct Activations {

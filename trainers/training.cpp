@@ -9,6 +9,7 @@
 #include "training.h"
 
 #include "corpus.h"
+#include "usage.h"
 
 #include <algorithm>
 #include <atomic>
@@ -158,25 +159,45 @@ bool token_rarity(const CorpusSampler &sampler, const TrnBpe *bpe,
 }
 
 void bag_of_tokens(TrnEncoder *enc, const std::vector<float> &weight,
-                   const std::vector<uint32_t> &word)
+                   const std::vector<uint32_t> &word, const std::vector<float> &usage, double share)
 {
     constexpr int LIVE = DIM - IDF_SPARE_DIMS;
-    /* every token's own direction first: a word's tokens then take the first one's */
-    std::vector<float> dir((size_t)enc->vocab_size * LIVE);
-    for (uint32_t t = 0; t < enc->vocab_size; t++) {
-        const float *row = enc->tok_emb + (size_t)t * DIM + IDF_SPARE_DIMS;
+    const bool mixed = share > 0 && usage.size() >= (size_t)enc->vocab_size * LIVE;
+    const double own_part = std::sqrt(1.0 - std::clamp(share, 0.0, 1.0));
+    const double usage_part = std::sqrt(std::clamp(share, 0.0, 1.0) * LIVE);
+    /* centred and scaled to unit variance over the live components */
+    auto standardise = [](std::vector<double> &x) {
         double mean = 0, sq = 0;
-        for (int d = 0; d < LIVE; d++) {
-            mean += row[d];
+        for (double v : x) {
+            mean += v;
         }
-        mean /= LIVE;
-        for (int d = 0; d < LIVE; d++) {
-            sq += (row[d] - mean) * (row[d] - mean);
+        mean /= (double)x.size();
+        for (double v : x) {
+            sq += (v - mean) * (v - mean);
         }
-        const double sd = std::sqrt(sq / LIVE);
-        for (int d = 0; d < LIVE; d++) {
-            dir[(size_t)t * LIVE + d] = sd > 0 ? (float)((row[d] - mean) / sd) : 0.0f;
+        const double sd = std::sqrt(sq / (double)x.size());
+        for (double &v : x) {
+            v = sd > 0 ? (v - mean) / sd : 0.0;
         }
+    };
+    /* a word's tokens all take the random row of its first token */
+    std::vector<float> dir((size_t)enc->vocab_size * LIVE);
+    std::vector<double> mix(LIVE);
+    for (uint32_t t = 0; t < enc->vocab_size; t++) {
+        const uint32_t from = t < word.size() && word[t] < enc->vocab_size ? word[t] : t;
+        const float *row = enc->tok_emb + (size_t)from * DIM + IDF_SPARE_DIMS;
+        std::copy_n(row, LIVE, mix.begin());
+        standardise(mix);
+        const float *used = mixed ? &usage[(size_t)t * LIVE] : nullptr;
+        if (used && std::any_of(used, used + LIVE, [](float x) {
+                return x != 0.0f;
+            })) {
+            for (int d = 0; d < LIVE; d++) {
+                mix[d] = own_part * mix[d] + usage_part * used[d];
+            }
+            standardise(mix);
+        }
+        std::copy_n(mix.begin(), LIVE, &dir[(size_t)t * LIVE]);
     }
     for (uint32_t t = 0; t < enc->vocab_size; t++) {
         float *row = enc->tok_emb + (size_t)t * DIM;
@@ -184,9 +205,8 @@ void bag_of_tokens(TrnEncoder *enc, const std::vector<float> &weight,
         if (t == TRN_TOKEN_BEGIN || t == TRN_TOKEN_END) {
             w = 0.0;
         }
-        const uint32_t from = t < word.size() && word[t] < enc->vocab_size ? word[t] : t;
         for (int d = 0; d < LIVE; d++) {
-            row[IDF_SPARE_DIMS + d] = (float)(w * dir[(size_t)from * LIVE + d]);
+            row[IDF_SPARE_DIMS + d] = (float)(w * dir[(size_t)t * LIVE + d]);
         }
         /* the rest of a unit variance, in alternating signs so the row's mean stays 0 */
         const double c = std::sqrt((DIM - LIVE * w * w) / IDF_SPARE_DIMS);
@@ -426,7 +446,9 @@ namespace
 
 const char USAGE[] = "trainer: usage: trainer CORPUS OUT STEPS BATCH LR HEADS LAYERS [--bpe PATH] "
                      "[--threads N] [--init WEIGHTS] [--steps-done K] [--save-every N] [--rates "
-                     "NORM,EMBEDDING,MATRIX] [--cloze P] [--idf]";
+                     "NORM,EMBEDDING,MATRIX] [--cloze P] [--idf] [--usage SHARE] [--bag "
+                     "STEPS,BATCH,RATE] [--pairs FILE] "
+                     "[--pairs-share P]";
 
 bool parse_int(const char *s, long lo, long hi, int *out)
 {
@@ -672,7 +694,8 @@ int parse_trainer_args(int argc, char **argv, TrainOptions *opts)
 {
     std::vector<const char *> pos;
     bool have_threads = false, have_bpe = false, have_init = false, have_done = false,
-         have_save = false, have_rates = false, have_cloze = false;
+         have_save = false, have_rates = false, have_cloze = false, have_usage = false,
+         have_bag = false, have_pairs_share = false;
     for (int i = 1; i < argc; i++) {
         const char *a = argv[i];
         if (strcmp(a, "--idf") == 0) {
@@ -685,7 +708,9 @@ int parse_trainer_args(int argc, char **argv, TrainOptions *opts)
         const bool is_option = strcmp(a, "--bpe") == 0 || strcmp(a, "--threads") == 0
                                || strcmp(a, "--init") == 0 || strcmp(a, "--steps-done") == 0
                                || strcmp(a, "--save-every") == 0 || strcmp(a, "--rates") == 0
-                               || strcmp(a, "--cloze") == 0;
+                               || strcmp(a, "--cloze") == 0 || strcmp(a, "--usage") == 0
+                               || strcmp(a, "--bag") == 0 || strcmp(a, "--pairs") == 0
+                               || strcmp(a, "--pairs-share") == 0;
         if (is_option) {
             if (i + 1 >= argc) {
                 return usage_error("%s needs a value", a);
@@ -713,14 +738,45 @@ int parse_trainer_args(int argc, char **argv, TrainOptions *opts)
                     return usage_error("bad --save-every '%s' (expected 1 to 10000000)", val);
                 }
                 have_save = true;
-            } else if (strcmp(a, "--cloze") == 0) {
+            } else if (strcmp(a, "--pairs") == 0) {
+                if (!opts->pairs_path.empty() || val[0] == '\0') {
+                    return usage_error("%s given twice or empty", a);
+                }
+                opts->pairs_path = val;
+            } else if (strcmp(a, "--pairs-share") == 0) {
                 char *end = nullptr;
                 const double v = strtod(val, &end);
-                if (have_cloze || end == val || *end != '\0' || !(v >= 0.0 && v <= 1.0)) {
-                    return usage_error("bad --cloze '%s' (expected a share from 0 to 1)", val);
+                if (have_pairs_share || end == val || *end != '\0' || !(v >= 0.0 && v <= 1.0)) {
+                    return usage_error("bad --pairs-share '%s' (expected a share from 0 to 1)",
+                                       val);
                 }
-                opts->cloze = v;
-                have_cloze = true;
+                opts->pairs_share = v;
+                have_pairs_share = true;
+            } else if (strcmp(a, "--bag") == 0) {
+                int steps = 0, batch = 0;
+                float lr = 0;
+                char tail = 0;
+                if (have_bag || sscanf(val, "%d,%d,%f%c", &steps, &batch, &lr, &tail) != 3
+                    || steps < 1 || steps > MAX_STEPS || batch < 2 || batch > MAX_BAG_BATCH
+                    || !(lr > 0.0f && lr <= 1.0f)) {
+                    return usage_error("bad --bag '%s' (expected STEPS,BATCH,RATE: 1 to 10000000 "
+                                       "steps of 2 to 4096 pairs at a rate above 0, at most 1)",
+                                       val);
+                }
+                opts->bag = BagOptions{steps, batch, lr};
+                have_bag = true;
+            } else if (strcmp(a, "--cloze") == 0 || strcmp(a, "--usage") == 0) {
+                const bool cloze = a[2] == 'c';
+                char *end = nullptr;
+                const double v = strtod(val, &end);
+                if ((cloze ? have_cloze : have_usage) || end == val || *end != '\0'
+                    || !(v >= 0.0 && v <= 1.0)) {
+                    return usage_error(cloze ? "bad --cloze '%s' (expected a share from 0 to 1)"
+                                             : "bad --usage '%s' (expected a share from 0 to 1)",
+                                       val);
+                }
+                (cloze ? opts->cloze : opts->usage) = v;
+                (cloze ? have_cloze : have_usage) = true;
             } else {
                 if (have_rates || !parse_rates(val, &opts->rates)) {
                     return usage_error("bad --rates '%s' (expected three numbers from 0 to 100, "
@@ -745,8 +801,8 @@ int parse_trainer_args(int argc, char **argv, TrainOptions *opts)
         fprintf(stderr, "%s\n", USAGE);
         return 2;
     }
-    if (!parse_int(pos[2], 1, MAX_STEPS, &opts->steps)) {
-        return usage_error("bad step count '%s' (expected 1 to 10000000)", pos[2]);
+    if (!parse_int(pos[2], 0, MAX_STEPS, &opts->steps)) {
+        return usage_error("bad step count '%s' (expected 0 to 10000000)", pos[2]);
     }
     if (!parse_int(pos[3], 2, MAX_BATCH, &opts->batch)) {
         return usage_error("bad batch size '%s' (expected 2 to 128)", pos[3]);
@@ -775,6 +831,11 @@ int parse_trainer_args(int argc, char **argv, TrainOptions *opts)
                 opts->steps);
         return 2;
     }
+    if ((have_usage || have_bag) && !opts->idf) {
+        fprintf(stderr,
+                "trainer: --usage and --bag shape the start that --idf makes and need it\n");
+        return 2;
+    }
     if (opts->idf && !opts->init_path.empty()) {
         fprintf(stderr, "trainer: --idf starts a new encoder and cannot go with --init\n");
         return 2;
@@ -789,6 +850,50 @@ int parse_trainer_args(int argc, char **argv, TrainOptions *opts)
     }
     return 0;
 }
+
+namespace
+{
+
+/* The bag-of-words phase of --bag, on batches of its own (drawn with a seed of their own, so the
+** model's steps draw what they would draw without it). Returns false after one "trainer: ..."
+** line. */
+bool train_bag(const TrainOptions &opts, CorpusSampler &sampler, const PairFile &mined,
+               TrnEncoder *enc, FILE *progress)
+{
+    BagTrainer bag(enc, opts.bag, opts.threads);
+    std::mt19937_64 rng(SAMPLER_SEED + 4), mined_rng(SAMPLER_SEED + 5);
+    std::vector<std::string> texts;
+    std::string err;
+    double loss_sum = 0;
+    int loss_count = 0;
+    for (int k = 1; k <= opts.bag.steps; k++) {
+        if (!sampler.draw(opts.bag.batch, rng, texts, &err)) {
+            fprintf(stderr, "trainer: %s\n", err.c_str());
+            return false;
+        }
+        if (mined.size() > 0) {
+            mined.mix_into(texts, opts.pairs_share, mined_rng);
+        }
+        const float lr = bag.lr_at(k);
+        loss_sum += bag.step(texts);
+        loss_count++;
+        if (k == 1 || k % 50 == 0 || k == opts.bag.steps) {
+            fprintf(progress,
+                    "bag step %d/%d loss %.4f lr %.6g\n",
+                    k,
+                    opts.bag.steps,
+                    loss_sum / loss_count,
+                    (double)lr);
+            fflush(progress);
+            loss_sum = 0;
+            loss_count = 0;
+        }
+    }
+    bag.store(enc);
+    return true;
+}
+
+} // namespace
 
 int run_trainer(const TrainOptions &opts, FILE *progress)
 {
@@ -811,6 +916,11 @@ int run_trainer(const TrainOptions &opts, FILE *progress)
                 (unsigned long long)need);
         return 1;
     }
+    PairFile mined;
+    if (!opts.pairs_path.empty() && !mined.load(opts.pairs_path, &err)) {
+        fprintf(stderr, "trainer: %s\n", err.c_str());
+        return 1;
+    }
     TrnEncoder enc;
     if (!init_encoder(opts, &enc)) {
         return 1;
@@ -829,7 +939,23 @@ int run_trainer(const TrainOptions &opts, FILE *progress)
             encoder_release(&enc);
             return 1;
         }
-        bag_of_tokens(&enc, rarity, word);
+        std::vector<float> usage;
+        if (opts.usage > 0) {
+            std::mt19937_64 usage_rng(SAMPLER_SEED + 2);
+            Cooccurrence counts;
+            if (!count_cooccurrence(
+                    sampler, enc.bpe, word, USAGE_WINDOWS, USAGE_SPAN, usage_rng, &counts, &err)) {
+                fprintf(stderr, "trainer: %s\n", err.c_str());
+                encoder_release(&enc);
+                return 1;
+            }
+            usage = usage_vectors(counts, enc.vocab_size, DIM - IDF_SPARE_DIMS, SAMPLER_SEED + 3);
+        }
+        bag_of_tokens(&enc, rarity, word, usage, opts.usage);
+        if (opts.bag.steps > 0 && !train_bag(opts, sampler, mined, &enc, progress)) {
+            encoder_release(&enc);
+            return 1;
+        }
     }
 
     const std::string tmp = opts.out + ".tmp";
@@ -869,8 +995,13 @@ int run_trainer(const TrainOptions &opts, FILE *progress)
         /* one field, so readers of step,loss records skip it */
         fprintf(loss_log, "# initialised from %s\n", opts.init_path.c_str());
     } else if (opts.idf) {
-        fprintf(
-            loss_log, "# initialised as tokens weighted by rarity over %d windows\n", IDF_WINDOWS);
+        fprintf(loss_log,
+                "# initialised as tokens weighted by rarity over %d windows, %.2f of each word's "
+                "direction from its usage, then %d bag-of-words steps of %d pairs\n",
+                IDF_WINDOWS,
+                opts.usage,
+                opts.bag.steps,
+                opts.bag.batch);
     }
     fflush(loss_log);
 
@@ -880,13 +1011,16 @@ int run_trainer(const TrainOptions &opts, FILE *progress)
         Trainer trainer(&enc, opts.batch, opts.lr, opts.steps, opts.threads);
         trainer.set_steps_done(opts.steps_done);
         trainer.set_group_rates(opts.rates);
-        std::mt19937_64 rng(SAMPLER_SEED);
+        std::mt19937_64 rng(SAMPLER_SEED), mined_rng(SAMPLER_SEED + 6);
         std::vector<std::string> texts;
         /* the batches of the steps already done, drawn again so the run goes on as it would */
         for (int k = 1; k <= opts.steps_done && status == 0; k++) {
             if (!sampler.draw(opts.batch, rng, texts, &err)) {
                 fprintf(stderr, "trainer: %s\n", err.c_str());
                 status = 1;
+            }
+            if (mined.size() > 0) {
+                mined.mix_into(texts, opts.pairs_share, mined_rng);
             }
         }
         double loss_sum = 0;
@@ -898,6 +1032,9 @@ int run_trainer(const TrainOptions &opts, FILE *progress)
                 fprintf(stderr, "trainer: %s\n", err.c_str());
                 status = 1;
                 break;
+            }
+            if (mined.size() > 0) {
+                mined.mix_into(texts, opts.pairs_share, mined_rng);
             }
             float lr = trainer.next_lr();
             double loss = trainer.step(texts);

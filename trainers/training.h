@@ -31,6 +31,7 @@
 #ifndef TRN_TRAINERS_TRAINING_H
 #define TRN_TRAINERS_TRAINING_H
 
+#include "bag_training.h"
 #include "corpus.h"
 #include "model.h"
 
@@ -66,11 +67,13 @@ constexpr uint32_t META_FROM_FILE = 0x80000000u;
 
 /* windows of CHUNK_BYTES over which --idf counts the windows that hold each word */
 constexpr int IDF_WINDOWS = 20000;
-/* components of the token rows that --idf keeps for the part of a row that must not count */
-constexpr int IDF_SPARE_DIMS = 16;
+/* components of the token rows that --idf keeps for the part of a row that must not count: two,
+** of opposite signs, so a row's mean stays 0 */
+constexpr int IDF_SPARE_DIMS = 2;
 
 constexpr int MAX_STEPS = 10000000;
 constexpr int MAX_BATCH = 128;
+constexpr int MAX_BAG_BATCH = 4096;
 constexpr int MAX_THREADS = 256;
 
 /* Multipliers of the scheduled learning rate per parameter group. */
@@ -88,8 +91,12 @@ struct TrainOptions {
     int steps_done = 0;    /* steps of an earlier run of the same STEPS to continue after */
     int save_every = 0;    /* write OUT every that many steps; 0: only at the end */
     GroupRates rates;
-    double cloze = 0.0; /* share of query pairs against the window without the query */
-    bool idf = false;   /* start from the corpus's weighted bag of words */
+    double cloze = 0.0;        /* share of query pairs against the window without the query */
+    bool idf = false;          /* start from the corpus's weighted bag of words */
+    double usage = 0.0;        /* with idf: share of a word's direction learned from its usage */
+    BagOptions bag;            /* with idf: bag-of-words steps before the model's own */
+    std::string pairs_path;    /* mined pairs mixed into every batch; empty: none */
+    double pairs_share = 0.25; /* share of each batch's pairs taken from pairs_path */
     int steps = 2000;
     int batch = 8; /* pairs per step: 2 x batch sequences */
     float lr = 1e-3f;
@@ -142,15 +149,19 @@ bool token_rarity(const CorpusSampler &sampler, const TrnBpe *bpe,
 
 /* Makes a freshly initialised encoder a weighted bag of words. The final layer norm's scale
 ** becomes 0 on the first IDF_SPARE_DIMS components, so what a row holds there never reaches the
-** pooled vector. Every token's row becomes unit variance: on the other components the seeded
-** random row of its word's first token (word[t], or its own where word[t] is NO_WORD), centred
-** and scaled to weight[t] (0 to 1) times unit variance, on the spare ones the rest, so the norm
-** passes weight[t] times its word's random direction. The begin and end tokens weigh 0; the
-** position embeddings and the output projections of both layers (wo, w2, b2) become zero, so
-** the residual stream is the token's row alone, and a text's vector is the weighted sum of its
-** words' directions. */
+** pooled vector. Every token's row becomes unit variance: on the other components its word's
+** direction, centred and scaled to weight[t] (0 to 1) times unit variance, on the spare ones the
+** rest, so the norm passes weight[t] times its word's direction. A word's direction is the
+** seeded random row of its first token (word[t], or the token's own where word[t] is NO_WORD),
+** mixed, where usage (vocab x (DIM - IDF_SPARE_DIMS), unit rows) has a non-zero row for the
+** token, with that row: sqrt(1 - share) of the random direction and sqrt(share) of the usage
+** one, so words used alike point alike by that share while each word stays nearest itself. The
+** begin and end tokens weigh 0; the position embeddings and the output projections of both
+** layers (wo, w2, b2) become zero, so the residual stream is the token's row alone, and a
+** text's vector is the weighted sum of its words' directions. */
 void bag_of_tokens(TrnEncoder *enc, const std::vector<float> &weight,
-                   const std::vector<uint32_t> &word);
+                   const std::vector<uint32_t> &word, const std::vector<float> &usage = {},
+                   double share = 0.0);
 
 class Trainer
 {

@@ -364,6 +364,23 @@ void encoder_redraw(TrnEncoder *enc, uint32_t seed)
     init_common(enc, seed);
 }
 
+void encoder_forward_shapes(int n, GemmShape *out)
+{
+    int at = 0;
+    for (int l = 0; l < TRN_ENCODER_LAYERS; l++) {
+        for (int p = 0; p < 3; p++) {
+            out[at++] = GemmShape{false, false, n, DIM, DIM}; /* Q, K, V */
+        }
+        for (int h = 0; h < TRN_ENCODER_HEADS; h++) {
+            out[at++] = GemmShape{false, true, n, n, HEAD_DIM};  /* scores */
+            out[at++] = GemmShape{false, false, n, HEAD_DIM, n}; /* scores x V */
+        }
+        out[at++] = GemmShape{false, false, n, DIM, DIM}; /* output projection */
+        out[at++] = GemmShape{false, false, n, FF, DIM};  /* up */
+        out[at++] = GemmShape{false, false, n, DIM, FF};  /* down */
+    }
+}
+
 void encoder_forward(const TrnEncoder *enc, TrnScratch *ws, const uint32_t *ids, int n, float *out,
                      TrnForwardSave *save)
 {

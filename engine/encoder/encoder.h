@@ -79,6 +79,16 @@ struct TrnForwardSave {
 ** trainer; the same bits with or without save. */
 void encoder_forward(const TrnEncoder *enc, TrnScratch *ws, const uint32_t *ids, int n, float *out,
                      TrnForwardSave *save);
+/* One matrix product, C (m x n) = op(A) (m x k) op(B) (k x n), as a pass issues it. */
+struct GemmShape {
+    bool trans_a, trans_b;
+    int m, n, k;
+};
+/* The products encoder_forward issues for one sequence. */
+constexpr int FORWARD_PRODUCTS = TRN_ENCODER_LAYERS * (6 + 2 * TRN_ENCODER_HEADS);
+/* The products encoder_forward issues for one sequence of n positions, in its order: writes
+** FORWARD_PRODUCTS shapes to out. What the trainer counts and the benchmarks replay. */
+void encoder_forward_shapes(int n, GemmShape *out);
 /* Draws every tensor afresh from seed, as trn_encoder_init does, keeping the tokenizer and the
 ** vocabulary size. */
 void encoder_redraw(TrnEncoder *enc, uint32_t seed);

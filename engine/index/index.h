@@ -14,6 +14,10 @@
 ** Ingestion (ingest.cpp)
 */
 void ensure_cap(TrnEngine *e, uint64_t n);
+/* Frees what slot holds (text, path, graph links) and zeroes its records. */
+void chunk_slot_clear(TrnEngine *e, uint64_t slot);
+/* Clears every slot in use: the tables stay allocated, the handle holds no chunk. */
+void chunks_clear(TrnEngine *e);
 void add_doc_mem(TrnEngine *e, const char *doc_id, const char *text, const char *path,
                  int32_t chunk_index, int32_t line_number, uint32_t file_type);
 /* As add_doc_mem with the vector already embedded and normalised (dim floats). */
@@ -39,11 +43,6 @@ int32_t chunk_and_replace(TrnEngine *e, const char *path, const char *text, int6
 ** The walk of an update and the text of a file (update.cpp). One place decides which files of a
 ** directory are indexed and what text they hold.
 */
-/* True when the options' global patterns (or the default ones) exclude rel, a path relative to
-** the walked root (a directory's with a trailing "/"). */
-bool update_excludes(const TrnWalkOptions *opts, const char *rel);
-/* Files update_text has read in this process (a test hook: unchanged files must not be read). */
-extern uint64_t g_update_files_read;
 /* A file modified less than this many nanoseconds before it was read is read again by the next
 ** update (3 s; a test hook). */
 extern int64_t g_update_recent_ns;

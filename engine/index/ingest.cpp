@@ -125,6 +125,23 @@ void ensure_cap(TrnEngine *e, uint64_t n)
     e->capacity = c;
 }
 
+void chunk_slot_clear(TrnEngine *e, uint64_t slot)
+{
+    TrnChunk *c = &e->chunks[slot];
+    free(c->text);
+    free(c->file_path);
+    memset(c, 0, sizeof *c);
+    node_reset(&e->nodes[slot]);
+}
+
+void chunks_clear(TrnEngine *e)
+{
+    for (uint64_t i = 0; i < e->count; i++) {
+        chunk_slot_clear(e, i);
+    }
+    e->count = 0;
+}
+
 int32_t draw_level(uint64_t *state, float level_mult)
 {
     /* splitmix64 (Steele, Lea and Flood): any state, 0 included, gives a full-period sequence. */

@@ -72,23 +72,6 @@ int64_t now_ns(void)
 
 } // namespace
 
-bool update_excludes(const TrnWalkOptions *opts, const char *rel)
-{
-    bool custom = opts && opts->exclude_pattern_count > 0 && opts->exclude_patterns;
-    IgnoreRules *rules = custom
-                             ? ignore_rules_new(opts->exclude_patterns, opts->exclude_pattern_count)
-                             : ignore_rules_new(WALK_DEFAULT_EXCLUDES, WALK_DEFAULT_EXCLUDE_COUNT);
-    std::string path(rel);
-    bool is_dir = !path.empty() && path.back() == '/';
-    if (is_dir) {
-        path.pop_back();
-    }
-    bool excluded = ignore_rules_match(rules, path.c_str(), is_dir) != nullptr;
-    ignore_rules_free(rules);
-    return excluded;
-}
-
-uint64_t g_update_files_read = 0;
 int64_t g_update_recent_ns = RECENT_NS;
 
 char *update_text(const char *path, TrnFileType type, uint64_t max_size, size_t *length,
@@ -96,7 +79,6 @@ char *update_text(const char *path, TrnFileType type, uint64_t max_size, size_t 
 {
     *binary = false;
     *length = 0;
-    g_update_files_read++;
     ExtractedText t;
     TrnFileStatus status = extract_file_text(path, type, max_size, &t);
     char *text = nullptr;
@@ -349,6 +331,7 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
             int64_t read_at = now_ns();
             bool binary = false;
             size_t length = 0;
+            e->files_read++;
             char *text = update_text(
                 job.path.c_str(), job.type, opts ? opts->max_file_size : 0, &length, &binary);
             ManifestEntry entry = entry_for(*w, job.type);

@@ -194,14 +194,7 @@ void index_reset(TrnEngine *e)
 {
     trn_free_doc_index(e);
     lex_free(e); /* the slots are about to be read again */
-    for (uint64_t i = 0; i < e->count; i++) {
-        free(e->chunks[i].text);
-        free(e->chunks[i].file_path);
-        e->chunks[i].text = nullptr;
-        e->chunks[i].file_path = nullptr;
-        node_reset(&e->nodes[i]);
-    }
-    e->count = 0;
+    chunks_clear(e);
     e->deleted_count = 0;
     e->entry_point = -1;
     e->max_level = -1;

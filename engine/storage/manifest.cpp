@@ -49,22 +49,6 @@ constexpr size_t MANIFEST_HEADER = 24;
 constexpr size_t ENTRY_FIXED = 4 + 8 * 5 + 4 * 3;
 constexpr uint64_t MANIFEST_SIZE_MAX = 1ull << 31; /* about 20 million files */
 
-struct Reader {
-    const uint8_t *p;
-    size_t left;
-};
-
-bool take(Reader *r, void *out, size_t n)
-{
-    if (n > r->left) {
-        return false;
-    }
-    memcpy(out, r->p, n);
-    r->p += n;
-    r->left -= n;
-    return true;
-}
-
 void put(TrnBytes *b, const void *p, size_t n)
 {
     const uint8_t *bytes = static_cast<const uint8_t *>(p);
@@ -136,18 +120,19 @@ bool manifest_read(const char *path, Manifest *m)
     if (got == size) {
         memcpy(&stored_crc, bytes + size - 4, 4);
     }
-    Reader r = {bytes, size - 4};
+    ByteReader r = {bytes, size - 4};
     char magic[4];
     uint32_t version = 0, count = 0;
-    bool ok = got == size && stored_crc == crc32_update(0, bytes, size - 4) && take(&r, magic, 4)
-              && memcmp(magic, "TRNF", 4) == 0 && take(&r, &version, 4)
-              && version == MANIFEST_VERSION && take(&r, &m->chunk_size, 4)
-              && take(&r, &m->overlap, 4) && take(&r, &m->text_version, 4) && take(&r, &count, 4)
+    bool ok = got == size && stored_crc == crc32_update(0, bytes, size - 4)
+              && bytes_take(&r, magic, 4) && memcmp(magic, "TRNF", 4) == 0
+              && bytes_take(&r, &version, 4) && version == MANIFEST_VERSION
+              && bytes_take(&r, &m->chunk_size, 4) && bytes_take(&r, &m->overlap, 4)
+              && bytes_take(&r, &m->text_version, 4) && bytes_take(&r, &count, 4)
               && (uint64_t)count * ENTRY_FIXED <= r.left;
     for (uint32_t i = 0; ok && i < count; i++) {
         ManifestEntry e = {};
         uint32_t n = 0;
-        ok = take(&r, &n, 4) && n >= 1 && n < TRN_WALK_MAX && n <= r.left;
+        ok = bytes_take(&r, &n, 4) && n >= 1 && n < TRN_WALK_MAX && n <= r.left;
         if (!ok) {
             break;
         }
@@ -156,9 +141,11 @@ bool manifest_read(const char *path, Manifest *m)
         name[n] = '\0';
         r.p += n;
         r.left -= n;
-        ok = memchr(name, '\0', n) == nullptr && take(&r, &e.size, 8) && take(&r, &e.mtime_ns, 8)
-             && take(&r, &e.ctime_ns, 8) && take(&r, &e.inode, 8) && take(&r, &e.text_hash, 8)
-             && take(&r, &e.type, 4) && take(&r, &e.chunks, 4) && take(&r, &e.flags, 4);
+        ok = memchr(name, '\0', n) == nullptr && bytes_take(&r, &e.size, 8)
+             && bytes_take(&r, &e.mtime_ns, 8) && bytes_take(&r, &e.ctime_ns, 8)
+             && bytes_take(&r, &e.inode, 8) && bytes_take(&r, &e.text_hash, 8)
+             && bytes_take(&r, &e.type, 4) && bytes_take(&r, &e.chunks, 4)
+             && bytes_take(&r, &e.flags, 4);
         if (ok) {
             e.path = name;
             manifest_add(m, &e);

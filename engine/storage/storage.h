@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <vector>
 
 constexpr uint32_t TRN_WAL_ID_LIMIT = 4096;
@@ -115,6 +116,54 @@ void remove_stale_temps(const TrnEngine *e);
 void keep_damaged_aside(TrnEngine *e);
 /* Makes a rename inside the directory of path durable. Returns false when the sync failed. */
 bool sync_parent_dir(const char *path);
+
+/* ---------------------------------------------------------------------------------------------
+** Reading an index file's bytes (store.cpp, wal.cpp, manifest.cpp): every read is checked
+** against the bytes left, so a short or hostile file ends the read instead of running past it.
+*/
+struct ByteReader {
+    const uint8_t *p;
+    size_t left;
+};
+/* Copies n bytes to out and moves past them; false, moving nothing, when fewer are left. */
+inline bool bytes_take(ByteReader *r, void *out, size_t n)
+{
+    if (n > r->left) {
+        return false;
+    }
+    if (n > 0) {
+        memcpy(out, r->p, n);
+    }
+    r->p += n;
+    r->left -= n;
+    return true;
+}
+template <typename T>
+inline bool bytes_take_value(ByteReader *r, T *out)
+{
+    return bytes_take(r, out, sizeof(T));
+}
+/* Moves past n bytes; false, moving nothing, when fewer are left. */
+inline bool bytes_skip(ByteReader *r, size_t n)
+{
+    if (n > r->left) {
+        return false;
+    }
+    r->p += n;
+    r->left -= n;
+    return true;
+}
+/* A uint32 length of at most limit bytes, then that many bytes, which *s points to. */
+inline bool bytes_take_string(ByteReader *r, uint32_t limit, const uint8_t **s, uint32_t *n)
+{
+    if (!bytes_take(r, n, 4) || *n > limit || *n > r->left) {
+        return false;
+    }
+    *s = r->p;
+    r->p += *n;
+    r->left -= *n;
+    return true;
+}
 
 /* ---------------------------------------------------------------------------------------------
 ** Private files (file_io.cpp)

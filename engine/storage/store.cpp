@@ -77,52 +77,9 @@ float level_mult_for(int32_t m)
     return m >= 2 ? 1.0f / (float)log((double)m) : 1.0f;
 }
 
-/* Bytes of a mapped store still to be read. */
-struct Cursor {
-    const uint8_t *p;
-    size_t left;
-};
-
-bool take(Cursor *c, void *out, size_t n)
-{
-    if (n > c->left) {
-        return false;
-    }
-    memcpy(out, c->p, n);
-    c->p += n;
-    c->left -= n;
-    return true;
-}
-
-bool skip(Cursor *c, size_t n)
-{
-    if (n > c->left) {
-        return false;
-    }
-    c->p += n;
-    c->left -= n;
-    return true;
-}
-
-template <typename T>
-bool take_value(Cursor *c, T *out)
-{
-    return take(c, out, sizeof(T));
-}
-
-/* Frees a slot's strings and lists and zeroes its record. */
-void slot_clear(TrnEngine *e, uint64_t slot)
-{
-    TrnChunk *c = &e->chunks[slot];
-    free(c->text);
-    free(c->file_path);
-    memset(c, 0, sizeof *c);
-    node_reset(&e->nodes[slot]);
-}
-
 /* Reads one chunk record into slot. Returns false, with the slot cleared, when the record is not
 ** complete or not acceptable. */
-bool read_record(TrnEngine *e, Cursor *cur, uint64_t slot)
+bool read_record(TrnEngine *e, ByteReader *cur, uint64_t slot)
 {
     TrnChunk *c = &e->chunks[slot];
     TrnNode *node = &e->nodes[slot];
@@ -130,39 +87,39 @@ bool read_record(TrnEngine *e, Cursor *cur, uint64_t slot)
     node_reset(node);
 
     uint32_t n = 0;
-    if (!take_value(cur, &n) || n > cur->left) {
+    if (!bytes_take_value(cur, &n) || n > cur->left) {
         return false;
     }
     size_t kept = n < TRN_ID_MAX - 1 ? n : TRN_ID_MAX - 1;
-    take(cur, c->doc_id, kept);
-    skip(cur, n - kept);
+    bytes_take(cur, c->doc_id, kept);
+    bytes_skip(cur, n - kept);
     c->doc_id[kept] = '\0';
 
-    if (!take_value(cur, &n) || n > cur->left) {
+    if (!bytes_take_value(cur, &n) || n > cur->left) {
         return false;
     }
     c->text = static_cast<char *>(xmalloc((size_t)n + 1));
-    take(cur, c->text, n);
+    bytes_take(cur, c->text, n);
     c->text[n] = '\0';
 
-    if (!take_value(cur, &n) || n > cur->left) {
-        slot_clear(e, slot);
+    if (!bytes_take_value(cur, &n) || n > cur->left) {
+        chunk_slot_clear(e, slot);
         return false;
     }
     if (n > 0) {
         c->file_path = static_cast<char *>(xmalloc((size_t)n + 1));
-        take(cur, c->file_path, n);
+        bytes_take(cur, c->file_path, n);
         c->file_path[n] = '\0';
     }
 
     uint8_t deleted = 0;
     float *v = e->vectors + slot * (uint64_t)e->dim;
     int32_t level = 0;
-    if (!take_value(cur, &c->chunk_index) || !take_value(cur, &c->line_number)
-        || !take_value(cur, &c->file_type) || !take_value(cur, &deleted)
-        || !take(cur, v, (size_t)e->dim * sizeof(float)) || !take_value(cur, &level)
+    if (!bytes_take_value(cur, &c->chunk_index) || !bytes_take_value(cur, &c->line_number)
+        || !bytes_take_value(cur, &c->file_type) || !bytes_take_value(cur, &deleted)
+        || !bytes_take(cur, v, (size_t)e->dim * sizeof(float)) || !bytes_take_value(cur, &level)
         || level >= TRN_MAX_LEVELS) {
-        slot_clear(e, slot);
+        chunk_slot_clear(e, slot);
         return false;
     }
     c->deleted = deleted ? 1 : 0;
@@ -171,8 +128,8 @@ bool read_record(TrnEngine *e, Cursor *cur, uint64_t slot)
     node->level = level < 0 ? 0 : level;
     for (int32_t l = 0; l <= level; l++) {
         uint32_t k = 0;
-        if (!take_value(cur, &k) || k > NEIGHBOR_MAX || k > cur->left / sizeof(uint32_t)) {
-            slot_clear(e, slot);
+        if (!bytes_take_value(cur, &k) || k > NEIGHBOR_MAX || k > cur->left / sizeof(uint32_t)) {
+            chunk_slot_clear(e, slot);
             return false;
         }
         if (k == 0) {
@@ -185,7 +142,7 @@ bool read_record(TrnEngine *e, Cursor *cur, uint64_t slot)
         node->neighbors[l] = static_cast<uint32_t *>(xmalloc(xmul((size_t)cap, sizeof(uint32_t))));
         node->capacity[l] = cap;
         node->count[l] = (int32_t)k;
-        take(cur, node->neighbors[l], (size_t)k * sizeof(uint32_t));
+        bytes_take(cur, node->neighbors[l], (size_t)k * sizeof(uint32_t));
     }
     return true;
 }
@@ -232,29 +189,29 @@ void load_from_bytes(TrnEngine *e, const uint8_t *bytes, size_t size)
     if (size < STORE_HEADER_SIZE) {
         return;
     }
-    Cursor cur = {bytes, size};
+    ByteReader cur = {bytes, size};
     char magic[4];
     uint32_t version = 0;
     int32_t dim = 0;
-    if (!take(&cur, magic, 4) || memcmp(magic, "TRNW", 4) != 0) {
+    if (!bytes_take(&cur, magic, 4) || memcmp(magic, "TRNW", 4) != 0) {
         return;
     }
-    if (!take_value(&cur, &version) || version != STORE_VERSION) {
+    if (!bytes_take_value(&cur, &version) || version != STORE_VERSION) {
         return;
     }
     /* The encoder writes 512 floats per text; vectors of another width could not be compared
     ** with a single new chunk or query, so such a store is ignored like one of another version
     ** and the next checkpoint replaces it. */
-    if (!take_value(&cur, &dim) || dim != TRN_ENCODER_DIM) {
+    if (!bytes_take_value(&cur, &dim) || dim != TRN_ENCODER_DIM) {
         return;
     }
     int32_t m = 0, ef_construction = 0, ef_search = 0, entry = 0, max_level = 0;
     float level_mult = 0.0f;
     uint32_t count = 0;
-    if (!take_value(&cur, &m) || !take_value(&cur, &ef_construction)
-        || !take_value(&cur, &ef_search) || !take_value(&cur, &entry)
-        || !take_value(&cur, &max_level) || !take_value(&cur, &level_mult)
-        || !take_value(&cur, &count)) {
+    if (!bytes_take_value(&cur, &m) || !bytes_take_value(&cur, &ef_construction)
+        || !bytes_take_value(&cur, &ef_search) || !bytes_take_value(&cur, &entry)
+        || !bytes_take_value(&cur, &max_level) || !bytes_take_value(&cur, &level_mult)
+        || !bytes_take_value(&cur, &count)) {
         return; /* a header cut short holds no record */
     }
     (void)max_level; /* recomputed from the entry node once the records are in */
@@ -397,18 +354,13 @@ void write_store(const TrnEngine *e, StoreOut *o)
 
 void free_slots(TrnEngine *e)
 {
-    for (uint64_t i = 0; i < e->count; i++) {
-        free(e->chunks[i].text);
-        free(e->chunks[i].file_path);
-        node_reset(&e->nodes[i]);
-    }
+    chunks_clear(e);
     free(e->chunks);
     free(e->vectors);
     free(e->nodes);
     e->chunks = nullptr;
     e->vectors = nullptr;
     e->nodes = nullptr;
-    e->count = 0;
     e->capacity = 0;
 }
 

@@ -42,25 +42,6 @@
 namespace
 {
 
-/* Bytes of the mapped log still to be read. */
-struct LogCursor {
-    const uint8_t *p;
-    size_t left;
-};
-
-bool take(LogCursor *c, void *out, size_t n)
-{
-    if (n > c->left) {
-        return false;
-    }
-    if (n > 0) {
-        memcpy(out, c->p, n);
-    }
-    c->p += n;
-    c->left -= n;
-    return true;
-}
-
 /* One parsed record; strings point into the mapped log and are not NUL-terminated. */
 struct LogRecord {
     uint8_t op;
@@ -75,30 +56,20 @@ struct LogRecord {
     uint32_t file_type;
 };
 
-bool take_string(LogCursor *c, uint32_t limit, const uint8_t **s, uint32_t *n)
-{
-    if (!take(c, n, 4) || *n > limit || *n > c->left) {
-        return false;
-    }
-    *s = c->p;
-    c->p += *n;
-    c->left -= *n;
-    return true;
-}
-
 /* Parses one record; false for a torn or hostile one (a length beyond the bytes left). */
-bool parse_record(LogCursor *c, LogRecord *r)
+bool parse_record(ByteReader *c, LogRecord *r)
 {
     memset(r, 0, sizeof *r);
-    if (!take(c, &r->op, 1) || !take_string(c, TRN_WAL_ID_LIMIT, &r->id, &r->id_len)) {
+    if (!bytes_take(c, &r->op, 1) || !bytes_take_string(c, TRN_WAL_ID_LIMIT, &r->id, &r->id_len)) {
         return false;
     }
     if (r->op != 'A') {
         return true;
     }
-    return take_string(c, UINT32_MAX, &r->text, &r->text_len)
-           && take_string(c, UINT32_MAX, &r->path, &r->path_len) && take(c, &r->chunk_index, 4)
-           && take(c, &r->line_number, 4) && take(c, &r->file_type, 4);
+    return bytes_take_string(c, UINT32_MAX, &r->text, &r->text_len)
+           && bytes_take_string(c, UINT32_MAX, &r->path, &r->path_len)
+           && bytes_take(c, &r->chunk_index, 4) && bytes_take(c, &r->line_number, 4)
+           && bytes_take(c, &r->file_type, 4);
 }
 
 char *dup_bytes(const uint8_t *p, uint32_t n)
@@ -161,7 +132,7 @@ void apply_range(TrnEngine *e, const uint8_t *bytes, uint64_t from, uint64_t end
     }
     double last = now_seconds();
     uint64_t done = 0;
-    LogCursor c = {bytes + from, (size_t)(end - from)};
+    ByteReader c = {bytes + from, (size_t)(end - from)};
     LogRecord r;
     while (c.left > 0 && parse_record(&c, &r)) {
         apply_record(e, &r);
@@ -223,7 +194,7 @@ bool wal_replay(TrnEngine *e, const char *path, uint64_t from, bool apply)
     const uint8_t *bytes = static_cast<const uint8_t *>(map);
     bool whole = true;
 
-    LogCursor c = {bytes, size};
+    ByteReader c = {bytes, size};
     LogRecord first;
     bool grouped = parse_record(&c, &first) && first.op == 'G';
     if (from == 0 && !grouped) {

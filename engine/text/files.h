@@ -64,8 +64,18 @@ enum WalkKind : uint32_t {
 /* The answer of a walk callback. */
 enum WalkAction : uint32_t {
     WALK_CONTINUE = 0,
-    WALK_LEAVE_DIR = 1, /* skip the rest of the directory that holds this entry */
+    WALK_LEAVE_DIR = 1, /* skip the rest of the directory that holds this entry; for
+                           WALK_DIR_ENTER: do not enter that directory */
     WALK_STOP = 2,      /* end the whole walk; walk_files returns 1 */
+};
+
+/* What a walk reports, and so what it reads. */
+enum WalkScope : uint32_t {
+    WALK_SCOPE_FILES = 0, /* every entry, each file classified (its first bytes read when its name
+                             says nothing) */
+    WALK_SCOPE_STAT = 1,  /* every entry, no file classified: type UNKNOWN and status INDEXABLE
+                             unless EXCLUDED or TOO_LARGE */
+    WALK_SCOPE_DIRS = 2,  /* the directories only: no file is reported */
 };
 
 struct WalkedFile {
@@ -99,6 +109,30 @@ int32_t walk_files(const char *root, const TrnWalkOptions *opts, Fn &&fn)
 {
     return walk_files(
         root,
+        opts,
+        [](const WalkedFile *f, void *user) {
+            return (*static_cast<Fn *>(user))(*f);
+        },
+        static_cast<void *>(&fn));
+}
+
+/* A walk of the given scope below from, which is root or a directory inside it written as root
+** + "/" + its relative path: the ignore files of the directories from root down to from apply as
+** in a walk from root, and a from that such a walk would not enter (excluded, hidden, a link) is
+** not walked. A from below root is itself reported first, as WALK_DIR_ENTER, and last, as
+** WALK_DIR_LEAVE. Returns as walk_files does, and -1 when from does not lie inside root. */
+int32_t walk_tree(const char *root, const char *from, WalkScope scope, const TrnWalkOptions *opts,
+                  WalkFn fn, void *user);
+
+/* The same with any callable taking const WalkedFile & and returning WalkAction. */
+template <typename Fn>
+int32_t walk_tree(const char *root, const char *from, WalkScope scope, const TrnWalkOptions *opts,
+                  Fn &&fn)
+{
+    return walk_tree(
+        root,
+        from,
+        scope,
         opts,
         [](const WalkedFile *f, void *user) {
             return (*static_cast<Fn *>(user))(*f);

@@ -59,6 +59,7 @@ struct Walk {
     const char *const *extra;
     int32_t extra_count;
     uint64_t max_size;
+    WalkScope scope;
     WalkFn fn;
     void *user;
     bool stopped;
@@ -210,6 +211,9 @@ void walk_dir(Walk *w, const char *dir, int32_t depth)
                                    ? "hidden name"
                                    : ignore_rules_match(w->ignore, path + w->prefix_len, is_dir);
         WalkAction action = WALK_CONTINUE;
+        if (!is_dir && w->scope == WALK_SCOPE_DIRS) {
+            continue;
+        }
         if (excluded) {
             action = report(w,
                             is_dir ? WALK_DIR : WALK_FILE,
@@ -268,7 +272,10 @@ void walk_dir(Walk *w, const char *dir, int32_t depth)
                             nullptr);
         } else {
             TrnFileStatus status = TRN_FILE_STATUS_INDEXABLE;
-            TrnFileType type = classify_file(path, w->extra, w->extra_count, &status);
+            TrnFileType type = TRN_FILE_TYPE_UNKNOWN;
+            if (w->scope == WALK_SCOPE_FILES) {
+                type = classify_file(path, w->extra, w->extra_count, &status);
+            }
             action = report(w, WALK_FILE, path, depth, &st, status, type, nullptr);
         }
         if (action == WALK_LEAVE_DIR) {
@@ -282,12 +289,68 @@ void walk_dir(Walk *w, const char *dir, int32_t depth)
     free(names);
 }
 
+/* Walks from, below the root of w: the ignore files of the directories above it are read first,
+** and from is walked only when a walk from the root would enter it. */
+void walk_below(Walk *w, const char *root, const char *from)
+{
+    char dir[TRN_WALK_MAX];
+    snprintf(dir, sizeof dir, "%s", root);
+    ignore_rules_push_dir(w->ignore, dir, "");
+    int32_t pushed = 1, depth = 0;
+    const char *rest = from + w->prefix_len;
+    for (;;) {
+        const char *slash = strchr(rest, '/');
+        size_t name_len = slash ? (size_t)(slash - rest) : strlen(rest);
+        char path[TRN_WALK_MAX];
+        int len = snprintf(path, sizeof path, "%s/%.*s", dir, (int)name_len, rest);
+        struct stat st;
+        if (name_len == 0 || len < 0 || (size_t)len >= sizeof path || rest[0] == '.'
+            || ignore_rules_match(w->ignore, path + w->prefix_len, true) || lstat(path, &st) != 0
+            || !S_ISDIR(st.st_mode) || !visit_once(w, st.st_dev, st.st_ino)) {
+            break;
+        }
+        if (!slash) {
+            WalkAction action = report(w,
+                                       WALK_DIR_ENTER,
+                                       path,
+                                       depth,
+                                       &st,
+                                       TRN_FILE_STATUS_INDEXABLE,
+                                       TRN_FILE_TYPE_UNKNOWN,
+                                       nullptr);
+            if (action == WALK_CONTINUE) {
+                walk_dir(w, path, depth + 1);
+            }
+            if (!w->stopped) {
+                report(w,
+                       WALK_DIR_LEAVE,
+                       path,
+                       depth,
+                       &st,
+                       TRN_FILE_STATUS_INDEXABLE,
+                       TRN_FILE_TYPE_UNKNOWN,
+                       nullptr);
+            }
+            break;
+        }
+        ignore_rules_push_dir(w->ignore, path, path + w->prefix_len);
+        pushed++;
+        memcpy(dir, path, (size_t)len + 1);
+        depth++;
+        rest = slash + 1;
+    }
+    while (pushed-- > 0) {
+        ignore_rules_pop_dir(w->ignore);
+    }
+}
+
 } // namespace
 
-int32_t walk_files(const char *root, const TrnWalkOptions *opts, WalkFn fn, void *user)
+int32_t walk_tree(const char *root, const char *from, WalkScope scope, const TrnWalkOptions *opts,
+                  WalkFn fn, void *user)
 {
     struct stat st;
-    if (!root || stat(root, &st) != 0 || !S_ISDIR(st.st_mode)) {
+    if (!root || !from || stat(root, &st) != 0 || !S_ISDIR(st.st_mode)) {
         return -1;
     }
     DIR *probe = opendir(root);
@@ -302,9 +365,21 @@ int32_t walk_files(const char *root, const TrnWalkOptions *opts, WalkFn fn, void
     if (given_len + 2 >= TRN_WALK_MAX) {
         return -1;
     }
+    size_t from_len = strlen(from);
+    while (from_len > given_len && from[from_len - 1] == '/') {
+        from_len--;
+    }
+    bool below = from_len > given_len;
+    if (strncmp(from, root, given_len) != 0 || (below && from[given_len] != '/')
+        || from_len >= TRN_WALK_MAX) {
+        return -1;
+    }
     char start[TRN_WALK_MAX];
     memcpy(start, root, given_len);
     start[given_len] = '\0';
+    char below_path[TRN_WALK_MAX];
+    memcpy(below_path, from, from_len);
+    below_path[from_len] = '\0';
     Walk *w = static_cast<Walk *>(xcalloc(1, sizeof(Walk)));
     if (!realpath(root, w->root)) {
         free(w);
@@ -326,13 +401,23 @@ int32_t walk_files(const char *root, const TrnWalkOptions *opts, WalkFn fn, void
     if (opts && opts->max_file_size > 0) {
         w->max_size = opts->max_file_size;
     }
+    w->scope = scope;
     w->fn = fn;
     w->user = user;
     visit_once(w, st.st_dev, st.st_ino);
-    walk_dir(w, start, 0);
+    if (below) {
+        walk_below(w, start, below_path);
+    } else {
+        walk_dir(w, start, 0);
+    }
     bool stopped = w->stopped;
     ignore_rules_free(w->ignore);
     free(w->visited);
     free(w);
     return stopped ? 1 : 0;
+}
+
+int32_t walk_files(const char *root, const TrnWalkOptions *opts, WalkFn fn, void *user)
+{
+    return walk_tree(root, root, WALK_SCOPE_FILES, opts, fn, user);
 }

@@ -2,9 +2,10 @@
 ** watch.cpp -- trn_watch_*: tells when something in a directory tree changed, so an update can
 ** follow (the application's tabs and tarnwick-cli watch share it).
 **
-** With inotify, every directory of the tree gets a watch for writes, creations, deletions,
-** moves and attribute changes; a directory made later is watched as soon as its creation is
-** read. Names beginning with "." (the index directory, editors' swap files) are neither watched
+** With inotify, every directory the walk enters (text/files.h: its exclusion patterns, .gitignore
+** and .tarnwickignore) gets a watch for writes, creations, deletions, moves and attribute
+** changes; a directory made later is watched as soon as its creation is read. Names beginning with
+*"." (the index directory, editors' swap files) are neither watched
 ** nor counted, except ".gitignore" and ".tarnwickignore", which change what is indexed.
 **
 ** Each watch costs kernel memory, and a user's watches are limited (fs.inotify.max_user_watches,
@@ -70,7 +71,7 @@ uint64_t mix(uint64_t h, uint64_t v)
 uint64_t tree_snapshot(const TrnWatch *w)
 {
     uint64_t h = 0;
-    walk_files(w->root, &w->opts, [&h](const WalkedFile &f) {
+    walk_tree(w->root, w->root, WALK_SCOPE_STAT, &w->opts, [&h](const WalkedFile &f) {
         if (f.kind == WALK_FILE) {
             uint64_t v = text_hash(f.path, strlen(f.path));
             v = mix(v, f.size);
@@ -91,47 +92,33 @@ void fall_back(TrnWatch *w)
     w->snapshot = tree_snapshot(w);
 }
 
-/* An excluded directory is not watched: what happens in node_modules or build never counts. */
-bool excluded_dir(const TrnWatch *w, const char *path)
+/* Watches from (the root, or a directory made inside it since) and the directories below it that
+** the walk enters, under its rules: what happens in node_modules, build or a directory that a
+** .gitignore excludes never counts. False when the watch limit was reached. */
+bool watch_tree(TrnWatch *w, const char *from)
 {
-    char rel[TRN_WALK_MAX + 1];
-    snprintf(rel, sizeof rel, "%s/", path + w->root_len + 1);
-    return update_excludes(&w->opts, rel);
-}
-
-/* Watches dir and the directories below it; false when the watch limit was reached. */
-bool watch_tree(TrnWatch *w, const char *dir)
-{
-    int wd = inotify_add_watch(w->fd, dir, WATCH_MASK);
-    if (wd < 0) {
-        return errno != ENOSPC && errno != ENOMEM;
-    }
-    (*w->dirs)[wd] = XString(dir);
-    DIR *d = opendir(dir);
-    if (!d) {
-        return true;
-    }
     bool ok = true;
-    while (struct dirent *entry = readdir(d)) {
-        if (entry->d_name[0] == '.') {
-            continue;
+    auto watch = [w, &ok](const char *dir) {
+        int wd = inotify_add_watch(w->fd, dir, WATCH_MASK);
+        if (wd < 0) {
+            ok = errno != ENOSPC && errno != ENOMEM;
+            return false;
         }
-        char path[TRN_WALK_MAX];
-        int n = snprintf(path, sizeof path, "%s/%s", dir, entry->d_name);
-        if (n < 0 || (size_t)n >= sizeof path) {
-            continue;
-        }
-        struct stat st;
-        /* lstat: a link to a directory is not entered, as the walk does not enter it. */
-        if (lstat(path, &st) != 0 || !S_ISDIR(st.st_mode) || excluded_dir(w, path)) {
-            continue;
-        }
-        if (!watch_tree(w, path)) {
-            ok = false;
-            break;
-        }
+        (*w->dirs)[wd] = XString(dir);
+        return true;
+    };
+    if (strcmp(from, w->root) == 0 && !watch(from)) {
+        return ok;
     }
-    closedir(d);
+    walk_tree(w->root, from, WALK_SCOPE_DIRS, &w->opts, [&watch, &ok](const WalkedFile &f) {
+        if (f.kind != WALK_DIR_ENTER) {
+            return WALK_CONTINUE;
+        }
+        if (!watch(f.path)) {
+            return ok ? WALK_LEAVE_DIR : WALK_STOP; /* LEAVE_DIR: not entered */
+        }
+        return WALK_CONTINUE;
+    });
     return ok;
 }
 
@@ -219,7 +206,7 @@ int32_t trn_watch_changed(TrnWatch *w)
             if ((ev->mask & IN_ISDIR) && (ev->mask & (IN_CREATE | IN_MOVED_TO))
                 && dir != w->dirs->end() && name[0] != '.') {
                 XString path = dir->second + "/" + name;
-                if (!excluded_dir(w, path.c_str()) && !watch_tree(w, path.c_str())) {
+                if (!watch_tree(w, path.c_str())) {
                     fall_back(w);
                     return 1;
                 }

@@ -51,10 +51,9 @@ Updated update(const std::string &index, const std::string &src)
 {
     TrnEngine *e = open_index(index);
     Updated u = {};
-    uint64_t before = g_update_files_read;
     EXPECT_GE(trn_update_dir(e, src.c_str(), CHUNK, OVERLAP, nullptr, nullptr, nullptr, &u.report),
               0);
-    u.files_read = g_update_files_read - before;
+    u.files_read = e->files_read;
     u.chunks = chunks_of(e);
     trn_close(e);
     return u;

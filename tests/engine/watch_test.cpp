@@ -73,6 +73,13 @@ TEST(Watch, ReportsChangesToFilesAndNewDirectoriesButNotHiddenOrExcludedOnes)
     EXPECT_EQ(trn_watch_changed(w.get()), 1);
     write_file_text(dir.file("sub/b.txt"), "two");
     EXPECT_EQ(trn_watch_changed(w.get()), 1);
+
+    // A directory its .gitignore excludes is not watched, though it was made after the watch.
+    write_file_text(dir.file("sub/.gitignore"), "out/\n");
+    ASSERT_EQ(mkdir(dir.file("sub/out").c_str(), 0700), 0);
+    EXPECT_EQ(trn_watch_changed(w.get()), 1);
+    write_file_text(dir.file("sub/out/generated.txt"), "made by a build");
+    EXPECT_EQ(trn_watch_changed(w.get()), 0);
 }
 
 TEST(Watch, ComparingWalksSeesEditsAdditionsAndRemovals)

@@ -213,3 +213,34 @@ TEST(TokenRarity, CountsWindowsNotOccurrencesAndLiesBetweenZeroAndOne)
     EXPECT_FALSE(token_rarity(sampler, nullptr, word, 10, rng, &rarity, &err));
     EXPECT_FALSE(err.empty());
 }
+
+TEST(BagTraining, LearnsPairsAndTheEngineEmbedsExactlyWhatItTrained)
+{
+    // byte tokens: each pair shares one word (q, r, s or t) and differs in the rest
+    const std::vector<std::string> texts = {
+        "qa qb", "qc qd", "ra rb", "rc rd", "sa sb", "sc sd", "ta tb", "tc td"};
+    const std::vector<uint32_t> word = token_words(nullptr, TRN_ENCODER_BYTE_VOCAB);
+    TrnEncoder enc;
+    encoder_init(&enc, 42);
+    bag_of_tokens(&enc, Vec(TRN_ENCODER_BYTE_VOCAB, 0.5f), word);
+    BagTrainer bag(&enc, BagOptions{60, 4, 0.05f}, 2);
+    double first = 0, last = 0;
+    for (int k = 0; k < 60; k++) {
+        (k == 0 ? first : last) = bag.step(texts);
+    }
+    EXPECT_LT(last, first * 0.5);
+    Vec mine;
+    bag.embed(texts, mine);
+    bag.store(&enc);
+    for (size_t t = 0; t < texts.size(); t++) {
+        const Vec engine = embed(&enc, texts[t]);
+        EXPECT_LT(max_diff(engine, Vec(mine.begin() + t * DIM, mine.begin() + (t + 1) * DIM)),
+                  1e-4f)
+            << texts[t];
+    }
+    // the longest row fills a unit-variance row but for a sliver: no spare part goes negative
+    for (uint32_t t = 0; t < enc.vocab_size; t++) {
+        EXPECT_GE(enc.tok_emb[(size_t)t * DIM], 0.0f);
+    }
+    encoder_release(&enc);
+}

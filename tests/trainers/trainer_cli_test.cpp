@@ -204,20 +204,25 @@ TEST_F(TrainerCli, UsageErrorsExitWithTwoBeforeCreatingAnything)
     write_file("corpus.txt", corpus_text(4000));
     const std::string c = path("corpus.txt"), o = path("w.tten");
     const std::vector<std::vector<std::string>> bad = {
-        {c, o, "10", "2", "0.001", "8"},                           // six arguments
-        {c, o, "10", "2", "0.001", "8", "2", "9"},                 // eight
-        {c, o, "ten", "2", "0.001", "8", "2"},                     // steps
-        {c, o, "10", "2x", "0.001", "8", "2"},                     // batch
-        {c, o, "10", "1", "0.001", "8", "2"},                      // one pair has no negatives
-        {c, o, "10", "2", "fast", "8", "2"},                       // learning rate
-        {c, o, "10", "2", "-0.1", "8", "2"},                       // negative learning rate
-        {c, o, "10", "2", "0.001", "eight", "2"},                  // heads
-        {c, o, "10", "2", "0.001", "8", "2", "--fast"},            // unknown option
-        {c, o, "10", "2", "0.001", "8", "2", "--threads"},         // option without a value
-        {c, o, "10", "2", "0.001", "8", "2", "--threads", "0"},    // no threads
-        {c, o, "10", "2", "0.001", "8", "2", "--threads", "two"},  // unparsable threads
-        {c, o, "10", "2", "0.001", "8", "2", "--idf", "--idf"},    // twice
-        {c, o, "10", "2", "0.001", "8", "2", "--idf", "--init", o} // a new encoder from a file
+        {c, o, "10", "2", "0.001", "8"},                            // six arguments
+        {c, o, "10", "2", "0.001", "8", "2", "9"},                  // eight
+        {c, o, "ten", "2", "0.001", "8", "2"},                      // steps
+        {c, o, "10", "2x", "0.001", "8", "2"},                      // batch
+        {c, o, "10", "1", "0.001", "8", "2"},                       // one pair has no negatives
+        {c, o, "10", "2", "fast", "8", "2"},                        // learning rate
+        {c, o, "10", "2", "-0.1", "8", "2"},                        // negative learning rate
+        {c, o, "10", "2", "0.001", "eight", "2"},                   // heads
+        {c, o, "10", "2", "0.001", "8", "2", "--fast"},             // unknown option
+        {c, o, "10", "2", "0.001", "8", "2", "--threads"},          // option without a value
+        {c, o, "10", "2", "0.001", "8", "2", "--threads", "0"},     // no threads
+        {c, o, "10", "2", "0.001", "8", "2", "--threads", "two"},   // unparsable threads
+        {c, o, "10", "2", "0.001", "8", "2", "--idf", "--idf"},     // twice
+        {c, o, "10", "2", "0.001", "8", "2", "--idf", "--init", o}, // a new encoder from a file
+        {c, o, "10", "2", "0.001", "8", "2", "--usage", "0.3"},     // usage without --idf
+        {c, o, "10", "2", "0.001", "8", "2", "--idf", "--usage", "2"},
+        {c, o, "10", "2", "0.001", "8", "2", "--idf", "--bag", "10,1,0.1"}, // one pair
+        {c, o, "10", "2", "0.001", "8", "2", "--idf", "--bag", "10,8"},     // no rate
+        {c, o, "10", "2", "0.001", "8", "2", "--pairs-share", "1.5"},
     };
     for (const auto &args : bad) {
         Result r = run("trainer", args);
@@ -246,6 +251,7 @@ TEST_F(TrainerCli, BadInputsFailWithOneLineAndLeaveNoFiles)
     write_file("corpus.txt", corpus_text(4000));
     write_file("small.txt", corpus_text(100));
     write_file("bad.bpe", "TBPX\1\0\0\0");
+    write_file("torn.pairs", "a heading\x1fits section but no record end");
     const std::string o = path("w.tten");
     struct Case {
         Result r;
@@ -256,6 +262,8 @@ TEST_F(TrainerCli, BadInputsFailWithOneLineAndLeaveNoFiles)
         {train(path("small.txt"), o, "5", "8"), "too few for a batch of 8", o},
         {train_on({"--bpe", path("bad.bpe")}, "w.tten", "5"), "bad.bpe", o},
         {train_on({"--bpe", path("none.bpe")}, "w.tten", "5"), "none.bpe", o},
+        {train_on({"--pairs", path("none.pairs")}, "w.tten", "5"), "none.pairs", o},
+        {train_on({"--pairs", path("torn.pairs")}, "w.tten", "5"), "holds no pair", o},
         {train(path("corpus.txt"), path("no/dir/w.tten"), "5", "2"),
          "cannot write",
          path("no/dir/w.tten")},

@@ -1,0 +1,359 @@
+/*
+** train_bag_eval_bench.cpp -- the known-item task of known_item_bench, scored in seconds for an
+** encoder that is a bag of words, to choose between starting points and training recipes.
+**
+**   train_bag_eval_bench TASK WEIGHTS... [--check N]
+**
+** TASK is written by "known_item_bench DIR [--questions Q] --task TASK" (the same files, queries,
+** answers and mismatch slice). Each
+** text is cut into chunks as the engine cuts them (800 bytes, 200 overlapping). An encoder whose
+** position embeddings and layer outputs (wo, w2, b2) are all zero (what "trainer --idf" starts
+** from, and what the bag-of-words training phase keeps) embeds a text as the sum over its tokens
+** of their rows after the final norm, to unit length: this program computes exactly that, once
+** per token, and sums, instead of running the forward pass per chunk. Any other encoder is run
+** through the engine's forward pass (slow, as in known_item_bench). --check N embeds the first N
+** chunks both ways and prints the largest difference (default 20).
+**
+** The rankings are exact (every chunk scored): "every file" ranks all chunks (known_item_bench's
+** mode 5, there through the graph); "ten files" keeps the 40 best chunks that belong to the ten
+** files whose mean vectors lie closest (mode 0). R@10 and MRR@10 as in known_item_bench, over
+** every query and over the vocabulary-mismatch slice.
+*/
+#include "internal.h"
+#include "training.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace
+{
+
+constexpr int DIM = TRN_ENCODER_DIM;
+constexpr int CHUNK = 800;
+constexpr int OVERLAP = 200;
+
+struct File {
+    std::string path, text;
+};
+
+struct Query {
+    std::string text;
+    std::vector<int> answers; /* file numbers */
+    bool mismatch = false;
+};
+
+std::vector<std::string> split_tabs(const std::string &line)
+{
+    std::vector<std::string> out;
+    size_t at = 0;
+    for (;;) {
+        const size_t tab = line.find('\t', at);
+        out.push_back(line.substr(at, tab == std::string::npos ? std::string::npos : tab - at));
+        if (tab == std::string::npos) {
+            return out;
+        }
+        at = tab + 1;
+    }
+}
+
+bool read_task(const char *path, std::vector<File> *files, std::vector<Query> *queries)
+{
+    FILE *f = fopen(path, "rb");
+    if (!f) {
+        return false;
+    }
+    std::map<std::string, int> number;
+    static char line[1 << 20];
+    while (fgets(line, sizeof line, f)) {
+        std::string l(line, strcspn(line, "\n"));
+        if (l.rfind("F ", 0) == 0) {
+            File file{l.substr(2), ""};
+            if (!fgets(line, sizeof line, f)) {
+                break;
+            }
+            const size_t len = strtoull(line, nullptr, 10);
+            file.text.resize(len);
+            if (fread(file.text.data(), 1, len, f) != len) {
+                break;
+            }
+            number[file.path] = (int)files->size();
+            files->push_back(std::move(file));
+        } else if (l.rfind("Q ", 0) == 0) {
+            const std::vector<std::string> fields = split_tabs(l.substr(2));
+            if (fields.size() < 3) {
+                continue;
+            }
+            Query q;
+            q.mismatch = fields[0] == "1";
+            q.text = fields[1];
+            for (size_t i = 2; i < fields.size(); i++) {
+                auto it = number.find(fields[i]);
+                if (it != number.end()) {
+                    q.answers.push_back(it->second);
+                }
+            }
+            queries->push_back(std::move(q));
+        }
+    }
+    fclose(f);
+    return !files->empty() && !queries->empty();
+}
+
+/* The engine's cuts: windows of min(length, CHUNK) bytes every (window - OVERLAP) bytes. */
+std::vector<std::string> cut_chunks(const std::string &text)
+{
+    std::vector<std::string> out;
+    const int64_t length = (int64_t)text.size();
+    if (length < 1) {
+        return out;
+    }
+    const int64_t chunk = std::min<int64_t>(length, CHUNK);
+    const int64_t step = std::max<int64_t>(1, chunk - OVERLAP);
+    for (int64_t pos = 0;; pos += step) {
+        std::string c = text.substr((size_t)pos, (size_t)chunk);
+        out.push_back(c.c_str()); /* the engine reads a chunk up to its first NUL */
+        if (pos + chunk + step > length) {
+            break;
+        }
+    }
+    return out;
+}
+
+bool all_zero(const float *x, size_t n)
+{
+    for (size_t i = 0; i < n; i++) {
+        if (x[i] != 0.0f) {
+            return false;
+        }
+    }
+    return true;
+}
+
+struct Embedder {
+    TrnEncoder *enc;
+    bool bag = false;
+    std::vector<float> token_out; /* vocab x DIM: each token's row after the final norm */
+
+    void setup()
+    {
+        bag = all_zero(enc->pos_emb, (size_t)TRN_ENCODER_MAX_SEQ * DIM);
+        for (const TrnEncoderLayer &l : enc->layers) {
+            bag = bag && all_zero(l.wo, (size_t)DIM * DIM)
+                  && all_zero(l.w2, (size_t)TRN_ENCODER_FF * DIM) && all_zero(l.b2, DIM);
+        }
+        if (!bag) {
+            return;
+        }
+        token_out.resize((size_t)enc->vocab_size * DIM);
+        for (uint32_t t = 0; t < enc->vocab_size; t++) {
+            const float *x = enc->tok_emb + (size_t)t * DIM;
+            double mean = 0, sq = 0;
+            for (int d = 0; d < DIM; d++) {
+                mean += x[d];
+                sq += (double)x[d] * x[d];
+            }
+            mean /= DIM;
+            const double var = std::max(0.0, sq / DIM - mean * mean);
+            const double inv = 1.0 / std::sqrt(var + 1e-5);
+            for (int d = 0; d < DIM; d++) {
+                token_out[(size_t)t * DIM + d] =
+                    (float)((x[d] - mean) * inv * enc->ln_f_gamma[d] + enc->ln_f_beta[d]);
+            }
+        }
+    }
+
+    void embed(const std::string &text, float *v, std::vector<uint32_t> &ids) const
+    {
+        if (!bag) {
+            trn_encoder_embed_text(enc, text.c_str(), v);
+            return;
+        }
+        trn_train::tokenize(enc->bpe, text, ids);
+        std::vector<double> sum(DIM, 0.0);
+        for (uint32_t id : ids) {
+            const float *row = &token_out[(size_t)(id < enc->vocab_size ? id : 0) * DIM];
+            for (int d = 0; d < DIM; d++) {
+                sum[d] += row[d];
+            }
+        }
+        double norm = 0;
+        for (double x : sum) {
+            norm += x * x;
+        }
+        norm = std::sqrt(norm);
+        for (int d = 0; d < DIM; d++) {
+            v[d] = norm > 0 ? (float)(sum[d] / norm) : 0.0f;
+        }
+    }
+};
+
+struct Tally {
+    double hits = 0, rr = 0;
+    void add(int rank)
+    {
+        if (rank > 0) {
+            hits += 1;
+            rr += 1.0 / rank;
+        }
+    }
+};
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    std::vector<const char *> weights;
+    const char *task = nullptr;
+    int check = 20;
+    for (int i = 1; i < argc; i++) {
+        if (strcmp(argv[i], "--check") == 0 && i + 1 < argc) {
+            check = atoi(argv[++i]);
+        } else if (!task) {
+            task = argv[i];
+        } else {
+            weights.push_back(argv[i]);
+        }
+    }
+    if (!task || weights.empty()) {
+        fprintf(stderr, "usage: train_bag_eval_bench TASK WEIGHTS... [--check N]\n");
+        return 2;
+    }
+    std::vector<File> items;
+    std::vector<Query> queries;
+    if (!read_task(task, &items, &queries)) {
+        fprintf(stderr, "train_bag_eval_bench: cannot read task %s\n", task);
+        return 1;
+    }
+    std::vector<std::string> chunks;
+    std::vector<int> chunk_file;
+    for (size_t f = 0; f < items.size(); f++) {
+        for (std::string &c : cut_chunks(items[f].text)) {
+            chunks.push_back(std::move(c));
+            chunk_file.push_back((int)f);
+        }
+    }
+    size_t n_slice = 0;
+    for (const Query &q : queries) {
+        n_slice += q.mismatch ? 1 : 0;
+    }
+    printf("%s: %zu files, %zu chunks, %zu queries, %zu in the mismatch slice\n\n",
+           task,
+           items.size(),
+           chunks.size(),
+           queries.size(),
+           n_slice);
+    printf("| encoder | ten files R@10 / MRR@10 | every file | slice, ten files | slice, every "
+           "file | largest difference | s |\n|---|---:|---:|---:|---:|---:|---:|\n");
+    for (const char *w : weights) {
+        auto t0 = std::chrono::steady_clock::now();
+        TrnEncoder enc;
+        encoder_init(&enc, 42);
+        if (strcmp(w, "random") != 0 && !trn_encoder_load_weights(&enc, w)) {
+            fprintf(stderr, "train_bag_eval_bench: cannot load weights %s\n", w);
+            return 1;
+        }
+        Embedder em;
+        em.enc = &enc;
+        em.setup();
+        std::vector<uint32_t> ids;
+        std::vector<float> vec(chunks.size() * DIM), q(DIM), ref(DIM);
+        float worst = 0;
+        for (size_t c = 0; c < chunks.size(); c++) {
+            em.embed(chunks[c], &vec[c * DIM], ids);
+            if ((int)c < check && em.bag) {
+                trn_encoder_embed_text(&enc, chunks[c].c_str(), ref.data());
+                vec_normalize(ref.data(), DIM);
+                for (int d = 0; d < DIM; d++) {
+                    worst = std::max(worst, std::fabs(ref[d] - vec[c * DIM + d]));
+                }
+            }
+        }
+        /* each file's mean vector, to unit length, as the engine's document index keeps it */
+        std::vector<float> centroid(items.size() * DIM, 0.0f);
+        for (size_t c = 0; c < chunks.size(); c++) {
+            for (int d = 0; d < DIM; d++) {
+                centroid[(size_t)chunk_file[c] * DIM + d] += vec[c * DIM + d];
+            }
+        }
+        for (size_t f = 0; f < items.size(); f++) {
+            vec_normalize(&centroid[f * DIM], DIM);
+        }
+        Tally ten, every, slice_ten, slice_every;
+        std::vector<float> score(chunks.size()), fscore(items.size());
+        std::vector<int> order(chunks.size()), forder(items.size());
+        for (const Query &query : queries) {
+            auto is_answer = [&query](int f) {
+                return std::find(query.answers.begin(), query.answers.end(), f)
+                       != query.answers.end();
+            };
+            em.embed(query.text, q.data(), ids);
+            for (size_t c = 0; c < chunks.size(); c++) {
+                score[c] = vec_dot(q.data(), &vec[c * DIM], DIM);
+                order[c] = (int)c;
+            }
+            const size_t top = std::min<size_t>(40, chunks.size());
+            std::partial_sort(
+                order.begin(), order.begin() + (long)top, order.end(), [&score](int a, int b) {
+                    return score[a] > score[b];
+                });
+            int rank = 0;
+            for (size_t r = 0; r < 10 && r < top && !rank; r++) {
+                rank = is_answer(chunk_file[order[r]]) ? (int)r + 1 : 0;
+            }
+            every.add(rank);
+            if (query.mismatch) {
+                slice_every.add(rank);
+            }
+            for (size_t f = 0; f < items.size(); f++) {
+                fscore[f] = vec_dot(q.data(), &centroid[f * DIM], DIM);
+                forder[f] = (int)f;
+            }
+            const size_t tf = std::min<size_t>(10, items.size());
+            std::partial_sort(
+                forder.begin(), forder.begin() + (long)tf, forder.end(), [&fscore](int a, int b) {
+                    return fscore[a] > fscore[b];
+                });
+            rank = 0;
+            int kept = 0;
+            for (size_t r = 0; r < top && kept < 10 && !rank; r++) {
+                const int f = chunk_file[order[r]];
+                if (std::find(forder.begin(), forder.begin() + (long)tf, f)
+                    == forder.begin() + (long)tf) {
+                    continue;
+                }
+                kept++;
+                rank = is_answer(f) ? kept : 0;
+            }
+            ten.add(rank);
+            if (query.mismatch) {
+                slice_ten.add(rank);
+            }
+        }
+        const double n = (double)queries.size(), ns = (double)std::max<size_t>(1, n_slice);
+        const double secs =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+        printf("| %s%s | %.3f / %.3f | %.3f / %.3f | %.3f / %.3f | %.3f / %.3f | %.1e | %.0f |\n",
+               w,
+               em.bag ? "" : " (forward pass)",
+               ten.hits / n,
+               ten.rr / n,
+               every.hits / n,
+               every.rr / n,
+               slice_ten.hits / ns,
+               slice_ten.rr / ns,
+               slice_every.hits / ns,
+               slice_every.rr / ns,
+               (double)worst,
+               secs);
+        fflush(stdout);
+        encoder_release(&enc);
+    }
+    return 0;
+}
