@@ -7,6 +7,8 @@
 */
 #include "formatted_document.h"
 
+#include "text/files.h"
+
 #include <QFile>
 #include <QHash>
 #include <QRegularExpression>
@@ -462,25 +464,9 @@ bool readOdt(zip_t *z, BlockWriter &out)
 
 // ---- EPUB ----
 
-const char *const kHtmlSkipped[] = {
-    "script", "style", "template", "svg", "math", "iframe", "object", "noembed", nullptr};
-// The block elements of the index's HTML reading.
-const char *const kHtmlBlocks[] = {
-    "p",          "div",     "li",       "ul",      "ol",         "h1",   "h2",      "h3",
-    "h4",         "h5",      "h6",       "tr",      "table",      "pre",  "dt",      "dd",
-    "blockquote", "section", "article",  "header",  "footer",     "nav",  "aside",   "dl",
-    "hr",         "title",   "form",     "figure",  "figcaption", "main", "address", "caption",
-    "fieldset",   "legend",  "details",  "summary", "body",       "html", "thead",   "tbody",
-    "tfoot",      "option",  "textarea", "center",  nullptr};
-
-bool isOneOf(const xmlNode *n, const char *const *names)
+HtmlElementKind kindOf(const xmlNode *n)
 {
-    for (int i = 0; names[i]; i++) {
-        if (isNamed(n, names[i])) {
-            return true;
-        }
-    }
-    return false;
+    return html_element_kind(reinterpret_cast<const char *>(n->name));
 }
 
 QString textOf(const xmlNode *node)
@@ -503,7 +489,7 @@ void htmlWalk(const xmlNode *node, BlockWriter &out, bool inPre)
             out.addText(content(n), !inPre);
             continue;
         }
-        if (n->type != XML_ELEMENT_NODE || isOneOf(n, kHtmlSkipped)) {
+        if (n->type != XML_ELEMENT_NODE || kindOf(n) == HTML_ELEMENT_SKIPPED) {
             continue;
         }
         if (isNamed(n, "head")) {
@@ -518,7 +504,7 @@ void htmlWalk(const xmlNode *node, BlockWriter &out, bool inPre)
             out.breakLine(false);
             continue;
         }
-        const bool block = isOneOf(n, kHtmlBlocks);
+        const bool block = kindOf(n) == HTML_ELEMENT_BLOCK;
         if (block) {
             out.endBlock();
             const QByteArray name = reinterpret_cast<const char *>(n->name);

@@ -252,20 +252,23 @@ int main(int argc, char **argv)
                                 QStringLiteral("-dark"),
                                 QStringLiteral("flour"),
                                 SearchMode::Text}};
+    const auto search = [&app, state](const QString &query, SearchMode mode) {
+        app.setQuery(query);
+        app.setSearchMode(mode);
+        app.performSearch();
+        return waitFor(
+            [state] {
+                return !state->isSearching();
+            },
+            60000);
+    };
     bool pinned = false;
     for (const Look &look : looks) {
         settings->setAppearance(look.name);
         settle();
 
         // The main window with results, the first result selected, one result pinned.
-        app.setQuery(look.query);
-        app.setSearchMode(look.mode);
-        app.performSearch();
-        if (!waitFor(
-                [state] {
-                    return !state->isSearching();
-                },
-                60000)) {
+        if (!search(look.query, look.mode)) {
             return fail("the search did not finish");
         }
         if (!pinned && state->resultsModel()->count() > 2) {
@@ -281,14 +284,7 @@ int main(int argc, char **argv)
         }
 
         // The preview pane on a source file, searched in text mode.
-        app.setQuery(QStringLiteral("head"));
-        app.setSearchMode(SearchMode::Text);
-        app.performSearch();
-        if (!waitFor(
-                [state] {
-                    return !state->isSearching();
-                },
-                60000)) {
+        if (!search(QStringLiteral("head"), SearchMode::Text)) {
             return fail("the search did not finish");
         }
         for (int row = 0; row < state->resultsModel()->count(); ++row) {

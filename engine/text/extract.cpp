@@ -115,14 +115,19 @@ bool name_is(const xmlNode *node, const char *name)
     return node->name && strcasecmp(reinterpret_cast<const char *>(node->name), name) == 0;
 }
 
-bool name_in(const xmlNode *node, const char *const *names)
+bool name_in(const char *name, const char *const *names)
 {
-    for (int i = 0; names[i]; i++) {
-        if (name_is(node, names[i])) {
+    for (int i = 0; name && names[i]; i++) {
+        if (strcasecmp(name, names[i]) == 0) {
             return true;
         }
     }
     return false;
+}
+
+HtmlElementKind kind_of(const xmlNode *node)
+{
+    return html_element_kind(reinterpret_cast<const char *>(node->name));
 }
 
 const char *const HTML_SKIPPED[] = {
@@ -149,7 +154,7 @@ void html_walk(const xmlNode *node, TextBuilder *b, bool in_pre)
             }
             continue;
         }
-        if (n->type != XML_ELEMENT_NODE || name_in(n, HTML_SKIPPED)) {
+        if (n->type != XML_ELEMENT_NODE || kind_of(n) == HTML_ELEMENT_SKIPPED) {
             continue;
         }
         if (name_is(n, "head")) {
@@ -162,7 +167,7 @@ void html_walk(const xmlNode *node, TextBuilder *b, bool in_pre)
             }
             continue;
         }
-        bool block = name_in(n, HTML_BLOCKS);
+        bool block = kind_of(n) == HTML_ELEMENT_BLOCK;
         if (block) {
             b->end_line();
         } else if (name_is(n, "td") || name_is(n, "th")) {
@@ -526,6 +531,14 @@ TrnFileStatus container_text(const char *path, TrnFileType type, TextBuilder *b)
 }
 
 } // namespace
+
+HtmlElementKind html_element_kind(const char *name)
+{
+    if (name_in(name, HTML_SKIPPED)) {
+        return HTML_ELEMENT_SKIPPED;
+    }
+    return name_in(name, HTML_BLOCKS) ? HTML_ELEMENT_BLOCK : HTML_ELEMENT_INLINE;
+}
 
 char *html_to_text(const char *html, size_t n, size_t *out_len)
 {

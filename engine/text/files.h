@@ -219,6 +219,13 @@ void extracted_text_free(ExtractedText *t);
 ** string (never NULL; empty when nothing could be parsed) and its length in *out_len. */
 char *html_to_text(const char *html, size_t n, size_t *out_len);
 
+/* How html_to_text reads an element, by its name in any case (NULL: inline): SKIPPED, its content
+** is never text (script, style, svg, ...); BLOCK, it ends the line before and after it (p, div,
+** li, h1-h6, br, ...); INLINE, its text runs on. The application's formatted reading of e-books
+** counts lines by the same rule. */
+enum HtmlElementKind { HTML_ELEMENT_INLINE, HTML_ELEMENT_BLOCK, HTML_ELEMENT_SKIPPED };
+HtmlElementKind html_element_kind(const char *name);
+
 /* The 1-based page of a PDF text that holds the 1-based line line_number: the page whose start
 ** offset is the last one at or before the line's first byte. 1 when there are no pages or
 ** line_number < 1. */

@@ -57,7 +57,7 @@ QByteArray run(const QByteArray &text, const QByteArray &props = QByteArray())
 
 // A report whose heading styles have ids that are not "HeadingN" (as a localised word processor
 // writes them), a title, a list, a forced break, an empty paragraph and emphasis.
-bool writeDocx(const QString &path)
+Members docxMembers()
 {
     const QByteArray styles =
         "<?xml version=\"1.0\"?><w:styles " + kWordNs
@@ -76,49 +76,48 @@ bool writeDocx(const QString &path)
         + docxParagraph("", run("Stones"), true) + docxParagraph("", run("Sand"), true)
         + docxParagraph("Sub2", run("Pipes")) + docxParagraph("", run("Lay them deep."))
         + docxParagraph("berschrift1", run("Water")) + docxParagraph("", run("Collect rain."));
-    return writeZip(path,
-                    {{"word/document.xml",
-                      "<?xml version=\"1.0\"?><w:document " + kWordNs + "><w:body>" + body
-                          + "</w:body></w:document>"},
-                     {"word/styles.xml", styles}});
+    return {{"word/document.xml",
+             "<?xml version=\"1.0\"?><w:document " + kWordNs + "><w:body>" + body
+                 + "</w:body></w:document>"},
+            {"word/styles.xml", styles}};
 }
 
-bool writeOdt(const QString &path)
-{
-    return writeZip(
-        path,
-        {{"mimetype", "application/vnd.oasis.opendocument.text"},
-         {"content.xml",
-          "<?xml version=\"1.0\"?><office:document-content "
-          "xmlns:office=\"urn:oasis:names:tc:opendocument:xmlns:office:1.0\" "
-          "xmlns:text=\"urn:oasis:names:tc:opendocument:xmlns:text:1.0\"><office:body>"
-          "<office:text><text:h text:outline-level=\"1\">Meeting notes</text:h>"
-          "<text:p>Budget<text:s text:c=\"3\"/>approved<text:line-break/>next week</text:p>"
-          "<text:h text:outline-level=\"2\">Actions</text:h><text:list><text:list-item>"
-          "<text:p>Call the builder</text:p></text:list-item><text:list-item><text:p>Order "
-          "tiles</text:p></text:list-item></text:list><text:p/><text:p>End.</text:p>"
-          "</office:text></office:body></office:document-content>"}});
-}
+const QByteArray kOdtContent =
+    "<?xml version=\"1.0\"?><office:document-content "
+    "xmlns:office=\"urn:oasis:names:tc:opendocument:xmlns:office:1.0\" "
+    "xmlns:text=\"urn:oasis:names:tc:opendocument:xmlns:text:1.0\"><office:body>"
+    "<office:text><text:h text:outline-level=\"1\">Meeting notes</text:h>"
+    "<text:p>Budget<text:s text:c=\"3\"/>approved<text:line-break/>next week</text:p>"
+    "<text:h text:outline-level=\"2\">Actions</text:h><text:list><text:list-item>"
+    "<text:p>Call the builder</text:p></text:list-item><text:list-item><text:p>Order "
+    "tiles</text:p></text:list-item></text:list><text:p/><text:p>End.</text:p>"
+    "</office:text></office:body></office:document-content>";
 
-bool writeEpub(const QString &path)
+// A package document at the top, a navigation page and a picture that the spine leaves out, and
+// chapters whose names need decoding.
+const Members kEpubMembers = {
+    {"META-INF/container.xml",
+     "<container><rootfiles><rootfile full-path=\"book.opf\"/></rootfiles></container>"},
+    {"book.opf",
+     "<package><manifest><item id=\"nav\" href=\"nav.xhtml\"/><item id=\"pic\" "
+     "href=\"Images/cover.jpg\"/><item id=\"p2\" href=\"Text/part%202.xhtml\"/><item "
+     "id=\"p1\" href=\"Text/part%201.xhtml#start\"/></manifest><spine><itemref idref=\"p1\"/>"
+     "<itemref idref=\"p2\"/></spine></package>"},
+    {"nav.xhtml", "<html><body><ol><li>Contents</li></ol></body></html>"},
+    {"Text/part 1.xhtml",
+     "<html><head><title>The Book</title></head><body><h1>Chapter One</h1>"
+     "<p>It was a <em>dark</em>\n   night.</p><div><p>Rain<br/>fell.</p></div>"
+     "<ul><li><p>wind</p></li><li>cold</li></ul></body></html>"},
+    {"Text/part 2.xhtml",
+     "<html><head><title>The Book</title></head><body><h1>Chapter Two</h1>"
+     "<h2>Dawn</h2><p>Morning&nbsp;came.</p></body></html>"}};
+
+// The three documents of these tests, written into dir.
+bool writeDocuments(const QString &dir)
 {
-    return writeZip(
-        path,
-        {{"mimetype", "application/epub+zip"},
-         {"META-INF/container.xml",
-          "<container><rootfiles><rootfile full-path=\"OEBPS/content.opf\"/></rootfiles>"
-          "</container>"},
-         {"OEBPS/content.opf",
-          "<package><manifest><item id=\"c2\" href=\"text/two.xhtml\"/>"
-          "<item id=\"c1\" href=\"text/chapter%20one.xhtml\"/></manifest>"
-          "<spine><itemref idref=\"c1\"/><itemref idref=\"c2\"/></spine></package>"},
-         {"OEBPS/text/chapter one.xhtml",
-          "<html><head><title>The Book</title></head><body><h1>Chapter One</h1>"
-          "<p>It was a <em>dark</em>\n   night.</p><div><p>Rain<br/>fell.</p></div>"
-          "<ul><li><p>wind</p></li><li>cold</li></ul></body></html>"},
-         {"OEBPS/text/two.xhtml",
-          "<html><head><title>The Book</title></head><body><h1>Chapter Two</h1>"
-          "<h2>Dawn</h2><p>Morning&nbsp;came.</p></body></html>"}});
+    return writeZip(dir + QStringLiteral("/report.docx"), docxMembers())
+           && writeZip(dir + QStringLiteral("/notes.odt"), {{"content.xml", kOdtContent}})
+           && writeZip(dir + QStringLiteral("/book.epub"), kEpubMembers);
 }
 
 // The index's text of the file, line by line (the lines are 1-based, index 0 is line 1).
@@ -163,12 +162,15 @@ class FormattedDocumentTest : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase() { QVERIFY(m_dir.isValid()); }
+    void initTestCase()
+    {
+        QVERIFY(m_dir.isValid());
+        QVERIFY(writeDocuments(m_dir.path()));
+    }
 
     void docxKeepsHeadingsListsAndEmphasis()
     {
         const QString path = m_dir.filePath(QStringLiteral("report.docx"));
-        QVERIFY(writeDocx(path));
         QTextDocument doc;
         QVERIFY(readFormattedDocument(path, &doc));
         const QString bullet = QStringLiteral("\u2022  ");
@@ -208,7 +210,6 @@ private slots:
     void odtAndEpubKeepTheirHeadings()
     {
         const QString odt = m_dir.filePath(QStringLiteral("notes.odt"));
-        QVERIFY(writeOdt(odt));
         QTextDocument doc;
         QVERIFY(readFormattedDocument(odt, &doc));
         const QString bullet = QStringLiteral("\u2022  ");
@@ -222,7 +223,6 @@ private slots:
                                             {0, "End."}}));
 
         const QString epub = m_dir.filePath(QStringLiteral("book.epub"));
-        QVERIFY(writeEpub(epub));
         QVERIFY(readFormattedDocument(epub, &doc));
         QCOMPARE(outline(doc),
                  (QList<std::pair<int, QString>>{{1, "Chapter One"},
@@ -251,9 +251,6 @@ private slots:
         QFETCH(QString, name);
         QFETCH(int, type);
         const QString path = m_dir.filePath(name);
-        QVERIFY(writeDocx(m_dir.filePath(QStringLiteral("report.docx"))));
-        QVERIFY(writeOdt(m_dir.filePath(QStringLiteral("notes.odt"))));
-        QVERIFY(writeEpub(m_dir.filePath(QStringLiteral("book.epub"))));
         const QStringList lines = indexedLines(path, TrnFileType(type));
         QVERIFY(lines.size() > 5);
         QTextDocument doc;
