@@ -124,9 +124,37 @@ void AppState::selectTab(const QUuid &tabId)
     setActiveTabId(tabId);
     DirectoryState *state = stateFor(tabId);
     if (state && !m_query.isEmpty()) {
-        state->search(m_query, m_searchMode);
+        searchIn(state);
     }
     saveState();
+}
+
+void AppState::setSearchAllTabs(bool value)
+{
+    if (m_searchAllTabs == value) {
+        return;
+    }
+    m_searchAllTabs = value;
+    emit searchAllTabsChanged();
+    if (!m_query.isEmpty()) {
+        performSearch();
+    }
+}
+
+void AppState::searchIn(DirectoryState *state)
+{
+    QList<std::shared_ptr<TarnwickEngine>> engines;
+    if (m_searchAllTabs && m_tabs.size() > 1) {
+        // The tab searched from first, then the others in tab order.
+        engines.append(state->engine());
+        for (const DirectoryTab &tab : m_tabs) {
+            DirectoryState *other = stateFor(tab.id);
+            if (other && other != state) {
+                engines.append(other->engine());
+            }
+        }
+    }
+    state->search(m_query, m_searchMode, engines);
 }
 
 void AppState::closeTab(const QUuid &tabId)
@@ -179,7 +207,7 @@ void AppState::performSearch()
 {
     DirectoryState *state = activeState();
     if (state) {
-        state->search(m_query, m_searchMode);
+        searchIn(state);
     }
 }
 

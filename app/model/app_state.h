@@ -37,6 +37,9 @@ class AppState : public QObject
     Q_PROPERTY(QUuid activeTabId READ activeTabId NOTIFY activeTabIdChanged)
     Q_PROPERTY(QString query READ query WRITE setQuery NOTIFY queryChanged)
     Q_PROPERTY(SearchMode searchMode READ searchMode WRITE setSearchMode NOTIFY searchModeChanged)
+    // The scope "All tabs": a search runs over every open tab's index, in one ranking.
+    Q_PROPERTY(
+        bool searchAllTabs READ searchAllTabs WRITE setSearchAllTabs NOTIFY searchAllTabsChanged)
 
 public:
     // settings NULL means Settings::standard(); encoders (NULL: the untrained encoder for every
@@ -54,6 +57,9 @@ public:
     // A change of mode re-runs a non-empty query in the active tab.
     void setSearchMode(SearchMode mode);
     Settings *settings() const { return m_settings; }
+    bool searchAllTabs() const { return m_searchAllTabs; }
+    // A change re-runs a non-empty query in the new scope.
+    void setSearchAllTabs(bool value);
 
     std::optional<DirectoryTab> activeTab() const;
     // The active tab's state, or NULL.
@@ -74,7 +80,8 @@ public:
     void closeActiveTab();
     // Moves tab `from` into the place of tab `to` (drag and drop); not saved by itself.
     void moveTab(const QUuid &from, const QUuid &to);
-    // Searches the active tab with query and searchMode.
+    // Searches the active tab with query and searchMode (with searchAllTabs, every tab's index
+    // from the active tab).
     void performSearch();
     // "Re-index": brings the active tab's index up to date, reading only what changed.
     void reindexActive();
@@ -94,6 +101,7 @@ signals:
     void activeTabIdChanged();
     void queryChanged();
     void searchModeChanged();
+    void searchAllTabsChanged();
     // copyPrompt put a prompt on the clipboard; message says how many results it holds ("Copied
     // a prompt with 5 results", or that there were none to include).
     void promptCopied(const QString &message);
@@ -102,6 +110,8 @@ signals:
 
 private:
     void restoreState();
+    // Runs the query in state, over every tab when searchAllTabs.
+    void searchIn(DirectoryState *state);
     void setActiveTabId(const QUuid &id);
     DirectoryState *createState(const DirectoryTab &tab);
     static DirectoryTab makeTab(const QString &path);
@@ -114,6 +124,7 @@ private:
     QUuid m_activeTabId;
     QString m_query;
     SearchMode m_searchMode = SearchMode::Hybrid;
+    bool m_searchAllTabs = false;
     QHash<QUuid, DirectoryState *> m_tabStates; // children of this object
 };
 

@@ -298,8 +298,13 @@ void DirectoryState::rebuildWith(const QString &weightsPath)
     ingest(chunkSize, overlap);
 }
 
-void DirectoryState::search(const QString &query, SearchMode mode)
+void DirectoryState::search(const QString &query, SearchMode mode,
+                            const QList<std::shared_ptr<TarnwickEngine>> &across)
 {
+    m_searchAcross.clear();
+    for (const std::shared_ptr<TarnwickEngine> &engine : across) {
+        m_searchAcross.append(engine);
+    }
     if (query.isEmpty()) {
         ++m_searchRequest; // a search still under way must not bring its answer back
         setResults({});
@@ -321,6 +326,7 @@ void DirectoryState::search(const QString &query, SearchMode mode)
     m_lastQuery = query;
     m_lastMode = mode;
     m_searchLimit = kPageSize;
+    setExpandedFiles({});
     addToHistory(query, mode);
     runSearch(kPageSize);
 }
@@ -339,13 +345,26 @@ void DirectoryState::runSearch(int k)
 {
     const QString query = m_lastQuery;
     const SearchMode mode = m_lastMode;
+    const ResultLayout layout =
+        m_settings->allPassages() ? ResultLayout::AllPassages : ResultLayout::ByFile;
     std::shared_ptr<TarnwickEngine> engine = m_engine;
+    const QList<std::weak_ptr<TarnwickEngine>> across = m_searchAcross;
     const quint64 request = ++m_searchRequest;
     searchStarted();
     runInBackground(
         this,
-        [query, mode, k, engine] {
-            return engine->search(query, mode, k);
+        [query, mode, k, layout, engine, across] {
+            if (across.isEmpty()) {
+                return engine->search(query, mode, k, layout);
+            }
+            // A tab closed since is left out: its index is no longer open.
+            QList<QList<SearchResult>> rankings;
+            for (const std::weak_ptr<TarnwickEngine> &weak : across) {
+                if (const std::shared_ptr<TarnwickEngine> other = weak.lock()) {
+                    rankings.append(other->search(query, mode, k, layout));
+                }
+            }
+            return TarnwickEngine::mergeRankings(rankings, mode, k);
         },
         [this, k, request](const QList<SearchResult> &hits) {
             // Latest wins: an answer to a request that a newer one replaced is dropped.
@@ -359,6 +378,66 @@ void DirectoryState::runSearch(int k)
             searchEnded();
             emit searchFinished();
         });
+}
+
+bool DirectoryState::isExpanded(const QString &filePath) const
+{
+    return m_expandedFiles.contains(filePath);
+}
+
+QList<SearchResult> DirectoryState::passagesOf(const QString &filePath) const
+{
+    return m_expandedFiles.value(filePath);
+}
+
+void DirectoryState::toggleFile(const QString &filePath)
+{
+    if (m_expandedFiles.contains(filePath)) {
+        QHash<QString, QList<SearchResult>> files = m_expandedFiles;
+        files.remove(filePath);
+        setExpandedFiles(files);
+        return;
+    }
+    const QString query = m_lastQuery;
+    const SearchMode mode = m_lastMode;
+    const quint64 request = m_searchRequest;
+    // The file's own index: of another tab when the results come from every tab.
+    std::shared_ptr<TarnwickEngine> engine = m_engine;
+    for (const SearchResult &result : m_results) {
+        if (result.filePath != filePath) {
+            continue;
+        }
+        for (const std::weak_ptr<TarnwickEngine> &weak : m_searchAcross) {
+            const std::shared_ptr<TarnwickEngine> other = weak.lock();
+            if (other && other->directoryPath() == result.folder) {
+                engine = other;
+            }
+        }
+        break;
+    }
+    runInBackground(
+        this,
+        [query, mode, filePath, engine] {
+            return engine->searchFile(query, mode, filePath);
+        },
+        [this, filePath, request](const QList<SearchResult> &passages) {
+            // The passages of an earlier search's file do not belong under a newer one.
+            if (request != m_searchRequest) {
+                return;
+            }
+            QHash<QString, QList<SearchResult>> files = m_expandedFiles;
+            files.insert(filePath, passages);
+            setExpandedFiles(files);
+        });
+}
+
+void DirectoryState::setExpandedFiles(const QHash<QString, QList<SearchResult>> &files)
+{
+    if (m_expandedFiles == files) {
+        return;
+    }
+    m_expandedFiles = files;
+    emit expandedFilesChanged();
 }
 
 void DirectoryState::loadFileList()
@@ -383,6 +462,9 @@ QList<SearchResult> DirectoryState::displayResults() const
     for (const PinnedResult &pin : m_pinnedResults) {
         pinnedIds.insert(pin.id);
         shown.append(pin.toResult());
+        if (shown.last().folder.isEmpty()) {
+            shown.last().folder = m_directoryPath; // a pin kept by an older version
+        }
     }
     for (const SearchResult &result : m_results) {
         if (!pinnedIds.contains(result.id)) {

@@ -14,6 +14,9 @@
 ** Searches: the newest request wins; the answer of an older one still under way is dropped.
 ** Paging: a search asks for 10 results; loadMore() asks again for 10 more, replacing the list,
 ** while the last answer was full and k was below 64 (the engine never returns more than 64).
+** Results come one row per file (the file's best passage, with how many more matched) unless
+** the setting "allPassages" asks for every passage; toggleFile() opens a file's other passages
+** under its row (expandedFiles) until the next search.
 */
 #ifndef TRN_APP_DIRECTORY_STATE_H
 #define TRN_APP_DIRECTORY_STATE_H
@@ -23,6 +26,7 @@
 #include "tarnwick_engine.h"
 
 #include <QElapsedTimer>
+#include <QHash>
 #include <QList>
 #include <QObject>
 #include <QString>
@@ -105,6 +109,8 @@ public:
 
     // The k of the current search (10, then 20, 30, ... with each loadMore()).
     int searchLimit() const { return m_searchLimit; }
+    // True while the current search runs over several tabs' indexes.
+    bool searchesAcrossTabs() const { return !m_searchAcross.isEmpty(); }
     QString lastQuery() const { return m_lastQuery; }
     SearchMode lastMode() const { return m_lastMode; }
 
@@ -139,13 +145,25 @@ public:
     // True while the directory is watched for changes (setting "watchDirectories").
     bool isWatching() const;
     // Starts a new search; an empty query only clears the results. A regex-mode query that does
-    // not compile clears the results and sets queryError instead (no history entry).
-    void search(const QString &query, SearchMode mode);
+    // not compile clears the results and sets queryError instead (no history entry). across:
+    // search these indexes (this tab's among them) as one ranking, each result naming its folder
+    // (TarnwickEngine::mergeRankings); loadMore and the searches after indexing do the same until
+    // the next search. Indexes whose tab closed meanwhile are left out.
+    void search(const QString &query, SearchMode mode,
+                const QList<std::shared_ptr<TarnwickEngine>> &across = {});
     // "Load More Results": re-runs the current search with 10 more, while hasMoreResults and no
     // load is under way.
     void loadMore();
     // Refreshes fileList in the background.
     void loadFileList();
+
+    // "n more in this file": loads the matching passages of filePath in the background and
+    // keeps them in expandedFiles, or closes them again when they are there. A new search closes
+    // every file.
+    void toggleFile(const QString &filePath);
+    bool isExpanded(const QString &filePath) const;
+    // The passages of an expanded file, best first (empty when it is not expanded).
+    QList<SearchResult> passagesOf(const QString &filePath) const;
 
     // Opens a result in its application (TarnwickEngine::openResult); a failure, or a fall-back
     // to the default application, is told in statusText.
@@ -195,6 +213,8 @@ signals:
     void ingestFinished();
     // A search finished and results holds its answer.
     void searchFinished();
+    // A file's passages were opened or closed under its row.
+    void expandedFilesChanged();
 
 private:
     void runSearch(int k);
@@ -210,6 +230,7 @@ private:
     // The engine's failure line as a status text ("The index of ... is busy: ...").
     static QString failureText(const QString &engineLine);
     void setResults(const QList<SearchResult> &results);
+    void setExpandedFiles(const QHash<QString, QList<SearchResult>> &files);
     void setStatusText(const QString &text);
     // Discards the index and indexes again with the given weights.
     void rebuildWith(const QString &weightsPath);
@@ -246,6 +267,9 @@ private:
     ResultsModel *m_resultsModel = nullptr;
 
     QList<SearchResult> m_results;
+    QHash<QString, QList<SearchResult>> m_expandedFiles; // file path -> its passages
+    // The indexes of a search over every tab; weak, so a closed tab's index closes.
+    QList<std::weak_ptr<TarnwickEngine>> m_searchAcross;
     QString m_statusText = QStringLiteral("Ready");
     bool m_isIngesting = false;
     int m_ingestFilesDone = 0;

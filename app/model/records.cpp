@@ -98,6 +98,7 @@ PinnedResult PinnedResult::fromResult(const SearchResult &result)
     pin.chunkIndex = result.chunkIndex;
     pin.lineNumber = result.lineNumber;
     pin.fileType = result.fileType;
+    pin.folder = result.folder;
     return pin;
 }
 
@@ -111,6 +112,7 @@ SearchResult PinnedResult::toResult() const
     result.chunkIndex = chunkIndex;
     result.lineNumber = lineNumber;
     result.fileType = fileType;
+    result.folder = folder;
     return result;
 }
 
@@ -124,6 +126,9 @@ QJsonObject PinnedResult::toJson() const
     object.insert(QStringLiteral("chunkIndex"), chunkIndex);
     object.insert(QStringLiteral("lineNumber"), lineNumber);
     object.insert(QStringLiteral("fileType"), fileType);
+    if (!folder.isEmpty()) {
+        object.insert(QStringLiteral("folder"), folder);
+    }
     return object;
 }
 
@@ -153,6 +158,7 @@ std::optional<PinnedResult> PinnedResult::fromJson(const QJsonObject &object)
     pin.chunkIndex = *chunkIndex;
     pin.lineNumber = *lineNumber;
     pin.fileType = *fileType;
+    pin.folder = object.value(QStringLiteral("folder")).toString(); // absent in older pins
     return pin;
 }
 

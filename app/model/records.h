@@ -8,10 +8,12 @@
 **                     "mode": "Hybrid"|"Semantic"|"Keyword"|"Text"|"Regex",
 **                     "date": <seconds since 2001-01-01>}, ...]   most recent first
 **   pinned results: [{"id": "<result id>", "filePath": "...", "snippet": "...", "score": 0.5,
-**                     "chunkIndex": 0, "lineNumber": 1, "fileType": 0}, ...]   pin order
+**                     "chunkIndex": 0, "lineNumber": 1, "fileType": 0,
+**                     "folder": "..."}, ...]   pin order
 **
-** Every key of an entry is required; an array with one bad entry does not decode at all, and a
-** list that does not decode counts as absent (empty).
+** Every key of an entry is required, except a pin's "folder" (the indexed directory of a result
+** pinned from a search over every tab; older pins lack it); an array with one bad entry does not
+** decode at all, and a list that does not decode counts as absent (empty).
 */
 #ifndef TRN_APP_RECORDS_H
 #define TRN_APP_RECORDS_H
@@ -59,6 +61,7 @@ struct PinnedResult {
     int chunkIndex = 0;
     int lineNumber = 0;
     int fileType = 0;
+    QString folder; // the indexed directory of the result; empty in pins of older versions
 
     bool operator==(const PinnedResult &other) const = default;
 

@@ -3,12 +3,14 @@
 #include "directory_state.h"
 
 #include <QFileInfo>
+#include <QSet>
 
 ResultsModel::ResultsModel(DirectoryState *state, QObject *parent)
     : QAbstractListModel(parent), m_state(state)
 {
     if (state) {
         connect(state, &DirectoryState::displayResultsChanged, this, &ResultsModel::refresh);
+        connect(state, &DirectoryState::expandedFilesChanged, this, &ResultsModel::refresh);
         refresh();
     }
 }
@@ -17,10 +19,21 @@ void ResultsModel::refresh()
 {
     const int before = count();
     beginResetModel();
-    m_results = m_state ? m_state->displayResults() : QList<SearchResult>();
-    m_pinned.clear();
-    for (const SearchResult &result : m_results) {
-        m_pinned.append(m_state && m_state->isPinned(result));
+    m_rows.clear();
+    QSet<QString> opened; // a file's passages open under its first row only
+    const QList<SearchResult> shown = m_state ? m_state->displayResults() : QList<SearchResult>();
+    for (const SearchResult &result : shown) {
+        m_rows.append(Row{result, m_state->isPinned(result), false, false});
+        if (!m_state->isExpanded(result.filePath) || opened.contains(result.filePath)) {
+            continue;
+        }
+        opened.insert(result.filePath);
+        m_rows.last().expanded = true;
+        for (const SearchResult &passage : m_state->passagesOf(result.filePath)) {
+            if (passage.id != result.id) {
+                m_rows.append(Row{passage, m_state->isPinned(passage), true, false});
+            }
+        }
     }
     endResetModel();
     if (count() != before) {
@@ -38,7 +51,7 @@ SearchResult ResultsModel::result(int row) const
     if (row < 0 || row >= count()) {
         return SearchResult();
     }
-    return m_results.at(row);
+    return m_rows.at(row).result;
 }
 
 QVariant ResultsModel::data(const QModelIndex &index, int role) const
@@ -46,7 +59,8 @@ QVariant ResultsModel::data(const QModelIndex &index, int role) const
     if (!checkIndex(index, CheckIndexOption::IndexIsValid | CheckIndexOption::ParentIsInvalid)) {
         return QVariant();
     }
-    const SearchResult &r = m_results.at(index.row());
+    const Row &row = m_rows.at(index.row());
+    const SearchResult &r = row.result;
     switch (role) {
     case Qt::DisplayRole:
         return QFileInfo(r.filePath).fileName() + QLatin1Char(':') + QString::number(r.lineNumber);
@@ -69,7 +83,15 @@ QVariant ResultsModel::data(const QModelIndex &index, int role) const
     case FileCategoryRole:
         return static_cast<int>(TarnwickEngine::fileCategory(r));
     case IsPinnedRole:
-        return m_pinned.at(index.row());
+        return row.pinned;
+    case MoreInFileRole:
+        return row.passage ? 0 : r.moreInFile;
+    case IsExpandedRole:
+        return row.expanded;
+    case IsPassageRole:
+        return row.passage;
+    case FolderRole:
+        return r.folder;
     default:
         return QVariant();
     }
@@ -88,5 +110,9 @@ QHash<int, QByteArray> ResultsModel::roleNames() const
     names.insert(FileTypeRole, "fileType");
     names.insert(FileCategoryRole, "fileCategory");
     names.insert(IsPinnedRole, "isPinned");
+    names.insert(MoreInFileRole, "moreInFile");
+    names.insert(IsExpandedRole, "isExpanded");
+    names.insert(IsPassageRole, "isPassage");
+    names.insert(FolderRole, "folder");
     return names;
 }

@@ -1,6 +1,7 @@
 /*
 ** results_model.h -- a tab's displayed results (pinned first) as a list model for the results
-** list. It follows DirectoryState::displayResultsChanged and resets on each change.
+** list, each expanded file's other passages right under its row. It follows
+** DirectoryState::displayResultsChanged and expandedFilesChanged and resets on each change.
 */
 #ifndef TRN_APP_RESULTS_MODEL_H
 #define TRN_APP_RESULTS_MODEL_H
@@ -29,7 +30,11 @@ public:
         LineNumberRole,
         FileTypeRole,     // int, a TrnFileType value
         FileCategoryRole, // int, a FileCategory value
-        IsPinnedRole
+        IsPinnedRole,
+        MoreInFileRole, // int: further passages of the file (its row of a search by file)
+        IsExpandedRole, // bool: the file's passages are shown under this row
+        IsPassageRole,  // bool: a passage shown under its file's row
+        FolderRole      // the indexed directory the result comes from
     };
 
     explicit ResultsModel(DirectoryState *state, QObject *parent = nullptr);
@@ -39,7 +44,7 @@ public:
     QVariant data(const QModelIndex &index, int role = Qt::DisplayRole) const override;
     QHash<int, QByteArray> roleNames() const override;
 
-    int count() const { return static_cast<int>(m_results.size()); }
+    int count() const { return static_cast<int>(m_rows.size()); }
     // The result of a row; a default SearchResult for a row out of range.
     SearchResult result(int row) const;
 
@@ -50,8 +55,13 @@ private:
     void refresh();
 
     QPointer<DirectoryState> m_state;
-    QList<SearchResult> m_results;
-    QList<bool> m_pinned;
+    struct Row {
+        SearchResult result;
+        bool pinned = false;
+        bool passage = false;
+        bool expanded = false; // its file's passages follow it
+    };
+    QList<Row> m_rows;
 };
 
 #endif

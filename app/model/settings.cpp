@@ -33,6 +33,7 @@ const SettingDefault *defaultsTable(size_t *count)
         {"previewPane", true},
         {"previewBelow", false},
         {"previewShare", Settings::kDefaultPreviewShare},
+        {"allPassages", false},
         {"openTextFilesWith", QStringLiteral("system")},
         {"editorCommand", QString()},
         {"watchDirectories", true},
@@ -269,6 +270,18 @@ void Settings::setPreviewBelow(bool value)
 {
     if (write(QStringLiteral("previewBelow"), value)) {
         emit previewBelowChanged();
+    }
+}
+
+bool Settings::allPassages() const
+{
+    return read(QStringLiteral("allPassages")).toBool();
+}
+
+void Settings::setAllPassages(bool value)
+{
+    if (write(QStringLiteral("allPassages"), value)) {
+        emit allPassagesChanged();
     }
 }
 

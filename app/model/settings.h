@@ -22,6 +22,8 @@
 **   previewBelow             bool          false    the pane sits under the results, not beside
 **   previewShare             double        0.45     the pane's share of the results area;
 **                                                   outside 0.1-0.8 reads as 0.45
+**   allPassages              bool          false    results list every matching passage, not
+**                                                   one row per file
 **   openTextFilesWith        string        "system" "Open text files with": a preset key of
 **                                                   editorPresets() (result_opener.h)
 **   editorCommand            string        ""       the custom command, {file} and {line}
@@ -71,6 +73,7 @@ class Settings : public QObject
     Q_PROPERTY(bool hoverPreview READ hoverPreview WRITE setHoverPreview NOTIFY hoverPreviewChanged)
     Q_PROPERTY(bool previewPane READ previewPane WRITE setPreviewPane NOTIFY previewPaneChanged)
     Q_PROPERTY(bool previewBelow READ previewBelow WRITE setPreviewBelow NOTIFY previewBelowChanged)
+    Q_PROPERTY(bool allPassages READ allPassages WRITE setAllPassages NOTIFY allPassagesChanged)
     Q_PROPERTY(QString openTextFilesWith READ openTextFilesWith WRITE setOpenTextFilesWith NOTIFY
                    openTextFilesWithChanged)
     Q_PROPERTY(
@@ -134,6 +137,8 @@ public:
     void setPreviewPane(bool value);
     bool previewBelow() const;
     void setPreviewBelow(bool value);
+    bool allPassages() const;
+    void setAllPassages(bool value);
     // Stored within kMinPreviewShare..kMaxPreviewShare.
     double previewShare() const;
     void setPreviewShare(double value);
@@ -190,6 +195,7 @@ signals:
     void hoverPreviewChanged();
     void previewPaneChanged();
     void previewBelowChanged();
+    void allPassagesChanged();
     void openTextFilesWithChanged();
     void editorCommandChanged();
 

@@ -27,6 +27,9 @@
 namespace
 {
 
+// trn_search gives at most this many records.
+constexpr int kEngineResultLimit = 64;
+
 // The index directory, readable by its owner alone (0700); the directories above it as before.
 void createIndexDir(const QString &dataDir)
 {
@@ -243,10 +246,65 @@ std::optional<QString> TarnwickEngine::regexError(const QString &query)
     return QString::fromUtf8(reason);
 }
 
-QList<SearchResult> TarnwickEngine::search(const QString &query, SearchMode mode, int k)
+QList<SearchResult> TarnwickEngine::groupByFile(const QList<SearchResult> &passages, int k)
+{
+    QList<SearchResult> files;
+    QHash<QString, qsizetype> rowOf;
+    for (const SearchResult &passage : passages) {
+        const auto seen = rowOf.constFind(passage.filePath);
+        if (seen != rowOf.constEnd()) {
+            files[*seen].moreInFile++;
+        } else if (files.size() < k) {
+            rowOf.insert(passage.filePath, files.size());
+            files.append(passage);
+            files.last().moreInFile = 0;
+        }
+    }
+    return files;
+}
+
+QList<SearchResult> TarnwickEngine::mergeRankings(const QList<QList<SearchResult>> &rankings,
+                                                  SearchMode mode, int k)
+{
+    // TODO(#27): the engine ranks several indexes as one (shared word counts); until then the
+    // rankings are merged here.
+    struct Place {
+        qsizetype rank;
+        qsizetype list;
+        const SearchResult *result;
+    };
+    QList<Place> places;
+    for (qsizetype list = 0; list < rankings.size(); ++list) {
+        for (qsizetype rank = 0; rank < rankings.at(list).size(); ++rank) {
+            places.append(Place{rank, list, &rankings.at(list).at(rank)});
+        }
+    }
+    std::stable_sort(places.begin(), places.end(), [mode](const Place &a, const Place &b) {
+        if (mode == SearchMode::Semantic) {
+            return a.result->score > b.result->score;
+        }
+        return a.rank != b.rank ? a.rank < b.rank : a.list < b.list;
+    });
+    QList<SearchResult> merged;
+    for (const Place &place : places) {
+        if (merged.size() >= k) {
+            break;
+        }
+        merged.append(*place.result);
+    }
+    return merged;
+}
+
+QList<SearchResult> TarnwickEngine::search(const QString &query, SearchMode mode, int k,
+                                           ResultLayout layout)
 {
     if (k < 0) {
         qFatal("tarnwick: search with negative k %d", k);
+    }
+    if (layout == ResultLayout::ByFile && k > 0) {
+        // TODO(#27): the engine lays results out by file itself; until then the files are
+        // grouped from as many passages as it gives.
+        return groupByFile(search(query, mode, kEngineResultLimit, ResultLayout::AllPassages), k);
     }
     QList<SearchResult> results;
     if (k == 0) {
@@ -271,9 +329,24 @@ QList<SearchResult> TarnwickEngine::search(const QString &query, SearchMode mode
         result.chunkIndex = r.chunk_index;
         result.lineNumber = r.line_number;
         result.fileType = static_cast<int>(r.file_type);
+        result.folder = m_directoryPath;
         results.append(result);
     }
     return results;
+}
+
+QList<SearchResult> TarnwickEngine::searchFile(const QString &query, SearchMode mode,
+                                               const QString &filePath)
+{
+    // TODO(#27): the engine searches one file's passages itself; until then they are picked
+    // from as many passages as it gives.
+    QList<SearchResult> passages;
+    for (const SearchResult &r : search(query, mode, kEngineResultLimit)) {
+        if (r.filePath == filePath) {
+            passages.append(r);
+        }
+    }
+    return passages;
 }
 
 QList<FileInfo> TarnwickEngine::fileList()

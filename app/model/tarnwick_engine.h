@@ -65,9 +65,17 @@ struct SearchResult {
     int chunkIndex = 0;
     int lineNumber = 0;
     int fileType = 0; // a TrnFileType value
+    // On a file's row of a search laid out by file: how many more of its passages matched.
+    int moreInFile = 0;
+    // The indexed directory the result comes from.
+    QString folder;
 
     bool operator==(const SearchResult &other) const = default;
 };
+
+// How a search's answer is laid out: one row per file, the file's best passage (the default of
+// the application), or every matching passage.
+enum class ResultLayout { ByFile, AllPassages };
 
 // One file of the directory (or one excluded or unreadable directory) with its index state.
 struct FileInfo {
@@ -171,7 +179,20 @@ public:
     static std::optional<QString> regexError(const QString &query);
 
     // At most k results (k >= 0; the engine gives at most 64). Empty when not open or k is 0.
-    QList<SearchResult> search(const QString &query, SearchMode mode, int k);
+    // ByFile: at most k files, each once with its best passage and moreInFile set.
+    QList<SearchResult> search(const QString &query, SearchMode mode, int k,
+                               ResultLayout layout = ResultLayout::AllPassages);
+    // The matching passages of one file (what "n more in this file" opens), best first.
+    QList<SearchResult> searchFile(const QString &query, SearchMode mode, const QString &filePath);
+    // passages laid out by file: each file's first passage in order with moreInFile counting its
+    // others, at most k files.
+    static QList<SearchResult> groupByFile(const QList<SearchResult> &passages, int k);
+    // Several indexes' rankings as one, at most k: semantic results by score (dot products
+    // compare across indexes); in the other modes by rank, the first of each index, then the
+    // second of each, and so on, so that no index's scale of scores crowds out another's. Equal
+    // places keep the order of rankings.
+    static QList<SearchResult> mergeRankings(const QList<QList<SearchResult>> &rankings,
+                                             SearchMode mode, int k);
 
     // Every file of the directory in walk order with its state (see FileInfo): excluded
     // directories once, the text of indexable files that are not indexed read for the reason.

@@ -392,6 +392,23 @@ void MainWindow::buildActions()
                               settings->setPreviewBelow(!settings->previewBelow());
                           });
     below->setCheckable(true);
+    QAction *passages = make(QStringLiteral("allPassagesAction"),
+                             tr("Every Passage"),
+                             QKeySequence(),
+                             QString(),
+                             [this] {
+                                 Settings *settings = Settings::standard();
+                                 settings->setAllPassages(!settings->allPassages());
+                                 if (m_app && !m_app->query().isEmpty()) {
+                                     m_app->performSearch(); // laid out the other way
+                                 }
+                             });
+    passages->setCheckable(true);
+    passages->setChecked(Settings::standard()->allPassages());
+    passages->setToolTip(tr("List every matching passage instead of one row per file"));
+    connect(Settings::standard(), &Settings::allPassagesChanged, passages, [passages] {
+        passages->setChecked(Settings::standard()->allPassages());
+    });
     make(QStringLiteral("helpAction"),
          tr("Tarnwick Help"),
          QKeySequence(QStringLiteral("Ctrl+/")),
@@ -493,6 +510,7 @@ void MainWindow::buildMenus()
     view->addSeparator();
     view->addAction(action(QStringLiteral("previewPaneAction")));
     view->addAction(action(QStringLiteral("previewBelowAction")));
+    view->addAction(action(QStringLiteral("allPassagesAction")));
     view->addSeparator();
     view->addAction(action(QStringLiteral("nextTabAction")));
     view->addAction(action(QStringLiteral("previousTabAction")));

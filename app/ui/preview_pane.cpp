@@ -352,8 +352,13 @@ void PreviewPane::setHeader(const QString &location)
 {
     const QFileInfo info(m_result.filePath);
     m_title->setText(info.fileName());
-    QString folder =
-        m_directory.isEmpty() ? info.path() : QDir(m_directory).relativeFilePath(info.path());
+    // Relative to the result's own indexed folder (another tab's, after a search of every tab).
+    const QString root = m_result.folder.isEmpty() ? m_directory : m_result.folder;
+    QString folder = root.isEmpty() ? info.path() : QDir(root).relativeFilePath(info.path());
+    if (!m_result.folder.isEmpty() && m_result.folder != m_directory) {
+        folder = QFileInfo(m_result.folder).fileName()
+                 + (folder == QLatin1String(".") ? QString() : QStringLiteral(" \u203a ") + folder);
+    }
     if (folder == QLatin1String(".")) {
         folder.clear();
     }
@@ -480,7 +485,21 @@ bool PreviewPane::showText(QString *problem)
     cursor.endEditBlock();
     m_hitLine = hit;
     m_hitBlock = doc->findBlockByNumber(hit - 1 - first);
-    m_text->setExtraSelections({band(m_hitBlock)});
+    // The band is drawn over the text's own backgrounds: the hit line's marks go over it again.
+    QList<QTextEdit::ExtraSelection> selections = {band(m_hitBlock)};
+    for (auto it = m_hitBlock.begin(); !it.atEnd(); ++it) {
+        const QTextFragment fragment = it.fragment();
+        if (fragment.charFormat().background().color() == matchColor()) {
+            QTextEdit::ExtraSelection mark;
+            mark.cursor = QTextCursor(doc);
+            mark.cursor.setPosition(fragment.position());
+            mark.cursor.setPosition(fragment.position() + fragment.length(),
+                                    QTextCursor::KeepAnchor);
+            mark.format.setBackground(matchColor());
+            selections.append(mark);
+        }
+    }
+    m_text->setExtraSelections(selections);
     setHeader(tr("line %1").arg(hit));
     m_stack->setCurrentWidget(m_text);
     scrollToHit(m_text);

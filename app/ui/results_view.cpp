@@ -28,6 +28,8 @@ constexpr int kPadY = 8;
 constexpr int kIconSize = 16;
 constexpr int kPinSize = 22;
 constexpr int kSnippetLines = 2;
+// How far a passage shown under its file's row is indented.
+constexpr int kPassageIndent = 26;
 
 QColor withAlpha(QColor color, float alpha)
 {
@@ -77,9 +79,52 @@ void drawPin(QPainter *painter, const QRect &rect, bool pinned, const QColor &in
     painter->restore();
 }
 
+// The score pill of a row: left of the pin, level with the header.
+QRect scoreRectFor(const QRect &rowRect, const QFont &font, const QString &score)
+{
+    QFont scoreFont = font;
+    scoreFont.setPointSizeF(font.pointSizeF() * 0.9);
+    const QFontMetrics sfm(scoreFont);
+    const QFontMetrics fm(font);
+    const int headerHeight = qMax(fm.height(), kPinSize - 4);
+    const QRect pin = ResultDelegate::pinRect(rowRect);
+    const int width = sfm.horizontalAdvance(score) + 12;
+    return QRect(pin.left() - 8 - width,
+                 rowRect.top() + kPadY + (headerHeight - sfm.height() - 2) / 2,
+                 width,
+                 sfm.height() + 2);
+}
+
+QString scoreText(const QModelIndex &index)
+{
+    return QString::number(index.data(ResultsModel::ScoreRole).toDouble(), 'f', 3);
+}
+
 } // namespace
 
 // ---- delegate ----
+
+QString ResultDelegate::moreText(int more, bool expanded)
+{
+    return expanded ? tr("hide %n more \u25b4", "", more)
+                    : tr("%n more in this file \u25be", "", more);
+}
+
+QRect ResultDelegate::moreRect(const QStyleOptionViewItem &option, const QModelIndex &index)
+{
+    const int more = index.data(ResultsModel::MoreInFileRole).toInt();
+    if (more <= 0) {
+        return QRect();
+    }
+    const QRect score = scoreRectFor(option.rect, option.font, scoreText(index));
+    const QFontMetrics fm(option.font);
+    const QString text = moreText(more, index.data(ResultsModel::IsExpandedRole).toBool());
+    const int width = fm.horizontalAdvance(text) + 8;
+    return QRect(score.left() - 10 - width,
+                 option.rect.top() + kPadY - 2,
+                 width,
+                 qMax(fm.height(), kPinSize - 4) + 4);
+}
 
 ResultDelegate::ResultDelegate(QObject *parent) : QStyledItemDelegate(parent) {}
 
@@ -134,13 +179,22 @@ void ResultDelegate::paint(QPainter *painter, const QStyleOptionViewItem &option
     const int lineTop = rect.top() + kPadY;
     const int headerHeight = qMax(fm.height(), kPinSize - 4);
     int x = rect.left() + kPadX;
+    // A passage under its file's row: indented behind a guide line, without the file's icon.
+    const bool passage = index.data(ResultsModel::IsPassageRole).toBool();
+    if (passage) {
+        painter->fillRect(QRect(x + 7, rect.top(), 2, rect.height()), withAlpha(ink, 0.18f));
+        x += kPassageIndent;
+    }
 
     // File icon.
     const auto category =
         static_cast<FileCategory>(index.data(ResultsModel::FileCategoryRole).toInt());
     const QIcon icon =
-        themedIcon(iconNameFor(category, index.data(ResultsModel::FileTypeRole).toInt()).split('|'),
-                   QStyle::SP_FileIcon);
+        passage
+            ? QIcon()
+            : themedIcon(
+                iconNameFor(category, index.data(ResultsModel::FileTypeRole).toInt()).split('|'),
+                QStyle::SP_FileIcon);
     if (!icon.isNull()) {
         icon.paint(painter,
                    QRect(x, lineTop + (headerHeight - kIconSize) / 2, kIconSize, kIconSize));
@@ -152,13 +206,8 @@ void ResultDelegate::paint(QPainter *painter, const QStyleOptionViewItem &option
     drawPin(painter, pin, pinned, ink, selected ? pal.color(QPalette::HighlightedText) : accent);
     QFont scoreFont = option.font;
     scoreFont.setPointSizeF(option.font.pointSizeF() * 0.9);
-    const QFontMetrics sfm(scoreFont);
-    const QString score = QString::number(index.data(ResultsModel::ScoreRole).toDouble(), 'f', 3);
-    const int scoreWidth = sfm.horizontalAdvance(score) + 12;
-    const QRect scoreRect(pin.left() - 8 - scoreWidth,
-                          lineTop + (headerHeight - sfm.height() - 2) / 2,
-                          scoreWidth,
-                          sfm.height() + 2);
+    const QString score = scoreText(index);
+    const QRect scoreRect = scoreRectFor(rect, option.font, score);
     painter->setRenderHint(QPainter::Antialiasing);
     painter->setPen(Qt::NoPen);
     painter->setBrush(withAlpha(ink, 0.08f));
@@ -167,17 +216,34 @@ void ResultDelegate::paint(QPainter *painter, const QStyleOptionViewItem &option
     painter->setPen(withAlpha(ink, 0.7f));
     painter->drawText(scoreRect, Qt::AlignCenter, score);
 
-    // Header: bold file name, then the relative path and line, dimmed.
-    const int headerRight = scoreRect.left() - 10;
+    // "n more in this file", a link left of the score.
+    int headerRight = scoreRect.left() - 10;
+    const QRect more = moreRect(option, index);
+    if (more.isValid()) {
+        painter->setFont(option.font);
+        painter->setPen(selected ? pal.color(QPalette::HighlightedText)
+                                 : pal.color(QPalette::Link));
+        painter->drawText(more,
+                          Qt::AlignCenter,
+                          moreText(index.data(ResultsModel::MoreInFileRole).toInt(),
+                                   index.data(ResultsModel::IsExpandedRole).toBool()));
+        headerRight = more.left() - 6;
+    }
+
+    // Header: bold file name, then the relative path and line, dimmed; a passage gives its line.
     QFont nameFont = option.font;
     nameFont.setWeight(QFont::DemiBold);
     const QFontMetrics nfm(nameFont);
-    const QString name = index.data(ResultsModel::FileNameRole).toString();
+    const QString line = tr("line %1").arg(index.data(ResultsModel::LineNumberRole).toInt());
+    const QString name = passage ? line : index.data(ResultsModel::FileNameRole).toString();
     const QString filePath = index.data(ResultsModel::FilePathRole).toString();
-    QString relative =
-        m_directory.isEmpty() ? filePath : QDir(m_directory).relativeFilePath(filePath);
-    const QString where = relative + QStringLiteral(" \u00b7 line ")
-                          + QString::number(index.data(ResultsModel::LineNumberRole).toInt());
+    const QString folder = index.data(ResultsModel::FolderRole).toString();
+    const QString root = folder.isEmpty() ? m_directory : folder;
+    QString relative = root.isEmpty() ? filePath : QDir(root).relativeFilePath(filePath);
+    if (m_showFolders && !folder.isEmpty()) {
+        relative = QFileInfo(folder).fileName() + QStringLiteral(" \u203a ") + relative;
+    }
+    const QString where = passage ? QString() : relative + QStringLiteral(" \u00b7 ") + line;
     const int nameWidth = qMin(nfm.horizontalAdvance(name) + 4, qMax(0, headerRight - x));
     painter->setFont(nameFont);
     painter->setPen(ink);
@@ -196,7 +262,7 @@ void ResultDelegate::paint(QPainter *painter, const QStyleOptionViewItem &option
 
     // Snippet: white space collapsed, two lines at most, the query's matches marked.
     const QString snippet = index.data(ResultsModel::SnippetRole).toString().simplified();
-    const int snippetLeft = rect.left() + kPadX + (icon.isNull() ? 0 : kIconSize + 8);
+    const int snippetLeft = passage ? x : rect.left() + kPadX + (icon.isNull() ? 0 : kIconSize + 8);
     const int snippetWidth = rect.right() - kPadX - snippetLeft;
     QList<QTextLayout::FormatRange> marks;
     for (const MatchSpan &span : findQueryMatches(snippet, m_query, m_mode)) {
@@ -313,6 +379,9 @@ void ResultsView::setState(DirectoryState *state)
             // The rows were replaced; a pending hover would preview another result.
             m_hoverTimer.stop();
             m_hoverRow = -1;
+        });
+        // The rows were rebuilt (new results, a pin, a file opened or closed).
+        connect(state->resultsModel(), &QAbstractItemModel::modelReset, m_stateLink, [this] {
             keepCurrentResult();
         });
         connect(state, &QObject::destroyed, m_stateLink, [this] {
@@ -355,6 +424,7 @@ void ResultsView::refreshQuery()
 {
     if (m_state) {
         m_delegate->setQuery(m_state->lastQuery(), m_state->lastMode());
+        m_delegate->setShowFolders(m_state->searchesAcrossTabs());
     } else {
         m_delegate->setQuery(QString(), SearchMode::Semantic);
     }
@@ -415,16 +485,54 @@ void ResultsView::mouseMoveEvent(QMouseEvent *event)
     const QModelIndex index = indexAt(event->position().toPoint());
     hoverRow(index.isValid() ? index.row() : -1);
     if (index.isValid()) {
-        const bool overPin =
-            ResultDelegate::pinRect(visualRect(index)).contains(event->position().toPoint());
-        viewport()->setCursor(overPin ? Qt::PointingHandCursor : Qt::ArrowCursor);
+        const QPoint at = event->position().toPoint();
+        const bool overLink = ResultDelegate::pinRect(visualRect(index)).contains(at)
+                              || moreLinkRect(index).contains(at);
+        viewport()->setCursor(overLink ? Qt::PointingHandCursor : Qt::ArrowCursor);
     }
     QListView::mouseMoveEvent(event);
+}
+
+void ResultsView::toggleFile(int row)
+{
+    if (!m_state || row < 0 || row >= m_state->resultsModel()->rowCount()) {
+        return;
+    }
+    const SearchResult result = resultAt(row);
+    const QModelIndex index = model()->index(row, 0);
+    if (index.data(ResultsModel::IsPassageRole).toBool()) {
+        // From a passage: close its file and go back to the file's row.
+        for (int i = row - 1; i >= 0; --i) {
+            if (!model()->index(i, 0).data(ResultsModel::IsPassageRole).toBool()) {
+                setCurrentIndex(model()->index(i, 0));
+                break;
+            }
+        }
+        m_state->toggleFile(result.filePath);
+        return;
+    }
+    if (index.data(ResultsModel::MoreInFileRole).toInt() > 0) {
+        m_state->toggleFile(result.filePath);
+    }
+}
+
+QRect ResultsView::moreLinkRect(const QModelIndex &index) const
+{
+    QStyleOptionViewItem option;
+    initViewItemOption(&option);
+    option.rect = visualRect(index);
+    return ResultDelegate::moreRect(option, index);
 }
 
 void ResultsView::mouseReleaseEvent(QMouseEvent *event)
 {
     const QModelIndex index = indexAt(event->position().toPoint());
+    if (event->button() == Qt::LeftButton && index.isValid()
+        && moreLinkRect(index).contains(event->position().toPoint())) {
+        toggleFile(index.row());
+        event->accept();
+        return;
+    }
     if (event->button() == Qt::LeftButton && index.isValid()
         && ResultDelegate::pinRect(visualRect(index)).contains(event->position().toPoint())) {
         togglePin(index.row());
@@ -455,6 +563,18 @@ void ResultsView::keyPressEvent(QKeyEvent *event)
         emit focusSearchRequested();
         return;
     }
+    // Right opens a file's other passages, Left closes them (from the file or a passage).
+    const QModelIndex current = currentIndex();
+    const bool passage = current.data(ResultsModel::IsPassageRole).toBool();
+    const bool expanded = current.data(ResultsModel::IsExpandedRole).toBool();
+    if (event->key() == Qt::Key_Right && current.isValid() && !passage && !expanded) {
+        toggleFile(row);
+        return;
+    }
+    if (event->key() == Qt::Key_Left && current.isValid() && (passage || expanded)) {
+        toggleFile(row);
+        return;
+    }
     if (event->key() == Qt::Key_Up && row <= 0) {
         emit focusSearchRequested();
         return;
@@ -477,6 +597,17 @@ void ResultsView::contextMenuEvent(QContextMenuEvent *event)
     menu.addAction(tr("Preview"), this, [this, row] {
         previewRow(row);
     });
+    const int more = index.data(ResultsModel::MoreInFileRole).toInt();
+    if (more > 0 || index.data(ResultsModel::IsPassageRole).toBool()) {
+        const bool open = index.data(ResultsModel::IsExpandedRole).toBool()
+                          || index.data(ResultsModel::IsPassageRole).toBool();
+        menu.addAction(open ? tr("Hide the File's Other Passages")
+                            : tr("Show %n More in This File", "", more),
+                       this,
+                       [this, row] {
+                           toggleFile(row);
+                       });
+    }
     menu.addSeparator();
     menu.addAction(
         m_state->isPinned(result) ? tr("Unpin Result") : tr("Pin Result"), this, [this, row] {

@@ -5,6 +5,9 @@
 ** directory, the line, the score, a two-line snippet with the query's matches marked (text and
 ** regex modes) and a pin toggle; pinned rows carry an accent bar and a filled pin.
 **
+** A file's row says how many more of its passages matched; clicking that (or Right) shows them
+** under the row, indented, and clicking again (or Left) hides them.
+**
 ** Keys: the arrows move, Return (or a double click) opens the result in its application, Space
 ** shows it in the preview (showing the pane if hidden), Ctrl+D pins or unpins it, Escape hands
 ** the focus back to the search field.
@@ -40,13 +43,20 @@ public:
     void setQuery(const QString &query, SearchMode mode);
     // The directory that relative paths are shown against.
     void setDirectory(const QString &directoryPath) { m_directory = directoryPath; }
+    // Each row names its folder first (a search over every tab).
+    void setShowFolders(bool show) { m_showFolders = show; }
     // Where the pin toggle of a row drawn in rect sits.
     static QRect pinRect(const QRect &rowRect);
+    // Where a file's "n more in this file" link sits; invalid when it has no more passages.
+    static QRect moreRect(const QStyleOptionViewItem &option, const QModelIndex &index);
+    // "3 more in this file", or "hide 3 more" while they are shown.
+    static QString moreText(int more, bool expanded);
 
 private:
     QString m_query;
     SearchMode m_mode = SearchMode::Semantic;
     QString m_directory;
+    bool m_showFolders = false;
 };
 
 class ResultsView : public QListView
@@ -68,6 +78,8 @@ public:
     void openResult(const QModelIndex &index);
     void previewRow(int row);
     void togglePin(int row);
+    // Opens or closes the other passages of the row's file (a passage row: closes its file).
+    void toggleFile(int row);
 
 signals:
     // Escape was pressed in the list.
@@ -87,6 +99,7 @@ protected:
 private:
     // After the rows changed: the remembered result current again, else the first row.
     void keepCurrentResult();
+    QRect moreLinkRect(const QModelIndex &index) const;
     void refreshQuery();
     void hoverRow(int row);
     SearchResult resultAt(int row) const;

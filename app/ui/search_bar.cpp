@@ -5,6 +5,7 @@
 
 #include "app_state.h"
 #include "directory_state.h"
+#include "filter_chips.h"
 #include "icons.h"
 #include "prompt_builder.h"
 
@@ -31,6 +32,13 @@ SearchBar::SearchBar(AppState *app, QWidget *parent) : QWidget(parent), m_app(ap
     layout->setContentsMargins(0, 0, 0, 0);
     layout->setSpacing(8);
     column->addLayout(layout);
+    auto *narrowing = new QHBoxLayout();
+    narrowing->setContentsMargins(0, 0, 0, 0);
+    narrowing->setSpacing(8);
+    m_chips = new FilterChips(app, this);
+    narrowing->addWidget(m_chips);
+    narrowing->addStretch(1);
+    column->addLayout(narrowing);
     m_error = new QLabel(this);
     m_error->setObjectName(QStringLiteral("queryErrorLabel"));
     m_error->setWordWrap(true);

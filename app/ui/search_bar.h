@@ -1,8 +1,8 @@
 /*
 ** search_bar.h -- the search bar shared by all tabs: the search field (Return searches the
-** active tab), the recent searches of the active tab, the mode picker "Semantic" / "Text" /
-** "Regex", and the copy button whose menu "Results to include in prompt" copies the prompt for
-** one of the three scopes.
+** active tab), the recent searches of the active tab, the mode picker, the copy button whose
+** menu "Results to include in prompt" copies the prompt for one of the three scopes, and under
+** the field the filter chips (filter_chips.h).
 **
 ** The field and the picker mirror AppState's query and searchMode both ways. Under the field, the
 ** active tab's queryError says why a query could not run.
@@ -17,6 +17,7 @@
 #include <QPointer>
 #include <QWidget>
 
+class FilterChips;
 class QAbstractButton;
 class QAction;
 class QButtonGroup;
@@ -36,6 +37,7 @@ public:
     QPushButton *copyButton() const { return m_copyButton; }
     QAbstractButton *modeButton(SearchMode mode) const;
     QLabel *errorLabel() const { return m_error; }
+    FilterChips *filterChips() const { return m_chips; }
 
 signals:
     // Down was pressed in the field: the results list should take the focus.
@@ -61,6 +63,7 @@ private:
     QButtonGroup *m_modes;
     QPushButton *m_copyButton;
     QLabel *m_error;
+    FilterChips *m_chips;
     QPointer<DirectoryState> m_state;
     QObject *m_stateLink = nullptr; // context of the connections to m_state
 };

@@ -10,6 +10,7 @@
 #include "test_support.h"
 #include "training_manager.h"
 
+#include <QFileInfo>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QThreadPool>
@@ -44,6 +45,7 @@ private slots:
     void storedChunkSizeBelowOneIndexesWith800();
     void selectingATabRerunsTheSharedQuery();
     void changingTheModeRerunsTheQuery();
+    void allTabsSearchesEveryOpenFolderAsOneRanking();
     void copyPromptUsesTheClipboard();
     void concurrentSearchesAndIndexingOnTwoTabs();
 
@@ -301,6 +303,56 @@ void TestAppState::selectingATabRerunsTheSharedQuery()
     QTRY_COMPARE(stateA->results().size(), 1);
     QVERIFY(stateA->results().first().filePath.endsWith(QStringLiteral("a.txt")));
     QCOMPARE(m_env->settings()->activeTabPath(), std::optional<QString>(a));
+}
+
+void TestAppState::allTabsSearchesEveryOpenFolderAsOneRanking()
+{
+    const QString a = makeDir(QStringLiteral("A"));
+    const QString b = makeDir(QStringLiteral("B"));
+    const QString c = makeDir(QStringLiteral("C"));
+    QVERIFY(writeFile(a, QStringLiteral("a1.txt"), "the word in a first file\n"));
+    QVERIFY(writeFile(a, QStringLiteral("a2.txt"), "the word in a second file\n"));
+    QVERIFY(writeFile(b, QStringLiteral("b.txt"), "the word in the only file of b\n"));
+    QVERIFY(writeFile(c, QStringLiteral("c.txt"), "the word in the only file of c\n"));
+    std::unique_ptr<AppState> app = restoredState();
+    QVERIFY(app);
+    app->openDirectory({a, b, c});
+    for (const DirectoryTab &tab : app->tabs()) {
+        QTRY_VERIFY_WITH_TIMEOUT(!app->stateFor(tab.id)->isIngesting(), 20000);
+    }
+    DirectoryState *state = app->activeState(); // C, opened last
+    app->setQuery(QStringLiteral("word"));
+    app->setSearchMode(SearchMode::Text);
+    QSignalSpy finished(state, &DirectoryState::searchFinished);
+    app->setSearchAllTabs(true); // searches at once: the query is not empty
+    QVERIFY(finished.wait(20000));
+    QVERIFY(state->searchesAcrossTabs());
+    // Each folder's first, then each folder's second: the active tab's first.
+    QStringList folders;
+    for (const SearchResult &r : state->results()) {
+        QVERIFY(r.filePath.startsWith(r.folder + QLatin1Char('/')));
+        folders.append(QFileInfo(r.folder).fileName());
+    }
+    QCOMPARE(folders, (QStringList{"C", "A", "B", "A"}));
+
+    // Another folder's file opens its passages from its own index.
+    const SearchResult fromA = state->results().at(1);
+    QSignalSpy expanded(state, &DirectoryState::expandedFilesChanged);
+    state->toggleFile(fromA.filePath);
+    QVERIFY(expanded.wait(20000));
+    QCOMPARE(state->passagesOf(fromA.filePath).size(), 1);
+    QCOMPARE(state->passagesOf(fromA.filePath).first().folder, a);
+
+    // A closed tab drops out of the ranking; the scope back to one tab searches only that.
+    app->closeTab(app->tabs().at(1).id);
+    app->performSearch();
+    QVERIFY(finished.wait(20000));
+    QCOMPARE(state->results().size(), 3);
+    app->setSearchAllTabs(false);
+    QVERIFY(finished.wait(20000));
+    QVERIFY(!state->searchesAcrossTabs());
+    QCOMPARE(state->results().size(), 1);
+    QCOMPARE(state->results().first().folder, c);
 }
 
 void TestAppState::changingTheModeRerunsTheQuery()

@@ -247,6 +247,11 @@ void TestDirectoryState::pagingGrowsByTenUntilSixtyFour()
     state->ingest(50, 10);
     QVERIFY(waitForIngest(state));
     QVERIFY(state->engine()->stats().chunk_count > 70);
+    // Pages of passages: laid out by file, all of them are one file's.
+    m_env->settings()->setAllPassages(true);
+    const auto byFileAgain = qScopeGuard([this] {
+        m_env->settings()->setAllPassages(false);
+    });
 
     state->search(QStringLiteral("alpha"), SearchMode::Text);
     QVERIFY(waitForSearch(state));

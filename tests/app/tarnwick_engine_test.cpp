@@ -13,6 +13,7 @@
 #include <QMap>
 #include <QPainter>
 #include <QPdfWriter>
+#include <QRandomGenerator>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -27,6 +28,8 @@ private slots:
     void walkSkipsHiddenEntriesAndTheIndex();
     void indexIsPrivateAndHugeFilesAreNeverRead();
     void searchCopiesRecordsAndKZeroReturnsNothing();
+    void groupingKeepsEachFilesBestPassage();
+    void mergedRankingsFavourNoIndex();
     void fileListGivesTheReasonForEveryFile();
     void clearAndReopenDiscardsTheIndex();
     void pdfPageForLine();
@@ -162,6 +165,76 @@ void TestTarnwickEngine::searchCopiesRecordsAndKZeroReturnsNothing()
 }
 
 // The file scope view's words for every kind of file, after indexing, an edit and an addition.
+// Against a brute force over random rankings: one row per file, in the order of each file's
+// best passage, the row being that passage, with the count of the file's other passages.
+void TestTarnwickEngine::groupingKeepsEachFilesBestPassage()
+{
+    QRandomGenerator random(27);
+    for (int round = 0; round < 200; ++round) {
+        QList<SearchResult> ranked;
+        const int n = random.bounded(40);
+        for (int i = 0; i < n; ++i) {
+            SearchResult r;
+            r.filePath = QStringLiteral("/d/f%1.txt").arg(random.bounded(6));
+            r.id = r.filePath + QLatin1Char(':') + QString::number(i);
+            r.score = 1.0f - float(i) / 64.0f;
+            r.moreInFile = 99; // whatever came in is replaced
+            ranked.append(r);
+        }
+        const int k = 1 + random.bounded(6);
+        const QList<SearchResult> files = TarnwickEngine::groupByFile(ranked, k);
+        QStringList order;
+        for (const SearchResult &r : ranked) {
+            if (!order.contains(r.filePath)) {
+                order.append(r.filePath);
+            }
+        }
+        QCOMPARE(files.size(), qMin<qsizetype>(k, order.size()));
+        for (int row = 0; row < files.size(); ++row) {
+            const QString path = order.at(row);
+            const auto first = std::find_if(ranked.cbegin(), ranked.cend(), [&path](auto &r) {
+                return r.filePath == path;
+            });
+            QCOMPARE(files.at(row).id, first->id);
+            QCOMPARE(files.at(row).moreInFile,
+                     int(std::count_if(ranked.cbegin(), ranked.cend(), [&path](auto &r) {
+                         return r.filePath == path;
+                     })) - 1);
+        }
+    }
+}
+
+// Word and text scores do not compare across indexes: their rankings interleave by place;
+// semantic scores do, and decide.
+void TestTarnwickEngine::mergedRankingsFavourNoIndex()
+{
+    const auto ranking = [](const QString &name, QList<float> scores) {
+        QList<SearchResult> list;
+        for (int i = 0; i < scores.size(); ++i) {
+            SearchResult r;
+            r.id = name + QString::number(i);
+            r.score = scores.at(i);
+            list.append(r);
+        }
+        return list;
+    };
+    const QList<QList<SearchResult>> rankings = {ranking(QStringLiteral("a"), {9.0f, 8.0f, 7.0f}),
+                                                 ranking(QStringLiteral("b"), {0.2f, 0.1f})};
+    const auto ids = [](const QList<SearchResult> &list) {
+        QStringList out;
+        for (const SearchResult &r : list) {
+            out.append(r.id);
+        }
+        return out;
+    };
+    QCOMPARE(ids(TarnwickEngine::mergeRankings(rankings, SearchMode::Keyword, 10)),
+             (QStringList{"a0", "b0", "a1", "b1", "a2"}));
+    QCOMPARE(ids(TarnwickEngine::mergeRankings(rankings, SearchMode::Hybrid, 3)),
+             (QStringList{"a0", "b0", "a1"}));
+    QCOMPARE(ids(TarnwickEngine::mergeRankings(rankings, SearchMode::Semantic, 4)),
+             (QStringList{"a0", "a1", "a2", "b0"}));
+}
+
 void TestTarnwickEngine::fileListGivesTheReasonForEveryFile()
 {
     QTemporaryDir dir;

@@ -3,6 +3,7 @@
 ** searching in each mode, paging, pinning, opening results, the tab strip, the prompt button,
 ** the status bar and the menu commands.
 */
+#include "filter_chips.h"
 #include "icons.h"
 #include "main_window.h"
 #include "result_opener.h"
@@ -206,6 +207,117 @@ private slots:
         }
         h->window.resultsView()->clearSelection();
         QCOMPARE(markPixels(h->window.resultsView()) > 0, marked);
+    }
+
+    // The chips write their filter words into the field and search again; a filter typed into
+    // the field shows on its chip.
+    void filterChipsEditTheQueryText()
+    {
+        auto h = openAppWindow();
+        QTemporaryDir dir;
+        writeSample(dir.path());
+        QVERIFY(QDir(dir.path()).mkpath(QStringLiteral("notes")));
+        QVERIFY(openAndIndex(*h, dir.path()));
+        QLineEdit *field = h->window.searchBar()->field();
+        FilterChips *chips = h->window.searchBar()->filterChips();
+        QToolButton *type = chips->chip(FilterKind::Type);
+        QToolButton *folder = chips->chip(FilterKind::Folder);
+        const auto choose = [](QToolButton *chip, const QString &name) {
+            emit chip->menu()->aboutToShow();
+            for (QAction *action : chip->menu()->actions()) {
+                if (action->objectName() == name || action->text() == name) {
+                    action->trigger();
+                    return true;
+                }
+            }
+            return false;
+        };
+        QTest::keyClicks(field, QStringLiteral("sugar"));
+        QSignalSpy finished(h->app.activeState(), &DirectoryState::searchFinished);
+        QVERIFY(choose(type, QStringLiteral("type_pdf")));
+        QCOMPARE(field->text(), QStringLiteral("sugar type:pdf"));
+        QVERIFY(finished.wait(30000));
+        QCOMPARE(h->app.activeState()->lastQuery(), QStringLiteral("sugar type:pdf"));
+        QCOMPARE(type->text(), QStringLiteral("Type: PDF \u25be"));
+        QVERIFY(choose(type, QStringLiteral("type_docx")));
+        QCOMPARE(field->text(), QStringLiteral("sugar type:pdf,docx"));
+        QVERIFY(choose(type, QStringLiteral("type_pdf"))); // unticked
+        QCOMPARE(field->text(), QStringLiteral("sugar type:docx"));
+
+        field->setText(QStringLiteral("in:notes sugar"));
+        QCOMPARE(folder->text(), QStringLiteral("Folder: notes \u25be"));
+        QVERIFY(folder->property("inUse").toBool());
+        QCOMPARE(type->text(), QStringLiteral("Type \u25be"));
+        QVERIFY(!type->property("inUse").toBool());
+        QVERIFY(choose(folder, QStringLiteral("Any folder")));
+        QCOMPARE(field->text(), QStringLiteral("sugar"));
+    }
+
+    // One row per file; its other passages open under it from the link or the Right key, and
+    // close again from a passage with Left. Every passage lists once, under its own file.
+    void aFileRowOpensItsOtherPassagesInPlace()
+    {
+        auto h = openAppWindow();
+        QTemporaryDir dir;
+        QByteArray long_;
+        for (int i = 1; i <= 40; ++i) {
+            long_ += "Paragraph " + QByteArray::number(i)
+                     + " lights the lantern again and waits "
+                       "for the ferry to cross the bay in the evening fog.\n";
+        }
+        QVERIFY(writeFile(dir.path(), QStringLiteral("log.txt"), long_));
+        QVERIFY(writeFile(dir.path(), QStringLiteral("short.txt"), "One lantern only.\n"));
+        QVERIFY(openAndIndex(*h, dir.path()));
+        search(*h, QStringLiteral("lantern"), SearchMode::Text);
+        ResultsView *view = h->window.resultsView();
+        QAbstractItemModel *model = view->model();
+        QCOMPARE(shownFileNames(*h), (QStringList{"log.txt", "short.txt"}));
+        const int more = model->index(0, 0).data(ResultsModel::MoreInFileRole).toInt();
+        QVERIFY2(more >= 3, qPrintable(QString::number(more)));
+        QCOMPARE(model->index(1, 0).data(ResultsModel::MoreInFileRole).toInt(), 0);
+
+        view->doItemsLayout();
+        QStyleOptionViewItem option;
+        option.initFrom(view);
+        option.rect = view->visualRect(model->index(0, 0));
+        const QRect link = ResultDelegate::moreRect(option, model->index(0, 0));
+        QVERIFY(link.isValid());
+        QSignalSpy expanded(h->app.activeState(), &DirectoryState::expandedFilesChanged);
+        QTest::mouseClick(view->viewport(), Qt::LeftButton, Qt::NoModifier, link.center());
+        QVERIFY(expanded.wait(30000));
+        QCOMPARE(model->rowCount(), 2 + more);
+        QSet<QString> ids{model->index(0, 0).data(ResultsModel::IdRole).toString()};
+        for (int row = 1; row <= more; ++row) {
+            const QModelIndex passage = model->index(row, 0);
+            QVERIFY(passage.data(ResultsModel::IsPassageRole).toBool());
+            QCOMPARE(passage.data(ResultsModel::FileNameRole).toString(),
+                     QStringLiteral("log.txt"));
+            ids.insert(passage.data(ResultsModel::IdRole).toString());
+        }
+        QCOMPARE(ids.size(), 1 + more);
+        QCOMPARE(model->index(1 + more, 0).data(ResultsModel::FileNameRole).toString(),
+                 QStringLiteral("short.txt"));
+
+        // Left on a passage closes the file and goes back to its row.
+        view->setFocus();
+        view->setCurrentIndex(model->index(2, 0));
+        QTest::keyClick(view, Qt::Key_Left);
+        QCOMPARE(model->rowCount(), 2);
+        QCOMPARE(view->currentIndex().row(), 0);
+        QTest::keyClick(view, Qt::Key_Right);
+        QVERIFY(expanded.wait(30000));
+        QCOMPARE(model->rowCount(), 2 + more);
+
+        // A new search starts with every file closed; "Every Passage" lists them all.
+        h->window.action(QStringLiteral("allPassagesAction"))->trigger();
+        QSignalSpy finished(h->app.activeState(), &DirectoryState::searchFinished);
+        QVERIFY(finished.wait(30000));
+        QCOMPARE(model->rowCount(), 2 + more);
+        QVERIFY(!model->index(1, 0).data(ResultsModel::IsPassageRole).toBool());
+        QCOMPARE(model->index(0, 0).data(ResultsModel::MoreInFileRole).toInt(), 0);
+        h->window.action(QStringLiteral("allPassagesAction"))->trigger();
+        QVERIFY(finished.wait(30000));
+        QCOMPARE(model->rowCount(), 2);
     }
 
     void loadMoreResultsPagesUntilTheAnswerIsShort()

@@ -212,6 +212,8 @@ private slots:
         QCOMPARE(doc->lastBlock().text(), QStringLiteral("10000  line 10000"));
         QCOMPARE(m_pane->hitBlock().text(), QStringLiteral(" 9000  line 9000"));
         QCOMPARE(marksOf(m_pane->textView()), QStringList{"line 9000"});
+        // Drawn again over the band, which would hide it.
+        QCOMPARE(selectedMarks(m_pane->textView()), QStringList{"line 9000"});
     }
 
     void filesItCannotShowSayWhyAndNeverShowThePreviousFile_data()
