@@ -399,16 +399,34 @@ void cmd_watch(const Options &o, const ModelRuntime &model)
 
 void cmd_search(const Options &o, const ModelRuntime &model)
 {
-    std::string root = resolve_dir(o.operands[0]);
-    const std::string &query = o.operands[1];
-    // The encoder the index was built with: the application's choice unless --weights names one.
-    std::string description;
-    std::string weights = chosen_weights(o, model, root, &description);
-    EnginePtr engine = open_existing(root, weights);
+    // Every operand but the last is a directory; several are searched as one ranking whose rows
+    // name their folder.
+    std::vector<std::string> roots;
+    std::vector<EnginePtr> engines;
+    std::vector<TrnEngine *> handles;
+    for (size_t i = 0; i + 1 < o.operands.size(); i++) {
+        roots.push_back(resolve_dir(o.operands[i]));
+        // The encoder each index was built with: the application's choice unless --weights
+        // names one.
+        std::string description;
+        std::string weights = chosen_weights(o, model, roots.back(), &description);
+        engines.push_back(open_existing(roots.back(), weights));
+        handles.push_back(engines.back().get());
+    }
+    const std::string &query = o.query;
+    const bool several = roots.size() > 1;
     // The engine never returns more than 64 hits, however large k is.
     int32_t k = std::min<int32_t>(o.k, 64);
     std::vector<TrnResult> results(static_cast<size_t>(k));
-    int32_t n = trn_search(engine.get(), query.c_str(), o.mode, k, results.data());
+    std::vector<int32_t> origins(static_cast<size_t>(k), 0);
+    int32_t n = several ? trn_search_many(handles.data(),
+                                          static_cast<int32_t>(handles.size()),
+                                          query.c_str(),
+                                          o.mode,
+                                          k,
+                                          results.data(),
+                                          origins.data())
+                        : trn_search(handles[0], query.c_str(), o.mode, k, results.data());
     if (n < 0) {
         n = 0;
     }
@@ -436,6 +454,8 @@ void cmd_search(const Options &o, const ModelRuntime &model)
             w.integer(r.file_type);
             w.key("fileTypeName");
             w.string(trn_file_type_name(r.file_type));
+            w.key("folder");
+            w.string(roots[static_cast<size_t>(origins[static_cast<size_t>(i)])]);
             w.end_object();
         }
         w.end_array();
@@ -444,9 +464,15 @@ void cmd_search(const Options &o, const ModelRuntime &model)
         for (int32_t i = 0; i < n; i++) {
             const TrnResult &r = results[static_cast<size_t>(i)];
             char head[64];
-            std::snprintf(head, sizeof head, ":%d  score %.4f\n", r.line_number, r.score);
+            std::snprintf(head, sizeof head, ":%d  score %.4f", r.line_number, r.score);
             out += display_text(r.file_path != nullptr ? r.file_path : "(no file)", false);
             out += head;
+            if (several) {
+                const std::string &root =
+                    roots[static_cast<size_t>(origins[static_cast<size_t>(i)])];
+                out += "  in " + display_text(root.substr(root.rfind('/') + 1), false);
+            }
+            out += "\n";
             // The snippet indented under its path; blank lines dropped so a hit stays one group.
             std::string snippet = display_text(r.snippet != nullptr ? r.snippet : "", true);
             size_t pos = 0;

@@ -25,7 +25,7 @@ _tarnwick_cli()
             return
             ;;
         --chunk-size | --overlap | -k | --steps | --batch | --lr | --threads | --heads | --layers | \
-            --exclude | --extensions | --max-file-size)
+            --exclude | --extensions | --max-file-size | --type | --in | --modified)
             return
             ;;
     esac
@@ -35,7 +35,8 @@ _tarnwick_cli()
     for ((i = 1; i < cword; i++)); do
         case ${words[i]} in
             --mode | --scope | --weights | --chunk-size | --overlap | -k | --steps | --batch | \
-                --lr | --threads | --heads | --layers | --exclude | --extensions | --max-file-size)
+                --lr | --threads | --heads | --layers | --exclude | --extensions | --max-file-size | \
+                --type | --in | --modified)
                 ((i++))
                 ;;
             -*) ;;
@@ -62,8 +63,8 @@ _tarnwick_cli()
     case $command in
         index) options="--chunk-size --overlap --weights --exclude --extensions --max-file-size --verbose" ;;
         update | watch) options="--chunk-size --overlap --weights --json --exclude --extensions --max-file-size --verbose" ;;
-        search) options="--mode -k --weights --json --verbose" ;;
-        prompt) options="--scope --mode -k --weights --verbose" ;;
+        search) options="--mode -k --weights --type --in --modified --json --verbose" ;;
+        prompt) options="--scope --mode -k --weights --type --in --modified --verbose" ;;
         files) options="--json --exclude --extensions --max-file-size --verbose" ;;
         stats) options="--json --verbose" ;;
         remove | compact) options="--verbose" ;;

@@ -312,15 +312,12 @@ void DirectoryState::search(const QString &query, SearchMode mode,
         setQueryError(QString());
         return;
     }
-    if (mode == SearchMode::Regex) {
-        const std::optional<QString> error = TarnwickEngine::regexError(query);
-        if (error) {
-            ++m_searchRequest;
-            setResults({});
-            setHasMoreResults(false);
-            setQueryError(QStringLiteral("Invalid regular expression: ") + *error);
-            return;
-        }
+    if (const std::optional<QString> error = TarnwickEngine::queryError(query, mode)) {
+        ++m_searchRequest;
+        setResults({});
+        setHasMoreResults(false);
+        setQueryError(*error);
+        return;
     }
     setQueryError(QString());
     m_lastQuery = query;
@@ -358,13 +355,13 @@ void DirectoryState::runSearch(int k)
                 return engine->search(query, mode, k, layout);
             }
             // A tab closed since is left out: its index is no longer open.
-            QList<QList<SearchResult>> rankings;
+            QList<std::shared_ptr<TarnwickEngine>> open;
             for (const std::weak_ptr<TarnwickEngine> &weak : across) {
-                if (const std::shared_ptr<TarnwickEngine> other = weak.lock()) {
-                    rankings.append(other->search(query, mode, k, layout));
+                if (std::shared_ptr<TarnwickEngine> other = weak.lock()) {
+                    open.append(std::move(other));
                 }
             }
-            return TarnwickEngine::mergeRankings(rankings, mode, k);
+            return TarnwickEngine::searchAcross(open, query, mode, k, layout);
         },
         [this, k, request](const QList<SearchResult> &hits) {
             // Latest wins: an answer to a request that a newer one replaced is dropped.

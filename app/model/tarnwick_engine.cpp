@@ -30,6 +30,20 @@ namespace
 // trn_search gives at most this many records.
 constexpr int kEngineResultLimit = 64;
 
+// A record copied out of the engine, which reuses its snippet buffers; the folder is the caller's.
+SearchResult toResult(const TrnResult &r)
+{
+    SearchResult result;
+    result.id = QString::fromUtf8(r.doc_id ? r.doc_id : "");
+    result.filePath = r.file_path ? QFile::decodeName(r.file_path) : QString();
+    result.snippet = r.snippet ? QString::fromUtf8(r.snippet) : QString();
+    result.score = r.score;
+    result.chunkIndex = r.chunk_index;
+    result.lineNumber = r.line_number;
+    result.fileType = static_cast<int>(r.file_type);
+    return result;
+}
+
 // The index directory, readable by its owner alone (0700); the directories above it as before.
 void createIndexDir(const QString &dataDir)
 {
@@ -236,14 +250,20 @@ int TarnwickEngine::ingestDirectory(int chunkSize, int overlap, const ProgressFn
     return n;
 }
 
-std::optional<QString> TarnwickEngine::regexError(const QString &query)
+std::optional<QString> TarnwickEngine::queryError(const QString &query, SearchMode mode)
 {
     const QByteArray utf8 = query.toUtf8();
     char reason[256] = "";
-    if (trn_check_regex(utf8.constData(), reason, sizeof reason)) {
+    // The narrowing words first, in a mode without an expression to compile.
+    if (!trn_check_query(utf8.constData(), TRN_SEARCH_KEYWORD, reason, sizeof reason)) {
+        QString text = QString::fromUtf8(reason);
+        text[0] = text[0].toUpper();
+        return text;
+    }
+    if (trn_check_query(utf8.constData(), static_cast<int32_t>(mode), reason, sizeof reason)) {
         return std::nullopt;
     }
-    return QString::fromUtf8(reason);
+    return QStringLiteral("Invalid regular expression: ") + QString::fromUtf8(reason);
 }
 
 QList<SearchResult> TarnwickEngine::groupByFile(const QList<SearchResult> &passages, int k)
@@ -263,36 +283,60 @@ QList<SearchResult> TarnwickEngine::groupByFile(const QList<SearchResult> &passa
     return files;
 }
 
-QList<SearchResult> TarnwickEngine::mergeRankings(const QList<QList<SearchResult>> &rankings,
-                                                  SearchMode mode, int k)
+QList<SearchResult>
+TarnwickEngine::searchAcross(const QList<std::shared_ptr<TarnwickEngine>> &engines,
+                             const QString &query, SearchMode mode, int k, ResultLayout layout)
 {
-    // TODO(#27): the engine ranks several indexes as one (shared word counts); until then the
-    // rankings are merged here.
-    struct Place {
-        qsizetype rank;
-        qsizetype list;
-        const SearchResult *result;
-    };
-    QList<Place> places;
-    for (qsizetype list = 0; list < rankings.size(); ++list) {
-        for (qsizetype rank = 0; rank < rankings.at(list).size(); ++rank) {
-            places.append(Place{rank, list, &rankings.at(list).at(rank)});
+    if (k < 0) {
+        qFatal("tarnwick: search with negative k %d", k);
+    }
+    if (layout == ResultLayout::ByFile && k > 0) {
+        return groupByFile(
+            searchAcross(engines, query, mode, kEngineResultLimit, ResultLayout::AllPassages), k);
+    }
+    QList<SearchResult> results;
+    if (k == 0 || engines.isEmpty()) {
+        return results;
+    }
+    // Every handle is locked for the one call, always in the order of their addresses, so two
+    // searches across the same tabs never wait for each other in a circle.
+    QList<TarnwickEngine *> order;
+    for (const std::shared_ptr<TarnwickEngine> &engine : engines) {
+        order.append(engine.get());
+    }
+    std::sort(order.begin(), order.end());
+    order.erase(std::unique(order.begin(), order.end()), order.end());
+    std::vector<std::unique_lock<std::mutex>> locks;
+    for (TarnwickEngine *engine : order) {
+        locks.emplace_back(engine->m_mutex);
+    }
+    std::vector<TrnEngine *> handles;
+    QList<const TarnwickEngine *> open; // an index that is not open is left out
+    for (const std::shared_ptr<TarnwickEngine> &engine : engines) {
+        if (engine->m_handle) {
+            handles.push_back(engine->m_handle);
+            open.append(engine.get());
         }
     }
-    std::stable_sort(places.begin(), places.end(), [mode](const Place &a, const Place &b) {
-        if (mode == SearchMode::Semantic) {
-            return a.result->score > b.result->score;
-        }
-        return a.rank != b.rank ? a.rank < b.rank : a.list < b.list;
-    });
-    QList<SearchResult> merged;
-    for (const Place &place : places) {
-        if (merged.size() >= k) {
-            break;
-        }
-        merged.append(*place.result);
+    if (handles.empty()) {
+        return results;
     }
-    return merged;
+    const QByteArray utf8 = query.toUtf8();
+    std::vector<TrnResult> records(static_cast<size_t>(k), TrnResult{});
+    std::vector<int32_t> origins(static_cast<size_t>(k), 0);
+    const int32_t n = trn_search_many(handles.data(),
+                                      static_cast<int32_t>(handles.size()),
+                                      utf8.constData(),
+                                      static_cast<int32_t>(mode),
+                                      k,
+                                      records.data(),
+                                      origins.data());
+    for (int32_t i = 0; i < n && i < k; i++) {
+        SearchResult result = toResult(records[static_cast<size_t>(i)]);
+        result.folder = open.at(origins[static_cast<size_t>(i)])->m_directoryPath;
+        results.append(result);
+    }
+    return results;
 }
 
 QList<SearchResult> TarnwickEngine::search(const QString &query, SearchMode mode, int k,
@@ -320,15 +364,7 @@ QList<SearchResult> TarnwickEngine::search(const QString &query, SearchMode mode
         trn_search(m_handle, utf8.constData(), static_cast<int32_t>(mode), k, records.data());
     results.reserve(n);
     for (int32_t i = 0; i < n && i < k; i++) {
-        const TrnResult &r = records[static_cast<size_t>(i)];
-        SearchResult result;
-        result.id = QString::fromUtf8(r.doc_id ? r.doc_id : "");
-        result.filePath = r.file_path ? QFile::decodeName(r.file_path) : QString();
-        result.snippet = r.snippet ? QString::fromUtf8(r.snippet) : QString();
-        result.score = r.score;
-        result.chunkIndex = r.chunk_index;
-        result.lineNumber = r.line_number;
-        result.fileType = static_cast<int>(r.file_type);
+        SearchResult result = toResult(records[static_cast<size_t>(i)]);
         result.folder = m_directoryPath;
         results.append(result);
     }

@@ -175,8 +175,9 @@ public:
     int ingestDirectory(int chunkSize, int overlap, const ProgressFn &progress = {},
                         TrnUpdateReport *report = nullptr, const FileWalkOptions *walk = nullptr);
 
-    // Nullopt when query compiles as a regex-mode query, else the reason in one line.
-    static std::optional<QString> regexError(const QString &query);
+    // Nullopt when the engine can run query in mode (trn_check_query), else why in one line for
+    // the user: a modified: date it cannot read, or "Invalid regular expression: ..." .
+    static std::optional<QString> queryError(const QString &query, SearchMode mode);
 
     // At most k results (k >= 0; the engine gives at most 64). Empty when not open or k is 0.
     // ByFile: at most k files, each once with its best passage and moreInFile set.
@@ -187,12 +188,13 @@ public:
     // passages laid out by file: each file's first passage in order with moreInFile counting its
     // others, at most k files.
     static QList<SearchResult> groupByFile(const QList<SearchResult> &passages, int k);
-    // Several indexes' rankings as one, at most k: semantic results by score (dot products
-    // compare across indexes); in the other modes by rank, the first of each index, then the
-    // second of each, and so on, so that no index's scale of scores crowds out another's. Equal
-    // places keep the order of rankings.
-    static QList<SearchResult> mergeRankings(const QList<QList<SearchResult>> &rankings,
-                                             SearchMode mode, int k);
+    // Searches several indexes as one ranking (trn_search_many: scores that compare across
+    // them, text and regex hits taking turns in the order of engines), each result's folder
+    // naming its index; laid out as search() lays out one index's. Indexes that are not open are
+    // left out. Holds every engine's lock for the call.
+    static QList<SearchResult> searchAcross(const QList<std::shared_ptr<TarnwickEngine>> &engines,
+                                            const QString &query, SearchMode mode, int k,
+                                            ResultLayout layout = ResultLayout::AllPassages);
 
     // Every file of the directory in walk order with its state (see FileInfo): excluded
     // directories once, the text of indexable files that are not indexed read for the reason.

@@ -95,7 +95,8 @@ int32_t fuse_rankings(const uint32_t *a, int32_t na, float wa, const uint32_t *b
     return keep;
 }
 
-int32_t search_hybrid(TrnEngine *e, const char *query, int32_t kk, TrnResult *results)
+int32_t search_hybrid(TrnEngine *e, const char *query, int32_t kk, const uint8_t *allowed,
+                      TrnResult *results)
 {
     float q[QUERY_DIM_MAX];
     if (!embed_query(e, query, q)) {
@@ -104,8 +105,9 @@ int32_t search_hybrid(TrnEngine *e, const char *query, int32_t kk, TrnResult *re
     uint32_t sem[HYBRID_CANDIDATES], kw[HYBRID_CANDIDATES], fused[TRN_MAX_RESULTS];
     float sim[HYBRID_CANDIDATES], bm25[HYBRID_CANDIDATES], score[TRN_MAX_RESULTS];
     int32_t width = hybrid_graph_width(e) > kk ? hybrid_graph_width(e) : kk; /* kk <= 64 */
-    int32_t ns = hnsw_query_width(e, q, width, width, sem, sim);
-    int32_t nk = lex_search(e, query, HYBRID_CANDIDATES, kw, bm25);
+    int32_t ns = allowed ? narrow_nearest(e, q, allowed, width, sem, sim)
+                         : hnsw_query_width(e, q, width, width, sem, sim);
+    int32_t nk = lex_search_in(e, query, HYBRID_CANDIDATES, allowed, nullptr, kw, bm25);
     float weight = hybrid_semantic_weight(kw, nk, sem, ns);
     /* A semantic ranking weighed 0 adds nothing: its own hits would only trail at score 0. */
     int32_t n = fuse_rankings(kw, nk, 1.0f, sem, weight > 0.0f ? ns : 0, weight, kk, fused, score);

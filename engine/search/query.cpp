@@ -176,6 +176,24 @@ bool embed_query(TrnEngine *e, const char *query, float *q)
 namespace
 {
 
+/* The nearest chunks among those allowed: a narrowed search answers with every chunk it may, so
+** it scores them all (narrow.cpp says why). */
+int32_t search_semantic_in(TrnEngine *e, const char *query, int32_t kk, const uint8_t *allowed,
+                           TrnResult *results)
+{
+    float q[QUERY_DIM_MAX];
+    if (!embed_query(e, query, q)) {
+        return 0;
+    }
+    uint32_t idx[TRN_MAX_RESULTS];
+    float sim[TRN_MAX_RESULTS];
+    int32_t n = narrow_nearest(e, q, allowed, kk, idx, sim);
+    for (int32_t i = 0; i < n; i++) {
+        fill_result(e, &results[i], i, idx[i], sim[i], 0);
+    }
+    return n;
+}
+
 int32_t search_semantic(TrnEngine *e, const char *query, int32_t kk, TrnResult *results)
 {
     if (e->dim < 1 || e->dim > QUERY_DIM_MAX) {
@@ -263,18 +281,20 @@ int32_t search_semantic_all(TrnEngine *e, const char *query, int32_t kk, TrnResu
     return n;
 }
 
-int32_t search_keyword(TrnEngine *e, const char *query, int32_t kk, TrnResult *results)
+int32_t search_keyword(TrnEngine *e, const char *query, int32_t kk, const uint8_t *allowed,
+                       const LexShared *shared, TrnResult *results)
 {
     uint32_t idx[TRN_MAX_RESULTS];
     float score[TRN_MAX_RESULTS];
-    int32_t n = lex_search(e, query, kk, idx, score);
+    int32_t n = lex_search_in(e, query, kk, allowed, shared, idx, score);
     for (int32_t i = 0; i < n; i++) {
         fill_dense(e, &results[i], i, idx[i], score[i], query);
     }
     return n;
 }
 
-int32_t search_text(TrnEngine *e, const char *query, int32_t kk, TrnResult *results)
+int32_t search_text(TrnEngine *e, const char *query, int32_t kk, const uint8_t *allowed,
+                    TrnResult *results)
 {
     size_t qlen = strlen(query);
     std::unique_ptr<unsigned char, FreeDeleter> lowered((unsigned char *)xmalloc(qlen + 1));
@@ -286,7 +306,7 @@ int32_t search_text(TrnEngine *e, const char *query, int32_t kk, TrnResult *resu
     int32_t found = 0;
     for (uint64_t i = 0; i < e->count && found < kk; i++) {
         const TrnChunk *c = &e->chunks[i];
-        if (c->deleted || !c->text) {
+        if (c->deleted || !c->text || (allowed && !allowed[i])) {
             continue;
         }
         int64_t p = find_ascii_nocase(c->text, strlen(c->text), nl, qlen);
@@ -405,7 +425,8 @@ RegexPtr compile_regex(const char *pattern, char *message, size_t size)
     return re;
 }
 
-int32_t search_regex(TrnEngine *e, const char *query, int32_t kk, TrnResult *results)
+int32_t search_regex(TrnEngine *e, const char *query, int32_t kk, const uint8_t *allowed,
+                     TrnResult *results)
 {
     RegexPtr re = compile_regex(query, nullptr, 0);
     if (!re) {
@@ -414,7 +435,7 @@ int32_t search_regex(TrnEngine *e, const char *query, int32_t kk, TrnResult *res
     int32_t found = 0;
     for (uint64_t i = 0; i < e->count && found < kk; i++) {
         const TrnChunk *c = &e->chunks[i];
-        if (c->deleted || !c->text) {
+        if (c->deleted || !c->text || (allowed && !allowed[i])) {
             continue;
         }
         size_t len = strlen(c->text);
@@ -432,31 +453,65 @@ int32_t search_regex(TrnEngine *e, const char *query, int32_t kk, TrnResult *res
 
 } // namespace
 
+int32_t list_allowed(TrnEngine *e, int32_t kk, const uint8_t *allowed, TrnResult *results)
+{
+    int32_t found = 0;
+    for (uint64_t i = 0; i < e->count && found < kk; i++) {
+        if (allowed[i]) {
+            fill_result(e, &results[found], found, i, 1.0f - (float)found / (float)kk, 0);
+            found++;
+        }
+    }
+    return found;
+}
+
+int32_t search_mode(TrnEngine *e, const char *query, int32_t mode, int32_t kk,
+                    const uint8_t *allowed, const LexShared *shared, TrnResult *results)
+{
+    switch (mode) {
+    case TRN_SEARCH_SEMANTIC:
+        return allowed ? search_semantic_in(e, query, kk, allowed, results)
+                       : search_semantic(e, query, kk, results);
+    case TRN_SEARCH_TEXT:
+        return search_text(e, query, kk, allowed, results);
+    case TRN_SEARCH_REGEX:
+        return search_regex(e, query, kk, allowed, results);
+    case TRN_SEARCH_KEYWORD:
+        return search_keyword(e, query, kk, allowed, shared, results);
+    case TRN_SEARCH_HYBRID:
+        return search_hybrid(e, query, kk, allowed, results);
+    case TRN_SEARCH_SEMANTIC_ALL:
+        return allowed ? search_semantic_in(e, query, kk, allowed, results)
+                       : search_semantic_all(e, query, kk, results);
+    default:
+        return 0;
+    }
+}
+
 extern "C" {
 
 int32_t trn_search(TrnEngine *e, const char *query, int32_t mode, int32_t k, TrnResult *results)
 {
-    if (!e || !query || !results || k < 1) {
+    if (!e || !query || !results || k < 1 || mode < TRN_SEARCH_SEMANTIC
+        || mode > TRN_SEARCH_SEMANTIC_ALL) {
+        return 0;
+    }
+    TrnNarrowing nw;
+    if (!narrow_parse(query, &nw, nullptr, 0)) {
         return 0;
     }
     index_refresh_for_read(e);
     int32_t kk = k < TRN_MAX_RESULTS ? k : TRN_MAX_RESULTS;
-    switch (mode) {
-    case TRN_SEARCH_SEMANTIC:
-        return e->count == 0 ? 0 : search_semantic(e, query, kk, results);
-    case TRN_SEARCH_TEXT:
-        return e->count == 0 ? 0 : search_text(e, query, kk, results);
-    case TRN_SEARCH_REGEX:
-        return e->count == 0 ? 0 : search_regex(e, query, kk, results);
-    case TRN_SEARCH_KEYWORD:
-        return e->count == 0 ? 0 : search_keyword(e, query, kk, results);
-    case TRN_SEARCH_HYBRID:
-        return e->count == 0 ? 0 : search_hybrid(e, query, kk, results);
-    case TRN_SEARCH_SEMANTIC_ALL:
-        return e->count == 0 ? 0 : search_semantic_all(e, query, kk, results);
-    default:
-        return 0;
+    int32_t n = 0;
+    if (e->count > 0) {
+        std::unique_ptr<uint8_t, FreeDeleter> allowed(narrow_mask(e, &nw));
+        const char *core = nw.core;
+        bool ranks = core[strspn(core, " \t\n\r")] != '\0';
+        n = allowed && !ranks ? list_allowed(e, kk, allowed.get(), results)
+                              : search_mode(e, core, mode, kk, allowed.get(), nullptr, results);
     }
+    narrow_free(&nw);
+    return n;
 }
 
 int32_t trn_check_regex(const char *pattern, char *message, size_t size)

@@ -24,8 +24,50 @@ constexpr int32_t QUERY_DIM_MAX = 512; /* the widest vector a query is embedded 
 int64_t find_ascii_nocase(const char *hay, size_t len, const unsigned char *nl, size_t n);
 /* Embeds and normalises the query into q (dim floats); false when dim does not fit. */
 bool embed_query(TrnEngine *e, const char *query, float *q);
+/* A query of narrowing words alone ranks nothing: the first kk chunks allowed, in index order,
+** scored as text hits are. Returns how many. */
+int32_t list_allowed(TrnEngine *e, int32_t kk, const uint8_t *allowed, TrnResult *results);
+/* One mode of trn_search for what is searched for (a narrowing's core), among the chunks allowed
+** (NULL: all), keyword counts from shared (NULL: e's own). */
+struct LexShared;
+int32_t search_mode(TrnEngine *e, const char *query, int32_t mode, int32_t kk,
+                    const uint8_t *allowed, const LexShared *shared, TrnResult *results);
 /* Fills result slot i from chunk idx; the snippet is text[start..] cut at TRN_SNIPPET_MAX bytes. */
 void fill_result(TrnEngine *e, TrnResult *r, int32_t i, uint64_t idx, float score, size_t start);
+
+/* ---------------------------------------------------------------------------------------------
+** Narrowing (narrow.cpp): the words of a query that decide which chunks may answer it.
+*/
+struct TrnNarrowing {
+    char *core;           /* owned: the query without its narrowing words, what is ranked */
+    const char **phrases; /* lower-cased, each must occur as whole words (lists: owned) */
+    int32_t phrase_count;
+    const char **excluded; /* lower-cased, chunks holding one are left out */
+    int32_t excluded_count;
+    const char **extensions; /* without the dot; a file with one of them, or of types, passes */
+    int32_t extension_count;
+    uint32_t types;        /* bit t: TrnFileType t passes; 0 with no extensions: any */
+    const char *folder;    /* below the indexed directory (or absolute); NULL: any */
+    int64_t modified_from; /* modification time in [from, to), seconds; INT64_MIN/MAX: open */
+    int64_t modified_to;
+    uint8_t by_file;    /* something narrows by file */
+    uint8_t active;     /* something narrows at all */
+    char *text;         /* owned: the values the pointers above point into */
+    const char **lists; /* owned: the arrays of phrases, excluded and extensions */
+};
+/* Splits query into words as trn_query_words describes; writes at most max, returns how many
+** there are. */
+int32_t split_query_words(const char *query, TrnQueryWord *out, int32_t max);
+/* Reads query into nw (free it with narrow_free). False, with a one-line reason in message when
+** given, for a modified: value that is no date; nothing is left to free then. */
+bool narrow_parse(const char *query, TrnNarrowing *nw, char *message, size_t size);
+void narrow_free(TrnNarrowing *nw);
+/* e->count flags, 1 for each live chunk nw leaves in; NULL when nw narrows nothing. Free it. */
+uint8_t *narrow_mask(const TrnEngine *e, const TrnNarrowing *nw);
+/* The best min(k, chunks allowed) chunks by dot product with q among the allowed ones, best
+** first (equal scores: lower slot first), into out and out_sim. Returns how many. */
+int32_t narrow_nearest(const TrnEngine *e, const float *q, const uint8_t *allowed, int32_t k,
+                       uint32_t *out, float *out_sim);
 
 /* ---------------------------------------------------------------------------------------------
 ** Keyword ranking (bm25.cpp)
@@ -37,6 +79,19 @@ constexpr float LEX_B = 0.75f; /* BM25 length normalisation */
 ** Returns how many. */
 int32_t lex_search(TrnEngine *e, const char *query, int32_t k, uint32_t *out_slots,
                    float *out_scores);
+/* The word counts of several indexes searched as one. */
+struct LexShared {
+    TrnEngine *const *engines;
+    int32_t count;
+    uint64_t live_docs; /* of them all */
+    uint64_t total_len;
+};
+/* Syncs the word index of each engine and sums their counts. */
+void lex_shared_init(LexShared *shared, TrnEngine *const *engines, int32_t count);
+/* As lex_search, among the chunks whose flag in allowed is set (NULL: all), scored with the
+** counts of shared (NULL: e's own), which must include e. */
+int32_t lex_search_in(TrnEngine *e, const char *query, int32_t k, const uint8_t *allowed,
+                      const LexShared *shared, uint32_t *out_slots, float *out_scores);
 
 /* ---------------------------------------------------------------------------------------------
 ** Snippets (snippets.cpp)
@@ -76,7 +131,9 @@ float hybrid_semantic_weight(const uint32_t *kw, int32_t nk, const uint32_t *sem
 ** keep a's order, then b's. Returns how many. */
 int32_t fuse_rankings(const uint32_t *a, int32_t na, float wa, const uint32_t *b, int32_t nb,
                       float wb, int32_t k, uint32_t *out, float *out_scores);
-/* trn_search's hybrid mode: up to kk (at most TRN_MAX_RESULTS) results. */
-int32_t search_hybrid(TrnEngine *e, const char *query, int32_t kk, TrnResult *results);
+/* trn_search's hybrid mode: up to kk (at most TRN_MAX_RESULTS) results among the chunks allowed
+** (NULL: all). */
+int32_t search_hybrid(TrnEngine *e, const char *query, int32_t kk, const uint8_t *allowed,
+                      TrnResult *results);
 
 #endif /* TRN_SEARCH_H */

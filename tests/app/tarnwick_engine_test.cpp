@@ -29,7 +29,6 @@ private slots:
     void indexIsPrivateAndHugeFilesAreNeverRead();
     void searchCopiesRecordsAndKZeroReturnsNothing();
     void groupingKeepsEachFilesBestPassage();
-    void mergedRankingsFavourNoIndex();
     void fileListGivesTheReasonForEveryFile();
     void clearAndReopenDiscardsTheIndex();
     void pdfPageForLine();
@@ -202,37 +201,6 @@ void TestTarnwickEngine::groupingKeepsEachFilesBestPassage()
                      })) - 1);
         }
     }
-}
-
-// Word and text scores do not compare across indexes: their rankings interleave by place;
-// semantic scores do, and decide.
-void TestTarnwickEngine::mergedRankingsFavourNoIndex()
-{
-    const auto ranking = [](const QString &name, QList<float> scores) {
-        QList<SearchResult> list;
-        for (int i = 0; i < scores.size(); ++i) {
-            SearchResult r;
-            r.id = name + QString::number(i);
-            r.score = scores.at(i);
-            list.append(r);
-        }
-        return list;
-    };
-    const QList<QList<SearchResult>> rankings = {ranking(QStringLiteral("a"), {9.0f, 8.0f, 7.0f}),
-                                                 ranking(QStringLiteral("b"), {0.2f, 0.1f})};
-    const auto ids = [](const QList<SearchResult> &list) {
-        QStringList out;
-        for (const SearchResult &r : list) {
-            out.append(r.id);
-        }
-        return out;
-    };
-    QCOMPARE(ids(TarnwickEngine::mergeRankings(rankings, SearchMode::Keyword, 10)),
-             (QStringList{"a0", "b0", "a1", "b1", "a2"}));
-    QCOMPARE(ids(TarnwickEngine::mergeRankings(rankings, SearchMode::Hybrid, 3)),
-             (QStringList{"a0", "b0", "a1"}));
-    QCOMPARE(ids(TarnwickEngine::mergeRankings(rankings, SearchMode::Semantic, 4)),
-             (QStringList{"a0", "a1", "a2", "b0"}));
 }
 
 void TestTarnwickEngine::fileListGivesTheReasonForEveryFile()

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <map>
+#include <set>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -286,7 +287,9 @@ TEST_F(CliIndexed, TextAndRegexHitsNameTheChunkAndItsFirstLine)
                                             "chunkIndex",
                                             "lineNumber",
                                             "fileType",
-                                            "fileTypeName"}));
+                                            "fileTypeName",
+                                            "folder"}));
+        EXPECT_EQ(h["folder"].text, dir.path());
         EXPECT_EQ(h["id"].text, alpha + ":2");
         EXPECT_EQ(h["filePath"].text, alpha);
         EXPECT_EQ(h["chunkIndex"].number, 2);
@@ -301,6 +304,67 @@ TEST_F(CliIndexed, TextAndRegexHitsNameTheChunkAndItsFirstLine)
         run_cli({"search", dir.path(), "--mode", "text", "--json", "--", "-dashes"}, dir.path());
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(parse_json(r.out).items.size(), 1u);
+}
+
+TEST_F(CliIndexed, NarrowingFlagsAndWordsKeepOnlyTheFilesTheyName)
+{
+    const std::vector<std::pair<std::vector<std::string>, std::vector<std::string>>> cases = {
+        {{"--in", "notes"}, {"notes/alpha.md"}},
+        {{"--type", "source,text"}, {"beta.txt", "code/gamma.c"}},
+        {{"--type", "md"}, {"notes/alpha.md"}},
+        {{"--modified", "..1999"}, {}},
+        {{"--modified", ">=2000"}, {"beta.txt", "code/gamma.c", "notes/alpha.md"}},
+        {{"-k", "3"}, {"beta.txt", "code/gamma.c", "notes/alpha.md"}},
+    };
+    for (const auto &[flags, expected] : cases) {
+        SCOPED_TRACE(flags[0]);
+        for (const std::string &mode : {"text", "keyword"}) {
+            // Narrowing alone lists what it leaves in; with a word, the word decides too.
+            std::vector<std::string> args = {"search", dir.path(), "", "--mode", mode, "--json"};
+            args.insert(args.end(), flags.begin(), flags.end());
+            RunResult r = run_cli(args, dir.path());
+            if (flags[0] == "-k") {
+                EXPECT_EQ(r.status, 2); // an empty query without narrowing is refused
+                continue;
+            }
+            ASSERT_EQ(r.status, 0) << r.err;
+            std::set<std::string> got;
+            for (const Json &h : parse_json(r.out).items) {
+                got.insert(h["filePath"].text.substr(dir.path().size() + 1));
+            }
+            EXPECT_EQ(std::vector<std::string>(got.begin(), got.end()), expected) << mode;
+        }
+    }
+    // The same words inside the query, and one that leaves a passage out.
+    std::vector<Json> hits = search("line -\"number 3\" in:notes", "keyword", 10);
+    ASSERT_FALSE(hits.empty());
+    for (const Json &h : hits) {
+        EXPECT_EQ(h["filePath"].text, dir / "notes/alpha.md");
+        EXPECT_EQ(h["snippet"].text.find("number 3"), std::string::npos);
+    }
+}
+
+TEST_F(CliIndexed, SeveralFoldersAreSearchedAsOneAndEachHitNamesItsFolder)
+{
+    TempDir other;
+    write_file(other / "keeper.txt", "the lighthouse keeper of the other folder\n");
+    ASSERT_EQ(run_cli({"index", other.path()}, other.path()).status, 0);
+    RunResult r = run_cli(
+        {"search", dir.path(), other.path(), "lighthouse", "--mode", "text", "--json"}, dir.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::vector<Json> hits = parse_json(r.out).items;
+    ASSERT_EQ(hits.size(), 2u);
+    EXPECT_EQ(hits[0]["folder"].text, dir.path()); // the first of each folder in turn
+    EXPECT_EQ(hits[0]["filePath"].text, dir / "notes/alpha.md");
+    EXPECT_EQ(hits[1]["folder"].text, other.path());
+    EXPECT_EQ(hits[1]["filePath"].text, other / "keeper.txt");
+
+    r = run_cli({"search", other.path(), dir.path(), "lighthouse", "--mode", "keyword"},
+                dir.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    const std::string name = other.path().substr(other.path().rfind('/') + 1);
+    EXPECT_NE(r.out.find(other / "keeper.txt:1  score "), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("  in " + name + "\n"), std::string::npos) << r.out;
 }
 
 TEST_F(CliIndexed, SemanticHitsPointIntoTheIndex)
