@@ -544,6 +544,8 @@ void cmd_files(const Options &o, const ModelRuntime &model)
             w.string(trn_file_status_name(f.status));
             w.key("reason");
             w.string(f.reason);
+            w.key("encoding");
+            w.string(f.encoding);
             w.end_object();
         }
         w.end_array();
@@ -571,6 +573,10 @@ void cmd_files(const Options &o, const ModelRuntime &model)
             out += line + display_text(f.path, false);
             if (f.reason[0] != '\0') {
                 out += "  (" + display_text(f.reason, false) + ")";
+            }
+            // Text that had to be converted says from what; UTF-8, the rule, goes unsaid.
+            if (f.encoding[0] != '\0' && std::strcmp(f.encoding, "UTF-8") != 0) {
+                out += "  (read as " + display_text(f.encoding, false) + ")";
             }
             out += "\n";
         }

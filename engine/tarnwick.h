@@ -243,7 +243,8 @@ enum {
     TRN_FILE_STATUS_EXCLUDED = 1,   /* an ignore rule or a hidden name; see the reason */
     TRN_FILE_STATUS_TOO_LARGE = 2,  /* larger than the walk's maximum file size */
     TRN_FILE_STATUS_BINARY = 3,     /* not text by its name or its first bytes */
-    TRN_FILE_STATUS_NOT_UTF8 = 4,   /* its text is not valid UTF-8 */
+    TRN_FILE_STATUS_NOT_UTF8 = 4,   /* its text is in no charset the engine reads (unused now:
+                                       such bytes count as BINARY) */
     TRN_FILE_STATUS_TOO_SHORT = 5,  /* fewer than TRN_TEXT_MIN_CHARS characters of text */
     TRN_FILE_STATUS_UNREADABLE = 6, /* cannot be opened, read or parsed */
     TRN_TEXT_MIN_CHARS = 11         /* characters other than white space */
@@ -276,6 +277,10 @@ typedef struct TrnFileInfo {
     uint8_t changed;      /* 1 when indexed and modified after the index was last written */
     TrnFileStatus status; /* the walk's verdict; trn_list_dir_files_ex also reads the text */
     char *reason;         /* owned; for EXCLUDED the rule, e.g. ".gitignore:3: build/"; else "" */
+    char encoding[32];    /* trn_list_dir_files_ex, for text, source, Markdown and HTML files that
+                             give text: the charset they are read in, "UTF-8", or the one their
+                             bytes were converted from ("Windows-1252", "ISO-8859-1", or the one
+                             they declare, e.g. "KOI8-R"); else "" */
 } TrnFileInfo;
 
 typedef struct TrnFileList {
@@ -414,9 +419,13 @@ TRN_API int32_t trn_ingest_text(TrnEngine *e, const char *path, const char *text
 
 /* Reads the text of the file at path as the application does (plain text and source as UTF-8,
 ** HTML as readable text without markup, scripts or styles, PDF through poppler, DOCX, ODT and
-** EPUB from their XML) and ingests it as trn_ingest_text does. Returns the chunks added, 0 when
-** the file is not indexable or holds too little text, -1 when its text cannot be obtained (not
-** UTF-8, unreadable, damaged), the file is larger than TRN_FILE_SIZE_MAX or the write failed. */
+** EPUB from their XML) and ingests it as trn_ingest_text does. Text and HTML that are not UTF-8
+** are converted to it: from the charset they declare in their first 1024 bytes (an XML
+** declaration, an HTML meta element) when the system's iconv knows it and the bytes are valid in
+** it, else from Windows-1252 (ISO-8859-1 when they hold a byte Windows-1252 leaves undefined);
+** bytes with more than one control character in a hundred are binary. Returns the chunks added,
+** 0 when the file is not indexable or holds too little text, -1 when its text cannot be obtained
+** (binary, unreadable, damaged), the file is larger than TRN_FILE_SIZE_MAX or the write failed. */
 TRN_API int32_t trn_ingest_file(TrnEngine *e, const char *path, int32_t chunk_size,
                                 int32_t overlap);
 
@@ -455,8 +464,9 @@ enum { TRN_UPDATE_COMPACT_PERCENT = 25 };
 ** excluded, too large or binary now, and leaves the rest alone, then rebuilds the document
 ** index and compacts as TRN_UPDATE_COMPACT_PERCENT says. Files are classified as
 ** trn_detect_file_type does (extra extensions are text when their first bytes look like text);
-** a text, source or Markdown file with a 0 byte in its first 8 KiB or that is not UTF-8 counts
-** as binary, and a text shorter than 11 bytes gives no chunks.
+** a text, source or Markdown file with a 0 byte in its first 8 KiB, or whose bytes are text in
+** no charset (see trn_ingest_file), counts as binary, and a text shorter than 11 bytes gives no
+** chunks.
 **
 ** Which files changed comes from the manifest "tarnwick.files" in the index directory: each
 ** file's size, modification and change times (nanoseconds), inode, type, chunk count and a hash

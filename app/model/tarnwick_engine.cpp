@@ -411,6 +411,7 @@ QList<FileInfo> TarnwickEngine::fileList(const FileWalkOptions &walk)
         info.status = int(f.status);
         info.isIndexable = f.status == TRN_FILE_STATUS_INDEXABLE;
         info.reason = QString::fromUtf8(f.reason);
+        info.encoding = QString::fromUtf8(f.encoding);
         files.append(info);
     }
     return files;
@@ -418,17 +419,22 @@ QList<FileInfo> TarnwickEngine::fileList(const FileWalkOptions &walk)
 
 QString fileStatusText(const FileInfo &file)
 {
+    // UTF-8 is the rule and goes unsaid; a converted text says from what.
+    const QString readAs = file.encoding.isEmpty() || file.encoding == QLatin1String("UTF-8")
+                               ? QString()
+                               : QStringLiteral(", read as ") + file.encoding;
     switch (file.status) {
     case TRN_FILE_STATUS_INDEXABLE:
         if (file.isChanged) {
-            return QStringLiteral("Changed since indexing");
+            return QStringLiteral("Changed since indexing") + readAs;
         }
         if (file.isIndexed) {
-            return file.chunkCount == 1
-                       ? QStringLiteral("Indexed (1 chunk)")
-                       : QStringLiteral("Indexed (%1 chunks)").arg(file.chunkCount);
+            return (file.chunkCount == 1
+                        ? QStringLiteral("Indexed (1 chunk)")
+                        : QStringLiteral("Indexed (%1 chunks)").arg(file.chunkCount))
+                   + readAs;
         }
-        return QStringLiteral("Not indexed yet");
+        return QStringLiteral("Not indexed yet") + readAs;
     case TRN_FILE_STATUS_EXCLUDED:
         return QStringLiteral("Excluded by ") + file.reason;
     default:
