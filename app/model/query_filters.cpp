@@ -18,6 +18,7 @@ namespace
 // kind and value without quotes.
 struct Word {
     QString text;
+    TrnQueryWordKind engineKind = TRN_QUERY_WORD_TERM;
     std::optional<FilterKind> kind;
     QString value;
     bool isNarrowing = false; // any word that is not searched for as it is (filters, -word)
@@ -35,6 +36,7 @@ QList<Word> words(const QString &query)
         word.text = QString::fromUtf8(utf8.mid(w.start, w.length));
         word.value = QString::fromUtf8(utf8.mid(w.value_start, w.value_length));
         word.value.remove(QLatin1Char('"'));
+        word.engineKind = w.kind;
         switch (w.kind) {
         case TRN_QUERY_WORD_TYPE:
             word.kind = FilterKind::Type;
@@ -110,6 +112,23 @@ QString withoutFilters(const QString &query)
         }
     }
     return kept.join(QLatin1Char(' '));
+}
+
+QString searchedText(const QString &query)
+{
+    QStringList searched;
+    bool narrows = false;
+    for (const Word &word : words(query)) {
+        if (word.engineKind == TRN_QUERY_WORD_TERM) {
+            searched.append(word.text);
+        } else if (word.engineKind == TRN_QUERY_WORD_PHRASE) {
+            searched.append(word.value);
+            narrows = true;
+        } else {
+            narrows = true;
+        }
+    }
+    return narrows ? searched.join(QLatin1Char(' ')) : query;
 }
 
 QStringList filterTypeNames()

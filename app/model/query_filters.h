@@ -33,6 +33,10 @@ QString withFilter(const QString &query, FilterKind kind, const QString &value);
 // searched for, with its phrases and left-out words.
 QString withoutFilters(const QString &query);
 
+// What the engine searches for in query: its words and phrases (quotes removed) without the
+// narrowing words and the left-out ones; the query itself when nothing in it narrows.
+QString searchedText(const QString &query);
+
 // The type: names a chip offers, in its order: pdf, docx, odt, epub, html, markdown, text,
 // source.
 QStringList filterTypeNames();
