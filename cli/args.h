@@ -53,6 +53,7 @@ struct Options {
     int32_t k = 10;
     std::string scope = "top5"; // prompt: "pinned", "top5" or "all"
     bool json = false;
+    bool vimgrep = false; // search: "path:line:column:text" lines for editors
     bool help = false;
     bool version = false;
     bool verbose = false; // the engine's informational lines on standard error

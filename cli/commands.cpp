@@ -11,6 +11,7 @@
 #include "progress.h"
 #include "tarnwick.h"
 #include "text/files.h"
+#include "vimgrep.h"
 
 #include <algorithm>
 #include <cctype>
@@ -413,6 +414,10 @@ void cmd_search(const Options &o, const ModelRuntime &model)
         n = 0;
     }
 
+    if (o.vimgrep) {
+        write_out(vimgrep_lines(results.data(), n, query, o.mode, current_dir()));
+        return;
+    }
     std::string out;
     if (o.json) {
         JsonWriter w;

@@ -58,7 +58,8 @@ case $command in
         _arguments $common $weights \
             "--mode=[how the query is matched]:mode:$modes" \
             '-k+[number of results]:count' \
-            '--json[print JSON]' \
+            '(--vimgrep)--json[print JSON]' \
+            '(--json)--vimgrep[print path\:line\:column\:text lines]' \
             '1:directory:_files -/' '2:query:'
         ;;
     prompt)
