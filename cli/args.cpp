@@ -57,6 +57,9 @@ const char USAGE[] =
     "  train  add NAME DIR... [--steps N] [--batch N] [--lr X] [--threads N] [--bpe]\n"
     "         create a profile over the given directories\n"
     "  train  default NAME          make NAME the default profile\n"
+    "  mcp    [--folder DIR]... [--weights PATH]\n"
+    "         serve searches of the given folders (else the folders open in the application)\n"
+    "         to an assistant over the Model Context Protocol on standard input and output\n"
     "\n"
     "options:\n"
     "  --weights PATH   encoder weights file, or none for the untrained encoder; without it\n"
@@ -103,6 +106,7 @@ constexpr CommandRule COMMANDS[] = {
     {"compact", 1, 1, false, false, false, false, false, false},
     {"embed", 1, 1, false, true, false, false, false, false},
     {"train", 1, -1, false, false, false, true, false, true},
+    {"mcp", 0, 0, false, true, false, false, false, false},
 };
 
 // The commands that walk a directory (index, update, watch, files) take --exclude, --extensions and
@@ -324,6 +328,11 @@ Options parse_args(int argc, char **argv)
                 throw UsageError("--vimgrep takes no value");
             }
             o.vimgrep = true;
+        } else if (name == "--folder" && o.command == "mcp") {
+            o.folders.push_back(take_value());
+            if (o.folders.back().empty()) {
+                throw UsageError("--folder needs a directory");
+            }
         } else if (name == "--chunk-size" && rule->chunking) {
             o.chunk_size = parse_int(name, take_value(), 1);
         } else if (name == "--overlap" && rule->chunking) {

@@ -7,6 +7,7 @@
 
 #include "common.h"
 #include "json.h"
+#include "mcp_server.h"
 #include "model_commands.h"
 #include "progress.h"
 #include "tarnwick.h"
@@ -686,5 +687,7 @@ void run_command(const Options &o, const ModelRuntime &model)
         cmd_compact(o);
     } else if (o.command == "embed") {
         cmd_embed(o, model);
+    } else if (o.command == "mcp") {
+        run_mcp_server(o, model);
     }
 }

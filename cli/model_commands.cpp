@@ -430,6 +430,15 @@ void application_chunking(int32_t *chunk_size, int32_t *overlap)
     *overlap = settings->effectiveOverlap();
 }
 
+std::vector<std::string> application_open_folders()
+{
+    std::vector<std::string> folders;
+    for (const QString &path : Settings::standard()->savedTabPaths()) {
+        folders.push_back(path_bytes(path));
+    }
+    return folders;
+}
+
 bool index_encoder_matches(const std::string &root, const std::string &weights)
 {
     return EncoderRecord::matches(path_text(root), path_text(weights));

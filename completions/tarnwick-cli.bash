@@ -6,7 +6,7 @@ _tarnwick_cli()
     local cur prev words cword
     _init_completion -s || return
 
-    local commands="index update watch search prompt files stats remove compact embed train"
+    local commands="index update watch search prompt files stats remove compact embed train mcp"
     local modes="hybrid semantic keyword text regex"
     local scopes="pinned top5 all"
 
@@ -17,6 +17,10 @@ _tarnwick_cli()
             ;;
         --scope)
             COMPREPLY=($(compgen -W "$scopes" -- "$cur"))
+            return
+            ;;
+        --folder)
+            _filedir -d
             return
             ;;
         --weights)
@@ -68,6 +72,7 @@ _tarnwick_cli()
         stats) options="--json --verbose" ;;
         remove | compact) options="--verbose" ;;
         embed) options="--weights --verbose" ;;
+        mcp) options="--folder --weights --verbose" ;;
         train) options="--json --steps --batch --lr --threads --heads --layers --bpe --verbose" ;;
     esac
     if [[ $cur == -* ]]; then
