@@ -260,7 +260,8 @@ std::string file_text(const std::string &path)
 class Server
 {
 public:
-    Server(std::vector<Folder> folders) : m_folders(std::move(folders))
+    Server(std::vector<Folder> folders, WalkConfig walk)
+        : m_folders(std::move(folders)), m_walk(std::move(walk))
     {
         std::string error;
         if (!json_parse(TOOLS_JSON, &m_tools, &error)) {
@@ -747,10 +748,9 @@ private:
     JsonValue list_folders(std::string *text)
     {
         JsonValue list = JsonValue::array();
-        const WalkConfig config = application_walk_config();
         std::vector<const char *> extension_ptrs;
         std::vector<const char *> exclude_ptrs;
-        const TrnWalkOptions opts = config.view(&extension_ptrs, &exclude_ptrs);
+        const TrnWalkOptions opts = m_walk.view(&extension_ptrs, &exclude_ptrs);
         for (Folder &f : m_folders) {
             bool indexed = has_index(f.root);
             TrnStats st{};
@@ -892,6 +892,7 @@ private:
     }
 
     std::vector<Folder> m_folders;
+    WalkConfig m_walk; // the application's, to tell new files from excluded ones
     JsonValue m_tools;
     std::string m_version = PROTOCOL_VERSIONS[0];
 };
@@ -918,7 +919,8 @@ bool send(const std::string &message)
 
 void run_mcp_server(const Options &o, const ModelRuntime &model)
 {
-    std::vector<std::string> paths = o.folders.empty() ? application_open_folders() : o.folders;
+    std::vector<std::string> paths =
+        o.folders.empty() ? application_open_folders(model) : o.folders;
     std::vector<Folder> folders;
     for (const std::string &path : paths) {
         std::string root;
@@ -952,7 +954,7 @@ void run_mcp_server(const Options &o, const ModelRuntime &model)
     // A client that hangs up makes writes fail; that ends the session rather than the process.
     std::signal(SIGPIPE, SIG_IGN);
 
-    Server server(std::move(folders));
+    Server server(std::move(folders), application_walk_config(model));
     std::string line;
     bool oversized = false;
     char buf[65536];

@@ -76,7 +76,7 @@ bool index_encoder_matches(const std::string &root, const std::string &weights);
 void note_index_encoder(const std::string &root, const std::string &weights);
 
 // The folders open as tabs in the application, in tab order (none without the model).
-std::vector<std::string> application_open_folders();
+std::vector<std::string> application_open_folders(const ModelRuntime &model);
 
 // prompt DIR QUERY: the text "Copy Prompt" puts on the clipboard.
 void model_prompt(const Options &o, const ModelRuntime &model);

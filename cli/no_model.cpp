@@ -59,7 +59,7 @@ bool index_encoder_matches(const std::string &, const std::string &)
 
 void note_index_encoder(const std::string &, const std::string &) {}
 
-std::vector<std::string> application_open_folders()
+std::vector<std::string> application_open_folders(const ModelRuntime &)
 {
     return {};
 }

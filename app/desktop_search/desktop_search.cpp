@@ -108,7 +108,7 @@ bool DesktopSearch::open(const QString &id)
         return false;
     }
     result.fileType = TRN_FILE_TYPE_TEXT;
-    return TarnwickEngine::openResult(result).opened;
+    return TarnwickEngine::openResult(result, *m_settings).opened;
 }
 
 bool DesktopSearch::launchApplication(const QStringList &terms)

@@ -19,6 +19,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 
 namespace
 {
@@ -42,8 +43,9 @@ int main(int argc, char **argv)
     TarnwickEngine::setVerbose(false);
     registerProviderTypes();
 
-    TrainingManager training(Settings::standard());
-    DesktopSearch search(Settings::standard(), &training);
+    const std::unique_ptr<Settings> settings = Settings::openUserSettings();
+    TrainingManager training(settings.get());
+    DesktopSearch search(settings.get(), &training);
     QTimer idle;
     idle.setSingleShot(true);
     idle.setInterval(kIdleQuitMs);

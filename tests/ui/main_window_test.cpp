@@ -213,7 +213,7 @@ private slots:
     // manager's "Search in Tarnwick") end here: the words searched, the field ready for typing.
     void launchedSearchFillsTheFieldAndSearches()
     {
-        auto h = openAppWindow();
+        auto h = openAppWindow(m_home->settings());
         QTemporaryDir dir;
         writeSample(dir.path());
         QVERIFY(openAndIndex(*h, dir.path()));
