@@ -21,6 +21,7 @@ commands=(
     'compact:rewrite the index without removed chunks'
     'embed:print the vector of a text'
     'train:list, add, choose and train training profiles'
+    'mcp:serve searches to an AI assistant (Model Context Protocol)'
 )
 common=('--verbose[show the engine diagnostics]' '(- *)'{-h,--help}'[print help]')
 weights=('--weights=[encoder weights file, or none]:weights:_tarnwick_cli_weights')
@@ -61,7 +62,8 @@ case $command in
             '--type=[only these kinds of file or extensions]:list' \
             '--in=[only files below this folder]:folder' \
             '--modified=[only files changed then]:date' \
-            '--json[print JSON]' \
+            '(--vimgrep)--json[print JSON]' \
+            '(--json)--vimgrep[print path\:line\:column\:text lines]' \
             '*:directory or query:_files -/'
         ;;
     prompt)
@@ -88,6 +90,9 @@ case $command in
         ;;
     embed)
         _arguments $common $weights '1:text:'
+        ;;
+    mcp)
+        _arguments $common $weights '*--folder=[a folder to serve]:folder:_files -/'
         ;;
     train)
         _arguments $common \

@@ -357,14 +357,17 @@ void DirectoryState::runSearch(int k)
             if (across.isEmpty()) {
                 return engine->search(query, mode, k, layout);
             }
-            // A tab closed since is left out: its index is no longer open.
+            // A tab closed since is left out: its index is no longer open. The shared pointers
+            // keep the others open until the search ends.
             QList<std::shared_ptr<TarnwickEngine>> open;
+            QList<TarnwickEngine *> engines;
             for (const std::weak_ptr<TarnwickEngine> &weak : across) {
                 if (std::shared_ptr<TarnwickEngine> other = weak.lock()) {
+                    engines.append(other.get());
                     open.append(std::move(other));
                 }
             }
-            return TarnwickEngine::searchAcross(open, query, mode, k, layout);
+            return TarnwickEngine::searchAcross(engines, query, mode, k, layout);
         },
         [this, k, request](const QList<SearchResult> &hits) {
             // Latest wins: an answer to a request that a newer one replaced is dropped.

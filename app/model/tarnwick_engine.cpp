@@ -280,9 +280,9 @@ QList<SearchResult> TarnwickEngine::groupByFile(const QList<SearchResult> &passa
     return files;
 }
 
-QList<SearchResult>
-TarnwickEngine::searchAcross(const QList<std::shared_ptr<TarnwickEngine>> &engines,
-                             const QString &query, SearchMode mode, int k, ResultLayout layout)
+QList<SearchResult> TarnwickEngine::searchAcross(const QList<TarnwickEngine *> &engines,
+                                                 const QString &query, SearchMode mode, int k,
+                                                 ResultLayout layout)
 {
     if (k < 0) {
         qFatal("tarnwick: search with negative k %d", k);
@@ -297,10 +297,7 @@ TarnwickEngine::searchAcross(const QList<std::shared_ptr<TarnwickEngine>> &engin
     }
     // Every handle is locked for the one call, always in the order of their addresses, so two
     // searches across the same tabs never wait for each other in a circle.
-    QList<TarnwickEngine *> order;
-    for (const std::shared_ptr<TarnwickEngine> &engine : engines) {
-        order.append(engine.get());
-    }
+    QList<TarnwickEngine *> order = engines;
     std::sort(order.begin(), order.end());
     order.erase(std::unique(order.begin(), order.end()), order.end());
     std::vector<std::unique_lock<std::mutex>> locks;
@@ -309,10 +306,10 @@ TarnwickEngine::searchAcross(const QList<std::shared_ptr<TarnwickEngine>> &engin
     }
     std::vector<TrnEngine *> handles;
     QList<const TarnwickEngine *> open; // an index that is not open is left out
-    for (const std::shared_ptr<TarnwickEngine> &engine : engines) {
+    for (const TarnwickEngine *engine : engines) {
         if (engine->m_handle) {
             handles.push_back(engine->m_handle);
-            open.append(engine.get());
+            open.append(engine);
         }
     }
     if (handles.empty()) {

@@ -194,7 +194,7 @@ public:
     // them, text and regex hits taking turns in the order of engines), each result's folder
     // naming its index; laid out as search() lays out one index's. Indexes that are not open are
     // left out. Holds every engine's lock for the call.
-    static QList<SearchResult> searchAcross(const QList<std::shared_ptr<TarnwickEngine>> &engines,
+    static QList<SearchResult> searchAcross(const QList<TarnwickEngine *> &engines,
                                             const QString &query, SearchMode mode, int k,
                                             ResultLayout layout = ResultLayout::AllPassages);
 

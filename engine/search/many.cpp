@@ -28,6 +28,7 @@ struct Hit {
     uint32_t slot;
     float score;
     int32_t rank; /* place in its own index's ranking */
+    float cosine; /* hybrid: the chunk's cosine to the query */
 };
 
 /* Orders by score, best first; equal scores by index, then rank, so the merge is stable. */
@@ -69,11 +70,12 @@ int32_t search_hybrid_many(Source *src, int32_t count, const char *query, int32_
         int32_t n = src[j].allowed ? narrow_nearest(e, q, src[j].allowed, w, slots, scores)
                                    : hnsw_query_width(e, q, w, w, slots, scores);
         for (int32_t i = 0; i < n; i++) {
-            sem[ns++] = Hit{j, slots[i], scores[i], i};
+            sem[ns++] = Hit{j, slots[i], scores[i], i, scores[i]};
         }
         n = lex_search_in(e, query, HYBRID_CANDIDATES, src[j].allowed, shared, slots, scores);
         for (int32_t i = 0; i < n; i++) {
-            kw[nk++] = Hit{j, slots[i], scores[i], i};
+            float cosine = vec_dot(e->vectors + (size_t)slots[i] * e->dim, q, e->dim);
+            kw[nk++] = Hit{j, slots[i], scores[i], i, cosine};
         }
     }
     std::sort(sem, sem + ns, better);
@@ -82,13 +84,17 @@ int32_t search_hybrid_many(Source *src, int32_t count, const char *query, int32_
     nk = nk < HYBRID_CANDIDATES ? nk : HYBRID_CANDIDATES;
 
     /* Candidates numbered across both rankings, so that the fusion of one index applies. */
-    std::unique_ptr<Hit, FreeDeleter> table_mem(
-        (Hit *)xmalloc(xmul((size_t)(ns + nk) + 1, sizeof(Hit))));
+    const size_t both = (size_t)(ns + nk) + 1;
+    std::unique_ptr<Hit, FreeDeleter> table_mem((Hit *)xmalloc(xmul(both, sizeof(Hit))));
     std::unique_ptr<uint32_t, FreeDeleter> ids_mem(
-        (uint32_t *)xmalloc(xmul((size_t)(ns + nk) + 1, sizeof(uint32_t))));
+        (uint32_t *)xmalloc(xmul(both, sizeof(uint32_t))));
+    std::unique_ptr<float, FreeDeleter> values_mem((float *)xmalloc(xmul(both, 2 * sizeof(float))));
     Hit *table = table_mem.get();
     uint32_t *kw_ids = ids_mem.get();
     uint32_t *sem_ids = kw_ids + nk;
+    float *kw_score = values_mem.get();
+    float *kw_cosine = kw_score + nk;
+    float *sem_score = kw_cosine + nk;
     int32_t distinct = 0;
     for (int32_t i = 0; i < nk + ns; i++) {
         const Hit &h = i < nk ? kw[i] : sem[i - nk];
@@ -100,12 +106,21 @@ int32_t search_hybrid_many(Source *src, int32_t count, const char *query, int32_
             table[distinct++] = h;
         }
         kw_ids[i] = (uint32_t)id; /* sem_ids continue the same array */
+        if (i < nk) {
+            kw_score[i] = h.score;
+            kw_cosine[i] = h.cosine;
+        } else {
+            sem_score[i - nk] = h.score;
+        }
     }
-    float weight = hybrid_semantic_weight(kw_ids, nk, sem_ids, ns);
     uint32_t fused[TRN_MAX_RESULTS];
     float score[TRN_MAX_RESULTS];
-    int32_t n =
-        fuse_rankings(kw_ids, nk, 1.0f, sem_ids, weight > 0.0f ? ns : 0, weight, kk, fused, score);
+    int32_t n = fuse_scores(FusionList{kw_ids, kw_score, kw_cosine, nk},
+                            FusionList{sem_ids, sem_score, sem_score, ns},
+                            HYBRID_SEMANTIC_SHARE,
+                            kk,
+                            fused,
+                            score);
     for (int32_t i = 0; i < n; i++) {
         const Hit &h = table[fused[i]];
         fill_dense(src[h.origin].e, &results[i], i, h.slot, score[i], query);
