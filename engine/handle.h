@@ -74,6 +74,8 @@ struct TrnEngine {
     /* word index of the live chunks (word_index.cpp); NULL until the first lex_sync */
     TrnLexical *lexical;
     /* durability (commit.cpp); all zero for an in-memory handle */
+    int dir_fd; /* the index directory (file_io.cpp), valid when dir_open */
+    uint8_t dir_open;
     int lock_fd; /* tarnwick.lock, valid when lock_open */
     uint8_t lock_open;
     uint8_t rebuild;           /* built in memory, swapped in by the next checkpoint */

@@ -304,8 +304,10 @@ TRN_API TrnEngine *trn_open(const TrnConfig *cfg);
 /* ---------------------------------------------------------------------------------------------
 ** Sharing an index directory, crashes and damage
 **
-** Beside the store and the log the index directory holds "tarnwick.lock" (flock: many readers
-** or one writer at a time) and "tarnwick.commit", a 48-byte record that ties the store (by size
+** The index directory must be the running user's own: a directory that is a symbolic link,
+** belongs to another user or is writable by other users is refused (TRN_STATUS_DENIED), and no
+** file in it is reached through a link. Beside the store and the log it holds "tarnwick.lock"
+** (flock: many readers or one writer at a time) and "tarnwick.commit", a 48-byte record that ties the store (by size
 ** and CRC-32) to the log. Every write is committed whole: a crash at any point leaves the state
 ** before or after the operation. Opening reads only: a handle that changed nothing leaves every
 ** file as it was, also at trn_close.
@@ -323,6 +325,9 @@ enum {
     TRN_STATUS_BUSY = 1,     /* another process held the index longer than the timeout */
     TRN_STATUS_DAMAGED = 2,  /* the store or log fails its checksum; nothing is written */
     TRN_STATUS_IO_ERROR = 3, /* a write or sync failed (a full disk): the operation is undone */
+    /* the index directory is a symbolic link, another user's, writable by other users or
+    ** unreadable; nothing in it is read or written */
+    TRN_STATUS_DENIED = 4,
     TRN_BUSY_TIMEOUT_MS = 5000
 };
 
@@ -335,8 +340,8 @@ enum {
 };
 
 /* Opens an engine as trn_open does. Returns NULL, with *status (when status is not NULL) set
-** to TRN_STATUS_BUSY or TRN_STATUS_DAMAGED and trn_last_error(NULL) saying why in one line, when
-** the index is busy for longer than the timeout or damaged; else the handle, with *status
+** to TRN_STATUS_BUSY, TRN_STATUS_DAMAGED or TRN_STATUS_DENIED and trn_last_error(NULL) saying
+** why in one line, when the index is busy for longer than the timeout, damaged or denied; else the handle, with *status
 ** TRN_STATUS_OK. Prints nothing for those failures. flags: 0 or TRN_OPEN_REBUILD. The status and
 ** message of a failed open belong to the calling thread. */
 TRN_API TrnEngine *trn_open_ex(const TrnConfig *cfg, uint32_t flags, int32_t *status);
@@ -350,8 +355,8 @@ TRN_API int32_t trn_last_status(const TrnEngine *e);
 /* One line without the "tarnwick: " prefix for the last failure that trn_last_status reports,
 ** or "" when there is none. Busy: "the index of DIR is busy: another Tarnwick is updating it";
 ** damaged: "the index of DIR is damaged; rebuild it with tarnwick-cli index DIR"; I/O: "cannot
-** write the index of DIR: <reason>". DIR is the indexed directory (the parent of an index
-** directory named ".tarnwick"). The text belongs to the engine (to the calling thread for e NULL)
+** write the index of DIR: <reason>"; denied: "the index folder DIR/.tarnwick <why>; <how to
+** fix it>". DIR is the indexed directory (the parent of an index directory named ".tarnwick"). The text belongs to the engine (to the calling thread for e NULL)
 ** and stays until the next call on e (the thread's next trn_open_ex). */
 TRN_API const char *trn_last_error(const TrnEngine *e);
 

@@ -160,7 +160,7 @@ bool same_stat(const ManifestEntry &e, const FoundFile &w)
 
 /* Writes next, with the old entries of the files still to be read (their times differ from the
 ** files', so they are read again; their hashes spare the embedding), under the exclusive lock. */
-void write_manifest(TrnEngine *e, const char *path, const Manifest *next, const Manifest *old,
+void write_manifest(TrnEngine *e, const Manifest *next, const Manifest *old,
                     const std::vector<Work, XAllocator<Work>> &work, size_t next_work)
 {
     Manifest out = *next;
@@ -178,7 +178,7 @@ void write_manifest(TrnEngine *e, const char *path, const Manifest *next, const 
         out.count = next->count + extra.count;
     }
     if (lock_take(e, LOCK_EX, g_busy_timeout_ms)) {
-        manifest_write(path, &out);
+        manifest_write(e, &out);
         lock_release(e);
     }
     if (extra.count > 0) {
@@ -230,13 +230,11 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
     index_refresh_for_read(e);
 
     const bool has_files = e->store_path[0] != '\0';
-    char manifest_path[TRN_PATH_MAX + 16] = "";
     Manifest old = {};
     bool trusted = false;
     if (has_files) {
-        index_file_path(e, "tarnwick.files", manifest_path, sizeof manifest_path);
         /* A rebuild starts from nothing; the old manifest describes the index it replaces. */
-        trusted = !e->rebuild && manifest_read(manifest_path, &old) && old.chunk_size == chunk_size
+        trusted = !e->rebuild && manifest_read(e, &old) && old.chunk_size == chunk_size
                   && old.overlap == overlap && old.text_version == MANIFEST_TEXT_VERSION;
     }
     bool dirty = has_files && !trusted;
@@ -382,7 +380,7 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
             report->cancelled = 1;
         }
         if (has_files && !e->rebuild && now_ns() - last_manifest > MANIFEST_INTERVAL_NS) {
-            write_manifest(e, manifest_path, &next, &old, work, done + 1);
+            write_manifest(e, &next, &old, work, done + 1);
             last_manifest = now_ns();
         }
     }
@@ -403,7 +401,7 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
     }
     if (has_files && dirty && !e->rebuild) {
         /* The files from done on were not handled: they keep their old entries. */
-        write_manifest(e, manifest_path, &next, &old, work, done);
+        write_manifest(e, &next, &old, work, done);
     }
     manifest_free(&next);
     manifest_free(&old);

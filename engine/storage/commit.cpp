@@ -22,7 +22,7 @@
 **         44     4  uint32 CRC-32 of bytes 0..43
 **
 ** A checkpoint (store.cpp) commits in four steps, each file written under a unique temporary
-** name from mkstemp, synced, renamed into place and its directory synced:
+** name ("<name>.XXXXXX"), synced, renamed into place and its directory synced:
 **   1. the new store under its temporary name;
 **   2. the commit record of generation g + 1, naming the new store, and the current store as the
 **      previous one;
@@ -142,17 +142,17 @@ struct Mapped {
     bool present;
 };
 
-bool map_file(const char *path, Mapped *m)
+bool map_file(const TrnEngine *e, const char *name, Mapped *m)
 {
     m->bytes = nullptr;
     m->size = 0;
     m->present = false;
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    int fd = index_open(e, name, O_RDONLY);
     if (fd < 0) {
         return errno == ENOENT;
     }
     struct stat st;
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    if (fstat(fd, &st) != 0) {
         close(fd);
         return false;
     }
@@ -177,6 +177,24 @@ void unmap_file(Mapped *m)
         munmap(const_cast<uint8_t *>(m->bytes), m->size);
     }
     m->bytes = nullptr;
+}
+
+/* Replays the handle's own log; a missing log is an empty one. */
+bool wal_replay_index(TrnEngine *e, uint64_t from, bool apply)
+{
+    int fd = index_open(e, "tarnwick.wal", O_RDONLY);
+    if (fd < 0) {
+        if (from == 0) {
+            e->wal_end = 0;
+            e->wal_chunks = 0;
+            e->wal_legacy = 0;
+            e->wal_stale = 0;
+        }
+        return true;
+    }
+    bool whole = wal_replay_fd(e, fd, from, apply);
+    close(fd);
+    return whole;
 }
 
 /* Forgets which store the handle loaded: the next commit starts a new chain of generations. */
@@ -223,19 +241,6 @@ uint32_t crc32_update(uint32_t crc, const void *p, size_t n)
     return (uint32_t)c;
 }
 
-void index_file_path(const TrnEngine *e, const char *name, char *out, size_t size)
-{
-    char dir[TRN_PATH_MAX];
-    snprintf(dir, sizeof dir, "%s", e->store_path);
-    char *slash = strrchr(dir, '/');
-    if (slash) {
-        *slash = '\0';
-        snprintf(out, size, "%s/%s", dir, name);
-    } else {
-        snprintf(out, size, "%s", name);
-    }
-}
-
 bool fail_status(TrnEngine *e, int32_t status, int io_error)
 {
     char dir[TRN_PATH_MAX];
@@ -268,11 +273,16 @@ void status_clear(TrnEngine *e)
 bool lock_take(TrnEngine *e, int op, int timeout_ms)
 {
     if (!e->lock_open) {
-        char path[TRN_PATH_MAX + 16];
-        index_file_path(e, "tarnwick.lock", path, sizeof path);
-        int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        /* The directory is the user's alone, so no other user can make or hold this lock. */
+        int fd = index_open(e, "tarnwick.lock", O_RDWR | O_CREAT);
+        if (fd < 0 && (errno == ELOOP || errno == EINVAL)) {
+            /* A link or other non-file in its place was planted: a lock that cannot be taken
+            ** would let writers run together, and removing the name touches nothing else. */
+            index_unlink(e, "tarnwick.lock");
+            fd = index_open(e, "tarnwick.lock", O_RDWR | O_CREAT);
+        }
         if (fd < 0) {
-            fd = open(path, O_RDONLY | O_CLOEXEC);
+            fd = index_open(e, "tarnwick.lock", O_RDONLY);
         }
         if (fd < 0) {
             /* A directory that cannot hold the lock file cannot be written either: reads go
@@ -314,9 +324,7 @@ void lock_release(TrnEngine *e)
 void disk_view_read(const TrnEngine *e, TrnDiskView *v)
 {
     memset(v, 0, sizeof *v);
-    char path[TRN_PATH_MAX + 16];
-    index_file_path(e, "tarnwick.commit", path, sizeof path);
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    int fd = index_open(e, "tarnwick.commit", O_RDONLY);
     if (fd >= 0) {
         v->has_commit = 1;
         ssize_t n = read(fd, v->commit, sizeof v->commit);
@@ -324,13 +332,13 @@ void disk_view_read(const TrnEngine *e, TrnDiskView *v)
         close(fd);
     }
     struct stat st;
-    if (stat(e->store_path, &st) == 0) {
+    if (index_stat(e, "tarnwick.bin", &st)) {
         v->has_store = 1;
         v->store_ino = (uint64_t)st.st_ino;
         v->store_size = (uint64_t)st.st_size;
         v->store_mtime_ns = (int64_t)st.st_mtim.tv_sec * 1000000000 + st.st_mtim.tv_nsec;
     }
-    if (stat(e->wal_path, &st) == 0) {
+    if (index_stat(e, "tarnwick.wal", &st)) {
         v->has_wal = 1;
         v->wal_ino = (uint64_t)st.st_ino;
         v->wal_size = (uint64_t)st.st_size;
@@ -352,7 +360,7 @@ bool index_load(TrnEngine *e, bool replay)
         return fail_status(e, TRN_STATUS_DAMAGED, 0);
     }
     Mapped store;
-    if (!map_file(e->store_path, &store)) {
+    if (!map_file(e, "tarnwick.bin", &store)) {
         return fail_status(e, TRN_STATUS_DAMAGED, 0);
     }
     uint32_t crc = crc32_update(0, store.bytes, store.size);
@@ -386,7 +394,7 @@ bool index_load(TrnEngine *e, bool replay)
     if (replay) {
         lex_load(e);
     }
-    if (!wal_replay(e, e->wal_path, 0, replay)) {
+    if (!wal_replay_index(e, 0, replay)) {
         index_reset(e);
         return fail_status(e, TRN_STATUS_DAMAGED, 0);
     }
@@ -408,7 +416,7 @@ bool index_refresh_locked(TrnEngine *e)
     ** log back to its last whole group, which is at or after the one this handle read. */
     if (same_state(&v, &e->seen) && v.wal_size >= e->wal_end && !e->wal_legacy && !e->wal_stale) {
         uint64_t count = e->count, deleted = e->deleted_count;
-        if (!wal_replay(e, e->wal_path, e->wal_end)) {
+        if (!wal_replay_index(e, e->wal_end, true)) {
             index_reset(e);
             return fail_status(e, TRN_STATUS_DAMAGED, 0);
         }
@@ -476,7 +484,7 @@ bool write_begin(TrnEngine *e)
         fclose(e->wal);
         e->wal = nullptr;
     }
-    int fd = private_open(e->wal_path, O_WRONLY | O_APPEND | O_CREAT);
+    int fd = index_open(e, "tarnwick.wal", O_WRONLY | O_APPEND | O_CREAT);
     if (fd < 0) {
         int err = errno;
         lock_release(e);
@@ -516,25 +524,25 @@ void keep_damaged_aside(TrnEngine *e)
 {
     const char *names[] = {"tarnwick.bin", "tarnwick.wal", "tarnwick.commit"};
     long stamp = (long)time(nullptr);
+    if (!e->dir_open) {
+        return;
+    }
     for (const char *name : names) {
-        char from[TRN_PATH_MAX + 16];
-        index_file_path(e, name, from, sizeof from);
         struct stat st;
-        if (lstat(from, &st) != 0) {
+        if (fstatat(e->dir_fd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
             continue;
         }
         /* link() never replaces an existing name, so no earlier copy is overwritten. */
         for (int attempt = 0; attempt < 1000; attempt++) {
-            char to[TRN_PATH_MAX + 64];
-            char suffix[48];
-            snprintf(suffix,
-                     sizeof suffix,
-                     attempt == 0 ? ".damaged-%ld" : ".damaged-%ld-%d",
+            char to[96];
+            snprintf(to,
+                     sizeof to,
+                     attempt == 0 ? "%s.damaged-%ld" : "%s.damaged-%ld-%d",
+                     name,
                      stamp,
                      attempt);
-            snprintf(to, sizeof to, "%s%s", from, suffix);
-            if (link(from, to) == 0) {
-                unlink(from);
+            if (linkat(e->dir_fd, name, e->dir_fd, to, 0) == 0) {
+                unlinkat(e->dir_fd, name, 0);
                 break;
             }
             if (errno != EEXIST) {
@@ -542,15 +550,24 @@ void keep_damaged_aside(TrnEngine *e)
             }
         }
     }
-    char any[TRN_PATH_MAX + 16];
-    index_file_path(e, "tarnwick.bin", any, sizeof any);
-    sync_parent_dir(any);
+    index_dir_sync(e);
 }
 
 bool rebuild_swap(TrnEngine *e)
 {
     if (!lock_take(e, LOCK_EX, g_busy_timeout_ms)) {
         return fail_status(e, TRN_STATUS_BUSY, 0);
+    }
+    /* A link or other non-file under an index file's name can only have been planted: the
+    ** rebuilt index replaces the name, never what it points to. */
+    const char *names[] = {"tarnwick.bin", "tarnwick.wal", "tarnwick.commit", "tarnwick.lex",
+                           "tarnwick.files"};
+    for (const char *name : names) {
+        struct stat st;
+        if (e->dir_open && fstatat(e->dir_fd, name, &st, AT_SYMLINK_NOFOLLOW) == 0
+            && !S_ISREG(st.st_mode)) {
+            index_unlink(e, name);
+        }
     }
     /* Learn the generation and the store this commit follows, with a scratch handle so the
     ** rebuilt chunks stay as they are. */
@@ -564,6 +581,8 @@ bool rebuild_swap(TrnEngine *e)
     probe->max_level = -1;
     memcpy(probe->store_path, e->store_path, sizeof e->store_path);
     memcpy(probe->wal_path, e->wal_path, sizeof e->wal_path);
+    probe->dir_fd = e->dir_fd; /* lent: the probe is freed below without closing it */
+    probe->dir_open = e->dir_open;
     ensure_cap(probe, 64);
     /* The probe only checks the log: nothing is embedded for an index about to be replaced. */
     bool damaged = !index_load(probe, false);
@@ -592,25 +611,6 @@ bool rebuild_swap(TrnEngine *e)
     return ok;
 }
 
-bool sync_parent_dir(const char *path)
-{
-    char dir[TRN_PATH_MAX + 16];
-    snprintf(dir, sizeof dir, "%s", path);
-    char *slash = strrchr(dir, '/');
-    if (!slash) {
-        snprintf(dir, sizeof dir, ".");
-    } else {
-        *slash = '\0';
-    }
-    int fd = open(dir[0] ? dir : "/", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) {
-        return false;
-    }
-    bool ok = fsync(fd) == 0;
-    close(fd);
-    return ok;
-}
-
 bool commit_write(TrnEngine *e, uint64_t store_size, uint32_t store_crc)
 {
     CommitRecord rec = {};
@@ -623,11 +623,8 @@ bool commit_write(TrnEngine *e, uint64_t store_size, uint32_t store_crc)
     uint8_t bytes[TRN_COMMIT_SIZE];
     commit_encode(&rec, bytes);
 
-    char path[TRN_PATH_MAX + 16];
-    index_file_path(e, "tarnwick.commit", path, sizeof path);
-    char tmp[TRN_PATH_MAX + 32];
-    snprintf(tmp, sizeof tmp, "%s.XXXXXX", path);
-    int fd = mkstemp(tmp);
+    char tmp[64];
+    int fd = index_open_temp(e, "tarnwick.commit", tmp, sizeof tmp);
     if (fd < 0) {
         return fail_status(e, TRN_STATUS_IO_ERROR, errno);
     }
@@ -642,15 +639,15 @@ bool commit_write(TrnEngine *e, uint64_t store_size, uint32_t store_crc)
         ok = false;
         err = errno;
     }
-    if (ok && rename(tmp, path) != 0) {
+    if (ok && !index_rename(e, tmp, "tarnwick.commit")) {
         ok = false;
         err = errno;
     }
     if (!ok) {
-        unlink(tmp);
+        index_unlink(e, tmp);
         return fail_status(e, TRN_STATUS_IO_ERROR, err);
     }
-    if (!sync_parent_dir(path)) {
+    if (!index_dir_sync(e)) {
         return fail_status(e, TRN_STATUS_IO_ERROR, errno);
     }
     return true;
@@ -658,10 +655,12 @@ bool commit_write(TrnEngine *e, uint64_t store_size, uint32_t store_crc)
 
 void remove_stale_temps(const TrnEngine *e)
 {
-    char dir[TRN_PATH_MAX + 16];
-    index_file_path(e, "", dir, sizeof dir);
-    DIR *d = opendir(dir);
+    int fd = e->dir_open ? openat(e->dir_fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1;
+    DIR *d = fd >= 0 ? fdopendir(fd) : nullptr;
     if (!d) {
+        if (fd >= 0) {
+            close(fd);
+        }
         return;
     }
     while (struct dirent *ent = readdir(d)) {
@@ -672,9 +671,7 @@ void remove_stale_temps(const TrnEngine *e)
                     || (strncmp(name, "tarnwick.commit.", 16) == 0 && n == 22)
                     || (strncmp(name, "tarnwick.files.", 15) == 0 && n == 21);
         if (temp && !strstr(name, ".damaged")) {
-            char path[TRN_PATH_MAX + 300];
-            snprintf(path, sizeof path, "%s%s", dir, name);
-            unlink(path);
+            index_unlink(e, name);
         }
     }
     closedir(d);

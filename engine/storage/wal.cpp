@@ -170,24 +170,35 @@ void put_str(TrnBytes *b, const char *s, size_t n)
 
 bool wal_replay(TrnEngine *e, const char *path, uint64_t from, bool apply)
 {
+    int fd = open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) {
+        if (from == 0) {
+            e->wal_end = 0;
+            e->wal_chunks = 0;
+            e->wal_legacy = 0;
+            e->wal_stale = 0;
+        }
+        return true;
+    }
+    bool whole = wal_replay_fd(e, fd, from, apply);
+    close(fd);
+    return whole;
+}
+
+bool wal_replay_fd(TrnEngine *e, int fd, uint64_t from, bool apply)
+{
     if (from == 0) {
         e->wal_end = 0;
         e->wal_chunks = 0;
         e->wal_legacy = 0;
         e->wal_stale = 0;
     }
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        return true;
-    }
     struct stat st;
     if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || (uint64_t)st.st_size <= from) {
-        close(fd);
         return true;
     }
     size_t size = (size_t)st.st_size;
     void *map = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
-    close(fd);
     if (map == MAP_FAILED) {
         return true;
     }

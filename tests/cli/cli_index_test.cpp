@@ -8,6 +8,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace cli_test;
@@ -432,6 +433,62 @@ TEST(CliPrivacy, LinkLoopsEndNothingOutsideIsReadAndTheIndexIsTheOwners)
         files_seen++;
     }
     EXPECT_GE(files_seen, 2); // at least the store and its commit record
+}
+
+// In a shared folder another user could plant links in a world-writable ".tarnwick" (indexing
+// truncated their target), or make ".tarnwick" itself a link or their own folder. Such folders
+// are refused with one line saying how to fix them, and once the owner has made the folder
+// private, indexing replaces the planted links without touching what they point to.
+TEST(CliPrivacy, PlantedLinksAndForeignIndexFoldersAreRefusedAndChangeNothingOutside)
+{
+    TempDir dir;
+    write_file(dir / "victim.txt", "precious\n");
+    write_file(dir / "tree/a.txt", "the only text inside the tree, long enough to index\n");
+    const std::string tree = dir / "tree", index_dir = dir / "tree/.tarnwick";
+    ASSERT_EQ(mkdir(index_dir.c_str(), 0700), 0);
+    ASSERT_EQ(chmod(index_dir.c_str(), 0777), 0);
+    for (const char *name :
+         {"tarnwick.wal", "tarnwick.bin", "tarnwick.commit", "tarnwick.files", "encoder"}) {
+        fs::create_symlink(dir / "victim.txt", index_dir + "/" + name);
+    }
+    fs::create_symlink(dir / "made-by-lock", index_dir + "/tarnwick.lock");
+    auto refused = [&](const std::string &why) {
+        for (const char *command : {"index", "search"}) {
+            std::vector<std::string> args = {command, tree};
+            if (std::string(command) == "search") {
+                args.push_back("text");
+            }
+            RunResult r = run_cli(args, tree);
+            EXPECT_EQ(r.status, 1) << command;
+            EXPECT_EQ(lines_of(r.err).back(), "tarnwick: the index folder " + index_dir + " " + why)
+                << command;
+        }
+        EXPECT_EQ(read_file(dir / "victim.txt"), "precious\n");
+        EXPECT_FALSE(fs::exists(fs::symlink_status(dir / "made-by-lock")));
+    };
+    refused("is writable by other users; make it private with: chmod 700 " + index_dir);
+    if (geteuid() == 0) {
+        const uid_t other = 54321; // any user but the one running the tests
+        ASSERT_EQ(chown(index_dir.c_str(), other, other), 0);
+        ASSERT_EQ(chmod(index_dir.c_str(), 0700), 0);
+        refused("belongs to another user; move it away and index the folder again as yourself");
+        ASSERT_EQ(chown(index_dir.c_str(), 0, 0), 0);
+    }
+    ASSERT_EQ(chmod(index_dir.c_str(), 0700), 0);
+    RunResult r = run_cli({"index", tree}, tree);
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(read_file(dir / "victim.txt"), "precious\n");
+    EXPECT_FALSE(fs::exists(fs::symlink_status(dir / "made-by-lock")));
+    for (const fs::directory_entry &entry : fs::directory_iterator(index_dir)) {
+        EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(entry.path()))) << entry.path();
+    }
+    r = run_cli({"search", tree, "inside", "--mode", "text", "--json"}, tree);
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(parse_json(r.out).items.size(), 1u) << r.out;
+
+    fs::rename(index_dir, dir / "elsewhere");
+    fs::create_directory_symlink(dir / "elsewhere", index_dir);
+    refused("is a symbolic link; remove the link and index the folder again");
 }
 
 } // namespace

@@ -103,12 +103,7 @@ TEST(SharedIndex, EveryDamagedByteOfTheStoreOrCommitRecordIsRefused)
             bad[at] ^= 0x01;
             write_file_bytes(dir.file(name), bad.data(), bad.size());
             TrnEngine *probe = bare_engine();
-            snprintf(probe->store_path,
-                     sizeof probe->store_path,
-                     "%s",
-                     dir.file("tarnwick.bin").c_str());
-            snprintf(
-                probe->wal_path, sizeof probe->wal_path, "%s", dir.file("tarnwick.wal").c_str());
+            bare_engine_on_dir(probe, dir.path());
             ASSERT_FALSE(index_load(probe)) << name << " byte " << at;
             EXPECT_EQ(probe->count, 0u);
             free_bare_engine(probe);

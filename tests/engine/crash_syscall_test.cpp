@@ -23,8 +23,14 @@ namespace
 const std::string CRASH_DRIVER = std::string(TRN_BIN_DIR) + "/../tests/trn_crash_driver";
 
 /* The calls that change files or their names, and those that create or lock them. */
-const char *const CALLS[] = {
-    "openat", "write", "fsync", "rename", "ftruncate", "unlink", "link", "flock"};
+const char *const CALLS[] = {"openat",
+                             "write",
+                             "fsync",
+                             "renameat",
+                             "ftruncate",
+                             "unlinkat",
+                             "linkat",
+                             "flock"};
 
 struct Outcome {
     bool killed;
@@ -72,7 +78,10 @@ std::vector<int> writes_in_trace(const std::string &trace, const std::string &di
         std::string line = text.substr(pos, end - pos);
         bool reads = line.rfind("openat", 0) == 0 && line.find("O_CREAT") == std::string::npos
                      && line.find("O_WRONLY") == std::string::npos;
-        if (line.find(dir + "/") != std::string::npos && !reads) {
+        /* strace -y shows a descriptor as <path>: files are reached from the directory's. */
+        bool in_dir = line.find(dir + "/") != std::string::npos
+                      || line.find(dir + ">") != std::string::npos;
+        if (in_dir && !reads) {
             numbers.push_back(n);
         }
         pos = end == std::string::npos ? text.size() : end + 1;

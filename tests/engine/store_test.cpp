@@ -96,8 +96,7 @@ TEST(StoreFile, CheckpointWritesTheDocumentedLayout)
 {
     TempDir dir;
     TrnEngine *e = bare_engine();
-    snprintf(e->store_path, sizeof e->store_path, "%s", dir.file("tarnwick.bin").c_str());
-    snprintf(e->wal_path, sizeof e->wal_path, "%s", dir.file("tarnwick.wal").c_str());
+    bare_engine_on_dir(e, dir.path());
     std::vector<StoreRecord> records = sample_records();
     for (const StoreRecord &r : records) {
         put_chunk(e, r);
@@ -117,12 +116,6 @@ TEST(StoreFile, CheckpointWritesTheDocumentedLayout)
     EXPECT_EQ(dir_names(dir.path()),
               (std::vector<std::string>{
                   "tarnwick.bin", "tarnwick.commit", "tarnwick.lex", "tarnwick.lock"}));
-    if (e->wal) {
-        fclose(e->wal);
-    }
-    if (e->lock_open) {
-        close(e->lock_fd);
-    }
     free_bare_engine(e);
 }
 
