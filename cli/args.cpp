@@ -9,6 +9,7 @@
 
 #include "tarnwick.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -215,17 +216,24 @@ void check_train(const Options &o, bool training_options)
     }
 }
 
-// An empty query would match everything in text and regex mode and nothing useful in the others;
-// a regex-mode query must compile exactly as the engine will compile it.
+// An empty query, or one of white space only, would match nearly everything in text and regex
+// mode and nothing useful in the others; a regex-mode query must compile exactly as the engine
+// will compile it. A long pattern is shown by its start only, so the error stays one short line.
 void check_query(const std::string &query, int32_t mode)
 {
-    if (query.empty()) {
+    if (query.find_first_not_of(" \t\r\n\f\v") == std::string::npos) {
         throw UsageError("the query is empty");
     }
     if (mode == TRN_SEARCH_REGEX) {
         char reason[256];
         if (!trn_check_regex(query.c_str(), reason, sizeof reason)) {
-            throw QueryError("invalid regular expression \"" + query + "\": " + reason);
+            size_t shown_len = std::min<size_t>(query.size(), 40);
+            while (shown_len < query.size() && (query[shown_len] & 0xC0) == 0x80) {
+                shown_len--; // never cut a UTF-8 sequence
+            }
+            std::string shown =
+                query.substr(0, shown_len) + (shown_len < query.size() ? "..." : "");
+            throw QueryError("invalid regular expression \"" + shown + "\": " + reason);
         }
     }
 }

@@ -491,6 +491,44 @@ TEST(CliPrivacy, PlantedLinksAndForeignIndexFoldersAreRefusedAndChangeNothingOut
     refused("is a symbolic link; remove the link and index the folder again");
 }
 
+// Another user's private index was reported to them as "no index in DIR".
+TEST(CliPrivacy, AnIndexTheUserMayNotReadIsSaidToBeUnreadable)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "acting as a second user needs root";
+    }
+    TempDir dir;
+    write_file(dir / "a.txt", "the only text of the folder, long enough to index\n");
+    ASSERT_EQ(run_cli({"index", dir.path()}, dir.path()).status, 0);
+    ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
+    TempDir home;
+    ASSERT_EQ(chmod(home.path().c_str(), 0777), 0);
+    int pipe_fds[2];
+    ASSERT_EQ(pipe(pipe_fds), 0);
+    pid_t pid = fork();
+    if (pid == 0) {
+        close(pipe_fds[0]);
+        const uid_t other = 54321; // any user but the owner
+        if (setgid(other) != 0 || setuid(other) != 0) {
+            _exit(1);
+        }
+        RunResult r = run_cli({"search", dir.path(), "text"}, "/", false, home.path());
+        std::string report = std::to_string(r.status) + " " + r.err;
+        _exit(write(pipe_fds[1], report.data(), report.size()) == (ssize_t)report.size() ? 0 : 1);
+    }
+    close(pipe_fds[1]);
+    std::string report;
+    char buf[512];
+    for (ssize_t n; (n = read(pipe_fds[0], buf, sizeof buf)) > 0;) {
+        report.append(buf, (size_t)n);
+    }
+    close(pipe_fds[0]);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    EXPECT_EQ(report,
+              "1 tarnwick: cannot read the index of " + dir.path() + ": Permission denied\n");
+}
+
 } // namespace
 
 // A damaged store is refused with one line by every command until the index is rebuilt, and the
