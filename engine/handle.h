@@ -78,14 +78,21 @@ struct TrnEngine {
     uint8_t dir_open;
     int lock_fd; /* tarnwick.lock, valid when lock_open */
     uint8_t lock_open;
-    uint8_t rebuild;           /* built in memory, swapped in by the next checkpoint */
-    int32_t refused;           /* a status other than TRN_STATUS_OK: every write fails with it */
-    int32_t status;            /* of the last call that failed, or TRN_STATUS_OK */
-    char error[TRN_ERROR_MAX]; /* its message; empty with TRN_STATUS_OK */
-    TrnDiskView seen;          /* the directory as this handle last loaded or wrote it */
-    uint8_t has_commit;        /* the loaded state came with a commit record */
-    uint64_t generation;       /* generation of the loaded store; 0 without a commit record */
-    uint8_t store_present;     /* the loaded store existed, with this size and checksum */
+    int turn_fd; /* tarnwick.turn, valid when turn_open: where writers queue (commit.cpp) */
+    uint8_t turn_open;
+    uint8_t rebuild; /* built in memory, swapped in by the next checkpoint */
+    int rebuild_fd;  /* tarnwick.rebuild, held shared by a rebuilding handle */
+    uint8_t rebuild_open;
+    uint8_t rebuild_known;       /* the committed state when the rebuild began was read: */
+    uint64_t rebuild_generation; /* its generation */
+    uint64_t rebuild_from;       /* and the end of its log's last whole group */
+    int32_t refused;             /* a status other than TRN_STATUS_OK: every write fails with it */
+    int32_t status;              /* of the last call that failed, or TRN_STATUS_OK */
+    char error[TRN_ERROR_MAX];   /* its message; empty with TRN_STATUS_OK */
+    TrnDiskView seen;            /* the directory as this handle last loaded or wrote it */
+    uint8_t has_commit;          /* the loaded state came with a commit record */
+    uint64_t generation;         /* generation of the loaded store; 0 without a commit record */
+    uint8_t store_present;       /* the loaded store existed, with this size and checksum */
     uint64_t store_size;
     uint32_t store_crc;
     uint64_t wal_end;    /* end of the last whole group of the log, read or written */

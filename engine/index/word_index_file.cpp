@@ -140,10 +140,10 @@ void out_put(LexOut *o, const void *p, size_t n)
     }
 }
 
-/* The word index file "tarnwick.lex", mapped read-only, when its header names the store e loaded and its chunk
-** count; NULL otherwise, without reading further. *size is the mapping's length. The pages are
-** mapped at once: one fault per page costs more than reading them. Postings that change are
-** copied out first (add_chunk, lex_compact). */
+/* The word index file "tarnwick.lex", mapped read-only, when its header names the store e loaded
+** and its chunk count; NULL otherwise, without reading further. *size is the mapping's length. The
+** pages are mapped at once: one fault per page costs more than reading them. Postings that change
+** are copied out first (add_chunk, lex_compact). */
 uint8_t *map_matching(const TrnEngine *e, size_t *size)
 {
     int fd = index_open(e, "tarnwick.lex", O_RDONLY);

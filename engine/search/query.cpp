@@ -278,7 +278,7 @@ int32_t search_keyword(TrnEngine *e, const char *query, int32_t kk, TrnResult *r
 int32_t search_text(TrnEngine *e, const char *query, int32_t kk, TrnResult *results)
 {
     size_t qlen = strlen(query);
-    if (strspn(query, " \t\r\n\f\v") == qlen) {
+    if (qlen > 0 && strspn(query, " \t\r\n\f\v") == qlen) {
         return 0; /* white space alone is in nearly every chunk: it finds nothing */
     }
     std::unique_ptr<unsigned char, FreeDeleter> lowered((unsigned char *)xmalloc(qlen + 1));

@@ -8,6 +8,9 @@
 **   tarnwick.lock    empty. flock(2) on it: shared while a handle loads, exclusive while it
 **                    writes. Locks are taken per operation, never held between calls, so a
 **                    long-lived handle (an application tab) never blocks a command-line search.
+**   tarnwick.turn    empty. A writer holds it exclusively while it waits for the lock, and a
+**                    reader takes it shared (and drops it at once) before its own: a waiting
+**                    writer stops new readers, so readers that keep coming cannot starve it.
 **   tarnwick.commit  the commit record, 48 bytes, little-endian:
 **
 **     offset  size  field
@@ -270,32 +273,38 @@ void status_clear(TrnEngine *e)
     e->error[0] = '\0';
 }
 
-bool lock_take(TrnEngine *e, int op, int timeout_ms)
+namespace
 {
-    if (!e->lock_open) {
-        /* The directory is the user's alone, so no other user can make or hold this lock. */
-        int fd = index_open(e, "tarnwick.lock", O_RDWR | O_CREAT);
-        if (fd < 0 && (errno == ELOOP || errno == EINVAL)) {
-            /* A link or other non-file in its place was planted: a lock that cannot be taken
-            ** would let writers run together, and removing the name touches nothing else. */
-            index_unlink(e, "tarnwick.lock");
-            fd = index_open(e, "tarnwick.lock", O_RDWR | O_CREAT);
-        }
-        if (fd < 0) {
-            fd = index_open(e, "tarnwick.lock", O_RDONLY);
-        }
-        if (fd < 0) {
-            /* A directory that cannot hold the lock file cannot be written either: reads go
-            ** ahead unlocked, writes meet the failure themselves. */
-            return true;
-        }
-        e->lock_fd = fd;
-        e->lock_open = 1;
+
+/* Opens an empty lock file of the index directory; -1 when it cannot be had. */
+int open_lock_file(const TrnEngine *e, const char *name)
+{
+    /* The directory is the user's alone, so no other user can make or hold this lock. */
+    int fd = index_open(e, name, O_RDWR | O_CREAT);
+    if (fd < 0 && (errno == ELOOP || errno == EINVAL)) {
+        /* A link or other non-file in its place was planted: a lock that cannot be taken
+        ** would let writers run together, and removing the name touches nothing else. */
+        index_unlink(e, name);
+        fd = index_open(e, name, O_RDWR | O_CREAT);
     }
-    struct timespec start;
-    clock_gettime(CLOCK_MONOTONIC, &start);
+    if (fd < 0) {
+        fd = index_open(e, name, O_RDONLY);
+    }
+    return fd;
+}
+
+long ms_since(const struct timespec *start)
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return (now.tv_sec - start->tv_sec) * 1000 + (now.tv_nsec - start->tv_nsec) / 1000000;
+}
+
+/* flock(fd, op), retried until timeout_ms have passed since start. */
+bool flock_until(int fd, int op, const struct timespec *start, int timeout_ms)
+{
     for (;;) {
-        if (flock(e->lock_fd, op | LOCK_NB) == 0) {
+        if (flock(fd, op | LOCK_NB) == 0) {
             return true;
         }
         if (errno == EINTR) {
@@ -304,14 +313,49 @@ bool lock_take(TrnEngine *e, int op, int timeout_ms)
         if (errno != EWOULDBLOCK) {
             return true; /* a file system without flock: nothing to wait for */
         }
-        struct timespec now;
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        long waited = (now.tv_sec - start.tv_sec) * 1000 + (now.tv_nsec - start.tv_nsec) / 1000000;
-        if (waited >= timeout_ms) {
+        if (ms_since(start) >= timeout_ms) {
             return false;
         }
-        usleep(10000);
+        usleep(5000);
     }
+}
+
+} // namespace
+
+bool lock_take(TrnEngine *e, int op, int timeout_ms)
+{
+    if (!e->lock_open) {
+        int fd = open_lock_file(e, "tarnwick.lock");
+        if (fd < 0) {
+            /* A directory that cannot hold the lock file cannot be written either: reads go
+            ** ahead unlocked, writes meet the failure themselves. */
+            return true;
+        }
+        e->lock_fd = fd;
+        e->lock_open = 1;
+    }
+    if (!e->turn_open) {
+        int fd = open_lock_file(e, "tarnwick.turn");
+        if (fd >= 0) {
+            e->turn_fd = fd;
+            e->turn_open = 1;
+        }
+    }
+    struct timespec start;
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    if (e->turn_open) {
+        if (!flock_until(e->turn_fd, op, &start, timeout_ms)) {
+            return false;
+        }
+        if (op == LOCK_SH) {
+            flock(e->turn_fd, LOCK_UN);
+        }
+    }
+    bool taken = flock_until(e->lock_fd, op, &start, timeout_ms);
+    if (e->turn_open && op == LOCK_EX) {
+        flock(e->turn_fd, LOCK_UN); /* holding the lock now, or giving up */
+    }
+    return taken;
 }
 
 void lock_release(TrnEngine *e)
@@ -473,8 +517,13 @@ bool write_begin(TrnEngine *e)
         lock_release(e);
         return false;
     }
-    /* A log of an older version, or none yet, has no groups to follow: start from a checkpoint. */
+    /* A log of an older version, or none yet, has no groups to follow: start from a checkpoint,
+    ** which must wait for a rebuild to end. */
     if (!e->has_commit || e->wal_legacy) {
+        if (rebuild_running(e)) {
+            lock_release(e);
+            return fail_status(e, TRN_STATUS_BUSY, 0);
+        }
         if (!checkpoint_locked(e)) {
             lock_release(e);
             return false;
@@ -553,25 +602,13 @@ void keep_damaged_aside(TrnEngine *e)
     index_dir_sync(e);
 }
 
-bool rebuild_swap(TrnEngine *e)
+namespace
 {
-    if (!lock_take(e, LOCK_EX, g_busy_timeout_ms)) {
-        return fail_status(e, TRN_STATUS_BUSY, 0);
-    }
-    /* A link or other non-file under an index file's name can only have been planted: the
-    ** rebuilt index replaces the name, never what it points to. */
-    const char *names[] = {"tarnwick.bin", "tarnwick.wal", "tarnwick.commit", "tarnwick.lex",
-                           "tarnwick.files"};
-    for (const char *name : names) {
-        struct stat st;
-        if (e->dir_open && fstatat(e->dir_fd, name, &st, AT_SYMLINK_NOFOLLOW) == 0
-            && !S_ISREG(st.st_mode)) {
-            index_unlink(e, name);
-        }
-    }
-    /* Learn the generation and the store this commit follows, with a scratch handle so the
-    ** rebuilt chunks stay as they are. */
-    TrnEngine *probe = static_cast<TrnEngine *>(xcalloc(1, sizeof(TrnEngine)));
+
+/* What is committed now, read with a scratch handle so e's chunks stay as they are; the log is
+** only checked. False when the index is damaged. */
+bool probe_committed(TrnEngine *e, TrnEngine *probe)
+{
     probe->dim = e->dim;
     probe->M = e->M;
     probe->ef_construction = e->ef_construction;
@@ -581,21 +618,103 @@ bool rebuild_swap(TrnEngine *e)
     probe->max_level = -1;
     memcpy(probe->store_path, e->store_path, sizeof e->store_path);
     memcpy(probe->wal_path, e->wal_path, sizeof e->wal_path);
-    probe->dir_fd = e->dir_fd; /* lent: the probe is freed below without closing it */
+    probe->dir_fd = e->dir_fd; /* lent: the probe is freed without closing it */
     probe->dir_open = e->dir_open;
     ensure_cap(probe, 64);
-    /* The probe only checks the log: nothing is embedded for an index about to be replaced. */
-    bool damaged = !index_load(probe, false);
-    e->has_commit = probe->has_commit;
-    e->generation = probe->generation;
-    e->store_present = probe->store_present;
-    e->store_size = probe->store_size;
-    e->store_crc = probe->store_crc;
+    return index_load(probe, false);
+}
+
+void probe_free(TrnEngine *probe)
+{
     index_reset(probe);
     free(probe->chunks);
     free(probe->vectors);
     free(probe->nodes);
     free(probe);
+}
+
+} // namespace
+
+bool rebuild_running(const TrnEngine *e)
+{
+    int fd =
+        e->dir_open
+            ? openat(e->dir_fd, "tarnwick.rebuild", O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)
+            : -1;
+    if (fd < 0) {
+        return false;
+    }
+    bool running = flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    close(fd); /* drops the lock when it was taken */
+    return running;
+}
+
+void rebuild_begin(TrnEngine *e)
+{
+    int fd = open_lock_file(e, "tarnwick.rebuild");
+    if (fd < 0) {
+        return;
+    }
+    /* Only a checkpoint's brief probe takes it exclusively. */
+    while (flock(fd, LOCK_SH) != 0 && errno == EINTR) {
+    }
+    e->rebuild_fd = fd;
+    e->rebuild_open = 1;
+    if (!lock_take(e, LOCK_SH, g_busy_timeout_ms)) {
+        return; /* the swap then takes up nothing it cannot place */
+    }
+    TrnEngine *probe = static_cast<TrnEngine *>(xcalloc(1, sizeof(TrnEngine)));
+    if (probe_committed(e, probe)) {
+        e->rebuild_known = 1;
+        e->rebuild_generation = probe->generation;
+        e->rebuild_from = probe->wal_stale || probe->wal_legacy ? 0 : probe->wal_end;
+    }
+    probe_free(probe);
+    lock_release(e);
+}
+
+bool rebuild_swap(TrnEngine *e)
+{
+    if (!lock_take(e, LOCK_EX, g_busy_timeout_ms)) {
+        return fail_status(e, TRN_STATUS_BUSY, 0);
+    }
+    /* A link or other non-file under an index file's name can only have been planted: the
+    ** rebuilt index replaces the name, never what it points to. */
+    const char *names[] = {
+        "tarnwick.bin", "tarnwick.wal", "tarnwick.commit", "tarnwick.lex", "tarnwick.files"};
+    for (const char *name : names) {
+        struct stat st;
+        if (e->dir_open && fstatat(e->dir_fd, name, &st, AT_SYMLINK_NOFOLLOW) == 0
+            && !S_ISREG(st.st_mode)) {
+            index_unlink(e, name);
+        }
+    }
+    /* Learn the generation and the store this commit follows. */
+    TrnEngine *probe = static_cast<TrnEngine *>(xcalloc(1, sizeof(TrnEngine)));
+    bool damaged = !probe_committed(e, probe);
+    e->has_commit = probe->has_commit;
+    e->generation = probe->generation;
+    e->store_present = probe->store_present;
+    e->store_size = probe->store_size;
+    e->store_crc = probe->store_crc;
+    /* Groups committed while the rebuild ran: checkpoints were held off, so the log still has
+    ** them after the one it had when the rebuild began. */
+    bool take_up = !damaged && e->rebuild_known && probe->generation == e->rebuild_generation
+                   && !probe->wal_stale && !probe->wal_legacy && probe->wal_end > e->rebuild_from;
+    uint64_t take_from = e->rebuild_from;
+    probe_free(probe);
+    if (take_up) {
+        int fd = index_open(e, "tarnwick.wal", O_RDONLY);
+        uint64_t count = e->count, deleted = e->deleted_count;
+        if (fd >= 0) {
+            e->wal_end = take_from;
+            wal_replay_fd(e, fd, take_from, true);
+            close(fd);
+        }
+        if (e->count != count || e->deleted_count != deleted) {
+            trn_build_doc_index(e);
+        }
+    }
     if (damaged) {
         keep_damaged_aside(e);
         forget_store(e);
@@ -606,6 +725,9 @@ bool rebuild_swap(TrnEngine *e)
     bool ok = checkpoint_locked(e);
     if (!ok) {
         e->rebuild = 1;
+    } else if (e->rebuild_open) {
+        close(e->rebuild_fd); /* other handles may fold the log again */
+        e->rebuild_open = 0;
     }
     lock_release(e);
     return ok;

@@ -40,10 +40,7 @@ bool index_dir_open(TrnEngine *e, const char *dir)
             return true; /* nothing to read; a write meets the missing directory itself */
         }
         if (err == ELOOP || (err == ENOTDIR && lstat(dir, &st) == 0 && S_ISLNK(st.st_mode))) {
-            return deny(e,
-                        dir,
-                        "is a symbolic link",
-                        "remove the link and index the folder again");
+            return deny(e, dir, "is a symbolic link", "remove the link and index the folder again");
         }
         char why[160];
         snprintf(why, sizeof why, "cannot be read: %s", strerror(err));

@@ -105,8 +105,17 @@ void index_refresh_for_read(TrnEngine *e);
 ** Handles without files (in memory, rebuilding) take no lock and always succeed. */
 bool write_begin(TrnEngine *e);
 void write_end(TrnEngine *e);
-/* Swaps a rebuilt handle in as the directory's index (trn_checkpoint of a rebuild handle). */
+/* Starts a rebuild: holds checkpoints of other handles off (they leave the log as it is until
+** the swap) and notes the committed generation and log end, so the swap can take up the groups
+** committed meanwhile. */
+void rebuild_begin(TrnEngine *e);
+/* Swaps a rebuilt handle in as the directory's index (trn_checkpoint of a rebuild handle),
+** first applying every group committed since rebuild_begin: files written meanwhile take the
+** place of what the rebuild read of them. */
 bool rebuild_swap(TrnEngine *e);
+/* True when another handle is rebuilding the index: a checkpoint now would fold the log the
+** rebuild must take up. */
+bool rebuild_running(const TrnEngine *e);
 /* Writes the commit record of the next generation for a store of that size and checksum, the
 ** current store as the previous one (temporary file, sync, rename, directory sync). */
 bool commit_write(TrnEngine *e, uint64_t store_size, uint32_t store_crc);

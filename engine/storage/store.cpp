@@ -34,10 +34,11 @@
 ** records read before it. A level above 31 also ends the load. Neighbour indices that do not name
 ** a loaded chunk are dropped, and the entry point is checked against what was loaded.
 **
-** A checkpoint writes the same bytes to a temporary file ("tarnwick.bin.XXXXXX", created exclusively) in
-** the index directory, syncs it, commits it with the commit record and renames it over the store
-** before it empties the log (commit.cpp gives the order and why a crash at any step leaves the
-** state before or after the checkpoint). Nothing here writes when the handle changed nothing.
+** A checkpoint writes the same bytes to a temporary file ("tarnwick.bin.XXXXXX", created
+** exclusively) in the index directory, syncs it, commits it with the commit record and renames it
+** over the store before it empties the log (commit.cpp gives the order and why a crash at any step
+** leaves the state before or after the checkpoint). Nothing here writes when the handle changed
+** nothing.
 */
 #include "internal.h"
 
@@ -423,6 +424,7 @@ TrnEngine *engine_open(const TrnConfig *cfg, uint32_t flags, int32_t *status)
             /* status and message set: nothing of the directory is read */
         } else if (flags & TRN_OPEN_REBUILD) {
             e->rebuild = 1;
+            rebuild_begin(e);
         } else if (!lock_take(e, LOCK_SH, g_busy_timeout_ms)) {
             fail_status(e, TRN_STATUS_BUSY, 0);
         } else {
@@ -460,6 +462,12 @@ void engine_free(TrnEngine *e)
     if (e->lock_open) {
         close(e->lock_fd);
     }
+    if (e->turn_open) {
+        close(e->turn_fd);
+    }
+    if (e->rebuild_open) {
+        close(e->rebuild_fd);
+    }
     index_dir_close(e);
     encoder_release(&e->encoder);
     embed_free_scratch(e);
@@ -486,6 +494,10 @@ bool empty_log(TrnEngine *e)
 
 bool checkpoint_locked(TrnEngine *e)
 {
+    /* While another handle rebuilds, the log keeps every commit for its swap to take up. */
+    if (!e->rebuild_open && rebuild_running(e)) {
+        return true;
+    }
     /* The store already holds everything: a reader's checkpoint writes nothing. */
     if (e->has_commit && !e->wal_legacy && !e->wal_stale && e->wal_end == 0 && !e->unsaved
         && e->seen.wal_size == 0) {

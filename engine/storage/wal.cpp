@@ -134,7 +134,22 @@ void apply_range(TrnEngine *e, const uint8_t *bytes, uint64_t from, uint64_t end
     uint64_t done = 0;
     ByteReader c = {bytes + from, (size_t)(end - from)};
     LogRecord r;
+    /* A rebuild taking up groups committed while it ran: the file a group writes replaces what
+    ** the rebuild read of it, even when the group only adds (a file new to the old index). */
+    const uint8_t *replaced = nullptr;
+    uint32_t replaced_len = 0;
     while (c.left > 0 && parse_record(&c, &r)) {
+        if (e->rebuild && r.op == 'A' && r.path_len > 0
+            && (!replaced || replaced_len != r.path_len
+                || memcmp(replaced, r.path, r.path_len) != 0)) {
+            char *path = dup_bytes(r.path, r.path_len);
+            remove_file_mem(e, path);
+            free(path);
+            replaced = r.path;
+            replaced_len = r.path_len;
+        } else if (r.op == 'C') {
+            replaced = nullptr;
+        }
         apply_record(e, &r);
         if (r.op == 'A') {
             done++;

@@ -283,9 +283,8 @@ void html_stream(TextBuilder *b, bool utf8, Read read)
         b->failed = true;
         return;
     }
-    htmlCtxtUseOptions(ctxt,
-                       HTML_PARSE_RECOVER | HTML_PARSE_NOERROR | HTML_PARSE_NOWARNING
-                           | HTML_PARSE_NONET);
+    htmlCtxtUseOptions(
+        ctxt, HTML_PARSE_RECOVER | HTML_PARSE_NOERROR | HTML_PARSE_NOWARNING | HTML_PARSE_NONET);
     feed_parser(ctxt, true, b, read);
     htmlFreeParserCtxt(ctxt);
 }
@@ -444,8 +443,8 @@ bool local_is(const xmlChar *name, const char *want)
     return strcmp(reinterpret_cast<const char *>(name), want) == 0;
 }
 
-void xml_start(void *ctx, const xmlChar *name, const xmlChar *, const xmlChar *, int, const xmlChar **,
-               int attribute_count, int, const xmlChar **attributes)
+void xml_start(void *ctx, const xmlChar *name, const xmlChar *, const xmlChar *, int,
+               const xmlChar **, int attribute_count, int, const xmlChar **attributes)
 {
     XmlState *x = static_cast<XmlState *>(ctx);
     if (x->body == 0) {
@@ -576,10 +575,11 @@ bool container_xml_text(zip_t *z, const char *member, bool odt, TextBuilder *b)
         b->failed = true;
         return false;
     }
-    xmlCtxtUseOptions(ctxt,
-                      XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING
-                          | XML_PARSE_RECOVER);
-    feed_parser(ctxt, false, b, [&reader](char *buf) { return reader(buf); });
+    xmlCtxtUseOptions(
+        ctxt, XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_RECOVER);
+    feed_parser(ctxt, false, b, [&reader](char *buf) {
+        return reader(buf);
+    });
     xmlFreeParserCtxt(ctxt);
     return x.body_done || x.body > 0;
 }
@@ -659,7 +659,9 @@ bool epub_text(zip_t *z, TextBuilder *b)
             items.push_back(Item(id, href));
         }
     }
-    auto by_id = [](const Item &a, const Item &b) { return strcmp(a.first, b.first) < 0; };
+    auto by_id = [](const Item &a, const Item &b) {
+        return strcmp(a.first, b.first) < 0;
+    };
     std::stable_sort(items.begin(), items.end(), by_id);
     /* Each member is read once, however often the spine names it. */
     zip_int64_t entries = zip_get_num_entries(z, 0);
@@ -693,7 +695,9 @@ bool epub_text(zip_t *z, TextBuilder *b)
         read_before[(size_t)index] = 1;
         MemberReader reader(z, index);
         if (reader.ok) {
-            html_stream(b, false, [&reader](char *buf) { return reader(buf); });
+            html_stream(b, false, [&reader](char *buf) {
+                return reader(buf);
+            });
             b->end_line();
             any = true;
         }

@@ -207,13 +207,13 @@ struct ExtractedText {
 ** mark dropped); HTML as readable text (no markup, scripts or styles; entities decoded; block
 ** elements end lines); PDF through poppler, pages separated by a form feed and a line feed; DOCX
 ** and ODT paragraphs as lines; EPUB the chapters of its spine in order, as HTML is. Files larger
-** than max_size (0 = TRN_FILE_SIZE_MAX) are refused before reading; the text of a container or
-** an HTML file is read as a stream and cut at max_size bytes (out->cut), each EPUB chapter read
-** once however often the spine names it, so memory stays near the text's size whatever the
-** document. A file that needs more memory than there is fails alone, as UNREADABLE. Returns
-** INDEXABLE with *out filled, or TOO_LARGE, BINARY (type not indexable), NOT_UTF8, TOO_SHORT (fewer than
-** TRN_TEXT_MIN_CHARS characters other than white space) or UNREADABLE, with *out left empty.
-** Free with extracted_text_free in every case. */
+** than max_size (0 = TRN_FILE_SIZE_MAX) are refused before reading; the text of a container or an
+** HTML file is read as a stream and cut at max_size bytes (out->cut), each EPUB chapter read once
+** however often the spine names it, so memory stays near the text's size whatever the document. A
+** file that needs more memory than there is fails alone, as UNREADABLE. Returns INDEXABLE with *out
+** filled, or TOO_LARGE, BINARY (type not indexable), NOT_UTF8, TOO_SHORT (fewer than
+** TRN_TEXT_MIN_CHARS characters other than white space) or UNREADABLE, with *out left empty. Free
+** with extracted_text_free in every case. */
 TrnFileStatus extract_file_text(const char *path, TrnFileType type, uint64_t max_size,
                                 ExtractedText *out);
 

@@ -23,14 +23,8 @@ namespace
 const std::string CRASH_DRIVER = std::string(TRN_BIN_DIR) + "/../tests/trn_crash_driver";
 
 /* The calls that change files or their names, and those that create or lock them. */
-const char *const CALLS[] = {"openat",
-                             "write",
-                             "fsync",
-                             "renameat",
-                             "ftruncate",
-                             "unlinkat",
-                             "linkat",
-                             "flock"};
+const char *const CALLS[] = {
+    "openat", "write", "fsync", "renameat", "ftruncate", "unlinkat", "linkat", "flock"};
 
 struct Outcome {
     bool killed;
@@ -79,8 +73,8 @@ std::vector<int> writes_in_trace(const std::string &trace, const std::string &di
         bool reads = line.rfind("openat", 0) == 0 && line.find("O_CREAT") == std::string::npos
                      && line.find("O_WRONLY") == std::string::npos;
         /* strace -y shows a descriptor as <path>: files are reached from the directory's. */
-        bool in_dir = line.find(dir + "/") != std::string::npos
-                      || line.find(dir + ">") != std::string::npos;
+        bool in_dir =
+            line.find(dir + "/") != std::string::npos || line.find(dir + ">") != std::string::npos;
         if (in_dir && !reads) {
             numbers.push_back(n);
         }

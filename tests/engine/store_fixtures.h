@@ -285,6 +285,9 @@ inline void free_bare_engine(TrnEngine *e)
     if (e->lock_open) {
         close(e->lock_fd);
     }
+    if (e->turn_open) {
+        close(e->turn_fd);
+    }
     index_dir_close(e);
     for (uint64_t i = 0; i < e->count; i++) {
         free(e->chunks[i].text);

@@ -113,9 +113,10 @@ TEST(StoreFile, CheckpointWritesTheDocumentedLayout)
     EXPECT_EQ(memcmp(got.data(), head, sizeof head), 0);
     /* No temporary file is left behind; the commit record, the word index and the lock file
     ** stand beside it. */
-    EXPECT_EQ(dir_names(dir.path()),
-              (std::vector<std::string>{
-                  "tarnwick.bin", "tarnwick.commit", "tarnwick.lex", "tarnwick.lock"}));
+    EXPECT_EQ(
+        dir_names(dir.path()),
+        (std::vector<std::string>{
+            "tarnwick.bin", "tarnwick.commit", "tarnwick.lex", "tarnwick.lock", "tarnwick.turn"}));
     free_bare_engine(e);
 }
 
