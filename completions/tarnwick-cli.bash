@@ -62,7 +62,7 @@ _tarnwick_cli()
     case $command in
         index) options="--chunk-size --overlap --weights --exclude --extensions --max-file-size --verbose" ;;
         update | watch) options="--chunk-size --overlap --weights --json --exclude --extensions --max-file-size --verbose" ;;
-        search) options="--mode -k --weights --json --verbose" ;;
+        search) options="--mode -k --all-chunks --weights --json --verbose" ;;
         prompt) options="--scope --mode -k --weights --verbose" ;;
         files) options="--json --exclude --extensions --max-file-size --verbose" ;;
         stats) options="--json --verbose" ;;

@@ -58,6 +58,7 @@ case $command in
         _arguments $common $weights \
             "--mode=[how the query is matched]:mode:$modes" \
             '-k+[number of results]:count' \
+            '--all-chunks[one result per passage instead of per file]' \
             '--json[print JSON]' \
             '1:directory:_files -/' '2:query:'
         ;;
