@@ -484,13 +484,13 @@ void TestDirectoryState::statusTextReportsCountsAfterIndexing()
     QCOMPARE(fresh->ingestFilesDone(), 2);
     QCOMPARE(found.count(), 1);
     QCOMPARE(done.count(), 2);
-    QCOMPARE(fresh->statusText(), QStringLiteral("3 chunks from 2 files"));
+    QCOMPARE(fresh->statusText(), QStringLiteral("4 chunks from 2 files"));
 
     // The next tab on the same directory opens the checkpointed index.
     qDeleteAll(m_states);
     m_states.clear();
     DirectoryState *reopened = openState(m_dir->path());
-    QCOMPARE(reopened->statusText(), QStringLiteral("3 chunks from 2 files"));
+    QCOMPARE(reopened->statusText(), QStringLiteral("4 chunks from 2 files"));
     QVERIFY(reopened->isIndexed());
 
     reopened->loadFileList();
