@@ -497,7 +497,7 @@ void TestDirectoryState::statusTextReportsCountsAfterIndexing()
     QVERIFY(reopened->isLoadingFileList());
     QTRY_VERIFY(!reopened->isLoadingFileList());
     QCOMPARE(reopened->fileList().size(), 2);
-    QCOMPARE(reopened->fileList().at(0).chunkCount, 2);
+    QCOMPARE(reopened->fileList().at(0).chunkCount, 3);
 
     // A directory that has gone away fails to index.
     QTemporaryDir gone;
