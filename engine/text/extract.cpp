@@ -16,20 +16,15 @@
 **   PDF                      extract_pdf.cpp (poppler)
 **
 ** Containers are read through libzip; a member larger than CONTAINER_MEMBER_MAX bytes
-** uncompressed is refused, so a small archive cannot expand into gigabytes. HTML and the XML of
-** DOCX and ODT are parsed as event streams fed in FEED_BYTES pieces, never as trees, and stop
-** once the text reaches its cap; nesting depth costs nothing. The XML parser never loads external
-** entities or reaches the network.
+** uncompressed is refused, so a small archive cannot expand into gigabytes. The XML parser never
+** loads external entities or reaches the network.
 */
 #include "files.h"
 #include "internal.h"
 
-#include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
-#include <utility>
-#include <vector>
 
 #include <libxml/HTMLparser.h>
 #include <libxml/parser.h>
@@ -44,47 +39,29 @@ namespace
 {
 
 constexpr uint64_t CONTAINER_MEMBER_MAX = 256ull * 1024 * 1024;
-/* An EPUB's container and package documents are read whole, as trees: a few kB in practice. */
-constexpr uint64_t PACKAGE_MEMBER_MAX = 16ull * 1024 * 1024;
 
-/* A growing UTF-8 text with the white-space rules of running text, at most cap bytes: what
-** goes beyond is dropped (cut is set, and the parsers stop reading). Its buffer comes from
-** realloc, not xrealloc: a document too large for memory fails alone (failed is set) instead of
-** ending the process. */
+/* A growing UTF-8 text with the white-space rules of running text. */
 struct TextBuilder {
     char *data = nullptr;
     size_t length = 0;
     size_t capacity = 0;
     bool pending_space = false;
-    size_t cap = SIZE_MAX - 1;
-    bool cut = false;
-    bool failed = false;
+    /* When set, where the source line of the text changes: a break whenever bytes added come
+    ** from another line than the last ones did (see html_text_with_lines). */
+    HtmlLineMap *sources = nullptr;
+    int32_t source_line = 1;
 
-    ~TextBuilder() { free(data); }
-    bool full() const { return cut || failed; }
     void append(const char *s, size_t n)
     {
-        if (full()) {
-            return;
-        }
-        if (n > cap - length) {
-            n = cap - length;
-            while (n > 0 && (s[n] & 0xC0) == 0x80) {
-                n--; /* never cut a UTF-8 sequence */
-            }
-            cut = true;
+        if (sources && n > 0 && (sources->empty() || sources->back().line != source_line)) {
+            sources->push_back(HtmlSourceBreak{length, source_line});
         }
         if (length + n + 1 > capacity) {
             size_t c = capacity ? capacity : 256;
             while (c < length + n + 1) {
-                c = c > SIZE_MAX / 2 ? length + n + 1 : c * 2;
+                c = xmul(c, 2);
             }
-            char *grown = static_cast<char *>(realloc(data, c));
-            if (!grown) {
-                failed = true;
-                return;
-            }
-            data = grown;
+            data = static_cast<char *>(xrealloc(data, c));
             capacity = c;
         }
         memcpy(data + length, s, n);
@@ -101,6 +78,7 @@ struct TextBuilder {
             if (c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || nbsp) {
                 pending_space = true;
                 i += nbsp ? 1 : 0;
+                source_line += c == '\n' ? 1 : 0;
                 continue;
             }
             if (pending_space && !at_line_start() && data[length - 1] != ' '
@@ -114,7 +92,14 @@ struct TextBuilder {
     void add_raw(const char *s, size_t n)
     {
         pending_space = false;
-        append(s, n);
+        if (!sources) {
+            append(s, n);
+            return;
+        }
+        for (size_t i = 0; i < n; i++) {
+            append(s + i, 1);
+            source_line += s[i] == '\n' ? 1 : 0;
+        }
     }
     void end_line()
     {
@@ -126,26 +111,24 @@ struct TextBuilder {
             append("\n", 1);
         }
     }
-    /* The text, ending with a line break unless it was cut; NULL when memory ran out. The
-    ** builder is empty afterwards. */
     char *take(size_t *n)
     {
-        *n = 0;
-        if (failed) {
-            return nullptr;
-        }
         end_line();
-        if (failed) {
-            return nullptr;
+        if (!data) {
+            append("", 0);
         }
-        char *d = data ? data : static_cast<char *>(xcalloc(1, 1));
-        d[length] = '\0';
         *n = length;
+        char *d = data;
         data = nullptr;
         length = capacity = 0;
         return d;
     }
 };
+
+bool name_is(const xmlNode *node, const char *name)
+{
+    return node->name && strcasecmp(reinterpret_cast<const char *>(node->name), name) == 0;
+}
 
 bool name_in(const char *name, const char *const *names)
 {
@@ -155,6 +138,11 @@ bool name_in(const char *name, const char *const *names)
         }
     }
     return false;
+}
+
+HtmlElementKind kind_of(const xmlNode *node)
+{
+    return html_element_kind(reinterpret_cast<const char *>(node->name));
 }
 
 const char *const HTML_SKIPPED[] = {
@@ -167,126 +155,52 @@ const char *const HTML_BLOCKS[] = {
     "caption", "fieldset", "legend", "details",  "summary", "body",       "html", "thead",
     "tbody",   "tfoot",    "option", "textarea", "center",  nullptr};
 
-/* Markup is read as a stream of events (libxml2's SAX interface), never as a tree: memory stays
-** that of the text, however deep the nesting, and reading stops once the text is full. */
-constexpr size_t FEED_BYTES = 64 * 1024;
-
-/* HTML: text outside skipped elements and the head (its title excepted), raw inside <pre>. */
-struct HtmlState {
-    TextBuilder *b;
-    int32_t skipped; /* open elements since a skipped one began; 0 outside */
-    int32_t head;    /* open elements since the head began; 0 outside */
-    int32_t title;   /* open title elements inside the head */
-    int32_t pre;     /* open pre elements */
-};
-
-void html_start(void *ctx, const xmlChar *tag, const xmlChar **)
+void html_walk(const xmlNode *node, TextBuilder *b, bool in_pre)
 {
-    HtmlState *h = static_cast<HtmlState *>(ctx);
-    const char *name = reinterpret_cast<const char *>(tag);
-    if (h->skipped > 0 || html_element_kind(name) == HTML_ELEMENT_SKIPPED) {
-        h->skipped++;
-        return;
-    }
-    if (h->head > 0) {
-        h->head++;
-        h->title += strcasecmp(name, "title") == 0 ? 1 : 0;
-        return;
-    }
-    if (strcasecmp(name, "head") == 0) {
-        h->head = 1;
-        return;
-    }
-    if (html_element_kind(name) == HTML_ELEMENT_BLOCK) {
-        h->b->end_line();
-    } else if (strcasecmp(name, "td") == 0 || strcasecmp(name, "th") == 0) {
-        h->b->pending_space = true;
-    }
-    h->pre += strcasecmp(name, "pre") == 0 ? 1 : 0;
-}
-
-void html_end(void *ctx, const xmlChar *tag)
-{
-    HtmlState *h = static_cast<HtmlState *>(ctx);
-    const char *name = reinterpret_cast<const char *>(tag);
-    if (h->skipped > 0) {
-        h->skipped--;
-        return;
-    }
-    if (h->head > 0) {
-        h->head--;
-        if (h->title > 0 && strcasecmp(name, "title") == 0) {
-            h->title--;
-            h->b->end_line();
+    for (const xmlNode *n = node; n; n = n->next) {
+        if (n->type == XML_TEXT_NODE || n->type == XML_CDATA_SECTION_NODE) {
+            const char *text = reinterpret_cast<const char *>(n->content);
+            if (text && b->sources) {
+                /* The parser stamps a text node with the line on which it ends. */
+                long line = xmlGetLineNo(n);
+                for (const char *c = text; *c; c++) {
+                    line -= *c == '\n' ? 1 : 0;
+                }
+                b->source_line = (int32_t)line;
+            }
+            if (text) {
+                if (in_pre) {
+                    b->add_raw(text, strlen(text));
+                } else {
+                    b->add_running(text, strlen(text));
+                }
+            }
+            continue;
         }
-        return;
-    }
-    if (h->pre > 0 && strcasecmp(name, "pre") == 0) {
-        h->pre--;
-    }
-    if (html_element_kind(name) == HTML_ELEMENT_BLOCK) {
-        h->b->end_line();
-    }
-}
-
-void html_characters(void *ctx, const xmlChar *text, int n)
-{
-    HtmlState *h = static_cast<HtmlState *>(ctx);
-    if (h->skipped > 0 || (h->head > 0 && h->title == 0) || n <= 0) {
-        return;
-    }
-    if (h->pre > 0) {
-        h->b->add_raw(reinterpret_cast<const char *>(text), (size_t)n);
-    } else {
-        h->b->add_running(reinterpret_cast<const char *>(text), (size_t)n);
-    }
-}
-
-/* Feeds bytes to a push parser until they end, the text is full or the parser fails; read
-** gives the next bytes (up to FEED_BYTES) and returns how many, 0 at the end, -1 on an error. */
-template <typename Read>
-void feed_parser(xmlParserCtxtPtr ctxt, bool html, TextBuilder *b, Read read)
-{
-    char buf[FEED_BYTES];
-    for (;;) {
-        long n = read(buf);
-        bool last = n <= 0 || b->full();
-        int rc = html ? htmlParseChunk(ctxt, n > 0 ? buf : nullptr, n > 0 ? (int)n : 0, last)
-                      : xmlParseChunk(ctxt, n > 0 ? buf : nullptr, n > 0 ? (int)n : 0, last);
-        if (last || b->full()) {
-            break;
+        if (n->type != XML_ELEMENT_NODE || kind_of(n) == HTML_ELEMENT_SKIPPED) {
+            continue;
         }
-        if (rc != 0 && !ctxt->recovery) {
-            break;
+        if (name_is(n, "head")) {
+            /* Only the title of the head is text a reader sees. */
+            for (const xmlNode *c = n->children; c; c = c->next) {
+                if (c->type == XML_ELEMENT_NODE && name_is(c, "title")) {
+                    html_walk(c->children, b, false);
+                    b->end_line();
+                }
+            }
+            continue;
         }
-        if (ctxt->disableSAX == 1 && ctxt->instate == XML_PARSER_EOF) {
-            break;
+        bool block = kind_of(n) == HTML_ELEMENT_BLOCK;
+        if (block) {
+            b->end_line();
+        } else if (name_is(n, "td") || name_is(n, "th")) {
+            b->pending_space = true;
+        }
+        html_walk(n->children, b, in_pre || name_is(n, "pre"));
+        if (block) {
+            b->end_line();
         }
     }
-}
-
-/* Adds the readable text of an HTML document that read yields (see feed_parser). utf8: the
-** bytes are known to be UTF-8; otherwise the document's own declaration decides. */
-template <typename Read>
-void html_stream(TextBuilder *b, bool utf8, Read read)
-{
-    HtmlState h = {b, 0, 0, 0, 0};
-    htmlSAXHandler sax;
-    memset(&sax, 0, sizeof sax);
-    sax.startElement = html_start;
-    sax.endElement = html_end;
-    sax.characters = html_characters;
-    sax.cdataBlock = html_characters;
-    htmlParserCtxtPtr ctxt = htmlCreatePushParserCtxt(
-        &sax, &h, nullptr, 0, nullptr, utf8 ? XML_CHAR_ENCODING_UTF8 : XML_CHAR_ENCODING_NONE);
-    if (!ctxt) {
-        b->failed = true;
-        return;
-    }
-    htmlCtxtUseOptions(
-        ctxt, HTML_PARSE_RECOVER | HTML_PARSE_NOERROR | HTML_PARSE_NOWARNING | HTML_PARSE_NONET);
-    feed_parser(ctxt, true, b, read);
-    htmlFreeParserCtxt(ctxt);
 }
 
 /* A strict UTF-8 check: no overlong forms, surrogates or values above U+10FFFF. */
@@ -357,11 +271,7 @@ char *read_file(const char *path, uint64_t max, size_t *n)
         return nullptr;
     }
     size_t size = (size_t)st.st_size;
-    char *buf = static_cast<char *>(malloc(size + 2)); /* NULL fails this file alone */
-    if (!buf) {
-        fclose(f);
-        return nullptr;
-    }
+    char *buf = static_cast<char *>(xmalloc(size + 2));
     size_t got = fread(buf, 1, size + 1, f); /* one more: a file that grew is refused */
     fclose(f);
     if (got != size) {
@@ -373,8 +283,7 @@ char *read_file(const char *path, uint64_t max, size_t *n)
     return buf;
 }
 
-/* The bytes of one small member of an open ZIP archive (the EPUB's container and package
-** documents); NULL when absent, larger than PACKAGE_MEMBER_MAX or damaged. */
+/* The bytes of one member of an open ZIP archive; NULL when absent, too large or damaged. */
 char *zip_member(zip_t *z, const char *name, size_t *n)
 {
     zip_int64_t index = zip_name_locate(z, name, 0);
@@ -384,7 +293,7 @@ char *zip_member(zip_t *z, const char *name, size_t *n)
     zip_stat_t st;
     zip_stat_init(&st);
     if (zip_stat_index(z, (zip_uint64_t)index, 0, &st) != 0 || !(st.valid & ZIP_STAT_SIZE)
-        || st.size > PACKAGE_MEMBER_MAX) {
+        || st.size > CONTAINER_MEMBER_MAX) {
         return nullptr;
     }
     zip_file_t *f = zip_fopen_index(z, (zip_uint64_t)index, 0);
@@ -428,160 +337,64 @@ const char *attr(const xmlNode *n, const char *name)
     return nullptr;
 }
 
-/* DOCX and ODT: the text of the document body, by local element names (w:t, text:p, ...). */
-struct XmlState {
-    TextBuilder *b;
-    bool odt;
-    int32_t body;    /* open elements since the body began; 0 outside */
-    bool body_done;  /* only the first body counts */
-    int32_t skipped; /* open elements since a skipped one began */
-    int32_t text;    /* DOCX: open w:t elements, whose characters are the text */
-};
-
-bool local_is(const xmlChar *name, const char *want)
+void docx_walk(const xmlNode *node, TextBuilder *b)
 {
-    return strcmp(reinterpret_cast<const char *>(name), want) == 0;
-}
-
-void xml_start(void *ctx, const xmlChar *name, const xmlChar *, const xmlChar *, int,
-               const xmlChar **, int attribute_count, int, const xmlChar **attributes)
-{
-    XmlState *x = static_cast<XmlState *>(ctx);
-    if (x->body == 0) {
-        if (!x->body_done && local_is(name, "body")) {
-            x->body = 1;
+    for (const xmlNode *n = node; n; n = n->next) {
+        if (n->type != XML_ELEMENT_NODE) {
+            continue;
         }
-        return;
-    }
-    x->body++;
-    if (x->skipped > 0) {
-        x->skipped++;
-        return;
-    }
-    TextBuilder *b = x->b;
-    if (!x->odt) {
-        if (local_is(name, "t")) {
-            x->text++;
-        } else if (local_is(name, "tab")) {
+        const char *name = reinterpret_cast<const char *>(n->name);
+        if (strcmp(name, "t") == 0) {
+            for (const xmlNode *c = n->children; c; c = c->next) {
+                if (c->content && (c->type == XML_TEXT_NODE || c->type == XML_CDATA_SECTION_NODE)) {
+                    b->add_raw(reinterpret_cast<const char *>(c->content),
+                               strlen(reinterpret_cast<const char *>(c->content)));
+                }
+            }
+        } else if (strcmp(name, "tab") == 0) {
             b->add_raw("\t", 1);
-        } else if (local_is(name, "br") || local_is(name, "cr")) {
+        } else if (strcmp(name, "br") == 0 || strcmp(name, "cr") == 0) {
             b->add_raw("\n", 1);
-        } else if (local_is(name, "delText") || local_is(name, "instrText")) {
-            x->skipped = 1;
-        }
-        return;
-    }
-    if (local_is(name, "s")) {
-        long count = 1;
-        /* attributes: localname, prefix, URI, value, end for each */
-        for (int i = 0; i < attribute_count; i++) {
-            const xmlChar **at = attributes + 5 * i;
-            if (local_is(at[0], "c") && at[3] && at[4] > at[3]) {
-                char digits[16];
-                size_t len = std::min<size_t>((size_t)(at[4] - at[3]), sizeof digits - 1);
-                memcpy(digits, at[3], len);
-                digits[len] = '\0';
-                count = strtol(digits, nullptr, 10);
+        } else if (strcmp(name, "delText") != 0 && strcmp(name, "instrText") != 0) {
+            docx_walk(n->children, b);
+            if (strcmp(name, "p") == 0) {
+                b->end_line();
             }
         }
-        for (long i = 0; i < count && i < 1000; i++) {
-            b->add_raw(" ", 1);
-        }
-    } else if (local_is(name, "tab")) {
-        b->add_raw("\t", 1);
-    } else if (local_is(name, "line-break")) {
-        b->add_raw("\n", 1);
-    } else if (local_is(name, "annotation") || local_is(name, "note-citation")) {
-        x->skipped = 1;
     }
 }
 
-void xml_end(void *ctx, const xmlChar *name, const xmlChar *, const xmlChar *)
+void odt_walk(const xmlNode *node, TextBuilder *b)
 {
-    XmlState *x = static_cast<XmlState *>(ctx);
-    if (x->body == 0) {
-        return;
-    }
-    x->body--;
-    if (x->body == 0) {
-        x->body_done = true;
-        return;
-    }
-    if (x->skipped > 0) {
-        x->skipped--;
-        return;
-    }
-    if (!x->odt && x->text > 0 && local_is(name, "t")) {
-        x->text--;
-    }
-    if (local_is(name, "p") || (x->odt && local_is(name, "h"))) {
-        x->b->end_line();
-    }
-}
-
-void xml_characters(void *ctx, const xmlChar *text, int n)
-{
-    XmlState *x = static_cast<XmlState *>(ctx);
-    if (x->body > 0 && x->skipped == 0 && (x->odt || x->text > 0) && n > 0) {
-        x->b->add_raw(reinterpret_cast<const char *>(text), (size_t)n);
-    }
-}
-
-/* Streams one member of an open archive through read's callers: each call gives up to
-** FEED_BYTES more bytes. A member larger than CONTAINER_MEMBER_MAX uncompressed is refused. */
-struct MemberReader {
-    zip_file_t *f = nullptr;
-    bool ok = false;
-    MemberReader(zip_t *z, zip_int64_t index)
-    {
-        zip_stat_t st;
-        zip_stat_init(&st);
-        if (index >= 0 && zip_stat_index(z, (zip_uint64_t)index, 0, &st) == 0
-            && (st.valid & ZIP_STAT_SIZE) && st.size <= CONTAINER_MEMBER_MAX) {
-            f = zip_fopen_index(z, (zip_uint64_t)index, 0);
-            ok = f != nullptr;
+    for (const xmlNode *n = node; n; n = n->next) {
+        if (n->type == XML_TEXT_NODE || n->type == XML_CDATA_SECTION_NODE) {
+            if (n->content) {
+                b->add_raw(reinterpret_cast<const char *>(n->content),
+                           strlen(reinterpret_cast<const char *>(n->content)));
+            }
+            continue;
+        }
+        if (n->type != XML_ELEMENT_NODE) {
+            continue;
+        }
+        const char *name = reinterpret_cast<const char *>(n->name);
+        if (strcmp(name, "s") == 0) {
+            const char *c = attr(n, "c");
+            long count = c ? strtol(c, nullptr, 10) : 1;
+            for (long i = 0; i < count && i < 1000; i++) {
+                b->add_raw(" ", 1);
+            }
+        } else if (strcmp(name, "tab") == 0) {
+            b->add_raw("\t", 1);
+        } else if (strcmp(name, "line-break") == 0) {
+            b->add_raw("\n", 1);
+        } else if (strcmp(name, "annotation") != 0 && strcmp(name, "note-citation") != 0) {
+            odt_walk(n->children, b);
+            if (strcmp(name, "p") == 0 || strcmp(name, "h") == 0) {
+                b->end_line();
+            }
         }
     }
-    ~MemberReader()
-    {
-        if (f) {
-            zip_fclose(f);
-        }
-    }
-    long operator()(char *buf)
-    {
-        zip_int64_t got = zip_fread(f, buf, FEED_BYTES);
-        return got < 0 ? -1 : (long)got;
-    }
-};
-
-/* The text of the body of a DOCX or ODT XML member, streamed. False when it is missing. */
-bool container_xml_text(zip_t *z, const char *member, bool odt, TextBuilder *b)
-{
-    MemberReader reader(z, zip_name_locate(z, member, 0));
-    if (!reader.ok) {
-        return false;
-    }
-    XmlState x = {b, odt, 0, false, 0, 0};
-    xmlSAXHandler sax;
-    memset(&sax, 0, sizeof sax);
-    sax.initialized = XML_SAX2_MAGIC;
-    sax.startElementNs = xml_start;
-    sax.endElementNs = xml_end;
-    sax.characters = xml_characters;
-    sax.cdataBlock = xml_characters;
-    xmlParserCtxtPtr ctxt = xmlCreatePushParserCtxt(&sax, &x, nullptr, 0, nullptr);
-    if (!ctxt) {
-        b->failed = true;
-        return false;
-    }
-    xmlCtxtUseOptions(
-        ctxt, XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_RECOVER);
-    feed_parser(ctxt, false, b, [&reader](char *buf) {
-        return reader(buf);
-    });
-    xmlFreeParserCtxt(ctxt);
-    return x.body_done || x.body > 0;
 }
 
 const xmlNode *find_element(const xmlNode *node, const char *name)
@@ -599,6 +412,38 @@ const xmlNode *find_element(const xmlNode *node, const char *name)
         }
     }
     return nullptr;
+}
+
+/* Text of an XML member of a container, walked by walk from the root element. */
+bool container_xml_text(zip_t *z, const char *member, void (*walk)(const xmlNode *, TextBuilder *),
+                        const char *body, TextBuilder *b)
+{
+    size_t n = 0;
+    char *bytes = zip_member(z, member, &n);
+    if (!bytes) {
+        return false;
+    }
+    xmlDoc *doc = parse_xml(bytes, n);
+    free(bytes);
+    if (!doc) {
+        return false;
+    }
+    const xmlNode *root = xmlDocGetRootElement(doc);
+    const xmlNode *start = root ? find_element(root, body) : nullptr;
+    if (start) {
+        walk(start->children, b);
+    }
+    xmlFreeDoc(doc);
+    return start != nullptr;
+}
+
+void html_into(const char *html, size_t n, TextBuilder *b)
+{
+    size_t len = 0;
+    char *text = html_to_text(html, n, &len);
+    b->add_raw(text, len);
+    b->end_line();
+    free(text);
 }
 
 /* Decodes %XX escapes of an href in place. */
@@ -649,35 +494,23 @@ bool epub_text(zip_t *z, TextBuilder *b)
     const xmlNode *root = xmlDocGetRootElement(opf);
     const xmlNode *manifest = root ? find_element(root, "manifest") : nullptr;
     const xmlNode *spine = root ? find_element(root, "spine") : nullptr;
-    /* The manifest's items sorted by id, so each spine entry is found in log time. */
-    using Item = std::pair<const char *, const char *>; /* id, href */
-    std::vector<Item, XAllocator<Item>> items;
-    for (const xmlNode *item = manifest ? manifest->children : nullptr; item; item = item->next) {
-        const char *id = item->type == XML_ELEMENT_NODE ? attr(item, "id") : nullptr;
-        const char *href = id ? attr(item, "href") : nullptr;
-        if (href) {
-            items.push_back(Item(id, href));
-        }
-    }
-    auto by_id = [](const Item &a, const Item &b) {
-        return strcmp(a.first, b.first) < 0;
-    };
-    std::stable_sort(items.begin(), items.end(), by_id);
-    /* Each member is read once, however often the spine names it. */
-    zip_int64_t entries = zip_get_num_entries(z, 0);
-    std::vector<uint8_t, XAllocator<uint8_t>> read_before(entries > 0 ? (size_t)entries : 0, 0);
     bool any = false;
-    for (const xmlNode *ref = spine ? spine->children : nullptr; ref && !b->full();
-         ref = ref->next) {
+    for (const xmlNode *ref = spine ? spine->children : nullptr; ref; ref = ref->next) {
         const char *idref = ref->type == XML_ELEMENT_NODE ? attr(ref, "idref") : nullptr;
-        if (!idref) {
+        if (!idref || !manifest) {
             continue;
         }
-        auto found = std::lower_bound(items.begin(), items.end(), Item(idref, nullptr), by_id);
-        if (found == items.end() || strcmp(found->first, idref) != 0) {
+        const char *href = nullptr;
+        for (const xmlNode *item = manifest->children; item; item = item->next) {
+            const char *id = item->type == XML_ELEMENT_NODE ? attr(item, "id") : nullptr;
+            if (id && strcmp(id, idref) == 0) {
+                href = attr(item, "href");
+                break;
+            }
+        }
+        if (!href) {
             continue;
         }
-        const char *href = found->second;
         size_t href_len = strlen(href);
         char *member = static_cast<char *>(xmalloc(dir_len + href_len + 1));
         memcpy(member, opf_name, dir_len);
@@ -687,39 +520,18 @@ bool epub_text(zip_t *z, TextBuilder *b)
             *hash = '\0';
         }
         percent_decode(member);
-        zip_int64_t index = zip_name_locate(z, member, 0);
+        size_t chapter_len = 0;
+        char *chapter = zip_member(z, member, &chapter_len);
         free(member);
-        if (index < 0 || index >= entries || read_before[(size_t)index]) {
-            continue;
-        }
-        read_before[(size_t)index] = 1;
-        MemberReader reader(z, index);
-        if (reader.ok) {
-            html_stream(b, false, [&reader](char *buf) {
-                return reader(buf);
-            });
-            b->end_line();
+        if (chapter) {
+            html_into(chapter, chapter_len, b);
+            free(chapter);
             any = true;
         }
     }
     xmlFreeDoc(opf);
     free(opf_name);
     return any;
-}
-
-/* Adds the readable text of n bytes of HTML. Without a declared charset the parser would take
-** Latin-1: text that is valid UTF-8 is read as UTF-8, anything else is left to the document's
-** own declaration. */
-void html_bytes_into(TextBuilder *b, const char *html, size_t n)
-{
-    bool utf8 = valid_utf8(reinterpret_cast<const unsigned char *>(html), n);
-    size_t at = 0;
-    html_stream(b, utf8, [html, n, &at](char *buf) {
-        size_t part = std::min(n - at, FEED_BYTES);
-        memcpy(buf, html + at, part);
-        at += part;
-        return (long)part;
-    });
 }
 
 TrnFileStatus container_text(const char *path, TrnFileType type, TextBuilder *b)
@@ -731,9 +543,9 @@ TrnFileStatus container_text(const char *path, TrnFileType type, TextBuilder *b)
     }
     bool ok = false;
     if (type == TRN_FILE_TYPE_DOCX) {
-        ok = container_xml_text(z, "word/document.xml", false, b);
+        ok = container_xml_text(z, "word/document.xml", docx_walk, "body", b);
     } else if (type == TRN_FILE_TYPE_ODT) {
-        ok = container_xml_text(z, "content.xml", true, b);
+        ok = container_xml_text(z, "content.xml", odt_walk, "body", b);
     } else {
         ok = epub_text(z, b);
     }
@@ -751,12 +563,72 @@ HtmlElementKind html_element_kind(const char *name)
     return name_in(name, HTML_BLOCKS) ? HTML_ELEMENT_BLOCK : HTML_ELEMENT_INLINE;
 }
 
-char *html_to_text(const char *html, size_t n, size_t *out_len)
+namespace
+{
+
+/* html_to_text, recording the source line of each line of the text in sources when not NULL. */
+char *html_text_of(const char *html, size_t n, size_t *out_len, HtmlLineMap *sources)
 {
     TextBuilder b;
-    html_bytes_into(&b, html, n);
-    char *text = b.take(out_len);
-    return text ? text : static_cast<char *>(xcalloc(1, 1));
+    b.sources = sources;
+    if (n > 0 && n <= (size_t)INT32_MAX) {
+        /* Without a declared charset the parser would take Latin-1; text that is valid UTF-8 is
+        ** read as UTF-8, anything else is left to the document's own declaration. */
+        const char *encoding =
+            valid_utf8(reinterpret_cast<const unsigned char *>(html), n) ? "UTF-8" : nullptr;
+        htmlDocPtr doc = htmlReadMemory(html,
+                                        (int)n,
+                                        nullptr,
+                                        encoding,
+                                        HTML_PARSE_RECOVER | HTML_PARSE_NOERROR
+                                            | HTML_PARSE_NOWARNING | HTML_PARSE_NONET);
+        if (doc) {
+            html_walk(xmlDocGetRootElement(doc), &b, false);
+            xmlFreeDoc(doc);
+        }
+    }
+    return b.take(out_len);
+}
+
+} // namespace
+
+char *html_to_text(const char *html, size_t n, size_t *out_len)
+{
+    return html_text_of(html, n, out_len, nullptr);
+}
+
+char *html_text_with_lines(const char *path, size_t *len, HtmlLineMap *map)
+{
+    map->clear();
+    size_t n = 0;
+    char *bytes = read_file(path, TRN_FILE_SIZE_MAX, &n);
+    if (!bytes) {
+        return nullptr;
+    }
+    char *text = html_text_of(bytes, n, len, map);
+    free(bytes);
+    /* The parser stamps lines past 65535 as 65535: such a map is not trusted. */
+    for (const HtmlSourceBreak &b : *map) {
+        if (b.line < 1 || b.line >= 65535) {
+            map->clear();
+            break;
+        }
+    }
+    return text;
+}
+
+int32_t html_source_line(const HtmlLineMap &map, size_t offset)
+{
+    size_t lo = 0, hi = map.size();
+    while (lo < hi) {
+        size_t mid = (lo + hi) / 2;
+        if (map[mid].offset <= offset) {
+            lo = mid + 1;
+        } else {
+            hi = mid;
+        }
+    }
+    return lo == 0 ? 0 : map[lo - 1].line;
 }
 
 TrnFileStatus extract_file_text(const char *path, TrnFileType type, uint64_t max_size,
@@ -787,13 +659,8 @@ TrnFileStatus extract_file_text(const char *path, TrnFileType type, uint64_t max
     } else if (type == TRN_FILE_TYPE_DOCX || type == TRN_FILE_TYPE_ODT
                || type == TRN_FILE_TYPE_EPUB) {
         TextBuilder b;
-        b.cap = max_size;
         TrnFileStatus status = container_text(path, type, &b);
-        out->cut = b.cut ? 1 : 0;
         out->text = b.take(&out->length);
-        if (!out->text) {
-            return TRN_FILE_STATUS_UNREADABLE; /* out of memory: this file alone fails */
-        }
         if (status != TRN_FILE_STATUS_INDEXABLE) {
             extracted_text_free(out);
             return status;
@@ -805,15 +672,8 @@ TrnFileStatus extract_file_text(const char *path, TrnFileType type, uint64_t max
             return TRN_FILE_STATUS_UNREADABLE;
         }
         if (type == TRN_FILE_TYPE_HTML) {
-            TextBuilder b;
-            b.cap = max_size;
-            html_bytes_into(&b, bytes, n);
+            out->text = html_to_text(bytes, n, &out->length);
             free(bytes);
-            out->cut = b.cut ? 1 : 0;
-            out->text = b.take(&out->length);
-            if (!out->text) {
-                return TRN_FILE_STATUS_UNREADABLE; /* out of memory: this file alone fails */
-            }
         } else {
             if (memchr(bytes, 0, n)) {
                 free(bytes);

@@ -30,6 +30,10 @@
 
 #include "tarnwick.h"
 
+#include "alloc.h"
+
+#include <vector>
+
 #include <stddef.h>
 #include <stdint.h>
 
@@ -200,20 +204,16 @@ struct ExtractedText {
     ** page order; empty pages have the offset of the next). NULL for other types. */
     uint64_t *page_starts;
     int32_t page_count;
-    uint8_t cut; /* the text was cut at the size limit (HTML, DOCX, ODT, EPUB) */
 };
 
 /* Reads the text of path as type says: Text, Source and Markdown as UTF-8 (a leading byte order
 ** mark dropped); HTML as readable text (no markup, scripts or styles; entities decoded; block
 ** elements end lines); PDF through poppler, pages separated by a form feed and a line feed; DOCX
 ** and ODT paragraphs as lines; EPUB the chapters of its spine in order, as HTML is. Files larger
-** than max_size (0 = TRN_FILE_SIZE_MAX) are refused before reading; the text of a container or an
-** HTML file is read as a stream and cut at max_size bytes (out->cut), each EPUB chapter read once
-** however often the spine names it, so memory stays near the text's size whatever the document. A
-** file that needs more memory than there is fails alone, as UNREADABLE. Returns INDEXABLE with *out
+** than max_size (0 = TRN_FILE_SIZE_MAX) are refused before reading. Returns INDEXABLE with *out
 ** filled, or TOO_LARGE, BINARY (type not indexable), NOT_UTF8, TOO_SHORT (fewer than
-** TRN_TEXT_MIN_CHARS characters other than white space) or UNREADABLE, with *out left empty. Free
-** with extracted_text_free in every case. */
+** TRN_TEXT_MIN_CHARS characters other than white space) or UNREADABLE, with *out left empty.
+** Free with extracted_text_free in every case. */
 TrnFileStatus extract_file_text(const char *path, TrnFileType type, uint64_t max_size,
                                 ExtractedText *out);
 
@@ -222,6 +222,20 @@ void extracted_text_free(ExtractedText *t);
 /* The readable text of an HTML document of n bytes (see extract_file_text). Returns an xmalloc'd
 ** string (never NULL; empty when nothing could be parsed) and its length in *out_len. */
 char *html_to_text(const char *html, size_t n, size_t *out_len);
+
+/* From byte offset on, the text html_to_text gives comes from the 1-based source line line. */
+struct HtmlSourceBreak {
+    size_t offset;
+    int32_t line;
+};
+using HtmlLineMap = std::vector<HtmlSourceBreak, XAllocator<HtmlSourceBreak>>;
+/* Reads the HTML file at path (at most TRN_FILE_SIZE_MAX bytes) as html_to_text does. Returns its
+** text (xmalloc'd, its length in *len) and fills map with where the source line changes, in
+** order of offset; NULL when the file cannot be read. map is left empty when the file has lines
+** past 65535, which the parser does not number. */
+char *html_text_with_lines(const char *path, size_t *len, HtmlLineMap *map);
+/* The source line of the text's byte at offset, by map; 0 when map says nothing of it. */
+int32_t html_source_line(const HtmlLineMap &map, size_t offset);
 
 /* How html_to_text reads an element, by its name in any case (NULL: inline): SKIPPED, its content
 ** is never text (script, style, svg, ...); BLOCK, it ends the line before and after it (p, div,
