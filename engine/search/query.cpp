@@ -259,7 +259,7 @@ void rank_text(TrnEngine *e, const char *query, int32_t depth, Ranking *out)
 {
     size_t qlen = strlen(query);
     if (qlen > 0 && strspn(query, " \t\r\n\f\v") == qlen) {
-        return 0; /* white space alone is in nearly every chunk: it finds nothing */
+        return; /* white space alone is in nearly every chunk: it finds nothing */
     }
     std::unique_ptr<unsigned char, FreeDeleter> lowered((unsigned char *)xmalloc(qlen + 1));
     unsigned char *nl = lowered.get();
