@@ -79,6 +79,9 @@ DirectoryState::DirectoryState(const DirectoryTab &tab, const EncoderChoice *enc
     // searched by meaning with this one: build it again.
     if (stats.chunk_count >= 1 && !EncoderRecord::matches(m_directoryPath, weights)) {
         rebuildWith(weights);
+    } else if (m_engine->isOpen() && m_settings->isIndexingUnfinished(m_directoryPath)) {
+        // Killed or closed while indexing: the files committed then stay, the rest follow.
+        update();
     }
     if (m_settings->watchDirectories()) {
         m_watcher = new DirectoryWatcher(m_directoryPath, m_settings->watchSettleMs(), this);
@@ -192,6 +195,7 @@ void DirectoryState::runIndexing(int chunkSize, int overlap, bool checkpoint)
     m_ingestClock.start();
     setIngestProgress(0, 0, 0);
     setStatusText(QStringLiteral("Indexing..."));
+    m_settings->setIndexingUnfinished(m_directoryPath, true);
     std::shared_ptr<TarnwickEngine> engine = m_engine;
     const QString directory = m_directoryPath;
     const QString weights = m_weightsPath;
@@ -206,6 +210,11 @@ void DirectoryState::runIndexing(int chunkSize, int overlap, bool checkpoint)
                 }
                 promise.setProgressValueAndText(done, QString::number(chunks));
             };
+            // An empty index takes this encoder before its first chunk is committed, so an
+            // indexing that is killed half-way is continued at the next start, not rebuilt.
+            if (engine->stats().chunk_count == 0) {
+                EncoderRecord::write(directory, weights);
+            }
             const int n = engine->ingestDirectory(chunkSize, overlap, progress);
             // A failed update is not committed: what it logged stays in the log.
             const bool saved = n >= 0 && (!checkpoint || engine->checkpoint());
@@ -233,6 +242,9 @@ void DirectoryState::indexingFinished(const EngineOutcome &r)
         m_settings->setValue(QStringLiteral("indexingChunksPerSecond"), r.added / seconds);
     }
     setIsIngesting(false);
+    if (r.ok) {
+        m_settings->setIndexingUnfinished(m_directoryPath, false);
+    }
     setStatusText(r.ok ? countsText(r.stats) : failureText(r.error));
     if (r.added >= 0 && !r.ok && r.status == TRN_STATUS_BUSY) {
         retryCheckpoint(1);

@@ -433,6 +433,25 @@ void Settings::setPinnedResultsData(const QString &directoryPath, const QByteArr
     writeData(directoryKey(QLatin1String(kPinnedResultsPrefix), directoryPath), json);
 }
 
+bool Settings::isIndexingUnfinished(const QString &directoryPath) const
+{
+    const QString key = directoryKey(QLatin1String(kIndexingUnfinishedPrefix), directoryPath);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_storage->value(key).toBool();
+}
+
+void Settings::setIndexingUnfinished(const QString &directoryPath, bool unfinished)
+{
+    const QString key = directoryKey(QLatin1String(kIndexingUnfinishedPrefix), directoryPath);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (unfinished) {
+        m_storage->setValue(key, true);
+    } else {
+        m_storage->remove(key);
+    }
+    m_storage->sync();
+}
+
 std::optional<QString> Settings::encoderOverride(const QString &directoryPath) const
 {
     return readString(directoryKey(QLatin1String(kEncoderOverridePrefix), directoryPath));

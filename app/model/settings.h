@@ -33,6 +33,8 @@
 **   searchHistory_<path>     JSON bytes    absent   a tab's search history
 **   pinnedResults_<path>     JSON bytes    absent   a tab's pinned results
 **   encoderOverride_<path>   string UUID   absent   a tab's encoder override
+**   indexingUnfinished_<path> bool         false    an indexing of the directory began and has
+**                                                   not finished: the tab goes on with it
 **   trainingProfiles         JSON bytes    absent   all training profiles
 **   defaultTrainingProfile   string UUID   absent   id of the default training profile
 **
@@ -95,6 +97,7 @@ public:
     static constexpr const char *kSearchHistoryPrefix = "searchHistory_";
     static constexpr const char *kPinnedResultsPrefix = "pinnedResults_";
     static constexpr const char *kEncoderOverridePrefix = "encoderOverride_";
+    static constexpr const char *kIndexingUnfinishedPrefix = "indexingUnfinished_";
 
     // Takes ownership of storage.
     explicit Settings(QSettings *storage, QObject *parent = nullptr);
@@ -171,6 +174,9 @@ public:
     void setPinnedResultsData(const QString &directoryPath, const QByteArray &json);
     std::optional<QString> encoderOverride(const QString &directoryPath) const;
     void setEncoderOverride(const QString &directoryPath, const std::optional<QString> &uuidText);
+    // Written to disk at once: what it records must survive the process being killed.
+    bool isIndexingUnfinished(const QString &directoryPath) const;
+    void setIndexingUnfinished(const QString &directoryPath, bool unfinished);
 
     // Training profiles.
     QByteArray trainingProfilesData() const;
