@@ -87,9 +87,9 @@ int main(int argc, char **argv)
     QTemporaryDir home;
     QTemporaryDir tree;
     qputenv("HOME", QFile::encodeName(home.path()));
-    Settings::setStandard(new Settings(
-        new QSettings(home.filePath(QStringLiteral("settings.ini")), QSettings::IniFormat)));
-    Settings::standard()->setValue(QStringLiteral("watchSettleMs"), settle);
+    Settings settings(
+        new QSettings(home.filePath(QStringLiteral("settings.ini")), QSettings::IniFormat));
+    settings.setValue(QStringLiteral("watchSettleMs"), settle);
     TarnwickEngine::setVerbose(false);
     const QString root = given.isEmpty() ? tree.path() : given;
     for (int i = 0; given.isEmpty() && i < files; i++) {
@@ -106,7 +106,7 @@ int main(int argc, char **argv)
         EncoderRecord::write(root, QString()); // update_bench's encoder: the untrained one
     }
     tab.name = QStringLiteral("tree");
-    DirectoryState state(tab, nullptr); // the untrained encoder
+    DirectoryState state(tab, nullptr, &settings); // the untrained encoder
     QElapsedTimer clock;
     clock.start();
     state.ingest(800, 200);

@@ -148,9 +148,9 @@ TrnWalkOptions WalkConfig::view(std::vector<const char *> *extension_ptrs,
     return opts;
 }
 
-WalkConfig walk_config(const Options &o)
+WalkConfig walk_config(const Options &o, const ModelRuntime &model)
 {
-    WalkConfig config = application_walk_config();
+    WalkConfig config = application_walk_config(model);
     if (o.extensions) {
         // "org, .RST" reads as {"org", "rst"}.
         config.extensions.clear();
@@ -279,7 +279,7 @@ struct UpdateSetup {
 // What index, update and watch read from the command line and the application's settings.
 void prepare_update(const Options &o, const ModelRuntime &model, UpdateSetup *u)
 {
-    application_chunking(&u->chunk_size, &u->overlap);
+    application_chunking(model, &u->chunk_size, &u->overlap);
     u->chunk_size = o.chunk_size.value_or(u->chunk_size);
     u->overlap = o.overlap.value_or(u->overlap);
     check_chunking(u->chunk_size, u->overlap);
@@ -287,7 +287,7 @@ void prepare_update(const Options &o, const ModelRuntime &model, UpdateSetup *u)
     u->weights = chosen_weights(o, model, u->root, &u->description);
     check_weights(u->weights);
     ensure_index_dir(index_dir_of(u->root));
-    u->config = walk_config(o);
+    u->config = walk_config(o, model);
     u->walk = u->config.view(&u->extension_pointers, &u->exclude_pointers);
     stop_at_signals();
 }
@@ -518,7 +518,7 @@ struct FileListCloser {
     void operator()(TrnFileList *list) const { trn_free_file_list(list); }
 };
 
-void cmd_files(const Options &o)
+void cmd_files(const Options &o, const ModelRuntime &model)
 {
     std::string root = resolve_dir(o.operands[0]);
     std::string index_dir = index_dir_of(root);
@@ -529,7 +529,7 @@ void cmd_files(const Options &o)
     }
     // The walk and the text extraction of index, with the same options: a file is listed as
     // indexable exactly when index gives it chunks.
-    const WalkConfig config = walk_config(o);
+    const WalkConfig config = walk_config(o, model);
     std::vector<const char *> extension_ptrs;
     std::vector<const char *> exclude_ptrs;
     const TrnWalkOptions opts = config.view(&extension_ptrs, &exclude_ptrs);
@@ -717,7 +717,7 @@ void run_command(const Options &o, const ModelRuntime &model)
     } else if (o.command == "search") {
         cmd_search(o, model);
     } else if (o.command == "files") {
-        cmd_files(o);
+        cmd_files(o, model);
     } else if (o.command == "stats") {
         cmd_stats(o);
     } else if (o.command == "remove") {

@@ -357,6 +357,7 @@ void run_training(const Options &o, TrainingManager *manager)
 
 struct ModelRuntime::State {
     std::unique_ptr<QCoreApplication> app;
+    std::unique_ptr<Settings> settings;
     std::unique_ptr<TrainingManager> training;
     QtMessageHandler previous = nullptr;
 };
@@ -365,7 +366,8 @@ ModelRuntime::ModelRuntime(int &argc, char **argv) : m_state(new State)
 {
     m_state->previous = qInstallMessageHandler(print_qt_message);
     m_state->app = std::make_unique<QCoreApplication>(argc, argv);
-    m_state->training = std::make_unique<TrainingManager>();
+    m_state->settings = Settings::openUserSettings();
+    m_state->training = std::make_unique<TrainingManager>(m_state->settings.get());
 }
 
 TrainingManager *ModelRuntime::training() const
@@ -373,11 +375,15 @@ TrainingManager *ModelRuntime::training() const
     return m_state->training.get();
 }
 
+Settings *ModelRuntime::settings() const
+{
+    return m_state->settings.get();
+}
+
 ModelRuntime::~ModelRuntime()
 {
-    // Settings::standard() lives until the process ends; what was written must reach the disk.
-    Settings::standard()->sync();
     m_state->training.reset();
+    m_state->settings.reset(); // writes what is left to the disk
     m_state->app.reset();
     qInstallMessageHandler(m_state->previous);
     delete m_state;
@@ -387,8 +393,7 @@ std::string application_weights(const ModelRuntime &model, const std::string &ro
                                 std::string *description)
 {
     const TrainingManager &manager = *model.training();
-    const std::optional<QString> override_text =
-        Settings::standard()->encoderOverride(path_text(root));
+    const std::optional<QString> override_text = model.settings()->encoderOverride(path_text(root));
     const QUuid override_id = override_text ? JsonCoding::uuidFromText(*override_text) : QUuid();
     const QString weights = manager.weightsPathFor(override_id);
     // Which encoder the manager chose, named for the line on standard error.
@@ -409,11 +414,11 @@ std::string application_weights(const ModelRuntime &model, const std::string &ro
     return "";
 }
 
-WalkConfig application_walk_config()
+WalkConfig application_walk_config(const ModelRuntime &model)
 {
-    Settings *settings = Settings::standard();
+    const Settings *settings = model.settings();
     WalkConfig config;
-    for (const QString &ext : TarnwickEngine::extraExtensions()) {
+    for (const QString &ext : settings->effectiveExtraExtensions()) {
         config.extensions.push_back(ext.toStdString());
     }
     for (const QString &pattern : settings->effectiveExcludePatterns()) {
@@ -423,9 +428,9 @@ WalkConfig application_walk_config()
     return config;
 }
 
-void application_chunking(int32_t *chunk_size, int32_t *overlap)
+void application_chunking(const ModelRuntime &model, int32_t *chunk_size, int32_t *overlap)
 {
-    Settings *settings = Settings::standard();
+    const Settings *settings = model.settings();
     *chunk_size = settings->effectiveChunkSize();
     *overlap = settings->effectiveOverlap();
 }
@@ -458,7 +463,7 @@ void model_prompt(const Options &o, const ModelRuntime &model)
 
     // What the tab shows: its pinned results first, then the hits that are not pinned.
     const std::optional<QList<PinnedResult>> pins =
-        PinnedResult::decodeList(Settings::standard()->pinnedResultsData(dir));
+        PinnedResult::decodeList(model.settings()->pinnedResultsData(dir));
     QList<SearchResult> pinned;
     QSet<QString> pinned_ids;
     for (const PinnedResult &pin : pins.value_or(QList<PinnedResult>())) {
@@ -494,5 +499,5 @@ void model_train(const Options &o, const ModelRuntime &model)
     } else {
         run_training(o, model.training());
     }
-    Settings::standard()->sync();
+    model.settings()->sync();
 }

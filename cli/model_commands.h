@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+class Settings;
 class TrainingManager;
 
 // Sets up what the model needs for the life of the process (a QCoreApplication, for the
@@ -30,6 +31,8 @@ public:
     ~ModelRuntime();
     // The program's training manager (the profiles, and the encoder each directory uses).
     TrainingManager *training() const;
+    // The application's settings, read and written as the application does them.
+    Settings *settings() const;
     ModelRuntime(const ModelRuntime &) = delete;
     ModelRuntime &operator=(const ModelRuntime &) = delete;
 
@@ -59,13 +62,13 @@ struct WalkConfig {
 
 // The application's settings ("extraExtensions", "excludePatterns", "maxFileSizeMB"); all
 // defaults (empty) without the model.
-WalkConfig application_walk_config();
+WalkConfig application_walk_config(const ModelRuntime &model);
 // application_walk_config() with the command line's --extensions, --exclude and
 // --max-file-size over it (commands.cpp).
-WalkConfig walk_config(const Options &o);
+WalkConfig walk_config(const Options &o, const ModelRuntime &model);
 // The chunking update and watch use when the command line does not say: the application's
 // ("chunkSize", "overlap"), or 800 and 200 without the model.
-void application_chunking(int32_t *chunk_size, int32_t *overlap);
+void application_chunking(const ModelRuntime &model, int32_t *chunk_size, int32_t *overlap);
 // Whether root's index may be updated with weights: the application's record of the encoder that
 // built it names the same one (always true without the model, which keeps no record).
 bool index_encoder_matches(const std::string &root, const std::string &weights);

@@ -15,6 +15,11 @@ ModelRuntime::ModelRuntime(int &, char **) {}
 
 ModelRuntime::~ModelRuntime() = default;
 
+Settings *ModelRuntime::settings() const
+{
+    return nullptr;
+}
+
 // The built-in encoder beside the program, as the application finds it beside itself.
 std::string application_weights(const ModelRuntime &, const std::string &, std::string *description)
 {
@@ -36,12 +41,12 @@ std::string application_weights(const ModelRuntime &, const std::string &, std::
     return "";
 }
 
-WalkConfig application_walk_config()
+WalkConfig application_walk_config(const ModelRuntime &)
 {
     return WalkConfig{};
 }
 
-void application_chunking(int32_t *chunk_size, int32_t *overlap)
+void application_chunking(const ModelRuntime &, int32_t *chunk_size, int32_t *overlap)
 {
     *chunk_size = 800;
     *overlap = 200;

@@ -14,7 +14,7 @@
 #include <algorithm>
 
 AppState::AppState(Settings *settings, const EncoderChoice *encoders, QObject *parent)
-    : QObject(parent), m_settings(settings ? settings : Settings::standard()), m_encoders(encoders)
+    : QObject(parent), m_settings(settings), m_encoders(encoders)
 {
     QPointer<AppState> self(this);
     QMetaObject::invokeMethod(

@@ -42,10 +42,9 @@ class AppState : public QObject
         bool searchAllTabs READ searchAllTabs WRITE setSearchAllTabs NOTIFY searchAllTabsChanged)
 
 public:
-    // settings NULL means Settings::standard(); encoders (NULL: the untrained encoder for every
-    // tab) is handed to each tab and must outlive this object. Schedules restoreState() on the
-    // event loop.
-    explicit AppState(Settings *settings = nullptr, const EncoderChoice *encoders = nullptr,
+    // settings (never NULL) and encoders (NULL: the untrained encoder for every tab) are handed
+    // to each tab and must outlive this object. Schedules restoreState() on the event loop.
+    explicit AppState(Settings *settings, const EncoderChoice *encoders = nullptr,
                       QObject *parent = nullptr);
     ~AppState() override;
 

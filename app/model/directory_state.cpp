@@ -53,8 +53,7 @@ struct DirectoryState::EngineOutcome {
 
 DirectoryState::DirectoryState(const DirectoryTab &tab, const EncoderChoice *encoders,
                                Settings *settings, QObject *parent)
-    : QObject(parent), m_settings(settings ? settings : Settings::standard()), m_encoders(encoders),
-      m_directoryPath(tab.path)
+    : QObject(parent), m_settings(settings), m_encoders(encoders), m_directoryPath(tab.path)
 {
     const std::optional<QString> overrideText = m_settings->encoderOverride(m_directoryPath);
     if (overrideText) {
@@ -84,7 +83,10 @@ DirectoryState::DirectoryState(const DirectoryTab &tab, const EncoderChoice *enc
         update();
     }
     if (m_settings->watchDirectories()) {
-        m_watcher = new DirectoryWatcher(m_directoryPath, m_settings->watchSettleMs(), this);
+        m_watcher = new DirectoryWatcher(m_directoryPath,
+                                         m_settings->watchSettleMs(),
+                                         *FileWalkOptions::fromSettings(*m_settings),
+                                         this);
         connect(m_watcher, &DirectoryWatcher::settled, this, &DirectoryState::directoryChanged);
     }
 }
@@ -199,6 +201,7 @@ void DirectoryState::runIndexing(int chunkSize, int overlap, bool checkpoint)
     std::shared_ptr<TarnwickEngine> engine = m_engine;
     const QString directory = m_directoryPath;
     const QString weights = m_weightsPath;
+    const std::shared_ptr<const FileWalkOptions> walk = FileWalkOptions::fromSettings(*m_settings);
     // Progress travels as the future's progress: files done of files found, and the chunks so far
     // as its text.
     runWithProgress<EngineOutcome>(
@@ -215,7 +218,7 @@ void DirectoryState::runIndexing(int chunkSize, int overlap, bool checkpoint)
             if (engine->stats().chunk_count == 0) {
                 EncoderRecord::write(directory, weights);
             }
-            const int n = engine->ingestDirectory(chunkSize, overlap, progress);
+            const int n = engine->ingestDirectory(chunkSize, overlap, *walk, progress);
             // A failed update is not committed: what it logged stays in the log.
             const bool saved = n >= 0 && (!checkpoint || engine->checkpoint());
             if (saved) {
@@ -456,10 +459,11 @@ void DirectoryState::loadFileList()
 {
     setIsLoadingFileList(true);
     std::shared_ptr<TarnwickEngine> engine = m_engine;
+    const std::shared_ptr<const FileWalkOptions> walk = FileWalkOptions::fromSettings(*m_settings);
     runInBackground(
         this,
-        [engine] {
-            return engine->fileList();
+        [engine, walk] {
+            return engine->fileList(*walk);
         },
         [this](const QList<FileInfo> &list) {
             setFileList(list);
@@ -488,7 +492,7 @@ QList<SearchResult> DirectoryState::displayResults() const
 
 void DirectoryState::openResult(const SearchResult &result)
 {
-    const OpenOutcome outcome = TarnwickEngine::openResult(result);
+    const OpenOutcome outcome = TarnwickEngine::openResult(result, *m_settings);
     if (!outcome.message.isEmpty()) {
         setStatusText(outcome.message);
     }

@@ -80,10 +80,10 @@ public:
 
     // Opens the engine with the weights encoders chooses for the directory's override (NULL
     // encoders: the untrained encoder); encoders must outlive the tab. An index that another
-    // encoder built is rebuilt at once (see encoder_record.h). settings NULL means
-    // Settings::standard().
-    DirectoryState(const DirectoryTab &tab, const EncoderChoice *encoders,
-                   Settings *settings = nullptr, QObject *parent = nullptr);
+    // encoder built is rebuilt at once (see encoder_record.h). settings (never NULL) must outlive
+    // the tab.
+    DirectoryState(const DirectoryTab &tab, const EncoderChoice *encoders, Settings *settings,
+                   QObject *parent = nullptr);
     ~DirectoryState() override;
 
     QString directoryPath() const { return m_directoryPath; }

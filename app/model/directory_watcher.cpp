@@ -10,16 +10,15 @@
 #include <QFile>
 #include <QSocketNotifier>
 
-DirectoryWatcher::DirectoryWatcher(const QString &directoryPath, int settleMs, QObject *parent)
+DirectoryWatcher::DirectoryWatcher(const QString &directoryPath, int settleMs,
+                                   const FileWalkOptions &walk, QObject *parent)
     : QObject(parent)
 {
     m_settle.setSingleShot(true);
     m_settle.setInterval(qMax(0, settleMs));
     connect(&m_settle, &QTimer::timeout, this, &DirectoryWatcher::settled);
     const QByteArray path = QFile::encodeName(directoryPath);
-    // What the settings exclude is not watched: changes there never start an update.
-    const std::unique_ptr<FileWalkOptions> walk = FileWalkOptions::fromSettings();
-    TrnWatch *watch = trn_watch_open(path.constData(), walk->options());
+    TrnWatch *watch = trn_watch_open(path.constData(), walk.options());
     if (!watch) {
         return;
     }

@@ -18,6 +18,7 @@
 
 #include <memory>
 
+class FileWalkOptions;
 class QSocketNotifier;
 struct TrnWatch;
 
@@ -29,8 +30,10 @@ public:
     // How often the fallback compares the tree.
     static constexpr int kPollMs = 5000;
 
-    // Starts watching directoryPath. settleMs: quiet time before settled() (0 or more).
-    DirectoryWatcher(const QString &directoryPath, int settleMs, QObject *parent = nullptr);
+    // Starts watching directoryPath, except what walk excludes (changes there never start an
+    // update). settleMs: quiet time before settled() (0 or more).
+    DirectoryWatcher(const QString &directoryPath, int settleMs, const FileWalkOptions &walk,
+                     QObject *parent = nullptr);
     ~DirectoryWatcher() override;
 
     // False when the directory could not be watched at all (it does not exist).

@@ -9,8 +9,6 @@
 #include <QGuiApplication>
 #include <QPalette>
 
-#include <atomic>
-
 namespace
 {
 
@@ -63,34 +61,16 @@ int positiveOr(const QVariant &value, int fallback)
     return (ok && n >= 1) ? n : fallback;
 }
 
-std::atomic<Settings *> g_standard{nullptr};
-
 } // namespace
 
 Settings::Settings(QSettings *storage, QObject *parent) : QObject(parent), m_storage(storage) {}
 
 Settings::~Settings() = default;
 
-Settings *Settings::standard()
+std::unique_ptr<Settings> Settings::openUserSettings()
 {
-    Settings *current = g_standard.load();
-    if (current) {
-        return current;
-    }
-    auto *created =
-        new Settings(new QSettings(QStringLiteral("Tarnwick"), QStringLiteral("Tarnwick")));
-    Settings *expected = nullptr;
-    if (!g_standard.compare_exchange_strong(expected, created)) {
-        delete created; // another thread was first
-        return expected;
-    }
-    return created;
-}
-
-void Settings::setStandard(Settings *settings)
-{
-    Settings *previous = g_standard.exchange(settings);
-    delete previous;
+    return std::make_unique<Settings>(
+        new QSettings(QStringLiteral("Tarnwick"), QStringLiteral("Tarnwick")));
 }
 
 QVariant Settings::read(const QString &key) const
@@ -229,6 +209,19 @@ QStringList Settings::effectiveExcludePatterns() const
         return QString::fromLatin1(kDefaultExcludePatterns).split(QStringLiteral(", "));
     }
     return patterns;
+}
+
+QSet<QString> Settings::effectiveExtraExtensions() const
+{
+    QSet<QString> set;
+    const QStringList pieces = extraExtensions().split(QLatin1Char(','));
+    for (const QString &piece : pieces) {
+        const QString ext = piece.trimmed().toLower();
+        if (!ext.isEmpty()) {
+            set.insert(ext);
+        }
+    }
+    return set;
 }
 
 qint64 Settings::effectiveMaxFileSize() const

@@ -51,6 +51,7 @@
 
 #include <QByteArray>
 #include <QObject>
+#include <QSet>
 #include <QSettings>
 #include <QString>
 #include <QStringList>
@@ -103,12 +104,9 @@ public:
     explicit Settings(QSettings *storage, QObject *parent = nullptr);
     ~Settings() override;
 
-    // The process-wide settings: QSettings("Tarnwick", "Tarnwick") unless replaced. Created on
-    // first use; never NULL.
-    static Settings *standard();
-    // Replaces the process-wide settings (tests point it at a temporary file before anything else
-    // runs). Takes ownership; the previous instance is deleted.
-    static void setStandard(Settings *settings);
+    // The user's settings file, QSettings("Tarnwick", "Tarnwick"): what main() of the application
+    // and of the command line open and hand to every object that reads settings.
+    static std::unique_ptr<Settings> openUserSettings();
 
     // The user's choices as stored (what the settings window shows).
     QString appearance() const;
@@ -133,6 +131,8 @@ public:
     // The list of excludePatterns (split at ",", trimmed, empties dropped; the defaults when that
     // leaves none) and the size limit in bytes.
     QStringList effectiveExcludePatterns() const;
+    // The set of extraExtensions: split at ",", trimmed, lower-cased, empties dropped.
+    QSet<QString> effectiveExtraExtensions() const;
     qint64 effectiveMaxFileSize() const;
     bool hoverPreview() const;
     void setHoverPreview(bool value);

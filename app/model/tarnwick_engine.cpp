@@ -199,8 +199,8 @@ bool onUpdateProgress(const char *, int32_t done, int32_t total, void *user)
 
 } // namespace
 
-int TarnwickEngine::ingestDirectory(int chunkSize, int overlap, const ProgressFn &progress,
-                                    TrnUpdateReport *report, const FileWalkOptions *givenWalk)
+int TarnwickEngine::ingestDirectory(int chunkSize, int overlap, const FileWalkOptions &walk,
+                                    const ProgressFn &progress, TrnUpdateReport *report)
 {
     TrnUpdateReport local{};
     if (!report) {
@@ -208,9 +208,6 @@ int TarnwickEngine::ingestDirectory(int chunkSize, int overlap, const ProgressFn
     }
     *report = TrnUpdateReport{};
     const QByteArray dir = QFile::encodeName(m_directoryPath);
-    const std::unique_ptr<FileWalkOptions> settingsWalk =
-        givenWalk ? nullptr : FileWalkOptions::fromSettings();
-    const FileWalkOptions *walk = givenWalk ? givenWalk : settingsWalk.get();
 
     std::unique_lock<std::mutex> lock(m_mutex);
     if (!m_handle || m_updateRunning) {
@@ -224,7 +221,7 @@ int TarnwickEngine::ingestDirectory(int chunkSize, int overlap, const ProgressFn
                                      dir.constData(),
                                      checkedInt32(chunkSize),
                                      checkedInt32(overlap),
-                                     walk->options(),
+                                     walk.options(),
                                      onUpdateProgress,
                                      &state,
                                      report);
@@ -349,14 +346,13 @@ QList<SearchResult> TarnwickEngine::searchFile(const QString &query, SearchMode 
     return passages;
 }
 
-QList<FileInfo> TarnwickEngine::fileList()
+QList<FileInfo> TarnwickEngine::fileList(const FileWalkOptions &walk)
 {
-    const std::unique_ptr<FileWalkOptions> walk = FileWalkOptions::fromSettings();
     const QByteArray root = QFile::encodeName(m_directoryPath);
     std::unique_ptr<TrnFileList, void (*)(TrnFileList *)> list(nullptr, trn_free_file_list);
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        list.reset(trn_list_dir_files_ex(m_handle, root.constData(), walk->options()));
+        list.reset(trn_list_dir_files_ex(m_handle, root.constData(), walk.options()));
     }
     QList<FileInfo> files;
     files.reserve(list->count);
@@ -426,12 +422,11 @@ FileWalkOptions::FileWalkOptions(const QSet<QString> &extraExtensions,
     m_options.max_file_size = maxFileSize > 0 ? uint64_t(maxFileSize) : uint64_t(TRN_FILE_SIZE_MAX);
 }
 
-std::unique_ptr<FileWalkOptions> FileWalkOptions::fromSettings()
+std::unique_ptr<FileWalkOptions> FileWalkOptions::fromSettings(const Settings &settings)
 {
-    Settings *settings = Settings::standard();
-    return std::make_unique<FileWalkOptions>(TarnwickEngine::extraExtensions(),
-                                             settings->effectiveExcludePatterns(),
-                                             settings->effectiveMaxFileSize());
+    return std::make_unique<FileWalkOptions>(settings.effectiveExtraExtensions(),
+                                             settings.effectiveExcludePatterns(),
+                                             settings.effectiveMaxFileSize());
 }
 
 TrnStats TarnwickEngine::stats() const
@@ -454,24 +449,6 @@ bool TarnwickEngine::checkpoint()
     return ok;
 }
 
-QSet<QString> TarnwickEngine::extraExtensions()
-{
-    return parseExtensions(Settings::standard()->extraExtensions());
-}
-
-QSet<QString> TarnwickEngine::parseExtensions(const QString &commaSeparated)
-{
-    QSet<QString> set;
-    const QStringList pieces = commaSeparated.split(QLatin1Char(','));
-    for (const QString &piece : pieces) {
-        const QString ext = piece.trimmed().toLower();
-        if (!ext.isEmpty()) {
-            set.insert(ext);
-        }
-    }
-    return set;
-}
-
 std::optional<int> TarnwickEngine::pdfPageForLine(const QString &path, int lineNumber)
 {
     const QByteArray file = QFile::encodeName(path);
@@ -485,7 +462,7 @@ std::optional<int> TarnwickEngine::pdfPageForLine(const QString &path, int lineN
     return page;
 }
 
-OpenOutcome TarnwickEngine::openResult(const SearchResult &result)
+OpenOutcome TarnwickEngine::openResult(const SearchResult &result, const Settings &settings)
 {
     OpenRequest request;
     request.filePath = result.filePath;
@@ -499,9 +476,8 @@ OpenOutcome TarnwickEngine::openResult(const SearchResult &result)
     if (request.isPdf) {
         request.pdfPage = pdfPageForLine(result.filePath, result.lineNumber).value_or(1);
     }
-    Settings *settings = Settings::standard();
-    request.editorChoice = settings->openTextFilesWith();
-    request.customCommand = settings->editorCommand();
+    request.editorChoice = settings.openTextFilesWith();
+    request.customCommand = settings.editorCommand();
     return openWithDesktop(request);
 }
 

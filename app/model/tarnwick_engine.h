@@ -37,6 +37,8 @@
 #include <optional>
 #include <vector>
 
+class Settings;
+
 // The query modes. The value is the mode of trn_search: Semantic searches every file
 // (TRN_SEARCH_SEMANTIC_ALL), so it answers with as many results as asked for, Keyword ranks by
 // words (BM25), Hybrid fuses the two rankings. Hybrid is the default.
@@ -107,8 +109,7 @@ class FileWalkOptions
 public:
     FileWalkOptions(const QSet<QString> &extraExtensions, const QStringList &excludePatterns,
                     qint64 maxFileSize);
-    // From Settings::standard().
-    static std::unique_ptr<FileWalkOptions> fromSettings();
+    static std::unique_ptr<FileWalkOptions> fromSettings(const Settings &settings);
     FileWalkOptions(const FileWalkOptions &) = delete;
     FileWalkOptions &operator=(const FileWalkOptions &) = delete;
 
@@ -163,8 +164,8 @@ public:
     QString lastError() const;
     int lastStatus() const;
 
-    // Brings the index up to date with the directory (trn_update_dir, with walk, or the settings'
-    // FileWalkOptions when NULL): new files ingested, changed ones replaced, deleted or excluded
+    // Brings the index up to date with the directory (trn_update_dir under walk): new files
+    // ingested, changed ones replaced, deleted or excluded
     // ones removed, unchanged ones not read. On a handle opened to rebuild, the rebuilt index
     // replaces the old one at the end. Returns the chunks added, or -1 when the engine is not
     // open, an update already runs, the directory cannot be read or a write failed (see
@@ -172,8 +173,8 @@ public:
     // walk is done, then after each of them with (files done, that total, chunks added). The
     // lock is open while progress runs, so searches go on between files. report, when given,
     // says what the update did.
-    int ingestDirectory(int chunkSize, int overlap, const ProgressFn &progress = {},
-                        TrnUpdateReport *report = nullptr, const FileWalkOptions *walk = nullptr);
+    int ingestDirectory(int chunkSize, int overlap, const FileWalkOptions &walk,
+                        const ProgressFn &progress = {}, TrnUpdateReport *report = nullptr);
 
     // Nullopt when query compiles as a regex-mode query, else the reason in one line.
     static std::optional<QString> regexError(const QString &query);
@@ -194,27 +195,23 @@ public:
     static QList<SearchResult> mergeRankings(const QList<QList<SearchResult>> &rankings,
                                              SearchMode mode, int k);
 
-    // Every file of the directory in walk order with its state (see FileInfo): excluded
+    // Every file of the directory in walk order under walk with its state (see FileInfo): excluded
     // directories once, the text of indexable files that are not indexed read for the reason.
-    QList<FileInfo> fileList();
+    QList<FileInfo> fileList(const FileWalkOptions &walk);
 
     // trn_stats, or zero counts when not open.
     TrnStats stats() const;
     // trn_checkpoint; false when not open, busy or the store could not be written (lastError).
     bool checkpoint();
 
-    // The "extraExtensions" setting as a set: split at ",", trimmed, lower-cased, empties dropped.
-    static QSet<QString> extraExtensions();
-    static QSet<QString> parseExtensions(const QString &commaSeparated);
-
     // The 1-based page of the PDF at path that holds line lineNumber of its extracted text
     // (page_for_line of files.h); 1 for lineNumber < 1; nullopt when the file cannot be read.
     static std::optional<int> pdfPageForLine(const QString &path, int lineNumber);
 
-    // Opens a result as result_opener.h describes, with the editor chosen in the settings:
+    // Opens a result as result_opener.h describes, with the editor chosen in settings:
     // plain text, source code and Markdown in the editor at the line, PDFs at the hit's page,
     // everything else with the default application. The outcome's message is for the status bar.
-    static OpenOutcome openResult(const SearchResult &result);
+    static OpenOutcome openResult(const SearchResult &result, const Settings &settings);
 
     static FileCategory fileCategory(const SearchResult &result);
 

@@ -63,7 +63,7 @@ void restoreWholeFile(const QString &path, const std::optional<QByteArray> &byte
 } // namespace
 
 TrainingManager::TrainingManager(Settings *settings, QObject *parent)
-    : QObject(parent), m_settings(settings ? settings : Settings::standard())
+    : QObject(parent), m_settings(settings)
 {
     loadProfiles();
 }
@@ -295,23 +295,23 @@ QStringList TrainingManager::trainerArguments(const TrainingProfile &profile,
     return args;
 }
 
-qint64 TrainingManager::prepareCorpus(const QStringList &dirs, const QString &outputPath)
+qint64 TrainingManager::prepareCorpus(const QStringList &dirs, const FileWalkOptions &walk,
+                                      const QString &outputPath)
 {
     QFile out(outputPath);
     if (!out.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
         return -1;
     }
     // The same walk and text as indexing, so training sees what search sees.
-    const std::unique_ptr<FileWalkOptions> walk = FileWalkOptions::fromSettings();
     qint64 total = 0;
     for (const QString &dir : dirs) {
         const QByteArray root = QFile::encodeName(dir);
-        walk_files(root.constData(), walk->options(), [&out, &total, &walk](const WalkedFile &f) {
+        walk_files(root.constData(), walk.options(), [&out, &total, &walk](const WalkedFile &f) {
             if (f.kind != WALK_FILE || f.status != TRN_FILE_STATUS_INDEXABLE) {
                 return WALK_CONTINUE;
             }
             ExtractedText text;
-            if (extract_file_text(f.path, f.type, walk->maxFileSize(), &text)
+            if (extract_file_text(f.path, f.type, walk.maxFileSize(), &text)
                 == TRN_FILE_STATUS_INDEXABLE) {
                 out.write(text.text, qint64(text.length));
                 out.write("\n\n", 2);
@@ -398,10 +398,11 @@ void TrainingManager::train(const TrainingProfile &profile)
 
     // Starting from the built-in encoder keeps its tokenizer: no tokenizer is trained then.
     const QString initPath = profile.startFromBuiltIn ? builtInWeightsPath() : QString();
+    const std::shared_ptr<const FileWalkOptions> walk = FileWalkOptions::fromSettings(*m_settings);
     runInBackground(
         this,
-        [profile] {
-            return prepareCorpus(profile.sourceDirectories, corpusPath(profile));
+        [profile, walk] {
+            return prepareCorpus(profile.sourceDirectories, *walk, corpusPath(profile));
         },
         [this, run, profile, dir, initPath](qint64 bytes) {
             corpusPrepared(run, profile, dir, initPath, bytes);

@@ -42,6 +42,7 @@
 
 #include <optional>
 
+class FileWalkOptions;
 class Settings;
 
 // Owned by the application object (or the command line's runtime), which hands it to the tabs
@@ -61,8 +62,8 @@ public:
     static constexpr qint64 kMinimumCorpusBytes = 101;
     static constexpr const char *kBuiltInFileName = "default.tten";
 
-    // Loads the profiles from settings (NULL: Settings::standard()).
-    explicit TrainingManager(Settings *settings = nullptr, QObject *parent = nullptr);
+    // Loads the profiles from settings, which must outlive the manager.
+    explicit TrainingManager(Settings *settings, QObject *parent = nullptr);
     ~TrainingManager() override;
 
     QList<TrainingProfile> profiles() const { return m_profiles; }
@@ -125,10 +126,11 @@ public:
     static QStringList trainerArguments(const TrainingProfile &profile, const QString &corpusPath,
                                         const QString &bpePath,
                                         const QString &initPath = QString());
-    // Writes the text of every file below dirs that indexing would read (the same walk, settings
+    // Writes the text of every file below dirs that indexing under walk would read (the same walk
     // and text extraction) to outputPath, each followed by "\n\n"; returns the bytes of text
     // written (separators not counted), or -1 when outputPath cannot be written.
-    static qint64 prepareCorpus(const QStringList &dirs, const QString &outputPath);
+    static qint64 prepareCorpus(const QStringList &dirs, const FileWalkOptions &walk,
+                                const QString &outputPath);
     // The records of a loss log ("<step>,<loss>" lines; other lines skipped), in file order.
     static QList<LossDataPoint> parseLossFile(const QString &path);
     // "This computer has <n> CPU cores available for training threads."

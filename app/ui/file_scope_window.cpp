@@ -172,7 +172,7 @@ QVariant FileTableModel::headerData(int section, Qt::Orientation orientation, in
 
 // ---- window ----
 
-FileScopeWindow::FileScopeWindow(QWidget *parent) : QWidget(parent, Qt::Window)
+FileScopeWindow::FileScopeWindow(Settings *settings, QWidget *parent) : QWidget(parent, Qt::Window)
 {
     setObjectName(QStringLiteral("fileScopeWindow"));
     setAttribute(Qt::WA_QuitOnClose, false);
@@ -275,7 +275,7 @@ FileScopeWindow::FileScopeWindow(QWidget *parent) : QWidget(parent, Qt::Window)
         }
     });
 
-    auto *frame = new WindowFrame(this, QStringLiteral("TarnwickFileScope"));
+    auto *frame = new WindowFrame(this, QStringLiteral("TarnwickFileScope"), settings);
     frame->restore();
 }
 

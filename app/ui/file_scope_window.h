@@ -55,7 +55,8 @@ class FileScopeWindow : public QWidget
     Q_OBJECT
 
 public:
-    explicit FileScopeWindow(QWidget *parent = nullptr);
+    // settings keep the window's frame; they outlive the window.
+    explicit FileScopeWindow(Settings *settings, QWidget *parent = nullptr);
 
     // Shows state's files (it should be listing them: loadFileList()).
     void setState(DirectoryState *state);

@@ -38,7 +38,7 @@ QUrl HelpWindow::pageUrl(const QString &page)
     return QUrl(QStringLiteral("qrc:/help/") + page);
 }
 
-HelpWindow::HelpWindow(QWidget *parent) : QWidget(parent, Qt::Window)
+HelpWindow::HelpWindow(Settings *settings, QWidget *parent) : QWidget(parent, Qt::Window)
 {
     initHelpResource();
     setObjectName(QStringLiteral("helpWindow"));
@@ -116,7 +116,7 @@ HelpWindow::HelpWindow(QWidget *parent) : QWidget(parent, Qt::Window)
         setWindowTitle(tr("Tarnwick Help \u2014 %1").arg(m_browser->documentTitle()));
     });
 
-    auto *frame = new WindowFrame(this, QStringLiteral("TarnwickHelpWindow"));
+    auto *frame = new WindowFrame(this, QStringLiteral("TarnwickHelpWindow"), settings);
     frame->restore();
     showPage(QStringLiteral("index.html"));
 }

@@ -10,6 +10,7 @@
 #include <QWidget>
 
 class QListWidget;
+class Settings;
 class QTextBrowser;
 
 class HelpWindow : public QWidget
@@ -17,7 +18,8 @@ class HelpWindow : public QWidget
     Q_OBJECT
 
 public:
-    explicit HelpWindow(QWidget *parent = nullptr);
+    // settings keep the window's frame; they outlive the window.
+    explicit HelpWindow(Settings *settings, QWidget *parent = nullptr);
 
     // Shows a page by file name ("index.html" is the first page).
     void showPage(const QString &page);

@@ -18,7 +18,8 @@
 
 #include <cmath>
 
-LossChartWindow::LossChartWindow(const TrainingProfile &profile, QWidget *parent)
+LossChartWindow::LossChartWindow(const TrainingProfile &profile, Settings *settings,
+                                 QWidget *parent)
     : QWidget(parent, Qt::Window)
 {
     setObjectName(QStringLiteral("lossChartWindow"));
@@ -68,7 +69,7 @@ LossChartWindow::LossChartWindow(const TrainingProfile &profile, QWidget *parent
     connect(&m_follow, &QTimer::timeout, this, &LossChartWindow::reload);
     m_follow.start();
 
-    auto *frame = new WindowFrame(this, QStringLiteral("TarnwickLossChart"));
+    auto *frame = new WindowFrame(this, QStringLiteral("TarnwickLossChart"), settings);
     frame->restore();
 }
 

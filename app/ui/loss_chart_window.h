@@ -15,6 +15,7 @@
 class QChart;
 class QChartView;
 class QLabel;
+class Settings;
 class QLineSeries;
 class QStackedWidget;
 class QValueAxis;
@@ -24,8 +25,10 @@ class LossChartWindow : public QWidget
     Q_OBJECT
 
 public:
-    // Reads the profile's loss log now; shows it when shown.
-    explicit LossChartWindow(const TrainingProfile &profile, QWidget *parent = nullptr);
+    // Reads the profile's loss log now; shows it when shown. settings keep the window's frame;
+    // they outlive the window.
+    explicit LossChartWindow(const TrainingProfile &profile, Settings *settings,
+                             QWidget *parent = nullptr);
 
     static QString titleFor(const QString &profileName);
     static QString noDataText();

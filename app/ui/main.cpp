@@ -25,6 +25,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <memory>
 
 namespace
 {
@@ -115,9 +116,10 @@ int main(int argc, char **argv)
     const QStringList directories = targets.directories;
 
     installIconThemeFallback();
-    Appearance appearance(Settings::standard());
-    TrainingManager training;
-    AppState state(nullptr, &training);
+    const std::unique_ptr<Settings> settings = Settings::openUserSettings();
+    Appearance appearance(settings.get());
+    TrainingManager training(settings.get());
+    AppState state(settings.get(), &training);
     MainWindow window(&state, &training);
     // The saved tabs come back on the first turn of the event loop; the directories named on the
     // command line open after them, so the last one named is the active tab.

@@ -51,7 +51,7 @@ QFrame *separatorLine(QWidget *parent)
 } // namespace
 
 MainWindow::MainWindow(AppState *app, TrainingManager *training, QWidget *parent)
-    : QMainWindow(parent), m_app(app), m_training(training)
+    : QMainWindow(parent), m_app(app), m_training(training), m_settings(app->settings())
 {
     setObjectName(QStringLiteral("mainWindow"));
     setWindowTitle(QStringLiteral("Tarnwick"));
@@ -116,24 +116,20 @@ MainWindow::MainWindow(AppState *app, TrainingManager *training, QWidget *parent
             m_state->openResult(result);
         }
     });
-    connect(m_preview, &PreviewPane::hideRequested, this, [] {
-        Settings::standard()->setPreviewPane(false);
+    connect(m_preview, &PreviewPane::hideRequested, this, [this] {
+        m_settings->setPreviewPane(false);
     });
     connect(m_split, &QSplitter::splitterMoved, this, [this] {
         const QList<int> sizes = m_split->sizes();
         const int total = sizes.value(0) + sizes.value(1);
         if (sizes.value(1) == 0) {
-            Settings::standard()->setPreviewPane(false); // dragged shut
+            m_settings->setPreviewPane(false); // dragged shut
         } else if (total > 0) {
-            Settings::standard()->setPreviewShare(double(sizes.value(1)) / total);
+            m_settings->setPreviewShare(double(sizes.value(1)) / total);
         }
     });
-    connect(
-        Settings::standard(), &Settings::previewPaneChanged, this, &MainWindow::applyPreviewLayout);
-    connect(Settings::standard(),
-            &Settings::previewBelowChanged,
-            this,
-            &MainWindow::applyPreviewLayout);
+    connect(m_settings, &Settings::previewPaneChanged, this, &MainWindow::applyPreviewLayout);
+    connect(m_settings, &Settings::previewBelowChanged, this, &MainWindow::applyPreviewLayout);
     connect(app, &AppState::promptCopied, this, [this](const QString &message) {
         m_status->showMessage(message, 5000);
     });
@@ -141,7 +137,7 @@ MainWindow::MainWindow(AppState *app, TrainingManager *training, QWidget *parent
     connect(app, &AppState::tabsChanged, this, &MainWindow::followActiveState);
     followActiveState();
 
-    auto *frame = new WindowFrame(this, QStringLiteral("TarnwickMainWindow"));
+    auto *frame = new WindowFrame(this, QStringLiteral("TarnwickMainWindow"), m_settings);
     if (!frame->restore()) {
         fitOnScreen(this, nullptr); // the default size on a small screen
     }
@@ -207,7 +203,7 @@ QWidget *MainWindow::buildResultsArea()
     auto *layout = new QVBoxLayout(page);
     layout->setContentsMargins(0, 0, 0, 0);
     layout->setSpacing(0);
-    m_results = new ResultsView(page);
+    m_results = new ResultsView(m_settings, page);
     layout->addWidget(m_results, 1);
 
     auto *footer = new QWidget(page);
@@ -243,15 +239,14 @@ QWidget *MainWindow::buildResultsArea()
 
 void MainWindow::applyPreviewLayout()
 {
-    const Settings *settings = Settings::standard();
-    const bool shown = settings->previewPane();
-    m_split->setOrientation(settings->previewBelow() ? Qt::Vertical : Qt::Horizontal);
+    const bool shown = m_settings->previewPane();
+    m_split->setOrientation(m_settings->previewBelow() ? Qt::Vertical : Qt::Horizontal);
     m_preview->setVisible(shown);
     if (QAction *toggle = action(QStringLiteral("previewPaneAction"))) {
         toggle->setChecked(shown);
     }
     if (QAction *below = action(QStringLiteral("previewBelowAction"))) {
-        below->setChecked(settings->previewBelow());
+        below->setChecked(m_settings->previewBelow());
     }
     if (shown) {
         applyPreviewShare();
@@ -263,14 +258,14 @@ void MainWindow::applyPreviewLayout()
 void MainWindow::applyPreviewShare()
 {
     // Sizes in proportion: the splitter spreads them over whatever length it has.
-    const double share = Settings::standard()->previewShare();
+    const double share = m_settings->previewShare();
     m_split->setSizes({int((1.0 - share) * 10000), int(share * 10000)});
 }
 
 void MainWindow::previewRow(int row, bool reveal)
 {
-    if (reveal && !Settings::standard()->previewPane()) {
-        Settings::standard()->setPreviewPane(true); // shows the pane on the current row
+    if (reveal && !m_settings->previewPane()) {
+        m_settings->setPreviewPane(true); // shows the pane on the current row
     }
     if (!m_preview->isVisibleTo(this)) {
         return;
@@ -376,9 +371,8 @@ void MainWindow::buildActions()
              tr("Preview Pane"),
              QKeySequence(Qt::Key_F8),
              QStringLiteral("view-preview|sidebar-show-right-symbolic|view-dual-symbolic"),
-             [] {
-                 Settings *settings = Settings::standard();
-                 settings->setPreviewPane(!settings->previewPane());
+             [this] {
+                 m_settings->setPreviewPane(!m_settings->previewPane());
              });
     previewPane->setCheckable(true);
     previewPane->setIconText(tr("Preview"));
@@ -387,9 +381,8 @@ void MainWindow::buildActions()
                           tr("Preview Under Results"),
                           QKeySequence(),
                           QString(),
-                          [] {
-                              Settings *settings = Settings::standard();
-                              settings->setPreviewBelow(!settings->previewBelow());
+                          [this] {
+                              m_settings->setPreviewBelow(!m_settings->previewBelow());
                           });
     below->setCheckable(true);
     QAction *passages = make(QStringLiteral("allPassagesAction"),
@@ -397,17 +390,16 @@ void MainWindow::buildActions()
                              QKeySequence(),
                              QString(),
                              [this] {
-                                 Settings *settings = Settings::standard();
-                                 settings->setAllPassages(!settings->allPassages());
+                                 m_settings->setAllPassages(!m_settings->allPassages());
                                  if (m_app && !m_app->query().isEmpty()) {
                                      m_app->performSearch(); // laid out the other way
                                  }
                              });
     passages->setCheckable(true);
-    passages->setChecked(Settings::standard()->allPassages());
+    passages->setChecked(m_settings->allPassages());
     passages->setToolTip(tr("List every matching passage instead of one row per file"));
-    connect(Settings::standard(), &Settings::allPassagesChanged, passages, [passages] {
-        passages->setChecked(Settings::standard()->allPassages());
+    connect(m_settings, &Settings::allPassagesChanged, passages, [this, passages] {
+        passages->setChecked(m_settings->allPassages());
     });
     make(QStringLiteral("helpAction"),
          tr("Tarnwick Help"),
@@ -644,7 +636,7 @@ void MainWindow::showFileScope()
     }
     state->loadFileList();
     if (!m_fileScope) {
-        m_fileScope = new FileScopeWindow(this);
+        m_fileScope = new FileScopeWindow(m_settings, this);
     }
     m_fileScope->setState(state);
     showOnScreen(m_fileScope, this);
@@ -652,16 +644,16 @@ void MainWindow::showFileScope()
 
 void MainWindow::showSettings()
 {
-    if (!m_settings) {
-        m_settings = new SettingsWindow(m_training, nullptr, this);
+    if (!m_settingsWindow) {
+        m_settingsWindow = new SettingsWindow(m_training, m_settings, this);
     }
-    showOnScreen(m_settings, this);
+    showOnScreen(m_settingsWindow, this);
 }
 
 void MainWindow::showHelp()
 {
     if (!m_help) {
-        m_help = new HelpWindow(this);
+        m_help = new HelpWindow(m_settings, this);
     }
     m_help->showPage(QStringLiteral("index.html"));
     showOnScreen(m_help, this);

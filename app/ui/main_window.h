@@ -89,7 +89,7 @@ public:
     void showHelp();
 
     FileScopeWindow *fileScopeWindow() const { return m_fileScope; }
-    SettingsWindow *settingsWindow() const { return m_settings; }
+    SettingsWindow *settingsWindow() const { return m_settingsWindow; }
     HelpWindow *helpWindow() const { return m_help; }
 
 protected:
@@ -114,6 +114,7 @@ private:
 
     QPointer<AppState> m_app;
     TrainingManager *m_training;
+    Settings *m_settings; // the application's, from app; outlives the window
     QPointer<DirectoryState> m_state;
     QObject *m_stateLink = nullptr;
     DirectoryChooser m_chooser;
@@ -128,7 +129,7 @@ private:
     PreviewPane *m_preview;
     StatusBarView *m_status;
     QPointer<FileScopeWindow> m_fileScope;
-    QPointer<SettingsWindow> m_settings;
+    QPointer<SettingsWindow> m_settingsWindow;
     QPointer<HelpWindow> m_help;
     QList<QAction *> m_tabActions;         // enabled only while a tab is open
     QHash<QAction *, QIcon> m_sourceIcons; // the theme's icons, before tintIcons()

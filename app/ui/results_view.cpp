@@ -332,7 +332,8 @@ void ResultDelegate::paint(QPainter *painter, const QStyleOptionViewItem &option
 
 // ---- view ----
 
-ResultsView::ResultsView(QWidget *parent) : QListView(parent)
+ResultsView::ResultsView(const Settings *settings, QWidget *parent)
+    : QListView(parent), m_settings(settings)
 {
     setObjectName(QStringLiteral("resultsList"));
     m_delegate = new ResultDelegate(this);
@@ -475,7 +476,7 @@ void ResultsView::hoverRow(int row)
     }
     m_hoverRow = row;
     m_hoverTimer.stop();
-    if (row >= 0 && Settings::standard()->hoverPreview()) {
+    if (row >= 0 && m_settings->hoverPreview()) {
         m_hoverTimer.start();
     }
 }

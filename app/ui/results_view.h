@@ -66,7 +66,8 @@ class ResultsView : public QListView
 public:
     static constexpr int kHoverDelayMs = 600;
 
-    explicit ResultsView(QWidget *parent = nullptr);
+    // settings (never NULL) say whether the pointer's rest previews; they outlive the view.
+    explicit ResultsView(const Settings *settings, QWidget *parent = nullptr);
 
     // Shows state's results (NULL: nothing).
     void setState(DirectoryState *state);
@@ -104,6 +105,7 @@ private:
     void hoverRow(int row);
     SearchResult resultAt(int row) const;
 
+    const Settings *m_settings;
     QPointer<DirectoryState> m_state;
     ResultDelegate *m_delegate;
     QTimer m_hoverTimer;

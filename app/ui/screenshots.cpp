@@ -181,9 +181,9 @@ int main(int argc, char **argv)
     const QString lossLog = args.size() > 3 ? args.at(3) : QString();
     QDir().mkpath(outDir);
 
-    Settings::setStandard(new Settings(
-        new QSettings(home.filePath(QStringLiteral("settings.ini")), QSettings::IniFormat)));
-    Settings *settings = Settings::standard();
+    Settings settingsFile(
+        new QSettings(home.filePath(QStringLiteral("settings.ini")), QSettings::IniFormat));
+    Settings *settings = &settingsFile;
     QApplication::setFont(QFont(QStringLiteral("DejaVu Sans"), 10));
     QApplication::setStyle(QStringLiteral("Fusion"));
     installIconThemeFallback();
@@ -332,7 +332,7 @@ int main(int argc, char **argv)
         prefs->hide();
 
         // The loss chart of the profile with a log.
-        LossChartWindow chart(manager->profile(notes.id).value_or(notes));
+        LossChartWindow chart(manager->profile(notes.id).value_or(notes), settings);
         chart.resize(640, 400);
         chart.show();
         if (!save(&chart, outDir, QStringLiteral("loss-chart%1.png").arg(look.suffix))) {

@@ -172,8 +172,7 @@ void ProfileRow::sync(const TrainingProfile &profile, bool isDefault, bool isTra
 // ---- window ----
 
 SettingsWindow::SettingsWindow(TrainingManager *manager, Settings *settings, QWidget *parent)
-    : QWidget(parent, Qt::Window), m_settings(settings ? settings : Settings::standard()),
-      m_manager(manager)
+    : QWidget(parent, Qt::Window), m_settings(settings), m_manager(manager)
 {
     setObjectName(QStringLiteral("settingsWindow"));
     setAttribute(Qt::WA_QuitOnClose, false);
@@ -216,7 +215,7 @@ SettingsWindow::SettingsWindow(TrainingManager *manager, Settings *settings, QWi
     syncGeneral();
     syncProfiles();
 
-    auto *frame = new WindowFrame(this, QStringLiteral("TarnwickSettingsWindow"));
+    auto *frame = new WindowFrame(this, QStringLiteral("TarnwickSettingsWindow"), m_settings);
     frame->restore(); // only when it fits; showOnScreen places it otherwise
 }
 
@@ -686,7 +685,7 @@ void SettingsWindow::showLossChart(const QUuid &id)
     if (LossChartWindow *open = lossChart(id)) {
         open->close(); // re-read the log: it may have grown since
     }
-    auto *chart = new LossChartWindow(*profile, this);
+    auto *chart = new LossChartWindow(*profile, m_settings, this);
     chart->setAttribute(Qt::WA_DeleteOnClose);
     m_charts.removeAll(nullptr);
     m_charts.append(chart);

@@ -70,8 +70,8 @@ class SettingsWindow : public QWidget
     Q_OBJECT
 
 public:
-    // manager is the application's training manager; settings NULL: Settings::standard().
-    explicit SettingsWindow(TrainingManager *manager, Settings *settings = nullptr,
+    // manager is the application's training manager; settings (never NULL) outlive the window.
+    explicit SettingsWindow(TrainingManager *manager, Settings *settings,
                             QWidget *parent = nullptr);
 
     QTabWidget *tabs() const { return m_tabs; }

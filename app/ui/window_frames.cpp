@@ -19,8 +19,8 @@ constexpr int kTypicalTitleBar = 32;
 
 } // namespace
 
-WindowFrame::WindowFrame(QWidget *window, const QString &autosaveName)
-    : QObject(window), m_window(window), m_name(autosaveName)
+WindowFrame::WindowFrame(QWidget *window, const QString &autosaveName, Settings *settings)
+    : QObject(window), m_window(window), m_name(autosaveName), m_settings(settings)
 {
     m_saveTimer.setSingleShot(true);
     m_saveTimer.setInterval(400);
@@ -30,7 +30,7 @@ WindowFrame::WindowFrame(QWidget *window, const QString &autosaveName)
 
 bool WindowFrame::restore()
 {
-    const QByteArray bytes = Settings::standard()->value(m_name).toByteArray();
+    const QByteArray bytes = m_settings->value(m_name).toByteArray();
     if (bytes.isEmpty() || !m_window) {
         return false;
     }
@@ -52,7 +52,7 @@ bool WindowFrame::restore()
 void WindowFrame::save()
 {
     if (m_window) {
-        Settings::standard()->setValue(m_name, m_window->saveGeometry());
+        m_settings->setValue(m_name, m_window->saveGeometry());
     }
 }
 

@@ -25,14 +25,15 @@
 #include <QTimer>
 
 class QWidget;
+class Settings;
 
 class WindowFrame : public QObject
 {
     Q_OBJECT
 
 public:
-    // Follows window; owned by it.
-    WindowFrame(QWidget *window, const QString &autosaveName);
+    // Follows window; owned by it. The frame is kept in settings, which outlive the window.
+    WindowFrame(QWidget *window, const QString &autosaveName, Settings *settings);
 
     // Restores the saved frame when it fits a screen; false when none was saved or it does not
     // fit (the caller then places the window).
@@ -47,6 +48,7 @@ protected:
 private:
     QPointer<QWidget> m_window;
     QString m_name;
+    Settings *m_settings;
     bool m_restored = false;
     QTimer m_saveTimer; // moves and resizes come in bursts; save once they stop
 };

@@ -226,7 +226,7 @@ void TestAppState::addingAnIndexedDirectoryDoesNotReindex()
     QVERIFY(writeFile(dir, QStringLiteral("a.txt"), "already indexed text in here\n"));
     {
         TarnwickEngine engine(dir, QString());
-        QVERIFY(engine.ingestDirectory(800, 200) > 0);
+        QVERIFY(engine.ingestDirectory(800, 200, *m_env->walk()) > 0);
     }
     // built with the encoder the tab will use (no trained profile, no built-in beside the test)
     QVERIFY(EncoderRecord::write(dir, QString()));
@@ -256,10 +256,10 @@ void TestAppState::storedChunkSizeBelowOneIndexesWith800()
     int expected = 0;
     {
         TarnwickEngine engine(reference, QString());
-        expected = engine.ingestDirectory(800, 200);
+        expected = engine.ingestDirectory(800, 200, *m_env->walk());
         QVERIFY(expected > 0);
         engine.clearAndReopen(QString());
-        QVERIFY(engine.ingestDirectory(100, 20) != expected);
+        QVERIFY(engine.ingestDirectory(100, 20, *m_env->walk()) != expected);
     }
     m_env->settings()->setChunkSize(0);
     m_env->settings()->setOverlap(-7);

@@ -68,13 +68,13 @@ void TestTarnwickEngine::extraExtensionsAreTrimmedAndLowerCased()
     m_env->settings()->setExtraExtensions(QStringLiteral(" JSON ,, toml,\tIni , "));
     const QSet<QString> expected = {
         QStringLiteral("json"), QStringLiteral("toml"), QStringLiteral("ini")};
-    QCOMPARE(TarnwickEngine::extraExtensions(), expected);
+    QCOMPARE(m_env->settings()->effectiveExtraExtensions(), expected);
 
     // Without the setting, the default list applies; "csv" is not in it but is plain text.
     m_env->settings()->remove(QStringLiteral("extraExtensions"));
-    QVERIFY(TarnwickEngine::extraExtensions().contains(QStringLiteral("yaml")));
+    QVERIFY(m_env->settings()->effectiveExtraExtensions().contains(QStringLiteral("yaml")));
     m_env->settings()->setExtraExtensions(QString());
-    QVERIFY(TarnwickEngine::extraExtensions().isEmpty());
+    QVERIFY(m_env->settings()->effectiveExtraExtensions().isEmpty());
 }
 
 void TestTarnwickEngine::walkSkipsHiddenEntriesAndTheIndex()
@@ -89,8 +89,8 @@ void TestTarnwickEngine::walkSkipsHiddenEntriesAndTheIndex()
     QVERIFY(QFileInfo(dir.filePath(QStringLiteral(".tarnwick"))).isDir());
 
     QList<QList<int>> progress;
-    const int chunks =
-        engine.ingestDirectory(800, 200, [&progress](int done, int found, int chunksDone) {
+    const int chunks = engine.ingestDirectory(
+        800, 200, *m_env->walk(), [&progress](int done, int found, int chunksDone) {
             progress.append({done, found, chunksDone});
         });
     QCOMPARE(chunks, 2);
@@ -115,15 +115,15 @@ void TestTarnwickEngine::indexIsPrivateAndHugeFilesAreNeverRead()
     over.close();
 
     TarnwickEngine engine(dir.path(), QString());
-    QCOMPARE(engine.ingestDirectory(800, 200), 1);
+    QCOMPARE(engine.ingestDirectory(800, 200, *m_env->walk()), 1);
     QVERIFY(engine.checkpoint());
     int tooLarge = 0;
-    for (const FileInfo &f : engine.fileList()) {
+    for (const FileInfo &f : engine.fileList(*m_env->walk())) {
         tooLarge += f.status == TRN_FILE_STATUS_TOO_LARGE ? 1 : 0; // listed, never read
     }
     QCOMPARE(tooLarge, 2);
     const QString corpus = dir.filePath(QStringLiteral(".corpus"));
-    QVERIFY(TrainingManager::prepareCorpus({dir.path()}, corpus) < 100);
+    QVERIFY(TrainingManager::prepareCorpus({dir.path()}, *m_env->walk(), corpus) < 100);
 
     const QString index = dir.filePath(QStringLiteral(".tarnwick"));
     QCOMPARE(QFile::permissions(index),
@@ -142,7 +142,7 @@ void TestTarnwickEngine::searchCopiesRecordsAndKZeroReturnsNothing()
         writeFile(dir.path(), QStringLiteral("a.txt"), "first line\nsecond line has the needle\n"));
     QVERIFY(writeFile(dir.path(), QStringLiteral("b.txt"), "nothing to see in this one\n"));
     TarnwickEngine engine(dir.path(), QString());
-    QVERIFY(engine.ingestDirectory(800, 200) > 0);
+    QVERIFY(engine.ingestDirectory(800, 200, *m_env->walk()) > 0);
 
     QVERIFY(engine.search(QStringLiteral("needle"), SearchMode::Text, 0).isEmpty());
     const QList<SearchResult> hits = engine.search(QStringLiteral("NEEDLE"), SearchMode::Text, 5);
@@ -253,7 +253,7 @@ void TestTarnwickEngine::fileListGivesTheReasonForEveryFile()
     QVERIFY(writeFile(dir.path(), QStringLiteral("broken.docx"), "PK not really a document"));
     m_env->settings()->setMaxFileSizeMB(1);
     TarnwickEngine engine(dir.path(), QString());
-    QVERIFY(engine.ingestDirectory(100, 20) > 0);
+    QVERIFY(engine.ingestDirectory(100, 20, *m_env->walk()) > 0);
     QVERIFY(engine.checkpoint());
     // Written after the index: one file edited, one new.
     QFile edited(dir.filePath(QStringLiteral("edited.md")));
@@ -264,7 +264,7 @@ void TestTarnwickEngine::fileListGivesTheReasonForEveryFile()
     QVERIFY(writeFile(dir.path(), QStringLiteral("new.txt"), words));
 
     QMap<QString, QString> said;
-    for (const FileInfo &f : engine.fileList()) {
+    for (const FileInfo &f : engine.fileList(*m_env->walk())) {
         said.insert(QDir(dir.path()).relativeFilePath(f.path), fileStatusText(f));
     }
     m_env->settings()->remove(QStringLiteral("maxFileSizeMB"));
@@ -293,7 +293,7 @@ void TestTarnwickEngine::clearAndReopenDiscardsTheIndex()
     QVERIFY(writeFile(dir.path(), QStringLiteral("a.txt"), "some words worth indexing\n"));
     {
         TarnwickEngine engine(dir.path(), QString());
-        QVERIFY(engine.ingestDirectory(800, 200) > 0);
+        QVERIFY(engine.ingestDirectory(800, 200, *m_env->walk()) > 0);
     }
     TarnwickEngine engine(dir.path(), QString());
     QCOMPARE(engine.stats().chunk_count, 1u);
@@ -347,7 +347,7 @@ void TestTarnwickEngine::pdfPageForLine()
 
     // The walk ingests the PDF's text.
     TarnwickEngine engine(dir.path(), QString());
-    QVERIFY(engine.ingestDirectory(800, 200) > 0);
+    QVERIFY(engine.ingestDirectory(800, 200, *m_env->walk()) > 0);
     QCOMPARE(engine.search(QStringLiteral("gamma"), SearchMode::Text, 5).size(), 1);
 }
 
@@ -476,13 +476,13 @@ void TestTarnwickEngine::openResult()
     SearchResult result;
     result.filePath = path;
     result.lineNumber = 42;
-    const OpenOutcome outcome = TarnwickEngine::openResult(result);
+    const OpenOutcome outcome = TarnwickEngine::openResult(result, *m_env->settings());
     QCOMPARE(calls, expected);
     QVERIFY(outcome.opened);
     QCOMPARE(outcome.message, message);
 
     calls.clear();
-    TarnwickEngine::openResult(SearchResult());
+    TarnwickEngine::openResult(SearchResult(), *m_env->settings());
     QVERIFY(calls.isEmpty());
 
     // Nothing opens at all: the status text says so.
@@ -493,7 +493,7 @@ void TestTarnwickEngine::openResult()
         return false;
     };
     setDesktopServices(desktop);
-    const OpenOutcome failed = TarnwickEngine::openResult(result);
+    const OpenOutcome failed = TarnwickEngine::openResult(result, *m_env->settings());
     QVERIFY(!failed.opened);
     QVERIFY2(failed.message.contains(QStringLiteral("could not open"), Qt::CaseInsensitive),
              qPrintable(failed.message));

@@ -6,6 +6,7 @@
 #define TRN_TEST_SUPPORT_H
 
 #include "settings.h"
+#include "tarnwick_engine.h"
 #include "training_manager.h"
 
 #include <QDir>
@@ -18,8 +19,8 @@
 
 #include <memory>
 
-// Points HOME and the process-wide settings at a fresh temporary directory. Call from
-// initTestCase(), before anything reads the settings.
+// Points HOME at a fresh temporary directory and opens settings in it. Call from initTestCase(),
+// before anything reads HOME.
 class IsolatedEnvironment
 {
 public:
@@ -27,17 +28,24 @@ public:
     {
         QVERIFY2(m_home.isValid(), "no temporary directory");
         qputenv("HOME", QFile::encodeName(m_home.path()));
-        Settings::setStandard(new Settings(new QSettings(settingsPath(), QSettings::IniFormat)));
-        m_training = std::make_unique<TrainingManager>();
+        m_settings =
+            std::make_unique<Settings>(new QSettings(settingsPath(), QSettings::IniFormat));
+        m_training = std::make_unique<TrainingManager>(m_settings.get());
     }
     QString home() const { return m_home.path(); }
     QString settingsPath() const { return m_home.filePath(QStringLiteral("settings.ini")); }
-    Settings *settings() const { return Settings::standard(); }
+    Settings *settings() const { return m_settings.get(); }
+    // What a tab walks with under these settings.
+    std::unique_ptr<FileWalkOptions> walk() const
+    {
+        return FileWalkOptions::fromSettings(*m_settings);
+    }
     // The training manager over these settings, as the application object owns one.
     TrainingManager *training() const { return m_training.get(); }
 
 private:
     QTemporaryDir m_home;
+    std::unique_ptr<Settings> m_settings;
     std::unique_ptr<TrainingManager> m_training;
 };
 

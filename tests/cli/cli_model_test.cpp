@@ -116,8 +116,6 @@ protected:
         settings->setChunking(120, 30);
         settings->setExtraExtensions(QStringLiteral("gradle, TIDE "));
         settings->sync();
-        // The in-process model reads the same file.
-        Settings::setStandard(open_settings(home.path()).release());
     }
 
     RunResult cli(const std::vector<std::string> &args)
@@ -196,10 +194,12 @@ TEST_F(ModelCorpus, IndexHoldsWhatTheApplicationsWalkStoresAndSearchesAlike)
     {
         TarnwickEngine engine(QString::fromStdString(dir.path()), weights);
         engine.clearAndReopen(weights);
-        Settings *settings = Settings::standard();
-        ASSERT_GT(
-            engine.ingestDirectory(settings->effectiveChunkSize(), settings->effectiveOverlap()),
-            0);
+        // The in-process model reads the same file.
+        const std::unique_ptr<Settings> settings = open_settings(home.path());
+        ASSERT_GT(engine.ingestDirectory(settings->effectiveChunkSize(),
+                                         settings->effectiveOverlap(),
+                                         *FileWalkOptions::fromSettings(*settings)),
+                  0);
         ASSERT_TRUE(engine.checkpoint());
     }
     EXPECT_TRUE(stored_chunks(dir.path()) == by_cli);

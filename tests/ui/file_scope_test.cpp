@@ -44,7 +44,7 @@ private slots:
     {
         m_home = std::make_unique<IsolatedEnvironment>();
         installIconThemeFallback();
-        Settings::standard()->remove(QStringLiteral("savedTabPaths"));
+        m_home->settings()->remove(QStringLiteral("savedTabPaths"));
         QVERIFY(m_dir.isValid());
         // Sizes 120, 60 and 30 bytes; a binary file; a file too short to index.
         QVERIFY(writeFile(m_dir.path(), QStringLiteral("banana.txt"), QByteArray(119, 'b') + "\n"));
@@ -55,7 +55,7 @@ private slots:
             writeFile(m_dir.path(), QStringLiteral("image.bin"), QByteArray("\x00\x01\x02", 3)));
         QVERIFY(writeFile(m_dir.path(), QStringLiteral("tiny.txt"), "short\n"));
 
-        m_open = openAppWindow();
+        m_open = openAppWindow(m_home->settings());
         m_app = &m_open->app;
         m_window = &m_open->window;
         m_app->addTab(m_dir.path());

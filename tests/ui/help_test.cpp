@@ -48,7 +48,7 @@ private slots:
 
     void helpCommandOpensTheFirstPage()
     {
-        auto w = openAppWindow();
+        auto w = openAppWindow(m_home->settings());
         MainWindow &window = w->window;
         window.action(QStringLiteral("helpAction"))->trigger();
         HelpWindow *help = window.helpWindow();
@@ -64,7 +64,7 @@ private slots:
     void contentsListEveryShippedPageAndItsLinksStayInside()
     {
         QStringList listed;
-        HelpWindow help;
+        HelpWindow help(m_home->settings());
         for (const auto &[file, title] : HelpWindow::pages()) {
             listed.append(file);
             help.showPage(file);
@@ -88,7 +88,7 @@ private slots:
 
     void choosingAPageInTheContentsShowsIt()
     {
-        HelpWindow help;
+        HelpWindow help(m_home->settings());
         help.contents()->setCurrentRow(5);
         QCOMPARE(help.browser()->source().fileName(), HelpWindow::pages().at(5).first);
         help.browser()->backward();

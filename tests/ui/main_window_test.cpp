@@ -118,11 +118,11 @@ private slots:
     {
         m_home = std::make_unique<IsolatedEnvironment>();
         installIconThemeFallback();
-        Settings::standard()->setAppearance(QStringLiteral("light"));
+        m_home->settings()->setAppearance(QStringLiteral("light"));
     }
     void init()
     {
-        Settings::standard()->setHoverPreview(false); // these tests are not about previews
+        m_home->settings()->setHoverPreview(false); // these tests are not about previews
         setDesktopServices({});
     }
 
@@ -140,7 +140,7 @@ private slots:
 
     void withoutTabsTheWindowInvitesOpeningADirectory()
     {
-        auto h = openAppWindow();
+        auto h = openAppWindow(m_home->settings());
         QVERIFY(h->window.isShowingEmptyState());
         QVERIFY(!h->window.searchBar()->field()->isEnabled());
         QVERIFY(!h->window.action(QStringLiteral("closeTabAction"))->isEnabled());
@@ -194,7 +194,7 @@ private slots:
         QFETCH(int, mode);
         QFETCH(QStringList, expected);
         QFETCH(bool, marked);
-        auto h = openAppWindow();
+        auto h = openAppWindow(m_home->settings());
         QTemporaryDir dir;
         writeSample(dir.path());
         QVERIFY(openAndIndex(*h, dir.path()));
@@ -213,7 +213,7 @@ private slots:
     // the field shows on its chip.
     void filterChipsEditTheQueryText()
     {
-        auto h = openAppWindow();
+        auto h = openAppWindow(m_home->settings());
         QTemporaryDir dir;
         writeSample(dir.path());
         QVERIFY(QDir(dir.path()).mkpath(QStringLiteral("notes")));
@@ -257,7 +257,7 @@ private slots:
     // close again from a passage with Left. Every passage lists once, under its own file.
     void aFileRowOpensItsOtherPassagesInPlace()
     {
-        auto h = openAppWindow();
+        auto h = openAppWindow(m_home->settings());
         QTemporaryDir dir;
         QByteArray long_;
         for (int i = 1; i <= 40; ++i) {
@@ -322,7 +322,7 @@ private slots:
 
     void loadMoreResultsPagesUntilTheAnswerIsShort()
     {
-        auto h = openAppWindow();
+        auto h = openAppWindow(m_home->settings());
         QTemporaryDir dir;
         // 25 small files that all mention the word: 25 matching chunks.
         for (int i = 0; i < 25; ++i) {
@@ -354,7 +354,7 @@ private slots:
 
     void pinnedResultsStayFirstAcrossSearches()
     {
-        auto h = openAppWindow();
+        auto h = openAppWindow(m_home->settings());
         QTemporaryDir dir;
         writeSample(dir.path());
         QVERIFY(openAndIndex(*h, dir.path()));
@@ -395,9 +395,9 @@ private slots:
             return true;
         };
         setDesktopServices(desktop);
-        Settings::standard()->setOpenTextFilesWith(QStringLiteral("custom"));
-        Settings::standard()->setEditorCommand(QStringLiteral("my-editor --line={line} {file}"));
-        auto h = openAppWindow();
+        m_home->settings()->setOpenTextFilesWith(QStringLiteral("custom"));
+        m_home->settings()->setEditorCommand(QStringLiteral("my-editor --line={line} {file}"));
+        auto h = openAppWindow(m_home->settings());
         QTemporaryDir dir;
         writeSample(dir.path());
         QVERIFY(openAndIndex(*h, dir.path()));
@@ -423,14 +423,14 @@ private slots:
         QVERIFY2(h->window.statusBarView()->statusLabel()->text().startsWith(
                      QStringLiteral("Could not start \"my-editor\"")),
                  qPrintable(h->window.statusBarView()->statusLabel()->text()));
-        Settings::standard()->remove(QStringLiteral("openTextFilesWith"));
-        Settings::standard()->remove(QStringLiteral("editorCommand"));
+        m_home->settings()->remove(QStringLiteral("openTextFilesWith"));
+        m_home->settings()->remove(QStringLiteral("editorCommand"));
         setDesktopServices({});
     }
 
     void draggingATabReordersTheTabsLive()
     {
-        auto h = openAppWindow();
+        auto h = openAppWindow(m_home->settings());
         QTemporaryDir root;
         QStringList names = {
             QStringLiteral("alpha"), QStringLiteral("bravo"), QStringLiteral("charlie")};
@@ -486,7 +486,7 @@ private slots:
 
     void clickingATabSelectsItAndItsCloseButtonClosesIt()
     {
-        auto h = openAppWindow();
+        auto h = openAppWindow(m_home->settings());
         QTemporaryDir root;
         for (const char *name : {"one", "two", "three"}) {
             QVERIFY(QDir(root.path()).mkpath(name));
@@ -508,7 +508,7 @@ private slots:
 
     void copyButtonOffersTheThreePromptScopes()
     {
-        auto h = openAppWindow();
+        auto h = openAppWindow(m_home->settings());
         QTemporaryDir dir;
         writeSample(dir.path());
         QVERIFY(openAndIndex(*h, dir.path()));
@@ -551,7 +551,7 @@ private slots:
 
     void statusBarShowsTheActiveTabAndReindexes()
     {
-        auto h = openAppWindow();
+        auto h = openAppWindow(m_home->settings());
         QTemporaryDir dir;
         writeSample(dir.path());
         DirectoryState *state = openAndIndex(*h, dir.path());
@@ -594,8 +594,8 @@ private slots:
     // Nothing pressed: an edit saved in the open directory reaches the results once it settled.
     void anOpenTabFollowsEditsOfItsDirectory()
     {
-        Settings::standard()->setValue(QStringLiteral("watchSettleMs"), 100);
-        auto h = openAppWindow();
+        m_home->settings()->setValue(QStringLiteral("watchSettleMs"), 100);
+        auto h = openAppWindow(m_home->settings());
         QTemporaryDir dir;
         writeSample(dir.path());
         DirectoryState *state = openAndIndex(*h, dir.path());
@@ -620,12 +620,12 @@ private slots:
             shownFileNames(*h), QStringList{QStringLiteral("garden.md")}, 30000);
         QTRY_COMPARE_WITH_TIMEOUT(
             state->statusText().section(QLatin1Char(' '), 0, 0).toInt(), chunksBefore - 1, 10000);
-        Settings::standard()->remove(QStringLiteral("watchSettleMs"));
+        m_home->settings()->remove(QStringLiteral("watchSettleMs"));
     }
 
     void gitBranchShowsWhenTheDirectoryIsInARepository()
     {
-        auto h = openAppWindow();
+        auto h = openAppWindow(m_home->settings());
         QTemporaryDir dir;
         QVERIFY(writeFile(dir.path(), QStringLiteral(".git/HEAD"), "ref: refs/heads/feature/x\n"));
         QVERIFY(QDir(dir.path()).mkpath(QStringLiteral("docs")));
@@ -658,7 +658,7 @@ private slots:
     {
         QFETCH(QString, action);
         QFETCH(QString, shortcut);
-        auto h = openAppWindow();
+        auto h = openAppWindow(m_home->settings());
         QAction *command = h->window.action(action);
         QVERIFY(command);
         QCOMPARE(command->shortcut().toString(), shortcut);

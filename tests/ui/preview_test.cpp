@@ -112,7 +112,7 @@ private slots:
         m_pane->show();
         QVERIFY(QTest::qWaitForWindowExposed(m_pane.get()));
     }
-    void init() { Settings::standard()->setHoverPreview(true); }
+    void init() { m_home->settings()->setHoverPreview(true); }
 
     void textShowsTheFileWithItsLineNumbersAndTheHitOnTheBand()
     {
@@ -358,10 +358,10 @@ private slots:
         QFETCH(QSize, size);
         QFETCH(bool, below);
         QFETCH(double, share);
-        Settings::standard()->setPreviewPane(true);
-        Settings::standard()->setPreviewBelow(below);
-        Settings::standard()->setPreviewShare(share);
-        auto w = openAppWindow();
+        m_home->settings()->setPreviewPane(true);
+        m_home->settings()->setPreviewBelow(below);
+        m_home->settings()->setPreviewShare(share);
+        auto w = openAppWindow(m_home->settings());
         MainWindow &window = w->window;
         QTemporaryDir dir;
         QVERIFY(writeFile(dir.path(), QStringLiteral("notes.txt"), numberedLines(40)));
@@ -383,13 +383,13 @@ private slots:
         QVERIFY(
             window.rect().contains(QRect(results->mapTo(&window, QPoint(0, 0)), results->size())));
         QVERIFY(window.rect().contains(QRect(pane->mapTo(&window, QPoint(0, 0)), pane->size())));
-        Settings::standard()->setPreviewBelow(false);
-        Settings::standard()->setPreviewShare(Settings::kDefaultPreviewShare);
+        m_home->settings()->setPreviewBelow(false);
+        m_home->settings()->setPreviewShare(Settings::kDefaultPreviewShare);
     }
 
     void thePaneFollowsTheSelectionAndThePointer()
     {
-        auto w = openAppWindow();
+        auto w = openAppWindow(m_home->settings());
         AppState *app = &w->app;
         MainWindow &window = w->window;
         QTemporaryDir dir;
@@ -427,7 +427,7 @@ private slots:
 
         // With "hoverPreview" off only the selection counts.
         const QPoint onSecond = view->visualRect(view->model()->index(1, 0)).center();
-        Settings::standard()->setHoverPreview(false);
+        m_home->settings()->setHoverPreview(false);
         sendMouse(view->viewport(), QEvent::MouseMove, onSecond, Qt::NoButton, Qt::NoButton);
         QVERIFY(!view->isHoverPending());
 
@@ -440,9 +440,9 @@ private slots:
 
     void theKeyHidesAndShowsThePaneAndItsSizeIsKept()
     {
-        Settings::standard()->setPreviewPane(true);
-        Settings::standard()->setPreviewShare(0.3);
-        auto w = openAppWindow();
+        m_home->settings()->setPreviewPane(true);
+        m_home->settings()->setPreviewShare(0.3);
+        auto w = openAppWindow(m_home->settings());
         MainWindow &window = w->window;
         QTemporaryDir dir;
         QVERIFY(writeFile(dir.path(), QStringLiteral("notes.txt"), "some words\n"));
@@ -459,11 +459,11 @@ private slots:
         // Dragging the handle is remembered as the pane's share.
         split->setSizes({500, 500});
         emit split->splitterMoved(500, 1);
-        QVERIFY(qAbs(Settings::standard()->previewShare() - 0.5) < 0.02);
+        QVERIFY(qAbs(m_home->settings()->previewShare() - 0.5) < 0.02);
 
         window.action(QStringLiteral("previewPaneAction"))->trigger();
         QVERIFY(!window.previewPane()->isVisible());
-        QVERIFY(!Settings::standard()->previewPane());
+        QVERIFY(!m_home->settings()->previewPane());
         window.action(QStringLiteral("previewPaneAction"))->trigger();
         QVERIFY(window.previewPane()->isVisible());
         QTRY_VERIFY(qAbs(share() - 0.5) < 0.02);
@@ -473,8 +473,8 @@ private slots:
         // Dragged shut, it counts as hidden.
         split->setSizes({1000, 0});
         emit split->splitterMoved(1000, 1);
-        QVERIFY(!Settings::standard()->previewPane());
-        Settings::standard()->setPreviewPane(true);
+        QVERIFY(!m_home->settings()->previewPane());
+        m_home->settings()->setPreviewPane(true);
     }
 
 private:

@@ -71,7 +71,7 @@ private slots:
 
     void controlsPersistTheirSettings()
     {
-        SettingsWindow window(m_home->training());
+        SettingsWindow window(m_home->training(), m_home->settings());
         window.show();
         child<QSpinBox>(&window, "chunkSizeField")->setValue(600);
         child<QSpinBox>(&window, "overlapField")->setValue(150);
@@ -80,7 +80,7 @@ private slots:
         QTest::keyClicks(types, QStringLiteral("json, rst"));
         child<QCheckBox>(&window, "hoverPreviewCheck")->click();
         child<QCheckBox>(&window, "previewBelowCheck")->click();
-        Settings::standard()->sync();
+        m_home->settings()->sync();
 
         // What a later run of the application reads.
         QSettings stored(m_home->settingsPath(), QSettings::IniFormat);
@@ -92,24 +92,24 @@ private slots:
         QCOMPARE(stored.value(QStringLiteral("previewBelow")).toBool(), true);
 
         // A second window shows what the first one stored.
-        SettingsWindow second(m_home->training());
+        SettingsWindow second(m_home->training(), m_home->settings());
         QCOMPARE(child<QSpinBox>(&second, "chunkSizeField")->value(), 600);
         QCOMPARE(child<QLineEdit>(&second, "extraExtensionsField")->text(),
                  QStringLiteral("json, rst"));
         QVERIFY(!child<QCheckBox>(&second, "hoverPreviewCheck")->isChecked());
         // And follows changes made elsewhere.
-        Settings::standard()->setOverlap(90);
+        m_home->settings()->setOverlap(90);
         QCOMPARE(child<QSpinBox>(&second, "overlapField")->value(), 90);
-        Settings::standard()->setHoverPreview(true);
-        Settings::standard()->setPreviewBelow(false);
+        m_home->settings()->setHoverPreview(true);
+        m_home->settings()->setPreviewBelow(false);
     }
 
     // A chunk size and an overlap that cannot cut a text are never stored; the fields say why.
     void chunkSizeAndOverlapAreCheckedTogether()
     {
-        Settings::standard()->setChunkSize(600);
-        Settings::standard()->setOverlap(150);
-        SettingsWindow window(m_home->training());
+        m_home->settings()->setChunkSize(600);
+        m_home->settings()->setOverlap(150);
+        SettingsWindow window(m_home->training(), m_home->settings());
         window.show();
         QSpinBox *chunk = child<QSpinBox>(&window, "chunkSizeField");
         QSpinBox *overlap = child<QSpinBox>(&window, "overlapField");
@@ -120,50 +120,50 @@ private slots:
         QVERIFY2(problem->text().contains(QStringLiteral("half the chunk size")),
                  qPrintable(problem->text()));
         QCOMPARE(overlap->toolTip(), problem->text());
-        QCOMPARE(Settings::standard()->chunkSize(), 600);
-        QCOMPARE(Settings::standard()->overlap(), 150);
+        QCOMPARE(m_home->settings()->chunkSize(), 600);
+        QCOMPARE(m_home->settings()->overlap(), 150);
         overlap->setValue(40);
         QVERIFY(!problem->isVisible());
-        QCOMPARE(Settings::standard()->chunkSize(), 200);
-        QCOMPARE(Settings::standard()->overlap(), 40);
+        QCOMPARE(m_home->settings()->chunkSize(), 200);
+        QCOMPARE(m_home->settings()->overlap(), 40);
         chunk->setValue(5);
         QVERIFY2(problem->text().contains(QStringLiteral("chunk size")),
                  qPrintable(problem->text()));
-        QCOMPARE(Settings::standard()->chunkSize(), 200);
-        Settings::standard()->setChunkSize(800);
-        Settings::standard()->setOverlap(200);
+        QCOMPARE(m_home->settings()->chunkSize(), 200);
+        m_home->settings()->setChunkSize(800);
+        m_home->settings()->setOverlap(200);
     }
 
     void editorChoiceAndCustomCommandAreStored()
     {
-        SettingsWindow window(m_home->training());
+        SettingsWindow window(m_home->training(), m_home->settings());
         window.show();
         QComboBox *editor = child<QComboBox>(&window, "editorPicker");
         QLineEdit *command = child<QLineEdit>(&window, "editorCommandField");
         QCOMPARE(editor->currentData().toString(), QStringLiteral("system"));
         choose(editor, QStringLiteral("Kate"));
-        QCOMPARE(Settings::standard()->openTextFilesWith(), QStringLiteral("kate"));
+        QCOMPARE(m_home->settings()->openTextFilesWith(), QStringLiteral("kate"));
         QCOMPARE(command->text(), QStringLiteral("kate -l {line} {file}"));
         QVERIFY(command->isReadOnly());
         choose(editor, QStringLiteral("Custom command"));
         QVERIFY(!command->isReadOnly());
         command->clear();
         QTest::keyClicks(command, QStringLiteral("subl {file}:{line}"));
-        QCOMPARE(Settings::standard()->editorCommand(), QStringLiteral("subl {file}:{line}"));
-        Settings::standard()->remove(QStringLiteral("openTextFilesWith"));
-        Settings::standard()->remove(QStringLiteral("editorCommand"));
+        QCOMPARE(m_home->settings()->editorCommand(), QStringLiteral("subl {file}:{line}"));
+        m_home->settings()->remove(QStringLiteral("openTextFilesWith"));
+        m_home->settings()->remove(QStringLiteral("editorCommand"));
     }
 
     void appearanceAppliesToTheWholeApplicationAtOnce()
     {
-        Appearance appearance(Settings::standard());
+        Appearance appearance(m_home->settings());
         const bool systemDark = Appearance::paletteIsDark(m_systemPalette);
-        SettingsWindow window(m_home->training());
+        SettingsWindow window(m_home->training(), m_home->settings());
         QComboBox *picker = child<QComboBox>(&window, "appearancePicker");
         QCOMPARE(picker->count(), 4);
 
         choose(picker, QStringLiteral("Dark"));
-        QCOMPARE(Settings::standard()->appearance(), QStringLiteral("dark"));
+        QCOMPARE(m_home->settings()->appearance(), QStringLiteral("dark"));
         QVERIFY(Appearance::paletteIsDark(QApplication::palette()));
         QTRY_VERIFY(Appearance::paletteIsDark(window.palette()));
         choose(picker, QStringLiteral("Light"));
@@ -173,12 +173,12 @@ private slots:
         choose(picker, QStringLiteral("System"));
         QCOMPARE(QApplication::palette().color(QPalette::Window),
                  m_systemPalette.color(QPalette::Window));
-        QCOMPARE(Settings::standard()->appearance(), QStringLiteral("system"));
+        QCOMPARE(m_home->settings()->appearance(), QStringLiteral("system"));
     }
 
     void trainingPageCountsTheCoresAndSaysWhenEmpty()
     {
-        SettingsWindow window(m_home->training());
+        SettingsWindow window(m_home->training(), m_home->settings());
         window.showTrainingPage();
         window.show();
         QVERIFY(child<QLabel>(&window, "trainingExplanation")
@@ -190,7 +190,7 @@ private slots:
 
     void addingAProfileThroughThePanel()
     {
-        SettingsWindow window(m_home->training());
+        SettingsWindow window(m_home->training(), m_home->settings());
         window.showTrainingPage();
         window.show();
         child<QPushButton>(&window, "addProfileButton")->click();
@@ -272,7 +272,7 @@ private slots:
         draft.sourceDirectories = {QStringLiteral("/srv/recipes")};
         const TrainingProfile created = manager->createProfile(draft);
 
-        SettingsWindow window(m_home->training());
+        SettingsWindow window(m_home->training(), m_home->settings());
         window.showTrainingPage();
         window.show();
         ProfileRow *row = window.rowFor(created.id);
@@ -314,7 +314,7 @@ private slots:
         QVERIFY(writeFile(created.weightsPath, "TTEN"));
         QVERIFY(writeFile(created.lossPath(), "1,2.0\n"));
 
-        SettingsWindow window(m_home->training());
+        SettingsWindow window(m_home->training(), m_home->settings());
         window.showTrainingPage();
         window.show();
         auto pressDelete = [&window, &created] {
@@ -350,7 +350,7 @@ private slots:
         const TrainingProfile first = manager->createProfile(draft);
         draft.name = QStringLiteral("Second");
         const TrainingProfile second = manager->createProfile(draft);
-        SettingsWindow window(m_home->training());
+        SettingsWindow window(m_home->training(), m_home->settings());
         window.showTrainingPage();
         window.show();
         QVERIFY(child<QLabel>(window.rowFor(first.id), "defaultBadge")->isVisible());
@@ -370,7 +370,7 @@ private slots:
         draft.name = QStringLiteral("Charted");
         const TrainingProfile profile = manager->createProfile(draft);
 
-        LossChartWindow empty(profile);
+        LossChartWindow empty(profile, m_home->settings());
         QVERIFY(empty.windowTitle().endsWith(QStringLiteral(" Charted")));
         QVERIFY(!empty.hasData());
         QCOMPARE(empty.messageLabel()->text().count(QLatin1Char('\n')), 1);
@@ -378,7 +378,7 @@ private slots:
         QFile log(QStringLiteral(TRN_SOURCE_DIR "/tests/ui/data/sample_run.loss"));
         QVERIFY(log.open(QIODevice::ReadOnly));
         QVERIFY(writeFile(profile.lossPath(), log.readAll()));
-        LossChartWindow chart(profile);
+        LossChartWindow chart(profile, m_home->settings());
         QVERIFY(chart.hasData());
         // The header line "step,loss" is skipped; eleven records remain, in file order.
         QCOMPARE(chart.series()->count(), 11);
@@ -397,7 +397,7 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(empty.hasData(), 5000);
 
         // The row's chart button opens the same window.
-        SettingsWindow window(m_home->training());
+        SettingsWindow window(m_home->training(), m_home->settings());
         window.showTrainingPage();
         window.show();
         child<QToolButton>(window.rowFor(profile.id), "lossChartButton")->click();

@@ -18,20 +18,25 @@
 
 #include <memory>
 
-// The application's objects as main() makes them: the training manager, the model and the main
-// window.
+// The application's objects as main() makes them over settings: the training manager, the model
+// and the main window.
 struct AppWindow {
+    explicit AppWindow(Settings *settings)
+        : training(settings), app(settings, &training), window(&app, &training)
+    {
+    }
     TrainingManager training;
-    AppState app{nullptr, &training};
-    MainWindow window{&app, &training};
+    AppState app;
+    MainWindow window;
 };
 
-// A shown AppWindow with no tabs saved by an earlier test, once its saved state is restored.
-inline std::unique_ptr<AppWindow> openAppWindow()
+// A shown AppWindow over settings with no tabs saved by an earlier test, once its saved state is
+// restored.
+inline std::unique_ptr<AppWindow> openAppWindow(Settings *settings)
 {
-    Settings::standard()->remove(QStringLiteral("savedTabPaths"));
-    Settings::standard()->remove(QStringLiteral("activeTabPath"));
-    auto w = std::make_unique<AppWindow>();
+    settings->remove(QStringLiteral("savedTabPaths"));
+    settings->remove(QStringLiteral("activeTabPath"));
+    auto w = std::make_unique<AppWindow>(settings);
     QSignalSpy restored(&w->app, &AppState::stateRestored);
     w->window.show();
     if (restored.isEmpty()) {

@@ -44,7 +44,7 @@ private slots:
 
     void everyWindowOpensWhollyOnTheScreen()
     {
-        auto w = openAppWindow();
+        auto w = openAppWindow(m_home->settings());
         MainWindow &window = w->window;
         QVERIFY(QTest::qWaitForWindowExposed(&window));
         QVERIFY2(kScreen.contains(window.frameGeometry()),
@@ -55,7 +55,7 @@ private slots:
         TrainingProfile profile;
         profile.name = QStringLiteral("fit");
         profile.weightsPath = m_home->home() + QStringLiteral("/fit.tten");
-        auto *chart = new LossChartWindow(profile, &window);
+        auto *chart = new LossChartWindow(profile, m_home->settings(), &window);
         showOnScreen(chart, &window);
         const QList<QWidget *> windows = {window.settingsWindow(), window.helpWindow(), chart};
         for (QWidget *w : windows) {
@@ -73,7 +73,7 @@ private slots:
             m_home->settings()->setValue(QStringLiteral("TarnwickSettingsWindow"),
                                          big.saveGeometry());
         }
-        SettingsWindow settings(m_home->training());
+        SettingsWindow settings(m_home->training(), m_home->settings());
         showOnScreen(&settings, nullptr);
         QVERIFY(QTest::qWaitForWindowExposed(&settings));
         QVERIFY(kScreen.contains(settings.frameGeometry()));
@@ -84,7 +84,7 @@ private slots:
     {
         QTemporaryDir dir;
         QVERIFY(writeFile(dir.path(), QStringLiteral("notes.txt"), numberedLines(40)));
-        auto w = openAppWindow();
+        auto w = openAppWindow(m_home->settings());
         MainWindow &window = w->window;
         w->app.addTab(dir.path());
         window.showMaximized();
