@@ -6,8 +6,9 @@
 **
 ** DIR defaults to /usr/share/doc/postgresql-doc-15/html (Debian's postgresql-doc-15). Its
 ** indexable files are sorted by path and N of them (default 40) are picked at an even stride, so
-** a run sees the directory's mix of file kinds; they are linked into a temporary directory that
-** trn_update_dir walks, as the application's first indexing does. W defaults to the built-in
+** a run sees the directory's mix of file kinds; they are copied into a temporary directory that
+** trn_update_dir walks, as the application's first indexing does (the walk does not follow links
+** out of the directory). W defaults to the built-in
 ** encoder (models/default.tten; the random encoder when it is missing). Everything goes to
 ** temporary directories that are removed at the end.
 **
@@ -227,7 +228,7 @@ int main(int argc, char **argv)
         const std::string &picked = all[i * all.size() / want];
         char prefix[32];
         std::snprintf(prefix, sizeof prefix, "%04zu-", i);
-        fs::create_symlink(picked, source + "/" + prefix + fs::path(picked).filename().string());
+        fs::copy_file(picked, source + "/" + prefix + fs::path(picked).filename().string());
         bytes += fs::file_size(picked);
     }
     const std::string load_start = load_average();

@@ -71,11 +71,14 @@ const char USAGE[] =
     "                   files)\n"
     "  --max-file-size MB  skip larger files (the application's setting, 20 by default; index,\n"
     "                   update, watch, files)\n"
+    "  --nice           index at idle CPU and disk priority: only what nothing else wants\n"
+    "                   (index, update, watch)\n"
     "  --verbose        show the engine's own messages (opening, loading weights)\n"
     "  -h, --help       print this help\n"
     "  --version        print the version of the program and of its engine\n"
     "\n"
-    "Exit status: 0 on success, 1 on failure, 2 for a usage error.\n";
+    "Exit status: 0 on success, 1 on failure, 2 for a usage error, 130 when Ctrl+C stopped\n"
+    "index, update or watch (what was indexed is kept; update goes on from there).\n";
 
 // Which options a command takes and how many operands (max_operands -1: no upper bound).
 struct CommandRule {
@@ -313,6 +316,11 @@ Options parse_args(int argc, char **argv)
                 throw UsageError("--verbose takes no value");
             }
             o.verbose = true;
+        } else if (name == "--nice" && rule->chunking) {
+            if (has_value) {
+                throw UsageError("--nice takes no value");
+            }
+            o.nice = true;
         } else if (name == "--json" && rule->json) {
             if (has_value) {
                 throw UsageError("--json takes no value");

@@ -68,6 +68,7 @@ struct Options {
     bool help = false;
     bool version = false;
     bool verbose = false; // the engine's informational lines on standard error
+    bool nice = false;    // index, update, watch at idle CPU and I/O priority
 
     // train add: the profile's parameters; absent ones keep a new profile's defaults.
     std::optional<int32_t> steps;

@@ -8,6 +8,7 @@
 #include "common.h"
 #include "json.h"
 #include "model_commands.h"
+#include "priority.h"
 #include "progress.h"
 #include "tarnwick.h"
 #include "text/files.h"
@@ -290,6 +291,10 @@ void prepare_update(const Options &o, const ModelRuntime &model, UpdateSetup *u)
     u->config = walk_config(o, model);
     u->walk = u->config.view(&u->extension_pointers, &u->exclude_pointers);
     stop_at_signals();
+    // The program only indexes from here on, so its one thread may stay idle for good.
+    if (o.nice && !thread_set_idle()) {
+        std::fprintf(stderr, "tarnwick: cannot lower the priority: %s\n", errno_text().c_str());
+    }
 }
 
 // Opens root's index for an update. An index that holds no chunk yet takes this encoder, recorded

@@ -61,6 +61,7 @@ DirectoryState::DirectoryState(const DirectoryTab &tab, const EncoderChoice *enc
     }
     const QString weights = effectiveWeightsPath();
     m_engine = std::make_shared<TarnwickEngine>(m_directoryPath, weights);
+    m_engine->setIdlePriority(m_settings->indexAtIdlePriority());
     m_weightsPath = weights;
     const TrnStats stats = m_engine->stats();
     m_statusText = stats.chunk_count >= 1 ? countsText(stats) : QStringLiteral("Not indexed");
@@ -105,7 +106,11 @@ void DirectoryState::directoryChanged()
     update();
 }
 
-DirectoryState::~DirectoryState() = default;
+DirectoryState::~DirectoryState()
+{
+    // A paused update would otherwise hold its thread for good once no tab can resume it.
+    m_engine->setPaused(false);
+}
 
 QString DirectoryState::failureText(const QString &engineLine)
 {
@@ -195,6 +200,8 @@ void DirectoryState::runIndexing(int chunkSize, int overlap, bool checkpoint)
     m_updatePending = false;
     setIsIngesting(true);
     m_ingestClock.start();
+    m_pausedMs = 0;
+    m_pausedAt = m_isIndexingPaused ? 0 : -1;
     setIngestProgress(0, 0, 0);
     setStatusText(QStringLiteral("Indexing..."));
     m_settings->setIndexingUnfinished(m_directoryPath, true);
@@ -240,7 +247,7 @@ void DirectoryState::runIndexing(int chunkSize, int overlap, bool checkpoint)
 void DirectoryState::indexingFinished(const EngineOutcome &r)
 {
     // Runs long enough to measure give the speed that re-index estimates use.
-    const double seconds = m_ingestClock.elapsed() / 1000.0;
+    const double seconds = ingestSeconds();
     if (r.added > 0 && seconds >= 2.0) {
         m_settings->setValue(QStringLiteral("indexingChunksPerSecond"), r.added / seconds);
     }
@@ -637,6 +644,35 @@ void DirectoryState::setIsIngesting(bool value)
     emit isIngestingChanged();
 }
 
+double DirectoryState::ingestSeconds() const
+{
+    const qint64 now = m_ingestClock.elapsed();
+    const qint64 paused = m_pausedMs + (m_pausedAt >= 0 ? now - m_pausedAt : 0);
+    return qMax<qint64>(0, now - paused) / 1000.0;
+}
+
+void DirectoryState::setIndexingPaused(bool paused)
+{
+    if (m_isIndexingPaused == paused) {
+        return;
+    }
+    m_isIndexingPaused = paused;
+    m_engine->setPaused(paused);
+    if (m_isIngesting) {
+        const qint64 now = m_ingestClock.elapsed();
+        if (paused) {
+            m_pausedAt = now;
+        } else if (m_pausedAt >= 0) {
+            m_pausedMs += now - m_pausedAt;
+            m_pausedAt = -1;
+        }
+    }
+    emit isIndexingPausedChanged();
+    if (m_isIngesting) {
+        setIngestProgress(m_ingestFilesDone, m_ingestFilesFound, m_ingestChunksDone);
+    }
+}
+
 void DirectoryState::setIngestProgress(int done, int found, int chunks)
 {
     if (m_ingestFilesFound != found) {
@@ -653,7 +689,8 @@ void DirectoryState::setIngestProgress(int done, int found, int chunks)
     }
     // A late report of a run that has ended leaves the final status alone.
     if (m_isIngesting && found > 0) {
-        setStatusText(indexingProgressText(done, found, chunks, m_ingestClock.elapsed() / 1000.0));
+        const QString progress = indexingProgressText(done, found, chunks, ingestSeconds());
+        setStatusText(m_isIndexingPaused ? QStringLiteral("Paused: ") + progress : progress);
     }
 }
 

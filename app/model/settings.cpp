@@ -36,6 +36,7 @@ const SettingDefault *defaultsTable(size_t *count)
         {"editorCommand", QString()},
         {"watchDirectories", true},
         {"watchSettleMs", 2000},
+        {"indexAtIdlePriority", true},
     };
     *count = sizeof(table) / sizeof(table[0]);
     return table;
@@ -150,6 +151,11 @@ void Settings::setOverlap(int value)
 bool Settings::watchDirectories() const
 {
     return read(QStringLiteral("watchDirectories")).toBool();
+}
+
+bool Settings::indexAtIdlePriority() const
+{
+    return read(QStringLiteral("indexAtIdlePriority")).toBool();
 }
 
 int Settings::watchSettleMs() const

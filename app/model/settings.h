@@ -28,6 +28,8 @@
 **                                                   editorPresets() (result_opener.h)
 **   editorCommand            string        ""       the custom command, {file} and {line}
 **   watchDirectories         bool          true     open tabs follow changes of their directory
+**   indexAtIdlePriority      bool          true     indexing takes only CPU and disk time that
+**                                                   nothing else wants
 **   watchSettleMs            int           2000     quiet time after a change before the update;
 **                                                   below 0 reads as 2000
 **   searchHistory_<path>     JSON bytes    absent   a tab's search history
@@ -153,6 +155,7 @@ public:
     // Live updates of open tabs (directory_watcher.h).
     bool watchDirectories() const;
     int watchSettleMs() const;
+    bool indexAtIdlePriority() const;
 
     // What indexing uses: a stored value below 1 (or one that is not a number) counts as the
     // default, and a pair outside the limits of setChunking counts as both defaults.

@@ -45,6 +45,7 @@ private slots:
     void statusTextReportsCountsAfterIndexing();
     void indexOfAnotherEncoderIsRebuiltWhenOpened();
     void unfinishedIndexingGoesOnWhenTheTabOpensAgain();
+    void pausedIndexingSaysSoAndFinishesOnceResumed();
     void closedTabDropsLateResults();
     void olderAnswerNeverShowsOverANewerSearch_data();
     void olderAnswerNeverShowsOverANewerSearch();
@@ -494,6 +495,23 @@ void TestDirectoryState::unfinishedIndexingGoesOnWhenTheTabOpensAgain()
 
     // Finished: the next opening leaves the index alone.
     QVERIFY(!openState(m_dir->path())->isIngesting());
+}
+
+void TestDirectoryState::pausedIndexingSaysSoAndFinishesOnceResumed()
+{
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("a.txt"), QByteArray(250, 'a')));
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("b.md"), "# heading\nsome text\n"));
+    DirectoryState *state = openState(m_dir->path());
+    QSignalSpy paused(state, &DirectoryState::isIndexingPausedChanged);
+    state->setIndexingPaused(true);
+    state->ingest(800, 200);
+    // It waits once the walk found the files, before reading the first.
+    QTRY_COMPARE(state->statusText(), QStringLiteral("Paused: Indexing 0 of 2 files, 0 chunks"));
+    QVERIFY(state->isIngesting());
+    state->setIndexingPaused(false);
+    QCOMPARE(paused.count(), 2);
+    QVERIFY(waitForIngest(state));
+    QCOMPARE(state->statusText(), QStringLiteral("2 chunks from 2 files"));
 }
 
 void TestDirectoryState::statusTextReportsCountsAfterIndexing()
