@@ -9,7 +9,7 @@
 **          4     4  uint32 version, 1
 **          8     4  int32 chunk_size the files were cut with
 **         12     4  int32 overlap
-**         16     4  uint32 text version (MANIFEST_TEXT_VERSION: how text is taken from files)
+**         16     4  uint32 text version (MANIFEST_TEXT_VERSION: how text is taken and cut)
 **         20     4  uint32 count of entries that follow
 **
 ** then count entries, in the order the walk met the files:
