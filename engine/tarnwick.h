@@ -618,10 +618,11 @@ enum {
 ** The line of a result is the line of its match: for text and regex searches the match; for
 ** keyword and hybrid searches the first query word, not a stop word, of the 225 bytes of the chunk
 ** where the query's words are densest; for semantic searches (and a hybrid hit that holds no query
-** word) the first query word of the chunk's sentence that holds the most distinct query words,
-** else the chunk's first word. In an HTML file it is the line of the file's source on which
-** that text stands (the file is read again for it; the line of its text when that fails). Stop
-** words are common English words ("the", "in", "how"), unless the query has nothing else.
+** word but stop words) the first query word of the chunk's sentence that holds the most distinct
+** query words, else the chunk's first word. In an HTML file it is the line of the file's source
+** on which that text stands (the file is read again for it; the line of its text when that
+** fails). Stop words are common English words ("the", "in", "how"), unless the query has
+** nothing else.
 **
 ** Snippets hold at most 300 bytes of the chunk around that match: they start at the first line
 ** start among the 75 bytes before it, else at the first word start there (at the chunk's start
