@@ -316,7 +316,7 @@ void TestTarnwickEngine::fileListGivesTheReasonForEveryFile()
         {QStringLiteral("node_modules"), QStringLiteral("Excluded by global pattern node_modules")},
         {QStringLiteral("big.txt"), QStringLiteral("Too large")},
         {QStringLiteral("image.png"), QStringLiteral("Binary")},
-        {QStringLiteral("latin1.txt"), QStringLiteral("Not UTF-8")},
+        {QStringLiteral("latin1.txt"), QStringLiteral("Indexed (1 chunk)")},
         {QStringLiteral("tiny.txt"), QStringLiteral("Too short")},
         {QStringLiteral("broken.docx"), QStringLiteral("Unreadable")},
     };

@@ -306,9 +306,16 @@ TEST_F(Ingest, FilesAreReadByTheirType)
     EXPECT_EQ(trn_ingest_file(e_, dir.file("absent.txt").c_str(), 800, 200), -1);
     write_file_text(dir.file("empty.txt"), "");
     EXPECT_EQ(trn_ingest_file(e_, dir.file("empty.txt").c_str(), 800, 200), 0);
+    /* A Latin-1 file is read, and found by its accented words. */
     write_file_text(dir.file("latin1.txt"), "caf\xe9 au lait, s'il vous pla\xeet");
-    EXPECT_EQ(trn_ingest_file(e_, dir.file("latin1.txt").c_str(), 800, 200), -1);
-    EXPECT_EQ(e_->count, 4u);
+    EXPECT_EQ(trn_ingest_file(e_, dir.file("latin1.txt").c_str(), 800, 200), 1);
+    EXPECT_EQ(text_of(4), "caf\xC3\xA9 au lait, s'il vous pla\xC3\xAEt");
+    TrnResult hit[2];
+    ASSERT_EQ(trn_search(e_, "pla\xC3\xAEt", TRN_SEARCH_KEYWORD, 2, hit), 1);
+    EXPECT_STREQ(hit[0].file_path, dir.file("latin1.txt").c_str());
+    ASSERT_EQ(trn_search(e_, "caf\xC3\xA9 au", TRN_SEARCH_TEXT, 2, hit), 1);
+    EXPECT_STREQ(hit[0].file_path, dir.file("latin1.txt").c_str());
+    EXPECT_EQ(e_->count, 5u);
 }
 
 struct CallbackLog {
