@@ -49,8 +49,8 @@ const char USAGE[] =
     "         print the prompt the application copies for the results (top5 by default),\n"
     "         with the directory's pinned results first\n"
     "  files  DIR [--json]          list every file under DIR with its indexed chunks and why\n"
-    "         each is or is not indexed (excluded and by which rule, too large, binary, not\n"
-    "         UTF-8, too short, unreadable)\n"
+    "         each is or is not indexed (excluded and by which rule, too large, binary, too\n"
+    "         short, unreadable)\n"
     "  stats  DIR [--json]          show the index's counts\n"
     "  remove DIR FILE...           drop the chunks of the given files from the index\n"
     "  compact DIR                  rewrite the index without removed chunks\n"
@@ -79,11 +79,14 @@ const char USAGE[] =
     "                   files)\n"
     "  --max-file-size MB  skip larger files (the application's setting, 20 by default; index,\n"
     "                   update, watch, files)\n"
+    "  --nice           index at idle CPU and disk priority: only what nothing else wants\n"
+    "                   (index, update, watch)\n"
     "  --verbose        show the engine's own messages (opening, loading weights)\n"
     "  -h, --help       print this help\n"
     "  --version        print the version of the program and of its engine\n"
     "\n"
-    "Exit status: 0 on success, 1 on failure, 2 for a usage error.\n";
+    "Exit status: 0 on success, 1 on failure, 2 for a usage error, 130 when Ctrl+C stopped\n"
+    "index, update or watch (what was indexed is kept; update goes on from there).\n";
 
 // Which options a command takes and how many operands (max_operands -1: no upper bound).
 struct CommandRule {
@@ -329,6 +332,11 @@ Options parse_args(int argc, char **argv)
                 throw UsageError("--verbose takes no value");
             }
             o.verbose = true;
+        } else if (name == "--nice" && rule->chunking) {
+            if (has_value) {
+                throw UsageError("--nice takes no value");
+            }
+            o.nice = true;
         } else if (name == "--json" && rule->json) {
             if (has_value) {
                 throw UsageError("--json takes no value");

@@ -251,7 +251,7 @@ enum {
     TRN_FILE_STATUS_EXCLUDED = 1,   /* an ignore rule or a hidden name; see the reason */
     TRN_FILE_STATUS_TOO_LARGE = 2,  /* larger than the walk's maximum file size */
     TRN_FILE_STATUS_BINARY = 3,     /* not text by its name or its first bytes */
-    TRN_FILE_STATUS_NOT_UTF8 = 4,   /* its text is not valid UTF-8 */
+    TRN_FILE_STATUS_NOT_UTF8 = 4,   /* no longer given: text in no charset counts as BINARY */
     TRN_FILE_STATUS_TOO_SHORT = 5,  /* fewer than TRN_TEXT_MIN_CHARS characters of text */
     TRN_FILE_STATUS_UNREADABLE = 6, /* cannot be opened, read or parsed */
     TRN_TEXT_MIN_CHARS = 11         /* characters other than white space */
@@ -442,11 +442,11 @@ TRN_API int32_t trn_check_chunking(int32_t chunk_size, int32_t overlap, char *me
 TRN_API int32_t trn_ingest_text(TrnEngine *e, const char *path, const char *text,
                                 int32_t chunk_size, int32_t overlap);
 
-/* Reads the text of the file at path as the application does (plain text and source as UTF-8,
-** HTML as readable text without markup, scripts or styles, PDF through poppler, DOCX, ODT and
-** EPUB from their XML) and ingests it as trn_ingest_text does. Returns the chunks added, 0 when
-** the file is not indexable or holds too little text, -1 when its text cannot be obtained (not
-** UTF-8, unreadable, damaged), the file is larger than TRN_FILE_SIZE_MAX or the write failed. */
+/* Reads the text of the file at path as the application does (text and source as UTF-8, or from
+** an older charset: the one declared in an XML or HTML head, else Windows-1252 or ISO-8859-1;
+** HTML as readable text; PDF through poppler; DOCX, ODT and EPUB from their XML) and ingests it as
+** trn_ingest_text does. Returns the chunks added, 0 when not indexable or too little text, -1 when
+** its text cannot be obtained (binary, unreadable, damaged), too large, or the write failed. */
 TRN_API int32_t trn_ingest_file(TrnEngine *e, const char *path, int32_t chunk_size,
                                 int32_t overlap);
 
@@ -485,7 +485,7 @@ enum { TRN_UPDATE_COMPACT_PERCENT = 25 };
 ** excluded, too large or binary now, and leaves the rest alone, then rebuilds the document
 ** index and compacts as TRN_UPDATE_COMPACT_PERCENT says. Files are classified as
 ** trn_detect_file_type does (extra extensions are text when their first bytes look like text);
-** a text, source or Markdown file with a 0 byte in its first 8 KiB or that is not UTF-8 counts
+** a text, source or Markdown file with a 0 byte in its first 8 KiB or in no known charset counts
 ** as binary, and a text shorter than 11 bytes gives no chunks.
 **
 ** Which files changed comes from the manifest "tarnwick.files" in the index directory: each
@@ -628,10 +628,11 @@ enum {
 ** The line of a result is the line of its match: for text and regex searches the match; for
 ** keyword and hybrid searches the first query word, not a stop word, of the 225 bytes of the chunk
 ** where the query's words are densest; for semantic searches (and a hybrid hit that holds no query
-** word) the first query word of the chunk's sentence that holds the most distinct query words,
-** else the chunk's first word. In an HTML file it is the line of the file's source on which
-** that text stands (the file is read again for it; the line of its text when that fails). Stop
-** words are common English words ("the", "in", "how"), unless the query has nothing else.
+** word but stop words) the first query word of the chunk's sentence that holds the most distinct
+** query words, else the chunk's first word. In an HTML file it is the line of the file's source
+** on which that text stands (the file is read again for it; the line of its text when that
+** fails). Stop words are common English words ("the", "in", "how"), unless the query has
+** nothing else.
 **
 ** Snippets hold at most 300 bytes of the chunk around that match: they start at the first line
 ** start among the 75 bytes before it, else at the first word start there (at the chunk's start

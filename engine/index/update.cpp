@@ -42,8 +42,12 @@ namespace
 ** seconds) let a write just after a read keep the same mtime: a file modified this close to the
 ** moment it was read is read again by the next update. */
 constexpr int64_t RECENT_NS = 3000000000ll;
-/* A long update writes the manifest this often, so a kill costs at most this much reading. */
-constexpr int64_t MANIFEST_INTERVAL_NS = 5000000000ll;
+/* An update writes the manifest after a file that changed the index once the chunks written
+** since the last write, times this, reach the manifest's entries. Embedding a chunk costs far
+** more than writing 64 entries, so the manifest stays a small share of the run however large it
+** grows, and a kill costs reading again only the files of the last moments (one, in a small
+** tree). Counted in chunks, not time, so a run makes the same system calls every time. */
+constexpr uint64_t MANIFEST_ENTRIES_PER_CHUNK = 64;
 
 using XString = std::basic_string<char, std::char_traits<char>, XAllocator<char>>;
 
@@ -267,7 +271,11 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
         int64_t oi = found == old_index.end() ? -1 : found->second;
         const ManifestEntry *oe = oi >= 0 ? &old.entries[oi] : nullptr;
         uint32_t held = chunks_of(w.path);
-        if (oe && same_stat(*oe, w) && !(oe->flags & MANIFEST_FLAG_RECENT) && oe->chunks == held) {
+        const bool judged_by_utf8_only = oe && oe->type == TRN_FILE_TYPE_BINARY
+                                         && trn_is_indexable(w.type)
+                                         && !(oe->flags & MANIFEST_FLAG_NO_TEXT);
+        if (oe && same_stat(*oe, w) && !(oe->flags & MANIFEST_FLAG_RECENT) && oe->chunks == held
+            && !judged_by_utf8_only) {
             manifest_add(&next, oe);
             report->unchanged += trn_is_indexable(oe->type) ? 1 : 0;
             continue;
@@ -311,7 +319,7 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
     bool keep_going = !progress || progress(nullptr, 0, total, user);
     bool failed = false;
     bool changed_index = false;
-    int64_t last_manifest = now_ns();
+    uint64_t chunks_since_manifest = 0; /* chunks written, or 1 for a removal */
     size_t done = 0;
     for (; keep_going && done < work.size(); done++) {
         const Work &job = work[done];
@@ -325,6 +333,7 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
             }
             report->removed++;
             changed_index = true;
+            chunks_since_manifest++;
         } else {
             int64_t read_at = now_ns();
             bool binary = false;
@@ -335,6 +344,7 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
             ManifestEntry entry = entry_for(*w, job.type);
             if (!text && binary) {
                 entry.type = TRN_FILE_TYPE_BINARY;
+                entry.flags |= MANIFEST_FLAG_NO_TEXT;
                 manifest_add(&next, &entry);
                 if (held > 0) {
                     if (trn_remove_file(e, job.path.c_str()) < 0) {
@@ -343,6 +353,7 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
                     }
                     report->removed++;
                     changed_index = true;
+                    chunks_since_manifest++;
                 }
             } else if (!text) {
                 report->failed++; /* no entry: the next update tries again */
@@ -370,6 +381,7 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
                     }
                     report->chunks_added += n;
                     changed_index = true;
+                    chunks_since_manifest += n > 0 ? (uint64_t)n : 1;
                 }
                 manifest_add(&next, &entry);
                 free(text);
@@ -379,9 +391,10 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
             keep_going = false;
             report->cancelled = 1;
         }
-        if (has_files && !e->rebuild && now_ns() - last_manifest > MANIFEST_INTERVAL_NS) {
+        if (has_files && !e->rebuild && chunks_since_manifest > 0
+            && chunks_since_manifest * MANIFEST_ENTRIES_PER_CHUNK >= next.count) {
             write_manifest(e, &next, &old, work, done + 1);
-            last_manifest = now_ns();
+            chunks_since_manifest = 0;
         }
     }
     if (changed_index) {

@@ -8,8 +8,8 @@
 **                      bytes where the query's words are densest (by idf, lex_densest)
 **   semantic           the first query word of the sentence that holds the most distinct query
 **                      words (a cheap stand-in for the sentence nearest the query's vector);
-**                      the chunk's first word when it holds none (also for a hybrid hit found
-**                      by meaning alone)
+**                      the chunk's first word when it holds none (also for a hybrid hit that
+**                      holds stop words only)
 **
 ** The snippet starts at the first line start among the SNIPPET_REACH bytes before the focus,
 ** else at the first word start there, so the matched line shows with what leads up to it, and
@@ -333,7 +333,9 @@ int64_t fill_row(TrnEngine *e, TrnResult *r, int32_t i, uint32_t slot, float sco
                 focus = hits->begin[h];
             }
         }
-        if (focus < 0) {
+        /* A keyword hit on stop words alone still names the line of its first word; a hybrid
+        ** one falls back to the rule of meaning below. */
+        if (focus < 0 && mode == TRN_SEARCH_KEYWORD) {
             focus = dense;
         }
     }

@@ -9,6 +9,9 @@
 #include <cstdint>
 
 constexpr uint32_t MANIFEST_FLAG_RECENT = 1; /* modified just before it was read: read again */
+/* Read whole and found to be text in no charset the reader knows. A text file whose entry says
+** binary without this flag was judged by a reader that knew only UTF-8, and is read again. */
+constexpr uint32_t MANIFEST_FLAG_NO_TEXT = 2;
 
 struct ManifestEntry {
     char *path; /* owned */

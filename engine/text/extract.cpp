@@ -1,10 +1,11 @@
 /*
 ** extract.cpp -- the text of a file, by its type (extract_file_text of files.h).
 **
-**   Text, Source, Markdown   the bytes, which must be UTF-8 without 0 bytes; a byte order mark
-**                            is dropped
-**   HTML                     parsed by libxml2's HTML parser (which decodes entities and honours
-**                            a declared charset); text nodes outside script, style and the head
+**   Text, Source, Markdown   the bytes, without 0 bytes, as UTF-8 or converted from an older
+**                            charset (encoding.cpp); a byte order mark is dropped
+**   HTML                     converted to UTF-8 as text is, then parsed by libxml2's HTML parser
+**                            (which decodes entities); text nodes outside script, style and the
+*head
 **                            (its title excepted), white space collapsed except inside <pre>,
 **                            and a line break after every block element
 **   DOCX                     word/document.xml of the ZIP container: the text of every <w:t>,
@@ -201,45 +202,6 @@ void html_walk(const xmlNode *node, TextBuilder *b, bool in_pre)
             b->end_line();
         }
     }
-}
-
-/* A strict UTF-8 check: no overlong forms, surrogates or values above U+10FFFF. */
-bool valid_utf8(const unsigned char *s, size_t n)
-{
-    size_t i = 0;
-    while (i < n) {
-        unsigned char c = s[i];
-        if (c < 0x80) {
-            i++;
-            continue;
-        }
-        size_t len = 0;
-        uint32_t min = 0;
-        uint32_t cp = 0;
-        if ((c & 0xE0) == 0xC0) {
-            len = 2, min = 0x80, cp = c & 0x1F;
-        } else if ((c & 0xF0) == 0xE0) {
-            len = 3, min = 0x800, cp = c & 0x0F;
-        } else if ((c & 0xF8) == 0xF0) {
-            len = 4, min = 0x10000, cp = c & 0x07;
-        } else {
-            return false;
-        }
-        if (i + len > n) {
-            return false;
-        }
-        for (size_t k = 1; k < len; k++) {
-            if ((s[i + k] & 0xC0) != 0x80) {
-                return false;
-            }
-            cp = (cp << 6) | (s[i + k] & 0x3F);
-        }
-        if (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
-            return false;
-        }
-        i += len;
-    }
-    return true;
 }
 
 /* Characters other than white space, counted up to limit. */
@@ -555,6 +517,44 @@ TrnFileStatus container_text(const char *path, TrnFileType type, TextBuilder *b)
 
 } // namespace
 
+bool valid_utf8(const unsigned char *s, size_t n)
+{
+    size_t i = 0;
+    while (i < n) {
+        unsigned char c = s[i];
+        if (c < 0x80) {
+            i++;
+            continue;
+        }
+        size_t len = 0;
+        uint32_t min = 0;
+        uint32_t cp = 0;
+        if ((c & 0xE0) == 0xC0) {
+            len = 2, min = 0x80, cp = c & 0x1F;
+        } else if ((c & 0xF0) == 0xE0) {
+            len = 3, min = 0x800, cp = c & 0x0F;
+        } else if ((c & 0xF8) == 0xF0) {
+            len = 4, min = 0x10000, cp = c & 0x07;
+        } else {
+            return false;
+        }
+        if (i + len > n) {
+            return false;
+        }
+        for (size_t k = 1; k < len; k++) {
+            if ((s[i + k] & 0xC0) != 0x80) {
+                return false;
+            }
+            cp = (cp << 6) | (s[i + k] & 0x3F);
+        }
+        if (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
+            return false;
+        }
+        i += len;
+    }
+    return true;
+}
+
 HtmlElementKind html_element_kind(const char *name)
 {
     if (name_in(name, HTML_SKIPPED)) {
@@ -671,18 +671,28 @@ TrnFileStatus extract_file_text(const char *path, TrnFileType type, uint64_t max
         if (!bytes) {
             return TRN_FILE_STATUS_UNREADABLE;
         }
+        if (type != TRN_FILE_TYPE_HTML && memchr(bytes, 0, n)) {
+            free(bytes);
+            return TRN_FILE_STATUS_BINARY;
+        }
+        snprintf(out->encoding, sizeof out->encoding, "UTF-8");
+        if (!valid_utf8(reinterpret_cast<const unsigned char *>(bytes), n)) {
+            LegacyCharset charset = legacy_charset(bytes, n, out->encoding, sizeof out->encoding);
+            if (charset == LEGACY_BINARY) {
+                free(bytes);
+                *out = ExtractedText{};
+                return TRN_FILE_STATUS_BINARY;
+            }
+            size_t converted_len = 0;
+            char *converted = legacy_to_utf8(bytes, n, charset, out->encoding, &converted_len);
+            free(bytes);
+            bytes = converted;
+            n = converted_len;
+        }
         if (type == TRN_FILE_TYPE_HTML) {
             out->text = html_to_text(bytes, n, &out->length);
             free(bytes);
         } else {
-            if (memchr(bytes, 0, n)) {
-                free(bytes);
-                return TRN_FILE_STATUS_BINARY;
-            }
-            if (!valid_utf8(reinterpret_cast<const unsigned char *>(bytes), n)) {
-                free(bytes);
-                return TRN_FILE_STATUS_NOT_UTF8;
-            }
             size_t skip = n >= 3 && memcmp(bytes, "\xEF\xBB\xBF", 3) == 0 ? 3 : 0;
             if (skip) {
                 memmove(bytes, bytes + skip, n - skip + 1);
@@ -696,6 +706,23 @@ TrnFileStatus extract_file_text(const char *path, TrnFileType type, uint64_t max
         return TRN_FILE_STATUS_TOO_SHORT;
     }
     return TRN_FILE_STATUS_INDEXABLE;
+}
+
+bool file_charset(const char *path, uint64_t max_size, char *name, size_t size)
+{
+    size_t n = 0;
+    char *bytes = read_file(path, max_size == 0 ? (uint64_t)TRN_FILE_SIZE_MAX : max_size, &n);
+    if (!bytes) {
+        return false;
+    }
+    bool text = true;
+    if (valid_utf8(reinterpret_cast<const unsigned char *>(bytes), n)) {
+        snprintf(name, size, "UTF-8");
+    } else {
+        text = legacy_charset(bytes, n, name, size) != LEGACY_BINARY;
+    }
+    free(bytes);
+    return text;
 }
 
 void extracted_text_free(ExtractedText *t)

@@ -204,20 +204,46 @@ struct ExtractedText {
     ** page order; empty pages have the offset of the next). NULL for other types. */
     uint64_t *page_starts;
     int32_t page_count;
+    /* The charset the file's bytes were read in: "UTF-8", or the older one they were converted
+    ** from (legacy_charset); "" for PDF, DOCX, ODT and EPUB, whose formats fix it. */
+    char encoding[32];
 };
 
 /* Reads the text of path as type says: Text, Source and Markdown as UTF-8 (a leading byte order
-** mark dropped); HTML as readable text (no markup, scripts or styles; entities decoded; block
+** mark dropped), or converted from an older charset when they are not UTF-8 (legacy_charset);
+** HTML, converted the same way, as readable text (no markup, scripts or styles; entities decoded;
+*block
 ** elements end lines); PDF through poppler, pages separated by a form feed and a line feed; DOCX
 ** and ODT paragraphs as lines; EPUB the chapters of its spine in order, as HTML is. Files larger
 ** than max_size (0 = TRN_FILE_SIZE_MAX) are refused before reading. Returns INDEXABLE with *out
-** filled, or TOO_LARGE, BINARY (type not indexable), NOT_UTF8, TOO_SHORT (fewer than
+** filled, or TOO_LARGE, BINARY (type not indexable, or bytes that are text in no charset),
+** TOO_SHORT (fewer than
 ** TRN_TEXT_MIN_CHARS characters other than white space) or UNREADABLE, with *out left empty.
 ** Free with extracted_text_free in every case. */
 TrnFileStatus extract_file_text(const char *path, TrnFileType type, uint64_t max_size,
                                 ExtractedText *out);
 
 void extracted_text_free(ExtractedText *t);
+
+/* Strict UTF-8: no overlong forms, surrogates or values above U+10FFFF. */
+bool valid_utf8(const unsigned char *s, size_t n);
+
+/* Text that is not UTF-8 (encoding.cpp): the charset it declares in its first 1024 bytes (an XML
+** declaration, an HTML meta element) when the system's iconv knows it and the bytes are valid in
+** it, else Windows-1252, else ISO-8859-1; BINARY when the bytes hold more than one control
+** character in a hundred. */
+enum LegacyCharset { LEGACY_BINARY, LEGACY_DECLARED, LEGACY_CP1252, LEGACY_LATIN1 };
+/* Decides the charset of n bytes and writes its name ("KOI8-R", "Windows-1252", "ISO-8859-1")
+** into name (size bytes). */
+LegacyCharset legacy_charset(const char *bytes, size_t n, char *name, size_t size);
+/* The n bytes converted from charset (name as legacy_charset wrote it) into an xmalloc'd,
+** NUL-terminated UTF-8 string of *out_len bytes. */
+char *legacy_to_utf8(const char *bytes, size_t n, LegacyCharset charset, const char *name,
+                     size_t *out_len);
+/* The charset extract_file_text reads the file at path in (see ExtractedText), from its bytes
+** alone, into name; false when it cannot be read or is text in no charset. Only for the types
+** read as bytes: Text, Source, Markdown and HTML. */
+bool file_charset(const char *path, uint64_t max_size, char *name, size_t size);
 
 /* The readable text of an HTML document of n bytes (see extract_file_text). Returns an xmalloc'd
 ** string (never NULL; empty when nothing could be parsed) and its length in *out_len. */

@@ -214,7 +214,7 @@ TEST(CliFiles, FilesAndIndexAgreeOnEveryFileOfAMixedTree)
     write_file(dir / "keep.log", words);
     write_file(dir / "node_modules/dep/index.js", words);
     write_file(dir / "build/out.txt", words);
-    write_file(dir / "latin1.txt", "caf\xe9 caf\xe9 caf\xe9 caf\xe9 caf\xe9");
+    write_file(dir / "latin1.txt", "caf\xe9 cr\xe8me caf\xe9 caf\xe9 caf\xe9");
     write_file(dir / "tiny.txt", "tiny");
     write_file(dir / "broken.docx", "PK\x03\x04 not a document");
     write_file(dir / "large.txt", std::string(2 * 1024 * 1024 + 1, 'z'));
@@ -258,7 +258,7 @@ TEST(CliFiles, FilesAndIndexAgreeOnEveryFileOfAMixedTree)
         {"keep.log", "Indexable"},
         {"node_modules", "Excluded global pattern node_modules"},
         {"build", "Excluded global pattern build"},
-        {"latin1.txt", "Not UTF-8"},
+        {"latin1.txt", "Indexable"},
         {"tiny.txt", "Too short"},
         {"broken.docx", "Unreadable"},
         {"large.txt", "Too large"},
@@ -266,6 +266,13 @@ TEST(CliFiles, FilesAndIndexAgreeOnEveryFileOfAMixedTree)
         {"extra.org", "Indexable"},
     };
     EXPECT_EQ(status, expected);
+
+    // The Latin-1 file is found by an accented word.
+    r = run_cli({"search", dir.path(), "cr\xC3\xA8me", "--mode", "keyword", "--json"}, dir.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::vector<Json> hits = parse_json(r.out).items;
+    ASSERT_EQ(hits.size(), 1u);
+    EXPECT_EQ(hits[0]["filePath"].text, dir / "latin1.txt");
 }
 
 TEST_F(CliIndexed, TextAndRegexHitsNameTheFileOnceAndTheLineOfTheMatch)
