@@ -256,7 +256,7 @@ TEST(IngestDistinctTexts, IdenticalChunksAreEmbeddedOnceAndOutliveEachOther)
 
     float fresh[TRN_ENCODER_DIM];
     embed_chunk(e, header.c_str(), fresh);
-    auto vector_of = [e](const char *doc_id) {
+    auto vector_of = [&e](const char *doc_id) { // e is reopened below
         for (uint64_t i = 0; i < e->count; i++) {
             if (!e->chunks[i].deleted && strcmp(e->chunks[i].doc_id, doc_id) == 0) {
                 return std::vector<float>(e->vectors + i * TRN_ENCODER_DIM,
