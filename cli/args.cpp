@@ -9,6 +9,7 @@
 
 #include "tarnwick.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -37,12 +38,14 @@ const char USAGE[] =
     "  watch  DIR [--chunk-size N] [--overlap N] [--weights PATH] [--json]\n"
     "         update, then update again each time files change (after 2 s of quiet), one line\n"
     "         per update, until interrupted (Ctrl+C)\n"
-    "  search DIR... QUERY [--mode hybrid|semantic|keyword|text|regex] [-k N]\n"
+    "  search DIR... QUERY [--mode hybrid|semantic|keyword|text|regex] [-k N] [--all-chunks]\n"
     "         [--weights PATH] [--type LIST] [--in FOLDER] [--modified WHEN] [--json]\n"
-    "         show the k best chunks (10 by default, at most 64); hybrid (by words and by\n"
-    "         meaning) by default; several directories are searched as one ranking, each\n"
-    "         result naming its folder; --vimgrep prints path:line:column:text lines for\n"
-    "         an editor's jump list, paths relative to the current directory below it\n"
+    "         show the k best files (10 by default, at most 64), each with its best passage,\n"
+    "         the line of the match and how many more passages of the file matched;\n"
+    "         --all-chunks shows the k best passages instead, several of one file too; hybrid\n"
+    "         (by words and by meaning) by default; several directories are searched as one\n"
+    "         ranking, each result naming its folder; --vimgrep prints path:line:column:text\n"
+    "         lines for an editor's jump list, paths relative to the current directory below it\n"
     "  prompt DIR QUERY [--scope pinned|top5|all] [--mode M] [-k N] [--weights PATH]\n"
     "         print the prompt the application copies for the results (top5 by default),\n"
     "         with the directory's pinned results first\n"
@@ -82,6 +85,8 @@ const char USAGE[] =
     "  --in FOLDER      search, prompt: only files below this folder of DIR\n"
     "  --modified WHEN  search, prompt: only files changed then: 2024-01-31, 2024-01, 2024,\n"
     "                   >2024-01-31, >=, <, <=, or a range 2024-01-01..2024-06-30\n"
+    "  --nice           index at idle CPU and disk priority: only what nothing else wants\n"
+    "                   (index, update, watch)\n"
     "  --verbose        show the engine's own messages (opening, loading weights)\n"
     "  -h, --help       print this help\n"
     "  --version        print the version of the program and of its engine\n"
@@ -91,7 +96,8 @@ const char USAGE[] =
     "    ext:md, in:sub/folder (in:\"my notes\" for spaces), modified:>=2024-01-01. Quote a\n"
     "    word that only looks like one of these to search for it as written (\"in:docs\").\n"
     "\n"
-    "Exit status: 0 on success, 1 on failure, 2 for a usage error.\n";
+    "Exit status: 0 on success, 1 on failure, 2 for a usage error, 130 when Ctrl+C stopped\n"
+    "index, update or watch (what was indexed is kept; update goes on from there).\n";
 
 // Which options a command takes and how many operands (max_operands -1: no upper bound).
 struct CommandRule {
@@ -232,19 +238,27 @@ void check_train(const Options &o, bool training_options)
     }
 }
 
-// An empty query would match everything in text and regex mode and nothing useful in the others
-// (narrowing alone lists what it leaves in); the engine must be able to run the query as given:
-// dates it can read and, in regex mode, an expression that compiles.
+// An empty query, or one of white space only, would match nearly everything in text and regex
+// mode and nothing useful in the others (narrowing words alone list what they leave in); the
+// engine must be able to run the query as given: dates it can read and, in regex mode, an
+// expression that compiles. A long pattern is shown by its start only, so the error stays one
+// short line.
 void check_query(const std::string &query, bool narrowed, int32_t mode)
 {
-    if (query.empty() && !narrowed) {
+    if (query.find_first_not_of(" \t\r\n\f\v") == std::string::npos && !narrowed) {
         throw UsageError("the query is empty");
     }
     char reason[256];
-    if (!trn_check_query(query.c_str(), mode, reason, sizeof reason)) {
-        throw QueryError(mode == TRN_SEARCH_REGEX
-                             ? "invalid regular expression \"" + query + "\": " + reason
-                             : std::string(reason));
+    if (!trn_check_query(query.c_str(), TRN_SEARCH_SEMANTIC, reason, sizeof reason)) {
+        throw QueryError(reason); // a date it cannot read
+    }
+    if (mode == TRN_SEARCH_REGEX && !trn_check_query(query.c_str(), mode, reason, sizeof reason)) {
+        size_t shown_len = std::min<size_t>(query.size(), 40);
+        while (shown_len < query.size() && (query[shown_len] & 0xC0) == 0x80) {
+            shown_len--; // never cut a UTF-8 sequence
+        }
+        std::string shown = query.substr(0, shown_len) + (shown_len < query.size() ? "..." : "");
+        throw QueryError("invalid regular expression \"" + shown + "\": " + reason);
     }
 }
 
@@ -356,6 +370,11 @@ Options parse_args(int argc, char **argv)
                 throw UsageError("--verbose takes no value");
             }
             o.verbose = true;
+        } else if (name == "--nice" && rule->chunking) {
+            if (has_value) {
+                throw UsageError("--nice takes no value");
+            }
+            o.nice = true;
         } else if (name == "--json" && rule->json) {
             if (has_value) {
                 throw UsageError("--json takes no value");
@@ -404,6 +423,11 @@ Options parse_args(int argc, char **argv)
             narrowing.push_back(narrowing_word("in", take_value()));
         } else if (name == "--modified" && rule->search) {
             narrowing.push_back(narrowing_word("modified", take_value()));
+        } else if (name == "--all-chunks" && o.command == "search") {
+            if (has_value) {
+                throw UsageError("--all-chunks takes no value");
+            }
+            o.all_chunks = true;
         } else if (name == "--scope" && rule->scope) {
             o.scope = parse_scope(take_value());
         } else if (name == "--steps" && rule->training) {

@@ -34,6 +34,18 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+// Work stopped by a signal (Ctrl+C) after what it had committed; main prints the line and exits
+// with 128 + the signal's number, as a shell does for a program the signal ended.
+class Interrupted : public std::runtime_error
+{
+public:
+    Interrupted(int signal_number, const std::string &line)
+        : std::runtime_error(line), signal(signal_number)
+    {
+    }
+    int signal;
+};
+
 struct Options {
     // "index", "update", "watch", "search", "prompt", "files", "stats", "remove", "compact",
     // "embed", "train", "mcp"
@@ -52,14 +64,16 @@ struct Options {
     // search, prompt: the query operand with the words of --type, --in and --modified added.
     std::string query;
     int32_t mode = TRN_SEARCH_HYBRID; // the engine's search mode (trn_search's mode argument)
-    int32_t k = 10;
-    std::string scope = "top5"; // prompt: "pinned", "top5" or "all"
+    int32_t k = 10;                   // search: files, or passages with all_chunks
+    bool all_chunks = false;          // search: one row per matching passage instead of per file
+    std::string scope = "top5";       // prompt: "pinned", "top5" or "all"
     bool json = false;
     std::vector<std::string> folders; // mcp: --folder DIR, repeatable
     bool vimgrep = false;             // search: "path:line:column:text" lines for editors
     bool help = false;
     bool version = false;
     bool verbose = false; // the engine's informational lines on standard error
+    bool nice = false;    // index, update, watch at idle CPU and I/O priority
 
     // train add: the profile's parameters; absent ones keep a new profile's defaults.
     std::optional<int32_t> steps;

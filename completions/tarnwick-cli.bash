@@ -65,9 +65,9 @@ _tarnwick_cli()
 
     local options=""
     case $command in
-        index) options="--chunk-size --overlap --weights --exclude --extensions --max-file-size --verbose" ;;
-        update | watch) options="--chunk-size --overlap --weights --json --exclude --extensions --max-file-size --verbose" ;;
-        search) options="--mode -k --weights --type --in --modified --json --vimgrep --verbose" ;;
+        index) options="--chunk-size --overlap --weights --exclude --extensions --max-file-size --nice --verbose" ;;
+        update | watch) options="--chunk-size --overlap --weights --json --exclude --extensions --max-file-size --nice --verbose" ;;
+        search) options="--mode -k --all-chunks --weights --type --in --modified --json --vimgrep --verbose" ;;
         prompt) options="--scope --mode -k --weights --type --in --modified --verbose" ;;
         files) options="--json --exclude --extensions --max-file-size --verbose" ;;
         stats) options="--json --verbose" ;;

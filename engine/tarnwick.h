@@ -214,6 +214,9 @@ typedef struct TrnConfig {
 
 typedef struct TrnEngine TrnEngine; /* opaque */
 
+/* The most marks a result's snippet carries. */
+enum { TRN_RESULT_MARKS_MAX = 16 };
+
 /* One search hit. doc_id and file_path point into the engine and stay valid until the chunk is
 ** compacted away or the handle is closed; snippet points into the engine's snippet buffers and is
 ** overwritten by the next trn_search on the same handle. */
@@ -223,8 +226,13 @@ typedef struct TrnResult {
     const char *snippet;   /* at most 300 bytes of the chunk's text */
     float score;           /* larger is better */
     int32_t chunk_index;   /* 0-based ordinal of the chunk within its file */
-    int32_t line_number;   /* 1-based line on which the chunk begins */
+    int32_t line_number;   /* 1-based line of the match (see trn_search) */
     uint32_t file_type;    /* TrnFileType */
+    int32_t more_in_file;  /* TRN_SEARCH_BY_FILE: the file's other chunks that matched; else 0 */
+    /* mark_count pairs of byte offsets (begin, end) into snippet, in order and apart: the query's
+    ** words, or its match in text and regex searches. Points into the engine like snippet. */
+    const uint16_t *marks;
+    int32_t mark_count; /* 0 to TRN_RESULT_MARKS_MAX */
 } TrnResult;
 
 typedef struct TrnStats {
@@ -243,8 +251,7 @@ enum {
     TRN_FILE_STATUS_EXCLUDED = 1,   /* an ignore rule or a hidden name; see the reason */
     TRN_FILE_STATUS_TOO_LARGE = 2,  /* larger than the walk's maximum file size */
     TRN_FILE_STATUS_BINARY = 3,     /* not text by its name or its first bytes */
-    TRN_FILE_STATUS_NOT_UTF8 = 4,   /* its text is in no charset the engine reads (unused now:
-                                       such bytes count as BINARY) */
+    TRN_FILE_STATUS_NOT_UTF8 = 4,   /* no longer given: text in no charset counts as BINARY */
     TRN_FILE_STATUS_TOO_SHORT = 5,  /* fewer than TRN_TEXT_MIN_CHARS characters of text */
     TRN_FILE_STATUS_UNREADABLE = 6, /* cannot be opened, read or parsed */
     TRN_TEXT_MIN_CHARS = 11         /* characters other than white space */
@@ -309,17 +316,20 @@ TRN_API TrnEngine *trn_open(const TrnConfig *cfg);
 /* ---------------------------------------------------------------------------------------------
 ** Sharing an index directory, crashes and damage
 **
-** Beside the store and the log the index directory holds "tarnwick.lock" (flock: many readers
-** or one writer at a time) and "tarnwick.commit", a 48-byte record that ties the store (by size
-** and CRC-32) to the log. Every write is committed whole: a crash at any point leaves the state
-** before or after the operation. Opening reads only: a handle that changed nothing leaves every
-** file as it was, also at trn_close.
+** The index directory must be the running user's own: a directory that is a symbolic link, belongs
+** to another user or is writable by other users is refused (TRN_STATUS_DENIED), and no file in it
+** is reached through a link. Beside the store and the log it holds "tarnwick.lock" (flock: many
+** readers or one writer at a time) and "tarnwick.commit", a 48-byte record that ties the store (by
+** size and CRC-32) to the log. Every write is committed whole: a crash at any point leaves the
+** state before or after the operation. Opening reads only: a handle that changed nothing leaves
+** every file as it was, also at trn_close.
 **
 ** Each operation locks on its own: loading takes the shared lock, each ingested file, removal,
 ** compaction and checkpoint the exclusive one. A handle that finds another process committed
 ** since it loaded reloads before it writes and at its next trn_search or trn_list_dir_files,
 ** which invalidates the pointers of earlier results. A lock held by another process is waited
-** for TRN_BUSY_TIMEOUT_MS milliseconds; then the call fails with TRN_STATUS_BUSY.
+** for TRN_BUSY_TIMEOUT_MS milliseconds; then the call fails with TRN_STATUS_BUSY. A writer that
+** waits stops new readers from starting, so readers that keep coming never starve it.
 */
 
 /* Status of the last failed call, from trn_last_status. */
@@ -328,22 +338,27 @@ enum {
     TRN_STATUS_BUSY = 1,     /* another process held the index longer than the timeout */
     TRN_STATUS_DAMAGED = 2,  /* the store or log fails its checksum; nothing is written */
     TRN_STATUS_IO_ERROR = 3, /* a write or sync failed (a full disk): the operation is undone */
+    /* the index directory is a symbolic link, another user's, writable by other users or
+    ** unreadable; nothing in it is read or written */
+    TRN_STATUS_DENIED = 4,
     TRN_BUSY_TIMEOUT_MS = 5000
 };
 
 /* Flags of trn_open_ex. */
 enum {
     /* Loads nothing and writes nothing until trn_checkpoint, which replaces the directory's
-    ** index with the handle's as one commit (moving a damaged index aside first). A handle
-    ** closed before that leaves the old index as it was. Ingestion is not logged. */
+    ** index with the handle's as one commit (moving a damaged index aside first), after taking
+    ** up every file other handles committed meanwhile (their checkpoints leave the log to it
+    ** until then). A handle closed before that leaves the old index as it was. Ingestion is
+    ** not logged. */
     TRN_OPEN_REBUILD = 1
 };
 
-/* Opens an engine as trn_open does. Returns NULL, with *status (when status is not NULL) set
-** to TRN_STATUS_BUSY or TRN_STATUS_DAMAGED and trn_last_error(NULL) saying why in one line, when
-** the index is busy for longer than the timeout or damaged; else the handle, with *status
-** TRN_STATUS_OK. Prints nothing for those failures. flags: 0 or TRN_OPEN_REBUILD. The status and
-** message of a failed open belong to the calling thread. */
+/* Opens an engine as trn_open does. Returns NULL, with *status (when status is not NULL) set to
+** TRN_STATUS_BUSY, TRN_STATUS_DAMAGED or TRN_STATUS_DENIED and trn_last_error(NULL) saying why in
+** one line, when the index is busy for longer than the timeout, damaged or denied; else the handle,
+** with *status TRN_STATUS_OK. Prints nothing for those failures. flags: 0 or TRN_OPEN_REBUILD. The
+** status and message of a failed open belong to the calling thread. */
 TRN_API TrnEngine *trn_open_ex(const TrnConfig *cfg, uint32_t flags, int32_t *status);
 
 /* TRN_STATUS_OK, or the status of the last call on e that failed: an ingestion returning -1, a
@@ -352,12 +367,13 @@ TRN_API TrnEngine *trn_open_ex(const TrnConfig *cfg, uint32_t flags, int32_t *st
 ** NULL. */
 TRN_API int32_t trn_last_status(const TrnEngine *e);
 
-/* One line without the "tarnwick: " prefix for the last failure that trn_last_status reports,
-** or "" when there is none. Busy: "the index of DIR is busy: another Tarnwick is updating it";
-** damaged: "the index of DIR is damaged; rebuild it with tarnwick-cli index DIR"; I/O: "cannot
-** write the index of DIR: <reason>". DIR is the indexed directory (the parent of an index
-** directory named ".tarnwick"). The text belongs to the engine (to the calling thread for e NULL)
-** and stays until the next call on e (the thread's next trn_open_ex). */
+/* One line without the "tarnwick: " prefix for the last failure that trn_last_status reports, or ""
+** when there is none. Busy: "the index of DIR is busy: another Tarnwick is updating it"; damaged:
+** "the index of DIR is damaged; rebuild it with tarnwick-cli index DIR"; I/O: "cannot write the
+** index of DIR: <reason>"; denied: "the index folder DIR/.tarnwick <why>; <how to fix it>". DIR is
+** the indexed directory (the parent of an index directory named ".tarnwick"). The text belongs to
+** the engine (to the calling thread for e NULL) and stays until the next call on e (the thread's
+** next trn_open_ex). */
 TRN_API const char *trn_last_error(const TrnEngine *e);
 
 /* Checkpoints when the handle holds anything the store does not (the lock permitting at once),
@@ -409,23 +425,32 @@ enum { TRN_CHUNK_SIZE_MIN = 64, TRN_CHUNK_SIZE_MAX = 65536 };
 ** is 0). */
 TRN_API int32_t trn_check_chunking(int32_t chunk_size, int32_t overlap, char *message, size_t size);
 
-/* Cuts text into windows of min(strlen(text), chunk_size) bytes that start every
-** (window - overlap) bytes (at least 1), embeds each, appends them to the log as one group that
-** is synced, then links them into the graph. The file type comes from trn_detect_file_type(path).
+/* Cuts text into overlapping windows, embeds each, appends them to the log as one group that is
+** synced, then links them into the graph. Every byte of the text is in at least one window:
+**
+**   - a text of at most chunk_size bytes is one window;
+**   - otherwise a window ends at most chunk_size bytes after its start, at the last line break
+**     within the slack (an eighth of chunk_size, at most 64 bytes) before that limit, else at the
+**     last space or tab there, else at the limit moved back to the start of a UTF-8 character;
+**   - the next window starts overlap bytes before the end of the previous one, moved back the same
+**     way to a line, word or character start, and always at least one byte after the previous
+**     start (an overlap of chunk_size or more steps one character);
+**   - when the rest of the text from there fits in one window, the last window ends at the end of
+**     the text and starts at the first line, word or character start at or after
+**     strlen(text) - chunk_size, so it is nearly a full window.
+**
+** A window therefore never splits a character of valid UTF-8, and the keyword index and every
+** search mode see exactly these chunks. The file type comes from trn_detect_file_type(path).
 ** Returns the number of chunks added, 0 for an empty text, -1 when path or text is NULL or the
 ** write failed (busy, damaged, I/O: see trn_last_status; nothing was added then). */
 TRN_API int32_t trn_ingest_text(TrnEngine *e, const char *path, const char *text,
                                 int32_t chunk_size, int32_t overlap);
 
-/* Reads the text of the file at path as the application does (plain text and source as UTF-8,
-** HTML as readable text without markup, scripts or styles, PDF through poppler, DOCX, ODT and
-** EPUB from their XML) and ingests it as trn_ingest_text does. Text and HTML that are not UTF-8
-** are converted to it: from the charset they declare in their first 1024 bytes (an XML
-** declaration, an HTML meta element) when the system's iconv knows it and the bytes are valid in
-** it, else from Windows-1252 (ISO-8859-1 when they hold a byte Windows-1252 leaves undefined);
-** bytes with more than one control character in a hundred are binary. Returns the chunks added,
-** 0 when the file is not indexable or holds too little text, -1 when its text cannot be obtained
-** (binary, unreadable, damaged), the file is larger than TRN_FILE_SIZE_MAX or the write failed. */
+/* Reads the text of the file at path as the application does (text and source as UTF-8, or from
+** an older charset: the one declared in an XML or HTML head, else Windows-1252 or ISO-8859-1;
+** HTML as readable text; PDF through poppler; DOCX, ODT and EPUB from their XML) and ingests it as
+** trn_ingest_text does. Returns the chunks added, 0 when not indexable or too little text, -1 when
+** its text cannot be obtained (binary, unreadable, damaged), too large, or the write failed. */
 TRN_API int32_t trn_ingest_file(TrnEngine *e, const char *path, int32_t chunk_size,
                                 int32_t overlap);
 
@@ -464,16 +489,17 @@ enum { TRN_UPDATE_COMPACT_PERCENT = 25 };
 ** excluded, too large or binary now, and leaves the rest alone, then rebuilds the document
 ** index and compacts as TRN_UPDATE_COMPACT_PERCENT says. Files are classified as
 ** trn_detect_file_type does (extra extensions are text when their first bytes look like text);
-** a text, source or Markdown file with a 0 byte in its first 8 KiB, or whose bytes are text in
-** no charset (see trn_ingest_file), counts as binary, and a text shorter than 11 bytes gives no
-** chunks.
+** a text, source or Markdown file with a 0 byte in its first 8 KiB or in no known charset counts
+** as binary, and a text shorter than 11 bytes gives no chunks.
 **
 ** Which files changed comes from the manifest "tarnwick.files" in the index directory: each
 ** file's size, modification and change times (nanoseconds), inode, type, chunk count and a hash
 ** of its text. A file whose entry matches is not read; one whose times changed but whose text
 ** hashes the same is read but not embedded again. An entry is trusted only when the index still
 ** holds that many chunks of the file, so a missing, damaged or stale manifest (a crash, another
-** program's rebuild) costs reading and embedding, never lost or doubled chunks. Each file's old
+** program's rebuild) costs reading and embedding, never lost or doubled chunks. An index whose
+** manifest was written by a version that read or cut text another way is read, cut and embedded
+** again whole by its next update. Each file's old
 ** chunks and new ones are replaced in one logged group; the manifest is written atomically (mode
 ** 0600) every few seconds and at the end, only when it changed. A kill at any moment loses no
 ** file whose group was logged; the next update finishes the rest.
@@ -581,7 +607,8 @@ enum {
 ** TRN_SEARCH_SEMANTIC: nearest chunks by embedding, narrowed to the ten files whose centroids
 **   are closest when two or more files are indexed; at most ef_search hits. score: the dot
 **   product of the query's and the chunk's unit vectors (-1..1).
-** TRN_SEARCH_TEXT: chunks holding the query as an ASCII case-insensitive substring.
+** TRN_SEARCH_TEXT: chunks holding the query as an ASCII case-insensitive substring; a query of
+**   white space only finds nothing.
 ** TRN_SEARCH_REGEX: chunks matching the query as a POSIX extended expression, ignoring case,
 **   leftmost-longest, in time linear in each chunk (see trn_check_regex).
 **   Text and regex hits come in chunk order with scores 1, 1 - 1/k, 1 - 2/k, ...
@@ -623,19 +650,48 @@ enum {
 ** removed, is searched for in the mode; when nothing narrows, the whole query is, exactly as
 ** given. A query of narrowing words alone returns the chunks they leave in, in index order,
 ** scored as text hits. A narrowed semantic or hybrid ranking compares the query with every chunk
-** left in instead of walking the graph (semantic mode is then not narrowed to ten files). A
-** modified: value that is no date makes the search return 0; trn_check_query says why.
+** left in instead of walking the graph (semantic mode is then not narrowed to ten files). The
+** line of a match and the marks below go by what is searched for, never by narrowing or left-out
+** words. A modified: value that is no date makes the search return 0; trn_check_query says why.
 **
-** Snippets hold at most 300 bytes of the chunk. Text and regex snippets start at a word boundary
-** at most 75 bytes before the match (at the chunk's start for a match in its first 76 bytes);
-** keyword and hybrid snippets do the same for the first query word of the 225 bytes where the
-** query's words are densest, and their line_number is the line on which the snippet starts.
-** Other modes' snippets start with the chunk. */
+** The line of a result is the line of its match: for text and regex searches the match; for
+** keyword and hybrid searches the first query word, not a stop word, of the 225 bytes of the chunk
+** where the query's words are densest; for semantic searches (and a hybrid hit that holds no query
+** word but stop words) the first query word of the chunk's sentence that holds the most distinct
+** query words, else the chunk's first word. In an HTML file it is the line of the file's source
+** on which that text stands (the file is read again for it; the line of its text when that
+** fails). Stop words are common English words ("the", "in", "how"), unless the query has
+** nothing else.
+**
+** Snippets hold at most 300 bytes of the chunk around that match: they start at the first line
+** start among the 75 bytes before it, else at the first word start there (at the chunk's start
+** for a match in its first 76 bytes), and end before a space or line break among their last 60
+** bytes, else at a character start. marks lists the query's words in the snippet (stop words
+** only when the query has nothing else), every occurrence of a text query, or the match of a
+** regular expression. */
 TRN_API int32_t trn_search(TrnEngine *e, const char *query, int32_t mode, int32_t k,
                            TrnResult *results);
 
-/* Searches count indexes (the folders a person has open) as one, as trn_search searches one, and
-** writes at most min(k, 64) records to results, best first, and for each the position in engines
+/* Flags of trn_search_ex. */
+enum {
+    /* One result per file: the file's best chunk by the mode's ranking, with more_in_file
+    ** counting the file's other chunks among those the search ranked: for text, regex and
+    ** keyword searches the first 1024 matching chunks, for hybrid the first 200 of its fused
+    ** ranking, for semantic ones the graph's nearest min(4 k, 256) (at least ef_search). A chunk
+    ** without a path is a file of its own. Near-duplicate chunks of one file (windows overlap)
+    ** thus never take two results. Text and regex scores go by result: 1, 1 - 1/k, ... */
+    TRN_SEARCH_BY_FILE = 1
+};
+
+/* As trn_search, laid out as flags say (0: as trn_search, one result per chunk). Writes at most
+** min(k, 64) records to results, best first, and returns how many; 0 in the cases trn_search
+** returns 0. */
+TRN_API int32_t trn_search_ex(TrnEngine *e, const char *query, int32_t mode, int32_t k,
+                              uint32_t flags, TrnResult *results);
+
+/* Searches count indexes (the folders a person has open) as one, as trn_search_ex searches one
+** with flags (by file: one result per file of any of them), and writes at most min(k, 64) records
+*to results, best first, and for each the position in engines
 ** of the index it came from to origins (count entries); returns how many. 0 as trn_search says,
 ** and when engines or origins is NULL, count < 1 or an engine is NULL. The scores compare across
 ** the indexes: semantic ones are dot products; keyword ones are BM25 over the word counts of all
@@ -647,7 +703,8 @@ TRN_API int32_t trn_search(TrnEngine *e, const char *query, int32_t mode, int32_
 ** own folder. A record's pointers point into the engine it came from, as trn_search says; calls
 ** on any of the engines must be serialised with this one. */
 TRN_API int32_t trn_search_many(TrnEngine *const *engines, int32_t count, const char *query,
-                                int32_t mode, int32_t k, TrnResult *results, int32_t *origins);
+                                int32_t mode, int32_t k, uint32_t flags, TrnResult *results,
+                                int32_t *origins);
 
 /* What a word of a query does in trn_search (see Narrowing there). The values never change. */
 typedef uint32_t TrnQueryWordKind;

@@ -61,6 +61,7 @@ DirectoryState::DirectoryState(const DirectoryTab &tab, const EncoderChoice *enc
     }
     const QString weights = effectiveWeightsPath();
     m_engine = std::make_shared<TarnwickEngine>(m_directoryPath, weights);
+    m_engine->setIdlePriority(m_settings->indexAtIdlePriority());
     m_weightsPath = weights;
     const TrnStats stats = m_engine->stats();
     m_statusText = stats.chunk_count >= 1 ? countsText(stats) : QStringLiteral("Not indexed");
@@ -78,6 +79,9 @@ DirectoryState::DirectoryState(const DirectoryTab &tab, const EncoderChoice *enc
     // searched by meaning with this one: build it again.
     if (stats.chunk_count >= 1 && !EncoderRecord::matches(m_directoryPath, weights)) {
         rebuildWith(weights);
+    } else if (m_engine->isOpen() && m_settings->isIndexingUnfinished(m_directoryPath)) {
+        // Killed or closed while indexing: the files committed then stay, the rest follow.
+        update();
     }
     if (m_settings->watchDirectories()) {
         m_watcher = new DirectoryWatcher(m_directoryPath,
@@ -102,7 +106,11 @@ void DirectoryState::directoryChanged()
     update();
 }
 
-DirectoryState::~DirectoryState() = default;
+DirectoryState::~DirectoryState()
+{
+    // A paused update would otherwise hold its thread for good once no tab can resume it.
+    m_engine->setPaused(false);
+}
 
 QString DirectoryState::failureText(const QString &engineLine)
 {
@@ -192,8 +200,11 @@ void DirectoryState::runIndexing(int chunkSize, int overlap, bool checkpoint)
     m_updatePending = false;
     setIsIngesting(true);
     m_ingestClock.start();
+    m_pausedMs = 0;
+    m_pausedAt = m_isIndexingPaused ? 0 : -1;
     setIngestProgress(0, 0, 0);
     setStatusText(QStringLiteral("Indexing..."));
+    m_settings->setIndexingUnfinished(m_directoryPath, true);
     std::shared_ptr<TarnwickEngine> engine = m_engine;
     const QString directory = m_directoryPath;
     const QString weights = m_weightsPath;
@@ -209,6 +220,11 @@ void DirectoryState::runIndexing(int chunkSize, int overlap, bool checkpoint)
                 }
                 promise.setProgressValueAndText(done, QString::number(chunks));
             };
+            // An empty index takes this encoder before its first chunk is committed, so an
+            // indexing that is killed half-way is continued at the next start, not rebuilt.
+            if (engine->stats().chunk_count == 0) {
+                EncoderRecord::write(directory, weights);
+            }
             const int n = engine->ingestDirectory(chunkSize, overlap, *walk, progress);
             // A failed update is not committed: what it logged stays in the log.
             const bool saved = n >= 0 && (!checkpoint || engine->checkpoint());
@@ -231,11 +247,14 @@ void DirectoryState::runIndexing(int chunkSize, int overlap, bool checkpoint)
 void DirectoryState::indexingFinished(const EngineOutcome &r)
 {
     // Runs long enough to measure give the speed that re-index estimates use.
-    const double seconds = m_ingestClock.elapsed() / 1000.0;
+    const double seconds = ingestSeconds();
     if (r.added > 0 && seconds >= 2.0) {
         m_settings->setValue(QStringLiteral("indexingChunksPerSecond"), r.added / seconds);
     }
     setIsIngesting(false);
+    if (r.ok) {
+        m_settings->setIndexingUnfinished(m_directoryPath, false);
+    }
     setStatusText(r.ok ? countsText(r.stats) : failureText(r.error));
     if (r.added >= 0 && !r.ok && r.status == TRN_STATUS_BUSY) {
         retryCheckpoint(1);
@@ -625,6 +644,35 @@ void DirectoryState::setIsIngesting(bool value)
     emit isIngestingChanged();
 }
 
+double DirectoryState::ingestSeconds() const
+{
+    const qint64 now = m_ingestClock.elapsed();
+    const qint64 paused = m_pausedMs + (m_pausedAt >= 0 ? now - m_pausedAt : 0);
+    return qMax<qint64>(0, now - paused) / 1000.0;
+}
+
+void DirectoryState::setIndexingPaused(bool paused)
+{
+    if (m_isIndexingPaused == paused) {
+        return;
+    }
+    m_isIndexingPaused = paused;
+    m_engine->setPaused(paused);
+    if (m_isIngesting) {
+        const qint64 now = m_ingestClock.elapsed();
+        if (paused) {
+            m_pausedAt = now;
+        } else if (m_pausedAt >= 0) {
+            m_pausedMs += now - m_pausedAt;
+            m_pausedAt = -1;
+        }
+    }
+    emit isIndexingPausedChanged();
+    if (m_isIngesting) {
+        setIngestProgress(m_ingestFilesDone, m_ingestFilesFound, m_ingestChunksDone);
+    }
+}
+
 void DirectoryState::setIngestProgress(int done, int found, int chunks)
 {
     if (m_ingestFilesFound != found) {
@@ -641,7 +689,8 @@ void DirectoryState::setIngestProgress(int done, int found, int chunks)
     }
     // A late report of a run that has ended leaves the final status alone.
     if (m_isIngesting && found > 0) {
-        setStatusText(indexingProgressText(done, found, chunks, m_ingestClock.elapsed() / 1000.0));
+        const QString progress = indexingProgressText(done, found, chunks, ingestSeconds());
+        setStatusText(m_isIndexingPaused ? QStringLiteral("Paused: ") + progress : progress);
     }
 }
 

@@ -55,6 +55,8 @@ class DirectoryState : public QObject
     // Chunks the running indexing has added so far. While indexing, statusText reads as
     // indexingProgressText() of these counts.
     Q_PROPERTY(int ingestChunksDone READ ingestChunksDone NOTIFY ingestChunksDoneChanged)
+    // The running indexing waits after its current file (searches go on) until resumed.
+    Q_PROPERTY(bool isIndexingPaused READ isIndexingPaused NOTIFY isIndexingPausedChanged)
     Q_PROPERTY(bool isSearching READ isSearching NOTIFY isSearchingChanged)
     // Why the last query could not run ("Invalid regular expression: ..."); empty when it ran.
     Q_PROPERTY(QString queryError READ queryError NOTIFY queryErrorChanged)
@@ -96,6 +98,9 @@ public:
     int ingestFilesDone() const { return m_ingestFilesDone; }
     int ingestFilesFound() const { return m_ingestFilesFound; }
     int ingestChunksDone() const { return m_ingestChunksDone; }
+    bool isIndexingPaused() const { return m_isIndexingPaused; }
+    // Pauses or resumes indexing, this run and the next ones, until resumed.
+    void setIndexingPaused(bool paused);
     bool isSearching() const { return m_runningSearches > 0; }
     QString queryError() const { return m_queryError; }
     bool isLoadingMore() const { return m_isLoadingMore; }
@@ -197,6 +202,7 @@ signals:
     void displayResultsChanged();
     void statusTextChanged();
     void isIngestingChanged();
+    void isIndexingPausedChanged();
     void ingestFilesDoneChanged();
     void ingestFilesFoundChanged();
     void ingestChunksDoneChanged();
@@ -237,6 +243,8 @@ private:
     void rebuildWith(const QString &weightsPath);
     void setIsIngesting(bool value);
     void setIngestProgress(int done, int found, int chunks);
+    // Seconds of the running indexing, pauses left out.
+    double ingestSeconds() const;
     void setIsLoadingMore(bool value);
     void setQueryError(const QString &text);
     void setHasMoreResults(bool value);
@@ -277,6 +285,9 @@ private:
     int m_ingestFilesFound = 0;
     int m_ingestChunksDone = 0;
     QElapsedTimer m_ingestClock;
+    bool m_isIndexingPaused = false;
+    qint64 m_pausedMs = 0;  // of the running indexing, in pauses that ended
+    qint64 m_pausedAt = -1; // m_ingestClock's reading when the current pause began, or -1
     int m_runningSearches = 0;
     quint64 m_searchRequest = 0; // the newest runSearch; older answers are dropped
     QString m_queryError;

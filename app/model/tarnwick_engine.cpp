@@ -6,6 +6,7 @@
 */
 #include "tarnwick_engine.h"
 
+#include "priority.h"
 #include "settings.h"
 #include "text/files.h"
 
@@ -41,6 +42,7 @@ SearchResult toResult(const TrnResult &r)
     result.chunkIndex = r.chunk_index;
     result.lineNumber = r.line_number;
     result.fileType = static_cast<int>(r.file_type);
+    result.moreInFile = r.more_in_file;
     return result;
 }
 
@@ -175,6 +177,7 @@ void TarnwickEngine::clearAndReopen(const QString &weightsPath)
     std::unique_lock<std::mutex> lock(m_mutex);
     // A running update stops after its current file; the handle is closed only then.
     m_cancelUpdate = true;
+    m_pauseChanged.notify_all();
     m_updateEnded.wait(lock, [this] {
         return !m_updateRunning;
     });
@@ -196,6 +199,8 @@ struct UpdateProgress {
     const TrnUpdateReport *report;
     std::unique_lock<std::mutex> *lock;
     const bool *cancel; // guarded by m_mutex
+    const bool *paused; // guarded by m_mutex
+    std::condition_variable *pause_changed;
 };
 
 bool onUpdateProgress(const char *, int32_t done, int32_t total, void *user)
@@ -208,13 +213,58 @@ bool onUpdateProgress(const char *, int32_t done, int32_t total, void *user)
     }
     std::this_thread::yield();
     p->lock->lock();
+    // Waiting releases the lock, so a paused tab still answers searches.
+    p->pause_changed->wait(*p->lock, [p] {
+        return !*p->paused || *p->cancel;
+    });
     return !*p->cancel;
 }
 
 } // namespace
 
+void TarnwickEngine::setIdlePriority(bool idle)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_idlePriority = idle;
+}
+
+void TarnwickEngine::setPaused(bool paused)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_paused = paused;
+    m_pauseChanged.notify_all();
+}
+
+bool TarnwickEngine::isPaused() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_paused;
+}
+
 int TarnwickEngine::ingestDirectory(int chunkSize, int overlap, const FileWalkOptions &walk,
                                     const ProgressFn &progress, TrnUpdateReport *report)
+{
+    bool idle = false;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        idle = m_idlePriority;
+    }
+    if (!idle) {
+        return ingestDirectoryHere(chunkSize, overlap, walk, progress, report);
+    }
+    // An unprivileged thread never leaves idle priority, so the update gets a thread of its own
+    // rather than lowering a pool thread that later runs searches.
+    int n = -1;
+    std::thread indexer([this, chunkSize, overlap, &walk, &progress, report, &n] {
+        thread_set_idle();
+        n = ingestDirectoryHere(chunkSize, overlap, walk, progress, report);
+    });
+    indexer.join();
+    return n;
+}
+
+int TarnwickEngine::ingestDirectoryHere(int chunkSize, int overlap, const FileWalkOptions &walk,
+                                        const ProgressFn &progress, TrnUpdateReport *report)
 {
     TrnUpdateReport local{};
     if (!report) {
@@ -229,7 +279,7 @@ int TarnwickEngine::ingestDirectory(int chunkSize, int overlap, const FileWalkOp
     }
     m_updateRunning = true;
     m_cancelUpdate = false;
-    UpdateProgress state{&progress, report, &lock, &m_cancelUpdate};
+    UpdateProgress state{&progress, report, &lock, &m_cancelUpdate, &m_paused, &m_pauseChanged};
     // m_handle stays while m_updateRunning: clearAndReopen waits for the update to stop.
     const int32_t n = trn_update_dir(m_handle,
                                      dir.constData(),
@@ -287,10 +337,6 @@ QList<SearchResult> TarnwickEngine::searchAcross(const QList<TarnwickEngine *> &
     if (k < 0) {
         qFatal("tarnwick: search with negative k %d", k);
     }
-    if (layout == ResultLayout::ByFile && k > 0) {
-        return groupByFile(
-            searchAcross(engines, query, mode, kEngineResultLimit, ResultLayout::AllPassages), k);
-    }
     QList<SearchResult> results;
     if (k == 0 || engines.isEmpty()) {
         return results;
@@ -318,13 +364,15 @@ QList<SearchResult> TarnwickEngine::searchAcross(const QList<TarnwickEngine *> &
     const QByteArray utf8 = query.toUtf8();
     std::vector<TrnResult> records(static_cast<size_t>(k), TrnResult{});
     std::vector<int32_t> origins(static_cast<size_t>(k), 0);
-    const int32_t n = trn_search_many(handles.data(),
-                                      static_cast<int32_t>(handles.size()),
-                                      utf8.constData(),
-                                      static_cast<int32_t>(mode),
-                                      k,
-                                      records.data(),
-                                      origins.data());
+    const int32_t n =
+        trn_search_many(handles.data(),
+                        static_cast<int32_t>(handles.size()),
+                        utf8.constData(),
+                        static_cast<int32_t>(mode),
+                        k,
+                        layout == ResultLayout::ByFile ? uint32_t{TRN_SEARCH_BY_FILE} : 0u,
+                        records.data(),
+                        origins.data());
     for (int32_t i = 0; i < n && i < k; i++) {
         SearchResult result = toResult(records[static_cast<size_t>(i)]);
         result.folder = open.at(origins[static_cast<size_t>(i)])->m_directoryPath;
@@ -339,11 +387,6 @@ QList<SearchResult> TarnwickEngine::search(const QString &query, SearchMode mode
     if (k < 0) {
         qFatal("tarnwick: search with negative k %d", k);
     }
-    if (layout == ResultLayout::ByFile && k > 0) {
-        // TODO(#27): the engine lays results out by file itself; until then the files are
-        // grouped from as many passages as it gives.
-        return groupByFile(search(query, mode, kEngineResultLimit, ResultLayout::AllPassages), k);
-    }
     QList<SearchResult> results;
     if (k == 0) {
         return results;
@@ -354,8 +397,9 @@ QList<SearchResult> TarnwickEngine::search(const QString &query, SearchMode mode
     if (!m_handle) {
         return results;
     }
-    const int32_t n =
-        trn_search(m_handle, utf8.constData(), static_cast<int32_t>(mode), k, records.data());
+    const uint32_t flags = layout == ResultLayout::ByFile ? TRN_SEARCH_BY_FILE : 0;
+    const int32_t n = trn_search_ex(
+        m_handle, utf8.constData(), static_cast<int32_t>(mode), k, flags, records.data());
     results.reserve(n);
     for (int32_t i = 0; i < n && i < k; i++) {
         SearchResult result = toResult(records[static_cast<size_t>(i)]);

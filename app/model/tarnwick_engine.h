@@ -176,6 +176,14 @@ public:
     // says what the update did.
     int ingestDirectory(int chunkSize, int overlap, const FileWalkOptions &walk,
                         const ProgressFn &progress = {}, TrnUpdateReport *report = nullptr);
+    // With idle set, ingestDirectory runs the update on a thread started for it at idle CPU and
+    // I/O priority (trn_set_thread_idle), so indexing only takes what nothing else wants; the
+    // caller waits for it. Off by default.
+    void setIdlePriority(bool idle);
+    // A paused update waits after its current file, with the lock open (searches go on), until
+    // it is resumed or cancelled.
+    void setPaused(bool paused);
+    bool isPaused() const;
 
     // Nullopt when the engine can run query in mode (trn_check_query), else why in one line for
     // the user: a modified: date it cannot read, or "Invalid regular expression: ..." .
@@ -225,6 +233,8 @@ public:
     static void setVerbose(bool on);
 
 private:
+    int ingestDirectoryHere(int chunkSize, int overlap, const FileWalkOptions &walk,
+                            const ProgressFn &progress, TrnUpdateReport *report);
     void openLocked(const QString &weightsPath, uint32_t flags); // m_mutex held
     void noteFailureLocked(int status, const char *message);     // m_mutex held
 
@@ -236,7 +246,10 @@ private:
     int m_lastStatus = TRN_STATUS_OK; // guarded by m_mutex
     bool m_updateRunning = false;     // guarded by m_mutex
     bool m_cancelUpdate = false;      // guarded by m_mutex
+    bool m_paused = false;            // guarded by m_mutex
+    bool m_idlePriority = false;      // guarded by m_mutex
     std::condition_variable m_updateEnded;
+    std::condition_variable m_pauseChanged; // with m_mutex: m_paused or m_cancelUpdate changed
 };
 
 Q_DECLARE_METATYPE(SearchResult)

@@ -34,16 +34,19 @@ struct Manifest {
     uint32_t capacity;
 };
 
-/* How text is taken from files; an index whose manifest names another version reads every file
-** again (and replaces only those whose text changed). */
-constexpr uint32_t MANIFEST_TEXT_VERSION = 1;
+/* How text is taken from files and cut into windows; an index whose manifest names another
+** version trusts no entry, so its next update reads, cuts and embeds every file again. 2: windows
+** that reach the text's end and never split a character. */
+constexpr uint32_t MANIFEST_TEXT_VERSION = 2;
 
-/* Reads the manifest at path into m (emptied first). False, with m empty, when it is missing,
-** damaged or of another version: the caller then trusts no entry. */
-bool manifest_read(const char *path, Manifest *m);
-/* Writes m to path atomically (temporary file, sync, rename, directory sync), mode 0600.
+struct TrnEngine;
+
+/* Reads the manifest "tarnwick.files" of e's index directory into m (emptied first). False, with
+** m empty, when it is missing, damaged or of another version: the caller then trusts no entry. */
+bool manifest_read(const TrnEngine *e, Manifest *m);
+/* Writes m as e's manifest atomically (temporary file, sync, rename, directory sync), mode 0600.
 ** False when it could not be written (the old manifest then stays). */
-bool manifest_write(const char *path, const Manifest *m);
+bool manifest_write(const TrnEngine *e, const Manifest *m);
 /* Appends a copy of e (its path copied). */
 void manifest_add(Manifest *m, const ManifestEntry *e);
 void manifest_free(Manifest *m);

@@ -47,9 +47,16 @@ struct TextBuilder {
     size_t length = 0;
     size_t capacity = 0;
     bool pending_space = false;
+    /* When set, where the source line of the text changes: a break whenever bytes added come
+    ** from another line than the last ones did (see html_text_with_lines). */
+    HtmlLineMap *sources = nullptr;
+    int32_t source_line = 1;
 
     void append(const char *s, size_t n)
     {
+        if (sources && n > 0 && (sources->empty() || sources->back().line != source_line)) {
+            sources->push_back(HtmlSourceBreak{length, source_line});
+        }
         if (length + n + 1 > capacity) {
             size_t c = capacity ? capacity : 256;
             while (c < length + n + 1) {
@@ -72,6 +79,7 @@ struct TextBuilder {
             if (c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || nbsp) {
                 pending_space = true;
                 i += nbsp ? 1 : 0;
+                source_line += c == '\n' ? 1 : 0;
                 continue;
             }
             if (pending_space && !at_line_start() && data[length - 1] != ' '
@@ -85,7 +93,14 @@ struct TextBuilder {
     void add_raw(const char *s, size_t n)
     {
         pending_space = false;
-        append(s, n);
+        if (!sources) {
+            append(s, n);
+            return;
+        }
+        for (size_t i = 0; i < n; i++) {
+            append(s + i, 1);
+            source_line += s[i] == '\n' ? 1 : 0;
+        }
     }
     void end_line()
     {
@@ -146,6 +161,14 @@ void html_walk(const xmlNode *node, TextBuilder *b, bool in_pre)
     for (const xmlNode *n = node; n; n = n->next) {
         if (n->type == XML_TEXT_NODE || n->type == XML_CDATA_SECTION_NODE) {
             const char *text = reinterpret_cast<const char *>(n->content);
+            if (text && b->sources) {
+                /* The parser stamps a text node with the line on which it ends. */
+                long line = xmlGetLineNo(n);
+                for (const char *c = text; *c; c++) {
+                    line -= *c == '\n' ? 1 : 0;
+                }
+                b->source_line = (int32_t)line;
+            }
             if (text) {
                 if (in_pre) {
                     b->add_raw(text, strlen(text));
@@ -540,9 +563,14 @@ HtmlElementKind html_element_kind(const char *name)
     return name_in(name, HTML_BLOCKS) ? HTML_ELEMENT_BLOCK : HTML_ELEMENT_INLINE;
 }
 
-char *html_to_text(const char *html, size_t n, size_t *out_len)
+namespace
+{
+
+/* html_to_text, recording the source line of each line of the text in sources when not NULL. */
+char *html_text_of(const char *html, size_t n, size_t *out_len, HtmlLineMap *sources)
 {
     TextBuilder b;
+    b.sources = sources;
     if (n > 0 && n <= (size_t)INT32_MAX) {
         /* Without a declared charset the parser would take Latin-1; text that is valid UTF-8 is
         ** read as UTF-8, anything else is left to the document's own declaration. */
@@ -560,6 +588,47 @@ char *html_to_text(const char *html, size_t n, size_t *out_len)
         }
     }
     return b.take(out_len);
+}
+
+} // namespace
+
+char *html_to_text(const char *html, size_t n, size_t *out_len)
+{
+    return html_text_of(html, n, out_len, nullptr);
+}
+
+char *html_text_with_lines(const char *path, size_t *len, HtmlLineMap *map)
+{
+    map->clear();
+    size_t n = 0;
+    char *bytes = read_file(path, TRN_FILE_SIZE_MAX, &n);
+    if (!bytes) {
+        return nullptr;
+    }
+    char *text = html_text_of(bytes, n, len, map);
+    free(bytes);
+    /* The parser stamps lines past 65535 as 65535: such a map is not trusted. */
+    for (const HtmlSourceBreak &b : *map) {
+        if (b.line < 1 || b.line >= 65535) {
+            map->clear();
+            break;
+        }
+    }
+    return text;
+}
+
+int32_t html_source_line(const HtmlLineMap &map, size_t offset)
+{
+    size_t lo = 0, hi = map.size();
+    while (lo < hi) {
+        size_t mid = (lo + hi) / 2;
+        if (map[mid].offset <= offset) {
+            lo = mid + 1;
+        } else {
+            hi = mid;
+        }
+    }
+    return lo == 0 ? 0 : map[lo - 1].line;
 }
 
 TrnFileStatus extract_file_text(const char *path, TrnFileType type, uint64_t max_size,

@@ -30,6 +30,10 @@
 
 #include "tarnwick.h"
 
+#include "alloc.h"
+
+#include <vector>
+
 #include <stddef.h>
 #include <stdint.h>
 
@@ -244,6 +248,20 @@ bool file_charset(const char *path, uint64_t max_size, char *name, size_t size);
 /* The readable text of an HTML document of n bytes (see extract_file_text). Returns an xmalloc'd
 ** string (never NULL; empty when nothing could be parsed) and its length in *out_len. */
 char *html_to_text(const char *html, size_t n, size_t *out_len);
+
+/* From byte offset on, the text html_to_text gives comes from the 1-based source line line. */
+struct HtmlSourceBreak {
+    size_t offset;
+    int32_t line;
+};
+using HtmlLineMap = std::vector<HtmlSourceBreak, XAllocator<HtmlSourceBreak>>;
+/* Reads the HTML file at path (at most TRN_FILE_SIZE_MAX bytes) as html_to_text does. Returns its
+** text (xmalloc'd, its length in *len) and fills map with where the source line changes, in
+** order of offset; NULL when the file cannot be read. map is left empty when the file has lines
+** past 65535, which the parser does not number. */
+char *html_text_with_lines(const char *path, size_t *len, HtmlLineMap *map);
+/* The source line of the text's byte at offset, by map; 0 when map says nothing of it. */
+int32_t html_source_line(const HtmlLineMap &map, size_t offset);
 
 /* How html_to_text reads an element, by its name in any case (NULL: inline): SKIPPED, its content
 ** is never text (script, style, svg, ...); BLOCK, it ends the line before and after it (p, div,

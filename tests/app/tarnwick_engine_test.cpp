@@ -15,7 +15,12 @@
 #include <QPdfWriter>
 #include <QRandomGenerator>
 #include <QTemporaryDir>
+#include <QtConcurrent>
 #include <QtTest>
+
+#include <atomic>
+
+#include <sched.h>
 
 class TestTarnwickEngine : public QObject
 {
@@ -26,6 +31,7 @@ private slots:
     void init();
     void extraExtensionsAreTrimmedAndLowerCased();
     void walkSkipsHiddenEntriesAndTheIndex();
+    void idleIndexingHasAThreadOfItsOwnAndPausesWithTheLockOpen();
     void indexIsPrivateAndHugeFilesAreNeverRead();
     void searchCopiesRecordsAndKZeroReturnsNothing();
     void groupingKeepsEachFilesBestPassage();
@@ -100,6 +106,36 @@ void TestTarnwickEngine::walkSkipsHiddenEntriesAndTheIndex()
     QCOMPARE(engine.search(QStringLiteral("visible"), SearchMode::Text, 10).size(), 2);
 }
 
+void TestTarnwickEngine::idleIndexingHasAThreadOfItsOwnAndPausesWithTheLockOpen()
+{
+    QTemporaryDir dir;
+    QVERIFY(writeFile(dir.path(), QStringLiteral("a.txt"), "alpha words of the first file\n"));
+    QVERIFY(writeFile(dir.path(), QStringLiteral("b.txt"), "bravo words of the second file\n"));
+    TarnwickEngine engine(dir.path(), QString());
+    engine.setIdlePriority(true);
+    engine.setPaused(true);
+    std::atomic<int> indexerPolicy{-1}, callerPolicy{-1}, filesDone{-1};
+    QFuture<int> run = QtConcurrent::run([&] {
+        const int n = engine.ingestDirectory(800, 200, *m_env->walk(), [&](int done, int, int) {
+            indexerPolicy = sched_getscheduler(0);
+            filesDone = done;
+        });
+        callerPolicy = sched_getscheduler(0);
+        return n;
+    });
+    // Paused once the walk found the files: none is read, and searches still get the lock.
+    QTRY_COMPARE_WITH_TIMEOUT(filesDone.load(), 0, 60000);
+    QVERIFY(engine.search(QStringLiteral("alpha"), SearchMode::Text, 10).isEmpty());
+    QVERIFY(!run.isFinished());
+    engine.setPaused(false);
+    QCOMPARE(run.result(), 2);
+    QCOMPARE(filesDone.load(), 2);
+    QCOMPARE(indexerPolicy.load(), SCHED_IDLE);
+    // The pool thread that asked is not lowered: it runs searches later.
+    QCOMPARE(callerPolicy.load(), SCHED_OTHER);
+    QCOMPARE(engine.search(QStringLiteral("alpha"), SearchMode::Text, 10).size(), 1);
+}
+
 void TestTarnwickEngine::indexIsPrivateAndHugeFilesAreNeverRead()
 {
     QTemporaryDir dir;
@@ -149,7 +185,7 @@ void TestTarnwickEngine::searchCopiesRecordsAndKZeroReturnsNothing()
     const SearchResult hit = hits.first();
     QCOMPARE(hit.filePath, dir.filePath(QStringLiteral("a.txt")));
     QCOMPARE(hit.chunkIndex, 0);
-    QCOMPARE(hit.lineNumber, 1);
+    QCOMPARE(hit.lineNumber, 2); // the line of the match, not of the chunk
     QCOMPARE(hit.fileType, int(TRN_FILE_TYPE_TEXT));
     QVERIFY(hit.snippet.contains(QStringLiteral("needle")));
     QVERIFY(hit.id.startsWith(hit.filePath));
@@ -239,7 +275,7 @@ void TestTarnwickEngine::fileListGivesTheReasonForEveryFile()
     const QMap<QString, QString> expected = {
         {QStringLiteral("notes.txt"), QStringLiteral("Indexed (1 chunk)")},
         // 250 bytes in windows of 100 bytes every 80: at 0 and 80; a third would run past the end.
-        {QStringLiteral("long.txt"), QStringLiteral("Indexed (2 chunks)")},
+        {QStringLiteral("long.txt"), QStringLiteral("Indexed (3 chunks)")},
         {QStringLiteral("README.Debian"), QStringLiteral("Indexed (1 chunk)")},
         {QStringLiteral("edited.md"), QStringLiteral("Changed since indexing")},
         {QStringLiteral("new.txt"), QStringLiteral("Not indexed yet")},

@@ -1,6 +1,7 @@
 /*
 ** search_many_test.cpp -- several indexes searched as one: in the modes whose scores compare,
-** the merged ranking is the ranking of one index that holds every folder's chunks.
+** the merged ranking is the ranking of one index that holds every folder's chunks, per chunk and
+** per file.
 */
 #include "store_fixtures.h"
 
@@ -14,7 +15,8 @@ namespace
 {
 
 /* Two folders' chunks, each in an index of its own and all in one index, with the same vectors.
-** The folders differ in size, so their own word counts differ from the shared ones. */
+** The folders differ in size, so their own word counts differ from the shared ones; their files
+** hold several chunks each, and the same names stand in both folders. */
 struct Folders {
     HandEngine a, b, both;
     Folders()
@@ -41,23 +43,25 @@ struct Folders {
                 x = g(rng);
             }
             vec_normalize(v.data(), v.size());
-            std::string path = (i < 12 ? "/a/f" : "/b/f") + std::to_string(i) + ".md";
-            (i < 12 ? a : b).add(path.c_str(), text, &v);
-            both.add(path.c_str(), text, &v);
+            std::string path = (i < 12 ? "/a/f" : "/b/f") + std::to_string(i % 5) + ".md";
+            (i < 12 ? a : b).add(path.c_str(), text, &v, i);
+            both.add(path.c_str(), text, &v, i);
         }
     }
-    std::vector<TrnResult> many(const char *q, int32_t mode, int32_t k, std::vector<int32_t> *from)
+    std::vector<TrnResult> many(const char *q, int32_t mode, int32_t k, std::vector<int32_t> *from,
+                                uint32_t flags = 0)
     {
         TrnEngine *engines[] = {a.e, b.e};
         std::vector<TrnResult> out((size_t)k);
         from->assign((size_t)k, -1);
-        out.resize((size_t)trn_search_many(engines, 2, q, mode, k, out.data(), from->data()));
+        out.resize(
+            (size_t)trn_search_many(engines, 2, q, mode, k, flags, out.data(), from->data()));
         return out;
     }
-    std::vector<TrnResult> one(const char *q, int32_t mode, int32_t k)
+    std::vector<TrnResult> one(const char *q, int32_t mode, int32_t k, uint32_t flags = 0)
     {
         std::vector<TrnResult> out((size_t)k);
-        out.resize((size_t)trn_search(both.e, q, mode, k, out.data()));
+        out.resize((size_t)trn_search_ex(both.e, q, mode, k, flags, out.data()));
         return out;
     }
 };
@@ -65,19 +69,23 @@ struct Folders {
 TEST(SearchMany, ScoresCompareAsInOneIndexOfEveryFolder)
 {
     Folders f;
-    for (int32_t mode : {TRN_SEARCH_KEYWORD, TRN_SEARCH_SEMANTIC_ALL, TRN_SEARCH_HYBRID}) {
-        for (const char *q : {"lantern harbor", "quiet tide", "keeper -wall", "green in:b"}) {
-            std::vector<int32_t> from;
-            std::vector<TrnResult> got = f.many(q, mode, 15, &from);
-            std::vector<TrnResult> expected = f.one(q, mode, 15);
-            ASSERT_EQ(got.size(), expected.size()) << mode << " " << q;
-            ASSERT_FALSE(got.empty()) << mode << " " << q;
-            for (size_t i = 0; i < got.size(); i++) {
-                EXPECT_STREQ(got[i].doc_id, expected[i].doc_id) << mode << " " << q << " " << i;
-                EXPECT_NEAR(got[i].score, expected[i].score, 1e-5f) << mode << " " << q;
-                EXPECT_STREQ(got[i].snippet, expected[i].snippet);
-                /* Each record names the index it came from, and points into it. */
-                EXPECT_EQ(from[i], got[i].file_path[1] == 'a' ? 0 : 1) << got[i].file_path;
+    for (uint32_t flags : {0u, (uint32_t)TRN_SEARCH_BY_FILE}) {
+        for (int32_t mode : {TRN_SEARCH_KEYWORD, TRN_SEARCH_SEMANTIC_ALL, TRN_SEARCH_HYBRID}) {
+            for (const char *q : {"lantern harbor", "quiet tide", "keeper -wall", "green in:b"}) {
+                SCOPED_TRACE(testing::Message() << flags << " " << mode << " " << q);
+                std::vector<int32_t> from;
+                std::vector<TrnResult> got = f.many(q, mode, 15, &from, flags);
+                std::vector<TrnResult> expected = f.one(q, mode, 15, flags);
+                ASSERT_EQ(got.size(), expected.size());
+                ASSERT_FALSE(got.empty());
+                for (size_t i = 0; i < got.size(); i++) {
+                    EXPECT_STREQ(got[i].doc_id, expected[i].doc_id) << i;
+                    EXPECT_NEAR(got[i].score, expected[i].score, 1e-5f);
+                    EXPECT_STREQ(got[i].snippet, expected[i].snippet);
+                    EXPECT_EQ(got[i].more_in_file, expected[i].more_in_file) << i;
+                    /* Each record names the index it came from, and points into it. */
+                    EXPECT_EQ(from[i], got[i].file_path[1] == 'a' ? 0 : 1) << got[i].file_path;
+                }
             }
         }
     }
@@ -102,8 +110,8 @@ TEST(SearchMany, TextHitsTakeTurnsSoNoFolderCrowdsOutAnother)
     TrnEngine *none[] = {f.a.e, nullptr};
     TrnResult r[4];
     int32_t o[4];
-    EXPECT_EQ(trn_search_many(none, 2, "lantern", TRN_SEARCH_TEXT, 4, r, o), 0);
-    EXPECT_EQ(trn_search_many(none, 1, "x modified:soon", TRN_SEARCH_TEXT, 4, r, o), 0);
+    EXPECT_EQ(trn_search_many(none, 2, "lantern", TRN_SEARCH_TEXT, 4, 0, r, o), 0);
+    EXPECT_EQ(trn_search_many(none, 1, "x modified:soon", TRN_SEARCH_TEXT, 4, 0, r, o), 0);
 }
 
 } // namespace
