@@ -478,14 +478,6 @@ QList<SearchResult> DirectoryState::displayResults() const
     return shown;
 }
 
-void DirectoryState::openResult(const SearchResult &result)
-{
-    const OpenOutcome outcome = TarnwickEngine::openResult(result, *m_settings);
-    if (!outcome.message.isEmpty()) {
-        setStatusText(outcome.message);
-    }
-}
-
 bool DirectoryState::isPinned(const SearchResult &result) const
 {
     for (const PinnedResult &pin : m_pinnedResults) {

@@ -165,9 +165,8 @@ public:
     // The passages of an expanded file, best first (empty when it is not expanded).
     QList<SearchResult> passagesOf(const QString &filePath) const;
 
-    // Opens a result in its application (TarnwickEngine::openResult); a failure, or a fall-back
-    // to the default application, is told in statusText.
-    void openResult(const SearchResult &result);
+    // Also what a view reports of a request it carried out, such as opening a result.
+    void setStatusText(const QString &text);
 
     bool isPinned(const SearchResult &result) const;
     void togglePin(const SearchResult &result);
@@ -231,7 +230,6 @@ private:
     static QString failureText(const QString &engineLine);
     void setResults(const QList<SearchResult> &results);
     void setExpandedFiles(const QHash<QString, QList<SearchResult>> &files);
-    void setStatusText(const QString &text);
     // Discards the index and indexes again with the given weights.
     void rebuildWith(const QString &weightsPath);
     void setIsIngesting(bool value);

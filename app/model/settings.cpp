@@ -5,10 +5,6 @@
 
 #include "tarnwick.h"
 
-#include <QColor>
-#include <QGuiApplication>
-#include <QPalette>
-
 namespace
 {
 
@@ -498,9 +494,4 @@ std::optional<bool> appearanceIsDark(const QString &appearance, bool systemIsDar
         return !systemIsDark;
     }
     return std::nullopt;
-}
-
-bool systemAppearanceIsDark()
-{
-    return QGuiApplication::palette().color(QPalette::Window).lightness() < 128;
 }

@@ -462,25 +462,6 @@ std::optional<int> TarnwickEngine::pdfPageForLine(const QString &path, int lineN
     return page;
 }
 
-OpenOutcome TarnwickEngine::openResult(const SearchResult &result, const Settings &settings)
-{
-    OpenRequest request;
-    request.filePath = result.filePath;
-    request.lineNumber = result.lineNumber;
-    const TrnFileType type = file_type_by_name(QFile::encodeName(result.filePath).constData());
-    request.isPdf = type == TRN_FILE_TYPE_PDF;
-    // A name that says nothing (README.Debian, NEWS) was indexed as text: the editor opens it.
-    request.isEditable =
-        type == TRN_FILE_TYPE_TEXT || type == TRN_FILE_TYPE_SOURCE || type == TRN_FILE_TYPE_MARKDOWN
-        || (type == TRN_FILE_TYPE_UNKNOWN && result.fileType == TRN_FILE_TYPE_TEXT);
-    if (request.isPdf) {
-        request.pdfPage = pdfPageForLine(result.filePath, result.lineNumber).value_or(1);
-    }
-    request.editorChoice = settings.openTextFilesWith();
-    request.customCommand = settings.editorCommand();
-    return openWithDesktop(request);
-}
-
 FileCategory TarnwickEngine::fileCategory(const SearchResult &result)
 {
     switch (file_type_by_name(QFile::encodeName(result.filePath).constData())) {

@@ -8,8 +8,7 @@
 ** records into value types, and lists the directory's files with the reason each is or is not in
 ** the index.
 **
-** The type-level operations (static members) find a PDF hit's page and open results in external
-** applications.
+** The type-level operations (static members) find a PDF hit's page.
 **
 ** Locking: every trn_ call on the handle holds this object's own mutex, because calls on one
 ** handle must not overlap; handles share nothing, so tabs never wait for each other (a search in
@@ -20,7 +19,6 @@
 #ifndef TRN_APP_TARNWICK_ENGINE_H
 #define TRN_APP_TARNWICK_ENGINE_H
 
-#include "result_opener.h"
 #include "tarnwick.h"
 
 #include <QList>
@@ -207,11 +205,6 @@ public:
     // The 1-based page of the PDF at path that holds line lineNumber of its extracted text
     // (page_for_line of files.h); 1 for lineNumber < 1; nullopt when the file cannot be read.
     static std::optional<int> pdfPageForLine(const QString &path, int lineNumber);
-
-    // Opens a result as result_opener.h describes, with the editor chosen in settings:
-    // plain text, source code and Markdown in the editor at the line, PDFs at the hit's page,
-    // everything else with the default application. The outcome's message is for the status bar.
-    static OpenOutcome openResult(const SearchResult &result, const Settings &settings);
 
     static FileCategory fileCategory(const SearchResult &result);
 

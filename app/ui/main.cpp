@@ -15,6 +15,7 @@
 #include "icons.h"
 #include "main_window.h"
 #include "settings.h"
+#include "system_clipboard.h"
 #include "tarnwick_engine.h"
 #include "training_manager.h"
 
@@ -120,6 +121,8 @@ int main(int argc, char **argv)
     Appearance appearance(settings.get());
     TrainingManager training(settings.get());
     AppState state(settings.get(), &training);
+    SystemClipboard clipboard;
+    state.setClipboard(&clipboard);
     MainWindow window(&state, &training);
     // The saved tabs come back on the first turn of the event loop; the directories named on the
     // command line open after them, so the last one named is the active tab.

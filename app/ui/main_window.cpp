@@ -10,6 +10,7 @@
 #include "help_window.h"
 #include "icons.h"
 #include "preview_pane.h"
+#include "result_opener.h"
 #include "results_model.h"
 #include "results_view.h"
 #include "search_bar.h"
@@ -113,7 +114,7 @@ MainWindow::MainWindow(AppState *app, TrainingManager *training, QWidget *parent
     connect(m_results, &ResultsView::previewRequested, this, &MainWindow::previewRow);
     connect(m_preview, &PreviewPane::openRequested, this, [this](const SearchResult &result) {
         if (m_state) {
-            m_state->openResult(result);
+            openResult(result, *m_settings, m_state);
         }
     });
     connect(m_preview, &PreviewPane::hideRequested, this, [this] {
