@@ -143,7 +143,7 @@ void AppState::setSearchAllTabs(bool value)
 
 void AppState::searchIn(DirectoryState *state)
 {
-    QList<std::shared_ptr<TarnwickEngine>> engines;
+    QList<std::shared_ptr<IndexHandle>> engines;
     if (m_searchAllTabs && m_tabs.size() > 1) {
         // The tab searched from first, then the others in tab order.
         engines.append(state->engine());

@@ -12,7 +12,7 @@
 
 #include "prompt_builder.h"
 #include "records.h"
-#include "tarnwick_engine.h"
+#include "search_results.h"
 
 #include <QHash>
 #include <QList>

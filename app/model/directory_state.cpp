@@ -45,7 +45,7 @@ struct DirectoryState::EngineOutcome {
     int added = 0; // indexing: the chunks added, or -1 when it failed
 
     EngineOutcome() = default;
-    EngineOutcome(const TarnwickEngine &engine, bool worked)
+    EngineOutcome(const IndexHandle &engine, bool worked)
         : ok(worked), status(engine.lastStatus()), error(engine.lastError()), stats(engine.stats())
     {
     }
@@ -60,7 +60,7 @@ DirectoryState::DirectoryState(const DirectoryTab &tab, const EncoderChoice *enc
         m_overrideProfileId = JsonCoding::uuidFromText(*overrideText);
     }
     const QString weights = effectiveWeightsPath();
-    m_engine = std::make_shared<TarnwickEngine>(m_directoryPath, weights);
+    m_engine = std::make_shared<IndexHandle>(m_directoryPath, weights);
     m_weightsPath = weights;
     const TrnStats stats = m_engine->stats();
     m_statusText = stats.chunk_count >= 1 ? countsText(stats) : QStringLiteral("Not indexed");
@@ -114,7 +114,7 @@ QString DirectoryState::failureText(const QString &engineLine)
 
 void DirectoryState::retryOpen(int attempt)
 {
-    std::shared_ptr<TarnwickEngine> engine = m_engine;
+    std::shared_ptr<IndexHandle> engine = m_engine;
     const QString weights = m_weightsPath;
     // Opening waits for the lock, so it runs off the main thread.
     QTimer::singleShot(kBusyRetryMs, this, [this, engine, weights, attempt] {
@@ -139,7 +139,7 @@ void DirectoryState::retryOpen(int attempt)
 
 void DirectoryState::retryCheckpoint(int attempt)
 {
-    std::shared_ptr<TarnwickEngine> engine = m_engine;
+    std::shared_ptr<IndexHandle> engine = m_engine;
     QTimer::singleShot(kBusyRetryMs, this, [this, engine, attempt] {
         runInBackground(
             this,
@@ -194,7 +194,7 @@ void DirectoryState::runIndexing(int chunkSize, int overlap, bool checkpoint)
     m_ingestClock.start();
     setIngestProgress(0, 0, 0);
     setStatusText(QStringLiteral("Indexing..."));
-    std::shared_ptr<TarnwickEngine> engine = m_engine;
+    std::shared_ptr<IndexHandle> engine = m_engine;
     const QString directory = m_directoryPath;
     const QString weights = m_weightsPath;
     const std::shared_ptr<const FileWalkOptions> walk = FileWalkOptions::fromSettings(*m_settings);
@@ -302,10 +302,10 @@ void DirectoryState::rebuildWith(const QString &weightsPath)
 }
 
 void DirectoryState::search(const QString &query, SearchMode mode,
-                            const QList<std::shared_ptr<TarnwickEngine>> &across)
+                            const QList<std::shared_ptr<IndexHandle>> &across)
 {
     m_searchAcross.clear();
-    for (const std::shared_ptr<TarnwickEngine> &engine : across) {
+    for (const std::shared_ptr<IndexHandle> &engine : across) {
         m_searchAcross.append(engine);
     }
     if (query.isEmpty()) {
@@ -316,7 +316,7 @@ void DirectoryState::search(const QString &query, SearchMode mode,
         return;
     }
     if (mode == SearchMode::Regex) {
-        const std::optional<QString> error = TarnwickEngine::regexError(query);
+        const std::optional<QString> error = regexError(query);
         if (error) {
             ++m_searchRequest;
             setResults({});
@@ -350,8 +350,8 @@ void DirectoryState::runSearch(int k)
     const SearchMode mode = m_lastMode;
     const ResultLayout layout =
         m_settings->allPassages() ? ResultLayout::AllPassages : ResultLayout::ByFile;
-    std::shared_ptr<TarnwickEngine> engine = m_engine;
-    const QList<std::weak_ptr<TarnwickEngine>> across = m_searchAcross;
+    std::shared_ptr<IndexHandle> engine = m_engine;
+    const QList<std::weak_ptr<IndexHandle>> across = m_searchAcross;
     const quint64 request = ++m_searchRequest;
     searchStarted();
     runInBackground(
@@ -362,12 +362,12 @@ void DirectoryState::runSearch(int k)
             }
             // A tab closed since is left out: its index is no longer open.
             QList<QList<SearchResult>> rankings;
-            for (const std::weak_ptr<TarnwickEngine> &weak : across) {
-                if (const std::shared_ptr<TarnwickEngine> other = weak.lock()) {
+            for (const std::weak_ptr<IndexHandle> &weak : across) {
+                if (const std::shared_ptr<IndexHandle> other = weak.lock()) {
                     rankings.append(other->search(query, mode, k, layout));
                 }
             }
-            return TarnwickEngine::mergeRankings(rankings, mode, k);
+            return mergeRankings(rankings, mode, k);
         },
         [this, k, request](const QList<SearchResult> &hits) {
             // Latest wins: an answer to a request that a newer one replaced is dropped.
@@ -405,13 +405,13 @@ void DirectoryState::toggleFile(const QString &filePath)
     const SearchMode mode = m_lastMode;
     const quint64 request = m_searchRequest;
     // The file's own index: of another tab when the results come from every tab.
-    std::shared_ptr<TarnwickEngine> engine = m_engine;
+    std::shared_ptr<IndexHandle> engine = m_engine;
     for (const SearchResult &result : m_results) {
         if (result.filePath != filePath) {
             continue;
         }
-        for (const std::weak_ptr<TarnwickEngine> &weak : m_searchAcross) {
-            const std::shared_ptr<TarnwickEngine> other = weak.lock();
+        for (const std::weak_ptr<IndexHandle> &weak : m_searchAcross) {
+            const std::shared_ptr<IndexHandle> other = weak.lock();
             if (other && other->directoryPath() == result.folder) {
                 engine = other;
             }
@@ -446,7 +446,7 @@ void DirectoryState::setExpandedFiles(const QHash<QString, QList<SearchResult>> 
 void DirectoryState::loadFileList()
 {
     setIsLoadingFileList(true);
-    std::shared_ptr<TarnwickEngine> engine = m_engine;
+    std::shared_ptr<IndexHandle> engine = m_engine;
     const std::shared_ptr<const FileWalkOptions> walk = FileWalkOptions::fromSettings(*m_settings);
     runInBackground(
         this,

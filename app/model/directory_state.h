@@ -1,7 +1,7 @@
 /*
 ** directory_state.h -- the model of one open directory tab.
 **
-** DirectoryState owns the tab's TarnwickEngine (shared with the background work it starts), runs
+** DirectoryState owns the tab's IndexHandle (shared with the background work it starts), runs
 ** indexing, searching and file listing on QThreadPool::globalInstance() and publishes their
 ** results on the main thread. Work that finishes after the tab was closed is dropped: each job
 ** holds the state through a QPointer that is checked on the main thread.
@@ -21,9 +21,9 @@
 #ifndef TRN_APP_DIRECTORY_STATE_H
 #define TRN_APP_DIRECTORY_STATE_H
 
+#include "index_handle.h"
 #include "prompt_builder.h"
 #include "records.h"
-#include "tarnwick_engine.h"
 
 #include <QElapsedTimer>
 #include <QHash>
@@ -87,7 +87,7 @@ public:
     ~DirectoryState() override;
 
     QString directoryPath() const { return m_directoryPath; }
-    std::shared_ptr<TarnwickEngine> engine() const { return m_engine; }
+    std::shared_ptr<IndexHandle> engine() const { return m_engine; }
 
     QList<SearchResult> results() const { return m_results; }
     QList<SearchResult> displayResults() const;
@@ -147,10 +147,10 @@ public:
     // Starts a new search; an empty query only clears the results. A regex-mode query that does
     // not compile clears the results and sets queryError instead (no history entry). across:
     // search these indexes (this tab's among them) as one ranking, each result naming its folder
-    // (TarnwickEngine::mergeRankings); loadMore and the searches after indexing do the same until
-    // the next search. Indexes whose tab closed meanwhile are left out.
+    // (mergeRankings of search_results.h); loadMore and the searches after indexing do the same
+    // until the next search. Indexes whose tab closed meanwhile are left out.
     void search(const QString &query, SearchMode mode,
-                const QList<std::shared_ptr<TarnwickEngine>> &across = {});
+                const QList<std::shared_ptr<IndexHandle>> &across = {});
     // "Load More Results": re-runs the current search with 10 more, while hasMoreResults and no
     // load is under way.
     void loadMore();
@@ -258,7 +258,7 @@ private:
     Settings *m_settings;
     const EncoderChoice *m_encoders; // NULL: always the untrained encoder
     QString m_directoryPath;
-    std::shared_ptr<TarnwickEngine> m_engine;
+    std::shared_ptr<IndexHandle> m_engine;
     DirectoryWatcher *m_watcher = nullptr; // owned (child); NULL when watching is off
     bool m_updatePending = false;          // a change settled while indexing ran
     QString m_weightsPath; // what m_engine was opened with; the index's record names it
@@ -267,7 +267,7 @@ private:
     QList<SearchResult> m_results;
     QHash<QString, QList<SearchResult>> m_expandedFiles; // file path -> its passages
     // The indexes of a search over every tab; weak, so a closed tab's index closes.
-    QList<std::weak_ptr<TarnwickEngine>> m_searchAcross;
+    QList<std::weak_ptr<IndexHandle>> m_searchAcross;
     QString m_statusText = QStringLiteral("Ready");
     bool m_isIngesting = false;
     int m_ingestFilesDone = 0;

@@ -350,7 +350,7 @@ void FileScopeWindow::syncSummary()
         bytes += file.fileSize;
     }
     QString text = (fileCount == 1 ? tr("1 file") : tr("%1 files").arg(fileCount))
-                   + tr(", %1 indexed, %2").arg(indexed).arg(TarnwickEngine::formatFileSize(bytes));
+                   + tr(", %1 indexed, %2").arg(indexed).arg(formatFileSize(bytes));
     if (m_files && m_files->count() != files.size()) {
         text += tr(" \u00b7 %1 shown").arg(m_files->count());
     }

@@ -13,10 +13,10 @@
 #include "appearance.h"
 #include "command_line.h"
 #include "icons.h"
+#include "index_handle.h"
 #include "main_window.h"
 #include "settings.h"
 #include "system_clipboard.h"
-#include "tarnwick_engine.h"
 #include "training_manager.h"
 
 #include <QApplication>
@@ -94,7 +94,7 @@ int main(int argc, char **argv)
 
     // The engine's informational lines ("opened", "built doc index") are for the command line's
     // --verbose; the application shows what matters in its status bar.
-    TarnwickEngine::setVerbose(false);
+    setEngineVerbose(false);
 
     QCommandLineParser parser;
     describeCommandLine(parser);

@@ -391,10 +391,9 @@ void PreviewPane::showResult(const SearchResult &result, const QString &query, S
     m_nextPage->setVisible(false);
     QString problem;
     bool shown = false;
-    switch (TarnwickEngine::fileCategory(result)) {
+    switch (fileCategory(result)) {
     case FileCategory::Pdf: {
-        const std::optional<int> page =
-            TarnwickEngine::pdfPageForLine(result.filePath, result.lineNumber);
+        const std::optional<int> page = pdfPageForLine(result.filePath, result.lineNumber);
         shown = showPdf(page.value_or(1) - 1, &problem);
         break;
     }
@@ -512,7 +511,7 @@ int PreviewPane::sourceLineShown(const QStringList &lines, int lineNumber)
     // lines such as "<div>" or "---" show nothing); of its places in the document, the nearest
     // to where the line lies in the file.
     QTextDocument *doc = m_document->document();
-    const bool html = TarnwickEngine::fileCategory(m_result) == FileCategory::Html;
+    const bool html = fileCategory(m_result) == FileCategory::Html;
     const int firstLine = qBound(0, lineNumber - 1, qMax(0, int(lines.size()) - 1));
     const int guess = int(double(firstLine) / qMax(1, int(lines.size())) * doc->blockCount());
     for (int i = firstLine; i < lines.size() && i < firstLine + 40; i++) {

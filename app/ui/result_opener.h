@@ -19,7 +19,7 @@
 #ifndef TRN_APP_RESULT_OPENER_H
 #define TRN_APP_RESULT_OPENER_H
 
-#include "tarnwick_engine.h"
+#include "search_results.h"
 
 #include <QList>
 #include <QString>

@@ -21,7 +21,7 @@
 #define TRN_UI_RESULTS_VIEW_H
 
 #include "directory_state.h"
-#include "tarnwick_engine.h"
+#include "search_results.h"
 
 #include <QListView>
 #include <QPointer>

@@ -533,7 +533,7 @@ void TestDirectoryState::closedTabDropsLateResults()
 {
     QVERIFY(writeFile(m_dir->path(), QStringLiteral("a.txt"), "closing while searching\n"));
     DirectoryState *state = openState(m_dir->path());
-    std::weak_ptr<TarnwickEngine> engine = state->engine();
+    std::weak_ptr<IndexHandle> engine = state->engine();
     state->ingest(800, 200);
     state->search(QStringLiteral("closing"), SearchMode::Text);
     m_states.removeOne(state);

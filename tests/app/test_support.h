@@ -6,8 +6,8 @@
 #define TRN_TEST_SUPPORT_H
 
 #include "settings.h"
-#include "tarnwick_engine.h"
 #include "training_manager.h"
+#include "walk_options.h"
 
 #include <QDir>
 #include <QFile>

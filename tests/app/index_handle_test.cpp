@@ -1,8 +1,8 @@
 /*
-** The engine wrapper: indexing with the settings' walk, searching, the file scope's reason for
-** every file, a PDF hit's page, and file sizes.
+** The index handle and the value types around it: indexing with the settings' walk, searching,
+** the file scope's reason for every file, a PDF hit's page, and file sizes.
 */
-#include "tarnwick_engine.h"
+#include "index_handle.h"
 
 #include "training_manager.h"
 
@@ -17,7 +17,7 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
-class TestTarnwickEngine : public QObject
+class TestIndexHandle : public QObject
 {
     Q_OBJECT
 
@@ -45,17 +45,17 @@ private:
     QTemporaryDir m_dir;
 };
 
-void TestTarnwickEngine::initTestCase()
+void TestIndexHandle::initTestCase()
 {
     m_env = std::make_unique<IsolatedEnvironment>();
 }
 
-void TestTarnwickEngine::init()
+void TestIndexHandle::init()
 {
     m_env->settings()->remove(QStringLiteral("extraExtensions"));
 }
 
-void TestTarnwickEngine::extraExtensionsAreTrimmedAndLowerCased()
+void TestIndexHandle::extraExtensionsAreTrimmedAndLowerCased()
 {
     m_env->settings()->setExtraExtensions(QStringLiteral(" JSON ,, toml,\tIni , "));
     const QSet<QString> expected = {
@@ -69,14 +69,14 @@ void TestTarnwickEngine::extraExtensionsAreTrimmedAndLowerCased()
     QVERIFY(m_env->settings()->effectiveExtraExtensions().isEmpty());
 }
 
-void TestTarnwickEngine::walkSkipsHiddenEntriesAndTheIndex()
+void TestIndexHandle::walkSkipsHiddenEntriesAndTheIndex()
 {
     QTemporaryDir dir;
     QVERIFY(writeFile(dir.path(), QStringLiteral("visible.txt"), "visible words here\n"));
     QVERIFY(writeFile(dir.path(), QStringLiteral(".hidden.txt"), "hidden words here\n"));
     QVERIFY(writeFile(dir.path(), QStringLiteral(".secret/inner.txt"), "inner hidden words\n"));
     QVERIFY(writeFile(dir.path(), QStringLiteral("sub/deep/nested.md"), "nested visible words\n"));
-    TarnwickEngine engine(dir.path(), QString());
+    IndexHandle engine(dir.path(), QString());
     QVERIFY(engine.isOpen());
     QVERIFY(QFileInfo(dir.filePath(QStringLiteral(".tarnwick"))).isDir());
 
@@ -93,7 +93,7 @@ void TestTarnwickEngine::walkSkipsHiddenEntriesAndTheIndex()
     QCOMPARE(engine.search(QStringLiteral("visible"), SearchMode::Text, 10).size(), 2);
 }
 
-void TestTarnwickEngine::indexIsPrivateAndHugeFilesAreNeverRead()
+void TestIndexHandle::indexIsPrivateAndHugeFilesAreNeverRead()
 {
     QTemporaryDir dir;
     QVERIFY(writeFile(dir.path(), QStringLiteral("small.txt"), "a small file that is indexed\n"));
@@ -106,7 +106,7 @@ void TestTarnwickEngine::indexIsPrivateAndHugeFilesAreNeverRead()
     QVERIFY(over.resize(qint64(TRN_FILE_SIZE_MAX) + 1));
     over.close();
 
-    TarnwickEngine engine(dir.path(), QString());
+    IndexHandle engine(dir.path(), QString());
     QCOMPARE(engine.ingestDirectory(800, 200, *m_env->walk()), 1);
     QVERIFY(engine.checkpoint());
     int tooLarge = 0;
@@ -127,13 +127,13 @@ void TestTarnwickEngine::indexIsPrivateAndHugeFilesAreNeverRead()
     }
 }
 
-void TestTarnwickEngine::searchCopiesRecordsAndKZeroReturnsNothing()
+void TestIndexHandle::searchCopiesRecordsAndKZeroReturnsNothing()
 {
     QTemporaryDir dir;
     QVERIFY(
         writeFile(dir.path(), QStringLiteral("a.txt"), "first line\nsecond line has the needle\n"));
     QVERIFY(writeFile(dir.path(), QStringLiteral("b.txt"), "nothing to see in this one\n"));
-    TarnwickEngine engine(dir.path(), QString());
+    IndexHandle engine(dir.path(), QString());
     QVERIFY(engine.ingestDirectory(800, 200, *m_env->walk()) > 0);
 
     QVERIFY(engine.search(QStringLiteral("needle"), SearchMode::Text, 0).isEmpty());
@@ -159,7 +159,7 @@ void TestTarnwickEngine::searchCopiesRecordsAndKZeroReturnsNothing()
 // The file scope view's words for every kind of file, after indexing, an edit and an addition.
 // Against a brute force over random rankings: one row per file, in the order of each file's
 // best passage, the row being that passage, with the count of the file's other passages.
-void TestTarnwickEngine::groupingKeepsEachFilesBestPassage()
+void TestIndexHandle::groupingKeepsEachFilesBestPassage()
 {
     QRandomGenerator random(27);
     for (int round = 0; round < 200; ++round) {
@@ -174,7 +174,7 @@ void TestTarnwickEngine::groupingKeepsEachFilesBestPassage()
             ranked.append(r);
         }
         const int k = 1 + random.bounded(6);
-        const QList<SearchResult> files = TarnwickEngine::groupByFile(ranked, k);
+        const QList<SearchResult> files = ::groupByFile(ranked, k);
         QStringList order;
         for (const SearchResult &r : ranked) {
             if (!order.contains(r.filePath)) {
@@ -198,7 +198,7 @@ void TestTarnwickEngine::groupingKeepsEachFilesBestPassage()
 
 // Word and text scores do not compare across indexes: their rankings interleave by place;
 // semantic scores do, and decide.
-void TestTarnwickEngine::mergedRankingsFavourNoIndex()
+void TestIndexHandle::mergedRankingsFavourNoIndex()
 {
     const auto ranking = [](const QString &name, QList<float> scores) {
         QList<SearchResult> list;
@@ -219,15 +219,15 @@ void TestTarnwickEngine::mergedRankingsFavourNoIndex()
         }
         return out;
     };
-    QCOMPARE(ids(TarnwickEngine::mergeRankings(rankings, SearchMode::Keyword, 10)),
+    QCOMPARE(ids(::mergeRankings(rankings, SearchMode::Keyword, 10)),
              (QStringList{"a0", "b0", "a1", "b1", "a2"}));
-    QCOMPARE(ids(TarnwickEngine::mergeRankings(rankings, SearchMode::Hybrid, 3)),
+    QCOMPARE(ids(::mergeRankings(rankings, SearchMode::Hybrid, 3)),
              (QStringList{"a0", "b0", "a1"}));
-    QCOMPARE(ids(TarnwickEngine::mergeRankings(rankings, SearchMode::Semantic, 4)),
+    QCOMPARE(ids(::mergeRankings(rankings, SearchMode::Semantic, 4)),
              (QStringList{"a0", "a1", "a2", "b0"}));
 }
 
-void TestTarnwickEngine::fileListGivesTheReasonForEveryFile()
+void TestIndexHandle::fileListGivesTheReasonForEveryFile()
 {
     QTemporaryDir dir;
     const QByteArray words = "words worth indexing in this file\n";
@@ -244,7 +244,7 @@ void TestTarnwickEngine::fileListGivesTheReasonForEveryFile()
     QVERIFY(writeFile(dir.path(), QStringLiteral("tiny.txt"), "tiny"));
     QVERIFY(writeFile(dir.path(), QStringLiteral("broken.docx"), "PK not really a document"));
     m_env->settings()->setMaxFileSizeMB(1);
-    TarnwickEngine engine(dir.path(), QString());
+    IndexHandle engine(dir.path(), QString());
     QVERIFY(engine.ingestDirectory(100, 20, *m_env->walk()) > 0);
     QVERIFY(engine.checkpoint());
     // Written after the index: one file edited, one new.
@@ -279,15 +279,15 @@ void TestTarnwickEngine::fileListGivesTheReasonForEveryFile()
     QCOMPARE(said, expected);
 }
 
-void TestTarnwickEngine::clearAndReopenDiscardsTheIndex()
+void TestIndexHandle::clearAndReopenDiscardsTheIndex()
 {
     QTemporaryDir dir;
     QVERIFY(writeFile(dir.path(), QStringLiteral("a.txt"), "some words worth indexing\n"));
     {
-        TarnwickEngine engine(dir.path(), QString());
+        IndexHandle engine(dir.path(), QString());
         QVERIFY(engine.ingestDirectory(800, 200, *m_env->walk()) > 0);
     }
-    TarnwickEngine engine(dir.path(), QString());
+    IndexHandle engine(dir.path(), QString());
     QCOMPARE(engine.stats().chunk_count, 1u);
     engine.clearAndReopen(QString());
     QVERIFY(engine.isOpen());
@@ -316,7 +316,7 @@ static void writePdf(const QString &path, const QList<QStringList> &pages)
     }
 }
 
-void TestTarnwickEngine::pdfPageForLine()
+void Test::pdfPageForLine()
 {
     QTemporaryDir dir;
     const QString pdf = dir.filePath(QStringLiteral("two.pdf"));
@@ -328,22 +328,21 @@ void TestTarnwickEngine::pdfPageForLine()
                QStringLiteral("four"),
                QStringLiteral("five")}});
     // Page one counts 3 lines plus its blank line.
-    QCOMPARE(TarnwickEngine::pdfPageForLine(pdf, 0), std::optional<int>(1));
-    QCOMPARE(TarnwickEngine::pdfPageForLine(pdf, 4), std::optional<int>(1));
-    QCOMPARE(TarnwickEngine::pdfPageForLine(pdf, 5), std::optional<int>(2));
-    QCOMPARE(TarnwickEngine::pdfPageForLine(pdf, 500), std::optional<int>(2));
+    QCOMPARE(::pdfPageForLine(pdf, 0), std::optional<int>(1));
+    QCOMPARE(::pdfPageForLine(pdf, 4), std::optional<int>(1));
+    QCOMPARE(::pdfPageForLine(pdf, 5), std::optional<int>(2));
+    QCOMPARE(::pdfPageForLine(pdf, 500), std::optional<int>(2));
 
     QVERIFY(writeFile(dir.path(), QStringLiteral("fake.pdf"), "not a pdf at all"));
-    QCOMPARE(TarnwickEngine::pdfPageForLine(dir.filePath(QStringLiteral("fake.pdf")), 3),
-             std::nullopt);
+    QCOMPARE(::pdfPageForLine(dir.filePath(QStringLiteral("fake.pdf")), 3), std::nullopt);
 
     // The walk ingests the PDF's text.
-    TarnwickEngine engine(dir.path(), QString());
+    IndexHandle engine(dir.path(), QString());
     QVERIFY(engine.ingestDirectory(800, 200, *m_env->walk()) > 0);
     QCOMPARE(engine.search(QStringLiteral("gamma"), SearchMode::Text, 5).size(), 1);
 }
 
-void TestTarnwickEngine::fileCategory_data()
+void TestIndexHandle::fileCategory_data()
 {
     QTest::addColumn<QString>("path");
     QTest::addColumn<int>("category");
@@ -355,15 +354,15 @@ void TestTarnwickEngine::fileCategory_data()
     QTest::newRow("no extension") << "/a/Makefile" << int(FileCategory::Plain);
 }
 
-void TestTarnwickEngine::fileCategory()
+void Test::fileCategory()
 {
     QFETCH(QString, path);
     SearchResult result;
     result.filePath = path;
-    QTEST(int(TarnwickEngine::fileCategory(result)), "category");
+    QTEST(int(::fileCategory(result)), "category");
 }
 
-void TestTarnwickEngine::formatFileSize_data()
+void TestIndexHandle::formatFileSize_data()
 {
     QTest::addColumn<qint64>("bytes");
     QTest::addColumn<QString>("text");
@@ -376,13 +375,13 @@ void TestTarnwickEngine::formatFileSize_data()
     QTest::newRow("5.5 GB in MB") << qint64(5905580032) << "5632.0 MB";
 }
 
-void TestTarnwickEngine::formatFileSize()
+void Test::formatFileSize()
 {
     QFETCH(qint64, bytes);
-    QTEST(TarnwickEngine::formatFileSize(bytes), "text");
+    QTEST(::formatFileSize(bytes), "text");
 }
 
-void TestTarnwickEngine::modeNamesDecodeOldAndNewHistories_data()
+void TestIndexHandle::modeNamesDecodeOldAndNewHistories_data()
 {
     QTest::addColumn<QString>("name");
     QTest::addColumn<int>("engineMode"); // -1: not a mode
@@ -397,7 +396,7 @@ void TestTarnwickEngine::modeNamesDecodeOldAndNewHistories_data()
     QTest::newRow("unknown") << "Fuzzy" << -1;
 }
 
-void TestTarnwickEngine::modeNamesDecodeOldAndNewHistories()
+void TestIndexHandle::modeNamesDecodeOldAndNewHistories()
 {
     QFETCH(QString, name);
     QFETCH(int, engineMode);
@@ -410,5 +409,5 @@ void TestTarnwickEngine::modeNamesDecodeOldAndNewHistories()
     }
 }
 
-QTEST_MAIN(TestTarnwickEngine)
-#include "tarnwick_engine_test.moc"
+QTEST_MAIN(TestIndexHandle)
+#include "index_handle_test.moc"
