@@ -1,6 +1,6 @@
 /*
 ** directory_state.cpp -- one tab's model: background indexing, searching and listing, history,
-** pins, encoder override and git branch.
+** pins and encoder override.
 */
 #include "directory_state.h"
 
@@ -8,6 +8,7 @@
 #include "directory_watcher.h"
 #include "encoder_choice.h"
 #include "encoder_record.h"
+#include "git_branch.h"
 #include "json_coding.h"
 #include "results_model.h"
 #include "settings.h"
@@ -20,20 +21,6 @@
 #include <QSet>
 #include <QThreadPool>
 #include <QTimer>
-
-namespace
-{
-
-std::optional<QString> readTrimmedText(const QString &path)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        return std::nullopt;
-    }
-    return QString::fromUtf8(file.readAll()).trimmed();
-}
-
-} // namespace
 
 // What an engine call on the thread pool left behind: whether it worked, the engine's status and
 // error, and its counts after it.
@@ -63,9 +50,9 @@ DirectoryState::DirectoryState(const DirectoryTab &tab, const EncoderChoice *enc
     m_engine = std::make_shared<IndexHandle>(m_directoryPath, weights);
     m_weightsPath = weights;
     const TrnStats stats = m_engine->stats();
-    m_statusText = stats.chunk_count >= 1 ? countsText(stats) : QStringLiteral("Not indexed");
+    m_statusText = stats.chunk_count >= 1 ? indexCountsText(stats) : QStringLiteral("Not indexed");
     if (!m_engine->isOpen()) {
-        m_statusText = failureText(m_engine->lastError());
+        m_statusText = indexFailureText(m_engine->lastError());
         if (m_engine->lastStatus() == TRN_STATUS_BUSY) {
             retryOpen(1);
         }
@@ -104,14 +91,6 @@ void DirectoryState::directoryChanged()
 
 DirectoryState::~DirectoryState() = default;
 
-QString DirectoryState::failureText(const QString &engineLine)
-{
-    if (engineLine.isEmpty()) {
-        return QStringLiteral("Indexing failed");
-    }
-    return engineLine.left(1).toUpper() + engineLine.mid(1);
-}
-
 void DirectoryState::retryOpen(int attempt)
 {
     std::shared_ptr<IndexHandle> engine = m_engine;
@@ -125,11 +104,11 @@ void DirectoryState::retryOpen(int attempt)
             },
             [this, attempt](const EngineOutcome &r) {
                 if (r.ok) {
-                    setStatusText(r.stats.chunk_count >= 1 ? countsText(r.stats)
+                    setStatusText(r.stats.chunk_count >= 1 ? indexCountsText(r.stats)
                                                            : QStringLiteral("Not indexed"));
                     return;
                 }
-                setStatusText(failureText(r.error));
+                setStatusText(indexFailureText(r.error));
                 if (r.status == TRN_STATUS_BUSY && attempt < kBusyRetries) {
                     retryOpen(attempt + 1);
                 }
@@ -148,23 +127,15 @@ void DirectoryState::retryCheckpoint(int attempt)
             },
             [this, attempt](const EngineOutcome &r) {
                 if (r.ok) {
-                    setStatusText(countsText(r.stats));
+                    setStatusText(indexCountsText(r.stats));
                     return;
                 }
-                setStatusText(failureText(r.error));
+                setStatusText(indexFailureText(r.error));
                 if (r.status == TRN_STATUS_BUSY && attempt < kBusyRetries) {
                     retryCheckpoint(attempt + 1);
                 }
             });
     });
-}
-
-QString DirectoryState::countsText(const TrnStats &stats)
-{
-    // Chunks of removed files keep their slots until a compaction: only live ones are counted.
-    return QString::number(stats.chunk_count - stats.deleted_count)
-           + QStringLiteral(" chunks from ") + QString::number(stats.file_count)
-           + QStringLiteral(" files");
 }
 
 QString DirectoryState::effectiveWeightsPath() const
@@ -192,24 +163,16 @@ void DirectoryState::runIndexing(int chunkSize, int overlap, bool checkpoint)
     m_updatePending = false;
     setIsIngesting(true);
     m_ingestClock.start();
-    setIngestProgress(0, 0, 0);
+    setIngestProgress(IndexingProgress{});
     setStatusText(QStringLiteral("Indexing..."));
     std::shared_ptr<IndexHandle> engine = m_engine;
     const QString directory = m_directoryPath;
     const QString weights = m_weightsPath;
     const std::shared_ptr<const FileWalkOptions> walk = FileWalkOptions::fromSettings(*m_settings);
-    // Progress travels as the future's progress: files done of files found, and the chunks so far
-    // as its text.
-    runWithProgress<EngineOutcome>(
+    runWithProgress<EngineOutcome, IndexingProgress>(
         this,
-        [=](QPromise<EngineOutcome> &promise) {
-            auto progress = [&promise](int done, int found, int chunks) {
-                if (done == 0) {
-                    promise.setProgressRange(0, found);
-                }
-                promise.setProgressValueAndText(done, QString::number(chunks));
-            };
-            const int n = engine->ingestDirectory(chunkSize, overlap, *walk, progress);
+        [=](const auto &report) {
+            const int n = engine->ingestDirectory(chunkSize, overlap, *walk, report);
             // A failed update is not committed: what it logged stays in the log.
             const bool saved = n >= 0 && (!checkpoint || engine->checkpoint());
             if (saved) {
@@ -219,9 +182,8 @@ void DirectoryState::runIndexing(int chunkSize, int overlap, bool checkpoint)
             outcome.added = n;
             return outcome;
         },
-        [this](const QFutureWatcher<EngineOutcome> &watcher) {
-            setIngestProgress(
-                watcher.progressValue(), watcher.progressMaximum(), watcher.progressText().toInt());
+        [this](const IndexingProgress &progress) {
+            setIngestProgress(progress);
         },
         [this](const EngineOutcome &outcome) {
             indexingFinished(outcome);
@@ -236,7 +198,7 @@ void DirectoryState::indexingFinished(const EngineOutcome &r)
         m_settings->setValue(QStringLiteral("indexingChunksPerSecond"), r.added / seconds);
     }
     setIsIngesting(false);
-    setStatusText(r.ok ? countsText(r.stats) : failureText(r.error));
+    setStatusText(r.ok ? indexCountsText(r.stats) : indexFailureText(r.error));
     if (r.added >= 0 && !r.ok && r.status == TRN_STATUS_BUSY) {
         retryCheckpoint(1);
     }
@@ -263,27 +225,6 @@ double DirectoryState::reindexEstimateSeconds() const
         return -1.0;
     }
     return counts.chunk_count / rate;
-}
-
-QString DirectoryState::durationText(double seconds)
-{
-    char text[64];
-    trn_duration_text(seconds, text, sizeof text);
-    return QString::fromUtf8(text);
-}
-
-QString DirectoryState::indexingProgressText(int filesDone, int filesFound, int chunksDone,
-                                             double seconds)
-{
-    char text[256];
-    trn_progress_text("Indexing",
-                      filesDone,
-                      filesFound,
-                      static_cast<uint32_t>(qMax(0, chunksDone)),
-                      seconds,
-                      text,
-                      sizeof text);
-    return QString::fromUtf8(text);
 }
 
 void DirectoryState::rebuild()
@@ -528,49 +469,6 @@ void DirectoryState::setEncoderProfile(const QUuid &profileId)
     rebuild();
 }
 
-QString DirectoryState::detectGitBranch(const QString &path)
-{
-    QString dir = QDir::cleanPath(path);
-    QString gitDir;
-    while (!dir.isEmpty() && dir != QLatin1String("/")) {
-        const QFileInfo dotGit(dir + QStringLiteral("/.git"));
-        if (dotGit.exists()) {
-            if (dotGit.isDir()) {
-                gitDir = dotGit.filePath();
-            } else {
-                // A worktree or submodule: ".git" is a file naming the git directory.
-                const std::optional<QString> content = readTrimmedText(dotGit.filePath());
-                const QString prefix = QStringLiteral("gitdir: ");
-                if (!content || !content->startsWith(prefix)) {
-                    return QString();
-                }
-                gitDir = content->mid(prefix.size()).trimmed();
-            }
-            break;
-        }
-        const qsizetype slash = dir.lastIndexOf(QLatin1Char('/'));
-        if (slash < 0) {
-            dir.clear();
-        } else if (slash == 0) {
-            dir = QStringLiteral("/");
-        } else {
-            dir = dir.left(slash);
-        }
-    }
-    if (gitDir.isEmpty()) {
-        return QString();
-    }
-    const std::optional<QString> head = readTrimmedText(gitDir + QStringLiteral("/HEAD"));
-    if (!head) {
-        return QString();
-    }
-    const QString refPrefix = QStringLiteral("ref: refs/heads/");
-    if (head->startsWith(refPrefix)) {
-        return head->mid(refPrefix.size());
-    }
-    return head->size() >= 7 ? head->left(7) : QString();
-}
-
 QString DirectoryState::buildPrompt(const QString &query, PromptScope scope) const
 {
     QList<SearchResult> pinned;
@@ -617,23 +515,22 @@ void DirectoryState::setIsIngesting(bool value)
     emit isIngestingChanged();
 }
 
-void DirectoryState::setIngestProgress(int done, int found, int chunks)
+void DirectoryState::setIngestProgress(const IndexingProgress &progress)
 {
-    if (m_ingestFilesFound != found) {
-        m_ingestFilesFound = found;
+    const IndexingProgress before = m_ingestProgress;
+    m_ingestProgress = progress;
+    if (before.filesFound != progress.filesFound) {
         emit ingestFilesFoundChanged();
     }
-    if (m_ingestFilesDone != done) {
-        m_ingestFilesDone = done;
+    if (before.filesDone != progress.filesDone) {
         emit ingestFilesDoneChanged();
     }
-    if (m_ingestChunksDone != chunks) {
-        m_ingestChunksDone = chunks;
+    if (before.chunksDone != progress.chunksDone) {
         emit ingestChunksDoneChanged();
     }
     // A late report of a run that has ended leaves the final status alone.
-    if (m_isIngesting && found > 0) {
-        setStatusText(indexingProgressText(done, found, chunks, m_ingestClock.elapsed() / 1000.0));
+    if (m_isIngesting && progress.filesFound > 0) {
+        setStatusText(indexingProgressText(progress, m_ingestClock.elapsed() / 1000.0));
     }
 }
 

@@ -22,6 +22,7 @@
 #define TRN_APP_DIRECTORY_STATE_H
 
 #include "index_handle.h"
+#include "indexing_text.h"
 #include "prompt_builder.h"
 #include "records.h"
 
@@ -53,7 +54,7 @@ class DirectoryState : public QObject
     Q_PROPERTY(int ingestFilesDone READ ingestFilesDone NOTIFY ingestFilesDoneChanged)
     Q_PROPERTY(int ingestFilesFound READ ingestFilesFound NOTIFY ingestFilesFoundChanged)
     // Chunks the running indexing has added so far. While indexing, statusText reads as
-    // indexingProgressText() of these counts.
+    // indexingProgressText() of these counts (indexing_text.h).
     Q_PROPERTY(int ingestChunksDone READ ingestChunksDone NOTIFY ingestChunksDoneChanged)
     Q_PROPERTY(bool isSearching READ isSearching NOTIFY isSearchingChanged)
     // Why the last query could not run ("Invalid regular expression: ..."); empty when it ran.
@@ -93,9 +94,9 @@ public:
     QList<SearchResult> displayResults() const;
     QString statusText() const { return m_statusText; }
     bool isIngesting() const { return m_isIngesting; }
-    int ingestFilesDone() const { return m_ingestFilesDone; }
-    int ingestFilesFound() const { return m_ingestFilesFound; }
-    int ingestChunksDone() const { return m_ingestChunksDone; }
+    int ingestFilesDone() const { return m_ingestProgress.filesDone; }
+    int ingestFilesFound() const { return m_ingestProgress.filesFound; }
+    int ingestChunksDone() const { return m_ingestProgress.chunksDone; }
     bool isSearching() const { return m_runningSearches > 0; }
     QString queryError() const { return m_queryError; }
     bool isLoadingMore() const { return m_isLoadingMore; }
@@ -123,14 +124,6 @@ public:
     // How long re-indexing would take at the speed the last indexing run measured (the setting
     // "indexingChunksPerSecond"), in seconds; -1 when no speed is known yet.
     double reindexEstimateSeconds() const;
-
-    // "Indexing 120 of 451 files, 3412 chunks, 85 chunks/s, about 4 min left" after `seconds`
-    // of work; before the walk has found the files, "Indexing: looking for files...". The time
-    // left counts the files still to come at the pace of those done.
-    static QString indexingProgressText(int filesDone, int filesFound, int chunksDone,
-                                        double seconds);
-    // "12 s", "4 min", "1 h 05 min".
-    static QString durationText(double seconds);
 
     // Indexes the directory in the background ("Indexing..." until done): an update of the
     // index (new, changed and deleted files only), then a checkpoint.
@@ -178,10 +171,6 @@ public:
     // and re-indexes from scratch.
     void setEncoderProfile(const QUuid &profileId);
 
-    // The branch checked out in the git repository holding path: the branch name, the first 7
-    // characters of a detached head's commit, or empty when there is no repository.
-    static QString detectGitBranch(const QString &path);
-
     // The prompt for query from this tab's results (prompt_builder.h).
     QString buildPrompt(const QString &query, PromptScope scope) const;
     // How many results that prompt holds.
@@ -226,14 +215,12 @@ private:
     void retryOpen(int attempt);
     // Retries the checkpoint that ends an indexing run (busy) after kBusyRetryMs.
     void retryCheckpoint(int attempt);
-    // The engine's failure line as a status text ("The index of ... is busy: ...").
-    static QString failureText(const QString &engineLine);
     void setResults(const QList<SearchResult> &results);
     void setExpandedFiles(const QHash<QString, QList<SearchResult>> &files);
     // Discards the index and indexes again with the given weights.
     void rebuildWith(const QString &weightsPath);
     void setIsIngesting(bool value);
-    void setIngestProgress(int done, int found, int chunks);
+    void setIngestProgress(const IndexingProgress &progress);
     void setIsLoadingMore(bool value);
     void setQueryError(const QString &text);
     void setHasMoreResults(bool value);
@@ -250,7 +237,6 @@ private:
     void savePinnedResults();
     void saveEncoderOverride();
 
-    static QString countsText(const TrnStats &stats);
     struct EngineOutcome;
     // Takes over on the main thread when an indexing run ends.
     void indexingFinished(const EngineOutcome &outcome);
@@ -270,9 +256,7 @@ private:
     QList<std::weak_ptr<IndexHandle>> m_searchAcross;
     QString m_statusText = QStringLiteral("Ready");
     bool m_isIngesting = false;
-    int m_ingestFilesDone = 0;
-    int m_ingestFilesFound = 0;
-    int m_ingestChunksDone = 0;
+    IndexingProgress m_ingestProgress;
     QElapsedTimer m_ingestClock;
     int m_runningSearches = 0;
     quint64 m_searchRequest = 0; // the newest runSearch; older answers are dropped

@@ -144,7 +144,7 @@ bool onUpdateProgress(const char *, int32_t done, int32_t total, void *user)
     // Between two files the handle is whole: searches of this tab and other tabs' work run here.
     p->lock->unlock();
     if (*p->progress) {
-        (*p->progress)(done, total, p->report->chunks_added);
+        (*p->progress)(IndexingProgress{done, total, int(p->report->chunks_added)});
     }
     std::this_thread::yield();
     p->lock->lock();

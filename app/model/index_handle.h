@@ -30,13 +30,22 @@
 #include <functional>
 #include <mutex>
 
+// How far an update has come: files done of the files to read or remove, and the chunks those
+// files gave.
+struct IndexingProgress {
+    int filesDone = 0;
+    int filesFound = 0;
+    int chunksDone = 0;
+
+    bool operator==(const IndexingProgress &other) const = default;
+};
+
 class IndexHandle
 {
 public:
     using Result = SearchResult;
-    // Called on the indexing thread: files ingested so far of the indexable files found, and the
-    // chunks those files gave.
-    using ProgressFn = std::function<void(int filesDone, int filesFound, int chunksDone)>;
+    // Called on the indexing thread.
+    using ProgressFn = std::function<void(const IndexingProgress &)>;
 
     // Normal loads the directory's index; Rebuild starts empty and replaces the index only when
     // checkpoint() succeeds (the old index stays searchable by others until then).
@@ -72,9 +81,9 @@ public:
     // ingested, changed ones replaced, deleted or excluded ones removed, unchanged ones not read.
     // On a handle opened to rebuild, the rebuilt index replaces the old one at the end. Returns the
     // chunks added, or -1 when the engine is not open, an update already runs, the directory cannot
-    // be read or a write failed (see lastError). progress (may be empty) is called with (0, files
-    // to read or remove, 0) once the walk is done, then after each of them with (files done, that
-    // total, chunks added). The lock is open while progress runs, so searches go on between files.
+    // be read or a write failed (see lastError). progress (may be empty) is called with {0, files
+    // to read or remove, 0} once the walk is done, then after each of them with {files done, that
+    // total, chunks added}. The lock is open while progress runs, so searches go on between files.
     // report, when given, says what the update did.
     int ingestDirectory(int chunkSize, int overlap, const FileWalkOptions &walk,
                         const ProgressFn &progress = {}, TrnUpdateReport *report = nullptr);

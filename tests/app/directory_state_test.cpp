@@ -3,6 +3,7 @@
 ** and the results model.
 */
 #include "directory_state.h"
+#include "git_branch.h"
 
 #include "background.h"
 #include "encoder_record.h"
@@ -190,7 +191,7 @@ void TestDirectoryState::indexingProgressText()
     QFETCH(int, chunks);
     QFETCH(double, seconds);
     QFETCH(QString, expected);
-    QCOMPARE(DirectoryState::indexingProgressText(done, found, chunks, seconds), expected);
+    QCOMPARE(::indexingProgressText(IndexingProgress{done, found, chunks}, seconds), expected);
 }
 
 void TestDirectoryState::historyDeduplicatesKeepsTenAndSurvivesReopening()
@@ -653,7 +654,7 @@ void TestDirectoryState::gitBranch()
         QVERIFY(writeFile(root, QStringLiteral(".git"), "something else\n"));
     }
     const QString path = subdirectory.isEmpty() ? root : root + QLatin1Char('/') + subdirectory;
-    QTEST(DirectoryState::detectGitBranch(path), "branch");
+    QTEST(::detectGitBranch(path), "branch");
     DirectoryState *state = openState(path);
     QTEST(state->gitBranch(), "branch");
 }

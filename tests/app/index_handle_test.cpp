@@ -81,9 +81,9 @@ void TestIndexHandle::walkSkipsHiddenEntriesAndTheIndex()
     QVERIFY(QFileInfo(dir.filePath(QStringLiteral(".tarnwick"))).isDir());
 
     QList<QList<int>> progress;
-    const int chunks = engine.ingestDirectory(
-        800, 200, *m_env->walk(), [&progress](int done, int found, int chunksDone) {
-            progress.append({done, found, chunksDone});
+    const int chunks =
+        engine.ingestDirectory(800, 200, *m_env->walk(), [&progress](const IndexingProgress &p) {
+            progress.append({p.filesDone, p.filesFound, p.chunksDone});
         });
     QCOMPARE(chunks, 2);
     // (0 of 2) after the walk, then one step per file with the chunks so far.
