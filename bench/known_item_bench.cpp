@@ -37,10 +37,12 @@
 ** every query and for the vocabulary-mismatch slice: the queries none of whose content words
 ** occurs in their file as indexed (vocabulary.h), where words cannot help and meaning must.
 **
-** --sweep adds rows for other fusions of the same two rankings, to tune the hybrid mode.
+** --sweep adds rows for other semantic shares of the hybrid fusion (0: keyword alone, 1: the
+** semantic ranking alone), to tune the hybrid mode.
 ** --dump FILE writes every chunk's file ("C slot path"), then per query a line "Q slice query
 ** file..." and both rankings 200 deep, "K" for keyword and "S" for semantic, each entry
-** "slot score"; fields are tab-separated. --corpus FILE writes the texts that would be indexed
+** "slot score" (a keyword entry "slot bm25 cosine"); fields are tab-separated. --corpus FILE writes
+*the texts that would be indexed
 ** (queries taken out), each followed by a blank line as a training profile's corpus is, and
 ** stops: an encoder trained on it has seen the user's files but never the answers to the queries.
 ** --task FILE writes the task itself and stops, for train_bag_eval_bench: per file "F path", its
@@ -804,20 +806,8 @@ int main(int argc, char **argv)
     Tally tally[n_modes], slice[n_modes];
     double seconds[n_modes] = {0};
 
-    /* Fusions tried by --sweep: semantic weight against keyword weight 1, candidate depth. */
-    struct Variant {
-        float weight;
-        int32_t depth;
-    };
-    const Variant variants[] = {{0.25f, 100},
-                                {0.5f, 100},
-                                {0.75f, 100},
-                                {1.0f, 100},
-                                {1.5f, 100},
-                                {1.0f, 30},
-                                {1.0f, 50},
-                                {1.0f, 200},
-                                {0.5f, 200}};
+    /* Fusions tried by --sweep: the semantic share of the combination of scores. */
+    const float variants[] = {0.0f, 0.2f, 0.3f, 0.4f, 0.5f, 0.6f, 0.7f, 1.0f};
     constexpr int n_variants = sizeof variants / sizeof variants[0];
     Tally swept[n_variants], swept_slice[n_variants];
 
@@ -858,7 +848,8 @@ int main(int argc, char **argv)
             }
             fprintf(dump, "\nK");
             for (int32_t j = 0; j < nk; j++) {
-                fprintf(dump, "\t%u %.5f", kw[j], s2[j]);
+                const float *x = probe_chunk(e, kw[j]).vector;
+                fprintf(dump, "\t%u %.5f %.5f", kw[j], s2[j], vec_dot(x, v, TRN_ENCODER_DIM));
             }
             fprintf(dump, "\nS");
             for (int32_t j = 0; j < ns; j++) {
@@ -869,20 +860,22 @@ int main(int argc, char **argv)
         if (!sweep) {
             continue;
         }
+        /* The two rankings as deep as a hybrid search takes them. */
+        const int32_t width =
+            std::max(HYBRID_GRAPH_MIN, std::min(probe_ef_search(e), HYBRID_CANDIDATES));
+        int32_t ns = hnsw_query_width(e, v, width, width, sem.data(), s1.data());
+        int32_t nk = lex_search(e, q.text.c_str(), HYBRID_CANDIDATES, kw.data(), s2.data());
+        std::vector<float> cosine(nk);
+        for (int32_t j = 0; j < nk; j++) {
+            cosine[j] = vec_dot(probe_chunk(e, kw[j]).vector, v, TRN_ENCODER_DIM);
+        }
         for (int w = 0; w < n_variants; w++) {
-            int32_t d = variants[w].depth;
-            int32_t ns =
-                hnsw_query_width(e, v, d, std::max(d, probe_ef_search(e)), sem.data(), s1.data());
-            int32_t nk = lex_search(e, q.text.c_str(), d, kw.data(), s2.data());
-            int32_t nf = fuse_rankings(kw.data(),
-                                       nk,
-                                       1.0f,
-                                       sem.data(),
-                                       ns,
-                                       variants[w].weight,
-                                       10,
-                                       fused.data(),
-                                       s3.data());
+            int32_t nf = fuse_scores(FusionList{kw.data(), s2.data(), cosine.data(), nk},
+                                     FusionList{sem.data(), s1.data(), s1.data(), ns},
+                                     variants[w],
+                                     10,
+                                     fused.data(),
+                                     s3.data());
             int rank = rank_of_slots(e, fused.data(), nf, q);
             swept[w].add(rank);
             if (q.mismatch) {
@@ -927,13 +920,10 @@ int main(int argc, char **argv)
                1000.0 * seconds[m] / nq);
     }
     if (sweep) {
-        printf("\n| fusion (keyword weight 1) | R@10 | MRR@10 | mismatch R@10 | mismatch MRR@10 |\n"
+        printf("\n| fusion of scores | R@10 | MRR@10 | mismatch R@10 | mismatch MRR@10 |\n"
                "|---|---:|---:|---:|---:|\n");
         for (int w = 0; w < n_variants; w++) {
-            printf("| RRF, semantic weight %.2f, depth %d | %s |\n",
-                   variants[w].weight,
-                   variants[w].depth,
-                   cells(swept[w], swept_slice[w]));
+            printf("| semantic share %.1f | %s |\n", variants[w], cells(swept[w], swept_slice[w]));
         }
     }
     printf("\nExample queries:\n");

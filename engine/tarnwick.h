@@ -582,13 +582,13 @@ enum {
 **   is kept in "tarnwick.lex" in the index directory, written after each checkpoint and read by
 **   trn_open; without a valid one the first keyword or hybrid search builds it from the chunk
 **   texts (about 5 s per 100,000 chunks). Every search brings it up to date.
-** TRN_SEARCH_HYBRID: the keyword ranking (100 deep) and the semantic ranking over every file
-**   (ef_search deep, at least 50 and at least k) fused by reciprocal rank. The semantic ranking
-**   weighs the share of its first 20 chunks that the keyword ranking also has among its first 20
-**   (0 to 1; 1 when no chunk holds a query word), so an encoder that does not know the text
-**   cannot push good keyword hits down.
-**   score: 1 / (60 + keyword rank) + weight / (60 + semantic rank), ranks from 1, a missing rank
-**   adding nothing (at most 2/61). With a weight of 0 only keyword hits come back.
+** TRN_SEARCH_HYBRID: words and meaning together, the default. The keyword ranking (100 deep)
+**   and the semantic ranking over every file (ef_search deep, at least 50 and at least k); every
+**   chunk of either is scored by (1 - s) * its BM25 score / the best BM25 score + s * its
+**   nearness, s = 0.2, where nearness places the chunk's cosine between the semantic ranking's
+**   last (0) and first (1), clamped to 0..1, and a chunk outside the keyword ranking has BM25 0.
+**   When no chunk holds a query word the semantic ranking comes back as it is, so a question put
+**   in other words than its answer's is still answered. score: 0 to 1.
 ** TRN_SEARCH_SEMANTIC_ALL: as TRN_SEARCH_SEMANTIC without the narrowing to ten files, searched
 **   with a width of at least min(k, 64), so up to min(k, 64) hits. score: the dot product.
 **

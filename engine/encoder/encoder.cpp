@@ -354,6 +354,8 @@ float *encoder_alloc_floats(size_t n)
 
 void encoder_redraw(TrnEncoder *enc, uint32_t seed)
 {
+    free(enc->bag_rows);
+    enc->bag_rows = nullptr;
     free(enc->tok_emb);
     free(enc->pos_emb);
     free(enc->ln_f_gamma);
@@ -444,7 +446,51 @@ void encoder_embed(const TrnEncoder *enc, TrnScratch *ws, const char *text, floa
         }
         ids[n++] = TRN_TOKEN_END;
     }
-    encoder_forward(enc, ws, ids, n, out, nullptr);
+    if (!enc->bag_rows || n == 0) {
+        encoder_forward(enc, ws, ids, n, out, nullptr);
+        return;
+    }
+    /* encoder_forward's pooling over the rows it would have computed, in the same order. */
+    memset(out, 0, DIM * sizeof(float));
+    for (int i = 0; i < n; i++) {
+        vec_add(out, enc->bag_rows + (size_t)ids[i] * DIM, out, DIM);
+    }
+    vec_smul(out, 1.0f / (float)n, out, DIM);
+    float norm = sqrtf(vec_sumsq(out, DIM));
+    if (norm > 1e-12f) {
+        vec_smul(out, 1.0f / norm, out, DIM);
+    }
+}
+
+bool encoder_prepare_bag(TrnEncoder *enc)
+{
+    const auto zero = [](const float *x, size_t n) {
+        for (size_t i = 0; i < n; i++) {
+            if (x[i] != 0.0f) {
+                return false;
+            }
+        }
+        return true;
+    };
+    bool bag = zero(enc->pos_emb, (size_t)MAX_SEQ * DIM);
+    for (const TrnEncoderLayer &l : enc->layers) {
+        bag =
+            bag && zero(l.wo, (size_t)DIM * DIM) && zero(l.w2, (size_t)FF * DIM) && zero(l.b2, DIM);
+    }
+    free(enc->bag_rows);
+    enc->bag_rows = nullptr;
+    if (!bag) {
+        return false;
+    }
+    /* A zero layer output adds 0 to the residual, which leaves each token's row as it is. */
+    enc->bag_rows = encoder_alloc_floats((size_t)enc->vocab_size * DIM);
+    float tmp[DIM];
+    for (uint32_t t = 0; t < enc->vocab_size; t++) {
+        float *row = enc->bag_rows + (size_t)t * DIM;
+        memcpy(row, enc->tok_emb + (size_t)t * DIM, DIM * sizeof(float));
+        layernorm(row, enc->ln_f_gamma, enc->ln_f_beta, tmp);
+    }
+    return true;
 }
 
 void encoder_init(TrnEncoder *enc, uint32_t seed)
@@ -474,6 +520,7 @@ void encoder_release(TrnEncoder *enc)
     }
     trn_bpe_free(enc->bpe);
     scratch_free(enc->scratch);
+    free(enc->bag_rows);
     memset(enc, 0, sizeof *enc);
 }
 

@@ -35,6 +35,7 @@ struct TrnEncoder {
     float *ln_f_gamma, *ln_f_beta; /* 512 each */
     TrnEncoderLayer layers[TRN_ENCODER_LAYERS];
     TrnScratch *scratch; /* owned buffers of trn_encoder_embed_text; NULL until the first */
+    float *bag_rows;     /* vocab_size x 512 when encoder_prepare_bag found a bag of words */
 };
 
 /* In-place forms of trn_encoder_init, trn_encoder_init_bpe and trn_encoder_free, for an encoder
@@ -43,6 +44,13 @@ struct TrnEncoder {
 void encoder_init(TrnEncoder *enc, uint32_t seed);
 void encoder_init_bpe(TrnEncoder *enc, uint32_t seed, TrnBpe *bpe);
 void encoder_release(TrnEncoder *enc);
+
+/* When enc is a bag of words (zero position embeddings and zero layer outputs: wo, w2 and b2,
+** what "trainer --idf" starts from and its bag training keeps), every token's row after the final
+** norm does not depend on its neighbours: computes those rows once, so that encoder_embed sums
+** them instead of running the layers, with the same bits. Returns whether it did. Call it after
+** loading weights into an encoder that nothing trains afterwards (the engine's). */
+bool encoder_prepare_bag(TrnEncoder *enc);
 
 /* ---------------------------------------------------------------------------------------------
 ** Encoder internals (encoder.cpp)

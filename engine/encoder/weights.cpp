@@ -180,6 +180,8 @@ int trn_encoder_load_weights(TrnEncoder *enc, const char *path)
 
 int trn_encoder_load_weights_meta(TrnEncoder *enc, const char *path, TrnWeightsMeta *meta)
 {
+    free(enc->bag_rows); /* the rows of the weights being replaced */
+    enc->bag_rows = nullptr;
     FILE *f = fopen(path, "rb");
     if (!f) {
         fprintf(stderr, "tarnwick: cannot open weights: %s\n", path);

@@ -2,16 +2,18 @@
 ** fusion.cpp -- the hybrid search: the whole policy that decides its ranking.
 **
 ** A hybrid search ranks the chunks by their words (BM25, HYBRID_CANDIDATES deep) and by meaning
-** (the graph's nearest chunks over every file, as deep as it searches the graph wide), and fuses
-** the two rankings by reciprocal rank (LEX_RRF_K), the semantic one weighted by how far the two
-** agree at the top (hybrid_semantic_weight).
+** (the graph's nearest chunks over every file, as deep as it searches the graph wide), and ranks
+** every chunk of either list by a convex combination of its two scores, each brought to 0..1:
+** the BM25 score divided by the best one, and the cosine placed between the semantic ranking's
+** last (0) and first (1). A keyword hit gets its own cosine, so a chunk that both rankings like
+** rises above one that only one of them does.
 **
-** Why weigh by agreement: with equal weights, the random encoder's near-random ranking pushed
-** the right file out of the first ten for a fifth of the known-item queries (bench/README.md);
-** weighing it by agreement does not. An encoder that does not know the text agrees with the
-** words by chance only (a share of 0.06 to 0.10 on the known-item benchmark with an untrained or
-** barely trained encoder), and then does not count at all; one that finds what the words find
-** earns up to full weight.
+** Why scores and not ranks: reciprocal rank fusion gives the tenth chunk of a ranking almost what
+** it gives the first, so a confident keyword hit and a confident semantic hit lose to a chunk both
+** rankings put in the middle; on the known-item benchmark equal-weight rank fusion cost 0.07 to
+** 0.09 of keyword's R@10, while the combination of scores at HYBRID_SEMANTIC_SHARE gains over
+** both (bench/README.md). Where no chunk holds a query word the semantic ranking is all there is,
+** which is where meaning finds what words miss.
 **
 ** Why the graph width stops at HYBRID_CANDIDATES and starts at HYBRID_GRAPH_MIN: searching 100
 ** wide cost about 9.5 ms at 100,000 chunks, half of it for ranks 51 to 100, which the known-item
@@ -27,61 +29,57 @@ int32_t hybrid_graph_width(const TrnEngine *e)
     return w < HYBRID_GRAPH_MIN ? HYBRID_GRAPH_MIN : w > HYBRID_CANDIDATES ? HYBRID_CANDIDATES : w;
 }
 
-float hybrid_semantic_weight(const uint32_t *kw, int32_t nk, const uint32_t *sem, int32_t ns)
-{
-    if (nk == 0) {
-        return 1.0f;
-    }
-    int32_t depth = LEX_AGREEMENT_DEPTH;
-    int32_t a = nk < depth ? nk : depth;
-    int32_t b = ns < depth ? ns : depth;
-    int32_t shared = 0;
-    for (int32_t i = 0; i < a; i++) {
-        for (int32_t j = 0; j < b; j++) {
-            shared += kw[i] == sem[j] ? 1 : 0;
-        }
-    }
-    float share = (float)shared / (float)depth;
-    float w = (share - LEX_AGREEMENT_FLOOR) / (1.0f - LEX_AGREEMENT_FLOOR);
-    return w < 0.0f ? 0.0f : w > 1.0f ? 1.0f : w;
-}
-
-int32_t fuse_rankings(const uint32_t *a, int32_t na, float wa, const uint32_t *b, int32_t nb,
-                      float wb, int32_t k, uint32_t *out, float *out_scores)
+int32_t fuse_scores(const FusionList &words, const FusionList &meaning, float share, int32_t k,
+                    uint32_t *out, float *out_scores)
 {
     if (k < 1) {
         return 0;
     }
-    int32_t total = na + nb;
+    int32_t total = words.n + meaning.n;
     uint32_t *ids = static_cast<uint32_t *>(xmalloc(xmul((size_t)total + 1, sizeof(uint32_t))));
     float *score = static_cast<float *>(xmalloc(xmul((size_t)total + 1, sizeof(float))));
-    int32_t *first = static_cast<int32_t *>(xmalloc(xmul((size_t)total + 1, sizeof(int32_t))));
+    int32_t *order = static_cast<int32_t *>(xmalloc(xmul((size_t)total + 1, sizeof(int32_t))));
+    /* Without the other ranking a list keeps its own order, whatever the share. */
+    float ws = words.n == 0 ? 0.0f : meaning.n == 0 ? 1.0f : 1.0f - share;
+    float ms = meaning.n == 0 ? 0.0f : words.n == 0 ? 1.0f : share;
+    float best = 0.0f;
+    for (int32_t i = 0; i < words.n; i++) {
+        best = words.score[i] > best ? words.score[i] : best;
+    }
+    best = best > 0.0f ? best : 1.0f;
+    float top = meaning.n > 0 ? meaning.score[0] : 0.0f;
+    float floor = meaning.n > 0 ? meaning.score[meaning.n - 1] : 0.0f;
+    float span = top - floor;
+    const auto near = [top, floor, span](float cosine) {
+        if (span <= 0.0f) {
+            return cosine >= top ? 1.0f : 0.0f;
+        }
+        float x = (cosine - floor) / span;
+        return x < 0.0f ? 0.0f : x > 1.0f ? 1.0f : x;
+    };
     int32_t n = 0;
-    for (int32_t list = 0; list < 2; list++) {
-        const uint32_t *r = list == 0 ? a : b;
-        int32_t nr = list == 0 ? na : nb;
-        float w = list == 0 ? wa : wb;
-        for (int32_t i = 0; i < nr; i++) {
-            float s = w / (LEX_RRF_K + (float)(i + 1));
-            int32_t j = 0;
-            while (j < n && ids[j] != r[i]) {
-                j++;
-            }
-            if (j == n) {
-                ids[n] = r[i];
-                score[n] = 0.0f;
-                first[n] = list * total + i; /* a's ranks before b's on equal scores */
-                n++;
-            }
-            score[j] += s;
+    for (int32_t i = 0; i < words.n; i++) {
+        ids[n] = words.slot[i];
+        score[n] = ws * words.score[i] / best + ms * near(words.cosine[i]);
+        n++;
+    }
+    for (int32_t i = 0; i < meaning.n; i++) {
+        int32_t j = 0;
+        while (j < words.n && ids[j] != meaning.slot[i]) {
+            j++;
+        }
+        if (j == words.n) { /* not a keyword hit: its BM25 score is below the list's, taken as 0 */
+            ids[n] = meaning.slot[i];
+            score[n] = ms * near(meaning.score[i]);
+            n++;
         }
     }
-    int32_t *order = static_cast<int32_t *>(xmalloc(xmul((size_t)n + 1, sizeof(int32_t))));
     for (int32_t j = 0; j < n; j++) {
         order[j] = j;
     }
-    std::stable_sort(order, order + n, [score, first](int32_t p, int32_t q) {
-        return score[p] > score[q] || (score[p] == score[q] && first[p] < first[q]);
+    /* Equal scores keep the keyword ranking's order, then the semantic one's. */
+    std::stable_sort(order, order + n, [score](int32_t p, int32_t q) {
+        return score[p] > score[q];
     });
     int32_t keep = k < n ? k : n;
     for (int32_t j = 0; j < keep; j++) {
@@ -89,7 +87,6 @@ int32_t fuse_rankings(const uint32_t *a, int32_t na, float wa, const uint32_t *b
         out_scores[j] = score[order[j]];
     }
     free(order);
-    free(first);
     free(score);
     free(ids);
     return keep;
@@ -102,13 +99,20 @@ int32_t search_hybrid(TrnEngine *e, const char *query, int32_t kk, TrnResult *re
         return 0;
     }
     uint32_t sem[HYBRID_CANDIDATES], kw[HYBRID_CANDIDATES], fused[TRN_MAX_RESULTS];
-    float sim[HYBRID_CANDIDATES], bm25[HYBRID_CANDIDATES], score[TRN_MAX_RESULTS];
+    float sim[HYBRID_CANDIDATES], bm25[HYBRID_CANDIDATES], cosine[HYBRID_CANDIDATES];
+    float score[TRN_MAX_RESULTS];
     int32_t width = hybrid_graph_width(e) > kk ? hybrid_graph_width(e) : kk; /* kk <= 64 */
     int32_t ns = hnsw_query_width(e, q, width, width, sem, sim);
     int32_t nk = lex_search(e, query, HYBRID_CANDIDATES, kw, bm25);
-    float weight = hybrid_semantic_weight(kw, nk, sem, ns);
-    /* A semantic ranking weighed 0 adds nothing: its own hits would only trail at score 0. */
-    int32_t n = fuse_rankings(kw, nk, 1.0f, sem, weight > 0.0f ? ns : 0, weight, kk, fused, score);
+    for (int32_t i = 0; i < nk; i++) {
+        cosine[i] = vec_dot(e->vectors + (size_t)kw[i] * e->dim, q, e->dim);
+    }
+    int32_t n = fuse_scores(FusionList{kw, bm25, cosine, nk},
+                            FusionList{sem, sim, sim, ns},
+                            HYBRID_SEMANTIC_SHARE,
+                            kk,
+                            fused,
+                            score);
     for (int32_t i = 0; i < n; i++) {
         fill_dense(e, &results[i], i, fused[i], score[i], query);
     }

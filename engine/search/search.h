@@ -54,28 +54,31 @@ void fill_dense(TrnEngine *e, TrnResult *r, int32_t i, uint64_t idx, float score
                 const char *query);
 
 /* ---------------------------------------------------------------------------------------------
-** Hybrid search (fusion.cpp): the keyword ranking and the semantic one, fused by reciprocal rank,
-** the semantic one weighted by how far the two agree at the top.
+** Hybrid search (fusion.cpp): the keyword ranking and the semantic one, each chunk ranked by a
+** convex combination of its two scores.
 */
-constexpr float LEX_RRF_K = 60.0f; /* reciprocal rank fusion: weight / (LEX_RRF_K + rank) */
-constexpr int32_t LEX_AGREEMENT_DEPTH = 20; /* see hybrid_semantic_weight */
-constexpr float LEX_AGREEMENT_FLOOR = 0.2f; /* see hybrid_semantic_weight */
-constexpr int32_t HYBRID_CANDIDATES = 100;  /* keyword ranking a hybrid search fuses */
-constexpr int32_t HYBRID_GRAPH_MIN = 50;    /* see hybrid_graph_width */
+constexpr int32_t HYBRID_CANDIDATES = 100;    /* keyword ranking a hybrid search fuses */
+constexpr int32_t HYBRID_GRAPH_MIN = 50;      /* see hybrid_graph_width */
+constexpr float HYBRID_SEMANTIC_SHARE = 0.2f; /* what meaning weighs against words, 0..1 */
 /* How wide a hybrid search searches the graph, and how deep the semantic ranking it fuses:
 ** ef_search within HYBRID_GRAPH_MIN..HYBRID_CANDIDATES. */
 int32_t hybrid_graph_width(const TrnEngine *e);
-/* How much the semantic ranking counts in a hybrid search, from 0 to 1. s is the share of the
-** keyword ranking's first LEX_AGREEMENT_DEPTH chunks that are also among the semantic ranking's
-** first LEX_AGREEMENT_DEPTH; the weight is (s - LEX_AGREEMENT_FLOOR) / (1 - LEX_AGREEMENT_FLOOR),
-** 0 when that is negative, and 1 when the keyword ranking is empty. */
-float hybrid_semantic_weight(const uint32_t *kw, int32_t nk, const uint32_t *sem, int32_t ns);
-/* Reciprocal rank fusion of two rankings of chunk slots, best first: a slot scores
-** wa / (LEX_RRF_K + rank in a) + wb / (LEX_RRF_K + rank in b), ranks from 1, a missing rank adding
-** nothing. Writes the best min(k, distinct slots) to out and out_scores, best first; equal scores
-** keep a's order, then b's. Returns how many. */
-int32_t fuse_rankings(const uint32_t *a, int32_t na, float wa, const uint32_t *b, int32_t nb,
-                      float wb, int32_t k, uint32_t *out, float *out_scores);
+/* One ranking for fuse_scores, best first: n chunk slots, each with the ranking's own score
+** (BM25 for the keyword ranking, the cosine for the semantic one) and its cosine to the query
+** (for the semantic ranking the same array as score). */
+struct FusionList {
+    const uint32_t *slot;
+    const float *score;
+    const float *cosine;
+    int32_t n;
+};
+/* Ranks the slots of both lists by (1 - share) * BM25 / best BM25 + share * nearness, where
+** nearness places the cosine between the semantic list's last (0) and first (1) score, clamped
+** to 0..1, and a slot missing from the keyword list has BM25 0. With one list empty the other
+** keeps its order. Writes the best min(k, distinct slots) to out and out_scores, best first;
+** equal scores keep the keyword list's order, then the semantic one's. Returns how many. */
+int32_t fuse_scores(const FusionList &words, const FusionList &meaning, float share, int32_t k,
+                    uint32_t *out, float *out_scores);
 /* trn_search's hybrid mode: up to kk (at most TRN_MAX_RESULTS) results. */
 int32_t search_hybrid(TrnEngine *e, const char *query, int32_t kk, TrnResult *results);
 

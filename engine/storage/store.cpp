@@ -397,6 +397,7 @@ TrnEngine *engine_new(const TrnConfig *cfg)
     if (cfg->weights_path && cfg->weights_path[0]) {
         e->weights_loaded = trn_encoder_load_weights(&e->encoder, cfg->weights_path) ? 1 : 0;
         if (e->weights_loaded) {
+            encoder_prepare_bag(&e->encoder);
             verbose_note("loaded encoder weights from %s", cfg->weights_path);
         } else {
             fprintf(

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 #include <sys/stat.h>
 
@@ -59,6 +60,46 @@ TEST(BuiltInEncoder, LoadsAndEmbedsAKnownTextToTheRecordedVector)
         EXPECT_NEAR(v[8 + 32 * i], RECORDED[i], 1e-5) << "component " << 8 + 32 * i;
     }
     EXPECT_NEAR(pattern, RECORDED_PATTERN, 1e-4);
+}
+
+// The shipped file is a bag of words, which the engine embeds by summing rows computed once at
+// load: the same bits as the forward pass for short, long (cut at 256 tokens) and empty texts.
+// An encoder with position embeddings or live layers is not taken for one.
+TEST(BuiltInEncoder, SummedRowsGiveTheForwardPassBits)
+{
+    const std::string path = std::string(TRN_SOURCE_DIR) + "/models/default.tten";
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0) {
+        GTEST_SKIP() << "no built-in encoder at " << path;
+    }
+    TrnEncoder forward, summed;
+    encoder_init(&forward, 42);
+    encoder_init(&summed, 42);
+    EXPECT_FALSE(encoder_prepare_bag(&summed)) << "the random encoder";
+    ASSERT_EQ(trn_encoder_load_weights(&forward, path.c_str()), 1);
+    ASSERT_EQ(trn_encoder_load_weights(&summed, path.c_str()), 1);
+    ASSERT_TRUE(encoder_prepare_bag(&summed));
+    std::string long_text;
+    for (int i = 0; i < 200; i++) {
+        long_text += "word" + std::to_string(i * 7919 % 1000) + " and ";
+    }
+    TrnScratch *ws = scratch_new();
+    for (const std::string &text :
+         {std::string(TEXT), long_text, std::string("x"), std::string()}) {
+        float a[TRN_ENCODER_DIM], b[TRN_ENCODER_DIM];
+        encoder_embed(&forward, ws, text.c_str(), a);
+        encoder_embed(&summed, ws, text.c_str(), b);
+        EXPECT_EQ(memcmp(a, b, sizeof a), 0) << text.substr(0, 40);
+    }
+    scratch_free(ws);
+    summed.pos_emb[5] = 0.5f;
+    EXPECT_FALSE(encoder_prepare_bag(&summed)) << "a position embedding";
+    summed.pos_emb[5] = 0.0f;
+    summed.layers[1].b2[0] = 0.5f;
+    EXPECT_FALSE(encoder_prepare_bag(&summed)) << "a layer output";
+    EXPECT_EQ(summed.bag_rows, nullptr);
+    encoder_release(&forward);
+    encoder_release(&summed);
 }
 
 // The shipped file is a trained encoder, not the random one: a question lies nearer the passage

@@ -187,76 +187,100 @@ TEST(LexicalSnippets, StartWhereTheQueryWordsAreDensestOnThatLine)
     }
 }
 
-TEST(LexicalFusion, OrdersByReciprocalRankSum)
+// The hybrid fusion on hand-made lists: keyword (slot, BM25, cosine), semantic (slot, cosine).
+TEST(HybridFusion, CombinesNormalisedScores)
 {
+    struct Hit {
+        uint32_t slot;
+        float score, cosine;
+    };
     struct Case {
         const char *name;
-        std::vector<uint32_t> a, b;
-        float wa, wb;
+        std::vector<Hit> words, meaning; // a semantic hit's cosine is its score
+        float share;
         int32_t k;
         std::vector<uint32_t> want;
+        std::vector<float> scores;
     } cases[] = {
-        // 3: 1/63 + 1/61 beats 1's 1/61; 2 and 4 tie at 1/62 and a's comes first.
-        {"shared item rises", {1, 2, 3}, {3, 4}, 1, 1, 10, {3, 1, 2, 4}},
-        {"k cuts the list", {1, 2, 3}, {3, 4}, 1, 1, 2, {3, 1}},
-        {"weight favours b", {1, 2}, {5, 6}, 1, 2, 10, {5, 6, 1, 2}},
-        {"zero weight keeps a's order", {1, 2}, {2, 1, 7}, 1, 0, 10, {1, 2, 7}},
-        {"one list empty", {}, {9, 8}, 1, 1, 10, {9, 8}},
-        {"both empty", {}, {}, 1, 1, 10, {}},
-        {"b's tie order after a's", {}, {4, 5}, 1, 1, 10, {4, 5}},
+        // BM25 4 -> 1, 2 -> 0.5; cosines 0.9 (top) -> 1, 0.5 (last) -> 0, 0.7 -> 0.5.
+        {"a chunk both like beats one each likes",
+         {{1, 4.0f, 0.5f}, {2, 2.0f, 0.9f}},
+         {{3, 0.9f, 0.9f}, {2, 0.9f, 0.9f}, {4, 0.5f, 0.5f}},
+         0.5f,
+         10,
+         {2, 1, 3, 4},
+         {0.75f, 0.5f, 0.5f, 0.0f}},
+        {"equal scores: keyword order, then semantic",
+         {{7, 1.0f, 0.0f}, {8, 1.0f, 0.0f}},
+         {{9, 0.8f, 0.8f}, {6, 0.2f, 0.2f}},
+         0.5f,
+         10,
+         {7, 8, 9, 6},
+         {0.5f, 0.5f, 0.5f, 0.0f}},
+        {"a cosine outside the semantic list is clamped",
+         {{1, 1.0f, 0.1f}, {2, 0.5f, 2.0f}},
+         {{3, 0.9f, 0.9f}, {4, 0.5f, 0.5f}},
+         0.5f,
+         10,
+         {2, 1, 3, 4},
+         {0.75f, 0.5f, 0.5f, 0.0f}},
+        {"share 0 is keyword alone, then semantic order",
+         {{1, 3.0f, 0.5f}, {2, 6.0f, 0.9f}},
+         {{3, 0.9f, 0.9f}, {4, 0.5f, 0.5f}},
+         0.0f,
+         3,
+         {2, 1, 3},
+         {1.0f, 0.5f, 0.0f}},
+        {"share 1 is semantic alone",
+         {{1, 3.0f, 0.5f}, {2, 6.0f, 0.7f}},
+         {{3, 0.9f, 0.9f}, {4, 0.5f, 0.5f}},
+         1.0f,
+         10,
+         {3, 2, 1, 4},
+         {1.0f, 0.5f, 0.0f, 0.0f}},
+        {"no keyword hits: the semantic ranking as it is",
+         {},
+         {{5, 0.3f, 0.3f}, {6, 0.2f, 0.2f}, {7, 0.1f, 0.1f}},
+         0.3f,
+         10,
+         {5, 6, 7},
+         {1.0f, 0.5f, 0.0f}},
+        {"no semantic hits: the keyword ranking as it is",
+         {{5, 2.0f, 0.0f}, {6, 1.0f, 0.0f}},
+         {},
+         0.7f,
+         1,
+         {5},
+         {1.0f}},
+        {"one semantic hit counts as the top", {}, {{8, 0.4f, 0.4f}}, 0.5f, 10, {8}, {1.0f}},
+        {"both empty", {}, {}, 0.5f, 10, {}, {}},
     };
     for (const Case &c : cases) {
+        std::vector<uint32_t> ws, ms;
+        std::vector<float> wscore, wcos, mscore;
+        for (const Hit &h : c.words) {
+            ws.push_back(h.slot);
+            wscore.push_back(h.score);
+            wcos.push_back(h.cosine);
+        }
+        for (const Hit &h : c.meaning) {
+            ms.push_back(h.slot);
+            mscore.push_back(h.score);
+        }
         uint32_t out[16];
         float score[16];
-        int32_t n = fuse_rankings(c.a.data(),
-                                  (int32_t)c.a.size(),
-                                  c.wa,
-                                  c.b.data(),
-                                  (int32_t)c.b.size(),
-                                  c.wb,
-                                  c.k,
-                                  out,
-                                  score);
+        int32_t n =
+            fuse_scores(FusionList{ws.data(), wscore.data(), wcos.data(), (int32_t)ws.size()},
+                        FusionList{ms.data(), mscore.data(), mscore.data(), (int32_t)ms.size()},
+                        c.share,
+                        c.k,
+                        out,
+                        score);
         EXPECT_EQ(std::vector<uint32_t>(out, out + n), c.want) << c.name;
-        for (int32_t i = 1; i < n; i++) {
-            EXPECT_GE(score[i - 1], score[i]) << c.name;
+        ASSERT_EQ((size_t)n, c.scores.size()) << c.name;
+        for (int32_t i = 0; i < n; i++) {
+            EXPECT_NEAR(score[i], c.scores[i], 1e-6f) << c.name << " #" << i;
         }
-    }
-}
-
-TEST(LexicalFusion, SemanticWeightFollowsAgreementAtTheTop)
-{
-    const auto range = [](uint32_t from, uint32_t n) {
-        std::vector<uint32_t> v;
-        for (uint32_t i = 0; i < n; i++) {
-            v.push_back(from + i);
-        }
-        return v;
-    };
-    // Shares slots 25 (26th of the keyword ranking) and 0 (26th of this one) only.
-    std::vector<uint32_t> late = range(50, 30);
-    late[0] = 25;
-    late[25] = 0;
-    // Weight (share - 0.2) / 0.8 of the first 20 of each ranking.
-    struct Case {
-        const char *name;
-        std::vector<uint32_t> kw, sem;
-        float want;
-    } cases[] = {
-        {"no words found: semantic alone", {}, range(0, 5), 1.0f},
-        {"no agreement", range(0, 30), range(50, 30), 0.0f},
-        {"a fifth shared counts nothing", range(0, 30), range(16, 30), 0.0f},
-        {"a quarter shared", range(0, 30), range(15, 30), 0.0625f},
-        {"three quarters shared", range(0, 30), range(5, 30), 0.6875f},
-        {"all shared: full weight", range(0, 30), range(0, 30), 1.0f},
-        {"agreement below the top does not count", range(0, 30), late, 0.0f},
-        {"short rankings count against the full depth", range(0, 10), range(0, 10), 0.375f},
-    };
-    for (const Case &c : cases) {
-        EXPECT_FLOAT_EQ(hybrid_semantic_weight(
-                            c.kw.data(), (int32_t)c.kw.size(), c.sem.data(), (int32_t)c.sem.size()),
-                        c.want)
-            << c.name;
     }
 }
 
