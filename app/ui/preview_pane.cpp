@@ -4,6 +4,7 @@
 */
 #include "preview_pane.h"
 
+#include "file_info.h"
 #include "formatted_document.h"
 #include "icons.h"
 #include "match_marks.h"

@@ -316,7 +316,7 @@ static void writePdf(const QString &path, const QList<QStringList> &pages)
     }
 }
 
-void Test::pdfPageForLine()
+void TestIndexHandle::pdfPageForLine()
 {
     QTemporaryDir dir;
     const QString pdf = dir.filePath(QStringLiteral("two.pdf"));
@@ -354,7 +354,7 @@ void TestIndexHandle::fileCategory_data()
     QTest::newRow("no extension") << "/a/Makefile" << int(FileCategory::Plain);
 }
 
-void Test::fileCategory()
+void TestIndexHandle::fileCategory()
 {
     QFETCH(QString, path);
     SearchResult result;
@@ -375,7 +375,7 @@ void TestIndexHandle::formatFileSize_data()
     QTest::newRow("5.5 GB in MB") << qint64(5905580032) << "5632.0 MB";
 }
 
-void Test::formatFileSize()
+void TestIndexHandle::formatFileSize()
 {
     QFETCH(qint64, bytes);
     QTEST(::formatFileSize(bytes), "text");

@@ -7,8 +7,10 @@
 
 #ifdef TRN_CLI_MODEL_TESTS
 
-#include "index_handle.h"
+// Before any Qt header: Qt defines "slots" as a keyword, and the engine has a field of that name.
 #include "internal.h"
+
+#include "index_handle.h"
 #include "records.h"
 #include "settings.h"
 #include "tarnwick.h"
