@@ -39,7 +39,8 @@ const char USAGE[] =
     "         per update, until interrupted (Ctrl+C)\n"
     "  search DIR QUERY [--mode hybrid|semantic|keyword|text|regex] [-k N] [--weights PATH]\n"
     "         [--json]  show the k best chunks (10 by default, at most 64); hybrid (by words\n"
-    "         and by meaning) by default\n"
+    "         and by meaning) by default; --vimgrep prints path:line:column:text lines for\n"
+    "         an editor's jump list, paths relative to the current directory below it\n"
     "  prompt DIR QUERY [--scope pinned|top5|all] [--mode M] [-k N] [--weights PATH]\n"
     "         print the prompt the application copies for the results (top5 by default),\n"
     "         with the directory's pinned results first\n"
@@ -56,6 +57,9 @@ const char USAGE[] =
     "  train  add NAME DIR... [--steps N] [--batch N] [--lr X] [--threads N] [--bpe]\n"
     "         create a profile over the given directories\n"
     "  train  default NAME          make NAME the default profile\n"
+    "  mcp    [--folder DIR]... [--weights PATH]\n"
+    "         serve searches of the given folders (else the folders open in the application)\n"
+    "         to an assistant over the Model Context Protocol on standard input and output\n"
     "\n"
     "options:\n"
     "  --weights PATH   encoder weights file, or none for the untrained encoder; without it\n"
@@ -102,6 +106,7 @@ constexpr CommandRule COMMANDS[] = {
     {"compact", 1, 1, false, false, false, false, false, false},
     {"embed", 1, 1, false, true, false, false, false, false},
     {"train", 1, -1, false, false, false, true, false, true},
+    {"mcp", 0, 0, false, true, false, false, false, false},
 };
 
 // The commands that walk a directory (index, update, watch, files) take --exclude, --extensions and
@@ -318,6 +323,16 @@ Options parse_args(int argc, char **argv)
                 throw UsageError("--json takes no value");
             }
             o.json = true;
+        } else if (name == "--vimgrep" && o.command == "search") {
+            if (has_value) {
+                throw UsageError("--vimgrep takes no value");
+            }
+            o.vimgrep = true;
+        } else if (name == "--folder" && o.command == "mcp") {
+            o.folders.push_back(take_value());
+            if (o.folders.back().empty()) {
+                throw UsageError("--folder needs a directory");
+            }
         } else if (name == "--chunk-size" && rule->chunking) {
             o.chunk_size = parse_int(name, take_value(), 1);
         } else if (name == "--overlap" && rule->chunking) {
@@ -385,6 +400,9 @@ Options parse_args(int argc, char **argv)
     }
     if (o.command == "train") {
         check_train(o, training_options);
+    }
+    if (o.json && o.vimgrep) {
+        throw UsageError("--json and --vimgrep cannot be combined");
     }
     if (rule->search) {
         check_query(o.operands[1], o.mode);

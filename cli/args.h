@@ -36,7 +36,7 @@ public:
 
 struct Options {
     // "index", "update", "watch", "search", "prompt", "files", "stats", "remove", "compact",
-    // "embed", "train"
+    // "embed", "train", "mcp"
     std::string command;
     std::vector<std::string> operands;
     // index, update, watch: absent means the application's settings ("chunkSize", "overlap").
@@ -53,6 +53,8 @@ struct Options {
     int32_t k = 10;
     std::string scope = "top5"; // prompt: "pinned", "top5" or "all"
     bool json = false;
+    std::vector<std::string> folders; // mcp: --folder DIR, repeatable
+    bool vimgrep = false;             // search: "path:line:column:text" lines for editors
     bool help = false;
     bool version = false;
     bool verbose = false; // the engine's informational lines on standard error

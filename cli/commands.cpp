@@ -7,10 +7,12 @@
 
 #include "common.h"
 #include "json.h"
+#include "mcp_server.h"
 #include "model_commands.h"
 #include "progress.h"
 #include "tarnwick.h"
 #include "text/files.h"
+#include "vimgrep.h"
 
 #include <algorithm>
 #include <cctype>
@@ -413,6 +415,10 @@ void cmd_search(const Options &o, const ModelRuntime &model)
         n = 0;
     }
 
+    if (o.vimgrep) {
+        write_out(vimgrep_lines(results.data(), n, query, o.mode, current_dir()));
+        return;
+    }
     std::string out;
     if (o.json) {
         JsonWriter w;
@@ -681,5 +687,7 @@ void run_command(const Options &o, const ModelRuntime &model)
         cmd_compact(o);
     } else if (o.command == "embed") {
         cmd_embed(o, model);
+    } else if (o.command == "mcp") {
+        run_mcp_server(o, model);
     }
 }

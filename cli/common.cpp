@@ -46,6 +46,17 @@ std::string resolve_dir(const std::string &dir)
     return path;
 }
 
+std::string current_dir()
+{
+    char *cwd = getcwd(nullptr, 0);
+    if (cwd == nullptr) {
+        throw Failure("cannot read the current directory: " + errno_text());
+    }
+    std::string path(cwd);
+    free(cwd);
+    return path;
+}
+
 std::string join(const std::string &dir, const std::string &name)
 {
     return dir == "/" ? "/" + name : dir + "/" + name;

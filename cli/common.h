@@ -38,6 +38,9 @@ std::string errno_text();
 // dir resolved by realpath; throws Failure when it is missing or not a directory.
 std::string resolve_dir(const std::string &dir);
 
+// The working directory as getcwd gives it (resolved); throws Failure when it cannot be read.
+std::string current_dir();
+
 std::string join(const std::string &dir, const std::string &name);
 
 // root + "/.tarnwick"; throws Failure when the store's path would not fit the engine's fields.

@@ -435,6 +435,15 @@ void application_chunking(const ModelRuntime &model, int32_t *chunk_size, int32_
     *overlap = settings->effectiveOverlap();
 }
 
+std::vector<std::string> application_open_folders(const ModelRuntime &model)
+{
+    std::vector<std::string> folders;
+    for (const QString &path : model.settings()->savedTabPaths()) {
+        folders.push_back(path_bytes(path));
+    }
+    return folders;
+}
+
 bool index_encoder_matches(const std::string &root, const std::string &weights)
 {
     return EncoderRecord::matches(path_text(root), path_text(weights));

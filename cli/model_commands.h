@@ -75,6 +75,9 @@ bool index_encoder_matches(const std::string &root, const std::string &weights);
 // Records that root's index was built with weights, so the application does not rebuild it.
 void note_index_encoder(const std::string &root, const std::string &weights);
 
+// The folders open as tabs in the application, in tab order (none without the model).
+std::vector<std::string> application_open_folders(const ModelRuntime &model);
+
 // prompt DIR QUERY: the text "Copy Prompt" puts on the clipboard.
 void model_prompt(const Options &o, const ModelRuntime &model);
 // train profiles | add | default | NAME.

@@ -59,6 +59,11 @@ bool index_encoder_matches(const std::string &, const std::string &)
 
 void note_index_encoder(const std::string &, const std::string &) {}
 
+std::vector<std::string> application_open_folders(const ModelRuntime &)
+{
+    return {};
+}
+
 void model_prompt(const Options &, const ModelRuntime &)
 {
     throw Failure("built without the application model");

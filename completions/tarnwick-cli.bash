@@ -6,7 +6,7 @@ _tarnwick_cli()
     local cur prev words cword
     _init_completion -s || return
 
-    local commands="index update watch search prompt files stats remove compact embed train"
+    local commands="index update watch search prompt files stats remove compact embed train mcp"
     local modes="hybrid semantic keyword text regex"
     local scopes="pinned top5 all"
 
@@ -17,6 +17,10 @@ _tarnwick_cli()
             ;;
         --scope)
             COMPREPLY=($(compgen -W "$scopes" -- "$cur"))
+            return
+            ;;
+        --folder)
+            _filedir -d
             return
             ;;
         --weights)
@@ -62,12 +66,13 @@ _tarnwick_cli()
     case $command in
         index) options="--chunk-size --overlap --weights --exclude --extensions --max-file-size --verbose" ;;
         update | watch) options="--chunk-size --overlap --weights --json --exclude --extensions --max-file-size --verbose" ;;
-        search) options="--mode -k --weights --json --verbose" ;;
+        search) options="--mode -k --weights --json --vimgrep --verbose" ;;
         prompt) options="--scope --mode -k --weights --verbose" ;;
         files) options="--json --exclude --extensions --max-file-size --verbose" ;;
         stats) options="--json --verbose" ;;
         remove | compact) options="--verbose" ;;
         embed) options="--weights --verbose" ;;
+        mcp) options="--folder --weights --verbose" ;;
         train) options="--json --steps --batch --lr --threads --heads --layers --bpe --verbose" ;;
     esac
     if [[ $cur == -* ]]; then

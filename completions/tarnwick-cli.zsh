@@ -21,6 +21,7 @@ commands=(
     'compact:rewrite the index without removed chunks'
     'embed:print the vector of a text'
     'train:list, add, choose and train training profiles'
+    'mcp:serve searches to an AI assistant (Model Context Protocol)'
 )
 common=('--verbose[show the engine diagnostics]' '(- *)'{-h,--help}'[print help]')
 weights=('--weights=[encoder weights file, or none]:weights:_tarnwick_cli_weights')
@@ -58,7 +59,8 @@ case $command in
         _arguments $common $weights \
             "--mode=[how the query is matched]:mode:$modes" \
             '-k+[number of results]:count' \
-            '--json[print JSON]' \
+            '(--vimgrep)--json[print JSON]' \
+            '(--json)--vimgrep[print path\:line\:column\:text lines]' \
             '1:directory:_files -/' '2:query:'
         ;;
     prompt)
@@ -82,6 +84,9 @@ case $command in
         ;;
     embed)
         _arguments $common $weights '1:text:'
+        ;;
+    mcp)
+        _arguments $common $weights '*--folder=[a folder to serve]:folder:_files -/'
         ;;
     train)
         _arguments $common \

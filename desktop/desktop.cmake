@@ -39,6 +39,12 @@ install(FILES ${TRN_DESKTOP_DIR}/tarnwick.svg
         DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/scalable/apps RENAME ${TRN_APP_ID}.svg)
 install(FILES ${TRN_DESKTOP_DIR}/${TRN_APP_ID}.desktop
         DESTINATION ${CMAKE_INSTALL_DATADIR}/applications)
+# "Search in Tarnwick" on a folder's context menu: a service menu for Dolphin and an extension for
+# GNOME Files (read by nautilus-python), both starting "tarnwick --search FOLDER".
+install(FILES ${TRN_DESKTOP_DIR}/file-managers/${TRN_APP_ID}.search.desktop
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/kio/servicemenus)
+install(FILES ${TRN_DESKTOP_DIR}/file-managers/tarnwick_search.py
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/nautilus-python/extensions)
 configure_file(${TRN_DESKTOP_DIR}/${TRN_APP_ID}.metainfo.xml
                ${CMAKE_CURRENT_BINARY_DIR}/${TRN_APP_ID}.metainfo.xml @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${TRN_APP_ID}.metainfo.xml

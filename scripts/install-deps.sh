@@ -10,7 +10,7 @@ packages=(
     clang libclang-rt-14-dev clang-format
     poppler-utils libpoppler-cpp-dev libzip-dev libxml2-dev
     qt6-base-dev qt6-charts-dev qt6-pdf-dev libgl-dev libqt6opengl6-dev
-    xvfb xauth
+    xvfb xauth dbus dbus-x11 libglib2.0-bin
     librsvg2-bin
     dpkg-dev file groff-base man-db desktop-file-utils appstream bash-completion zsh
 )

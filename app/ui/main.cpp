@@ -1,13 +1,15 @@
 /*
 ** main.cpp -- the Tarnwick desktop application.
 **
-**   tarnwick [DIR | FILE]...
+**   tarnwick [--search] [--query WORDS] [DIR | FILE]...
 **
 ** Restores the tabs of the last session, then opens each DIR as a tab (a directory that is open
-** already is only selected); a FILE opens the directory that holds it. Closing the main window
-** quits. --help and --version answer without a display. An unknown option is shown in a message
-** box and exits with status 2; a path that names nothing is shown in a message box over the main
-** window, and the others still open.
+** already is only selected); a FILE opens the directory that holds it. --search focuses the
+** search bar (a file manager's "Search in Tarnwick"); --query also searches the active tab for
+** WORDS (the desktop search's "more results"). Closing the main window quits. --help and
+** --version answer without a display. An unknown option is shown in a message box and exits with
+** status 2; a path that names nothing is shown in a message box over the main window, and the
+** others still open.
 */
 #include "app_state.h"
 #include "appearance.h"
@@ -32,6 +34,8 @@ namespace
 {
 
 const char kQuitAfterStart[] = "quit-after-start";
+const char kSearch[] = "search";
+const char kQuery[] = "query";
 
 void describeCommandLine(QCommandLineParser &parser)
 {
@@ -43,6 +47,12 @@ void describeCommandLine(QCommandLineParser &parser)
         QStringLiteral("paths"),
         QStringLiteral("Directories to open as tabs; a file opens the directory that holds it."),
         QStringLiteral("[DIR | FILE...]"));
+    parser.addOption(QCommandLineOption(
+        QString::fromLatin1(kSearch),
+        QStringLiteral("Focus the search bar once the tabs are open, to search the last DIR.")));
+    parser.addOption(QCommandLineOption(QString::fromLatin1(kQuery),
+                                        QStringLiteral("Search the active tab for WORDS."),
+                                        QStringLiteral("WORDS")));
     // Quits once the window is up and the tabs are open: lets scripts check that an installed
     // application starts. Not shown in the help.
     QCommandLineOption quit(QString::fromLatin1(kQuitAfterStart));
@@ -109,6 +119,8 @@ int main(int argc, char **argv)
         return 2;
     }
     const bool quitAfterStart = parser.isSet(QString::fromLatin1(kQuitAfterStart));
+    const QString query = parser.value(QString::fromLatin1(kQuery)).trimmed();
+    const bool focusSearch = parser.isSet(QString::fromLatin1(kSearch)) || !query.isEmpty();
 
     const LaunchTargets targets = launchTargets(parser.positionalArguments());
     for (const QString &argument : targets.unusable) {
@@ -126,15 +138,20 @@ int main(int argc, char **argv)
     MainWindow window(&state, &training);
     // The saved tabs come back on the first turn of the event loop; the directories named on the
     // command line open after them, so the last one named is the active tab.
-    QObject::connect(
-        &state, &AppState::stateRestored, &window, [&state, directories, quitAfterStart] {
-            if (!directories.isEmpty()) {
-                state.openDirectory(directories);
-            }
-            if (quitAfterStart) {
-                QTimer::singleShot(0, qApp, &QCoreApplication::quit);
-            }
-        });
+    QObject::connect(&state,
+                     &AppState::stateRestored,
+                     &window,
+                     [&state, &window, directories, quitAfterStart, focusSearch, query] {
+                         if (!directories.isEmpty()) {
+                             state.openDirectory(directories);
+                         }
+                         if (focusSearch) {
+                             window.focusSearch(query);
+                         }
+                         if (quitAfterStart) {
+                             QTimer::singleShot(0, qApp, &QCoreApplication::quit);
+                         }
+                     });
     window.show();
     const QStringList refused = targets.unusable;
     if (!refused.isEmpty() && !quitAfterStart) {

@@ -403,6 +403,18 @@ void MainWindow::openDirectory()
     }
 }
 
+void MainWindow::focusSearch(const QString &query)
+{
+    if (!query.isEmpty()) {
+        m_app->setQuery(query);
+        m_app->performSearch();
+    }
+    raise();
+    activateWindow();
+    m_search->field()->setFocus(Qt::OtherFocusReason);
+    m_search->field()->selectAll();
+}
+
 void MainWindow::showFileScope()
 {
     DirectoryState *state = m_app ? m_app->activeState() : nullptr;

@@ -84,6 +84,9 @@ public:
     static QString rebuildQuestion(const QString &name, const DirectoryState &state);
 
     void openDirectory();
+    // What "tarnwick --search" and "--query WORDS" ask once the tabs are open: the window raised
+    // with the search bar focused and, given words, the active tab searched for them.
+    void focusSearch(const QString &query);
     void showFileScope();
     void showSettings();
     void showHelp();

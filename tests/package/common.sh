@@ -66,6 +66,9 @@ check_app_starts()
     fi
     grep -q "savedTabPaths=.*$folder" "$scratch/home/.config/Tarnwick/Tarnwick.conf" 2>/dev/null ||
         fail "tarnwick did not open $folder as a tab"
+    # What the file managers' "Search in Tarnwick" starts.
+    out=$(run_home timeout 60 "$app" --search --quit-after-start "$folder" 2>&1) ||
+        fail "tarnwick --search did not start and quit: $out"
 }
 
 finish()

@@ -49,7 +49,7 @@ done
 if [ -f /usr/share/bash-completion/bash_completion ]; then
     # Each line: a command line typed so far, then what the completion offers, sorted.
     table=$(cat <<'TABLE'
-tarnwick-cli |compact embed files index prompt remove search stats train update watch
+tarnwick-cli |compact embed files index mcp prompt remove search stats train update watch
 tarnwick-cli se|search
 tarnwick-cli watch /tmp --j|--json
 tarnwick-cli search /tmp q --mode |hybrid keyword regex semantic text

@@ -35,10 +35,19 @@ fi
 if [ "$has_app" = 1 ]; then
     for f in bin/tarnwick share/man/man1/tarnwick.1 \
         share/applications/org.tarnwick.Tarnwick.desktop \
+        share/kio/servicemenus/org.tarnwick.Tarnwick.search.desktop \
+        share/nautilus-python/extensions/tarnwick_search.py \
+        bin/tarnwick-search-provider \
+        share/dbus-1/services/org.tarnwick.Tarnwick.SearchProvider.service \
+        share/gnome-shell/search-providers/org.tarnwick.Tarnwick.search-provider.ini \
+        share/krunner/dbusplugins/org.tarnwick.Tarnwick.desktop \
         share/metainfo/org.tarnwick.Tarnwick.metainfo.xml \
         share/icons/hicolor/scalable/apps/org.tarnwick.Tarnwick.svg; do
         expect_file "$usr/$f"
     done
+    grep -qx "Exec=/usr/bin/tarnwick-search-provider" \
+        "$usr/share/dbus-1/services/org.tarnwick.Tarnwick.SearchProvider.service" ||
+        fail "the D-Bus service file does not start the installed provider"
     for size in 16 24 32 48 64 128 256; do
         png="$usr/share/icons/hicolor/${size}x${size}/apps/org.tarnwick.Tarnwick.png"
         file "$png" 2>/dev/null | grep -q "PNG image data, $size x $size," ||

@@ -209,6 +209,24 @@ private slots:
         QCOMPARE(markPixels(h->window.resultsView()) > 0, marked);
     }
 
+    // "tarnwick --query WORDS" (the desktop search's "more results") and "--search" (a file
+    // manager's "Search in Tarnwick") end here: the words searched, the field ready for typing.
+    void launchedSearchFillsTheFieldAndSearches()
+    {
+        auto h = openAppWindow(m_home->settings());
+        QTemporaryDir dir;
+        writeSample(dir.path());
+        QVERIFY(openAndIndex(*h, dir.path()));
+        QLineEdit *field = h->window.searchBar()->field();
+        QSignalSpy finished(h->app.activeState(), &DirectoryState::searchFinished);
+        h->window.focusSearch(QStringLiteral("marmalade"));
+        QVERIFY(finished.wait(30000));
+        QCOMPARE(field->text(), QStringLiteral("marmalade"));
+        QVERIFY(shownFileNames(*h).contains(QStringLiteral("marmalade.txt")));
+        QTRY_VERIFY(field->hasFocus());
+        QCOMPARE(field->selectedText(), QStringLiteral("marmalade"));
+    }
+
     // The chips write their filter words into the field and search again; a filter typed into
     // the field shows on its chip.
     void filterChipsEditTheQueryText()
