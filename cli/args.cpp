@@ -37,16 +37,19 @@ const char USAGE[] =
     "  watch  DIR [--chunk-size N] [--overlap N] [--weights PATH] [--json]\n"
     "         update, then update again each time files change (after 2 s of quiet), one line\n"
     "         per update, until interrupted (Ctrl+C)\n"
-    "  search DIR QUERY [--mode hybrid|semantic|keyword|text|regex] [-k N] [--weights PATH]\n"
-    "         [--json]  show the k best chunks (10 by default, at most 64); hybrid (by words\n"
-    "         and by meaning) by default; --vimgrep prints path:line:column:text lines for\n"
-    "         an editor's jump list, paths relative to the current directory below it\n"
+    "  search DIR QUERY [--mode hybrid|semantic|keyword|text|regex] [-k N] [--all-chunks]\n"
+    "         [--weights PATH] [--json]  show the k best files (10 by default, at most 64),\n"
+    "         each with its best passage, the line of the match and how many more passages of\n"
+    "         the file matched; --all-chunks shows the k best passages instead, several of one\n"
+    "         file too; hybrid (by words and by meaning) by default; --vimgrep prints\n"
+    "         path:line:column:text lines for an editor's jump list, paths relative to the\n"
+    "         current directory below it\n"
     "  prompt DIR QUERY [--scope pinned|top5|all] [--mode M] [-k N] [--weights PATH]\n"
     "         print the prompt the application copies for the results (top5 by default),\n"
     "         with the directory's pinned results first\n"
     "  files  DIR [--json]          list every file under DIR with its indexed chunks and why\n"
-    "         each is or is not indexed (excluded and by which rule, too large, binary, not\n"
-    "         UTF-8, too short, unreadable)\n"
+    "         each is or is not indexed (excluded and by which rule, too large, binary, too\n"
+    "         short, unreadable)\n"
     "  stats  DIR [--json]          show the index's counts\n"
     "  remove DIR FILE...           drop the chunks of the given files from the index\n"
     "  compact DIR                  rewrite the index without removed chunks\n"
@@ -360,6 +363,11 @@ Options parse_args(int argc, char **argv)
                                  + ", the most results one search returns, not "
                                  + std::to_string(o.k));
             }
+        } else if (name == "--all-chunks" && o.command == "search") {
+            if (has_value) {
+                throw UsageError("--all-chunks takes no value");
+            }
+            o.all_chunks = true;
         } else if (name == "--scope" && rule->scope) {
             o.scope = parse_scope(take_value());
         } else if (name == "--steps" && rule->training) {

@@ -50,8 +50,9 @@ struct Options {
     std::optional<int32_t> max_file_size_mb; // --max-file-size MB
     std::string weights;              // empty: the application's choice (or the random encoder)
     int32_t mode = TRN_SEARCH_HYBRID; // the engine's search mode (trn_search's mode argument)
-    int32_t k = 10;
-    std::string scope = "top5"; // prompt: "pinned", "top5" or "all"
+    int32_t k = 10;                   // search: files, or passages with all_chunks
+    bool all_chunks = false;          // search: one row per matching passage instead of per file
+    std::string scope = "top5";       // prompt: "pinned", "top5" or "all"
     bool json = false;
     std::vector<std::string> folders; // mcp: --folder DIR, repeatable
     bool vimgrep = false;             // search: "path:line:column:text" lines for editors

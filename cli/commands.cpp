@@ -21,6 +21,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <csignal>
@@ -399,6 +400,27 @@ void cmd_watch(const Options &o, const ModelRuntime &model)
 
 // --- search -----------------------------------------------------------------------------------
 
+// A result's snippet fit for a terminal, its marks (the query's words) in bold when bold is set.
+std::string marked_snippet(const TrnResult &r, bool bold)
+{
+    const std::string snippet = r.snippet != nullptr ? r.snippet : "";
+    std::string out;
+    size_t at = 0;
+    for (int32_t m = 0; bold && m < r.mark_count; m++) {
+        size_t begin = std::min<size_t>(r.marks[2 * m], snippet.size());
+        size_t end = std::min<size_t>(r.marks[2 * m + 1], snippet.size());
+        if (begin < at || end <= begin) {
+            continue;
+        }
+        out += display_text(std::string_view(snippet).substr(at, begin - at), true);
+        out += "\x1b[1m";
+        out += display_text(std::string_view(snippet).substr(begin, end - begin), true);
+        out += "\x1b[0m";
+        at = end;
+    }
+    return out + display_text(std::string_view(snippet).substr(at), true);
+}
+
 void cmd_search(const Options &o, const ModelRuntime &model)
 {
     std::string root = resolve_dir(o.operands[0]);
@@ -410,7 +432,8 @@ void cmd_search(const Options &o, const ModelRuntime &model)
     // The engine never returns more than 64 hits, however large k is.
     int32_t k = std::min<int32_t>(o.k, 64);
     std::vector<TrnResult> results(static_cast<size_t>(k));
-    int32_t n = trn_search(engine.get(), query.c_str(), o.mode, k, results.data());
+    const uint32_t layout = o.all_chunks ? 0u : static_cast<uint32_t>(TRN_SEARCH_BY_FILE);
+    int32_t n = trn_search_ex(engine.get(), query.c_str(), o.mode, k, layout, results.data());
     if (n < 0) {
         n = 0;
     }
@@ -420,6 +443,7 @@ void cmd_search(const Options &o, const ModelRuntime &model)
         return;
     }
     std::string out;
+    const bool bold = isatty(STDOUT_FILENO) != 0;
     if (o.json) {
         JsonWriter w;
         w.begin_array();
@@ -442,6 +466,17 @@ void cmd_search(const Options &o, const ModelRuntime &model)
             w.integer(r.file_type);
             w.key("fileTypeName");
             w.string(trn_file_type_name(r.file_type));
+            w.key("moreInFile");
+            w.integer(r.more_in_file);
+            w.key("marks");
+            w.begin_array();
+            for (int32_t m = 0; m < r.mark_count; m++) {
+                w.begin_array();
+                w.integer(r.marks[2 * m]);
+                w.integer(r.marks[2 * m + 1]);
+                w.end_array();
+            }
+            w.end_array();
             w.end_object();
         }
         w.end_array();
@@ -449,12 +484,16 @@ void cmd_search(const Options &o, const ModelRuntime &model)
     } else {
         for (int32_t i = 0; i < n; i++) {
             const TrnResult &r = results[static_cast<size_t>(i)];
-            char head[64];
-            std::snprintf(head, sizeof head, ":%d  score %.4f\n", r.line_number, r.score);
+            char head[96];
+            std::snprintf(head, sizeof head, ":%d  score %.4f", r.line_number, r.score);
             out += display_text(r.file_path != nullptr ? r.file_path : "(no file)", false);
             out += head;
+            if (r.more_in_file > 0) {
+                out += "  (" + std::to_string(r.more_in_file) + " more in this file)";
+            }
+            out += "\n";
             // The snippet indented under its path; blank lines dropped so a hit stays one group.
-            std::string snippet = display_text(r.snippet != nullptr ? r.snippet : "", true);
+            std::string snippet = marked_snippet(r, bold);
             size_t pos = 0;
             while (pos < snippet.size()) {
                 size_t end = snippet.find('\n', pos);

@@ -66,7 +66,7 @@ _tarnwick_cli()
     case $command in
         index) options="--chunk-size --overlap --weights --exclude --extensions --max-file-size --verbose" ;;
         update | watch) options="--chunk-size --overlap --weights --json --exclude --extensions --max-file-size --verbose" ;;
-        search) options="--mode -k --weights --json --vimgrep --verbose" ;;
+        search) options="--mode -k --all-chunks --weights --json --vimgrep --verbose" ;;
         prompt) options="--scope --mode -k --weights --verbose" ;;
         files) options="--json --exclude --extensions --max-file-size --verbose" ;;
         stats) options="--json --verbose" ;;

@@ -59,6 +59,7 @@ case $command in
         _arguments $common $weights \
             "--mode=[how the query is matched]:mode:$modes" \
             '-k+[number of results]:count' \
+            '--all-chunks[one result per passage instead of per file]' \
             '(--vimgrep)--json[print JSON]' \
             '(--json)--vimgrep[print path\:line\:column\:text lines]' \
             '1:directory:_files -/' '2:query:'

@@ -64,8 +64,9 @@ struct TrnEngine {
     int32_t file_count;
     int32_t file_capacity;
 
-    /* query buffers: result i of a search always uses snippet i */
+    /* query buffers: result i of a search always uses snippet i and marks i */
     char snippets[TRN_MAX_RESULTS][TRN_SNIPPET_MAX + 1];
+    uint16_t marks[TRN_MAX_RESULTS][2 * TRN_RESULT_MARKS_MAX];
 
     /* graph search scratch, kept between calls so a search clears nothing (hnsw.cpp) */
     TrnVisited visited;

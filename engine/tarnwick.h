@@ -214,6 +214,9 @@ typedef struct TrnConfig {
 
 typedef struct TrnEngine TrnEngine; /* opaque */
 
+/* The most marks a result's snippet carries. */
+enum { TRN_RESULT_MARKS_MAX = 16 };
+
 /* One search hit. doc_id and file_path point into the engine and stay valid until the chunk is
 ** compacted away or the handle is closed; snippet points into the engine's snippet buffers and is
 ** overwritten by the next trn_search on the same handle. */
@@ -223,8 +226,13 @@ typedef struct TrnResult {
     const char *snippet;   /* at most 300 bytes of the chunk's text */
     float score;           /* larger is better */
     int32_t chunk_index;   /* 0-based ordinal of the chunk within its file */
-    int32_t line_number;   /* 1-based line on which the chunk begins */
+    int32_t line_number;   /* 1-based line of the match (see trn_search) */
     uint32_t file_type;    /* TrnFileType */
+    int32_t more_in_file;  /* TRN_SEARCH_BY_FILE: the file's other chunks that matched; else 0 */
+    /* mark_count pairs of byte offsets (begin, end) into snippet, in order and apart: the query's
+    ** words, or its match in text and regex searches. Points into the engine like snippet. */
+    const uint16_t *marks;
+    int32_t mark_count; /* 0 to TRN_RESULT_MARKS_MAX */
 } TrnResult;
 
 typedef struct TrnStats {
@@ -243,7 +251,7 @@ enum {
     TRN_FILE_STATUS_EXCLUDED = 1,   /* an ignore rule or a hidden name; see the reason */
     TRN_FILE_STATUS_TOO_LARGE = 2,  /* larger than the walk's maximum file size */
     TRN_FILE_STATUS_BINARY = 3,     /* not text by its name or its first bytes */
-    TRN_FILE_STATUS_NOT_UTF8 = 4,   /* its text is not valid UTF-8 */
+    TRN_FILE_STATUS_NOT_UTF8 = 4,   /* no longer given: text in no charset counts as BINARY */
     TRN_FILE_STATUS_TOO_SHORT = 5,  /* fewer than TRN_TEXT_MIN_CHARS characters of text */
     TRN_FILE_STATUS_UNREADABLE = 6, /* cannot be opened, read or parsed */
     TRN_TEXT_MIN_CHARS = 11         /* characters other than white space */
@@ -404,19 +412,32 @@ enum { TRN_CHUNK_SIZE_MIN = 64, TRN_CHUNK_SIZE_MAX = 65536 };
 ** is 0). */
 TRN_API int32_t trn_check_chunking(int32_t chunk_size, int32_t overlap, char *message, size_t size);
 
-/* Cuts text into windows of min(strlen(text), chunk_size) bytes that start every
-** (window - overlap) bytes (at least 1), embeds each, appends them to the log as one group that
-** is synced, then links them into the graph. The file type comes from trn_detect_file_type(path).
+/* Cuts text into overlapping windows, embeds each, appends them to the log as one group that is
+** synced, then links them into the graph. Every byte of the text is in at least one window:
+**
+**   - a text of at most chunk_size bytes is one window;
+**   - otherwise a window ends at most chunk_size bytes after its start, at the last line break
+**     within the slack (an eighth of chunk_size, at most 64 bytes) before that limit, else at the
+**     last space or tab there, else at the limit moved back to the start of a UTF-8 character;
+**   - the next window starts overlap bytes before the end of the previous one, moved back the same
+**     way to a line, word or character start, and always at least one byte after the previous
+**     start (an overlap of chunk_size or more steps one character);
+**   - when the rest of the text from there fits in one window, the last window ends at the end of
+**     the text and starts at the first line, word or character start at or after
+**     strlen(text) - chunk_size, so it is nearly a full window.
+**
+** A window therefore never splits a character of valid UTF-8, and the keyword index and every
+** search mode see exactly these chunks. The file type comes from trn_detect_file_type(path).
 ** Returns the number of chunks added, 0 for an empty text, -1 when path or text is NULL or the
 ** write failed (busy, damaged, I/O: see trn_last_status; nothing was added then). */
 TRN_API int32_t trn_ingest_text(TrnEngine *e, const char *path, const char *text,
                                 int32_t chunk_size, int32_t overlap);
 
-/* Reads the text of the file at path as the application does (plain text and source as UTF-8,
-** HTML as readable text without markup, scripts or styles, PDF through poppler, DOCX, ODT and
-** EPUB from their XML) and ingests it as trn_ingest_text does. Returns the chunks added, 0 when
-** the file is not indexable or holds too little text, -1 when its text cannot be obtained (not
-** UTF-8, unreadable, damaged), the file is larger than TRN_FILE_SIZE_MAX or the write failed. */
+/* Reads the text of the file at path as the application does (text and source as UTF-8, or from
+** an older charset: the one declared in an XML or HTML head, else Windows-1252 or ISO-8859-1;
+** HTML as readable text; PDF through poppler; DOCX, ODT and EPUB from their XML) and ingests it as
+** trn_ingest_text does. Returns the chunks added, 0 when not indexable or too little text, -1 when
+** its text cannot be obtained (binary, unreadable, damaged), too large, or the write failed. */
 TRN_API int32_t trn_ingest_file(TrnEngine *e, const char *path, int32_t chunk_size,
                                 int32_t overlap);
 
@@ -455,7 +476,7 @@ enum { TRN_UPDATE_COMPACT_PERCENT = 25 };
 ** excluded, too large or binary now, and leaves the rest alone, then rebuilds the document
 ** index and compacts as TRN_UPDATE_COMPACT_PERCENT says. Files are classified as
 ** trn_detect_file_type does (extra extensions are text when their first bytes look like text);
-** a text, source or Markdown file with a 0 byte in its first 8 KiB or that is not UTF-8 counts
+** a text, source or Markdown file with a 0 byte in its first 8 KiB or in no known charset counts
 ** as binary, and a text shorter than 11 bytes gives no chunks.
 **
 ** Which files changed comes from the manifest "tarnwick.files" in the index directory: each
@@ -463,7 +484,9 @@ enum { TRN_UPDATE_COMPACT_PERCENT = 25 };
 ** of its text. A file whose entry matches is not read; one whose times changed but whose text
 ** hashes the same is read but not embedded again. An entry is trusted only when the index still
 ** holds that many chunks of the file, so a missing, damaged or stale manifest (a crash, another
-** program's rebuild) costs reading and embedding, never lost or doubled chunks. Each file's old
+** program's rebuild) costs reading and embedding, never lost or doubled chunks. An index whose
+** manifest was written by a version that read or cut text another way is read, cut and embedded
+** again whole by its next update. Each file's old
 ** chunks and new ones are replaced in one logged group; the manifest is written atomically (mode
 ** 0600) every few seconds and at the end, only when it changed. A kill at any moment loses no
 ** file whose group was logged; the next update finishes the rest.
@@ -592,13 +615,40 @@ enum {
 ** TRN_SEARCH_SEMANTIC_ALL: as TRN_SEARCH_SEMANTIC without the narrowing to ten files, searched
 **   with a width of at least min(k, 64), so up to min(k, 64) hits. score: the dot product.
 **
-** Snippets hold at most 300 bytes of the chunk. Text and regex snippets start at a word boundary
-** at most 75 bytes before the match (at the chunk's start for a match in its first 76 bytes);
-** keyword and hybrid snippets do the same for the first query word of the 225 bytes where the
-** query's words are densest, and their line_number is the line on which the snippet starts.
-** Other modes' snippets start with the chunk. */
+** The line of a result is the line of its match: for text and regex searches the match; for
+** keyword and hybrid searches the first query word, not a stop word, of the 225 bytes of the chunk
+** where the query's words are densest; for semantic searches (and a hybrid hit that holds no query
+** word but stop words) the first query word of the chunk's sentence that holds the most distinct
+** query words, else the chunk's first word. In an HTML file it is the line of the file's source
+** on which that text stands (the file is read again for it; the line of its text when that
+** fails). Stop words are common English words ("the", "in", "how"), unless the query has
+** nothing else.
+**
+** Snippets hold at most 300 bytes of the chunk around that match: they start at the first line
+** start among the 75 bytes before it, else at the first word start there (at the chunk's start
+** for a match in its first 76 bytes), and end before a space or line break among their last 60
+** bytes, else at a character start. marks lists the query's words in the snippet (stop words
+** only when the query has nothing else), every occurrence of a text query, or the match of a
+** regular expression. */
 TRN_API int32_t trn_search(TrnEngine *e, const char *query, int32_t mode, int32_t k,
                            TrnResult *results);
+
+/* Flags of trn_search_ex. */
+enum {
+    /* One result per file: the file's best chunk by the mode's ranking, with more_in_file
+    ** counting the file's other chunks among those the search ranked: for text, regex and
+    ** keyword searches the first 1024 matching chunks, for hybrid the first 200 of its fused
+    ** ranking, for semantic ones the graph's nearest min(4 k, 256) (at least ef_search). A chunk
+    ** without a path is a file of its own. Near-duplicate chunks of one file (windows overlap)
+    ** thus never take two results. Text and regex scores go by result: 1, 1 - 1/k, ... */
+    TRN_SEARCH_BY_FILE = 1
+};
+
+/* As trn_search, laid out as flags say (0: as trn_search, one result per chunk). Writes at most
+** min(k, 64) records to results, best first, and returns how many; 0 in the cases trn_search
+** returns 0. */
+TRN_API int32_t trn_search_ex(TrnEngine *e, const char *query, int32_t mode, int32_t k,
+                              uint32_t flags, TrnResult *results);
 
 /* Says whether pattern compiles for TRN_SEARCH_REGEX, without an engine. Returns 1 when it does
 ** (message is then the empty string); 0 when it does not, or when pattern is NULL, with a

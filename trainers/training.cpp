@@ -831,9 +831,14 @@ int parse_trainer_args(int argc, char **argv, TrainOptions *opts)
                 opts->steps);
         return 2;
     }
-    if ((have_usage || have_bag) && !opts->idf) {
-        fprintf(stderr,
-                "trainer: --usage and --bag shape the start that --idf makes and need it\n");
+    if (have_usage && !opts->idf) {
+        fprintf(stderr, "trainer: --usage shapes the start that --idf makes and needs it\n");
+        return 2;
+    }
+    if (have_bag && !opts->idf && opts->init_path.empty()) {
+        fprintf(
+            stderr,
+            "trainer: --bag trains a bag of words: the start --idf makes, or one --init reads\n");
         return 2;
     }
     if (opts->idf && !opts->init_path.empty()) {
@@ -953,6 +958,20 @@ int run_trainer(const TrainOptions &opts, FILE *progress)
         }
         bag_of_tokens(&enc, rarity, word, usage, opts.usage);
         if (opts.bag.steps > 0 && !train_bag(opts, sampler, mined, &enc, progress)) {
+            encoder_release(&enc);
+            return 1;
+        }
+    } else if (opts.bag.steps > 0) {
+        /* A profile that starts from the built-in encoder trains its word rows on the user's text
+        ** and stays a bag of words, which the engine embeds without the forward pass. */
+        if (!encoder_prepare_bag(&enc)) {
+            fprintf(stderr,
+                    "trainer: --bag continues only a bag-of-words encoder, and %s is not one\n",
+                    opts.init_path.c_str());
+            encoder_release(&enc);
+            return 1;
+        }
+        if (!train_bag(opts, sampler, mined, &enc, progress)) {
             encoder_release(&enc);
             return 1;
         }

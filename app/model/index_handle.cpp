@@ -193,11 +193,6 @@ QList<SearchResult> IndexHandle::search(const QString &query, SearchMode mode, i
     if (k < 0) {
         qFatal("tarnwick: search with negative k %d", k);
     }
-    if (layout == ResultLayout::ByFile && k > 0) {
-        // TODO(#27): the engine lays results out by file itself; until then the files are
-        // grouped from as many passages as it gives.
-        return groupByFile(search(query, mode, kEngineResultLimit, ResultLayout::AllPassages), k);
-    }
     QList<SearchResult> results;
     if (k == 0) {
         return results;
@@ -208,8 +203,9 @@ QList<SearchResult> IndexHandle::search(const QString &query, SearchMode mode, i
     if (!m_handle) {
         return results;
     }
-    const int32_t n =
-        trn_search(m_handle, utf8.constData(), static_cast<int32_t>(mode), k, records.data());
+    const uint32_t flags = layout == ResultLayout::ByFile ? TRN_SEARCH_BY_FILE : 0;
+    const int32_t n = trn_search_ex(
+        m_handle, utf8.constData(), static_cast<int32_t>(mode), k, flags, records.data());
     results.reserve(n);
     for (int32_t i = 0; i < n && i < k; i++) {
         const TrnResult &r = records[static_cast<size_t>(i)];
@@ -221,6 +217,7 @@ QList<SearchResult> IndexHandle::search(const QString &query, SearchMode mode, i
         result.chunkIndex = r.chunk_index;
         result.lineNumber = r.line_number;
         result.fileType = static_cast<int>(r.file_type);
+        result.moreInFile = r.more_in_file;
         result.folder = m_directoryPath;
         results.append(result);
     }

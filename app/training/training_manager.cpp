@@ -274,13 +274,14 @@ QStringList TrainingManager::trainerArguments(const TrainingProfile &profile,
                                               const QString &corpusPath, const QString &bpePath,
                                               const QString &initPath)
 {
+    // From the built-in encoder, a bag of words, the run trains only its word rows (no model
+    // steps), so the profile stays a bag of words that the engine embeds without the layers.
+    const bool bag = !initPath.isEmpty();
     QStringList args = {corpusPath,
                         profile.weightsPath,
-                        QString::number(profile.steps),
+                        QString::number(bag ? 0 : profile.steps),
                         QString::number(profile.batchSize),
-                        initPath.isEmpty()
-                            ? JsonCoding::floatText(profile.learningRate)
-                            : QString::number(profile.learningRate * kFineTuneRateShare, 'g', 6),
+                        JsonCoding::floatText(profile.learningRate),
                         QString::number(profile.heads),
                         QString::number(profile.layers)};
     if (!bpePath.isEmpty()) {
@@ -289,8 +290,13 @@ QStringList TrainingManager::trainerArguments(const TrainingProfile &profile,
     if (profile.threads >= 2) {
         args << QStringLiteral("--threads") << QString::number(profile.threads);
     }
-    if (!initPath.isEmpty()) {
-        args << QStringLiteral("--init") << initPath;
+    if (bag) {
+        const int steps = qMax(1, profile.steps / kBagStepShare);
+        args << QStringLiteral("--init") << initPath << QStringLiteral("--bag")
+             << QStringLiteral("%1,%2,%3")
+                    .arg(steps)
+                    .arg(kBagBatch)
+                    .arg(QString::number(profile.learningRate * kBagRateFactor, 'g', 6));
     }
     return args;
 }
@@ -534,7 +540,9 @@ void TrainingManager::launchTrainer(quint64 run, const TrainingProfile &profile,
 void TrainingManager::showStepLine(quint64 run, const QByteArray &line)
 {
     const QString text = QString::fromUtf8(line).trimmed();
-    if (run == m_currentRun && m_isTraining && text.startsWith(QLatin1String("step "))) {
+    if (run == m_currentRun && m_isTraining
+        && (text.startsWith(QLatin1String("step "))
+            || text.startsWith(QLatin1String("bag step ")))) {
         setTrainingProgress(text);
     }
 }

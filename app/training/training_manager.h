@@ -7,15 +7,20 @@
 ** manager on the main thread:
 **
 **   trainer <corpus> <P> <steps> <batch> <learning rate> <heads> <layers>
-**           [--bpe <P.bpe>] [--threads <n>, only for n >= 2] [--init <built-in weights>]
+**           [--bpe <P.bpe>] [--threads <n>, only for n >= 2]
+**           [--init <built-in weights> --bag <S,B,R>]
 **
 ** A profile that starts from the built-in encoder (startFromBuiltIn, when builtInWeightsPath()
-** finds one) passes it with --init and trains no tokenizer: the run keeps the built-in one. Such a
-** run refines an encoder that already works, so it trains at kFineTuneRateShare of the profile's
-** learning rate: at the full rate, batches of a few pairs undo more of it than they teach.
+** finds one) passes it with --init and trains no tokenizer: the run keeps the built-in one. The
+** built-in encoder is a bag of words, and such a run trains only its word rows on the user's
+** text ("--bag S,kBagBatch,R", S = steps / kBagStepShare, R = kBagRateFactor x the profile's
+** rate, no model steps), so the profile stays a bag of words that indexes as fast as the
+** built-in one; at those settings it scored above the built-in encoder on the known-item
+** benchmark (models/README.md).
 **
 ** where P is the profile's weightsPath. Its merged output is read line by line; lines that begin
-** with "step " become trainingProgress. Exit 0 with a file at P marks the profile trained.
+** with "step " or "bag step " become trainingProgress. Exit 0 with a file at P marks the profile
+*trained.
 ** Every failure marks it failed and leaves a one-line message in trainingProgress.
 **
 ** Both trainers are looked up in trainerDirectory(), by default the directory of the
@@ -120,7 +125,9 @@ public:
     // "<temp>/tarnwick_corpus_<UUID>.txt".
     static QString corpusPath(const TrainingProfile &profile);
     // A run that starts from the built-in encoder trains at this share of the profile's rate.
-    static constexpr double kFineTuneRateShare = 0.1;
+    static constexpr int kBagStepShare = 5;       // a profile's steps per bag step
+    static constexpr int kBagBatch = 128;         // pairs per bag step
+    static constexpr double kBagRateFactor = 3.0; // bag rate over the profile's rate
     // The encoder trainer's arguments; bpePath empty when no tokenizer was trained in this run,
     // initPath empty when the run starts from random weights.
     static QStringList trainerArguments(const TrainingProfile &profile, const QString &corpusPath,

@@ -7,8 +7,11 @@
 
 #include "tarnwick.h"
 
+#include "alloc.h"
+
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 /* ---------------------------------------------------------------------------------------------
 ** Ingestion (ingest.cpp)
@@ -31,6 +34,16 @@ int32_t draw_level(uint64_t *state, float level_mult);
 int32_t remove_file_mem(TrnEngine *e, const char *path);
 /* Number of live chunks of path. */
 int32_t count_file_chunks(const TrnEngine *e, const char *path);
+/* Bytes [begin, end) of a text: one window that becomes a chunk. */
+struct TextWindow {
+    int64_t begin;
+    int64_t end;
+};
+using TextWindows = std::vector<TextWindow, XAllocator<TextWindow>>;
+/* Cuts length bytes of text into the windows that ingestion makes chunks of, in order (the rule
+** is at the head of ingest.cpp): none for an empty text or a chunk_size below 1. */
+void cut_windows(const char *text, int64_t length, int32_t chunk_size, int32_t overlap,
+                 TextWindows *out);
 int32_t chunk_and_ingest(TrnEngine *e, const char *path, const char *text, int64_t length,
                          int32_t chunk_size, int32_t overlap, TrnFileType type);
 /* As chunk_and_ingest, replacing the chunks path had: the removal and the new chunks are one

@@ -3,14 +3,21 @@
 **
 ** Text comes from a file through extract_file_text (extract.cpp: UTF-8 text, HTML as readable
 ** text, PDF, DOCX, ODT, EPUB); the engine's directory walk is walk_files (walk.cpp). The text is
-** cut into fixed-size overlapping byte windows:
+** cut into overlapping windows (cut_windows) of at most chunk_size bytes:
 **
-**     chunk = min(length, chunk_size)        every window is exactly chunk bytes
-**     step  = chunk - overlap (int32), or 1 when that is below 2
-**     windows start at 0, step, 2 step, ... while pos + chunk + step <= length (one more after)
+**     a text of at most chunk_size bytes is one window;
+**     a window starting at begin ends at begin + chunk_size, moved back to just after the last
+**       line feed among the slack bytes before that (an eighth of the chunk, at most 64), else
+**       after the last space or tab there,
+**       else to the start of the UTF-8 character the cut would split;
+**     the next window starts overlap bytes before that end, moved back the same way (a line
+**       start, else a word start, else a character start), and always after the previous start;
+**     once the rest from there fits in one window, the last window ends at the text's end and
+**       starts at the first line, word or character start at or after length - chunk_size.
 **
-** so a text no longer than chunk_size gives one chunk and the last bytes, fewer than step, are
-** not indexed. Each window becomes one chunk with the key "<path>:<ordinal>" (cut at 255 bytes),
+** so every byte is in a window, no window splits a character of a valid UTF-8 text, and edges
+** fall between lines or words where one is within the slack. Each window becomes one chunk with
+** the key "<path>:<ordinal>" (cut at 255 bytes),
 ** the 1-based line on which it starts and the file type. All windows of one text are embedded and
 ** normalised first, on the processor's cores (embed.cpp) and without the index's lock; then,
 ** under its exclusive lock, they are appended to the write-ahead log as one synced group
@@ -205,6 +212,118 @@ void add_doc_vec(TrnEngine *e, const char *doc_id, const char *text, const char 
 namespace
 {
 
+constexpr int64_t CUT_SLACK_MAX = 64; /* bytes an edge may move to reach a line or word */
+
+inline bool utf8_continuation(char c)
+{
+    return ((unsigned char)c & 0xC0) == 0x80;
+}
+
+inline bool is_blank(char c)
+{
+    return c == ' ' || c == '\t';
+}
+
+/* A byte offset where a character starts: the end of the text or a byte that does not continue
+** a UTF-8 sequence. */
+inline bool char_start(const char *t, int64_t length, int64_t at)
+{
+    return at >= length || !utf8_continuation(t[at]);
+}
+
+/* The edge at or before at, and after floor: just after a line feed among the bytes from lo - 1
+** (lo > floor), else just after a space or tab there, else the nearest character start; the
+** first character start after at when there is none above floor. */
+int64_t edge_back(const char *t, int64_t length, int64_t floor, int64_t lo, int64_t at)
+{
+    for (int64_t e = at; e >= lo; e--) {
+        if (t[e - 1] == '\n') {
+            return e;
+        }
+    }
+    for (int64_t e = at; e >= lo; e--) {
+        if (is_blank(t[e - 1])) {
+            return e;
+        }
+    }
+    for (int64_t e = at; e > floor; e--) {
+        if (char_start(t, length, e)) {
+            return e;
+        }
+    }
+    int64_t e = at;
+    while (!char_start(t, length, e)) {
+        e++;
+    }
+    return e;
+}
+
+/* The edge at or after at and at most hi (at >= 1): the first line start, else the first word
+** start, else the first character start; hi when there is none. */
+int64_t edge_forward(const char *t, int64_t length, int64_t at, int64_t hi, int64_t slack)
+{
+    int64_t reach = at + slack < hi ? at + slack : hi;
+    for (int64_t e = at; e <= reach; e++) {
+        if (t[e - 1] == '\n') {
+            return e;
+        }
+    }
+    for (int64_t e = at; e <= reach; e++) {
+        if (is_blank(t[e - 1])) {
+            return e;
+        }
+    }
+    for (int64_t e = at; e < hi; e++) {
+        if (char_start(t, length, e)) {
+            return e;
+        }
+    }
+    return hi;
+}
+
+} // namespace
+
+void cut_windows(const char *text, int64_t length, int32_t chunk_size, int32_t overlap,
+                 TextWindows *out)
+{
+    out->clear();
+    if (length < 1 || chunk_size < 1) {
+        return;
+    }
+    const int64_t chunk = chunk_size;
+    const int64_t slack = chunk / 8 < CUT_SLACK_MAX ? chunk / 8 : CUT_SLACK_MAX;
+    int64_t begin = 0;
+    for (;;) {
+        if (length - begin <= chunk) {
+            out->push_back(TextWindow{begin, length});
+            return;
+        }
+        int64_t limit = begin + chunk;
+        int64_t lo = limit - slack > begin + 1 ? limit - slack : begin + 1;
+        int64_t end = edge_back(text, length, begin, lo, limit);
+        out->push_back(TextWindow{begin, end});
+        if (end >= length) {
+            return;
+        }
+        /* The next start moves on by at least one byte however large the overlap. */
+        int64_t target = end - (overlap > 0 ? (int64_t)overlap : 0);
+        if (target <= begin) {
+            target = begin + 1;
+        }
+        lo = target - slack > begin + 1 ? target - slack : begin + 1;
+        int64_t next = edge_back(text, length, begin, lo, target);
+        if (length - next <= chunk) {
+            int64_t last = edge_forward(text, length, length - chunk, next, slack);
+            out->push_back(TextWindow{last, length});
+            return;
+        }
+        begin = next;
+    }
+}
+
+namespace
+{
+
 /* The windows of one text, embedded, waiting to be logged and linked. */
 struct PendingChunk {
     char doc_id[TRN_ID_MAX];
@@ -243,27 +362,23 @@ static int32_t chunk_and_store(TrnEngine *e, const char *path, const char *text,
     if (length < 1 || chunk_size < 1) {
         return 0;
     }
-    int64_t chunk = length < chunk_size ? length : chunk_size;
-    /* The step is chunk - overlap in 32-bit arithmetic (wrapping), then at least 1. */
-    int32_t step = (int32_t)(uint32_t)(uint64_t)(chunk - (int64_t)overlap);
-    if (step < 2) {
-        step = 1;
-    }
+    TextWindows windows;
+    cut_windows(text, length, chunk_size, overlap, &windows);
     std::vector<PendingChunk, XAllocator<PendingChunk>> pending;
     std::vector<float, XAllocator<float>> vectors;
-    int64_t pos = 0;
-    /* Line feeds before pos, counted once: pos only grows, and the count stops for good at a 0
-    ** byte, which gives the same line as rescanning text[0 .. pos - 1] for every chunk. */
+    /* Line feeds before a window's start, counted once: starts only grow, and the count stops
+    ** for good at a 0 byte, which gives the same line as rescanning the text before each start. */
     int64_t scanned = 0;
     int32_t line_feeds = 0;
     bool hit_nul = false;
-    for (;;) {
+    for (const TextWindow &w : windows) {
         PendingChunk p;
-        p.text = static_cast<char *>(xmalloc((size_t)chunk + 1));
-        memcpy(p.text, text + pos, (size_t)chunk);
-        p.text[chunk] = '\0';
+        size_t n = (size_t)(w.end - w.begin);
+        p.text = static_cast<char *>(xmalloc(n + 1));
+        memcpy(p.text, text + w.begin, n);
+        p.text[n] = '\0';
         snprintf(p.doc_id, sizeof p.doc_id, "%s:%d", path, (int)pending.size());
-        while (!hit_nul && scanned < pos) {
+        while (!hit_nul && scanned < w.begin) {
             if (text[scanned] == '\0') {
                 hit_nul = true;
             } else if (text[scanned] == '\n') {
@@ -273,10 +388,6 @@ static int32_t chunk_and_store(TrnEngine *e, const char *path, const char *text,
         }
         p.line_number = 1 + line_feeds;
         pending.push_back(p);
-        if (pos + chunk + step > length) {
-            break;
-        }
-        pos += step;
     }
     std::vector<const char *, XAllocator<const char *>> texts;
     texts.reserve(pending.size());

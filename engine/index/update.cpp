@@ -269,7 +269,11 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
         int64_t oi = found == old_index.end() ? -1 : found->second;
         const ManifestEntry *oe = oi >= 0 ? &old.entries[oi] : nullptr;
         uint32_t held = chunks_of(w.path);
-        if (oe && same_stat(*oe, w) && !(oe->flags & MANIFEST_FLAG_RECENT) && oe->chunks == held) {
+        const bool judged_by_utf8_only = oe && oe->type == TRN_FILE_TYPE_BINARY
+                                         && trn_is_indexable(w.type)
+                                         && !(oe->flags & MANIFEST_FLAG_NO_TEXT);
+        if (oe && same_stat(*oe, w) && !(oe->flags & MANIFEST_FLAG_RECENT) && oe->chunks == held
+            && !judged_by_utf8_only) {
             manifest_add(&next, oe);
             report->unchanged += trn_is_indexable(oe->type) ? 1 : 0;
             continue;
@@ -337,6 +341,7 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
             ManifestEntry entry = entry_for(*w, job.type);
             if (!text && binary) {
                 entry.type = TRN_FILE_TYPE_BINARY;
+                entry.flags |= MANIFEST_FLAG_NO_TEXT;
                 manifest_add(&next, &entry);
                 if (held > 0) {
                     if (trn_remove_file(e, job.path.c_str()) < 0) {

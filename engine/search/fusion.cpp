@@ -92,29 +92,30 @@ int32_t fuse_scores(const FusionList &words, const FusionList &meaning, float sh
     return keep;
 }
 
-int32_t search_hybrid(TrnEngine *e, const char *query, int32_t kk, TrnResult *results)
+void rank_hybrid(TrnEngine *e, const char *query, int32_t kk, int32_t depth, Ranking *out)
 {
     float q[QUERY_DIM_MAX];
     if (!embed_query(e, query, q)) {
-        return 0;
+        return;
     }
-    uint32_t sem[HYBRID_CANDIDATES], kw[HYBRID_CANDIDATES], fused[TRN_MAX_RESULTS];
+    uint32_t sem[HYBRID_CANDIDATES], kw[HYBRID_CANDIDATES];
     float sim[HYBRID_CANDIDATES], bm25[HYBRID_CANDIDATES], cosine[HYBRID_CANDIDATES];
-    float score[TRN_MAX_RESULTS];
     int32_t width = hybrid_graph_width(e) > kk ? hybrid_graph_width(e) : kk; /* kk <= 64 */
     int32_t ns = hnsw_query_width(e, q, width, width, sem, sim);
     int32_t nk = lex_search(e, query, HYBRID_CANDIDATES, kw, bm25);
     for (int32_t i = 0; i < nk; i++) {
         cosine[i] = vec_dot(e->vectors + (size_t)kw[i] * e->dim, q, e->dim);
     }
+    int32_t keep = depth < 2 * HYBRID_CANDIDATES ? depth : 2 * HYBRID_CANDIDATES;
+    uint32_t fused[2 * HYBRID_CANDIDATES];
+    float score[2 * HYBRID_CANDIDATES];
     int32_t n = fuse_scores(FusionList{kw, bm25, cosine, nk},
                             FusionList{sem, sim, sim, ns},
                             HYBRID_SEMANTIC_SHARE,
-                            kk,
+                            keep,
                             fused,
                             score);
     for (int32_t i = 0; i < n; i++) {
-        fill_dense(e, &results[i], i, fused[i], score[i], query);
+        out->add(fused[i], score[i]);
     }
-    return n;
 }

@@ -1,7 +1,7 @@
 /*
 ** query.cpp -- trn_search, the engine's one query entry point, and its semantic, text and regular
 ** expression modes (what each mode returns is said at trn_search in tarnwick.h). The keyword
-** ranking is bm25.cpp's, the hybrid one fusion.cpp's, and where a snippet starts snippets.cpp's.
+** ranking is bm25.cpp's, the hybrid one fusion.cpp's, and how a hit is shown snippets.cpp's.
 ** A narrowed semantic search asks the graph for min(4k, 64) hits and keeps those of its files.
 **
 ** Regular expressions run on RE2 (Debian's libre2), whose automata take time linear in the text
@@ -140,29 +140,6 @@ int64_t find_ascii_nocase(const char *hay, size_t len, const unsigned char *nl, 
     return -1;
 }
 
-void fill_result(TrnEngine *e, TrnResult *r, int32_t i, uint64_t idx, float score, size_t start)
-{
-    const TrnChunk *c = &e->chunks[idx];
-    const char *text = c->text ? c->text : "";
-    size_t len = strlen(text);
-    size_t n = start < len ? len - start : 0;
-    if (n > (size_t)TRN_SNIPPET_MAX) {
-        n = TRN_SNIPPET_MAX;
-    }
-    char *buf = e->snippets[i];
-    if (n > 0) {
-        memcpy(buf, text + start, n);
-    }
-    buf[n] = '\0';
-    r->doc_id = c->doc_id;
-    r->file_path = c->file_path;
-    r->snippet = buf;
-    r->score = score;
-    r->chunk_index = c->chunk_index;
-    r->line_number = c->line_number;
-    r->file_type = c->file_type;
-}
-
 bool embed_query(TrnEngine *e, const char *query, float *q)
 {
     if (e->dim < 1 || e->dim > QUERY_DIM_MAX) {
@@ -176,23 +153,35 @@ bool embed_query(TrnEngine *e, const char *query, float *q)
 namespace
 {
 
-int32_t search_semantic(TrnEngine *e, const char *query, int32_t kk, TrnResult *results)
+/* The graph width and depth of a semantic search by file: deep enough that k rows come from
+** different files, as wide as ef_search at least. */
+int32_t by_file_graph_width(const TrnEngine *e, int32_t kk)
 {
-    if (e->dim < 1 || e->dim > QUERY_DIM_MAX) {
-        return 0;
-    }
-    float q[QUERY_DIM_MAX];
-    trn_encoder_embed_text(&e->encoder, query, q);
-    vec_normalize(q, (size_t)e->dim);
+    int32_t w = 4 * kk < BY_FILE_GRAPH_MAX ? 4 * kk : BY_FILE_GRAPH_MAX;
+    return w > e->ef_search ? w : e->ef_search;
+}
 
-    uint32_t idx[TRN_MAX_RESULTS];
-    float sim[TRN_MAX_RESULTS];
+void rank_semantic(TrnEngine *e, const char *query, int32_t kk, bool by_file, Ranking *out)
+{
+    float q[QUERY_DIM_MAX];
+    if (!embed_query(e, query, q)) {
+        return;
+    }
+    /* Without narrowing, or by file, the hits are the ranking; narrowed, a raw search asks the
+    ** graph for min(4k, 64) hits and keeps those of the closest files. */
+    int32_t want = by_file                    ? by_file_graph_width(e, kk)
+                   : e->file_count < 2        ? kk
+                   : 4 * kk < TRN_MAX_RESULTS ? 4 * kk
+                                              : TRN_MAX_RESULTS;
+    int32_t width = by_file ? want : e->ef_search;
+    std::vector<uint32_t, XAllocator<uint32_t>> idx((size_t)want);
+    std::vector<float, XAllocator<float>> sim((size_t)want);
+    int32_t n = hnsw_query_width(e, q, want, width, idx.data(), sim.data());
     if (e->file_count < 2) {
-        int32_t n = hnsw_query(e, q, kk, idx, sim);
-        for (int32_t i = 0; i < n; i++) {
-            fill_result(e, &results[i], i, idx[i], sim[i], 0);
+        for (int32_t h = 0; h < n; h++) {
+            out->add(idx[(size_t)h], sim[(size_t)h]);
         }
-        return n;
+        return;
     }
 
     /* Narrow to the files whose centroids are closest. */
@@ -223,58 +212,49 @@ int32_t search_semantic(TrnEngine *e, const char *query, int32_t kk, TrnResult *
         ord[best] = to;
         sc[best] = ts;
     }
-
-    int32_t want = 4 * kk < TRN_MAX_RESULTS ? 4 * kk : TRN_MAX_RESULTS;
-    int32_t n = hnsw_query(e, q, want, idx, sim);
-    int32_t filled = 0;
-    for (int32_t h = 0; h < n && filled < kk; h++) {
-        const char *path = e->chunks[idx[h]].file_path;
+    for (int32_t h = 0; h < n && (by_file || out->n() < kk); h++) {
+        const char *path = e->chunks[idx[(size_t)h]].file_path;
         if (!path) {
             continue;
         }
-        bool keep = false;
         for (int32_t j = 0; j < t; j++) {
             if (strcmp(path, e->file_names[ord[j]]) == 0) {
-                keep = true;
+                out->add(idx[(size_t)h], sim[(size_t)h]);
                 break;
             }
         }
-        if (keep) {
-            fill_result(e, &results[filled], filled, idx[h], sim[h], 0);
-            filled++;
-        }
     }
-    return filled;
 }
 
 /* Semantic search over every file: the graph is searched with a width of at least kk. */
-int32_t search_semantic_all(TrnEngine *e, const char *query, int32_t kk, TrnResult *results)
+void rank_semantic_all(TrnEngine *e, const char *query, int32_t kk, bool by_file, Ranking *out)
 {
     float q[QUERY_DIM_MAX];
     if (!embed_query(e, query, q)) {
-        return 0;
+        return;
     }
-    uint32_t idx[TRN_MAX_RESULTS];
-    float sim[TRN_MAX_RESULTS];
-    int32_t n = hnsw_query_width(e, q, kk, kk > e->ef_search ? kk : e->ef_search, idx, sim);
+    int32_t want = by_file ? by_file_graph_width(e, kk) : kk;
+    int32_t width = want > e->ef_search ? want : e->ef_search;
+    std::vector<uint32_t, XAllocator<uint32_t>> idx((size_t)want);
+    std::vector<float, XAllocator<float>> sim((size_t)want);
+    int32_t n = hnsw_query_width(e, q, want, width, idx.data(), sim.data());
     for (int32_t i = 0; i < n; i++) {
-        fill_result(e, &results[i], i, idx[i], sim[i], 0);
+        out->add(idx[(size_t)i], sim[(size_t)i]);
     }
-    return n;
 }
 
-int32_t search_keyword(TrnEngine *e, const char *query, int32_t kk, TrnResult *results)
+void rank_keyword(TrnEngine *e, const char *query, int32_t depth, Ranking *out)
 {
-    uint32_t idx[TRN_MAX_RESULTS];
-    float score[TRN_MAX_RESULTS];
-    int32_t n = lex_search(e, query, kk, idx, score);
+    std::vector<uint32_t, XAllocator<uint32_t>> idx((size_t)depth);
+    std::vector<float, XAllocator<float>> score((size_t)depth);
+    int32_t n = lex_search(e, query, depth, idx.data(), score.data());
     for (int32_t i = 0; i < n; i++) {
-        fill_dense(e, &results[i], i, idx[i], score[i], query);
+        out->add(idx[(size_t)i], score[(size_t)i]);
     }
-    return n;
 }
 
-int32_t search_text(TrnEngine *e, const char *query, int32_t kk, TrnResult *results)
+/* Text and regex hits in chunk order; their scores are set by rank once the rows are known. */
+void rank_text(TrnEngine *e, const char *query, int32_t depth, Ranking *out)
 {
     size_t qlen = strlen(query);
     std::unique_ptr<unsigned char, FreeDeleter> lowered((unsigned char *)xmalloc(qlen + 1));
@@ -283,21 +263,16 @@ int32_t search_text(TrnEngine *e, const char *query, int32_t kk, TrnResult *resu
         nl[j] = ascii_lower((unsigned char)query[j]);
     }
     nl[qlen] = '\0';
-    int32_t found = 0;
-    for (uint64_t i = 0; i < e->count && found < kk; i++) {
+    for (uint64_t i = 0; i < e->count && out->n() < depth; i++) {
         const TrnChunk *c = &e->chunks[i];
         if (c->deleted || !c->text) {
             continue;
         }
         int64_t p = find_ascii_nocase(c->text, strlen(c->text), nl, qlen);
-        if (p < 0) {
-            continue;
+        if (p >= 0) {
+            out->add((uint32_t)i, 0.0f, p, (int64_t)qlen);
         }
-        float score = 1.0f - (float)found / (float)kk;
-        fill_result(e, &results[found], found, i, score, snippet_start(c->text, p));
-        found++;
     }
-    return found;
 }
 
 /* The RE2 object lives in engine memory; the deleter runs its destructor and frees it. */
@@ -405,14 +380,13 @@ RegexPtr compile_regex(const char *pattern, char *message, size_t size)
     return re;
 }
 
-int32_t search_regex(TrnEngine *e, const char *query, int32_t kk, TrnResult *results)
+void rank_regex(TrnEngine *e, const char *query, int32_t depth, Ranking *out)
 {
     RegexPtr re = compile_regex(query, nullptr, 0);
     if (!re) {
-        return 0;
+        return;
     }
-    int32_t found = 0;
-    for (uint64_t i = 0; i < e->count && found < kk; i++) {
+    for (uint64_t i = 0; i < e->count && out->n() < depth; i++) {
         const TrnChunk *c = &e->chunks[i];
         if (c->deleted || !c->text) {
             continue;
@@ -422,41 +396,116 @@ int32_t search_regex(TrnEngine *e, const char *query, int32_t kk, TrnResult *res
         if (!re->Match(re2::StringPiece(c->text, len), 0, len, RE2::UNANCHORED, &match, 1)) {
             continue;
         }
-        int64_t p = match.data() ? (int64_t)(match.data() - c->text) : 0;
-        float score = 1.0f - (float)found / (float)kk;
-        fill_result(e, &results[found], found, i, score, snippet_start(c->text, p));
-        found++;
+        out->add((uint32_t)i,
+                 0.0f,
+                 match.data() ? (int64_t)(match.data() - c->text) : 0,
+                 (int64_t)match.size());
     }
-    return found;
+}
+
+/* The rows of a search by file: the first entry of each file in ranking order, up to kk of them,
+** and how many later entries each row's file has. A chunk without a path is a file of its own.
+** Returns the rows. */
+int32_t group_by_file(const TrnEngine *e, const Ranking &r, int32_t kk, int32_t *rows,
+                      int32_t *more)
+{
+    int32_t n = 0;
+    for (int32_t i = 0; i < r.n(); i++) {
+        const char *path = e->chunks[r.slots[(size_t)i]].file_path;
+        int32_t row = -1;
+        for (int32_t j = 0; path && j < n; j++) {
+            const char *other = e->chunks[r.slots[(size_t)rows[j]]].file_path;
+            if (other && strcmp(path, other) == 0) {
+                row = j;
+                break;
+            }
+        }
+        if (row >= 0) {
+            more[row]++;
+        } else if (n < kk) {
+            rows[n] = i;
+            more[n] = 0;
+            n++;
+        }
+    }
+    return n;
 }
 
 } // namespace
 
 extern "C" {
 
-int32_t trn_search(TrnEngine *e, const char *query, int32_t mode, int32_t k, TrnResult *results)
+int32_t trn_search_ex(TrnEngine *e, const char *query, int32_t mode, int32_t k, uint32_t flags,
+                      TrnResult *results)
 {
-    if (!e || !query || !results || k < 1) {
+    if (!e || !query || !results || k < 1 || mode < TRN_SEARCH_SEMANTIC
+        || mode > TRN_SEARCH_SEMANTIC_ALL) {
         return 0;
     }
     index_refresh_for_read(e);
-    int32_t kk = k < TRN_MAX_RESULTS ? k : TRN_MAX_RESULTS;
-    switch (mode) {
-    case TRN_SEARCH_SEMANTIC:
-        return e->count == 0 ? 0 : search_semantic(e, query, kk, results);
-    case TRN_SEARCH_TEXT:
-        return e->count == 0 ? 0 : search_text(e, query, kk, results);
-    case TRN_SEARCH_REGEX:
-        return e->count == 0 ? 0 : search_regex(e, query, kk, results);
-    case TRN_SEARCH_KEYWORD:
-        return e->count == 0 ? 0 : search_keyword(e, query, kk, results);
-    case TRN_SEARCH_HYBRID:
-        return e->count == 0 ? 0 : search_hybrid(e, query, kk, results);
-    case TRN_SEARCH_SEMANTIC_ALL:
-        return e->count == 0 ? 0 : search_semantic_all(e, query, kk, results);
-    default:
+    if (e->count == 0) {
         return 0;
     }
+    const int32_t kk = k < TRN_MAX_RESULTS ? k : TRN_MAX_RESULTS;
+    const bool by_file = (flags & TRN_SEARCH_BY_FILE) != 0;
+    const int32_t depth = by_file ? BY_FILE_DEPTH : kk;
+    Ranking ranking;
+    switch (mode) {
+    case TRN_SEARCH_SEMANTIC:
+        rank_semantic(e, query, kk, by_file, &ranking);
+        break;
+    case TRN_SEARCH_TEXT:
+        rank_text(e, query, depth, &ranking);
+        break;
+    case TRN_SEARCH_REGEX:
+        rank_regex(e, query, depth, &ranking);
+        break;
+    case TRN_SEARCH_KEYWORD:
+        rank_keyword(e, query, depth, &ranking);
+        break;
+    case TRN_SEARCH_HYBRID:
+        rank_hybrid(e, query, kk, by_file ? BY_FILE_DEPTH : kk, &ranking);
+        break;
+    default:
+        rank_semantic_all(e, query, kk, by_file, &ranking);
+        break;
+    }
+    int32_t rows[TRN_MAX_RESULTS];
+    int32_t more[TRN_MAX_RESULTS];
+    int32_t n = 0;
+    if (by_file) {
+        n = group_by_file(e, ranking, kk, rows, more);
+    } else {
+        for (; n < kk && n < ranking.n(); n++) {
+            rows[n] = n;
+            more[n] = 0;
+        }
+    }
+    const bool by_rank = mode == TRN_SEARCH_TEXT || mode == TRN_SEARCH_REGEX;
+    uint32_t slots[TRN_MAX_RESULTS];
+    int64_t focus[TRN_MAX_RESULTS];
+    for (int32_t i = 0; i < n; i++) {
+        size_t at = (size_t)rows[i];
+        float score = by_rank ? 1.0f - (float)i / (float)kk : ranking.scores[at];
+        slots[i] = ranking.slots[at];
+        focus[i] = fill_row(e,
+                            &results[i],
+                            i,
+                            ranking.slots[at],
+                            score,
+                            ranking.matches[at],
+                            ranking.lengths[at],
+                            mode,
+                            query);
+        results[i].more_in_file = more[i];
+    }
+    html_source_lines(e, results, slots, focus, n);
+    return n;
+}
+
+int32_t trn_search(TrnEngine *e, const char *query, int32_t mode, int32_t k, TrnResult *results)
+{
+    return trn_search_ex(e, query, mode, k, 0, results);
 }
 
 int32_t trn_check_regex(const char *pattern, char *message, size_t size)

@@ -1,6 +1,6 @@
 /*
 ** search.h -- what trn_search is made of: the scans and modes (query.cpp), the keyword ranking
-** (bm25.cpp), where a snippet starts (snippets.cpp) and the hybrid mode's whole policy
+** (bm25.cpp), how a hit is shown (snippets.cpp) and the hybrid mode's whole policy
 ** (fusion.cpp).
 */
 #ifndef TRN_SEARCH_H
@@ -8,12 +8,38 @@
 
 #include "tarnwick.h"
 
+#include "alloc.h"
+
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 constexpr int TRN_MAX_RESULTS = 64;    /* results per trn_search */
 constexpr int TRN_SNIPPET_MAX = 300;   /* bytes of a snippet, without its NUL */
 constexpr int32_t QUERY_DIM_MAX = 512; /* the widest vector a query is embedded into */
+/* Entries of a ranking a search by file lays out: its rows and their counts of more passages
+** come from this many chunks at most (text, regex, keyword; hybrid fuses at most 200). */
+constexpr int32_t BY_FILE_DEPTH = 1024;
+/* The widest graph search a semantic search by file makes (4 k, at least ef_search). */
+constexpr int32_t BY_FILE_GRAPH_MAX = 256;
+
+/* The chunks a mode found, best first, with their scores and, for text and regex, the offset and
+** length of the match in the chunk's text (-1 and 0 when the mode has none). */
+struct Ranking {
+    std::vector<uint32_t, XAllocator<uint32_t>> slots;
+    std::vector<float, XAllocator<float>> scores;
+    std::vector<int64_t, XAllocator<int64_t>> matches;
+    std::vector<int64_t, XAllocator<int64_t>> lengths;
+
+    int32_t n() const { return (int32_t)slots.size(); }
+    void add(uint32_t slot, float score, int64_t match = -1, int64_t length = 0)
+    {
+        slots.push_back(slot);
+        scores.push_back(score);
+        matches.push_back(match);
+        lengths.push_back(length);
+    }
+};
 
 /* ---------------------------------------------------------------------------------------------
 ** Modes and scans (query.cpp)
@@ -24,8 +50,12 @@ constexpr int32_t QUERY_DIM_MAX = 512; /* the widest vector a query is embedded 
 int64_t find_ascii_nocase(const char *hay, size_t len, const unsigned char *nl, size_t n);
 /* Embeds and normalises the query into q (dim floats); false when dim does not fit. */
 bool embed_query(TrnEngine *e, const char *query, float *q);
-/* Fills result slot i from chunk idx; the snippet is text[start..] cut at TRN_SNIPPET_MAX bytes. */
-void fill_result(TrnEngine *e, TrnResult *r, int32_t i, uint64_t idx, float score, size_t start);
+/* Fills result slot i (snippet and marks buffers i) from chunk slot as mode shows a hit: the
+** line of the match, the snippet around it and the query's words marked (snippets.cpp). match
+** and match_len locate a text or regex match in the chunk's text; -1 and 0 for other modes.
+** Returns the offset in the chunk's text of the match it settled on. */
+int64_t fill_row(TrnEngine *e, TrnResult *r, int32_t i, uint32_t slot, float score, int64_t match,
+                 int64_t match_len, int32_t mode, const char *query);
 
 /* ---------------------------------------------------------------------------------------------
 ** Keyword ranking (bm25.cpp)
@@ -41,17 +71,19 @@ int32_t lex_search(TrnEngine *e, const char *query, int32_t k, uint32_t *out_slo
 /* ---------------------------------------------------------------------------------------------
 ** Snippets (snippets.cpp)
 */
-/* Where the snippet of a match at offset p begins: at most 75 bytes before it, at a word
-** boundary. */
+/* Moves the line of each HTML result among the n from the line of the file's text to the line of
+** its source where the match stands, reading the file again (html_text_with_lines); slots and
+** focus are each result's chunk and match offset in it, from fill_row. A file that cannot be read
+** keeps the text's line. */
+void html_source_lines(TrnEngine *e, TrnResult *results, const uint32_t *slots,
+                       const int64_t *focus, int32_t n);
+/* Where the snippet of a match at offset p begins: 0 for p <= 75, else the first line start
+** among the 75 bytes before p, else the first word start there, else p. */
 size_t snippet_start(const char *text, int64_t p);
 /* Offset in text of the first query word of the window of window bytes where the query's words
 ** are densest (each distinct word counts its idf, a repeat a quarter of it); -1 when none occurs.
 */
 int64_t lex_densest(TrnEngine *e, const char *query, const char *text, size_t window);
-/* Fills result slot i from chunk idx with the snippet where the query's words are densest; its
-** line number is that of the snippet's first line. */
-void fill_dense(TrnEngine *e, TrnResult *r, int32_t i, uint64_t idx, float score,
-                const char *query);
 
 /* ---------------------------------------------------------------------------------------------
 ** Hybrid search (fusion.cpp): the keyword ranking and the semantic one, each chunk ranked by a
@@ -79,7 +111,8 @@ struct FusionList {
 ** equal scores keep the keyword list's order, then the semantic one's. Returns how many. */
 int32_t fuse_scores(const FusionList &words, const FusionList &meaning, float share, int32_t k,
                     uint32_t *out, float *out_scores);
-/* trn_search's hybrid mode: up to kk (at most TRN_MAX_RESULTS) results. */
-int32_t search_hybrid(TrnEngine *e, const char *query, int32_t kk, TrnResult *results);
+/* trn_search's hybrid ranking: the fused chunks, at most depth of them (and at most twice
+** HYBRID_CANDIDATES); kk (at most TRN_MAX_RESULTS) widens the graph search. */
+void rank_hybrid(TrnEngine *e, const char *query, int32_t kk, int32_t depth, Ranking *out);
 
 #endif /* TRN_SEARCH_H */

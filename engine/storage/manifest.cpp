@@ -9,7 +9,7 @@
 **          4     4  uint32 version, 1
 **          8     4  int32 chunk_size the files were cut with
 **         12     4  int32 overlap
-**         16     4  uint32 text version (MANIFEST_TEXT_VERSION: how text is taken from files)
+**         16     4  uint32 text version (MANIFEST_TEXT_VERSION: how text is taken and cut)
 **         20     4  uint32 count of entries that follow
 **
 ** then count entries, in the order the walk met the files:
@@ -23,7 +23,8 @@
 **     uint32 type         TrnFileType as classified (binary ones are remembered too, unread)
 **     uint32 chunks       live chunks of the file in the index when the entry was written
 **     uint32 flags        1: modified so shortly before it was read that a later write within
-**                         the file system's time granularity could hide: read it again
+**                         the file system's time granularity could hide: read it again;
+**                         2: read whole and found to be text in no charset (MANIFEST_FLAG_NO_TEXT)
 **
 ** and last a uint32 CRC-32 (zlib's) of every byte before it.
 **

@@ -9,6 +9,9 @@
 #include <cstdint>
 
 constexpr uint32_t MANIFEST_FLAG_RECENT = 1; /* modified just before it was read: read again */
+/* Read whole and found to be text in no charset the reader knows. A text file whose entry says
+** binary without this flag was judged by a reader that knew only UTF-8, and is read again. */
+constexpr uint32_t MANIFEST_FLAG_NO_TEXT = 2;
 
 struct ManifestEntry {
     char *path; /* owned */
@@ -31,9 +34,10 @@ struct Manifest {
     uint32_t capacity;
 };
 
-/* How text is taken from files; an index whose manifest names another version reads every file
-** again (and replaces only those whose text changed). */
-constexpr uint32_t MANIFEST_TEXT_VERSION = 1;
+/* How text is taken from files and cut into windows; an index whose manifest names another
+** version trusts no entry, so its next update reads, cuts and embeds every file again. 2: windows
+** that reach the text's end and never split a character. */
+constexpr uint32_t MANIFEST_TEXT_VERSION = 2;
 
 /* Reads the manifest at path into m (emptied first). False, with m empty, when it is missing,
 ** damaged or of another version: the caller then trusts no entry. */

@@ -1,10 +1,11 @@
 /*
 ** extract.cpp -- the text of a file, by its type (extract_file_text of files.h).
 **
-**   Text, Source, Markdown   the bytes, which must be UTF-8 without 0 bytes; a byte order mark
-**                            is dropped
-**   HTML                     parsed by libxml2's HTML parser (which decodes entities and honours
-**                            a declared charset); text nodes outside script, style and the head
+**   Text, Source, Markdown   the bytes, without 0 bytes, as UTF-8 or converted from an older
+**                            charset (encoding.cpp); a byte order mark is dropped
+**   HTML                     converted to UTF-8 as text is, then parsed by libxml2's HTML parser
+**                            (which decodes entities); text nodes outside script, style and the
+*head
 **                            (its title excepted), white space collapsed except inside <pre>,
 **                            and a line break after every block element
 **   DOCX                     word/document.xml of the ZIP container: the text of every <w:t>,
@@ -46,9 +47,16 @@ struct TextBuilder {
     size_t length = 0;
     size_t capacity = 0;
     bool pending_space = false;
+    /* When set, where the source line of the text changes: a break whenever bytes added come
+    ** from another line than the last ones did (see html_text_with_lines). */
+    HtmlLineMap *sources = nullptr;
+    int32_t source_line = 1;
 
     void append(const char *s, size_t n)
     {
+        if (sources && n > 0 && (sources->empty() || sources->back().line != source_line)) {
+            sources->push_back(HtmlSourceBreak{length, source_line});
+        }
         if (length + n + 1 > capacity) {
             size_t c = capacity ? capacity : 256;
             while (c < length + n + 1) {
@@ -71,6 +79,7 @@ struct TextBuilder {
             if (c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || nbsp) {
                 pending_space = true;
                 i += nbsp ? 1 : 0;
+                source_line += c == '\n' ? 1 : 0;
                 continue;
             }
             if (pending_space && !at_line_start() && data[length - 1] != ' '
@@ -84,7 +93,14 @@ struct TextBuilder {
     void add_raw(const char *s, size_t n)
     {
         pending_space = false;
-        append(s, n);
+        if (!sources) {
+            append(s, n);
+            return;
+        }
+        for (size_t i = 0; i < n; i++) {
+            append(s + i, 1);
+            source_line += s[i] == '\n' ? 1 : 0;
+        }
     }
     void end_line()
     {
@@ -145,6 +161,14 @@ void html_walk(const xmlNode *node, TextBuilder *b, bool in_pre)
     for (const xmlNode *n = node; n; n = n->next) {
         if (n->type == XML_TEXT_NODE || n->type == XML_CDATA_SECTION_NODE) {
             const char *text = reinterpret_cast<const char *>(n->content);
+            if (text && b->sources) {
+                /* The parser stamps a text node with the line on which it ends. */
+                long line = xmlGetLineNo(n);
+                for (const char *c = text; *c; c++) {
+                    line -= *c == '\n' ? 1 : 0;
+                }
+                b->source_line = (int32_t)line;
+            }
             if (text) {
                 if (in_pre) {
                     b->add_raw(text, strlen(text));
@@ -178,45 +202,6 @@ void html_walk(const xmlNode *node, TextBuilder *b, bool in_pre)
             b->end_line();
         }
     }
-}
-
-/* A strict UTF-8 check: no overlong forms, surrogates or values above U+10FFFF. */
-bool valid_utf8(const unsigned char *s, size_t n)
-{
-    size_t i = 0;
-    while (i < n) {
-        unsigned char c = s[i];
-        if (c < 0x80) {
-            i++;
-            continue;
-        }
-        size_t len = 0;
-        uint32_t min = 0;
-        uint32_t cp = 0;
-        if ((c & 0xE0) == 0xC0) {
-            len = 2, min = 0x80, cp = c & 0x1F;
-        } else if ((c & 0xF0) == 0xE0) {
-            len = 3, min = 0x800, cp = c & 0x0F;
-        } else if ((c & 0xF8) == 0xF0) {
-            len = 4, min = 0x10000, cp = c & 0x07;
-        } else {
-            return false;
-        }
-        if (i + len > n) {
-            return false;
-        }
-        for (size_t k = 1; k < len; k++) {
-            if ((s[i + k] & 0xC0) != 0x80) {
-                return false;
-            }
-            cp = (cp << 6) | (s[i + k] & 0x3F);
-        }
-        if (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
-            return false;
-        }
-        i += len;
-    }
-    return true;
 }
 
 /* Characters other than white space, counted up to limit. */
@@ -532,6 +517,44 @@ TrnFileStatus container_text(const char *path, TrnFileType type, TextBuilder *b)
 
 } // namespace
 
+bool valid_utf8(const unsigned char *s, size_t n)
+{
+    size_t i = 0;
+    while (i < n) {
+        unsigned char c = s[i];
+        if (c < 0x80) {
+            i++;
+            continue;
+        }
+        size_t len = 0;
+        uint32_t min = 0;
+        uint32_t cp = 0;
+        if ((c & 0xE0) == 0xC0) {
+            len = 2, min = 0x80, cp = c & 0x1F;
+        } else if ((c & 0xF0) == 0xE0) {
+            len = 3, min = 0x800, cp = c & 0x0F;
+        } else if ((c & 0xF8) == 0xF0) {
+            len = 4, min = 0x10000, cp = c & 0x07;
+        } else {
+            return false;
+        }
+        if (i + len > n) {
+            return false;
+        }
+        for (size_t k = 1; k < len; k++) {
+            if ((s[i + k] & 0xC0) != 0x80) {
+                return false;
+            }
+            cp = (cp << 6) | (s[i + k] & 0x3F);
+        }
+        if (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
+            return false;
+        }
+        i += len;
+    }
+    return true;
+}
+
 HtmlElementKind html_element_kind(const char *name)
 {
     if (name_in(name, HTML_SKIPPED)) {
@@ -540,9 +563,14 @@ HtmlElementKind html_element_kind(const char *name)
     return name_in(name, HTML_BLOCKS) ? HTML_ELEMENT_BLOCK : HTML_ELEMENT_INLINE;
 }
 
-char *html_to_text(const char *html, size_t n, size_t *out_len)
+namespace
+{
+
+/* html_to_text, recording the source line of each line of the text in sources when not NULL. */
+char *html_text_of(const char *html, size_t n, size_t *out_len, HtmlLineMap *sources)
 {
     TextBuilder b;
+    b.sources = sources;
     if (n > 0 && n <= (size_t)INT32_MAX) {
         /* Without a declared charset the parser would take Latin-1; text that is valid UTF-8 is
         ** read as UTF-8, anything else is left to the document's own declaration. */
@@ -560,6 +588,47 @@ char *html_to_text(const char *html, size_t n, size_t *out_len)
         }
     }
     return b.take(out_len);
+}
+
+} // namespace
+
+char *html_to_text(const char *html, size_t n, size_t *out_len)
+{
+    return html_text_of(html, n, out_len, nullptr);
+}
+
+char *html_text_with_lines(const char *path, size_t *len, HtmlLineMap *map)
+{
+    map->clear();
+    size_t n = 0;
+    char *bytes = read_file(path, TRN_FILE_SIZE_MAX, &n);
+    if (!bytes) {
+        return nullptr;
+    }
+    char *text = html_text_of(bytes, n, len, map);
+    free(bytes);
+    /* The parser stamps lines past 65535 as 65535: such a map is not trusted. */
+    for (const HtmlSourceBreak &b : *map) {
+        if (b.line < 1 || b.line >= 65535) {
+            map->clear();
+            break;
+        }
+    }
+    return text;
+}
+
+int32_t html_source_line(const HtmlLineMap &map, size_t offset)
+{
+    size_t lo = 0, hi = map.size();
+    while (lo < hi) {
+        size_t mid = (lo + hi) / 2;
+        if (map[mid].offset <= offset) {
+            lo = mid + 1;
+        } else {
+            hi = mid;
+        }
+    }
+    return lo == 0 ? 0 : map[lo - 1].line;
 }
 
 TrnFileStatus extract_file_text(const char *path, TrnFileType type, uint64_t max_size,
@@ -602,18 +671,28 @@ TrnFileStatus extract_file_text(const char *path, TrnFileType type, uint64_t max
         if (!bytes) {
             return TRN_FILE_STATUS_UNREADABLE;
         }
+        if (type != TRN_FILE_TYPE_HTML && memchr(bytes, 0, n)) {
+            free(bytes);
+            return TRN_FILE_STATUS_BINARY;
+        }
+        snprintf(out->encoding, sizeof out->encoding, "UTF-8");
+        if (!valid_utf8(reinterpret_cast<const unsigned char *>(bytes), n)) {
+            LegacyCharset charset = legacy_charset(bytes, n, out->encoding, sizeof out->encoding);
+            if (charset == LEGACY_BINARY) {
+                free(bytes);
+                *out = ExtractedText{};
+                return TRN_FILE_STATUS_BINARY;
+            }
+            size_t converted_len = 0;
+            char *converted = legacy_to_utf8(bytes, n, charset, out->encoding, &converted_len);
+            free(bytes);
+            bytes = converted;
+            n = converted_len;
+        }
         if (type == TRN_FILE_TYPE_HTML) {
             out->text = html_to_text(bytes, n, &out->length);
             free(bytes);
         } else {
-            if (memchr(bytes, 0, n)) {
-                free(bytes);
-                return TRN_FILE_STATUS_BINARY;
-            }
-            if (!valid_utf8(reinterpret_cast<const unsigned char *>(bytes), n)) {
-                free(bytes);
-                return TRN_FILE_STATUS_NOT_UTF8;
-            }
             size_t skip = n >= 3 && memcmp(bytes, "\xEF\xBB\xBF", 3) == 0 ? 3 : 0;
             if (skip) {
                 memmove(bytes, bytes + skip, n - skip + 1);
@@ -627,6 +706,23 @@ TrnFileStatus extract_file_text(const char *path, TrnFileType type, uint64_t max
         return TRN_FILE_STATUS_TOO_SHORT;
     }
     return TRN_FILE_STATUS_INDEXABLE;
+}
+
+bool file_charset(const char *path, uint64_t max_size, char *name, size_t size)
+{
+    size_t n = 0;
+    char *bytes = read_file(path, max_size == 0 ? (uint64_t)TRN_FILE_SIZE_MAX : max_size, &n);
+    if (!bytes) {
+        return false;
+    }
+    bool text = true;
+    if (valid_utf8(reinterpret_cast<const unsigned char *>(bytes), n)) {
+        snprintf(name, size, "UTF-8");
+    } else {
+        text = legacy_charset(bytes, n, name, size) != LEGACY_BINARY;
+    }
+    free(bytes);
+    return text;
 }
 
 void extracted_text_free(ExtractedText *t)

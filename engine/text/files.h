@@ -30,6 +30,10 @@
 
 #include "tarnwick.h"
 
+#include "alloc.h"
+
+#include <vector>
+
 #include <stddef.h>
 #include <stdint.h>
 
@@ -200,14 +204,20 @@ struct ExtractedText {
     ** page order; empty pages have the offset of the next). NULL for other types. */
     uint64_t *page_starts;
     int32_t page_count;
+    /* The charset the file's bytes were read in: "UTF-8", or the older one they were converted
+    ** from (legacy_charset); "" for PDF, DOCX, ODT and EPUB, whose formats fix it. */
+    char encoding[32];
 };
 
 /* Reads the text of path as type says: Text, Source and Markdown as UTF-8 (a leading byte order
-** mark dropped); HTML as readable text (no markup, scripts or styles; entities decoded; block
+** mark dropped), or converted from an older charset when they are not UTF-8 (legacy_charset);
+** HTML, converted the same way, as readable text (no markup, scripts or styles; entities decoded;
+*block
 ** elements end lines); PDF through poppler, pages separated by a form feed and a line feed; DOCX
 ** and ODT paragraphs as lines; EPUB the chapters of its spine in order, as HTML is. Files larger
 ** than max_size (0 = TRN_FILE_SIZE_MAX) are refused before reading. Returns INDEXABLE with *out
-** filled, or TOO_LARGE, BINARY (type not indexable), NOT_UTF8, TOO_SHORT (fewer than
+** filled, or TOO_LARGE, BINARY (type not indexable, or bytes that are text in no charset),
+** TOO_SHORT (fewer than
 ** TRN_TEXT_MIN_CHARS characters other than white space) or UNREADABLE, with *out left empty.
 ** Free with extracted_text_free in every case. */
 TrnFileStatus extract_file_text(const char *path, TrnFileType type, uint64_t max_size,
@@ -215,9 +225,43 @@ TrnFileStatus extract_file_text(const char *path, TrnFileType type, uint64_t max
 
 void extracted_text_free(ExtractedText *t);
 
+/* Strict UTF-8: no overlong forms, surrogates or values above U+10FFFF. */
+bool valid_utf8(const unsigned char *s, size_t n);
+
+/* Text that is not UTF-8 (encoding.cpp): the charset it declares in its first 1024 bytes (an XML
+** declaration, an HTML meta element) when the system's iconv knows it and the bytes are valid in
+** it, else Windows-1252, else ISO-8859-1; BINARY when the bytes hold more than one control
+** character in a hundred. */
+enum LegacyCharset { LEGACY_BINARY, LEGACY_DECLARED, LEGACY_CP1252, LEGACY_LATIN1 };
+/* Decides the charset of n bytes and writes its name ("KOI8-R", "Windows-1252", "ISO-8859-1")
+** into name (size bytes). */
+LegacyCharset legacy_charset(const char *bytes, size_t n, char *name, size_t size);
+/* The n bytes converted from charset (name as legacy_charset wrote it) into an xmalloc'd,
+** NUL-terminated UTF-8 string of *out_len bytes. */
+char *legacy_to_utf8(const char *bytes, size_t n, LegacyCharset charset, const char *name,
+                     size_t *out_len);
+/* The charset extract_file_text reads the file at path in (see ExtractedText), from its bytes
+** alone, into name; false when it cannot be read or is text in no charset. Only for the types
+** read as bytes: Text, Source, Markdown and HTML. */
+bool file_charset(const char *path, uint64_t max_size, char *name, size_t size);
+
 /* The readable text of an HTML document of n bytes (see extract_file_text). Returns an xmalloc'd
 ** string (never NULL; empty when nothing could be parsed) and its length in *out_len. */
 char *html_to_text(const char *html, size_t n, size_t *out_len);
+
+/* From byte offset on, the text html_to_text gives comes from the 1-based source line line. */
+struct HtmlSourceBreak {
+    size_t offset;
+    int32_t line;
+};
+using HtmlLineMap = std::vector<HtmlSourceBreak, XAllocator<HtmlSourceBreak>>;
+/* Reads the HTML file at path (at most TRN_FILE_SIZE_MAX bytes) as html_to_text does. Returns its
+** text (xmalloc'd, its length in *len) and fills map with where the source line changes, in
+** order of offset; NULL when the file cannot be read. map is left empty when the file has lines
+** past 65535, which the parser does not number. */
+char *html_text_with_lines(const char *path, size_t *len, HtmlLineMap *map);
+/* The source line of the text's byte at offset, by map; 0 when map says nothing of it. */
+int32_t html_source_line(const HtmlLineMap &map, size_t offset);
 
 /* How html_to_text reads an element, by its name in any case (NULL: inline): SKIPPED, its content
 ** is never text (script, style, svg, ...); BLOCK, it ends the line before and after it (p, div,

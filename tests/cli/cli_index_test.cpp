@@ -28,16 +28,16 @@ std::string alpha_text()
     return text;
 }
 
-// The indexed directory: three indexable files of 6 chunks in all, a binary file and a hidden one.
+// The indexed directory: three indexable files of 9 chunks in all, a binary file and a hidden one.
 class Corpus
 {
 public:
     Corpus()
     {
-        write_file(dir / "notes/alpha.md", alpha_text());                     // 200 bytes: 3 chunks
+        write_file(dir / "notes/alpha.md", alpha_text());                     // 200 bytes: 5 chunks
         write_file(dir / "beta.txt", "a short note about -dashes and rye\n"); // 35 bytes: 1 chunk
         std::string gamma = "int main(void)\n{\n    return 0; /* nothing to do here */\n}\n";
-        gamma.resize(112, ' '); // 112 bytes: 2 chunks
+        gamma.resize(112, ' '); // 112 bytes: 3 chunks
         write_file(dir / "code/gamma.c", gamma);
         write_file(dir / "image.bin", std::string("\x89PNG\r\n\x1a\n\0\0\0\rIHDR\0\0", 18));
         write_file(dir / ".hidden.txt", "hidden files are never indexed nor listed\n");
@@ -117,7 +117,7 @@ TEST_F(CliIndexed, StatsCountChunksFilesAndDimension)
     EXPECT_EQ(
         s.keys(),
         (std::vector<std::string>{"chunkCount", "fileCount", "deletedCount", "maxLevel", "dim"}));
-    EXPECT_EQ(s["chunkCount"].number, 6);
+    EXPECT_EQ(s["chunkCount"].number, 9);
     EXPECT_EQ(s["fileCount"].number, 3);
     EXPECT_EQ(s["deletedCount"].number, 0);
     EXPECT_GE(s["maxLevel"].number, 0);
@@ -125,20 +125,20 @@ TEST_F(CliIndexed, StatsCountChunksFilesAndDimension)
 
     RunResult r = run_cli({"stats", dir.path()}, dir.path());
     EXPECT_EQ(r.status, 0);
-    EXPECT_NE(r.out.find("chunks:     6\n"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("chunks:     9\n"), std::string::npos) << r.out;
 }
 
 TEST_F(CliMaintenance, IndexingReportsOnOneLineAndShowsProgressOnlyOnATerminal)
 {
     EXPECT_EQ(lines_of(first_index.out).size(), 1u);
-    EXPECT_EQ(first_index.out.rfind("indexed 3 files, 6 chunks in ", 0), 0u) << first_index.out;
+    EXPECT_EQ(first_index.out.rfind("indexed 3 files, 9 chunks in ", 0), 0u) << first_index.out;
     // Standard error was no terminal: no progress display, and the engine's informational lines
     // only with --verbose.
     EXPECT_EQ(first_index.err.find('\r'), std::string::npos);
     EXPECT_EQ(first_index.err.find("tarnwick: opened"), std::string::npos) << first_index.err;
     RunResult verbose = run_cli({"stats", dir.path(), "--verbose"}, dir.path());
     EXPECT_EQ(verbose.status, 0) << verbose.err;
-    EXPECT_NE(verbose.err.find("tarnwick: opened (6 docs"), std::string::npos) << verbose.err;
+    EXPECT_NE(verbose.err.find("tarnwick: opened (9 docs"), std::string::npos) << verbose.err;
     expect_diagnostics(verbose);
 
     RunResult r = run_cli({"index", dir.path(), "--chunk-size", "64", "--overlap", "16"},
@@ -147,11 +147,11 @@ TEST_F(CliMaintenance, IndexingReportsOnOneLineAndShowsProgressOnlyOnATerminal)
     ASSERT_EQ(r.status, 0) << r.err;
     // The first line comes once the walk has found the three indexable files.
     EXPECT_NE(r.err.find("Indexing 0 of 3 files, "), std::string::npos) << r.err;
-    EXPECT_NE(r.err.find("Indexing 3 of 3 files, 6 chunks, "), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("Indexing 3 of 3 files, 9 chunks, "), std::string::npos) << r.err;
     EXPECT_NE(r.err.find(" chunks/s"), std::string::npos) << r.err;
     EXPECT_EQ(r.err.find("tarnwick: opened"), std::string::npos) << r.err;
     // Indexing again starts from scratch rather than adding a second copy of every chunk.
-    EXPECT_EQ(stats()["chunkCount"].number, 6);
+    EXPECT_EQ(stats()["chunkCount"].number, 9);
 }
 
 TEST_F(CliIndexed, FilesListsEveryFileWithItsChunksAndStatus)
@@ -163,9 +163,9 @@ TEST_F(CliIndexed, FilesListsEveryFileWithItsChunksAndStatus)
         double size, chunks;
     };
     for (const Expected &e :
-         std::vector<Expected>{{"notes/alpha.md", "alpha.md", "Markdown", 200, 3},
+         std::vector<Expected>{{"notes/alpha.md", "alpha.md", "Markdown", 200, 5},
                                {"beta.txt", "beta.txt", "Text", 35, 1},
-                               {"code/gamma.c", "gamma.c", "Source", 112, 2}}) {
+                               {"code/gamma.c", "gamma.c", "Source", 112, 3}}) {
         SCOPED_TRACE(e.rel);
         ASSERT_EQ(f.count(dir / e.rel), 1u);
         const Json &info = f[dir / e.rel];
@@ -213,7 +213,7 @@ TEST(CliFiles, FilesAndIndexAgreeOnEveryFileOfAMixedTree)
     write_file(dir / "keep.log", words);
     write_file(dir / "node_modules/dep/index.js", words);
     write_file(dir / "build/out.txt", words);
-    write_file(dir / "latin1.txt", "caf\xe9 caf\xe9 caf\xe9 caf\xe9 caf\xe9");
+    write_file(dir / "latin1.txt", "caf\xe9 cr\xe8me caf\xe9 caf\xe9 caf\xe9");
     write_file(dir / "tiny.txt", "tiny");
     write_file(dir / "broken.docx", "PK\x03\x04 not a document");
     write_file(dir / "large.txt", std::string(2 * 1024 * 1024 + 1, 'z'));
@@ -257,7 +257,7 @@ TEST(CliFiles, FilesAndIndexAgreeOnEveryFileOfAMixedTree)
         {"keep.log", "Indexable"},
         {"node_modules", "Excluded global pattern node_modules"},
         {"build", "Excluded global pattern build"},
-        {"latin1.txt", "Not UTF-8"},
+        {"latin1.txt", "Indexable"},
         {"tiny.txt", "Too short"},
         {"broken.docx", "Unreadable"},
         {"large.txt", "Too large"},
@@ -265,13 +265,20 @@ TEST(CliFiles, FilesAndIndexAgreeOnEveryFileOfAMixedTree)
         {"extra.org", "Indexable"},
     };
     EXPECT_EQ(status, expected);
+
+    // The Latin-1 file is found by an accented word.
+    r = run_cli({"search", dir.path(), "cr\xC3\xA8me", "--mode", "keyword", "--json"}, dir.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::vector<Json> hits = parse_json(r.out).items;
+    ASSERT_EQ(hits.size(), 1u);
+    EXPECT_EQ(hits[0]["filePath"].text, dir / "latin1.txt");
 }
 
-TEST_F(CliIndexed, TextAndRegexHitsNameTheChunkAndItsFirstLine)
+TEST_F(CliIndexed, TextAndRegexHitsNameTheFileOnceAndTheLineOfTheMatch)
 {
     const std::string alpha = dir / "notes/alpha.md";
-    // "lighthouse" stands on line 7 (bytes 120..138), inside the third chunk only (bytes 96..159),
-    // which begins on line 5.
+    // "lighthouse" stands on line 7 (bytes 120..138), inside the third chunk (bytes 80..139, from
+    // line 5) and the fourth (bytes 120..179): one row, for the third, with one more.
     for (const auto &[query, mode] : std::vector<std::pair<std::string, std::string>>{
              {"LightHouse", "text"}, {"LIGHT(house|ship) k[e]+per [0-9]", "regex"}}) {
         SCOPED_TRACE(mode);
@@ -286,37 +293,53 @@ TEST_F(CliIndexed, TextAndRegexHitsNameTheChunkAndItsFirstLine)
                                             "chunkIndex",
                                             "lineNumber",
                                             "fileType",
-                                            "fileTypeName"}));
+                                            "fileTypeName",
+                                            "moreInFile",
+                                            "marks"}));
         EXPECT_EQ(h["id"].text, alpha + ":2");
         EXPECT_EQ(h["filePath"].text, alpha);
         EXPECT_EQ(h["chunkIndex"].number, 2);
-        EXPECT_EQ(h["lineNumber"].number, 5);
+        EXPECT_EQ(h["lineNumber"].number, 7);
         EXPECT_EQ(h["fileType"].number, 5);
         EXPECT_EQ(h["fileTypeName"].text, "Markdown");
         EXPECT_EQ(h["score"].number, 1.0);
-        EXPECT_EQ(h["snippet"].text, alpha_text().substr(96, 64));
+        EXPECT_EQ(h["moreInFile"].number, 1);
+        EXPECT_EQ(h["snippet"].text, alpha_text().substr(80, 60));
+        // The match, marked: bytes 40..50 of the snippet, or 40..59 for the whole expression.
+        ASSERT_EQ(h["marks"].items.size(), 1u);
+        EXPECT_EQ(h["marks"].items[0].items[0].number, 40);
+        EXPECT_EQ(h["marks"].items[0].items[1].number, mode == "text" ? 50 : 59);
     }
     // A query that begins with "-" follows "--".
     RunResult r =
         run_cli({"search", dir.path(), "--mode", "text", "--json", "--", "-dashes"}, dir.path());
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(parse_json(r.out).items.size(), 1u);
+    // --all-chunks gives each matching chunk its own row.
+    r = run_cli({"search", dir.path(), "lighthouse", "--mode", "text", "--all-chunks", "--json"},
+                dir.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::vector<Json> chunks = parse_json(r.out).items;
+    ASSERT_EQ(chunks.size(), 2u);
+    EXPECT_EQ(chunks[1]["id"].text, alpha + ":3");
+    EXPECT_EQ(chunks[1]["lineNumber"].number, 7);
+    EXPECT_EQ(chunks[1]["moreInFile"].number, 0);
 }
 
-TEST_F(CliIndexed, SemanticHitsPointIntoTheIndex)
+TEST_F(CliIndexed, SemanticHitsNameEachFileOnceWithItsOtherChunks)
 {
     std::vector<Json> hits = search("who keeps the lighthouse", "semantic");
-    // Three files, so all six chunks come back.
-    ASSERT_EQ(hits.size(), 6u);
-    std::map<std::string, int> chunks_per_file;
+    // Three files of 5, 1 and 3 chunks: one row each, counting the rest.
+    ASSERT_EQ(hits.size(), 3u);
+    std::map<std::string, int> more;
     for (const Json &h : hits) {
         EXPECT_EQ(h["id"].text,
                   h["filePath"].text + ":" + std::to_string(int(h["chunkIndex"].number)));
-        chunks_per_file[h["filePath"].text]++;
+        more[h["filePath"].text] = int(h["moreInFile"].number);
     }
-    EXPECT_EQ(chunks_per_file[dir / "notes/alpha.md"], 3);
-    EXPECT_EQ(chunks_per_file[dir / "code/gamma.c"], 2);
-    EXPECT_EQ(chunks_per_file[dir / "beta.txt"], 1);
+    EXPECT_EQ(more[dir / "notes/alpha.md"], 4);
+    EXPECT_EQ(more[dir / "code/gamma.c"], 2);
+    EXPECT_EQ(more[dir / "beta.txt"], 0);
 }
 
 TEST_F(CliIndexed, ReadableSearchPrintsPathLineScoreAndIndentedSnippet)
@@ -325,7 +348,7 @@ TEST_F(CliIndexed, ReadableSearchPrintsPathLineScoreAndIndentedSnippet)
     ASSERT_EQ(r.status, 0) << r.err;
     std::vector<std::string> lines = lines_of(r.out);
     ASSERT_GE(lines.size(), 2u);
-    EXPECT_EQ(lines[0], dir / "notes/alpha.md" + ":5  score 1.0000");
+    EXPECT_EQ(lines[0], dir / "notes/alpha.md" + ":7  score 1.0000  (1 more in this file)");
     EXPECT_EQ(lines[1].rfind("    ", 0), 0u);
     EXPECT_NE(r.out.find("    lighthouse keeper 7\n"), std::string::npos) << r.out;
 }
@@ -335,11 +358,11 @@ TEST_F(CliMaintenance, RemoveMarksChunksDeletedAndAcceptsRelativePaths)
     // Relative to the working directory, which is not the indexed one here.
     RunResult r = run_cli({"remove", dir.path(), "alpha.md"}, dir / "notes");
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out, "removed 3 chunks of " + dir / "notes/alpha.md" + "\n");
+    EXPECT_EQ(r.out, "removed 5 chunks of " + dir / "notes/alpha.md" + "\n");
 
     Json s = stats();
-    EXPECT_EQ(s["chunkCount"].number, 6);
-    EXPECT_EQ(s["deletedCount"].number, 3);
+    EXPECT_EQ(s["chunkCount"].number, 9);
+    EXPECT_EQ(s["deletedCount"].number, 5);
     std::map<std::string, Json> f = files();
     EXPECT_EQ(f[dir / "notes/alpha.md"]["chunkCount"].number, 0);
     EXPECT_FALSE(f[dir / "notes/alpha.md"]["indexed"].boolean);
@@ -352,7 +375,7 @@ TEST_F(CliMaintenance, RemoveMarksChunksDeletedAndAcceptsRelativePaths)
     EXPECT_NE(r.err.find("tarnwick: not in the index: " + dir / "notes/alpha.md"),
               std::string::npos)
         << r.err;
-    EXPECT_EQ(stats()["deletedCount"].number, 4);
+    EXPECT_EQ(stats()["deletedCount"].number, 6);
 }
 
 TEST_F(CliMaintenance, RemoveFindsFilesDeletedFromDiskAndPathsThroughLinks)
@@ -362,7 +385,7 @@ TEST_F(CliMaintenance, RemoveFindsFilesDeletedFromDiskAndPathsThroughLinks)
     RunResult r =
         run_cli({"remove", "link/.", "link/code/gamma.c", "link/code/../beta.txt"}, dir.path());
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(stats()["deletedCount"].number, 3);
+    EXPECT_EQ(stats()["deletedCount"].number, 4);
 }
 
 TEST_F(CliMaintenance, CompactAfterRemovingEverythingLeavesAnEmptyIndex)
@@ -459,7 +482,7 @@ TEST_F(CliMaintenance, DamagedOrBusyIndexFailsWithOneLineAndARebuildRecovers)
 
     RunResult r = index();
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(stats()["chunkCount"].number, 6);
+    EXPECT_EQ(stats()["chunkCount"].number, 9);
     int kept = 0;
     for (const auto &entry : fs::directory_iterator(dir / ".tarnwick")) {
         kept += entry.path().filename().string().rfind("tarnwick.bin.damaged-", 0) == 0;

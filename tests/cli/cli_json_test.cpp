@@ -78,27 +78,31 @@ TEST(CliHostile, ControlCharactersAndQuotesRoundTripThroughJson)
     EXPECT_NE(r.out.find("tab\there"), std::string::npos) << r.out;
 }
 
-// "é" is two bytes; after one "x", 64-byte chunks end in the middle of the 32nd one, and the
-// next chunk begins with its second byte.
-TEST(CliHostile, CharactersCutAtChunkBoundariesBecomeReplacementCharacters)
+// "é" is two bytes; after one "x", a 64-byte window would end in the middle of the 32nd one:
+// windows end before it instead, so no snippet holds half a character.
+TEST(CliHostile, ChunkEdgesNeverCutACharacterInTwo)
 {
     TempDir dir;
     std::string thirty_one;
     for (int i = 0; i < 31; i++) {
         thirty_one += "\xC3\xA9";
     }
-    // 128 bytes: chunks [0, 64) and [64, 128)
+    // 128 bytes: windows [0, 63), [63, 127) and the last, [65, 128)
     write_file(dir / "accents.txt", "x" + thirty_one + "\xC3\xA9" + thirty_one + "y");
     ASSERT_EQ(
         run_cli({"index", dir.path(), "--chunk-size", "64", "--overlap", "0"}, dir.path()).status,
         0);
-    RunResult r =
-        run_cli({"search", dir.path(), "\xC3\xA9", "--mode", "text", "--json"}, dir.path());
+    RunResult r = run_cli(
+        {"search", dir.path(), "\xC3\xA9", "--mode", "text", "--all-chunks", "--json"}, dir.path());
     ASSERT_EQ(r.status, 0) << r.err;
     Json hits = parse_json(r.out);
-    ASSERT_EQ(hits.items.size(), 2u);
-    EXPECT_EQ(hits.items[0]["snippet"].text, "x" + thirty_one + REPLACEMENT);
-    EXPECT_EQ(hits.items[1]["snippet"].text, REPLACEMENT + thirty_one + "y");
+    ASSERT_EQ(hits.items.size(), 3u);
+    EXPECT_EQ(hits.items[0]["snippet"].text, "x" + thirty_one);
+    EXPECT_EQ(hits.items[1]["snippet"].text, thirty_one + "\xC3\xA9");
+    EXPECT_EQ(hits.items[2]["snippet"].text, thirty_one + "y");
+    for (const Json &hit : hits.items) {
+        EXPECT_EQ(hit["snippet"].text.find(REPLACEMENT), std::string::npos);
+    }
 }
 
 TEST(CliHostile, NamesThatAreNotUtf8AreListedAsValidJson)

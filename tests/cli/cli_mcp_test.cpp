@@ -335,8 +335,9 @@ TEST(CliMcpFolders, ListFoldersSaysWhenTheIndexIsBehindTheFiles)
     RunResult r = run_mcp({"--folder", d.path(), "--weights", "none"},
                           initialize("2025-11-25") + tool_call("1", "list_folders", "{}"),
                           d.path());
+    std::map<std::string, Json> answers = answers_of(r);
     const Json &folder =
-        tool_result(answers_of(r)["1"], false)["structuredContent"]["folders"].items.at(0);
+        tool_result(answers["1"], false)["structuredContent"]["folders"].items.at(0);
     EXPECT_FALSE(folder["upToDate"].boolean);
     EXPECT_EQ(folder["newFiles"].number, 1);
     EXPECT_EQ(folder["removedFiles"].number, 1);

@@ -164,9 +164,9 @@ TEST_F(ModelCorpus, IndexHoldsWhatTheApplicationsWalkStoresAndSearchesAlike)
                                         "src/ring.c",
                                         "tide-table.pdf",
                                         "tides.tide"}));
-    // Chunk size and overlap are the settings' 120 and 30.
-    // 301 bytes: windows of 120 at 0, 90 and 180 (the last 1 byte is not indexed).
-    EXPECT_EQ(files[dir / "notes/bread.md"], 3);
+    // Chunk size and overlap are the settings' 120 and 30: 301 bytes give 4 windows, the last
+    // ending with the file.
+    EXPECT_EQ(files[dir / "notes/bread.md"], 4);
     for (const StoredChunk &c : by_cli) {
         EXPECT_LE(c.text.size(), 120u) << c.doc_id;
     }
@@ -215,7 +215,8 @@ TEST_F(ModelCorpus, IndexHoldsWhatTheApplicationsWalkStoresAndSearchesAlike)
                                                            {"keyword", SearchMode::Keyword},
                                                            {"hybrid", SearchMode::Hybrid}};
         const SearchMode m = by_name.at(mode);
-        const QList<SearchResult> app_hits = engine.search(QString::fromStdString(query), m, 20);
+        const QList<SearchResult> app_hits =
+            engine.search(QString::fromStdString(query), m, 20, ResultLayout::ByFile);
         const std::vector<Json> &hits = cli_hits[mode];
         ASSERT_EQ(static_cast<size_t>(app_hits.size()), hits.size());
         for (size_t i = 0; i < hits.size(); i++) {
@@ -225,6 +226,7 @@ TEST_F(ModelCorpus, IndexHoldsWhatTheApplicationsWalkStoresAndSearchesAlike)
             EXPECT_EQ(hits[i]["snippet"].text, a.snippet.toStdString());
             EXPECT_EQ(static_cast<float>(hits[i]["score"].number), a.score);
             EXPECT_EQ(hits[i]["lineNumber"].number, a.lineNumber);
+            EXPECT_EQ(hits[i]["moreInFile"].number, a.moreInFile);
         }
     }
 }
@@ -233,8 +235,8 @@ TEST_F(ModelCorpus, FlagsOverrideTheSettingsAndABrokenSettingCountsAsTheDefault)
 {
     RunResult r = cli({"index", dir.path(), "--chunk-size", "64", "--overlap", "0"});
     ASSERT_EQ(r.status, 0) << r.err;
-    // 301 bytes: windows of 64 at 0, 64, 128 and 192.
-    EXPECT_EQ(chunks_per_file(stored_chunks(dir.path()))[dir / "notes/bread.md"], 4);
+    // 301 bytes: five windows of at most 64 bytes.
+    EXPECT_EQ(chunks_per_file(stored_chunks(dir.path()))[dir / "notes/bread.md"], 5);
 
     std::unique_ptr<Settings> settings = open_settings(home.path());
     settings->setChunkSize(0);

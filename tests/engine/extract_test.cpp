@@ -73,14 +73,80 @@ TEST(ExtractHtml, ReadableTextWithoutMarkupScriptsOrStyles)
     }
 }
 
-TEST(ExtractHtml, DeclaredCharsetIsHonoured)
+// Text that is not UTF-8 is read in the charset it declares, else as Windows-1252 (ISO-8859-1
+// when it holds a byte Windows-1252 leaves undefined, or no byte where the two differ), and the
+// charset is named.
+TEST(ExtractText, OlderCharsetsAreConvertedAndNamed)
 {
     TempDir dir;
-    write_file_text(dir.file("latin.html"),
-                    "<meta charset=\"iso-8859-1\"><p>caf\xE9 cr\xE8me br\xFBl\xE9"
-                    "e</p>");
-    EXPECT_EQ(text_of(dir.file("latin.html"), TRN_FILE_TYPE_HTML),
-              "caf\xC3\xA9 cr\xC3\xA8me br\xC3\xBBl\xC3\xA9\x65\n");
+    const struct {
+        const char *name;
+        const char *bytes;
+        TrnFileType type;
+        const char *text;
+        const char *encoding;
+    } cases[] = {
+        {"plain.txt",
+         "caf\xC3\xA9 already UTF-8",
+         TRN_FILE_TYPE_TEXT,
+         "caf\xC3\xA9 already UTF-8",
+         "UTF-8"},
+        {"latin1.txt",
+         "caf\xE9 au lait, monsieur",
+         TRN_FILE_TYPE_TEXT,
+         "caf\xC3\xA9 au lait, monsieur",
+         "ISO-8859-1"},
+        {"quotes.md",
+         "\x93quoted\x94 \x80 5 \x96 six",
+         TRN_FILE_TYPE_MARKDOWN,
+         "\xE2\x80\x9Cquoted\xE2\x80\x9D \xE2\x82\xAC 5 \xE2\x80\x93 six",
+         "Windows-1252"},
+        {"undefined.txt",
+         "slash \xC0\xAF is \x81 old, one control character among more than a hundred bytes of "
+         "text, which is allowed here",
+         TRN_FILE_TYPE_TEXT,
+         "slash \xC3\x80\xC2\xAF is \xC2\x81 old, one control character among more than a hundred "
+         "bytes of text, which is allowed here",
+         "ISO-8859-1"},
+        {"cyrillic.xml",
+         "<?xml version='1.0' encoding='koi8-r'?><t>\xF0\xD2\xC9\xD7\xC5\xD4</t>",
+         TRN_FILE_TYPE_TEXT,
+         "<?xml version='1.0' encoding='koi8-r'?><t>\xD0\x9F\xD1\x80\xD0\xB8\xD0\xB2\xD0\xB5"
+         "\xD1\x82</t>",
+         "KOI8-R"},
+        {"cyrillic.html",
+         "<meta http-equiv=\"Content-Type\" content=\"text/html; charset=KOI8-R\"><p>\xF0\xD2\xC9"
+         "\xD7\xC5\xD4 \xD7\xD3\xC5\xCD \xD7\xD3\xC5\xCD</p>",
+         TRN_FILE_TYPE_HTML,
+         "\xD0\x9F\xD1\x80\xD0\xB8\xD0\xB2\xD0\xB5\xD1\x82 \xD0\xB2\xD1\x81"
+         "\xD0\xB5\xD0\xBC \xD0\xB2\xD1\x81\xD0\xB5\xD0\xBC\n",
+         "KOI8-R"},
+        {"latin.html",
+         "<meta charset=\"iso-8859-1\"><p>caf\xE9 cr\xE8me br\xFBl\xE9"
+         "e</p>",
+         TRN_FILE_TYPE_HTML,
+         "caf\xC3\xA9 cr\xC3\xA8me br\xC3\xBBl\xC3\xA9\x65\n",
+         "ISO-8859-1"},
+        /* A declaration iconv does not know, or that the bytes break, falls back. */
+        {"unknown.txt",
+         "<?xml encoding=\"no-such-set\"?>caf\xE9 caf\xE9",
+         TRN_FILE_TYPE_TEXT,
+         "<?xml encoding=\"no-such-set\"?>caf\xC3\xA9 caf\xC3\xA9",
+         "ISO-8859-1"},
+    };
+    for (const auto &c : cases) {
+        write_file_text(dir.file(c.name), c.bytes);
+        ExtractedText t;
+        ASSERT_EQ(extract_file_text(dir.file(c.name).c_str(), c.type, 0, &t),
+                  (TrnFileStatus)TRN_FILE_STATUS_INDEXABLE)
+            << c.name;
+        EXPECT_EQ(std::string(t.text, t.length), c.text) << c.name;
+        EXPECT_STREQ(t.encoding, c.encoding) << c.name;
+        char named[32] = "";
+        EXPECT_TRUE(file_charset(dir.file(c.name).c_str(), 0, named, sizeof named));
+        EXPECT_STREQ(named, c.encoding) << c.name;
+        extracted_text_free(&t);
+    }
 }
 
 TEST(ExtractContainers, DocxOdtAndEpubGiveTheirParagraphs)
@@ -199,7 +265,7 @@ TEST(ExtractPdf, PagesKeepTheirStartsForThePreview)
     /* A page whose text begins with an empty line: that line is the page's first. */
     char lines[] = "a\n\nb\n";
     uint64_t starts[] = {0, 2};
-    ExtractedText blank_first = {lines, 5, starts, 2};
+    ExtractedText blank_first = {lines, 5, starts, 2, ""};
     EXPECT_EQ(page_for_line(&blank_first, 1), 1);
     EXPECT_EQ(page_for_line(&blank_first, 2), 2);
     EXPECT_EQ(page_for_line(&blank_first, 3), 2);
@@ -220,13 +286,7 @@ TEST(ExtractText, VerdictsForTextThatCannotBeUsed)
         const char *text;
     } cases[] = {
         {"ok.txt", "\xEF\xBB\xBFplain text here", TRN_FILE_TYPE_TEXT, "plain text here"},
-        {"latin1.txt",
-         "caf\xE9"
-         " au lait, monsieur",
-         TRN_FILE_TYPE_TEXT,
-         "[Not UTF-8]"},
-        {"overlong.txt", "slash \xC0\xAF is not allowed", TRN_FILE_TYPE_TEXT, "[Not UTF-8]"},
-        {"cut.md", "ends in the middle \xE2\x98", TRN_FILE_TYPE_MARKDOWN, "[Not UTF-8]"},
+        {"controls.txt", "\x01\x02 looks like text \x03\xff", TRN_FILE_TYPE_TEXT, "[Binary]"},
         {"short.txt", "  ten chars \n\n ", TRN_FILE_TYPE_TEXT, "[Too short]"},
         // Ten visible characters: white space of every kind and the continuation bytes of UTF-8
         // never make up the eleventh.

@@ -37,18 +37,104 @@ std::string pattern_text(size_t n)
     return s;
 }
 
-TEST_F(Ingest, WindowsOverlapAndTheTailShorterThanAStepIsDropped)
+TEST_F(Ingest, WindowsOverlapAndTheLastEndsAtTheTextsEnd)
 {
     std::string text = pattern_text(1000);
-    ASSERT_EQ(trn_ingest_text(e_, "/w/a.txt", text.c_str(), 512, 50), 2);
-    ASSERT_EQ(e_->count, 2u);
+    ASSERT_EQ(trn_ingest_text(e_, "/w/a.txt", text.c_str(), 512, 50), 3);
     EXPECT_EQ(text_of(0), text.substr(0, 512));
-    EXPECT_EQ(text_of(1), text.substr(462, 512)); /* bytes 974..999 are never indexed */
+    EXPECT_EQ(text_of(1), text.substr(462, 512));
+    EXPECT_EQ(text_of(2), text.substr(488)); /* a whole window that ends with the text */
     EXPECT_STREQ(e_->chunks[0].doc_id, "/w/a.txt:0");
-    EXPECT_STREQ(e_->chunks[1].doc_id, "/w/a.txt:1");
-    EXPECT_EQ(e_->chunks[1].chunk_index, 1);
-    EXPECT_STREQ(e_->chunks[1].file_path, "/w/a.txt");
-    EXPECT_EQ(e_->chunks[1].deleted, 0);
+    EXPECT_STREQ(e_->chunks[2].doc_id, "/w/a.txt:2");
+    EXPECT_EQ(e_->chunks[2].chunk_index, 2);
+    EXPECT_STREQ(e_->chunks[2].file_path, "/w/a.txt");
+    EXPECT_EQ(e_->chunks[2].deleted, 0);
+}
+
+TEST_F(Ingest, WindowEdgesFallAfterLineFeedsAndSpacesWithinTheSlack)
+{
+    /* Lines of 30 bytes, windows of 100: each window ends after its third line, and the next
+    ** starts at the line start at or before 20 bytes from that end. */
+    std::string text;
+    for (int i = 0; i < 10; i++) {
+        char line[40];
+        snprintf(line, sizeof line, "line %02d holds some words ....\n", i);
+        text += line;
+    }
+    ASSERT_EQ(text.size(), 300u);
+    TextWindows w;
+    cut_windows(text.c_str(), (int64_t)text.size(), 100, 20, &w);
+    ASSERT_EQ(w.size(), 5u);
+    EXPECT_EQ(w[0].begin, 0);
+    EXPECT_EQ(w[0].end, 90);
+    EXPECT_EQ(w[1].begin, 60);
+    EXPECT_EQ(w[1].end, 150);
+    EXPECT_EQ(w[4].begin, 210); /* the last: a whole window, from a line start, to the end */
+    EXPECT_EQ(w[4].end, 300);
+    /* Without line feeds a window ends after a space, never inside a word. */
+    std::string words;
+    while (words.size() < 400) {
+        words += "lorem ipsum dolor ";
+    }
+    cut_windows(words.c_str(), (int64_t)words.size(), 100, 20, &w);
+    for (const TextWindow &x : w) {
+        EXPECT_TRUE(x.begin == 0 || words[(size_t)x.begin - 1] == ' ') << x.begin;
+        EXPECT_TRUE(x.end == (int64_t)words.size() || words[(size_t)x.end - 1] == ' ') << x.end;
+    }
+}
+
+/* Texts of ASCII words, line feeds and 2-, 3- and 4-byte characters with few spaces, cut with
+** many sizes: every byte is in a window, windows move forward, stay within the chunk size, and
+** no edge falls inside a character. */
+TEST(CutWindows, CoverEveryByteAndNeverSplitACharacterOfRandomTexts)
+{
+    const char *pieces[] = {"a",
+                            "word",
+                            " ",
+                            "\n",
+                            "\xc3\xa9",
+                            "\xe2\x82\xac",
+                            "\xf0\x9f\x98\x80",
+                            "\xe6\x97\xa5\xe6\x9c\xac",
+                            "x"};
+    uint32_t seed = 12345;
+    auto next = [&seed]() {
+        seed ^= seed << 13;
+        seed ^= seed >> 17;
+        seed ^= seed << 5;
+        return seed;
+    };
+    TextWindows w;
+    for (int round = 0; round < 400; round++) {
+        std::string text;
+        size_t want = 1 + next() % 3000;
+        while (text.size() < want) {
+            /* Mostly characters without spaces, so many edges must fall between characters. */
+            uint32_t r = next() % 40;
+            text += pieces[r < 8 ? r : 4 + r % 5];
+        }
+        int32_t chunk = (int32_t)(4 + next() % 600);
+        int32_t overlap = (int32_t)(next() % (round % 10 == 0 ? 2 * chunk : chunk / 2 + 1));
+        cut_windows(text.c_str(), (int64_t)text.size(), chunk, overlap, &w);
+        ASSERT_FALSE(w.empty());
+        SCOPED_TRACE("round " + std::to_string(round) + " chunk " + std::to_string(chunk)
+                     + " overlap " + std::to_string(overlap));
+        EXPECT_EQ(w.front().begin, 0);
+        EXPECT_EQ(w.back().end, (int64_t)text.size());
+        for (size_t i = 0; i < w.size(); i++) {
+            ASSERT_LT(w[i].begin, w[i].end);
+            EXPECT_LE(w[i].end - w[i].begin, (int64_t)chunk);
+            for (int64_t edge : {w[i].begin, w[i].end}) {
+                ASSERT_TRUE(edge == (int64_t)text.size()
+                            || ((unsigned char)text[(size_t)edge] & 0xC0) != 0x80)
+                    << "window " << i << " edge " << edge;
+            }
+            if (i > 0) {
+                ASSERT_GT(w[i].begin, w[i - 1].begin);
+                ASSERT_LE(w[i].begin, w[i - 1].end) << "a gap before window " << i;
+            }
+        }
+    }
 }
 
 TEST_F(Ingest, ShortTextIsOneChunkOnLineOne)
@@ -86,7 +172,7 @@ TEST_F(Ingest, LineNumbersCountLineFeedsBeforeEachWindow)
     }
     /* The count stops at a 0 byte inside the window data. */
     const char data[] = "x\n\0\n\n\nyyyyyyyy";
-    ASSERT_EQ(chunk_and_ingest(e_, "/w/nul.txt", data, 14, 4, 0, TRN_FILE_TYPE_TEXT), 3);
+    ASSERT_EQ(chunk_and_ingest(e_, "/w/nul.txt", data, 14, 4, 0, TRN_FILE_TYPE_TEXT), 4);
     EXPECT_EQ(e_->chunks[6].line_number, 1);
     EXPECT_EQ(e_->chunks[7].line_number, 2);
     EXPECT_EQ(e_->chunks[8].line_number, 2);
@@ -157,11 +243,12 @@ TEST_F(Ingest, FilesAreReadByTheirType)
     TempDir dir;
     write_file_text(dir.file("page.html"),
                     "<html>\n<body>\n<h1>Title</h1>\n<p>first\nsecond</p>\n</body></html>\n");
-    /* Read as "Title\nfirst second\n" (19 bytes): windows of 6 at 0, 6 and 12. */
-    ASSERT_EQ(trn_ingest_file(e_, dir.file("page.html").c_str(), 6, 0), 3);
+    /* Read as "Title\nfirst second\n" (19 bytes): windows of 6, the last ending with the text. */
+    ASSERT_EQ(trn_ingest_file(e_, dir.file("page.html").c_str(), 6, 0), 4);
     EXPECT_EQ(text_of(0), "Title\n");
     EXPECT_EQ(text_of(1), "first ");
     EXPECT_EQ(text_of(2), "second");
+    EXPECT_EQ(text_of(3), "econd\n");
     EXPECT_EQ(e_->chunks[2].line_number, 2);
     EXPECT_EQ(e_->chunks[2].file_type, (uint32_t)TRN_FILE_TYPE_HTML);
 
@@ -173,9 +260,16 @@ TEST_F(Ingest, FilesAreReadByTheirType)
     EXPECT_EQ(trn_ingest_file(e_, dir.file("absent.txt").c_str(), 800, 200), -1);
     write_file_text(dir.file("empty.txt"), "");
     EXPECT_EQ(trn_ingest_file(e_, dir.file("empty.txt").c_str(), 800, 200), 0);
+    /* A Latin-1 file is read, and found by its accented words. */
     write_file_text(dir.file("latin1.txt"), "caf\xe9 au lait, s'il vous pla\xeet");
-    EXPECT_EQ(trn_ingest_file(e_, dir.file("latin1.txt").c_str(), 800, 200), -1);
-    EXPECT_EQ(e_->count, 3u);
+    EXPECT_EQ(trn_ingest_file(e_, dir.file("latin1.txt").c_str(), 800, 200), 1);
+    EXPECT_EQ(text_of(4), "caf\xC3\xA9 au lait, s'il vous pla\xC3\xAEt");
+    TrnResult hit[2];
+    ASSERT_EQ(trn_search(e_, "pla\xC3\xAEt", TRN_SEARCH_KEYWORD, 2, hit), 1);
+    EXPECT_STREQ(hit[0].file_path, dir.file("latin1.txt").c_str());
+    ASSERT_EQ(trn_search(e_, "caf\xC3\xA9 au", TRN_SEARCH_TEXT, 2, hit), 1);
+    EXPECT_STREQ(hit[0].file_path, dir.file("latin1.txt").c_str());
+    EXPECT_EQ(e_->count, 5u);
 }
 
 struct CallbackLog {

@@ -1,5 +1,5 @@
-// The semantic, text and regular-expression modes answer a fixed corpus exactly as they did
-// before the keyword and hybrid modes came: ids, order, scores, lines and snippet starts.
+// The semantic, text and regular-expression modes answer a fixed corpus exactly as recorded in
+// tests/data/query_golden.txt: ids, order, scores, lines and snippet starts.
 #include "tarnwick.h"
 
 #include <gtest/gtest.h>

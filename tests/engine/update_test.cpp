@@ -239,6 +239,30 @@ TEST(UpdateManifest, AFileModifiedJustBeforeItWasReadIsReadAgain)
     g_update_recent_ns = 0;
 }
 
+/* An index whose manifest says its text was read or cut another way is cut again once: every
+** file is replaced, and the next update trusts the new manifest. */
+TEST(UpdateManifest, AnIndexCutByAnOlderRuleIsCutAgainOnce)
+{
+    g_update_recent_ns = 0;
+    TempDir tmp;
+    std::string src = tmp.file("src");
+    write_file_text(src + "/a.txt", long_text("alpha", 30));
+    write_file_text(src + "/b.txt", long_text("bravo", 10));
+    std::string index = tmp.file("index");
+    Updated first = update(index, src);
+    Manifest m = {};
+    ASSERT_TRUE(manifest_read((index + "/tarnwick.files").c_str(), &m));
+    m.text_version = MANIFEST_TEXT_VERSION - 1;
+    ASSERT_TRUE(manifest_write((index + "/tarnwick.files").c_str(), &m));
+    manifest_free(&m);
+    Updated again = update(index, src);
+    EXPECT_EQ(again.report.changed, 2);
+    EXPECT_EQ(again.chunks, first.chunks);
+    Updated then = update(index, src);
+    EXPECT_EQ(then.files_read, 0u);
+    EXPECT_EQ(then.report.changed, 0);
+}
+
 TEST(UpdateManifest, AnEntryTheIndexDoesNotBackIsNotTrusted)
 {
     g_update_recent_ns = 0;

@@ -67,11 +67,11 @@ TEST_F(WalReplay, EachFileAndRemovalIsAppendedAsOneGroupBeforeTheCallReturns)
     end_group(want, 0);
     EXPECT_TRUE(read_file_bytes(dir_.file("tarnwick.wal")) == want.b);
 
-    /* 22 bytes, chunk 12, step 10: windows at 0 and 10; the second starts on the line feed. */
-    ASSERT_EQ(trn_ingest_text(e, "/x/m.py", "0123456789\nabcdefghijk", 12, 2), 2);
+    /* 22 bytes, chunk 12, no overlap: the first window ends after the line feed. */
+    ASSERT_EQ(trn_ingest_text(e, "/x/m.py", "0123456789\nabcdefghijk", 12, 0), 2);
     size_t start = want.size();
-    add_record(want, "/x/m.py:0", "0123456789\na", "/x/m.py", 0, 1, TRN_FILE_TYPE_SOURCE);
-    add_record(want, "/x/m.py:1", "\nabcdefghijk", "/x/m.py", 1, 1, TRN_FILE_TYPE_SOURCE);
+    add_record(want, "/x/m.py:0", "0123456789\n", "/x/m.py", 0, 1, TRN_FILE_TYPE_SOURCE);
+    add_record(want, "/x/m.py:1", "abcdefghijk", "/x/m.py", 1, 2, TRN_FILE_TYPE_SOURCE);
     end_group(want, start);
     EXPECT_TRUE(read_file_bytes(dir_.file("tarnwick.wal")) == want.b);
 

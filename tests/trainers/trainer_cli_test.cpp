@@ -222,6 +222,7 @@ TEST_F(TrainerCli, UsageErrorsExitWithTwoBeforeCreatingAnything)
         {c, o, "10", "2", "0.001", "8", "2", "--idf", "--usage", "2"},
         {c, o, "10", "2", "0.001", "8", "2", "--idf", "--bag", "10,1,0.1"}, // one pair
         {c, o, "10", "2", "0.001", "8", "2", "--idf", "--bag", "10,8"},     // no rate
+        {c, o, "10", "2", "0.001", "8", "2", "--bag", "10,8,0.1"},          // no bag to train
         {c, o, "10", "2", "0.001", "8", "2", "--pairs-share", "1.5"},
     };
     for (const auto &args : bad) {
@@ -495,6 +496,13 @@ TEST_F(TrainerCli, IdfStartsFromTheCorpussBagOfTokensAndSaysSo)
             EXPECT_GT(diff, 1e-3f);
         }
     }
+    // A profile continues such a start by training its word rows alone: it stays a bag of words.
+    Result bag = train_on({"--init", path("idf.tten"), "--bag", "3,4,0.05"}, "bag.tten", "0");
+    ASSERT_EQ(bag.status, 0) << bag.err;
+    EXPECT_NE((bag.out + bag.err).find("bag step 3/3"), std::string::npos) << bag.out;
+    ASSERT_EQ(trn_encoder_load_weights(&enc, path("bag.tten").c_str()), 1);
+    EXPECT_TRUE(encoder_prepare_bag(&enc));
+    EXPECT_NE(slurp(path("bag.tten")), slurp(path("idf.tten")));
     encoder_release(&enc);
 }
 
@@ -535,6 +543,9 @@ TEST_F(TrainerCli, InitRefusesFilesItCannotStartFrom)
         {"tokenizer on bytes",
          {"--init", path("v2.tten"), "--bpe", path("tok.bpe")},
          "a byte-level encoder"},
+        {"bag training of a transformer",
+         {"--init", path("v3.tten"), "--bag", "2,4,0.01"},
+         "continues only a bag-of-words encoder"},
     };
     for (const Case &c : cases) {
         Result r = train_on(c.extra);

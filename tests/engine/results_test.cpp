@@ -1,0 +1,340 @@
+/*
+** results_test.cpp -- what a person gets back from a search of real chunking: every line of a
+** file can be found, whatever the file's length, and a search by file gives each file's best
+** passage once.
+*/
+#include "store_fixtures.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace
+{
+
+/* A word of letters only, different for every n, so each file has a word no other file holds. */
+std::string tag_word(int n)
+{
+    std::string w = "quokka";
+    for (int i = 0; i < 3; i++) {
+        w += (char)('a' + n % 26);
+        n /= 26;
+    }
+    return w;
+}
+
+/* An in-memory engine whose files are cut as ingestion cuts them, with seeded random vectors
+** instead of embeddings (embedding costs a tenth of a second a chunk). */
+class Results : public testing::Test
+{
+protected:
+    void add_file(const std::string &path, const std::string &text, int32_t chunk, int32_t overlap)
+    {
+        TextWindows w;
+        cut_windows(text.c_str(), (int64_t)text.size(), chunk, overlap, &w);
+        ASSERT_FALSE(w.empty());
+        for (size_t i = 0; i < w.size(); i++) {
+            int32_t line = 1 + (int32_t)std::count(text.begin(), text.begin() + w[i].begin, '\n');
+            std::vector<float> v(512);
+            for (float &x : v) {
+                x = (float)((rng_() % 2001) - 1000);
+            }
+            vec_normalize(v.data(), v.size());
+            std::string window = text.substr((size_t)w[i].begin, (size_t)(w[i].end - w[i].begin));
+            eng_.add(path.c_str(), window, &v, (int32_t)i, line);
+        }
+        files_[path] = text;
+    }
+
+    std::vector<TrnResult> search(const std::string &query, int32_t mode, int32_t k = 10,
+                                  uint32_t flags = 0)
+    {
+        std::vector<TrnResult> out((size_t)k);
+        int32_t n = trn_search_ex(eng_.e, query.c_str(), mode, k, flags, out.data());
+        out.resize(n > 0 ? (size_t)n : 0);
+        return out;
+    }
+
+    HandEngine eng_;
+    std::map<std::string, std::string> files_;
+    std::mt19937 rng_{7};
+};
+
+/* Files of 1 to 60 lines of uneven length (about 40 to 3,600 bytes): the last line of each, with
+** its own word, is found by text and by keyword search. */
+TEST_F(Results, TheLastLineOfFilesOfManyLengthsIsFound)
+{
+    const int files = 60;
+    for (int f = 0; f < files; f++) {
+        std::string text;
+        for (int line = 1; line < f + 1; line++) {
+            text += "Paragraph " + std::to_string(line) + " says something ordinary";
+            text += std::string((size_t)((line * 7 + f) % 30), '.') + "\n";
+        }
+        text += "The closing line names " + tag_word(f) + ".\n";
+        add_file("/notes/n" + std::to_string(f) + ".txt", text, 800, 200);
+    }
+    for (int f = 0; f < files; f++) {
+        std::string path = "/notes/n" + std::to_string(f) + ".txt";
+        for (int mode : {TRN_SEARCH_TEXT, TRN_SEARCH_KEYWORD}) {
+            std::string query = mode == TRN_SEARCH_TEXT ? "names " + tag_word(f) : tag_word(f);
+            std::vector<TrnResult> r = search(query, mode);
+            ASSERT_FALSE(r.empty()) << path << " mode " << mode;
+            EXPECT_STREQ(r[0].file_path, path.c_str()) << "mode " << mode;
+            EXPECT_EQ(r[0].line_number, f + 1) << path << " mode " << mode;
+        }
+    }
+}
+
+/* Ten files of overlapping windows where "harbour" and "ferry" occur on some lines: in every
+** mode the search by file gives, for each file in order of its best chunk, that chunk, and
+** counts the file's other chunks of the chunk-by-chunk ranking. */
+TEST_F(Results, SearchByFileKeepsTheBestPassageOfEachFile)
+{
+    for (int f = 0; f < 10; f++) {
+        std::string text;
+        for (int line = 0; line < 12 + 3 * f; line++) {
+            text += "Line " + std::to_string(line) + " of the log";
+            if ((line + f) % 5 == 0) {
+                text += " mentions the harbour";
+            }
+            if ((line * f) % 7 == 3) {
+                text += " and the ferry";
+            }
+            text += ", nothing else of note today.\n";
+        }
+        add_file("/logs/day" + std::to_string(f) + ".txt", text, 400, 100);
+    }
+    ASSERT_LT(eng_.e->count, 64u); /* the chunk-by-chunk ranking below is whole */
+    for (int mode : {TRN_SEARCH_TEXT,
+                     TRN_SEARCH_REGEX,
+                     TRN_SEARCH_KEYWORD,
+                     TRN_SEARCH_HYBRID,
+                     TRN_SEARCH_SEMANTIC_ALL}) {
+        const char *query = mode == TRN_SEARCH_TEXT    ? "the harbour"
+                            : mode == TRN_SEARCH_REGEX ? "harbou?r"
+                                                       : "harbour ferry";
+        std::vector<TrnResult> raw = search(query, mode, 64);
+        ASSERT_FALSE(raw.empty());
+        std::vector<std::string> first_ids;
+        std::vector<std::string> files;
+        std::map<std::string, int32_t> more;
+        for (const TrnResult &r : raw) {
+            if (more.count(r.file_path) == 0) {
+                files.push_back(r.file_path);
+                first_ids.push_back(r.doc_id);
+                more[r.file_path] = 0;
+            } else {
+                more[r.file_path]++;
+            }
+        }
+        for (int32_t k : {3, 64}) {
+            SCOPED_TRACE("mode " + std::to_string(mode) + " k " + std::to_string(k));
+            std::vector<TrnResult> rows = search(query, mode, k, TRN_SEARCH_BY_FILE);
+            ASSERT_EQ(rows.size(), std::min<size_t>((size_t)k, files.size()));
+            for (size_t i = 0; i < rows.size(); i++) {
+                EXPECT_STREQ(rows[i].doc_id, first_ids[i].c_str()) << i;
+                EXPECT_EQ(rows[i].more_in_file, more[files[i]]) << i;
+            }
+        }
+    }
+}
+
+std::string lower(std::string s)
+{
+    for (char &c : s) {
+        c = (char)std::tolower((unsigned char)c);
+    }
+    return s;
+}
+
+/* 1-based line of byte offset at in text. */
+int32_t line_at(const std::string &text, size_t at)
+{
+    return 1 + (int32_t)std::count(text.begin(), text.begin() + (std::ptrdiff_t)at, '\n');
+}
+
+/* The lines of text, without their line feeds. */
+std::vector<std::string> lines_of(const std::string &text)
+{
+    std::vector<std::string> lines;
+    size_t from = 0;
+    while (from <= text.size()) {
+        size_t nl = text.find('\n', from);
+        lines.push_back(text.substr(from, (nl == std::string::npos ? text.size() : nl) - from));
+        if (nl == std::string::npos) {
+            break;
+        }
+        from = nl + 1;
+    }
+    return lines;
+}
+
+/* Whether line holds word as a whole word, ignoring case. */
+bool holds_word(const std::string &line, const std::string &word)
+{
+    std::string l = lower(line);
+    for (size_t at = l.find(word); at != std::string::npos; at = l.find(word, at + 1)) {
+        bool starts = at == 0 || !std::isalnum((unsigned char)l[at - 1]);
+        size_t end = at + word.size();
+        bool ends = end == l.size() || !std::isalnum((unsigned char)l[end]);
+        if (starts && ends) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/* Random files of words, stop words among them, in lines of uneven length and sentences. For
+** each file a search by file returns, its line is checked against a brute-force search of the
+** whole file, and its snippet against the file's text: it begins and ends between words and its
+** marks cover query words only, never a stop word. */
+TEST_F(Results, TheLineOfTheMatchAgreesWithABruteForceSearchOfTheFile)
+{
+    const char *vocabulary[] = {"the",
+                                "a",
+                                "in",
+                                "Harbour",
+                                "ferry",
+                                "lantern",
+                                "cargo",
+                                "tide",
+                                "anchor",
+                                "gull",
+                                "rope",
+                                "deck",
+                                "storm",
+                                "north",
+                                "of",
+                                "signal",
+                                "keeper",
+                                "dock"};
+    for (int f = 0; f < 8; f++) {
+        std::string text;
+        int lines = 20 + (int)(rng_() % 80);
+        for (int l = 0; l < lines; l++) {
+            int words = (int)(rng_() % 14);
+            for (int w = 0; w < words; w++) {
+                text += vocabulary[rng_() % 18];
+                text += rng_() % 9 == 0 ? ". " : " ";
+            }
+            text += "\n";
+        }
+        add_file("/sea/f" + std::to_string(f) + ".txt", text, 300, 60);
+    }
+    const char *queries[] = {"harbour", "ferry lantern", "signal keeper", "north dock"};
+    for (const char *query : queries) {
+        for (int mode : {TRN_SEARCH_TEXT,
+                         TRN_SEARCH_REGEX,
+                         TRN_SEARCH_KEYWORD,
+                         TRN_SEARCH_HYBRID,
+                         TRN_SEARCH_SEMANTIC_ALL}) {
+            std::string q = mode == TRN_SEARCH_KEYWORD || mode == TRN_SEARCH_HYBRID
+                                ? std::string("the ") + query
+                                : std::string(query);
+            if (mode == TRN_SEARCH_REGEX) {
+                q = "(" + q + ")s?"; /* leftmost-longest takes the s */
+            }
+            std::vector<TrnResult> rows = search(q, mode, 64, TRN_SEARCH_BY_FILE);
+            for (const TrnResult &r : rows) {
+                SCOPED_TRACE(std::string(r.file_path) + " mode " + std::to_string(mode) + " "
+                             + query);
+                const std::string &text = files_[r.file_path];
+                std::vector<std::string> lines = lines_of(text);
+                ASSERT_GE(r.line_number, 1);
+                ASSERT_LE(r.line_number, (int32_t)lines.size());
+                const std::string &line = lines[(size_t)r.line_number - 1];
+                if (mode == TRN_SEARCH_TEXT || mode == TRN_SEARCH_REGEX) {
+                    /* The best passage is the file's first to match; its match is the first. */
+                    size_t first = lower(text).find(query);
+                    ASSERT_NE(first, std::string::npos);
+                    EXPECT_EQ(r.line_number, line_at(text, first));
+                } else if (r.mark_count > 0 || mode == TRN_SEARCH_KEYWORD) {
+                    /* A line that holds a query word, when the passage has one. */
+                    bool holds = false;
+                    std::string words = query;
+                    for (size_t at = 0; at < words.size();) {
+                        size_t sp = std::min(words.find(' ', at), words.size());
+                        holds = holds || holds_word(line, words.substr(at, sp - at));
+                        at = sp + 1;
+                    }
+                    EXPECT_TRUE(holds) << "line: " << line;
+                }
+                /* The snippet is the file's text from a word start to a word end. */
+                std::string snippet = r.snippet;
+                size_t at = text.find(snippet);
+                ASSERT_NE(at, std::string::npos) << snippet;
+                ASSERT_FALSE(snippet.empty());
+                EXPECT_TRUE(at == 0 || std::isspace((unsigned char)text[at - 1])) << snippet;
+                size_t end = at + snippet.size();
+                EXPECT_TRUE(end == text.size() || std::isspace((unsigned char)text[end])
+                            || std::isspace((unsigned char)snippet.back()))
+                    << snippet;
+                for (int32_t m = 0; m < r.mark_count; m++) {
+                    std::string marked =
+                        lower(snippet.substr(r.marks[2 * m], r.marks[2 * m + 1] - r.marks[2 * m]));
+                    EXPECT_NE(marked, "the");
+                    EXPECT_NE(std::string(query).find(marked.substr(0, 4)), std::string::npos)
+                        << marked;
+                }
+                if (mode != TRN_SEARCH_SEMANTIC_ALL) {
+                    EXPECT_GT(r.mark_count, 0);
+                }
+            }
+        }
+    }
+}
+
+/* An HTML file's results name the line of its source that holds the match, not the line of the
+** text read from it: a brute-force search of the source says which. */
+TEST_F(Results, HtmlLinesAreLinesOfTheSource)
+{
+    const std::string html =
+        "<!DOCTYPE html>\n<html>\n<head>\n<title>Tide notes</title>\n"
+        "<style>\np { color: red; }\n</style>\n<script>\n"
+        "var harbour = 1;\n</script>\n</head>\n<body>\n<h1>Tide\n  notes</h1>\n"
+        "<p>The first paragraph\nruns over three lines\n"
+        "and ends with lanterns.</p>\n<ul>\n  <li>one <b>gullwing</b> item</li>\n"
+        "  <li>two\n  anchorage items</li>\n</ul>\n"
+        "<pre>pre line one\npre line kelpie\n</pre>\n</body>\n</html>\n";
+    TempDir dir;
+    const std::string path = dir.file("notes.html");
+    write_file_text(path, html);
+    size_t len = 0;
+    char *text = html_to_text(html.c_str(), html.size(), &len);
+    for (int32_t chunk : {64, 800}) {
+        uint64_t first = eng_.e->count;
+        add_file(path, std::string(text, len), chunk, 16);
+        for (uint64_t i = first; i < eng_.e->count; i++) {
+            eng_.e->chunks[i].file_type = TRN_FILE_TYPE_HTML;
+        }
+        for (const char *word : {"first paragraph",
+                                 "runs over",
+                                 "lanterns",
+                                 "gullwing",
+                                 "anchorage",
+                                 "kelpie",
+                                 "notes"}) {
+            SCOPED_TRACE(std::string(word) + " chunk " + std::to_string(chunk));
+            int32_t want = line_at(html, html.find(word)); /* "notes" first in the title */
+            for (uint32_t flags : {0u, (uint32_t)TRN_SEARCH_BY_FILE}) {
+                std::vector<TrnResult> r = search(word, TRN_SEARCH_TEXT, 64, flags);
+                ASSERT_FALSE(r.empty());
+                for (const TrnResult &hit : r) {
+                    EXPECT_EQ(hit.line_number, want) << hit.snippet;
+                }
+            }
+        }
+        EXPECT_TRUE(search("harbour", TRN_SEARCH_TEXT).empty());
+        for (uint64_t i = first; i < eng_.e->count; i++) {
+            eng_.remove(i);
+        }
+    }
+    free(text);
+}
+
+} // namespace
