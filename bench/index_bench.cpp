@@ -1,21 +1,30 @@
 /*
-** index_bench.cpp -- indexes a real directory end to end and shows how much of the time is not
-** spent in the encoder.
+** index_bench.cpp -- indexes a real directory end to end with one and with two embedding
+** workers, next to what the machine's matrix products allow, all measured in the same run.
 **
-**   index_bench [DIR] [--max-files N] [--chunk-size N] [--overlap N] [--blas-threads N]
+**   index_bench [DIR] [--max-files N] [--chunk-size N] [--overlap N] [--weights W]
 **
-** DIR defaults to /usr/share/doc/python3/html. Its indexable files are sorted by path and N of
-** them (default 20) are picked at an even stride, so a run sees the directory's mix of file
-** kinds; they are linked into a temporary directory that trn_ingest_dir then walks. The index
-** goes to another temporary directory, and both are removed at the end.
+** DIR defaults to /usr/share/doc/postgresql-doc-15/html (Debian's postgresql-doc-15). Its
+** indexable files are sorted by path and N of them (default 40) are picked at an even stride, so
+** a run sees the directory's mix of file kinds; they are copied into a temporary directory that
+** trn_update_dir walks, as the application's first indexing does (the walk does not follow links
+** out of the directory). W defaults to the built-in
+** encoder (models/default.tten; the random encoder when it is missing). Everything goes to
+** temporary directories that are removed at the end.
 **
-** Two measurements in the same run: the whole indexing (open, walk, type detection, reading and
-** HTML/PDF extraction, chunking, embedding, graph insertion, log writes, document index,
-** checkpoint and close), and a second pass that only embeds the same chunk texts with a fresh
-** encoder of the same seed. Their difference is everything but the embedding, printed as a share
-** of the indexing time. Both are shown as wall time and as the process's CPU time; on a shared
-** machine the CPU time is the one to trust. OpenBLAS runs one thread unless --blas-threads says
-** otherwise, because its idle threads spin and would charge waiting as work.
+** The figures, in chunks per second of wall time:
+**   indexing, 1 and 2 workers  open, walk, extraction, chunking, embedding, graph, log writes,
+**                              manifest, document index, checkpoint and close;
+**   embedding alone            the same chunk texts through the encoder, one thread;
+**   sgemm, same shapes         the matrix products of those chunks (each at its own token
+**                              count) replayed through sgemm on one thread: the ceiling (left
+**                              out for a bag-of-words encoder, which issues none);
+**   sgemm, two processes       the products of the first 100 chunks in two processes at once
+**                              against one alone: the speed-up this machine grants a second
+**                              core right now.
+** A shared machine may not grant a second core at all, so the two-worker speed-up is compared
+** with the two-process speed-up of the same run, never with 2. The load average at the start and
+** at the end is printed with the table.
 */
 #include "common.h"
 #include "encoder/encoder.h"
@@ -34,6 +43,7 @@
 #include <string>
 #include <vector>
 
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -42,6 +52,11 @@ using bench::Clock;
 
 namespace
 {
+
+struct Timing {
+    double wall = 0.0;
+    double cpu = 0.0;
+};
 
 std::string cpu_model()
 {
@@ -54,6 +69,14 @@ std::string cpu_model()
         }
     }
     return "unknown CPU";
+}
+
+std::string load_average()
+{
+    std::ifstream in("/proc/loadavg");
+    std::string one, five, fifteen;
+    in >> one >> five >> fifteen;
+    return one + " " + five + " " + fifteen;
 }
 
 // Indexable regular files under root, hidden names skipped as the engine's walk skips them.
@@ -79,12 +102,6 @@ std::vector<std::string> indexable_files(const std::string &root)
     return files;
 }
 
-bool count_file(const char *, int32_t, int32_t, void *user)
-{
-    ++*static_cast<int *>(user);
-    return true;
-}
-
 int32_t int_arg(const char *name, const char *value)
 {
     char *end = nullptr;
@@ -96,15 +113,81 @@ int32_t int_arg(const char *name, const char *value)
     return static_cast<int32_t>(v);
 }
 
+// Indexes source into a fresh index with the given workers; the chunk texts go to texts when it
+// is not NULL (copied out before the close, untimed).
+Timing index_once(const std::string &source, const std::string &weights, int32_t workers,
+                  int32_t chunk_size, int32_t overlap, int32_t *chunks,
+                  std::vector<std::string> *texts)
+{
+    char tmpl[] = "/tmp/trn_index_bench_XXXXXX";
+    const std::string index_dir = mkdtemp(tmpl) ? tmpl : "";
+    Clock::time_point start = Clock::now();
+    double cpu_start = bench::cpu_seconds();
+    TrnConfig cfg{};
+    cfg.index_dir = index_dir.c_str();
+    cfg.weights_path = weights.empty() ? nullptr : weights.c_str();
+    TrnEngine *engine = trn_open(&cfg);
+    probe_set_embed_threads(engine, workers);
+    *chunks = trn_update_dir(
+        engine, source.c_str(), chunk_size, overlap, nullptr, nullptr, nullptr, nullptr);
+    trn_checkpoint(engine);
+    Timing t{bench::seconds_since(start), bench::cpu_seconds() - cpu_start};
+    if (texts) {
+        const uint32_t slots = trn_stats(engine).chunk_count;
+        for (uint64_t i = 0; i < slots; i++) {
+            const char *text = probe_chunk(engine, i).text;
+            texts->emplace_back(text != nullptr ? text : "");
+        }
+    }
+    start = Clock::now();
+    cpu_start = bench::cpu_seconds();
+    trn_close(engine);
+    t.wall += bench::seconds_since(start);
+    t.cpu += bench::cpu_seconds() - cpu_start;
+    std::error_code ec;
+    fs::remove_all(index_dir, ec);
+    return t;
+}
+
+// The positions the encoder gives text: its tokenizer's ids, or the bytes between the begin and
+// end tokens, at most TRN_ENCODER_MAX_SEQ.
+int positions_of(const TrnEncoder *encoder, const std::string &text)
+{
+    if (encoder->bpe) {
+        std::vector<uint32_t> ids(TRN_ENCODER_MAX_SEQ);
+        return trn_bpe_encode(encoder->bpe, text.c_str(), ids.data(), TRN_ENCODER_MAX_SEQ);
+    }
+    return (int)std::min<size_t>(text.size() + 2, TRN_ENCODER_MAX_SEQ);
+}
+
+// Wall time of the products replayed in `processes` processes at once, each on one thread.
+double replay_in_processes(const std::vector<GemmShape> &shapes, int processes)
+{
+    Clock::time_point start = Clock::now();
+    std::vector<pid_t> children;
+    for (int i = 0; i < processes; i++) {
+        pid_t pid = fork();
+        if (pid == 0) {
+            bench::replay(shapes);
+            _exit(0);
+        }
+        children.push_back(pid);
+    }
+    for (pid_t pid : children) {
+        waitpid(pid, nullptr, 0);
+    }
+    return bench::seconds_since(start);
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
-    std::string root = "/usr/share/doc/python3/html";
-    int32_t max_files = 20;
+    std::string root = "/usr/share/doc/postgresql-doc-15/html";
+    std::string weights = std::string(TRN_SOURCE_DIR) + "/models/default.tten";
+    int32_t max_files = 40;
     int32_t chunk_size = 800;
     int32_t overlap = 200;
-    int32_t blas_threads = 1;
     for (int i = 1; i < argc; i++) {
         std::string arg = argv[i];
         if (i + 1 < argc && arg == "--max-files") {
@@ -113,117 +196,149 @@ int main(int argc, char **argv)
             chunk_size = int_arg("--chunk-size", argv[++i]);
         } else if (i + 1 < argc && arg == "--overlap") {
             overlap = int_arg("--overlap", argv[++i]);
-        } else if (i + 1 < argc && arg == "--blas-threads") {
-            blas_threads = int_arg("--blas-threads", argv[++i]);
+        } else if (i + 1 < argc && arg == "--weights") {
+            weights = argv[++i];
         } else if (!arg.empty() && arg[0] != '-') {
             root = arg;
         } else {
             std::fprintf(stderr,
                          "usage: index_bench [DIR] [--max-files N] [--chunk-size N] "
-                         "[--overlap N] [--blas-threads N]\n");
+                         "[--overlap N] [--weights W]\n");
             return 2;
         }
     }
+    if (!fs::exists(weights)) {
+        weights.clear();
+    }
 
-    openblas_set_num_threads(std::max(blas_threads, 1));
+    openblas_set_num_threads(1);
     std::vector<std::string> all = indexable_files(root);
     if (all.empty()) {
         std::fprintf(stderr, "index_bench: no indexable files under %s\n", root.c_str());
         return 1;
     }
     size_t want = std::min(all.size(), static_cast<size_t>(std::max(max_files, 1)));
-    std::vector<std::string> picked;
-    for (size_t i = 0; i < want; i++) {
-        picked.push_back(all[i * all.size() / want]);
-    }
-
     char tmpl[] = "/tmp/trn_index_bench_XXXXXX";
     if (mkdtemp(tmpl) == nullptr) {
         std::perror("index_bench: mkdtemp");
         return 1;
     }
-    const std::string work = tmpl;
-    const std::string source = work + "/source";
-    const std::string index_dir = work + "/index";
-    fs::create_directories(source);
-    fs::create_directories(index_dir);
+    const std::string source = tmpl;
     uintmax_t bytes = 0;
-    for (size_t i = 0; i < picked.size(); i++) {
+    for (size_t i = 0; i < want; i++) {
+        const std::string &picked = all[i * all.size() / want];
         char prefix[32];
         std::snprintf(prefix, sizeof prefix, "%04zu-", i);
-        fs::create_symlink(picked[i],
-                           source + "/" + prefix + fs::path(picked[i]).filename().string());
-        bytes += fs::file_size(picked[i]);
+        fs::copy_file(picked, source + "/" + prefix + fs::path(picked).filename().string());
+        bytes += fs::file_size(picked);
     }
+    const std::string load_start = load_average();
 
-    // Indexing, end to end.
+    // Indexing with one worker, then two.
+    std::vector<std::string> texts;
+    int32_t chunks_one = 0, chunks_two = 0;
+    Timing one = index_once(source, weights, 1, chunk_size, overlap, &chunks_one, &texts);
+    Timing two = index_once(source, weights, 2, chunk_size, overlap, &chunks_two, nullptr);
+
+    // The encoder alone on the same texts, and the products it issues for them.
+    TrnEncoder *encoder = trn_encoder_init(42);
+    if (!weights.empty() && !trn_encoder_load_weights(encoder, weights.c_str())) {
+        std::fprintf(stderr, "index_bench: cannot load %s\n", weights.c_str());
+        return 1;
+    }
+    std::vector<float> vector(TRN_ENCODER_DIM);
     Clock::time_point start = Clock::now();
     double cpu_start = bench::cpu_seconds();
-    TrnConfig cfg{};
-    cfg.index_dir = index_dir.c_str();
-    TrnEngine *engine = trn_open(&cfg);
-    int files_done = 0;
-    int32_t chunks =
-        trn_ingest_dir(engine, source.c_str(), chunk_size, overlap, count_file, &files_done);
-    trn_build_doc_index(engine);
-    trn_checkpoint(engine);
-    double index_seconds = bench::seconds_since(start);
-    double index_cpu = bench::cpu_seconds() - cpu_start;
-
-    // The chunk texts, copied out of the handle while it is open (not timed).
-    std::vector<std::string> texts;
-    const uint32_t slots = trn_stats(engine).chunk_count;
-    for (uint64_t i = 0; i < slots; i++) {
-        const char *text = probe_chunk(engine, i).text;
-        texts.emplace_back(text != nullptr ? text : "");
-    }
-    start = Clock::now();
-    cpu_start = bench::cpu_seconds();
-    trn_close(engine);
-    index_seconds += bench::seconds_since(start);
-    index_cpu += bench::cpu_seconds() - cpu_start;
-
-    // The encoder alone on the same texts.
-    TrnEncoder encoder{};
-    encoder_init(&encoder, 42);
-    std::vector<float> vector(TRN_ENCODER_DIM);
-    start = Clock::now();
-    cpu_start = bench::cpu_seconds();
     for (const std::string &text : texts) {
-        trn_encoder_embed_text(&encoder, text.c_str(), vector.data());
+        trn_encoder_embed_text(encoder, text.c_str(), vector.data());
     }
-    double embed_seconds = bench::seconds_since(start);
-    double embed_cpu = bench::cpu_seconds() - cpu_start;
-    encoder_release(&encoder);
+    Timing embed{bench::seconds_since(start), bench::cpu_seconds() - cpu_start};
+    std::vector<GemmShape> shapes;
+    long positions = 0;
+    for (const std::string &text : texts) {
+        int n = std::max(positions_of(encoder, text), 1);
+        positions += n;
+        std::vector<GemmShape> one_chunk(FORWARD_PRODUCTS);
+        encoder_forward_shapes(n, one_chunk.data());
+        shapes.insert(shapes.end(), one_chunk.begin(), one_chunk.end());
+    }
+    // A bag-of-words encoder sums rows computed at load and issues no matrix products: the
+    // sgemm ceiling is that of a transformer and is left out.
+    const bool products = encoder->bag_rows == nullptr;
+    trn_encoder_free(encoder);
+    const double sgemm_seconds = products ? bench::replay(shapes) : 0.0;
+    // One process, then two at once, on the products of the first chunks (up to 100); twice
+    // each, alternating, the better of each kept. Any encoder: this measures the machine.
+    const size_t sample = std::min<size_t>(texts.size(), 100);
+    const std::vector<GemmShape> sampled(shapes.begin(),
+                                         shapes.begin() + (long)(sample * FORWARD_PRODUCTS));
+    double solo = 1e30, pair = 1e30;
+    for (int round = 0; round < 2; round++) {
+        solo = std::min(solo, replay_in_processes(sampled, 1));
+        pair = std::min(pair, replay_in_processes(sampled, 2));
+    }
+    const double machine_speedup = 2.0 * solo / pair;
+    const std::string load_end = load_average();
 
     std::error_code ec;
-    fs::remove_all(work, ec);
+    fs::remove_all(source, ec);
 
+    const double n = static_cast<double>(texts.size());
+    const double rate_one = chunks_one / one.wall, rate_two = chunks_two / two.wall;
+    const double index_speedup = rate_two / rate_one;
     std::printf("index_bench on %s (%ld cores), %s\n",
                 cpu_model().c_str(),
                 sysconf(_SC_NPROCESSORS_ONLN),
                 root.c_str());
+    std::printf("%zu of %zu indexable files, %.1f MB, %d chunks of %.0f positions on average, "
+                "chunk size %d, overlap %d, %s\n",
+                want,
+                all.size(),
+                static_cast<double>(bytes) / 1e6,
+                chunks_one,
+                positions / std::max(n, 1.0),
+                chunk_size,
+                overlap,
+                weights.empty() ? "random encoder" : weights.c_str());
     std::printf(
-        "%d of %zu indexable files, %.1f MB, chunk size %d, overlap %d, %d BLAS threads\n\n",
-        files_done,
-        all.size(),
-        static_cast<double>(bytes) / 1e6,
-        chunk_size,
-        overlap,
-        std::max(blas_threads, 1));
-    std::printf("| measure | wall | CPU |\n|---|---|---|\n");
+        "load average at the start %s, at the end %s\n\n", load_start.c_str(), load_end.c_str());
+    std::printf("| measure | wall | chunks/s | CPU | cores busy |\n|---|---|---|---|---|\n");
+    auto row = [](const char *what, double chunks, Timing t) {
+        std::printf("| %s | %.1f s | %.1f | %.1f s | %.2f |\n",
+                    what,
+                    t.wall,
+                    chunks / t.wall,
+                    t.cpu,
+                    t.cpu / t.wall);
+    };
+    row("indexing, 1 worker", chunks_one, one);
+    row("indexing, 2 workers", chunks_two, two);
+    row("embedding alone, 1 thread", n, embed);
+    if (products) {
+        std::printf("| sgemm, same shapes, 1 thread (ceiling) | %.1f s | %.1f | | |\n",
+                    sgemm_seconds,
+                    n / sgemm_seconds);
+    }
     std::printf(
-        "| indexing %d chunks end to end | %.2f s | %.2f s |\n", chunks, index_seconds, index_cpu);
-    std::printf("| files/s | %.2f | %.2f |\n", files_done / index_seconds, files_done / index_cpu);
-    std::printf("| chunks/s | %.1f | %.1f |\n", chunks / index_seconds, chunks / index_cpu);
-    std::printf("| embedding the same chunks alone (reference) | %.2f s | %.2f s |\n",
-                embed_seconds,
-                embed_cpu);
-    std::printf("| everything but the embedding | %.2f s, %.1f%% | %.2f s, %.1f%% |\n",
-                index_seconds - embed_seconds,
-                100.0 * (index_seconds - embed_seconds) / index_seconds,
-                index_cpu - embed_cpu,
-                100.0 * (index_cpu - embed_cpu) / index_cpu);
-    std::printf("\nThe share of everything but the embedding should stay under 10%%.\n");
+        "| sgemm, %zu chunks, one process | %.1f s | %.1f | | |\n", sample, solo, sample / solo);
+    std::printf("| sgemm, %zu chunks each, two processes at once | %.1f s | %.1f | | |\n\n",
+                sample,
+                pair,
+                2.0 * sample / pair);
+    if (products) {
+        std::printf("embedding alone at %.0f%% of the sgemm ceiling\n",
+                    100.0 * sgemm_seconds / embed.wall);
+    } else {
+        std::printf("the encoder is a bag of words (rows summed, no matrix products): no sgemm "
+                    "ceiling applies\n");
+    }
+    std::printf("1 worker: %.0f%% of the time outside embedding\n",
+                100.0 * (one.wall - embed.wall) / one.wall);
+    std::printf("2 workers: %.2fx one worker; this machine gave two processes %.2fx one, so the "
+                "second worker gained %.0f%% of what the second core gave\n",
+                index_speedup,
+                machine_speedup,
+                machine_speedup > 1.0 ? 100.0 * (index_speedup - 1.0) / (machine_speedup - 1.0)
+                                      : 0.0);
     return 0;
 }

@@ -9,6 +9,7 @@
 
 #include "tarnwick.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -78,11 +79,14 @@ const char USAGE[] =
     "                   files)\n"
     "  --max-file-size MB  skip larger files (the application's setting, 20 by default; index,\n"
     "                   update, watch, files)\n"
+    "  --nice           index at idle CPU and disk priority: only what nothing else wants\n"
+    "                   (index, update, watch)\n"
     "  --verbose        show the engine's own messages (opening, loading weights)\n"
     "  -h, --help       print this help\n"
     "  --version        print the version of the program and of its engine\n"
     "\n"
-    "Exit status: 0 on success, 1 on failure, 2 for a usage error.\n";
+    "Exit status: 0 on success, 1 on failure, 2 for a usage error, 130 when Ctrl+C stopped\n"
+    "index, update or watch (what was indexed is kept; update goes on from there).\n";
 
 // Which options a command takes and how many operands (max_operands -1: no upper bound).
 struct CommandRule {
@@ -223,17 +227,24 @@ void check_train(const Options &o, bool training_options)
     }
 }
 
-// An empty query would match everything in text and regex mode and nothing useful in the others;
-// a regex-mode query must compile exactly as the engine will compile it.
+// An empty query, or one of white space only, would match nearly everything in text and regex
+// mode and nothing useful in the others; a regex-mode query must compile exactly as the engine
+// will compile it. A long pattern is shown by its start only, so the error stays one short line.
 void check_query(const std::string &query, int32_t mode)
 {
-    if (query.empty()) {
+    if (query.find_first_not_of(" \t\r\n\f\v") == std::string::npos) {
         throw UsageError("the query is empty");
     }
     if (mode == TRN_SEARCH_REGEX) {
         char reason[256];
         if (!trn_check_regex(query.c_str(), reason, sizeof reason)) {
-            throw QueryError("invalid regular expression \"" + query + "\": " + reason);
+            size_t shown_len = std::min<size_t>(query.size(), 40);
+            while (shown_len < query.size() && (query[shown_len] & 0xC0) == 0x80) {
+                shown_len--; // never cut a UTF-8 sequence
+            }
+            std::string shown =
+                query.substr(0, shown_len) + (shown_len < query.size() ? "..." : "");
+            throw QueryError("invalid regular expression \"" + shown + "\": " + reason);
         }
     }
 }
@@ -321,6 +332,11 @@ Options parse_args(int argc, char **argv)
                 throw UsageError("--verbose takes no value");
             }
             o.verbose = true;
+        } else if (name == "--nice" && rule->chunking) {
+            if (has_value) {
+                throw UsageError("--nice takes no value");
+            }
+            o.nice = true;
         } else if (name == "--json" && rule->json) {
             if (has_value) {
                 throw UsageError("--json takes no value");

@@ -34,6 +34,18 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+// Work stopped by a signal (Ctrl+C) after what it had committed; main prints the line and exits
+// with 128 + the signal's number, as a shell does for a program the signal ended.
+class Interrupted : public std::runtime_error
+{
+public:
+    Interrupted(int signal_number, const std::string &line)
+        : std::runtime_error(line), signal(signal_number)
+    {
+    }
+    int signal;
+};
+
 struct Options {
     // "index", "update", "watch", "search", "prompt", "files", "stats", "remove", "compact",
     // "embed", "train", "mcp"
@@ -59,6 +71,7 @@ struct Options {
     bool help = false;
     bool version = false;
     bool verbose = false; // the engine's informational lines on standard error
+    bool nice = false;    // index, update, watch at idle CPU and I/O priority
 
     // train add: the profile's parameters; absent ones keep a new profile's defaults.
     std::optional<int32_t> steps;

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -77,10 +78,29 @@ bool exists(const std::string &path)
     return stat(path.c_str(), &st) == 0;
 }
 
+namespace
+{
+
+// Whether the file exists; an index the user may not read is said to be that, not absent.
+bool index_file_exists(const std::string &root, const std::string &path)
+{
+    struct stat st;
+    if (stat(path.c_str(), &st) == 0) {
+        return true;
+    }
+    if (errno == EACCES || errno == EPERM) {
+        throw Failure("cannot read the index of " + root + ": " + errno_text());
+    }
+    return false;
+}
+
+} // namespace
+
 bool has_index(const std::string &root)
 {
     std::string index_dir = index_dir_of(root);
-    return exists(join(index_dir, "tarnwick.bin")) || exists(join(index_dir, "tarnwick.wal"));
+    return index_file_exists(root, join(index_dir, "tarnwick.bin"))
+           || index_file_exists(root, join(index_dir, "tarnwick.wal"));
 }
 
 void require_index(const std::string &root)
@@ -109,6 +129,12 @@ void check_weights(const std::string &weights)
     if (weights.empty()) {
         return;
     }
+    // The engine would say the same on a line of its own: one line is enough.
+    int fd = open(weights.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        throw Failure("cannot load encoder weights from " + weights + ": " + errno_text());
+    }
+    close(fd);
     EncoderGuard scratch;
     if (!trn_encoder_load_weights(scratch.encoder, weights.c_str())) {
         throw Failure("cannot load encoder weights from " + weights);

@@ -2,8 +2,9 @@
 ** main.cpp -- tarnwick-cli: index a directory and search it from the command line.
 **
 ** The only place that turns errors into exit statuses: 0 on success, 2 for a command line that
-** cannot be understood, 1 for every other failure, each failure with one "tarnwick: " line on
-** standard error. An allocation failure inside the engine ends the process there (status 1).
+** cannot be understood, 1 for every other failure, 128 + N for work stopped by signal N (130 for
+** Ctrl+C), each with one "tarnwick: " line on standard error. An allocation failure inside the
+*engine ends the process there (status 1).
 */
 #include "args.h"
 #include "commands.h"
@@ -34,6 +35,10 @@ int main(int argc, char **argv)
             throw Failure("cannot write to standard output");
         }
         return 0;
+    } catch (const Interrupted &err) {
+        std::fflush(stdout);
+        std::fprintf(stderr, "tarnwick: %s\n", err.what());
+        return 128 + err.signal;
     } catch (const QueryError &err) {
         std::fprintf(stderr, "tarnwick: %s\n", err.what());
         return 2;

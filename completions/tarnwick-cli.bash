@@ -64,8 +64,8 @@ _tarnwick_cli()
 
     local options=""
     case $command in
-        index) options="--chunk-size --overlap --weights --exclude --extensions --max-file-size --verbose" ;;
-        update | watch) options="--chunk-size --overlap --weights --json --exclude --extensions --max-file-size --verbose" ;;
+        index) options="--chunk-size --overlap --weights --exclude --extensions --max-file-size --nice --verbose" ;;
+        update | watch) options="--chunk-size --overlap --weights --json --exclude --extensions --max-file-size --nice --verbose" ;;
         search) options="--mode -k --all-chunks --weights --json --vimgrep --verbose" ;;
         prompt) options="--scope --mode -k --weights --verbose" ;;
         files) options="--json --exclude --extensions --max-file-size --verbose" ;;

@@ -44,6 +44,7 @@ case $command in
         _arguments $common $weights \
             '--chunk-size=[chunk size in bytes]:bytes' \
             '--overlap=[bytes shared with the previous chunk]:bytes' \
+            '--nice[index at idle CPU and disk priority]' \
             $walk \
             '1:directory:_files -/'
         ;;
@@ -52,6 +53,7 @@ case $command in
             '--chunk-size=[chunk size in bytes]:bytes' \
             '--overlap=[bytes shared with the previous chunk]:bytes' \
             '--json[print JSON]' \
+            '--nice[index at idle CPU and disk priority]' \
             $walk \
             '1:directory:_files -/'
         ;;

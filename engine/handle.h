@@ -56,6 +56,14 @@ struct TrnEngine {
     TrnScratch **embed_scratch; /* their scratch spaces (slot 0 unused), NULL until needed */
     uint64_t level_state;       /* the graph level generator (draw_level) */
     uint64_t files_read;        /* files its updates read (unchanged ones must not be) */
+    uint64_t texts_embedded;    /* chunk texts embed_distinct_chunks embedded (not copied) */
+    /* Chunk texts by hash, so a text met again takes the vector it already has (embed.cpp).
+    ** Open addressing: an entry is the hash's high 32 bits << 32 | (slot + 1), 0 when empty;
+    ** covers the slots below text_slots; NULL until the first embed_distinct_chunks. */
+    uint64_t *text_table;
+    uint64_t text_table_size; /* a power of two, at least twice text_table_used */
+    uint64_t text_table_used;
+    uint64_t text_slots;
 
     /* document index (docindex.cpp) */
     char **file_names;
@@ -75,16 +83,25 @@ struct TrnEngine {
     /* word index of the live chunks (word_index.cpp); NULL until the first lex_sync */
     TrnLexical *lexical;
     /* durability (commit.cpp); all zero for an in-memory handle */
+    int dir_fd; /* the index directory (file_io.cpp), valid when dir_open */
+    uint8_t dir_open;
     int lock_fd; /* tarnwick.lock, valid when lock_open */
     uint8_t lock_open;
-    uint8_t rebuild;           /* built in memory, swapped in by the next checkpoint */
-    int32_t refused;           /* a status other than TRN_STATUS_OK: every write fails with it */
-    int32_t status;            /* of the last call that failed, or TRN_STATUS_OK */
-    char error[TRN_ERROR_MAX]; /* its message; empty with TRN_STATUS_OK */
-    TrnDiskView seen;          /* the directory as this handle last loaded or wrote it */
-    uint8_t has_commit;        /* the loaded state came with a commit record */
-    uint64_t generation;       /* generation of the loaded store; 0 without a commit record */
-    uint8_t store_present;     /* the loaded store existed, with this size and checksum */
+    int turn_fd; /* tarnwick.turn, valid when turn_open: where writers queue (commit.cpp) */
+    uint8_t turn_open;
+    uint8_t rebuild; /* built in memory, swapped in by the next checkpoint */
+    int rebuild_fd;  /* tarnwick.rebuild, held shared by a rebuilding handle */
+    uint8_t rebuild_open;
+    uint8_t rebuild_known;       /* the committed state when the rebuild began was read: */
+    uint64_t rebuild_generation; /* its generation */
+    uint64_t rebuild_from;       /* and the end of its log's last whole group */
+    int32_t refused;             /* a status other than TRN_STATUS_OK: every write fails with it */
+    int32_t status;              /* of the last call that failed, or TRN_STATUS_OK */
+    char error[TRN_ERROR_MAX];   /* its message; empty with TRN_STATUS_OK */
+    TrnDiskView seen;            /* the directory as this handle last loaded or wrote it */
+    uint8_t has_commit;          /* the loaded state came with a commit record */
+    uint64_t generation;         /* generation of the loaded store; 0 without a commit record */
+    uint8_t store_present;       /* the loaded store existed, with this size and checksum */
     uint64_t store_size;
     uint32_t store_crc;
     uint64_t wal_end;    /* end of the last whole group of the log, read or written */

@@ -312,17 +312,20 @@ TRN_API TrnEngine *trn_open(const TrnConfig *cfg);
 /* ---------------------------------------------------------------------------------------------
 ** Sharing an index directory, crashes and damage
 **
-** Beside the store and the log the index directory holds "tarnwick.lock" (flock: many readers
-** or one writer at a time) and "tarnwick.commit", a 48-byte record that ties the store (by size
-** and CRC-32) to the log. Every write is committed whole: a crash at any point leaves the state
-** before or after the operation. Opening reads only: a handle that changed nothing leaves every
-** file as it was, also at trn_close.
+** The index directory must be the running user's own: a directory that is a symbolic link, belongs
+** to another user or is writable by other users is refused (TRN_STATUS_DENIED), and no file in it
+** is reached through a link. Beside the store and the log it holds "tarnwick.lock" (flock: many
+** readers or one writer at a time) and "tarnwick.commit", a 48-byte record that ties the store (by
+** size and CRC-32) to the log. Every write is committed whole: a crash at any point leaves the
+** state before or after the operation. Opening reads only: a handle that changed nothing leaves
+** every file as it was, also at trn_close.
 **
 ** Each operation locks on its own: loading takes the shared lock, each ingested file, removal,
 ** compaction and checkpoint the exclusive one. A handle that finds another process committed
 ** since it loaded reloads before it writes and at its next trn_search or trn_list_dir_files,
 ** which invalidates the pointers of earlier results. A lock held by another process is waited
-** for TRN_BUSY_TIMEOUT_MS milliseconds; then the call fails with TRN_STATUS_BUSY.
+** for TRN_BUSY_TIMEOUT_MS milliseconds; then the call fails with TRN_STATUS_BUSY. A writer that
+** waits stops new readers from starting, so readers that keep coming never starve it.
 */
 
 /* Status of the last failed call, from trn_last_status. */
@@ -331,22 +334,27 @@ enum {
     TRN_STATUS_BUSY = 1,     /* another process held the index longer than the timeout */
     TRN_STATUS_DAMAGED = 2,  /* the store or log fails its checksum; nothing is written */
     TRN_STATUS_IO_ERROR = 3, /* a write or sync failed (a full disk): the operation is undone */
+    /* the index directory is a symbolic link, another user's, writable by other users or
+    ** unreadable; nothing in it is read or written */
+    TRN_STATUS_DENIED = 4,
     TRN_BUSY_TIMEOUT_MS = 5000
 };
 
 /* Flags of trn_open_ex. */
 enum {
     /* Loads nothing and writes nothing until trn_checkpoint, which replaces the directory's
-    ** index with the handle's as one commit (moving a damaged index aside first). A handle
-    ** closed before that leaves the old index as it was. Ingestion is not logged. */
+    ** index with the handle's as one commit (moving a damaged index aside first), after taking
+    ** up every file other handles committed meanwhile (their checkpoints leave the log to it
+    ** until then). A handle closed before that leaves the old index as it was. Ingestion is
+    ** not logged. */
     TRN_OPEN_REBUILD = 1
 };
 
-/* Opens an engine as trn_open does. Returns NULL, with *status (when status is not NULL) set
-** to TRN_STATUS_BUSY or TRN_STATUS_DAMAGED and trn_last_error(NULL) saying why in one line, when
-** the index is busy for longer than the timeout or damaged; else the handle, with *status
-** TRN_STATUS_OK. Prints nothing for those failures. flags: 0 or TRN_OPEN_REBUILD. The status and
-** message of a failed open belong to the calling thread. */
+/* Opens an engine as trn_open does. Returns NULL, with *status (when status is not NULL) set to
+** TRN_STATUS_BUSY, TRN_STATUS_DAMAGED or TRN_STATUS_DENIED and trn_last_error(NULL) saying why in
+** one line, when the index is busy for longer than the timeout, damaged or denied; else the handle,
+** with *status TRN_STATUS_OK. Prints nothing for those failures. flags: 0 or TRN_OPEN_REBUILD. The
+** status and message of a failed open belong to the calling thread. */
 TRN_API TrnEngine *trn_open_ex(const TrnConfig *cfg, uint32_t flags, int32_t *status);
 
 /* TRN_STATUS_OK, or the status of the last call on e that failed: an ingestion returning -1, a
@@ -355,12 +363,13 @@ TRN_API TrnEngine *trn_open_ex(const TrnConfig *cfg, uint32_t flags, int32_t *st
 ** NULL. */
 TRN_API int32_t trn_last_status(const TrnEngine *e);
 
-/* One line without the "tarnwick: " prefix for the last failure that trn_last_status reports,
-** or "" when there is none. Busy: "the index of DIR is busy: another Tarnwick is updating it";
-** damaged: "the index of DIR is damaged; rebuild it with tarnwick-cli index DIR"; I/O: "cannot
-** write the index of DIR: <reason>". DIR is the indexed directory (the parent of an index
-** directory named ".tarnwick"). The text belongs to the engine (to the calling thread for e NULL)
-** and stays until the next call on e (the thread's next trn_open_ex). */
+/* One line without the "tarnwick: " prefix for the last failure that trn_last_status reports, or ""
+** when there is none. Busy: "the index of DIR is busy: another Tarnwick is updating it"; damaged:
+** "the index of DIR is damaged; rebuild it with tarnwick-cli index DIR"; I/O: "cannot write the
+** index of DIR: <reason>"; denied: "the index folder DIR/.tarnwick <why>; <how to fix it>". DIR is
+** the indexed directory (the parent of an index directory named ".tarnwick"). The text belongs to
+** the engine (to the calling thread for e NULL) and stays until the next call on e (the thread's
+** next trn_open_ex). */
 TRN_API const char *trn_last_error(const TrnEngine *e);
 
 /* Checkpoints when the handle holds anything the store does not (the lock permitting at once),
@@ -594,7 +603,8 @@ enum {
 ** TRN_SEARCH_SEMANTIC: nearest chunks by embedding, narrowed to the ten files whose centroids
 **   are closest when two or more files are indexed; at most ef_search hits. score: the dot
 **   product of the query's and the chunk's unit vectors (-1..1).
-** TRN_SEARCH_TEXT: chunks holding the query as an ASCII case-insensitive substring.
+** TRN_SEARCH_TEXT: chunks holding the query as an ASCII case-insensitive substring; a query of
+**   white space only finds nothing.
 ** TRN_SEARCH_REGEX: chunks matching the query as a POSIX extended expression, ignoring case,
 **   leftmost-longest, in time linear in each chunk (see trn_check_regex).
 **   Text and regex hits come in chunk order with scores 1, 1 - 1/k, 1 - 2/k, ...

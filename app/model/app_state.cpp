@@ -113,7 +113,7 @@ void AppState::addTab(const QString &path)
     emit tabsChanged();
     setActiveTabId(tab.id);
     // A busy or damaged index is not indexed over: the tab says why (and retries a busy one).
-    if (!state->isIndexed() && state->engine()->isOpen()) {
+    if (!state->isIndexed() && state->engine()->isOpen() && !state->isIngesting()) {
         state->ingest(m_settings->effectiveChunkSize(), m_settings->effectiveOverlap());
     }
     saveState();

@@ -48,6 +48,7 @@ DirectoryState::DirectoryState(const DirectoryTab &tab, const EncoderChoice *enc
     }
     const QString weights = effectiveWeightsPath();
     m_engine = std::make_shared<IndexHandle>(m_directoryPath, weights);
+    m_engine->setIdlePriority(m_settings->indexAtIdlePriority());
     m_weightsPath = weights;
     const TrnStats stats = m_engine->stats();
     m_statusText = stats.chunk_count >= 1 ? indexCountsText(stats) : QStringLiteral("Not indexed");
@@ -65,6 +66,9 @@ DirectoryState::DirectoryState(const DirectoryTab &tab, const EncoderChoice *enc
     // searched by meaning with this one: build it again.
     if (stats.chunk_count >= 1 && !EncoderRecord::matches(m_directoryPath, weights)) {
         rebuildWith(weights);
+    } else if (m_engine->isOpen() && m_settings->isIndexingUnfinished(m_directoryPath)) {
+        // Killed or closed while indexing: the files committed then stay, the rest follow.
+        update();
     }
     if (m_settings->watchDirectories()) {
         m_watcher = new DirectoryWatcher(m_directoryPath,
@@ -89,7 +93,11 @@ void DirectoryState::directoryChanged()
     update();
 }
 
-DirectoryState::~DirectoryState() = default;
+DirectoryState::~DirectoryState()
+{
+    // A paused update would otherwise hold its thread for good once no tab can resume it.
+    m_engine->setPaused(false);
+}
 
 void DirectoryState::retryOpen(int attempt)
 {
@@ -163,8 +171,11 @@ void DirectoryState::runIndexing(int chunkSize, int overlap, bool checkpoint)
     m_updatePending = false;
     setIsIngesting(true);
     m_ingestClock.start();
+    m_pausedMs = 0;
+    m_pausedAt = m_isIndexingPaused ? 0 : -1;
     setIngestProgress(IndexingProgress{});
     setStatusText(QStringLiteral("Indexing..."));
+    m_settings->setIndexingUnfinished(m_directoryPath, true);
     std::shared_ptr<IndexHandle> engine = m_engine;
     const QString directory = m_directoryPath;
     const QString weights = m_weightsPath;
@@ -172,6 +183,11 @@ void DirectoryState::runIndexing(int chunkSize, int overlap, bool checkpoint)
     runWithProgress<EngineOutcome, IndexingProgress>(
         this,
         [=](const auto &report) {
+            // An empty index takes this encoder before its first chunk is committed, so an
+            // indexing that is killed half-way is continued at the next start, not rebuilt.
+            if (engine->stats().chunk_count == 0) {
+                EncoderRecord::write(directory, weights);
+            }
             const int n = engine->ingestDirectory(chunkSize, overlap, *walk, report);
             // A failed update is not committed: what it logged stays in the log.
             const bool saved = n >= 0 && (!checkpoint || engine->checkpoint());
@@ -193,11 +209,14 @@ void DirectoryState::runIndexing(int chunkSize, int overlap, bool checkpoint)
 void DirectoryState::indexingFinished(const EngineOutcome &r)
 {
     // Runs long enough to measure give the speed that re-index estimates use.
-    const double seconds = m_ingestClock.elapsed() / 1000.0;
+    const double seconds = ingestSeconds();
     if (r.added > 0 && seconds >= 2.0) {
         m_settings->setValue(QStringLiteral("indexingChunksPerSecond"), r.added / seconds);
     }
     setIsIngesting(false);
+    if (r.ok) {
+        m_settings->setIndexingUnfinished(m_directoryPath, false);
+    }
     setStatusText(r.ok ? indexCountsText(r.stats) : indexFailureText(r.error));
     if (r.added >= 0 && !r.ok && r.status == TRN_STATUS_BUSY) {
         retryCheckpoint(1);
@@ -515,6 +534,35 @@ void DirectoryState::setIsIngesting(bool value)
     emit isIngestingChanged();
 }
 
+double DirectoryState::ingestSeconds() const
+{
+    const qint64 now = m_ingestClock.elapsed();
+    const qint64 paused = m_pausedMs + (m_pausedAt >= 0 ? now - m_pausedAt : 0);
+    return qMax<qint64>(0, now - paused) / 1000.0;
+}
+
+void DirectoryState::setIndexingPaused(bool paused)
+{
+    if (m_isIndexingPaused == paused) {
+        return;
+    }
+    m_isIndexingPaused = paused;
+    m_engine->setPaused(paused);
+    if (m_isIngesting) {
+        const qint64 now = m_ingestClock.elapsed();
+        if (paused) {
+            m_pausedAt = now;
+        } else if (m_pausedAt >= 0) {
+            m_pausedMs += now - m_pausedAt;
+            m_pausedAt = -1;
+        }
+    }
+    emit isIndexingPausedChanged();
+    if (m_isIngesting) {
+        setIngestProgress(m_ingestProgress);
+    }
+}
+
 void DirectoryState::setIngestProgress(const IndexingProgress &progress)
 {
     const IndexingProgress before = m_ingestProgress;
@@ -530,7 +578,8 @@ void DirectoryState::setIngestProgress(const IndexingProgress &progress)
     }
     // A late report of a run that has ended leaves the final status alone.
     if (m_isIngesting && progress.filesFound > 0) {
-        setStatusText(indexingProgressText(progress, m_ingestClock.elapsed() / 1000.0));
+        const QString text = indexingProgressText(progress, ingestSeconds());
+        setStatusText(m_isIndexingPaused ? QStringLiteral("Paused: ") + text : text);
     }
 }
 

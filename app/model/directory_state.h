@@ -56,6 +56,8 @@ class DirectoryState : public QObject
     // Chunks the running indexing has added so far. While indexing, statusText reads as
     // indexingProgressText() of these counts (indexing_text.h).
     Q_PROPERTY(int ingestChunksDone READ ingestChunksDone NOTIFY ingestChunksDoneChanged)
+    // The running indexing waits after its current file (searches go on) until resumed.
+    Q_PROPERTY(bool isIndexingPaused READ isIndexingPaused NOTIFY isIndexingPausedChanged)
     Q_PROPERTY(bool isSearching READ isSearching NOTIFY isSearchingChanged)
     // Why the last query could not run ("Invalid regular expression: ..."); empty when it ran.
     Q_PROPERTY(QString queryError READ queryError NOTIFY queryErrorChanged)
@@ -97,6 +99,9 @@ public:
     int ingestFilesDone() const { return m_ingestProgress.filesDone; }
     int ingestFilesFound() const { return m_ingestProgress.filesFound; }
     int ingestChunksDone() const { return m_ingestProgress.chunksDone; }
+    bool isIndexingPaused() const { return m_isIndexingPaused; }
+    // Pauses or resumes indexing, this run and the next ones, until resumed.
+    void setIndexingPaused(bool paused);
     bool isSearching() const { return m_runningSearches > 0; }
     QString queryError() const { return m_queryError; }
     bool isLoadingMore() const { return m_isLoadingMore; }
@@ -184,6 +189,7 @@ signals:
     void displayResultsChanged();
     void statusTextChanged();
     void isIngestingChanged();
+    void isIndexingPausedChanged();
     void ingestFilesDoneChanged();
     void ingestFilesFoundChanged();
     void ingestChunksDoneChanged();
@@ -221,6 +227,8 @@ private:
     void rebuildWith(const QString &weightsPath);
     void setIsIngesting(bool value);
     void setIngestProgress(const IndexingProgress &progress);
+    // Seconds of the running indexing, pauses left out.
+    double ingestSeconds() const;
     void setIsLoadingMore(bool value);
     void setQueryError(const QString &text);
     void setHasMoreResults(bool value);
@@ -258,6 +266,9 @@ private:
     bool m_isIngesting = false;
     IndexingProgress m_ingestProgress;
     QElapsedTimer m_ingestClock;
+    bool m_isIndexingPaused = false;
+    qint64 m_pausedMs = 0;  // of the running indexing, in pauses that ended
+    qint64 m_pausedAt = -1; // m_ingestClock's reading when the current pause began, or -1
     int m_runningSearches = 0;
     quint64 m_searchRequest = 0; // the newest runSearch; older answers are dropped
     QString m_queryError;

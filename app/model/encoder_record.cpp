@@ -60,6 +60,10 @@ bool matches(const QString &directoryPath, const QString &weightsPath)
 
 bool write(const QString &directoryPath, const QString &weightsPath)
 {
+    // QSaveFile writes through a link to its target; a link here was planted, so it goes.
+    if (QFileInfo(path(directoryPath)).isSymLink()) {
+        QFile::remove(path(directoryPath));
+    }
     QSaveFile file(path(directoryPath));
     if (!file.open(QIODevice::WriteOnly)) {
         return false;

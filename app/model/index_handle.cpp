@@ -5,6 +5,8 @@
 */
 #include "index_handle.h"
 
+#include "priority.h"
+
 #include <QByteArray>
 #include <QDir>
 #include <QFile>
@@ -115,6 +117,7 @@ void IndexHandle::clearAndReopen(const QString &weightsPath)
     std::unique_lock<std::mutex> lock(m_mutex);
     // A running update stops after its current file; the handle is closed only then.
     m_cancelUpdate = true;
+    m_pauseChanged.notify_all();
     m_updateEnded.wait(lock, [this] {
         return !m_updateRunning;
     });
@@ -136,6 +139,8 @@ struct UpdateProgress {
     const TrnUpdateReport *report;
     std::unique_lock<std::mutex> *lock;
     const bool *cancel; // guarded by m_mutex
+    const bool *paused; // guarded by m_mutex
+    std::condition_variable *pause_changed;
 };
 
 bool onUpdateProgress(const char *, int32_t done, int32_t total, void *user)
@@ -148,13 +153,58 @@ bool onUpdateProgress(const char *, int32_t done, int32_t total, void *user)
     }
     std::this_thread::yield();
     p->lock->lock();
+    // Waiting releases the lock, so a paused tab still answers searches.
+    p->pause_changed->wait(*p->lock, [p] {
+        return !*p->paused || *p->cancel;
+    });
     return !*p->cancel;
 }
 
 } // namespace
 
+void IndexHandle::setIdlePriority(bool idle)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_idlePriority = idle;
+}
+
+void IndexHandle::setPaused(bool paused)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_paused = paused;
+    m_pauseChanged.notify_all();
+}
+
+bool IndexHandle::isPaused() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_paused;
+}
+
 int IndexHandle::ingestDirectory(int chunkSize, int overlap, const FileWalkOptions &walk,
                                  const ProgressFn &progress, TrnUpdateReport *report)
+{
+    bool idle = false;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        idle = m_idlePriority;
+    }
+    if (!idle) {
+        return ingestDirectoryHere(chunkSize, overlap, walk, progress, report);
+    }
+    // An unprivileged thread never leaves idle priority, so the update gets a thread of its own
+    // rather than lowering a pool thread that later runs searches.
+    int n = -1;
+    std::thread indexer([this, chunkSize, overlap, &walk, &progress, report, &n] {
+        thread_set_idle();
+        n = ingestDirectoryHere(chunkSize, overlap, walk, progress, report);
+    });
+    indexer.join();
+    return n;
+}
+
+int IndexHandle::ingestDirectoryHere(int chunkSize, int overlap, const FileWalkOptions &walk,
+                                     const ProgressFn &progress, TrnUpdateReport *report)
 {
     TrnUpdateReport local{};
     if (!report) {
@@ -169,7 +219,7 @@ int IndexHandle::ingestDirectory(int chunkSize, int overlap, const FileWalkOptio
     }
     m_updateRunning = true;
     m_cancelUpdate = false;
-    UpdateProgress state{&progress, report, &lock, &m_cancelUpdate};
+    UpdateProgress state{&progress, report, &lock, &m_cancelUpdate, &m_paused, &m_pauseChanged};
     // m_handle stays while m_updateRunning: clearAndReopen waits for the update to stop.
     const int32_t n = trn_update_dir(m_handle,
                                      dir.constData(),

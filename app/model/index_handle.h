@@ -87,6 +87,14 @@ public:
     // report, when given, says what the update did.
     int ingestDirectory(int chunkSize, int overlap, const FileWalkOptions &walk,
                         const ProgressFn &progress = {}, TrnUpdateReport *report = nullptr);
+    // With idle set, ingestDirectory runs the update on a thread started for it at idle CPU and
+    // I/O priority (trn_set_thread_idle), so indexing only takes what nothing else wants; the
+    // caller waits for it. Off by default.
+    void setIdlePriority(bool idle);
+    // A paused update waits after its current file, with the lock open (searches go on), until
+    // it is resumed or cancelled.
+    void setPaused(bool paused);
+    bool isPaused() const;
 
     // At most k results (k >= 0; the engine gives at most 64). Empty when not open or k is 0.
     // ByFile: at most k files, each once with its best passage and moreInFile set.
@@ -104,6 +112,8 @@ public:
     bool checkpoint();
 
 private:
+    int ingestDirectoryHere(int chunkSize, int overlap, const FileWalkOptions &walk,
+                            const ProgressFn &progress, TrnUpdateReport *report);
     void openLocked(const QString &weightsPath, uint32_t flags); // m_mutex held
     void noteFailureLocked(int status, const char *message);     // m_mutex held
 
@@ -115,7 +125,10 @@ private:
     int m_lastStatus = TRN_STATUS_OK; // guarded by m_mutex
     bool m_updateRunning = false;     // guarded by m_mutex
     bool m_cancelUpdate = false;      // guarded by m_mutex
+    bool m_paused = false;            // guarded by m_mutex
+    bool m_idlePriority = false;      // guarded by m_mutex
     std::condition_variable m_updateEnded;
+    std::condition_variable m_pauseChanged; // with m_mutex: m_paused or m_cancelUpdate changed
 };
 
 // The engine's informational lines on standard error (trn_set_verbose), process-wide.

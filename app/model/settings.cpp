@@ -32,6 +32,7 @@ const SettingDefault *defaultsTable(size_t *count)
         {"editorCommand", QString()},
         {"watchDirectories", true},
         {"watchSettleMs", 2000},
+        {"indexAtIdlePriority", true},
     };
     *count = sizeof(table) / sizeof(table[0]);
     return table;
@@ -146,6 +147,11 @@ void Settings::setOverlap(int value)
 bool Settings::watchDirectories() const
 {
     return read(QStringLiteral("watchDirectories")).toBool();
+}
+
+bool Settings::indexAtIdlePriority() const
+{
+    return read(QStringLiteral("indexAtIdlePriority")).toBool();
 }
 
 int Settings::watchSettleMs() const
@@ -420,6 +426,25 @@ QByteArray Settings::pinnedResultsData(const QString &directoryPath) const
 void Settings::setPinnedResultsData(const QString &directoryPath, const QByteArray &json)
 {
     writeData(directoryKey(QLatin1String(kPinnedResultsPrefix), directoryPath), json);
+}
+
+bool Settings::isIndexingUnfinished(const QString &directoryPath) const
+{
+    const QString key = directoryKey(QLatin1String(kIndexingUnfinishedPrefix), directoryPath);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_storage->value(key).toBool();
+}
+
+void Settings::setIndexingUnfinished(const QString &directoryPath, bool unfinished)
+{
+    const QString key = directoryKey(QLatin1String(kIndexingUnfinishedPrefix), directoryPath);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (unfinished) {
+        m_storage->setValue(key, true);
+    } else {
+        m_storage->remove(key);
+    }
+    m_storage->sync();
 }
 
 std::optional<QString> Settings::encoderOverride(const QString &directoryPath) const

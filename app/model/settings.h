@@ -28,11 +28,15 @@
 **                                                   editorPresets() (app/ui/result_opener.h)
 **   editorCommand            string        ""       the custom command, {file} and {line}
 **   watchDirectories         bool          true     open tabs follow changes of their directory
+**   indexAtIdlePriority      bool          true     indexing takes only CPU and disk time that
+**                                                   nothing else wants
 **   watchSettleMs            int           2000     quiet time after a change before the update;
 **                                                   below 0 reads as 2000
 **   searchHistory_<path>     JSON bytes    absent   a tab's search history
 **   pinnedResults_<path>     JSON bytes    absent   a tab's pinned results
 **   encoderOverride_<path>   string UUID   absent   a tab's encoder override
+**   indexingUnfinished_<path> bool         false    an indexing of the directory began and has
+**                                                   not finished: the tab goes on with it
 **   trainingProfiles         JSON bytes    absent   all training profiles
 **   defaultTrainingProfile   string UUID   absent   id of the default training profile
 **
@@ -96,6 +100,7 @@ public:
     static constexpr const char *kSearchHistoryPrefix = "searchHistory_";
     static constexpr const char *kPinnedResultsPrefix = "pinnedResults_";
     static constexpr const char *kEncoderOverridePrefix = "encoderOverride_";
+    static constexpr const char *kIndexingUnfinishedPrefix = "indexingUnfinished_";
 
     // Takes ownership of storage.
     explicit Settings(QSettings *storage, QObject *parent = nullptr);
@@ -150,6 +155,7 @@ public:
     // Live updates of open tabs (directory_watcher.h).
     bool watchDirectories() const;
     int watchSettleMs() const;
+    bool indexAtIdlePriority() const;
 
     // What indexing uses: a stored value below 1 (or one that is not a number) counts as the
     // default, and a pair outside the limits of setChunking counts as both defaults.
@@ -171,6 +177,9 @@ public:
     void setPinnedResultsData(const QString &directoryPath, const QByteArray &json);
     std::optional<QString> encoderOverride(const QString &directoryPath) const;
     void setEncoderOverride(const QString &directoryPath, const std::optional<QString> &uuidText);
+    // Written to disk at once: what it records must survive the process being killed.
+    bool isIndexingUnfinished(const QString &directoryPath) const;
+    void setIndexingUnfinished(const QString &directoryPath, bool unfinished);
 
     // Training profiles.
     QByteArray trainingProfilesData() const;

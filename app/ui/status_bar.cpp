@@ -67,6 +67,16 @@ StatusBarView::StatusBarView(AppState *app, TrainingManager *training, QWidget *
         }
     });
 
+    m_pause = new QToolButton(this);
+    m_pause->setObjectName(QStringLiteral("pauseIndexingButton"));
+    m_pause->setAutoRaise(true);
+    connect(m_pause, &QToolButton::clicked, this, [this] {
+        if (m_state) {
+            m_state->setIndexingPaused(!m_state->isIndexingPaused());
+        }
+    });
+    addPermanentWidget(m_pause);
+
     m_reindex = new QToolButton(this);
     m_reindex->setObjectName(QStringLiteral("reindexButton"));
     m_reindex->setText(tr("Re-index directory"));
@@ -117,6 +127,9 @@ void StatusBarView::setState(DirectoryState *state)
         connect(state, &DirectoryState::isIngestingChanged, m_stateLink, [this] {
             syncProgress();
         });
+        connect(state, &DirectoryState::isIndexingPausedChanged, m_stateLink, [this] {
+            syncProgress();
+        });
         connect(state, &DirectoryState::ingestFilesDoneChanged, m_stateLink, [this] {
             syncProgress();
         });
@@ -149,6 +162,9 @@ void StatusBarView::syncProgress()
     const bool busy = m_state && m_state->isIngesting();
     m_progress->setVisible(busy);
     m_reindex->setEnabled(!busy);
+    const bool paused = m_state && m_state->isIndexingPaused();
+    m_pause->setVisible(busy || paused);
+    m_pause->setText(paused ? tr("Resume indexing") : tr("Pause indexing"));
     if (!busy) {
         return;
     }

@@ -34,6 +34,7 @@ public:
     QLabel *branchLabel() const { return m_branch; }
     QComboBox *encoderPicker() const { return m_encoder; }
     QToolButton *reindexButton() const { return m_reindex; }
+    QToolButton *pauseButton() const { return m_pause; }
 
 protected:
     void changeEvent(QEvent *event) override;
@@ -59,6 +60,7 @@ private:
     QLabel *m_branch;
     QComboBox *m_encoder;
     QToolButton *m_reindex;
+    QToolButton *m_pause;  // shown while indexing: Pause, or Resume when paused
     QIcon m_reindexIcon;   // the theme's, drawn in the palette's colour on the button
     bool m_synced = false; // setState has shown the widgets for a state (or for none)
 };

@@ -13,12 +13,22 @@
 **
 ** Nothing else runs on the workers: they never touch the handle's chunks, graph or log, so the
 ** caller's serialisation of calls on one handle still covers everything.
+**
+** embed_distinct_chunks embeds each distinct text once. Licence headers, vendored copies and a
+** file read again after a kill give chunks whose text the index already holds; their vector is
+** copied from a live chunk with the same text, found through a hash table of the chunk texts
+** that is brought up to date before each use. An entry whose slot was removed or renumbered by
+** a compaction is harmless: a hit counts only when that slot's text is equal and live, and its
+** vector is then the one this text gets.
 */
 #include "internal.h"
+#include "storage/manifest.h"
 
 #include <atomic>
 #include <cblas.h>
 #include <cstring>
+#include <unordered_map>
+#include <vector>
 
 #include <pthread.h>
 #include <sched.h>
@@ -157,8 +167,142 @@ void embed_chunks(TrnEngine *e, const char *const *texts, size_t count, float *o
     }
 }
 
+namespace
+{
+
+uint64_t hash_of(const char *text)
+{
+    return text_hash(text, strlen(text));
+}
+
+/* The entry's slot + 1 for slot with a text of hash h. */
+uint64_t text_entry(uint64_t h, uint64_t slot)
+{
+    return (h & 0xFFFFFFFF00000000ull) | (slot + 1);
+}
+
+/* Entries keep only the hash's high 32 bits, so those pick the place too (a table never grows
+** past 2^32 entries: slots are 32-bit). */
+void text_table_put(TrnEngine *e, uint64_t h, uint64_t slot)
+{
+    uint64_t mask = e->text_table_size - 1;
+    uint64_t i = (h >> 32) & mask;
+    while (e->text_table[i] != 0) {
+        i = (i + 1) & mask;
+    }
+    e->text_table[i] = text_entry(h, slot);
+    e->text_table_used++;
+}
+
+/* Adds the live slots from text_slots to count; starts again when the chunks were cleared or
+** compacted below what the table covers. */
+void text_table_sync(TrnEngine *e)
+{
+    if (e->text_slots > e->count) {
+        free(e->text_table);
+        e->text_table = nullptr;
+        e->text_table_size = e->text_table_used = e->text_slots = 0;
+    }
+    /* At most half full after the additions. */
+    uint64_t need = e->text_table_used + (e->count - e->text_slots);
+    if (!e->text_table || need * 2 > e->text_table_size) {
+        uint64_t size = 1024;
+        while (size < need * 2) {
+            size *= 2;
+        }
+        uint64_t *old = e->text_table;
+        uint64_t old_size = e->text_table_size;
+        e->text_table = static_cast<uint64_t *>(xcalloc((size_t)size, sizeof(uint64_t)));
+        e->text_table_size = size;
+        e->text_table_used = 0;
+        for (uint64_t i = 0; i < old_size; i++) {
+            if (old[i] != 0) {
+                uint64_t slot = (old[i] & 0xFFFFFFFFull) - 1;
+                text_table_put(e, old[i] & 0xFFFFFFFF00000000ull, slot);
+            }
+        }
+        free(old);
+    }
+    for (uint64_t slot = e->text_slots; slot < e->count; slot++) {
+        const TrnChunk *c = &e->chunks[slot];
+        if (!c->deleted && c->text) {
+            text_table_put(e, hash_of(c->text), slot);
+        }
+    }
+    e->text_slots = e->count;
+}
+
+/* A live slot whose text is text (of hash h), or -1. */
+int64_t text_table_find(const TrnEngine *e, uint64_t h, const char *text)
+{
+    uint64_t mask = e->text_table_size - 1;
+    for (uint64_t i = (h >> 32) & mask; e->text_table[i] != 0; i = (i + 1) & mask) {
+        uint64_t entry = e->text_table[i];
+        if ((entry & 0xFFFFFFFF00000000ull) != (h & 0xFFFFFFFF00000000ull)) {
+            continue;
+        }
+        uint64_t slot = (entry & 0xFFFFFFFFull) - 1;
+        const TrnChunk *c = slot < e->count ? &e->chunks[slot] : nullptr;
+        if (c && !c->deleted && c->text && strcmp(c->text, text) == 0) {
+            return (int64_t)slot;
+        }
+    }
+    return -1;
+}
+
+} // namespace
+
+void embed_distinct_chunks(TrnEngine *e, const char *const *texts, size_t count, float *out)
+{
+    const size_t dim = (size_t)e->dim;
+    text_table_sync(e);
+    /* source[i]: -1 to embed, else the index of an earlier text of the list to copy. */
+    std::vector<int64_t, XAllocator<int64_t>> source(count, -1);
+    std::vector<uint64_t, XAllocator<uint64_t>> hashes(count);
+    std::vector<const char *, XAllocator<const char *>> fresh;
+    std::vector<size_t, XAllocator<size_t>> fresh_rows;
+    /* The first text of the list with each hash (a collision only costs a second embedding). */
+    std::unordered_map<uint64_t,
+                       size_t,
+                       std::hash<uint64_t>,
+                       std::equal_to<uint64_t>,
+                       XAllocator<std::pair<const uint64_t, size_t>>>
+        earlier;
+    for (size_t i = 0; i < count; i++) {
+        hashes[i] = hash_of(texts[i]);
+        int64_t slot = text_table_find(e, hashes[i], texts[i]);
+        if (slot >= 0) {
+            memcpy(out + i * dim, e->vectors + (uint64_t)slot * dim, dim * sizeof(float));
+            source[i] = (int64_t)i; /* done */
+            continue;
+        }
+        auto first = earlier.find(hashes[i]);
+        if (first != earlier.end() && strcmp(texts[first->second], texts[i]) == 0) {
+            source[i] = (int64_t)first->second;
+            continue;
+        }
+        earlier.emplace(hashes[i], i);
+        fresh.push_back(texts[i]);
+        fresh_rows.push_back(i);
+    }
+    std::vector<float, XAllocator<float>> vectors(fresh.size() * dim);
+    embed_chunks(e, fresh.data(), fresh.size(), vectors.data());
+    e->texts_embedded += fresh.size();
+    for (size_t f = 0; f < fresh.size(); f++) {
+        memcpy(out + fresh_rows[f] * dim, vectors.data() + f * dim, dim * sizeof(float));
+    }
+    for (size_t i = 0; i < count; i++) {
+        if (source[i] >= 0 && (size_t)source[i] != i) {
+            memcpy(out + i * dim, out + (size_t)source[i] * dim, dim * sizeof(float));
+        }
+    }
+}
+
 void embed_free_scratch(TrnEngine *e)
 {
+    free(e->text_table);
+    e->text_table = nullptr;
+    e->text_table_size = e->text_table_used = e->text_slots = 0;
     if (!e->embed_scratch) {
         return;
     }

@@ -19,10 +19,14 @@ void embed_chunk_with(TrnEngine *e, TrnScratch *scratch, const char *text, float
 /* Embeds count texts into out (count x dim floats, row i for text i) as embed_chunk does, on up
 ** to e->embed_threads threads; the same bits as embedding them one after another. */
 void embed_chunks(TrnEngine *e, const char *const *texts, size_t count, float *out);
+/* As embed_chunks, each distinct text once: a text equal to a live chunk's of the handle, or to
+** an earlier one of texts, gets a copy of that vector (the bits embedding it again would give). */
+void embed_distinct_chunks(TrnEngine *e, const char *const *texts, size_t count, float *out);
 /* The number of embedding workers a new handle gets: the cores this process may run on, at most
 ** 8. The first call sets OpenBLAS to one thread for the process. */
 int32_t embed_threads_default(void);
-/* Frees the workers' scratch spaces (the encoder's own one goes with the encoder). */
+/* Frees the workers' scratch spaces (the encoder's own one goes with the encoder) and the table
+** of chunk texts. */
 void embed_free_scratch(TrnEngine *e);
 
 #endif /* TRN_EMBED_H */

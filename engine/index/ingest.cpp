@@ -19,7 +19,8 @@
 ** fall between lines or words where one is within the slack. Each window becomes one chunk with
 ** the key "<path>:<ordinal>" (cut at 255 bytes),
 ** the 1-based line on which it starts and the file type. All windows of one text are embedded and
-** normalised first, on the processor's cores (embed.cpp) and without the index's lock; then,
+** normalised first, on the processor's cores (embed.cpp) and without the index's lock, each
+** text the index already holds taking the vector it has there; then,
 ** under its exclusive lock, they are appended to the write-ahead log as one synced group
 ** (wal.cpp), and only then given random graph levels and linked into the graph. A text whose
 ** group could not be written adds nothing.
@@ -331,6 +332,28 @@ struct PendingChunk {
     int32_t line_number;
 };
 
+/* True when the live chunks of path are exactly pending, in order, of type: replacing them
+** would change nothing but their slots. */
+bool held_chunks_equal(const TrnEngine *e, const char *path,
+                       const std::vector<PendingChunk, XAllocator<PendingChunk>> &pending,
+                       uint32_t type)
+{
+    size_t matched = 0;
+    for (uint64_t i = 0; i < e->count; i++) {
+        const TrnChunk *c = &e->chunks[i];
+        if (c->deleted || !c->file_path || strcmp(c->file_path, path) != 0) {
+            continue;
+        }
+        if (c->chunk_index < 0 || (size_t)c->chunk_index != matched || matched >= pending.size()
+            || c->file_type != type || c->line_number != pending[matched].line_number
+            || strcmp(c->text, pending[matched].text) != 0) {
+            return false;
+        }
+        matched++;
+    }
+    return matched == pending.size();
+}
+
 } // namespace
 
 static int32_t chunk_and_store(TrnEngine *e, const char *path, const char *text, int64_t length,
@@ -389,13 +412,21 @@ static int32_t chunk_and_store(TrnEngine *e, const char *path, const char *text,
         p.line_number = 1 + line_feeds;
         pending.push_back(p);
     }
+    /* A file read again whose chunks are already held (an update killed before it noted the
+    ** file) keeps them as they are. */
+    if (replace && held_chunks_equal(e, path, pending, type)) {
+        for (PendingChunk &p : pending) {
+            free(p.text);
+        }
+        return (int32_t)pending.size();
+    }
     std::vector<const char *, XAllocator<const char *>> texts;
     texts.reserve(pending.size());
     for (const PendingChunk &c : pending) {
         texts.push_back(c.text);
     }
     vectors.resize(pending.size() * (size_t)e->dim);
-    embed_chunks(e, texts.data(), texts.size(), vectors.data());
+    embed_distinct_chunks(e, texts.data(), texts.size(), vectors.data());
 
     int32_t added = -1;
     if (write_begin(e)) {

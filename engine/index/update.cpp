@@ -42,8 +42,12 @@ namespace
 ** seconds) let a write just after a read keep the same mtime: a file modified this close to the
 ** moment it was read is read again by the next update. */
 constexpr int64_t RECENT_NS = 3000000000ll;
-/* A long update writes the manifest this often, so a kill costs at most this much reading. */
-constexpr int64_t MANIFEST_INTERVAL_NS = 5000000000ll;
+/* An update writes the manifest after a file that changed the index once the chunks written
+** since the last write, times this, reach the manifest's entries. Embedding a chunk costs far
+** more than writing 64 entries, so the manifest stays a small share of the run however large it
+** grows, and a kill costs reading again only the files of the last moments (one, in a small
+** tree). Counted in chunks, not time, so a run makes the same system calls every time. */
+constexpr uint64_t MANIFEST_ENTRIES_PER_CHUNK = 64;
 
 using XString = std::basic_string<char, std::char_traits<char>, XAllocator<char>>;
 
@@ -160,7 +164,7 @@ bool same_stat(const ManifestEntry &e, const FoundFile &w)
 
 /* Writes next, with the old entries of the files still to be read (their times differ from the
 ** files', so they are read again; their hashes spare the embedding), under the exclusive lock. */
-void write_manifest(TrnEngine *e, const char *path, const Manifest *next, const Manifest *old,
+void write_manifest(TrnEngine *e, const Manifest *next, const Manifest *old,
                     const std::vector<Work, XAllocator<Work>> &work, size_t next_work)
 {
     Manifest out = *next;
@@ -178,7 +182,7 @@ void write_manifest(TrnEngine *e, const char *path, const Manifest *next, const 
         out.count = next->count + extra.count;
     }
     if (lock_take(e, LOCK_EX, g_busy_timeout_ms)) {
-        manifest_write(path, &out);
+        manifest_write(e, &out);
         lock_release(e);
     }
     if (extra.count > 0) {
@@ -230,13 +234,11 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
     index_refresh_for_read(e);
 
     const bool has_files = e->store_path[0] != '\0';
-    char manifest_path[TRN_PATH_MAX + 16] = "";
     Manifest old = {};
     bool trusted = false;
     if (has_files) {
-        index_file_path(e, "tarnwick.files", manifest_path, sizeof manifest_path);
         /* A rebuild starts from nothing; the old manifest describes the index it replaces. */
-        trusted = !e->rebuild && manifest_read(manifest_path, &old) && old.chunk_size == chunk_size
+        trusted = !e->rebuild && manifest_read(e, &old) && old.chunk_size == chunk_size
                   && old.overlap == overlap && old.text_version == MANIFEST_TEXT_VERSION;
     }
     bool dirty = has_files && !trusted;
@@ -317,7 +319,7 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
     bool keep_going = !progress || progress(nullptr, 0, total, user);
     bool failed = false;
     bool changed_index = false;
-    int64_t last_manifest = now_ns();
+    uint64_t chunks_since_manifest = 0; /* chunks written, or 1 for a removal */
     size_t done = 0;
     for (; keep_going && done < work.size(); done++) {
         const Work &job = work[done];
@@ -331,6 +333,7 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
             }
             report->removed++;
             changed_index = true;
+            chunks_since_manifest++;
         } else {
             int64_t read_at = now_ns();
             bool binary = false;
@@ -350,6 +353,7 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
                     }
                     report->removed++;
                     changed_index = true;
+                    chunks_since_manifest++;
                 }
             } else if (!text) {
                 report->failed++; /* no entry: the next update tries again */
@@ -377,6 +381,7 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
                     }
                     report->chunks_added += n;
                     changed_index = true;
+                    chunks_since_manifest += n > 0 ? (uint64_t)n : 1;
                 }
                 manifest_add(&next, &entry);
                 free(text);
@@ -386,9 +391,10 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
             keep_going = false;
             report->cancelled = 1;
         }
-        if (has_files && !e->rebuild && now_ns() - last_manifest > MANIFEST_INTERVAL_NS) {
-            write_manifest(e, manifest_path, &next, &old, work, done + 1);
-            last_manifest = now_ns();
+        if (has_files && !e->rebuild && chunks_since_manifest > 0
+            && chunks_since_manifest * MANIFEST_ENTRIES_PER_CHUNK >= next.count) {
+            write_manifest(e, &next, &old, work, done + 1);
+            chunks_since_manifest = 0;
         }
     }
     if (changed_index) {
@@ -408,7 +414,7 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
     }
     if (has_files && dirty && !e->rebuild) {
         /* The files from done on were not handled: they keep their old entries. */
-        write_manifest(e, manifest_path, &next, &old, work, done);
+        write_manifest(e, &next, &old, work, done);
     }
     manifest_free(&next);
     manifest_free(&old);

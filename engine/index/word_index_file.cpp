@@ -6,7 +6,7 @@
 ** writer keeps a copy beside the store, "tarnwick.lex", written after every checkpoint
 ** (lex_save) and read when a handle loads that store (lex_load), before the log is replayed; the
 ** log's chunks are then added by the first lex_sync. The store and the log never depend on it:
-** it is written after them, under a temporary name from mkstemp (mode 0600), synced and renamed
+** it is written after them, under a unique temporary name (mode 0600), synced and renamed
 ** into place, and one that is missing, of another version, damaged or made for another store is
 ** ignored, and the index is built from the texts at the first keyword or hybrid search instead.
 ** Readers never write it. Layout, little-endian, no padding:
@@ -140,13 +140,13 @@ void out_put(LexOut *o, const void *p, size_t n)
     }
 }
 
-/* The index file at path, mapped read-only, when its header names the store e loaded and its chunk
-** count; NULL otherwise, without reading further. *size is the mapping's length. The pages are
-** mapped at once: one fault per page costs more than reading them. Postings that change are
-** copied out first (add_chunk, lex_compact). */
-uint8_t *map_matching(const TrnEngine *e, const char *path, size_t *size)
+/* The word index file "tarnwick.lex", mapped read-only, when its header names the store e loaded
+** and its chunk count; NULL otherwise, without reading further. *size is the mapping's length. The
+** pages are mapped at once: one fault per page costs more than reading them. Postings that change
+** are copied out first (add_chunk, lex_compact). */
+uint8_t *map_matching(const TrnEngine *e, size_t *size)
 {
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    int fd = index_open(e, "tarnwick.lex", O_RDONLY);
     if (fd < 0) {
         return nullptr;
     }
@@ -269,10 +269,8 @@ void lex_load(TrnEngine *e)
     if (!e->store_present || e->count == 0) {
         return;
     }
-    char path[TRN_PATH_MAX + 16];
-    index_file_path(e, "tarnwick.lex", path, sizeof path);
     size_t n = 0;
-    uint8_t *b = map_matching(e, path, &n);
+    uint8_t *b = map_matching(e, &n);
     if (!b) {
         return;
     }
@@ -281,7 +279,7 @@ void lex_load(TrnEngine *e)
     if (!lex_from_bytes(x, e, b, n)) {
         lex_free(e);
         munmap(b, n);
-        verbose_note("ignored the word index file %s", path);
+        verbose_note("ignored the word index file of %s", e->store_path);
     }
 }
 
@@ -289,11 +287,8 @@ bool lex_save(TrnEngine *e)
 {
     lex_sync(e);
     TrnLexical *x = e->lexical;
-    char path[TRN_PATH_MAX + 16];
-    index_file_path(e, "tarnwick.lex", path, sizeof path);
-    char tmp[TRN_PATH_MAX + 32];
-    snprintf(tmp, sizeof tmp, "%s.XXXXXX", path);
-    int fd = mkstemp(tmp);
+    char tmp[64];
+    int fd = index_open_temp(e, "tarnwick.lex", tmp, sizeof tmp);
     if (fd < 0) {
         return false;
     }
@@ -345,8 +340,8 @@ bool lex_save(TrnEngine *e)
     encode_header(&h, head);
     bool ok = o->ok && pwrite(fd, head, sizeof head, 0) == (ssize_t)sizeof head && fsync(fd) == 0;
     ok = close(fd) == 0 && ok;
-    if (!ok || rename(tmp, path) != 0) {
-        unlink(tmp);
+    if (!ok || !index_rename(e, tmp, "tarnwick.lex")) {
+        index_unlink(e, tmp);
         return false;
     }
     return true;

@@ -19,6 +19,7 @@
 */
 #include "internal.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstring>
 #include <memory>
@@ -257,6 +258,9 @@ void rank_keyword(TrnEngine *e, const char *query, int32_t depth, Ranking *out)
 void rank_text(TrnEngine *e, const char *query, int32_t depth, Ranking *out)
 {
     size_t qlen = strlen(query);
+    if (qlen > 0 && strspn(query, " \t\r\n\f\v") == qlen) {
+        return; /* white space alone is in nearly every chunk: it finds nothing */
+    }
     std::unique_ptr<unsigned char, FreeDeleter> lowered((unsigned char *)xmalloc(qlen + 1));
     unsigned char *nl = lowered.get();
     for (size_t j = 0; j < qlen; j++) {
@@ -374,7 +378,18 @@ RegexPtr compile_regex(const char *pattern, char *message, size_t size)
     void *memory = xmalloc(sizeof(RE2));
     RegexPtr re(new (memory) RE2(pattern, options));
     if (!re->ok()) {
-        set_message(message, size, "invalid regular expression: %s", re->error().c_str());
+        /* RE2 quotes the rest of the pattern after the problem: a short start of it is enough. */
+        const std::string &why = re->error();
+        int shown = (int)std::min<size_t>(why.size(), 80);
+        while (shown < (int)why.size() && (why[(size_t)shown] & 0xC0) == 0x80) {
+            shown--;
+        }
+        set_message(message,
+                    size,
+                    "invalid regular expression: %.*s%s",
+                    shown,
+                    why.c_str(),
+                    shown < (int)why.size() ? "..." : "");
         return nullptr;
     }
     return re;

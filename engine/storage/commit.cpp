@@ -8,6 +8,9 @@
 **   tarnwick.lock    empty. flock(2) on it: shared while a handle loads, exclusive while it
 **                    writes. Locks are taken per operation, never held between calls, so a
 **                    long-lived handle (an application tab) never blocks a command-line search.
+**   tarnwick.turn    empty. A writer holds it exclusively while it waits for the lock, and a
+**                    reader takes it shared (and drops it at once) before its own: a waiting
+**                    writer stops new readers, so readers that keep coming cannot starve it.
 **   tarnwick.commit  the commit record, 48 bytes, little-endian:
 **
 **     offset  size  field
@@ -22,7 +25,7 @@
 **         44     4  uint32 CRC-32 of bytes 0..43
 **
 ** A checkpoint (store.cpp) commits in four steps, each file written under a unique temporary
-** name from mkstemp, synced, renamed into place and its directory synced:
+** name ("<name>.XXXXXX"), synced, renamed into place and its directory synced:
 **   1. the new store under its temporary name;
 **   2. the commit record of generation g + 1, naming the new store, and the current store as the
 **      previous one;
@@ -142,17 +145,17 @@ struct Mapped {
     bool present;
 };
 
-bool map_file(const char *path, Mapped *m)
+bool map_file(const TrnEngine *e, const char *name, Mapped *m)
 {
     m->bytes = nullptr;
     m->size = 0;
     m->present = false;
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    int fd = index_open(e, name, O_RDONLY);
     if (fd < 0) {
         return errno == ENOENT;
     }
     struct stat st;
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    if (fstat(fd, &st) != 0) {
         close(fd);
         return false;
     }
@@ -177,6 +180,24 @@ void unmap_file(Mapped *m)
         munmap(const_cast<uint8_t *>(m->bytes), m->size);
     }
     m->bytes = nullptr;
+}
+
+/* Replays the handle's own log; a missing log is an empty one. */
+bool wal_replay_index(TrnEngine *e, uint64_t from, bool apply)
+{
+    int fd = index_open(e, "tarnwick.wal", O_RDONLY);
+    if (fd < 0) {
+        if (from == 0) {
+            e->wal_end = 0;
+            e->wal_chunks = 0;
+            e->wal_legacy = 0;
+            e->wal_stale = 0;
+        }
+        return true;
+    }
+    bool whole = wal_replay_fd(e, fd, from, apply);
+    close(fd);
+    return whole;
 }
 
 /* Forgets which store the handle loaded: the next commit starts a new chain of generations. */
@@ -223,19 +244,6 @@ uint32_t crc32_update(uint32_t crc, const void *p, size_t n)
     return (uint32_t)c;
 }
 
-void index_file_path(const TrnEngine *e, const char *name, char *out, size_t size)
-{
-    char dir[TRN_PATH_MAX];
-    snprintf(dir, sizeof dir, "%s", e->store_path);
-    char *slash = strrchr(dir, '/');
-    if (slash) {
-        *slash = '\0';
-        snprintf(out, size, "%s/%s", dir, name);
-    } else {
-        snprintf(out, size, "%s", name);
-    }
-}
-
 bool fail_status(TrnEngine *e, int32_t status, int io_error)
 {
     char dir[TRN_PATH_MAX];
@@ -265,27 +273,38 @@ void status_clear(TrnEngine *e)
     e->error[0] = '\0';
 }
 
-bool lock_take(TrnEngine *e, int op, int timeout_ms)
+namespace
 {
-    if (!e->lock_open) {
-        char path[TRN_PATH_MAX + 16];
-        index_file_path(e, "tarnwick.lock", path, sizeof path);
-        int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-        if (fd < 0) {
-            fd = open(path, O_RDONLY | O_CLOEXEC);
-        }
-        if (fd < 0) {
-            /* A directory that cannot hold the lock file cannot be written either: reads go
-            ** ahead unlocked, writes meet the failure themselves. */
-            return true;
-        }
-        e->lock_fd = fd;
-        e->lock_open = 1;
+
+/* Opens an empty lock file of the index directory; -1 when it cannot be had. */
+int open_lock_file(const TrnEngine *e, const char *name)
+{
+    /* The directory is the user's alone, so no other user can make or hold this lock. */
+    int fd = index_open(e, name, O_RDWR | O_CREAT);
+    if (fd < 0 && (errno == ELOOP || errno == EINVAL)) {
+        /* A link or other non-file in its place was planted: a lock that cannot be taken
+        ** would let writers run together, and removing the name touches nothing else. */
+        index_unlink(e, name);
+        fd = index_open(e, name, O_RDWR | O_CREAT);
     }
-    struct timespec start;
-    clock_gettime(CLOCK_MONOTONIC, &start);
+    if (fd < 0) {
+        fd = index_open(e, name, O_RDONLY);
+    }
+    return fd;
+}
+
+long ms_since(const struct timespec *start)
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return (now.tv_sec - start->tv_sec) * 1000 + (now.tv_nsec - start->tv_nsec) / 1000000;
+}
+
+/* flock(fd, op), retried until timeout_ms have passed since start. */
+bool flock_until(int fd, int op, const struct timespec *start, int timeout_ms)
+{
     for (;;) {
-        if (flock(e->lock_fd, op | LOCK_NB) == 0) {
+        if (flock(fd, op | LOCK_NB) == 0) {
             return true;
         }
         if (errno == EINTR) {
@@ -294,14 +313,49 @@ bool lock_take(TrnEngine *e, int op, int timeout_ms)
         if (errno != EWOULDBLOCK) {
             return true; /* a file system without flock: nothing to wait for */
         }
-        struct timespec now;
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        long waited = (now.tv_sec - start.tv_sec) * 1000 + (now.tv_nsec - start.tv_nsec) / 1000000;
-        if (waited >= timeout_ms) {
+        if (ms_since(start) >= timeout_ms) {
             return false;
         }
-        usleep(10000);
+        usleep(5000);
     }
+}
+
+} // namespace
+
+bool lock_take(TrnEngine *e, int op, int timeout_ms)
+{
+    if (!e->lock_open) {
+        int fd = open_lock_file(e, "tarnwick.lock");
+        if (fd < 0) {
+            /* A directory that cannot hold the lock file cannot be written either: reads go
+            ** ahead unlocked, writes meet the failure themselves. */
+            return true;
+        }
+        e->lock_fd = fd;
+        e->lock_open = 1;
+    }
+    if (!e->turn_open) {
+        int fd = open_lock_file(e, "tarnwick.turn");
+        if (fd >= 0) {
+            e->turn_fd = fd;
+            e->turn_open = 1;
+        }
+    }
+    struct timespec start;
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    if (e->turn_open) {
+        if (!flock_until(e->turn_fd, op, &start, timeout_ms)) {
+            return false;
+        }
+        if (op == LOCK_SH) {
+            flock(e->turn_fd, LOCK_UN);
+        }
+    }
+    bool taken = flock_until(e->lock_fd, op, &start, timeout_ms);
+    if (e->turn_open && op == LOCK_EX) {
+        flock(e->turn_fd, LOCK_UN); /* holding the lock now, or giving up */
+    }
+    return taken;
 }
 
 void lock_release(TrnEngine *e)
@@ -314,9 +368,7 @@ void lock_release(TrnEngine *e)
 void disk_view_read(const TrnEngine *e, TrnDiskView *v)
 {
     memset(v, 0, sizeof *v);
-    char path[TRN_PATH_MAX + 16];
-    index_file_path(e, "tarnwick.commit", path, sizeof path);
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    int fd = index_open(e, "tarnwick.commit", O_RDONLY);
     if (fd >= 0) {
         v->has_commit = 1;
         ssize_t n = read(fd, v->commit, sizeof v->commit);
@@ -324,13 +376,13 @@ void disk_view_read(const TrnEngine *e, TrnDiskView *v)
         close(fd);
     }
     struct stat st;
-    if (stat(e->store_path, &st) == 0) {
+    if (index_stat(e, "tarnwick.bin", &st)) {
         v->has_store = 1;
         v->store_ino = (uint64_t)st.st_ino;
         v->store_size = (uint64_t)st.st_size;
         v->store_mtime_ns = (int64_t)st.st_mtim.tv_sec * 1000000000 + st.st_mtim.tv_nsec;
     }
-    if (stat(e->wal_path, &st) == 0) {
+    if (index_stat(e, "tarnwick.wal", &st)) {
         v->has_wal = 1;
         v->wal_ino = (uint64_t)st.st_ino;
         v->wal_size = (uint64_t)st.st_size;
@@ -352,7 +404,7 @@ bool index_load(TrnEngine *e, bool replay)
         return fail_status(e, TRN_STATUS_DAMAGED, 0);
     }
     Mapped store;
-    if (!map_file(e->store_path, &store)) {
+    if (!map_file(e, "tarnwick.bin", &store)) {
         return fail_status(e, TRN_STATUS_DAMAGED, 0);
     }
     uint32_t crc = crc32_update(0, store.bytes, store.size);
@@ -386,7 +438,7 @@ bool index_load(TrnEngine *e, bool replay)
     if (replay) {
         lex_load(e);
     }
-    if (!wal_replay(e, e->wal_path, 0, replay)) {
+    if (!wal_replay_index(e, 0, replay)) {
         index_reset(e);
         return fail_status(e, TRN_STATUS_DAMAGED, 0);
     }
@@ -408,7 +460,7 @@ bool index_refresh_locked(TrnEngine *e)
     ** log back to its last whole group, which is at or after the one this handle read. */
     if (same_state(&v, &e->seen) && v.wal_size >= e->wal_end && !e->wal_legacy && !e->wal_stale) {
         uint64_t count = e->count, deleted = e->deleted_count;
-        if (!wal_replay(e, e->wal_path, e->wal_end)) {
+        if (!wal_replay_index(e, e->wal_end, true)) {
             index_reset(e);
             return fail_status(e, TRN_STATUS_DAMAGED, 0);
         }
@@ -465,8 +517,13 @@ bool write_begin(TrnEngine *e)
         lock_release(e);
         return false;
     }
-    /* A log of an older version, or none yet, has no groups to follow: start from a checkpoint. */
+    /* A log of an older version, or none yet, has no groups to follow: start from a checkpoint,
+    ** which must wait for a rebuild to end. */
     if (!e->has_commit || e->wal_legacy) {
+        if (rebuild_running(e)) {
+            lock_release(e);
+            return fail_status(e, TRN_STATUS_BUSY, 0);
+        }
         if (!checkpoint_locked(e)) {
             lock_release(e);
             return false;
@@ -476,7 +533,7 @@ bool write_begin(TrnEngine *e)
         fclose(e->wal);
         e->wal = nullptr;
     }
-    int fd = private_open(e->wal_path, O_WRONLY | O_APPEND | O_CREAT);
+    int fd = index_open(e, "tarnwick.wal", O_WRONLY | O_APPEND | O_CREAT);
     if (fd < 0) {
         int err = errno;
         lock_release(e);
@@ -516,25 +573,25 @@ void keep_damaged_aside(TrnEngine *e)
 {
     const char *names[] = {"tarnwick.bin", "tarnwick.wal", "tarnwick.commit"};
     long stamp = (long)time(nullptr);
+    if (!e->dir_open) {
+        return;
+    }
     for (const char *name : names) {
-        char from[TRN_PATH_MAX + 16];
-        index_file_path(e, name, from, sizeof from);
         struct stat st;
-        if (lstat(from, &st) != 0) {
+        if (fstatat(e->dir_fd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
             continue;
         }
         /* link() never replaces an existing name, so no earlier copy is overwritten. */
         for (int attempt = 0; attempt < 1000; attempt++) {
-            char to[TRN_PATH_MAX + 64];
-            char suffix[48];
-            snprintf(suffix,
-                     sizeof suffix,
-                     attempt == 0 ? ".damaged-%ld" : ".damaged-%ld-%d",
+            char to[96];
+            snprintf(to,
+                     sizeof to,
+                     attempt == 0 ? "%s.damaged-%ld" : "%s.damaged-%ld-%d",
+                     name,
                      stamp,
                      attempt);
-            snprintf(to, sizeof to, "%s%s", from, suffix);
-            if (link(from, to) == 0) {
-                unlink(from);
+            if (linkat(e->dir_fd, name, e->dir_fd, to, 0) == 0) {
+                unlinkat(e->dir_fd, name, 0);
                 break;
             }
             if (errno != EEXIST) {
@@ -542,19 +599,16 @@ void keep_damaged_aside(TrnEngine *e)
             }
         }
     }
-    char any[TRN_PATH_MAX + 16];
-    index_file_path(e, "tarnwick.bin", any, sizeof any);
-    sync_parent_dir(any);
+    index_dir_sync(e);
 }
 
-bool rebuild_swap(TrnEngine *e)
+namespace
 {
-    if (!lock_take(e, LOCK_EX, g_busy_timeout_ms)) {
-        return fail_status(e, TRN_STATUS_BUSY, 0);
-    }
-    /* Learn the generation and the store this commit follows, with a scratch handle so the
-    ** rebuilt chunks stay as they are. */
-    TrnEngine *probe = static_cast<TrnEngine *>(xcalloc(1, sizeof(TrnEngine)));
+
+/* What is committed now, read with a scratch handle so e's chunks stay as they are; the log is
+** only checked. False when the index is damaged. */
+bool probe_committed(TrnEngine *e, TrnEngine *probe)
+{
     probe->dim = e->dim;
     probe->M = e->M;
     probe->ef_construction = e->ef_construction;
@@ -564,19 +618,103 @@ bool rebuild_swap(TrnEngine *e)
     probe->max_level = -1;
     memcpy(probe->store_path, e->store_path, sizeof e->store_path);
     memcpy(probe->wal_path, e->wal_path, sizeof e->wal_path);
+    probe->dir_fd = e->dir_fd; /* lent: the probe is freed without closing it */
+    probe->dir_open = e->dir_open;
     ensure_cap(probe, 64);
-    /* The probe only checks the log: nothing is embedded for an index about to be replaced. */
-    bool damaged = !index_load(probe, false);
-    e->has_commit = probe->has_commit;
-    e->generation = probe->generation;
-    e->store_present = probe->store_present;
-    e->store_size = probe->store_size;
-    e->store_crc = probe->store_crc;
+    return index_load(probe, false);
+}
+
+void probe_free(TrnEngine *probe)
+{
     index_reset(probe);
     free(probe->chunks);
     free(probe->vectors);
     free(probe->nodes);
     free(probe);
+}
+
+} // namespace
+
+bool rebuild_running(const TrnEngine *e)
+{
+    int fd =
+        e->dir_open
+            ? openat(e->dir_fd, "tarnwick.rebuild", O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)
+            : -1;
+    if (fd < 0) {
+        return false;
+    }
+    bool running = flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    close(fd); /* drops the lock when it was taken */
+    return running;
+}
+
+void rebuild_begin(TrnEngine *e)
+{
+    int fd = open_lock_file(e, "tarnwick.rebuild");
+    if (fd < 0) {
+        return;
+    }
+    /* Only a checkpoint's brief probe takes it exclusively. */
+    while (flock(fd, LOCK_SH) != 0 && errno == EINTR) {
+    }
+    e->rebuild_fd = fd;
+    e->rebuild_open = 1;
+    if (!lock_take(e, LOCK_SH, g_busy_timeout_ms)) {
+        return; /* the swap then takes up nothing it cannot place */
+    }
+    TrnEngine *probe = static_cast<TrnEngine *>(xcalloc(1, sizeof(TrnEngine)));
+    if (probe_committed(e, probe)) {
+        e->rebuild_known = 1;
+        e->rebuild_generation = probe->generation;
+        e->rebuild_from = probe->wal_stale || probe->wal_legacy ? 0 : probe->wal_end;
+    }
+    probe_free(probe);
+    lock_release(e);
+}
+
+bool rebuild_swap(TrnEngine *e)
+{
+    if (!lock_take(e, LOCK_EX, g_busy_timeout_ms)) {
+        return fail_status(e, TRN_STATUS_BUSY, 0);
+    }
+    /* A link or other non-file under an index file's name can only have been planted: the
+    ** rebuilt index replaces the name, never what it points to. */
+    const char *names[] = {
+        "tarnwick.bin", "tarnwick.wal", "tarnwick.commit", "tarnwick.lex", "tarnwick.files"};
+    for (const char *name : names) {
+        struct stat st;
+        if (e->dir_open && fstatat(e->dir_fd, name, &st, AT_SYMLINK_NOFOLLOW) == 0
+            && !S_ISREG(st.st_mode)) {
+            index_unlink(e, name);
+        }
+    }
+    /* Learn the generation and the store this commit follows. */
+    TrnEngine *probe = static_cast<TrnEngine *>(xcalloc(1, sizeof(TrnEngine)));
+    bool damaged = !probe_committed(e, probe);
+    e->has_commit = probe->has_commit;
+    e->generation = probe->generation;
+    e->store_present = probe->store_present;
+    e->store_size = probe->store_size;
+    e->store_crc = probe->store_crc;
+    /* Groups committed while the rebuild ran: checkpoints were held off, so the log still has
+    ** them after the one it had when the rebuild began. */
+    bool take_up = !damaged && e->rebuild_known && probe->generation == e->rebuild_generation
+                   && !probe->wal_stale && !probe->wal_legacy && probe->wal_end > e->rebuild_from;
+    uint64_t take_from = e->rebuild_from;
+    probe_free(probe);
+    if (take_up) {
+        int fd = index_open(e, "tarnwick.wal", O_RDONLY);
+        uint64_t count = e->count, deleted = e->deleted_count;
+        if (fd >= 0) {
+            e->wal_end = take_from;
+            wal_replay_fd(e, fd, take_from, true);
+            close(fd);
+        }
+        if (e->count != count || e->deleted_count != deleted) {
+            trn_build_doc_index(e);
+        }
+    }
     if (damaged) {
         keep_damaged_aside(e);
         forget_store(e);
@@ -587,27 +725,11 @@ bool rebuild_swap(TrnEngine *e)
     bool ok = checkpoint_locked(e);
     if (!ok) {
         e->rebuild = 1;
+    } else if (e->rebuild_open) {
+        close(e->rebuild_fd); /* other handles may fold the log again */
+        e->rebuild_open = 0;
     }
     lock_release(e);
-    return ok;
-}
-
-bool sync_parent_dir(const char *path)
-{
-    char dir[TRN_PATH_MAX + 16];
-    snprintf(dir, sizeof dir, "%s", path);
-    char *slash = strrchr(dir, '/');
-    if (!slash) {
-        snprintf(dir, sizeof dir, ".");
-    } else {
-        *slash = '\0';
-    }
-    int fd = open(dir[0] ? dir : "/", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) {
-        return false;
-    }
-    bool ok = fsync(fd) == 0;
-    close(fd);
     return ok;
 }
 
@@ -623,11 +745,8 @@ bool commit_write(TrnEngine *e, uint64_t store_size, uint32_t store_crc)
     uint8_t bytes[TRN_COMMIT_SIZE];
     commit_encode(&rec, bytes);
 
-    char path[TRN_PATH_MAX + 16];
-    index_file_path(e, "tarnwick.commit", path, sizeof path);
-    char tmp[TRN_PATH_MAX + 32];
-    snprintf(tmp, sizeof tmp, "%s.XXXXXX", path);
-    int fd = mkstemp(tmp);
+    char tmp[64];
+    int fd = index_open_temp(e, "tarnwick.commit", tmp, sizeof tmp);
     if (fd < 0) {
         return fail_status(e, TRN_STATUS_IO_ERROR, errno);
     }
@@ -642,15 +761,15 @@ bool commit_write(TrnEngine *e, uint64_t store_size, uint32_t store_crc)
         ok = false;
         err = errno;
     }
-    if (ok && rename(tmp, path) != 0) {
+    if (ok && !index_rename(e, tmp, "tarnwick.commit")) {
         ok = false;
         err = errno;
     }
     if (!ok) {
-        unlink(tmp);
+        index_unlink(e, tmp);
         return fail_status(e, TRN_STATUS_IO_ERROR, err);
     }
-    if (!sync_parent_dir(path)) {
+    if (!index_dir_sync(e)) {
         return fail_status(e, TRN_STATUS_IO_ERROR, errno);
     }
     return true;
@@ -658,10 +777,12 @@ bool commit_write(TrnEngine *e, uint64_t store_size, uint32_t store_crc)
 
 void remove_stale_temps(const TrnEngine *e)
 {
-    char dir[TRN_PATH_MAX + 16];
-    index_file_path(e, "", dir, sizeof dir);
-    DIR *d = opendir(dir);
+    int fd = e->dir_open ? openat(e->dir_fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1;
+    DIR *d = fd >= 0 ? fdopendir(fd) : nullptr;
     if (!d) {
+        if (fd >= 0) {
+            close(fd);
+        }
         return;
     }
     while (struct dirent *ent = readdir(d)) {
@@ -672,9 +793,7 @@ void remove_stale_temps(const TrnEngine *e)
                     || (strncmp(name, "tarnwick.commit.", 16) == 0 && n == 22)
                     || (strncmp(name, "tarnwick.files.", 15) == 0 && n == 21);
         if (temp && !strstr(name, ".damaged")) {
-            char path[TRN_PATH_MAX + 300];
-            snprintf(path, sizeof path, "%s%s", dir, name);
-            unlink(path);
+            index_unlink(e, name);
         }
     }
     closedir(d);

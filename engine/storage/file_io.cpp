@@ -1,44 +1,164 @@
 /*
-** file_io.cpp -- opening the index's own files. Every file of an index directory is created
-** 0600 and an existing one narrowed to 0600, so no other user can read what was indexed.
+** file_io.cpp -- opening the index's own files. The index directory is opened once, without
+** following a link, and checked to be the running user's alone: owned by them and writable by
+** nobody else. Every index file is then reached from that descriptor (openat and its kin) and
+** never through a link, so a link planted in the directory or in place of it cannot redirect a
+** write to a file elsewhere. Every file is created 0600 and an existing one narrowed to 0600, so
+** no other user can read what was indexed.
 */
 #include "internal.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <ctime>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-FILE *private_fopen(const char *path, const char *mode)
+namespace
 {
-    int flags = O_CLOEXEC;
-    if (mode[0] == 'w') {
-        flags |= O_WRONLY | O_CREAT | O_TRUNC;
-    } else if (mode[0] == 'a') {
-        flags |= O_WRONLY | O_CREAT | O_APPEND;
-    } else {
-        flags |= O_RDWR;
-    }
-    int fd = private_open(path, flags);
-    if (fd < 0) {
-        return nullptr;
-    }
-    FILE *f = fdopen(fd, mode);
-    if (!f) {
-        close(fd);
-    }
-    return f;
+
+bool deny(TrnEngine *e, const char *dir, const char *why, const char *fix)
+{
+    e->status = TRN_STATUS_DENIED;
+    snprintf(e->error, sizeof e->error, "the index folder %s %s; %s", dir, why, fix);
+    return false;
 }
 
-int private_open(const char *path, int flags)
+} // namespace
+
+bool index_dir_open(TrnEngine *e, const char *dir)
 {
-    int fd = open(path, flags | O_CLOEXEC, 0600);
+    e->dir_fd = -1;
+    e->dir_open = 0;
+    int fd = open(dir, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) {
+        int err = errno;
+        struct stat st;
+        if (err == ENOENT) {
+            return true; /* nothing to read; a write meets the missing directory itself */
+        }
+        if (err == ELOOP || (err == ENOTDIR && lstat(dir, &st) == 0 && S_ISLNK(st.st_mode))) {
+            return deny(e, dir, "is a symbolic link", "remove the link and index the folder again");
+        }
+        char why[160];
+        snprintf(why, sizeof why, "cannot be read: %s", strerror(err));
+        return deny(e, dir, why, "check its owner and permissions");
+    }
     struct stat st;
-    if (fd >= 0 && fstat(fd, &st) == 0 && (st.st_mode & 07777) != 0600) {
-        /* A file made by an older version, or under a loose umask, is narrowed too; a file of
-        ** another owner cannot be, and stays as it is. */
+    if (fstat(fd, &st) != 0) {
+        int err = errno;
+        close(fd);
+        char why[160];
+        snprintf(why, sizeof why, "cannot be read: %s", strerror(err));
+        return deny(e, dir, why, "check its owner and permissions");
+    }
+    if (st.st_uid != geteuid()) {
+        close(fd);
+        return deny(e,
+                    dir,
+                    "belongs to another user",
+                    "move it away and index the folder again as yourself");
+    }
+    if (st.st_mode & (S_IWGRP | S_IWOTH)) {
+        close(fd);
+        char fix[TRN_PATH_MAX + 32];
+        snprintf(fix, sizeof fix, "make it private with: chmod 700 %s", dir);
+        return deny(e, dir, "is writable by other users", fix);
+    }
+    e->dir_fd = fd;
+    e->dir_open = 1;
+    return true;
+}
+
+void index_dir_close(TrnEngine *e)
+{
+    if (e->dir_open) {
+        close(e->dir_fd);
+        e->dir_open = 0;
+        e->dir_fd = -1;
+    }
+}
+
+int index_open(const TrnEngine *e, const char *name, int flags)
+{
+    if (!e->dir_open) {
+        errno = ENOENT;
+        return -1;
+    }
+    /* O_NONBLOCK: a planted FIFO must not hang the open; it changes nothing for a file. */
+    int fd = openat(e->dir_fd, name, flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        return -1;
+    }
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        close(fd);
+        errno = EINVAL;
+        return -1;
+    }
+    if ((st.st_mode & 07777) != 0600 && st.st_uid == geteuid()) {
+        /* A file made by an older version, or under a loose umask, is narrowed too. */
         (void)fchmod(fd, 0600);
     }
     return fd;
+}
+
+int index_open_temp(const TrnEngine *e, const char *name, char *tmp, size_t size)
+{
+    if (!e->dir_open) {
+        errno = ENOENT;
+        return -1;
+    }
+    static const char ALNUM[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+    struct timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    uint64_t x = (uint64_t)ts.tv_nsec ^ ((uint64_t)getpid() << 32) ^ (uint64_t)(uintptr_t)tmp;
+    for (int attempt = 0; attempt < 100; attempt++) {
+        char suffix[7];
+        for (int i = 0; i < 6; i++) {
+            x = x * 6364136223846793005ull + 1442695040888963407ull; /* Knuth's MMIX LCG */
+            suffix[i] = ALNUM[(x >> 33) % (sizeof ALNUM - 1)];
+        }
+        suffix[6] = '\0';
+        snprintf(tmp, size, "%s.%s", name, suffix);
+        int fd = openat(e->dir_fd, tmp, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+        if (fd >= 0 || errno != EEXIST) {
+            return fd;
+        }
+    }
+    errno = EEXIST;
+    return -1;
+}
+
+bool index_rename(const TrnEngine *e, const char *from, const char *to)
+{
+    if (!e->dir_open) {
+        errno = ENOENT;
+        return false;
+    }
+    return renameat(e->dir_fd, from, e->dir_fd, to) == 0;
+}
+
+void index_unlink(const TrnEngine *e, const char *name)
+{
+    if (e->dir_open) {
+        (void)unlinkat(e->dir_fd, name, 0);
+    }
+}
+
+bool index_stat(const TrnEngine *e, const char *name, struct stat *st)
+{
+    return e->dir_open && fstatat(e->dir_fd, name, st, AT_SYMLINK_NOFOLLOW) == 0
+           && S_ISREG(st->st_mode);
+}
+
+bool index_dir_sync(const TrnEngine *e)
+{
+    if (!e->dir_open) {
+        errno = ENOENT;
+        return false;
+    }
+    return fsync(e->dir_fd) == 0;
 }

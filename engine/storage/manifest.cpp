@@ -30,8 +30,8 @@
 **
 ** The file is hostile like every other: a wrong magic, version or checksum, a count or length
 ** beyond the bytes left, or bytes left over make the whole manifest absent, which costs the next
-** update reading every file, never an index entry. It is replaced whole (temporary file from
-** mkstemp, fsync, rename, directory fsync) and created 0600.
+** update reading every file, never an index entry. It is replaced whole (a temporary file
+** created exclusively, fsync, rename, directory fsync) and created 0600.
 */
 #include "internal.h"
 
@@ -90,10 +90,10 @@ void manifest_free(Manifest *m)
     memset(m, 0, sizeof *m);
 }
 
-bool manifest_read(const char *path, Manifest *m)
+bool manifest_read(const TrnEngine *e, Manifest *m)
 {
     manifest_free(m);
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    int fd = index_open(e, "tarnwick.files", O_RDONLY);
     if (fd < 0) {
         return false;
     }
@@ -160,7 +160,7 @@ bool manifest_read(const char *path, Manifest *m)
     return ok;
 }
 
-bool manifest_write(const char *path, const Manifest *m)
+bool manifest_write(const TrnEngine *e, const Manifest *m)
 {
     TrnBytes b;
     put(&b, "TRNF", 4);
@@ -186,9 +186,8 @@ bool manifest_write(const char *path, const Manifest *m)
     uint32_t crc = crc32_update(0, b.data(), b.size());
     put(&b, &crc, 4);
 
-    char tmp[TRN_PATH_MAX + 32];
-    snprintf(tmp, sizeof tmp, "%s.XXXXXX", path);
-    int fd = mkstemp(tmp); /* mkstemp creates 0600 */
+    char tmp[64];
+    int fd = index_open_temp(e, "tarnwick.files", tmp, sizeof tmp);
     if (fd < 0) {
         return false;
     }
@@ -208,10 +207,10 @@ bool manifest_write(const char *path, const Manifest *m)
     }
     ok = ok && fsync(fd) == 0;
     ok = close(fd) == 0 && ok;
-    ok = ok && rename(tmp, path) == 0;
+    ok = ok && index_rename(e, tmp, "tarnwick.files");
     if (!ok) {
-        unlink(tmp);
+        index_unlink(e, tmp);
         return false;
     }
-    return sync_parent_dir(path);
+    return index_dir_sync(e);
 }

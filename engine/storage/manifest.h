@@ -39,12 +39,14 @@ struct Manifest {
 ** that reach the text's end and never split a character. */
 constexpr uint32_t MANIFEST_TEXT_VERSION = 2;
 
-/* Reads the manifest at path into m (emptied first). False, with m empty, when it is missing,
-** damaged or of another version: the caller then trusts no entry. */
-bool manifest_read(const char *path, Manifest *m);
-/* Writes m to path atomically (temporary file, sync, rename, directory sync), mode 0600.
+struct TrnEngine;
+
+/* Reads the manifest "tarnwick.files" of e's index directory into m (emptied first). False, with
+** m empty, when it is missing, damaged or of another version: the caller then trusts no entry. */
+bool manifest_read(const TrnEngine *e, Manifest *m);
+/* Writes m as e's manifest atomically (temporary file, sync, rename, directory sync), mode 0600.
 ** False when it could not be written (the old manifest then stays). */
-bool manifest_write(const char *path, const Manifest *m);
+bool manifest_write(const TrnEngine *e, const Manifest *m);
 /* Appends a copy of e (its path copied). */
 void manifest_add(Manifest *m, const ManifestEntry *e);
 void manifest_free(Manifest *m);

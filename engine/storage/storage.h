@@ -16,6 +16,8 @@
 #include <cstring>
 #include <vector>
 
+#include <sys/stat.h>
+
 constexpr uint32_t TRN_WAL_ID_LIMIT = 4096;
 constexpr size_t TRN_COMMIT_SIZE = 48; /* bytes of the commit record (commit.cpp) */
 /* A normal handle checkpoints once its log holds this many chunks, so reopening after a crash
@@ -53,6 +55,8 @@ bool checkpoint_locked(TrnEngine *e);
 ** wal_legacy and wal_stale. Returns false when a group before the last fails its checksum.
 ** Without apply the records are only checked. */
 bool wal_replay(TrnEngine *e, const char *path, uint64_t from = 0, bool apply = true);
+/* wal_replay of the log open at fd (left open). */
+bool wal_replay_fd(TrnEngine *e, int fd, uint64_t from = 0, bool apply = true);
 /* Byte buffer of records to append as one group. */
 using TrnBytes = std::vector<uint8_t, XAllocator<uint8_t>>;
 /* Appends the 'G' record when the log is empty, so a group can follow. */
@@ -76,8 +80,6 @@ extern int g_busy_timeout_ms;
 extern uint64_t g_checkpoint_chunks;
 /* CRC-32 (zlib's) of n bytes, continuing crc (0 to start). */
 uint32_t crc32_update(uint32_t crc, const void *p, size_t n);
-/* Fills out with the path of name in the handle's index directory. */
-void index_file_path(const TrnEngine *e, const char *name, char *out, size_t size);
 /* Sets the status and message of the handle for the operation that met the failure; returns
 ** false. io_error is errno for TRN_STATUS_IO_ERROR, else 0. */
 bool fail_status(TrnEngine *e, int32_t status, int io_error);
@@ -103,8 +105,17 @@ void index_refresh_for_read(TrnEngine *e);
 ** Handles without files (in memory, rebuilding) take no lock and always succeed. */
 bool write_begin(TrnEngine *e);
 void write_end(TrnEngine *e);
-/* Swaps a rebuilt handle in as the directory's index (trn_checkpoint of a rebuild handle). */
+/* Starts a rebuild: holds checkpoints of other handles off (they leave the log as it is until
+** the swap) and notes the committed generation and log end, so the swap can take up the groups
+** committed meanwhile. */
+void rebuild_begin(TrnEngine *e);
+/* Swaps a rebuilt handle in as the directory's index (trn_checkpoint of a rebuild handle),
+** first applying every group committed since rebuild_begin: files written meanwhile take the
+** place of what the rebuild read of them. */
 bool rebuild_swap(TrnEngine *e);
+/* True when another handle is rebuilding the index: a checkpoint now would fold the log the
+** rebuild must take up. */
+bool rebuild_running(const TrnEngine *e);
 /* Writes the commit record of the next generation for a store of that size and checksum, the
 ** current store as the previous one (temporary file, sync, rename, directory sync). */
 bool commit_write(TrnEngine *e, uint64_t store_size, uint32_t store_crc);
@@ -114,8 +125,6 @@ bool commit_write(TrnEngine *e, uint64_t store_size, uint32_t store_crc);
 void remove_stale_temps(const TrnEngine *e);
 /* Moves the files of a damaged index aside ("<name>.damaged-<time>"), never over another. */
 void keep_damaged_aside(TrnEngine *e);
-/* Makes a rename inside the directory of path durable. Returns false when the sync failed. */
-bool sync_parent_dir(const char *path);
 
 /* ---------------------------------------------------------------------------------------------
 ** Reading an index file's bytes (store.cpp, wal.cpp, manifest.cpp): every read is checked
@@ -166,12 +175,29 @@ inline bool bytes_take_string(ByteReader *r, uint32_t limit, const uint8_t **s, 
 }
 
 /* ---------------------------------------------------------------------------------------------
-** Private files (file_io.cpp)
+** The index directory and its files (file_io.cpp). Names are relative to the directory, which
+** is held open; no call follows a link, and files are created 0600.
 */
-/* fopen for the index's files: "wb", "ab" or "r+b"; a file it creates is 0600 and an existing
-** one is set to 0600, so no other user can read what was indexed. NULL on failure. */
-FILE *private_fopen(const char *path, const char *mode);
-/* open(2) with the same rule as private_fopen (mode 0600, O_CLOEXEC added); -1 on failure. */
-int private_open(const char *path, int flags);
+/* Opens the index directory dir without following a link and keeps its descriptor in e. True
+** when it is the running user's and writable by nobody else, or does not exist (then nothing is
+** read and every write fails); false, with TRN_STATUS_DENIED and a message saying why and how to
+** fix it, when it is a link, another user's, writable by others or unreadable. */
+bool index_dir_open(TrnEngine *e, const char *dir);
+void index_dir_close(TrnEngine *e);
+/* openat(2) of a regular file of the index directory with O_NOFOLLOW and O_CLOEXEC added;
+** creates it 0600 and narrows an existing one of the user to 0600. -1, with errno, on failure
+** (a link or anything but a regular file included). */
+int index_open(const TrnEngine *e, const char *name, int flags);
+/* Creates "<name>.XXXXXX" (six random letters or digits) exclusively, 0600, open for reading and
+** writing; its name goes to tmp. -1, with errno, on failure. */
+int index_open_temp(const TrnEngine *e, const char *name, char *tmp, size_t size);
+/* renameat(2) within the index directory; false, with errno, on failure. */
+bool index_rename(const TrnEngine *e, const char *from, const char *to);
+/* Removes a name of the index directory (the link itself, never its target). */
+void index_unlink(const TrnEngine *e, const char *name);
+/* lstat of a regular file of the index directory; false for a link or anything else. */
+bool index_stat(const TrnEngine *e, const char *name, struct stat *st);
+/* Makes the directory's renames durable; false, with errno, when the sync failed. */
+bool index_dir_sync(const TrnEngine *e);
 
 #endif /* TRN_STORAGE_H */

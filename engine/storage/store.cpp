@@ -34,10 +34,11 @@
 ** records read before it. A level above 31 also ends the load. Neighbour indices that do not name
 ** a loaded chunk are dropped, and the entry point is checked against what was loaded.
 **
-** A checkpoint writes the same bytes to a temporary file from mkstemp ("tarnwick.bin.XXXXXX") in
-** the index directory, syncs it, commits it with the commit record and renames it over the store
-** before it empties the log (commit.cpp gives the order and why a crash at any step leaves the
-** state before or after the checkpoint). Nothing here writes when the handle changed nothing.
+** A checkpoint writes the same bytes to a temporary file ("tarnwick.bin.XXXXXX", created
+** exclusively) in the index directory, syncs it, commits it with the commit record and renames it
+** over the store before it empties the log (commit.cpp gives the order and why a crash at any step
+** leaves the state before or after the checkpoint). Nothing here writes when the handle changed
+** nothing.
 */
 #include "internal.h"
 
@@ -261,7 +262,7 @@ void store_load_bytes(TrnEngine *e, const uint8_t *bytes, size_t size)
 
 void store_load(TrnEngine *e, const char *path)
 {
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    int fd = open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) {
         return;
     }
@@ -420,8 +421,11 @@ TrnEngine *engine_open(const TrnConfig *cfg, uint32_t flags, int32_t *status)
     if (cfg->index_dir && cfg->index_dir[0]) {
         snprintf(e->store_path, sizeof e->store_path, "%s/tarnwick.bin", cfg->index_dir);
         snprintf(e->wal_path, sizeof e->wal_path, "%s/tarnwick.wal", cfg->index_dir);
-        if (flags & TRN_OPEN_REBUILD) {
+        if (!index_dir_open(e, cfg->index_dir)) {
+            /* status and message set: nothing of the directory is read */
+        } else if (flags & TRN_OPEN_REBUILD) {
             e->rebuild = 1;
+            rebuild_begin(e);
         } else if (!lock_take(e, LOCK_SH, g_busy_timeout_ms)) {
             fail_status(e, TRN_STATUS_BUSY, 0);
         } else {
@@ -459,6 +463,13 @@ void engine_free(TrnEngine *e)
     if (e->lock_open) {
         close(e->lock_fd);
     }
+    if (e->turn_open) {
+        close(e->turn_fd);
+    }
+    if (e->rebuild_open) {
+        close(e->rebuild_fd);
+    }
+    index_dir_close(e);
     encoder_release(&e->encoder);
     embed_free_scratch(e);
     hnsw_free_scratch(e);
@@ -468,7 +479,7 @@ void engine_free(TrnEngine *e)
 /* Empties the log (a stale log, or one whose chunks the new store holds) and syncs it. */
 bool empty_log(TrnEngine *e)
 {
-    int fd = e->wal ? fileno(e->wal) : open(e->wal_path, O_WRONLY | O_CLOEXEC);
+    int fd = e->wal ? fileno(e->wal) : index_open(e, "tarnwick.wal", O_WRONLY);
     if (fd < 0) {
         return errno == ENOENT ? true : fail_status(e, TRN_STATUS_IO_ERROR, errno);
     }
@@ -484,6 +495,10 @@ bool empty_log(TrnEngine *e)
 
 bool checkpoint_locked(TrnEngine *e)
 {
+    /* While another handle rebuilds, the log keeps every commit for its swap to take up. */
+    if (!e->rebuild_open && rebuild_running(e)) {
+        return true;
+    }
     /* The store already holds everything: a reader's checkpoint writes nothing. */
     if (e->has_commit && !e->wal_legacy && !e->wal_stale && e->wal_end == 0 && !e->unsaved
         && e->seen.wal_size == 0) {
@@ -491,9 +506,8 @@ bool checkpoint_locked(TrnEngine *e)
         return true;
     }
     remove_stale_temps(e);
-    char tmp[TRN_PATH_MAX + 16];
-    snprintf(tmp, sizeof tmp, "%s.XXXXXX", e->store_path);
-    int fd = mkstemp(tmp);
+    char tmp[64];
+    int fd = index_open_temp(e, "tarnwick.bin", tmp, sizeof tmp);
     if (fd < 0) {
         return fail_status(e, TRN_STATUS_IO_ERROR, errno);
     }
@@ -501,7 +515,7 @@ bool checkpoint_locked(TrnEngine *e)
     if (!f) {
         int err = errno;
         close(fd);
-        unlink(tmp);
+        index_unlink(e, tmp);
         return fail_status(e, TRN_STATUS_IO_ERROR, err);
     }
     setvbuf(f, nullptr, _IOFBF, 1 << 20);
@@ -518,21 +532,21 @@ bool checkpoint_locked(TrnEngine *e)
         out.err = errno;
     }
     if (!out.ok) {
-        unlink(tmp);
+        index_unlink(e, tmp);
         return fail_status(e, TRN_STATUS_IO_ERROR, out.err ? out.err : EIO);
     }
     if (!commit_write(e, out.size, out.crc)) {
-        unlink(tmp);
+        index_unlink(e, tmp);
         return false;
     }
     /* From here the commit record names the new store; until the rename below completes, the
     ** old store is still accepted as the previous generation with its log. */
-    if (rename(tmp, e->store_path) != 0) {
+    if (!index_rename(e, tmp, "tarnwick.bin")) {
         int err = errno;
-        unlink(tmp);
+        index_unlink(e, tmp);
         return fail_status(e, TRN_STATUS_IO_ERROR, err);
     }
-    bool synced = sync_parent_dir(e->store_path);
+    bool synced = index_dir_sync(e);
     int err = errno;
     e->has_commit = 1;
     e->generation += 1;

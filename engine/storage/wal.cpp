@@ -134,7 +134,22 @@ void apply_range(TrnEngine *e, const uint8_t *bytes, uint64_t from, uint64_t end
     uint64_t done = 0;
     ByteReader c = {bytes + from, (size_t)(end - from)};
     LogRecord r;
+    /* A rebuild taking up groups committed while it ran: the file a group writes replaces what
+    ** the rebuild read of it, even when the group only adds (a file new to the old index). */
+    const uint8_t *replaced = nullptr;
+    uint32_t replaced_len = 0;
     while (c.left > 0 && parse_record(&c, &r)) {
+        if (e->rebuild && r.op == 'A' && r.path_len > 0
+            && (!replaced || replaced_len != r.path_len
+                || memcmp(replaced, r.path, r.path_len) != 0)) {
+            char *path = dup_bytes(r.path, r.path_len);
+            remove_file_mem(e, path);
+            free(path);
+            replaced = r.path;
+            replaced_len = r.path_len;
+        } else if (r.op == 'C') {
+            replaced = nullptr;
+        }
         apply_record(e, &r);
         if (r.op == 'A') {
             done++;
@@ -170,24 +185,35 @@ void put_str(TrnBytes *b, const char *s, size_t n)
 
 bool wal_replay(TrnEngine *e, const char *path, uint64_t from, bool apply)
 {
+    int fd = open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) {
+        if (from == 0) {
+            e->wal_end = 0;
+            e->wal_chunks = 0;
+            e->wal_legacy = 0;
+            e->wal_stale = 0;
+        }
+        return true;
+    }
+    bool whole = wal_replay_fd(e, fd, from, apply);
+    close(fd);
+    return whole;
+}
+
+bool wal_replay_fd(TrnEngine *e, int fd, uint64_t from, bool apply)
+{
     if (from == 0) {
         e->wal_end = 0;
         e->wal_chunks = 0;
         e->wal_legacy = 0;
         e->wal_stale = 0;
     }
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        return true;
-    }
     struct stat st;
     if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || (uint64_t)st.st_size <= from) {
-        close(fd);
         return true;
     }
     size_t size = (size_t)st.st_size;
     void *map = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
-    close(fd);
     if (map == MAP_FAILED) {
         return true;
     }

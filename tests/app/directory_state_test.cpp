@@ -45,6 +45,8 @@ private slots:
     void choosingDefaultRemovesTheOverrideKey();
     void statusTextReportsCountsAfterIndexing();
     void indexOfAnotherEncoderIsRebuiltWhenOpened();
+    void unfinishedIndexingGoesOnWhenTheTabOpensAgain();
+    void pausedIndexingSaysSoAndFinishesOnceResumed();
     void closedTabDropsLateResults();
     void olderAnswerNeverShowsOverANewerSearch_data();
     void olderAnswerNeverShowsOverANewerSearch();
@@ -466,6 +468,51 @@ void TestDirectoryState::indexOfAnotherEncoderIsRebuiltWhenOpened()
     QVERIFY(unrecorded->isIngesting());
     QVERIFY(waitForIngest(unrecorded));
     QVERIFY(QFileInfo::exists(record));
+}
+
+void TestDirectoryState::unfinishedIndexingGoesOnWhenTheTabOpensAgain()
+{
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("a.txt"), QByteArray(250, 'a')));
+    DirectoryState *first = openState(m_dir->path());
+    first->update(); // the chunking of the settings, which the resumed update uses too
+    QVERIFY(waitForIngest(first));
+    QVERIFY(!m_env->settings()->isIndexingUnfinished(m_dir->path()));
+    qDeleteAll(m_states);
+    m_states.clear();
+    QThreadPool::globalInstance()->waitForDone();
+
+    // What a process killed after its first file leaves: that file's chunks, the encoder
+    // recorded, the indexing marked unfinished, and files not read yet.
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("b.md"), "# heading\nsome text\n"));
+    m_env->settings()->setIndexingUnfinished(m_dir->path(), true);
+    DirectoryState *resumed = openState(m_dir->path());
+    QVERIFY(resumed->isIngesting());
+    QVERIFY(waitForIngest(resumed));
+    QCOMPARE(resumed->statusText(), QStringLiteral("2 chunks from 2 files"));
+    QVERIFY(!m_env->settings()->isIndexingUnfinished(m_dir->path()));
+    qDeleteAll(m_states);
+    m_states.clear();
+    QThreadPool::globalInstance()->waitForDone();
+
+    // Finished: the next opening leaves the index alone.
+    QVERIFY(!openState(m_dir->path())->isIngesting());
+}
+
+void TestDirectoryState::pausedIndexingSaysSoAndFinishesOnceResumed()
+{
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("a.txt"), QByteArray(250, 'a')));
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("b.md"), "# heading\nsome text\n"));
+    DirectoryState *state = openState(m_dir->path());
+    QSignalSpy paused(state, &DirectoryState::isIndexingPausedChanged);
+    state->setIndexingPaused(true);
+    state->ingest(800, 200);
+    // It waits once the walk found the files, before reading the first.
+    QTRY_COMPARE(state->statusText(), QStringLiteral("Paused: Indexing 0 of 2 files, 0 chunks"));
+    QVERIFY(state->isIngesting());
+    state->setIndexingPaused(false);
+    QCOMPARE(paused.count(), 2);
+    QVERIFY(waitForIngest(state));
+    QCOMPARE(state->statusText(), QStringLiteral("2 chunks from 2 files"));
 }
 
 void TestDirectoryState::statusTextReportsCountsAfterIndexing()

@@ -15,7 +15,12 @@
 #include <QPdfWriter>
 #include <QRandomGenerator>
 #include <QTemporaryDir>
+#include <QtConcurrent>
 #include <QtTest>
+
+#include <atomic>
+
+#include <sched.h>
 
 class TestIndexHandle : public QObject
 {
@@ -26,6 +31,7 @@ private slots:
     void init();
     void extraExtensionsAreTrimmedAndLowerCased();
     void walkSkipsHiddenEntriesAndTheIndex();
+    void idleIndexingHasAThreadOfItsOwnAndPausesWithTheLockOpen();
     void indexIsPrivateAndHugeFilesAreNeverRead();
     void searchCopiesRecordsAndKZeroReturnsNothing();
     void groupingKeepsEachFilesBestPassage();
@@ -91,6 +97,36 @@ void TestIndexHandle::walkSkipsHiddenEntriesAndTheIndex()
     QCOMPARE(progress, expected);
     QCOMPARE(engine.search(QStringLiteral("hidden"), SearchMode::Text, 10).size(), 0);
     QCOMPARE(engine.search(QStringLiteral("visible"), SearchMode::Text, 10).size(), 2);
+}
+
+void TestIndexHandle::idleIndexingHasAThreadOfItsOwnAndPausesWithTheLockOpen()
+{
+    QTemporaryDir dir;
+    QVERIFY(writeFile(dir.path(), QStringLiteral("a.txt"), "alpha words of the first file\n"));
+    QVERIFY(writeFile(dir.path(), QStringLiteral("b.txt"), "bravo words of the second file\n"));
+    IndexHandle engine(dir.path(), QString());
+    engine.setIdlePriority(true);
+    engine.setPaused(true);
+    std::atomic<int> indexerPolicy{-1}, callerPolicy{-1}, filesDone{-1};
+    QFuture<int> run = QtConcurrent::run([&] {
+        const int n = engine.ingestDirectory(800, 200, *m_env->walk(), [&](const IndexingProgress &progress) {
+            indexerPolicy = sched_getscheduler(0);
+            filesDone = progress.filesDone;
+        });
+        callerPolicy = sched_getscheduler(0);
+        return n;
+    });
+    // Paused once the walk found the files: none is read, and searches still get the lock.
+    QTRY_COMPARE_WITH_TIMEOUT(filesDone.load(), 0, 60000);
+    QVERIFY(engine.search(QStringLiteral("alpha"), SearchMode::Text, 10).isEmpty());
+    QVERIFY(!run.isFinished());
+    engine.setPaused(false);
+    QCOMPARE(run.result(), 2);
+    QCOMPARE(filesDone.load(), 2);
+    QCOMPARE(indexerPolicy.load(), SCHED_IDLE);
+    // The pool thread that asked is not lowered: it runs searches later.
+    QCOMPARE(callerPolicy.load(), SCHED_OTHER);
+    QCOMPARE(engine.search(QStringLiteral("alpha"), SearchMode::Text, 10).size(), 1);
 }
 
 void TestIndexHandle::indexIsPrivateAndHugeFilesAreNeverRead()

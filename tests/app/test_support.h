@@ -30,6 +30,9 @@ public:
         qputenv("HOME", QFile::encodeName(m_home.path()));
         m_settings =
             std::make_unique<Settings>(new QSettings(settingsPath(), QSettings::IniFormat));
+        // At idle priority the tests' indexing would wait for every other process of a busy
+        // machine; IndexHandle's own test covers it.
+        m_settings->setValue(QStringLiteral("indexAtIdlePriority"), false);
         m_training = std::make_unique<TrainingManager>(m_settings.get());
     }
     QString home() const { return m_home.path(); }

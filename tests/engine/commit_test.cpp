@@ -103,12 +103,7 @@ TEST(SharedIndex, EveryDamagedByteOfTheStoreOrCommitRecordIsRefused)
             bad[at] ^= 0x01;
             write_file_bytes(dir.file(name), bad.data(), bad.size());
             TrnEngine *probe = bare_engine();
-            snprintf(probe->store_path,
-                     sizeof probe->store_path,
-                     "%s",
-                     dir.file("tarnwick.bin").c_str());
-            snprintf(
-                probe->wal_path, sizeof probe->wal_path, "%s", dir.file("tarnwick.wal").c_str());
+            bare_engine_on_dir(probe, dir.path());
             ASSERT_FALSE(index_load(probe)) << name << " byte " << at;
             EXPECT_EQ(probe->count, 0u);
             free_bare_engine(probe);
@@ -288,6 +283,101 @@ TEST(SharedIndex, LongIndexingCheckpointsSoRecoveryReembedsAFewChunksOnly)
     EXPECT_EQ(reader->count, 7u);
     EXPECT_EQ(reader->wal_chunks, 1u);
     trn_close(reader);
+    trn_close(e);
+}
+
+/* With four processes taking turns at the shared lock, so one of them always held it, an update
+** failed "busy" every time although only readers were present. */
+TEST(SharedIndex, AWaitingWriterStopsNewReadersSoReadersCannotStarveIt)
+{
+    TempDir dir;
+    TrnConfig cfg = config_for(dir);
+    TrnEngine *e = trn_open(&cfg);
+    ASSERT_EQ(trn_ingest_text(e, "/s/a.txt", "first", 800, 200), 1);
+    std::vector<pid_t> readers;
+    for (int r = 0; r < 4; r++) {
+        pid_t pid = fork();
+        if (pid == 0) {
+            usleep(5000 * (useconds_t)r); /* staggered, so their holds overlap */
+            TrnEngine *reader = bare_engine();
+            bare_engine_on_dir(reader, dir.path());
+            int refused = 0;
+            struct timespec start, now;
+            clock_gettime(CLOCK_MONOTONIC, &start);
+            do {
+                if (lock_take(reader, LOCK_SH, 2000)) {
+                    usleep(20000);
+                    lock_release(reader);
+                } else {
+                    refused++;
+                }
+                clock_gettime(CLOCK_MONOTONIC, &now);
+            } while (now.tv_sec - start.tv_sec < 2);
+            free_bare_engine(reader);
+            _exit(refused == 0 ? 0 : 1);
+        }
+        readers.push_back(pid);
+    }
+    usleep(200000);
+    g_busy_timeout_ms = 1000;
+    for (int i = 0; i < 3; i++) {
+        std::string path = "/s/w" + std::to_string(i) + ".txt";
+        EXPECT_EQ(trn_ingest_text(e, path.c_str(), "written while readers come and go", 800, 200),
+                  1)
+            << trn_last_error(e);
+    }
+    g_busy_timeout_ms = TRN_BUSY_TIMEOUT_MS;
+    for (pid_t pid : readers) {
+        int status = 0;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "a reader was refused";
+    }
+    trn_close(e);
+}
+
+/* Live chunk texts by file. */
+std::map<std::string, std::vector<std::string>> texts_by_file(const TrnEngine *e)
+{
+    std::map<std::string, std::vector<std::string>> files;
+    for (uint64_t i = 0; i < e->count; i++) {
+        if (!e->chunks[i].deleted && e->chunks[i].file_path) {
+            files[e->chunks[i].file_path].push_back(e->chunks[i].text);
+        }
+    }
+    return files;
+}
+
+/* A rebuild swapped in its own view and threw away the files another process added meanwhile,
+** and the other process never noticed. */
+TEST(SharedIndex, ARebuildTakesUpWhatOthersCommittedWhileItRan)
+{
+    TempDir dir;
+    TrnConfig cfg = config_for(dir);
+    TrnEngine *w = trn_open(&cfg);
+    ASSERT_EQ(trn_ingest_text(w, "/r/gone.txt", "in the old index only", 800, 200), 1);
+    ASSERT_EQ(trn_checkpoint(w), 1);
+    TrnEngine *r = trn_open_ex(&cfg, TRN_OPEN_REBUILD, nullptr);
+    ASSERT_NE(r, nullptr);
+    ASSERT_EQ(trn_ingest_text(r, "/r/a.txt", "a as the rebuild read it", 800, 200), 1);
+    ASSERT_EQ(trn_ingest_text(r, "/r/b.txt", "b before its edit", 800, 200), 1);
+    ASSERT_EQ(trn_ingest_text(w, "/r/c.txt", "c added meanwhile", 800, 200), 1);
+    ASSERT_EQ(trn_ingest_text(w, "/r/b.txt", "b after its edit", 800, 200), 1);
+    /* Its checkpoints leave the log to the rebuild. */
+    ASSERT_EQ(trn_checkpoint(w), 1);
+    trn_close(w);
+    ASSERT_EQ(trn_checkpoint(r), 1);
+    trn_close(r);
+
+    TrnEngine *e = trn_open(&cfg);
+    using Texts = std::vector<std::string>;
+    EXPECT_EQ(texts_by_file(e),
+              (std::map<std::string, Texts>{{"/r/a.txt", Texts{"a as the rebuild read it"}},
+                                            {"/r/b.txt", Texts{"b after its edit"}},
+                                            {"/r/c.txt", Texts{"c added meanwhile"}}}));
+    /* The next writer folds the log again. */
+    ASSERT_EQ(trn_ingest_text(e, "/r/d.txt", "after the swap", 800, 200), 1);
+    ASSERT_EQ(trn_checkpoint(e), 1);
+    EXPECT_EQ(read_file_bytes(dir.file("tarnwick.wal")).size(), 0u);
     trn_close(e);
 }
 

@@ -238,6 +238,52 @@ TEST(IngestStorage, LevelsAreGeometricAndClamped)
     EXPECT_GT(top, 90);
 }
 
+/* A text the index already holds (a licence header, a vendored copy) is embedded once: later
+** copies take its vector, bit for bit, and keep it when the first copy is removed, compacted
+** away and the index reopened. */
+TEST(IngestDistinctTexts, IdenticalChunksAreEmbeddedOnceAndOutliveEachOther)
+{
+    TempDir dir;
+    TrnConfig cfg = {};
+    cfg.index_dir = dir.path().c_str();
+    TrnEngine *e = trn_open(&cfg);
+    const std::string header = pattern_text(64);
+    const std::string own = pattern_text(64).replace(0, 6, "unique");
+    ASSERT_EQ(trn_ingest_text(e, "/t/a.txt", (header + header).c_str(), 64, 0), 2);
+    EXPECT_EQ(e->texts_embedded, 1u) << "the same window twice in one text";
+    ASSERT_EQ(trn_ingest_text(e, "/t/b.txt", (header + own).c_str(), 64, 0), 2);
+    EXPECT_EQ(e->texts_embedded, 2u) << "only b's own window is new";
+
+    float fresh[TRN_ENCODER_DIM];
+    embed_chunk(e, header.c_str(), fresh);
+    auto vector_of = [&e](const char *doc_id) { // e is reopened below
+        for (uint64_t i = 0; i < e->count; i++) {
+            if (!e->chunks[i].deleted && strcmp(e->chunks[i].doc_id, doc_id) == 0) {
+                return std::vector<float>(e->vectors + i * TRN_ENCODER_DIM,
+                                          e->vectors + (i + 1) * TRN_ENCODER_DIM);
+            }
+        }
+        return std::vector<float>();
+    };
+    const std::vector<float> expected(fresh, fresh + TRN_ENCODER_DIM);
+    EXPECT_EQ(vector_of("/t/a.txt:1"), expected);
+    EXPECT_EQ(vector_of("/t/b.txt:0"), expected);
+
+    ASSERT_EQ(trn_remove_file(e, "/t/a.txt"), 2);
+    ASSERT_EQ(trn_compact(e), 1);
+    trn_close(e);
+    e = trn_open(&cfg);
+    EXPECT_EQ(vector_of("/t/b.txt:0"), expected);
+    TrnResult hits[1];
+    ASSERT_EQ(trn_search(e, header.c_str(), TRN_SEARCH_SEMANTIC, 1, hits), 1);
+    EXPECT_STREQ(hits[0].doc_id, "/t/b.txt:0");
+    /* After the compaction renumbered the slots, a new copy still finds b's. */
+    ASSERT_EQ(trn_ingest_text(e, "/t/c.txt", header.c_str(), 64, 0), 1);
+    EXPECT_EQ(e->texts_embedded, 0u);
+    EXPECT_EQ(vector_of("/t/c.txt:0"), expected);
+    trn_close(e);
+}
+
 TEST_F(Ingest, FilesAreReadByTheirType)
 {
     TempDir dir;

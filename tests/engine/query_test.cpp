@@ -220,6 +220,8 @@ TEST(TextSearch, LimitsAndFailures)
     EXPECT_TRUE(eng.search("word", 6, 10).empty());
     EXPECT_TRUE(eng.search("word", -1, 10).empty());
     EXPECT_TRUE(eng.search("(word", TRN_SEARCH_REGEX, 10).empty());
+    EXPECT_TRUE(eng.search(" ", TRN_SEARCH_TEXT, 10).empty()); // every line holds a space
+    EXPECT_TRUE(eng.search(" \t ", TRN_SEARCH_TEXT, 10).empty());
 }
 
 // trn_check_regex answers exactly what a regex search would do with the pattern, and its reason
@@ -238,6 +240,9 @@ TEST(RegexCheck, AgreesWithTheSearchAndExplainsRefusals)
         {"def [a-z", false},
         {"(read", false},
         {"read)x{2,1}", false},
+        {"(read a long group that is never closed, so that the parser's reason, which quotes "
+         "the rest of the pattern after the problem, would run far longer than one line",
+         false},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.pattern);
@@ -248,6 +253,7 @@ TEST(RegexCheck, AgreesWithTheSearchAndExplainsRefusals)
             EXPECT_STREQ(message, "");
         } else {
             EXPECT_GT(strlen(message), 0u);
+            EXPECT_LT(strlen(message), 120u) << "RE2 quotes the rest of the pattern";
             EXPECT_EQ(strchr(message, '\n'), nullptr);
         }
     }

@@ -269,8 +269,26 @@ inline TrnEngine *bare_engine(const TrnEncoder *lent_encoder = nullptr)
     return e;
 }
 
+/* Gives a bare engine the index directory dir, as opening one would. */
+inline void bare_engine_on_dir(TrnEngine *e, const std::string &dir)
+{
+    snprintf(e->store_path, sizeof e->store_path, "%s/tarnwick.bin", dir.c_str());
+    snprintf(e->wal_path, sizeof e->wal_path, "%s/tarnwick.wal", dir.c_str());
+    index_dir_open(e, dir.c_str());
+}
+
 inline void free_bare_engine(TrnEngine *e)
 {
+    if (e->wal) {
+        fclose(e->wal);
+    }
+    if (e->lock_open) {
+        close(e->lock_fd);
+    }
+    if (e->turn_open) {
+        close(e->turn_fd);
+    }
+    index_dir_close(e);
     for (uint64_t i = 0; i < e->count; i++) {
         free(e->chunks[i].text);
         free(e->chunks[i].file_path);

@@ -96,8 +96,7 @@ TEST(StoreFile, CheckpointWritesTheDocumentedLayout)
 {
     TempDir dir;
     TrnEngine *e = bare_engine();
-    snprintf(e->store_path, sizeof e->store_path, "%s", dir.file("tarnwick.bin").c_str());
-    snprintf(e->wal_path, sizeof e->wal_path, "%s", dir.file("tarnwick.wal").c_str());
+    bare_engine_on_dir(e, dir.path());
     std::vector<StoreRecord> records = sample_records();
     for (const StoreRecord &r : records) {
         put_chunk(e, r);
@@ -114,15 +113,10 @@ TEST(StoreFile, CheckpointWritesTheDocumentedLayout)
     EXPECT_EQ(memcmp(got.data(), head, sizeof head), 0);
     /* No temporary file is left behind; the commit record, the word index and the lock file
     ** stand beside it. */
-    EXPECT_EQ(dir_names(dir.path()),
-              (std::vector<std::string>{
-                  "tarnwick.bin", "tarnwick.commit", "tarnwick.lex", "tarnwick.lock"}));
-    if (e->wal) {
-        fclose(e->wal);
-    }
-    if (e->lock_open) {
-        close(e->lock_fd);
-    }
+    EXPECT_EQ(
+        dir_names(dir.path()),
+        (std::vector<std::string>{
+            "tarnwick.bin", "tarnwick.commit", "tarnwick.lex", "tarnwick.lock", "tarnwick.turn"}));
     free_bare_engine(e);
 }
 
@@ -242,7 +236,7 @@ TEST(StoreFile, EmptyDirectoryOpensWithNoDocsAndWritesNothing)
     EXPECT_EQ(log, "tarnwick: opened (0 docs, dim=512)\n");
     EXPECT_EQ(e->entry_point, -1);
     trn_close(e);
-    EXPECT_EQ(dir_names(dir.path()), std::vector<std::string>{"tarnwick.lock"});
+    EXPECT_EQ(dir_names(dir.path()), (std::vector<std::string>{"tarnwick.lock", "tarnwick.turn"}));
 }
 
 TEST(StoreFile, InMemoryEngineCheckpointsToNothing)
@@ -451,7 +445,7 @@ TEST(StoreFile, FailedCheckpointKeepsTheStoreAndTheLog)
         << trn_last_error(e);
     EXPECT_EQ(file_size(dir.file("tarnwick.wal")), wal_before);
     EXPECT_TRUE(read_file_bytes(dir.file("tarnwick.bin")) == store_before);
-    EXPECT_EQ(dir_names(dir.path()).size(), 5u) << "a temporary file was left";
+    EXPECT_EQ(dir_names(dir.path()).size(), 6u) << "a temporary file was left";
     /* Appending still works after the failure. */
     ASSERT_EQ(trn_ingest_text(e, "/c/c.txt", "still logged", 800, 200), 1);
     EXPECT_GT(file_size(dir.file("tarnwick.wal")), wal_before);

@@ -251,9 +251,12 @@ TEST(UpdateManifest, AnIndexCutByAnOlderRuleIsCutAgainOnce)
     std::string index = tmp.file("index");
     Updated first = update(index, src);
     Manifest m = {};
-    ASSERT_TRUE(manifest_read((index + "/tarnwick.files").c_str(), &m));
+    TrnEngine *files = bare_engine();
+    bare_engine_on_dir(files, index);
+    ASSERT_TRUE(manifest_read(files, &m));
     m.text_version = MANIFEST_TEXT_VERSION - 1;
-    ASSERT_TRUE(manifest_write((index + "/tarnwick.files").c_str(), &m));
+    ASSERT_TRUE(manifest_write(files, &m));
+    free_bare_engine(files);
     manifest_free(&m);
     Updated again = update(index, src);
     EXPECT_EQ(again.report.changed, 2);
