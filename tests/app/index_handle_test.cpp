@@ -109,10 +109,11 @@ void TestIndexHandle::idleIndexingHasAThreadOfItsOwnAndPausesWithTheLockOpen()
     engine.setPaused(true);
     std::atomic<int> indexerPolicy{-1}, callerPolicy{-1}, filesDone{-1};
     QFuture<int> run = QtConcurrent::run([&] {
-        const int n = engine.ingestDirectory(800, 200, *m_env->walk(), [&](const IndexingProgress &progress) {
-            indexerPolicy = sched_getscheduler(0);
-            filesDone = progress.filesDone;
-        });
+        const int n =
+            engine.ingestDirectory(800, 200, *m_env->walk(), [&](const IndexingProgress &progress) {
+                indexerPolicy = sched_getscheduler(0);
+                filesDone = progress.filesDone;
+            });
         callerPolicy = sched_getscheduler(0);
         return n;
     });
