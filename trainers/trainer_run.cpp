@@ -121,7 +121,6 @@ bool same_merges(const TrnBpe *a, const TrnBpe *b)
                || memcmp(a->merges, b->merges, sizeof a->merges[0] * a->n_merges) == 0);
 }
 
-
 /* The starting encoder: the seeded random one (with the tokenizer of --bpe), or the weights of
 ** --init with their own tokenizer, if any. Returns false after one "trainer: ..." line. */
 bool init_encoder(const TrainOptions &opts, TrnEncoder *enc)
