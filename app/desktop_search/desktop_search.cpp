@@ -5,6 +5,7 @@
 
 #include "encoder_record.h"
 #include "json_coding.h"
+#include "result_opener.h"
 #include "settings.h"
 #include "training_manager.h"
 
@@ -42,7 +43,7 @@ QStringList DesktopSearch::openFolders()
     return folders;
 }
 
-TarnwickEngine *DesktopSearch::engineFor(const QString &folder, SearchMode *mode)
+IndexHandle *DesktopSearch::engineFor(const QString &folder, SearchMode *mode)
 {
     const std::optional<QString> overrideText = m_settings->encoderOverride(folder);
     const QString weights = m_training->weightsPathFor(
@@ -51,7 +52,7 @@ TarnwickEngine *DesktopSearch::engineFor(const QString &folder, SearchMode *mode
     if (!index || index->weights != weights || !index->engine->isOpen()) {
         index = std::make_shared<Index>();
         index->weights = weights;
-        index->engine = std::make_unique<TarnwickEngine>(folder, weights);
+        index->engine = std::make_unique<IndexHandle>(folder, weights);
         index->mode =
             EncoderRecord::matches(folder, weights) ? SearchMode::Hybrid : SearchMode::Keyword;
     }
@@ -65,19 +66,19 @@ QList<SearchResult> DesktopSearch::search(const QStringList &terms, int k)
     if (query.size() < kMinQueryLength) {
         return {};
     }
-    // The folders are ranked as one (TarnwickEngine::searchAcross), in hybrid mode when every
+    // The folders are ranked as one (IndexHandle::searchAcross), in hybrid mode when every
     // index may be searched by meaning, else by words alone.
-    QList<TarnwickEngine *> engines;
+    QList<IndexHandle *> engines;
     SearchMode across = SearchMode::Hybrid;
     for (const QString &folder : openFolders()) {
         SearchMode mode = SearchMode::Hybrid;
-        TarnwickEngine *engine = engineFor(folder, &mode);
+        IndexHandle *engine = engineFor(folder, &mode);
         if (engine != nullptr) {
             engines.append(engine);
             across = mode == SearchMode::Keyword ? SearchMode::Keyword : across;
         }
     }
-    return TarnwickEngine::searchAcross(engines, query, across, k, ResultLayout::ByFile);
+    return IndexHandle::searchAcross(engines, query, across, k, ResultLayout::ByFile);
 }
 
 QString DesktopSearch::idOf(const SearchResult &result)
@@ -111,7 +112,7 @@ bool DesktopSearch::open(const QString &id)
         return false;
     }
     result.fileType = TRN_FILE_TYPE_TEXT;
-    return TarnwickEngine::openResult(result, *m_settings).opened;
+    return openResult(result, *m_settings).opened;
 }
 
 bool DesktopSearch::launchApplication(const QStringList &terms)

@@ -1,14 +1,11 @@
 /*
-** tarnwick_engine.cpp -- the engine wrapper: opening, walking and ingesting, searching, file
-** listing, and the type-level helpers (a PDF hit's page, opening results). Which files are read
-** and what text they hold is decided by the engine (files.h); this file only passes the
-** settings along.
+** index_handle.cpp -- one directory's engine handle: opening, updating, searching and listing
+** files under its lock. Which files are read and what text they hold is decided by the engine
+** (files.h); this file only passes the walk options along.
 */
-#include "tarnwick_engine.h"
+#include "index_handle.h"
 
 #include "priority.h"
-#include "settings.h"
-#include "text/files.h"
 
 #include <QByteArray>
 #include <QDir>
@@ -64,49 +61,7 @@ int32_t checkedInt32(qint64 value)
 
 } // namespace
 
-QString searchModeName(SearchMode mode)
-{
-    switch (mode) {
-    case SearchMode::Hybrid:
-        return QStringLiteral("Hybrid");
-    case SearchMode::Semantic:
-        return QStringLiteral("Semantic");
-    case SearchMode::Keyword:
-        return QStringLiteral("Keyword");
-    case SearchMode::Text:
-        return QStringLiteral("Text");
-    case SearchMode::Regex:
-        return QStringLiteral("Regex");
-    }
-    return QStringLiteral("Hybrid");
-}
-
-std::optional<SearchMode> searchModeFromName(const QString &name)
-{
-    for (SearchMode mode : allSearchModes()) {
-        if (searchModeName(mode) == name) {
-            return mode;
-        }
-    }
-    return std::nullopt;
-}
-
-QList<SearchMode> allSearchModes()
-{
-    return {SearchMode::Hybrid,
-            SearchMode::Semantic,
-            SearchMode::Keyword,
-            SearchMode::Text,
-            SearchMode::Regex};
-}
-
-void TarnwickEngine::setVerbose(bool on)
-{
-    trn_set_verbose(on ? 1 : 0);
-}
-
-TarnwickEngine::TarnwickEngine(const QString &directoryPath, const QString &weightsPath,
-                               OpenMode mode)
+IndexHandle::IndexHandle(const QString &directoryPath, const QString &weightsPath, OpenMode mode)
     : m_directoryPath(directoryPath), m_dataDir(directoryPath + QStringLiteral("/.tarnwick"))
 {
     createIndexDir(m_dataDir);
@@ -114,7 +69,7 @@ TarnwickEngine::TarnwickEngine(const QString &directoryPath, const QString &weig
     openLocked(weightsPath, mode == OpenMode::Rebuild ? TRN_OPEN_REBUILD : 0);
 }
 
-TarnwickEngine::~TarnwickEngine()
+IndexHandle::~IndexHandle()
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     if (m_handle) {
@@ -123,13 +78,13 @@ TarnwickEngine::~TarnwickEngine()
     }
 }
 
-void TarnwickEngine::noteFailureLocked(int status, const char *message)
+void IndexHandle::noteFailureLocked(int status, const char *message)
 {
     m_lastStatus = status;
     m_lastError = status == TRN_STATUS_OK ? QString() : QString::fromUtf8(message);
 }
 
-void TarnwickEngine::openLocked(const QString &weightsPath, uint32_t flags)
+void IndexHandle::openLocked(const QString &weightsPath, uint32_t flags)
 {
     const QByteArray indexDir = QFile::encodeName(m_dataDir);
     const QByteArray weights = QFile::encodeName(weightsPath);
@@ -145,7 +100,7 @@ void TarnwickEngine::openLocked(const QString &weightsPath, uint32_t flags)
     noteFailureLocked(status, trn_last_error(nullptr));
 }
 
-bool TarnwickEngine::reopen(const QString &weightsPath)
+bool IndexHandle::reopen(const QString &weightsPath)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     if (!m_handle) {
@@ -154,25 +109,25 @@ bool TarnwickEngine::reopen(const QString &weightsPath)
     return m_handle != nullptr;
 }
 
-QString TarnwickEngine::lastError() const
+QString IndexHandle::lastError() const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_lastError;
 }
 
-int TarnwickEngine::lastStatus() const
+int IndexHandle::lastStatus() const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_lastStatus;
 }
 
-bool TarnwickEngine::isOpen() const
+bool IndexHandle::isOpen() const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_handle != nullptr;
 }
 
-void TarnwickEngine::clearAndReopen(const QString &weightsPath)
+void IndexHandle::clearAndReopen(const QString &weightsPath)
 {
     std::unique_lock<std::mutex> lock(m_mutex);
     // A running update stops after its current file; the handle is closed only then.
@@ -195,7 +150,7 @@ namespace
 // What trn_update_dir's progress callback needs: the caller's callback, the report the engine
 // fills in as it goes, and the lock to open between files.
 struct UpdateProgress {
-    const TarnwickEngine::ProgressFn *progress;
+    const IndexHandle::ProgressFn *progress;
     const TrnUpdateReport *report;
     std::unique_lock<std::mutex> *lock;
     const bool *cancel; // guarded by m_mutex
@@ -209,7 +164,7 @@ bool onUpdateProgress(const char *, int32_t done, int32_t total, void *user)
     // Between two files the handle is whole: searches of this tab and other tabs' work run here.
     p->lock->unlock();
     if (*p->progress) {
-        (*p->progress)(done, total, p->report->chunks_added);
+        (*p->progress)(IndexingProgress{done, total, int(p->report->chunks_added)});
     }
     std::this_thread::yield();
     p->lock->lock();
@@ -222,27 +177,27 @@ bool onUpdateProgress(const char *, int32_t done, int32_t total, void *user)
 
 } // namespace
 
-void TarnwickEngine::setIdlePriority(bool idle)
+void IndexHandle::setIdlePriority(bool idle)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_idlePriority = idle;
 }
 
-void TarnwickEngine::setPaused(bool paused)
+void IndexHandle::setPaused(bool paused)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_paused = paused;
     m_pauseChanged.notify_all();
 }
 
-bool TarnwickEngine::isPaused() const
+bool IndexHandle::isPaused() const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_paused;
 }
 
-int TarnwickEngine::ingestDirectory(int chunkSize, int overlap, const FileWalkOptions &walk,
-                                    const ProgressFn &progress, TrnUpdateReport *report)
+int IndexHandle::ingestDirectory(int chunkSize, int overlap, const FileWalkOptions &walk,
+                                 const ProgressFn &progress, TrnUpdateReport *report)
 {
     bool idle = false;
     {
@@ -263,8 +218,8 @@ int TarnwickEngine::ingestDirectory(int chunkSize, int overlap, const FileWalkOp
     return n;
 }
 
-int TarnwickEngine::ingestDirectoryHere(int chunkSize, int overlap, const FileWalkOptions &walk,
-                                        const ProgressFn &progress, TrnUpdateReport *report)
+int IndexHandle::ingestDirectoryHere(int chunkSize, int overlap, const FileWalkOptions &walk,
+                                     const ProgressFn &progress, TrnUpdateReport *report)
 {
     TrnUpdateReport local{};
     if (!report) {
@@ -297,76 +252,43 @@ int TarnwickEngine::ingestDirectoryHere(int chunkSize, int overlap, const FileWa
     return n;
 }
 
-std::optional<QString> TarnwickEngine::queryError(const QString &query, SearchMode mode)
-{
-    const QByteArray utf8 = query.toUtf8();
-    char reason[256] = "";
-    // The narrowing words first, in a mode without an expression to compile.
-    if (!trn_check_query(utf8.constData(), TRN_SEARCH_KEYWORD, reason, sizeof reason)) {
-        QString text = QString::fromUtf8(reason);
-        text[0] = text[0].toUpper();
-        return text;
-    }
-    if (trn_check_query(utf8.constData(), static_cast<int32_t>(mode), reason, sizeof reason)) {
-        return std::nullopt;
-    }
-    return QStringLiteral("Invalid regular expression: ") + QString::fromUtf8(reason);
-}
-
-QList<SearchResult> TarnwickEngine::groupByFile(const QList<SearchResult> &passages, int k)
-{
-    QList<SearchResult> files;
-    QHash<QString, qsizetype> rowOf;
-    for (const SearchResult &passage : passages) {
-        const auto seen = rowOf.constFind(passage.filePath);
-        if (seen != rowOf.constEnd()) {
-            files[*seen].moreInFile++;
-        } else if (files.size() < k) {
-            rowOf.insert(passage.filePath, files.size());
-            files.append(passage);
-            files.last().moreInFile = 0;
-        }
-    }
-    return files;
-}
-
-QList<SearchResult> TarnwickEngine::searchAcross(const QList<TarnwickEngine *> &engines,
-                                                 const QString &query, SearchMode mode, int k,
-                                                 ResultLayout layout)
+QList<SearchResult> IndexHandle::searchAcross(const QList<IndexHandle *> &handles,
+                                              const QString &query, SearchMode mode, int k,
+                                              ResultLayout layout)
 {
     if (k < 0) {
         qFatal("tarnwick: search with negative k %d", k);
     }
     QList<SearchResult> results;
-    if (k == 0 || engines.isEmpty()) {
+    if (k == 0 || handles.isEmpty()) {
         return results;
     }
     // Every handle is locked for the one call, always in the order of their addresses, so two
     // searches across the same tabs never wait for each other in a circle.
-    QList<TarnwickEngine *> order = engines;
+    QList<IndexHandle *> order = handles;
     std::sort(order.begin(), order.end());
     order.erase(std::unique(order.begin(), order.end()), order.end());
     std::vector<std::unique_lock<std::mutex>> locks;
-    for (TarnwickEngine *engine : order) {
-        locks.emplace_back(engine->m_mutex);
+    for (IndexHandle *handle : order) {
+        locks.emplace_back(handle->m_mutex);
     }
-    std::vector<TrnEngine *> handles;
-    QList<const TarnwickEngine *> open; // an index that is not open is left out
-    for (const TarnwickEngine *engine : engines) {
-        if (engine->m_handle) {
-            handles.push_back(engine->m_handle);
-            open.append(engine);
+    std::vector<TrnEngine *> engines;
+    QList<const IndexHandle *> open; // an index that is not open is left out
+    for (const IndexHandle *handle : handles) {
+        if (handle->m_handle) {
+            engines.push_back(handle->m_handle);
+            open.append(handle);
         }
     }
-    if (handles.empty()) {
+    if (engines.empty()) {
         return results;
     }
     const QByteArray utf8 = query.toUtf8();
     std::vector<TrnResult> records(static_cast<size_t>(k), TrnResult{});
     std::vector<int32_t> origins(static_cast<size_t>(k), 0);
     const int32_t n =
-        trn_search_many(handles.data(),
-                        static_cast<int32_t>(handles.size()),
+        trn_search_many(engines.data(),
+                        static_cast<int32_t>(engines.size()),
                         utf8.constData(),
                         static_cast<int32_t>(mode),
                         k,
@@ -381,8 +303,8 @@ QList<SearchResult> TarnwickEngine::searchAcross(const QList<TarnwickEngine *> &
     return results;
 }
 
-QList<SearchResult> TarnwickEngine::search(const QString &query, SearchMode mode, int k,
-                                           ResultLayout layout)
+QList<SearchResult> IndexHandle::search(const QString &query, SearchMode mode, int k,
+                                        ResultLayout layout)
 {
     if (k < 0) {
         qFatal("tarnwick: search with negative k %d", k);
@@ -409,8 +331,8 @@ QList<SearchResult> TarnwickEngine::search(const QString &query, SearchMode mode
     return results;
 }
 
-QList<SearchResult> TarnwickEngine::searchFile(const QString &query, SearchMode mode,
-                                               const QString &filePath)
+QList<SearchResult> IndexHandle::searchFile(const QString &query, SearchMode mode,
+                                            const QString &filePath)
 {
     // TODO(#27): the engine searches one file's passages itself; until then they are picked
     // from as many passages as it gives.
@@ -423,7 +345,7 @@ QList<SearchResult> TarnwickEngine::searchFile(const QString &query, SearchMode 
     return passages;
 }
 
-QList<FileInfo> TarnwickEngine::fileList(const FileWalkOptions &walk)
+QList<FileInfo> IndexHandle::fileList(const FileWalkOptions &walk)
 {
     const QByteArray root = QFile::encodeName(m_directoryPath);
     std::unique_ptr<TrnFileList, void (*)(TrnFileList *)> list(nullptr, trn_free_file_list);
@@ -458,61 +380,7 @@ QList<FileInfo> TarnwickEngine::fileList(const FileWalkOptions &walk)
     return files;
 }
 
-QString fileStatusText(const FileInfo &file)
-{
-    // UTF-8 is the rule and goes unsaid; a converted text says from what.
-    const QString readAs = file.encoding.isEmpty() || file.encoding == QLatin1String("UTF-8")
-                               ? QString()
-                               : QStringLiteral(", read as ") + file.encoding;
-    switch (file.status) {
-    case TRN_FILE_STATUS_INDEXABLE:
-        if (file.isChanged) {
-            return QStringLiteral("Changed since indexing") + readAs;
-        }
-        if (file.isIndexed) {
-            return (file.chunkCount == 1
-                        ? QStringLiteral("Indexed (1 chunk)")
-                        : QStringLiteral("Indexed (%1 chunks)").arg(file.chunkCount))
-                   + readAs;
-        }
-        return QStringLiteral("Not indexed yet") + readAs;
-    case TRN_FILE_STATUS_EXCLUDED:
-        return QStringLiteral("Excluded by ") + file.reason;
-    default:
-        return QString::fromLatin1(trn_file_status_name(static_cast<TrnFileStatus>(file.status)));
-    }
-}
-
-FileWalkOptions::FileWalkOptions(const QSet<QString> &extraExtensions,
-                                 const QStringList &excludePatterns, qint64 maxFileSize)
-{
-    // Every string is stored first, so the pointers taken below never move.
-    m_strings.reserve(size_t(extraExtensions.size() + excludePatterns.size()));
-    for (const QString &ext : extraExtensions) {
-        m_strings.push_back(ext.toUtf8());
-    }
-    for (const QString &pattern : excludePatterns) {
-        m_strings.push_back(pattern.toUtf8());
-    }
-    const size_t extensionCount = size_t(extraExtensions.size());
-    for (size_t i = 0; i < m_strings.size(); i++) {
-        (i < extensionCount ? m_extensions : m_patterns).push_back(m_strings[i].constData());
-    }
-    m_options.extra_extensions = m_extensions.empty() ? nullptr : m_extensions.data();
-    m_options.extra_extension_count = int32_t(m_extensions.size());
-    m_options.exclude_patterns = m_patterns.empty() ? nullptr : m_patterns.data();
-    m_options.exclude_pattern_count = int32_t(m_patterns.size());
-    m_options.max_file_size = maxFileSize > 0 ? uint64_t(maxFileSize) : uint64_t(TRN_FILE_SIZE_MAX);
-}
-
-std::unique_ptr<FileWalkOptions> FileWalkOptions::fromSettings(const Settings &settings)
-{
-    return std::make_unique<FileWalkOptions>(settings.effectiveExtraExtensions(),
-                                             settings.effectiveExcludePatterns(),
-                                             settings.effectiveMaxFileSize());
-}
-
-TrnStats TarnwickEngine::stats() const
+TrnStats IndexHandle::stats() const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     if (!m_handle) {
@@ -521,7 +389,7 @@ TrnStats TarnwickEngine::stats() const
     return trn_stats(m_handle);
 }
 
-bool TarnwickEngine::checkpoint()
+bool IndexHandle::checkpoint()
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     if (!m_handle) {
@@ -532,63 +400,7 @@ bool TarnwickEngine::checkpoint()
     return ok;
 }
 
-std::optional<int> TarnwickEngine::pdfPageForLine(const QString &path, int lineNumber)
+void setEngineVerbose(bool on)
 {
-    const QByteArray file = QFile::encodeName(path);
-    ExtractedText text;
-    const TrnFileStatus status = extract_file_text(file.constData(), TRN_FILE_TYPE_PDF, 0, &text);
-    std::optional<int> page;
-    if (status == TRN_FILE_STATUS_INDEXABLE || status == TRN_FILE_STATUS_TOO_SHORT) {
-        page = page_for_line(&text, lineNumber);
-    }
-    extracted_text_free(&text);
-    return page;
-}
-
-OpenOutcome TarnwickEngine::openResult(const SearchResult &result, const Settings &settings)
-{
-    OpenRequest request;
-    request.filePath = result.filePath;
-    request.lineNumber = result.lineNumber;
-    const TrnFileType type = file_type_by_name(QFile::encodeName(result.filePath).constData());
-    request.isPdf = type == TRN_FILE_TYPE_PDF;
-    // A name that says nothing (README.Debian, NEWS) was indexed as text: the editor opens it.
-    request.isEditable =
-        type == TRN_FILE_TYPE_TEXT || type == TRN_FILE_TYPE_SOURCE || type == TRN_FILE_TYPE_MARKDOWN
-        || (type == TRN_FILE_TYPE_UNKNOWN && result.fileType == TRN_FILE_TYPE_TEXT);
-    if (request.isPdf) {
-        request.pdfPage = pdfPageForLine(result.filePath, result.lineNumber).value_or(1);
-    }
-    request.editorChoice = settings.openTextFilesWith();
-    request.customCommand = settings.editorCommand();
-    return openWithDesktop(request);
-}
-
-FileCategory TarnwickEngine::fileCategory(const SearchResult &result)
-{
-    switch (file_type_by_name(QFile::encodeName(result.filePath).constData())) {
-    case TRN_FILE_TYPE_PDF:
-        return FileCategory::Pdf;
-    case TRN_FILE_TYPE_HTML:
-        return FileCategory::Html;
-    case TRN_FILE_TYPE_MARKDOWN:
-        return FileCategory::Markdown;
-    case TRN_FILE_TYPE_DOCX:
-    case TRN_FILE_TYPE_ODT:
-    case TRN_FILE_TYPE_EPUB:
-        return FileCategory::Document;
-    default:
-        return FileCategory::Plain;
-    }
-}
-
-QString TarnwickEngine::formatFileSize(qint64 bytes)
-{
-    if (bytes >= 1048576) {
-        return QString::asprintf("%.1f MB", double(bytes) / 1048576.0);
-    }
-    if (bytes > 1023) {
-        return QString::asprintf("%.1f KB", double(bytes) / 1024.0);
-    }
-    return QString::number(bytes) + QStringLiteral(" B");
+    trn_set_verbose(on ? 1 : 0);
 }
