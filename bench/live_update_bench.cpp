@@ -90,7 +90,7 @@ int main(int argc, char **argv)
     Settings settings(
         new QSettings(home.filePath(QStringLiteral("settings.ini")), QSettings::IniFormat));
     settings.setValue(QStringLiteral("watchSettleMs"), settle);
-    TarnwickEngine::setVerbose(false);
+    setEngineVerbose(false);
     const QString root = given.isEmpty() ? tree.path() : given;
     for (int i = 0; given.isEmpty() && i < files; i++) {
         const QString dir = tree.filePath(QStringLiteral("d%1").arg(i / 100));

@@ -9,18 +9,18 @@
 ** text is cut into chunks as the engine cuts them (800 bytes, 200 overlapping). An encoder whose
 ** position embeddings and layer outputs (wo, w2, b2) are all zero (what "trainer --idf" starts
 ** from, and what the bag-of-words training phase keeps) embeds a text as the sum over its tokens
-** of their rows after the final norm, to unit length: this program computes exactly that, once
-** per token, and sums, instead of running the forward pass per chunk. Any other encoder is run
-** through the engine's forward pass (slow, as in known_item_bench). --check N embeds the first N
-** chunks both ways and prints the largest difference (default 20).
+** of their rows after the final norm, to unit length: the engine computes those rows once per
+** token (encoder_prepare_bag) and sums them instead of running the layers per chunk. Any other
+** encoder runs through the layers (slow, as in known_item_bench). --check N embeds the first N
+** chunks of a bag of words both ways and prints the largest difference (default 20).
 **
 ** The rankings are exact (every chunk scored): "every file" ranks all chunks (known_item_bench's
 ** mode 5, there through the graph); "ten files" keeps the 40 best chunks that belong to the ten
 ** files whose mean vectors lie closest (mode 0). R@10 and MRR@10 as in known_item_bench, over
 ** every query and over the vocabulary-mismatch slice.
 */
-#include "internal.h"
-#include "training.h"
+#include "encoder/encoder.h"
+#include "encoder/vec.h"
 
 #include <algorithm>
 #include <chrono>
@@ -126,71 +126,23 @@ std::vector<std::string> cut_chunks(const std::string &text)
     return out;
 }
 
-bool all_zero(const float *x, size_t n)
-{
-    for (size_t i = 0; i < n; i++) {
-        if (x[i] != 0.0f) {
-            return false;
-        }
-    }
-    return true;
-}
-
 struct Embedder {
     TrnEncoder *enc;
     bool bag = false;
-    std::vector<float> token_out; /* vocab x DIM: each token's row after the final norm */
 
-    void setup()
+    void setup() { bag = encoder_prepare_bag(enc); }
+
+    void embed(const std::string &text, float *v) const
     {
-        bag = all_zero(enc->pos_emb, (size_t)TRN_ENCODER_MAX_SEQ * DIM);
-        for (const TrnEncoderLayer &l : enc->layers) {
-            bag = bag && all_zero(l.wo, (size_t)DIM * DIM)
-                  && all_zero(l.w2, (size_t)TRN_ENCODER_FF * DIM) && all_zero(l.b2, DIM);
-        }
-        if (!bag) {
-            return;
-        }
-        token_out.resize((size_t)enc->vocab_size * DIM);
-        for (uint32_t t = 0; t < enc->vocab_size; t++) {
-            const float *x = enc->tok_emb + (size_t)t * DIM;
-            double mean = 0, sq = 0;
-            for (int d = 0; d < DIM; d++) {
-                mean += x[d];
-                sq += (double)x[d] * x[d];
-            }
-            mean /= DIM;
-            const double var = std::max(0.0, sq / DIM - mean * mean);
-            const double inv = 1.0 / std::sqrt(var + 1e-5);
-            for (int d = 0; d < DIM; d++) {
-                token_out[(size_t)t * DIM + d] =
-                    (float)((x[d] - mean) * inv * enc->ln_f_gamma[d] + enc->ln_f_beta[d]);
-            }
-        }
+        trn_encoder_embed_text(enc, text.c_str(), v);
     }
 
-    void embed(const std::string &text, float *v, std::vector<uint32_t> &ids) const
+    void embed_through_layers(const std::string &text, float *v) const
     {
-        if (!bag) {
-            trn_encoder_embed_text(enc, text.c_str(), v);
-            return;
-        }
-        trn_train::tokenize(enc->bpe, text, ids);
-        std::vector<double> sum(DIM, 0.0);
-        for (uint32_t id : ids) {
-            const float *row = &token_out[(size_t)(id < enc->vocab_size ? id : 0) * DIM];
-            for (int d = 0; d < DIM; d++) {
-                sum[d] += row[d];
-            }
-        }
-        double norm = 0;
-        for (double x : sum) {
-            norm += x * x;
-        }
-        norm = std::sqrt(norm);
-        for (int d = 0; d < DIM; d++) {
-            v[d] = norm > 0 ? (float)(sum[d] / norm) : 0.0f;
-        }
+        float *rows = enc->bag_rows;
+        enc->bag_rows = nullptr;
+        trn_encoder_embed_text(enc, text.c_str(), v);
+        enc->bag_rows = rows;
     }
 };
 
@@ -262,14 +214,12 @@ int main(int argc, char **argv)
         Embedder em;
         em.enc = &enc;
         em.setup();
-        std::vector<uint32_t> ids;
         std::vector<float> vec(chunks.size() * DIM), q(DIM), ref(DIM);
         float worst = 0;
         for (size_t c = 0; c < chunks.size(); c++) {
-            em.embed(chunks[c], &vec[c * DIM], ids);
+            em.embed(chunks[c], &vec[c * DIM]);
             if ((int)c < check && em.bag) {
-                trn_encoder_embed_text(&enc, chunks[c].c_str(), ref.data());
-                vec_normalize(ref.data(), DIM);
+                em.embed_through_layers(chunks[c], ref.data());
                 for (int d = 0; d < DIM; d++) {
                     worst = std::max(worst, std::fabs(ref[d] - vec[c * DIM + d]));
                 }
@@ -293,7 +243,7 @@ int main(int argc, char **argv)
                 return std::find(query.answers.begin(), query.answers.end(), f)
                        != query.answers.end();
             };
-            em.embed(query.text, q.data(), ids);
+            em.embed(query.text, q.data());
             for (size_t c = 0; c < chunks.size(); c++) {
                 score[c] = vec_dot(q.data(), &vec[c * DIM], DIM);
                 order[c] = (int)c;

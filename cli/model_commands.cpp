@@ -16,11 +16,11 @@
 #include "json.h"
 
 #include "encoder_record.h"
+#include "index_handle.h"
 #include "json_coding.h"
 #include "prompt_builder.h"
 #include "records.h"
 #include "settings.h"
-#include "tarnwick_engine.h"
 #include "training_manager.h"
 
 #include <QCoreApplication>
@@ -462,7 +462,7 @@ void model_prompt(const Options &o, const ModelRuntime &model)
     std::string weights = chosen_weights(o, model, root, &description);
     check_weights(weights);
     const QString dir = path_text(root);
-    TarnwickEngine engine(dir, path_text(weights));
+    IndexHandle engine(dir, path_text(weights));
     if (!engine.isOpen()) {
         throw Failure(engine.lastError().toStdString());
     }

@@ -18,7 +18,7 @@
 #ifndef TRN_TRAINERS_BAG_TRAINING_H
 #define TRN_TRAINERS_BAG_TRAINING_H
 
-#include "internal.h"
+#include "encoder/encoder.h"
 
 #include <cstdint>
 #include <string>

@@ -5,6 +5,7 @@
 
 #include "encoder_record.h"
 #include "json_coding.h"
+#include "result_opener.h"
 #include "settings.h"
 #include "training_manager.h"
 
@@ -42,7 +43,7 @@ QStringList DesktopSearch::openFolders()
     return folders;
 }
 
-TarnwickEngine *DesktopSearch::engineFor(const QString &folder, SearchMode *mode)
+IndexHandle *DesktopSearch::engineFor(const QString &folder, SearchMode *mode)
 {
     const std::optional<QString> overrideText = m_settings->encoderOverride(folder);
     const QString weights = m_training->weightsPathFor(
@@ -51,7 +52,7 @@ TarnwickEngine *DesktopSearch::engineFor(const QString &folder, SearchMode *mode
     if (!index || index->weights != weights || !index->engine->isOpen()) {
         index = std::make_shared<Index>();
         index->weights = weights;
-        index->engine = std::make_unique<TarnwickEngine>(folder, weights);
+        index->engine = std::make_unique<IndexHandle>(folder, weights);
         index->mode =
             EncoderRecord::matches(folder, weights) ? SearchMode::Hybrid : SearchMode::Keyword;
     }
@@ -68,13 +69,13 @@ QList<SearchResult> DesktopSearch::search(const QStringList &terms, int k)
     QList<QList<SearchResult>> rankings;
     for (const QString &folder : openFolders()) {
         SearchMode mode = SearchMode::Hybrid;
-        TarnwickEngine *engine = engineFor(folder, &mode);
+        IndexHandle *engine = engineFor(folder, &mode);
         if (engine != nullptr) {
             rankings.append(engine->search(query, mode, k, ResultLayout::ByFile));
         }
     }
     // Hybrid and keyword scores do not compare across indexes: merged by rank.
-    return TarnwickEngine::mergeRankings(rankings, SearchMode::Hybrid, k);
+    return mergeRankings(rankings, SearchMode::Hybrid, k);
 }
 
 QString DesktopSearch::idOf(const SearchResult &result)
@@ -108,7 +109,7 @@ bool DesktopSearch::open(const QString &id)
         return false;
     }
     result.fileType = TRN_FILE_TYPE_TEXT;
-    return TarnwickEngine::openResult(result, *m_settings).opened;
+    return openResult(result, *m_settings).opened;
 }
 
 bool DesktopSearch::launchApplication(const QStringList &terms)

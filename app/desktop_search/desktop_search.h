@@ -14,7 +14,7 @@
 #ifndef TRN_DESKTOP_SEARCH_H
 #define TRN_DESKTOP_SEARCH_H
 
-#include "tarnwick_engine.h"
+#include "index_handle.h"
 
 #include <QMap>
 #include <QString>
@@ -52,10 +52,10 @@ public:
 
 private:
     QStringList openFolders();
-    TarnwickEngine *engineFor(const QString &folder, SearchMode *mode);
+    IndexHandle *engineFor(const QString &folder, SearchMode *mode);
 
     struct Index {
-        std::unique_ptr<TarnwickEngine> engine;
+        std::unique_ptr<IndexHandle> engine;
         QString weights;
         SearchMode mode = SearchMode::Hybrid;
     };

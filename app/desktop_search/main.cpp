@@ -8,9 +8,9 @@
 ** next search starts it again), and when the bus goes away.
 */
 #include "desktop_search.h"
+#include "index_handle.h"
 #include "providers.h"
 #include "settings.h"
-#include "tarnwick_engine.h"
 #include "training_manager.h"
 
 #include <QDBusConnection>
@@ -40,7 +40,7 @@ int main(int argc, char **argv)
     QGuiApplication application(argc, argv);
     QCoreApplication::setOrganizationName(QStringLiteral("Tarnwick"));
     QCoreApplication::setApplicationName(QStringLiteral("Tarnwick"));
-    TarnwickEngine::setVerbose(false);
+    setEngineVerbose(false);
     registerProviderTypes();
 
     const std::unique_ptr<Settings> settings = Settings::openUserSettings();

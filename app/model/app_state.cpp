@@ -143,7 +143,7 @@ void AppState::setSearchAllTabs(bool value)
 
 void AppState::searchIn(DirectoryState *state)
 {
-    QList<std::shared_ptr<TarnwickEngine>> engines;
+    QList<std::shared_ptr<IndexHandle>> engines;
     if (m_searchAllTabs && m_tabs.size() > 1) {
         // The tab searched from first, then the others in tab order.
         engines.append(state->engine());
@@ -230,18 +230,10 @@ void AppState::rebuildActive()
 void AppState::copyPrompt(PromptScope scope)
 {
     DirectoryState *state = activeState();
-    if (!state) {
+    if (!state || !m_clipboard) {
         return;
     }
-    const QString text = state->buildPrompt(m_query, scope);
-    Clipboard *clipboard = m_clipboard;
-    if (!clipboard) {
-        if (!m_systemClipboard) {
-            m_systemClipboard = std::make_unique<SystemClipboard>();
-        }
-        clipboard = m_systemClipboard.get();
-    }
-    clipboard->setText(text);
+    m_clipboard->setText(state->buildPrompt(m_query, scope));
     const int count = state->promptResultCount(scope);
     emit promptCopied(count == 0   ? QStringLiteral("No results to include: copied only the "
                                                     "message saying so")

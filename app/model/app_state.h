@@ -12,7 +12,7 @@
 
 #include "prompt_builder.h"
 #include "records.h"
-#include "tarnwick_engine.h"
+#include "search_results.h"
 
 #include <QHash>
 #include <QList>
@@ -87,9 +87,10 @@ public:
     // "Rebuild Index": discards the active tab's index and builds it again.
     void rebuildActive();
     // "Copy Prompt": the active tab's prompt for query in scope, onto the clipboard, and says so
-    // in promptCopied. Does nothing without an active tab.
+    // in promptCopied. Does nothing without an active tab or a clipboard.
     void copyPrompt(PromptScope scope = PromptScope::Top5);
-    // Where copyPrompt puts its text; not owned. NULL (the default) means the system clipboard.
+    // Where copyPrompt puts its text (the application hands in the system clipboard); not owned,
+    // and must outlive this object. NULL (the default): nowhere.
     void setClipboard(Clipboard *clipboard);
 
     // Writes "savedTabPaths" and "activeTabPath".
@@ -118,7 +119,6 @@ private:
     Settings *m_settings;
     const EncoderChoice *m_encoders; // handed to every tab
     Clipboard *m_clipboard = nullptr;
-    std::unique_ptr<Clipboard> m_systemClipboard;
     QList<DirectoryTab> m_tabs;
     QUuid m_activeTabId;
     QString m_query;

@@ -19,7 +19,9 @@
 #include <QPromise>
 #include <QtConcurrent/QtConcurrentRun>
 
+#include <limits>
 #include <memory>
+#include <mutex>
 #include <type_traits>
 #include <utility>
 
@@ -28,25 +30,42 @@
 void handOffRelease(const void *token);
 void handOffAcquire(const void *token);
 
-// runInBackground for a job that reports progress: job(promise) gets the QPromise of its Result,
-// sets its progress range, value and text as it goes and returns the result; progress(watcher)
-// runs on receiver's thread whenever they change, to read them from the watcher.
-template <typename Result, typename Job, typename Progress, typename Done>
-void runWithProgress(QObject *receiver, Job job, Progress progress, Done done)
+// runInBackground for a job that reports progress: job(report) calls report(value) with a
+// Progress value as it goes and returns the result; progress(value) runs on receiver's thread
+// with the latest value reported (Qt merges reports that come faster than it shows them), and
+// once more before done when the last report had not been shown yet.
+template <typename Result, typename Progress, typename Job, typename OnProgress, typename Done>
+void runWithProgress(QObject *receiver, Job job, OnProgress progress, Done done)
 {
-    const auto token = std::make_shared<char>();
-    auto *watcher = new QFutureWatcher<Result>(receiver);
-    auto show = [watcher, progress = std::move(progress)] {
-        progress(*watcher);
+    struct Latest {
+        std::mutex mutex;
+        Progress value{}; // guarded by mutex
+        int reports = 0;  // guarded by mutex
+        int shown = 0;    // read and written on receiver's thread only
     };
-    QObject::connect(watcher, &QFutureWatcherBase::progressRangeChanged, receiver, show);
+    const auto token = std::make_shared<char>();
+    const auto latest = std::make_shared<Latest>();
+    auto *watcher = new QFutureWatcher<Result>(receiver);
+    auto show = [latest, progress = std::move(progress)] {
+        Progress value;
+        {
+            std::lock_guard<std::mutex> lock(latest->mutex);
+            if (latest->reports == latest->shown) {
+                return;
+            }
+            latest->shown = latest->reports;
+            value = latest->value;
+        }
+        progress(value);
+    };
     QObject::connect(watcher, &QFutureWatcherBase::progressValueChanged, receiver, show);
     QObject::connect(watcher,
                      &QFutureWatcherBase::finished,
                      receiver,
-                     [watcher, token, done = std::move(done)]() mutable {
+                     [watcher, token, show, done = std::move(done)]() mutable {
                          watcher->deleteLater();
                          handOffAcquire(token.get());
+                         show();
                          if constexpr (std::is_void_v<Result>) {
                              done();
                          } else {
@@ -55,12 +74,22 @@ void runWithProgress(QObject *receiver, Job job, Progress progress, Done done)
                      });
     handOffRelease(token.get());
     watcher->setFuture(
-        QtConcurrent::run([job = std::move(job), token](QPromise<Result> &promise) mutable {
+        QtConcurrent::run([job = std::move(job), token, latest](QPromise<Result> &promise) mutable {
             handOffAcquire(token.get());
+            promise.setProgressRange(0, std::numeric_limits<int>::max());
+            auto report = [&promise, &latest](const Progress &value) {
+                int reports = 0;
+                {
+                    std::lock_guard<std::mutex> lock(latest->mutex);
+                    latest->value = value;
+                    reports = ++latest->reports;
+                }
+                promise.setProgressValue(reports); // wakes the watcher, which reads latest
+            };
             if constexpr (std::is_void_v<Result>) {
-                job(promise);
+                job(report);
             } else {
-                promise.addResult(job(promise));
+                promise.addResult(job(report));
             }
             handOffRelease(token.get());
         }));
@@ -70,12 +99,12 @@ template <typename Job, typename Done>
 void runInBackground(QObject *receiver, Job job, Done done)
 {
     using Result = std::invoke_result_t<Job &>;
-    runWithProgress<Result>(
+    runWithProgress<Result, bool>(
         receiver,
-        [job = std::move(job)](QPromise<Result> &) mutable {
+        [job = std::move(job)](const auto &) mutable {
             return job();
         },
-        [](const QFutureWatcher<Result> &) {},
+        [](bool) {},
         std::move(done));
 }
 

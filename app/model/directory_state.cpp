@@ -1,6 +1,6 @@
 /*
 ** directory_state.cpp -- one tab's model: background indexing, searching and listing, history,
-** pins, encoder override and git branch.
+** pins and encoder override.
 */
 #include "directory_state.h"
 
@@ -8,6 +8,7 @@
 #include "directory_watcher.h"
 #include "encoder_choice.h"
 #include "encoder_record.h"
+#include "git_branch.h"
 #include "json_coding.h"
 #include "results_model.h"
 #include "settings.h"
@@ -21,20 +22,6 @@
 #include <QThreadPool>
 #include <QTimer>
 
-namespace
-{
-
-std::optional<QString> readTrimmedText(const QString &path)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        return std::nullopt;
-    }
-    return QString::fromUtf8(file.readAll()).trimmed();
-}
-
-} // namespace
-
 // What an engine call on the thread pool left behind: whether it worked, the engine's status and
 // error, and its counts after it.
 struct DirectoryState::EngineOutcome {
@@ -45,7 +32,7 @@ struct DirectoryState::EngineOutcome {
     int added = 0; // indexing: the chunks added, or -1 when it failed
 
     EngineOutcome() = default;
-    EngineOutcome(const TarnwickEngine &engine, bool worked)
+    EngineOutcome(const IndexHandle &engine, bool worked)
         : ok(worked), status(engine.lastStatus()), error(engine.lastError()), stats(engine.stats())
     {
     }
@@ -60,13 +47,13 @@ DirectoryState::DirectoryState(const DirectoryTab &tab, const EncoderChoice *enc
         m_overrideProfileId = JsonCoding::uuidFromText(*overrideText);
     }
     const QString weights = effectiveWeightsPath();
-    m_engine = std::make_shared<TarnwickEngine>(m_directoryPath, weights);
+    m_engine = std::make_shared<IndexHandle>(m_directoryPath, weights);
     m_engine->setIdlePriority(m_settings->indexAtIdlePriority());
     m_weightsPath = weights;
     const TrnStats stats = m_engine->stats();
-    m_statusText = stats.chunk_count >= 1 ? countsText(stats) : QStringLiteral("Not indexed");
+    m_statusText = stats.chunk_count >= 1 ? indexCountsText(stats) : QStringLiteral("Not indexed");
     if (!m_engine->isOpen()) {
-        m_statusText = failureText(m_engine->lastError());
+        m_statusText = indexFailureText(m_engine->lastError());
         if (m_engine->lastStatus() == TRN_STATUS_BUSY) {
             retryOpen(1);
         }
@@ -112,17 +99,9 @@ DirectoryState::~DirectoryState()
     m_engine->setPaused(false);
 }
 
-QString DirectoryState::failureText(const QString &engineLine)
-{
-    if (engineLine.isEmpty()) {
-        return QStringLiteral("Indexing failed");
-    }
-    return engineLine.left(1).toUpper() + engineLine.mid(1);
-}
-
 void DirectoryState::retryOpen(int attempt)
 {
-    std::shared_ptr<TarnwickEngine> engine = m_engine;
+    std::shared_ptr<IndexHandle> engine = m_engine;
     const QString weights = m_weightsPath;
     // Opening waits for the lock, so it runs off the main thread.
     QTimer::singleShot(kBusyRetryMs, this, [this, engine, weights, attempt] {
@@ -133,11 +112,11 @@ void DirectoryState::retryOpen(int attempt)
             },
             [this, attempt](const EngineOutcome &r) {
                 if (r.ok) {
-                    setStatusText(r.stats.chunk_count >= 1 ? countsText(r.stats)
+                    setStatusText(r.stats.chunk_count >= 1 ? indexCountsText(r.stats)
                                                            : QStringLiteral("Not indexed"));
                     return;
                 }
-                setStatusText(failureText(r.error));
+                setStatusText(indexFailureText(r.error));
                 if (r.status == TRN_STATUS_BUSY && attempt < kBusyRetries) {
                     retryOpen(attempt + 1);
                 }
@@ -147,7 +126,7 @@ void DirectoryState::retryOpen(int attempt)
 
 void DirectoryState::retryCheckpoint(int attempt)
 {
-    std::shared_ptr<TarnwickEngine> engine = m_engine;
+    std::shared_ptr<IndexHandle> engine = m_engine;
     QTimer::singleShot(kBusyRetryMs, this, [this, engine, attempt] {
         runInBackground(
             this,
@@ -156,23 +135,15 @@ void DirectoryState::retryCheckpoint(int attempt)
             },
             [this, attempt](const EngineOutcome &r) {
                 if (r.ok) {
-                    setStatusText(countsText(r.stats));
+                    setStatusText(indexCountsText(r.stats));
                     return;
                 }
-                setStatusText(failureText(r.error));
+                setStatusText(indexFailureText(r.error));
                 if (r.status == TRN_STATUS_BUSY && attempt < kBusyRetries) {
                     retryCheckpoint(attempt + 1);
                 }
             });
     });
-}
-
-QString DirectoryState::countsText(const TrnStats &stats)
-{
-    // Chunks of removed files keep their slots until a compaction: only live ones are counted.
-    return QString::number(stats.chunk_count - stats.deleted_count)
-           + QStringLiteral(" chunks from ") + QString::number(stats.file_count)
-           + QStringLiteral(" files");
 }
 
 QString DirectoryState::effectiveWeightsPath() const
@@ -202,30 +173,22 @@ void DirectoryState::runIndexing(int chunkSize, int overlap, bool checkpoint)
     m_ingestClock.start();
     m_pausedMs = 0;
     m_pausedAt = m_isIndexingPaused ? 0 : -1;
-    setIngestProgress(0, 0, 0);
+    setIngestProgress(IndexingProgress{});
     setStatusText(QStringLiteral("Indexing..."));
     m_settings->setIndexingUnfinished(m_directoryPath, true);
-    std::shared_ptr<TarnwickEngine> engine = m_engine;
+    std::shared_ptr<IndexHandle> engine = m_engine;
     const QString directory = m_directoryPath;
     const QString weights = m_weightsPath;
     const std::shared_ptr<const FileWalkOptions> walk = FileWalkOptions::fromSettings(*m_settings);
-    // Progress travels as the future's progress: files done of files found, and the chunks so far
-    // as its text.
-    runWithProgress<EngineOutcome>(
+    runWithProgress<EngineOutcome, IndexingProgress>(
         this,
-        [=](QPromise<EngineOutcome> &promise) {
-            auto progress = [&promise](int done, int found, int chunks) {
-                if (done == 0) {
-                    promise.setProgressRange(0, found);
-                }
-                promise.setProgressValueAndText(done, QString::number(chunks));
-            };
+        [=](const auto &report) {
             // An empty index takes this encoder before its first chunk is committed, so an
             // indexing that is killed half-way is continued at the next start, not rebuilt.
             if (engine->stats().chunk_count == 0) {
                 EncoderRecord::write(directory, weights);
             }
-            const int n = engine->ingestDirectory(chunkSize, overlap, *walk, progress);
+            const int n = engine->ingestDirectory(chunkSize, overlap, *walk, report);
             // A failed update is not committed: what it logged stays in the log.
             const bool saved = n >= 0 && (!checkpoint || engine->checkpoint());
             if (saved) {
@@ -235,9 +198,8 @@ void DirectoryState::runIndexing(int chunkSize, int overlap, bool checkpoint)
             outcome.added = n;
             return outcome;
         },
-        [this](const QFutureWatcher<EngineOutcome> &watcher) {
-            setIngestProgress(
-                watcher.progressValue(), watcher.progressMaximum(), watcher.progressText().toInt());
+        [this](const IndexingProgress &progress) {
+            setIngestProgress(progress);
         },
         [this](const EngineOutcome &outcome) {
             indexingFinished(outcome);
@@ -255,7 +217,7 @@ void DirectoryState::indexingFinished(const EngineOutcome &r)
     if (r.ok) {
         m_settings->setIndexingUnfinished(m_directoryPath, false);
     }
-    setStatusText(r.ok ? countsText(r.stats) : failureText(r.error));
+    setStatusText(r.ok ? indexCountsText(r.stats) : indexFailureText(r.error));
     if (r.added >= 0 && !r.ok && r.status == TRN_STATUS_BUSY) {
         retryCheckpoint(1);
     }
@@ -284,27 +246,6 @@ double DirectoryState::reindexEstimateSeconds() const
     return counts.chunk_count / rate;
 }
 
-QString DirectoryState::durationText(double seconds)
-{
-    char text[64];
-    trn_duration_text(seconds, text, sizeof text);
-    return QString::fromUtf8(text);
-}
-
-QString DirectoryState::indexingProgressText(int filesDone, int filesFound, int chunksDone,
-                                             double seconds)
-{
-    char text[256];
-    trn_progress_text("Indexing",
-                      filesDone,
-                      filesFound,
-                      static_cast<uint32_t>(qMax(0, chunksDone)),
-                      seconds,
-                      text,
-                      sizeof text);
-    return QString::fromUtf8(text);
-}
-
 void DirectoryState::rebuild()
 {
     rebuildWith(effectiveWeightsPath());
@@ -321,10 +262,10 @@ void DirectoryState::rebuildWith(const QString &weightsPath)
 }
 
 void DirectoryState::search(const QString &query, SearchMode mode,
-                            const QList<std::shared_ptr<TarnwickEngine>> &across)
+                            const QList<std::shared_ptr<IndexHandle>> &across)
 {
     m_searchAcross.clear();
-    for (const std::shared_ptr<TarnwickEngine> &engine : across) {
+    for (const std::shared_ptr<IndexHandle> &engine : across) {
         m_searchAcross.append(engine);
     }
     if (query.isEmpty()) {
@@ -335,7 +276,7 @@ void DirectoryState::search(const QString &query, SearchMode mode,
         return;
     }
     if (mode == SearchMode::Regex) {
-        const std::optional<QString> error = TarnwickEngine::regexError(query);
+        const std::optional<QString> error = regexError(query);
         if (error) {
             ++m_searchRequest;
             setResults({});
@@ -369,8 +310,8 @@ void DirectoryState::runSearch(int k)
     const SearchMode mode = m_lastMode;
     const ResultLayout layout =
         m_settings->allPassages() ? ResultLayout::AllPassages : ResultLayout::ByFile;
-    std::shared_ptr<TarnwickEngine> engine = m_engine;
-    const QList<std::weak_ptr<TarnwickEngine>> across = m_searchAcross;
+    std::shared_ptr<IndexHandle> engine = m_engine;
+    const QList<std::weak_ptr<IndexHandle>> across = m_searchAcross;
     const quint64 request = ++m_searchRequest;
     searchStarted();
     runInBackground(
@@ -381,12 +322,12 @@ void DirectoryState::runSearch(int k)
             }
             // A tab closed since is left out: its index is no longer open.
             QList<QList<SearchResult>> rankings;
-            for (const std::weak_ptr<TarnwickEngine> &weak : across) {
-                if (const std::shared_ptr<TarnwickEngine> other = weak.lock()) {
+            for (const std::weak_ptr<IndexHandle> &weak : across) {
+                if (const std::shared_ptr<IndexHandle> other = weak.lock()) {
                     rankings.append(other->search(query, mode, k, layout));
                 }
             }
-            return TarnwickEngine::mergeRankings(rankings, mode, k);
+            return mergeRankings(rankings, mode, k);
         },
         [this, k, request](const QList<SearchResult> &hits) {
             // Latest wins: an answer to a request that a newer one replaced is dropped.
@@ -424,13 +365,13 @@ void DirectoryState::toggleFile(const QString &filePath)
     const SearchMode mode = m_lastMode;
     const quint64 request = m_searchRequest;
     // The file's own index: of another tab when the results come from every tab.
-    std::shared_ptr<TarnwickEngine> engine = m_engine;
+    std::shared_ptr<IndexHandle> engine = m_engine;
     for (const SearchResult &result : m_results) {
         if (result.filePath != filePath) {
             continue;
         }
-        for (const std::weak_ptr<TarnwickEngine> &weak : m_searchAcross) {
-            const std::shared_ptr<TarnwickEngine> other = weak.lock();
+        for (const std::weak_ptr<IndexHandle> &weak : m_searchAcross) {
+            const std::shared_ptr<IndexHandle> other = weak.lock();
             if (other && other->directoryPath() == result.folder) {
                 engine = other;
             }
@@ -465,7 +406,7 @@ void DirectoryState::setExpandedFiles(const QHash<QString, QList<SearchResult>> 
 void DirectoryState::loadFileList()
 {
     setIsLoadingFileList(true);
-    std::shared_ptr<TarnwickEngine> engine = m_engine;
+    std::shared_ptr<IndexHandle> engine = m_engine;
     const std::shared_ptr<const FileWalkOptions> walk = FileWalkOptions::fromSettings(*m_settings);
     runInBackground(
         this,
@@ -495,14 +436,6 @@ QList<SearchResult> DirectoryState::displayResults() const
         }
     }
     return shown;
-}
-
-void DirectoryState::openResult(const SearchResult &result)
-{
-    const OpenOutcome outcome = TarnwickEngine::openResult(result, *m_settings);
-    if (!outcome.message.isEmpty()) {
-        setStatusText(outcome.message);
-    }
 }
 
 bool DirectoryState::isPinned(const SearchResult &result) const
@@ -553,49 +486,6 @@ void DirectoryState::setEncoderProfile(const QUuid &profileId)
     }
     saveEncoderOverride();
     rebuild();
-}
-
-QString DirectoryState::detectGitBranch(const QString &path)
-{
-    QString dir = QDir::cleanPath(path);
-    QString gitDir;
-    while (!dir.isEmpty() && dir != QLatin1String("/")) {
-        const QFileInfo dotGit(dir + QStringLiteral("/.git"));
-        if (dotGit.exists()) {
-            if (dotGit.isDir()) {
-                gitDir = dotGit.filePath();
-            } else {
-                // A worktree or submodule: ".git" is a file naming the git directory.
-                const std::optional<QString> content = readTrimmedText(dotGit.filePath());
-                const QString prefix = QStringLiteral("gitdir: ");
-                if (!content || !content->startsWith(prefix)) {
-                    return QString();
-                }
-                gitDir = content->mid(prefix.size()).trimmed();
-            }
-            break;
-        }
-        const qsizetype slash = dir.lastIndexOf(QLatin1Char('/'));
-        if (slash < 0) {
-            dir.clear();
-        } else if (slash == 0) {
-            dir = QStringLiteral("/");
-        } else {
-            dir = dir.left(slash);
-        }
-    }
-    if (gitDir.isEmpty()) {
-        return QString();
-    }
-    const std::optional<QString> head = readTrimmedText(gitDir + QStringLiteral("/HEAD"));
-    if (!head) {
-        return QString();
-    }
-    const QString refPrefix = QStringLiteral("ref: refs/heads/");
-    if (head->startsWith(refPrefix)) {
-        return head->mid(refPrefix.size());
-    }
-    return head->size() >= 7 ? head->left(7) : QString();
 }
 
 QString DirectoryState::buildPrompt(const QString &query, PromptScope scope) const
@@ -669,28 +559,27 @@ void DirectoryState::setIndexingPaused(bool paused)
     }
     emit isIndexingPausedChanged();
     if (m_isIngesting) {
-        setIngestProgress(m_ingestFilesDone, m_ingestFilesFound, m_ingestChunksDone);
+        setIngestProgress(m_ingestProgress);
     }
 }
 
-void DirectoryState::setIngestProgress(int done, int found, int chunks)
+void DirectoryState::setIngestProgress(const IndexingProgress &progress)
 {
-    if (m_ingestFilesFound != found) {
-        m_ingestFilesFound = found;
+    const IndexingProgress before = m_ingestProgress;
+    m_ingestProgress = progress;
+    if (before.filesFound != progress.filesFound) {
         emit ingestFilesFoundChanged();
     }
-    if (m_ingestFilesDone != done) {
-        m_ingestFilesDone = done;
+    if (before.filesDone != progress.filesDone) {
         emit ingestFilesDoneChanged();
     }
-    if (m_ingestChunksDone != chunks) {
-        m_ingestChunksDone = chunks;
+    if (before.chunksDone != progress.chunksDone) {
         emit ingestChunksDoneChanged();
     }
     // A late report of a run that has ended leaves the final status alone.
-    if (m_isIngesting && found > 0) {
-        const QString progress = indexingProgressText(done, found, chunks, ingestSeconds());
-        setStatusText(m_isIndexingPaused ? QStringLiteral("Paused: ") + progress : progress);
+    if (m_isIngesting && progress.filesFound > 0) {
+        const QString text = indexingProgressText(progress, ingestSeconds());
+        setStatusText(m_isIndexingPaused ? QStringLiteral("Paused: ") + text : text);
     }
 }
 

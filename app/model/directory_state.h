@@ -1,7 +1,7 @@
 /*
 ** directory_state.h -- the model of one open directory tab.
 **
-** DirectoryState owns the tab's TarnwickEngine (shared with the background work it starts), runs
+** DirectoryState owns the tab's IndexHandle (shared with the background work it starts), runs
 ** indexing, searching and file listing on QThreadPool::globalInstance() and publishes their
 ** results on the main thread. Work that finishes after the tab was closed is dropped: each job
 ** holds the state through a QPointer that is checked on the main thread.
@@ -21,9 +21,10 @@
 #ifndef TRN_APP_DIRECTORY_STATE_H
 #define TRN_APP_DIRECTORY_STATE_H
 
+#include "index_handle.h"
+#include "indexing_text.h"
 #include "prompt_builder.h"
 #include "records.h"
-#include "tarnwick_engine.h"
 
 #include <QElapsedTimer>
 #include <QHash>
@@ -53,7 +54,7 @@ class DirectoryState : public QObject
     Q_PROPERTY(int ingestFilesDone READ ingestFilesDone NOTIFY ingestFilesDoneChanged)
     Q_PROPERTY(int ingestFilesFound READ ingestFilesFound NOTIFY ingestFilesFoundChanged)
     // Chunks the running indexing has added so far. While indexing, statusText reads as
-    // indexingProgressText() of these counts.
+    // indexingProgressText() of these counts (indexing_text.h).
     Q_PROPERTY(int ingestChunksDone READ ingestChunksDone NOTIFY ingestChunksDoneChanged)
     // The running indexing waits after its current file (searches go on) until resumed.
     Q_PROPERTY(bool isIndexingPaused READ isIndexingPaused NOTIFY isIndexingPausedChanged)
@@ -89,15 +90,15 @@ public:
     ~DirectoryState() override;
 
     QString directoryPath() const { return m_directoryPath; }
-    std::shared_ptr<TarnwickEngine> engine() const { return m_engine; }
+    std::shared_ptr<IndexHandle> engine() const { return m_engine; }
 
     QList<SearchResult> results() const { return m_results; }
     QList<SearchResult> displayResults() const;
     QString statusText() const { return m_statusText; }
     bool isIngesting() const { return m_isIngesting; }
-    int ingestFilesDone() const { return m_ingestFilesDone; }
-    int ingestFilesFound() const { return m_ingestFilesFound; }
-    int ingestChunksDone() const { return m_ingestChunksDone; }
+    int ingestFilesDone() const { return m_ingestProgress.filesDone; }
+    int ingestFilesFound() const { return m_ingestProgress.filesFound; }
+    int ingestChunksDone() const { return m_ingestProgress.chunksDone; }
     bool isIndexingPaused() const { return m_isIndexingPaused; }
     // Pauses or resumes indexing, this run and the next ones, until resumed.
     void setIndexingPaused(bool paused);
@@ -129,14 +130,6 @@ public:
     // "indexingChunksPerSecond"), in seconds; -1 when no speed is known yet.
     double reindexEstimateSeconds() const;
 
-    // "Indexing 120 of 451 files, 3412 chunks, 85 chunks/s, about 4 min left" after `seconds`
-    // of work; before the walk has found the files, "Indexing: looking for files...". The time
-    // left counts the files still to come at the pace of those done.
-    static QString indexingProgressText(int filesDone, int filesFound, int chunksDone,
-                                        double seconds);
-    // "12 s", "4 min", "1 h 05 min".
-    static QString durationText(double seconds);
-
     // Indexes the directory in the background ("Indexing..." until done): an update of the
     // index (new, changed and deleted files only), then a checkpoint.
     void ingest(int chunkSize, int overlap);
@@ -152,10 +145,10 @@ public:
     // Starts a new search; an empty query only clears the results. A regex-mode query that does
     // not compile clears the results and sets queryError instead (no history entry). across:
     // search these indexes (this tab's among them) as one ranking, each result naming its folder
-    // (TarnwickEngine::mergeRankings); loadMore and the searches after indexing do the same until
-    // the next search. Indexes whose tab closed meanwhile are left out.
+    // (mergeRankings of search_results.h); loadMore and the searches after indexing do the same
+    // until the next search. Indexes whose tab closed meanwhile are left out.
     void search(const QString &query, SearchMode mode,
-                const QList<std::shared_ptr<TarnwickEngine>> &across = {});
+                const QList<std::shared_ptr<IndexHandle>> &across = {});
     // "Load More Results": re-runs the current search with 10 more, while hasMoreResults and no
     // load is under way.
     void loadMore();
@@ -170,9 +163,8 @@ public:
     // The passages of an expanded file, best first (empty when it is not expanded).
     QList<SearchResult> passagesOf(const QString &filePath) const;
 
-    // Opens a result in its application (TarnwickEngine::openResult); a failure, or a fall-back
-    // to the default application, is told in statusText.
-    void openResult(const SearchResult &result);
+    // Also what a view reports of a request it carried out, such as opening a result.
+    void setStatusText(const QString &text);
 
     bool isPinned(const SearchResult &result) const;
     void togglePin(const SearchResult &result);
@@ -183,10 +175,6 @@ public:
     // Chooses the encoder of this directory (a null id: the default profile), saves the choice
     // and re-indexes from scratch.
     void setEncoderProfile(const QUuid &profileId);
-
-    // The branch checked out in the git repository holding path: the branch name, the first 7
-    // characters of a detached head's commit, or empty when there is no repository.
-    static QString detectGitBranch(const QString &path);
 
     // The prompt for query from this tab's results (prompt_builder.h).
     QString buildPrompt(const QString &query, PromptScope scope) const;
@@ -233,15 +221,12 @@ private:
     void retryOpen(int attempt);
     // Retries the checkpoint that ends an indexing run (busy) after kBusyRetryMs.
     void retryCheckpoint(int attempt);
-    // The engine's failure line as a status text ("The index of ... is busy: ...").
-    static QString failureText(const QString &engineLine);
     void setResults(const QList<SearchResult> &results);
     void setExpandedFiles(const QHash<QString, QList<SearchResult>> &files);
-    void setStatusText(const QString &text);
     // Discards the index and indexes again with the given weights.
     void rebuildWith(const QString &weightsPath);
     void setIsIngesting(bool value);
-    void setIngestProgress(int done, int found, int chunks);
+    void setIngestProgress(const IndexingProgress &progress);
     // Seconds of the running indexing, pauses left out.
     double ingestSeconds() const;
     void setIsLoadingMore(bool value);
@@ -260,7 +245,6 @@ private:
     void savePinnedResults();
     void saveEncoderOverride();
 
-    static QString countsText(const TrnStats &stats);
     struct EngineOutcome;
     // Takes over on the main thread when an indexing run ends.
     void indexingFinished(const EngineOutcome &outcome);
@@ -268,7 +252,7 @@ private:
     Settings *m_settings;
     const EncoderChoice *m_encoders; // NULL: always the untrained encoder
     QString m_directoryPath;
-    std::shared_ptr<TarnwickEngine> m_engine;
+    std::shared_ptr<IndexHandle> m_engine;
     DirectoryWatcher *m_watcher = nullptr; // owned (child); NULL when watching is off
     bool m_updatePending = false;          // a change settled while indexing ran
     QString m_weightsPath; // what m_engine was opened with; the index's record names it
@@ -277,12 +261,10 @@ private:
     QList<SearchResult> m_results;
     QHash<QString, QList<SearchResult>> m_expandedFiles; // file path -> its passages
     // The indexes of a search over every tab; weak, so a closed tab's index closes.
-    QList<std::weak_ptr<TarnwickEngine>> m_searchAcross;
+    QList<std::weak_ptr<IndexHandle>> m_searchAcross;
     QString m_statusText = QStringLiteral("Ready");
     bool m_isIngesting = false;
-    int m_ingestFilesDone = 0;
-    int m_ingestFilesFound = 0;
-    int m_ingestChunksDone = 0;
+    IndexingProgress m_ingestProgress;
     QElapsedTimer m_ingestClock;
     bool m_isIndexingPaused = false;
     qint64 m_pausedMs = 0;  // of the running indexing, in pauses that ended

@@ -5,7 +5,7 @@
 
 #include "background.h"
 #include "tarnwick.h"
-#include "tarnwick_engine.h"
+#include "walk_options.h"
 
 #include <QFile>
 #include <QSocketNotifier>

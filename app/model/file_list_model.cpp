@@ -163,7 +163,7 @@ QVariant FileListModel::data(const QModelIndex &index, int role) const
     case FileSizeRole:
         return f.fileSize;
     case FileSizeTextRole:
-        return TarnwickEngine::formatFileSize(f.fileSize);
+        return formatFileSize(f.fileSize);
     case ChunkCountRole:
         return f.chunkCount;
     case IsIndexedRole:

@@ -12,7 +12,7 @@
 #ifndef TRN_APP_FILE_LIST_MODEL_H
 #define TRN_APP_FILE_LIST_MODEL_H
 
-#include "tarnwick_engine.h"
+#include "index_handle.h"
 
 #include <QAbstractListModel>
 #include <QList>
@@ -43,7 +43,7 @@ public:
         RelativePathRole,
         FileTypeRole,
         FileSizeRole,     // qint64
-        FileSizeTextRole, // TarnwickEngine::formatFileSize
+        FileSizeTextRole, // formatFileSize (file_info.h)
         ChunkCountRole,
         IsIndexedRole,
         IsIndexableRole,

@@ -20,7 +20,7 @@
 #ifndef TRN_APP_PROMPT_BUILDER_H
 #define TRN_APP_PROMPT_BUILDER_H
 
-#include "tarnwick_engine.h"
+#include "search_results.h"
 
 #include <QList>
 #include <QString>

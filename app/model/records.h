@@ -18,7 +18,7 @@
 #ifndef TRN_APP_RECORDS_H
 #define TRN_APP_RECORDS_H
 
-#include "tarnwick_engine.h"
+#include "search_results.h"
 
 #include <QByteArray>
 #include <QDateTime>

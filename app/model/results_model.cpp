@@ -81,7 +81,7 @@ QVariant ResultsModel::data(const QModelIndex &index, int role) const
     case FileTypeRole:
         return r.fileType;
     case FileCategoryRole:
-        return static_cast<int>(TarnwickEngine::fileCategory(r));
+        return static_cast<int>(fileCategory(r));
     case IsPinnedRole:
         return row.pinned;
     case MoreInFileRole:

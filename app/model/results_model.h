@@ -6,7 +6,7 @@
 #ifndef TRN_APP_RESULTS_MODEL_H
 #define TRN_APP_RESULTS_MODEL_H
 
-#include "tarnwick_engine.h"
+#include "file_info.h"
 
 #include <QAbstractListModel>
 #include <QList>

@@ -5,10 +5,6 @@
 
 #include "tarnwick.h"
 
-#include <QColor>
-#include <QGuiApplication>
-#include <QPalette>
-
 namespace
 {
 
@@ -523,9 +519,4 @@ std::optional<bool> appearanceIsDark(const QString &appearance, bool systemIsDar
         return !systemIsDark;
     }
     return std::nullopt;
-}
-
-bool systemAppearanceIsDark()
-{
-    return QGuiApplication::palette().color(QPalette::Window).lightness() < 128;
 }

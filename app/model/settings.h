@@ -25,7 +25,7 @@
 **   allPassages              bool          false    results list every matching passage, not
 **                                                   one row per file
 **   openTextFilesWith        string        "system" "Open text files with": a preset key of
-**                                                   editorPresets() (result_opener.h)
+**                                                   editorPresets() (app/ui/result_opener.h)
 **   editorCommand            string        ""       the custom command, {file} and {line}
 **   watchDirectories         bool          true     open tabs follow changes of their directory
 **   indexAtIdlePriority      bool          true     indexing takes only CPU and disk time that
@@ -224,9 +224,5 @@ private:
 // The appearance rule: "light" -> false, "dark" -> true, "opposite" -> the reverse of the system,
 // anything else ("system") -> nullopt (follow the system). The value is "use a dark appearance".
 std::optional<bool> appearanceIsDark(const QString &appearance, bool systemIsDark);
-
-// The system is dark when the platform palette's window colour is dark (lightness below 128).
-// Needs a QGuiApplication.
-bool systemAppearanceIsDark();
 
 #endif

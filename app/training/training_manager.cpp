@@ -10,7 +10,7 @@
 
 #include "settings.h"
 #include "support_files.h"
-#include "tarnwick_engine.h"
+#include "walk_options.h"
 
 #include "background.h"
 #include "json_coding.h"

@@ -5,6 +5,7 @@
 
 #include "directory_state.h"
 #include "icons.h"
+#include "result_opener.h"
 #include "window_frames.h"
 
 #include <QDir>
@@ -172,7 +173,8 @@ QVariant FileTableModel::headerData(int section, Qt::Orientation orientation, in
 
 // ---- window ----
 
-FileScopeWindow::FileScopeWindow(Settings *settings, QWidget *parent) : QWidget(parent, Qt::Window)
+FileScopeWindow::FileScopeWindow(Settings *settings, QWidget *parent)
+    : QWidget(parent, Qt::Window), m_settings(settings)
 {
     setObjectName(QStringLiteral("fileScopeWindow"));
     setAttribute(Qt::WA_QuitOnClose, false);
@@ -263,7 +265,7 @@ FileScopeWindow::FileScopeWindow(Settings *settings, QWidget *parent) : QWidget(
         target.filePath = index.data(Qt::UserRole).toString();
         target.lineNumber = 1;
         if (m_state) {
-            m_state->openResult(target);
+            openResult(target, *m_settings, m_state);
         }
     });
     m_pages->addWidget(m_table);
@@ -348,7 +350,7 @@ void FileScopeWindow::syncSummary()
         bytes += file.fileSize;
     }
     QString text = (fileCount == 1 ? tr("1 file") : tr("%1 files").arg(fileCount))
-                   + tr(", %1 indexed, %2").arg(indexed).arg(TarnwickEngine::formatFileSize(bytes));
+                   + tr(", %1 indexed, %2").arg(indexed).arg(formatFileSize(bytes));
     if (m_files && m_files->count() != files.size()) {
         text += tr(" \u00b7 %1 shown").arg(m_files->count());
     }

@@ -55,7 +55,7 @@ class FileScopeWindow : public QWidget
     Q_OBJECT
 
 public:
-    // settings keep the window's frame; they outlive the window.
+    // settings (the editor that opens a file, the window's frame) outlive the window.
     explicit FileScopeWindow(Settings *settings, QWidget *parent = nullptr);
 
     // Shows state's files (it should be listing them: loadFileList()).
@@ -72,6 +72,7 @@ private:
     void syncSummary();
     void syncSortIndicator();
 
+    Settings *m_settings;
     QPointer<DirectoryState> m_state;
     QObject *m_stateLink = nullptr;
     FileListModel *m_files = nullptr;

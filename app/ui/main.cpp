@@ -15,9 +15,10 @@
 #include "appearance.h"
 #include "command_line.h"
 #include "icons.h"
+#include "index_handle.h"
 #include "main_window.h"
 #include "settings.h"
-#include "tarnwick_engine.h"
+#include "system_clipboard.h"
 #include "training_manager.h"
 
 #include <QApplication>
@@ -103,7 +104,7 @@ int main(int argc, char **argv)
 
     // The engine's informational lines ("opened", "built doc index") are for the command line's
     // --verbose; the application shows what matters in its status bar.
-    TarnwickEngine::setVerbose(false);
+    setEngineVerbose(false);
 
     QCommandLineParser parser;
     describeCommandLine(parser);
@@ -132,6 +133,8 @@ int main(int argc, char **argv)
     Appearance appearance(settings.get());
     TrainingManager training(settings.get());
     AppState state(settings.get(), &training);
+    SystemClipboard clipboard;
+    state.setClipboard(&clipboard);
     MainWindow window(&state, &training);
     // The saved tabs come back on the first turn of the event loop; the directories named on the
     // command line open after them, so the last one named is the active tab.

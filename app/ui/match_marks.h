@@ -13,7 +13,7 @@
 #ifndef TRN_UI_MATCH_MARKS_H
 #define TRN_UI_MATCH_MARKS_H
 
-#include "tarnwick_engine.h"
+#include "search_results.h"
 
 #include <QList>
 #include <QString>

@@ -4,10 +4,12 @@
 */
 #include "preview_pane.h"
 
+#include "file_info.h"
 #include "formatted_document.h"
 #include "icons.h"
 #include "match_marks.h"
 #include "pdf_page_view.h"
+#include "preview_text.h"
 
 #include <QAbstractTextDocumentLayout>
 #include <QDir>
@@ -42,49 +44,6 @@ constexpr int kMaxMarks = 5000;
 // How far from the line's block a document is searched for the snippet's words.
 constexpr int kSnippetReach = 20;
 
-// Windows-1252: Latin-1 with printable characters in 0x80-0x9F.
-QString fromWindows1252(const QByteArray &bytes)
-{
-    static const char16_t kHigh[32] = {
-        0x20AC, 0xFFFD, 0x201A, 0x0192, 0x201E, 0x2026, 0x2020, 0x2021, 0x02C6, 0x2030, 0x0160,
-        0x2039, 0x0152, 0xFFFD, 0x017D, 0xFFFD, 0xFFFD, 0x2018, 0x2019, 0x201C, 0x201D, 0x2022,
-        0x2013, 0x2014, 0x02DC, 0x2122, 0x0161, 0x203A, 0x0153, 0xFFFD, 0x017E, 0x0178};
-    QString text(bytes.size(), Qt::Uninitialized);
-    for (qsizetype i = 0; i < bytes.size(); i++) {
-        const auto c = static_cast<unsigned char>(bytes.at(i));
-        text[i] = (c >= 0x80 && c < 0xA0) ? QChar(kHigh[c - 0x80]) : QChar(c);
-    }
-    return text;
-}
-
-// The text of a file's bytes: UTF-8 when they are, else Windows-1252; nullopt for binary data (a
-// zero byte early on).
-std::optional<QString> decodeText(const QByteArray &bytes)
-{
-    if (bytes.left(65536).contains('\0')) {
-        return std::nullopt;
-    }
-    QStringDecoder utf8(QStringDecoder::Utf8);
-    QString text = utf8.decode(bytes);
-    if (!utf8.hasError()) {
-        return text;
-    }
-    return fromWindows1252(bytes);
-}
-
-// HTML in its declared charset, else as decodeText reads it.
-std::optional<QString> decodeHtml(const QByteArray &bytes)
-{
-    QStringDecoder declared = QStringDecoder::decoderForHtml(bytes);
-    if (declared.isValid()) {
-        QString text = declared.decode(bytes);
-        if (!declared.hasError()) {
-            return text;
-        }
-    }
-    return decodeText(bytes);
-}
-
 std::optional<QByteArray> readBytes(const QString &path, QString *problem)
 {
     QFile file(path);
@@ -100,37 +59,6 @@ std::optional<QByteArray> readBytes(const QString &path, QString *problem)
     return file.readAll();
 }
 
-// The words of the snippet's matched line (the line holding the first match of the query, else
-// its longest line), at most `count`, as a pattern that lets any white space separate them. An
-// ellipsis at the start marks a cut word, which is left out. Empty when there are no words.
-QString snippetPattern(const QString &snippet, const QString &query, SearchMode mode, int count)
-{
-    const QStringList lines = snippet.split(QLatin1Char('\n'));
-    QString chosen;
-    for (const QString &line : lines) {
-        if (!findQueryMatches(line, query, mode).isEmpty()) {
-            chosen = line;
-            break;
-        }
-        if (line.simplified().size() > chosen.simplified().size()) {
-            chosen = line;
-        }
-    }
-    QString text = chosen.simplified();
-    const bool cut = text.startsWith(QChar(0x2026)) || text.startsWith(QLatin1String("..."));
-    text.remove(QChar(0x2026));
-    text.remove(QLatin1String("..."));
-    QStringList words = text.split(QLatin1Char(' '), Qt::SkipEmptyParts);
-    if (cut && words.size() > 1) {
-        words.removeFirst();
-    }
-    words = words.mid(0, count);
-    for (QString &w : words) {
-        w = QRegularExpression::escape(w);
-    }
-    return words.join(QStringLiteral("\\s+"));
-}
-
 QTextEdit::ExtraSelection band(const QTextBlock &block)
 {
     QTextEdit::ExtraSelection selection;
@@ -140,41 +68,6 @@ QTextEdit::ExtraSelection band(const QTextBlock &block)
     selection.format.setBackground(PreviewPane::bandColor());
     selection.format.setProperty(QTextFormat::FullWidthSelection, true);
     return selection;
-}
-
-// The first words of a source line as the rendered document shows them (markup removed), or ""
-// when the line shows nothing distinctive.
-QString renderedFragment(const QString &sourceLine, bool html)
-{
-    QString text = sourceLine;
-    if (html) {
-        static const QRegularExpression tag(QStringLiteral("<[^>]*>"));
-        text.replace(tag, QStringLiteral(" "));
-        const std::pair<const char *, const char *> entities[] = {{"&lt;", "<"},
-                                                                  {"&gt;", ">"},
-                                                                  {"&quot;", "\""},
-                                                                  {"&#39;", "'"},
-                                                                  {"&nbsp;", " "},
-                                                                  {"&amp;", "&"}};
-        for (const auto &[entity, character] : entities) {
-            text.replace(QLatin1String(entity), QLatin1String(character));
-        }
-    } else {
-        // Block marks at the start (headings, quotes, list bullets and numbers), links reduced
-        // to their text, and the inline emphasis and code marks.
-        static const QRegularExpression block(QStringLiteral("^\\s*([#>]+|[-*+]|\\d+[.)])\\s+"));
-        static const QRegularExpression link(QStringLiteral("!?\\[([^\\]]*)\\]\\([^)]*\\)"));
-        static const QRegularExpression marks(QStringLiteral("[*_`]+"));
-        text.replace(block, QString());
-        text.replace(link, QStringLiteral("\\1"));
-        text.replace(marks, QString());
-    }
-    text = text.simplified();
-    if (text.size() > 48) {
-        const qsizetype space = text.lastIndexOf(QLatin1Char(' '), 48);
-        text.truncate(space > 16 ? space : 48);
-    }
-    return text.size() >= 4 ? text : QString();
 }
 
 } // namespace
@@ -391,10 +284,9 @@ void PreviewPane::showResult(const SearchResult &result, const QString &query, S
     m_nextPage->setVisible(false);
     QString problem;
     bool shown = false;
-    switch (TarnwickEngine::fileCategory(result)) {
+    switch (fileCategory(result)) {
     case FileCategory::Pdf: {
-        const std::optional<int> page =
-            TarnwickEngine::pdfPageForLine(result.filePath, result.lineNumber);
+        const std::optional<int> page = pdfPageForLine(result.filePath, result.lineNumber);
         shown = showPdf(page.value_or(1) - 1, &problem);
         break;
     }
@@ -512,7 +404,7 @@ int PreviewPane::sourceLineShown(const QStringList &lines, int lineNumber)
     // lines such as "<div>" or "---" show nothing); of its places in the document, the nearest
     // to where the line lies in the file.
     QTextDocument *doc = m_document->document();
-    const bool html = TarnwickEngine::fileCategory(m_result) == FileCategory::Html;
+    const bool html = fileCategory(m_result) == FileCategory::Html;
     const int firstLine = qBound(0, lineNumber - 1, qMax(0, int(lines.size()) - 1));
     const int guess = int(double(firstLine) / qMax(1, int(lines.size())) * doc->blockCount());
     for (int i = firstLine; i < lines.size() && i < firstLine + 40; i++) {

@@ -23,7 +23,7 @@
 #ifndef TRN_UI_PREVIEW_PANE_H
 #define TRN_UI_PREVIEW_PANE_H
 
-#include "tarnwick_engine.h"
+#include "search_results.h"
 
 #include <QColor>
 #include <QDateTime>

@@ -6,6 +6,7 @@
 #include "directory_state.h"
 #include "icons.h"
 #include "match_marks.h"
+#include "result_opener.h"
 #include "results_model.h"
 #include "settings.h"
 
@@ -442,7 +443,7 @@ SearchResult ResultsView::resultAt(int row) const
 void ResultsView::openResult(const QModelIndex &index)
 {
     if (index.isValid() && m_state) {
-        m_state->openResult(resultAt(index.row()));
+        ::openResult(resultAt(index.row()), *m_settings, m_state);
     }
 }
 

@@ -21,7 +21,7 @@
 #define TRN_UI_RESULTS_VIEW_H
 
 #include "directory_state.h"
-#include "tarnwick_engine.h"
+#include "search_results.h"
 
 #include <QListView>
 #include <QPointer>
@@ -66,7 +66,8 @@ class ResultsView : public QListView
 public:
     static constexpr int kHoverDelayMs = 600;
 
-    // settings (never NULL) say whether the pointer's rest previews; they outlive the view.
+    // settings (never NULL: whether the pointer's rest previews, the editor that opens a result)
+    // outlive the view.
     explicit ResultsView(const Settings *settings, QWidget *parent = nullptr);
 
     // Shows state's results (NULL: nothing).

@@ -22,6 +22,7 @@
 #include "results_view.h"
 #include "settings.h"
 #include "settings_window.h"
+#include "system_clipboard.h"
 #include "training_manager.h"
 
 #include <QApplication>
@@ -196,6 +197,8 @@ int main(int argc, char **argv)
 
     TrainingManager training(settings);
     AppState app(settings, &training);
+    SystemClipboard clipboard;
+    app.setClipboard(&clipboard);
     MainWindow window(&app, &training);
     window.resize(1200, 720);
     window.show();

@@ -12,7 +12,7 @@
 
 #include "app_state.h"
 #include "directory_state.h"
-#include "tarnwick_engine.h"
+#include "search_results.h"
 
 #include <QPointer>
 #include <QWidget>

@@ -225,7 +225,7 @@ void TestAppState::addingAnIndexedDirectoryDoesNotReindex()
     const QString dir = makeDir(QStringLiteral("Indexed"));
     QVERIFY(writeFile(dir, QStringLiteral("a.txt"), "already indexed text in here\n"));
     {
-        TarnwickEngine engine(dir, QString());
+        IndexHandle engine(dir, QString());
         QVERIFY(engine.ingestDirectory(800, 200, *m_env->walk()) > 0);
     }
     // built with the encoder the tab will use (no trained profile, no built-in beside the test)
@@ -255,7 +255,7 @@ void TestAppState::storedChunkSizeBelowOneIndexesWith800()
     QVERIFY(writeFile(reference, QStringLiteral("z.txt"), text));
     int expected = 0;
     {
-        TarnwickEngine engine(reference, QString());
+        IndexHandle engine(reference, QString());
         expected = engine.ingestDirectory(800, 200, *m_env->walk());
         QVERIFY(expected > 0);
         engine.clearAndReopen(QString());

@@ -3,6 +3,7 @@
 ** and the results model.
 */
 #include "directory_state.h"
+#include "git_branch.h"
 
 #include "background.h"
 #include "encoder_record.h"
@@ -192,7 +193,7 @@ void TestDirectoryState::indexingProgressText()
     QFETCH(int, chunks);
     QFETCH(double, seconds);
     QFETCH(QString, expected);
-    QCOMPARE(DirectoryState::indexingProgressText(done, found, chunks, seconds), expected);
+    QCOMPARE(::indexingProgressText(IndexingProgress{done, found, chunks}, seconds), expected);
 }
 
 void TestDirectoryState::historyDeduplicatesKeepsTenAndSurvivesReopening()
@@ -580,7 +581,7 @@ void TestDirectoryState::closedTabDropsLateResults()
 {
     QVERIFY(writeFile(m_dir->path(), QStringLiteral("a.txt"), "closing while searching\n"));
     DirectoryState *state = openState(m_dir->path());
-    std::weak_ptr<TarnwickEngine> engine = state->engine();
+    std::weak_ptr<IndexHandle> engine = state->engine();
     state->ingest(800, 200);
     state->search(QStringLiteral("closing"), SearchMode::Text);
     m_states.removeOne(state);
@@ -700,7 +701,7 @@ void TestDirectoryState::gitBranch()
         QVERIFY(writeFile(root, QStringLiteral(".git"), "something else\n"));
     }
     const QString path = subdirectory.isEmpty() ? root : root + QLatin1Char('/') + subdirectory;
-    QTEST(DirectoryState::detectGitBranch(path), "branch");
+    QTEST(::detectGitBranch(path), "branch");
     DirectoryState *state = openState(path);
     QTEST(state->gitBranch(), "branch");
 }

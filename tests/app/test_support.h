@@ -6,8 +6,8 @@
 #define TRN_TEST_SUPPORT_H
 
 #include "settings.h"
-#include "tarnwick_engine.h"
 #include "training_manager.h"
+#include "walk_options.h"
 
 #include <QDir>
 #include <QFile>
@@ -31,7 +31,7 @@ public:
         m_settings =
             std::make_unique<Settings>(new QSettings(settingsPath(), QSettings::IniFormat));
         // At idle priority the tests' indexing would wait for every other process of a busy
-        // machine; TarnwickEngine's own test covers it.
+        // machine; IndexHandle's own test covers it.
         m_settings->setValue(QStringLiteral("indexAtIdlePriority"), false);
         m_training = std::make_unique<TrainingManager>(m_settings.get());
     }

@@ -1,5 +1,5 @@
 // tarnwick-cli on the application's model: a directory indexed by the program holds exactly what
-// TarnwickEngine::ingestDirectory stores in-process under the same settings, and searches it
+// IndexHandle::ingestDirectory stores in-process under the same settings, and searches it
 // alike in all three modes; `prompt` prints the application's prompt text byte for byte; `train`
 // lists, creates and trains the application's profiles. Every run has a home directory of its
 // own, whose settings file the test writes and reads as the application would.
@@ -7,11 +7,13 @@
 
 #ifdef TRN_CLI_MODEL_TESTS
 
+// Before any Qt header: Qt defines "slots" as a keyword, and the engine has a field of that name.
 #include "internal.h"
+
+#include "index_handle.h"
 #include "records.h"
 #include "settings.h"
 #include "tarnwick.h"
-#include "tarnwick_engine.h"
 #include "training_profile.h"
 
 #include <QSettings>
@@ -192,7 +194,7 @@ TEST_F(ModelCorpus, IndexHoldsWhatTheApplicationsWalkStoresAndSearchesAlike)
     // vector for vector, and the same answers.
     const QString weights = QString::fromStdString(fs::exists(built_in) ? built_in : "");
     {
-        TarnwickEngine engine(QString::fromStdString(dir.path()), weights);
+        IndexHandle engine(QString::fromStdString(dir.path()), weights);
         engine.clearAndReopen(weights);
         // The in-process model reads the same file.
         const std::unique_ptr<Settings> settings = open_settings(home.path());
@@ -204,7 +206,7 @@ TEST_F(ModelCorpus, IndexHoldsWhatTheApplicationsWalkStoresAndSearchesAlike)
     }
     EXPECT_TRUE(stored_chunks(dir.path()) == by_cli);
 
-    TarnwickEngine engine(QString::fromStdString(dir.path()), weights);
+    IndexHandle engine(QString::fromStdString(dir.path()), weights);
     for (const auto &[mode, query] : queries) {
         SCOPED_TRACE(mode);
         const std::map<std::string, SearchMode> by_name = {{"semantic", SearchMode::Semantic},

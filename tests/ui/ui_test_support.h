@@ -9,6 +9,7 @@
 #include "directory_state.h"
 #include "icons.h"
 #include "main_window.h"
+#include "system_clipboard.h"
 #include "test_support.h"
 #include "training_manager.h"
 
@@ -18,13 +19,15 @@
 
 #include <memory>
 
-// The application's objects as main() makes them over settings: the training manager, the model
-// and the main window.
+// The application's objects as main() makes them over settings: the clipboard, the training
+// manager, the model and the main window.
 struct AppWindow {
     explicit AppWindow(Settings *settings)
         : training(settings), app(settings, &training), window(&app, &training)
     {
+        app.setClipboard(&clipboard);
     }
+    SystemClipboard clipboard;
     TrainingManager training;
     AppState app;
     MainWindow window;

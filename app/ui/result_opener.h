@@ -19,6 +19,8 @@
 #ifndef TRN_APP_RESULT_OPENER_H
 #define TRN_APP_RESULT_OPENER_H
 
+#include "search_results.h"
+
 #include <QList>
 #include <QString>
 #include <QStringList>
@@ -26,6 +28,9 @@
 
 #include <functional>
 #include <optional>
+
+class DirectoryState;
+class Settings;
 
 // One choice of "Open text files with".
 struct EditorPreset {
@@ -78,7 +83,7 @@ struct OpenOutcome {
     QString message; // for the status bar: empty when it opened as asked
 };
 
-// How a result should be opened; what TarnwickEngine::openResult hands over.
+// How a result should be opened; what openResult hands over.
 struct OpenRequest {
     QString filePath;
     int lineNumber = 1;
@@ -95,5 +100,12 @@ OpenOutcome openWithDesktop(const OpenRequest &request);
 // The editor link of "System default": "vorn://open?file=<path>&line=<n>", the path
 // percent-encoded except for the characters a URL query may hold.
 QUrl editorLink(const QString &filePath, int lineNumber);
+
+// Opens a result as described above with the editor chosen in settings: plain text, source code
+// and Markdown in the editor at the line, PDFs at the hit's page, everything else with the
+// default application. The outcome's message is for the status bar.
+OpenOutcome openResult(const SearchResult &result, const Settings &settings);
+// openResult, with the message (a fall-back or a failure) told in state's status text.
+void openResult(const SearchResult &result, const Settings &settings, DirectoryState *state);
 
 #endif

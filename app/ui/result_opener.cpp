@@ -4,6 +4,10 @@
 */
 #include "result_opener.h"
 
+#include "directory_state.h"
+#include "settings.h"
+#include "text/files.h"
+
 #include <QDesktopServices>
 #include <QFileInfo>
 #include <QProcess>
@@ -285,4 +289,31 @@ OpenOutcome openWithDesktop(const OpenRequest &request)
                           + outcome.message.mid(1);
     }
     return outcome;
+}
+
+OpenOutcome openResult(const SearchResult &result, const Settings &settings)
+{
+    OpenRequest request;
+    request.filePath = result.filePath;
+    request.lineNumber = result.lineNumber;
+    const TrnFileType type = file_type_by_name(QFile::encodeName(result.filePath).constData());
+    request.isPdf = type == TRN_FILE_TYPE_PDF;
+    // A name that says nothing (README.Debian, NEWS) was indexed as text: the editor opens it.
+    request.isEditable =
+        type == TRN_FILE_TYPE_TEXT || type == TRN_FILE_TYPE_SOURCE || type == TRN_FILE_TYPE_MARKDOWN
+        || (type == TRN_FILE_TYPE_UNKNOWN && result.fileType == TRN_FILE_TYPE_TEXT);
+    if (request.isPdf) {
+        request.pdfPage = pdfPageForLine(result.filePath, result.lineNumber).value_or(1);
+    }
+    request.editorChoice = settings.openTextFilesWith();
+    request.customCommand = settings.editorCommand();
+    return openWithDesktop(request);
+}
+
+void openResult(const SearchResult &result, const Settings &settings, DirectoryState *state)
+{
+    const OpenOutcome outcome = openResult(result, settings);
+    if (state && !outcome.message.isEmpty()) {
+        state->setStatusText(outcome.message);
+    }
 }

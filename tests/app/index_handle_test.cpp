@@ -1,8 +1,8 @@
 /*
-** The engine wrapper: indexing with the settings' walk, searching, the file scope's reason for
-** every file, a PDF hit's page, opening results, and file sizes.
+** The index handle and the value types around it: indexing with the settings' walk, searching,
+** the file scope's reason for every file, a PDF hit's page, and file sizes.
 */
-#include "tarnwick_engine.h"
+#include "index_handle.h"
 
 #include "training_manager.h"
 
@@ -22,7 +22,7 @@
 
 #include <sched.h>
 
-class TestTarnwickEngine : public QObject
+class TestIndexHandle : public QObject
 {
     Q_OBJECT
 
@@ -39,11 +39,6 @@ private slots:
     void fileListGivesTheReasonForEveryFile();
     void clearAndReopenDiscardsTheIndex();
     void pdfPageForLine();
-    void everyPresetKeepsTheFileWhole();
-    void editorArguments_data();
-    void editorArguments();
-    void openResult_data();
-    void openResult();
     void fileCategory_data();
     void fileCategory();
     void formatFileSize_data();
@@ -56,20 +51,17 @@ private:
     QTemporaryDir m_dir;
 };
 
-void TestTarnwickEngine::initTestCase()
+void TestIndexHandle::initTestCase()
 {
     m_env = std::make_unique<IsolatedEnvironment>();
 }
 
-void TestTarnwickEngine::init()
+void TestIndexHandle::init()
 {
     m_env->settings()->remove(QStringLiteral("extraExtensions"));
-    setDesktopServices({});
-    m_env->settings()->remove(QStringLiteral("openTextFilesWith"));
-    m_env->settings()->remove(QStringLiteral("editorCommand"));
 }
 
-void TestTarnwickEngine::extraExtensionsAreTrimmedAndLowerCased()
+void TestIndexHandle::extraExtensionsAreTrimmedAndLowerCased()
 {
     m_env->settings()->setExtraExtensions(QStringLiteral(" JSON ,, toml,\tIni , "));
     const QSet<QString> expected = {
@@ -83,21 +75,21 @@ void TestTarnwickEngine::extraExtensionsAreTrimmedAndLowerCased()
     QVERIFY(m_env->settings()->effectiveExtraExtensions().isEmpty());
 }
 
-void TestTarnwickEngine::walkSkipsHiddenEntriesAndTheIndex()
+void TestIndexHandle::walkSkipsHiddenEntriesAndTheIndex()
 {
     QTemporaryDir dir;
     QVERIFY(writeFile(dir.path(), QStringLiteral("visible.txt"), "visible words here\n"));
     QVERIFY(writeFile(dir.path(), QStringLiteral(".hidden.txt"), "hidden words here\n"));
     QVERIFY(writeFile(dir.path(), QStringLiteral(".secret/inner.txt"), "inner hidden words\n"));
     QVERIFY(writeFile(dir.path(), QStringLiteral("sub/deep/nested.md"), "nested visible words\n"));
-    TarnwickEngine engine(dir.path(), QString());
+    IndexHandle engine(dir.path(), QString());
     QVERIFY(engine.isOpen());
     QVERIFY(QFileInfo(dir.filePath(QStringLiteral(".tarnwick"))).isDir());
 
     QList<QList<int>> progress;
-    const int chunks = engine.ingestDirectory(
-        800, 200, *m_env->walk(), [&progress](int done, int found, int chunksDone) {
-            progress.append({done, found, chunksDone});
+    const int chunks =
+        engine.ingestDirectory(800, 200, *m_env->walk(), [&progress](const IndexingProgress &p) {
+            progress.append({p.filesDone, p.filesFound, p.chunksDone});
         });
     QCOMPARE(chunks, 2);
     // (0 of 2) after the walk, then one step per file with the chunks so far.
@@ -107,20 +99,21 @@ void TestTarnwickEngine::walkSkipsHiddenEntriesAndTheIndex()
     QCOMPARE(engine.search(QStringLiteral("visible"), SearchMode::Text, 10).size(), 2);
 }
 
-void TestTarnwickEngine::idleIndexingHasAThreadOfItsOwnAndPausesWithTheLockOpen()
+void TestIndexHandle::idleIndexingHasAThreadOfItsOwnAndPausesWithTheLockOpen()
 {
     QTemporaryDir dir;
     QVERIFY(writeFile(dir.path(), QStringLiteral("a.txt"), "alpha words of the first file\n"));
     QVERIFY(writeFile(dir.path(), QStringLiteral("b.txt"), "bravo words of the second file\n"));
-    TarnwickEngine engine(dir.path(), QString());
+    IndexHandle engine(dir.path(), QString());
     engine.setIdlePriority(true);
     engine.setPaused(true);
     std::atomic<int> indexerPolicy{-1}, callerPolicy{-1}, filesDone{-1};
     QFuture<int> run = QtConcurrent::run([&] {
-        const int n = engine.ingestDirectory(800, 200, *m_env->walk(), [&](int done, int, int) {
-            indexerPolicy = sched_getscheduler(0);
-            filesDone = done;
-        });
+        const int n =
+            engine.ingestDirectory(800, 200, *m_env->walk(), [&](const IndexingProgress &progress) {
+                indexerPolicy = sched_getscheduler(0);
+                filesDone = progress.filesDone;
+            });
         callerPolicy = sched_getscheduler(0);
         return n;
     });
@@ -137,7 +130,7 @@ void TestTarnwickEngine::idleIndexingHasAThreadOfItsOwnAndPausesWithTheLockOpen(
     QCOMPARE(engine.search(QStringLiteral("alpha"), SearchMode::Text, 10).size(), 1);
 }
 
-void TestTarnwickEngine::indexIsPrivateAndHugeFilesAreNeverRead()
+void TestIndexHandle::indexIsPrivateAndHugeFilesAreNeverRead()
 {
     QTemporaryDir dir;
     QVERIFY(writeFile(dir.path(), QStringLiteral("small.txt"), "a small file that is indexed\n"));
@@ -150,7 +143,7 @@ void TestTarnwickEngine::indexIsPrivateAndHugeFilesAreNeverRead()
     QVERIFY(over.resize(qint64(TRN_FILE_SIZE_MAX) + 1));
     over.close();
 
-    TarnwickEngine engine(dir.path(), QString());
+    IndexHandle engine(dir.path(), QString());
     QCOMPARE(engine.ingestDirectory(800, 200, *m_env->walk()), 1);
     QVERIFY(engine.checkpoint());
     int tooLarge = 0;
@@ -171,13 +164,13 @@ void TestTarnwickEngine::indexIsPrivateAndHugeFilesAreNeverRead()
     }
 }
 
-void TestTarnwickEngine::searchCopiesRecordsAndKZeroReturnsNothing()
+void TestIndexHandle::searchCopiesRecordsAndKZeroReturnsNothing()
 {
     QTemporaryDir dir;
     QVERIFY(
         writeFile(dir.path(), QStringLiteral("a.txt"), "first line\nsecond line has the needle\n"));
     QVERIFY(writeFile(dir.path(), QStringLiteral("b.txt"), "nothing to see in this one\n"));
-    TarnwickEngine engine(dir.path(), QString());
+    IndexHandle engine(dir.path(), QString());
     QVERIFY(engine.ingestDirectory(800, 200, *m_env->walk()) > 0);
 
     QVERIFY(engine.search(QStringLiteral("needle"), SearchMode::Text, 0).isEmpty());
@@ -203,7 +196,7 @@ void TestTarnwickEngine::searchCopiesRecordsAndKZeroReturnsNothing()
 // The file scope view's words for every kind of file, after indexing, an edit and an addition.
 // Against a brute force over random rankings: one row per file, in the order of each file's
 // best passage, the row being that passage, with the count of the file's other passages.
-void TestTarnwickEngine::groupingKeepsEachFilesBestPassage()
+void TestIndexHandle::groupingKeepsEachFilesBestPassage()
 {
     QRandomGenerator random(27);
     for (int round = 0; round < 200; ++round) {
@@ -218,7 +211,7 @@ void TestTarnwickEngine::groupingKeepsEachFilesBestPassage()
             ranked.append(r);
         }
         const int k = 1 + random.bounded(6);
-        const QList<SearchResult> files = TarnwickEngine::groupByFile(ranked, k);
+        const QList<SearchResult> files = ::groupByFile(ranked, k);
         QStringList order;
         for (const SearchResult &r : ranked) {
             if (!order.contains(r.filePath)) {
@@ -242,7 +235,7 @@ void TestTarnwickEngine::groupingKeepsEachFilesBestPassage()
 
 // Word and text scores do not compare across indexes: their rankings interleave by place;
 // semantic scores do, and decide.
-void TestTarnwickEngine::mergedRankingsFavourNoIndex()
+void TestIndexHandle::mergedRankingsFavourNoIndex()
 {
     const auto ranking = [](const QString &name, QList<float> scores) {
         QList<SearchResult> list;
@@ -263,15 +256,15 @@ void TestTarnwickEngine::mergedRankingsFavourNoIndex()
         }
         return out;
     };
-    QCOMPARE(ids(TarnwickEngine::mergeRankings(rankings, SearchMode::Keyword, 10)),
+    QCOMPARE(ids(::mergeRankings(rankings, SearchMode::Keyword, 10)),
              (QStringList{"a0", "b0", "a1", "b1", "a2"}));
-    QCOMPARE(ids(TarnwickEngine::mergeRankings(rankings, SearchMode::Hybrid, 3)),
+    QCOMPARE(ids(::mergeRankings(rankings, SearchMode::Hybrid, 3)),
              (QStringList{"a0", "b0", "a1"}));
-    QCOMPARE(ids(TarnwickEngine::mergeRankings(rankings, SearchMode::Semantic, 4)),
+    QCOMPARE(ids(::mergeRankings(rankings, SearchMode::Semantic, 4)),
              (QStringList{"a0", "a1", "a2", "b0"}));
 }
 
-void TestTarnwickEngine::fileListGivesTheReasonForEveryFile()
+void TestIndexHandle::fileListGivesTheReasonForEveryFile()
 {
     QTemporaryDir dir;
     const QByteArray words = "words worth indexing in this file\n";
@@ -288,7 +281,7 @@ void TestTarnwickEngine::fileListGivesTheReasonForEveryFile()
     QVERIFY(writeFile(dir.path(), QStringLiteral("tiny.txt"), "tiny"));
     QVERIFY(writeFile(dir.path(), QStringLiteral("broken.docx"), "PK not really a document"));
     m_env->settings()->setMaxFileSizeMB(1);
-    TarnwickEngine engine(dir.path(), QString());
+    IndexHandle engine(dir.path(), QString());
     QVERIFY(engine.ingestDirectory(100, 20, *m_env->walk()) > 0);
     QVERIFY(engine.checkpoint());
     // Written after the index: one file edited, one new.
@@ -323,15 +316,15 @@ void TestTarnwickEngine::fileListGivesTheReasonForEveryFile()
     QCOMPARE(said, expected);
 }
 
-void TestTarnwickEngine::clearAndReopenDiscardsTheIndex()
+void TestIndexHandle::clearAndReopenDiscardsTheIndex()
 {
     QTemporaryDir dir;
     QVERIFY(writeFile(dir.path(), QStringLiteral("a.txt"), "some words worth indexing\n"));
     {
-        TarnwickEngine engine(dir.path(), QString());
+        IndexHandle engine(dir.path(), QString());
         QVERIFY(engine.ingestDirectory(800, 200, *m_env->walk()) > 0);
     }
-    TarnwickEngine engine(dir.path(), QString());
+    IndexHandle engine(dir.path(), QString());
     QCOMPARE(engine.stats().chunk_count, 1u);
     engine.clearAndReopen(QString());
     QVERIFY(engine.isOpen());
@@ -360,7 +353,7 @@ static void writePdf(const QString &path, const QList<QStringList> &pages)
     }
 }
 
-void TestTarnwickEngine::pdfPageForLine()
+void TestIndexHandle::pdfPageForLine()
 {
     QTemporaryDir dir;
     const QString pdf = dir.filePath(QStringLiteral("two.pdf"));
@@ -372,170 +365,21 @@ void TestTarnwickEngine::pdfPageForLine()
                QStringLiteral("four"),
                QStringLiteral("five")}});
     // Page one counts 3 lines plus its blank line.
-    QCOMPARE(TarnwickEngine::pdfPageForLine(pdf, 0), std::optional<int>(1));
-    QCOMPARE(TarnwickEngine::pdfPageForLine(pdf, 4), std::optional<int>(1));
-    QCOMPARE(TarnwickEngine::pdfPageForLine(pdf, 5), std::optional<int>(2));
-    QCOMPARE(TarnwickEngine::pdfPageForLine(pdf, 500), std::optional<int>(2));
+    QCOMPARE(::pdfPageForLine(pdf, 0), std::optional<int>(1));
+    QCOMPARE(::pdfPageForLine(pdf, 4), std::optional<int>(1));
+    QCOMPARE(::pdfPageForLine(pdf, 5), std::optional<int>(2));
+    QCOMPARE(::pdfPageForLine(pdf, 500), std::optional<int>(2));
 
     QVERIFY(writeFile(dir.path(), QStringLiteral("fake.pdf"), "not a pdf at all"));
-    QCOMPARE(TarnwickEngine::pdfPageForLine(dir.filePath(QStringLiteral("fake.pdf")), 3),
-             std::nullopt);
+    QCOMPARE(::pdfPageForLine(dir.filePath(QStringLiteral("fake.pdf")), 3), std::nullopt);
 
     // The walk ingests the PDF's text.
-    TarnwickEngine engine(dir.path(), QString());
+    IndexHandle engine(dir.path(), QString());
     QVERIFY(engine.ingestDirectory(800, 200, *m_env->walk()) > 0);
     QCOMPARE(engine.search(QStringLiteral("gamma"), SearchMode::Text, 5).size(), 1);
 }
 
-void TestTarnwickEngine::editorArguments_data()
-{
-    QTest::addColumn<QString>("command");
-    QTest::addColumn<QString>("file");
-    QTest::addColumn<QStringList>("expected");
-    const QString plain = QStringLiteral("/src/main.c");
-    const QString awkward = QStringLiteral("/home/a b/it's \"q\" $HOME;rm.txt");
-    QTest::newRow("custom, quoted program and arguments")
-        << R"('/opt/my editor/bin/ed' --goto "{file}:{line}" -t 'a b')" << awkward
-        << QStringList{"/opt/my editor/bin/ed", "--goto", awkward + ":42", "-t", "a b"};
-    QTest::newRow("custom, escapes inside and outside quotes")
-        << R"(ed\ it "say \"{line}\"" \$x)" << plain
-        << QStringList{"ed it", "say \"42\"", "$x", plain};
-    QTest::newRow("custom without {file} gets the file last")
-        << "subl -w" << plain << QStringList{"subl", "-w", plain};
-    QTest::newRow("a path holding {line} keeps it")
-        << "ed {file}"
-        << "/x/{line}.txt" << QStringList{"ed", "/x/{line}.txt"};
-    QTest::newRow("unclosed quote") << "ed '{file}" << plain << QStringList();
-    QTest::newRow("blank") << "   " << plain << QStringList();
-}
-
-// Whatever each preset's arguments are, an awkward file name stays one argument and the line
-// number is passed.
-void TestTarnwickEngine::everyPresetKeepsTheFileWhole()
-{
-    const QString awkward = QStringLiteral("/home/a b/it's \"q\" $HOME;rm.txt");
-    for (const EditorPreset &preset : editorPresets()) {
-        if (preset.command.isEmpty()) {
-            continue;
-        }
-        const std::optional<QStringList> arguments = ::editorArguments(preset.command, awkward, 42);
-        QVERIFY2(arguments, qPrintable(preset.key));
-        QVERIFY2(arguments->contains(awkward)
-                     || arguments->contains(awkward + QStringLiteral(":42")),
-                 qPrintable(arguments->join(QLatin1Char('|'))));
-        QVERIFY2(arguments->join(QLatin1Char(' ')).contains(QStringLiteral("42")),
-                 qPrintable(preset.key));
-    }
-}
-
-// The command becomes an argument list split before the file is put in, so no file name can
-// split an argument or reach a shell.
-void TestTarnwickEngine::editorArguments()
-{
-    QFETCH(QString, command);
-    QFETCH(QString, file);
-    QFETCH(QStringList, expected);
-    const std::optional<QStringList> arguments = ::editorArguments(command, file, 42);
-    if (expected.isEmpty()) {
-        QVERIFY(!arguments);
-    } else {
-        QVERIFY(arguments);
-        QCOMPARE(*arguments, expected);
-    }
-}
-
-void TestTarnwickEngine::openResult_data()
-{
-    QTest::addColumn<QString>("path");
-    QTest::addColumn<QString>("choice");
-    QTest::addColumn<bool>("linkHandler");     // an application handles vorn:// links
-    QTest::addColumn<bool>("startWorks");      // the editor program starts
-    QTest::addColumn<QStringList>("expected"); // what was started or opened, in order
-    QTest::addColumn<QString>("message");      // the status text; "" when it opened as asked
-
-    QTest::newRow("system default with a link handler: the editor link")
-        << "/src/main.c"
-        << "system" << true << true << QStringList{"url vorn://open?file=/src/main.c&line=42"}
-        << "";
-    QTest::newRow("system default, query characters kept, others encoded")
-        << "/x/R&D #1.txt"
-        << "system" << true << true << QStringList{"url vorn://open?file=/x/R&D%20%231.txt&line=42"}
-        << "";
-    QTest::newRow("system default without a handler: the file, never the link")
-        << "/notes/a b.md"
-        << "system" << false << true << QStringList{"url file:///notes/a%20b.md"} << "";
-    QTest::newRow("preset starts the editor at the line")
-        << "/src/util.py"
-        << "kate" << false << true << QStringList{"start kate -l 42 /src/util.py"} << "";
-    QTest::newRow("missing editor falls back to the file and says so")
-        << "/src/util.py"
-        << "code" << false << false
-        << QStringList{"start code -g /src/util.py:42", "url file:///src/util.py"}
-        << "Could not start \"code\"; opened util.py with the default application";
-    QTest::newRow("html opens in the browser")
-        << "/site/index.html"
-        << "kate" << true << true << QStringList{"url file:///site/index.html"} << "";
-    QTest::newRow("pdf opens in a viewer that takes the page")
-        << "/docs/paper.pdf"
-        << "system" << false << true << QStringList{"start evince -i 1 /docs/paper.pdf"} << "";
-    QTest::newRow("extra extension opens with the default application")
-        << "/cfg/app.plist"
-        << "gedit" << true << true << QStringList{"url file:///cfg/app.plist"} << "";
-}
-
-void TestTarnwickEngine::openResult()
-{
-    QFETCH(QString, path);
-    QFETCH(QString, choice);
-    QFETCH(bool, linkHandler);
-    QFETCH(bool, startWorks);
-    QFETCH(QStringList, expected);
-    QFETCH(QString, message);
-    QStringList calls;
-    DesktopServices desktop;
-    desktop.openUrl = [&calls](const QUrl &url) {
-        calls.append(QStringLiteral("url ") + QString::fromUtf8(url.toEncoded()));
-        return true;
-    };
-    desktop.startDetached = [&calls, startWorks](const QString &program, const QStringList &args) {
-        calls.append(QStringLiteral("start ") + program + QLatin1Char(' ') + args.join(' '));
-        return startWorks;
-    };
-    desktop.defaultApplication = [linkHandler](const QString &mimeType) {
-        if (mimeType == QLatin1String("application/pdf")) {
-            return QStringLiteral("org.gnome.Evince.desktop");
-        }
-        return linkHandler ? QStringLiteral("vorn-editor.desktop") : QString();
-    };
-    setDesktopServices(desktop);
-    m_env->settings()->setOpenTextFilesWith(choice);
-    SearchResult result;
-    result.filePath = path;
-    result.lineNumber = 42;
-    const OpenOutcome outcome = TarnwickEngine::openResult(result, *m_env->settings());
-    QCOMPARE(calls, expected);
-    QVERIFY(outcome.opened);
-    QCOMPARE(outcome.message, message);
-
-    calls.clear();
-    TarnwickEngine::openResult(SearchResult(), *m_env->settings());
-    QVERIFY(calls.isEmpty());
-
-    // Nothing opens at all: the status text says so.
-    desktop.openUrl = [](const QUrl &) {
-        return false;
-    };
-    desktop.startDetached = [](const QString &, const QStringList &) {
-        return false;
-    };
-    setDesktopServices(desktop);
-    const OpenOutcome failed = TarnwickEngine::openResult(result, *m_env->settings());
-    QVERIFY(!failed.opened);
-    QVERIFY2(failed.message.contains(QStringLiteral("could not open"), Qt::CaseInsensitive),
-             qPrintable(failed.message));
-}
-
-void TestTarnwickEngine::fileCategory_data()
+void TestIndexHandle::fileCategory_data()
 {
     QTest::addColumn<QString>("path");
     QTest::addColumn<int>("category");
@@ -547,15 +391,15 @@ void TestTarnwickEngine::fileCategory_data()
     QTest::newRow("no extension") << "/a/Makefile" << int(FileCategory::Plain);
 }
 
-void TestTarnwickEngine::fileCategory()
+void TestIndexHandle::fileCategory()
 {
     QFETCH(QString, path);
     SearchResult result;
     result.filePath = path;
-    QTEST(int(TarnwickEngine::fileCategory(result)), "category");
+    QTEST(int(::fileCategory(result)), "category");
 }
 
-void TestTarnwickEngine::formatFileSize_data()
+void TestIndexHandle::formatFileSize_data()
 {
     QTest::addColumn<qint64>("bytes");
     QTest::addColumn<QString>("text");
@@ -568,13 +412,13 @@ void TestTarnwickEngine::formatFileSize_data()
     QTest::newRow("5.5 GB in MB") << qint64(5905580032) << "5632.0 MB";
 }
 
-void TestTarnwickEngine::formatFileSize()
+void TestIndexHandle::formatFileSize()
 {
     QFETCH(qint64, bytes);
-    QTEST(TarnwickEngine::formatFileSize(bytes), "text");
+    QTEST(::formatFileSize(bytes), "text");
 }
 
-void TestTarnwickEngine::modeNamesDecodeOldAndNewHistories_data()
+void TestIndexHandle::modeNamesDecodeOldAndNewHistories_data()
 {
     QTest::addColumn<QString>("name");
     QTest::addColumn<int>("engineMode"); // -1: not a mode
@@ -589,7 +433,7 @@ void TestTarnwickEngine::modeNamesDecodeOldAndNewHistories_data()
     QTest::newRow("unknown") << "Fuzzy" << -1;
 }
 
-void TestTarnwickEngine::modeNamesDecodeOldAndNewHistories()
+void TestIndexHandle::modeNamesDecodeOldAndNewHistories()
 {
     QFETCH(QString, name);
     QFETCH(int, engineMode);
@@ -602,5 +446,5 @@ void TestTarnwickEngine::modeNamesDecodeOldAndNewHistories()
     }
 }
 
-QTEST_MAIN(TestTarnwickEngine)
-#include "tarnwick_engine_test.moc"
+QTEST_MAIN(TestIndexHandle)
+#include "index_handle_test.moc"

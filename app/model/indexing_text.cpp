@@ -1,0 +1,40 @@
+/*
+** indexing_text.cpp -- the status texts of indexing, in the engine's wording.
+*/
+#include "indexing_text.h"
+
+QString indexingProgressText(const IndexingProgress &progress, double seconds)
+{
+    char text[256];
+    trn_progress_text("Indexing",
+                      progress.filesDone,
+                      progress.filesFound,
+                      static_cast<uint32_t>(qMax(0, progress.chunksDone)),
+                      seconds,
+                      text,
+                      sizeof text);
+    return QString::fromUtf8(text);
+}
+
+QString durationText(double seconds)
+{
+    char text[64];
+    trn_duration_text(seconds, text, sizeof text);
+    return QString::fromUtf8(text);
+}
+
+QString indexCountsText(const TrnStats &stats)
+{
+    // Chunks of removed files keep their slots until a compaction: only live ones are counted.
+    return QString::number(stats.chunk_count - stats.deleted_count)
+           + QStringLiteral(" chunks from ") + QString::number(stats.file_count)
+           + QStringLiteral(" files");
+}
+
+QString indexFailureText(const QString &engineLine)
+{
+    if (engineLine.isEmpty()) {
+        return QStringLiteral("Indexing failed");
+    }
+    return engineLine.left(1).toUpper() + engineLine.mid(1);
+}

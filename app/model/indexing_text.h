@@ -1,0 +1,25 @@
+/*
+** indexing_text.h -- what the status bar says about an index: progress while indexing, the
+** counts once done, and the engine's failure line.
+*/
+#ifndef TRN_APP_INDEXING_TEXT_H
+#define TRN_APP_INDEXING_TEXT_H
+
+#include "index_handle.h"
+#include "tarnwick.h"
+
+#include <QString>
+
+// "Indexing 120 of 451 files, 3412 chunks, 85 chunks/s, about 4 min left" after `seconds` of
+// work; before the walk has found the files, "Indexing: looking for files...". The time left
+// counts the files still to come at the pace of those done.
+QString indexingProgressText(const IndexingProgress &progress, double seconds);
+// "12 s", "4 min", "1 h 05 min".
+QString durationText(double seconds);
+// "<live chunks> chunks from <files> files".
+QString indexCountsText(const TrnStats &stats);
+// The engine's failure line as a status text ("The index of ... is busy: ..."); "Indexing failed"
+// when the engine gave none.
+QString indexFailureText(const QString &engineLine);
+
+#endif
