@@ -283,8 +283,7 @@ typedef struct TrnFileInfo {
     uint8_t is_dir;       /* 1 for an excluded or unreadable directory, reported once */
     uint8_t changed;      /* 1 when indexed and modified after the index was last written */
     TrnFileStatus status; /* the walk's verdict; trn_list_dir_files_ex also reads the text */
-    char *reason;         /* owned; for EXCLUDED the rule, e.g. ".gitignore:3: build/"; for a
-                             text cut at the size limit (_ex, files it read) says so; else "" */
+    char *reason;         /* owned; for EXCLUDED the rule, e.g. ".gitignore:3: build/"; else "" */
 } TrnFileInfo;
 
 typedef struct TrnFileList {
