@@ -246,6 +246,8 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "index_bench: cannot load %s\n", weights.c_str());
         return 1;
     }
+    // As the engine does when it loads weights: a bag of words is embedded by summing rows.
+    encoder_prepare_bag(encoder);
     std::vector<float> vector(TRN_ENCODER_DIM);
     Clock::time_point start = Clock::now();
     double cpu_start = bench::cpu_seconds();
