@@ -1,6 +1,5 @@
 /*
-** directory_state.cpp -- one tab's model: background indexing, searching and listing, history,
-** pins and encoder override.
+** directory_state.cpp -- one tab's model: background indexing, searching and listing.
 */
 #include "directory_state.h"
 
@@ -9,7 +8,6 @@
 #include "encoder_choice.h"
 #include "encoder_record.h"
 #include "git_branch.h"
-#include "json_coding.h"
 #include "results_model.h"
 #include "settings.h"
 
@@ -18,7 +16,6 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QPointer>
-#include <QSet>
 #include <QThreadPool>
 #include <QTimer>
 
@@ -40,12 +37,9 @@ struct DirectoryState::EngineOutcome {
 
 DirectoryState::DirectoryState(const DirectoryTab &tab, const EncoderChoice *encoders,
                                Settings *settings, QObject *parent)
-    : QObject(parent), m_settings(settings), m_encoders(encoders), m_directoryPath(tab.path)
+    : QObject(parent), m_settings(settings), m_encoders(encoders), m_directoryPath(tab.path),
+      m_records(tab.path, settings)
 {
-    const std::optional<QString> overrideText = m_settings->encoderOverride(m_directoryPath);
-    if (overrideText) {
-        m_overrideProfileId = JsonCoding::uuidFromText(*overrideText);
-    }
     const QString weights = effectiveWeightsPath();
     m_engine = std::make_shared<IndexHandle>(m_directoryPath, weights);
     m_engine->setIdlePriority(m_settings->indexAtIdlePriority());
@@ -59,8 +53,6 @@ DirectoryState::DirectoryState(const DirectoryTab &tab, const EncoderChoice *enc
         }
     }
     m_gitBranch = detectGitBranch(m_directoryPath);
-    loadSearchHistory();
-    loadPinnedResults();
     m_resultsModel = new ResultsModel(this, this);
     // An index built with another encoder (or before the encoder was recorded) cannot be
     // searched by meaning with this one: build it again.
@@ -148,7 +140,7 @@ void DirectoryState::retryCheckpoint(int attempt)
 
 QString DirectoryState::effectiveWeightsPath() const
 {
-    return m_encoders ? m_encoders->weightsPathFor(m_overrideProfileId) : QString();
+    return m_encoders ? m_encoders->weightsPathFor(m_records.encoderOverride()) : QString();
 }
 
 bool DirectoryState::isIndexed() const
@@ -170,9 +162,7 @@ void DirectoryState::runIndexing(int chunkSize, int overlap, bool checkpoint)
 {
     m_updatePending = false;
     setIsIngesting(true);
-    m_ingestClock.start();
-    m_pausedMs = 0;
-    m_pausedAt = m_isIndexingPaused ? 0 : -1;
+    m_ingestClock.start(m_isIndexingPaused);
     setIngestProgress(IndexingProgress{});
     setStatusText(QStringLiteral("Indexing..."));
     m_settings->setIndexingUnfinished(m_directoryPath, true);
@@ -209,7 +199,7 @@ void DirectoryState::runIndexing(int chunkSize, int overlap, bool checkpoint)
 void DirectoryState::indexingFinished(const EngineOutcome &r)
 {
     // Runs long enough to measure give the speed that re-index estimates use.
-    const double seconds = ingestSeconds();
+    const double seconds = m_ingestClock.seconds();
     if (r.added > 0 && seconds >= 2.0) {
         m_settings->setValue(QStringLiteral("indexingChunksPerSecond"), r.added / seconds);
     }
@@ -421,89 +411,45 @@ void DirectoryState::loadFileList()
 
 QList<SearchResult> DirectoryState::displayResults() const
 {
-    QList<SearchResult> shown;
-    QSet<QString> pinnedIds;
-    for (const PinnedResult &pin : m_pinnedResults) {
-        pinnedIds.insert(pin.id);
-        shown.append(pin.toResult());
-        if (shown.last().folder.isEmpty()) {
-            shown.last().folder = m_directoryPath; // a pin kept by an older version
-        }
-    }
+    QList<SearchResult> shown = m_records.pinnedResults();
     for (const SearchResult &result : m_results) {
-        if (!pinnedIds.contains(result.id)) {
+        if (!m_records.isPinned(result)) {
             shown.append(result);
         }
     }
     return shown;
 }
 
-bool DirectoryState::isPinned(const SearchResult &result) const
-{
-    for (const PinnedResult &pin : m_pinnedResults) {
-        if (pin.id == result.id) {
-            return true;
-        }
-    }
-    return false;
-}
-
 void DirectoryState::togglePin(const SearchResult &result)
 {
-    QList<PinnedResult> pins = m_pinnedResults;
-    if (isPinned(result)) {
-        pins.removeIf([&result](const PinnedResult &pin) {
-            return pin.id == result.id;
-        });
-    } else {
-        pins.append(PinnedResult::fromResult(result));
-    }
-    setPinnedResults(pins);
-    savePinnedResults();
+    m_records.togglePin(result);
+    emit pinnedResultsChanged();
+    emit displayResultsChanged();
 }
 
 void DirectoryState::addToHistory(const QString &query, SearchMode mode)
 {
-    const QString modeName = searchModeName(mode);
-    QList<SearchHistoryEntry> history = m_searchHistory;
-    history.removeIf([&query, &modeName](const SearchHistoryEntry &entry) {
-        return entry.query == query && entry.mode == modeName;
-    });
-    history.prepend(
-        SearchHistoryEntry{QUuid::createUuid(), query, modeName, QDateTime::currentDateTimeUtc()});
-    if (history.size() > kHistoryLimit) {
-        history.resize(kHistoryLimit);
-    }
-    setSearchHistory(history);
-    saveSearchHistory();
+    m_records.addToHistory(query, mode);
+    emit searchHistoryChanged();
 }
 
 void DirectoryState::setEncoderProfile(const QUuid &profileId)
 {
-    if (m_overrideProfileId != profileId) {
-        m_overrideProfileId = profileId;
+    if (m_records.setEncoderOverride(profileId)) {
         emit overrideProfileIdChanged();
     }
-    saveEncoderOverride();
     rebuild();
 }
 
 QString DirectoryState::buildPrompt(const QString &query, PromptScope scope) const
 {
-    QList<SearchResult> pinned;
-    for (const PinnedResult &pin : m_pinnedResults) {
-        pinned.append(pin.toResult());
-    }
-    return ::buildPrompt(query, scope, displayResults(), pinned);
+    return ::buildPrompt(query, scope, displayResults(), m_records.pinnedResults());
 }
 
 int DirectoryState::promptResultCount(PromptScope scope) const
 {
-    QList<SearchResult> pinned;
-    for (const PinnedResult &pin : m_pinnedResults) {
-        pinned.append(pin.toResult());
-    }
-    return static_cast<int>(promptResults(scope, displayResults(), pinned).size());
+    return static_cast<int>(
+        promptResults(scope, displayResults(), m_records.pinnedResults()).size());
 }
 
 void DirectoryState::setResults(const QList<SearchResult> &results)
@@ -534,13 +480,6 @@ void DirectoryState::setIsIngesting(bool value)
     emit isIngestingChanged();
 }
 
-double DirectoryState::ingestSeconds() const
-{
-    const qint64 now = m_ingestClock.elapsed();
-    const qint64 paused = m_pausedMs + (m_pausedAt >= 0 ? now - m_pausedAt : 0);
-    return qMax<qint64>(0, now - paused) / 1000.0;
-}
-
 void DirectoryState::setIndexingPaused(bool paused)
 {
     if (m_isIndexingPaused == paused) {
@@ -549,13 +488,7 @@ void DirectoryState::setIndexingPaused(bool paused)
     m_isIndexingPaused = paused;
     m_engine->setPaused(paused);
     if (m_isIngesting) {
-        const qint64 now = m_ingestClock.elapsed();
-        if (paused) {
-            m_pausedAt = now;
-        } else if (m_pausedAt >= 0) {
-            m_pausedMs += now - m_pausedAt;
-            m_pausedAt = -1;
-        }
+        m_ingestClock.setPaused(paused);
     }
     emit isIndexingPausedChanged();
     if (m_isIngesting) {
@@ -578,7 +511,7 @@ void DirectoryState::setIngestProgress(const IndexingProgress &progress)
     }
     // A late report of a run that has ended leaves the final status alone.
     if (m_isIngesting && progress.filesFound > 0) {
-        const QString text = indexingProgressText(progress, ingestSeconds());
+        const QString text = indexingProgressText(progress, m_ingestClock.seconds());
         setStatusText(m_isIndexingPaused ? QStringLiteral("Paused: ") + text : text);
     }
 }
@@ -628,25 +561,6 @@ void DirectoryState::setIsLoadingFileList(bool value)
     emit isLoadingFileListChanged();
 }
 
-void DirectoryState::setSearchHistory(const QList<SearchHistoryEntry> &history)
-{
-    if (m_searchHistory == history) {
-        return;
-    }
-    m_searchHistory = history;
-    emit searchHistoryChanged();
-}
-
-void DirectoryState::setPinnedResults(const QList<PinnedResult> &pins)
-{
-    if (m_pinnedResults == pins) {
-        return;
-    }
-    m_pinnedResults = pins;
-    emit pinnedResultsChanged();
-    emit displayResultsChanged();
-}
-
 void DirectoryState::searchStarted()
 {
     m_runningSearches++;
@@ -660,43 +574,5 @@ void DirectoryState::searchEnded()
     m_runningSearches--;
     if (m_runningSearches == 0) {
         emit isSearchingChanged();
-    }
-}
-
-void DirectoryState::loadSearchHistory()
-{
-    const std::optional<QList<SearchHistoryEntry>> history =
-        SearchHistoryEntry::decodeList(m_settings->searchHistoryData(m_directoryPath));
-    if (history) {
-        m_searchHistory = *history;
-    }
-}
-
-void DirectoryState::saveSearchHistory()
-{
-    m_settings->setSearchHistoryData(m_directoryPath,
-                                     SearchHistoryEntry::encodeList(m_searchHistory));
-}
-
-void DirectoryState::loadPinnedResults()
-{
-    const std::optional<QList<PinnedResult>> pins =
-        PinnedResult::decodeList(m_settings->pinnedResultsData(m_directoryPath));
-    if (pins) {
-        m_pinnedResults = *pins;
-    }
-}
-
-void DirectoryState::savePinnedResults()
-{
-    m_settings->setPinnedResultsData(m_directoryPath, PinnedResult::encodeList(m_pinnedResults));
-}
-
-void DirectoryState::saveEncoderOverride()
-{
-    if (m_overrideProfileId.isNull()) {
-        m_settings->setEncoderOverride(m_directoryPath, std::nullopt);
-    } else {
-        m_settings->setEncoderOverride(m_directoryPath, JsonCoding::uuidText(m_overrideProfileId));
     }
 }

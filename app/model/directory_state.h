@@ -6,10 +6,9 @@
 ** results on the main thread. Work that finishes after the tab was closed is dropped: each job
 ** holds the state through a QPointer that is checked on the main thread.
 **
-** It keeps the tab's search history (most recent first, at most 10, no two entries with the same
-** query and mode), its pinned results (shown first in displayResults, never twice), the encoder
-** override (a training profile id whose weights this directory uses once that profile is
-** trained), and the directory's git branch.
+** It keeps the tab's records (tab_records.h: search history, pinned results shown first in
+** displayResults, the encoder override, a training profile id whose weights this directory uses
+** once that profile is trained) and the directory's git branch.
 **
 ** Searches: the newest request wins; the answer of an older one still under way is dropped.
 ** Paging: a search asks for 10 results; loadMore() asks again for 10 more, replacing the list,
@@ -25,8 +24,8 @@
 #include "indexing_text.h"
 #include "prompt_builder.h"
 #include "records.h"
+#include "tab_records.h"
 
-#include <QElapsedTimer>
 #include <QHash>
 #include <QList>
 #include <QObject>
@@ -75,7 +74,7 @@ class DirectoryState : public QObject
 public:
     static constexpr int kPageSize = 10;
     static constexpr int kMaxPagedResults = 64;
-    static constexpr int kHistoryLimit = 10;
+    static constexpr int kHistoryLimit = TabRecords::kHistoryLimit;
     // While another Tarnwick holds the index (busy), opening and the checkpoint after indexing
     // are retried this often, this many times, with the engine's line in statusText meanwhile.
     static constexpr int kBusyRetryMs = 2000;
@@ -109,9 +108,9 @@ public:
     QList<FileInfo> fileList() const { return m_fileList; }
     bool isLoadingFileList() const { return m_isLoadingFileList; }
     QString gitBranch() const { return m_gitBranch; }
-    QList<SearchHistoryEntry> searchHistory() const { return m_searchHistory; }
-    QList<PinnedResult> pinnedResults() const { return m_pinnedResults; }
-    QUuid overrideProfileId() const { return m_overrideProfileId; }
+    QList<SearchHistoryEntry> searchHistory() const { return m_records.history(); }
+    QList<PinnedResult> pinnedResults() const { return m_records.pins(); }
+    QUuid overrideProfileId() const { return m_records.encoderOverride(); }
 
     // The k of the current search (10, then 20, 30, ... with each loadMore()).
     int searchLimit() const { return m_searchLimit; }
@@ -167,7 +166,7 @@ public:
     // Also what a view reports of a request it carried out, such as opening a result.
     void setStatusText(const QString &text);
 
-    bool isPinned(const SearchResult &result) const;
+    bool isPinned(const SearchResult &result) const { return m_records.isPinned(result); }
     void togglePin(const SearchResult &result);
 
     // Records a search (moves an equal query and mode to the front; keeps 10) and saves it.
@@ -228,23 +227,13 @@ private:
     void rebuildWith(const QString &weightsPath);
     void setIsIngesting(bool value);
     void setIngestProgress(const IndexingProgress &progress);
-    // Seconds of the running indexing, pauses left out.
-    double ingestSeconds() const;
     void setIsLoadingMore(bool value);
     void setQueryError(const QString &text);
     void setHasMoreResults(bool value);
     void setFileList(const QList<FileInfo> &list);
     void setIsLoadingFileList(bool value);
-    void setSearchHistory(const QList<SearchHistoryEntry> &history);
-    void setPinnedResults(const QList<PinnedResult> &pins);
     void searchStarted();
     void searchEnded();
-
-    void loadSearchHistory();
-    void saveSearchHistory();
-    void loadPinnedResults();
-    void savePinnedResults();
-    void saveEncoderOverride();
 
     struct EngineOutcome;
     // Takes over on the main thread when an indexing run ends.
@@ -253,6 +242,7 @@ private:
     Settings *m_settings;
     const EncoderChoice *m_encoders; // NULL: always the untrained encoder
     QString m_directoryPath;
+    TabRecords m_records;
     std::shared_ptr<IndexHandle> m_engine;
     DirectoryWatcher *m_watcher = nullptr; // owned (child); NULL when watching is off
     bool m_updatePending = false;          // a change settled while indexing ran
@@ -266,10 +256,8 @@ private:
     QString m_statusText = QStringLiteral("Ready");
     bool m_isIngesting = false;
     IndexingProgress m_ingestProgress;
-    QElapsedTimer m_ingestClock;
+    IndexingClock m_ingestClock;
     bool m_isIndexingPaused = false;
-    qint64 m_pausedMs = 0;  // of the running indexing, in pauses that ended
-    qint64 m_pausedAt = -1; // m_ingestClock's reading when the current pause began, or -1
     int m_runningSearches = 0;
     quint64 m_searchRequest = 0; // the newest runSearch; older answers are dropped
     QString m_queryError;
@@ -278,9 +266,6 @@ private:
     QList<FileInfo> m_fileList;
     bool m_isLoadingFileList = false;
     QString m_gitBranch;
-    QList<SearchHistoryEntry> m_searchHistory;
-    QList<PinnedResult> m_pinnedResults;
-    QUuid m_overrideProfileId;
 
     int m_searchLimit = kPageSize;
     QString m_lastQuery;

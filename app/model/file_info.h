@@ -19,6 +19,7 @@ struct FileInfo {
     QString path;     // the full path
     QString name;     // last path component
     QString fileType; // trn_file_type_name, "Folder" for a directory, "" when not classified
+    TrnFileType type = TRN_FILE_TYPE_UNKNOWN; // of a file; UNKNOWN for a directory
     qint64 fileSize = 0;
     int chunkCount = 0;
     bool isIndexed = false;   // chunkCount > 0

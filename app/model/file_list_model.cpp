@@ -160,6 +160,10 @@ QVariant FileListModel::data(const QModelIndex &index, int role) const
         return m_state ? QDir(m_state->directoryPath()).relativeFilePath(f.path) : f.path;
     case FileTypeRole:
         return f.fileType;
+    case FileTypeValueRole:
+        return uint(f.type);
+    case IsDirectoryRole:
+        return f.isDirectory;
     case FileSizeRole:
         return f.fileSize;
     case FileSizeTextRole:
@@ -186,6 +190,8 @@ QHash<int, QByteArray> FileListModel::roleNames() const
     names.insert(NameRole, "name");
     names.insert(RelativePathRole, "relativePath");
     names.insert(FileTypeRole, "fileType");
+    names.insert(FileTypeValueRole, "fileTypeValue");
+    names.insert(IsDirectoryRole, "isDirectory");
     names.insert(FileSizeRole, "fileSize");
     names.insert(FileSizeTextRole, "fileSizeText");
     names.insert(ChunkCountRole, "chunkCount");

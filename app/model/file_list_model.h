@@ -41,7 +41,9 @@ public:
         PathRole = Qt::UserRole + 1,
         NameRole,
         RelativePathRole,
-        FileTypeRole,
+        FileTypeRole,      // FileInfo::fileType, the type's name
+        FileTypeValueRole, // FileInfo::type, a TrnFileType
+        IsDirectoryRole,
         FileSizeRole,     // qint64
         FileSizeTextRole, // formatFileSize (file_info.h)
         ChunkCountRole,

@@ -366,6 +366,7 @@ QList<FileInfo> IndexHandle::fileList(const FileWalkOptions &walk)
             info.fileType = QStringLiteral("Folder");
         } else if (f.type != TRN_FILE_TYPE_UNKNOWN) {
             info.fileType = QString::fromLatin1(trn_file_type_name(f.type));
+            info.type = f.type;
         }
         info.fileSize = info.isDirectory ? 0 : f.size;
         info.chunkCount = int(f.chunk_count);

@@ -38,3 +38,28 @@ QString indexFailureText(const QString &engineLine)
     }
     return engineLine.left(1).toUpper() + engineLine.mid(1);
 }
+
+void IndexingClock::start(bool paused)
+{
+    m_clock.start();
+    m_pausedMs = 0;
+    m_pausedAt = paused ? 0 : -1;
+}
+
+void IndexingClock::setPaused(bool paused)
+{
+    const qint64 now = m_clock.elapsed();
+    if (paused && m_pausedAt < 0) {
+        m_pausedAt = now;
+    } else if (!paused && m_pausedAt >= 0) {
+        m_pausedMs += now - m_pausedAt;
+        m_pausedAt = -1;
+    }
+}
+
+double IndexingClock::seconds() const
+{
+    const qint64 now = m_clock.elapsed();
+    const qint64 paused = m_pausedMs + (m_pausedAt >= 0 ? now - m_pausedAt : 0);
+    return qMax<qint64>(0, now - paused) / 1000.0;
+}

@@ -1,6 +1,6 @@
 /*
-** indexing_text.h -- what the status bar says about an index: progress while indexing, the
-** counts once done, and the engine's failure line.
+** indexing_text.h -- what the status bar says about an index: progress while indexing (and the
+** clock its pace is measured by), the counts once done, and the engine's failure line.
 */
 #ifndef TRN_APP_INDEXING_TEXT_H
 #define TRN_APP_INDEXING_TEXT_H
@@ -8,7 +8,23 @@
 #include "index_handle.h"
 #include "tarnwick.h"
 
+#include <QElapsedTimer>
 #include <QString>
+
+// The time an indexing run has worked, for its pace: the time it spent paused does not count.
+class IndexingClock
+{
+public:
+    // Starts again from zero, paused or running.
+    void start(bool paused);
+    void setPaused(bool paused);
+    double seconds() const;
+
+private:
+    QElapsedTimer m_clock;
+    qint64 m_pausedMs = 0;  // in pauses that ended
+    qint64 m_pausedAt = -1; // m_clock's reading when the current pause began, or -1
+};
 
 // "Indexing 120 of 451 files, 3412 chunks, 85 chunks/s, about 4 min left" after `seconds` of
 // work; before the walk has found the files, "Indexing: looking for files...". The time left

@@ -50,7 +50,7 @@ QJsonObject SearchHistoryEntry::toJson() const
     QJsonObject object;
     object.insert(QStringLiteral("id"), JsonCoding::uuidText(id));
     object.insert(QStringLiteral("query"), query);
-    object.insert(QStringLiteral("mode"), mode);
+    object.insert(QStringLiteral("mode"), searchModeName(mode));
     object.insert(QStringLiteral("date"), JsonCoding::dateToJson(date));
     return object;
 }
@@ -73,7 +73,7 @@ std::optional<SearchHistoryEntry> SearchHistoryEntry::fromJson(const QJsonObject
         return std::nullopt;
     }
     entry.query = query.toString();
-    entry.mode = mode.toString();
+    entry.mode = searchModeFromName(mode.toString()).value_or(SearchMode::Hybrid);
     entry.date = *date;
     return entry;
 }
@@ -91,29 +91,9 @@ std::optional<QList<SearchHistoryEntry>> SearchHistoryEntry::decodeList(const QB
 PinnedResult PinnedResult::fromResult(const SearchResult &result)
 {
     PinnedResult pin;
-    pin.id = result.id;
-    pin.filePath = result.filePath;
-    pin.snippet = result.snippet;
-    pin.score = result.score;
-    pin.chunkIndex = result.chunkIndex;
-    pin.lineNumber = result.lineNumber;
-    pin.fileType = result.fileType;
-    pin.folder = result.folder;
+    static_cast<SearchResult &>(pin) = result;
+    pin.moreInFile = 0;
     return pin;
-}
-
-SearchResult PinnedResult::toResult() const
-{
-    SearchResult result;
-    result.id = id;
-    result.filePath = filePath;
-    result.snippet = snippet;
-    result.score = score;
-    result.chunkIndex = chunkIndex;
-    result.lineNumber = lineNumber;
-    result.fileType = fileType;
-    result.folder = folder;
-    return result;
 }
 
 QJsonObject PinnedResult::toJson() const

@@ -13,7 +13,8 @@
 **
 ** Every key of an entry is required, except a pin's "folder" (the indexed directory of a result
 ** pinned from a search over every tab; older pins lack it); an array with one bad entry does not
-** decode at all, and a list that does not decode counts as absent (empty).
+** decode at all, and a list that does not decode counts as absent (empty). A history entry whose
+** mode names no mode of this version reads as Hybrid, the mode its menu entry searches in.
 */
 #ifndef TRN_APP_RECORDS_H
 #define TRN_APP_RECORDS_H
@@ -42,7 +43,7 @@ struct DirectoryTab {
 struct SearchHistoryEntry {
     QUuid id;
     QString query;
-    QString mode; // searchModeName() of the mode used
+    SearchMode mode = SearchMode::Hybrid;
     QDateTime date;
 
     bool operator==(const SearchHistoryEntry &other) const = default;
@@ -53,20 +54,13 @@ struct SearchHistoryEntry {
     static std::optional<QList<SearchHistoryEntry>> decodeList(const QByteArray &json);
 };
 
-struct PinnedResult {
-    QString id; // the SearchResult id; pins match results by it
-    QString filePath;
-    QString snippet;
-    float score = 0.0f;
-    int chunkIndex = 0;
-    int lineNumber = 0;
-    int fileType = 0;
-    QString folder; // the indexed directory of the result; empty in pins of older versions
-
+// A result as it was pinned; pins match results by id. moreInFile is not kept (always 0), and
+// folder is empty in pins of older versions.
+struct PinnedResult : SearchResult {
     bool operator==(const PinnedResult &other) const = default;
 
     static PinnedResult fromResult(const SearchResult &result);
-    SearchResult toResult() const;
+    SearchResult toResult() const { return *this; }
 
     QJsonObject toJson() const;
     static std::optional<PinnedResult> fromJson(const QJsonObject &object);

@@ -80,8 +80,6 @@ QVariant ResultsModel::data(const QModelIndex &index, int role) const
         return r.lineNumber;
     case FileTypeRole:
         return r.fileType;
-    case FileCategoryRole:
-        return static_cast<int>(fileCategory(r));
     case IsPinnedRole:
         return row.pinned;
     case MoreInFileRole:
@@ -108,7 +106,6 @@ QHash<int, QByteArray> ResultsModel::roleNames() const
     names.insert(ChunkIndexRole, "chunkIndex");
     names.insert(LineNumberRole, "lineNumber");
     names.insert(FileTypeRole, "fileType");
-    names.insert(FileCategoryRole, "fileCategory");
     names.insert(IsPinnedRole, "isPinned");
     names.insert(MoreInFileRole, "moreInFile");
     names.insert(IsExpandedRole, "isExpanded");

@@ -28,8 +28,7 @@ public:
         ScoreRole,
         ChunkIndexRole,
         LineNumberRole,
-        FileTypeRole,     // int, a TrnFileType value
-        FileCategoryRole, // int, a FileCategory value
+        FileTypeRole, // int, a TrnFileType value
         IsPinnedRole,
         MoreInFileRole, // int: further passages of the file (its row of a search by file)
         IsExpandedRole, // bool: the file's passages are shown under this row

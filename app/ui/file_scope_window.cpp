@@ -122,23 +122,11 @@ QVariant FileTableModel::data(const QModelIndex &index, int role) const
         }
         return QVariant(Qt::AlignLeft | Qt::AlignVCenter);
     } else if (role == Qt::DecorationRole && column == NameColumn) {
-        const QString type = src.data(FileListModel::FileTypeRole).toString();
-        QString name = QStringLiteral("text-x-generic");
-        if (type == QLatin1String("PDF")) {
-            name = QStringLiteral("application-pdf|x-office-document");
-        } else if (type == QLatin1String("HTML")) {
-            name = QStringLiteral("text-html");
-        } else if (type == QLatin1String("Source")) {
-            name = QStringLiteral("text-x-script");
-        } else if (type == QLatin1String("Folder")) {
-            name = QStringLiteral("folder");
-        } else if (type == QLatin1String("DOCX") || type == QLatin1String("ODT")
-                   || type == QLatin1String("EPUB")) {
-            name = QStringLiteral("x-office-document");
-        } else if (type == QLatin1String("Binary")) {
-            name = QStringLiteral("application-x-executable");
-        }
-        return themedIcon(name.split(QLatin1Char('|')), QStyle::SP_FileIcon);
+        const QStringList names =
+            src.data(FileListModel::IsDirectoryRole).toBool()
+                ? QStringList{QStringLiteral("folder")}
+                : fileTypeIconNames(src.data(FileListModel::FileTypeValueRole).toUInt());
+        return themedIcon(names, QStyle::SP_FileIcon);
     } else if (role == Qt::DecorationRole && column == StatusColumn) {
         // A dot: green indexed, amber waiting, grey not indexable.
         static const QColor colours[] = {

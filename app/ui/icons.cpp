@@ -67,6 +67,26 @@ QIcon themedIcon(const QStringList &names, QStyle::StandardPixmap fallback)
     return themedIcon(QString(), fallback);
 }
 
+QStringList fileTypeIconNames(TrnFileType type)
+{
+    switch (type) {
+    case TRN_FILE_TYPE_PDF:
+        return {QStringLiteral("application-pdf"), QStringLiteral("x-office-document")};
+    case TRN_FILE_TYPE_HTML:
+        return {QStringLiteral("text-html")};
+    case TRN_FILE_TYPE_SOURCE:
+        return {QStringLiteral("text-x-script")};
+    case TRN_FILE_TYPE_DOCX:
+    case TRN_FILE_TYPE_ODT:
+    case TRN_FILE_TYPE_EPUB:
+        return {QStringLiteral("x-office-document"), QStringLiteral("text-x-generic")};
+    case TRN_FILE_TYPE_BINARY:
+        return {QStringLiteral("application-x-executable")};
+    default:
+        return {QStringLiteral("text-x-generic")};
+    }
+}
+
 namespace
 {
 

@@ -5,6 +5,8 @@
 #ifndef TRN_UI_ICONS_H
 #define TRN_UI_ICONS_H
 
+#include "tarnwick.h"
+
 #include <QIcon>
 #include <QString>
 #include <QStringList>
@@ -22,6 +24,9 @@ QIcon applicationIcon();
 QIcon themedIcon(const QString &name, QStyle::StandardPixmap fallback = QStyle::SP_CustomBase);
 // The first of names that the theme has (themes differ in what they call an icon), else as above.
 QIcon themedIcon(const QStringList &names, QStyle::StandardPixmap fallback = QStyle::SP_CustomBase);
+
+// The theme names of a file type's icon, best first (text-x-generic for the types without one).
+QStringList fileTypeIconNames(TrnFileType type);
 
 // A one-colour (symbolic) icon drawn in the palette's button text colour, so that an enabled
 // button's icon has the contrast of its text in light and dark appearances alike (themes draw

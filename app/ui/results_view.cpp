@@ -38,23 +38,6 @@ QColor withAlpha(QColor color, float alpha)
     return color;
 }
 
-QString iconNameFor(FileCategory category, int fileType)
-{
-    switch (category) {
-    case FileCategory::Pdf:
-        return QStringLiteral("application-pdf|x-office-document");
-    case FileCategory::Html:
-        return QStringLiteral("text-html");
-    case FileCategory::Markdown:
-        return QStringLiteral("text-x-generic");
-    case FileCategory::Document:
-        return QStringLiteral("x-office-document|text-x-generic");
-    case FileCategory::Plain:
-        break;
-    }
-    return fileType == 3 ? QStringLiteral("text-x-script") : QStringLiteral("text-x-generic");
-}
-
 // A bookmark ribbon: filled for a pinned row, outlined otherwise.
 void drawPin(QPainter *painter, const QRect &rect, bool pinned, const QColor &ink,
              const QColor &accent)
@@ -188,14 +171,10 @@ void ResultDelegate::paint(QPainter *painter, const QStyleOptionViewItem &option
     }
 
     // File icon.
-    const auto category =
-        static_cast<FileCategory>(index.data(ResultsModel::FileCategoryRole).toInt());
     const QIcon icon =
-        passage
-            ? QIcon()
-            : themedIcon(
-                iconNameFor(category, index.data(ResultsModel::FileTypeRole).toInt()).split('|'),
-                QStyle::SP_FileIcon);
+        passage ? QIcon()
+                : themedIcon(fileTypeIconNames(index.data(ResultsModel::FileTypeRole).toUInt()),
+                             QStyle::SP_FileIcon);
     if (!icon.isNull()) {
         icon.paint(painter,
                    QRect(x, lineTop + (headerHeight - kIconSize) / 2, kIconSize, kIconSize));

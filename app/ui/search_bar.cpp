@@ -264,11 +264,10 @@ void SearchBar::fillHistoryMenu()
     }
     m_historyMenu->addSection(tr("Recent Searches"));
     for (const SearchHistoryEntry &entry : state->searchHistory()) {
-        const std::optional<SearchMode> mode = searchModeFromName(entry.mode);
-        QAction *action =
-            m_historyMenu->addAction(entry.query + QStringLiteral("  \u2014  ") + entry.mode);
+        QAction *action = m_historyMenu->addAction(entry.query + QStringLiteral("  \u2014  ")
+                                                   + searchModeName(entry.mode));
         const QString query = entry.query;
-        const SearchMode chosen = mode.value_or(SearchMode::Hybrid);
+        const SearchMode chosen = entry.mode;
         connect(action, &QAction::triggered, this, [this, query, chosen] {
             if (m_app) {
                 m_app->setQuery(query);

@@ -92,6 +92,15 @@ WalkAction list_walked(const WalkedFile *f, void *arg)
         ExtractedText text;
         info->status = extract_file_text(f->path, f->type, state->max_size, &text);
         snprintf(info->encoding, sizeof info->encoding, "%s", text.encoding);
+        if (info->status == TRN_FILE_STATUS_INDEXABLE && text.cut) {
+            char reason[64];
+            snprintf(reason,
+                     sizeof reason,
+                     "text cut at %llu bytes, the size limit",
+                     (unsigned long long)state->max_size);
+            free(info->reason);
+            info->reason = xstrdup(reason);
+        }
         extracted_text_free(&text);
     } else if (state->full && info->indexed && bytes_are_text) {
         file_charset(f->path, state->max_size, info->encoding, sizeof info->encoding);

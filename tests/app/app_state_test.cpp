@@ -379,7 +379,7 @@ void TestAppState::changingTheModeRerunsTheQuery()
         QCOMPARE(state->lastMode(), mode);
         QCOMPARE(state->results().size(), mode == SearchMode::Regex ? 1 : 0);
     }
-    QCOMPARE(state->searchHistory().first().mode, searchModeName(SearchMode::Regex));
+    QCOMPARE(state->searchHistory().first().mode, SearchMode::Regex);
 }
 
 void TestAppState::copyPromptUsesTheClipboard()

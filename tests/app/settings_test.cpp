@@ -246,7 +246,7 @@ void TestSettings::historyJsonHasTheFourKeys()
     const SearchHistoryEntry entry{
         QUuid::createUuid(),
         QStringLiteral("foo \"bar\""),
-        QStringLiteral("Text"),
+        SearchMode::Text,
         QDateTime::fromSecsSinceEpoch(978307200 + 100, QTimeZone::utc())};
     const QByteArray json = SearchHistoryEntry::encodeList({entry});
     QVERIFY(!json.contains('\n')); // compact

@@ -1,0 +1,53 @@
+/*
+** What the status bar says while a tab indexes.
+*/
+#include "indexing_text.h"
+
+#include <QtTest>
+
+class TestIndexingText : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void indexingProgressText_data();
+    void indexingProgressText();
+};
+
+void TestIndexingText::indexingProgressText_data()
+{
+    QTest::addColumn<int>("done");
+    QTest::addColumn<int>("found");
+    QTest::addColumn<int>("chunks");
+    QTest::addColumn<double>("seconds");
+    QTest::addColumn<QString>("expected");
+    QTest::newRow("walking") << 0 << 0 << 0 << 0.5 << "Indexing: looking for files...";
+    QTest::newRow("no total while walking and indexing at once")
+        << 3 << 0 << 30 << 10.0 << "Indexing 3 files, 30 chunks, 3.0 chunks/s";
+    QTest::newRow("nothing done yet: no estimate")
+        << 0 << 40 << 0 << 0.5 << "Indexing 0 of 40 files, 0 chunks";
+    QTest::newRow("a quarter done in 5 s leaves 15 s")
+        << 10 << 40 << 100 << 5.0
+        << "Indexing 10 of 40 files, 100 chunks, 20.0 chunks/s, about 15 s left";
+    QTest::newRow("minutes are rounded")
+        << 1 << 10 << 50 << 20.0
+        << "Indexing 1 of 10 files, 50 chunks, 2.5 chunks/s, about 3 min left";
+    QTest::newRow("hours and minutes")
+        << 1 << 200 << 9 << 30.0
+        << "Indexing 1 of 200 files, 9 chunks, 0.3 chunks/s, about 1 h 40 min left";
+    QTest::newRow("all done: no time left")
+        << 40 << 40 << 400 << 8.0 << "Indexing 40 of 40 files, 400 chunks, 50.0 chunks/s";
+}
+
+void TestIndexingText::indexingProgressText()
+{
+    QFETCH(int, done);
+    QFETCH(int, found);
+    QFETCH(int, chunks);
+    QFETCH(double, seconds);
+    QFETCH(QString, expected);
+    QCOMPARE(::indexingProgressText(IndexingProgress{done, found, chunks}, seconds), expected);
+}
+
+QTEST_GUILESS_MAIN(TestIndexingText)
+#include "indexing_text_test.moc"
