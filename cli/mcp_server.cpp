@@ -130,11 +130,6 @@ const char TOOLS_JSON[] = R"json([
  "annotations": {"readOnlyHint": true, "openWorldHint": false}}
 ])json";
 
-struct EngineCloser {
-    void operator()(TrnEngine *e) const { trn_close(e); }
-};
-using EnginePtr = std::unique_ptr<TrnEngine, EngineCloser>;
-
 struct FileListCloser {
     void operator()(TrnFileList *list) const { trn_free_file_list(list); }
 };
