@@ -87,6 +87,15 @@ WalkAction list_walked(const WalkedFile *f, void *arg)
     if (state->full && !info->indexed && f->status == TRN_FILE_STATUS_INDEXABLE) {
         ExtractedText text;
         info->status = extract_file_text(f->path, f->type, state->max_size, &text);
+        if (info->status == TRN_FILE_STATUS_INDEXABLE && text.cut) {
+            char reason[64];
+            snprintf(reason,
+                     sizeof reason,
+                     "text cut at %llu bytes, the size limit",
+                     (unsigned long long)state->max_size);
+            free(info->reason);
+            info->reason = xstrdup(reason);
+        }
         extracted_text_free(&text);
     }
     list->count++;

@@ -3,9 +3,8 @@
 **
 **   Text, Source, Markdown   the bytes, without 0 bytes, as UTF-8 or converted from an older
 **                            charset (encoding.cpp); a byte order mark is dropped
-**   HTML                     converted to UTF-8 as text is, then parsed by libxml2's HTML parser
-**                            (which decodes entities); text nodes outside script, style and the
-*head
+**   HTML                     converted to UTF-8 as text is, then read by libxml2's HTML parser
+**                            (which decodes entities); text outside script, style and the head
 **                            (its title excepted), white space collapsed except inside <pre>,
 **                            and a line break after every block element
 **   DOCX                     word/document.xml of the ZIP container: the text of every <w:t>,
@@ -13,19 +12,27 @@
 **   ODT                      content.xml: text of the document body, <text:p> and <text:h> as
 **                            lines, <text:s text:c="n"> as n spaces, <text:tab>, <text:line-break>
 **   EPUB                     META-INF/container.xml names the package document; its spine lists
-**                            the chapters (XHTML) in reading order, each read as HTML is
+**                            the chapters (XHTML) in reading order, each read as HTML is, each
+**                            member at most once however often the spine names it
 **   PDF                      extract_pdf.cpp (poppler)
 **
-** Containers are read through libzip; a member larger than CONTAINER_MEMBER_MAX bytes
-** uncompressed is refused, so a small archive cannot expand into gigabytes. The XML parser never
-** loads external entities or reaches the network.
+** HTML and the XML of DOCX and ODT are parsed as event streams (libxml2's SAX interface) fed in
+** FEED_BYTES pieces, never as trees: memory stays near the text's size however large or deeply
+** nested the document, and reading stops once the text reaches its cap (the size limit). The text
+** grows through realloc, not xrealloc, so a document that needs more memory than there is fails
+** alone instead of ending the process. Containers are read through libzip; a member larger than
+** CONTAINER_MEMBER_MAX bytes uncompressed is refused. The XML parser never loads external
+** entities or reaches the network.
 */
 #include "files.h"
 #include "internal.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
+#include <vector>
 
 #include <libxml/HTMLparser.h>
 #include <libxml/parser.h>
@@ -40,40 +47,92 @@ namespace
 {
 
 constexpr uint64_t CONTAINER_MEMBER_MAX = 256ull * 1024 * 1024;
+/* An EPUB's container and package documents are read whole, as trees: a few kB in practice. */
+constexpr uint64_t PACKAGE_MEMBER_MAX = 16ull * 1024 * 1024;
+constexpr size_t FEED_BYTES = 64 * 1024;
 
-/* A growing UTF-8 text with the white-space rules of running text. */
+/* n, less a UTF-8 sequence cut short at the end of s. */
+size_t whole_characters(const char *s, size_t n)
+{
+    size_t i = n;
+    while (i > 0 && n - i < 3 && ((unsigned char)s[i - 1] & 0xC0) == 0x80) {
+        i--;
+    }
+    if (i == 0) {
+        return n;
+    }
+    unsigned char lead = (unsigned char)s[i - 1];
+    size_t need = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : lead >= 0xC0 ? 2 : 1;
+    return n - (i - 1) < need ? i - 1 : n;
+}
+
+/* A growing UTF-8 text with the white-space rules of running text, at most cap bytes: what goes
+** beyond is dropped (cut is set, and the parsers stop reading). A failed allocation sets failed
+** and drops the rest. */
 struct TextBuilder {
     char *data = nullptr;
     size_t length = 0;
     size_t capacity = 0;
     bool pending_space = false;
+    size_t cap = SIZE_MAX - 1;
+    bool cut = false;
+    bool failed = false;
     /* When set, where the source line of the text changes: a break whenever bytes added come
     ** from another line than the last ones did (see html_text_with_lines). */
     HtmlLineMap *sources = nullptr;
     int32_t source_line = 1;
 
+    TextBuilder() = default;
+    TextBuilder(const TextBuilder &) = delete;
+    TextBuilder &operator=(const TextBuilder &) = delete;
+    ~TextBuilder() { free(data); }
+
+    bool full() const { return cut || failed; }
+    bool reserve(size_t need)
+    {
+        if (need <= capacity) {
+            return true;
+        }
+        size_t c = capacity ? capacity : 256;
+        while (c < need) {
+            c = c > SIZE_MAX / 2 ? need : c * 2;
+        }
+        c = std::max(need, std::min(c, cap + 1)); /* never more than the cap needs */
+        char *grown = static_cast<char *>(realloc(data, c));
+        if (!grown) {
+            failed = true;
+            return false;
+        }
+        data = grown;
+        capacity = c;
+        return true;
+    }
     void append(const char *s, size_t n)
     {
+        if (full() || n == 0) {
+            return;
+        }
+        bool over = n > cap - length;
+        n = over ? cap - length : n;
         if (sources && n > 0 && (sources->empty() || sources->back().line != source_line)) {
             sources->push_back(HtmlSourceBreak{length, source_line});
         }
-        if (length + n + 1 > capacity) {
-            size_t c = capacity ? capacity : 256;
-            while (c < length + n + 1) {
-                c = xmul(c, 2);
-            }
-            data = static_cast<char *>(xrealloc(data, c));
-            capacity = c;
+        if (!reserve(length + n + 1)) {
+            return;
         }
         memcpy(data + length, s, n);
         length += n;
+        if (over) {
+            cut = true;
+            length = whole_characters(data, length);
+        }
         data[length] = '\0';
     }
     bool at_line_start() const { return length == 0 || data[length - 1] == '\n'; }
     /* Running text: runs of white space become one space, none at the start of a line. */
     void add_running(const char *s, size_t n)
     {
-        for (size_t i = 0; i < n; i++) {
+        for (size_t i = 0; i < n && !full(); i++) {
             unsigned char c = (unsigned char)s[i];
             bool nbsp = c == 0xC2 && i + 1 < n && (unsigned char)s[i + 1] == 0xA0;
             if (c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || nbsp) {
@@ -97,7 +156,7 @@ struct TextBuilder {
             append(s, n);
             return;
         }
-        for (size_t i = 0; i < n; i++) {
+        for (size_t i = 0; i < n && !full(); i++) {
             append(s + i, 1);
             source_line += s[i] == '\n' ? 1 : 0;
         }
@@ -112,24 +171,25 @@ struct TextBuilder {
             append("\n", 1);
         }
     }
+    /* The text (xmalloc'd or from realloc, free either way), ending with a line break unless it
+    ** reached the cap; NULL when memory ran out. The builder is empty afterwards. */
     char *take(size_t *n)
     {
-        end_line();
-        if (!data) {
-            append("", 0);
+        *n = 0;
+        if (length < cap) {
+            end_line();
         }
+        if (failed) {
+            return nullptr;
+        }
+        char *d = data ? data : static_cast<char *>(xcalloc(1, 1));
+        d[length] = '\0';
         *n = length;
-        char *d = data;
         data = nullptr;
         length = capacity = 0;
         return d;
     }
 };
-
-bool name_is(const xmlNode *node, const char *name)
-{
-    return node->name && strcasecmp(reinterpret_cast<const char *>(node->name), name) == 0;
-}
 
 bool name_in(const char *name, const char *const *names)
 {
@@ -139,11 +199,6 @@ bool name_in(const char *name, const char *const *names)
         }
     }
     return false;
-}
-
-HtmlElementKind kind_of(const xmlNode *node)
-{
-    return html_element_kind(reinterpret_cast<const char *>(node->name));
 }
 
 const char *const HTML_SKIPPED[] = {
@@ -156,52 +211,187 @@ const char *const HTML_BLOCKS[] = {
     "caption", "fieldset", "legend", "details",  "summary", "body",       "html", "thead",
     "tbody",   "tfoot",    "option", "textarea", "center",  nullptr};
 
-void html_walk(const xmlNode *node, TextBuilder *b, bool in_pre)
+/* Feeds the piece buf holds (n bytes) and then what read gives to a push parser, until the
+** bytes end, the text is full or the parser stops. read fills buf with up to FEED_BYTES bytes
+** and returns how many: 0 at the end, -1 on an error. A parser that ran out of memory fails the
+** text. */
+template <typename Read>
+void feed_parser(xmlParserCtxtPtr ctxt, bool html, TextBuilder *b, char *buf, long n, Read read)
 {
-    for (const xmlNode *n = node; n; n = n->next) {
-        if (n->type == XML_TEXT_NODE || n->type == XML_CDATA_SECTION_NODE) {
-            const char *text = reinterpret_cast<const char *>(n->content);
-            if (text && b->sources) {
-                /* The parser stamps a text node with the line on which it ends. */
-                long line = xmlGetLineNo(n);
-                for (const char *c = text; *c; c++) {
-                    line -= *c == '\n' ? 1 : 0;
-                }
-                b->source_line = (int32_t)line;
-            }
-            if (text) {
-                if (in_pre) {
-                    b->add_raw(text, strlen(text));
-                } else {
-                    b->add_running(text, strlen(text));
-                }
-            }
-            continue;
+    for (;;) {
+        bool last = n <= 0 || b->full();
+        const char *piece = n > 0 ? buf : nullptr;
+        int size = n > 0 ? (int)n : 0;
+        int rc =
+            html ? htmlParseChunk(ctxt, piece, size, last) : xmlParseChunk(ctxt, piece, size, last);
+        if (ctxt->errNo == XML_ERR_NO_MEMORY) {
+            b->failed = true;
         }
-        if (n->type != XML_ELEMENT_NODE || kind_of(n) == HTML_ELEMENT_SKIPPED) {
-            continue;
+        if (last || b->full() || (rc != 0 && !ctxt->recovery) || ctxt->instate == XML_PARSER_EOF) {
+            return;
         }
-        if (name_is(n, "head")) {
-            /* Only the title of the head is text a reader sees. */
-            for (const xmlNode *c = n->children; c; c = c->next) {
-                if (c->type == XML_ELEMENT_NODE && name_is(c, "title")) {
-                    html_walk(c->children, b, false);
-                    b->end_line();
-                }
-            }
-            continue;
-        }
-        bool block = kind_of(n) == HTML_ELEMENT_BLOCK;
-        if (block) {
-            b->end_line();
-        } else if (name_is(n, "td") || name_is(n, "th")) {
-            b->pending_space = true;
-        }
-        html_walk(n->children, b, in_pre || name_is(n, "pre"));
-        if (block) {
-            b->end_line();
-        }
+        n = read(buf);
     }
+}
+
+/* HTML: text outside skipped elements and the head (its title excepted), raw inside <pre>. */
+struct HtmlState {
+    TextBuilder *b;
+    xmlParserCtxtPtr ctxt; /* where the parser stands: the source line of text */
+    int32_t skipped;       /* open elements since a skipped one began; 0 outside */
+    int32_t head;          /* open elements since the head began; 0 outside */
+    int32_t title;         /* open title elements inside the head */
+    int32_t pre;           /* open pre elements */
+};
+
+void html_start(void *ctx, const xmlChar *tag, const xmlChar **)
+{
+    HtmlState *h = static_cast<HtmlState *>(ctx);
+    const char *name = reinterpret_cast<const char *>(tag);
+    if (h->skipped > 0 || html_element_kind(name) == HTML_ELEMENT_SKIPPED) {
+        h->skipped++;
+        return;
+    }
+    if (h->head > 0) {
+        h->head++;
+        h->title += strcasecmp(name, "title") == 0 ? 1 : 0;
+        return;
+    }
+    if (strcasecmp(name, "head") == 0) {
+        h->head = 1;
+        return;
+    }
+    if (html_element_kind(name) == HTML_ELEMENT_BLOCK) {
+        h->b->end_line();
+    } else if (strcasecmp(name, "td") == 0 || strcasecmp(name, "th") == 0) {
+        h->b->pending_space = true;
+    }
+    h->pre += strcasecmp(name, "pre") == 0 ? 1 : 0;
+}
+
+void html_end(void *ctx, const xmlChar *tag)
+{
+    HtmlState *h = static_cast<HtmlState *>(ctx);
+    const char *name = reinterpret_cast<const char *>(tag);
+    if (h->skipped > 0) {
+        h->skipped--;
+        return;
+    }
+    if (h->head > 0) {
+        h->head--;
+        if (h->title > 0 && strcasecmp(name, "title") == 0) {
+            h->title--;
+            h->b->end_line();
+        }
+        return;
+    }
+    if (h->pre > 0 && strcasecmp(name, "pre") == 0) {
+        h->pre--;
+    }
+    if (html_element_kind(name) == HTML_ELEMENT_BLOCK) {
+        h->b->end_line();
+    }
+}
+
+void html_characters(void *ctx, const xmlChar *bytes, int n)
+{
+    HtmlState *h = static_cast<HtmlState *>(ctx);
+    if (h->skipped > 0 || (h->head > 0 && h->title == 0) || n <= 0) {
+        return;
+    }
+    const char *text = reinterpret_cast<const char *>(bytes);
+    if (h->b->sources && h->ctxt->input) {
+        /* The parser stands just past the text it hands over. */
+        long line = h->ctxt->input->line;
+        for (int i = 0; i < n; i++) {
+            line -= text[i] == '\n' ? 1 : 0;
+        }
+        h->b->source_line = (int32_t)line;
+    }
+    if (h->pre > 0) {
+        h->b->add_raw(text, (size_t)n);
+    } else {
+        h->b->add_running(text, (size_t)n);
+    }
+}
+
+/* How the bytes of an HTML document are decoded: as UTF-8 whatever they declare (known to be
+** UTF-8); as UTF-8 when their first piece is, else as they declare (an e-book's chapter); as
+** they declare, Latin-1 without a declaration. */
+enum HtmlCharset { HTML_UTF8, HTML_SNIFF, HTML_DECLARED };
+
+/* Adds the readable text of the HTML document read yields (see feed_parser) to b. */
+template <typename Read>
+void html_stream(TextBuilder *b, HtmlCharset charset, Read read)
+{
+    char buf[FEED_BYTES];
+    long n = read(buf);
+    bool utf8 = charset == HTML_UTF8
+                || (charset == HTML_SNIFF && n > 0
+                    && valid_utf8(reinterpret_cast<const unsigned char *>(buf),
+                                  whole_characters(buf, (size_t)n)));
+    HtmlState h = {b, nullptr, 0, 0, 0, 0};
+    htmlSAXHandler sax;
+    memset(&sax, 0, sizeof sax);
+    sax.startElement = html_start;
+    sax.endElement = html_end;
+    sax.characters = html_characters;
+    sax.cdataBlock = html_characters;
+    htmlParserCtxtPtr ctxt = htmlCreatePushParserCtxt(
+        &sax, &h, nullptr, 0, nullptr, utf8 ? XML_CHAR_ENCODING_UTF8 : XML_CHAR_ENCODING_NONE);
+    if (!ctxt) {
+        b->failed = true;
+        return;
+    }
+    h.ctxt = ctxt;
+    htmlCtxtUseOptions(ctxt,
+                       HTML_PARSE_RECOVER | HTML_PARSE_NOERROR | HTML_PARSE_NOWARNING
+                           | HTML_PARSE_NONET | (utf8 ? HTML_PARSE_IGNORE_ENC : 0));
+    feed_parser(ctxt, true, b, buf, n, read);
+    htmlFreeParserCtxt(ctxt);
+}
+
+/* Adds the readable text of n bytes of HTML to b. */
+void html_bytes_into(TextBuilder *b, const char *html, size_t n, HtmlCharset charset)
+{
+    size_t at = 0;
+    html_stream(b, charset, [html, n, &at](char *buf) {
+        size_t part = std::min(n - at, FEED_BYTES);
+        memcpy(buf, html + at, part);
+        at += part;
+        return (long)part;
+    });
+}
+
+/* Reads a whole file of at most max bytes; NULL when it cannot be read, is larger, or there is
+** not memory enough for it (this file alone fails). */
+char *read_file(const char *path, uint64_t max, size_t *n)
+{
+    FILE *f = fopen(path, "rb");
+    if (!f) {
+        return nullptr;
+    }
+    struct stat st;
+    if (fstat(fileno(f), &st) != 0 || !S_ISREG(st.st_mode) || st.st_size < 0
+        || (uint64_t)st.st_size > max) {
+        fclose(f);
+        return nullptr;
+    }
+    size_t size = (size_t)st.st_size;
+    char *buf = static_cast<char *>(malloc(size + 2));
+    if (!buf) {
+        fclose(f);
+        return nullptr;
+    }
+    size_t got = fread(buf, 1, size + 1, f); /* one more: a file that grew is refused */
+    fclose(f);
+    if (got != size) {
+        free(buf);
+        return nullptr;
+    }
+    buf[size] = '\0';
+    *n = size;
+    return buf;
 }
 
 /* Characters other than white space, counted up to limit. */
@@ -219,33 +409,8 @@ int32_t visible_chars(const char *s, size_t n, int32_t limit)
     return count;
 }
 
-/* Reads a whole file of at most max bytes; NULL when it cannot be read or is larger. */
-char *read_file(const char *path, uint64_t max, size_t *n)
-{
-    FILE *f = fopen(path, "rb");
-    if (!f) {
-        return nullptr;
-    }
-    struct stat st;
-    if (fstat(fileno(f), &st) != 0 || !S_ISREG(st.st_mode) || st.st_size < 0
-        || (uint64_t)st.st_size > max) {
-        fclose(f);
-        return nullptr;
-    }
-    size_t size = (size_t)st.st_size;
-    char *buf = static_cast<char *>(xmalloc(size + 2));
-    size_t got = fread(buf, 1, size + 1, f); /* one more: a file that grew is refused */
-    fclose(f);
-    if (got != size) {
-        free(buf);
-        return nullptr;
-    }
-    buf[size] = '\0';
-    *n = size;
-    return buf;
-}
-
-/* The bytes of one member of an open ZIP archive; NULL when absent, too large or damaged. */
+/* The bytes of one small member of an open ZIP archive (the EPUB's container and package
+** documents); NULL when absent, larger than PACKAGE_MEMBER_MAX or damaged. */
 char *zip_member(zip_t *z, const char *name, size_t *n)
 {
     zip_int64_t index = zip_name_locate(z, name, 0);
@@ -255,7 +420,7 @@ char *zip_member(zip_t *z, const char *name, size_t *n)
     zip_stat_t st;
     zip_stat_init(&st);
     if (zip_stat_index(z, (zip_uint64_t)index, 0, &st) != 0 || !(st.valid & ZIP_STAT_SIZE)
-        || st.size > CONTAINER_MEMBER_MAX) {
+        || st.size > PACKAGE_MEMBER_MAX) {
         return nullptr;
     }
     zip_file_t *f = zip_fopen_index(z, (zip_uint64_t)index, 0);
@@ -274,6 +439,36 @@ char *zip_member(zip_t *z, const char *name, size_t *n)
     *n = size;
     return buf;
 }
+
+/* Streams one member of an open archive: each call gives up to FEED_BYTES more bytes. A member
+** larger than CONTAINER_MEMBER_MAX uncompressed is refused (ok stays false). */
+struct MemberReader {
+    zip_file_t *f = nullptr;
+    bool ok = false;
+    MemberReader(zip_t *z, zip_int64_t index)
+    {
+        zip_stat_t st;
+        zip_stat_init(&st);
+        if (index >= 0 && zip_stat_index(z, (zip_uint64_t)index, 0, &st) == 0
+            && (st.valid & ZIP_STAT_SIZE) && st.size <= CONTAINER_MEMBER_MAX) {
+            f = zip_fopen_index(z, (zip_uint64_t)index, 0);
+            ok = f != nullptr;
+        }
+    }
+    MemberReader(const MemberReader &) = delete;
+    MemberReader &operator=(const MemberReader &) = delete;
+    ~MemberReader()
+    {
+        if (f) {
+            zip_fclose(f);
+        }
+    }
+    long operator()(char *buf)
+    {
+        zip_int64_t got = zip_fread(f, buf, FEED_BYTES);
+        return got < 0 ? -1 : (long)got;
+    }
+};
 
 xmlDoc *parse_xml(const char *bytes, size_t n)
 {
@@ -299,64 +494,137 @@ const char *attr(const xmlNode *n, const char *name)
     return nullptr;
 }
 
-void docx_walk(const xmlNode *node, TextBuilder *b)
+/* DOCX and ODT: the text of the document body, by local element names (w:t, text:p, ...). */
+struct XmlState {
+    TextBuilder *b;
+    bool odt;
+    int32_t body;    /* open elements since the body began; 0 outside */
+    bool body_done;  /* only the first body counts */
+    int32_t skipped; /* open elements since a skipped one began */
+    int32_t text;    /* DOCX: open w:t elements, whose characters are the text */
+};
+
+bool local_is(const xmlChar *name, const char *want)
 {
-    for (const xmlNode *n = node; n; n = n->next) {
-        if (n->type != XML_ELEMENT_NODE) {
-            continue;
+    return strcmp(reinterpret_cast<const char *>(name), want) == 0;
+}
+
+/* ODT's <text:s text:c="n">: n spaces (at most 1000), 1 without the attribute. attributes holds
+** five pointers for each: local name, prefix, URI, value, value end. */
+long odt_space_count(int attribute_count, const xmlChar **attributes)
+{
+    for (int i = 0; i < attribute_count; i++) {
+        const xmlChar **at = attributes + 5 * i;
+        if (local_is(at[0], "c") && at[3] && at[4] > at[3]) {
+            char digits[16];
+            size_t len = std::min<size_t>((size_t)(at[4] - at[3]), sizeof digits - 1);
+            memcpy(digits, at[3], len);
+            digits[len] = '\0';
+            return std::min(strtol(digits, nullptr, 10), 1000L);
         }
-        const char *name = reinterpret_cast<const char *>(n->name);
-        if (strcmp(name, "t") == 0) {
-            for (const xmlNode *c = n->children; c; c = c->next) {
-                if (c->content && (c->type == XML_TEXT_NODE || c->type == XML_CDATA_SECTION_NODE)) {
-                    b->add_raw(reinterpret_cast<const char *>(c->content),
-                               strlen(reinterpret_cast<const char *>(c->content)));
-                }
-            }
-        } else if (strcmp(name, "tab") == 0) {
+    }
+    return 1;
+}
+
+void xml_start(void *ctx, const xmlChar *name, const xmlChar *, const xmlChar *, int,
+               const xmlChar **, int attribute_count, int, const xmlChar **attributes)
+{
+    XmlState *x = static_cast<XmlState *>(ctx);
+    if (x->body == 0) {
+        x->body = !x->body_done && local_is(name, "body") ? 1 : 0;
+        return;
+    }
+    x->body++;
+    if (x->skipped > 0) {
+        x->skipped++;
+        return;
+    }
+    TextBuilder *b = x->b;
+    if (!x->odt) {
+        if (local_is(name, "t")) {
+            x->text++;
+        } else if (local_is(name, "tab")) {
             b->add_raw("\t", 1);
-        } else if (strcmp(name, "br") == 0 || strcmp(name, "cr") == 0) {
+        } else if (local_is(name, "br") || local_is(name, "cr")) {
             b->add_raw("\n", 1);
-        } else if (strcmp(name, "delText") != 0 && strcmp(name, "instrText") != 0) {
-            docx_walk(n->children, b);
-            if (strcmp(name, "p") == 0) {
-                b->end_line();
-            }
+        } else if (local_is(name, "delText") || local_is(name, "instrText")) {
+            x->skipped = 1;
         }
+        return;
+    }
+    if (local_is(name, "s")) {
+        for (long i = odt_space_count(attribute_count, attributes); i > 0; i--) {
+            b->add_raw(" ", 1);
+        }
+    } else if (local_is(name, "tab")) {
+        b->add_raw("\t", 1);
+    } else if (local_is(name, "line-break")) {
+        b->add_raw("\n", 1);
+    } else if (local_is(name, "annotation") || local_is(name, "note-citation")) {
+        x->skipped = 1;
     }
 }
 
-void odt_walk(const xmlNode *node, TextBuilder *b)
+void xml_end(void *ctx, const xmlChar *name, const xmlChar *, const xmlChar *)
 {
-    for (const xmlNode *n = node; n; n = n->next) {
-        if (n->type == XML_TEXT_NODE || n->type == XML_CDATA_SECTION_NODE) {
-            if (n->content) {
-                b->add_raw(reinterpret_cast<const char *>(n->content),
-                           strlen(reinterpret_cast<const char *>(n->content)));
-            }
-            continue;
-        }
-        if (n->type != XML_ELEMENT_NODE) {
-            continue;
-        }
-        const char *name = reinterpret_cast<const char *>(n->name);
-        if (strcmp(name, "s") == 0) {
-            const char *c = attr(n, "c");
-            long count = c ? strtol(c, nullptr, 10) : 1;
-            for (long i = 0; i < count && i < 1000; i++) {
-                b->add_raw(" ", 1);
-            }
-        } else if (strcmp(name, "tab") == 0) {
-            b->add_raw("\t", 1);
-        } else if (strcmp(name, "line-break") == 0) {
-            b->add_raw("\n", 1);
-        } else if (strcmp(name, "annotation") != 0 && strcmp(name, "note-citation") != 0) {
-            odt_walk(n->children, b);
-            if (strcmp(name, "p") == 0 || strcmp(name, "h") == 0) {
-                b->end_line();
-            }
-        }
+    XmlState *x = static_cast<XmlState *>(ctx);
+    if (x->body == 0) {
+        return;
     }
+    x->body--;
+    if (x->body == 0) {
+        x->body_done = true;
+        return;
+    }
+    if (x->skipped > 0) {
+        x->skipped--;
+        return;
+    }
+    if (!x->odt && x->text > 0 && local_is(name, "t")) {
+        x->text--;
+    }
+    if (local_is(name, "p") || (x->odt && local_is(name, "h"))) {
+        x->b->end_line();
+    }
+}
+
+void xml_characters(void *ctx, const xmlChar *text, int n)
+{
+    XmlState *x = static_cast<XmlState *>(ctx);
+    if (x->body > 0 && x->skipped == 0 && (x->odt || x->text > 0) && n > 0) {
+        x->b->add_raw(reinterpret_cast<const char *>(text), (size_t)n);
+    }
+}
+
+/* The text of the body of a DOCX or ODT XML member, streamed. False when it is missing. */
+bool container_xml_text(zip_t *z, const char *member, bool odt, TextBuilder *b)
+{
+    MemberReader reader(z, zip_name_locate(z, member, 0));
+    if (!reader.ok) {
+        return false;
+    }
+    XmlState x = {b, odt, 0, false, 0, 0};
+    xmlSAXHandler sax;
+    memset(&sax, 0, sizeof sax);
+    sax.initialized = XML_SAX2_MAGIC;
+    sax.startElementNs = xml_start;
+    sax.endElementNs = xml_end;
+    sax.characters = xml_characters;
+    sax.cdataBlock = xml_characters;
+    xmlParserCtxtPtr ctxt = xmlCreatePushParserCtxt(&sax, &x, nullptr, 0, nullptr);
+    if (!ctxt) {
+        b->failed = true;
+        return false;
+    }
+    xmlCtxtUseOptions(
+        ctxt, XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_RECOVER);
+    char buf[FEED_BYTES];
+    long n = reader(buf);
+    feed_parser(ctxt, false, b, buf, n, [&reader](char *piece) {
+        return reader(piece);
+    });
+    xmlFreeParserCtxt(ctxt);
+    return x.body_done || x.body > 0;
 }
 
 const xmlNode *find_element(const xmlNode *node, const char *name)
@@ -374,38 +642,6 @@ const xmlNode *find_element(const xmlNode *node, const char *name)
         }
     }
     return nullptr;
-}
-
-/* Text of an XML member of a container, walked by walk from the root element. */
-bool container_xml_text(zip_t *z, const char *member, void (*walk)(const xmlNode *, TextBuilder *),
-                        const char *body, TextBuilder *b)
-{
-    size_t n = 0;
-    char *bytes = zip_member(z, member, &n);
-    if (!bytes) {
-        return false;
-    }
-    xmlDoc *doc = parse_xml(bytes, n);
-    free(bytes);
-    if (!doc) {
-        return false;
-    }
-    const xmlNode *root = xmlDocGetRootElement(doc);
-    const xmlNode *start = root ? find_element(root, body) : nullptr;
-    if (start) {
-        walk(start->children, b);
-    }
-    xmlFreeDoc(doc);
-    return start != nullptr;
-}
-
-void html_into(const char *html, size_t n, TextBuilder *b)
-{
-    size_t len = 0;
-    char *text = html_to_text(html, n, &len);
-    b->add_raw(text, len);
-    b->end_line();
-    free(text);
 }
 
 /* Decodes %XX escapes of an href in place. */
@@ -456,23 +692,36 @@ bool epub_text(zip_t *z, TextBuilder *b)
     const xmlNode *root = xmlDocGetRootElement(opf);
     const xmlNode *manifest = root ? find_element(root, "manifest") : nullptr;
     const xmlNode *spine = root ? find_element(root, "spine") : nullptr;
+    /* The manifest's items sorted by id, so each spine entry is found in log time. */
+    using Item = std::pair<const char *, const char *>; /* id, href */
+    std::vector<Item, XAllocator<Item>> items;
+    for (const xmlNode *item = manifest ? manifest->children : nullptr; item; item = item->next) {
+        const char *id = item->type == XML_ELEMENT_NODE ? attr(item, "id") : nullptr;
+        const char *href = id ? attr(item, "href") : nullptr;
+        if (href) {
+            items.push_back(Item(id, href));
+        }
+    }
+    auto by_id = [](const Item &x, const Item &y) {
+        return strcmp(x.first, y.first) < 0;
+    };
+    std::stable_sort(items.begin(), items.end(), by_id);
+    /* Each member is read once, however often the spine names it (the first of equal ids wins,
+    ** as a reader scanning the manifest in order finds it). */
+    zip_int64_t entries = zip_get_num_entries(z, 0);
+    std::vector<uint8_t, XAllocator<uint8_t>> read_before(entries > 0 ? (size_t)entries : 0, 0);
     bool any = false;
-    for (const xmlNode *ref = spine ? spine->children : nullptr; ref; ref = ref->next) {
+    for (const xmlNode *ref = spine ? spine->children : nullptr; ref && !b->full();
+         ref = ref->next) {
         const char *idref = ref->type == XML_ELEMENT_NODE ? attr(ref, "idref") : nullptr;
-        if (!idref || !manifest) {
+        if (!idref) {
             continue;
         }
-        const char *href = nullptr;
-        for (const xmlNode *item = manifest->children; item; item = item->next) {
-            const char *id = item->type == XML_ELEMENT_NODE ? attr(item, "id") : nullptr;
-            if (id && strcmp(id, idref) == 0) {
-                href = attr(item, "href");
-                break;
-            }
-        }
-        if (!href) {
+        auto found = std::lower_bound(items.begin(), items.end(), Item(idref, nullptr), by_id);
+        if (found == items.end() || strcmp(found->first, idref) != 0) {
             continue;
         }
+        const char *href = found->second;
         size_t href_len = strlen(href);
         char *member = static_cast<char *>(xmalloc(dir_len + href_len + 1));
         memcpy(member, opf_name, dir_len);
@@ -482,12 +731,18 @@ bool epub_text(zip_t *z, TextBuilder *b)
             *hash = '\0';
         }
         percent_decode(member);
-        size_t chapter_len = 0;
-        char *chapter = zip_member(z, member, &chapter_len);
+        zip_int64_t index = zip_name_locate(z, member, 0);
         free(member);
-        if (chapter) {
-            html_into(chapter, chapter_len, b);
-            free(chapter);
+        if (index < 0 || index >= entries || read_before[(size_t)index]) {
+            continue;
+        }
+        read_before[(size_t)index] = 1;
+        MemberReader reader(z, index);
+        if (reader.ok) {
+            html_stream(b, HTML_SNIFF, [&reader](char *buf) {
+                return reader(buf);
+            });
+            b->end_line();
             any = true;
         }
     }
@@ -505,14 +760,24 @@ TrnFileStatus container_text(const char *path, TrnFileType type, TextBuilder *b)
     }
     bool ok = false;
     if (type == TRN_FILE_TYPE_DOCX) {
-        ok = container_xml_text(z, "word/document.xml", docx_walk, "body", b);
+        ok = container_xml_text(z, "word/document.xml", false, b);
     } else if (type == TRN_FILE_TYPE_ODT) {
-        ok = container_xml_text(z, "content.xml", odt_walk, "body", b);
+        ok = container_xml_text(z, "content.xml", true, b);
     } else {
         ok = epub_text(z, b);
     }
     zip_discard(z);
     return ok ? TRN_FILE_STATUS_INDEXABLE : TRN_FILE_STATUS_UNREADABLE;
+}
+
+/* Cuts a text read whole (plain text grown by conversion, a PDF's pages) at max bytes. */
+void cut_text(ExtractedText *out, uint64_t max)
+{
+    if (out->text && out->length > max) {
+        out->length = whole_characters(out->text, (size_t)max);
+        out->text[out->length] = '\0';
+        out->cut = 1;
+    }
 }
 
 } // namespace
@@ -571,23 +836,12 @@ char *html_text_of(const char *html, size_t n, size_t *out_len, HtmlLineMap *sou
 {
     TextBuilder b;
     b.sources = sources;
-    if (n > 0 && n <= (size_t)INT32_MAX) {
-        /* Without a declared charset the parser would take Latin-1; text that is valid UTF-8 is
-        ** read as UTF-8, anything else is left to the document's own declaration. */
-        const char *encoding =
-            valid_utf8(reinterpret_cast<const unsigned char *>(html), n) ? "UTF-8" : nullptr;
-        htmlDocPtr doc = htmlReadMemory(html,
-                                        (int)n,
-                                        nullptr,
-                                        encoding,
-                                        HTML_PARSE_RECOVER | HTML_PARSE_NOERROR
-                                            | HTML_PARSE_NOWARNING | HTML_PARSE_NONET);
-        if (doc) {
-            html_walk(xmlDocGetRootElement(doc), &b, false);
-            xmlFreeDoc(doc);
-        }
-    }
-    return b.take(out_len);
+    /* Without a declared charset the parser would take Latin-1; text that is valid UTF-8 is read
+    ** as UTF-8, anything else is left to the document's own declaration. */
+    bool utf8 = valid_utf8(reinterpret_cast<const unsigned char *>(html), n);
+    html_bytes_into(&b, html, n, utf8 ? HTML_UTF8 : HTML_DECLARED);
+    char *text = b.take(out_len);
+    return text ? text : static_cast<char *>(xcalloc(1, 1));
 }
 
 } // namespace
@@ -656,11 +910,18 @@ TrnFileStatus extract_file_text(const char *path, TrnFileType type, uint64_t max
             extracted_text_free(out);
             return TRN_FILE_STATUS_UNREADABLE;
         }
+        cut_text(out, max_size);
     } else if (type == TRN_FILE_TYPE_DOCX || type == TRN_FILE_TYPE_ODT
                || type == TRN_FILE_TYPE_EPUB) {
         TextBuilder b;
+        b.cap = max_size;
         TrnFileStatus status = container_text(path, type, &b);
         out->text = b.take(&out->length);
+        out->cut = b.cut ? 1 : 0;
+        if (!out->text) {
+            *out = ExtractedText{};
+            return TRN_FILE_STATUS_UNREADABLE; /* out of memory: this file alone fails */
+        }
         if (status != TRN_FILE_STATUS_INDEXABLE) {
             extracted_text_free(out);
             return status;
@@ -690,8 +951,15 @@ TrnFileStatus extract_file_text(const char *path, TrnFileType type, uint64_t max
             n = converted_len;
         }
         if (type == TRN_FILE_TYPE_HTML) {
-            out->text = html_to_text(bytes, n, &out->length);
+            TextBuilder b;
+            b.cap = max_size;
+            html_bytes_into(&b, bytes, n, HTML_UTF8); /* UTF-8 now, whatever it declares */
             free(bytes);
+            out->text = b.take(&out->length);
+            out->cut = b.cut ? 1 : 0;
+            if (!out->text) {
+                return TRN_FILE_STATUS_UNREADABLE; /* out of memory: this file alone fails */
+            }
         } else {
             size_t skip = n >= 3 && memcmp(bytes, "\xEF\xBB\xBF", 3) == 0 ? 3 : 0;
             if (skip) {
@@ -699,6 +967,7 @@ TrnFileStatus extract_file_text(const char *path, TrnFileType type, uint64_t max
             }
             out->text = bytes;
             out->length = n - skip;
+            cut_text(out, max_size); /* a conversion can make the text longer than the file */
         }
     }
     if (visible_chars(out->text, out->length, TRN_TEXT_MIN_CHARS) < TRN_TEXT_MIN_CHARS) {

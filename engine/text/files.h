@@ -207,6 +207,8 @@ struct ExtractedText {
     /* The charset the file's bytes were read in: "UTF-8", or the older one they were converted
     ** from (legacy_charset); "" for PDF, DOCX, ODT and EPUB, whose formats fix it. */
     char encoding[32];
+    /* 1 when the text was cut at the size limit (extract_file_text's max_size). */
+    uint8_t cut;
 };
 
 /* Reads the text of path as type says: Text, Source and Markdown as UTF-8 (a leading byte order
@@ -214,12 +216,14 @@ struct ExtractedText {
 ** HTML, converted the same way, as readable text (no markup, scripts or styles; entities decoded;
 *block
 ** elements end lines); PDF through poppler, pages separated by a form feed and a line feed; DOCX
-** and ODT paragraphs as lines; EPUB the chapters of its spine in order, as HTML is. Files larger
-** than max_size (0 = TRN_FILE_SIZE_MAX) are refused before reading. Returns INDEXABLE with *out
-** filled, or TOO_LARGE, BINARY (type not indexable, or bytes that are text in no charset),
-** TOO_SHORT (fewer than
-** TRN_TEXT_MIN_CHARS characters other than white space) or UNREADABLE, with *out left empty.
-** Free with extracted_text_free in every case. */
+** and ODT paragraphs as lines; EPUB the chapters of its spine in order, as HTML is, each member
+** read once however often the spine names it. Files larger than max_size (0 = TRN_FILE_SIZE_MAX)
+** are refused before reading; the text is cut at max_size bytes (out->cut), so memory stays near
+** that size whatever the document. Returns INDEXABLE with *out filled, or TOO_LARGE, BINARY (type
+** not indexable, or bytes that are text in no charset), TOO_SHORT (fewer than TRN_TEXT_MIN_CHARS
+** characters other than white space) or UNREADABLE (also when the document needs more memory
+** than there is: this file alone fails), with *out left empty. Free with extracted_text_free in
+** every case. */
 TrnFileStatus extract_file_text(const char *path, TrnFileType type, uint64_t max_size,
                                 ExtractedText *out);
 

@@ -12,6 +12,9 @@
 #include <utility>
 #include <vector>
 
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <zip.h>
 
 namespace
@@ -71,6 +74,16 @@ TEST(ExtractHtml, ReadableTextWithoutMarkupScriptsOrStyles)
         EXPECT_EQ(std::string(text, n), c.text) << c.html;
         free(text);
     }
+    /* Text nested 100,000 elements deep was dropped and the file called too short. */
+    std::string deep;
+    for (int i = 0; i < 100000; i++) {
+        deep += "<span>";
+    }
+    deep += "deeply nested words";
+    size_t n = 0;
+    char *text = html_to_text(deep.data(), deep.size(), &n);
+    EXPECT_EQ(std::string(text, n), "deeply nested words\n");
+    free(text);
 }
 
 // Text that is not UTF-8 is read in the charset it declares, else as Windows-1252 (ISO-8859-1
@@ -203,6 +216,122 @@ TEST(ExtractContainers, DocxOdtAndEpubGiveTheirParagraphs)
     EXPECT_EQ(text_of(dir.file("fake.epub"), TRN_FILE_TYPE_EPUB), "[Unreadable]");
 }
 
+/* Runs work in a child and returns its verdict (its exit status; 0 for good) and the largest
+** resident size, in MB, of any child so far. */
+template <typename Work>
+std::pair<int, long> in_child(Work work)
+{
+    pid_t pid = fork();
+    if (pid == 0) {
+        _exit(work());
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    struct rusage usage;
+    getrusage(RUSAGE_CHILDREN, &usage);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
+            usage.ru_maxrss / 1024};
+}
+
+/* An e-book whose spine named one large chapter hundreds of times grew to gigabytes and ended
+** the run, as did a document of dense XML; a spine naming a chapter thousands of times took
+** quadratic time. Each member is now read once, as a stream, and the text cut at the limit; a
+** document that needs more memory than there is fails alone. */
+TEST(ExtractContainers, HostileArchivesAreCutAtTheLimitInBoundedMemory)
+{
+    TempDir dir;
+    constexpr uint64_t LIMIT = 1 << 20;
+    {
+        std::string chapter = "<html><body>";
+        while (chapter.size() < (4u << 20)) {
+            chapter += "<p>the same long chapter, which is read only once</p>";
+        }
+        chapter += "</body></html>";
+        std::string spine;
+        for (int i = 0; i < 2000; i++) {
+            spine += "<itemref idref=\"big\"/><itemref idref=\"small\"/><itemref idref=\"again\"/>";
+        }
+        write_zip(dir.file("amplify.epub"),
+                  {{"META-INF/container.xml",
+                    "<container><rootfiles><rootfile full-path=\"content.opf\"/></rootfiles>"
+                    "</container>"},
+                   {"content.opf",
+                    "<package><manifest><item id=\"big\" href=\"big.xhtml\"/><item id=\"small\" "
+                    "href=\"small.xhtml\"/><item id=\"again\" href=\"big.xhtml#part2\"/>"
+                    "</manifest><spine>"
+                        + spine + "</spine></package>"},
+                   {"big.xhtml", chapter},
+                   {"small.xhtml", "<p>a small chapter named again and again</p>"}});
+        std::string xml = "<w:document xmlns:w=\"urn:w\"><w:body>";
+        while (xml.size() < (12u << 20)) {
+            xml += "<w:p><w:r><w:t>dense words of one paragraph</w:t></w:r></w:p>";
+        }
+        xml += "</w:body></w:document>";
+        write_zip(dir.file("dense.docx"), {{"word/document.xml", xml}});
+        write_file_text(dir.file("plain.txt"), "the plain file beside them\n");
+    }
+    for (const char *name : {"amplify.epub", "dense.docx"}) {
+        const std::string path = dir.file(name);
+        TrnFileType type = strstr(name, "epub") ? TRN_FILE_TYPE_EPUB : TRN_FILE_TYPE_DOCX;
+        auto [verdict, peak] = in_child([&path, type, LIMIT] {
+            ExtractedText t;
+            TrnFileStatus status = extract_file_text(path.c_str(), type, LIMIT, &t);
+            bool cut = status == TRN_FILE_STATUS_INDEXABLE && t.cut && t.length <= LIMIT
+                       && t.length > LIMIT - 4096 && valid_utf8((const uint8_t *)t.text, t.length);
+            extracted_text_free(&t);
+            return cut ? 0 : 3;
+        });
+        EXPECT_EQ(verdict, 0) << name;
+        /* 11 MB measured; the text alone reached gigabytes when chapters were read again and
+        ** documents parsed whole. */
+        EXPECT_LT(peak, 48) << name;
+    }
+    /* The small chapter came after the big one was cut: a larger limit shows it exactly once. */
+    std::string text = text_of(dir.file("amplify.epub"), TRN_FILE_TYPE_EPUB);
+    size_t first = text.find("named again");
+    EXPECT_NE(first, std::string::npos);
+    EXPECT_EQ(first, text.rfind("named again"));
+
+    /* The listing says why a file's text stops short. */
+    TrnWalkOptions opts{};
+    opts.max_file_size = LIMIT;
+    TrnFileList *list = trn_list_dir_files_ex(nullptr, dir.path().c_str(), &opts);
+    int said = 0;
+    for (int32_t i = 0; i < list->count; i++) {
+        const TrnFileInfo &f = list->entries[i];
+        bool cut = strstr(f.reason, "cut at 1048576 bytes") != nullptr;
+        EXPECT_EQ(cut, strcmp(f.name, "plain.txt") != 0) << f.name << ": " << f.reason;
+        said += cut && f.status == TRN_FILE_STATUS_INDEXABLE ? 1 : 0;
+    }
+    EXPECT_EQ(said, 2);
+    trn_free_file_list(list);
+
+#if !defined(__SANITIZE_ADDRESS__)
+    /* With a few MB of address space left the dense document fails alone: the process goes on
+    ** and reads the next file. */
+    const std::string dense = dir.file("dense.docx"), plain = dir.file("plain.txt");
+    auto [verdict, peak] = in_child([&dense, &plain] {
+        FILE *statm = fopen("/proc/self/statm", "r");
+        unsigned long pages = 0;
+        if (!statm || fscanf(statm, "%lu", &pages) != 1) {
+            return 4;
+        }
+        fclose(statm);
+        struct rlimit limit;
+        limit.rlim_cur = limit.rlim_max = pages * (unsigned long)sysconf(_SC_PAGESIZE) + (2 << 20);
+        setrlimit(RLIMIT_AS, &limit);
+        ExtractedText t;
+        TrnFileStatus big = extract_file_text(dense.c_str(), TRN_FILE_TYPE_DOCX, 1ull << 30, &t);
+        extracted_text_free(&t);
+        TrnFileStatus small = extract_file_text(plain.c_str(), TRN_FILE_TYPE_TEXT, 0, &t);
+        extracted_text_free(&t);
+        return big == TRN_FILE_STATUS_UNREADABLE && small == TRN_FILE_STATUS_INDEXABLE ? 0 : 5;
+    });
+    EXPECT_EQ(verdict, 0);
+    (void)peak;
+#endif
+}
+
 /* A PDF with one page per text, with a correct cross-reference table. Objects: 1 catalog,
 ** 2 page tree, 3 font, then a page and its content stream for each text. */
 std::string pdf_with_pages(const std::vector<std::string> &pages)
@@ -265,7 +394,7 @@ TEST(ExtractPdf, PagesKeepTheirStartsForThePreview)
     /* A page whose text begins with an empty line: that line is the page's first. */
     char lines[] = "a\n\nb\n";
     uint64_t starts[] = {0, 2};
-    ExtractedText blank_first = {lines, 5, starts, 2, ""};
+    ExtractedText blank_first = {lines, 5, starts, 2, "", 0};
     EXPECT_EQ(page_for_line(&blank_first, 1), 1);
     EXPECT_EQ(page_for_line(&blank_first, 2), 2);
     EXPECT_EQ(page_for_line(&blank_first, 3), 2);
