@@ -80,13 +80,16 @@ struct ToolError {
 const char TOOLS_JSON[] = R"json([
 {"name": "search",
  "title": "Search indexed folders",
- "description": "Searches the user's indexed folders by meaning and by words, as Tarnwick's search bar does, and returns the best passages with their file, line, snippet and score. Use it to find documents, notes or code about a topic even when they do not contain the exact words.",
+ "description": "Searches the user's indexed folders by meaning and by words, as Tarnwick's search bar does, and returns the best passages with their file, line, snippet and score. Use it to find documents, notes or code about a topic even when they do not contain the exact words. The query may hold the search bar's narrowing words: \"exact phrase\", -word, type:pdf,docx, ext:md, in:sub/folder, modified:>=2024-01-01.",
  "inputSchema": {"type": "object",
   "properties": {
    "query": {"type": "string", "description": "What to look for, in natural language or keywords."},
    "folder": {"type": "string", "description": "A served folder, or a folder inside one, to search; all served folders when absent (see list_folders)."},
    "mode": {"type": "string", "enum": ["hybrid", "semantic", "keyword", "text", "regex"], "default": "hybrid", "description": "hybrid: words and meaning; semantic: meaning only; keyword: ranked words; text: exact substring; regex: POSIX extended expression, ignoring case."},
-   "k": {"type": "integer", "minimum": 1, "maximum": 64, "default": 10, "description": "How many results."}
+   "k": {"type": "integer", "minimum": 1, "maximum": 64, "default": 10, "description": "How many results."},
+   "type": {"type": "array", "items": {"type": "string", "enum": ["pdf", "docx", "odt", "epub", "html", "markdown", "text", "source"]}, "description": "Only files of these kinds."},
+   "in": {"type": "string", "description": "Only files below this folder, relative to the searched folder."},
+   "modified": {"type": "string", "description": "Only files modified then: >=2024-01-01, <2024-06-01 or 2024-01-01..2024-06-30."}
   },
   "required": ["query"]},
  "outputSchema": {"type": "object",
@@ -591,6 +594,7 @@ private:
                 throw ToolError(std::string("invalid regular expression: ") + reason);
             }
         }
+        query += filter_words(args);
 
         // Which folders: one (a served folder or a folder inside one), or all.
         std::string within;
@@ -674,6 +678,42 @@ private:
         return JsonValue::object()
             .set("results", std::move(list))
             .set("notSearched", std::move(not_searched));
+    }
+
+    // The search bar's narrowing words for the filter arguments, each with a leading space.
+    static std::string filter_words(const JsonValue &args)
+    {
+        std::string words;
+        const JsonValue *types = argument(args, "type", JsonValue::Kind::Array, "an array");
+        if (types != nullptr && !types->items.empty()) {
+            std::string list;
+            for (const JsonValue &t : types->items) {
+                if (!t.is_string() || t.text.empty()
+                    || t.text.find_first_of(" \t\",") != std::string::npos) {
+                    throw ToolError("type must list kinds of file such as pdf or markdown");
+                }
+                list += (list.empty() ? "" : ",") + t.text;
+            }
+            words += " type:" + list;
+        }
+        const std::string in = string_argument(args, "in");
+        if (!in.empty()) {
+            std::string clean;
+            for (char c : in) {
+                if (c != '"') {
+                    clean += c;
+                }
+            }
+            words += " in:\"" + clean + "\"";
+        }
+        const std::string modified = string_argument(args, "modified");
+        if (!modified.empty()) {
+            if (modified.find_first_of(" \t\"") != std::string::npos) {
+                throw ToolError("modified must be a date or range such as >=2024-01-01");
+            }
+            words += " modified:" + modified;
+        }
+        return words;
     }
 
     JsonValue read_file(const JsonValue &args, std::string *text)
