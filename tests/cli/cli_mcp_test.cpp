@@ -306,7 +306,7 @@ TEST_F(CliMcp, FiltersNarrowTheResultsAsTheSearchBarDoes)
                          + tool_call("2", "search", "{" + text + R"(,"type":["markdown"]})")
                          + tool_call("3", "search", "{" + text + R"(,"in":"notes"})")
                          + tool_call("4", "search", "{" + text + R"(,"modified":"<2000-01-01"})")
-                         + tool_call("5", "search", "{" + text + R"(,"modified":"last week"})")));
+                         + tool_call("5", "search", "{" + text + R"(,"modified":"yesterday"})")));
     std::vector<std::string> all;
     for (const Json &hit : tool_result(a["1"], false)["structuredContent"]["results"].items) {
         all.push_back(hit["path"].text);
@@ -349,6 +349,35 @@ TEST_F(CliMcp, NoFolderToServeFailsBeforeTheSession)
     RunResult missing = run_mcp({"--folder", *s_dir / "missing"}, "", dir());
     EXPECT_EQ(missing.status, 1);
     EXPECT_EQ(missing.out, "");
+}
+
+// Several served folders are searched as one: each hit names the folder it came from, and a
+// folder that was never indexed is reported rather than failing the search.
+TEST(CliMcpFolders, SearchAcrossServedFoldersNamesEachHitsFolder)
+{
+    TempDir a, b, empty;
+    write_file(a / "tides.txt", "the lighthouse keeper logs the tides\n");
+    write_file(b / "ships.txt", "ships pass the lighthouse at night\n");
+    for (const TempDir *d : {&a, &b}) {
+        ASSERT_EQ(run_cli({"index", d->path(), "--weights", "none"}, d->path()).status, 0);
+    }
+    RunResult r = run_mcp(
+        {"--folder", a.path(), "--folder", b.path(), "--folder", empty.path(), "--weights", "none"},
+        initialize("2025-11-25")
+            + tool_call("1", "search", R"({"query":"lighthouse","mode":"text"})"),
+        a.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::map<std::string, Json> answers = answers_of(r);
+    const Json &data = tool_result(answers["1"], false)["structuredContent"];
+    std::map<std::string, std::string> folder_of;
+    for (const Json &hit : data["results"].items) {
+        folder_of[hit["path"].text] = hit["folder"].text;
+    }
+    EXPECT_EQ(folder_of,
+              (std::map<std::string, std::string>{{a / "tides.txt", a.path()},
+                                                  {b / "ships.txt", b.path()}}));
+    ASSERT_EQ(data["notSearched"].items.size(), 1u);
+    EXPECT_EQ(data["notSearched"].items[0]["folder"].text, empty.path());
 }
 
 TEST(CliMcpFolders, ListFoldersSaysWhenTheIndexIsBehindTheFiles)
