@@ -634,6 +634,7 @@ private:
                                                       query.c_str(),
                                                       mode,
                                                       narrowed ? RESULTS_MAX : k,
+                                                      0,
                                                       results.data(),
                                                       origins.data());
         std::vector<Hit> hits;
