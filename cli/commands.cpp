@@ -292,10 +292,6 @@ void cmd_search(const Options &o, const ModelRuntime &model)
 
 // --- files, stats -----------------------------------------------------------------------------
 
-struct FileListCloser {
-    void operator()(TrnFileList *list) const { trn_free_file_list(list); }
-};
-
 void cmd_files(const Options &o, const ModelRuntime &model)
 {
     std::string root = resolve_dir(o.operands[0]);
@@ -311,8 +307,7 @@ void cmd_files(const Options &o, const ModelRuntime &model)
     std::vector<const char *> extension_ptrs;
     std::vector<const char *> exclude_ptrs;
     const TrnWalkOptions opts = config.view(&extension_ptrs, &exclude_ptrs);
-    std::unique_ptr<TrnFileList, FileListCloser> list(
-        trn_list_dir_files_ex(engine.get(), root.c_str(), &opts));
+    FileListPtr list(trn_list_dir_files_ex(engine.get(), root.c_str(), &opts));
 
     std::string out;
     if (o.json) {

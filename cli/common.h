@@ -65,11 +65,15 @@ void check_weights(const std::string &weights);
 // complete.
 void ensure_index_dir(const std::string &index_dir);
 
-// Closes an engine handle when it goes out of scope.
+// An engine handle and a file list of the engine, closed and freed when they go out of scope.
 struct EngineCloser {
     void operator()(TrnEngine *e) const { trn_close(e); }
 };
 using EnginePtr = std::unique_ptr<TrnEngine, EngineCloser>;
+struct FileListCloser {
+    void operator()(TrnFileList *list) const { trn_free_file_list(list); }
+};
+using FileListPtr = std::unique_ptr<TrnFileList, FileListCloser>;
 
 // Fails with the engine's one line when the index is busy or damaged. flags: 0, or
 // TRN_OPEN_REBUILD for an index built beside the old one and swapped in by the checkpoint.
