@@ -3,6 +3,7 @@
 */
 #include "match_marks.h"
 
+#include "query_filters.h"
 #include "tarnwick.h"
 
 #include <QRegularExpression>
@@ -111,8 +112,10 @@ QList<MatchSpan> findWords(const QString &text, const QString &query)
 
 } // namespace
 
-QList<MatchSpan> findQueryMatches(const QString &text, const QString &query, SearchMode mode)
+QList<MatchSpan> findQueryMatches(const QString &text, const QString &typed, SearchMode mode)
 {
+    // Narrowing words (in:docs, -draft) are not searched for, so they are never marked.
+    const QString query = searchedText(typed);
     QList<MatchSpan> spans;
     if (query.isEmpty()) {
         return spans;
