@@ -143,8 +143,8 @@ int64_t integer_argument(const JsonValue &args, const char *name, int64_t absent
     }
     if (v->number != static_cast<double>(static_cast<int64_t>(v->number)) || v->number < low
         || v->number > high) {
-        throw ToolError(std::string(name) + " must be a whole number from "
-                        + std::to_string(low) + " to " + std::to_string(high));
+        throw ToolError(std::string(name) + " must be a whole number from " + std::to_string(low)
+                        + " to " + std::to_string(high));
     }
     return static_cast<int64_t>(v->number);
 }
@@ -446,10 +446,9 @@ JsonValue McpTools::list_folders(std::string *text)
                 const TrnFileInfo &info = files->entries[i];
                 listed_indexed += info.indexed ? 1 : 0;
                 changed += info.changed ? 1 : 0;
-                fresh +=
-                    !info.indexed && !info.is_dir && info.status == TRN_FILE_STATUS_INDEXABLE
-                        ? 1
-                        : 0;
+                fresh += !info.indexed && !info.is_dir && info.status == TRN_FILE_STATUS_INDEXABLE
+                             ? 1
+                             : 0;
             }
             // Files the index holds that the walk no longer finds.
             removed = st.file_count > listed_indexed
@@ -472,12 +471,11 @@ JsonValue McpTools::list_folders(std::string *text)
             *text += "not indexed\n";
             continue;
         }
-        *text +=
-            std::to_string(st.file_count) + " files, " + std::to_string(live) + " chunks, ";
+        *text += std::to_string(st.file_count) + " files, " + std::to_string(live) + " chunks, ";
         *text += up_to_date ? "up to date\n"
                             : "not up to date (" + std::to_string(fresh) + " new, "
-                                  + std::to_string(changed) + " changed, "
-                                  + std::to_string(removed) + " removed)\n";
+                                  + std::to_string(changed) + " changed, " + std::to_string(removed)
+                                  + " removed)\n";
     }
     return JsonValue::object().set("folders", std::move(list));
 }
