@@ -56,6 +56,8 @@ struct TrnEngine {
     TrnScratch **embed_scratch; /* their scratch spaces (slot 0 unused), NULL until needed */
     uint64_t level_state;       /* the graph level generator (draw_level) */
     uint64_t files_read;        /* files its updates read (unchanged ones must not be) */
+    uint64_t update_bytes_done; /* while trn_update_dir runs: the bytes of the files it handled */
+    uint64_t update_bytes_all;  /* and of all it will read; both 0 otherwise */
     uint64_t texts_embedded;    /* chunk texts embed_distinct_chunks embedded (not copied) */
     /* Chunk texts by hash, so a text met again takes the vector it already has (embed.cpp).
     ** Open addressing: an entry is the hash's high 32 bits << 32 | (slot + 1), 0 when empty;

@@ -403,6 +403,18 @@ TRN_API void trn_set_verbose(int32_t on);
 TRN_API int32_t trn_progress_text(const char *verb, int32_t done, int32_t found, uint32_t chunks,
                                   double seconds, char *out, size_t size);
 
+/* The same line, with the time left taken from the bytes of the files instead of their count
+** when bytes_all > 0: the bytes to come at the pace of the bytes_done done so far, so that a few
+** large files at the end do not make the estimate wrong. trn_update_progress gives both. */
+TRN_API int32_t trn_progress_line(const char *verb, int32_t done, int32_t found, uint32_t chunks,
+                                  double seconds, uint64_t bytes_done, uint64_t bytes_all,
+                                  char *out, size_t size);
+
+/* While trn_update_dir runs on e (from its progress callback): the bytes of the files it has
+** read or removed so far into *done and of all it will handle into *all (sizes as the walk found
+** them). Both 0 before and after a trn_update_dir. Either pointer may be NULL. */
+TRN_API void trn_update_progress(const TrnEngine *e, uint64_t *done, uint64_t *all);
+
 /* Writes a duration rounded for people into out as trn_progress_text does: "12 s" (at least 1),
 ** "4 min" below an hour (to the nearest minute), else "1 h 05 min". Returns the length. */
 TRN_API int32_t trn_duration_text(double seconds, char *out, size_t size);
