@@ -299,7 +299,8 @@ struct FileListCloser {
 // Opens root's index with the encoder it was built with, as search does: a log that an
 // indexing left behind is replayed, and its chunks embedded again, by that encoder, never by
 // the untrained one (whose vectors a checkpoint would then store).
-EnginePtr open_with_its_encoder(const Options &o, const ModelRuntime &model, const std::string &root)
+EnginePtr open_with_its_encoder(const Options &o, const ModelRuntime &model,
+                                const std::string &root)
 {
     std::string description;
     return open_existing(root, chosen_weights(o, model, root, &description));

@@ -238,18 +238,25 @@ TEST(CliResume, CompactAfterAKilledIndexingStoresTheVectorsOfTheIndexEncoder)
     Tree t;
     t.write_first();
     // The application's encoder, the built-in one: an untrained encoder would replay its own.
-    const std::vector<std::string> index = {"index", t.src, "--chunk-size", "64", "--overlap", "16"};
-    std::vector<std::string> killed = {
-        "strace", "-qq", "-o", "/dev/null", "-e", "trace=rename", "-e",
-        "inject=rename:signal=SIGKILL:when=1", CLI};
+    const std::vector<std::string> index = {
+        "index", t.src, "--chunk-size", "64", "--overlap", "16"};
+    std::vector<std::string> killed = {"strace",
+                                       "-qq",
+                                       "-o",
+                                       "/dev/null",
+                                       "-e",
+                                       "trace=rename",
+                                       "-e",
+                                       "inject=rename:signal=SIGKILL:when=1",
+                                       CLI};
     killed.insert(killed.end(), index.begin(), index.end());
     ASSERT_TRUE(run_argv(killed));
     ASSERT_GT(fs::file_size(t.index_dir + "/tarnwick.wal"), 0u);
     for (const char *command : {"stats", "files", "compact"}) {
         ASSERT_EQ(run_cli({command, t.src}, t.src).status, 0) << command;
     }
-    const std::vector<std::string> query = {"search", t.src, "bravo three", "--mode", "semantic",
-                                            "--all-chunks", "--json"};
+    const std::vector<std::string> query = {
+        "search", t.src, "bravo three", "--mode", "semantic", "--all-chunks", "--json"};
     const std::string after_kill = run_cli(query, t.src).out;
     fs::remove_all(t.index_dir);
     ASSERT_EQ(run_cli(index, t.src).status, 0);
