@@ -10,6 +10,7 @@
 #include "tarnwick.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -150,19 +151,13 @@ int32_t parse_int(const std::string &option, const std::string &text, int32_t lo
 
 int32_t parse_mode(const std::string &text)
 {
-    // "semantic" searches every file, as the application's Semantic mode does.
-    static const struct {
-        const char *name;
-        int32_t mode;
-    } MODES[] = {{"hybrid", TRN_SEARCH_HYBRID},
-                 {"semantic", TRN_SEARCH_SEMANTIC_ALL},
-                 {"keyword", TRN_SEARCH_KEYWORD},
-                 {"text", TRN_SEARCH_TEXT},
-                 {"regex", TRN_SEARCH_REGEX}};
-    for (const auto &m : MODES) {
-        if (strcasecmp(text.c_str(), m.name) == 0) {
-            return m.mode;
-        }
+    std::string lower = text;
+    std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) {
+        return static_cast<char>(std::tolower(c));
+    });
+    const int32_t mode = search_mode_named(lower);
+    if (mode >= 0) {
+        return mode;
     }
     throw UsageError("--mode must be hybrid, semantic, keyword, text or regex, not \"" + text
                      + "\"");
@@ -255,6 +250,24 @@ bool is_help(const std::string &arg)
 }
 
 } // namespace
+
+int32_t search_mode_named(const std::string &name)
+{
+    static const struct {
+        const char *name;
+        int32_t mode;
+    } MODES[] = {{"hybrid", TRN_SEARCH_HYBRID},
+                 {"semantic", TRN_SEARCH_SEMANTIC_ALL},
+                 {"keyword", TRN_SEARCH_KEYWORD},
+                 {"text", TRN_SEARCH_TEXT},
+                 {"regex", TRN_SEARCH_REGEX}};
+    for (const auto &m : MODES) {
+        if (name == m.name) {
+            return m.mode;
+        }
+    }
+    return -1;
+}
 
 const char *usage_text()
 {

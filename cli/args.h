@@ -92,4 +92,9 @@ Options parse_args(int argc, char **argv);
 
 const char *usage_text();
 
+// The trn_search mode of a name as the command line and the MCP tools spell it, exactly: "hybrid",
+// "semantic" (every file, as the application's Semantic mode), "keyword", "text" or "regex";
+// -1 for any other.
+int32_t search_mode_named(const std::string &name);
+
 #endif

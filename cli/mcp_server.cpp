@@ -130,11 +130,6 @@ const char TOOLS_JSON[] = R"json([
  "annotations": {"readOnlyHint": true, "openWorldHint": false}}
 ])json";
 
-struct EngineCloser {
-    void operator()(TrnEngine *e) const { trn_close(e); }
-};
-using EnginePtr = std::unique_ptr<TrnEngine, EngineCloser>;
-
 struct FileListCloser {
     void operator()(TrnFileList *list) const { trn_free_file_list(list); }
 };
@@ -585,20 +580,7 @@ private:
         }
         const std::string mode_name =
             args.get("mode") != nullptr ? string_argument(args, "mode") : "hybrid";
-        static const struct {
-            const char *name;
-            int32_t mode;
-        } MODES[] = {{"hybrid", TRN_SEARCH_HYBRID},
-                     {"semantic", TRN_SEARCH_SEMANTIC_ALL},
-                     {"keyword", TRN_SEARCH_KEYWORD},
-                     {"text", TRN_SEARCH_TEXT},
-                     {"regex", TRN_SEARCH_REGEX}};
-        int32_t mode = -1;
-        for (const auto &m : MODES) {
-            if (mode_name == m.name) {
-                mode = m.mode;
-            }
-        }
+        const int32_t mode = search_mode_named(mode_name);
         if (mode < 0) {
             throw ToolError("mode must be hybrid, semantic, keyword, text or regex");
         }
