@@ -174,17 +174,37 @@ std::string marked_snippet(const TrnResult &r, bool bold)
 
 void cmd_search(const Options &o, const ModelRuntime &model)
 {
-    std::string root = resolve_dir(o.operands[0]);
-    const std::string &query = o.operands[1];
-    // The encoder the index was built with: the application's choice unless --weights names one.
-    std::string description;
-    std::string weights = chosen_weights(o, model, root, &description);
-    EnginePtr engine = open_existing(root, weights);
+    // Every operand but the last is a directory; several are searched as one ranking whose rows
+    // name their folder.
+    std::vector<std::string> roots;
+    std::vector<EnginePtr> engines;
+    std::vector<TrnEngine *> handles;
+    for (size_t i = 0; i + 1 < o.operands.size(); i++) {
+        roots.push_back(resolve_dir(o.operands[i]));
+        // The encoder each index was built with: the application's choice unless --weights
+        // names one.
+        std::string description;
+        std::string weights = chosen_weights(o, model, roots.back(), &description);
+        engines.push_back(open_existing(roots.back(), weights));
+        handles.push_back(engines.back().get());
+    }
+    const std::string &query = o.query;
+    const bool several = roots.size() > 1;
     // The engine never returns more than 64 hits, however large k is.
     int32_t k = std::min<int32_t>(o.k, 64);
     std::vector<TrnResult> results(static_cast<size_t>(k));
+    std::vector<int32_t> origins(static_cast<size_t>(k), 0);
     const uint32_t layout = o.all_chunks ? 0u : static_cast<uint32_t>(TRN_SEARCH_BY_FILE);
-    int32_t n = trn_search_ex(engine.get(), query.c_str(), o.mode, k, layout, results.data());
+    int32_t n = several
+                    ? trn_search_many(handles.data(),
+                                      static_cast<int32_t>(handles.size()),
+                                      query.c_str(),
+                                      o.mode,
+                                      k,
+                                      layout,
+                                      results.data(),
+                                      origins.data())
+                    : trn_search_ex(handles[0], query.c_str(), o.mode, k, layout, results.data());
     if (n < 0) {
         n = 0;
     }
@@ -217,6 +237,8 @@ void cmd_search(const Options &o, const ModelRuntime &model)
             w.integer(r.file_type);
             w.key("fileTypeName");
             w.string(trn_file_type_name(r.file_type));
+            w.key("folder");
+            w.string(roots[static_cast<size_t>(origins[static_cast<size_t>(i)])]);
             w.key("moreInFile");
             w.integer(r.more_in_file);
             w.key("marks");
@@ -241,6 +263,11 @@ void cmd_search(const Options &o, const ModelRuntime &model)
             out += head;
             if (r.more_in_file > 0) {
                 out += "  (" + std::to_string(r.more_in_file) + " more in this file)";
+            }
+            if (several) {
+                const std::string &root =
+                    roots[static_cast<size_t>(origins[static_cast<size_t>(i)])];
+                out += "  in " + display_text(root.substr(root.rfind('/') + 1), false);
             }
             out += "\n";
             // The snippet indented under its path; blank lines dropped so a hit stays one group.
@@ -314,6 +341,8 @@ void cmd_files(const Options &o, const ModelRuntime &model)
             w.string(trn_file_status_name(f.status));
             w.key("reason");
             w.string(f.reason);
+            w.key("encoding");
+            w.string(f.encoding);
             w.end_object();
         }
         w.end_array();
@@ -341,6 +370,10 @@ void cmd_files(const Options &o, const ModelRuntime &model)
             out += line + display_text(f.path, false);
             if (f.reason[0] != '\0') {
                 out += "  (" + display_text(f.reason, false) + ")";
+            }
+            // Text that had to be converted says from what; UTF-8, the rule, goes unsaid.
+            if (f.encoding[0] != '\0' && std::strcmp(f.encoding, "UTF-8") != 0) {
+                out += "  (read as " + display_text(f.encoding, false) + ")";
             }
             out += "\n";
         }

@@ -35,7 +35,7 @@ private slots:
     void indexIsPrivateAndHugeFilesAreNeverRead();
     void searchCopiesRecordsAndKZeroReturnsNothing();
     void groupingKeepsEachFilesBestPassage();
-    void mergedRankingsFavourNoIndex();
+    void searchAcrossNamesEachRowsFolder();
     void fileListGivesTheReasonForEveryFile();
     void clearAndReopenDiscardsTheIndex();
     void pdfPageForLine();
@@ -193,6 +193,39 @@ void TestIndexHandle::searchCopiesRecordsAndKZeroReturnsNothing()
     QCOMPARE(engine.search(QStringLiteral("anything"), SearchMode::Semantic, 5).size(), 2);
 }
 
+// Two tabs searched as one: text hits take turns, narrowing words reach every index, and each
+// row names the folder that holds its file.
+void TestIndexHandle::searchAcrossNamesEachRowsFolder()
+{
+    QTemporaryDir first, second;
+    QVERIFY(writeFile(first.path(), QStringLiteral("a.txt"), "a needle in the first folder\n"));
+    QVERIFY(writeFile(second.path(), QStringLiteral("b.txt"), "a needle in the second one\n"));
+    QVERIFY(writeFile(second.path(), QStringLiteral("c.md"), "another needle, in Markdown\n"));
+    IndexHandle a(first.path(), QString());
+    IndexHandle b(second.path(), QString());
+    QVERIFY(a.ingestDirectory(800, 200, *m_env->walk()) > 0);
+    QVERIFY(b.ingestDirectory(800, 200, *m_env->walk()) > 0);
+    const auto files = [](const QList<SearchResult> &hits) {
+        QStringList out;
+        for (const SearchResult &hit : hits) {
+            if (!hit.filePath.startsWith(hit.folder + QLatin1Char('/'))) {
+                out.append(QStringLiteral("wrong folder ") + hit.folder);
+            }
+            out.append(QFileInfo(hit.filePath).fileName());
+        }
+        return out;
+    };
+    QCOMPARE(files(IndexHandle::searchAcross(
+                 {&a, &b}, QStringLiteral("needle"), SearchMode::Text, 10, ResultLayout::ByFile)),
+             (QStringList{"a.txt", "b.txt", "c.md"}));
+    QCOMPARE(files(IndexHandle::searchAcross({&b, &a},
+                                             QStringLiteral("needle type:text -second"),
+                                             SearchMode::Keyword,
+                                             10,
+                                             ResultLayout::ByFile)),
+             (QStringList{"a.txt"}));
+}
+
 // The file scope view's words for every kind of file, after indexing, an edit and an addition.
 // Against a brute force over random rankings: one row per file, in the order of each file's
 // best passage, the row being that passage, with the count of the file's other passages.
@@ -231,37 +264,6 @@ void TestIndexHandle::groupingKeepsEachFilesBestPassage()
                      })) - 1);
         }
     }
-}
-
-// Word and text scores do not compare across indexes: their rankings interleave by place;
-// semantic scores do, and decide.
-void TestIndexHandle::mergedRankingsFavourNoIndex()
-{
-    const auto ranking = [](const QString &name, QList<float> scores) {
-        QList<SearchResult> list;
-        for (int i = 0; i < scores.size(); ++i) {
-            SearchResult r;
-            r.id = name + QString::number(i);
-            r.score = scores.at(i);
-            list.append(r);
-        }
-        return list;
-    };
-    const QList<QList<SearchResult>> rankings = {ranking(QStringLiteral("a"), {9.0f, 8.0f, 7.0f}),
-                                                 ranking(QStringLiteral("b"), {0.2f, 0.1f})};
-    const auto ids = [](const QList<SearchResult> &list) {
-        QStringList out;
-        for (const SearchResult &r : list) {
-            out.append(r.id);
-        }
-        return out;
-    };
-    QCOMPARE(ids(::mergeRankings(rankings, SearchMode::Keyword, 10)),
-             (QStringList{"a0", "b0", "a1", "b1", "a2"}));
-    QCOMPARE(ids(::mergeRankings(rankings, SearchMode::Hybrid, 3)),
-             (QStringList{"a0", "b0", "a1"}));
-    QCOMPARE(ids(::mergeRankings(rankings, SearchMode::Semantic, 4)),
-             (QStringList{"a0", "a1", "a2", "b0"}));
 }
 
 void TestIndexHandle::fileListGivesTheReasonForEveryFile()
@@ -309,7 +311,7 @@ void TestIndexHandle::fileListGivesTheReasonForEveryFile()
         {QStringLiteral("node_modules"), QStringLiteral("Excluded by global pattern node_modules")},
         {QStringLiteral("big.txt"), QStringLiteral("Too large")},
         {QStringLiteral("image.png"), QStringLiteral("Binary")},
-        {QStringLiteral("latin1.txt"), QStringLiteral("Indexed (1 chunk)")},
+        {QStringLiteral("latin1.txt"), QStringLiteral("Indexed (1 chunk), read as ISO-8859-1")},
         {QStringLiteral("tiny.txt"), QStringLiteral("Too short")},
         {QStringLiteral("broken.docx"), QStringLiteral("Unreadable")},
     };
