@@ -5,7 +5,7 @@
 ** Log layout. No header; a sequence of records, little-endian:
 **
 **     uint8  op
-**     uint32 n, n bytes       id, no NUL; at most 4096 bytes
+**     uint32 n, n bytes       id, at most 4096 bytes; a NUL only as the first byte of a path
 **   op 'A' (0x41), one chunk; id is its doc_id, written at most 255 bytes long:
 **     uint32 n, n bytes       text
 **     uint32 n, n bytes       file_path (0: no path)
