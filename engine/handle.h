@@ -110,6 +110,12 @@ struct TrnEngine {
     uint8_t wal_stale;   /* the log belongs to an older generation and is ignored */
     uint8_t changed;     /* memory holds what the store does not (log replayed, writes) */
     uint8_t unsaved;     /* memory holds what neither the store nor the log does */
+    /* This handle's own groups at the end of the log, [own_from, own_end) of generation
+    ** own_generation, valid when own_known: what trn_rollback may cut off. */
+    uint8_t own_known;
+    uint64_t own_generation;
+    uint64_t own_from;
+    uint64_t own_end;
 };
 
 #endif /* TRN_HANDLE_H */

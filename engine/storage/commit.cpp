@@ -42,7 +42,9 @@
 ** each group synced: one ingested file, or one removal. Replay applies whole groups only.
 **
 ** Readers never write: loading and refreshing only read, and leave a torn tail where it is. A
-** writer cuts the log back to its last whole group before it appends.
+** writer cuts the log back to its last whole group before it appends. A command whose checkpoint
+** failed cuts its own groups back off the log's end (trn_rollback), never another's: a handle
+** knows which groups at the end are its own because none came between them.
 */
 #include "internal.h"
 
@@ -732,6 +734,50 @@ bool rebuild_swap(TrnEngine *e)
     lock_release(e);
     return ok;
 }
+
+extern "C" {
+
+int32_t trn_rollback(TrnEngine *e)
+{
+    if (!e || !e->store_path[0] || e->rebuild || !e->own_known || e->own_from >= e->own_end) {
+        return 0;
+    }
+    if (!lock_take(e, LOCK_EX, g_busy_timeout_ms)) {
+        return 0;
+    }
+    /* Only while the log still ends with this handle's last group: nothing another process
+    ** committed is ever cut. */
+    TrnDiskView v;
+    disk_view_read(e, &v);
+    bool cut = false;
+    if (same_state(&v, &e->seen) && e->generation == e->own_generation && !e->wal_stale
+        && v.wal_size == e->own_end && e->wal_end == e->own_end) {
+        TrnPathList paths;
+        int fd = index_open(e, "tarnwick.wal", O_RDWR);
+        cut = fd >= 0 && wal_paths(fd, e->own_from, e->own_end, &paths)
+              && ftruncate(fd, (off_t)e->own_from) == 0 && fsync(fd) == 0;
+        if (fd >= 0) {
+            close(fd);
+        }
+        if (cut) {
+            manifest_forget(e, paths);
+            int32_t status = e->status;
+            char error[TRN_ERROR_MAX];
+            memcpy(error, e->error, sizeof error);
+            /* The log is shorter than the handle read it: it loads the state again. */
+            if (!index_refresh_locked(e)) {
+                e->refused = e->status;
+            }
+            e->status = status;
+            memcpy(e->error, error, sizeof error);
+        }
+    }
+    e->own_known = 0;
+    lock_release(e);
+    return cut ? 1 : 0;
+}
+
+} /* extern "C" */
 
 bool commit_write(TrnEngine *e, uint64_t store_size, uint32_t store_crc)
 {

@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include <sys/stat.h>
@@ -70,6 +71,11 @@ void wal_put_remove(TrnBytes *group, const char *path);
 ** the log back to where the group began, sets the status and returns false. Nothing is written
 ** and true returned when the handle keeps no log. */
 bool wal_commit_group(TrnEngine *e, TrnBytes *group);
+using TrnPath = std::basic_string<char, std::char_traits<char>, XAllocator<char>>;
+using TrnPathList = std::vector<TrnPath, XAllocator<TrnPath>>;
+/* Appends the paths that the records of bytes [from, end) of the log open at fd add chunks to or
+** remove (a run of one path once). False when the bytes cannot be read or are not whole records. */
+bool wal_paths(int fd, uint64_t from, uint64_t end, TrnPathList *paths);
 
 /* ---------------------------------------------------------------------------------------------
 ** Durability (commit.cpp): the lock, the commit record and staying in step with other processes

@@ -356,7 +356,14 @@ bool wal_commit_group(TrnEngine *e, TrnBytes *group)
         }
         return fail_status(e, TRN_STATUS_IO_ERROR, err);
     }
+    uint64_t start = e->wal_end;
     e->wal_end += group->size();
+    if (!e->own_known || e->own_generation != e->generation || e->own_end != start) {
+        e->own_known = 1; /* another process's group, or a checkpoint, came in between */
+        e->own_generation = e->generation;
+        e->own_from = start;
+    }
+    e->own_end = e->wal_end;
     /* This handle's own append is no news to it. */
     struct stat st;
     if (fstat(fd, &st) == 0) {
@@ -364,4 +371,36 @@ bool wal_commit_group(TrnEngine *e, TrnBytes *group)
         e->seen.wal_mtime_ns = (int64_t)st.st_mtim.tv_sec * 1000000000 + st.st_mtim.tv_nsec;
     }
     return true;
+}
+
+bool wal_paths(int fd, uint64_t from, uint64_t end, TrnPathList *paths)
+{
+    if (end < from || end - from > SIZE_MAX) {
+        return false;
+    }
+    TrnBytes bytes((size_t)(end - from));
+    size_t got = 0;
+    while (got < bytes.size()) {
+        ssize_t n = pread(fd, bytes.data() + got, bytes.size() - got, (off_t)(from + got));
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return false;
+        }
+        got += (size_t)n;
+    }
+    ByteReader c = {bytes.data(), bytes.size()};
+    LogRecord r;
+    while (c.left > 0 && parse_record(&c, &r)) {
+        const uint8_t *path = r.op == 'A' ? r.path : r.op == 'D' ? r.id : nullptr;
+        uint32_t n = r.op == 'A' ? r.path_len : r.id_len;
+        if (path && n > 0) {
+            TrnPath p(reinterpret_cast<const char *>(path), n);
+            if (paths->empty() || paths->back() != p) {
+                paths->push_back(p);
+            }
+        }
+    }
+    return c.left == 0;
 }

@@ -250,4 +250,42 @@ TEST_F(WalReplay, RecordsAppendedAfterATornTailAreReplayedLater)
     trn_close(e);
 }
 
+/* A command whose checkpoint failed cuts what it logged back off, so later opens need not embed
+** it again; groups of another handle after its own are never cut, and a cut handle reads the
+** state without its groups. */
+TEST_F(WalReplay, RollbackCutsOnlyTheHandlesOwnGroupsAtTheLogsEnd)
+{
+    TrnConfig cfg = config_for(dir_);
+    TrnEngine *a = trn_open(&cfg);
+    TrnEngine *b = trn_open(&cfg);
+    /* What is committed, read without the checkpoint a closing handle would make. */
+    auto files = [this] {
+        TrnEngine *e = bare_engine(&encoder_);
+        bare_engine_on_dir(e, dir_.path());
+        std::string names = index_load(e) ? "" : "damaged";
+        for (uint64_t i = 0; i < e->count; i++) {
+            names += e->chunks[i].deleted ? "" : std::string(e->chunks[i].file_path) + " ";
+        }
+        release(e);
+        return names;
+    };
+    ASSERT_EQ(trn_ingest_text(a, "/r/a1", "first of a", 800, 200), 1);
+    ASSERT_EQ(trn_checkpoint(a), 1);
+    EXPECT_EQ(trn_rollback(a), 0); /* folded into the store: nothing to cut */
+    ASSERT_EQ(trn_ingest_text(a, "/r/a2", "second of a", 800, 200), 1);
+    ASSERT_EQ(trn_ingest_text(b, "/r/b1", "first of b", 800, 200), 1);
+    EXPECT_EQ(trn_rollback(a), 0);
+    EXPECT_EQ(files(), "/r/a1 /r/a2 /r/b1 ");
+    EXPECT_EQ(trn_rollback(b), 1);
+    EXPECT_EQ(b->count, 2u);
+    EXPECT_EQ(files(), "/r/a1 /r/a2 ");
+    ASSERT_EQ(trn_ingest_text(a, "/r/a3", "third of a", 800, 200), 1);
+    ASSERT_EQ(trn_remove_file(a, "/r/a1"), 1);
+    EXPECT_EQ(trn_rollback(a), 1);
+    EXPECT_EQ(files(), "/r/a1 /r/a2 ");
+    trn_close(a);
+    trn_close(b);
+    EXPECT_EQ(files(), "/r/a1 /r/a2 ");
+}
+
 } // namespace
