@@ -10,6 +10,7 @@
 #include "tarnwick.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -38,19 +39,20 @@ const char USAGE[] =
     "  watch  DIR [--chunk-size N] [--overlap N] [--weights PATH] [--json]\n"
     "         update, then update again each time files change (after 2 s of quiet), one line\n"
     "         per update, until interrupted (Ctrl+C)\n"
-    "  search DIR QUERY [--mode hybrid|semantic|keyword|text|regex] [-k N] [--all-chunks]\n"
-    "         [--weights PATH] [--json]  show the k best files (10 by default, at most 64),\n"
-    "         each with its best passage, the line of the match and how many more passages of\n"
-    "         the file matched; --all-chunks shows the k best passages instead, several of one\n"
-    "         file too; hybrid (by words and by meaning) by default; --vimgrep prints\n"
-    "         path:line:column:text lines for an editor's jump list, paths relative to the\n"
-    "         current directory below it\n"
+    "  search DIR... QUERY [--mode hybrid|semantic|keyword|text|regex] [-k N] [--all-chunks]\n"
+    "         [--weights PATH] [--type LIST] [--in FOLDER] [--modified WHEN] [--json]\n"
+    "         show the k best files (10 by default, at most 64), each with its best passage,\n"
+    "         the line of the match and how many more passages of the file matched;\n"
+    "         --all-chunks shows the k best passages instead, several of one file too; hybrid\n"
+    "         (by words and by meaning) by default; several directories are searched as one\n"
+    "         ranking, each result naming its folder; --vimgrep prints path:line:column:text\n"
+    "         lines for an editor's jump list, paths relative to the current directory below it\n"
     "  prompt DIR QUERY [--scope pinned|top5|all] [--mode M] [-k N] [--weights PATH]\n"
     "         print the prompt the application copies for the results (top5 by default),\n"
     "         with the directory's pinned results first\n"
     "  files  DIR [--json]          list every file under DIR with its indexed chunks and why\n"
     "         each is or is not indexed (excluded and by which rule, too large, binary, too\n"
-    "         short, unreadable)\n"
+    "         short, unreadable), and the charset of text that is not UTF-8\n"
     "  stats  DIR [--json]          show the index's counts\n"
     "  remove DIR FILE...           drop the chunks of the given files from the index\n"
     "  compact DIR                  rewrite the index without removed chunks\n"
@@ -79,11 +81,21 @@ const char USAGE[] =
     "                   files)\n"
     "  --max-file-size MB  skip larger files (the application's setting, 20 by default; index,\n"
     "                   update, watch, files)\n"
+    "  --type LIST      search, prompt: only these kinds of file (pdf, docx, odt, epub, html,\n"
+    "                   markdown, text, source) or extensions (md, txt), comma-separated\n"
+    "  --in FOLDER      search, prompt: only files below this folder of DIR\n"
+    "  --modified WHEN  search, prompt: only files changed then: 2024-01-31, 2024-01, 2024,\n"
+    "                   >2024-01-31, >=, <, <=, or a range 2024-01-01..2024-06-30\n"
     "  --nice           index at idle CPU and disk priority: only what nothing else wants\n"
     "                   (index, update, watch)\n"
     "  --verbose        show the engine's own messages (opening, loading weights)\n"
     "  -h, --help       print this help\n"
     "  --version        print the version of the program and of its engine\n"
+    "\n"
+    "Narrowing a query: these words work inside QUERY, in every mode: \"exact phrase\",\n"
+    "    a minus sign right before a word to leave out passages holding it, type:pdf,docx,\n"
+    "    ext:md, in:sub/folder (in:\"my notes\" for spaces), modified:>=2024-01-01. Quote a\n"
+    "    word that only looks like one of these to search for it as written (\"in:docs\").\n"
     "\n"
     "Exit status: 0 on success, 1 on failure, 2 for a usage error, 130 when Ctrl+C stopped\n"
     "index, update or watch (what was indexed is kept; update goes on from there).\n";
@@ -105,7 +117,7 @@ constexpr CommandRule COMMANDS[] = {
     {"index", 1, 1, true, true, false, false, false, false},
     {"update", 1, 1, true, true, false, true, false, false},
     {"watch", 1, 1, true, true, false, true, false, false},
-    {"search", 2, 2, false, true, true, true, false, false},
+    {"search", 2, -1, false, true, true, true, false, false},
     {"prompt", 2, 2, false, true, true, false, true, false},
     {"files", 1, 1, false, false, false, true, false, false},
     {"stats", 1, 1, false, false, false, true, false, false},
@@ -150,19 +162,13 @@ int32_t parse_int(const std::string &option, const std::string &text, int32_t lo
 
 int32_t parse_mode(const std::string &text)
 {
-    // "semantic" searches every file, as the application's Semantic mode does.
-    static const struct {
-        const char *name;
-        int32_t mode;
-    } MODES[] = {{"hybrid", TRN_SEARCH_HYBRID},
-                 {"semantic", TRN_SEARCH_SEMANTIC_ALL},
-                 {"keyword", TRN_SEARCH_KEYWORD},
-                 {"text", TRN_SEARCH_TEXT},
-                 {"regex", TRN_SEARCH_REGEX}};
-    for (const auto &m : MODES) {
-        if (strcasecmp(text.c_str(), m.name) == 0) {
-            return m.mode;
-        }
+    std::string lower = text;
+    std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) {
+        return static_cast<char>(std::tolower(c));
+    });
+    const int32_t mode = search_mode_named(lower);
+    if (mode >= 0) {
+        return mode;
     }
     throw UsageError("--mode must be hybrid, semantic, keyword, text or regex, not \"" + text
                      + "\"");
@@ -228,25 +234,51 @@ void check_train(const Options &o, bool training_options)
 }
 
 // An empty query, or one of white space only, would match nearly everything in text and regex
-// mode and nothing useful in the others; a regex-mode query must compile exactly as the engine
-// will compile it. A long pattern is shown by its start only, so the error stays one short line.
-void check_query(const std::string &query, int32_t mode)
+// mode and nothing useful in the others (narrowing words alone list what they leave in); the
+// engine must be able to run the query as given: dates it can read and, in regex mode, an
+// expression that compiles. A long pattern is shown by its start only, so the error stays one
+// short line.
+void check_query(const std::string &query, bool narrowed, int32_t mode)
 {
-    if (query.find_first_not_of(" \t\r\n\f\v") == std::string::npos) {
+    if (query.find_first_not_of(" \t\r\n\f\v") == std::string::npos && !narrowed) {
         throw UsageError("the query is empty");
     }
-    if (mode == TRN_SEARCH_REGEX) {
-        char reason[256];
-        if (!trn_check_regex(query.c_str(), reason, sizeof reason)) {
-            size_t shown_len = std::min<size_t>(query.size(), 40);
-            while (shown_len < query.size() && (query[shown_len] & 0xC0) == 0x80) {
-                shown_len--; // never cut a UTF-8 sequence
-            }
-            std::string shown =
-                query.substr(0, shown_len) + (shown_len < query.size() ? "..." : "");
-            throw QueryError("invalid regular expression \"" + shown + "\": " + reason);
-        }
+    char reason[256];
+    if (!trn_check_query(query.c_str(), TRN_SEARCH_SEMANTIC, reason, sizeof reason)) {
+        throw QueryError(reason); // a date it cannot read
     }
+    if (mode == TRN_SEARCH_REGEX && !trn_check_query(query.c_str(), mode, reason, sizeof reason)) {
+        size_t shown_len = std::min<size_t>(query.size(), 40);
+        while (shown_len < query.size() && (query[shown_len] & 0xC0) == 0x80) {
+            shown_len--; // never cut a UTF-8 sequence
+        }
+        std::string shown = query.substr(0, shown_len) + (shown_len < query.size() ? "..." : "");
+        throw QueryError("invalid regular expression \"" + shown + "\": " + reason);
+    }
+}
+
+// The narrowing word key:value as the engine reads it: white space dropped from lists and dates,
+// a folder with white space quoted.
+std::string narrowing_word(const std::string &key, const std::string &value)
+{
+    std::string clean;
+    bool spaced = false;
+    for (char c : value) {
+        if (c == '"') {
+            continue;
+        }
+        if (c == ' ' || c == '\t') {
+            spaced = true;
+            if (key != "in") {
+                continue;
+            }
+        }
+        clean += c;
+    }
+    if (clean.empty()) {
+        throw UsageError("--" + key + " needs a value");
+    }
+    return key + ":" + (spaced && key == "in" ? "\"" + clean + "\"" : clean);
 }
 
 bool is_help(const std::string &arg)
@@ -255,6 +287,24 @@ bool is_help(const std::string &arg)
 }
 
 } // namespace
+
+int32_t search_mode_named(const std::string &name)
+{
+    static const struct {
+        const char *name;
+        int32_t mode;
+    } MODES[] = {{"hybrid", TRN_SEARCH_HYBRID},
+                 {"semantic", TRN_SEARCH_SEMANTIC_ALL},
+                 {"keyword", TRN_SEARCH_KEYWORD},
+                 {"text", TRN_SEARCH_TEXT},
+                 {"regex", TRN_SEARCH_REGEX}};
+    for (const auto &m : MODES) {
+        if (name == m.name) {
+            return m.mode;
+        }
+    }
+    return -1;
+}
 
 const char *usage_text()
 {
@@ -291,6 +341,7 @@ Options parse_args(int argc, char **argv)
 
     bool options_ended = false;
     bool training_options = false;
+    std::vector<std::string> narrowing; // --type, --in, --modified as words of the query
     for (size_t i = 1; i < args.size(); i++) {
         const std::string &arg = args[i];
         if (options_ended || arg.size() < 2 || arg[0] != '-') {
@@ -379,6 +430,12 @@ Options parse_args(int argc, char **argv)
                                  + ", the most results one search returns, not "
                                  + std::to_string(o.k));
             }
+        } else if (name == "--type" && rule->search) {
+            narrowing.push_back(narrowing_word("type", take_value()));
+        } else if (name == "--in" && rule->search) {
+            narrowing.push_back(narrowing_word("in", take_value()));
+        } else if (name == "--modified" && rule->search) {
+            narrowing.push_back(narrowing_word("modified", take_value()));
         } else if (name == "--all-chunks" && o.command == "search") {
             if (has_value) {
                 throw UsageError("--all-chunks takes no value");
@@ -429,7 +486,11 @@ Options parse_args(int argc, char **argv)
         throw UsageError("--json and --vimgrep cannot be combined");
     }
     if (rule->search) {
-        check_query(o.operands[1], o.mode);
+        o.query = o.operands.back();
+        for (const std::string &word : narrowing) {
+            o.query += (o.query.empty() ? "" : " ") + word;
+        }
+        check_query(o.query, !narrowing.empty(), o.mode);
     }
     return o;
 }

@@ -60,7 +60,9 @@ struct Options {
     std::optional<std::string> extensions;   // --extensions "org, rst"
     std::vector<std::string> excludes;       // --exclude PATTERN, repeatable; replace defaults
     std::optional<int32_t> max_file_size_mb; // --max-file-size MB
-    std::string weights;              // empty: the application's choice (or the random encoder)
+    std::string weights; // empty: the application's choice (or the random encoder)
+    // search, prompt: the query operand with the words of --type, --in and --modified added.
+    std::string query;
     int32_t mode = TRN_SEARCH_HYBRID; // the engine's search mode (trn_search's mode argument)
     int32_t k = 10;                   // search: files, or passages with all_chunks
     bool all_chunks = false;          // search: one row per matching passage instead of per file
@@ -84,12 +86,18 @@ struct Options {
 };
 
 // Parses argv. Throws UsageError for an unknown command or option, a missing or malformed value,
-// -k above the engine's limit, an empty query, or the wrong number of operands (for train: of its
-// sub-command, "profiles", "add", "default" or a profile's name); QueryError for a regex-mode query
-// that does not compile. With --help anywhere before "--" only help is set; else with --version
+// -k above the engine's limit, an empty query (without narrowing options), or the wrong number of
+// operands (for train: of its sub-command, "profiles", "add", "default" or a profile's name);
+// QueryError for a query the engine cannot run (trn_check_query: a date it cannot read, a regex
+// that does not compile). With --help anywhere before "--" only help is set; else with --version
 // only version.
 Options parse_args(int argc, char **argv);
 
 const char *usage_text();
+
+// The trn_search mode of a name as the command line and the MCP tools spell it, exactly: "hybrid",
+// "semantic" (every file, as the application's Semantic mode), "keyword", "text" or "regex";
+// -1 for any other.
+int32_t search_mode_named(const std::string &name);
 
 #endif

@@ -1,16 +1,15 @@
 /*
-** commands.cpp -- the subcommands of tarnwick-cli over the engine's C interface: index, update,
-** watch, search, files, stats, remove, compact and embed. Prompts and training on the
-** application's model are in model_commands.cpp.
+** commands.cpp -- the subcommands of tarnwick-cli over the engine's C interface: search, files,
+** stats, remove, compact and embed, and which command runs. Indexing (index, update, watch) is in
+** index_commands.cpp; prompts and training on the application's model in model_commands.cpp.
 */
 #include "commands.h"
 
 #include "common.h"
+#include "index_commands.h"
 #include "json.h"
 #include "mcp_server.h"
 #include "model_commands.h"
-#include "priority.h"
-#include "progress.h"
 #include "tarnwick.h"
 #include "text/files.h"
 #include "vimgrep.h"
@@ -25,45 +24,10 @@
 #include <string_view>
 #include <vector>
 
-#include <csignal>
-
-#include <poll.h>
 #include <unistd.h>
 
 namespace
 {
-
-// How long watch waits for changes to stop before it updates: an editor's save, a checkout or an
-// unpacked archive gives one update.
-constexpr int WATCH_SETTLE_MS = 2000;
-
-struct EngineCloser {
-    void operator()(TrnEngine *e) const { trn_close(e); }
-};
-using EnginePtr = std::unique_ptr<TrnEngine, EngineCloser>;
-
-// Fails with the engine's one line when the index is busy or damaged. flags: 0, or
-// TRN_OPEN_REBUILD for an index built beside the old one and swapped in by the checkpoint.
-EnginePtr open_engine(const std::string &index_dir, const std::string &weights, uint32_t flags = 0)
-{
-    TrnConfig cfg{};
-    cfg.index_dir = index_dir.c_str();
-    cfg.weights_path = weights.empty() ? nullptr : weights.c_str();
-    TrnEngine *e = trn_open_ex(&cfg, flags, nullptr);
-    if (e == nullptr) {
-        throw Failure(trn_last_error(nullptr));
-    }
-    return EnginePtr(e);
-}
-
-// Opens the index of root; refuses a directory that was never indexed rather than starting an
-// empty index there.
-EnginePtr open_existing(const std::string &root, const std::string &weights)
-{
-    require_index(root);
-    check_weights(weights);
-    return open_engine(index_dir_of(root), weights);
-}
 
 // Lexically normalised absolute form of path: "." and empty components dropped, ".." removes
 // the previous component.
@@ -185,288 +149,6 @@ WalkConfig walk_config(const Options &o, const ModelRuntime &model)
 namespace
 {
 
-struct UpdateProgress {
-    ProgressLine line;
-    TrnUpdateReport report; // filled in by the engine as the update goes
-    int32_t done = 0;       // files handled of total
-    int32_t total = 0;
-};
-
-// --- update and watch -------------------------------------------------------------------------
-
-// The number of the signal (SIGINT, SIGTERM) that asked the work to stop; 0 while none did.
-volatile sig_atomic_t g_stop = 0;
-
-void on_stop_signal(int signal_number)
-{
-    g_stop = signal_number;
-}
-
-// From here on Ctrl+C and SIGTERM stop indexing after the file in hand, whose group is then
-// committed. The handler is reset by its first signal, so a second Ctrl+C ends the program at
-// once (committed groups survive that too).
-void stop_at_signals()
-{
-    struct sigaction act = {};
-    act.sa_handler = on_stop_signal;
-    act.sa_flags = SA_RESETHAND;
-    sigemptyset(&act.sa_mask);
-    sigaction(SIGINT, &act, nullptr);
-    sigaction(SIGTERM, &act, nullptr);
-}
-
-bool on_update_progress(const char *, int32_t done, int32_t total, void *user)
-{
-    UpdateProgress *p = static_cast<UpdateProgress *>(user);
-    p->done = done;
-    p->total = total;
-    if (p->line.shown() && total > 0) {
-        p->line.update(done, total, (uint32_t)p->report.chunks_added);
-    }
-    return g_stop == 0;
-}
-
-// What one update did: a line of text, or a JSON object with --json.
-std::string update_line(const Options &o, const TrnUpdateReport &r, double seconds)
-{
-    if (o.json) {
-        JsonWriter w;
-        w.begin_object();
-        w.key("added");
-        w.integer(r.added);
-        w.key("changed");
-        w.integer(r.changed);
-        w.key("removed");
-        w.integer(r.removed);
-        w.key("unchanged");
-        w.integer(r.unchanged);
-        w.key("failed");
-        w.integer(r.failed);
-        w.key("chunksAdded");
-        w.integer(r.chunks_added);
-        w.key("compacted");
-        w.boolean(r.compacted != 0);
-        w.key("seconds");
-        w.number((float)seconds);
-        w.end_object();
-        return w.str() + "\n";
-    }
-    char line[256];
-    std::snprintf(line,
-                  sizeof line,
-                  "updated: %d added, %d changed, %d removed, %d unchanged, %d failed, %d chunks "
-                  "in %.1f s%s\n",
-                  r.added,
-                  r.changed,
-                  r.removed,
-                  r.unchanged,
-                  r.failed,
-                  r.chunks_added,
-                  seconds,
-                  r.compacted ? " (compacted)" : "");
-    return line;
-}
-
-// Everything an update of root needs, settled once for update and for every round of watch.
-struct UpdateSetup {
-    std::string root;
-    std::string weights;
-    std::string description; // of the encoder, for messages
-    int32_t chunk_size = 0;
-    int32_t overlap = 0;
-    WalkConfig config;
-    std::vector<const char *> extension_pointers;
-    std::vector<const char *> exclude_pointers;
-    TrnWalkOptions walk{}; // points into config and the two vectors
-};
-
-// What index, update and watch read from the command line and the application's settings.
-void prepare_update(const Options &o, const ModelRuntime &model, UpdateSetup *u)
-{
-    application_chunking(model, &u->chunk_size, &u->overlap);
-    u->chunk_size = o.chunk_size.value_or(u->chunk_size);
-    u->overlap = o.overlap.value_or(u->overlap);
-    check_chunking(u->chunk_size, u->overlap);
-    u->root = resolve_dir(o.operands[0]);
-    u->weights = chosen_weights(o, model, u->root, &u->description);
-    check_weights(u->weights);
-    ensure_index_dir(index_dir_of(u->root));
-    u->config = walk_config(o, model);
-    u->walk = u->config.view(&u->extension_pointers, &u->exclude_pointers);
-    stop_at_signals();
-    // The program only indexes from here on, so its one thread may stay idle for good.
-    if (o.nice && !thread_set_idle()) {
-        std::fprintf(stderr, "tarnwick: cannot lower the priority: %s\n", errno_text().c_str());
-    }
-}
-
-// Opens root's index for an update. An index that holds no chunk yet takes this encoder, recorded
-// before the first chunk is committed, so that an indexing killed or stopped half-way is
-// continued by the next update rather than refused; one that another encoder built is refused,
-// since vectors of two encoders in one index would not compare.
-EnginePtr open_for_update(const UpdateSetup &u)
-{
-    EnginePtr engine = open_engine(index_dir_of(u.root), u.weights);
-    if (trn_stats(engine.get()).chunk_count == 0) {
-        note_index_encoder(u.root, u.weights);
-    } else if (!index_encoder_matches(u.root, u.weights)) {
-        throw Failure("the index of " + u.root + " was built with another encoder (" + u.description
-                      + " now); rebuild it with tarnwick-cli index " + u.root);
-    }
-    return engine;
-}
-
-// One walk of root into e, showing progress as label; returns what changed. Throws Failure when
-// it failed, Interrupted when a signal stopped it (what was committed stays). On a rebuilding
-// handle the new index replaces the old one at the end.
-TrnUpdateReport run_walk(const char *label, const UpdateSetup &u, TrnEngine *e, bool rebuilding)
-{
-    UpdateProgress progress{ProgressLine{label}, {}};
-    int32_t n = trn_update_dir(e,
-                               u.root.c_str(),
-                               u.chunk_size,
-                               u.overlap,
-                               &u.walk,
-                               on_update_progress,
-                               &progress,
-                               &progress.report);
-    progress.line.clear();
-    if (n < 0) {
-        const std::string why = trn_last_status(e) != TRN_STATUS_OK
-                                    ? std::string(trn_last_error(e))
-                                    : "cannot open directory " + u.root;
-        trn_rollback(e); // a failed command leaves the index as it found it
-        throw Failure(why);
-    }
-    if (progress.report.cancelled) {
-        const TrnUpdateReport &r = progress.report;
-        if (rebuilding) {
-            throw Interrupted(g_stop, "interrupted: the index of " + u.root + " stays as it was");
-        }
-        throw Interrupted(g_stop,
-                          "interrupted after " + std::to_string(progress.done) + " of "
-                              + std::to_string(progress.total) + " files ("
-                              + std::to_string(r.chunks_added)
-                              + " chunks kept); tarnwick-cli update " + u.root + " goes on");
-    }
-    note_index_encoder(u.root, u.weights);
-    return progress.report;
-}
-
-// Folds the log into the store at the end of a command that wrote. When that fails (a full disk)
-// the command fails, and what it logged is cut off again: left in the log, it would be embedded
-// anew at every open until some checkpoint succeeded.
-void checkpoint_or_undo(TrnEngine *e)
-{
-    if (!trn_checkpoint(e)) {
-        const std::string why = trn_last_error(e);
-        trn_rollback(e);
-        throw Failure(why);
-    }
-}
-
-// One update of root; writes its line.
-void run_update(const Options &o, const UpdateSetup &u, TrnEngine *e)
-{
-    Clock::time_point start = Clock::now();
-    const TrnUpdateReport report = run_walk("Updating", u, e, false);
-    write_out(update_line(o, report, seconds_since(start)));
-}
-
-// index DIR: a directory without an index is indexed in place, each file committed as it is
-// done, so a stopped first indexing keeps its work for the next update. An existing index is
-// rebuilt from scratch beside the old one, which searches keep using until the new one is
-// complete and replaces it.
-void cmd_index(const Options &o, const ModelRuntime &model)
-{
-    UpdateSetup u;
-    prepare_update(o, model, &u);
-    std::fprintf(stderr, "tarnwick: encoder: %s\n", display_text(u.description, false).c_str());
-    Clock::time_point start = Clock::now();
-    const bool rebuilding = has_index(u.root);
-    EnginePtr engine =
-        open_engine(index_dir_of(u.root), u.weights, rebuilding ? TRN_OPEN_REBUILD : 0);
-    if (!rebuilding) {
-        note_index_encoder(u.root, u.weights);
-    }
-    run_walk("Indexing", u, engine.get(), rebuilding);
-    checkpoint_or_undo(engine.get());
-    const TrnStats st = trn_stats(engine.get());
-    write_out(indexed_line(st.file_count, st.chunk_count, seconds_since(start)));
-}
-
-void cmd_update(const Options &o, const ModelRuntime &model)
-{
-    UpdateSetup u;
-    prepare_update(o, model, &u);
-    EnginePtr engine = open_for_update(u);
-    Clock::time_point start = Clock::now();
-    const TrnUpdateReport report = run_walk("Updating", u, engine.get(), false);
-    checkpoint_or_undo(engine.get());
-    write_out(update_line(o, report, seconds_since(start)));
-}
-
-// Waits for a change below root that then stays quiet for settle_ms; false when a signal asked
-// to stop first.
-bool wait_for_settled_change(TrnWatch *w, int settle_ms)
-{
-    bool changed = false;
-    while (!g_stop) {
-        int fd = trn_watch_fd(w);
-        if (fd >= 0) {
-            struct pollfd p = {fd, POLLIN, 0};
-            int rc = poll(&p, 1, changed ? settle_ms : -1);
-            if (rc == 0) {
-                return true; /* quiet for settle_ms after a change */
-            }
-            if (rc > 0 && trn_watch_changed(w)) {
-                changed = true;
-            }
-        } else {
-            /* The comparing fallback: look every settle_ms, update once a look finds no news. */
-            usleep((useconds_t)settle_ms * 1000);
-            if (g_stop) {
-                break;
-            }
-            if (trn_watch_changed(w)) {
-                changed = true;
-            } else if (changed) {
-                return true;
-            }
-        }
-    }
-    return false;
-}
-
-void cmd_watch(const Options &o, const ModelRuntime &model)
-{
-    UpdateSetup u;
-    prepare_update(o, model, &u);
-    EnginePtr engine = open_for_update(u);
-    std::unique_ptr<TrnWatch, void (*)(TrnWatch *)> watch(trn_watch_open(u.root.c_str(), &u.walk),
-                                                          trn_watch_close);
-    if (!watch) {
-        throw Failure("cannot watch directory " + u.root);
-    }
-    if (trn_watch_fd(watch.get()) < 0) {
-        std::fprintf(stderr,
-                     "tarnwick: too many directories for the system's watch limit "
-                     "(fs.inotify.max_user_watches): comparing every %d s instead\n",
-                     WATCH_SETTLE_MS / 1000);
-    }
-    // Changes made while the program was not running come in first.
-    run_update(o, u, engine.get());
-    std::fflush(stdout);
-    while (wait_for_settled_change(watch.get(), WATCH_SETTLE_MS)) {
-        run_update(o, u, engine.get());
-        std::fflush(stdout);
-    }
-    // SIGTERM is how a service is stopped: a success. Ctrl+C is answered as everywhere else.
-    if (g_stop == SIGINT) {
-        throw Interrupted(SIGINT, "stopped watching " + u.root);
-    }
-}
-
 // --- search -----------------------------------------------------------------------------------
 
 // A result's snippet fit for a terminal, its marks (the query's words) in bold when bold is set.
@@ -492,17 +174,37 @@ std::string marked_snippet(const TrnResult &r, bool bold)
 
 void cmd_search(const Options &o, const ModelRuntime &model)
 {
-    std::string root = resolve_dir(o.operands[0]);
-    const std::string &query = o.operands[1];
-    // The encoder the index was built with: the application's choice unless --weights names one.
-    std::string description;
-    std::string weights = chosen_weights(o, model, root, &description);
-    EnginePtr engine = open_existing(root, weights);
+    // Every operand but the last is a directory; several are searched as one ranking whose rows
+    // name their folder.
+    std::vector<std::string> roots;
+    std::vector<EnginePtr> engines;
+    std::vector<TrnEngine *> handles;
+    for (size_t i = 0; i + 1 < o.operands.size(); i++) {
+        roots.push_back(resolve_dir(o.operands[i]));
+        // The encoder each index was built with: the application's choice unless --weights
+        // names one.
+        std::string description;
+        std::string weights = chosen_weights(o, model, roots.back(), &description);
+        engines.push_back(open_existing(roots.back(), weights));
+        handles.push_back(engines.back().get());
+    }
+    const std::string &query = o.query;
+    const bool several = roots.size() > 1;
     // The engine never returns more than 64 hits, however large k is.
     int32_t k = std::min<int32_t>(o.k, 64);
     std::vector<TrnResult> results(static_cast<size_t>(k));
+    std::vector<int32_t> origins(static_cast<size_t>(k), 0);
     const uint32_t layout = o.all_chunks ? 0u : static_cast<uint32_t>(TRN_SEARCH_BY_FILE);
-    int32_t n = trn_search_ex(engine.get(), query.c_str(), o.mode, k, layout, results.data());
+    int32_t n = several
+                    ? trn_search_many(handles.data(),
+                                      static_cast<int32_t>(handles.size()),
+                                      query.c_str(),
+                                      o.mode,
+                                      k,
+                                      layout,
+                                      results.data(),
+                                      origins.data())
+                    : trn_search_ex(handles[0], query.c_str(), o.mode, k, layout, results.data());
     if (n < 0) {
         n = 0;
     }
@@ -535,6 +237,8 @@ void cmd_search(const Options &o, const ModelRuntime &model)
             w.integer(r.file_type);
             w.key("fileTypeName");
             w.string(trn_file_type_name(r.file_type));
+            w.key("folder");
+            w.string(roots[static_cast<size_t>(origins[static_cast<size_t>(i)])]);
             w.key("moreInFile");
             w.integer(r.more_in_file);
             w.key("marks");
@@ -559,6 +263,11 @@ void cmd_search(const Options &o, const ModelRuntime &model)
             out += head;
             if (r.more_in_file > 0) {
                 out += "  (" + std::to_string(r.more_in_file) + " more in this file)";
+            }
+            if (several) {
+                const std::string &root =
+                    roots[static_cast<size_t>(origins[static_cast<size_t>(i)])];
+                out += "  in " + display_text(root.substr(root.rfind('/') + 1), false);
             }
             out += "\n";
             // The snippet indented under its path; blank lines dropped so a hit stays one group.
@@ -632,6 +341,8 @@ void cmd_files(const Options &o, const ModelRuntime &model)
             w.string(trn_file_status_name(f.status));
             w.key("reason");
             w.string(f.reason);
+            w.key("encoding");
+            w.string(f.encoding);
             w.end_object();
         }
         w.end_array();
@@ -659,6 +370,10 @@ void cmd_files(const Options &o, const ModelRuntime &model)
             out += line + display_text(f.path, false);
             if (f.reason[0] != '\0') {
                 out += "  (" + display_text(f.reason, false) + ")";
+            }
+            // Text that had to be converted says from what; UTF-8, the rule, goes unsaid.
+            if (f.encoding[0] != '\0' && std::strcmp(f.encoding, "UTF-8") != 0) {
+                out += "  (read as " + display_text(f.encoding, false) + ")";
             }
             out += "\n";
         }

@@ -148,6 +148,25 @@ void ensure_index_dir(const std::string &index_dir)
     }
 }
 
+EnginePtr open_engine(const std::string &index_dir, const std::string &weights, uint32_t flags)
+{
+    TrnConfig cfg{};
+    cfg.index_dir = index_dir.c_str();
+    cfg.weights_path = weights.empty() ? nullptr : weights.c_str();
+    TrnEngine *e = trn_open_ex(&cfg, flags, nullptr);
+    if (e == nullptr) {
+        throw Failure(trn_last_error(nullptr));
+    }
+    return EnginePtr(e);
+}
+
+EnginePtr open_existing(const std::string &root, const std::string &weights)
+{
+    require_index(root);
+    check_weights(weights);
+    return open_engine(index_dir_of(root), weights);
+}
+
 void check_chunking(int32_t chunk_size, int32_t overlap)
 {
     char reason[160];

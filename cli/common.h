@@ -1,6 +1,6 @@
 /*
 ** common.h -- what the subcommands of tarnwick-cli share: resolving directories, the index
-** directory's paths, checking weights files and writing to standard output.
+** directory's paths, checking weights files, opening an index and writing to standard output.
 **
 ** Every command that takes a directory resolves it first to an absolute path without symbolic
 ** links or "." and ".." (realpath), because each chunk is recorded under the path the walk built
@@ -14,6 +14,7 @@
 #include "tarnwick.h"
 
 #include <chrono>
+#include <memory>
 #include <string>
 
 class ModelRuntime;
@@ -63,6 +64,19 @@ void check_weights(const std::string &weights);
 // encoder) by building beside the old index, which the engine replaces only once the new one is
 // complete.
 void ensure_index_dir(const std::string &index_dir);
+
+// Closes an engine handle when it goes out of scope.
+struct EngineCloser {
+    void operator()(TrnEngine *e) const { trn_close(e); }
+};
+using EnginePtr = std::unique_ptr<TrnEngine, EngineCloser>;
+
+// Fails with the engine's one line when the index is busy or damaged. flags: 0, or
+// TRN_OPEN_REBUILD for an index built beside the old one and swapped in by the checkpoint.
+EnginePtr open_engine(const std::string &index_dir, const std::string &weights, uint32_t flags = 0);
+// Opens the index of root; refuses a directory that was never indexed rather than starting an
+// empty index there.
+EnginePtr open_existing(const std::string &root, const std::string &weights);
 
 // Throws UsageError with the engine's one-line reason unless trn_check_chunking accepts the pair.
 void check_chunking(int32_t chunk_size, int32_t overlap);

@@ -80,13 +80,16 @@ struct ToolError {
 const char TOOLS_JSON[] = R"json([
 {"name": "search",
  "title": "Search indexed folders",
- "description": "Searches the user's indexed folders by meaning and by words, as Tarnwick's search bar does, and returns the best passages with their file, line, snippet and score. Use it to find documents, notes or code about a topic even when they do not contain the exact words.",
+ "description": "Searches the user's indexed folders by meaning and by words, as Tarnwick's search bar does, and returns the best passages with their file, line, snippet and score. Use it to find documents, notes or code about a topic even when they do not contain the exact words. The query may hold the search bar's narrowing words: \"exact phrase\", -word, type:pdf,docx, ext:md, in:sub/folder, modified:>=2024-01-01.",
  "inputSchema": {"type": "object",
   "properties": {
    "query": {"type": "string", "description": "What to look for, in natural language or keywords."},
    "folder": {"type": "string", "description": "A served folder, or a folder inside one, to search; all served folders when absent (see list_folders)."},
    "mode": {"type": "string", "enum": ["hybrid", "semantic", "keyword", "text", "regex"], "default": "hybrid", "description": "hybrid: words and meaning; semantic: meaning only; keyword: ranked words; text: exact substring; regex: POSIX extended expression, ignoring case."},
-   "k": {"type": "integer", "minimum": 1, "maximum": 64, "default": 10, "description": "How many results."}
+   "k": {"type": "integer", "minimum": 1, "maximum": 64, "default": 10, "description": "How many results."},
+   "type": {"type": "array", "items": {"type": "string", "enum": ["pdf", "docx", "odt", "epub", "html", "markdown", "text", "source"]}, "description": "Only files of these kinds."},
+   "in": {"type": "string", "description": "Only files below this folder, relative to the searched folder."},
+   "modified": {"type": "string", "description": "Only files modified then: >=2024-01-01, <2024-06-01 or 2024-01-01..2024-06-30."}
   },
   "required": ["query"]},
  "outputSchema": {"type": "object",
@@ -130,11 +133,6 @@ const char TOOLS_JSON[] = R"json([
  "annotations": {"readOnlyHint": true, "openWorldHint": false}}
 ])json";
 
-struct EngineCloser {
-    void operator()(TrnEngine *e) const { trn_close(e); }
-};
-using EnginePtr = std::unique_ptr<TrnEngine, EngineCloser>;
-
 struct FileListCloser {
     void operator()(TrnFileList *list) const { trn_free_file_list(list); }
 };
@@ -149,7 +147,6 @@ struct Folder {
 // One hit of one folder, its strings copied out of the engine.
 struct Hit {
     size_t folder;
-    int32_t rank; // 0-based within its folder
     std::string path;
     int32_t line;
     std::string snippet;
@@ -585,29 +582,15 @@ private:
         }
         const std::string mode_name =
             args.get("mode") != nullptr ? string_argument(args, "mode") : "hybrid";
-        static const struct {
-            const char *name;
-            int32_t mode;
-        } MODES[] = {{"hybrid", TRN_SEARCH_HYBRID},
-                     {"semantic", TRN_SEARCH_SEMANTIC_ALL},
-                     {"keyword", TRN_SEARCH_KEYWORD},
-                     {"text", TRN_SEARCH_TEXT},
-                     {"regex", TRN_SEARCH_REGEX}};
-        int32_t mode = -1;
-        for (const auto &m : MODES) {
-            if (mode_name == m.name) {
-                mode = m.mode;
-            }
-        }
+        const int32_t mode = search_mode_named(mode_name);
         if (mode < 0) {
             throw ToolError("mode must be hybrid, semantic, keyword, text or regex");
         }
         const int32_t k = static_cast<int32_t>(integer_argument(args, "k", 10, 1, RESULTS_MAX));
-        if (mode == TRN_SEARCH_REGEX) {
-            char reason[256];
-            if (!trn_check_regex(query.c_str(), reason, sizeof reason)) {
-                throw ToolError(std::string("invalid regular expression: ") + reason);
-            }
+        query += filter_words(args);
+        char reason[256];
+        if (!trn_check_query(query.c_str(), mode, reason, sizeof reason)) {
+            throw ToolError(reason);
         }
 
         // Which folders: one (a served folder or a folder inside one), or all.
@@ -626,48 +609,47 @@ private:
             }
         }
 
-        std::vector<Hit> hits;
         JsonValue not_searched = JsonValue::array();
-        std::vector<TrnResult> results(RESULTS_MAX);
+        std::vector<TrnEngine *> engines;
+        std::vector<size_t> engine_folder; // the folder of each engine
         for (size_t fi : scope) {
-            Folder &f = m_folders[fi];
-            TrnEngine *e = nullptr;
             try {
-                e = engine_of(f);
+                engines.push_back(engine_of(m_folders[fi]));
+                engine_folder.push_back(fi);
             } catch (const ToolError &err) {
                 not_searched.push(JsonValue::object()
-                                      .set("folder", JsonValue::of_string(f.root))
+                                      .set("folder", JsonValue::of_string(m_folders[fi].root))
                                       .set("reason", JsonValue::of_string(err.message)));
-                continue;
-            }
-            // A folder inside the served one is searched as the served one, its hits kept when
-            // they lie below it: ask for all the engine gives so k of them can remain.
-            const bool narrowed = !within.empty() && within != f.root;
-            int32_t n =
-                trn_search(e, query.c_str(), mode, narrowed ? RESULTS_MAX : k, results.data());
-            int32_t rank = 0;
-            for (int32_t i = 0; i < n && rank < k; i++) {
-                const TrnResult &r = results[static_cast<size_t>(i)];
-                const std::string path = r.file_path != nullptr ? r.file_path : "";
-                if (narrowed && !under(path, within)) {
-                    continue;
-                }
-                hits.push_back({fi,
-                                rank++,
-                                path,
-                                r.line_number,
-                                r.snippet != nullptr ? r.snippet : "",
-                                r.score,
-                                r.file_type});
             }
         }
-        // Scores of different indexes do not compare (BM25 depends on each index's statistics),
-        // so folders take turns: every folder's first hit, then every second one, ...
-        std::stable_sort(hits.begin(), hits.end(), [](const Hit &a, const Hit &b) {
-            return a.rank < b.rank;
-        });
-        if (hits.size() > static_cast<size_t>(k)) {
-            hits.resize(static_cast<size_t>(k));
+        // The folders are searched as one index, so scores compare across them. A folder inside
+        // a served one is searched as the served one, its hits kept when they lie below it: all
+        // the engine gives is asked for, so that k of them can remain.
+        const bool narrowed = !within.empty() && within != m_folders[scope[0]].root;
+        std::vector<TrnResult> results(RESULTS_MAX);
+        std::vector<int32_t> origins(RESULTS_MAX);
+        int32_t n = engines.empty() ? 0
+                                    : trn_search_many(engines.data(),
+                                                      static_cast<int32_t>(engines.size()),
+                                                      query.c_str(),
+                                                      mode,
+                                                      narrowed ? RESULTS_MAX : k,
+                                                      0,
+                                                      results.data(),
+                                                      origins.data());
+        std::vector<Hit> hits;
+        for (int32_t i = 0; i < n && hits.size() < static_cast<size_t>(k); i++) {
+            const TrnResult &r = results[static_cast<size_t>(i)];
+            const std::string path = r.file_path != nullptr ? r.file_path : "";
+            if (narrowed && !under(path, within)) {
+                continue;
+            }
+            hits.push_back({engine_folder[static_cast<size_t>(origins[static_cast<size_t>(i)])],
+                            path,
+                            r.line_number,
+                            r.snippet != nullptr ? r.snippet : "",
+                            r.score,
+                            r.file_type});
         }
 
         JsonValue list = JsonValue::array();
@@ -692,6 +674,42 @@ private:
         return JsonValue::object()
             .set("results", std::move(list))
             .set("notSearched", std::move(not_searched));
+    }
+
+    // The search bar's narrowing words for the filter arguments, each with a leading space.
+    static std::string filter_words(const JsonValue &args)
+    {
+        std::string words;
+        const JsonValue *types = argument(args, "type", JsonValue::Kind::Array, "an array");
+        if (types != nullptr && !types->items.empty()) {
+            std::string list;
+            for (const JsonValue &t : types->items) {
+                if (!t.is_string() || t.text.empty()
+                    || t.text.find_first_of(" \t\",") != std::string::npos) {
+                    throw ToolError("type must list kinds of file such as pdf or markdown");
+                }
+                list += (list.empty() ? "" : ",") + t.text;
+            }
+            words += " type:" + list;
+        }
+        const std::string in = string_argument(args, "in");
+        if (!in.empty()) {
+            std::string clean;
+            for (char c : in) {
+                if (c != '"') {
+                    clean += c;
+                }
+            }
+            words += " in:\"" + clean + "\"";
+        }
+        const std::string modified = string_argument(args, "modified");
+        if (!modified.empty()) {
+            if (modified.find_first_of(" \t\"") != std::string::npos) {
+                throw ToolError("modified must be a date or range such as >=2024-01-01");
+            }
+            words += " modified:" + modified;
+        }
+        return words;
     }
 
     JsonValue read_file(const JsonValue &args, std::string *text)

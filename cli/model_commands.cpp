@@ -466,7 +466,7 @@ void model_prompt(const Options &o, const ModelRuntime &model)
     if (!engine.isOpen()) {
         throw Failure(engine.lastError().toStdString());
     }
-    const QString query = QString::fromUtf8(o.operands[1]);
+    const QString query = QString::fromUtf8(o.query);
     const QList<SearchResult> hits =
         engine.search(query, static_cast<SearchMode>(o.mode), std::min<int32_t>(o.k, 64));
 

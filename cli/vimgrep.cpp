@@ -11,6 +11,7 @@
 
 #include "json.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstring>
 #include <fstream>
@@ -201,12 +202,43 @@ std::string first_line(const char *snippet)
     return nl == std::string::npos ? text : text.substr(0, nl);
 }
 
+// What the engine searches for in query: the query as typed when no word of it narrows, else its
+// plain words and phrases (without their quotes), so that type:, in:, -word and the like are not
+// looked for in the file.
+std::string searched_part(const std::string &query)
+{
+    int32_t count = trn_query_words(query.c_str(), nullptr, 0);
+    std::vector<TrnQueryWord> words(static_cast<size_t>(count));
+    trn_query_words(query.c_str(), words.data(), count);
+    bool plain = true;
+    for (const TrnQueryWord &w : words) {
+        plain = plain && w.kind == TRN_QUERY_WORD_TERM;
+    }
+    if (plain) {
+        return query;
+    }
+    std::string out;
+    for (const TrnQueryWord &w : words) {
+        if (w.kind != TRN_QUERY_WORD_TERM && w.kind != TRN_QUERY_WORD_PHRASE) {
+            continue;
+        }
+        const bool term = w.kind == TRN_QUERY_WORD_TERM;
+        std::string value = query.substr(static_cast<size_t>(term ? w.start : w.value_start),
+                                         static_cast<size_t>(term ? w.length : w.value_length));
+        if (!term) {
+            value.erase(std::remove(value.begin(), value.end(), '"'), value.end());
+        }
+        out += (out.empty() || value.empty() ? "" : " ") + value;
+    }
+    return out;
+}
+
 } // namespace
 
 std::string vimgrep_lines(const TrnResult *results, int32_t n, const std::string &query,
                           int32_t mode, const std::string &cwd)
 {
-    LineMatcher matcher(query, mode);
+    LineMatcher matcher(searched_part(query), mode);
     std::map<std::string, std::string> contents; // a file read once for all its results
     const std::string prefix = cwd == "/" ? "/" : cwd + "/";
     std::string out;

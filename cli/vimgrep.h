@@ -12,8 +12,9 @@
 
 // One line per result, best first. The path is relative to cwd when the file lies below it (cwd
 // as getcwd gives it: resolved, like the indexed paths). Line and column (1-based, in bytes) are
-// where the query matches in the file, looked for from the line the result starts on: the query
-// as a substring in text mode, the expression in regex mode, the first query word otherwise.
+// where the query (without its narrowing words) matches in the file, looked for from the line the
+// result starts on: as a substring in text mode, the expression in regex mode, the first query
+// word otherwise.
 // Without a match there, or for files whose text is extracted (PDF, HTML, ...), they are the
 // result's own line and column 1. The text is the file's line, or the snippet's first line for
 // an extracted file, made fit for a terminal.

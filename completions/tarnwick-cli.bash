@@ -29,7 +29,7 @@ _tarnwick_cli()
             return
             ;;
         --chunk-size | --overlap | -k | --steps | --batch | --lr | --threads | --heads | --layers | \
-            --exclude | --extensions | --max-file-size)
+            --exclude | --extensions | --max-file-size | --type | --in | --modified)
             return
             ;;
     esac
@@ -39,7 +39,8 @@ _tarnwick_cli()
     for ((i = 1; i < cword; i++)); do
         case ${words[i]} in
             --mode | --scope | --weights | --chunk-size | --overlap | -k | --steps | --batch | \
-                --lr | --threads | --heads | --layers | --exclude | --extensions | --max-file-size)
+                --lr | --threads | --heads | --layers | --exclude | --extensions | --max-file-size | \
+                --type | --in | --modified)
                 ((i++))
                 ;;
             -*) ;;
@@ -66,8 +67,8 @@ _tarnwick_cli()
     case $command in
         index) options="--chunk-size --overlap --weights --exclude --extensions --max-file-size --nice --verbose" ;;
         update | watch) options="--chunk-size --overlap --weights --json --exclude --extensions --max-file-size --nice --verbose" ;;
-        search) options="--mode -k --all-chunks --weights --json --vimgrep --verbose" ;;
-        prompt) options="--scope --mode -k --weights --verbose" ;;
+        search) options="--mode -k --all-chunks --weights --type --in --modified --json --vimgrep --verbose" ;;
+        prompt) options="--scope --mode -k --weights --type --in --modified --verbose" ;;
         files) options="--json --exclude --extensions --max-file-size --verbose" ;;
         stats) options="--json --verbose" ;;
         remove | compact) options="--verbose" ;;

@@ -62,15 +62,21 @@ case $command in
             "--mode=[how the query is matched]:mode:$modes" \
             '-k+[number of results]:count' \
             '--all-chunks[one result per passage instead of per file]' \
+            '--type=[only these kinds of file or extensions]:list' \
+            '--in=[only files below this folder]:folder' \
+            '--modified=[only files changed then]:date' \
             '(--vimgrep)--json[print JSON]' \
             '(--json)--vimgrep[print path\:line\:column\:text lines]' \
-            '1:directory:_files -/' '2:query:'
+            '*:directory or query:_files -/'
         ;;
     prompt)
         _arguments $common $weights \
             "--mode=[how the query is matched]:mode:$modes" \
             '-k+[number of results]:count' \
             "--scope=[which results the prompt quotes]:scope:$scopes" \
+            '--type=[only these kinds of file or extensions]:list' \
+            '--in=[only files below this folder]:folder' \
+            '--modified=[only files changed then]:date' \
             '1:directory:_files -/' '2:query:'
         ;;
     files)

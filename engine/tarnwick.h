@@ -285,6 +285,10 @@ typedef struct TrnFileInfo {
     TrnFileStatus status; /* the walk's verdict; trn_list_dir_files_ex also reads the text */
     char *reason;         /* owned; for EXCLUDED the rule, e.g. ".gitignore:3: build/"; for a
                              text cut at the size limit (_ex, files it read) says so; else "" */
+    char encoding[32];    /* trn_list_dir_files_ex, for text, source, Markdown and HTML files that
+                             give text: the charset they are read in, "UTF-8", or the one their
+                             bytes were converted from ("Windows-1252", "ISO-8859-1", or the one
+                             they declare, e.g. "KOI8-R"); else "" */
 } TrnFileInfo;
 
 typedef struct TrnFileList {
@@ -635,6 +639,31 @@ enum {
 ** TRN_SEARCH_SEMANTIC_ALL: as TRN_SEARCH_SEMANTIC without the narrowing to ten files, searched
 **   with a width of at least min(k, 64), so up to min(k, 64) hits. score: the dot product.
 **
+** Narrowing: words of the query may narrow the search instead of being searched for, in every
+** mode (trn_query_words splits a query as the search does):
+**   "a phrase"        chunks holding these words in this order, as whole words, ignoring ASCII
+**                     case and with any white space between them; the words are also searched
+**                     for. Inside quotes nothing else below applies.
+**   -word, -"a b"     chunks holding the word (or phrase), as above, are left out. A query of
+**                     such words alone is searched for as typed ("-Wall" in text mode).
+**   type:pdf,docx     files of these kinds (the names of trn_file_type_name, any case); a name
+**                     that is no kind counts as an extension, so type:md is ext:md
+**   ext:md,txt        files whose name ends in one of these extensions (any case)
+**   in:sub/folder     files below this folder of the indexed directory (the parent of the index
+**                     directory ".tarnwick"; "/" for an in-memory engine), or below an absolute
+**                     path; in:"two words" for a name with spaces. Of several, the last counts.
+**   modified:V        files whose modification time (local time) lies in V: a day 2024-01-31, a
+**                     month 2024-01 or a year 2024 (that whole span), >D (after its span), >=D
+**                     (from its start), <D (before its start), <=D (up to its end), a range
+**                     A..B (from A's start to B's end) or A.. or ..B.
+** The keys (type, ext, in, modified) are read in any case. The rest of the query, quotes
+** removed, is searched for in the mode; when nothing narrows, the whole query is, exactly as
+** given. A query of narrowing words alone returns the chunks they leave in, in index order,
+** scored as text hits. A narrowed semantic or hybrid ranking compares the query with every chunk
+** left in instead of walking the graph (semantic mode is then not narrowed to ten files). The
+** line of a match and the marks below go by what is searched for, never by narrowing or left-out
+** words. A modified: value that is no date makes the search return 0; trn_check_query says why.
+**
 ** The line of a result is the line of its match: for text and regex searches the match; for
 ** keyword and hybrid searches the first query word, not a stop word, of the 225 bytes of the chunk
 ** where the query's words are densest; for semantic searches (and a hybrid hit that holds no query
@@ -669,6 +698,58 @@ enum {
 ** returns 0. */
 TRN_API int32_t trn_search_ex(TrnEngine *e, const char *query, int32_t mode, int32_t k,
                               uint32_t flags, TrnResult *results);
+
+/* Searches count indexes (the folders a person has open) as one, as trn_search_ex searches one
+** with flags (by file: one result per file of any of them), and writes at most min(k, 64) records
+*to results, best first, and for each the position in engines
+** of the index it came from to origins (count entries); returns how many. 0 as trn_search says,
+** and when engines or origins is NULL, count < 1 or an engine is NULL. The scores compare across
+** the indexes: semantic ones are dot products; keyword ones are BM25 over the word counts of all
+** the indexes together, so a chunk scores as it would in one index of every folder; hybrid mode
+** fuses the keyword ranking of all of them with their semantic ranking (each merged by score) as
+** it fuses one index's. Text and regex hits, and narrowing words alone, have only their place:
+** the indexes take turns (the first hit of each in the order given, then the second, ...), scored
+** 1, 1 - 1/k, ... as trn_search scores them. Narrowing words apply to each index, in: below its
+** own folder. A record's pointers point into the engine it came from, as trn_search says; calls
+** on any of the engines must be serialised with this one. */
+TRN_API int32_t trn_search_many(TrnEngine *const *engines, int32_t count, const char *query,
+                                int32_t mode, int32_t k, uint32_t flags, TrnResult *results,
+                                int32_t *origins);
+
+/* What a word of a query does in trn_search (see Narrowing there). The values never change. */
+typedef uint32_t TrnQueryWordKind;
+enum {
+    TRN_QUERY_WORD_TERM = 0,     /* searched for */
+    TRN_QUERY_WORD_PHRASE = 1,   /* "a phrase": searched for and required */
+    TRN_QUERY_WORD_EXCLUDED = 2, /* -word: chunks holding it are left out */
+    TRN_QUERY_WORD_TYPE = 3,     /* type:... */
+    TRN_QUERY_WORD_EXT = 4,      /* ext:... */
+    TRN_QUERY_WORD_FOLDER = 5,   /* in:... */
+    TRN_QUERY_WORD_MODIFIED = 6  /* modified:... */
+};
+
+/* One word of a query, in bytes of the query's text. */
+typedef struct TrnQueryWord {
+    int32_t start;        /* offset of the word's first byte */
+    int32_t length;       /* bytes of the whole word, quotes and key included */
+    int32_t value_start;  /* offset of what follows "key:", "-" or the opening quote */
+    int32_t value_length; /* bytes of it (a phrase's closing quote not included); it may hold
+                             double quotes, which the search ignores */
+    TrnQueryWordKind kind;
+} TrnQueryWord;
+
+/* Splits query as trn_search does: a word is a run of bytes without white space outside double
+** quotes (so in:"my notes" and "a phrase" are one word each). Writes the first min(count, max)
+** words to words (which may be NULL when max is 0) and returns how many words the query holds,
+** 0 for a NULL or blank query. Front ends use it to edit a query's narrowing words in place. */
+TRN_API int32_t trn_query_words(const char *query, TrnQueryWord *words, int32_t max);
+
+/* Says whether trn_search can run query in mode, without an engine: its modified: values are
+** dates and, in TRN_SEARCH_REGEX, what is searched for compiles (as trn_check_regex says).
+** Returns 1 when it can (message is then the empty string); 0 when it cannot, or when query is
+** NULL, with a one-line reason without trailing newline in message, cut to size bytes including
+** the NUL (nothing is written when message is NULL or size is 0). */
+TRN_API int32_t trn_check_query(const char *query, int32_t mode, char *message, size_t size);
 
 /* Says whether pattern compiles for TRN_SEARCH_REGEX, without an engine. Returns 1 when it does
 ** (message is then the empty string); 0 when it does not, or when pattern is NULL, with a

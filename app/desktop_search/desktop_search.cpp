@@ -66,16 +66,19 @@ QList<SearchResult> DesktopSearch::search(const QStringList &terms, int k)
     if (query.size() < kMinQueryLength) {
         return {};
     }
-    QList<QList<SearchResult>> rankings;
+    // The folders are ranked as one (IndexHandle::searchAcross), in hybrid mode when every
+    // index may be searched by meaning, else by words alone.
+    QList<IndexHandle *> engines;
+    SearchMode across = SearchMode::Hybrid;
     for (const QString &folder : openFolders()) {
         SearchMode mode = SearchMode::Hybrid;
         IndexHandle *engine = engineFor(folder, &mode);
         if (engine != nullptr) {
-            rankings.append(engine->search(query, mode, k, ResultLayout::ByFile));
+            engines.append(engine);
+            across = mode == SearchMode::Keyword ? SearchMode::Keyword : across;
         }
     }
-    // Hybrid and keyword scores do not compare across indexes: merged by rank.
-    return mergeRankings(rankings, SearchMode::Hybrid, k);
+    return IndexHandle::searchAcross(engines, query, across, k, ResultLayout::ByFile);
 }
 
 QString DesktopSearch::idOf(const SearchResult &result)

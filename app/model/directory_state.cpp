@@ -265,15 +265,12 @@ void DirectoryState::search(const QString &query, SearchMode mode,
         setQueryError(QString());
         return;
     }
-    if (mode == SearchMode::Regex) {
-        const std::optional<QString> error = regexError(query);
-        if (error) {
-            ++m_searchRequest;
-            setResults({});
-            setHasMoreResults(false);
-            setQueryError(QStringLiteral("Invalid regular expression: ") + *error);
-            return;
-        }
+    if (const std::optional<QString> error = ::queryError(query, mode)) {
+        ++m_searchRequest;
+        setResults({});
+        setHasMoreResults(false);
+        setQueryError(*error);
+        return;
     }
     setQueryError(QString());
     m_lastQuery = query;
@@ -310,14 +307,17 @@ void DirectoryState::runSearch(int k)
             if (across.isEmpty()) {
                 return engine->search(query, mode, k, layout);
             }
-            // A tab closed since is left out: its index is no longer open.
-            QList<QList<SearchResult>> rankings;
+            // A tab closed since is left out: its index is no longer open. The shared pointers
+            // keep the others open until the search ends.
+            QList<std::shared_ptr<IndexHandle>> open;
+            QList<IndexHandle *> engines;
             for (const std::weak_ptr<IndexHandle> &weak : across) {
-                if (const std::shared_ptr<IndexHandle> other = weak.lock()) {
-                    rankings.append(other->search(query, mode, k, layout));
+                if (std::shared_ptr<IndexHandle> other = weak.lock()) {
+                    engines.append(other.get());
+                    open.append(std::move(other));
                 }
             }
-            return mergeRankings(rankings, mode, k);
+            return IndexHandle::searchAcross(engines, query, mode, k, layout);
         },
         [this, k, request](const QList<SearchResult> &hits) {
             // Latest wins: an answer to a request that a newer one replaced is dropped.

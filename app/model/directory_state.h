@@ -141,11 +141,12 @@ public:
     void rebuild();
     // True while the directory is watched for changes (setting "watchDirectories").
     bool isWatching() const;
-    // Starts a new search; an empty query only clears the results. A regex-mode query that does
-    // not compile clears the results and sets queryError instead (no history entry). across:
+    // Starts a new search; an empty query only clears the results. A query the engine cannot run
+    // (a regex that does not compile, a modified: date it cannot read) clears the results and sets
+    // queryError instead (no history entry). across:
     // search these indexes (this tab's among them) as one ranking, each result naming its folder
-    // (mergeRankings of search_results.h); loadMore and the searches after indexing do the same
-    // until the next search. Indexes whose tab closed meanwhile are left out.
+    // (IndexHandle::searchAcross); loadMore and the searches after indexing do the same until
+    // the next search. Indexes whose tab closed meanwhile are left out.
     void search(const QString &query, SearchMode mode,
                 const QList<std::shared_ptr<IndexHandle>> &across = {});
     // "Load More Results": re-runs the current search with 10 more, while hasMoreResults and no

@@ -9,17 +9,22 @@
 
 QString fileStatusText(const FileInfo &file)
 {
+    // UTF-8 is the rule and goes unsaid; a converted text says from what.
+    const QString readAs = file.encoding.isEmpty() || file.encoding == QLatin1String("UTF-8")
+                               ? QString()
+                               : QStringLiteral(", read as ") + file.encoding;
     switch (file.status) {
     case TRN_FILE_STATUS_INDEXABLE:
         if (file.isChanged) {
-            return QStringLiteral("Changed since indexing");
+            return QStringLiteral("Changed since indexing") + readAs;
         }
         if (file.isIndexed) {
-            return file.chunkCount == 1
-                       ? QStringLiteral("Indexed (1 chunk)")
-                       : QStringLiteral("Indexed (%1 chunks)").arg(file.chunkCount);
+            return (file.chunkCount == 1
+                        ? QStringLiteral("Indexed (1 chunk)")
+                        : QStringLiteral("Indexed (%1 chunks)").arg(file.chunkCount))
+                   + readAs;
         }
-        return QStringLiteral("Not indexed yet");
+        return QStringLiteral("Not indexed yet") + readAs;
     case TRN_FILE_STATUS_EXCLUDED:
         return QStringLiteral("Excluded by ") + file.reason;
     default:

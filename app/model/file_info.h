@@ -27,14 +27,15 @@ struct FileInfo {
     bool isChanged = false;   // indexed, and modified after the index was last written
     bool isDirectory = false;
     int status = TRN_FILE_STATUS_INDEXABLE; // a TrnFileStatus
-    QString reason; // the excluding rule, e.g. ".gitignore:3: build/"; else empty
+    QString reason;   // the excluding rule, e.g. ".gitignore:3: build/"; else empty
+    QString encoding; // the charset its text is read in ("UTF-8", "ISO-8859-1", ...); else empty
 
     bool operator==(const FileInfo &other) const = default;
 };
 
 // What the file scope view says of a file: "Indexed (N chunks)", "Changed since indexing",
-// "Not indexed yet", "Excluded by <rule>", "Too large", "Binary", "Not UTF-8", "Too short",
-// "Unreadable".
+// "Not indexed yet", "Excluded by <rule>", "Too large", "Binary", "Too short", "Unreadable";
+// the first three followed by ", read as <charset>" for text converted from an older charset.
 QString fileStatusText(const FileInfo &file);
 
 // Which preview a result gets: Document for DOCX, ODT and EPUB (formatted text from their XML).

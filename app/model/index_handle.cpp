@@ -28,6 +28,21 @@ namespace
 // trn_search gives at most this many records.
 constexpr int kEngineResultLimit = 64;
 
+// A record copied out of the engine, which reuses its snippet buffers; the folder is the caller's.
+SearchResult toResult(const TrnResult &r)
+{
+    SearchResult result;
+    result.id = QString::fromUtf8(r.doc_id ? r.doc_id : "");
+    result.filePath = r.file_path ? QFile::decodeName(r.file_path) : QString();
+    result.snippet = r.snippet ? QString::fromUtf8(r.snippet) : QString();
+    result.score = r.score;
+    result.chunkIndex = r.chunk_index;
+    result.lineNumber = r.line_number;
+    result.fileType = static_cast<int>(r.file_type);
+    result.moreInFile = r.more_in_file;
+    return result;
+}
+
 // The index directory, readable by its owner alone (0700); the directories above it as before.
 void createIndexDir(const QString &dataDir)
 {
@@ -237,6 +252,57 @@ int IndexHandle::ingestDirectoryHere(int chunkSize, int overlap, const FileWalkO
     return n;
 }
 
+QList<SearchResult> IndexHandle::searchAcross(const QList<IndexHandle *> &handles,
+                                              const QString &query, SearchMode mode, int k,
+                                              ResultLayout layout)
+{
+    if (k < 0) {
+        qFatal("tarnwick: search with negative k %d", k);
+    }
+    QList<SearchResult> results;
+    if (k == 0 || handles.isEmpty()) {
+        return results;
+    }
+    // Every handle is locked for the one call, always in the order of their addresses, so two
+    // searches across the same tabs never wait for each other in a circle.
+    QList<IndexHandle *> order = handles;
+    std::sort(order.begin(), order.end());
+    order.erase(std::unique(order.begin(), order.end()), order.end());
+    std::vector<std::unique_lock<std::mutex>> locks;
+    for (IndexHandle *handle : order) {
+        locks.emplace_back(handle->m_mutex);
+    }
+    std::vector<TrnEngine *> engines;
+    QList<const IndexHandle *> open; // an index that is not open is left out
+    for (const IndexHandle *handle : handles) {
+        if (handle->m_handle) {
+            engines.push_back(handle->m_handle);
+            open.append(handle);
+        }
+    }
+    if (engines.empty()) {
+        return results;
+    }
+    const QByteArray utf8 = query.toUtf8();
+    std::vector<TrnResult> records(static_cast<size_t>(k), TrnResult{});
+    std::vector<int32_t> origins(static_cast<size_t>(k), 0);
+    const int32_t n =
+        trn_search_many(engines.data(),
+                        static_cast<int32_t>(engines.size()),
+                        utf8.constData(),
+                        static_cast<int32_t>(mode),
+                        k,
+                        layout == ResultLayout::ByFile ? uint32_t{TRN_SEARCH_BY_FILE} : 0u,
+                        records.data(),
+                        origins.data());
+    for (int32_t i = 0; i < n && i < k; i++) {
+        SearchResult result = toResult(records[static_cast<size_t>(i)]);
+        result.folder = open.at(origins[static_cast<size_t>(i)])->m_directoryPath;
+        results.append(result);
+    }
+    return results;
+}
+
 QList<SearchResult> IndexHandle::search(const QString &query, SearchMode mode, int k,
                                         ResultLayout layout)
 {
@@ -258,16 +324,7 @@ QList<SearchResult> IndexHandle::search(const QString &query, SearchMode mode, i
         m_handle, utf8.constData(), static_cast<int32_t>(mode), k, flags, records.data());
     results.reserve(n);
     for (int32_t i = 0; i < n && i < k; i++) {
-        const TrnResult &r = records[static_cast<size_t>(i)];
-        SearchResult result;
-        result.id = QString::fromUtf8(r.doc_id ? r.doc_id : "");
-        result.filePath = r.file_path ? QFile::decodeName(r.file_path) : QString();
-        result.snippet = r.snippet ? QString::fromUtf8(r.snippet) : QString();
-        result.score = r.score;
-        result.chunkIndex = r.chunk_index;
-        result.lineNumber = r.line_number;
-        result.fileType = static_cast<int>(r.file_type);
-        result.moreInFile = r.more_in_file;
+        SearchResult result = toResult(records[static_cast<size_t>(i)]);
         result.folder = m_directoryPath;
         results.append(result);
     }
@@ -318,6 +375,7 @@ QList<FileInfo> IndexHandle::fileList(const FileWalkOptions &walk)
         info.status = int(f.status);
         info.isIndexable = f.status == TRN_FILE_STATUS_INDEXABLE;
         info.reason = QString::fromUtf8(f.reason);
+        info.encoding = QString::fromUtf8(f.encoding);
         files.append(info);
     }
     return files;

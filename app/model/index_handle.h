@@ -100,6 +100,13 @@ public:
     // ByFile: at most k files, each once with its best passage and moreInFile set.
     QList<SearchResult> search(const QString &query, SearchMode mode, int k,
                                ResultLayout layout = ResultLayout::AllPassages);
+    // Searches several indexes as one ranking (trn_search_many: scores that compare across
+    // them, text and regex hits taking turns in the order of handles), each result's folder
+    // naming its index; laid out as search() lays out one index's. Indexes that are not open are
+    // left out. Holds every handle's lock for the call.
+    static QList<SearchResult> searchAcross(const QList<IndexHandle *> &handles,
+                                            const QString &query, SearchMode mode, int k,
+                                            ResultLayout layout = ResultLayout::AllPassages);
     // The matching passages of one file (what "n more in this file" opens), best first.
     QList<SearchResult> searchFile(const QString &query, SearchMode mode, const QString &filePath);
     // Every file of the directory in walk order under walk with its state (see FileInfo): excluded

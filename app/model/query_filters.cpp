@@ -1,35 +1,57 @@
 /*
-** query_filters.cpp -- reading and writing the filter words of a query.
+** query_filters.cpp -- reading and writing the filter words of a query, split and classified by
+** the engine (trn_query_words), so the chips read a query exactly as the search does.
 */
 #include "query_filters.h"
 
+#include "tarnwick.h"
+
+#include <QByteArray>
+
 #include <optional>
+#include <vector>
 
 namespace
 {
 
-// The words of a query: runs without white space outside double quotes.
-QStringList words(const QString &query)
+// A word of the query as the engine reads it (trn_query_words): its text, and for a filter its
+// kind and value without quotes.
+struct Word {
+    QString text;
+    TrnQueryWordKind engineKind = TRN_QUERY_WORD_TERM;
+    std::optional<FilterKind> kind;
+    QString value;
+    bool isNarrowing = false; // any word that is not searched for as it is (filters, -word)
+};
+
+QList<Word> words(const QString &query)
 {
-    QStringList out;
-    qsizetype i = 0;
-    const qsizetype n = query.size();
-    while (i < n) {
-        while (i < n && query.at(i).isSpace()) {
-            i++;
-        }
-        if (i >= n) {
+    const QByteArray utf8 = query.toUtf8();
+    const int32_t count = trn_query_words(utf8.constData(), nullptr, 0);
+    std::vector<TrnQueryWord> found(static_cast<size_t>(count));
+    trn_query_words(utf8.constData(), found.data(), count);
+    QList<Word> out;
+    for (const TrnQueryWord &w : found) {
+        Word word;
+        word.text = QString::fromUtf8(utf8.mid(w.start, w.length));
+        word.value = QString::fromUtf8(utf8.mid(w.value_start, w.value_length));
+        word.value.remove(QLatin1Char('"'));
+        word.engineKind = w.kind;
+        switch (w.kind) {
+        case TRN_QUERY_WORD_TYPE:
+            word.kind = FilterKind::Type;
+            break;
+        case TRN_QUERY_WORD_FOLDER:
+            word.kind = FilterKind::Folder;
+            break;
+        case TRN_QUERY_WORD_MODIFIED:
+            word.kind = FilterKind::Modified;
+            break;
+        default:
             break;
         }
-        const qsizetype start = i;
-        bool quoted = false;
-        while (i < n && (quoted || !query.at(i).isSpace())) {
-            if (query.at(i) == QLatin1Char('"')) {
-                quoted = !quoted;
-            }
-            i++;
-        }
-        out.append(query.mid(start, i - start));
+        word.isNarrowing = w.kind == TRN_QUERY_WORD_EXT || word.kind.has_value();
+        out.append(word);
     }
     return out;
 }
@@ -47,32 +69,14 @@ const char *keyOf(FilterKind kind)
     return "modified";
 }
 
-// The kind of a filter word and its value without quotes; nullopt for other words.
-std::optional<FilterKind> filterOf(const QString &word, QString *value)
-{
-    const qsizetype colon = word.indexOf(QLatin1Char(':'));
-    if (colon <= 0 || word.startsWith(QLatin1Char('"')) || word.startsWith(QLatin1Char('-'))) {
-        return std::nullopt;
-    }
-    const QString key = word.left(colon).toLower();
-    for (FilterKind kind : {FilterKind::Type, FilterKind::Folder, FilterKind::Modified}) {
-        if (key == QLatin1String(keyOf(kind))) {
-            *value = word.mid(colon + 1).remove(QLatin1Char('"'));
-            return kind;
-        }
-    }
-    return std::nullopt;
-}
-
 } // namespace
 
 QString filterValue(const QString &query, FilterKind kind)
 {
     QStringList values;
-    for (const QString &word : words(query)) {
-        QString value;
-        if (filterOf(word, &value) == kind && !value.isEmpty()) {
-            values.append(value);
+    for (const Word &word : words(query)) {
+        if (word.kind == kind && !word.value.isEmpty()) {
+            values.append(word.value);
         }
     }
     if (values.isEmpty()) {
@@ -84,10 +88,9 @@ QString filterValue(const QString &query, FilterKind kind)
 QString withFilter(const QString &query, FilterKind kind, const QString &value)
 {
     QStringList kept;
-    for (const QString &word : words(query)) {
-        QString ignored;
-        if (filterOf(word, &ignored) != kind) {
-            kept.append(word);
+    for (const Word &word : words(query)) {
+        if (word.kind != kind) {
+            kept.append(word.text);
         }
     }
     QString clean = value.trimmed();
@@ -103,13 +106,29 @@ QString withFilter(const QString &query, FilterKind kind, const QString &value)
 QString withoutFilters(const QString &query)
 {
     QStringList kept;
-    for (const QString &word : words(query)) {
-        QString ignored;
-        if (!filterOf(word, &ignored)) {
-            kept.append(word);
+    for (const Word &word : words(query)) {
+        if (!word.isNarrowing) {
+            kept.append(word.text);
         }
     }
     return kept.join(QLatin1Char(' '));
+}
+
+QString searchedText(const QString &query)
+{
+    QStringList searched;
+    bool narrows = false;
+    for (const Word &word : words(query)) {
+        if (word.engineKind == TRN_QUERY_WORD_TERM) {
+            searched.append(word.text);
+        } else if (word.engineKind == TRN_QUERY_WORD_PHRASE) {
+            searched.append(word.value);
+            narrows = true;
+        } else {
+            narrows = true;
+        }
+    }
+    return narrows ? searched.join(QLatin1Char(' ')) : query;
 }
 
 QStringList filterTypeNames()

@@ -7,9 +7,10 @@
 ** beside the search field edit these words in the field's text, so what a chip sets can be read
 ** and typed, and a typed filter shows on its chip.
 **
-** A query splits into words at white space outside double quotes; a word whose key (before the
-** first ':', any case) is type, in or modified is that kind of filter. Words inside a quoted
-** phrase ("see in:docs") are not filters.
+** The engine splits and classifies the words (trn_query_words in tarnwick.h): words at white
+** space outside double quotes; a word whose key (before the first ':', any case) is type, in or
+** modified is that kind of filter (ext: words narrow too, with no chip of their own). Words inside
+** a quoted phrase ("see in:docs") are not filters.
 */
 #ifndef TRN_APP_QUERY_FILTERS_H
 #define TRN_APP_QUERY_FILTERS_H
@@ -28,8 +29,13 @@ QString filterValue(const QString &query, FilterKind kind);
 // only removed); a value with white space is quoted, and double quotes in it are dropped.
 QString withFilter(const QString &query, FilterKind kind, const QString &value);
 
-// The query without any filter words, white space trimmed: what is searched for.
+// The query without any filter words (ext: ones included), white space trimmed: what is
+// searched for, with its phrases and left-out words.
 QString withoutFilters(const QString &query);
+
+// What the engine searches for in query: its words and phrases (quotes removed) without the
+// narrowing words and the left-out ones; the query itself when nothing in it narrows.
+QString searchedText(const QString &query);
 
 // The type: names a chip offers, in its order: pdf, docx, odt, epub, html, markdown, text,
 // source.

@@ -1,11 +1,9 @@
 /*
-** search_results.cpp -- the mode names, and laying hits out by file and across tabs.
+** search_results.cpp -- the mode names, checking a query, and laying hits out by file.
 */
 #include "search_results.h"
 
 #include <QHash>
-
-#include <algorithm>
 
 QString searchModeName(SearchMode mode)
 {
@@ -43,14 +41,20 @@ QList<SearchMode> allSearchModes()
             SearchMode::Regex};
 }
 
-std::optional<QString> regexError(const QString &query)
+std::optional<QString> queryError(const QString &query, SearchMode mode)
 {
     const QByteArray utf8 = query.toUtf8();
     char reason[256] = "";
-    if (trn_check_regex(utf8.constData(), reason, sizeof reason)) {
+    // The narrowing words first, in a mode without an expression to compile.
+    if (!trn_check_query(utf8.constData(), TRN_SEARCH_KEYWORD, reason, sizeof reason)) {
+        QString text = QString::fromUtf8(reason);
+        text[0] = text[0].toUpper();
+        return text;
+    }
+    if (trn_check_query(utf8.constData(), static_cast<int32_t>(mode), reason, sizeof reason)) {
         return std::nullopt;
     }
-    return QString::fromUtf8(reason);
+    return QStringLiteral("Invalid regular expression: ") + QString::fromUtf8(reason);
 }
 
 QList<SearchResult> groupByFile(const QList<SearchResult> &passages, int k)
@@ -68,36 +72,4 @@ QList<SearchResult> groupByFile(const QList<SearchResult> &passages, int k)
         }
     }
     return files;
-}
-
-QList<SearchResult> mergeRankings(const QList<QList<SearchResult>> &rankings, SearchMode mode,
-                                  int k)
-{
-    // TODO(#27): the engine ranks several indexes as one (shared word counts); until then the
-    // rankings are merged here.
-    struct Place {
-        qsizetype rank;
-        qsizetype list;
-        const SearchResult *result;
-    };
-    QList<Place> places;
-    for (qsizetype list = 0; list < rankings.size(); ++list) {
-        for (qsizetype rank = 0; rank < rankings.at(list).size(); ++rank) {
-            places.append(Place{rank, list, &rankings.at(list).at(rank)});
-        }
-    }
-    std::stable_sort(places.begin(), places.end(), [mode](const Place &a, const Place &b) {
-        if (mode == SearchMode::Semantic) {
-            return a.result->score > b.result->score;
-        }
-        return a.rank != b.rank ? a.rank < b.rank : a.list < b.list;
-    });
-    QList<SearchResult> merged;
-    for (const Place &place : places) {
-        if (merged.size() >= k) {
-            break;
-        }
-        merged.append(*place.result);
-    }
-    return merged;
 }

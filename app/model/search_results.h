@@ -1,6 +1,6 @@
 /*
 ** search_results.h -- what a search answers with, in the application's terms: the query modes,
-** one hit copied out of the engine, and how hits are laid out by file and merged across tabs.
+** one hit copied out of the engine, and how hits are laid out by file.
 */
 #ifndef TRN_APP_SEARCH_RESULTS_H
 #define TRN_APP_SEARCH_RESULTS_H
@@ -53,18 +53,13 @@ struct SearchResult {
 // the application), or every matching passage.
 enum class ResultLayout { ByFile, AllPassages };
 
-// Nullopt when query compiles as a regex-mode query, else the reason in one line.
-std::optional<QString> regexError(const QString &query);
+// Nullopt when the engine can run query in mode (trn_check_query), else why in one line for the
+// user: a modified: date it cannot read, or "Invalid regular expression: ..." .
+std::optional<QString> queryError(const QString &query, SearchMode mode);
 
 // passages laid out by file: each file's first passage in order with moreInFile counting its
 // others, at most k files.
 QList<SearchResult> groupByFile(const QList<SearchResult> &passages, int k);
-// Several indexes' rankings as one, at most k: semantic results by score (dot products
-// compare across indexes); in the other modes by rank, the first of each index, then the
-// second of each, and so on, so that no index's scale of scores crowds out another's. Equal
-// places keep the order of rankings.
-QList<SearchResult> mergeRankings(const QList<QList<SearchResult>> &rankings, SearchMode mode,
-                                  int k);
 
 Q_DECLARE_METATYPE(SearchResult)
 

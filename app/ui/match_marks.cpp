@@ -3,6 +3,8 @@
 */
 #include "match_marks.h"
 
+#include "query_filters.h"
+
 #include <QRegularExpression>
 
 #include <algorithm>
@@ -100,8 +102,10 @@ QList<MatchSpan> findWords(const QString &text, const QString &query)
 
 } // namespace
 
-QList<MatchSpan> findQueryMatches(const QString &text, const QString &query, SearchMode mode)
+QList<MatchSpan> findQueryMatches(const QString &text, const QString &typed, SearchMode mode)
 {
+    // Narrowing words (in:docs, -draft) are not searched for, so they are never marked.
+    const QString query = searchedText(typed);
     QList<MatchSpan> spans;
     if (query.isEmpty()) {
         return spans;

@@ -5,8 +5,9 @@
 ** The walk (text/files.h) gives every entry its verdict; the listing adds what the index holds.
 ** The chunks are counted by path once, through a hash, so a listing costs the files plus the
 ** chunks. Reading a file's text is what tells why a readable file gave no chunk (not UTF-8, too
-** short, unreadable), so only the indexable files the index holds nothing of are read: a listing
-** of an indexed folder reads little.
+** short, unreadable), so only the indexable files the index holds nothing of are read whole; of
+** the indexed ones, those read as bytes (text, source, Markdown, HTML) are read again only to
+** name their charset, which costs reading them but no parsing.
 */
 #include "internal.h"
 #include "text/files.h"
@@ -84,9 +85,13 @@ WalkAction list_walked(const WalkedFile *f, void *arg)
     info->indexed = info->chunk_count >= 1 ? 1 : 0;
     /* Files changed between their own indexing and the index's last write are not told apart. */
     info->changed = info->indexed && state->written_ns > 0 && f->mtime_ns > state->written_ns;
+    const bool bytes_are_text = f->type == TRN_FILE_TYPE_TEXT || f->type == TRN_FILE_TYPE_SOURCE
+                                || f->type == TRN_FILE_TYPE_MARKDOWN
+                                || f->type == TRN_FILE_TYPE_HTML;
     if (state->full && !info->indexed && f->status == TRN_FILE_STATUS_INDEXABLE) {
         ExtractedText text;
         info->status = extract_file_text(f->path, f->type, state->max_size, &text);
+        snprintf(info->encoding, sizeof info->encoding, "%s", text.encoding);
         if (info->status == TRN_FILE_STATUS_INDEXABLE && text.cut) {
             char reason[64];
             snprintf(reason,
@@ -97,6 +102,8 @@ WalkAction list_walked(const WalkedFile *f, void *arg)
             info->reason = xstrdup(reason);
         }
         extracted_text_free(&text);
+    } else if (state->full && info->indexed && bytes_are_text) {
+        file_charset(f->path, state->max_size, info->encoding, sizeof info->encoding);
     }
     list->count++;
     return WALK_CONTINUE;

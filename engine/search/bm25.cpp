@@ -10,13 +10,58 @@
 ** B = 0.75 are the usual values; with them keyword search finds the right file in the first ten
 ** for 88-95% of the known-item queries of bench/known_item_bench.cpp, and they are not tuned
 ** further.
+**
+** Several indexes searched as one (trn_search_many) share their counts: N, df and the average
+** length are those of all of them together, so a chunk scores what it would in one index of
+** every folder, and the scores of different indexes compare.
 */
 #include "internal.h"
 
+#include "index/words.h"
+
 #include <algorithm>
+#include <cmath>
 
 int32_t lex_search(TrnEngine *e, const char *query, int32_t k, uint32_t *out_slots,
                    float *out_scores)
+{
+    return lex_search_in(e, query, k, nullptr, nullptr, out_slots, out_scores);
+}
+
+void lex_shared_init(LexShared *shared, TrnEngine *const *engines, int32_t count)
+{
+    *shared = LexShared{engines, count, 0, 0};
+    for (int32_t j = 0; j < count; j++) {
+        lex_sync(engines[j]);
+        shared->live_docs += engines[j]->lexical->live_docs;
+        shared->total_len += engines[j]->lexical->total_len;
+    }
+}
+
+namespace
+{
+
+/* The idf of term id of x over every index of shared: their chunks, and their chunks holding the
+** same term. */
+float shared_idf(const LexShared *shared, const TrnLexical *x, uint32_t id)
+{
+    const char *text = x->pool + x->terms[id].text_off;
+    size_t len = x->terms[id].text_len;
+    uint32_t h = hash_term(text, len);
+    double df = 0.0;
+    for (int32_t j = 0; j < shared->count; j++) {
+        const TrnLexical *other = shared->engines[j]->lexical;
+        int64_t found = lex_find_term(other, text, len, h);
+        df += found >= 0 ? (double)other->terms[found].df : 0.0;
+    }
+    double docs = (double)shared->live_docs;
+    return (float)std::log(1.0 + (docs - df + 0.5) / (df + 0.5));
+}
+
+} // namespace
+
+int32_t lex_search_in(TrnEngine *e, const char *query, int32_t k, const uint8_t *allowed,
+                      const LexShared *shared, uint32_t *out_slots, float *out_scores)
 {
     lex_sync(e);
     TrnLexical *x = e->lexical;
@@ -26,7 +71,16 @@ int32_t lex_search(TrnEngine *e, const char *query, int32_t k, uint32_t *out_slo
     uint32_t ids[QUERY_TERMS_MAX];
     float idf[QUERY_TERMS_MAX];
     uint32_t nt = lex_query_terms(x, query, ids, idf, QUERY_TERMS_MAX);
-    const float avg_len = (float)((double)x->total_len / (double)x->live_docs);
+    double docs = (double)x->live_docs;
+    double total_len = (double)x->total_len;
+    if (shared) {
+        for (uint32_t q = 0; q < nt; q++) {
+            idf[q] = shared_idf(shared, x, ids[q]);
+        }
+        docs = (double)shared->live_docs;
+        total_len = (double)shared->total_len;
+    }
+    const float avg_len = (float)(total_len / docs);
     const float len_scale = avg_len > 0.0f ? LEX_B / avg_len : 0.0f;
     uint32_t touched = 0;
     for (uint32_t q = 0; q < nt; q++) {
@@ -34,7 +88,7 @@ int32_t lex_search(TrnEngine *e, const char *query, int32_t k, uint32_t *out_slo
         const float w = idf[q] * (LEX_K1 + 1.0f);
         for (uint32_t j = 0; j < t->n; j++) {
             uint32_t slot = t->postings[j].slot;
-            if (!x->live[slot]) {
+            if (!x->live[slot] || (allowed && !allowed[slot])) {
                 continue;
             }
             float tf = (float)t->postings[j].tf;

@@ -92,7 +92,8 @@ int32_t fuse_scores(const FusionList &words, const FusionList &meaning, float sh
     return keep;
 }
 
-void rank_hybrid(TrnEngine *e, const char *query, int32_t kk, int32_t depth, Ranking *out)
+void rank_hybrid(TrnEngine *e, const char *query, int32_t kk, int32_t depth, const uint8_t *allowed,
+                 Ranking *out)
 {
     float q[QUERY_DIM_MAX];
     if (!embed_query(e, query, q)) {
@@ -101,8 +102,9 @@ void rank_hybrid(TrnEngine *e, const char *query, int32_t kk, int32_t depth, Ran
     uint32_t sem[HYBRID_CANDIDATES], kw[HYBRID_CANDIDATES];
     float sim[HYBRID_CANDIDATES], bm25[HYBRID_CANDIDATES], cosine[HYBRID_CANDIDATES];
     int32_t width = hybrid_graph_width(e) > kk ? hybrid_graph_width(e) : kk; /* kk <= 64 */
-    int32_t ns = hnsw_query_width(e, q, width, width, sem, sim);
-    int32_t nk = lex_search(e, query, HYBRID_CANDIDATES, kw, bm25);
+    int32_t ns = allowed ? narrow_nearest(e, q, allowed, width, sem, sim)
+                         : hnsw_query_width(e, q, width, width, sem, sim);
+    int32_t nk = lex_search_in(e, query, HYBRID_CANDIDATES, allowed, nullptr, kw, bm25);
     for (int32_t i = 0; i < nk; i++) {
         cosine[i] = vec_dot(e->vectors + (size_t)kw[i] * e->dim, q, e->dim);
     }

@@ -2,7 +2,9 @@
 ** query.cpp -- trn_search, the engine's one query entry point, and its semantic, text and regular
 ** expression modes (what each mode returns is said at trn_search in tarnwick.h). The keyword
 ** ranking is bm25.cpp's, the hybrid one fusion.cpp's, and how a hit is shown snippets.cpp's.
-** A narrowed semantic search asks the graph for min(4k, 64) hits and keeps those of its files.
+** A semantic search without narrowing words asks the graph for min(4k, 64) hits and keeps
+** those of the ten closest files. Narrowing words (narrow.cpp) become a mask over the chunks that
+** every ranking here filters by.
 **
 ** Regular expressions run on RE2 (Debian's libre2), whose automata take time linear in the text
 ** whatever the pattern: a pattern like (a*)*b that makes a backtracking matcher run for minutes
@@ -162,6 +164,24 @@ int32_t by_file_graph_width(const TrnEngine *e, int32_t kk)
     return w > e->ef_search ? w : e->ef_search;
 }
 
+/* The nearest chunks among those allowed: a narrowed search answers with every chunk it may, so
+** it scores them all (narrow.cpp says why). */
+void rank_semantic_in(TrnEngine *e, const char *query, int32_t kk, bool by_file,
+                      const uint8_t *allowed, Ranking *out)
+{
+    float q[QUERY_DIM_MAX];
+    if (!embed_query(e, query, q)) {
+        return;
+    }
+    int32_t want = by_file ? by_file_graph_width(e, kk) : kk;
+    std::vector<uint32_t, XAllocator<uint32_t>> idx((size_t)want);
+    std::vector<float, XAllocator<float>> sim((size_t)want);
+    int32_t n = narrow_nearest(e, q, allowed, want, idx.data(), sim.data());
+    for (int32_t i = 0; i < n; i++) {
+        out->add(idx[(size_t)i], sim[(size_t)i]);
+    }
+}
+
 void rank_semantic(TrnEngine *e, const char *query, int32_t kk, bool by_file, Ranking *out)
 {
     float q[QUERY_DIM_MAX];
@@ -244,19 +264,21 @@ void rank_semantic_all(TrnEngine *e, const char *query, int32_t kk, bool by_file
     }
 }
 
-void rank_keyword(TrnEngine *e, const char *query, int32_t depth, Ranking *out)
+void rank_keyword(TrnEngine *e, const char *query, int32_t depth, const uint8_t *allowed,
+                  const LexShared *shared, Ranking *out)
 {
     std::vector<uint32_t, XAllocator<uint32_t>> idx((size_t)depth);
     std::vector<float, XAllocator<float>> score((size_t)depth);
-    int32_t n = lex_search(e, query, depth, idx.data(), score.data());
+    int32_t n = lex_search_in(e, query, depth, allowed, shared, idx.data(), score.data());
     for (int32_t i = 0; i < n; i++) {
         out->add(idx[(size_t)i], score[(size_t)i]);
     }
 }
 
 /* Text and regex hits in chunk order; their scores are set by rank once the rows are known. */
-void rank_text(TrnEngine *e, const char *query, int32_t depth, Ranking *out)
+void rank_text(TrnEngine *e, const char *query, int32_t depth, const uint8_t *allowed, Ranking *out)
 {
+    out->by_place = true;
     size_t qlen = strlen(query);
     if (qlen > 0 && strspn(query, " \t\r\n\f\v") == qlen) {
         return; /* white space alone is in nearly every chunk: it finds nothing */
@@ -269,7 +291,7 @@ void rank_text(TrnEngine *e, const char *query, int32_t depth, Ranking *out)
     nl[qlen] = '\0';
     for (uint64_t i = 0; i < e->count && out->n() < depth; i++) {
         const TrnChunk *c = &e->chunks[i];
-        if (c->deleted || !c->text) {
+        if (c->deleted || !c->text || (allowed && !allowed[i])) {
             continue;
         }
         int64_t p = find_ascii_nocase(c->text, strlen(c->text), nl, qlen);
@@ -395,15 +417,17 @@ RegexPtr compile_regex(const char *pattern, char *message, size_t size)
     return re;
 }
 
-void rank_regex(TrnEngine *e, const char *query, int32_t depth, Ranking *out)
+void rank_regex(TrnEngine *e, const char *query, int32_t depth, const uint8_t *allowed,
+                Ranking *out)
 {
+    out->by_place = true;
     RegexPtr re = compile_regex(query, nullptr, 0);
     if (!re) {
         return;
     }
     for (uint64_t i = 0; i < e->count && out->n() < depth; i++) {
         const TrnChunk *c = &e->chunks[i];
-        if (c->deleted || !c->text) {
+        if (c->deleted || !c->text || (allowed && !allowed[i])) {
             continue;
         }
         size_t len = strlen(c->text);
@@ -415,6 +439,17 @@ void rank_regex(TrnEngine *e, const char *query, int32_t depth, Ranking *out)
                  0.0f,
                  match.data() ? (int64_t)(match.data() - c->text) : 0,
                  (int64_t)match.size());
+    }
+}
+
+/* A query of narrowing words alone ranks nothing: the chunks allowed, in index order. */
+void rank_allowed(const TrnEngine *e, int32_t depth, const uint8_t *allowed, Ranking *out)
+{
+    out->by_place = true;
+    for (uint64_t i = 0; i < e->count && out->n() < depth; i++) {
+        if (allowed[i]) {
+            out->add((uint32_t)i, 0.0f);
+        }
     }
 }
 
@@ -448,6 +483,54 @@ int32_t group_by_file(const TrnEngine *e, const Ranking &r, int32_t kk, int32_t 
 
 } // namespace
 
+bool query_ranks(const char *query)
+{
+    return query[strspn(query, " \t\n\r\f\v")] != '\0';
+}
+
+void rank_mode(TrnEngine *e, const char *query, int32_t mode, int32_t kk, bool by_file,
+               const uint8_t *allowed, const LexShared *shared, Ranking *out)
+{
+    const int32_t depth = by_file ? BY_FILE_DEPTH : kk;
+    if (allowed && !query_ranks(query)) {
+        rank_allowed(e, depth, allowed, out);
+        return;
+    }
+    switch (mode) {
+    case TRN_SEARCH_SEMANTIC:
+        if (allowed) {
+            rank_semantic_in(e, query, kk, by_file, allowed, out);
+        } else {
+            rank_semantic(e, query, kk, by_file, out);
+        }
+        break;
+    case TRN_SEARCH_TEXT:
+        rank_text(e, query, depth, allowed, out);
+        break;
+    case TRN_SEARCH_REGEX:
+        rank_regex(e, query, depth, allowed, out);
+        break;
+    case TRN_SEARCH_KEYWORD:
+        rank_keyword(e, query, depth, allowed, shared, out);
+        break;
+    case TRN_SEARCH_HYBRID:
+        rank_hybrid(e, query, kk, depth, allowed, out);
+        break;
+    default:
+        if (allowed) {
+            rank_semantic_in(e, query, kk, by_file, allowed, out);
+        } else {
+            rank_semantic_all(e, query, kk, by_file, out);
+        }
+        break;
+    }
+}
+
+int32_t show_mode(int32_t mode, const char *query)
+{
+    return query_ranks(query) ? mode : TRN_SEARCH_SEMANTIC;
+}
+
 extern "C" {
 
 int32_t trn_search_ex(TrnEngine *e, const char *query, int32_t mode, int32_t k, uint32_t flags,
@@ -457,34 +540,20 @@ int32_t trn_search_ex(TrnEngine *e, const char *query, int32_t mode, int32_t k, 
         || mode > TRN_SEARCH_SEMANTIC_ALL) {
         return 0;
     }
+    TrnNarrowing nw;
+    if (!narrow_parse(query, &nw, nullptr, 0)) {
+        return 0;
+    }
     index_refresh_for_read(e);
     if (e->count == 0) {
+        narrow_free(&nw);
         return 0;
     }
     const int32_t kk = k < TRN_MAX_RESULTS ? k : TRN_MAX_RESULTS;
     const bool by_file = (flags & TRN_SEARCH_BY_FILE) != 0;
-    const int32_t depth = by_file ? BY_FILE_DEPTH : kk;
+    std::unique_ptr<uint8_t, FreeDeleter> allowed(narrow_mask(e, &nw));
     Ranking ranking;
-    switch (mode) {
-    case TRN_SEARCH_SEMANTIC:
-        rank_semantic(e, query, kk, by_file, &ranking);
-        break;
-    case TRN_SEARCH_TEXT:
-        rank_text(e, query, depth, &ranking);
-        break;
-    case TRN_SEARCH_REGEX:
-        rank_regex(e, query, depth, &ranking);
-        break;
-    case TRN_SEARCH_KEYWORD:
-        rank_keyword(e, query, depth, &ranking);
-        break;
-    case TRN_SEARCH_HYBRID:
-        rank_hybrid(e, query, kk, by_file ? BY_FILE_DEPTH : kk, &ranking);
-        break;
-    default:
-        rank_semantic_all(e, query, kk, by_file, &ranking);
-        break;
-    }
+    rank_mode(e, nw.core, mode, kk, by_file, allowed.get(), nullptr, &ranking);
     int32_t rows[TRN_MAX_RESULTS];
     int32_t more[TRN_MAX_RESULTS];
     int32_t n = 0;
@@ -496,12 +565,12 @@ int32_t trn_search_ex(TrnEngine *e, const char *query, int32_t mode, int32_t k, 
             more[n] = 0;
         }
     }
-    const bool by_rank = mode == TRN_SEARCH_TEXT || mode == TRN_SEARCH_REGEX;
+    const int32_t shown = show_mode(mode, nw.core);
     uint32_t slots[TRN_MAX_RESULTS];
     int64_t focus[TRN_MAX_RESULTS];
     for (int32_t i = 0; i < n; i++) {
         size_t at = (size_t)rows[i];
-        float score = by_rank ? 1.0f - (float)i / (float)kk : ranking.scores[at];
+        float score = ranking.by_place ? 1.0f - (float)i / (float)kk : ranking.scores[at];
         slots[i] = ranking.slots[at];
         focus[i] = fill_row(e,
                             &results[i],
@@ -510,11 +579,12 @@ int32_t trn_search_ex(TrnEngine *e, const char *query, int32_t mode, int32_t k, 
                             score,
                             ranking.matches[at],
                             ranking.lengths[at],
-                            mode,
-                            query);
+                            shown,
+                            nw.core);
         results[i].more_in_file = more[i];
     }
     html_source_lines(e, results, slots, focus, n);
+    narrow_free(&nw);
     return n;
 }
 

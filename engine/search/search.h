@@ -30,6 +30,7 @@ struct Ranking {
     std::vector<float, XAllocator<float>> scores;
     std::vector<int64_t, XAllocator<int64_t>> matches;
     std::vector<int64_t, XAllocator<int64_t>> lengths;
+    bool by_place = false; /* no scores: the place in the ranking is all (text, regex, lists) */
 
     int32_t n() const { return (int32_t)slots.size(); }
     void add(uint32_t slot, float score, int64_t match = -1, int64_t length = 0)
@@ -56,6 +57,51 @@ bool embed_query(TrnEngine *e, const char *query, float *q);
 ** Returns the offset in the chunk's text of the match it settled on. */
 int64_t fill_row(TrnEngine *e, TrnResult *r, int32_t i, uint32_t slot, float score, int64_t match,
                  int64_t match_len, int32_t mode, const char *query);
+/* Whether query holds something to rank by, not white space alone. */
+bool query_ranks(const char *query);
+/* One index's ranking in mode of query (what its narrowing leaves to search for), as deep as a
+** search of kk rows needs (by file: deeper), among the chunks allowed (NULL: all), keyword counts
+** from shared (NULL: e's own). With a mask, a query that ranks nothing lists the chunks allowed
+** in index order. */
+struct LexShared;
+void rank_mode(TrnEngine *e, const char *query, int32_t mode, int32_t kk, bool by_file,
+               const uint8_t *allowed, const LexShared *shared, Ranking *out);
+/* The mode fill_row shows a row of rank_mode in: a listing has no match to show. */
+int32_t show_mode(int32_t mode, const char *query);
+
+/* ---------------------------------------------------------------------------------------------
+** Narrowing (narrow.cpp): the words of a query that decide which chunks may answer it.
+*/
+struct TrnNarrowing {
+    char *core;           /* owned: the query without its narrowing words, what is ranked */
+    const char **phrases; /* lower-cased, each must occur as whole words (lists: owned) */
+    int32_t phrase_count;
+    const char **excluded; /* lower-cased, chunks holding one are left out */
+    int32_t excluded_count;
+    const char **extensions; /* without the dot; a file with one of them, or of types, passes */
+    int32_t extension_count;
+    uint32_t types;        /* bit t: TrnFileType t passes; 0 with no extensions: any */
+    const char *folder;    /* below the indexed directory (or absolute); NULL: any */
+    int64_t modified_from; /* modification time in [from, to), seconds; INT64_MIN/MAX: open */
+    int64_t modified_to;
+    uint8_t by_file;    /* something narrows by file */
+    uint8_t active;     /* something narrows at all */
+    char *text;         /* owned: the values the pointers above point into */
+    const char **lists; /* owned: the arrays of phrases, excluded and extensions */
+};
+/* Splits query into words as trn_query_words describes; writes at most max, returns how many
+** there are. */
+int32_t split_query_words(const char *query, TrnQueryWord *out, int32_t max);
+/* Reads query into nw (free it with narrow_free). False, with a one-line reason in message when
+** given, for a modified: value that is no date; nothing is left to free then. */
+bool narrow_parse(const char *query, TrnNarrowing *nw, char *message, size_t size);
+void narrow_free(TrnNarrowing *nw);
+/* e->count flags, 1 for each live chunk nw leaves in; NULL when nw narrows nothing. Free it. */
+uint8_t *narrow_mask(const TrnEngine *e, const TrnNarrowing *nw);
+/* The best min(k, chunks allowed) chunks by dot product with q among the allowed ones, best
+** first (equal scores: lower slot first), into out and out_sim. Returns how many. */
+int32_t narrow_nearest(const TrnEngine *e, const float *q, const uint8_t *allowed, int32_t k,
+                       uint32_t *out, float *out_sim);
 
 /* ---------------------------------------------------------------------------------------------
 ** Keyword ranking (bm25.cpp)
@@ -67,6 +113,19 @@ constexpr float LEX_B = 0.75f; /* BM25 length normalisation */
 ** Returns how many. */
 int32_t lex_search(TrnEngine *e, const char *query, int32_t k, uint32_t *out_slots,
                    float *out_scores);
+/* The word counts of several indexes searched as one. */
+struct LexShared {
+    TrnEngine *const *engines;
+    int32_t count;
+    uint64_t live_docs; /* of them all */
+    uint64_t total_len;
+};
+/* Syncs the word index of each engine and sums their counts. */
+void lex_shared_init(LexShared *shared, TrnEngine *const *engines, int32_t count);
+/* As lex_search, among the chunks whose flag in allowed is set (NULL: all), scored with the
+** counts of shared (NULL: e's own), which must include e. */
+int32_t lex_search_in(TrnEngine *e, const char *query, int32_t k, const uint8_t *allowed,
+                      const LexShared *shared, uint32_t *out_slots, float *out_scores);
 
 /* ---------------------------------------------------------------------------------------------
 ** Snippets (snippets.cpp)
@@ -111,8 +170,10 @@ struct FusionList {
 ** equal scores keep the keyword list's order, then the semantic one's. Returns how many. */
 int32_t fuse_scores(const FusionList &words, const FusionList &meaning, float share, int32_t k,
                     uint32_t *out, float *out_scores);
-/* trn_search's hybrid ranking: the fused chunks, at most depth of them (and at most twice
-** HYBRID_CANDIDATES); kk (at most TRN_MAX_RESULTS) widens the graph search. */
-void rank_hybrid(TrnEngine *e, const char *query, int32_t kk, int32_t depth, Ranking *out);
+/* trn_search's hybrid ranking: the fused chunks among those allowed (NULL: all), at most depth of
+** them (and at most twice HYBRID_CANDIDATES); kk (at most TRN_MAX_RESULTS) widens the graph
+** search. */
+void rank_hybrid(TrnEngine *e, const char *query, int32_t kk, int32_t depth, const uint8_t *allowed,
+                 Ranking *out);
 
 #endif /* TRN_SEARCH_H */

@@ -115,7 +115,8 @@ void commit_encode(const CommitRecord *c, uint8_t *b)
     memcpy(b + 44, &check, 4);
 }
 
-/* The directory a user knows: the parent of an index directory named ".tarnwick". */
+} // namespace
+
 void indexed_dir(const TrnEngine *e, char *out, size_t size)
 {
     snprintf(out, size, "%s", e->store_path);
@@ -131,6 +132,9 @@ void indexed_dir(const TrnEngine *e, char *out, size_t size)
         }
     }
 }
+
+namespace
+{
 
 bool same_state(const TrnDiskView *a, const TrnDiskView *b)
 {

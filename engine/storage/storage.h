@@ -131,6 +131,9 @@ bool commit_write(TrnEngine *e, uint64_t store_size, uint32_t store_crc);
 void remove_stale_temps(const TrnEngine *e);
 /* Moves the files of a damaged index aside ("<name>.damaged-<time>"), never over another. */
 void keep_damaged_aside(TrnEngine *e);
+/* The directory a user knows, into out: the parent of an index directory named ".tarnwick", else
+** the index directory itself; "" for an in-memory handle. */
+void indexed_dir(const TrnEngine *e, char *out, size_t size);
 
 /* ---------------------------------------------------------------------------------------------
 ** Reading an index file's bytes (store.cpp, wal.cpp, manifest.cpp): every read is checked

@@ -35,7 +35,6 @@ private slots:
     void indexIsPrivateAndHugeFilesAreNeverRead();
     void searchCopiesRecordsAndKZeroReturnsNothing();
     void groupingKeepsEachFilesBestPassage();
-    void mergedRankingsFavourNoIndex();
     void fileListGivesTheReasonForEveryFile();
     void clearAndReopenDiscardsTheIndex();
     void pdfPageForLine();
@@ -233,37 +232,6 @@ void TestIndexHandle::groupingKeepsEachFilesBestPassage()
     }
 }
 
-// Word and text scores do not compare across indexes: their rankings interleave by place;
-// semantic scores do, and decide.
-void TestIndexHandle::mergedRankingsFavourNoIndex()
-{
-    const auto ranking = [](const QString &name, QList<float> scores) {
-        QList<SearchResult> list;
-        for (int i = 0; i < scores.size(); ++i) {
-            SearchResult r;
-            r.id = name + QString::number(i);
-            r.score = scores.at(i);
-            list.append(r);
-        }
-        return list;
-    };
-    const QList<QList<SearchResult>> rankings = {ranking(QStringLiteral("a"), {9.0f, 8.0f, 7.0f}),
-                                                 ranking(QStringLiteral("b"), {0.2f, 0.1f})};
-    const auto ids = [](const QList<SearchResult> &list) {
-        QStringList out;
-        for (const SearchResult &r : list) {
-            out.append(r.id);
-        }
-        return out;
-    };
-    QCOMPARE(ids(::mergeRankings(rankings, SearchMode::Keyword, 10)),
-             (QStringList{"a0", "b0", "a1", "b1", "a2"}));
-    QCOMPARE(ids(::mergeRankings(rankings, SearchMode::Hybrid, 3)),
-             (QStringList{"a0", "b0", "a1"}));
-    QCOMPARE(ids(::mergeRankings(rankings, SearchMode::Semantic, 4)),
-             (QStringList{"a0", "a1", "a2", "b0"}));
-}
-
 void TestIndexHandle::fileListGivesTheReasonForEveryFile()
 {
     QTemporaryDir dir;
@@ -309,7 +277,7 @@ void TestIndexHandle::fileListGivesTheReasonForEveryFile()
         {QStringLiteral("node_modules"), QStringLiteral("Excluded by global pattern node_modules")},
         {QStringLiteral("big.txt"), QStringLiteral("Too large")},
         {QStringLiteral("image.png"), QStringLiteral("Binary")},
-        {QStringLiteral("latin1.txt"), QStringLiteral("Indexed (1 chunk)")},
+        {QStringLiteral("latin1.txt"), QStringLiteral("Indexed (1 chunk), read as ISO-8859-1")},
         {QStringLiteral("tiny.txt"), QStringLiteral("Too short")},
         {QStringLiteral("broken.docx"), QStringLiteral("Unreadable")},
     };

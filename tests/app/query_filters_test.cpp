@@ -66,6 +66,14 @@ private slots:
         QCOMPARE(filterValue(QStringLiteral("type: in:"), FilterKind::Type), QString());
     }
 
+    void onlyWhatIsSearchedForIsMarked()
+    {
+        QCOMPARE(searchedText(QStringLiteral("rye  bread")), QStringLiteral("rye  bread"));
+        QCOMPARE(searchedText(QStringLiteral("rye \"white bread\" -crust in:notes type:pdf")),
+                 QStringLiteral("rye white bread"));
+        QCOMPARE(searchedText(QStringLiteral("-Wall")), QStringLiteral("-Wall"));
+    }
+
     void datesAreWrittenAsTheEngineReadsThem()
     {
         QCOMPARE(modifiedSince(QDate(2024, 3, 7)), QStringLiteral(">=2024-03-07"));

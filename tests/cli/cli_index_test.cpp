@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <map>
+#include <set>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -180,7 +181,9 @@ TEST_F(CliIndexed, FilesListsEveryFileWithItsChunksAndStatus)
                                             "indexed",
                                             "directory",
                                             "status",
-                                            "reason"}));
+                                            "reason",
+                                            "encoding"}));
+        EXPECT_EQ(info["encoding"].text, "UTF-8");
         EXPECT_EQ(info["status"].text, "Indexable");
         EXPECT_EQ(info["name"].text, e.name);
         EXPECT_EQ(info["fileTypeName"].text, e.type);
@@ -267,12 +270,15 @@ TEST(CliFiles, FilesAndIndexAgreeOnEveryFileOfAMixedTree)
     };
     EXPECT_EQ(status, expected);
 
-    // The Latin-1 file is found by an accented word.
+    // The Latin-1 file says how it was read, and is found by an accented word.
+    r = run_cli({"files", dir.path()}, dir.path());
+    EXPECT_NE(r.out.find(dir / "latin1.txt  (read as ISO-8859-1)\n"), std::string::npos) << r.out;
     r = run_cli({"search", dir.path(), "cr\xC3\xA8me", "--mode", "keyword", "--json"}, dir.path());
     ASSERT_EQ(r.status, 0) << r.err;
     std::vector<Json> hits = parse_json(r.out).items;
     ASSERT_EQ(hits.size(), 1u);
     EXPECT_EQ(hits[0]["filePath"].text, dir / "latin1.txt");
+    EXPECT_NE(hits[0]["snippet"].text.find("cr\xC3\xA8me"), std::string::npos);
 }
 
 TEST_F(CliIndexed, TextAndRegexHitsNameTheFileOnceAndTheLineOfTheMatch)
@@ -295,8 +301,10 @@ TEST_F(CliIndexed, TextAndRegexHitsNameTheFileOnceAndTheLineOfTheMatch)
                                             "lineNumber",
                                             "fileType",
                                             "fileTypeName",
+                                            "folder",
                                             "moreInFile",
                                             "marks"}));
+        EXPECT_EQ(h["folder"].text, dir.path());
         EXPECT_EQ(h["id"].text, alpha + ":2");
         EXPECT_EQ(h["filePath"].text, alpha);
         EXPECT_EQ(h["chunkIndex"].number, 2);
@@ -325,6 +333,67 @@ TEST_F(CliIndexed, TextAndRegexHitsNameTheFileOnceAndTheLineOfTheMatch)
     EXPECT_EQ(chunks[1]["id"].text, alpha + ":3");
     EXPECT_EQ(chunks[1]["lineNumber"].number, 7);
     EXPECT_EQ(chunks[1]["moreInFile"].number, 0);
+}
+
+TEST_F(CliIndexed, NarrowingFlagsAndWordsKeepOnlyTheFilesTheyName)
+{
+    const std::vector<std::pair<std::vector<std::string>, std::vector<std::string>>> cases = {
+        {{"--in", "notes"}, {"notes/alpha.md"}},
+        {{"--type", "source,text"}, {"beta.txt", "code/gamma.c"}},
+        {{"--type", "md"}, {"notes/alpha.md"}},
+        {{"--modified", "..1999"}, {}},
+        {{"--modified", ">=2000"}, {"beta.txt", "code/gamma.c", "notes/alpha.md"}},
+        {{"-k", "3"}, {"beta.txt", "code/gamma.c", "notes/alpha.md"}},
+    };
+    for (const auto &[flags, expected] : cases) {
+        SCOPED_TRACE(flags[0]);
+        for (const char *mode : {"text", "keyword"}) {
+            // Narrowing alone lists what it leaves in; with a word, the word decides too.
+            std::vector<std::string> args = {"search", dir.path(), "", "--mode", mode, "--json"};
+            args.insert(args.end(), flags.begin(), flags.end());
+            RunResult r = run_cli(args, dir.path());
+            if (flags[0] == "-k") {
+                EXPECT_EQ(r.status, 2); // an empty query without narrowing is refused
+                continue;
+            }
+            ASSERT_EQ(r.status, 0) << r.err;
+            std::set<std::string> got;
+            for (const Json &h : parse_json(r.out).items) {
+                got.insert(h["filePath"].text.substr(dir.path().size() + 1));
+            }
+            EXPECT_EQ(std::vector<std::string>(got.begin(), got.end()), expected) << mode;
+        }
+    }
+    // The same words inside the query, and one that leaves a passage out.
+    std::vector<Json> hits = search("line -\"number 3\" in:notes", "keyword", 10);
+    ASSERT_FALSE(hits.empty());
+    for (const Json &h : hits) {
+        EXPECT_EQ(h["filePath"].text, dir / "notes/alpha.md");
+        EXPECT_EQ(h["snippet"].text.find("number 3"), std::string::npos);
+    }
+}
+
+TEST_F(CliIndexed, SeveralFoldersAreSearchedAsOneAndEachHitNamesItsFolder)
+{
+    TempDir other;
+    write_file(other / "keeper.txt", "the lighthouse keeper of the other folder\n");
+    ASSERT_EQ(run_cli({"index", other.path()}, other.path()).status, 0);
+    RunResult r = run_cli(
+        {"search", dir.path(), other.path(), "lighthouse", "--mode", "text", "--json"}, dir.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::vector<Json> hits = parse_json(r.out).items;
+    ASSERT_EQ(hits.size(), 2u);
+    EXPECT_EQ(hits[0]["folder"].text, dir.path()); // the first of each folder in turn
+    EXPECT_EQ(hits[0]["filePath"].text, dir / "notes/alpha.md");
+    EXPECT_EQ(hits[1]["folder"].text, other.path());
+    EXPECT_EQ(hits[1]["filePath"].text, other / "keeper.txt");
+
+    r = run_cli({"search", other.path(), dir.path(), "lighthouse", "--mode", "keyword"},
+                dir.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    const std::string name = other.path().substr(other.path().rfind('/') + 1);
+    EXPECT_NE(r.out.find(other / "keeper.txt:1  score "), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("  in " + name + "\n"), std::string::npos) << r.out;
 }
 
 TEST_F(CliIndexed, SemanticHitsNameEachFileOnceWithItsOtherChunks)

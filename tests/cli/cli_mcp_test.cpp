@@ -295,6 +295,33 @@ TEST_F(CliMcp, MalformedUnknownAndOversizedRequestsGetErrorsAndTheSessionGoesOn)
     EXPECT_EQ(codes, 3u) << r.out.substr(0, 2000);
 }
 
+// The filter arguments narrow as the search bar's words do: every hit of a filtered search
+// passes the filter, and the unfiltered search shows that something was left out.
+TEST_F(CliMcp, FiltersNarrowTheResultsAsTheSearchBarDoes)
+{
+    const std::string served = *s_dir / "served";
+    const std::string text = R"("query":"e","mode":"text")";
+    std::map<std::string, Json> a =
+        answers_of(serve(initialize("2025-11-25") + tool_call("1", "search", "{" + text + "}")
+                         + tool_call("2", "search", "{" + text + R"(,"type":["markdown"]})")
+                         + tool_call("3", "search", "{" + text + R"(,"in":"notes"})")
+                         + tool_call("4", "search", "{" + text + R"(,"modified":"<2000-01-01"})")
+                         + tool_call("5", "search", "{" + text + R"(,"modified":"yesterday"})")));
+    std::vector<std::string> all;
+    for (const Json &hit : tool_result(a["1"], false)["structuredContent"]["results"].items) {
+        all.push_back(hit["path"].text);
+    }
+    EXPECT_EQ(all.size(), 2u);
+    for (const char *id : {"2", "3"}) {
+        const std::vector<Json> &hits =
+            tool_result(a[id], false)["structuredContent"]["results"].items;
+        ASSERT_EQ(hits.size(), 1u) << id;
+        EXPECT_EQ(hits[0]["path"].text, served + "/notes/harbour.md");
+    }
+    EXPECT_TRUE(tool_result(a["4"], false)["structuredContent"]["results"].items.empty());
+    tool_result(a["5"], true);
+}
+
 TEST_F(CliMcp, OlderProtocolVersionsAreServedInTheirOwnShapes)
 {
     for (const std::string version : {"2025-06-18", "2025-03-26", "2024-11-05", "2030-01-01"}) {
@@ -322,6 +349,35 @@ TEST_F(CliMcp, NoFolderToServeFailsBeforeTheSession)
     RunResult missing = run_mcp({"--folder", *s_dir / "missing"}, "", dir());
     EXPECT_EQ(missing.status, 1);
     EXPECT_EQ(missing.out, "");
+}
+
+// Several served folders are searched as one: each hit names the folder it came from, and a
+// folder that was never indexed is reported rather than failing the search.
+TEST(CliMcpFolders, SearchAcrossServedFoldersNamesEachHitsFolder)
+{
+    TempDir a, b, empty;
+    write_file(a / "tides.txt", "the lighthouse keeper logs the tides\n");
+    write_file(b / "ships.txt", "ships pass the lighthouse at night\n");
+    for (const TempDir *d : {&a, &b}) {
+        ASSERT_EQ(run_cli({"index", d->path(), "--weights", "none"}, d->path()).status, 0);
+    }
+    RunResult r = run_mcp(
+        {"--folder", a.path(), "--folder", b.path(), "--folder", empty.path(), "--weights", "none"},
+        initialize("2025-11-25")
+            + tool_call("1", "search", R"({"query":"lighthouse","mode":"text"})"),
+        a.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::map<std::string, Json> answers = answers_of(r);
+    const Json &data = tool_result(answers["1"], false)["structuredContent"];
+    std::map<std::string, std::string> folder_of;
+    for (const Json &hit : data["results"].items) {
+        folder_of[hit["path"].text] = hit["folder"].text;
+    }
+    EXPECT_EQ(folder_of,
+              (std::map<std::string, std::string>{{a / "tides.txt", a.path()},
+                                                  {b / "ships.txt", b.path()}}));
+    ASSERT_EQ(data["notSearched"].items.size(), 1u);
+    EXPECT_EQ(data["notSearched"].items[0]["folder"].text, empty.path());
 }
 
 TEST(CliMcpFolders, ListFoldersSaysWhenTheIndexIsBehindTheFiles)

@@ -36,6 +36,11 @@ TEST(CliUsage, MalformedCommandLinesExitWithTwoAndTouchNothing)
         {"search", d, "  \t ", "--mode", "text"}, // white space alone matched nearly everything
         {"search", d, std::string(20000, '(') + "x", "--mode", "regex"},
         {"search", d, "def [a-z", "--mode", "regex"},
+        {"search", d, "q", "--modified", "soon"},
+        {"search", d, "q modified:2024-02-30"},
+        {"search", d, "q", "--in", ""},
+        {"prompt", d, d, "q"},
+        {"stats", d, "--type", "pdf"},
         {"prompt", d, "(unclosed", "--mode", "regex"},
         {"stats", d, "--verbose=yes"},
         {"index", d, "--chunk-size", "-5"},

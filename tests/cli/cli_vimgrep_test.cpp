@@ -132,6 +132,11 @@ TEST_F(CliVimgrep, EveryModesLinesPointAtTheMatchInTheFile)
         EXPECT_EQ(j.line, 17);
         EXPECT_EQ(j.column, 13);
     }
+    // Narrowing words are not looked for in the file; the phrase is.
+    text = checked_search("ext:txt \"lighthouse beacon\" -keeper", "text", dir.path());
+    ASSERT_EQ(text.size(), 1u);
+    EXPECT_EQ(text[0].line, 17);
+    EXPECT_EQ(text[0].column, 13);
     // Keyword search splits identifiers: "light" is found as the first part of lightHouseBeam.
     std::vector<JumpLine> code = checked_search("light", "keyword", dir.path());
     ASSERT_EQ(code.size(), 1u);

@@ -313,6 +313,9 @@ struct HandEngine {
         e = trn_open(&cfg);
         e->level_state = 5;
     }
+    /* Takes over an opened handle (to close it), e.g. one rebuilding an index directory, which
+    ** searches what is placed in it without ever reading or writing the directory. */
+    explicit HandEngine(TrnEngine *opened) : e(opened) { e->level_state = 5; }
     ~HandEngine() { trn_close(e); }
     HandEngine(const HandEngine &) = delete;
     HandEngine &operator=(const HandEngine &) = delete;
