@@ -100,6 +100,8 @@ struct TrnEngine {
     char error[TRN_ERROR_MAX];   /* its message; empty with TRN_STATUS_OK */
     TrnDiskView seen;            /* the directory as this handle last loaded or wrote it */
     uint8_t has_commit;          /* the loaded state came with a commit record */
+    uint8_t has_index_id;        /* the commit record named the index: */
+    uint8_t index_id[16];        /* its random id, which its log names too */
     uint64_t generation;         /* generation of the loaded store; 0 without a commit record */
     uint8_t store_present;       /* the loaded store existed, with this size and checksum */
     uint64_t store_size;

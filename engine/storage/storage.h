@@ -20,7 +20,10 @@
 #include <sys/stat.h>
 
 constexpr uint32_t TRN_WAL_ID_LIMIT = 4096;
-constexpr size_t TRN_COMMIT_SIZE = 48; /* bytes of the commit record (commit.cpp) */
+constexpr size_t TRN_COMMIT_SIZE = 64; /* bytes of the commit record (commit.cpp) */
+/* The store's version (store.cpp). 2: written with a commit record, which it then requires. */
+constexpr uint32_t TRN_STORE_VERSION = 2;
+constexpr size_t TRN_INDEX_ID_SIZE = 16; /* random bytes naming one index (commit.cpp) */
 /* A normal handle checkpoints once its log holds this many chunks, so reopening after a crash
 ** re-embeds at most this many (g_checkpoint_chunks, a test hook, starts at this value). */
 constexpr uint64_t TRN_CHECKPOINT_CHUNKS = 4096;

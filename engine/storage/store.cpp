@@ -6,7 +6,8 @@
 **
 **     offset  size  field
 **          0     4  magic "TRNW"
-**          4     4  uint32 version, always 1
+**          4     4  uint32 version: 2, or 1 for a store written before commit records, which
+**                   loads the same way without one (a store of version 2 requires it)
 **          8     4  int32 dim (must be 512, the encoder's width)
 **         12     4  int32 M
 **         16     4  int32 ef_construction
@@ -60,7 +61,6 @@ static_assert(std::endian::native == std::endian::little,
 namespace
 {
 
-constexpr uint32_t STORE_VERSION = 1;
 constexpr size_t STORE_HEADER_SIZE = 40;
 /* Graph parameters read from a store are kept only within these bounds: heaps and candidate
 ** lists are sized from them. */
@@ -197,7 +197,7 @@ void load_from_bytes(TrnEngine *e, const uint8_t *bytes, size_t size)
     if (!bytes_take(&cur, magic, 4) || memcmp(magic, "TRNW", 4) != 0) {
         return;
     }
-    if (!bytes_take_value(&cur, &version) || version != STORE_VERSION) {
+    if (!bytes_take_value(&cur, &version) || version < 1 || version > TRN_STORE_VERSION) {
         return;
     }
     /* The encoder writes 512 floats per text; vectors of another width could not be compared
@@ -325,7 +325,7 @@ void put_string(StoreOut *o, const char *s)
 void write_store(const TrnEngine *e, StoreOut *o)
 {
     put(o, "TRNW", 4);
-    put_value(o, STORE_VERSION);
+    put_value(o, TRN_STORE_VERSION);
     put_value(o, e->dim);
     put_value(o, e->M);
     put_value(o, e->ef_construction);
