@@ -192,15 +192,17 @@ int32_t trn_search_many(TrnEngine *const *engines, int32_t count, const char *qu
     }
     const char *core = nw.core;
     const bool ranks = query_ranks(core);
-    LexShared shared = {};
+    LexShared counts = {};
+    const LexShared *shared = nullptr; /* only keyword and hybrid rankings count words */
     if (ranks && (mode == TRN_SEARCH_KEYWORD || mode == TRN_SEARCH_HYBRID)) {
-        lex_shared_init(&shared, engines, count);
+        lex_shared_init(&counts, engines, count);
+        shared = &counts;
     }
 
     Hits hits;
     bool by_place = false;
     if (ranks && mode == TRN_SEARCH_HYBRID) {
-        hits = rank_hybrid_many(src, count, core, kk, depth, &shared);
+        hits = rank_hybrid_many(src, count, core, kk, depth, shared);
     } else {
         /* Each index's own ranking, then merged: by score where scores compare, else by turns. */
         for (int32_t j = 0; j < count; j++) {
@@ -208,7 +210,7 @@ int32_t trn_search_many(TrnEngine *const *engines, int32_t count, const char *qu
                 continue;
             }
             Ranking r;
-            rank_mode(engines[j], core, mode, kk, by_file, src[j].allowed, &shared, &r);
+            rank_mode(engines[j], core, mode, kk, by_file, src[j].allowed, shared, &r);
             by_place = by_place || r.by_place;
             for (int32_t i = 0; i < r.n(); i++) {
                 /* By turns: the rank decides, so it stands in for the score. */

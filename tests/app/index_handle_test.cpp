@@ -35,6 +35,7 @@ private slots:
     void indexIsPrivateAndHugeFilesAreNeverRead();
     void searchCopiesRecordsAndKZeroReturnsNothing();
     void groupingKeepsEachFilesBestPassage();
+    void searchAcrossNamesEachRowsFolder();
     void fileListGivesTheReasonForEveryFile();
     void clearAndReopenDiscardsTheIndex();
     void pdfPageForLine();
@@ -190,6 +191,39 @@ void TestIndexHandle::searchCopiesRecordsAndKZeroReturnsNothing()
     const QList<SearchResult> regex = engine.search(QStringLiteral("sec.nd"), SearchMode::Regex, 5);
     QCOMPARE(regex.size(), 1);
     QCOMPARE(engine.search(QStringLiteral("anything"), SearchMode::Semantic, 5).size(), 2);
+}
+
+// Two tabs searched as one: text hits take turns, narrowing words reach every index, and each
+// row names the folder that holds its file.
+void TestIndexHandle::searchAcrossNamesEachRowsFolder()
+{
+    QTemporaryDir first, second;
+    QVERIFY(writeFile(first.path(), QStringLiteral("a.txt"), "a needle in the first folder\n"));
+    QVERIFY(writeFile(second.path(), QStringLiteral("b.txt"), "a needle in the second one\n"));
+    QVERIFY(writeFile(second.path(), QStringLiteral("c.md"), "another needle, in Markdown\n"));
+    IndexHandle a(first.path(), QString());
+    IndexHandle b(second.path(), QString());
+    QVERIFY(a.ingestDirectory(800, 200, *m_env->walk()) > 0);
+    QVERIFY(b.ingestDirectory(800, 200, *m_env->walk()) > 0);
+    const auto files = [](const QList<SearchResult> &hits) {
+        QStringList out;
+        for (const SearchResult &hit : hits) {
+            if (!hit.filePath.startsWith(hit.folder + QLatin1Char('/'))) {
+                out.append(QStringLiteral("wrong folder ") + hit.folder);
+            }
+            out.append(QFileInfo(hit.filePath).fileName());
+        }
+        return out;
+    };
+    QCOMPARE(files(IndexHandle::searchAcross(
+                 {&a, &b}, QStringLiteral("needle"), SearchMode::Text, 10, ResultLayout::ByFile)),
+             (QStringList{"a.txt", "b.txt", "c.md"}));
+    QCOMPARE(files(IndexHandle::searchAcross({&b, &a},
+                                             QStringLiteral("needle type:text -second"),
+                                             SearchMode::Keyword,
+                                             10,
+                                             ResultLayout::ByFile)),
+             (QStringList{"a.txt"}));
 }
 
 // The file scope view's words for every kind of file, after indexing, an edit and an addition.
