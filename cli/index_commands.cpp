@@ -28,6 +28,7 @@ constexpr int WATCH_SETTLE_MS = 2000;
 
 struct UpdateProgress {
     ProgressLine line;
+    const TrnEngine *engine;
     TrnUpdateReport report; // filled in by the engine as the update goes
     int32_t done = 0;       // files handled of total
     int32_t total = 0;
@@ -60,7 +61,9 @@ bool on_update_progress(const char *, int32_t done, int32_t total, void *user)
     p->done = done;
     p->total = total;
     if (p->line.shown() && total > 0) {
-        p->line.update(done, total, (uint32_t)p->report.chunks_added);
+        uint64_t bytes_done = 0, bytes_all = 0;
+        trn_update_progress(p->engine, &bytes_done, &bytes_all);
+        p->line.update(done, total, (uint32_t)p->report.chunks_added, bytes_done, bytes_all);
     }
     return g_stop == 0;
 }
@@ -160,7 +163,7 @@ EnginePtr open_for_update(const UpdateSetup &u)
 // handle the new index replaces the old one at the end.
 TrnUpdateReport run_walk(const char *label, const UpdateSetup &u, TrnEngine *e, bool rebuilding)
 {
-    UpdateProgress progress{ProgressLine{label}, {}};
+    UpdateProgress progress{ProgressLine{label}, e, {}};
     int32_t n = trn_update_dir(e,
                                u.root.c_str(),
                                u.chunk_size,

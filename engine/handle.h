@@ -49,6 +49,10 @@ struct TrnEngine {
     uint64_t deleted_count;
     char store_path[TRN_PATH_MAX]; /* empty for an in-memory engine */
     char wal_path[TRN_PATH_MAX];
+    /* The folder whose index this is, the parent of the index directory, with a trailing '/';
+    ** paths below it are written to the index's files relative to it (file_io.cpp). Empty for
+    ** an in-memory engine. */
+    char folder[TRN_PATH_MAX];
     FILE *wal; /* the log, open for appending, or NULL; written with write(2) and fsync(2) only */
     TrnEncoder encoder;
     uint8_t weights_loaded;
@@ -56,6 +60,8 @@ struct TrnEngine {
     TrnScratch **embed_scratch; /* their scratch spaces (slot 0 unused), NULL until needed */
     uint64_t level_state;       /* the graph level generator (draw_level) */
     uint64_t files_read;        /* files its updates read (unchanged ones must not be) */
+    uint64_t update_bytes_done; /* while trn_update_dir runs: the bytes of the files it handled */
+    uint64_t update_bytes_all;  /* and of all it will read; both 0 otherwise */
     uint64_t texts_embedded;    /* chunk texts embed_distinct_chunks embedded (not copied) */
     /* Chunk texts by hash, so a text met again takes the vector it already has (embed.cpp).
     ** Open addressing: an entry is the hash's high 32 bits << 32 | (slot + 1), 0 when empty;
@@ -118,6 +124,7 @@ struct TrnEngine {
     uint64_t own_generation;
     uint64_t own_from;
     uint64_t own_end;
+    uint8_t paths_full; /* the store names files by full paths, as version 1 did: rewrite it */
 };
 
 #endif /* TRN_HANDLE_H */

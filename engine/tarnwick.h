@@ -311,7 +311,14 @@ typedef bool (*TrnProgressFn)(const char *path, int32_t done, int32_t total, voi
 ** "tarnwick: recovered D of N chunks"; a normal handle checkpoints after every 4096 logged
 ** chunks, which bounds N. Never returns NULL;
 ** close with trn_close. When the index is busy or damaged (see trn_open_ex) it prints the one
-** line of trn_last_error and returns an empty handle whose writes all fail with that status. */
+** line of trn_last_error and returns an empty handle whose writes all fail with that status.
+**
+** The index's files name a file below the index's folder (the parent of cfg->index_dir, made
+** absolute from the working directory without resolving links) relative to that folder, and
+** every other path as given. A handle opened on the index of a moved or copied folder therefore
+** gives the files' paths at the folder's new place; results and doc ids always carry full
+** paths. Files written by older versions, with every path whole, are read as they are and
+** rewritten once by the next trn_update_dir or trn_checkpoint. */
 TRN_API TrnEngine *trn_open(const TrnConfig *cfg);
 
 /* ---------------------------------------------------------------------------------------------
@@ -412,6 +419,18 @@ TRN_API void trn_set_verbose(int32_t on);
 ** and tarnwick-cli print this same line. */
 TRN_API int32_t trn_progress_text(const char *verb, int32_t done, int32_t found, uint32_t chunks,
                                   double seconds, char *out, size_t size);
+
+/* The same line, with the time left taken from the bytes of the files instead of their count
+** when bytes_all > 0: the bytes to come at the pace of the bytes_done done so far, so that a few
+** large files at the end do not make the estimate wrong. trn_update_progress gives both. */
+TRN_API int32_t trn_progress_line(const char *verb, int32_t done, int32_t found, uint32_t chunks,
+                                  double seconds, uint64_t bytes_done, uint64_t bytes_all,
+                                  char *out, size_t size);
+
+/* While trn_update_dir runs on e (from its progress callback): the bytes of the files it has
+** read or removed so far into *done and of all it will handle into *all (sizes as the walk found
+** them). Both 0 before and after a trn_update_dir. Either pointer may be NULL. */
+TRN_API void trn_update_progress(const TrnEngine *e, uint64_t *done, uint64_t *all);
 
 /* Writes a duration rounded for people into out as trn_progress_text does: "12 s" (at least 1),
 ** "4 min" below an hour (to the nearest minute), else "1 h 05 min". Returns the length. */
@@ -526,7 +545,9 @@ enum { TRN_UPDATE_COMPACT_PERCENT = 25 };
 ** update stops there; see trn_last_status).
 **
 ** Paths in the index are dir, "/" and the path below it, as given: pass dir the same way (the
-** application and tarnwick-cli pass it absolute and resolved) or files are indexed twice. */
+** application and tarnwick-cli pass it absolute and resolved) or files are indexed twice. After
+** the folder holding the index was moved, its files keep their chunks: an update reads none
+** that mv left as it was, and embeds no chunk whose text it already holds. */
 TRN_API int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_t overlap,
                                const TrnWalkOptions *opts, TrnProgressFn progress, void *user,
                                TrnUpdateReport *report);

@@ -17,7 +17,9 @@
 ** the new ones. The manifest is written after the groups it describes are logged, so an entry
 ** never claims more than the index holds; its chunk count check catches the rest (a rebuild by
 ** another program, a log another process cut). A manifest that cannot be read means every file
-** is read and every chunked file is replaced once, which costs time and loses nothing.
+** is read and every chunked file is replaced once, which costs time and loses nothing. A store or
+** manifest of an older version, which named every file by its full path, is rewritten by the
+** update (a checkpoint), so that the folder can move from then on (storage.h).
 **
 ** Which files are walked and what text they hold is decided by the one walk, classification and
 ** extraction of files.h, as everywhere else.
@@ -241,7 +243,9 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
         trusted = !e->rebuild && manifest_read(e, &old) && old.chunk_size == chunk_size
                   && old.overlap == overlap && old.text_version == MANIFEST_TEXT_VERSION;
     }
-    bool dirty = has_files && !trusted;
+    /* Files an older version wrote with every path whole are rewritten once, so that the folder
+    ** can move. */
+    bool dirty = has_files && (!trusted || old.paths_full);
     PathMap<int64_t> old_index;
     for (uint32_t i = 0; trusted && i < old.count; i++) {
         old_index.emplace(XString(old.entries[i].path), (int64_t)i);
@@ -316,6 +320,11 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
     }
 
     const int32_t total = (int32_t)work.size();
+    e->update_bytes_done = 0;
+    e->update_bytes_all = 0;
+    for (const Work &job : work) {
+        e->update_bytes_all += job.walked >= 0 ? walked[(size_t)job.walked].size : 0;
+    }
     bool keep_going = !progress || progress(nullptr, 0, total, user);
     bool failed = false;
     bool changed_index = false;
@@ -387,6 +396,7 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
                 free(text);
             }
         }
+        e->update_bytes_done += w ? w->size : 0;
         if (progress && !progress(job.path.c_str(), (int32_t)done + 1, total, user)) {
             keep_going = false;
             report->cancelled = 1;
@@ -411,11 +421,15 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
     ** old index (a cancelled or failed rebuild leaves both as they were). */
     if (e->rebuild && !failed && !report->cancelled) {
         failed = trn_checkpoint(e) != 1;
+    } else if (has_files && !failed && e->paths_full) {
+        failed = trn_checkpoint(e) != 1;
     }
     if (has_files && dirty && !e->rebuild) {
         /* The files from done on were not handled: they keep their old entries. */
         write_manifest(e, &next, &old, work, done);
     }
+    e->update_bytes_done = 0;
+    e->update_bytes_all = 0;
     manifest_free(&next);
     manifest_free(&old);
     return failed ? -1 : report->chunks_added;
