@@ -799,7 +799,7 @@ int32_t trn_rollback(TrnEngine *e)
         && v.wal_size == e->own_end && e->wal_end == e->own_end) {
         TrnPathList paths;
         int fd = index_open(e, "tarnwick.wal", O_RDWR);
-        cut = fd >= 0 && wal_paths(fd, e->own_from, e->own_end, &paths)
+        cut = fd >= 0 && wal_paths(e, fd, e->own_from, e->own_end, &paths)
               && ftruncate(fd, (off_t)e->own_from) == 0 && fsync(fd) == 0;
         if (fd >= 0) {
             close(fd);

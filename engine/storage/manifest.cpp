@@ -169,7 +169,7 @@ bool manifest_read(const TrnEngine *e, Manifest *m)
 namespace
 {
 
-void manifest_bytes(const Manifest *m, TrnBytes &b)
+void manifest_bytes(const TrnEngine *e, const Manifest *m, TrnBytes &b)
 {
     put(&b, "TRNF", 4);
     put(&b, &MANIFEST_VERSION, 4);
@@ -221,7 +221,7 @@ bool write_all(int fd, const TrnBytes &b)
 bool manifest_write(const TrnEngine *e, const Manifest *m)
 {
     TrnBytes b;
-    manifest_bytes(m, b);
+    manifest_bytes(e, m, b);
     char tmp[64];
     int fd = index_open_temp(e, "tarnwick.files", tmp, sizeof tmp);
     if (fd < 0) {
@@ -245,7 +245,10 @@ bool manifest_forget(const TrnEngine *e, const TrnPathList &paths)
     }
     TrnPathList sorted = paths;
     std::sort(sorted.begin(), sorted.end());
-    Manifest kept = {m.chunk_size, m.overlap, m.text_version, nullptr, 0, 0};
+    Manifest kept = {};
+    kept.chunk_size = m.chunk_size;
+    kept.overlap = m.overlap;
+    kept.text_version = m.text_version;
     for (uint32_t i = 0; i < m.count; i++) {
         if (!std::binary_search(sorted.begin(), sorted.end(), TrnPath(m.entries[i].path))) {
             manifest_add(&kept, &m.entries[i]);
@@ -254,7 +257,7 @@ bool manifest_forget(const TrnEngine *e, const TrnPathList &paths)
     bool ok = true;
     if (kept.count < m.count) {
         TrnBytes b;
-        manifest_bytes(&kept, b);
+        manifest_bytes(e, &kept, b);
         /* Rewritten in place: the file only shrinks, so a full disk cannot stop it. A crash
         ** half-way leaves a checksum that fails, which costs the next update reading every file. */
         int fd = index_open(e, "tarnwick.files", O_WRONLY);

@@ -76,9 +76,10 @@ void wal_put_remove(const TrnEngine *e, TrnBytes *group, const char *path);
 bool wal_commit_group(TrnEngine *e, TrnBytes *group);
 using TrnPath = std::basic_string<char, std::char_traits<char>, XAllocator<char>>;
 using TrnPathList = std::vector<TrnPath, XAllocator<TrnPath>>;
-/* Appends the paths that the records of bytes [from, end) of the log open at fd add chunks to or
-** remove (a run of one path once). False when the bytes cannot be read or are not whole records. */
-bool wal_paths(int fd, uint64_t from, uint64_t end, TrnPathList *paths);
+/* Appends the paths (whole, as in memory) that the records of bytes [from, end) of e's log open
+** at fd add chunks to or remove (a run of one path once). False when the bytes cannot be read or
+*are not whole records. */
+bool wal_paths(const TrnEngine *e, int fd, uint64_t from, uint64_t end, TrnPathList *paths);
 
 /* ---------------------------------------------------------------------------------------------
 ** Durability (commit.cpp): the lock, the commit record and staying in step with other processes

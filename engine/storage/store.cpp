@@ -6,9 +6,8 @@
 **
 **     offset  size  field
 **          0     4  magic "TRNW"
-**          4     4  uint32 version: 3; 2 wrote paths below the folder in full and needed no
-**                   commit record, 1 also wrote every path whole (both still read); a store of
-**                   version 3 requires its commit record
+**          4     4  uint32 version: 3, which requires its commit record; 2 is the same without
+**                   that requirement, 1 wrote every path whole (both still read)
 **          8     4  int32 dim (must be 512, the encoder's width)
 **         12     4  int32 M
 **         16     4  int32 ef_construction

@@ -475,7 +475,7 @@ bool wal_commit_group(TrnEngine *e, TrnBytes *group)
     return true;
 }
 
-bool wal_paths(int fd, uint64_t from, uint64_t end, TrnPathList *paths)
+bool wal_paths(const TrnEngine *e, int fd, uint64_t from, uint64_t end, TrnPathList *paths)
 {
     if (end < from || end - from > SIZE_MAX) {
         return false;
@@ -498,10 +498,11 @@ bool wal_paths(int fd, uint64_t from, uint64_t end, TrnPathList *paths)
         const uint8_t *path = r.op == 'A' ? r.path : r.op == 'D' ? r.id : nullptr;
         uint32_t n = r.op == 'A' ? r.path_len : r.id_len;
         if (path && n > 0) {
-            TrnPath p(reinterpret_cast<const char *>(path), n);
-            if (paths->empty() || paths->back() != p) {
-                paths->push_back(p);
+            char *full = path_from_disk(e, path, n);
+            if (paths->empty() || paths->back() != full) {
+                paths->push_back(TrnPath(full));
             }
+            free(full);
         }
     }
     return c.left == 0;
