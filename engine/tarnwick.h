@@ -283,7 +283,8 @@ typedef struct TrnFileInfo {
     uint8_t is_dir;       /* 1 for an excluded or unreadable directory, reported once */
     uint8_t changed;      /* 1 when indexed and modified after the index was last written */
     TrnFileStatus status; /* the walk's verdict; trn_list_dir_files_ex also reads the text */
-    char *reason;         /* owned; for EXCLUDED the rule, e.g. ".gitignore:3: build/"; else "" */
+    char *reason;         /* owned; for EXCLUDED the rule, e.g. ".gitignore:3: build/"; for a
+                             text cut at the size limit (_ex, files it read) says so; else "" */
     char encoding[32];    /* trn_list_dir_files_ex, for text, source, Markdown and HTML files that
                              give text: the charset they are read in, "UTF-8", or the one their
                              bytes were converted from ("Windows-1252", "ISO-8859-1", or the one
@@ -393,6 +394,15 @@ TRN_API void trn_close(TrnEngine *e);
 ** when the index is busy, damaged or cannot be written (the previous store, log and commit
 ** record then stay as they were; see trn_last_error). */
 TRN_API int32_t trn_checkpoint(TrnEngine *e);
+
+/* Undoes what this handle logged since its last checkpoint, for a command that failed (a
+** trn_checkpoint that could not write the store on a full disk): the log is cut back to where
+** the handle's own groups began, so the index reads as its last checkpoint left it, without
+** re-embedding them at every open, and the next trn_update_dir reads the files involved again.
+** Only groups at the end of the log that nothing of another process follows are cut. Returns 1
+** when groups were cut, 0 when there were none or they could not be (busy, another process wrote
+** after them, the log could not be cut). The handle's status and message stay as they were. */
+TRN_API int32_t trn_rollback(TrnEngine *e);
 
 /* Turns the engine's informational lines on standard error ("opened", "built doc index", "loaded
 ** encoder weights") on (non-zero, the default) or off (0). Warnings and errors are printed either
