@@ -672,6 +672,11 @@ enum {
 TRN_API int32_t trn_search(TrnEngine *e, const char *query, int32_t mode, int32_t k,
                            TrnResult *results);
 
+/* Says whether the word of len bytes (lower case) is one of the common English words that
+** trn_search never marks on their own ("a", "the", "how", ...), so front ends that mark matches
+** themselves leave out the same ones. Returns 1 or 0. */
+TRN_API int trn_is_stop_word(const char *word, size_t len);
+
 /* Flags of trn_search_ex. */
 enum {
     /* One result per file: the file's best chunk by the mode's ranking, with more_in_file

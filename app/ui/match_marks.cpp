@@ -4,6 +4,7 @@
 #include "match_marks.h"
 
 #include "query_filters.h"
+#include "tarnwick.h"
 
 #include <QRegularExpression>
 
@@ -59,7 +60,16 @@ QStringList queryWords(const QString &query)
             }
         }
     }
-    return words;
+    // Common words match everywhere: they are marked only when the query has nothing else, as
+    // the engine marks its snippets.
+    QStringList kept;
+    for (const QString &word : words) {
+        const QByteArray utf8 = word.toUtf8();
+        if (!trn_is_stop_word(utf8.constData(), static_cast<size_t>(utf8.size()))) {
+            kept.append(word);
+        }
+    }
+    return kept.isEmpty() ? words : kept;
 }
 
 // Every occurrence of a query word that begins and ends at a word or identifier-part boundary,

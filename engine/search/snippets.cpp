@@ -440,3 +440,8 @@ void html_source_lines(TrnEngine *e, TrnResult *results, const uint32_t *slots,
     }
     free(text);
 }
+
+extern "C" int trn_is_stop_word(const char *word, size_t len)
+{
+    return word && is_stop_word(word, len) ? 1 : 0;
+}
