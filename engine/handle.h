@@ -49,6 +49,10 @@ struct TrnEngine {
     uint64_t deleted_count;
     char store_path[TRN_PATH_MAX]; /* empty for an in-memory engine */
     char wal_path[TRN_PATH_MAX];
+    /* The folder whose index this is, the parent of the index directory, with a trailing '/';
+    ** paths below it are written to the index's files relative to it (file_io.cpp). Empty for
+    ** an in-memory engine. */
+    char folder[TRN_PATH_MAX];
     FILE *wal; /* the log, open for appending, or NULL; written with write(2) and fsync(2) only */
     TrnEncoder encoder;
     uint8_t weights_loaded;
@@ -110,6 +114,7 @@ struct TrnEngine {
     uint8_t wal_stale;   /* the log belongs to an older generation and is ignored */
     uint8_t changed;     /* memory holds what the store does not (log replayed, writes) */
     uint8_t unsaved;     /* memory holds what neither the store nor the log does */
+    uint8_t paths_full;  /* the store names files by full paths, as version 1 did: rewrite it */
 };
 
 #endif /* TRN_HANDLE_H */

@@ -310,7 +310,14 @@ typedef bool (*TrnProgressFn)(const char *path, int32_t done, int32_t total, voi
 ** "tarnwick: recovered D of N chunks"; a normal handle checkpoints after every 4096 logged
 ** chunks, which bounds N. Never returns NULL;
 ** close with trn_close. When the index is busy or damaged (see trn_open_ex) it prints the one
-** line of trn_last_error and returns an empty handle whose writes all fail with that status. */
+** line of trn_last_error and returns an empty handle whose writes all fail with that status.
+**
+** The index's files name a file below the index's folder (the parent of cfg->index_dir, made
+** absolute from the working directory without resolving links) relative to that folder, and
+** every other path as given. A handle opened on the index of a moved or copied folder therefore
+** gives the files' paths at the folder's new place; results and doc ids always carry full
+** paths. Files written by older versions, with every path whole, are read as they are and
+** rewritten once by the next trn_update_dir or trn_checkpoint. */
 TRN_API TrnEngine *trn_open(const TrnConfig *cfg);
 
 /* ---------------------------------------------------------------------------------------------
@@ -516,7 +523,9 @@ enum { TRN_UPDATE_COMPACT_PERCENT = 25 };
 ** update stops there; see trn_last_status).
 **
 ** Paths in the index are dir, "/" and the path below it, as given: pass dir the same way (the
-** application and tarnwick-cli pass it absolute and resolved) or files are indexed twice. */
+** application and tarnwick-cli pass it absolute and resolved) or files are indexed twice. After
+** the folder holding the index was moved, its files keep their chunks: an update reads none
+** that mv left as it was, and embeds no chunk whose text it already holds. */
 TRN_API int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_t overlap,
                                const TrnWalkOptions *opts, TrnProgressFn progress, void *user,
                                TrnUpdateReport *report);

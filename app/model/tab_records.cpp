@@ -3,9 +3,36 @@
 #include "json_coding.h"
 #include "settings.h"
 
+#include <QFile>
+#include <QFileInfo>
+#include <QSaveFile>
+
+namespace
+{
+
+// path with the directory from at its start replaced by to.
+QString rebased(const QString &path, const QString &from, const QString &to)
+{
+    if (path == from) {
+        return to;
+    }
+    if (path.startsWith(from + QLatin1Char('/'))) {
+        return to + path.mid(from.size());
+    }
+    return path;
+}
+
+} // namespace
+
+QString TabRecords::placePath(const QString &directoryPath)
+{
+    return directoryPath + QStringLiteral("/.tarnwick/place");
+}
+
 TabRecords::TabRecords(const QString &directoryPath, Settings *settings)
     : m_settings(settings), m_directoryPath(directoryPath)
 {
+    adoptEarlierPlace();
     m_history = SearchHistoryEntry::decodeList(m_settings->searchHistoryData(m_directoryPath))
                     .value_or(QList<SearchHistoryEntry>());
     m_pins = PinnedResult::decodeList(m_settings->pinnedResultsData(m_directoryPath))
@@ -14,6 +41,66 @@ TabRecords::TabRecords(const QString &directoryPath, Settings *settings)
     if (overrideText) {
         m_encoderOverride = JsonCoding::uuidFromText(*overrideText);
     }
+    rememberPlace();
+}
+
+void TabRecords::adoptEarlierPlace()
+{
+    QFile file(placePath(m_directoryPath));
+    if (!file.open(QIODevice::ReadOnly)) {
+        return;
+    }
+    const QString earlier = QString::fromUtf8(file.readAll());
+    if (earlier.isEmpty() || earlier == m_directoryPath
+        || !m_settings->searchHistoryData(m_directoryPath).isEmpty()
+        || !m_settings->pinnedResultsData(m_directoryPath).isEmpty()
+        || m_settings->encoderOverride(m_directoryPath)) {
+        return;
+    }
+    m_settings->setSearchHistoryData(m_directoryPath, m_settings->searchHistoryData(earlier));
+    std::optional<QList<PinnedResult>> pins =
+        PinnedResult::decodeList(m_settings->pinnedResultsData(earlier));
+    if (pins) {
+        for (PinnedResult &pin : *pins) {
+            pin.id = rebased(pin.id, earlier, m_directoryPath);
+            pin.filePath = rebased(pin.filePath, earlier, m_directoryPath);
+            pin.folder = rebased(pin.folder, earlier, m_directoryPath);
+        }
+        m_settings->setPinnedResultsData(m_directoryPath, PinnedResult::encodeList(*pins));
+    }
+    m_settings->setEncoderOverride(m_directoryPath, m_settings->encoderOverride(earlier));
+    if (m_settings->isIndexingUnfinished(earlier)) {
+        m_settings->setIndexingUnfinished(m_directoryPath, true);
+    }
+    // A copy leaves the original with its index and records; a move leaves nothing there.
+    if (!QFileInfo::exists(placePath(earlier))) {
+        m_settings->setSearchHistoryData(earlier, QByteArray());
+        m_settings->setPinnedResultsData(earlier, QByteArray());
+        m_settings->setEncoderOverride(earlier, std::nullopt);
+        m_settings->setIndexingUnfinished(earlier, false);
+    }
+}
+
+void TabRecords::rememberPlace()
+{
+    if (m_placeWritten || !QFileInfo(m_directoryPath + QStringLiteral("/.tarnwick")).isDir()) {
+        return;
+    }
+    QFile current(placePath(m_directoryPath));
+    if (current.open(QIODevice::ReadOnly) && current.readAll() == m_directoryPath.toUtf8()) {
+        m_placeWritten = true;
+        return;
+    }
+    // QSaveFile writes through a link to its target; a link here was planted, so it goes.
+    if (QFileInfo(placePath(m_directoryPath)).isSymLink()) {
+        QFile::remove(placePath(m_directoryPath));
+    }
+    QSaveFile file(placePath(m_directoryPath));
+    // Like every file of the index directory, readable by its owner alone.
+    m_placeWritten =
+        file.open(QIODevice::WriteOnly) && file.write(m_directoryPath.toUtf8()) >= 0
+        && file.commit()
+        && QFile::setPermissions(placePath(m_directoryPath), QFile::ReadOwner | QFile::WriteOwner);
 }
 
 void TabRecords::addToHistory(const QString &query, SearchMode mode)
@@ -27,6 +114,7 @@ void TabRecords::addToHistory(const QString &query, SearchMode mode)
         m_history.resize(kHistoryLimit);
     }
     m_settings->setSearchHistoryData(m_directoryPath, SearchHistoryEntry::encodeList(m_history));
+    rememberPlace();
 }
 
 bool TabRecords::isPinned(const SearchResult &result) const
@@ -49,6 +137,7 @@ void TabRecords::togglePin(const SearchResult &result)
         m_pins.append(PinnedResult::fromResult(result));
     }
     m_settings->setPinnedResultsData(m_directoryPath, PinnedResult::encodeList(m_pins));
+    rememberPlace();
 }
 
 QList<SearchResult> TabRecords::pinnedResults() const
@@ -72,5 +161,6 @@ bool TabRecords::setEncoderOverride(const QUuid &profileId)
     } else {
         m_settings->setEncoderOverride(m_directoryPath, JsonCoding::uuidText(profileId));
     }
+    rememberPlace();
     return changed;
 }

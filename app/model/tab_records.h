@@ -4,6 +4,13 @@
 **
 ** The history holds the most recent search first, at most kHistoryLimit, no two entries with the
 ** same query and mode. Pins keep the order they were pinned in and never hold a result twice.
+**
+** The settings key the records by the directory's path, and the index in the directory keeps
+** working after the directory was moved or copied. So that the records go along, the index
+** directory holds the file "place": the path they were last kept under. A tab opened on a
+** directory whose place names another path, and that has no records of its own, takes over the
+** records kept there, pins pointed at the new paths; when nothing is left at the old path (a
+** move), its records are removed from the settings.
 */
 #ifndef TRN_APP_TAB_RECORDS_H
 #define TRN_APP_TAB_RECORDS_H
@@ -21,9 +28,12 @@ class TabRecords
 public:
     static constexpr int kHistoryLimit = 10;
 
-    // Reads the directory's records; a list that does not decode counts as empty. settings must
-    // outlive the records.
+    // Reads the directory's records, after taking over those of its earlier place; a list that
+    // does not decode counts as empty. settings must outlive the records.
     TabRecords(const QString &directoryPath, Settings *settings);
+
+    // "<directoryPath>/.tarnwick/place".
+    static QString placePath(const QString &directoryPath);
 
     const QList<SearchHistoryEntry> &history() const { return m_history; }
     const QList<PinnedResult> &pins() const { return m_pins; }
@@ -41,11 +51,16 @@ public:
     bool setEncoderOverride(const QUuid &profileId);
 
 private:
+    void adoptEarlierPlace();
+    // Writes the place file once the index directory exists.
+    void rememberPlace();
+
     Settings *m_settings;
     QString m_directoryPath;
     QList<SearchHistoryEntry> m_history;
     QList<PinnedResult> m_pins;
     QUuid m_encoderOverride;
+    bool m_placeWritten = false;
 };
 
 #endif

@@ -224,7 +224,7 @@ int32_t trn_remove_file(TrnEngine *e, const char *path)
     if (marked > 0) {
         TrnBytes group;
         wal_group_begin(e, &group);
-        wal_put_remove(&group, path);
+        wal_put_remove(e, &group, path);
         if (wal_commit_group(e, &group)) {
             remove_file_mem(e, path);
             e->changed = 1;

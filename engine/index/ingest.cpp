@@ -433,10 +433,11 @@ static int32_t chunk_and_store(TrnEngine *e, const char *path, const char *text,
         TrnBytes group;
         wal_group_begin(e, &group);
         if (replace) {
-            wal_put_remove(&group, path);
+            wal_put_remove(e, &group, path);
         }
         for (size_t i = 0; i < pending.size(); i++) {
-            wal_put_add(&group,
+            wal_put_add(e,
+                        &group,
                         pending[i].doc_id,
                         pending[i].text,
                         path,

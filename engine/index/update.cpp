@@ -17,7 +17,9 @@
 ** the new ones. The manifest is written after the groups it describes are logged, so an entry
 ** never claims more than the index holds; its chunk count check catches the rest (a rebuild by
 ** another program, a log another process cut). A manifest that cannot be read means every file
-** is read and every chunked file is replaced once, which costs time and loses nothing.
+** is read and every chunked file is replaced once, which costs time and loses nothing. A store or
+** manifest of an older version, which named every file by its full path, is rewritten by the
+** update (a checkpoint), so that the folder can move from then on (storage.h).
 **
 ** Which files are walked and what text they hold is decided by the one walk, classification and
 ** extraction of files.h, as everywhere else.
@@ -241,7 +243,9 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
         trusted = !e->rebuild && manifest_read(e, &old) && old.chunk_size == chunk_size
                   && old.overlap == overlap && old.text_version == MANIFEST_TEXT_VERSION;
     }
-    bool dirty = has_files && !trusted;
+    /* Files an older version wrote with every path whole are rewritten once, so that the folder
+    ** can move. */
+    bool dirty = has_files && (!trusted || old.paths_full);
     PathMap<int64_t> old_index;
     for (uint32_t i = 0; trusted && i < old.count; i++) {
         old_index.emplace(XString(old.entries[i].path), (int64_t)i);
@@ -410,6 +414,8 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
     /* A rebuilt index replaces the old one here; until it does, the old manifest stays with the
     ** old index (a cancelled or failed rebuild leaves both as they were). */
     if (e->rebuild && !failed && !report->cancelled) {
+        failed = trn_checkpoint(e) != 1;
+    } else if (has_files && !failed && e->paths_full) {
         failed = trn_checkpoint(e) != 1;
     }
     if (has_files && dirty && !e->rebuild) {

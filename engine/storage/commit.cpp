@@ -231,6 +231,7 @@ void index_reset(TrnEngine *e)
     e->wal_stale = 0;
     e->changed = 0;
     e->unsaved = 0;
+    e->paths_full = 0;
 }
 
 } // namespace
@@ -622,6 +623,7 @@ bool probe_committed(TrnEngine *e, TrnEngine *probe)
     probe->max_level = -1;
     memcpy(probe->store_path, e->store_path, sizeof e->store_path);
     memcpy(probe->wal_path, e->wal_path, sizeof e->wal_path);
+    memcpy(probe->folder, e->folder, sizeof e->folder);
     probe->dir_fd = e->dir_fd; /* lent: the probe is freed without closing it */
     probe->dir_open = e->dir_open;
     ensure_cap(probe, 64);

@@ -5,11 +5,15 @@
 ** never through a link, so a link planted in the directory or in place of it cannot redirect a
 ** write to a file elsewhere. Every file is created 0600 and an existing one narrowed to 0600, so
 ** no other user can read what was indexed.
+**
+** It also knows the index's folder, the parent of the index directory, which paths in the index's
+** files are written relative to (storage.h gives the form).
 */
 #include "internal.h"
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 
 #include <fcntl.h>
@@ -26,10 +30,69 @@ bool deny(TrnEngine *e, const char *dir, const char *why, const char *fix)
     return false;
 }
 
+/* e->folder for the index directory dir; left empty (every path written whole) when it does
+** not fit or the working directory cannot be read. */
+void folder_set(TrnEngine *e, const char *dir)
+{
+    e->folder[0] = '\0';
+    char full[TRN_PATH_MAX];
+    if (dir[0] == '/') {
+        snprintf(full, sizeof full, "%s", dir);
+    } else {
+        char cwd[TRN_PATH_MAX];
+        if (!getcwd(cwd, sizeof cwd)) {
+            return;
+        }
+        size_t n = strlen(cwd);
+        if (snprintf(full, sizeof full, "%s%s%s", cwd, cwd[n - 1] == '/' ? "" : "/", dir)
+            >= (int)sizeof full) {
+            return;
+        }
+    }
+    size_t n = strlen(full);
+    while (n > 1 && full[n - 1] == '/') {
+        n--;
+    }
+    while (n > 0 && full[n - 1] != '/') {
+        n--; /* the index directory's own name */
+    }
+    while (n > 1 && full[n - 2] == '/') {
+        n--;
+    }
+    full[n] = '\0'; /* the folder with its trailing '/' */
+    snprintf(e->folder, sizeof e->folder, "%s", full);
+}
+
 } // namespace
+
+DiskPath disk_path(const TrnEngine *e, const char *path)
+{
+    size_t n = strlen(path);
+    size_t f = strlen(e->folder);
+    if (f > 0 && n > f && memcmp(path, e->folder, f) == 0) {
+        return DiskPath{true, path + f, (uint32_t)(n - f + 1)};
+    }
+    return DiskPath{false, path, (uint32_t)n};
+}
+
+char *path_from_disk(const TrnEngine *e, const uint8_t *p, size_t n)
+{
+    size_t f = 0;
+    if (n > 0 && p[0] == '\0') {
+        f = strlen(e->folder);
+        p++;
+        n--;
+    }
+    char *path = static_cast<char *>(xmalloc(f + n + 1));
+    memcpy(path, e->folder, f);
+    memcpy(path + f, p, n);
+    path[f + n] = '\0';
+    return path;
+}
 
 bool index_dir_open(TrnEngine *e, const char *dir)
 {
+    folder_set(e, dir);
     e->dir_fd = -1;
     e->dir_open = 0;
     int fd = open(dir, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);

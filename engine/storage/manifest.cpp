@@ -6,7 +6,7 @@
 **
 **     offset  size  field
 **          0     4  magic "TRNF"
-**          4     4  uint32 version, 1
+**          4     4  uint32 version, 2 (1: every path written whole; still read)
 **          8     4  int32 chunk_size the files were cut with
 **         12     4  int32 overlap
 **         16     4  uint32 text version (MANIFEST_TEXT_VERSION: how text is taken and cut)
@@ -14,7 +14,9 @@
 **
 ** then count entries, in the order the walk met the files:
 **
-**     uint32 n, n bytes   path (1 to TRN_WALK_MAX - 1 bytes, no NUL), as the chunks name it
+**     uint32 n, n bytes   path (1 to TRN_WALK_MAX - 1 bytes), as the chunks name it and as
+**                         storage.h writes it: a NUL and the rest after the folder for a path
+**                         below the index's folder, else the path, which holds no NUL
 **     uint64 size         bytes, from stat
 **     int64  mtime_ns     modification time, nanoseconds since the epoch
 **     int64  ctime_ns     change time, nanoseconds since the epoch
@@ -45,7 +47,8 @@
 namespace
 {
 
-constexpr uint32_t MANIFEST_VERSION = 1;
+constexpr uint32_t MANIFEST_VERSION = 2;
+constexpr uint32_t MANIFEST_VERSION_FULL_PATHS = 1;
 constexpr size_t MANIFEST_HEADER = 24;
 constexpr size_t ENTRY_FIXED = 4 + 8 * 5 + 4 * 3;
 constexpr uint64_t MANIFEST_SIZE_MAX = 1ull << 31; /* about 20 million files */
@@ -126,33 +129,35 @@ bool manifest_read(const TrnEngine *e, Manifest *m)
     uint32_t version = 0, count = 0;
     bool ok = got == size && stored_crc == crc32_update(0, bytes, size - 4)
               && bytes_take(&r, magic, 4) && memcmp(magic, "TRNF", 4) == 0
-              && bytes_take(&r, &version, 4) && version == MANIFEST_VERSION
+              && bytes_take(&r, &version, 4)
+              && (version == MANIFEST_VERSION || version == MANIFEST_VERSION_FULL_PATHS)
               && bytes_take(&r, &m->chunk_size, 4) && bytes_take(&r, &m->overlap, 4)
               && bytes_take(&r, &m->text_version, 4) && bytes_take(&r, &count, 4)
               && (uint64_t)count * ENTRY_FIXED <= r.left;
     for (uint32_t i = 0; ok && i < count; i++) {
-        ManifestEntry e = {};
+        ManifestEntry entry = {};
         uint32_t n = 0;
         ok = bytes_take(&r, &n, 4) && n >= 1 && n < TRN_WALK_MAX && n <= r.left;
         if (!ok) {
             break;
         }
-        char name[TRN_WALK_MAX];
-        memcpy(name, r.p, n);
-        name[n] = '\0';
+        const uint8_t *name = r.p;
         r.p += n;
         r.left -= n;
-        ok = memchr(name, '\0', n) == nullptr && bytes_take(&r, &e.size, 8)
-             && bytes_take(&r, &e.mtime_ns, 8) && bytes_take(&r, &e.ctime_ns, 8)
-             && bytes_take(&r, &e.inode, 8) && bytes_take(&r, &e.text_hash, 8)
-             && bytes_take(&r, &e.type, 4) && bytes_take(&r, &e.chunks, 4)
-             && bytes_take(&r, &e.flags, 4);
+        size_t marker = version == MANIFEST_VERSION && name[0] == '\0' ? 1 : 0;
+        ok = memchr(name + marker, '\0', n - marker) == nullptr && bytes_take(&r, &entry.size, 8)
+             && bytes_take(&r, &entry.mtime_ns, 8) && bytes_take(&r, &entry.ctime_ns, 8)
+             && bytes_take(&r, &entry.inode, 8) && bytes_take(&r, &entry.text_hash, 8)
+             && bytes_take(&r, &entry.type, 4) && bytes_take(&r, &entry.chunks, 4)
+             && bytes_take(&r, &entry.flags, 4);
         if (ok) {
-            e.path = name;
-            manifest_add(m, &e);
+            entry.path = path_from_disk(e, name, n);
+            manifest_add(m, &entry);
+            free(entry.path);
         }
     }
     ok = ok && r.left == 0;
+    m->paths_full = ok && version == MANIFEST_VERSION_FULL_PATHS;
     free(bytes);
     if (!ok) {
         manifest_free(m);
@@ -170,18 +175,21 @@ bool manifest_write(const TrnEngine *e, const Manifest *m)
     put(&b, &m->text_version, 4);
     put(&b, &m->count, 4);
     for (uint32_t i = 0; i < m->count; i++) {
-        const ManifestEntry *e = &m->entries[i];
-        uint32_t n = (uint32_t)strlen(e->path);
-        put(&b, &n, 4);
-        put(&b, e->path, n);
-        put(&b, &e->size, 8);
-        put(&b, &e->mtime_ns, 8);
-        put(&b, &e->ctime_ns, 8);
-        put(&b, &e->inode, 8);
-        put(&b, &e->text_hash, 8);
-        put(&b, &e->type, 4);
-        put(&b, &e->chunks, 4);
-        put(&b, &e->flags, 4);
+        const ManifestEntry *entry = &m->entries[i];
+        DiskPath d = disk_path(e, entry->path);
+        put(&b, &d.length, 4);
+        if (d.relative) {
+            b.push_back(0);
+        }
+        put(&b, d.rest, d.length - (d.relative ? 1 : 0));
+        put(&b, &entry->size, 8);
+        put(&b, &entry->mtime_ns, 8);
+        put(&b, &entry->ctime_ns, 8);
+        put(&b, &entry->inode, 8);
+        put(&b, &entry->text_hash, 8);
+        put(&b, &entry->type, 4);
+        put(&b, &entry->chunks, 4);
+        put(&b, &entry->flags, 4);
     }
     uint32_t crc = crc32_update(0, b.data(), b.size());
     put(&b, &crc, 4);

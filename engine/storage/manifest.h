@@ -32,6 +32,7 @@ struct Manifest {
     ManifestEntry *entries; /* count entries, owned */
     uint32_t count;
     uint32_t capacity;
+    bool paths_full; /* read from a version 1 file, which wrote every path whole */
 };
 
 /* How text is taken from files and cut into windows; an index whose manifest names another

@@ -62,10 +62,10 @@ using TrnBytes = std::vector<uint8_t, XAllocator<uint8_t>>;
 /* Appends the 'G' record when the log is empty, so a group can follow. */
 void wal_group_begin(const TrnEngine *e, TrnBytes *group);
 /* Appends an 'A' record for one chunk. */
-void wal_put_add(TrnBytes *group, const char *doc_id, const char *text, const char *path,
-                 int32_t chunk_index, int32_t line_number, uint32_t file_type);
+void wal_put_add(const TrnEngine *e, TrnBytes *group, const char *doc_id, const char *text,
+                 const char *path, int32_t chunk_index, int32_t line_number, uint32_t file_type);
 /* Appends a 'D' record: every chunk of path is removed. */
-void wal_put_remove(TrnBytes *group, const char *path);
+void wal_put_remove(const TrnEngine *e, TrnBytes *group, const char *path);
 /* Ends the group with its 'C' record, writes it to the log and syncs the log. On failure cuts
 ** the log back to where the group began, sets the status and returns false. Nothing is written
 ** and true returned when the handle keeps no log. */
@@ -178,13 +178,32 @@ inline bool bytes_take_string(ByteReader *r, uint32_t limit, const uint8_t **s, 
 }
 
 /* ---------------------------------------------------------------------------------------------
+** Paths in the index's files (file_io.cpp). In memory a path is what the caller gave (a full path
+** for every file a walk found), and results carry it. On disk a path below the index's folder
+** (e->folder) is one NUL byte and then the rest of the path after the folder's '/', so a folder
+** that is moved or copied keeps its index; any other path is written as it is. A path in memory
+** never holds a NUL, and versions before 2 wrote every path as it is, so files of either version
+** read the same.
+*/
+struct DiskPath {
+    bool relative;    /* the NUL byte comes first */
+    const char *rest; /* the bytes after it: the whole path when not relative */
+    uint32_t length;  /* bytes written, the NUL included */
+};
+DiskPath disk_path(const TrnEngine *e, const char *path);
+/* The path that n bytes of an index file name, as a NUL-terminated string from xmalloc. */
+char *path_from_disk(const TrnEngine *e, const uint8_t *p, size_t n);
+
+/* ---------------------------------------------------------------------------------------------
 ** The index directory and its files (file_io.cpp). Names are relative to the directory, which
 ** is held open; no call follows a link, and files are created 0600.
 */
 /* Opens the index directory dir without following a link and keeps its descriptor in e. True
 ** when it is the running user's and writable by nobody else, or does not exist (then nothing is
 ** read and every write fails); false, with TRN_STATUS_DENIED and a message saying why and how to
-** fix it, when it is a link, another user's, writable by others or unreadable. */
+** fix it, when it is a link, another user's, writable by others or unreadable. Sets e->folder
+** to dir's parent, made absolute from the working directory without resolving links: callers
+** walk the folder by the same name they open its index with. */
 bool index_dir_open(TrnEngine *e, const char *dir);
 void index_dir_close(TrnEngine *e);
 /* openat(2) of a regular file of the index directory with O_NOFOLLOW and O_CLOEXEC added;

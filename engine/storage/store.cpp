@@ -6,7 +6,7 @@
 **
 **     offset  size  field
 **          0     4  magic "TRNW"
-**          4     4  uint32 version, always 1
+**          4     4  uint32 version, 2 (1: every path written whole; still read)
 **          8     4  int32 dim (must be 512, the encoder's width)
 **         12     4  int32 M
 **         16     4  int32 ef_construction
@@ -18,9 +18,13 @@
 **
 ** then count chunk records in chunk-index order, deleted ones included:
 **
-**     uint32 n, n bytes doc_id (no NUL; the loader keeps the first 255)
+**     uint32 n, n bytes doc_id (the loader keeps the first 255 bytes of the path it names)
 **     uint32 n, n bytes text (0: empty or no text)
 **     uint32 n, n bytes file_path (0: no path)
+**
+** doc_id and file_path are paths as storage.h writes them: one below the index's folder is a NUL
+** byte and the rest after the folder, so the store of a moved folder names the files where they
+** are now. A store of version 1 is read as it is and rewritten by the next update or checkpoint.
 **     int32 chunk_index, int32 line_number, uint32 file_type, uint8 deleted
 **     dim float32: the unit vector
 **     int32 level of the graph node (0..31)
@@ -60,7 +64,8 @@ static_assert(std::endian::native == std::endian::little,
 namespace
 {
 
-constexpr uint32_t STORE_VERSION = 1;
+constexpr uint32_t STORE_VERSION = 2;
+constexpr uint32_t STORE_VERSION_FULL_PATHS = 1;
 constexpr size_t STORE_HEADER_SIZE = 40;
 /* Graph parameters read from a store are kept only within these bounds: heaps and candidate
 ** lists are sized from them. */
@@ -88,13 +93,13 @@ bool read_record(TrnEngine *e, ByteReader *cur, uint64_t slot)
     node_reset(node);
 
     uint32_t n = 0;
-    if (!bytes_take_value(cur, &n) || n > cur->left) {
+    const uint8_t *id = nullptr;
+    if (!bytes_take_string(cur, UINT32_MAX, &id, &n)) {
         return false;
     }
-    size_t kept = n < TRN_ID_MAX - 1 ? n : TRN_ID_MAX - 1;
-    bytes_take(cur, c->doc_id, kept);
-    bytes_skip(cur, n - kept);
-    c->doc_id[kept] = '\0';
+    char *doc_id = path_from_disk(e, id, n);
+    snprintf(c->doc_id, sizeof c->doc_id, "%s", doc_id);
+    free(doc_id);
 
     if (!bytes_take_value(cur, &n) || n > cur->left) {
         return false;
@@ -108,9 +113,8 @@ bool read_record(TrnEngine *e, ByteReader *cur, uint64_t slot)
         return false;
     }
     if (n > 0) {
-        c->file_path = static_cast<char *>(xmalloc((size_t)n + 1));
-        bytes_take(cur, c->file_path, n);
-        c->file_path[n] = '\0';
+        c->file_path = path_from_disk(e, cur->p, n);
+        bytes_skip(cur, n);
     }
 
     uint8_t deleted = 0;
@@ -197,7 +201,8 @@ void load_from_bytes(TrnEngine *e, const uint8_t *bytes, size_t size)
     if (!bytes_take(&cur, magic, 4) || memcmp(magic, "TRNW", 4) != 0) {
         return;
     }
-    if (!bytes_take_value(&cur, &version) || version != STORE_VERSION) {
+    if (!bytes_take_value(&cur, &version)
+        || (version != STORE_VERSION && version != STORE_VERSION_FULL_PATHS)) {
         return;
     }
     /* The encoder writes 512 floats per text; vectors of another width could not be compared
@@ -250,6 +255,7 @@ void load_from_bytes(TrnEngine *e, const uint8_t *bytes, size_t size)
         loaded++;
     }
     e->count = loaded;
+    e->paths_full = version == STORE_VERSION_FULL_PATHS && loaded > 0 ? 1 : 0;
     repair_graph(e, entry);
 }
 
@@ -322,6 +328,20 @@ void put_string(StoreOut *o, const char *s)
     put(o, s, n);
 }
 
+void put_path(StoreOut *o, const TrnEngine *e, const char *path)
+{
+    if (!path) {
+        put_value(o, (uint32_t)0);
+        return;
+    }
+    DiskPath d = disk_path(e, path);
+    put_value(o, d.length);
+    if (d.relative) {
+        put(o, "", 1);
+    }
+    put(o, d.rest, d.length - (d.relative ? 1 : 0));
+}
+
 void write_store(const TrnEngine *e, StoreOut *o)
 {
     put(o, "TRNW", 4);
@@ -337,9 +357,9 @@ void write_store(const TrnEngine *e, StoreOut *o)
     for (uint64_t i = 0; i < e->count && o->ok; i++) {
         const TrnChunk *c = &e->chunks[i];
         const TrnNode *node = &e->nodes[i];
-        put_string(o, c->doc_id);
+        put_path(o, e, c->doc_id);
         put_string(o, c->text);
-        put_string(o, c->file_path);
+        put_path(o, e, c->file_path);
         put_value(o, c->chunk_index);
         put_value(o, c->line_number);
         put_value(o, c->file_type);
@@ -501,7 +521,7 @@ bool checkpoint_locked(TrnEngine *e)
     }
     /* The store already holds everything: a reader's checkpoint writes nothing. */
     if (e->has_commit && !e->wal_legacy && !e->wal_stale && e->wal_end == 0 && !e->unsaved
-        && e->seen.wal_size == 0) {
+        && !e->paths_full && e->seen.wal_size == 0) {
         e->changed = 0;
         return true;
     }
@@ -555,6 +575,7 @@ bool checkpoint_locked(TrnEngine *e)
     e->store_crc = out.crc;
     e->unsaved = 0;
     e->changed = 0;
+    e->paths_full = 0;
     e->wal_legacy = 0;
     e->wal_stale = 1; /* until it is emptied below */
     if (!synced) {

@@ -5,7 +5,7 @@
 ** Log layout. No header; a sequence of records, little-endian:
 **
 **     uint8  op
-**     uint32 n, n bytes       id, no NUL; at most 4096 bytes
+**     uint32 n, n bytes       id, at most 4096 bytes; a NUL only as the first byte of a path
 **   op 'A' (0x41), one chunk; id is its doc_id, written at most 255 bytes long:
 **     uint32 n, n bytes       text
 **     uint32 n, n bytes       file_path (0: no path)
@@ -19,6 +19,10 @@
 **     previous 'C' record, or the start of the log) in 8 lower-case hex digits.
 **
 ** Records other than 'A' carry only their id, so a reader that knows only 'A' skips them.
+**
+** doc_id, file_path and the id of 'D' are paths as storage.h writes them: one below the index's
+** folder is a NUL byte and the rest after the folder. Records of older versions, which wrote
+** every path whole, read the same, so a log may hold both.
 **
 ** Each ingested file and each removal is one group, written with one write(2) and synced before
 ** the call returns. Replay of a log that begins with 'G' applies whole groups only, so a file
@@ -85,15 +89,15 @@ char *dup_bytes(const uint8_t *p, uint32_t n)
 void apply_record(TrnEngine *e, const LogRecord *r)
 {
     if (r->op == 'A') {
-        char *id = dup_bytes(r->id, r->id_len);
+        char *id = path_from_disk(e, r->id, r->id_len);
         char *text = dup_bytes(r->text, r->text_len);
-        char *path = r->path_len > 0 ? dup_bytes(r->path, r->path_len) : nullptr;
+        char *path = r->path_len > 0 ? path_from_disk(e, r->path, r->path_len) : nullptr;
         add_doc_mem(e, id, text, path, r->chunk_index, r->line_number, r->file_type);
         free(id);
         free(text);
         free(path);
     } else if (r->op == 'D') {
-        char *path = dup_bytes(r->id, r->id_len);
+        char *path = path_from_disk(e, r->id, r->id_len);
         remove_file_mem(e, path);
         free(path);
     }
@@ -142,7 +146,7 @@ void apply_range(TrnEngine *e, const uint8_t *bytes, uint64_t from, uint64_t end
         if (e->rebuild && r.op == 'A' && r.path_len > 0
             && (!replaced || replaced_len != r.path_len
                 || memcmp(replaced, r.path, r.path_len) != 0)) {
-            char *path = dup_bytes(r.path, r.path_len);
+            char *path = path_from_disk(e, r.path, r.path_len);
             remove_file_mem(e, path);
             free(path);
             replaced = r.path;
@@ -179,6 +183,16 @@ void put_str(TrnBytes *b, const char *s, size_t n)
 {
     put_u32(b, (uint32_t)n);
     put_bytes(b, s, n);
+}
+
+void put_path(TrnBytes *b, const TrnEngine *e, const char *path)
+{
+    DiskPath d = disk_path(e, path);
+    put_u32(b, d.length);
+    if (d.relative) {
+        b->push_back(0);
+    }
+    put_bytes(b, d.rest, d.length - (d.relative ? 1 : 0));
 }
 
 } // namespace
@@ -301,22 +315,26 @@ void wal_group_begin(const TrnEngine *e, TrnBytes *group)
     }
 }
 
-void wal_put_add(TrnBytes *group, const char *doc_id, const char *text, const char *path,
-                 int32_t chunk_index, int32_t line_number, uint32_t file_type)
+void wal_put_add(const TrnEngine *e, TrnBytes *group, const char *doc_id, const char *text,
+                 const char *path, int32_t chunk_index, int32_t line_number, uint32_t file_type)
 {
     group->push_back('A');
-    put_str(group, doc_id, strlen(doc_id));
+    put_path(group, e, doc_id);
     put_str(group, text, text ? strlen(text) : 0);
-    put_str(group, path, path ? strlen(path) : 0);
+    if (path) {
+        put_path(group, e, path);
+    } else {
+        put_u32(group, 0);
+    }
     put_bytes(group, &chunk_index, 4);
     put_bytes(group, &line_number, 4);
     put_u32(group, file_type);
 }
 
-void wal_put_remove(TrnBytes *group, const char *path)
+void wal_put_remove(const TrnEngine *e, TrnBytes *group, const char *path)
 {
     group->push_back('D');
-    put_str(group, path, strlen(path));
+    put_path(group, e, path);
 }
 
 bool wal_commit_group(TrnEngine *e, TrnBytes *group)

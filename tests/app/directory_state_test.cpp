@@ -13,6 +13,7 @@
 #include "training_manager.h"
 
 #include <QAbstractItemModelTester>
+#include <QProcess>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QThread>
@@ -38,6 +39,7 @@ private slots:
     void historyDeduplicatesKeepsTenAndSurvivesReopening();
     void pagingGrowsByTenUntilSixtyFour();
     void pinnedResultsShowFirstAndNeverTwice();
+    void recordsFollowAMovedOrCopiedFolder();
     void unpinningRemovesFromListAndSettings();
     void encoderOverrideFallsBackToDefault();
     void choosingDefaultRemovesTheOverrideKey();
@@ -305,6 +307,46 @@ void TestDirectoryState::pinnedResultsShowFirstAndNeverTwice()
     DirectoryState *again = openState(m_dir->path());
     QCOMPARE(again->displayResults().size(), 1);
     QCOMPARE(again->displayResults().first(), second);
+}
+
+// The index keeps working after its folder moved: the history and the pins come along, the pins
+// naming the new paths, and nothing is indexed again. A copy gets its own, the original keeps its.
+void TestDirectoryState::recordsFollowAMovedOrCopiedFolder()
+{
+    const QString docs = m_dir->filePath(QStringLiteral("docs"));
+    const QString moved = m_dir->filePath(QStringLiteral("moved"));
+    const QString copy = m_dir->filePath(QStringLiteral("copy"));
+    QVERIFY(writeFile(docs, QStringLiteral("a.txt"), "apples and pears in the basket\n"));
+    DirectoryState *state = openState(docs);
+    state->ingest(800, 200);
+    QVERIFY(waitForIngest(state));
+    state->search(QStringLiteral("apples"), SearchMode::Text);
+    QVERIFY(waitForSearch(state));
+    QCOMPARE(state->results().size(), 1);
+    state->togglePin(state->results().first());
+    const QList<SearchHistoryEntry> history = state->searchHistory();
+    QCOMPARE(history.size(), 1);
+    qDeleteAll(m_states);
+    m_states.clear();
+    QThreadPool::globalInstance()->waitForDone();
+
+    QVERIFY(QDir().rename(docs, moved));
+    DirectoryState *after = openState(moved);
+    QVERIFY(!after->isIngesting());
+    QCOMPARE(after->searchHistory(), history);
+    QCOMPARE(after->pinnedResults().size(), 1);
+    QCOMPARE(after->pinnedResults().first().filePath, moved + QStringLiteral("/a.txt"));
+    QVERIFY(m_env->settings()->searchHistoryData(docs).isEmpty());
+    QVERIFY(m_env->settings()->pinnedResultsData(docs).isEmpty());
+    qDeleteAll(m_states);
+    m_states.clear();
+    QThreadPool::globalInstance()->waitForDone();
+
+    QCOMPARE(QProcess::execute(QStringLiteral("cp"), {QStringLiteral("-a"), moved, copy}), 0);
+    DirectoryState *copied = openState(copy);
+    QCOMPARE(copied->searchHistory(), history);
+    QCOMPARE(copied->pinnedResults().first().filePath, copy + QStringLiteral("/a.txt"));
+    QCOMPARE(openState(moved)->pinnedResults().first().filePath, moved + QStringLiteral("/a.txt"));
 }
 
 void TestDirectoryState::unpinningRemovesFromListAndSettings()

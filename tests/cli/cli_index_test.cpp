@@ -493,6 +493,29 @@ TEST(CliPaths, IndexedPathsAreResolved)
     EXPECT_EQ(hits.items[0]["filePath"].text, dir / "real/note.txt");
 }
 
+// A folder moved after indexing answers with its new paths, and updating it embeds nothing.
+TEST(CliPaths, MovedFolderAnswersWithItsNewPathsAndUpdateEmbedsNothing)
+{
+    TempDir dir;
+    write_file(dir / "docs/note.txt", "the heron nests by the old mill\n");
+    write_file(dir / "docs/sub/more.txt", "a second note about kingfishers\n");
+    RunResult r = run_cli({"index", "docs", "--chunk-size", "64", "--overlap", "16"}, dir.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    fs::rename(dir / "docs", dir / "moved docs");
+    r = run_cli({"search", "moved docs", "heron", "--mode", "text", "--json"}, dir.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    Json hits = parse_json(r.out);
+    ASSERT_EQ(hits.items.size(), 1u);
+    EXPECT_EQ(hits.items[0]["filePath"].text, dir / "moved docs/note.txt");
+    r = run_cli({"update", "moved docs", "--chunk-size", "64", "--overlap", "16", "--json"},
+                dir.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    Json u = parse_json(r.out);
+    EXPECT_EQ(u["unchanged"].number, 2);
+    EXPECT_EQ(u["added"].number + u["changed"].number + u["removed"].number, 0);
+    EXPECT_EQ(u["chunksAdded"].number, 0);
+}
+
 // "files" on a tree with two link loops never ended; "index" read through a link into /etc; and
 // the index was readable by every user.
 TEST(CliPrivacy, LinkLoopsEndNothingOutsideIsReadAndTheIndexIsTheOwners)

@@ -79,7 +79,7 @@ std::vector<StoreRecord> sample_records()
 
 /* Bytes of a store holding records, with the offset at which each record ends. */
 Bytes store_bytes(const std::vector<StoreRecord> &records, std::vector<size_t> *ends = nullptr,
-                  uint32_t version = 1, int32_t dim = 512, int32_t entry = 0, int32_t max_level = 2)
+                  uint32_t version = 2, int32_t dim = 512, int32_t entry = 0, int32_t max_level = 2)
 {
     Bytes b;
     put_store_header(b, version, dim, entry, max_level, (uint32_t)records.size());
@@ -97,7 +97,12 @@ TEST(StoreFile, CheckpointWritesTheDocumentedLayout)
     TempDir dir;
     TrnEngine *e = bare_engine();
     bare_engine_on_dir(e, dir.path());
+    /* The index's folder is the parent of its directory: a file below it is written as a NUL
+    ** and the rest of its path, one elsewhere as it is. */
+    const std::string folder = dir.path().substr(0, dir.path().rfind('/') + 1);
     std::vector<StoreRecord> records = sample_records();
+    records[2].id = folder + "c.py:1";
+    records[2].path = folder + "c.py";
     for (const StoreRecord &r : records) {
         put_chunk(e, r);
     }
@@ -106,10 +111,12 @@ TEST(StoreFile, CheckpointWritesTheDocumentedLayout)
 
     ASSERT_EQ(trn_checkpoint(e), 1);
     std::vector<uint8_t> got = read_file_bytes(dir.file("tarnwick.bin"));
+    records[2].id = std::string("\0c.py:1", 7);
+    records[2].path = std::string("\0c.py", 5);
     Bytes want = store_bytes(records);
     ASSERT_EQ(got.size(), want.size());
     EXPECT_TRUE(got == want.b);
-    const uint8_t head[12] = {'T', 'R', 'N', 'W', 1, 0, 0, 0, 0, 2, 0, 0};
+    const uint8_t head[12] = {'T', 'R', 'N', 'W', 2, 0, 0, 0, 0, 2, 0, 0};
     EXPECT_EQ(memcmp(got.data(), head, sizeof head), 0);
     /* No temporary file is left behind; the commit record, the word index and the lock file
     ** stand beside it. */
@@ -257,7 +264,7 @@ TEST(StoreFile, StoreOfAnotherVersionOrWidthIsIgnoredAndReplaced)
 {
     for (int variant = 0; variant < 2; variant++) {
         TempDir dir;
-        uint32_t version = variant == 0 ? 2 : 1;
+        uint32_t version = variant == 0 ? 3 : 2;
         int32_t dim = variant == 0 ? 512 : 64;
         store_bytes(sample_records(), nullptr, version, dim).write(dir.file("tarnwick.bin"));
         TrnConfig cfg = config_for(dir);
@@ -270,7 +277,7 @@ TEST(StoreFile, StoreOfAnotherVersionOrWidthIsIgnoredAndReplaced)
         trn_close(e);
         std::vector<uint8_t> bytes = read_file_bytes(dir.file("tarnwick.bin"));
         ASSERT_EQ(bytes.size(), 40u);
-        EXPECT_EQ(bytes[4], 1);
+        EXPECT_EQ(bytes[4], 2);
         EXPECT_EQ(bytes[36], 0);
     }
 }
