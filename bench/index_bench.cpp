@@ -12,7 +12,8 @@
 ** encoder (models/default.tten; the random encoder when it is missing). Everything goes to
 ** temporary directories that are removed at the end.
 **
-** The figures, in chunks per second of wall time:
+** The figures, in chunks per second of wall time (and, last, how far the time left that the
+** one-worker run said at each file was from the time really left):
 **   indexing, 1 and 2 workers  open, walk, extraction, chunking, embedding, graph, log writes,
 **                              manifest, document index, checkpoint and close;
 **   embedding alone            the same chunk texts through the encoder, one thread;
@@ -35,6 +36,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -113,11 +115,55 @@ int32_t int_arg(const char *name, const char *value)
     return static_cast<int32_t>(v);
 }
 
+// The time left an indexing says at each file, by the count of files and by their bytes, with
+// the time it had run then.
+struct Estimates {
+    const TrnEngine *engine = nullptr;
+    Clock::time_point start;
+    std::vector<double> at, by_files, by_bytes;
+    double end = 0; // when the last file was done
+};
+
+bool on_progress(const char *, int32_t done, int32_t total, void *user)
+{
+    Estimates *e = static_cast<Estimates *>(user);
+    const double now = bench::seconds_since(e->start);
+    uint64_t bytes_done = 0, bytes_all = 0;
+    trn_update_progress(e->engine, &bytes_done, &bytes_all);
+    if (done > 0 && done < total && bytes_done > 0) {
+        e->at.push_back(now);
+        e->by_files.push_back(now / done * (total - done));
+        e->by_bytes.push_back(now * (double)(bytes_all - bytes_done) / (double)bytes_done);
+    }
+    e->end = now;
+    return true;
+}
+
+// The median and the worst relative error of estimates against the time that was really left,
+// over the points after the first minute (after the first third of a shorter run) that had more
+// than a twentieth of the run still to go.
+std::pair<double, double> estimate_error(const Estimates &e, const std::vector<double> &said)
+{
+    std::vector<double> errors;
+    const double from = std::min(60.0, e.end / 3);
+    for (size_t i = 0; i < e.at.size(); i++) {
+        const double left = e.end - e.at[i];
+        if (e.at[i] >= from && left > e.end / 20) {
+            errors.push_back(std::abs(said[i] - left) / left);
+        }
+    }
+    if (errors.empty()) {
+        return {0, 0};
+    }
+    std::sort(errors.begin(), errors.end());
+    return {errors[errors.size() / 2], errors.back()};
+}
+
 // Indexes source into a fresh index with the given workers; the chunk texts go to texts when it
-// is not NULL (copied out before the close, untimed).
+// is not NULL (copied out before the close, untimed), the time-left estimates to estimates.
 Timing index_once(const std::string &source, const std::string &weights, int32_t workers,
                   int32_t chunk_size, int32_t overlap, int32_t *chunks,
-                  std::vector<std::string> *texts)
+                  std::vector<std::string> *texts, Estimates *estimates = nullptr)
 {
     char tmpl[] = "/tmp/trn_index_bench_XXXXXX";
     const std::string index_dir = mkdtemp(tmpl) ? tmpl : "";
@@ -128,8 +174,18 @@ Timing index_once(const std::string &source, const std::string &weights, int32_t
     cfg.weights_path = weights.empty() ? nullptr : weights.c_str();
     TrnEngine *engine = trn_open(&cfg);
     probe_set_embed_threads(engine, workers);
-    *chunks = trn_update_dir(
-        engine, source.c_str(), chunk_size, overlap, nullptr, nullptr, nullptr, nullptr);
+    if (estimates) {
+        estimates->engine = engine;
+        estimates->start = start;
+    }
+    *chunks = trn_update_dir(engine,
+                             source.c_str(),
+                             chunk_size,
+                             overlap,
+                             nullptr,
+                             estimates ? on_progress : nullptr,
+                             estimates,
+                             nullptr);
     trn_checkpoint(engine);
     Timing t{bench::seconds_since(start), bench::cpu_seconds() - cpu_start};
     if (texts) {
@@ -237,7 +293,9 @@ int main(int argc, char **argv)
     // Indexing with one worker, then two.
     std::vector<std::string> texts;
     int32_t chunks_one = 0, chunks_two = 0;
-    Timing one = index_once(source, weights, 1, chunk_size, overlap, &chunks_one, &texts);
+    Estimates estimates;
+    Timing one =
+        index_once(source, weights, 1, chunk_size, overlap, &chunks_one, &texts, &estimates);
     Timing two = index_once(source, weights, 2, chunk_size, overlap, &chunks_two, nullptr);
 
     // The encoder alone on the same texts, and the products it issues for them.
@@ -342,5 +400,16 @@ int main(int argc, char **argv)
                 machine_speedup,
                 machine_speedup > 1.0 ? 100.0 * (index_speedup - 1.0) / (machine_speedup - 1.0)
                                       : 0.0);
+    const auto [files_median, files_worst] = estimate_error(estimates, estimates.by_files);
+    const auto [bytes_median, bytes_worst] = estimate_error(estimates, estimates.by_bytes);
+    std::printf("time left said while indexing with 1 worker (%.0f s), after %.0f s, against the "
+                "time really left: by the bytes of the files %.0f%% off (median), %.0f%% at "
+                "worst; by their count (the reference) %.0f%%, %.0f%%\n",
+                estimates.end,
+                std::min(60.0, estimates.end / 3),
+                100 * bytes_median,
+                100 * bytes_worst,
+                100 * files_median,
+                100 * files_worst);
     return 0;
 }

@@ -296,6 +296,16 @@ struct FileListCloser {
     void operator()(TrnFileList *list) const { trn_free_file_list(list); }
 };
 
+// Opens root's index with the encoder it was built with, as search does: a log that an
+// indexing left behind is replayed, and its chunks embedded again, by that encoder, never by
+// the untrained one (whose vectors a checkpoint would then store).
+EnginePtr open_with_its_encoder(const Options &o, const ModelRuntime &model,
+                                const std::string &root)
+{
+    std::string description;
+    return open_existing(root, chosen_weights(o, model, root, &description));
+}
+
 void cmd_files(const Options &o, const ModelRuntime &model)
 {
     std::string root = resolve_dir(o.operands[0]);
@@ -303,7 +313,7 @@ void cmd_files(const Options &o, const ModelRuntime &model)
     // A directory that was never indexed is listed too, every file with no chunks.
     EnginePtr engine;
     if (exists(join(index_dir, "tarnwick.bin")) || exists(join(index_dir, "tarnwick.wal"))) {
-        engine = open_engine(index_dir, "");
+        engine = open_with_its_encoder(o, model, root);
     }
     // The walk and the text extraction of index, with the same options: a file is listed as
     // indexable exactly when index gives it chunks.
@@ -381,10 +391,10 @@ void cmd_files(const Options &o, const ModelRuntime &model)
     write_out(out);
 }
 
-void cmd_stats(const Options &o)
+void cmd_stats(const Options &o, const ModelRuntime &model)
 {
     std::string root = resolve_dir(o.operands[0]);
-    EnginePtr engine = open_existing(root, "");
+    EnginePtr engine = open_with_its_encoder(o, model, root);
     TrnStats st = trn_stats(engine.get());
     if (o.json) {
         JsonWriter w;
@@ -418,10 +428,10 @@ void cmd_stats(const Options &o)
 
 // --- remove, compact --------------------------------------------------------------------------
 
-void cmd_remove(const Options &o)
+void cmd_remove(const Options &o, const ModelRuntime &model)
 {
     std::string root = resolve_dir(o.operands[0]);
-    EnginePtr engine = open_existing(root, "");
+    EnginePtr engine = open_with_its_encoder(o, model, root);
     std::vector<std::string> unknown;
     std::string out;
     for (size_t i = 1; i < o.operands.size(); i++) {
@@ -437,10 +447,9 @@ void cmd_remove(const Options &o)
         out += "removed " + std::to_string(n) + (n == 1 ? " chunk of " : " chunks of ")
                + display_text(path, false) + "\n";
     }
-    // Each removal is durable once logged; the checkpoint folds the log into the store.
-    if (!trn_checkpoint(engine.get())) {
-        throw Failure(trn_last_error(engine.get()));
-    }
+    // Each removal took effect once logged; folding the log into the store is an optimisation
+    // that a full disk may refuse without undoing them.
+    trn_checkpoint(engine.get());
     write_out(out);
     if (!unknown.empty()) {
         std::string more;
@@ -451,10 +460,10 @@ void cmd_remove(const Options &o)
     }
 }
 
-void cmd_compact(const Options &o)
+void cmd_compact(const Options &o, const ModelRuntime &model)
 {
     std::string root = resolve_dir(o.operands[0]);
-    EnginePtr engine = open_existing(root, "");
+    EnginePtr engine = open_with_its_encoder(o, model, root);
     if (!trn_compact(engine.get())) {
         throw Failure(trn_last_error(engine.get()));
     }
@@ -503,11 +512,11 @@ void run_command(const Options &o, const ModelRuntime &model)
     } else if (o.command == "files") {
         cmd_files(o, model);
     } else if (o.command == "stats") {
-        cmd_stats(o);
+        cmd_stats(o, model);
     } else if (o.command == "remove") {
-        cmd_remove(o);
+        cmd_remove(o, model);
     } else if (o.command == "compact") {
-        cmd_compact(o);
+        cmd_compact(o, model);
     } else if (o.command == "embed") {
         cmd_embed(o, model);
     } else if (o.command == "mcp") {

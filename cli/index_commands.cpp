@@ -28,6 +28,7 @@ constexpr int WATCH_SETTLE_MS = 2000;
 
 struct UpdateProgress {
     ProgressLine line;
+    const TrnEngine *engine;
     TrnUpdateReport report; // filled in by the engine as the update goes
     int32_t done = 0;       // files handled of total
     int32_t total = 0;
@@ -60,7 +61,9 @@ bool on_update_progress(const char *, int32_t done, int32_t total, void *user)
     p->done = done;
     p->total = total;
     if (p->line.shown() && total > 0) {
-        p->line.update(done, total, (uint32_t)p->report.chunks_added);
+        uint64_t bytes_done = 0, bytes_all = 0;
+        trn_update_progress(p->engine, &bytes_done, &bytes_all);
+        p->line.update(done, total, (uint32_t)p->report.chunks_added, bytes_done, bytes_all);
     }
     return g_stop == 0;
 }
@@ -160,7 +163,7 @@ EnginePtr open_for_update(const UpdateSetup &u)
 // handle the new index replaces the old one at the end.
 TrnUpdateReport run_walk(const char *label, const UpdateSetup &u, TrnEngine *e, bool rebuilding)
 {
-    UpdateProgress progress{ProgressLine{label}, {}};
+    UpdateProgress progress{ProgressLine{label}, e, {}};
     int32_t n = trn_update_dir(e,
                                u.root.c_str(),
                                u.chunk_size,
@@ -171,8 +174,11 @@ TrnUpdateReport run_walk(const char *label, const UpdateSetup &u, TrnEngine *e, 
                                &progress.report);
     progress.line.clear();
     if (n < 0) {
-        throw Failure(trn_last_status(e) != TRN_STATUS_OK ? std::string(trn_last_error(e))
-                                                          : "cannot open directory " + u.root);
+        const std::string why = trn_last_status(e) != TRN_STATUS_OK
+                                    ? std::string(trn_last_error(e))
+                                    : "cannot open directory " + u.root;
+        trn_rollback(e); // a failed command leaves the index as it found it
+        throw Failure(why);
     }
     if (progress.report.cancelled) {
         const TrnUpdateReport &r = progress.report;
@@ -187,6 +193,18 @@ TrnUpdateReport run_walk(const char *label, const UpdateSetup &u, TrnEngine *e, 
     }
     note_index_encoder(u.root, u.weights);
     return progress.report;
+}
+
+// Folds the log into the store at the end of a command that wrote. When that fails (a full disk)
+// the command fails, and what it logged is cut off again: left in the log, it would be embedded
+// anew at every open until some checkpoint succeeded.
+void checkpoint_or_undo(TrnEngine *e)
+{
+    if (!trn_checkpoint(e)) {
+        const std::string why = trn_last_error(e);
+        trn_rollback(e);
+        throw Failure(why);
+    }
 }
 
 // One update of root; writes its line.
@@ -248,6 +266,7 @@ void cmd_index(const Options &o, const ModelRuntime &model)
         note_index_encoder(u.root, u.weights);
     }
     run_walk("Indexing", u, engine.get(), rebuilding);
+    checkpoint_or_undo(engine.get());
     const TrnStats st = trn_stats(engine.get());
     write_out(indexed_line(st.file_count, st.chunk_count, seconds_since(start)));
 }
@@ -257,7 +276,10 @@ void cmd_update(const Options &o, const ModelRuntime &model)
     UpdateSetup u;
     prepare_update(o, model, &u);
     EnginePtr engine = open_for_update(u);
-    run_update(o, u, engine.get());
+    Clock::time_point start = Clock::now();
+    const TrnUpdateReport report = run_walk("Updating", u, engine.get(), false);
+    checkpoint_or_undo(engine.get());
+    write_out(update_line(o, report, seconds_since(start)));
 }
 
 void cmd_watch(const Options &o, const ModelRuntime &model)

@@ -18,14 +18,24 @@ ProgressLine::~ProgressLine()
 }
 
 std::string ProgressLine::format(const std::string &verb, int files_done, int files_found,
-                                 uint32_t chunks, double seconds)
+                                 uint32_t chunks, double seconds, uint64_t bytes_done,
+                                 uint64_t bytes_all)
 {
     char line[256];
-    trn_progress_text(verb.c_str(), files_done, files_found, chunks, seconds, line, sizeof line);
+    trn_progress_line(verb.c_str(),
+                      files_done,
+                      files_found,
+                      chunks,
+                      seconds,
+                      bytes_done,
+                      bytes_all,
+                      line,
+                      sizeof line);
     return line;
 }
 
-void ProgressLine::update(int files_done, int files_found, uint32_t chunks)
+void ProgressLine::update(int files_done, int files_found, uint32_t chunks, uint64_t bytes_done,
+                          uint64_t bytes_all)
 {
     if (!m_enabled) {
         return;
@@ -36,7 +46,8 @@ void ProgressLine::update(int files_done, int files_found, uint32_t chunks)
         return;
     }
     m_last_drawn = now;
-    std::string line = format(m_verb, files_done, files_found, chunks, seconds_since(m_start));
+    std::string line = format(
+        m_verb, files_done, files_found, chunks, seconds_since(m_start), bytes_done, bytes_all);
     std::fprintf(m_stream, "\r\033[K%s", line.c_str());
     std::fflush(m_stream);
     m_drawn = true;

@@ -28,14 +28,17 @@ public:
     ProgressLine &operator=(const ProgressLine &) = delete;
 
     bool shown() const { return m_enabled; }
-    // files_found < 1 means the total is not known yet: no estimate of the time left.
-    void update(int files_done, int files_found, uint32_t chunks);
+    // files_found < 1 means the total is not known yet: no estimate of the time left. With
+    // bytes_all > 0 the time left follows the bytes (trn_progress_line).
+    void update(int files_done, int files_found, uint32_t chunks, uint64_t bytes_done = 0,
+                uint64_t bytes_all = 0);
     // Clears the line (the command then prints its result).
     void clear();
 
-    // The text of one line after `seconds` of work (trn_progress_text).
+    // The text of one line after `seconds` of work (trn_progress_line).
     static std::string format(const std::string &verb, int files_done, int files_found,
-                              uint32_t chunks, double seconds);
+                              uint32_t chunks, double seconds, uint64_t bytes_done = 0,
+                              uint64_t bytes_all = 0);
 
 private:
     std::string m_verb;

@@ -60,6 +60,8 @@ struct TrnEngine {
     TrnScratch **embed_scratch; /* their scratch spaces (slot 0 unused), NULL until needed */
     uint64_t level_state;       /* the graph level generator (draw_level) */
     uint64_t files_read;        /* files its updates read (unchanged ones must not be) */
+    uint64_t update_bytes_done; /* while trn_update_dir runs: the bytes of the files it handled */
+    uint64_t update_bytes_all;  /* and of all it will read; both 0 otherwise */
     uint64_t texts_embedded;    /* chunk texts embed_distinct_chunks embedded (not copied) */
     /* Chunk texts by hash, so a text met again takes the vector it already has (embed.cpp).
     ** Open addressing: an entry is the hash's high 32 bits << 32 | (slot + 1), 0 when empty;
@@ -104,6 +106,8 @@ struct TrnEngine {
     char error[TRN_ERROR_MAX];   /* its message; empty with TRN_STATUS_OK */
     TrnDiskView seen;            /* the directory as this handle last loaded or wrote it */
     uint8_t has_commit;          /* the loaded state came with a commit record */
+    uint8_t has_index_id;        /* the commit record named the index: */
+    uint8_t index_id[16];        /* its random id, which its log names too */
     uint64_t generation;         /* generation of the loaded store; 0 without a commit record */
     uint8_t store_present;       /* the loaded store existed, with this size and checksum */
     uint64_t store_size;
@@ -114,7 +118,13 @@ struct TrnEngine {
     uint8_t wal_stale;   /* the log belongs to an older generation and is ignored */
     uint8_t changed;     /* memory holds what the store does not (log replayed, writes) */
     uint8_t unsaved;     /* memory holds what neither the store nor the log does */
-    uint8_t paths_full;  /* the store names files by full paths, as version 1 did: rewrite it */
+    /* This handle's own groups at the end of the log, [own_from, own_end) of generation
+    ** own_generation, valid when own_known: what trn_rollback may cut off. */
+    uint8_t own_known;
+    uint64_t own_generation;
+    uint64_t own_from;
+    uint64_t own_end;
+    uint8_t paths_full; /* the store names files by full paths, as version 1 did: rewrite it */
 };
 
 #endif /* TRN_HANDLE_H */

@@ -26,6 +26,13 @@ int32_t trn_duration_text(double seconds, char *out, size_t size)
 int32_t trn_progress_text(const char *verb, int32_t done, int32_t found, uint32_t chunks,
                           double seconds, char *out, size_t size)
 {
+    return trn_progress_line(verb, done, found, chunks, seconds, 0, 0, out, size);
+}
+
+int32_t trn_progress_line(const char *verb, int32_t done, int32_t found, uint32_t chunks,
+                          double seconds, uint64_t bytes_done, uint64_t bytes_all, char *out,
+                          size_t size)
+{
     if (!verb) {
         verb = "";
     }
@@ -38,8 +45,12 @@ int32_t trn_progress_text(const char *verb, int32_t done, int32_t found, uint32_
     }
     char left[48] = "";
     if (done > 0 && done < found && seconds > 0.0) {
+        /* Files differ in size by orders of magnitude, so their count is a poor clock. */
+        const bool by_bytes = bytes_all > 0 && bytes_done > 0 && bytes_done <= bytes_all;
+        const double to_come = by_bytes ? (double)(bytes_all - bytes_done) / (double)bytes_done
+                                        : (double)(found - done) / (double)done;
         char time[32];
-        trn_duration_text(seconds / done * (found - done), time, sizeof time);
+        trn_duration_text(seconds * to_come, time, sizeof time);
         snprintf(left, sizeof left, ", about %s left", time);
     }
     if (found < 1) { /* files are done as they are found: no total yet */
@@ -47,6 +58,16 @@ int32_t trn_progress_text(const char *verb, int32_t done, int32_t found, uint32_
     }
     return (int32_t)snprintf(
         out, size, "%s %d of %d files, %u chunks%s%s", verb, done, found, chunks, rate, left);
+}
+
+void trn_update_progress(const TrnEngine *e, uint64_t *done, uint64_t *all)
+{
+    if (done) {
+        *done = e ? e->update_bytes_done : 0;
+    }
+    if (all) {
+        *all = e ? e->update_bytes_all : 0;
+    }
 }
 
 } // extern "C"

@@ -283,7 +283,8 @@ typedef struct TrnFileInfo {
     uint8_t is_dir;       /* 1 for an excluded or unreadable directory, reported once */
     uint8_t changed;      /* 1 when indexed and modified after the index was last written */
     TrnFileStatus status; /* the walk's verdict; trn_list_dir_files_ex also reads the text */
-    char *reason;         /* owned; for EXCLUDED the rule, e.g. ".gitignore:3: build/"; else "" */
+    char *reason;         /* owned; for EXCLUDED the rule, e.g. ".gitignore:3: build/"; for a
+                             text cut at the size limit (_ex, files it read) says so; else "" */
     char encoding[32];    /* trn_list_dir_files_ex, for text, source, Markdown and HTML files that
                              give text: the charset they are read in, "UTF-8", or the one their
                              bytes were converted from ("Windows-1252", "ISO-8859-1", or the one
@@ -394,6 +395,15 @@ TRN_API void trn_close(TrnEngine *e);
 ** record then stay as they were; see trn_last_error). */
 TRN_API int32_t trn_checkpoint(TrnEngine *e);
 
+/* Undoes what this handle logged since its last checkpoint, for a command that failed (a
+** trn_checkpoint that could not write the store on a full disk): the log is cut back to where
+** the handle's own groups began, so the index reads as its last checkpoint left it, without
+** re-embedding them at every open, and the next trn_update_dir reads the files involved again.
+** Only groups at the end of the log that nothing of another process follows are cut. Returns 1
+** when groups were cut, 0 when there were none or they could not be (busy, another process wrote
+** after them, the log could not be cut). The handle's status and message stay as they were. */
+TRN_API int32_t trn_rollback(TrnEngine *e);
+
 /* Turns the engine's informational lines on standard error ("opened", "built doc index", "loaded
 ** encoder weights") on (non-zero, the default) or off (0). Warnings and errors are printed either
 ** way. Process-wide, for every handle; may be called from any thread. */
@@ -409,6 +419,18 @@ TRN_API void trn_set_verbose(int32_t on);
 ** and tarnwick-cli print this same line. */
 TRN_API int32_t trn_progress_text(const char *verb, int32_t done, int32_t found, uint32_t chunks,
                                   double seconds, char *out, size_t size);
+
+/* The same line, with the time left taken from the bytes of the files instead of their count
+** when bytes_all > 0: the bytes to come at the pace of the bytes_done done so far, so that a few
+** large files at the end do not make the estimate wrong. trn_update_progress gives both. */
+TRN_API int32_t trn_progress_line(const char *verb, int32_t done, int32_t found, uint32_t chunks,
+                                  double seconds, uint64_t bytes_done, uint64_t bytes_all,
+                                  char *out, size_t size);
+
+/* While trn_update_dir runs on e (from its progress callback): the bytes of the files it has
+** read or removed so far into *done and of all it will handle into *all (sizes as the walk found
+** them). Both 0 before and after a trn_update_dir. Either pointer may be NULL. */
+TRN_API void trn_update_progress(const TrnEngine *e, uint64_t *done, uint64_t *all);
 
 /* Writes a duration rounded for people into out as trn_progress_text does: "12 s" (at least 1),
 ** "4 min" below an hour (to the nearest minute), else "1 h 05 min". Returns the length. */

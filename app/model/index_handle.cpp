@@ -150,6 +150,7 @@ namespace
 // What trn_update_dir's progress callback needs: the caller's callback, the report the engine
 // fills in as it goes, and the lock to open between files.
 struct UpdateProgress {
+    const TrnEngine *engine;
     const IndexHandle::ProgressFn *progress;
     const TrnUpdateReport *report;
     std::unique_lock<std::mutex> *lock;
@@ -161,10 +162,12 @@ struct UpdateProgress {
 bool onUpdateProgress(const char *, int32_t done, int32_t total, void *user)
 {
     UpdateProgress *p = static_cast<UpdateProgress *>(user);
+    IndexingProgress now{done, total, int(p->report->chunks_added)};
+    trn_update_progress(p->engine, &now.bytesDone, &now.bytesAll);
     // Between two files the handle is whole: searches of this tab and other tabs' work run here.
     p->lock->unlock();
     if (*p->progress) {
-        (*p->progress)(IndexingProgress{done, total, int(p->report->chunks_added)});
+        (*p->progress)(now);
     }
     std::this_thread::yield();
     p->lock->lock();
@@ -234,7 +237,8 @@ int IndexHandle::ingestDirectoryHere(int chunkSize, int overlap, const FileWalkO
     }
     m_updateRunning = true;
     m_cancelUpdate = false;
-    UpdateProgress state{&progress, report, &lock, &m_cancelUpdate, &m_paused, &m_pauseChanged};
+    UpdateProgress state{
+        m_handle, &progress, report, &lock, &m_cancelUpdate, &m_paused, &m_pauseChanged};
     // m_handle stays while m_updateRunning: clearAndReopen waits for the update to stop.
     const int32_t n = trn_update_dir(m_handle,
                                      dir.constData(),

@@ -36,6 +36,8 @@ struct IndexingProgress {
     int filesDone = 0;
     int filesFound = 0;
     int chunksDone = 0;
+    uint64_t bytesDone = 0; // of the files done, and of all to do (trn_update_progress)
+    uint64_t bytesAll = 0;
 
     bool operator==(const IndexingProgress &other) const = default;
 };

@@ -6,11 +6,13 @@
 QString indexingProgressText(const IndexingProgress &progress, double seconds)
 {
     char text[256];
-    trn_progress_text("Indexing",
+    trn_progress_line("Indexing",
                       progress.filesDone,
                       progress.filesFound,
                       static_cast<uint32_t>(qMax(0, progress.chunksDone)),
                       seconds,
+                      progress.bytesDone,
+                      progress.bytesAll,
                       text,
                       sizeof text);
     return QString::fromUtf8(text);

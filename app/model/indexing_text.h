@@ -28,7 +28,7 @@ private:
 
 // "Indexing 120 of 451 files, 3412 chunks, 85 chunks/s, about 4 min left" after `seconds` of
 // work; before the walk has found the files, "Indexing: looking for files...". The time left
-// counts the files still to come at the pace of those done.
+// counts the bytes still to come at the pace of those done (the files, when no bytes are known).
 QString indexingProgressText(const IndexingProgress &progress, double seconds);
 // "12 s", "4 min", "1 h 05 min".
 QString durationText(double seconds);

@@ -320,6 +320,11 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
     }
 
     const int32_t total = (int32_t)work.size();
+    e->update_bytes_done = 0;
+    e->update_bytes_all = 0;
+    for (const Work &job : work) {
+        e->update_bytes_all += job.walked >= 0 ? walked[(size_t)job.walked].size : 0;
+    }
     bool keep_going = !progress || progress(nullptr, 0, total, user);
     bool failed = false;
     bool changed_index = false;
@@ -391,6 +396,7 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
                 free(text);
             }
         }
+        e->update_bytes_done += w ? w->size : 0;
         if (progress && !progress(job.path.c_str(), (int32_t)done + 1, total, user)) {
             keep_going = false;
             report->cancelled = 1;
@@ -422,6 +428,8 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
         /* The files from done on were not handled: they keep their old entries. */
         write_manifest(e, &next, &old, work, done);
     }
+    e->update_bytes_done = 0;
+    e->update_bytes_all = 0;
     manifest_free(&next);
     manifest_free(&old);
     return failed ? -1 : report->chunks_added;

@@ -11,18 +11,23 @@
 **   tarnwick.turn    empty. A writer holds it exclusively while it waits for the lock, and a
 **                    reader takes it shared (and drops it at once) before its own: a waiting
 **                    writer stops new readers, so readers that keep coming cannot starve it.
-**   tarnwick.commit  the commit record, 48 bytes, little-endian:
+**   tarnwick.commit  the commit record, 64 bytes, little-endian:
 **
 **     offset  size  field
 **          0     4  magic "TRNC"
-**          4     4  uint32 version, 1
+**          4     4  uint32 version, 2
 **          8     8  uint64 generation: 1 for the first checkpoint, one more for each after it
 **         16     8  uint64 size of the store of this generation
 **         24     4  uint32 CRC-32 of that store (zlib's crc32, the ISO-HDLC polynomial)
 **         28     4  uint32 flags: 1 the previous store below is known; 2 there was none
 **         32     8  uint64 size of the store of the previous generation
 **         40     4  uint32 CRC-32 of the previous store
-**         44     4  uint32 CRC-32 of bytes 0..43
+**         44    16  the index's id: random bytes made by its first commit, kept by every later
+**                   one, which the log names too
+**         60     4  uint32 CRC-32 of bytes 0..59
+**
+**   A record of version 1 (48 bytes: no id, its CRC-32 at 44) is still read; the next commit
+**   writes version 2 with a new id.
 **
 ** A checkpoint (store.cpp) commits in four steps, each file written under a unique temporary
 ** name ("<name>.XXXXXX"), synced, renamed into place and its directory synced:
@@ -34,15 +39,20 @@
 ** When loading, the store on disk decides: the store the record names is generation g + 1 (its
 ** log is stale until step 4 empties it: the log's first record names generation g); the previous
 ** store is generation g with the log that completes it (a crash between steps 2 and 3); any other
-** store is damaged and refused. Without a commit record (an index of an older version, or none
-** yet) the store and log are taken as they are; the first write converts them with a checkpoint.
+** store is damaged and refused, an empty one included. Without a commit record (an index of an
+** older version, or none yet) the store and log are taken as they are, and the first write
+** converts them with a checkpoint; but a store of the version written with commit records, or a
+** log of groups, without one is damage (the record was lost).
 **
 ** The log (wal.cpp) begins, from the first append after a checkpoint, with a 'G' record naming
-** its generation, and is written in groups that end with a 'C' record holding the group's CRC-32,
+** its generation and the index's id (a log of another index copied in is refused), and is written
+*in groups that end with a 'C' record holding the group's CRC-32,
 ** each group synced: one ingested file, or one removal. Replay applies whole groups only.
 **
 ** Readers never write: loading and refreshing only read, and leave a torn tail where it is. A
-** writer cuts the log back to its last whole group before it appends.
+** writer cuts the log back to its last whole group before it appends. A command whose checkpoint
+** failed cuts its own groups back off the log's end (trn_rollback), never another's: a handle
+** knows which groups at the end are its own because none came between them.
 */
 #include "internal.h"
 
@@ -55,6 +65,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/mman.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zlib.h>
@@ -65,7 +76,8 @@ uint64_t g_checkpoint_chunks = TRN_CHECKPOINT_CHUNKS;
 namespace
 {
 
-constexpr uint32_t COMMIT_VERSION = 1;
+constexpr uint32_t COMMIT_VERSION = 2;
+constexpr size_t COMMIT_V1_SIZE = 48; /* version 1: no id */
 constexpr uint32_t COMMIT_HAS_PREVIOUS = 1;
 constexpr uint32_t COMMIT_PREVIOUS_ABSENT = 2;
 constexpr int READ_WAIT_MS = 250; /* a search reads the old state rather than wait longer */
@@ -77,17 +89,20 @@ struct CommitRecord {
     uint32_t flags;
     uint64_t previous_size;
     uint32_t previous_crc;
+    bool has_id; /* false in a record of version 1 */
+    uint8_t index_id[TRN_INDEX_ID_SIZE];
 };
 
 bool commit_decode(const uint8_t *b, uint32_t n, CommitRecord *c)
 {
-    if (n != TRN_COMMIT_SIZE || memcmp(b, "TRNC", 4) != 0) {
+    if ((n != TRN_COMMIT_SIZE && n != COMMIT_V1_SIZE) || memcmp(b, "TRNC", 4) != 0) {
         return false;
     }
     uint32_t version = 0, check = 0;
     memcpy(&version, b + 4, 4);
-    memcpy(&check, b + 44, 4);
-    if (version != COMMIT_VERSION || check != crc32_update(0, b, 44)) {
+    memcpy(&check, b + n - 4, 4);
+    uint32_t want = n == TRN_COMMIT_SIZE ? COMMIT_VERSION : 1;
+    if (version != want || check != crc32_update(0, b, n - 4)) {
         return false;
     }
     memcpy(&c->generation, b + 8, 8);
@@ -96,6 +111,11 @@ bool commit_decode(const uint8_t *b, uint32_t n, CommitRecord *c)
     memcpy(&c->flags, b + 28, 4);
     memcpy(&c->previous_size, b + 32, 8);
     memcpy(&c->previous_crc, b + 40, 4);
+    c->has_id = version == COMMIT_VERSION;
+    memset(c->index_id, 0, sizeof c->index_id);
+    if (c->has_id) {
+        memcpy(c->index_id, b + 44, TRN_INDEX_ID_SIZE);
+    }
     return c->generation >= 1;
 }
 
@@ -109,8 +129,19 @@ void commit_encode(const CommitRecord *c, uint8_t *b)
     memcpy(b + 28, &c->flags, 4);
     memcpy(b + 32, &c->previous_size, 8);
     memcpy(b + 40, &c->previous_crc, 4);
-    uint32_t check = crc32_update(0, b, 44);
-    memcpy(b + 44, &check, 4);
+    memcpy(b + 44, c->index_id, TRN_INDEX_ID_SIZE);
+    uint32_t check = crc32_update(0, b, TRN_COMMIT_SIZE - 4);
+    memcpy(b + TRN_COMMIT_SIZE - 4, &check, 4);
+}
+
+/* The version field of a store's bytes; 0 when they do not begin as a store. */
+uint32_t store_version(const uint8_t *bytes, size_t size)
+{
+    uint32_t version = 0;
+    if (size >= 8 && memcmp(bytes, "TRNW", 4) == 0) {
+        memcpy(&version, bytes + 4, 4);
+    }
+    return version;
 }
 
 } // namespace
@@ -208,6 +239,7 @@ bool wal_replay_index(TrnEngine *e, uint64_t from, bool apply)
 void forget_store(TrnEngine *e)
 {
     e->has_commit = 0;
+    e->has_index_id = 0;
     e->generation = 0;
     e->store_present = 0;
     e->store_size = 0;
@@ -414,12 +446,17 @@ bool index_load(TrnEngine *e, bool replay)
     }
     uint32_t crc = crc32_update(0, store.bytes, store.size);
     uint64_t generation = 0;
+    if (!v.has_commit && store_version(store.bytes, store.size) == TRN_STORE_VERSION) {
+        unmap_file(&store);
+        return fail_status(e, TRN_STATUS_DAMAGED, 0); /* written with a record that is gone */
+    }
     if (v.has_commit) {
+        /* A store is never empty: an empty file matches no generation, not even an absent one. */
         bool is_current = store.present && store.size == rec.store_size && crc == rec.store_crc;
-        bool is_previous =
-            (rec.flags & COMMIT_HAS_PREVIOUS)
-            && (store.present ? store.size == rec.previous_size && crc == rec.previous_crc
-                              : (rec.flags & COMMIT_PREVIOUS_ABSENT) != 0);
+        bool is_previous = (rec.flags & COMMIT_HAS_PREVIOUS)
+                           && (store.present ? store.size > 0 && store.size == rec.previous_size
+                                                   && crc == rec.previous_crc
+                                             : (rec.flags & COMMIT_PREVIOUS_ABSENT) != 0);
         if (is_current) {
             generation = rec.generation;
         } else if (is_previous) {
@@ -437,6 +474,8 @@ bool index_load(TrnEngine *e, bool replay)
     ** is the one without a record, whose log has no groups. */
     e->has_commit = generation >= 1 ? 1 : 0;
     e->generation = generation;
+    e->has_index_id = v.has_commit && rec.has_id ? 1 : 0;
+    memcpy(e->index_id, rec.index_id, sizeof e->index_id);
     e->store_present = store.present ? 1 : 0;
     e->store_size = store.size;
     e->store_crc = crc;
@@ -700,6 +739,8 @@ bool rebuild_swap(TrnEngine *e)
     bool damaged = !probe_committed(e, probe);
     e->has_commit = probe->has_commit;
     e->generation = probe->generation;
+    e->has_index_id = probe->has_index_id;
+    memcpy(e->index_id, probe->index_id, sizeof e->index_id);
     e->store_present = probe->store_present;
     e->store_size = probe->store_size;
     e->store_crc = probe->store_crc;
@@ -739,6 +780,50 @@ bool rebuild_swap(TrnEngine *e)
     return ok;
 }
 
+extern "C" {
+
+int32_t trn_rollback(TrnEngine *e)
+{
+    if (!e || !e->store_path[0] || e->rebuild || !e->own_known || e->own_from >= e->own_end) {
+        return 0;
+    }
+    if (!lock_take(e, LOCK_EX, g_busy_timeout_ms)) {
+        return 0;
+    }
+    /* Only while the log still ends with this handle's last group: nothing another process
+    ** committed is ever cut. */
+    TrnDiskView v;
+    disk_view_read(e, &v);
+    bool cut = false;
+    if (same_state(&v, &e->seen) && e->generation == e->own_generation && !e->wal_stale
+        && v.wal_size == e->own_end && e->wal_end == e->own_end) {
+        TrnPathList paths;
+        int fd = index_open(e, "tarnwick.wal", O_RDWR);
+        cut = fd >= 0 && wal_paths(e, fd, e->own_from, e->own_end, &paths)
+              && ftruncate(fd, (off_t)e->own_from) == 0 && fsync(fd) == 0;
+        if (fd >= 0) {
+            close(fd);
+        }
+        if (cut) {
+            manifest_forget(e, paths);
+            int32_t status = e->status;
+            char error[TRN_ERROR_MAX];
+            memcpy(error, e->error, sizeof error);
+            /* The log is shorter than the handle read it: it loads the state again. */
+            if (!index_refresh_locked(e)) {
+                e->refused = e->status;
+            }
+            e->status = status;
+            memcpy(e->error, error, sizeof error);
+        }
+    }
+    e->own_known = 0;
+    lock_release(e);
+    return cut ? 1 : 0;
+}
+
+} /* extern "C" */
+
 bool commit_write(TrnEngine *e, uint64_t store_size, uint32_t store_crc)
 {
     CommitRecord rec = {};
@@ -748,6 +833,19 @@ bool commit_write(TrnEngine *e, uint64_t store_size, uint32_t store_crc)
     rec.flags = COMMIT_HAS_PREVIOUS | (e->store_present ? 0 : COMMIT_PREVIOUS_ABSENT);
     rec.previous_size = e->store_present ? e->store_size : 0;
     rec.previous_crc = e->store_present ? e->store_crc : 0;
+    if (!e->has_index_id) {
+        /* The first commit of this index, or the first since one of version 1. */
+        size_t got = 0;
+        while (got < sizeof e->index_id) {
+            ssize_t n = getrandom(e->index_id + got, sizeof e->index_id - got, 0);
+            if (n < 0 && errno != EINTR) {
+                return fail_status(e, TRN_STATUS_IO_ERROR, errno);
+            }
+            got += n > 0 ? (size_t)n : 0;
+        }
+        e->has_index_id = 1;
+    }
+    memcpy(rec.index_id, e->index_id, sizeof rec.index_id);
     uint8_t bytes[TRN_COMMIT_SIZE];
     commit_encode(&rec, bytes);
 

@@ -37,6 +37,7 @@
 */
 #include "internal.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -165,9 +166,11 @@ bool manifest_read(const TrnEngine *e, Manifest *m)
     return ok;
 }
 
-bool manifest_write(const TrnEngine *e, const Manifest *m)
+namespace
 {
-    TrnBytes b;
+
+void manifest_bytes(const TrnEngine *e, const Manifest *m, TrnBytes &b)
+{
     put(&b, "TRNF", 4);
     put(&b, &MANIFEST_VERSION, 4);
     put(&b, &m->chunk_size, 4);
@@ -193,27 +196,38 @@ bool manifest_write(const TrnEngine *e, const Manifest *m)
     }
     uint32_t crc = crc32_update(0, b.data(), b.size());
     put(&b, &crc, 4);
+}
 
+bool write_all(int fd, const TrnBytes &b)
+{
+    const uint8_t *p = b.data();
+    size_t left = b.size();
+    while (left > 0) {
+        ssize_t n = write(fd, p, left);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return false;
+        }
+        p += n;
+        left -= (size_t)n;
+    }
+    return true;
+}
+
+} // namespace
+
+bool manifest_write(const TrnEngine *e, const Manifest *m)
+{
+    TrnBytes b;
+    manifest_bytes(e, m, b);
     char tmp[64];
     int fd = index_open_temp(e, "tarnwick.files", tmp, sizeof tmp);
     if (fd < 0) {
         return false;
     }
-    const uint8_t *p = b.data();
-    size_t left = b.size();
-    bool ok = true;
-    while (ok && left > 0) {
-        ssize_t n = write(fd, p, left);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        ok = n > 0;
-        if (ok) {
-            p += n;
-            left -= (size_t)n;
-        }
-    }
-    ok = ok && fsync(fd) == 0;
+    bool ok = write_all(fd, b) && fsync(fd) == 0;
     ok = close(fd) == 0 && ok;
     ok = ok && index_rename(e, tmp, "tarnwick.files");
     if (!ok) {
@@ -221,4 +235,41 @@ bool manifest_write(const TrnEngine *e, const Manifest *m)
         return false;
     }
     return index_dir_sync(e);
+}
+
+bool manifest_forget(const TrnEngine *e, const TrnPathList &paths)
+{
+    Manifest m = {};
+    if (paths.empty() || !manifest_read(e, &m)) {
+        return true; /* no entry to forget, or none trusted anyway */
+    }
+    TrnPathList sorted = paths;
+    std::sort(sorted.begin(), sorted.end());
+    Manifest kept = {};
+    kept.chunk_size = m.chunk_size;
+    kept.overlap = m.overlap;
+    kept.text_version = m.text_version;
+    for (uint32_t i = 0; i < m.count; i++) {
+        if (!std::binary_search(sorted.begin(), sorted.end(), TrnPath(m.entries[i].path))) {
+            manifest_add(&kept, &m.entries[i]);
+        }
+    }
+    bool ok = true;
+    if (kept.count < m.count) {
+        TrnBytes b;
+        manifest_bytes(e, &kept, b);
+        /* Rewritten in place: the file only shrinks, so a full disk cannot stop it. A crash
+        ** half-way leaves a checksum that fails, which costs the next update reading every file. */
+        int fd = index_open(e, "tarnwick.files", O_WRONLY);
+        ok = fd >= 0 && write_all(fd, b) && ftruncate(fd, (off_t)b.size()) == 0 && fsync(fd) == 0;
+        if (fd >= 0) {
+            close(fd);
+        }
+        if (!ok) {
+            index_unlink(e, "tarnwick.files");
+        }
+    }
+    manifest_free(&kept);
+    manifest_free(&m);
+    return ok;
 }

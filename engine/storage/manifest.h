@@ -5,6 +5,8 @@
 #ifndef TRN_MANIFEST_H
 #define TRN_MANIFEST_H
 
+#include "storage.h"
+
 #include <cstddef>
 #include <cstdint>
 
@@ -48,6 +50,9 @@ bool manifest_read(const TrnEngine *e, Manifest *m);
 /* Writes m as e's manifest atomically (temporary file, sync, rename, directory sync), mode 0600.
 ** False when it could not be written (the old manifest then stays). */
 bool manifest_write(const TrnEngine *e, const Manifest *m);
+/* Drops the entries of paths from e's manifest, in place, so the next update reads those files
+** again; removes the manifest when that fails. False then. */
+bool manifest_forget(const TrnEngine *e, const TrnPathList &paths);
 /* Appends a copy of e (its path copied). */
 void manifest_add(Manifest *m, const ManifestEntry *e);
 void manifest_free(Manifest *m);

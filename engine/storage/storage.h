@@ -14,12 +14,16 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include <sys/stat.h>
 
 constexpr uint32_t TRN_WAL_ID_LIMIT = 4096;
-constexpr size_t TRN_COMMIT_SIZE = 48; /* bytes of the commit record (commit.cpp) */
+constexpr size_t TRN_COMMIT_SIZE = 64; /* bytes of the commit record (commit.cpp) */
+/* The store's version (store.cpp). 3: written with a commit record, which it then requires. */
+constexpr uint32_t TRN_STORE_VERSION = 3;
+constexpr size_t TRN_INDEX_ID_SIZE = 16; /* random bytes naming one index (commit.cpp) */
 /* A normal handle checkpoints once its log holds this many chunks, so reopening after a crash
 ** re-embeds at most this many (g_checkpoint_chunks, a test hook, starts at this value). */
 constexpr uint64_t TRN_CHECKPOINT_CHUNKS = 4096;
@@ -70,6 +74,12 @@ void wal_put_remove(const TrnEngine *e, TrnBytes *group, const char *path);
 ** the log back to where the group began, sets the status and returns false. Nothing is written
 ** and true returned when the handle keeps no log. */
 bool wal_commit_group(TrnEngine *e, TrnBytes *group);
+using TrnPath = std::basic_string<char, std::char_traits<char>, XAllocator<char>>;
+using TrnPathList = std::vector<TrnPath, XAllocator<TrnPath>>;
+/* Appends the paths (whole, as in memory) that the records of bytes [from, end) of e's log open
+** at fd add chunks to or remove (a run of one path once). False when the bytes cannot be read or
+*are not whole records. */
+bool wal_paths(const TrnEngine *e, int fd, uint64_t from, uint64_t end, TrnPathList *paths);
 
 /* ---------------------------------------------------------------------------------------------
 ** Durability (commit.cpp): the lock, the commit record and staying in step with other processes

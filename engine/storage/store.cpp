@@ -6,7 +6,8 @@
 **
 **     offset  size  field
 **          0     4  magic "TRNW"
-**          4     4  uint32 version, 2 (1: every path written whole; still read)
+**          4     4  uint32 version: 3, which requires its commit record; 2 is the same without
+**                   that requirement, 1 wrote every path whole (both still read)
 **          8     4  int32 dim (must be 512, the encoder's width)
 **         12     4  int32 M
 **         16     4  int32 ef_construction
@@ -64,7 +65,6 @@ static_assert(std::endian::native == std::endian::little,
 namespace
 {
 
-constexpr uint32_t STORE_VERSION = 2;
 constexpr uint32_t STORE_VERSION_FULL_PATHS = 1;
 constexpr size_t STORE_HEADER_SIZE = 40;
 /* Graph parameters read from a store are kept only within these bounds: heaps and candidate
@@ -201,8 +201,8 @@ void load_from_bytes(TrnEngine *e, const uint8_t *bytes, size_t size)
     if (!bytes_take(&cur, magic, 4) || memcmp(magic, "TRNW", 4) != 0) {
         return;
     }
-    if (!bytes_take_value(&cur, &version)
-        || (version != STORE_VERSION && version != STORE_VERSION_FULL_PATHS)) {
+    if (!bytes_take_value(&cur, &version) || version < STORE_VERSION_FULL_PATHS
+        || version > TRN_STORE_VERSION) {
         return;
     }
     /* The encoder writes 512 floats per text; vectors of another width could not be compared
@@ -345,7 +345,7 @@ void put_path(StoreOut *o, const TrnEngine *e, const char *path)
 void write_store(const TrnEngine *e, StoreOut *o)
 {
     put(o, "TRNW", 4);
-    put_value(o, STORE_VERSION);
+    put_value(o, TRN_STORE_VERSION);
     put_value(o, e->dim);
     put_value(o, e->M);
     put_value(o, e->ef_construction);

@@ -13,8 +13,9 @@
 **     int32  line_number
 **     uint32 file_type
 **   op 'D' (0x44): every chunk of the file named by id is removed.
-**   op 'G' (0x47), first record of a log written by this version: id is the generation of the
-**     store it follows, in decimal (commit.cpp).
+**   op 'G' (0x47), first record of a log of groups: id is the generation of the store it follows,
+**     in decimal, a space and the index's id in 32 lower-case hex digits (commit.cpp); only the
+**     generation after a commit record of version 1, which names no index.
 **   op 'C' (0x43): ends a group; id is the CRC-32 of the group's bytes (from the end of the
 **     previous 'C' record, or the start of the log) in 8 lower-case hex digits.
 **
@@ -28,8 +29,9 @@
 ** the call returns. Replay of a log that begins with 'G' applies whole groups only, so a file
 ** whose chunks were not all logged is left out and redone by the next update. A torn or
 ** unchecked group at the end is a crash and ends replay quietly; a group that fails its checksum
-** with more bytes after it is damage. A log without 'G' (an older version's) is replayed record
-** by record up to a torn tail, as that version did. Replay never writes: a writer cuts a torn
+** with more bytes after it is damage, as is a log that names another index, or groups without a
+** commit record. A log without 'G' (an older version's) is replayed record by record up to a
+** torn tail, as that version did. Replay never writes: a writer cuts a torn
 ** tail off before it appends (commit.cpp).
 */
 #include "internal.h"
@@ -117,6 +119,71 @@ uint64_t decimal(const uint8_t *p, uint32_t n)
         v = v * 10 + (uint64_t)(p[i] - '0');
     }
     return v;
+}
+
+/* The id of the 'G' record that begins a log after generation of e's index. */
+int group_log_id(const TrnEngine *e, uint64_t generation, char *out, size_t size)
+{
+    int n = snprintf(out, size, "%llu", (unsigned long long)generation);
+    for (size_t i = 0; e->has_index_id && i < sizeof e->index_id; i++) {
+        n += snprintf(out + n, size - (size_t)n, i == 0 ? " %02x" : "%02x", e->index_id[i]);
+    }
+    return n;
+}
+
+/* The generation a 'G' record names (the digits before a space); UINT64_MAX when malformed. */
+uint64_t log_generation(const LogRecord *g)
+{
+    const uint8_t *space = static_cast<const uint8_t *>(memchr(g->id, ' ', g->id_len));
+    return decimal(g->id, space ? (uint32_t)(space - g->id) : g->id_len);
+}
+
+/* Whether a whole 'C' record (op, length 8, eight hex digits) lies in bytes [from, size). */
+bool group_end_after(const uint8_t *bytes, size_t size, uint64_t from)
+{
+    for (size_t at = (size_t)from; at + 13 <= size; at++) {
+        if (bytes[at] != 'C' || memcmp(bytes + at + 1, "\x08\0\0\0", 4) != 0) {
+            continue;
+        }
+        bool hex = true;
+        for (size_t k = at + 5; k < at + 13 && hex; k++) {
+            hex = (bytes[k] >= '0' && bytes[k] <= '9') || (bytes[k] >= 'a' && bytes[k] <= 'f');
+        }
+        if (hex) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/* Whether bytes [start, end) hold the end of a group that began at start: a 'C' record, its op
+** byte aside, whose checksum is that of the bytes before it. */
+bool group_end_within(const uint8_t *bytes, uint64_t start, uint64_t end)
+{
+    for (uint64_t at = start; at + 13 <= end; at++) {
+        if (memcmp(bytes + at + 1, "\x08\0\0\0", 4) != 0) {
+            continue;
+        }
+        char want[16];
+        snprintf(want, sizeof want, "%08x", crc32_update(0, bytes + start, (size_t)(at - start)));
+        if (memcmp(bytes + at + 5, want, 8) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/* Whether a 'G' record names e's index, or no index (a log begun after a commit record of
+** version 1). */
+bool names_index(const TrnEngine *e, const LogRecord *g)
+{
+    const uint8_t *space = static_cast<const uint8_t *>(memchr(g->id, ' ', g->id_len));
+    if (!space) {
+        return true;
+    }
+    char want[64];
+    int n = group_log_id(e, log_generation(g), want, sizeof want);
+    return (uint32_t)n == g->id_len && memcmp(want, g->id, g->id_len) == 0;
 }
 
 double now_seconds(void)
@@ -236,12 +303,17 @@ bool wal_replay_fd(TrnEngine *e, int fd, uint64_t from, bool apply)
 
     ByteReader c = {bytes, size};
     LogRecord first;
-    bool grouped = parse_record(&c, &first) && first.op == 'G';
+    bool parsed = parse_record(&c, &first);
+    bool grouped = parsed && first.op == 'G';
     if (from == 0 && !grouped) {
-        /* An older version's log: whole records up to a torn tail. A log without groups after
-        ** a commit record is the one a checkpoint was about to empty. */
+        /* An older version's log: whole records up to a torn tail. After a commit record, a
+        ** log without groups is either such a log that a checkpoint was about to empty or a
+        ** first group cut short (shorter than its 'G' record); anything else is damage. */
         if (e->has_commit) {
+            char want[64];
+            int n = group_log_id(e, e->generation, want, sizeof want);
             e->wal_stale = 1;
+            whole = bytes[0] == 'A' || (!parsed && size < 5 + (size_t)n);
         } else {
             c = {bytes, size};
             uint64_t chunks = 0;
@@ -260,9 +332,17 @@ bool wal_replay_fd(TrnEngine *e, int fd, uint64_t from, bool apply)
                 }
             }
         }
-    } else if (from == 0 && e->has_commit && decimal(first.id, first.id_len) != e->generation) {
-        e->wal_stale = 1;
-    } else {
+    } else if (from == 0 && e->has_commit && log_generation(&first) + 1 == e->generation
+               && names_index(e, &first)) {
+        e->wal_stale = 1; /* a checkpoint replaced the store and had not emptied the log yet */
+    } else if (from == 0) {
+        /* Groups are only ever written after a commit, and name its generation and index: a
+        ** log without a commit record, or of another generation or index, is not this one's. */
+        char want[64];
+        int n = group_log_id(e, e->generation, want, sizeof want);
+        whole = e->has_commit && (uint32_t)n == first.id_len && memcmp(want, first.id, n) == 0;
+    }
+    if (whole && !e->wal_stale && (from > 0 || grouped)) {
         /* Groups from `from`: find the last whole one, then apply up to it. */
         c = {bytes + from, size - (size_t)from};
         uint64_t group_start = from, end = from, chunks = 0, pending = 0;
@@ -270,6 +350,9 @@ bool wal_replay_fd(TrnEngine *e, int fd, uint64_t from, bool apply)
         while (c.left > 0) {
             uint64_t record_start = size - c.left;
             if (!parse_record(&c, &r)) {
+                /* A record cut short by a crash ends the log; one that cannot be read with its
+                ** group's end still after it was damaged. */
+                whole = !group_end_after(bytes, size, record_start);
                 break;
             }
             if (r.op == 'A') {
@@ -282,8 +365,9 @@ bool wal_replay_fd(TrnEngine *e, int fd, uint64_t from, bool apply)
                     "%08x",
                     crc32_update(0, bytes + group_start, (size_t)(record_start - group_start)));
                 if (r.id_len != 8 || memcmp(r.id, want, 8) != 0) {
-                    /* A crash leaves at most one unchecked group, at the very end. */
-                    whole = c.left == 0;
+                    /* A crash leaves at most one unchecked group, at the very end; one that
+                    ** holds the whole end of an earlier group was damaged. */
+                    whole = c.left == 0 && !group_end_within(bytes, group_start, record_start);
                     break;
                 }
                 end = size - c.left;
@@ -308,8 +392,8 @@ void wal_group_begin(const TrnEngine *e, TrnBytes *group)
 {
     group->clear();
     if (e->wal_end == 0) {
-        char id[32];
-        int n = snprintf(id, sizeof id, "%llu", (unsigned long long)e->generation);
+        char id[64];
+        int n = group_log_id(e, e->generation, id, sizeof id);
         group->push_back('G');
         put_str(group, id, (size_t)n);
     }
@@ -374,7 +458,14 @@ bool wal_commit_group(TrnEngine *e, TrnBytes *group)
         }
         return fail_status(e, TRN_STATUS_IO_ERROR, err);
     }
+    uint64_t start = e->wal_end;
     e->wal_end += group->size();
+    if (!e->own_known || e->own_generation != e->generation || e->own_end != start) {
+        e->own_known = 1; /* another process's group, or a checkpoint, came in between */
+        e->own_generation = e->generation;
+        e->own_from = start;
+    }
+    e->own_end = e->wal_end;
     /* This handle's own append is no news to it. */
     struct stat st;
     if (fstat(fd, &st) == 0) {
@@ -382,4 +473,37 @@ bool wal_commit_group(TrnEngine *e, TrnBytes *group)
         e->seen.wal_mtime_ns = (int64_t)st.st_mtim.tv_sec * 1000000000 + st.st_mtim.tv_nsec;
     }
     return true;
+}
+
+bool wal_paths(const TrnEngine *e, int fd, uint64_t from, uint64_t end, TrnPathList *paths)
+{
+    if (end < from || end - from > SIZE_MAX) {
+        return false;
+    }
+    TrnBytes bytes((size_t)(end - from));
+    size_t got = 0;
+    while (got < bytes.size()) {
+        ssize_t n = pread(fd, bytes.data() + got, bytes.size() - got, (off_t)(from + got));
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return false;
+        }
+        got += (size_t)n;
+    }
+    ByteReader c = {bytes.data(), bytes.size()};
+    LogRecord r;
+    while (c.left > 0 && parse_record(&c, &r)) {
+        const uint8_t *path = r.op == 'A' ? r.path : r.op == 'D' ? r.id : nullptr;
+        uint32_t n = r.op == 'A' ? r.path_len : r.id_len;
+        if (path && n > 0) {
+            char *full = path_from_disk(e, path, n);
+            if (paths->empty() || paths->back() != full) {
+                paths->push_back(TrnPath(full));
+            }
+            free(full);
+        }
+    }
+    return c.left == 0;
 }

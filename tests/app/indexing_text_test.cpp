@@ -12,6 +12,7 @@ class TestIndexingText : public QObject
 private slots:
     void indexingProgressText_data();
     void indexingProgressText();
+    void bytesTellTheTimeLeftWhenKnown();
 };
 
 void TestIndexingText::indexingProgressText_data()
@@ -47,6 +48,21 @@ void TestIndexingText::indexingProgressText()
     QFETCH(double, seconds);
     QFETCH(QString, expected);
     QCOMPARE(::indexingProgressText(IndexingProgress{done, found, chunks}, seconds), expected);
+}
+
+void TestIndexingText::bytesTellTheTimeLeftWhenKnown()
+{
+    // One large file done of four: its bytes say the rest is nearly nothing, the count a third.
+    IndexingProgress progress{1, 4, 90};
+    QCOMPARE(::indexingProgressText(progress, 10.0),
+             QStringLiteral("Indexing 1 of 4 files, 90 chunks, 9.0 chunks/s, about 30 s left"));
+    progress.bytesDone = 900;
+    progress.bytesAll = 1000;
+    QCOMPARE(::indexingProgressText(progress, 10.0),
+             QStringLiteral("Indexing 1 of 4 files, 90 chunks, 9.0 chunks/s, about 1 s left"));
+    progress.bytesDone = 100; // a small file first: nine times as long to come
+    QCOMPARE(::indexingProgressText(progress, 10.0),
+             QStringLiteral("Indexing 1 of 4 files, 90 chunks, 9.0 chunks/s, about 2 min left"));
 }
 
 QTEST_GUILESS_MAIN(TestIndexingText)

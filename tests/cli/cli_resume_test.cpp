@@ -230,4 +230,37 @@ TEST(CliResume, CtrlCKeepsTheFilesDoneAndUpdateReadsOnlyTheRest)
               parse_json(run_cli({"stats", t.src, "--json"}, t.src).out)["chunkCount"].number);
 }
 
+// A first indexing killed before its checkpoint leaves its chunks in the log. Commands that only
+// read or tidy the index (stats, files, compact) replay that log with the encoder that built the
+// index, so compact stores the vectors a clean index holds, not an untrained encoder's.
+TEST(CliResume, CompactAfterAKilledIndexingStoresTheVectorsOfTheIndexEncoder)
+{
+    Tree t;
+    t.write_first();
+    // The application's encoder, the built-in one: an untrained encoder would replay its own.
+    const std::vector<std::string> index = {
+        "index", t.src, "--chunk-size", "64", "--overlap", "16"};
+    std::vector<std::string> killed = {"strace",
+                                       "-qq",
+                                       "-o",
+                                       "/dev/null",
+                                       "-e",
+                                       "trace=rename",
+                                       "-e",
+                                       "inject=rename:signal=SIGKILL:when=1",
+                                       CLI};
+    killed.insert(killed.end(), index.begin(), index.end());
+    ASSERT_TRUE(run_argv(killed));
+    ASSERT_GT(fs::file_size(t.index_dir + "/tarnwick.wal"), 0u);
+    for (const char *command : {"stats", "files", "compact"}) {
+        ASSERT_EQ(run_cli({command, t.src}, t.src).status, 0) << command;
+    }
+    const std::vector<std::string> query = {
+        "search", t.src, "bravo three", "--mode", "semantic", "--all-chunks", "--json"};
+    const std::string after_kill = run_cli(query, t.src).out;
+    fs::remove_all(t.index_dir);
+    ASSERT_EQ(run_cli(index, t.src).status, 0);
+    EXPECT_EQ(after_kill, run_cli(query, t.src).out);
+}
+
 } // namespace

@@ -345,10 +345,12 @@ TEST(LexicalUpkeep, AgreesWithAFreshIndexAfterEveryChange)
     }
     EXPECT_EQ(ranking(e), scratch({"a.txt", "b.txt", "c.txt"})) << "after ingestion";
 
-    // The log alone, replayed by another handle, as after a crash.
-    write_file_bytes(copy.file("tarnwick.wal"),
-                     read_file_bytes(dir.file("tarnwick.wal")).data(),
-                     read_file_bytes(dir.file("tarnwick.wal")).size());
+    // The store and its log without the word index's copy, replayed by another handle, as
+    // after a crash.
+    for (const char *name : {"tarnwick.bin", "tarnwick.commit", "tarnwick.wal"}) {
+        const std::vector<uint8_t> bytes = read_file_bytes(dir.file(name));
+        write_file_bytes(copy.file(name), bytes.data(), bytes.size());
+    }
     TrnConfig copy_cfg = config_for(copy);
     TrnEngine *replayed = trn_open(&copy_cfg);
     EXPECT_EQ(ranking(replayed), scratch({"a.txt", "b.txt", "c.txt"})) << "after replay";

@@ -113,10 +113,10 @@ TEST(StoreFile, CheckpointWritesTheDocumentedLayout)
     std::vector<uint8_t> got = read_file_bytes(dir.file("tarnwick.bin"));
     records[2].id = std::string("\0c.py:1", 7);
     records[2].path = std::string("\0c.py", 5);
-    Bytes want = store_bytes(records);
+    Bytes want = store_bytes(records, nullptr, 3);
     ASSERT_EQ(got.size(), want.size());
     EXPECT_TRUE(got == want.b);
-    const uint8_t head[12] = {'T', 'R', 'N', 'W', 2, 0, 0, 0, 0, 2, 0, 0};
+    const uint8_t head[12] = {'T', 'R', 'N', 'W', 3, 0, 0, 0, 0, 2, 0, 0};
     EXPECT_EQ(memcmp(got.data(), head, sizeof head), 0);
     /* No temporary file is left behind; the commit record, the word index and the lock file
     ** stand beside it. */
@@ -264,7 +264,7 @@ TEST(StoreFile, StoreOfAnotherVersionOrWidthIsIgnoredAndReplaced)
 {
     for (int variant = 0; variant < 2; variant++) {
         TempDir dir;
-        uint32_t version = variant == 0 ? 3 : 2;
+        uint32_t version = variant == 0 ? 4 : 2;
         int32_t dim = variant == 0 ? 512 : 64;
         store_bytes(sample_records(), nullptr, version, dim).write(dir.file("tarnwick.bin"));
         TrnConfig cfg = config_for(dir);
@@ -277,7 +277,7 @@ TEST(StoreFile, StoreOfAnotherVersionOrWidthIsIgnoredAndReplaced)
         trn_close(e);
         std::vector<uint8_t> bytes = read_file_bytes(dir.file("tarnwick.bin"));
         ASSERT_EQ(bytes.size(), 40u);
-        EXPECT_EQ(bytes[4], 2);
+        EXPECT_EQ(bytes[4], 3);
         EXPECT_EQ(bytes[36], 0);
     }
 }
