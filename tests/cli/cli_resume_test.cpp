@@ -31,10 +31,12 @@ bool run_argv(const std::vector<std::string> &argv, std::string *out = nullptr)
 {
     char out_tmpl[] = "/tmp/trn_resume_out_XXXXXX";
     int out_fd = mkstemp(out_tmpl);
+    // Made here, not in the child, which would leave the folder behind.
+    const std::string home = default_home();
     pid_t pid = fork();
     if (pid == 0) {
-        setenv("HOME", default_home().c_str(), 1);
-        setenv("XDG_CONFIG_HOME", (default_home() + "/.config").c_str(), 1);
+        setenv("HOME", home.c_str(), 1);
+        setenv("XDG_CONFIG_HOME", (home + "/.config").c_str(), 1);
         dup2(out_fd, 1);
         int null_fd = open("/dev/null", O_WRONLY);
         dup2(null_fd, 2);
