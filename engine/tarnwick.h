@@ -725,6 +725,16 @@ enum {
 TRN_API int32_t trn_search_ex(TrnEngine *e, const char *query, int32_t mode, int32_t k,
                               uint32_t flags, TrnResult *results);
 
+/* The chunks of one file that trn_search_ex (flags 0) would find in mode if the index held that
+** file alone: at most min(k, 64) records, best first, each chunk once; how many. path is the
+** file's path as results give it (TrnResult.file_path). Narrowing words apply as in trn_search.
+** 0 when path is NULL or names no file of the index, and as trn_search says. Text, regex and
+** keyword searches give exactly the file's chunks that match; semantic and hybrid ones rank
+** every chunk of the file by its nearness to the query, so k decides how many come back. What
+** "n more in this file" opens: with k = n + 1, its first record is the file's row. */
+TRN_API int32_t trn_search_file(TrnEngine *e, const char *query, int32_t mode, const char *path,
+                                int32_t k, TrnResult *results);
+
 /* Searches count indexes (the folders a person has open) as one, as trn_search_ex searches one
 ** with flags (by file: one result per file of any of them), and writes at most min(k, 64) records
 *to results, best first, and for each the position in engines

@@ -356,10 +356,12 @@ void DirectoryState::toggleFile(const QString &filePath)
     const quint64 request = m_searchRequest;
     // The file's own index: of another tab when the results come from every tab.
     std::shared_ptr<IndexHandle> engine = m_engine;
+    int passages = 1;
     for (const SearchResult &result : m_results) {
         if (result.filePath != filePath) {
             continue;
         }
+        passages = result.moreInFile + 1;
         for (const std::weak_ptr<IndexHandle> &weak : m_searchAcross) {
             const std::shared_ptr<IndexHandle> other = weak.lock();
             if (other && other->directoryPath() == result.folder) {
@@ -370,8 +372,8 @@ void DirectoryState::toggleFile(const QString &filePath)
     }
     runInBackground(
         this,
-        [query, mode, filePath, engine] {
-            return engine->searchFile(query, mode, filePath);
+        [query, mode, filePath, engine, passages] {
+            return engine->searchFile(query, mode, filePath, passages);
         },
         [this, filePath, request](const QList<SearchResult> &passages) {
             // The passages of an earlier search's file do not belong under a newer one.

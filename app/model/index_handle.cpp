@@ -336,15 +336,30 @@ QList<SearchResult> IndexHandle::search(const QString &query, SearchMode mode, i
 }
 
 QList<SearchResult> IndexHandle::searchFile(const QString &query, SearchMode mode,
-                                            const QString &filePath)
+                                            const QString &filePath, int k)
 {
-    // TODO(#27): the engine searches one file's passages itself; until then they are picked
-    // from as many passages as it gives.
     QList<SearchResult> passages;
-    for (const SearchResult &r : search(query, mode, kEngineResultLimit)) {
-        if (r.filePath == filePath) {
-            passages.append(r);
-        }
+    if (k <= 0) {
+        return passages;
+    }
+    const QByteArray utf8 = query.toUtf8();
+    const QByteArray path = QFile::encodeName(filePath);
+    const int limit = std::min(k, kEngineResultLimit);
+    std::vector<TrnResult> records(static_cast<size_t>(limit), TrnResult{});
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (!m_handle) {
+        return passages;
+    }
+    const int32_t n = trn_search_file(m_handle,
+                                      utf8.constData(),
+                                      static_cast<int32_t>(mode),
+                                      path.constData(),
+                                      limit,
+                                      records.data());
+    for (int32_t i = 0; i < n && i < limit; i++) {
+        SearchResult result = toResult(records[static_cast<size_t>(i)]);
+        result.folder = m_directoryPath;
+        passages.append(result);
     }
     return passages;
 }

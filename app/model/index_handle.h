@@ -109,8 +109,10 @@ public:
     static QList<SearchResult> searchAcross(const QList<IndexHandle *> &handles,
                                             const QString &query, SearchMode mode, int k,
                                             ResultLayout layout = ResultLayout::AllPassages);
-    // The matching passages of one file (what "n more in this file" opens), best first.
-    QList<SearchResult> searchFile(const QString &query, SearchMode mode, const QString &filePath);
+    // At most k passages of one file as search() ranks them (trn_search_file), best first: what
+    // "n more in this file" opens with k = n + 1. Empty when not open or k <= 0.
+    QList<SearchResult> searchFile(const QString &query, SearchMode mode, const QString &filePath,
+                                   int k);
     // Every file of the directory in walk order under walk with its state (see FileInfo): excluded
     // directories once, the text of indexable files that are not indexed read for the reason.
     QList<FileInfo> fileList(const FileWalkOptions &walk);

@@ -531,10 +531,12 @@ int32_t show_mode(int32_t mode, const char *query)
     return query_ranks(query) ? mode : TRN_SEARCH_SEMANTIC;
 }
 
-extern "C" {
+namespace
+{
 
-int32_t trn_search_ex(TrnEngine *e, const char *query, int32_t mode, int32_t k, uint32_t flags,
-                      TrnResult *results)
+/* trn_search_ex, or trn_search_file when path is not NULL: the chunks of that file alone. */
+int32_t search_laid_out(TrnEngine *e, const char *query, int32_t mode, int32_t k, uint32_t flags,
+                        const char *path, TrnResult *results)
 {
     if (!e || !query || !results || k < 1 || mode < TRN_SEARCH_SEMANTIC
         || mode > TRN_SEARCH_SEMANTIC_ALL) {
@@ -551,7 +553,23 @@ int32_t trn_search_ex(TrnEngine *e, const char *query, int32_t mode, int32_t k, 
     }
     const int32_t kk = k < TRN_MAX_RESULTS ? k : TRN_MAX_RESULTS;
     const bool by_file = (flags & TRN_SEARCH_BY_FILE) != 0;
+    if (path && !nw.active && !query_ranks(nw.core)) {
+        narrow_free(&nw); /* nothing to search for: the file's chunks are no answer */
+        return 0;
+    }
     std::unique_ptr<uint8_t, FreeDeleter> allowed(narrow_mask(e, &nw));
+    if (path) {
+        if (!allowed) {
+            allowed.reset((uint8_t *)xcalloc(e->count + 1, 1));
+            for (uint64_t i = 0; i < e->count; i++) {
+                allowed.get()[i] = !e->chunks[i].deleted && e->chunks[i].text ? 1 : 0;
+            }
+        }
+        for (uint64_t i = 0; i < e->count; i++) {
+            const char *of = e->chunks[i].file_path;
+            allowed.get()[i] = allowed.get()[i] && of && strcmp(of, path) == 0 ? 1 : 0;
+        }
+    }
     Ranking ranking;
     rank_mode(e, nw.core, mode, kk, by_file, allowed.get(), nullptr, &ranking);
     int32_t rows[TRN_MAX_RESULTS];
@@ -586,6 +604,25 @@ int32_t trn_search_ex(TrnEngine *e, const char *query, int32_t mode, int32_t k, 
     html_source_lines(e, results, slots, focus, n);
     narrow_free(&nw);
     return n;
+}
+
+} // namespace
+
+extern "C" {
+
+int32_t trn_search_ex(TrnEngine *e, const char *query, int32_t mode, int32_t k, uint32_t flags,
+                      TrnResult *results)
+{
+    return search_laid_out(e, query, mode, k, flags, nullptr, results);
+}
+
+int32_t trn_search_file(TrnEngine *e, const char *query, int32_t mode, const char *path, int32_t k,
+                        TrnResult *results)
+{
+    if (!path) {
+        return 0;
+    }
+    return search_laid_out(e, query, mode, k, 0, path, results);
 }
 
 int32_t trn_search(TrnEngine *e, const char *query, int32_t mode, int32_t k, TrnResult *results)

@@ -110,6 +110,8 @@ TEST_F(Results, SearchByFileKeepsTheBestPassageOfEachFile)
         add_file("/logs/day" + std::to_string(f) + ".txt", text, 400, 100);
     }
     ASSERT_LT(eng_.e->count, 64u); /* the chunk-by-chunk ranking below is whole */
+    TrnResult none[1];
+    EXPECT_EQ(trn_search_file(eng_.e, "harbour", TRN_SEARCH_TEXT, "/logs/nowhere.txt", 1, none), 0);
     for (int mode : {TRN_SEARCH_TEXT,
                      TRN_SEARCH_REGEX,
                      TRN_SEARCH_KEYWORD,
@@ -139,6 +141,28 @@ TEST_F(Results, SearchByFileKeepsTheBestPassageOfEachFile)
             for (size_t i = 0; i < rows.size(); i++) {
                 EXPECT_STREQ(rows[i].doc_id, first_ids[i].c_str()) << i;
                 EXPECT_EQ(rows[i].more_in_file, more[files[i]]) << i;
+            }
+        }
+        /* "n more in this file" opens the row and its n others: the file's passages of the
+        ** chunk-by-chunk ranking, in its order (semantic scores all tie at 0 here, so for them
+        ** only how many come back is compared). */
+        for (const std::string &file : files) {
+            std::vector<std::string> expected;
+            for (const TrnResult &r : raw) {
+                if (file == r.file_path) {
+                    expected.push_back(r.doc_id);
+                }
+            }
+            TrnResult got[64];
+            int32_t n = trn_search_file(eng_.e, query, mode, file.c_str(), more[file] + 1, got);
+            ASSERT_EQ(n, (int32_t)expected.size()) << file;
+            std::vector<std::string> ids;
+            for (int32_t i = 0; i < n; i++) {
+                ids.push_back(got[i].doc_id);
+                EXPECT_STREQ(got[i].file_path, file.c_str());
+            }
+            if (mode != TRN_SEARCH_SEMANTIC_ALL) {
+                EXPECT_EQ(ids, expected) << mode << " " << file;
             }
         }
     }
