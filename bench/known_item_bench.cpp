@@ -440,8 +440,7 @@ int main(int argc, char **argv)
             continue;
         }
         /* The two rankings as deep as a hybrid search takes them. */
-        const int32_t width =
-            std::max(HYBRID_GRAPH_MIN, std::min(probe_ef_search(e), HYBRID_CANDIDATES));
+        const int32_t width = hybrid_graph_width(e);
         int32_t ns = hnsw_query_width(e, v, width, width, sem.data(), s1.data());
         int32_t nk = lex_search(e, q.text.c_str(), HYBRID_CANDIDATES, kw.data(), s2.data());
         std::vector<float> cosine(nk);

@@ -32,11 +32,6 @@ bool probe_weights_loaded(const TrnEngine *e)
     return e->weights_loaded != 0;
 }
 
-int32_t probe_ef_search(const TrnEngine *e)
-{
-    return e->ef_search;
-}
-
 void probe_set_embed_threads(TrnEngine *e, int32_t workers)
 {
     e->embed_threads = workers > 1 ? workers : 1;

@@ -33,8 +33,6 @@ ProbeChunk probe_chunk(const TrnEngine *e, uint64_t slot);
 /* The handle's encoder, owned by the handle, and whether weights were loaded into it. */
 TrnEncoder *probe_encoder(TrnEngine *e);
 bool probe_weights_loaded(const TrnEngine *e);
-/* The width of a semantic search of the graph (TrnConfig's ef_search). */
-int32_t probe_ef_search(const TrnEngine *e);
 /* Sets how many workers embed a batch of chunks (at least 1). */
 void probe_set_embed_threads(TrnEngine *e, int32_t workers);
 

@@ -221,17 +221,10 @@ void unmap_file(Mapped *m)
 bool wal_replay_index(TrnEngine *e, uint64_t from, bool apply)
 {
     int fd = index_open(e, "tarnwick.wal", O_RDONLY);
-    if (fd < 0) {
-        if (from == 0) {
-            e->wal_end = 0;
-            e->wal_chunks = 0;
-            e->wal_legacy = 0;
-            e->wal_stale = 0;
-        }
-        return true;
-    }
     bool whole = wal_replay_fd(e, fd, from, apply);
-    close(fd);
+    if (fd >= 0) {
+        close(fd);
+    }
     return whole;
 }
 

@@ -59,7 +59,7 @@ bool checkpoint_locked(TrnEngine *e);
 ** wal_legacy and wal_stale. Returns false when a group before the last fails its checksum.
 ** Without apply the records are only checked. */
 bool wal_replay(TrnEngine *e, const char *path, uint64_t from = 0, bool apply = true);
-/* wal_replay of the log open at fd (left open). */
+/* wal_replay of the log open at fd (left open); a negative fd is a missing log, an empty one. */
 bool wal_replay_fd(TrnEngine *e, int fd, uint64_t from = 0, bool apply = true);
 /* Byte buffer of records to append as one group. */
 using TrnBytes = std::vector<uint8_t, XAllocator<uint8_t>>;

@@ -267,17 +267,10 @@ void put_path(TrnBytes *b, const TrnEngine *e, const char *path)
 bool wal_replay(TrnEngine *e, const char *path, uint64_t from, bool apply)
 {
     int fd = open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0) {
-        if (from == 0) {
-            e->wal_end = 0;
-            e->wal_chunks = 0;
-            e->wal_legacy = 0;
-            e->wal_stale = 0;
-        }
-        return true;
-    }
     bool whole = wal_replay_fd(e, fd, from, apply);
-    close(fd);
+    if (fd >= 0) {
+        close(fd);
+    }
     return whole;
 }
 
