@@ -53,8 +53,13 @@ std::map<std::string, std::vector<float>> chunks_below(const TrnEngine *e,
         std::string id = c.doc_id;
         std::string path = c.file_path ? c.file_path : "";
         bool below = id.rfind(prefix, 0) == 0 && path.rfind(prefix, 0) == 0;
-        std::string key = below ? id.substr(prefix.size()) : "outside:" + id + "|" + path;
-        key += "|" + std::to_string(c.line_number) + "|" + c.text;
+        std::string key;
+        if (below) {
+            key = id.substr(prefix.size());
+        } else {
+            key.append("outside:").append(id).append("|").append(path);
+        }
+        key.append("|").append(std::to_string(c.line_number)).append("|").append(c.text);
         out[key] = std::vector<float>(e->vectors + i * (uint64_t)e->dim,
                                       e->vectors + (i + 1) * (uint64_t)e->dim);
     }
