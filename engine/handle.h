@@ -88,12 +88,12 @@ struct TrnEngine {
 
     /* word index of the live chunks (word_index.cpp); NULL until the first lex_sync */
     TrnLexical *lexical;
-    /* durability (commit.cpp); all zero for an in-memory handle */
+    /* durability (sharing.cpp, locks.cpp); all zero for an in-memory handle */
     int dir_fd; /* the index directory (file_io.cpp), valid when dir_open */
     uint8_t dir_open;
     int lock_fd; /* tarnwick.lock, valid when lock_open */
     uint8_t lock_open;
-    int turn_fd; /* tarnwick.turn, valid when turn_open: where writers queue (commit.cpp) */
+    int turn_fd; /* tarnwick.turn, valid when turn_open: where writers queue (locks.cpp) */
     uint8_t turn_open;
     uint8_t rebuild; /* built in memory, swapped in by the next checkpoint */
     int rebuild_fd;  /* tarnwick.rebuild, held shared by a rebuilding handle */

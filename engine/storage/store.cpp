@@ -41,7 +41,8 @@
 **
 ** A checkpoint writes the same bytes to a temporary file ("tarnwick.bin.XXXXXX", created
 ** exclusively) in the index directory, syncs it, commits it with the commit record and renames it
-** over the store before it empties the log (commit.cpp gives the order and why a crash at any step
+** over the store before it empties the log (commit_record.cpp gives the order and why a crash at
+*any step
 ** leaves the state before or after the checkpoint). Nothing here writes when the handle changed
 ** nothing.
 */
