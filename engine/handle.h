@@ -112,7 +112,13 @@ struct TrnEngine {
     uint8_t store_present;       /* the loaded store existed, with this size and checksum */
     uint64_t store_size;
     uint32_t store_crc;
-    uint64_t wal_end;    /* end of the last whole group of the log, read or written */
+    uint64_t wal_end; /* end of the last whole group of the log, read or written */
+    uint32_t wal_crc; /* CRC-32 of the log's bytes before wal_end */
+    /* The log's first log_committed bytes were committed, with CRC-32 log_committed_crc, as the
+    ** commit record says: a log that lacks them is damaged (0: nothing to check). */
+    uint64_t log_committed;
+    uint32_t log_committed_crc;
+    uint8_t log_tracked; /* the commit record keeps the loaded generation's log length */
     uint64_t wal_chunks; /* chunks logged since the last checkpoint */
     uint8_t wal_legacy;  /* the log holds records of an older version (no groups) */
     uint8_t wal_stale;   /* the log belongs to an older generation and is ignored */
@@ -123,6 +129,7 @@ struct TrnEngine {
     uint8_t own_known;
     uint64_t own_generation;
     uint64_t own_from;
+    uint32_t own_from_crc; /* CRC-32 of the log before own_from */
     uint64_t own_end;
     uint8_t paths_full; /* the store names files by full paths, as version 1 did: rewrite it */
 };

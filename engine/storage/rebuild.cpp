@@ -104,6 +104,10 @@ bool rebuild_swap(TrnEngine *e)
     bool take_up = !damaged && e->rebuild_known && probe->generation == e->rebuild_generation
                    && !probe->wal_stale && !probe->wal_legacy && probe->wal_end > e->rebuild_from;
     uint64_t take_from = e->rebuild_from;
+    /* The log that completes the store the swap replaces, for the commit record. */
+    uint64_t log_end = probe->wal_end;
+    uint32_t log_crc = probe->wal_crc;
+    uint8_t log_stale = probe->wal_stale, log_legacy = probe->wal_legacy;
     probe_free(probe);
     if (take_up) {
         int fd = index_open(e, "tarnwick.wal", O_RDONLY);
@@ -123,7 +127,10 @@ bool rebuild_swap(TrnEngine *e)
     }
     e->rebuild = 0;
     e->unsaved = 1;
-    e->wal_end = 0;
+    e->wal_end = log_end;
+    e->wal_crc = log_crc;
+    e->wal_stale = log_stale;
+    e->wal_legacy = log_legacy;
     bool ok = checkpoint_locked(e);
     if (!ok) {
         e->rebuild = 1;

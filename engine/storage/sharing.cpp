@@ -62,9 +62,11 @@ void indexed_dir(const TrnEngine *e, char *out, size_t size)
 namespace
 {
 
+/* The same generation: the committed log may have grown, nothing else changed. */
 bool same_state(const TrnDiskView *a, const TrnDiskView *b)
 {
-    return a->commit_len == b->commit_len && memcmp(a->commit, b->commit, a->commit_len) == 0
+    return a->commit_len == b->commit_len
+           && memcmp(a->commit, b->commit, commit_head_size(a->commit_len)) == 0
            && a->has_store == b->has_store && a->store_ino == b->store_ino
            && a->store_size == b->store_size && a->store_mtime_ns == b->store_mtime_ns
            && a->has_wal == b->has_wal && a->wal_ino == b->wal_ino;
@@ -136,6 +138,9 @@ void forget_store(TrnEngine *e)
     e->store_present = 0;
     e->store_size = 0;
     e->store_crc = 0;
+    e->log_tracked = 0;
+    e->log_committed = 0;
+    e->log_committed_crc = 0;
 }
 
 /* Frees every chunk and the document index; the handle is empty afterwards, as after open. */
@@ -150,6 +155,7 @@ void index_reset(TrnEngine *e)
     hnsw_free_scratch(e);
     forget_store(e);
     e->wal_end = 0;
+    e->wal_crc = 0;
     e->wal_chunks = 0;
     e->wal_legacy = 0;
     e->wal_stale = 0;
@@ -214,7 +220,8 @@ void disk_view_read(const TrnEngine *e, TrnDiskView *v)
 
 bool disk_view_unchanged(const TrnDiskView *a, const TrnDiskView *b)
 {
-    return same_state(a, b) && a->wal_size == b->wal_size && a->wal_mtime_ns == b->wal_mtime_ns;
+    return same_state(a, b) && memcmp(a->commit, b->commit, a->commit_len) == 0
+           && a->wal_size == b->wal_size && a->wal_mtime_ns == b->wal_mtime_ns;
 }
 
 bool index_load(TrnEngine *e, bool replay)
@@ -264,6 +271,12 @@ bool index_load(TrnEngine *e, bool replay)
     e->store_present = store.present ? 1 : 0;
     e->store_size = store.size;
     e->store_crc = crc;
+    /* The committed log: this generation's, or the previous store's that a crash left. */
+    bool log_known = generation >= 1 && rec.has_log;
+    bool current = generation == rec.generation;
+    e->log_tracked = log_known && current ? 1 : 0;
+    e->log_committed = !log_known ? 0 : current ? rec.log_size : rec.previous_log_size;
+    e->log_committed_crc = !log_known ? 0 : current ? rec.log_crc : rec.previous_log_crc;
     if (replay) {
         lex_load(e);
     }
@@ -287,18 +300,23 @@ bool index_refresh_locked(TrnEngine *e)
     }
     /* Same generation, the log grown or rewritten past a torn tail: writers only ever cut the
     ** log back to its last whole group, which is at or after the one this handle read. */
-    if (same_state(&v, &e->seen) && v.wal_size >= e->wal_end && !e->wal_legacy && !e->wal_stale) {
+    TrnCommitRecord rec;
+    if (same_state(&v, &e->seen) && v.wal_size >= e->wal_end && !e->wal_legacy && !e->wal_stale
+        && (!e->log_tracked || commit_decode(v.commit, v.commit_len, &rec))) {
+        if (e->log_tracked) {
+            e->log_committed = rec.log_size;
+            e->log_committed_crc = rec.log_crc;
+        }
         uint64_t count = e->count, deleted = e->deleted_count;
-        if (!wal_replay_index(e, e->wal_end, true)) {
-            index_reset(e);
-            return fail_status(e, TRN_STATUS_DAMAGED, 0);
+        /* Replay checks before it applies anything: what it refuses, a whole load judges. */
+        if (wal_replay_index(e, e->wal_end, true)) {
+            e->seen = v;
+            if (e->count != count || e->deleted_count != deleted) {
+                e->changed = 1;
+                trn_build_doc_index(e);
+            }
+            return true;
         }
-        e->seen = v;
-        if (e->count != count || e->deleted_count != deleted) {
-            e->changed = 1;
-            trn_build_doc_index(e);
-        }
-        return true;
     }
     index_reset(e);
     if (!index_load(e)) {
@@ -346,9 +364,10 @@ bool write_begin(TrnEngine *e)
         lock_release(e);
         return false;
     }
-    /* A log of an older version, or none yet, has no groups to follow: start from a checkpoint,
-    ** which must wait for a rebuild to end. */
-    if (!e->has_commit || e->wal_legacy) {
+    /* A log of an older version, or none yet, has no groups to follow, and a commit record of
+    ** an older version (or a store a crash left as the previous one) keeps no log length: start
+    ** from a checkpoint, which must wait for a rebuild to end. */
+    if (!e->has_commit || e->wal_legacy || !e->log_tracked) {
         if (rebuild_running(e)) {
             lock_release(e);
             return fail_status(e, TRN_STATUS_BUSY, 0);
@@ -415,25 +434,29 @@ int32_t trn_rollback(TrnEngine *e)
     bool cut = false;
     if (same_state(&v, &e->seen) && e->generation == e->own_generation && !e->wal_stale
         && v.wal_size == e->own_end && e->wal_end == e->own_end) {
+        /* The caller reports the failure that made it roll back, not what this meets. */
+        int32_t status = e->status;
+        char error[TRN_ERROR_MAX];
+        memcpy(error, e->error, sizeof error);
         TrnPathList paths;
         int fd = index_open(e, "tarnwick.wal", O_RDWR);
+        /* The commit record lets go of the groups first: a crash before the cut leaves them
+        ** as groups after the committed log, which still read as they did. */
         cut = fd >= 0 && wal_paths(e, fd, e->own_from, e->own_end, &paths)
+              && (!e->log_tracked || commit_log_write(e, e->own_from, e->own_from_crc))
               && ftruncate(fd, (off_t)e->own_from) == 0 && fsync(fd) == 0;
         if (fd >= 0) {
             close(fd);
         }
         if (cut) {
             manifest_forget(e, paths);
-            int32_t status = e->status;
-            char error[TRN_ERROR_MAX];
-            memcpy(error, e->error, sizeof error);
             /* The log is shorter than the handle read it: it loads the state again. */
             if (!index_refresh_locked(e)) {
                 e->refused = e->status;
             }
-            e->status = status;
-            memcpy(e->error, error, sizeof error);
         }
+        e->status = status;
+        memcpy(e->error, error, sizeof error);
     }
     e->own_known = 0;
     lock_release(e);

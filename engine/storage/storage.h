@@ -20,7 +20,8 @@
 #include <sys/stat.h>
 
 constexpr uint32_t TRN_WAL_ID_LIMIT = 4096;
-constexpr size_t TRN_COMMIT_SIZE = 64; /* bytes of the commit record (commit_record.cpp) */
+constexpr size_t TRN_COMMIT_SIZE = 92;   /* bytes of the commit record (commit_record.cpp) */
+constexpr size_t TRN_COMMIT_LOG_AT = 76; /* where its committed log's fields begin */
 /* The store's version (store.cpp). 3: written with a commit record, which it then requires. */
 constexpr uint32_t TRN_STORE_VERSION = 3;
 constexpr size_t TRN_INDEX_ID_SIZE = 16; /* random bytes naming one index (commit_record.cpp) */
@@ -97,9 +98,20 @@ struct TrnCommitRecord {
     uint32_t previous_crc;
     bool has_id; /* false in a record of version 1 */
     uint8_t index_id[TRN_INDEX_ID_SIZE];
+    bool has_log;               /* the fields below are known: false before version 3 */
+    uint64_t previous_log_size; /* the log that completes the previous store */
+    uint32_t previous_log_crc;
+    uint64_t log_size; /* the log committed after this generation's store */
+    uint32_t log_crc;
 };
 /* Reads the n bytes of a commit record; false when they are not one of a known version. */
 bool commit_decode(const uint8_t *b, uint32_t n, TrnCommitRecord *c);
+/* How many of n bytes of a commit record name its generation: what changes only with a
+** checkpoint, unlike the committed log's fields after them. */
+size_t commit_head_size(size_t n);
+/* Writes the committed log's length and checksum into the commit record in place, after the log
+** was synced; sets e->log_committed. False, with the status set, on failure. */
+bool commit_log_write(TrnEngine *e, uint64_t log_size, uint32_t log_crc);
 /* How long a write waits for the lock, in milliseconds; TRN_BUSY_TIMEOUT_MS. Test hook. */
 extern int g_busy_timeout_ms;
 /* Logged chunks that make a normal handle checkpoint; TRN_CHECKPOINT_CHUNKS. Test hook. */
