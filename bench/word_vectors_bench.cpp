@@ -357,8 +357,8 @@ int main(int argc, char **argv)
         score("random (reference)", random, random.id, chunks, chunk_file, queries);
         score("skip-gram", trained, trained.id, chunks, chunk_file, queries);
         if (tokenizer) {
-            score("skip-gram, one-token words only", trained, one_token, chunks, chunk_file,
-                  queries);
+            score(
+                "skip-gram, one-token words only", trained, one_token, chunks, chunk_file, queries);
         }
         fflush(stdout);
     }
