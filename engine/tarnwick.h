@@ -287,6 +287,11 @@ TRN_API int32_t trn_checkpoint(TrnEngine *e);
 ** after them, the log could not be cut). The handle's status and message stay as they were. */
 TRN_API int32_t trn_rollback(TrnEngine *e);
 
+/* Returns 1 when another process committed to e's index since e last loaded or wrote it (a rebuild
+** that replaced it included), else 0, also for NULL or an in-memory or rebuilding handle. Reads
+** only the commit record and the files' sizes, so it may be asked every few seconds. */
+TRN_API int32_t trn_index_changed(const TrnEngine *e);
+
 /* Turns the engine's informational lines on standard error ("opened", "built doc index", "loaded
 ** encoder weights") on (non-zero, the default) or off (0). Warnings and errors are printed either
 ** way. Process-wide, for every handle; may be called from any thread. */

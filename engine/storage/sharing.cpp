@@ -419,6 +419,16 @@ void write_end(TrnEngine *e)
 
 extern "C" {
 
+int32_t trn_index_changed(const TrnEngine *e)
+{
+    if (!e || !e->store_path[0] || e->rebuild) {
+        return 0;
+    }
+    TrnDiskView v;
+    disk_view_read(e, &v);
+    return disk_view_unchanged(&v, &e->seen) ? 0 : 1;
+}
+
 int32_t trn_rollback(TrnEngine *e)
 {
     if (!e || !e->store_path[0] || e->rebuild || !e->own_known || e->own_from >= e->own_end) {
