@@ -94,6 +94,17 @@ QString ResultDelegate::moreText(int more, bool expanded)
                     : tr("%n more in this file \u25be", "", more);
 }
 
+QString ResultDelegate::locationText(const QModelIndex &index)
+{
+    const int page = index.data(ResultsModel::PageRole).toInt();
+    if (page > 0) {
+        return tr("p. %1, line %2").arg(page).arg(index.data(ResultsModel::PageLineRole).toInt());
+    }
+    const QString headings = index.data(ResultsModel::HeadingPathRole).toString();
+    return headings.isEmpty() ? tr("line %1").arg(index.data(ResultsModel::LineNumberRole).toInt())
+                              : headings;
+}
+
 QRect ResultDelegate::moreRect(const QStyleOptionViewItem &option, const QModelIndex &index)
 {
     const int more = index.data(ResultsModel::MoreInFileRole).toInt();
@@ -214,7 +225,7 @@ void ResultDelegate::paint(QPainter *painter, const QStyleOptionViewItem &option
     QFont nameFont = option.font;
     nameFont.setWeight(QFont::DemiBold);
     const QFontMetrics nfm(nameFont);
-    const QString line = tr("line %1").arg(index.data(ResultsModel::LineNumberRole).toInt());
+    const QString line = locationText(index);
     const QString name = passage ? line : index.data(ResultsModel::FileNameRole).toString();
     const QString filePath = index.data(ResultsModel::FilePathRole).toString();
     const QString folder = index.data(ResultsModel::FolderRole).toString();

@@ -601,7 +601,7 @@ int32_t search_laid_out(TrnEngine *e, const char *query, int32_t mode, int32_t k
                             nw.core);
         results[i].more_in_file = more[i];
     }
-    html_source_lines(e, results, slots, focus, n);
+    locate_rows(e, results, nullptr, slots, focus, n);
     narrow_free(&nw);
     return n;
 }

@@ -130,12 +130,14 @@ int32_t lex_search_in(TrnEngine *e, const char *query, int32_t k, const uint8_t 
 /* ---------------------------------------------------------------------------------------------
 ** Snippets (snippets.cpp)
 */
-/* Moves the line of each HTML result among the n from the line of the file's text to the line of
-** its source where the match stands, reading the file again (html_text_with_lines); slots and
-** focus are each result's chunk and match offset in it, from fill_row. A file that cannot be read
-** keeps the text's line. */
-void html_source_lines(TrnEngine *e, TrnResult *results, const uint32_t *slots,
-                       const int64_t *focus, int32_t n);
+/* Where each of the n results filled by fill_row stands in its file: an HTML result's line moves
+** from the line of the file's text to the line of its source where the match stands, reading the
+** file again (html_text_with_lines; a file that cannot be read keeps the text's line); a PDF
+** result gets its page and line on it; a DOCX, ODT or EPUB result its heading path, read from
+** the file again into e's buffer buffers[i] (i when buffers is NULL). slots and focus are each
+** result's chunk and match offset in it, from fill_row. */
+void locate_rows(TrnEngine *e, TrnResult *results, const int32_t *buffers, const uint32_t *slots,
+                 const int64_t *focus, int32_t n);
 /* Where the snippet of a match at offset p begins: 0 for p <= 75, else the first line start
 ** among the 75 bytes before p, else the first word start there, else p. */
 size_t snippet_start(const char *text, int64_t p);
