@@ -728,9 +728,11 @@ enum {
     /* One result per file: the file's best chunk by the mode's ranking, with more_in_file
     ** counting the file's other chunks among those the search ranked: for text, regex and
     ** keyword searches the first 1024 matching chunks, for hybrid the first 200 of its fused
-    ** ranking, for semantic ones the graph's nearest min(4 k, 256) (at least ef_search). A chunk
-    ** without a path is a file of its own. Near-duplicate chunks of one file (windows overlap)
-    ** thus never take two results. Text and regex scores go by result: 1, 1 - 1/k, ... */
+    ** ranking; for semantic ones the file's chunks at least as near to the query as the last of
+    ** the graph's nearest min(4 k, 256) (at least ef_search), by exact nearness, so they are the
+    ** ones trn_search_file opens. A chunk without a path is a file of its own. Near-duplicate
+    ** chunks of one file (windows overlap) thus never take two results. Text and regex scores go
+    ** by result: 1, 1 - 1/k, ... */
     TRN_SEARCH_BY_FILE = 1
 };
 

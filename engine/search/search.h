@@ -49,6 +49,11 @@ struct Ranking {
 ** ignoring ASCII case (what strcasestr finds in the C and UTF-8 locales); -1 when there is none.
 ** An empty needle is found at 0. */
 int64_t find_ascii_nocase(const char *hay, size_t len, const unsigned char *nl, size_t n);
+/* For each of the n rows of a semantic search by file (the chunks row_slots), how many other
+** chunks of its file (among those allowed, NULL: all) are at least cutoff near the query vector q:
+** what the file's "n more" opens, by exact nearness, into more. */
+void count_near_passages(const TrnEngine *e, const float *q, const uint32_t *row_slots, int32_t n,
+                         float cutoff, const uint8_t *allowed, int32_t *more);
 /* Embeds and normalises the query into q (dim floats); false when dim does not fit. */
 bool embed_query(TrnEngine *e, const char *query, float *q);
 /* Fills result slot i (snippet and marks buffers i) from chunk slot as mode shows a hit: the

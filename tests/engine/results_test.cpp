@@ -10,8 +10,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
+#include <cstring>
 #include <map>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -166,6 +169,68 @@ TEST_F(Results, SearchByFileKeepsTheBestPassageOfEachFile)
             if (mode != TRN_SEARCH_SEMANTIC_ALL) {
                 EXPECT_EQ(ids, expected) << mode << " " << file;
             }
+        }
+    }
+}
+
+/* A semantic search by file counts a file's other passages as "n more in this file" opens them,
+** by exact nearness: passages the graph never came upon (here chunks left out of it) are counted
+** when they are as near as those it ranked, so opening the row shows exactly n passages, every
+** one the chunk-by-chunk ranking holds of the file among them. */
+TEST_F(Results, SemanticMoreInFileCountsWhatOpeningItShows)
+{
+    const char *query = "tide tables for the northern harbour";
+    float q[512];
+    ASSERT_TRUE(embed_query(eng_.e, query, q));
+    /* A unit vector at cosine a to the query. */
+    auto near = [&](float a) {
+        std::vector<float> r(512), v(512);
+        for (float &x : r) {
+            x = (float)((rng_() % 2001) - 1000);
+        }
+        float along = vec_dot(r.data(), q, 512);
+        for (size_t i = 0; i < 512; i++) {
+            r[i] -= along * q[i];
+        }
+        vec_normalize(r.data(), 512);
+        for (size_t i = 0; i < 512; i++) {
+            v[i] = a * q[i] + std::sqrt(1.0f - a * a) * r[i];
+        }
+        return v;
+    };
+    for (int f = 0; f < 4; f++) {
+        const std::string path = "/tides/f" + std::to_string(f) + ".txt";
+        for (int c = 0; c < 6; c++) {
+            std::vector<float> v = near(0.9f - 0.1f * (float)f - 0.12f * (float)c);
+            uint32_t slot = eng_.add(path.c_str(), "passage " + std::to_string(c), nullptr, c);
+            memcpy(eng_.e->vectors + (size_t)slot * 512, v.data(), sizeof(float) * 512);
+            if (c != 2) { /* the graph never meets the third passage of each file */
+                eng_.e->nodes[slot].level = draw_level(&eng_.e->level_state, eng_.e->level_mult);
+                hnsw_insert(eng_.e, slot);
+            }
+        }
+    }
+    for (int32_t mode : {TRN_SEARCH_SEMANTIC, TRN_SEARCH_SEMANTIC_ALL}) {
+        std::vector<TrnResult> raw = search(query, mode, 64);
+        std::vector<TrnResult> rows = search(query, mode, 3, TRN_SEARCH_BY_FILE);
+        ASSERT_EQ(rows.size(), 3u);
+        for (const TrnResult &row : rows) {
+            SCOPED_TRACE(std::string(row.file_path) + " mode " + std::to_string(mode));
+            TrnResult opened[64];
+            int32_t n =
+                trn_search_file(eng_.e, query, mode, row.file_path, row.more_in_file + 1, opened);
+            std::set<std::string> shown;
+            for (int32_t i = 0; i < n; i++) {
+                shown.insert(opened[i].doc_id);
+            }
+            ASSERT_EQ(shown.erase(row.doc_id), 1u) << "the row is among what opens";
+            EXPECT_EQ(shown.size(), (size_t)row.more_in_file);
+            for (const TrnResult &r : raw) {
+                if (strcmp(r.file_path, row.file_path) == 0 && strcmp(r.doc_id, row.doc_id) != 0) {
+                    EXPECT_EQ(shown.count(r.doc_id), 1u) << r.doc_id;
+                }
+            }
+            EXPECT_GT(row.more_in_file, 4) << "the passage the graph missed is counted";
         }
     }
 }
