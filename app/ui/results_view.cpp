@@ -234,7 +234,7 @@ void ResultDelegate::paint(QPainter *painter, const QStyleOptionViewItem &option
     if (m_showFolders && !folder.isEmpty()) {
         relative = QFileInfo(folder).fileName() + QStringLiteral(" \u203a ") + relative;
     }
-    const QString where = passage ? QString() : relative + QStringLiteral(" \u00b7 ") + line;
+    const QString suffix = QStringLiteral(" \u00b7 ") + line;
     const int nameWidth = qMin(nfm.horizontalAdvance(name) + 4, qMax(0, headerRight - x));
     painter->setFont(nameFont);
     painter->setPen(ink);
@@ -243,12 +243,18 @@ void ResultDelegate::paint(QPainter *painter, const QStyleOptionViewItem &option
                       Qt::AlignLeft | Qt::AlignVCenter,
                       nfm.elidedText(name, Qt::ElideRight, nameWidth));
     const int whereX = x + nameWidth + 10;
-    if (headerRight - whereX > 20) {
+    if (headerRight - whereX > 20 && !passage) {
+        // The path gives way before where the match is (its line, page or headings).
+        const int room = headerRight - whereX - fm.horizontalAdvance(suffix);
+        const QString where =
+            room > fm.horizontalAdvance(QStringLiteral("ab\u2026yz"))
+                ? fm.elidedText(relative, Qt::ElideMiddle, room) + suffix
+                : fm.elidedText(relative + suffix, Qt::ElideMiddle, headerRight - whereX);
         painter->setFont(option.font);
         painter->setPen(withAlpha(ink, 0.6f));
         painter->drawText(QRect(whereX, baselineY, headerRight - whereX, fm.height()),
                           Qt::AlignLeft | Qt::AlignVCenter,
-                          fm.elidedText(where, Qt::ElideMiddle, headerRight - whereX));
+                          where);
     }
 
     // Snippet: white space collapsed, two lines at most, the query's matches marked.

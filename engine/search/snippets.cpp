@@ -187,7 +187,7 @@ int64_t best_sentence_hit(const char *text, const WordHits &h)
 size_t first_word(const char *text, size_t len)
 {
     size_t p = 0;
-    while (p < len && (text[p] == ' ' || text[p] == '\n' || text[p] == '\t' || text[p] == '\r')) {
+    while (p < len && text[p] != '\0' && strchr(" \n\t\r\f\v", text[p]) != nullptr) {
         p++;
     }
     return p < len ? p : 0;
@@ -486,7 +486,8 @@ void pdf_page(const TrnEngine *e, TrnResult *r)
         return;
     }
     r->page = (int32_t)feeds.size();
-    r->page_line = r->line_number - feeds.back();
+    /* A match cannot stand on a page's form feed line, its line 0; were it to, line 1 is shown. */
+    r->page_line = std::max(1, r->line_number - feeds.back());
 }
 
 /* The headings above each DOCX, ODT and EPUB result's line, reading the file again. */
