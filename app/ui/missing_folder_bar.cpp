@@ -63,11 +63,10 @@ QString MissingFolderBar::message(const QStringList &missing)
     const QFileInfo first(missing.first());
     const QString text = tr("The folder \u201c%1\u201d is no longer in %2 (moved or deleted).")
                              .arg(first.fileName(), QDir::toNativeSeparators(first.path()));
-    return missing.size() == 1 ? text
-                               : text + QLatin1Char(' ')
-                                     + tr("%n more saved folder(s) missing.",
-                                          "",
-                                          int(missing.size() - 1));
+    return missing.size() == 1
+               ? text
+               : text + QLatin1Char(' ')
+                     + tr("%n more saved folder(s) missing.", "", int(missing.size() - 1));
 }
 
 void MissingFolderBar::sync()
