@@ -430,7 +430,7 @@ TrnEngine *engine_new(const TrnConfig *cfg)
 }
 
 /* An index an older version wrote (a store naming files by full paths or without its commit
-** record, a commit record without the index's id, a log of ungrouped records, a manifest naming
+** record, a commit record of an older version, a log of ungrouped records, a manifest naming
 ** files by full paths) is rewritten in the current form once, when it is opened, so that it
 ** can move with its folder even when it is only ever searched. The store goes through a
 ** checkpoint (temporary file, sync, rename) and the manifest through manifest_write (the same),
@@ -441,8 +441,9 @@ static void convert_older_index(TrnEngine *e)
 {
     Manifest m = {};
     bool manifest_old = manifest_read(e, &m) && m.paths_full;
-    bool store_old =
-        e->store_present && (e->paths_full || !e->has_commit || !e->has_index_id || e->wal_legacy);
+    bool store_old = e->store_present
+                     && (e->paths_full || !e->has_commit || !e->has_index_id || e->wal_legacy
+                         || e->seen.commit_len != TRN_COMMIT_SIZE);
     if ((store_old || manifest_old) && lock_take(e, LOCK_EX, 0)) {
         if (index_refresh_locked(e)) {
             if (store_old) {
