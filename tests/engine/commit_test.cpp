@@ -171,7 +171,7 @@ TEST(SharedIndex, AStoreWithoutACommitRecordIsAcceptedAndConvertedWhenOpened)
     trn_close(e);
     const std::vector<uint8_t> converted = read_file_bytes(dir.file("tarnwick.bin"));
     EXPECT_FALSE(converted == legacy.b);
-    EXPECT_EQ(file_size(dir.file("tarnwick.commit")), 64);
+    EXPECT_EQ(file_size(dir.file("tarnwick.commit")), (long)TRN_COMMIT_SIZE);
     e = trn_open(&cfg);
     EXPECT_EQ(live_ids(e), std::vector<std::string>{"/l/old.txt:0"});
     trn_close(e);
