@@ -32,10 +32,12 @@ struct TrnChunk {
 
 /* Terms, postings and chunk lengths of the word index (word_index.h). */
 struct TrnLexical;
+/* The mapped store whose vectors a handle reads in place (store_mapped.cpp). */
+struct TrnVectorMap;
 
 struct TrnEngine {
     TrnChunk *chunks;  /* capacity slots */
-    float *vectors;    /* capacity x dim; chunk i at i * dim */
+    float *vectors;    /* capacity x dim; chunk i at i * dim; read through chunk_vector */
     TrnNode *nodes;    /* capacity slots, parallel to chunks */
     uint64_t count;    /* slots in use, live and deleted */
     uint64_t capacity; /* count <= capacity */
@@ -54,7 +56,11 @@ struct TrnEngine {
     ** an in-memory engine. */
     char folder[TRN_PATH_MAX];
     FILE *wal; /* the log, open for appending, or NULL; written with write(2) and fsync(2) only */
+    /* The encoder is set up and its weights read at its first use (engine_encoder): a search by
+    ** words never needs it. */
     TrnEncoder encoder;
+    uint8_t encoder_ready;
+    char *weights_path; /* owned; NULL: the random encoder */
     uint8_t weights_loaded;
     int32_t embed_threads;      /* workers of embed_chunks, >= 1 */
     TrnScratch **embed_scratch; /* their scratch spaces (slot 0 unused), NULL until needed */
@@ -88,6 +94,12 @@ struct TrnEngine {
 
     /* word index of the live chunks (word_index.cpp); NULL until the first lex_sync */
     TrnLexical *lexical;
+    /* The word index file belongs to the store loaded with no log after it: the first lex_sync
+    ** reads it, if the chunks are still those lex_count and lex_deleted say (searches by meaning
+    ** never need it). */
+    uint8_t lex_deferred;
+    uint64_t lex_count;
+    uint64_t lex_deleted;
     /* durability (commit.cpp); all zero for an in-memory handle */
     int dir_fd; /* the index directory (file_io.cpp), valid when dir_open */
     uint8_t dir_open;
@@ -125,6 +137,26 @@ struct TrnEngine {
     uint64_t own_from;
     uint64_t own_end;
     uint8_t paths_full; /* the store names files by full paths, as version 1 did: rewrite it */
+    /* Not NULL while vectors points into the mapped store, which nothing may write to: the
+    ** chunk_vector checks, and vectors_own before any write. */
+    TrnVectorMap *mapped;
+    uint8_t doc_index_stored; /* the document index came with the store, no log after it */
 };
+
+/* The handle's encoder, set up on the first call: weights_path read into it, or the random
+** encoder with a line on stderr when they cannot be read. */
+TrnEncoder *engine_encoder(TrnEngine *e);
+
+/* Chunk slot's vector. One read in place from a mapped store is checked against its checksum
+** the first time (vector_check); a damaged one reads as zeros and marks the handle damaged. */
+const float *vector_check(const TrnEngine *e, uint64_t slot);
+bool vector_checked(const TrnEngine *e, uint64_t slot);
+inline const float *chunk_vector(const TrnEngine *e, uint64_t slot)
+{
+    if (e->mapped && !vector_checked(e, slot)) {
+        return vector_check(e, slot);
+    }
+    return e->vectors + slot * (uint64_t)e->dim;
+}
 
 #endif /* TRN_HANDLE_H */

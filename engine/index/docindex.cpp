@@ -189,7 +189,7 @@ int32_t trn_build_doc_index(TrnEngine *e)
         }
         hint = slot_of.find(std::string_view(c->file_path))->second;
         float *row = centroids + (size_t)hint * dim;
-        vec_add(row, e->vectors + i * dim, row, dim);
+        vec_add(row, chunk_vector(e, i), row, dim);
         counts[hint]++;
     }
     for (int32_t j = 0; j < n; j++) {

@@ -112,6 +112,9 @@ void ensure_cap(TrnEngine *e, uint64_t n)
     if (e->capacity >= n) {
         return;
     }
+    /* A log replayed over a mapped store adds chunks: the vectors move to memory first (a
+    ** damaged one refuses the handle, which its caller reports). */
+    vectors_own(e);
     uint64_t c = e->capacity ? e->capacity : FIRST_CAPACITY;
     while (c < n) {
         if (c > UINT64_MAX / 2) {
