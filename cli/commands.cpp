@@ -186,14 +186,14 @@ void cmd_search(const Options &o, const ModelRuntime &model)
         std::string description;
         std::string weights = chosen_weights(o, model, roots.back(), &description);
         require_index(roots.back());
-        // A search by words alone never reads the encoder, so its weights are checked only
-        // when meaning is searched or --weights names them.
-        if (o.mode == TRN_SEARCH_SEMANTIC || o.mode == TRN_SEARCH_HYBRID
-            || o.mode == TRN_SEARCH_SEMANTIC_ALL || !o.weights.empty()) {
-            check_weights(weights);
-        }
         engines.push_back(open_engine(index_dir_of(roots.back()), weights));
         handles.push_back(engines.back().get());
+        // A search by words alone never reads the encoder, so its weights are read (and
+        // checked) only when meaning is searched or --weights names them.
+        if (o.mode == TRN_SEARCH_SEMANTIC || o.mode == TRN_SEARCH_HYBRID
+            || o.mode == TRN_SEARCH_SEMANTIC_ALL || !o.weights.empty()) {
+            prepare_weights(handles.back(), weights);
+        }
     }
     const std::string &query = o.query;
     const bool several = roots.size() > 1;

@@ -22,18 +22,19 @@ constexpr int TRN_ERROR_MAX = 1200; /* trn_last_error's message, with its NUL */
 
 struct TrnChunk {
     char doc_id[TRN_ID_MAX];
-    char *text;      /* owned, never NULL for a live slot */
+    char *text;      /* owned unless text_in_store, never NULL for a live slot */
     char *file_path; /* owned, may be NULL */
     int32_t chunk_index;
     int32_t line_number;
     uint32_t file_type;
     uint8_t deleted;
+    uint8_t text_in_store; /* text lies in the mapped store (store_map), which owns it */
 };
 
 /* Terms, postings and chunk lengths of the word index (word_index.h). */
 struct TrnLexical;
-/* The mapped store whose vectors a handle reads in place (store_mapped.cpp). */
-struct TrnVectorMap;
+/* A store file a handle keeps mapped (store_mapped.cpp). */
+struct TrnStoreMap;
 
 struct TrnEngine {
     TrnChunk *chunks;  /* capacity slots */
@@ -137,9 +138,12 @@ struct TrnEngine {
     uint64_t own_from;
     uint64_t own_end;
     uint8_t paths_full; /* the store names files by full paths, as version 1 did: rewrite it */
-    /* Not NULL while vectors points into the mapped store, which nothing may write to: the
-    ** chunk_vector checks, and vectors_own before any write. */
-    TrnVectorMap *mapped;
+    /* The store as mapped at load, while chunks' texts or the vectors point into it; nothing
+    ** writes to it. NULL for a store read by copying. */
+    TrnStoreMap *store_map;
+    /* While vectors points into store_map: bit i is set once chunk i's vector matched its
+    ** checksum (chunk_vector). NULL once the handle owns its vectors (vectors_own). */
+    uint64_t *vectors_checked;
     uint8_t doc_index_stored; /* the document index came with the store, no log after it */
 };
 
@@ -150,10 +154,9 @@ TrnEncoder *engine_encoder(TrnEngine *e);
 /* Chunk slot's vector. One read in place from a mapped store is checked against its checksum
 ** the first time (vector_check); a damaged one reads as zeros and marks the handle damaged. */
 const float *vector_check(const TrnEngine *e, uint64_t slot);
-bool vector_checked(const TrnEngine *e, uint64_t slot);
 inline const float *chunk_vector(const TrnEngine *e, uint64_t slot)
 {
-    if (e->mapped && !vector_checked(e, slot)) {
+    if (e->vectors_checked && !((e->vectors_checked[slot / 64] >> (slot % 64)) & 1)) {
         return vector_check(e, slot);
     }
     return e->vectors + slot * (uint64_t)e->dim;

@@ -70,7 +70,9 @@ void compact_mem(TrnEngine *e)
     for (uint64_t i = 0; i < e->count; i++) {
         TrnChunk *c = &e->chunks[i];
         if (c->deleted) {
-            free(c->text);
+            if (!c->text_in_store) {
+                free(c->text);
+            }
             free(c->file_path);
         } else {
             /* The text and path pointers move with the record. */

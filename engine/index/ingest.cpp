@@ -139,7 +139,9 @@ void ensure_cap(TrnEngine *e, uint64_t n)
 void chunk_slot_clear(TrnEngine *e, uint64_t slot)
 {
     TrnChunk *c = &e->chunks[slot];
-    free(c->text);
+    if (!c->text_in_store) {
+        free(c->text);
+    }
     free(c->file_path);
     memset(c, 0, sizeof *c);
     node_reset(&e->nodes[slot]);

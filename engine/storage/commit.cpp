@@ -240,7 +240,7 @@ void index_reset(TrnEngine *e)
     e->entry_point = -1;
     e->max_level = -1;
     hnsw_free_scratch(e);
-    vectors_release(e);
+    store_map_release(e);
     e->doc_index_stored = 0;
     forget_store(e);
     e->wal_end = 0;
@@ -673,7 +673,7 @@ void probe_free(TrnEngine *probe)
 {
     index_reset(probe);
     free(probe->chunks);
-    vectors_release(probe);
+    store_map_release(probe);
     free(probe->vectors);
     free(probe->nodes);
     free(probe);

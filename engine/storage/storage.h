@@ -67,11 +67,12 @@ uint32_t store_version(const uint8_t *bytes, size_t size);
 ** index built afresh. Sets the bytes written, the checksum for the commit record and, on
 ** failure, errno. */
 bool store_write(TrnEngine *e, FILE *f, uint64_t *size, uint32_t *checksum, int *err);
-/* Copies the vectors of a mapped store into the handle's memory, checking every one, and unmaps
-** it. False, with the handle refused as damaged, when one fails its checksum. */
+/* Copies the vectors of a mapped store into the handle's memory, checking every one. False, with
+** the handle refused as damaged, when one fails its checksum. */
 bool vectors_own(TrnEngine *e);
-/* Unmaps the store a handle reads in place, leaving it without vectors (capacity 0). */
-void vectors_release(TrnEngine *e);
+/* Unmaps the store a handle reads in place, once no chunk's text points into it any more; vectors
+** still read in place go with it (capacity 0 then). */
+void store_map_release(TrnEngine *e);
 /* True when a vector read in place failed its checksum, or the handle was refused as damaged. */
 bool vectors_damaged(const TrnEngine *e);
 /* Writes the store to a temporary file, commits it (commit record, rename) and empties the log.
@@ -115,6 +116,9 @@ extern int g_busy_timeout_ms;
 extern uint64_t g_checkpoint_chunks;
 /* CRC-32 (zlib's) of n bytes, continuing crc (0 to start). */
 uint32_t crc32_update(uint32_t crc, const void *p, size_t n);
+/* CRC-32C (Castagnoli) of n bytes, continuing crc (0 to start): the checksum of what an open
+** reads (checksum.cpp), with the processor's instruction where it has one. */
+uint32_t crc32c_update(uint32_t crc, const void *p, size_t n);
 /* Sets the status and message of the handle for the operation that met the failure; returns
 ** false. io_error is errno for TRN_STATUS_IO_ERROR, else 0. */
 bool fail_status(TrnEngine *e, int32_t status, int io_error);

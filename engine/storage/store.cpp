@@ -296,7 +296,7 @@ namespace
 void free_slots(TrnEngine *e)
 {
     chunks_clear(e);
-    vectors_release(e);
+    store_map_release(e);
     free(e->chunks);
     free(e->vectors);
     free(e->nodes);
@@ -429,22 +429,40 @@ bool empty_log(TrnEngine *e)
 
 } // namespace
 
-TrnEncoder *engine_encoder(TrnEngine *e)
+namespace
+{
+
+/* Sets the encoder up once: the weights file read into it, or the random encoder. */
+void encoder_setup(TrnEngine *e, bool quiet)
 {
     if (e->encoder_ready) {
-        return &e->encoder;
+        return;
     }
     e->encoder_ready = 1;
-    encoder_init(&e->encoder, 42);
-    if (e->weights_path) {
-        e->weights_loaded = trn_encoder_load_weights(&e->encoder, e->weights_path) ? 1 : 0;
-        if (e->weights_loaded) {
-            encoder_prepare_bag(&e->encoder);
-            verbose_note("loaded encoder weights from %s", e->weights_path);
-        } else {
-            fprintf(stderr, "tarnwick: using random encoder (no weights at %s)\n", e->weights_path);
-        }
+    if (!e->weights_path) {
+        encoder_init(&e->encoder, 42);
+        return;
     }
+    /* The file fills every tensor, so none is drawn first. */
+    encoder_init_undrawn(&e->encoder);
+    e->weights_loaded = trn_encoder_load_weights(&e->encoder, e->weights_path) ? 1 : 0;
+    if (e->weights_loaded) {
+        encoder_prepare_bag(&e->encoder);
+        verbose_note("loaded encoder weights from %s", e->weights_path);
+        return;
+    }
+    encoder_release(&e->encoder);
+    encoder_init(&e->encoder, 42);
+    if (!quiet) {
+        fprintf(stderr, "tarnwick: using random encoder (no weights at %s)\n", e->weights_path);
+    }
+}
+
+} // namespace
+
+TrnEncoder *engine_encoder(TrnEngine *e)
+{
+    encoder_setup(e, false);
     return &e->encoder;
 }
 
@@ -537,6 +555,15 @@ extern "C" {
 const char *trn_version(void)
 {
     return "1.23.0";
+}
+
+int32_t trn_prepare_encoder(TrnEngine *e)
+{
+    if (!e) {
+        return 0;
+    }
+    encoder_setup(e, true);
+    return !e->weights_path || e->weights_loaded ? 1 : 0;
 }
 
 TrnEngine *trn_open(const TrnConfig *cfg)

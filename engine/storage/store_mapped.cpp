@@ -1,7 +1,7 @@
 /*
 ** store_mapped.cpp -- the store "tarnwick.bin" of version 4, laid out so that a search uses it in
 ** place. A handle maps the file read-only and takes the chunk vectors, nearly all of its bytes,
-** from the mapping; each vector is checked against its own CRC-32 the first time it is read
+** from the mapping; each vector is checked against its own CRC-32C the first time it is read
 ** (chunk_vector), so an open reads only the small parts of a large index and a search the
 ** vectors it compares. Versions 1 to 3 (store.cpp) are still read, by copying every record.
 **
@@ -24,15 +24,16 @@
 **         56     8  uint64 bytes of the names section
 **         64     8  uint64 bytes of the strings section
 **         72     8  uint64 offset of the vectors, a multiple of 4096 (the end without chunks)
-**         80     4  uint32 CRC-32 of the bytes from 96 to the vectors (all that an open reads)
+**         80     4  uint32 CRC-32C of the bytes from 96 to the vectors (all that an open reads)
 **         84     8  zero
-**         92     4  uint32 CRC-32 of bytes 0..91: the store's checksum in the commit record
+**         92     4  uint32 CRC-32 (zlib's) of bytes 0..91: the store's checksum in the commit
+**                   record
 **
 ** then from offset 96 each section right after the one before:
 **     chunks     count records of 32 bytes: uint32 doc_id bytes, uint32 text bytes, uint32
 **                file_path bytes, int32 chunk_index, int32 line_number, uint32 file_type,
 **                int32 level of the graph node (0..31), uint8 deleted, 3 zero bytes
-**     checks     count uint32: the CRC-32 of each chunk's vector
+**     checks     count uint32: the CRC-32C of each chunk's vector
 **     centroids  files x dim float32: each file's unit centroid, in the document index's order
 **     counts     files uint32: each file's live chunks
 **     graph      for each chunk, for each level 0..level: uint32 k, k uint32 neighbour slots
@@ -174,8 +175,9 @@ bool section_take(ByteReader *r, size_t n, const uint8_t **p)
     return true;
 }
 
-/* Reads the chunk records, their strings and graph nodes into the handle's empty slots. */
-bool read_chunks(TrnEngine *e, const uint8_t *b, const Header &h, const Sections &s)
+/* Reads the chunk records, their strings and graph nodes into the handle's empty slots; the
+** texts are used where they lie in_place, else copied. */
+bool read_chunks(TrnEngine *e, const uint8_t *b, const Header &h, const Sections &s, bool in_place)
 {
     ByteReader graph = {b + s.graph, (size_t)h.graph_size};
     ByteReader strings = {b + s.strings, (size_t)h.strings_size};
@@ -203,8 +205,13 @@ bool read_chunks(TrnEngine *e, const uint8_t *b, const Header &h, const Sections
         char *doc_id = path_from_disk(e, id, id_len);
         snprintf(c->doc_id, sizeof c->doc_id, "%.*s", (int)ID_KEEP, doc_id);
         free(doc_id);
-        c->text = static_cast<char *>(xmalloc((size_t)text_len + 1));
-        memcpy(c->text, text, (size_t)text_len + 1);
+        if (in_place) {
+            c->text = reinterpret_cast<char *>(const_cast<uint8_t *>(text));
+            c->text_in_store = 1;
+        } else {
+            c->text = static_cast<char *>(xmalloc((size_t)text_len + 1));
+            memcpy(c->text, text, (size_t)text_len + 1);
+        }
         c->file_path = path_len > 0 ? path_from_disk(e, path, path_len) : nullptr;
         node->level = level;
         for (int32_t l = 0; l <= level; l++) {
@@ -264,14 +271,13 @@ bool read_doc_index(TrnEngine *e, const uint8_t *b, const Header &h, const Secti
 
 } // namespace
 
-/* The mapping a handle reads its vectors from, and which of them were checked. */
-struct TrnVectorMap {
-    const uint8_t *map; /* the whole store file */
+/* A store file mapped for the handle's life with it: its chunks' texts point into it, and so do
+** the vectors until vectors_own copies them. */
+struct TrnStoreMap {
+    const uint8_t *map; /* the whole file */
     size_t size;
-    const uint8_t *checks; /* count uint32 CRC-32s, in the mapping */
-    uint64_t count;
-    uint64_t *checked; /* bit i: chunk i's vector matched its checksum */
-    uint8_t damaged;   /* a vector did not */
+    const uint8_t *checks; /* count uint32 CRC-32s of the vectors */
+    uint8_t damaged;       /* a vector read in place did not match its checksum */
 };
 
 uint32_t store_checksum(const uint8_t *bytes, size_t size)
@@ -304,7 +310,7 @@ int store_load_mapped(TrnEngine *e, const uint8_t *b, size_t size, bool in_place
         || (h.count > 0 && h.vector_offset % VECTOR_ALIGN != 0) || h.vector_offset > size
         || (size - h.vector_offset) / ((uint64_t)h.dim * sizeof(float)) != h.count
         || (size - h.vector_offset) % ((uint64_t)h.dim * sizeof(float)) != 0
-        || h.body_crc != crc32_update(0, b + HEADER_SIZE, h.vector_offset - HEADER_SIZE)
+        || h.body_crc != crc32c_update(0, b + HEADER_SIZE, h.vector_offset - HEADER_SIZE)
         || (h.entry != -1 && (h.entry < 0 || (uint64_t)h.entry >= h.count))) {
         return STORE_DAMAGED;
     }
@@ -321,30 +327,30 @@ int store_load_mapped(TrnEngine *e, const uint8_t *b, size_t size, bool in_place
         return STORE_COPIED;
     }
     size_t dim = (size_t)h.dim;
-    vectors_release(e);
+    store_map_release(e);
     free(e->vectors);
     e->vectors = nullptr;
     e->chunks = static_cast<TrnChunk *>(xrealloc(e->chunks, xmul(h.count, sizeof(TrnChunk))));
     e->nodes = static_cast<TrnNode *>(xrealloc(e->nodes, xmul(h.count, sizeof(TrnNode))));
     e->capacity = h.count;
     e->dim = h.dim;
-    bool ok = read_chunks(e, b, h, s) && read_doc_index(e, b, h, s);
+    bool ok = read_chunks(e, b, h, s, in_place) && read_doc_index(e, b, h, s);
     const uint8_t *vectors = b + h.vector_offset;
     if (ok && in_place) {
-        TrnVectorMap *m = static_cast<TrnVectorMap *>(xcalloc(1, sizeof(TrnVectorMap)));
+        TrnStoreMap *m = static_cast<TrnStoreMap *>(xcalloc(1, sizeof(TrnStoreMap)));
         m->map = b;
         m->size = size;
         m->checks = b + s.checks;
-        m->count = h.count;
-        m->checked = static_cast<uint64_t *>(xcalloc((h.count + 63) / 64, sizeof(uint64_t)));
-        e->mapped = m;
+        e->store_map = m;
+        e->vectors_checked =
+            static_cast<uint64_t *>(xcalloc((h.count + 63) / 64, sizeof(uint64_t)));
         e->vectors = reinterpret_cast<float *>(const_cast<uint8_t *>(vectors));
         madvise(const_cast<uint8_t *>(vectors), size - h.vector_offset, MADV_RANDOM);
     } else {
         e->vectors = static_cast<float *>(xmalloc(xmul(xmul(h.count, dim), sizeof(float))));
         for (uint64_t i = 0; ok && i < h.count; i++) {
             const uint8_t *v = vectors + i * dim * sizeof(float);
-            ok = crc32_update(0, v, dim * sizeof(float)) == get_u32(b + s.checks + i * 4);
+            ok = crc32c_update(0, v, dim * sizeof(float)) == get_u32(b + s.checks + i * 4);
             memcpy(e->vectors + i * dim, v, dim * sizeof(float));
         }
     }
@@ -364,67 +370,61 @@ int store_load_mapped(TrnEngine *e, const uint8_t *b, size_t size, bool in_place
     return in_place ? STORE_IN_PLACE : STORE_COPIED;
 }
 
-bool vector_checked(const TrnEngine *e, uint64_t slot)
-{
-    return (e->mapped->checked[slot / 64] >> (slot % 64)) & 1;
-}
-
 const float *vector_check(const TrnEngine *e, uint64_t slot)
 {
-    TrnVectorMap *m = e->mapped;
     size_t bytes = (size_t)e->dim * sizeof(float);
     const float *v = e->vectors + slot * (uint64_t)e->dim;
-    if (crc32_update(0, v, bytes) == get_u32(m->checks + slot * 4)) {
-        m->checked[slot / 64] |= 1ull << (slot % 64);
+    if (crc32c_update(0, v, bytes) == get_u32(e->store_map->checks + slot * 4)) {
+        e->vectors_checked[slot / 64] |= 1ull << (slot % 64);
         return v;
     }
     /* Never the damaged bytes: a search goes on over zeros and then reports the damage. */
     static const float zeros[TRN_ENCODER_DIM] = {};
-    m->damaged = 1;
+    e->store_map->damaged = 1;
     return zeros;
 }
 
 bool vectors_damaged(const TrnEngine *e)
 {
-    return (e->mapped && e->mapped->damaged) || e->refused == TRN_STATUS_DAMAGED;
+    return (e->store_map && e->store_map->damaged) || e->refused == TRN_STATUS_DAMAGED;
 }
 
 bool vectors_own(TrnEngine *e)
 {
-    TrnVectorMap *m = e->mapped;
-    if (!m) {
+    if (!e->vectors_checked) {
         return true;
     }
     size_t dim = (size_t)e->dim;
-    uint64_t capacity = e->capacity;
-    float *own = static_cast<float *>(xmalloc(xmul(xmul(capacity, dim), sizeof(float))));
-    for (uint64_t i = 0; i < m->count; i++) {
+    float *own = static_cast<float *>(xmalloc(xmul(xmul(e->capacity, dim), sizeof(float))));
+    for (uint64_t i = 0; i < e->count; i++) {
         memcpy(own + i * dim, chunk_vector(e, i), dim * sizeof(float));
     }
-    bool damaged = m->damaged;
-    vectors_release(e);
+    free(e->vectors_checked);
+    e->vectors_checked = nullptr;
     e->vectors = own;
-    e->capacity = capacity;
-    if (damaged) {
+    if (e->store_map->damaged) {
         e->refused = TRN_STATUS_DAMAGED;
         return fail_status(e, TRN_STATUS_DAMAGED, 0);
     }
     return true;
 }
 
-void vectors_release(TrnEngine *e)
+void store_map_release(TrnEngine *e)
 {
-    TrnVectorMap *m = e->mapped;
+    TrnStoreMap *m = e->store_map;
     if (!m) {
         return;
     }
+    if (e->vectors_checked) {
+        /* The chunk and node tables keep their slots; growing them again allocates vectors. */
+        free(e->vectors_checked);
+        e->vectors_checked = nullptr;
+        e->vectors = nullptr;
+        e->capacity = 0;
+    }
     munmap(const_cast<uint8_t *>(m->map), m->size);
-    free(m->checked);
     free(m);
-    e->mapped = nullptr;
-    /* The chunk and node tables keep their slots; growing them again allocates the vectors. */
-    e->vectors = nullptr;
-    e->capacity = 0;
+    e->store_map = nullptr;
 }
 
 namespace
@@ -451,7 +451,7 @@ void out_put(Out *o, const void *p, size_t n)
         return;
     }
     if (o->size >= HEADER_SIZE) {
-        o->crc = crc32_update(o->crc, p, n);
+        o->crc = crc32c_update(o->crc, p, n);
     }
     o->size += n;
 }
@@ -534,7 +534,7 @@ bool store_write(TrnEngine *e, FILE *f, uint64_t *size, uint32_t *checksum, int 
         out_put(&o, rec, sizeof rec);
     }
     for (uint64_t i = 0; i < e->count; i++) {
-        out_u32(&o, crc32_update(0, e->vectors + i * (uint64_t)e->dim, dim_bytes));
+        out_u32(&o, crc32c_update(0, e->vectors + i * (uint64_t)e->dim, dim_bytes));
     }
     out_put(&o, e->centroids, (size_t)e->file_count * dim_bytes);
     out_put(&o, e->file_chunk_counts, (size_t)e->file_count * 4);

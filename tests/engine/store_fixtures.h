@@ -316,12 +316,14 @@ inline void free_bare_engine(TrnEngine *e)
     }
     index_dir_close(e);
     for (uint64_t i = 0; i < e->count; i++) {
-        free(e->chunks[i].text);
+        if (!e->chunks[i].text_in_store) {
+            free(e->chunks[i].text);
+        }
         free(e->chunks[i].file_path);
         node_reset(&e->nodes[i]);
     }
     free(e->chunks);
-    vectors_release(e);
+    store_map_release(e);
     free(e->vectors);
     free(e->nodes);
     trn_free_doc_index(e);

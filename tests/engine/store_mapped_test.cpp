@@ -14,6 +14,39 @@
 namespace
 {
 
+/* CRC-32C a bit at a time, as its definition reads. */
+uint32_t crc32c_bitwise(const uint8_t *p, size_t n)
+{
+    uint32_t crc = 0xFFFFFFFFu;
+    for (size_t i = 0; i < n; i++) {
+        crc ^= p[i];
+        for (int k = 0; k < 8; k++) {
+            crc = (crc >> 1) ^ (0x82F63B78u & (0u - (crc & 1)));
+        }
+    }
+    return ~crc;
+}
+
+TEST(Checksum, Crc32cMatchesTheBitwiseDefinitionAtEveryLengthAndAlignment)
+{
+    EXPECT_EQ(crc32c_update(0, "123456789", 9), 0xE3069283u); /* the published check value */
+    std::vector<uint8_t> bytes(4096 + 16);
+    uint32_t x = 12345;
+    for (uint8_t &b : bytes) {
+        x = x * 1103515245u + 12345u;
+        b = (uint8_t)(x >> 16);
+    }
+    for (size_t at = 0; at < 8; at++) {
+        for (size_t n : {0, 1, 7, 8, 9, 63, 64, 65, 1000, 4096}) {
+            EXPECT_EQ(crc32c_update(0, bytes.data() + at, n), crc32c_bitwise(bytes.data() + at, n))
+                << at << " " << n;
+        }
+    }
+    /* Continued over two parts, it is the checksum of the whole. */
+    EXPECT_EQ(crc32c_update(crc32c_update(0, bytes.data(), 1001), bytes.data() + 1001, 2000),
+              crc32c_bitwise(bytes.data(), 3001));
+}
+
 class MappedStore : public testing::Test
 {
 protected:
@@ -55,7 +88,7 @@ TEST_F(MappedStore, EveryByteIsCheckedAtOpenOrWhenItsVectorIsRead)
         } else {
             EXPECT_GE(at, vector_offset);
             ASSERT_EQ(e->count, 2u);
-            ASSERT_NE(e->mapped, nullptr) << "the vectors are read in place";
+            ASSERT_NE(e->vectors_checked, nullptr) << "the vectors are read in place";
             EXPECT_FALSE(vectors_damaged(e)) << "nothing was read yet";
             uint64_t slot = (at - vector_offset) / 2048;
             EXPECT_EQ(chunk_vector(e, 1 - slot)[0], e->vectors[(1 - slot) * 512]);
@@ -101,7 +134,7 @@ TEST_F(MappedStore, HandleKeepsItsSnapshotWhenAnotherProcessCheckpoints)
 {
     TrnConfig cfg = config_for(dir_);
     TrnEngine *e = trn_open(&cfg);
-    ASSERT_NE(e->mapped, nullptr);
+    ASSERT_NE(e->vectors_checked, nullptr);
     std::vector<float> first(chunk_vector(e, 0), chunk_vector(e, 0) + 512);
     pid_t pid = fork();
     ASSERT_GE(pid, 0);

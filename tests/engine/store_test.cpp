@@ -109,7 +109,7 @@ Bytes mapped_store_bytes(const std::vector<StoreRecord> &records, uint32_t files
         for (int i = 0; i < 512; i++) {
             v.f32(r.fill + (float)i / 1024.0f);
         }
-        checks.u32(crc32_update(0, v.b.data(), v.size()));
+        checks.u32(crc32c_update(0, v.b.data(), v.size()));
         vectors.raw(std::string(v.b.begin(), v.b.end()));
         for (const std::vector<uint32_t> &list : r.neighbors) {
             graph.u32((uint32_t)list.size());
@@ -183,7 +183,7 @@ TEST(StoreFile, CheckpointWritesTheDocumentedLayout)
         }
     }
     std::copy(got.begin() + (long)at, got.begin() + (long)at + 2 * 2048, want.b.begin() + (long)at);
-    uint32_t body = crc32_update(0, want.b.data() + 96, (size_t)got[72] + 256 * got[73] - 96);
+    uint32_t body = crc32c_update(0, want.b.data() + 96, (size_t)got[72] + 256 * got[73] - 96);
     memcpy(want.b.data() + 80, &body, 4);
     uint32_t head = crc32_update(0, want.b.data(), 92);
     memcpy(want.b.data() + 92, &head, 4);
