@@ -21,9 +21,9 @@
 
 constexpr uint32_t TRN_WAL_ID_LIMIT = 4096;
 constexpr size_t TRN_COMMIT_SIZE = 64; /* bytes of the commit record (commit.cpp) */
-/* The store's version (store_mapped.cpp). 4: laid out to be read in place. From 3 on a store is
-** written with a commit record, which it then requires. */
-constexpr uint32_t TRN_STORE_VERSION = 4;
+/* The store's version (store_mapped.cpp). 5: laid out to be read in place (4 is the layout of 3
+** with chunk flags). From 3 on a store is written with a commit record, which it then requires. */
+constexpr uint32_t TRN_STORE_VERSION = 5;
 constexpr uint32_t TRN_STORE_VERSION_COMMITTED = 3;
 constexpr size_t TRN_INDEX_ID_SIZE = 16; /* random bytes naming one index (commit.cpp) */
 /* A normal handle checkpoints once its log holds this many chunks, so reopening after a crash
@@ -53,17 +53,17 @@ void store_load(TrnEngine *e, const char *path);
 void store_load_bytes(TrnEngine *e, const uint8_t *bytes, size_t size);
 /* What store_load_mapped did with a store. */
 enum { STORE_COPIED, STORE_IN_PLACE, STORE_DAMAGED };
-/* Loads a store file's bytes into an empty handle. A store of version 4 whose checksums fail is
+/* Loads a store file's bytes into an empty handle. A store of version 5 whose checksums fail is
 ** refused (STORE_DAMAGED, the handle left empty); with in_place the handle keeps reading its
 ** vectors from bytes, a mapping of the whole file that it then owns and unmaps (STORE_IN_PLACE).
 ** Older versions are read by copying, as store_load_bytes does. */
 int store_load_mapped(TrnEngine *e, const uint8_t *bytes, size_t size, bool in_place);
 /* The checksum the commit record names a store's bytes by: the CRC-32 of its header for version
-** 4, whose header holds the checksums of the rest; of the whole file before. */
+** 5, whose header holds the checksums of the rest; of the whole file before. */
 uint32_t store_checksum(const uint8_t *bytes, size_t size);
 /* The version field of a store's bytes; 0 when they do not begin as a store. */
 uint32_t store_version(const uint8_t *bytes, size_t size);
-/* Writes the store of version 4 to f (at its start, which it writes last), storing the document
+/* Writes the store of version 5 to f (at its start, which it writes last), storing the document
 ** index built afresh. Sets the bytes written, the checksum for the commit record and, on
 ** failure, errno. */
 bool store_write(TrnEngine *e, FILE *f, uint64_t *size, uint32_t *checksum, int *err);

@@ -1,6 +1,6 @@
 /*
 ** store.cpp -- the engine handle's life (trn_open, trn_checkpoint, trn_close) and the store file
-** "tarnwick.bin", a complete snapshot of the handle. Version 4 (store_mapped.cpp) is written and
+** "tarnwick.bin", a complete snapshot of the handle. Version 5 (store_mapped.cpp) is written and
 ** read in place; this file reads the versions before it, by copying every record.
 **
 ** Store file layout of versions 1 to 3. Little-endian, IEEE-754 binary32 floats, no padding, no
@@ -27,7 +27,7 @@
 **
 ** doc_id and file_path are paths as storage.h writes them: one below the index's folder is a NUL
 ** byte and the rest after the folder, so the store of a moved folder names the files where they
-** are now. Older stores are read as they are and rewritten as version 4 by the next write.
+** are now. Older stores are read as they are and rewritten as version 5 by the next write.
 **     int32 chunk_index, int32 line_number, uint32 file_type, uint8 deleted
 **     dim float32: the unit vector
 **     int32 level of the graph node (0..31)

@@ -1,15 +1,16 @@
 /*
-** store_mapped.cpp -- the store "tarnwick.bin" of version 4, laid out so that a search uses it in
+** store_mapped.cpp -- the store "tarnwick.bin" of version 5, laid out so that a search uses it in
 ** place. A handle maps the file read-only and takes the chunk vectors, nearly all of its bytes,
-** from the mapping; each vector is checked against its own CRC-32C the first time it is read
-** (chunk_vector), so an open reads only the small parts of a large index and a search the
-** vectors it compares. Versions 1 to 3 (store.cpp) are still read, by copying every record.
+** and the chunks' texts from the mapping, which it keeps for its life. Each vector is checked
+** against its own CRC-32C the first time it is read (chunk_vector), so an open reads only the
+** other parts of a large index and a search the vectors it compares; those other parts are
+** checked whole at open. Versions 1 to 3 (store.cpp) are still read, by copying every record.
 **
 ** Layout, little-endian, IEEE-754 binary32 floats:
 **
 **     offset  size  field
 **          0     4  magic "TRNW"
-**          4     4  uint32 version, 4
+**          4     4  uint32 version, 5
 **          8     4  int32 dim (512, the encoder's width)
 **         12     4  int32 M
 **         16     4  int32 ef_construction
@@ -32,7 +33,8 @@
 ** then from offset 96 each section right after the one before:
 **     chunks     count records of 32 bytes: uint32 doc_id bytes, uint32 text bytes, uint32
 **                file_path bytes, int32 chunk_index, int32 line_number, uint32 file_type,
-**                int32 level of the graph node (0..31), uint8 deleted, 3 zero bytes
+**                int32 level of the graph node (0..31), uint8 flags (1: deleted; others 0),
+**                3 zero bytes
 **     checks     count uint32: the CRC-32C of each chunk's vector
 **     centroids  files x dim float32: each file's unit centroid, in the document index's order
 **     counts     files uint32: each file's live chunks
@@ -65,7 +67,7 @@
 namespace
 {
 
-constexpr uint32_t STORE_VERSION_MAPPED = 4;
+constexpr uint32_t STORE_VERSION_MAPPED = 5;
 constexpr size_t HEADER_SIZE = 96;
 constexpr size_t CHUNK_RECORD_SIZE = 32;
 constexpr uint64_t VECTOR_ALIGN = 4096; /* a page: the vectors are read in place as floats */

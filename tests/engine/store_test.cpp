@@ -93,7 +93,7 @@ Bytes store_bytes(const std::vector<StoreRecord> &records, std::vector<size_t> *
     return b;
 }
 
-/* The bytes of the version 4 layout for records (at most one chunk per file, whose centroid is
+/* The bytes of the version 5 layout for records (at most one chunk per file, whose centroid is
 ** then its own vector, compared apart), assembled independently of the writer. */
 Bytes mapped_store_bytes(const std::vector<StoreRecord> &records, uint32_t files, size_t *centroids)
 {
@@ -133,7 +133,7 @@ Bytes mapped_store_bytes(const std::vector<StoreRecord> &records, uint32_t files
     uint64_t vector_offset = (96 + body.size() + 4095) / 4096 * 4096;
     body.raw(std::string(vector_offset - 96 - body.size(), '\0'));
     Bytes out;
-    put_store_header(out, 4, 512, 0, 2, (uint32_t)records.size());
+    put_store_header(out, 5, 512, 0, 2, (uint32_t)records.size());
     out.u32(files).u32(0);
     u64(out, graph.size());
     u64(out, names.size());
@@ -339,7 +339,7 @@ TEST(StoreFile, StoreOfAnotherVersionOrWidthIsIgnoredAndReplaced)
 {
     for (int variant = 0; variant < 2; variant++) {
         TempDir dir;
-        uint32_t version = variant == 0 ? 5 : 2;
+        uint32_t version = variant == 0 ? 6 : 2;
         int32_t dim = variant == 0 ? 512 : 64;
         store_bytes(sample_records(), nullptr, version, dim).write(dir.file("tarnwick.bin"));
         TrnConfig cfg = config_for(dir);
@@ -352,7 +352,7 @@ TEST(StoreFile, StoreOfAnotherVersionOrWidthIsIgnoredAndReplaced)
         trn_close(e);
         std::vector<uint8_t> bytes = read_file_bytes(dir.file("tarnwick.bin"));
         ASSERT_EQ(bytes.size(), 96u);
-        EXPECT_EQ(bytes[4], 4);
+        EXPECT_EQ(bytes[4], 5);
         EXPECT_EQ(bytes[36], 0);
     }
 }
