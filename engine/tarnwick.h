@@ -219,9 +219,11 @@ TRN_API int32_t trn_prepare_encoder(TrnEngine *e);
 ** The index directory must be the running user's own: a directory that is a symbolic link, belongs
 ** to another user or is writable by other users is refused (TRN_STATUS_DENIED), and no file in it
 ** is reached through a link. Beside the store and the log it holds "tarnwick.lock" (flock: many
-** readers or one writer at a time) and "tarnwick.commit", a 48-byte record that ties the store (by
-** size and CRC-32) to the log. Every write is committed whole: a crash at any point leaves the
-** state before or after the operation. Opening reads only: a handle that changed nothing leaves
+** readers or one writer at a time) and "tarnwick.commit", a record that ties the store and the
+** log's committed groups together (each by size and CRC-32). Every write is committed whole: a
+** crash at any point leaves the state before or after the operation, and a store or committed log
+** that was cut, changed or lost is refused (TRN_STATUS_DAMAGED), never read as a smaller index.
+*Opening reads only: a handle that changed nothing leaves
 ** every file as it was, also at trn_close.
 **
 ** Each operation locks on its own: loading takes the shared lock, each ingested file, removal,

@@ -190,7 +190,7 @@ TEST(StoreFile, CheckpointWritesTheDocumentedLayout)
     EXPECT_TRUE(got == want.b);
     /* The commit record names the store by its header's checksum. */
     std::vector<uint8_t> commit = read_file_bytes(dir.file("tarnwick.commit"));
-    ASSERT_EQ(commit.size(), 64u);
+    ASSERT_EQ(commit.size(), 92u);
     EXPECT_EQ(memcmp(commit.data() + 24, &head, 4), 0);
     /* No temporary file is left behind; the commit record, the word index and the lock file
     ** stand beside it. */
