@@ -4,9 +4,10 @@
 ** Building the index from the texts takes about 50 ms per thousand chunks of
 ** varied text (bench/lexical_speed_bench.cpp), over twice what opening the store costs, so a
 ** writer keeps a copy beside the store, "tarnwick.lex", written after every checkpoint
-** (lex_save) and read when a handle loads that store (lex_load), before the log is replayed; the
-** log's chunks are then added by the first lex_sync. The store and the log never depend on it:
-** it is written after them, under a unique temporary name (mode 0600), synced and renamed
+** (lex_save) and read (lex_load) by the first lex_sync when no log followed the store, else when
+** the handle loads the store, before the log is replayed; the log's chunks are then added by the
+** first lex_sync. A search by meaning alone never reads it. The store and the log never depend
+** on it: it is written after them, under a unique temporary name (mode 0600), synced and renamed
 ** into place, and one that is missing, of another version, damaged or made for another store is
 ** ignored, and the index is built from the texts at the first keyword or hybrid search instead.
 ** Readers never write it. Layout, little-endian, no padding:
