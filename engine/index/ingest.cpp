@@ -113,6 +113,9 @@ void ensure_cap(TrnEngine *e, uint64_t n)
     if (e->capacity >= n) {
         return;
     }
+    /* A log replayed over a mapped store adds chunks: the vectors move to memory first (a
+    ** damaged one refuses the handle, which its caller reports). */
+    vectors_own(e);
     uint64_t c = e->capacity ? e->capacity : FIRST_CAPACITY;
     while (c < n) {
         if (c > UINT64_MAX / 2) {
@@ -137,7 +140,9 @@ void ensure_cap(TrnEngine *e, uint64_t n)
 void chunk_slot_clear(TrnEngine *e, uint64_t slot)
 {
     TrnChunk *c = &e->chunks[slot];
-    free(c->text);
+    if (!c->text_in_store) {
+        free(c->text);
+    }
     free(c->file_path);
     memset(c, 0, sizeof *c);
     node_reset(&e->nodes[slot]);
