@@ -20,14 +20,17 @@ namespace
 
 constexpr uint32_t FIRST_MERGE_ID = 260;
 
-enum class ByteClass { Letter, Digit, Other };
+enum class ByteClass { Letter, Digit, Space, Mark };
 
 ByteClass class_of(unsigned char c)
 {
     if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c >= 0x80) {
         return ByteClass::Letter;
     }
-    return c >= '0' && c <= '9' ? ByteClass::Digit : ByteClass::Other;
+    if (c >= '0' && c <= '9') {
+        return ByteClass::Digit;
+    }
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r' ? ByteClass::Space : ByteClass::Mark;
 }
 
 uint64_t key_of(uint32_t left, uint32_t right)
@@ -132,14 +135,27 @@ void count_word_units(const char *text, size_t n, UnitCounts *counts)
     size_t i = 0;
     while (i < n) {
         const size_t start = i;
-        size_t j = text[i] == ' ' && i + 1 < n ? i + 1 : i;
-        const ByteClass c = class_of((unsigned char)text[j]);
-        if (c == ByteClass::Other) {
-            j = i + 1;
-        } else {
-            while (j < n && class_of((unsigned char)text[j]) == c) {
+        size_t j = i;
+        if (class_of((unsigned char)text[i]) == ByteClass::Space) {
+            while (j < n && class_of((unsigned char)text[j]) == ByteClass::Space) {
                 j++;
             }
+            /* The last space before a word or a mark belongs to it, as it does in the middle
+            ** of a line. */
+            if (j < n && text[j - 1] == ' ' && j - 1 > i) {
+                j--;
+            }
+            const bool starts_next = j == i + 1 && text[i] == ' ' && j < n
+                                     && class_of((unsigned char)text[j]) != ByteClass::Space;
+            if (!starts_next) {
+                (*counts)[std::string(text + start, j - start)]++;
+                i = j;
+                continue;
+            }
+        }
+        const ByteClass c = class_of((unsigned char)text[j]);
+        while (j < n && class_of((unsigned char)text[j]) == c) {
+            j++;
         }
         (*counts)[std::string(text + start, j - start)]++;
         i = j;

@@ -4,8 +4,9 @@
 ** The engine's tokenizer training merges pairs over one byte sequence, one pass per merge, so it
 ** sees a 1 MB sample and learns about 8,000 merges in minutes; few words then become one token,
 ** and a word cut into pieces has no row of its own for related words to meet. This trainer
-** splits the whole corpus into word units once (a run of letters or of digits, with the space
-** before it; any other byte alone), counts them, and learns merges over the distinct units
+** splits the whole corpus into units once (a run of letters, of digits or of other marks, with
+** the space before it; a run of white space), counts them, and learns merges over the distinct
+*units
 ** weighted by their counts, updating the pair counts of the units each merge touches. The merges
 ** never join two units, so encoding, which replays them over the raw bytes with no splitting,
 ** gives a frequent word its own token.
@@ -25,9 +26,11 @@ namespace trn_train
 
 using UnitCounts = std::unordered_map<std::string, int64_t>;
 
-/* Adds the word units of text to counts: a run of letters (ASCII letters and every byte of a
-** multi-byte UTF-8 character) or a run of digits, each with the one space before it when there
-** is one; every other byte is a unit of its own. */
+/* Adds the units of text to counts: a run of letters (ASCII letters and every byte of a
+** multi-byte UTF-8 character), of digits or of other marks, each with the one space before it
+** when there is one, and a run of white space (without its last space when something follows
+** that space). Code's indentation and punctuation then take few tokens, so that a chunk's
+** tokens still fit the encoder's positions. */
 void count_word_units(const char *text, size_t n, UnitCounts *counts);
 
 /* Learns at most max_merges merges over the units seen at least min_count times, each the most

@@ -322,7 +322,7 @@ std::vector<std::array<uint32_t, 2>> brute_force_merges(const UnitCounts &counts
 
 TEST(WordBpe, UnitsAreWordsWithTheirSpaceAndMergesMatchACountFromScratch)
 {
-    const std::string text = "Read the file,  x86 readFile\n\u00e9t\u00e9 the files";
+    const std::string text = "Read the file,  x86 readFile();\n    \u00e9t\u00e9 the files \n";
     UnitCounts units;
     count_word_units(text.data(), text.size(), &units);
     const UnitCounts want = {{"Read", 1},
@@ -333,9 +333,11 @@ TEST(WordBpe, UnitsAreWordsWithTheirSpaceAndMergesMatchACountFromScratch)
                              {" x", 1},
                              {"86", 1},
                              {" readFile", 1},
-                             {"\n", 1},
-                             {"\u00e9t\u00e9", 1},
-                             {" files", 1}};
+                             {"();", 1},
+                             {"\n   ", 1},
+                             {" \u00e9t\u00e9", 1},
+                             {" files", 1},
+                             {" \n", 1}};
     EXPECT_EQ(units, want);
 
     std::mt19937_64 rng(7);
