@@ -95,6 +95,7 @@ TrnBpe *makeBpe(uint32_t merges)
         bpe->merges[k][1] = 'a' + k % 26;
     }
     bpe->n_merges = merges;
+    bpe->ranks = nullptr;
     bpe->vocab_size = merges + 260;
     return bpe;
 }
