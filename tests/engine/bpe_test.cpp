@@ -266,8 +266,8 @@ TEST_F(BpeEncoding, GivesWhatAReplayOfEveryMergeGives)
     for (int round = 0; round < 300; round++) {
         std::string text;
         for (int i = (int)(rng() % 60); i > 0; i--) {
-            text +=
-                round % 2 ? kGoldenCorpus[rng() % (sizeof kGoldenCorpus - 1)] : letters[rng() % letters.size()];
+            text += round % 2 ? kGoldenCorpus[rng() % (sizeof kGoldenCorpus - 1)]
+                              : letters[rng() % letters.size()];
         }
         for (const TrnBpe *b : {(const TrnBpe *)bpe, (const TrnBpe *)&manual}) {
             EXPECT_EQ(encode(b, text, 4096), replay(b, text)) << text;
