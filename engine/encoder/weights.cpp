@@ -41,7 +41,8 @@
 **
 ** Nothing follows the last tensor: a version 1 file is 26,263,584 bytes, version 2 is 28 bytes
 ** longer, version 3 with m merges is 64 + 8*m + 2048*m + 26,263,552 bytes. A version 4 file of a
-** bag-of-words encoder in half precision is 64 + 8*m + 1024*(m + 260) + 7,358,576 bytes.
+** bag-of-words encoder in half precision is 64 + 8*m + 1024*(m + 260) + 7,358,576 bytes, 1024
+** less for each of its five norm shifts that is all zeros.
 **
 ** Loading reads straight into the encoder's arrays and does not roll back: a version 1-3 file
 ** that ends inside the tensors leaves the tensors before that point overwritten. A version 4 file
