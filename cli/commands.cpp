@@ -208,6 +208,22 @@ void cmd_search(const Options &o, const ModelRuntime &model)
     if (n < 0) {
         n = 0;
     }
+    // Chunks whose vectors an indexing has not computed yet are outside the semantic ranking.
+    uint64_t embedded = 0, chunks = 0;
+    for (TrnEngine *h : handles) {
+        uint64_t d = 0, a = 0;
+        trn_meaning_progress(h, &d, &a);
+        embedded += d;
+        chunks += a;
+    }
+    const bool partial = embedded < chunks
+                         && (o.mode == TRN_SEARCH_SEMANTIC || o.mode == TRN_SEARCH_SEMANTIC_ALL
+                             || o.mode == TRN_SEARCH_HYBRID);
+    if (partial) {
+        std::fprintf(stderr,
+                     "meaning: %u%% of chunks embedded; semantic results are partial\n",
+                     static_cast<unsigned>(embedded * 100 / chunks));
+    }
 
     if (o.vimgrep) {
         write_out(vimgrep_lines(results.data(), n, query, o.mode, current_dir()));
@@ -241,6 +257,8 @@ void cmd_search(const Options &o, const ModelRuntime &model)
             w.string(roots[static_cast<size_t>(origins[static_cast<size_t>(i)])]);
             w.key("moreInFile");
             w.integer(r.more_in_file);
+            w.key("semanticPartial");
+            w.boolean(partial);
             w.key("marks");
             w.begin_array();
             for (int32_t m = 0; m < r.mark_count; m++) {

@@ -21,9 +21,10 @@
 ** the 1-based line on which it starts and the file type. All windows of one text are embedded and
 ** normalised first, on the processor's cores (embed.cpp) and without the index's lock, each
 ** text the index already holds taking the vector it has there; then,
-** under its exclusive lock, they are appended to the write-ahead log as one synced group
-** (wal.cpp), and only then given random graph levels and linked into the graph. A text whose
-** group could not be written adds nothing.
+** under its exclusive lock, they are appended to the write-ahead log with their vectors as one
+** synced group (wal.cpp), and only then given random graph levels and linked into the graph. A
+** text whose group could not be written adds nothing. An update's words phase logs the windows
+** without embedding them: they are pending until its meaning phase (meaning.cpp).
 **
 ** Files larger than TRN_FILE_SIZE_MAX are skipped on their size, before a byte is read: the walk
 ** checks the size it has from stat, and the extraction checks the open file again.
@@ -184,6 +185,7 @@ static uint64_t new_slot(TrnEngine *e, const char *doc_id, const char *text, con
     c->line_number = line_number;
     c->file_type = file_type;
     c->deleted = 0;
+    c->pending = 0;
     return slot;
 }
 
@@ -207,6 +209,22 @@ void add_doc_vec(TrnEngine *e, const char *doc_id, const char *text, const char 
 {
     uint64_t slot = new_slot(e, doc_id, text, path, chunk_index, line_number, file_type);
     memcpy(e->vectors + slot * (uint64_t)e->dim, v, (size_t)e->dim * sizeof(float));
+    link_slot(e, slot);
+}
+
+void add_doc_pending(TrnEngine *e, const char *doc_id, const char *text, const char *path,
+                     int32_t chunk_index, int32_t line_number, uint32_t file_type)
+{
+    uint64_t slot = new_slot(e, doc_id, text, path, chunk_index, line_number, file_type);
+    memset(e->vectors + slot * (uint64_t)e->dim, 0, (size_t)e->dim * sizeof(float));
+    node_reset(&e->nodes[slot]);
+    e->chunks[slot].pending = 1;
+}
+
+void set_chunk_vector(TrnEngine *e, uint64_t slot, const void *v)
+{
+    memcpy(e->vectors + slot * (uint64_t)e->dim, v, (size_t)e->dim * sizeof(float));
+    e->chunks[slot].pending = 0;
     link_slot(e, slot);
 }
 
@@ -357,25 +375,27 @@ bool held_chunks_equal(const TrnEngine *e, const char *path,
 } // namespace
 
 static int32_t chunk_and_store(TrnEngine *e, const char *path, const char *text, int64_t length,
-                               int32_t chunk_size, int32_t overlap, TrnFileType type, bool replace);
+                               int32_t chunk_size, int32_t overlap, TrnFileType type, bool replace,
+                               bool embed);
 
 int32_t chunk_and_ingest(TrnEngine *e, const char *path, const char *text, int64_t length,
                          int32_t chunk_size, int32_t overlap, TrnFileType type)
 {
-    return chunk_and_store(e, path, text, length, chunk_size, overlap, type, false);
+    return chunk_and_store(e, path, text, length, chunk_size, overlap, type, false, true);
 }
 
 int32_t chunk_and_replace(TrnEngine *e, const char *path, const char *text, int64_t length,
-                          int32_t chunk_size, int32_t overlap, TrnFileType type)
+                          int32_t chunk_size, int32_t overlap, TrnFileType type, bool embed)
 {
-    return chunk_and_store(e, path, text, length, chunk_size, overlap, type, true);
+    return chunk_and_store(e, path, text, length, chunk_size, overlap, type, true, embed);
 }
 
 /* With replace, the group that adds the chunks begins with the removal of the file's chunks, so
 ** a crash leaves either the old chunks or the new ones, never both and never neither. An empty
 ** text then only removes. */
 static int32_t chunk_and_store(TrnEngine *e, const char *path, const char *text, int64_t length,
-                               int32_t chunk_size, int32_t overlap, TrnFileType type, bool replace)
+                               int32_t chunk_size, int32_t overlap, TrnFileType type, bool replace,
+                               bool embed)
 {
     if (replace && (length < 1 || chunk_size < 1)) {
         int32_t removed = trn_remove_file(e, path);
@@ -425,8 +445,10 @@ static int32_t chunk_and_store(TrnEngine *e, const char *path, const char *text,
     for (const PendingChunk &c : pending) {
         texts.push_back(c.text);
     }
-    vectors.resize(pending.size() * (size_t)e->dim);
-    embed_distinct_chunks(e, texts.data(), texts.size(), vectors.data());
+    if (embed) {
+        vectors.resize(pending.size() * (size_t)e->dim);
+        embed_distinct_chunks(e, texts.data(), texts.size(), vectors.data());
+    }
 
     int32_t added = -1;
     if (write_begin(e)) {
@@ -444,25 +466,38 @@ static int32_t chunk_and_store(TrnEngine *e, const char *path, const char *text,
                         (int32_t)i,
                         pending[i].line_number,
                         type);
+            if (embed) {
+                wal_put_vector(e, &group, pending[i].doc_id, vectors.data() + i * (size_t)e->dim);
+            }
         }
         if (wal_commit_group(e, &group)) {
             if (replace) {
                 remove_file_mem(e, path);
             }
             for (size_t i = 0; i < pending.size(); i++) {
-                add_doc_vec(e,
-                            pending[i].doc_id,
-                            pending[i].text,
-                            path,
-                            (int32_t)i,
-                            pending[i].line_number,
-                            type,
-                            vectors.data() + i * (size_t)e->dim);
+                if (embed) {
+                    add_doc_vec(e,
+                                pending[i].doc_id,
+                                pending[i].text,
+                                path,
+                                (int32_t)i,
+                                pending[i].line_number,
+                                type,
+                                vectors.data() + i * (size_t)e->dim);
+                } else {
+                    add_doc_pending(e,
+                                    pending[i].doc_id,
+                                    pending[i].text,
+                                    path,
+                                    (int32_t)i,
+                                    pending[i].line_number,
+                                    type);
+                }
             }
             added = (int32_t)pending.size();
             e->changed = 1;
             if (e->wal) {
-                e->wal_chunks += pending.size();
+                e->wal_chunks += pending.size() * (embed ? 2 : 1); /* texts and vectors */
                 /* Bounds what a reopen after a crash re-embeds; a failure leaves the log whole. */
                 if (e->wal_chunks >= g_checkpoint_chunks) {
                     checkpoint_locked(e);

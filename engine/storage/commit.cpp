@@ -439,7 +439,8 @@ bool index_load(TrnEngine *e, bool replay)
     }
     uint32_t crc = crc32_update(0, store.bytes, store.size);
     uint64_t generation = 0;
-    if (!v.has_commit && store_version(store.bytes, store.size) == TRN_STORE_VERSION) {
+    const uint32_t version = store_version(store.bytes, store.size);
+    if (!v.has_commit && version >= TRN_STORE_VERSION_COMMITTED && version <= TRN_STORE_VERSION) {
         unmap_file(&store);
         return fail_status(e, TRN_STATUS_DAMAGED, 0); /* written with a record that is gone */
     }

@@ -21,11 +21,15 @@
 
 constexpr uint32_t TRN_WAL_ID_LIMIT = 4096;
 constexpr size_t TRN_COMMIT_SIZE = 64; /* bytes of the commit record (commit.cpp) */
-/* The store's version (store.cpp). 3: written with a commit record, which it then requires. */
-constexpr uint32_t TRN_STORE_VERSION = 3;
+/* The store's version (store.cpp). 3: written with a commit record, which it then requires;
+** 4: a chunk's deleted byte also says that its vector is pending. */
+constexpr uint32_t TRN_STORE_VERSION = 4;
+/* The first version that requires its commit record. */
+constexpr uint32_t TRN_STORE_VERSION_COMMITTED = 3;
 constexpr size_t TRN_INDEX_ID_SIZE = 16; /* random bytes naming one index (commit.cpp) */
-/* A normal handle checkpoints once its log holds this many chunks, so reopening after a crash
-** re-embeds at most this many (g_checkpoint_chunks, a test hook, starts at this value). */
+/* A normal handle checkpoints once its log holds this many records of chunks (a text or a
+** vector each), which bounds the log a reopen replays (g_checkpoint_chunks, a test hook, starts
+** at this value). */
 constexpr uint64_t TRN_CHECKPOINT_CHUNKS = 4096;
 
 /* What identifies the committed state of an index directory: the commit record's bytes and the
@@ -68,6 +72,8 @@ void wal_group_begin(const TrnEngine *e, TrnBytes *group);
 /* Appends an 'A' record for one chunk. */
 void wal_put_add(const TrnEngine *e, TrnBytes *group, const char *doc_id, const char *text,
                  const char *path, int32_t chunk_index, int32_t line_number, uint32_t file_type);
+/* Appends a 'V' record: the vector (dim floats) of the chunk doc_id that an 'A' record added. */
+void wal_put_vector(const TrnEngine *e, TrnBytes *group, const char *doc_id, const float *v);
 /* Appends a 'D' record: every chunk of path is removed. */
 void wal_put_remove(const TrnEngine *e, TrnBytes *group, const char *path);
 /* Ends the group with its 'C' record, writes it to the log and syncs the log. On failure cuts

@@ -6,8 +6,9 @@
 **
 **     offset  size  field
 **          0     4  magic "TRNW"
-**          4     4  uint32 version: 3, which requires its commit record; 2 is the same without
-**                   that requirement, 1 wrote every path whole (both still read)
+**          4     4  uint32 version: 4; 3 is the same without pending chunks, and it and 4
+**                   require their commit record; 2 is the same without that requirement, 1
+**                   wrote every path whole (all still read)
 **          8     4  int32 dim (must be 512, the encoder's width)
 **         12     4  int32 M
 **         16     4  int32 ef_construction
@@ -26,7 +27,8 @@
 ** doc_id and file_path are paths as storage.h writes them: one below the index's folder is a NUL
 ** byte and the rest after the folder, so the store of a moved folder names the files where they
 ** are now. A store of version 1 is read as it is and rewritten by the next update or checkpoint.
-**     int32 chunk_index, int32 line_number, uint32 file_type, uint8 deleted
+**     int32 chunk_index, int32 line_number, uint32 file_type, uint8 flags: 1 deleted, 2 pending
+**       (its text is committed, its vector not yet: zeros, and the node has no links)
 **     dim float32: the unit vector
 **     int32 level of the graph node (0..31)
 **     for each level l in 0..level: uint32 k, then k uint32 neighbour chunk indices
@@ -66,6 +68,7 @@ namespace
 {
 
 constexpr uint32_t STORE_VERSION_FULL_PATHS = 1;
+constexpr uint8_t STORE_PENDING = 2; /* the flags byte of a chunk record */
 constexpr size_t STORE_HEADER_SIZE = 40;
 /* Graph parameters read from a store are kept only within these bounds: heaps and candidate
 ** lists are sized from them. */
@@ -127,7 +130,8 @@ bool read_record(TrnEngine *e, ByteReader *cur, uint64_t slot)
         chunk_slot_clear(e, slot);
         return false;
     }
-    c->deleted = deleted ? 1 : 0;
+    c->deleted = (deleted & ~STORE_PENDING) ? 1 : 0;
+    c->pending = (deleted & STORE_PENDING) && !c->deleted ? 1 : 0;
     /* A negative level means a node without lists; it is kept as level 0, also without lists,
     ** so nothing indexes the per-level arrays with a negative level. */
     node->level = level < 0 ? 0 : level;
@@ -173,7 +177,8 @@ void repair_graph(TrnEngine *e, int32_t stored_entry)
         e->max_level = -1;
         return;
     }
-    if (stored_entry >= 0 && (uint64_t)stored_entry < e->count) {
+    if (stored_entry >= 0 && (uint64_t)stored_entry < e->count
+        && !e->chunks[stored_entry].pending) {
         e->entry_point = stored_entry;
         e->max_level = e->nodes[stored_entry].level;
         return;
@@ -182,7 +187,7 @@ void repair_graph(TrnEngine *e, int32_t stored_entry)
     e->entry_point = -1;
     e->max_level = -1;
     for (uint64_t i = 0; i < e->count; i++) {
-        if (!e->chunks[i].deleted && e->nodes[i].level > e->max_level) {
+        if (!e->chunks[i].deleted && !e->chunks[i].pending && e->nodes[i].level > e->max_level) {
             e->entry_point = (int32_t)i;
             e->max_level = e->nodes[i].level;
         }
@@ -363,7 +368,7 @@ void write_store(const TrnEngine *e, StoreOut *o)
         put_value(o, c->chunk_index);
         put_value(o, c->line_number);
         put_value(o, c->file_type);
-        put_value(o, c->deleted);
+        put_value(o, (uint8_t)(c->deleted ? 1 : c->pending ? STORE_PENDING : 0));
         put(o, e->vectors + i * (uint64_t)e->dim, (size_t)e->dim * sizeof(float));
         put_value(o, node->level);
         for (int32_t l = 0; l <= node->level && l < TRN_MAX_LEVELS; l++) {

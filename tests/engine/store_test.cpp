@@ -113,10 +113,10 @@ TEST(StoreFile, CheckpointWritesTheDocumentedLayout)
     std::vector<uint8_t> got = read_file_bytes(dir.file("tarnwick.bin"));
     records[2].id = std::string("\0c.py:1", 7);
     records[2].path = std::string("\0c.py", 5);
-    Bytes want = store_bytes(records, nullptr, 3);
+    Bytes want = store_bytes(records, nullptr, 4);
     ASSERT_EQ(got.size(), want.size());
     EXPECT_TRUE(got == want.b);
-    const uint8_t head[12] = {'T', 'R', 'N', 'W', 3, 0, 0, 0, 0, 2, 0, 0};
+    const uint8_t head[12] = {'T', 'R', 'N', 'W', 4, 0, 0, 0, 0, 2, 0, 0};
     EXPECT_EQ(memcmp(got.data(), head, sizeof head), 0);
     /* No temporary file is left behind; the commit record, the word index and the lock file
     ** stand beside it. */
@@ -264,7 +264,7 @@ TEST(StoreFile, StoreOfAnotherVersionOrWidthIsIgnoredAndReplaced)
 {
     for (int variant = 0; variant < 2; variant++) {
         TempDir dir;
-        uint32_t version = variant == 0 ? 4 : 2;
+        uint32_t version = variant == 0 ? TRN_STORE_VERSION + 1 : 2;
         int32_t dim = variant == 0 ? 512 : 64;
         store_bytes(sample_records(), nullptr, version, dim).write(dir.file("tarnwick.bin"));
         TrnConfig cfg = config_for(dir);
@@ -277,7 +277,7 @@ TEST(StoreFile, StoreOfAnotherVersionOrWidthIsIgnoredAndReplaced)
         trn_close(e);
         std::vector<uint8_t> bytes = read_file_bytes(dir.file("tarnwick.bin"));
         ASSERT_EQ(bytes.size(), 40u);
-        EXPECT_EQ(bytes[4], 3);
+        EXPECT_EQ(bytes[4], TRN_STORE_VERSION);
         EXPECT_EQ(bytes[36], 0);
     }
 }
@@ -431,19 +431,24 @@ TEST(StoreFile, FailedCheckpointKeepsTheStoreAndTheLog)
     TempDir dir;
     TrnConfig cfg = config_for(dir);
     TrnEngine *e = trn_open(&cfg);
-    ASSERT_EQ(trn_ingest_text(e, "/c/a.txt", "kept in the log", 800, 200), 1);
+    std::string kept;
+    for (int i = 0; i < 100; i++) {
+        kept += "kept in the store ";
+    }
+    ASSERT_EQ(trn_ingest_text(e, "/c/a.txt", kept.c_str(), 800, 200), 3);
     ASSERT_EQ(trn_checkpoint(e), 1);
     ASSERT_EQ(trn_ingest_text(e, "/c/b.txt", "only in the log", 800, 200), 1);
     long wal_before = file_size(dir.file("tarnwick.wal"));
     std::vector<uint8_t> store_before = read_file_bytes(dir.file("tarnwick.bin"));
     ASSERT_GT(wal_before, 0);
 
-    /* Files may not grow past 1000 bytes: the new store cannot be written, small appends can. */
+    /* Files may not grow past 6000 bytes: the new store of four chunks (a vector is 2 kB)
+    ** cannot be written, the log's append of a second one can. */
     signal(SIGXFSZ, SIG_IGN);
     struct rlimit before;
     ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
     struct rlimit small = before;
-    small.rlim_cur = 1000;
+    small.rlim_cur = 6000;
     ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
     EXPECT_EQ(trn_checkpoint(e), 0);
     EXPECT_EQ(trn_last_status(e), TRN_STATUS_IO_ERROR);
@@ -462,7 +467,7 @@ TEST(StoreFile, FailedCheckpointKeepsTheStoreAndTheLog)
     EXPECT_EQ(file_size(dir.file("tarnwick.wal")), 0);
     trn_close(e);
     e = trn_open(&cfg);
-    EXPECT_EQ(e->count, 3u);
+    EXPECT_EQ(e->count, 5u);
     trn_close(e);
 }
 
