@@ -24,7 +24,7 @@ has_app=0
 [ -f "$build/bin/tarnwick" ] && has_app=1
 
 for f in bin/tarnwick-cli libexec/tarnwick/trainer libexec/tarnwick/train_bpe \
-    include/tarnwick.h share/man/man1/tarnwick-cli.1 \
+    include/tarnwick.h include/tarnwick_encoder.h share/man/man1/tarnwick-cli.1 \
     share/bash-completion/completions/tarnwick-cli; do
     expect_file "$usr/$f"
 done
