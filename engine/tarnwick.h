@@ -187,10 +187,9 @@ typedef bool (*TrnProgressFn)(const char *path, int32_t done, int32_t total, voi
 ** files)" and, when the weights loaded, "tarnwick: loaded encoder weights from PATH" while
 ** trn_set_verbose is on; weights that do not load are reported always. The graph's levels come
 ** from the handle's own generator, seeded from a constant and the number of chunks loaded, so
-** the same operations build the same graph. Replaying the log embeds nothing: a chunk logged
-** without its vector (an update's words phase) stays pending until an update embeds it (see
-** trn_meaning_progress). Never returns NULL;
-** close with trn_close. When the index is busy or damaged (see trn_open_ex) it prints the one
+** the same operations build the same graph. Replaying the log embeds nothing (chunks logged
+** without vectors wait for an update: trn_meaning_progress). Never returns NULL; close with
+** trn_close. When the index is busy or damaged (see trn_open_ex) it prints the one
 ** line of trn_last_error and returns an empty handle whose writes all fail with that status.
 **
 ** The index's files name a file below the index's folder (the parent of cfg->index_dir, made
@@ -312,20 +311,15 @@ TRN_API int32_t trn_progress_line(const char *verb, int32_t done, int32_t found,
 ** them). Both 0 before and after a trn_update_dir. Either pointer may be NULL. */
 TRN_API void trn_update_progress(const TrnEngine *e, uint64_t *done, uint64_t *all);
 
-/* How far the vectors of e's chunks are: the live chunks that have theirs into *done, all live
-** chunks into *all (either pointer may be NULL). A chunk whose text is committed and whose vector
-** is not yet (see trn_update_dir) is left out of semantic search and ranked by its words alone
-** in hybrid search, so a semantic or hybrid search made while *done < *all is partial on its
-** semantic side; keyword, text and regex search never are. Returns 1 while trn_update_dir on e is
-** in its meaning phase (called from its progress callback), else 0. */
+/* The live chunks that have their vector into *done, all live chunks into *all (either may be
+** NULL). Chunks still without one (see trn_update_dir) are left out of semantic search and ranked
+** by their words alone in hybrid search: such searches are partial while *done < *all. Returns 1
+** while trn_update_dir on e is in its meaning phase (from its progress callback), else 0. */
 TRN_API int32_t trn_meaning_progress(const TrnEngine *e, uint64_t *done, uint64_t *all);
 
-/* Writes the line that shows both phases of an indexing into out (size bytes, always
-** NUL-terminated when size > 0, cut to fit): "words: all <files> files · meaning: <p>%", then
-** ", about <time> left" once the pace is known: done - done_at_start chunks embedded in seconds,
-** the all - done to come at that pace. p is rounded down, so 100% means every vector is there.
-** With files < 1 the line starts at "meaning". Returns the length of the whole line. The
-** application's status bar and tarnwick-cli print this same line. */
+/* The meaning phase's progress line, as trn_progress_line writes its own: "words: all <files>
+** files · meaning: <p>%" (p rounded down; from "meaning" when files < 1), then ", about <time>
+** left" at the pace of done - done_at_start chunks embedded in seconds. */
 TRN_API int32_t trn_meaning_line(int32_t files, uint64_t done, uint64_t all, uint64_t done_at_start,
                                  double seconds, char *out, size_t size);
 
@@ -430,25 +424,20 @@ enum { TRN_UPDATE_COMPACT_PERCENT = 25 };
 ** 0600) every few seconds and at the end, only when it changed. A kill at any moment loses no
 ** file whose group was logged; the next update finishes the rest.
 **
-** Two phases: the words phase reads every file and commits its chunks without vectors
-** (pending), so that keyword, text and regex search are complete once it ends; the meaning
-** phase then embeds every pending chunk of the index, in logged groups, and links it into the
-** graph. A kill or cancel in either phase loses no committed group; the next trn_update_dir
-** reads none of the files committed and embeds what is still pending.
-**
-** progress (may be NULL) is called with path NULL and done 0 once the walk found the work (total:
-** files to read or remove), then after each of them with its path; in the meaning phase (while
-** trn_meaning_progress returns 1) with path NULL before the first group and after each, done
-** and total being the embedded and all live chunks. Returning false stops the update after the
-** current file or group (what was done is kept, report->cancelled set). Between files and groups
-** the handle is whole, so progress may call trn_search, trn_stats, trn_meaning_progress and
-** trn_list_dir_files on e
-** (an application keeps searching during a long update that way), but no other function on e.
-** report may be
-** NULL; it is filled in as the update goes. On a handle opened with TRN_OPEN_REBUILD the update
-** ends with trn_checkpoint (the rebuilt index replaces the old one) unless it was cancelled or
-** failed. Returns the chunks added, or -1 when dir cannot be opened or a write failed (the
-** update stops there; see trn_last_status).
+** Words first: every file's chunks are committed without vectors, so keyword, text and regex search
+** are complete early; then the meaning phase embeds every chunk still without its vector, in logged
+** groups. A kill in either phase loses no group; the next update goes on. progress (may be NULL) is
+** called with path NULL and done 0 once the walk found the work (total: files to read or remove),
+** then after each of them with its path; in the meaning phase (while trn_meaning_progress returns
+** 1) with path NULL before the first group and after each, done and total being the embedded and
+** all live chunks. Returning false stops the update after the current file or group (what was done
+** is kept, report->cancelled set). Between files and groups the handle is whole, so progress may
+** call trn_search, trn_stats, trn_meaning_progress and trn_list_dir_files on e (an application
+** keeps searching during a long update that way), but no other function on e. report may be NULL;
+** it is filled in as the update goes. On a handle opened with TRN_OPEN_REBUILD the update ends with
+** trn_checkpoint (the rebuilt index replaces the old one) unless it was cancelled or failed.
+** Returns the chunks added, or -1 when dir cannot be opened or a write failed (the update stops
+** there; see trn_last_status).
 **
 ** Paths in the index are dir, "/" and the path below it, as given: pass dir the same way (the
 ** application and tarnwick-cli pass it absolute and resolved) or files are indexed twice. After

@@ -303,6 +303,7 @@ TEST_F(CliIndexed, TextAndRegexHitsNameTheFileOnceAndTheLineOfTheMatch)
                                             "fileTypeName",
                                             "folder",
                                             "moreInFile",
+                                            "semanticPartial",
                                             "marks"}));
         EXPECT_EQ(h["folder"].text, dir.path());
         EXPECT_EQ(h["id"].text, alpha + ":2");
