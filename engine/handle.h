@@ -93,12 +93,12 @@ struct TrnEngine {
 
     /* word index of the live chunks (word_index.cpp); NULL until the first lex_sync */
     TrnLexical *lexical;
-    /* durability (commit.cpp); all zero for an in-memory handle */
+    /* durability (sharing.cpp, locks.cpp); all zero for an in-memory handle */
     int dir_fd; /* the index directory (file_io.cpp), valid when dir_open */
     uint8_t dir_open;
     int lock_fd; /* tarnwick.lock, valid when lock_open */
     uint8_t lock_open;
-    int turn_fd; /* tarnwick.turn, valid when turn_open: where writers queue (commit.cpp) */
+    int turn_fd; /* tarnwick.turn, valid when turn_open: where writers queue (locks.cpp) */
     uint8_t turn_open;
     uint8_t rebuild; /* built in memory, swapped in by the next checkpoint */
     int rebuild_fd;  /* tarnwick.rebuild, held shared by a rebuilding handle */
@@ -117,7 +117,13 @@ struct TrnEngine {
     uint8_t store_present;       /* the loaded store existed, with this size and checksum */
     uint64_t store_size;
     uint32_t store_crc;
-    uint64_t wal_end;    /* end of the last whole group of the log, read or written */
+    uint64_t wal_end; /* end of the last whole group of the log, read or written */
+    uint32_t wal_crc; /* CRC-32 of the log's bytes before wal_end */
+    /* The log's first log_committed bytes were committed, with CRC-32 log_committed_crc, as the
+    ** commit record says: a log that lacks them is damaged (0: nothing to check). */
+    uint64_t log_committed;
+    uint32_t log_committed_crc;
+    uint8_t log_tracked; /* the commit record keeps the loaded generation's log length */
     uint64_t wal_chunks; /* chunks logged since the last checkpoint */
     uint8_t wal_legacy;  /* the log holds records of an older version (no groups) */
     uint8_t wal_stale;   /* the log belongs to an older generation and is ignored */
@@ -128,6 +134,7 @@ struct TrnEngine {
     uint8_t own_known;
     uint64_t own_generation;
     uint64_t own_from;
+    uint32_t own_from_crc; /* CRC-32 of the log before own_from */
     uint64_t own_end;
     uint8_t paths_full; /* the store names files by full paths, as version 1 did: rewrite it */
 };

@@ -206,9 +206,11 @@ TRN_API TrnEngine *trn_open(const TrnConfig *cfg);
 ** The index directory must be the running user's own: a directory that is a symbolic link, belongs
 ** to another user or is writable by other users is refused (TRN_STATUS_DENIED), and no file in it
 ** is reached through a link. Beside the store and the log it holds "tarnwick.lock" (flock: many
-** readers or one writer at a time) and "tarnwick.commit", a 48-byte record that ties the store (by
-** size and CRC-32) to the log. Every write is committed whole: a crash at any point leaves the
-** state before or after the operation. Opening reads only: a handle that changed nothing leaves
+** readers or one writer at a time) and "tarnwick.commit", a record that ties the store and the
+** log's committed groups together (each by size and CRC-32). Every write is committed whole: a
+** crash at any point leaves the state before or after the operation, and a store or committed log
+** that was cut, changed or lost is refused (TRN_STATUS_DAMAGED), never read as a smaller index.
+*Opening reads only: a handle that changed nothing leaves
 ** every file as it was, also at trn_close.
 **
 ** Each operation locks on its own: loading takes the shared lock, each ingested file, removal,
@@ -311,15 +313,13 @@ TRN_API int32_t trn_progress_line(const char *verb, int32_t done, int32_t found,
 ** them). Both 0 before and after a trn_update_dir. Either pointer may be NULL. */
 TRN_API void trn_update_progress(const TrnEngine *e, uint64_t *done, uint64_t *all);
 
-/* The live chunks that have their vector into *done, all live chunks into *all (either may be
-** NULL). Chunks still without one (see trn_update_dir) are left out of semantic search and ranked
-** by their words alone in hybrid search: such searches are partial while *done < *all. Returns 1
-** while trn_update_dir on e is in its meaning phase (from its progress callback), else 0. */
+/* Live chunks with their vector into *done, all into *all (either may be NULL): semantic and
+** hybrid search leave the others out (trn_update_dir), partial while *done < *all. Returns 1 while
+** trn_update_dir on e is in its meaning phase (from its progress callback), else 0. */
 TRN_API int32_t trn_meaning_progress(const TrnEngine *e, uint64_t *done, uint64_t *all);
 
-/* The meaning phase's progress line, as trn_progress_line writes its own: "words: all <files>
-** files · meaning: <p>%" (p rounded down; from "meaning" when files < 1), then ", about <time>
-** left" at the pace of done - done_at_start chunks embedded in seconds. */
+/* As trn_progress_line, for the meaning phase: "words: all <files> files · meaning: <p>%" (p rounded
+** down; no words part when files < 1), ", about <time> left" at done - done_at_start per seconds. */
 TRN_API int32_t trn_meaning_line(int32_t files, uint64_t done, uint64_t all, uint64_t done_at_start,
                                  double seconds, char *out, size_t size);
 

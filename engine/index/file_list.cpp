@@ -15,6 +15,7 @@
 #include <cstring>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 
 #include <sys/stat.h>
 
@@ -26,6 +27,8 @@ constexpr int32_t FIRST_LIST_CAPACITY = 256;
 using ChunkCounts = std::unordered_map<std::string_view, uint32_t, std::hash<std::string_view>,
                                        std::equal_to<std::string_view>,
                                        XAllocator<std::pair<const std::string_view, uint32_t>>>;
+using PathSet = std::unordered_set<std::string_view, std::hash<std::string_view>,
+                                   std::equal_to<std::string_view>, XAllocator<std::string_view>>;
 
 /* The state of one listing's walk. */
 struct DirListing {
@@ -34,6 +37,7 @@ struct DirListing {
     bool full;                 /* _ex: excluded entries too, and the text of unindexed files read */
     uint64_t max_size;         /* of a file whose text is read */
     const ChunkCounts *counts; /* live chunks by path; NULL without an engine */
+    const PathSet *cut;        /* files whose indexed text was cut at the size limit */
     int64_t written_ns;        /* when the index was last written; 0 when never */
 };
 
@@ -88,22 +92,27 @@ WalkAction list_walked(const WalkedFile *f, void *arg)
     const bool bytes_are_text = f->type == TRN_FILE_TYPE_TEXT || f->type == TRN_FILE_TYPE_SOURCE
                                 || f->type == TRN_FILE_TYPE_MARKDOWN
                                 || f->type == TRN_FILE_TYPE_HTML;
+    bool cut = false;
     if (state->full && !info->indexed && f->status == TRN_FILE_STATUS_INDEXABLE) {
         ExtractedText text;
         info->status = extract_file_text(f->path, f->type, state->max_size, &text);
         snprintf(info->encoding, sizeof info->encoding, "%s", text.encoding);
-        if (info->status == TRN_FILE_STATUS_INDEXABLE && text.cut) {
-            char reason[64];
-            snprintf(reason,
-                     sizeof reason,
-                     "text cut at %llu bytes, the size limit",
-                     (unsigned long long)state->max_size);
-            free(info->reason);
-            info->reason = xstrdup(reason);
-        }
+        cut = info->status == TRN_FILE_STATUS_INDEXABLE && text.cut;
         extracted_text_free(&text);
-    } else if (state->full && info->indexed && bytes_are_text) {
-        file_charset(f->path, state->max_size, info->encoding, sizeof info->encoding);
+    } else if (state->full && info->indexed) {
+        cut = state->cut->count(std::string_view(f->path)) > 0;
+        if (bytes_are_text) {
+            file_charset(f->path, state->max_size, info->encoding, sizeof info->encoding);
+        }
+    }
+    if (cut) {
+        char reason[64];
+        snprintf(reason,
+                 sizeof reason,
+                 "text cut at %llu bytes, the size limit",
+                 (unsigned long long)state->max_size);
+        free(info->reason);
+        info->reason = xstrdup(reason);
     }
     list->count++;
     return WALK_CONTINUE;
@@ -116,7 +125,9 @@ TrnFileList *list_files(TrnEngine *e, const char *dir, const TrnWalkOptions *opt
         return list;
     }
     ChunkCounts counts;
-    DirListing state = {list, 0, full, TRN_FILE_SIZE_MAX, nullptr, 0};
+    PathSet cut;
+    Manifest manifest = {};
+    DirListing state = {list, 0, full, TRN_FILE_SIZE_MAX, nullptr, &cut, 0};
     if (opts && opts->max_file_size > 0) {
         state.max_size = opts->max_file_size;
     }
@@ -131,8 +142,17 @@ TrnFileList *list_files(TrnEngine *e, const char *dir, const TrnWalkOptions *opt
         state.counts = &counts;
         int64_t store = mtime_ns(e->store_path), wal = mtime_ns(e->wal_path);
         state.written_ns = store > wal ? store : wal;
+        /* The cut is known only on the run that read the file: the manifest keeps it. */
+        if (full && e->store_path[0] && manifest_read(e, &manifest)) {
+            for (uint32_t i = 0; i < manifest.count; i++) {
+                if (manifest.entries[i].flags & MANIFEST_FLAG_CUT) {
+                    cut.insert(std::string_view(manifest.entries[i].path));
+                }
+            }
+        }
     }
     walk_files(dir, opts, list_walked, &state);
+    manifest_free(&manifest);
     return list;
 }
 

@@ -79,8 +79,8 @@ void count_pending(const TrnEngine *e, uint64_t *live, uint64_t *pending);
 extern int64_t g_update_recent_ns;
 /* The text to index of a walked file (extract_file_text) and its length: an empty text when it
 ** is too short to index, NULL when it cannot be read, or turns out binary, not UTF-8 or too
-** large (*binary set then). */
+** large (*binary set then). *cut is set when the text was cut at max_size. */
 char *update_text(const char *path, TrnFileType type, uint64_t max_size, size_t *length,
-                  bool *binary);
+                  bool *binary, bool *cut);
 
 #endif /* TRN_INDEX_H */

@@ -84,9 +84,10 @@ int64_t now_ns(void)
 int64_t g_update_recent_ns = RECENT_NS;
 
 char *update_text(const char *path, TrnFileType type, uint64_t max_size, size_t *length,
-                  bool *binary)
+                  bool *binary, bool *cut)
 {
     *binary = false;
+    *cut = false;
     *length = 0;
     ExtractedText t;
     TrnFileStatus status = extract_file_text(path, type, max_size, &t);
@@ -94,6 +95,7 @@ char *update_text(const char *path, TrnFileType type, uint64_t max_size, size_t 
     if (status == TRN_FILE_STATUS_INDEXABLE) {
         text = t.text;
         *length = t.length;
+        *cut = t.cut != 0;
         t.text = nullptr;
     } else if (status == TRN_FILE_STATUS_TOO_SHORT) {
         text = xstrdup(""); /* replaced by nothing: the chunks it had go */
@@ -348,11 +350,11 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
             chunks_since_manifest++;
         } else {
             int64_t read_at = now_ns();
-            bool binary = false;
+            bool binary = false, cut = false;
             size_t length = 0;
             e->files_read++;
             char *text = update_text(
-                job.path.c_str(), job.type, opts ? opts->max_file_size : 0, &length, &binary);
+                job.path.c_str(), job.type, opts ? opts->max_file_size : 0, &length, &binary, &cut);
             ManifestEntry entry = entry_for(*w, job.type);
             if (!text && binary) {
                 entry.type = TRN_FILE_TYPE_BINARY;
@@ -372,6 +374,7 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
             } else {
                 entry.text_hash = text_hash(text, length);
                 entry.flags = read_at - w->mtime_ns < g_update_recent_ns ? MANIFEST_FLAG_RECENT : 0;
+                entry.flags |= cut ? MANIFEST_FLAG_CUT : 0;
                 if (oe && oe->text_hash == entry.text_hash && oe->type == job.type
                     && oe->chunks == held) {
                     entry.chunks = held;

@@ -26,7 +26,8 @@
 **     uint32 chunks       live chunks of the file in the index when the entry was written
 **     uint32 flags        1: modified so shortly before it was read that a later write within
 **                         the file system's time granularity could hide: read it again;
-**                         2: read whole and found to be text in no charset (MANIFEST_FLAG_NO_TEXT)
+**                         2: read whole and found to be text in no charset (MANIFEST_FLAG_NO_TEXT);
+**                         4: its text was cut at the size limit (MANIFEST_FLAG_CUT)
 **
 ** and last a uint32 CRC-32 (zlib's) of every byte before it.
 **

@@ -14,6 +14,8 @@ constexpr uint32_t MANIFEST_FLAG_RECENT = 1; /* modified just before it was read
 /* Read whole and found to be text in no charset the reader knows. A text file whose entry says
 ** binary without this flag was judged by a reader that knew only UTF-8, and is read again. */
 constexpr uint32_t MANIFEST_FLAG_NO_TEXT = 2;
+/* Its text was cut at the size limit: the listing says so for as long as the entry stands. */
+constexpr uint32_t MANIFEST_FLAG_CUT = 4;
 
 struct ManifestEntry {
     char *path; /* owned */

@@ -1,7 +1,7 @@
 /*
-** storage.h -- what keeps an index on disk: the store and the log (store.cpp, wal.cpp), the lock,
-** the commit record and staying in step with other processes (commit.cpp), and the index's
-** private files (file_io.cpp).
+** storage.h -- what keeps an index on disk: the store and the log (store.cpp, wal.cpp), the commit
+** record (commit_record.cpp), the locks (locks.cpp), staying in step with other processes
+** (sharing.cpp), rebuilds (rebuild.cpp) and the index's private files (file_io.cpp).
 */
 #ifndef TRN_STORAGE_H
 #define TRN_STORAGE_H
@@ -20,13 +20,14 @@
 #include <sys/stat.h>
 
 constexpr uint32_t TRN_WAL_ID_LIMIT = 4096;
-constexpr size_t TRN_COMMIT_SIZE = 64; /* bytes of the commit record (commit.cpp) */
+constexpr size_t TRN_COMMIT_SIZE = 92;   /* bytes of the commit record (commit_record.cpp) */
+constexpr size_t TRN_COMMIT_LOG_AT = 76; /* where its committed log's fields begin */
 /* The store's version (store.cpp). 3: written with a commit record, which it then requires;
 ** 4: a chunk's deleted byte also says that its vector is pending. */
 constexpr uint32_t TRN_STORE_VERSION = 4;
 /* The first version that requires its commit record. */
 constexpr uint32_t TRN_STORE_VERSION_COMMITTED = 3;
-constexpr size_t TRN_INDEX_ID_SIZE = 16; /* random bytes naming one index (commit.cpp) */
+constexpr size_t TRN_INDEX_ID_SIZE = 16; /* random bytes naming one index (commit_record.cpp) */
 /* A normal handle checkpoints once its log holds this many records of chunks (a text or a
 ** vector each), which bounds the log a reopen replays (g_checkpoint_chunks, a test hook, starts
 ** at this value). */
@@ -88,8 +89,35 @@ using TrnPathList = std::vector<TrnPath, XAllocator<TrnPath>>;
 bool wal_paths(const TrnEngine *e, int fd, uint64_t from, uint64_t end, TrnPathList *paths);
 
 /* ---------------------------------------------------------------------------------------------
-** Durability (commit.cpp): the lock, the commit record and staying in step with other processes
+** Durability: the commit record (commit_record.cpp), the locks (locks.cpp), staying in step with
+** other processes (sharing.cpp) and rebuilds (rebuild.cpp)
 */
+constexpr uint32_t TRN_COMMIT_HAS_PREVIOUS = 1; /* flags of a commit record */
+constexpr uint32_t TRN_COMMIT_PREVIOUS_ABSENT = 2;
+/* A commit record as read from its bytes. */
+struct TrnCommitRecord {
+    uint64_t generation;
+    uint64_t store_size;
+    uint32_t store_crc;
+    uint32_t flags;
+    uint64_t previous_size;
+    uint32_t previous_crc;
+    bool has_id; /* false in a record of version 1 */
+    uint8_t index_id[TRN_INDEX_ID_SIZE];
+    bool has_log;               /* the fields below are known: false before version 3 */
+    uint64_t previous_log_size; /* the log that completes the previous store */
+    uint32_t previous_log_crc;
+    uint64_t log_size; /* the log committed after this generation's store */
+    uint32_t log_crc;
+};
+/* Reads the n bytes of a commit record; false when they are not one of a known version. */
+bool commit_decode(const uint8_t *b, uint32_t n, TrnCommitRecord *c);
+/* How many of n bytes of a commit record name its generation: what changes only with a
+** checkpoint, unlike the committed log's fields after them. */
+size_t commit_head_size(size_t n);
+/* Writes the committed log's length and checksum into the commit record in place, after the log
+** was synced; sets e->log_committed. False, with the status set, on failure. */
+bool commit_log_write(TrnEngine *e, uint64_t log_size, uint32_t log_crc);
 /* How long a write waits for the lock, in milliseconds; TRN_BUSY_TIMEOUT_MS. Test hook. */
 extern int g_busy_timeout_ms;
 /* Logged chunks that make a normal handle checkpoint; TRN_CHECKPOINT_CHUNKS. Test hook. */
@@ -100,6 +128,8 @@ uint32_t crc32_update(uint32_t crc, const void *p, size_t n);
 ** false. io_error is errno for TRN_STATUS_IO_ERROR, else 0. */
 bool fail_status(TrnEngine *e, int32_t status, int io_error);
 void status_clear(TrnEngine *e);
+/* Opens (creating it) an empty lock file of the index directory; -1 when it cannot be had. */
+int lock_file_open(const TrnEngine *e, const char *name);
 /* Takes the lock (LOCK_SH or LOCK_EX), waiting up to timeout_ms. False when it stays busy. */
 bool lock_take(TrnEngine *e, int op, int timeout_ms);
 void lock_release(TrnEngine *e);
@@ -110,6 +140,10 @@ bool disk_view_unchanged(const TrnDiskView *a, const TrnDiskView *b);
 /* Loads the committed state into an empty handle (lock held). False when it is damaged. Without
 ** replay the log is checked but not applied. */
 bool index_load(TrnEngine *e, bool replay = true);
+/* Frees every chunk and the document index; the handle is empty afterwards, as after open. */
+void index_reset(TrnEngine *e);
+/* Forgets which store the handle loaded: the next commit starts a new chain of generations. */
+void forget_store(TrnEngine *e);
 /* Brings the handle up to the committed state (lock held): replays groups other processes
 ** appended, or reloads everything after another process's checkpoint. False when damaged. */
 bool index_refresh_locked(TrnEngine *e);

@@ -43,7 +43,8 @@
 **
 ** A checkpoint writes the same bytes to a temporary file ("tarnwick.bin.XXXXXX", created
 ** exclusively) in the index directory, syncs it, commits it with the commit record and renames it
-** over the store before it empties the log (commit.cpp gives the order and why a crash at any step
+** over the store before it empties the log (commit_record.cpp gives the order and why a crash at
+*any step
 ** leaves the state before or after the checkpoint). Nothing here writes when the handle changed
 ** nothing.
 */
@@ -582,7 +583,10 @@ bool checkpoint_locked(TrnEngine *e)
     e->changed = 0;
     e->paths_full = 0;
     e->wal_legacy = 0;
-    e->wal_stale = 1; /* until it is emptied below */
+    e->wal_stale = 1;   /* until it is emptied below */
+    e->log_tracked = 1; /* the new record's committed log is empty */
+    e->log_committed = 0;
+    e->log_committed_crc = 0;
     if (!synced) {
         return fail_status(e, TRN_STATUS_IO_ERROR, err);
     }
@@ -591,6 +595,7 @@ bool checkpoint_locked(TrnEngine *e)
     }
     e->wal_stale = 0;
     e->wal_end = 0;
+    e->wal_crc = 0;
     e->wal_chunks = 0;
     disk_view_read(e, &e->seen);
     lex_save(e); /* a copy for the next open: without it that open builds the index again */

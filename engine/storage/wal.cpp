@@ -17,7 +17,8 @@
 **     uint32 n, n bytes       dim float32, the unit vector
 **   op 'D' (0x44): every chunk of the file named by id is removed.
 **   op 'G' (0x47), first record of a log of groups: id is the generation of the store it follows,
-**     in decimal, a space and the index's id in 32 lower-case hex digits (commit.cpp); only the
+**     in decimal, a space and the index's id in 32 lower-case hex digits (commit_record.cpp); only
+*the
 **     generation after a commit record of version 1, which names no index.
 **   op 'C' (0x43): ends a group; id is the CRC-32 of the group's bytes (from the end of the
 **     previous 'C' record, or the start of the log) in 8 lower-case hex digits.
@@ -34,12 +35,14 @@
 **
 ** Each ingested file and each removal is one group, written with one write(2) and synced before
 ** the call returns. Replay of a log that begins with 'G' applies whole groups only, so a file
-** whose chunks were not all logged is left out and redone by the next update. A torn or
-** unchecked group at the end is a crash and ends replay quietly; a group that fails its checksum
-** with more bytes after it is damage, as is a log that names another index, or groups without a
-** commit record. A log without 'G' (an older version's) is replayed record by record up to a
+** whose chunks were not all logged is left out and redone by the next update. The commit record
+** says how many bytes of the log were committed and their CRC-32 (commit_record.cpp): a log
+** shorter than that or differing in them is damage. After them, a torn or unchecked group at the
+** end is a crash and ends replay quietly; a group that fails its checksum with more bytes after
+** it is damage, as is a log that names another index, or groups without a commit record. A log
+*without 'G' (an older version's) is replayed record by record up to a
 ** torn tail, as that version did. Replay never writes: a writer cuts a torn
-** tail off before it appends (commit.cpp).
+** tail off before it appends (sharing.cpp).
 */
 #include "internal.h"
 
@@ -293,27 +296,40 @@ bool wal_replay_fd(TrnEngine *e, int fd, uint64_t from, bool apply)
 {
     if (from == 0) {
         e->wal_end = 0;
+        e->wal_crc = 0;
         e->wal_chunks = 0;
         e->wal_legacy = 0;
         e->wal_stale = 0;
     }
     struct stat st;
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || (uint64_t)st.st_size <= from) {
+    bool present = fd >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+    size_t size = present ? (size_t)st.st_size : 0;
+    /* The committed groups must all be there: a log cut or deleted lost them. */
+    if (e->log_committed > size) {
+        return false;
+    }
+    if (size <= from) {
         return true;
     }
-    size_t size = (size_t)st.st_size;
     void *map = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
     if (map == MAP_FAILED) {
-        return true;
+        return e->log_committed <= from;
     }
     const uint8_t *bytes = static_cast<const uint8_t *>(map);
     bool whole = true;
+    if (e->log_committed > from) {
+        uint32_t crc = crc32_update(
+            from == 0 ? 0 : e->wal_crc, bytes + from, (size_t)(e->log_committed - from));
+        whole = crc == e->log_committed_crc;
+    }
 
     ByteReader c = {bytes, size};
     LogRecord first;
     bool parsed = parse_record(&c, &first);
     bool grouped = parsed && first.op == 'G';
-    if (from == 0 && !grouped) {
+    if (!whole) {
+        /* changed or zeroed within its committed groups */
+    } else if (from == 0 && !grouped) {
         /* An older version's log: whole records up to a torn tail. After a commit record, a
         ** log without groups is either such a log that a checkpoint was about to empty or a
         ** first group cut short (shorter than its 'G' record); anything else is damage. */
@@ -384,16 +400,19 @@ bool wal_replay_fd(TrnEngine *e, int fd, uint64_t from, bool apply)
                 pending = 0;
             }
         }
+        whole = whole && end >= e->log_committed;
         if (whole && apply) {
             apply_range(e, bytes, from, end);
         }
         if (whole) {
+            e->wal_crc = crc32_update(from == 0 ? 0 : e->wal_crc, bytes + from, end - from);
             e->wal_end = end;
             e->wal_chunks += chunks;
         }
     }
     munmap(map, size);
-    return whole;
+    /* A log of an older generation or version holds none of the groups the record vouches for. */
+    return whole && (e->log_committed == 0 || (!e->wal_stale && !e->wal_legacy));
 }
 
 void wal_group_begin(const TrnEngine *e, TrnBytes *group)
@@ -474,11 +493,22 @@ bool wal_commit_group(TrnEngine *e, TrnBytes *group)
         return fail_status(e, TRN_STATUS_IO_ERROR, err);
     }
     uint64_t start = e->wal_end;
+    uint32_t start_crc = e->wal_crc;
+    uint32_t crc = crc32_update(start_crc, group->data(), group->size());
+    /* Reported only once the commit record covers it; without that the group never happened. */
+    if (e->log_tracked && !commit_log_write(e, start + group->size(), crc)) {
+        if (ftruncate(fd, (off_t)start) == 0) {
+            fsync(fd);
+        }
+        return false;
+    }
     e->wal_end += group->size();
+    e->wal_crc = crc;
     if (!e->own_known || e->own_generation != e->generation || e->own_end != start) {
         e->own_known = 1; /* another process's group, or a checkpoint, came in between */
         e->own_generation = e->generation;
         e->own_from = start;
+        e->own_from_crc = start_crc;
     }
     e->own_end = e->wal_end;
     /* This handle's own append is no news to it. */

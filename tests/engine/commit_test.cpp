@@ -173,7 +173,7 @@ TEST(SharedIndex, AStoreWithoutACommitRecordIsAcceptedAndConvertedByTheFirstWrit
     e = trn_open(&cfg);
     ASSERT_EQ(trn_ingest_text(e, "/l/new.txt", "added", 800, 200), 1);
     trn_close(e);
-    EXPECT_EQ(file_size(dir.file("tarnwick.commit")), 64);
+    EXPECT_EQ(file_size(dir.file("tarnwick.commit")), (long)TRN_COMMIT_SIZE);
     e = trn_open(&cfg);
     EXPECT_EQ(e->count, 2u);
     trn_close(e);

@@ -1,7 +1,8 @@
 /*
 ** damage_test.cpp -- damage to an index's files is refused, never read as a smaller index: every
-** byte of the commit record, the log's groups, an empty store, a lost commit record and a log
-** copied in from another index.
+** byte, cut and loss of the commit record and of the committed log, an empty store, a lost commit
+** record and a log copied in from another index. Only groups after the committed log (a crash
+** between the log's sync and the commit record's update) are read as the log's checksums allow.
 */
 #include "store_fixtures.h"
 
@@ -20,23 +21,31 @@ protected:
     static void SetUpTestSuite() { encoder_init(&encoder_, 42); }
     static void TearDownTestSuite() { encoder_release(&encoder_); }
 
-    /* The files of an index just after its first checkpoint with two files logged since, as
-    ** bytes: a crash now would leave them so. */
-    static std::map<std::string, std::vector<uint8_t>> fresh_index(const TempDir &dir)
+    using Files = std::map<std::string, std::vector<uint8_t>>;
+    /* The files of an index after its first checkpoint and then after each file logged since,
+    ** as bytes: a crash at any of those points would leave them so. */
+    static std::vector<Files> logged_states(const TempDir &dir)
     {
         TrnConfig cfg = config_for(dir);
         TrnEngine *e = trn_open(&cfg);
-        EXPECT_EQ(trn_ingest_text(e, "/d/one.txt", "the first file of the index", 800, 200), 1);
-        EXPECT_EQ(trn_ingest_text(e, "/d/two.txt", "the second file, logged after it", 800, 200),
-                  1);
-        std::map<std::string, std::vector<uint8_t>> files;
-        for (const char *name : {"tarnwick.bin", "tarnwick.commit", "tarnwick.wal"}) {
-            files[name] = read_file_bytes(dir.file(name));
+        std::vector<Files> states;
+        const char *texts[] = {"the first file of the index",
+                               "the second file, logged after it",
+                               "a third one after those"};
+        for (int i = 0; i < 3; i++) {
+            std::string path = "/d/" + std::to_string(i + 1) + ".txt";
+            EXPECT_EQ(trn_ingest_text(e, path.c_str(), texts[i], 800, 200), 1);
+            Files files;
+            for (const char *name : {"tarnwick.bin", "tarnwick.commit", "tarnwick.wal"}) {
+                files[name] = read_file_bytes(dir.file(name));
+            }
+            states.push_back(files);
         }
         trn_close(e);
-        return files;
+        return states;
     }
-    void put(const std::map<std::string, std::vector<uint8_t>> &files)
+    static Files fresh_index(const TempDir &dir) { return logged_states(dir)[1]; }
+    void put(const Files &files)
     {
         for (const char *name : {"tarnwick.bin", "tarnwick.commit", "tarnwick.wal"}) {
             unlink(dir_.file(name).c_str());
@@ -52,12 +61,22 @@ protected:
         TrnEngine *e = bare_engine(&encoder_);
         bare_engine_on_dir(e, dir_.path());
         std::string paths = index_load(e) ? "" : "refused";
+        memset(&e->encoder, 0, sizeof e->encoder);
         for (uint64_t i = 0; i < e->count; i++) {
             paths += e->chunks[i].deleted ? "" : std::string(e->chunks[i].file_path) + " ";
         }
-        memset(&e->encoder, 0, sizeof e->encoder);
         free_bare_engine(e);
         return paths;
+    }
+    /* How many bytes of the log a load would replay (checked, not applied), or -1: refused. */
+    int64_t replayed()
+    {
+        TrnEngine *e = bare_engine(&encoder_);
+        bare_engine_on_dir(e, dir_.path());
+        int64_t end = index_load(e, false) ? (int64_t)e->wal_end : -1;
+        memset(&e->encoder, 0, sizeof e->encoder);
+        free_bare_engine(e);
+        return end;
     }
 
     static TrnEncoder encoder_;
@@ -72,7 +91,7 @@ TEST_F(Damage, LostRecordEmptyStoreAndForeignLogAreRefused)
 {
     const auto good = fresh_index(dir_);
     put(good);
-    ASSERT_EQ(load(), "/d/one.txt /d/two.txt ");
+    ASSERT_EQ(load(), "/d/1.txt /d/2.txt ");
 
     auto files = good;
     files["tarnwick.bin"].clear();
@@ -95,37 +114,68 @@ TEST_F(Damage, LostRecordEmptyStoreAndForeignLogAreRefused)
     EXPECT_EQ(load(), "refused") << "another index's log";
 }
 
-/* Every byte of the commit record, and of the log up to its last group, flipped in turn: each
-** is refused or changes nothing. (A flip in the last group reads as the torn tail a crash
-** leaves, which is cut.) */
-TEST_F(Damage, EveryByteOfTheCommitRecordAndTheLoggedGroupsIsChecked)
+/* Every byte flipped, every cut, zeroes over all of it, and the file deleted, of the commit record
+** and of a log whose groups are all committed: each is refused. Before the commit record said how
+** long the committed log was, a cut, emptied or deleted log, or a flip in its last group, read as
+** an index without the files logged last. */
+TEST_F(Damage, EveryDamageOfTheCommitRecordOrTheCommittedLogIsRefused)
 {
-    const auto good = fresh_index(dir_);
-    const std::vector<uint8_t> &wal = good.at("tarnwick.wal");
-    /* Where each group ends: after its 'C' record (op, length 8, eight hex digits). */
-    std::vector<size_t> ends;
-    for (size_t i = 0; i + 13 <= wal.size(); i++) {
-        if (wal[i] == 'C' && wal[i + 1] == 8 && wal[i + 2] == 0) {
-            ends.push_back(i + 13);
-        }
-    }
-    ASSERT_EQ(ends.size(), 2u);
-    ASSERT_EQ(ends[1], wal.size());
-    const size_t last_group = ends[0];
-    int refused = 0;
+    const Files good = fresh_index(dir_);
+    int loads = 0;
     for (const char *name : {"tarnwick.commit", "tarnwick.wal"}) {
-        size_t end = strcmp(name, "tarnwick.wal") == 0 ? last_group : good.at(name).size();
-        for (size_t at = 0; at < end; at++) {
-            auto files = good;
-            files[name][at] ^= 0x04;
-            put(files);
-            std::string got = load();
-            EXPECT_TRUE(got == "refused" || got == "/d/one.txt /d/two.txt ")
-                << name << " byte " << at << ": " << got;
-            refused += got == "refused" ? 1 : 0;
+        const std::vector<uint8_t> &bytes = good.at(name);
+        std::vector<Files> damaged;
+        for (size_t at = 0; at < bytes.size(); at++) {
+            damaged.push_back(good);
+            damaged.back()[name][at] ^= 0x04;
+            damaged.push_back(good);
+            damaged.back()[name].resize(at);
+        }
+        damaged.push_back(good);
+        std::fill(damaged.back()[name].begin(), damaged.back()[name].end(), 0);
+        damaged.push_back(good);
+        damaged.back().erase(name);
+        for (size_t i = 0; i < damaged.size(); i++) {
+            put(damaged[i]);
+            ASSERT_EQ(load(), "refused") << name << " damage " << i;
+            loads++;
         }
     }
-    EXPECT_GT(refused, 64);
+    EXPECT_GT(loads, 400);
+}
+
+/* A crash after the log's sync and before the commit record's update leaves a whole group after
+** the committed log: it is kept, and a torn one is cut, at every length, as are flips in it. */
+TEST_F(Damage, GroupsAfterTheCommittedLogAreKeptWholeAndCutWhenTorn)
+{
+    const std::vector<Files> states = logged_states(dir_);
+    Files crashed = states[2];
+    crashed["tarnwick.commit"] = states[1].at("tarnwick.commit");
+    put(crashed);
+    EXPECT_EQ(load(), "/d/1.txt /d/2.txt /d/3.txt ");
+    const int64_t committed = (int64_t)states[1].at("tarnwick.wal").size();
+    const std::vector<uint8_t> &wal = crashed.at("tarnwick.wal");
+    for (size_t at = (size_t)committed; at < wal.size(); at++) {
+        Files torn = crashed;
+        torn["tarnwick.wal"].resize(at);
+        put(torn);
+        ASSERT_EQ(replayed(), committed) << "cut at " << at;
+        torn = crashed;
+        torn["tarnwick.wal"][at] ^= 0x04;
+        put(torn);
+        int64_t got = replayed();
+        ASSERT_TRUE(got == -1 || got == committed) << "flip at " << at << ": " << got;
+    }
+
+    /* A record of version 2 names no committed log and still loads, with what its log holds. */
+    Files older = states[1];
+    std::vector<uint8_t> &record = older["tarnwick.commit"];
+    record.resize(64);
+    record[4] = 2;
+    uint32_t check = crc32_update(0, record.data(), 60);
+    memcpy(record.data() + 60, &check, 4);
+    put(older);
+    EXPECT_EQ(load(), "/d/1.txt /d/2.txt ");
 }
 
 } // namespace

@@ -266,6 +266,43 @@ TEST(UpdateManifest, AnIndexCutByAnOlderRuleIsCutAgainOnce)
     EXPECT_EQ(then.report.changed, 0);
 }
 
+/* The listing said a file's text was cut only on the run that read it, and then forgot. */
+TEST(UpdateManifest, AFileCutAtTheSizeLimitIsSaidSoInEveryLaterListing)
+{
+    g_update_recent_ns = 0;
+    TempDir tmp;
+    std::string src = tmp.file("src");
+    std::string latin1;
+    for (int i = 0; i < 300; i++) {
+        latin1 += i % 10 == 9 ? "caf\xe9\n" : "caf\xe9 "; /* grows by a byte a word as UTF-8 */
+    }
+    write_file_text(src + "/cafe.txt", latin1);
+    write_file_text(src + "/short.txt", long_text("short", 20));
+    TrnWalkOptions opts{};
+    opts.max_file_size = 1600;
+    std::string index = tmp.file("index");
+    for (int run = 0; run < 2; run++) {
+        TrnEngine *e = open_index(index);
+        TrnUpdateReport report{};
+        ASSERT_GE(trn_update_dir(e, src.c_str(), CHUNK, OVERLAP, &opts, nullptr, nullptr, &report),
+                  0);
+        EXPECT_EQ(report.added, run == 0 ? 2 : 0);
+        trn_close(e);
+        e = open_index(index);
+        TrnFileList *list = trn_list_dir_files_ex(e, src.c_str(), &opts);
+        ASSERT_EQ(list->count, 2);
+        for (int32_t i = 0; i < list->count; i++) {
+            const TrnFileInfo &f = list->entries[i];
+            EXPECT_EQ(f.indexed, 1);
+            EXPECT_EQ(std::string(f.reason).find("text cut at 1600 bytes") != std::string::npos,
+                      std::string(f.name) == "cafe.txt")
+                << f.name << ": " << f.reason;
+        }
+        trn_free_file_list(list);
+        trn_close(e);
+    }
+}
+
 TEST(UpdateManifest, AnEntryTheIndexDoesNotBackIsNotTrusted)
 {
     g_update_recent_ns = 0;
