@@ -232,10 +232,10 @@ TEST(CliResume, CtrlCKeepsTheFilesDoneAndUpdateReadsOnlyTheRest)
               parse_json(run_cli({"stats", t.src, "--json"}, t.src).out)["chunkCount"].number);
 }
 
-// A first indexing killed early leaves chunks whose vectors are still to come. Commands that only
-// read or tidy the index (stats, files, compact) keep them so; a search says that its semantic
-// side is partial, and the next update computes the vectors a clean index holds, with the
-// encoder that built the index.
+// A first indexing killed before its first vector leaves chunks whose vectors are still to come.
+// Commands that only read or tidy the index (stats, files, compact) keep them so; a search says
+// that its semantic side is partial, and the next update computes the vectors a clean index holds,
+// with the encoder that built the index.
 TEST(CliResume, AKilledIndexingIsSearchedByWordsUntilUpdateComputesACleanIndexsVectors)
 {
     Tree t;
@@ -243,14 +243,30 @@ TEST(CliResume, AKilledIndexingIsSearchedByWordsUntilUpdateComputesACleanIndexsV
     // The application's encoder, the built-in one: an untrained encoder would give other vectors.
     const std::vector<std::string> index = {
         "index", t.src, "--chunk-size", "64", "--overlap", "16"};
+    // Killed at the log's first write of vectors (the only writes of more than 2 kB): the words
+    // of every file are committed, no vector is.
+    const std::string trace = t.tmp / "trace.txt";
+    writes_of(index, "write", t.index_dir, trace);
+    fs::remove_all(t.index_dir);
+    int first_vectors = 0, n = 0;
+    for (const std::string &line : lines_of(read_file(trace))) {
+        n++;
+        const size_t eq = line.rfind(" = ");
+        if (!first_vectors && line.find("tarnwick.wal") != std::string::npos
+            && eq != std::string::npos && std::stol(line.substr(eq + 3)) > 2048) {
+            first_vectors = n;
+        }
+    }
+    ASSERT_GT(first_vectors, 0) << read_file(trace);
     std::vector<std::string> killed = {"strace",
                                        "-qq",
                                        "-o",
                                        "/dev/null",
                                        "-e",
-                                       "trace=rename",
+                                       "trace=write",
                                        "-e",
-                                       "inject=rename:signal=SIGKILL:when=1",
+                                       "inject=write:signal=SIGKILL:when="
+                                           + std::to_string(first_vectors),
                                        CLI};
     killed.insert(killed.end(), index.begin(), index.end());
     ASSERT_TRUE(run_argv(killed));
