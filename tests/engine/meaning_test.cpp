@@ -77,9 +77,9 @@ std::map<std::string, std::string> clean_index_of(const TempDir &src)
 {
     TempDir index;
     TrnEngine *e = open_dir(index);
-    EXPECT_GT(trn_update_dir(e, src.path().c_str(), CHUNK, OVERLAP, nullptr, nullptr, nullptr,
-                             nullptr),
-              FILES);
+    EXPECT_GT(
+        trn_update_dir(e, src.path().c_str(), CHUNK, OVERLAP, nullptr, nullptr, nullptr, nullptr),
+        FILES);
     std::map<std::string, std::string> v = vectors_of(e);
     trn_close(e);
     return v;
@@ -145,9 +145,8 @@ TEST_F(Meaning, KeywordSearchFindsEveryFileBeforeAnyVectorAndAfterAReopen)
     TempDir index;
     TrnEngine *e = open_dir(index);
     TrnUpdateReport r;
-    ASSERT_GE(trn_update_dir(e, src_.path().c_str(), CHUNK, OVERLAP, nullptr, stop_at_meaning, e,
-                             &r),
-              0);
+    ASSERT_GE(
+        trn_update_dir(e, src_.path().c_str(), CHUNK, OVERLAP, nullptr, stop_at_meaning, e, &r), 0);
     EXPECT_EQ(r.cancelled, 1);
     uint64_t done = 1, all = 0;
     EXPECT_EQ(trn_meaning_progress(e, &done, &all), 0);
@@ -166,9 +165,9 @@ TEST_F(Meaning, KeywordSearchFindsEveryFileBeforeAnyVectorAndAfterAReopen)
     trn_close(e);
 
     TrnEngine *u = open_dir(index);
-    ASSERT_GE(trn_update_dir(u, src_.path().c_str(), CHUNK, OVERLAP, nullptr, nullptr, nullptr,
-                             nullptr),
-              0);
+    ASSERT_GE(
+        trn_update_dir(u, src_.path().c_str(), CHUNK, OVERLAP, nullptr, nullptr, nullptr, nullptr),
+        0);
     EXPECT_EQ(u->files_read, 0u);
     EXPECT_TRUE(vectors_of(u) == clean_);
     EXPECT_EQ(first_file_of(u, marker(3), TRN_SEARCH_KEYWORD), src_.file("f3.txt"));
@@ -182,8 +181,7 @@ TEST_F(Meaning, AKillDuringTheMeaningPhaseIsFinishedByTheNextUpdateWithoutReadin
     pid_t child = fork();
     if (child == 0) {
         TrnEngine *e = open_dir(index);
-        trn_update_dir(e, src_.path().c_str(), CHUNK, OVERLAP, nullptr, die_in_meaning, e,
-                       nullptr);
+        trn_update_dir(e, src_.path().c_str(), CHUNK, OVERLAP, nullptr, die_in_meaning, e, nullptr);
         _exit(3); /* the meaning phase never committed a group */
     }
     int status = 0;
@@ -201,9 +199,9 @@ TEST_F(Meaning, AKillDuringTheMeaningPhaseIsFinishedByTheNextUpdateWithoutReadin
     for (const auto &[id, bits] : partial) {
         EXPECT_TRUE(bits.empty() || bits == clean_.at(id)) << id;
     }
-    ASSERT_GE(trn_update_dir(e, src_.path().c_str(), CHUNK, OVERLAP, nullptr, nullptr, nullptr,
-                             nullptr),
-              0);
+    ASSERT_GE(
+        trn_update_dir(e, src_.path().c_str(), CHUNK, OVERLAP, nullptr, nullptr, nullptr, nullptr),
+        0);
     EXPECT_EQ(e->files_read, 0u);
     EXPECT_TRUE(vectors_of(e) == clean_);
     trn_close(e);
