@@ -257,6 +257,16 @@ void cmd_search(const Options &o, const ModelRuntime &model)
             w.string(roots[static_cast<size_t>(origins[static_cast<size_t>(i)])]);
             w.key("moreInFile");
             w.integer(r.more_in_file);
+            w.key("page");
+            w.integer(r.page);
+            w.key("pageLine");
+            w.integer(r.page_line);
+            w.key("headingPath");
+            if (r.heading_path != nullptr) {
+                w.string(r.heading_path);
+            } else {
+                w.null();
+            }
             w.key("semanticPartial");
             w.boolean(partial);
             w.key("marks");
@@ -276,7 +286,16 @@ void cmd_search(const Options &o, const ModelRuntime &model)
         for (int32_t i = 0; i < n; i++) {
             const TrnResult &r = results[static_cast<size_t>(i)];
             char head[96];
-            std::snprintf(head, sizeof head, ":%d  score %.4f", r.line_number, r.score);
+            if (r.page > 0) {
+                std::snprintf(head,
+                              sizeof head,
+                              "  p. %d, line %d  score %.4f",
+                              r.page,
+                              r.page_line,
+                              r.score);
+            } else {
+                std::snprintf(head, sizeof head, ":%d  score %.4f", r.line_number, r.score);
+            }
             out += display_text(r.file_path != nullptr ? r.file_path : "(no file)", false);
             out += head;
             if (r.more_in_file > 0) {
@@ -288,6 +307,9 @@ void cmd_search(const Options &o, const ModelRuntime &model)
                 out += "  in " + display_text(root.substr(root.rfind('/') + 1), false);
             }
             out += "\n";
+            if (r.heading_path != nullptr) {
+                out += "    [" + display_text(r.heading_path, false) + "]\n";
+            }
             // The snippet indented under its path; blank lines dropped so a hit stays one group.
             std::string snippet = marked_snippet(r, bold);
             size_t pos = 0;

@@ -34,7 +34,10 @@ const char TOOLS_JSON[] = R"json([
   "properties": {
    "results": {"type": "array", "items": {"type": "object",
     "properties": {"folder": {"type": "string"}, "path": {"type": "string"}, "line": {"type": "integer"},
-     "snippet": {"type": "string"}, "score": {"type": "number"}, "fileType": {"type": "string"}},
+     "snippet": {"type": "string"}, "score": {"type": "number"}, "fileType": {"type": "string"},
+     "page": {"type": "integer", "description": "PDF: the page of the match."},
+     "pageLine": {"type": "integer", "description": "PDF: the line of the match on its page."},
+     "headingPath": {"type": "string", "description": "DOCX, ODT, EPUB: the headings above the match, outermost first."}},
     "required": ["folder", "path", "line", "snippet", "score", "fileType"]}},
    "notSearched": {"type": "array", "items": {"type": "object",
     "properties": {"folder": {"type": "string"}, "reason": {"type": "string"}},
@@ -84,6 +87,9 @@ struct Hit {
     std::string snippet;
     float score;
     uint32_t type;
+    int32_t page; // PDF: the page and the line on it; 0 otherwise
+    int32_t page_line;
+    std::string heading; // DOCX, ODT, EPUB: the headings above the match; "" when none
 };
 
 bool under(const std::string &path, const std::string &root)
@@ -349,23 +355,39 @@ JsonValue McpTools::search(const JsonValue &args, std::string *text)
                         r.line_number,
                         r.snippet != nullptr ? r.snippet : "",
                         r.score,
-                        r.file_type});
+                        r.file_type,
+                        r.page,
+                        r.page_line,
+                        r.heading_path != nullptr ? r.heading_path : ""});
     }
 
     JsonValue list = JsonValue::array();
     *text = hits.empty() ? "No results.\n" : "";
     int number = 1;
     for (const Hit &h : hits) {
-        list.push(JsonValue::object()
-                      .set("folder", JsonValue::of_string(m_folders[h.folder].root))
-                      .set("path", JsonValue::of_string(h.path))
-                      .set("line", JsonValue::of_number(h.line))
-                      .set("snippet", JsonValue::of_string(h.snippet))
-                      .set("score", JsonValue::of_number(h.score))
-                      .set("fileType", JsonValue::of_string(type_word(h.type))));
-        char head[64];
+        JsonValue item = JsonValue::object()
+                             .set("folder", JsonValue::of_string(m_folders[h.folder].root))
+                             .set("path", JsonValue::of_string(h.path))
+                             .set("line", JsonValue::of_number(h.line))
+                             .set("snippet", JsonValue::of_string(h.snippet))
+                             .set("score", JsonValue::of_number(h.score))
+                             .set("fileType", JsonValue::of_string(type_word(h.type)));
+        char head[96];
         std::snprintf(head, sizeof head, ":%d (score %.4f)\n", h.line, h.score);
+        if (h.page > 0) {
+            item.set("page", JsonValue::of_number(h.page))
+                .set("pageLine", JsonValue::of_number(h.page_line));
+            std::snprintf(
+                head, sizeof head, " p. %d, line %d (score %.4f)\n", h.page, h.page_line, h.score);
+        }
+        if (!h.heading.empty()) {
+            item.set("headingPath", JsonValue::of_string(h.heading));
+        }
+        list.push(std::move(item));
         *text += std::to_string(number++) + ". " + h.path + head;
+        if (!h.heading.empty()) {
+            *text += "[" + h.heading + "]\n";
+        }
         *text += h.snippet + "\n\n";
     }
     for (const JsonValue &skipped : not_searched.items) {

@@ -257,6 +257,13 @@ std::string vimgrep_lines(const TrnResult *results, int32_t n, const std::string
         if (at.line == 0) {
             at = {start, 1, first_line(r.snippet)};
         }
+        // An editor cannot open a PDF at its page or a document under its heading: the text says.
+        if (r.page > 0) {
+            at.text = "p. " + std::to_string(r.page) + ", line " + std::to_string(r.page_line)
+                      + ": " + at.text;
+        } else if (r.heading_path != nullptr) {
+            at.text = std::string(r.heading_path) + ": " + at.text;
+        }
         std::string shown = path;
         if (shown.size() > prefix.size() && shown.compare(0, prefix.size(), prefix) == 0) {
             shown = shown.substr(prefix.size());

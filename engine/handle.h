@@ -86,6 +86,7 @@ struct TrnEngine {
     /* query buffers: result i of a search always uses snippet i and marks i */
     char snippets[TRN_MAX_RESULTS][TRN_SNIPPET_MAX + 1];
     uint16_t marks[TRN_MAX_RESULTS][2 * TRN_RESULT_MARKS_MAX];
+    char heading_paths[TRN_MAX_RESULTS][TRN_HEADING_PATH_MAX + 1];
 
     /* graph search scratch, kept between calls so a search clears nothing (hnsw.cpp) */
     TrnVisited visited;

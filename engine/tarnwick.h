@@ -97,10 +97,12 @@ typedef struct TrnEngine TrnEngine; /* opaque */
 
 /* The most marks a result's snippet carries. */
 enum { TRN_RESULT_MARKS_MAX = 16 };
+/* The most bytes of a result's heading_path, without its NUL. */
+enum { TRN_HEADING_PATH_MAX = 255 };
 
 /* One search hit. doc_id and file_path point into the engine and stay valid until the chunk is
-** compacted away or the handle is closed; snippet points into the engine's snippet buffers and is
-** overwritten by the next trn_search on the same handle. */
+** compacted away or the handle is closed; snippet and heading_path point into the engine's
+** buffers and are overwritten by the next trn_search on the same handle. */
 typedef struct TrnResult {
     const char *doc_id;    /* "<path>:<chunk ordinal>", at most 255 bytes */
     const char *file_path; /* may be NULL */
@@ -114,6 +116,15 @@ typedef struct TrnResult {
     ** words, or its match in text and regex searches. Points into the engine like snippet. */
     const uint16_t *marks;
     int32_t mark_count; /* 0 to TRN_RESULT_MARKS_MAX */
+    /* PDF: the 1-based page of the match and its 1-based line on that page; both 0 for other
+    ** types and for a PDF indexed before pages were marked in its text (update reads it again). */
+    int32_t page;
+    int32_t page_line;
+    /* DOCX, ODT and EPUB: the headings the match stands under, outermost first, joined by
+    ** " \u203a " ("Chapter 2 > Setup > Network" with that arrow), at most TRN_HEADING_PATH_MAX
+    ** bytes; NULL for other types and text under no heading. Points into the engine as snippet
+    ** does. */
+    const char *heading_path;
 } TrnResult;
 
 typedef struct TrnStats {
@@ -586,7 +597,11 @@ enum {
 ** word but stop words) the first query word of the chunk's sentence that holds the most distinct
 ** query words, else the chunk's first word. In an HTML file it is the line of the file's source
 ** on which that text stands (the file is read again for it; the line of its text when that
-** fails). Stop words are common English words ("the", "in", "how"), unless the query has
+** fails). In a PDF it is also given as a page and a line on that page (page, page_line), from
+** the form feed lines that begin each page of its text. Under a DOCX, ODT or EPUB heading,
+** heading_path names the headings above the match's line (DOCX paragraphs styled Heading 1-9 or
+** given an outline level, ODT headings, EPUB h1-h6), from the file read again; NULL when it
+** cannot be read. Stop words are common English words ("the", "in", "how"), unless the query has
 ** nothing else.
 **
 ** Snippets hold at most 300 bytes of the chunk around that match: they start at the first line
@@ -608,9 +623,11 @@ enum {
     /* One result per file: the file's best chunk by the mode's ranking, with more_in_file
     ** counting the file's other chunks among those the search ranked: for text, regex and
     ** keyword searches the first 1024 matching chunks, for hybrid the first 200 of its fused
-    ** ranking, for semantic ones the graph's nearest min(4 k, 256) (at least ef_search). A chunk
-    ** without a path is a file of its own. Near-duplicate chunks of one file (windows overlap)
-    ** thus never take two results. Text and regex scores go by result: 1, 1 - 1/k, ... */
+    ** ranking; for semantic ones the file's chunks at least as near to the query as the last of
+    ** the graph's nearest min(4 k, 256) (at least ef_search), by exact nearness, so they are the
+    ** ones trn_search_file opens. A chunk without a path is a file of its own. Near-duplicate
+    ** chunks of one file (windows overlap) thus never take two results. Text and regex scores go
+    ** by result: 1, 1 - 1/k, ... */
     TRN_SEARCH_BY_FILE = 1
 };
 

@@ -6,6 +6,7 @@
 #include "clipboard.h"
 #include "directory_state.h"
 #include "settings.h"
+#include "tab_records.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -252,9 +253,30 @@ void AppState::saveState()
     for (const DirectoryTab &tab : m_tabs) {
         paths.append(tab.path);
     }
+    paths.append(m_missingTabPaths); // kept until located or forgotten
     m_settings->setSavedTabPaths(paths);
     const std::optional<DirectoryTab> active = activeTab();
     m_settings->setActiveTabPath(active ? std::optional<QString>(active->path) : std::nullopt);
+}
+
+void AppState::locateMissingTab(const QString &missingPath, const QString &newPath)
+{
+    if (!m_missingTabPaths.contains(missingPath) || !QFileInfo(newPath).isDir()) {
+        return;
+    }
+    m_missingTabPaths.removeAll(missingPath);
+    emit missingTabPathsChanged();
+    TabRecords::adoptRecords(m_settings, missingPath, newPath);
+    addTab(newPath);
+    saveState(); // also when newPath was open already
+}
+
+void AppState::forgetMissingTab(const QString &missingPath)
+{
+    if (m_missingTabPaths.removeAll(missingPath) > 0) {
+        emit missingTabPathsChanged();
+        saveState();
+    }
 }
 
 void AppState::restoreState()
@@ -267,9 +289,17 @@ void AppState::restoreState()
     const std::optional<QString> activePath = m_settings->activeTabPath();
     QUuid active;
     bool added = false;
-    for (const QString &path : paths) {
+    QStringList missing;
+    for (const QString &saved : paths) {
+        QString path = saved;
         if (!QFileInfo::exists(path)) {
-            continue; // the directory is gone; it drops out of the next save
+            path = TabRecords::movedTo(saved); // its records follow through the place record
+            if (path.isEmpty()) {
+                if (!missing.contains(saved)) {
+                    missing.append(saved);
+                }
+                continue;
+            }
         }
         const bool alreadyOpen =
             std::any_of(m_tabs.cbegin(), m_tabs.cend(), [path](const DirectoryTab &open) {
@@ -282,12 +312,16 @@ void AppState::restoreState()
         m_tabs.append(tab);
         createState(tab);
         added = true;
-        if (active.isNull() && activePath && *activePath == path) {
+        if (active.isNull() && activePath && *activePath == saved) {
             active = tab.id;
         }
     }
     if (added) {
         emit tabsChanged();
+    }
+    if (missing != m_missingTabPaths) {
+        m_missingTabPaths = missing;
+        emit missingTabPathsChanged();
     }
     if (active.isNull() && !m_tabs.isEmpty()) {
         active = m_tabs.first().id;

@@ -4,8 +4,10 @@
 **
 ** The open tabs are saved as "savedTabPaths" (tab order) and "activeTabPath" after a tab is
 ** added, selected or closed, and restored on the first turn of the event loop after
-** construction. Restored tabs open their existing index and are not re-indexed; paths that no
-** longer exist are dropped silently.
+** construction. Restored tabs open their existing index and are not re-indexed. A saved directory
+** that is gone is looked for beside its old place (a rename or a move within its parent, found
+** by its index's place record) and opened there; one not found stays in missingTabPaths, and in
+** the saved list, until the person locates it elsewhere or forgets it.
 */
 #ifndef TRN_APP_APP_STATE_H
 #define TRN_APP_APP_STATE_H
@@ -40,6 +42,8 @@ class AppState : public QObject
     // The scope "All tabs": a search runs over every open tab's index, in one ranking.
     Q_PROPERTY(
         bool searchAllTabs READ searchAllTabs WRITE setSearchAllTabs NOTIFY searchAllTabsChanged)
+    // Saved tabs whose directory was not found at restore, in saved order.
+    Q_PROPERTY(QStringList missingTabPaths READ missingTabPaths NOTIFY missingTabPathsChanged)
 
 public:
     // settings (never NULL) and encoders (NULL: the untrained encoder for every tab) are handed
@@ -57,6 +61,12 @@ public:
     void setSearchMode(SearchMode mode);
     Settings *settings() const { return m_settings; }
     bool searchAllTabs() const { return m_searchAllTabs; }
+    QStringList missingTabPaths() const { return m_missingTabPaths; }
+    // The missing tab's directory is now at newPath: opens it there with the history, pins and
+    // encoder choice kept at missingPath, and saves.
+    void locateMissingTab(const QString &missingPath, const QString &newPath);
+    // Drops a missing tab from the saved list.
+    void forgetMissingTab(const QString &missingPath);
     // A change re-runs a non-empty query in the new scope.
     void setSearchAllTabs(bool value);
 
@@ -102,6 +112,7 @@ signals:
     void queryChanged();
     void searchModeChanged();
     void searchAllTabsChanged();
+    void missingTabPathsChanged();
     // copyPrompt put a prompt on the clipboard; message says how many results it holds ("Copied
     // a prompt with 5 results", or that there were none to include).
     void promptCopied(const QString &message);
@@ -124,6 +135,7 @@ private:
     QString m_query;
     SearchMode m_searchMode = SearchMode::Hybrid;
     bool m_searchAllTabs = false;
+    QStringList m_missingTabPaths;
     QHash<QUuid, DirectoryState *> m_tabStates; // children of this object
 };
 

@@ -40,6 +40,9 @@ SearchResult toResult(const TrnResult &r)
     result.lineNumber = r.line_number;
     result.fileType = static_cast<int>(r.file_type);
     result.moreInFile = r.more_in_file;
+    result.page = r.page;
+    result.pageLine = r.page_line;
+    result.headingPath = r.heading_path ? QString::fromUtf8(r.heading_path) : QString();
     return result;
 }
 

@@ -90,6 +90,12 @@ QVariant ResultsModel::data(const QModelIndex &index, int role) const
         return row.passage;
     case FolderRole:
         return r.folder;
+    case PageRole:
+        return r.page;
+    case PageLineRole:
+        return r.pageLine;
+    case HeadingPathRole:
+        return r.headingPath;
     default:
         return QVariant();
     }
@@ -111,5 +117,8 @@ QHash<int, QByteArray> ResultsModel::roleNames() const
     names.insert(IsExpandedRole, "isExpanded");
     names.insert(IsPassageRole, "isPassage");
     names.insert(FolderRole, "folder");
+    names.insert(PageRole, "page");
+    names.insert(PageLineRole, "pageLine");
+    names.insert(HeadingPathRole, "headingPath");
     return names;
 }

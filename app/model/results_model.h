@@ -33,7 +33,10 @@ public:
         MoreInFileRole, // int: further passages of the file (its row of a search by file)
         IsExpandedRole, // bool: the file's passages are shown under this row
         IsPassageRole,  // bool: a passage shown under its file's row
-        FolderRole      // the indexed directory the result comes from
+        FolderRole,     // the indexed directory the result comes from
+        PageRole,       // int: a PDF hit's page, 0 when unknown
+        PageLineRole,   // int: its line on that page
+        HeadingPathRole // a document hit's headings, "" when none
     };
 
     explicit ResultsModel(DirectoryState *state, QObject *parent = nullptr);

@@ -45,6 +45,11 @@ struct SearchResult {
     int moreInFile = 0;
     // The indexed directory the result comes from.
     QString folder;
+    // PDF: the page of the match and its line there; 0 when the engine could not tell.
+    int page = 0;
+    int pageLine = 0;
+    // DOCX, ODT, EPUB: the headings above the match, outermost first ("A \u203a B"); may be empty.
+    QString headingPath;
 
     bool operator==(const SearchResult &other) const = default;
 };

@@ -3,6 +3,7 @@
 #include "json_coding.h"
 #include "settings.h"
 
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QSaveFile>
@@ -44,40 +45,59 @@ TabRecords::TabRecords(const QString &directoryPath, Settings *settings)
     rememberPlace();
 }
 
+QString TabRecords::movedTo(const QString &earlierPath)
+{
+    const QFileInfo earlier(earlierPath);
+    const QDir parent = earlier.dir();
+    for (const QString &name : parent.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        const QString candidate = parent.filePath(name);
+        QFile file(placePath(candidate));
+        if (candidate != earlierPath && file.open(QIODevice::ReadOnly)
+            && file.read(4096) == earlierPath.toUtf8()) {
+            return candidate;
+        }
+    }
+    return QString();
+}
+
 void TabRecords::adoptEarlierPlace()
 {
     QFile file(placePath(m_directoryPath));
-    if (!file.open(QIODevice::ReadOnly)) {
+    if (file.open(QIODevice::ReadOnly)) {
+        adoptRecords(m_settings, QString::fromUtf8(file.readAll()), m_directoryPath);
+    }
+}
+
+void TabRecords::adoptRecords(Settings *settings, const QString &earlier,
+                              const QString &directoryPath)
+{
+    if (earlier.isEmpty() || earlier == directoryPath
+        || !settings->searchHistoryData(directoryPath).isEmpty()
+        || !settings->pinnedResultsData(directoryPath).isEmpty()
+        || settings->encoderOverride(directoryPath)) {
         return;
     }
-    const QString earlier = QString::fromUtf8(file.readAll());
-    if (earlier.isEmpty() || earlier == m_directoryPath
-        || !m_settings->searchHistoryData(m_directoryPath).isEmpty()
-        || !m_settings->pinnedResultsData(m_directoryPath).isEmpty()
-        || m_settings->encoderOverride(m_directoryPath)) {
-        return;
-    }
-    m_settings->setSearchHistoryData(m_directoryPath, m_settings->searchHistoryData(earlier));
+    settings->setSearchHistoryData(directoryPath, settings->searchHistoryData(earlier));
     std::optional<QList<PinnedResult>> pins =
-        PinnedResult::decodeList(m_settings->pinnedResultsData(earlier));
+        PinnedResult::decodeList(settings->pinnedResultsData(earlier));
     if (pins) {
         for (PinnedResult &pin : *pins) {
-            pin.id = rebased(pin.id, earlier, m_directoryPath);
-            pin.filePath = rebased(pin.filePath, earlier, m_directoryPath);
-            pin.folder = rebased(pin.folder, earlier, m_directoryPath);
+            pin.id = rebased(pin.id, earlier, directoryPath);
+            pin.filePath = rebased(pin.filePath, earlier, directoryPath);
+            pin.folder = rebased(pin.folder, earlier, directoryPath);
         }
-        m_settings->setPinnedResultsData(m_directoryPath, PinnedResult::encodeList(*pins));
+        settings->setPinnedResultsData(directoryPath, PinnedResult::encodeList(*pins));
     }
-    m_settings->setEncoderOverride(m_directoryPath, m_settings->encoderOverride(earlier));
-    if (m_settings->isIndexingUnfinished(earlier)) {
-        m_settings->setIndexingUnfinished(m_directoryPath, true);
+    settings->setEncoderOverride(directoryPath, settings->encoderOverride(earlier));
+    if (settings->isIndexingUnfinished(earlier)) {
+        settings->setIndexingUnfinished(directoryPath, true);
     }
     // A copy leaves the original with its index and records; a move leaves nothing there.
     if (!QFileInfo::exists(placePath(earlier))) {
-        m_settings->setSearchHistoryData(earlier, QByteArray());
-        m_settings->setPinnedResultsData(earlier, QByteArray());
-        m_settings->setEncoderOverride(earlier, std::nullopt);
-        m_settings->setIndexingUnfinished(earlier, false);
+        settings->setSearchHistoryData(earlier, QByteArray());
+        settings->setPinnedResultsData(earlier, QByteArray());
+        settings->setEncoderOverride(earlier, std::nullopt);
+        settings->setIndexingUnfinished(earlier, false);
     }
 }
 

@@ -34,6 +34,13 @@ public:
 
     // "<directoryPath>/.tarnwick/place".
     static QString placePath(const QString &directoryPath);
+    // The directory beside earlierPath (in its parent) whose index was last kept at earlierPath,
+    // the place a moved or renamed directory went; empty when there is none.
+    static QString movedTo(const QString &earlierPath);
+    // Gives directoryPath the records kept at earlierPath (pins pointed at the new paths), unless
+    // it has records of its own; earlierPath's are removed when nothing is left of its index.
+    static void adoptRecords(Settings *settings, const QString &earlierPath,
+                             const QString &directoryPath);
 
     const QList<SearchHistoryEntry> &history() const { return m_history; }
     const QList<PinnedResult> &pins() const { return m_pins; }

@@ -9,6 +9,7 @@
 #include "file_scope_window.h"
 #include "help_window.h"
 #include "icons.h"
+#include "missing_folder_bar.h"
 #include "preview_pane.h"
 #include "result_opener.h"
 #include "results_model.h"
@@ -81,6 +82,8 @@ MainWindow::MainWindow(AppState *app, TrainingManager *training, QWidget *parent
     layout->addWidget(m_tabs);
     m_search = new SearchBar(app, central);
     layout->addWidget(m_search);
+    m_missing = new MissingFolderBar(app, central);
+    layout->addWidget(m_missing);
     layout->addWidget(separatorLine(central));
     m_pages = new QStackedWidget(central);
     m_pages->addWidget(buildEmptyState());

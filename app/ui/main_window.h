@@ -37,6 +37,7 @@ class QPushButton;
 class QSplitter;
 class QStackedWidget;
 class ResultsView;
+class MissingFolderBar;
 class SearchBar;
 class StatusBarView;
 class TabStrip;
@@ -63,6 +64,7 @@ public:
     StatusBarView *statusBarView() const { return m_status; }
     QPushButton *loadMoreButton() const { return m_loadMore; }
     PreviewPane *previewPane() const { return m_preview; }
+    MissingFolderBar *missingFolderBar() const { return m_missing; }
     QSplitter *resultsSplitter() const { return m_split; }
     // True while the invitation to open a directory is shown.
     bool isShowingEmptyState() const;
@@ -124,6 +126,7 @@ private:
     Confirmer m_confirmer;
     TabStrip *m_tabs;
     SearchBar *m_search;
+    MissingFolderBar *m_missing;
     QStackedWidget *m_pages;
     ResultsView *m_results;
     QLabel *m_summary;

@@ -286,8 +286,11 @@ void PreviewPane::showResult(const SearchResult &result, const QString &query, S
     bool shown = false;
     switch (fileCategory(result)) {
     case FileCategory::Pdf: {
-        const std::optional<int> page = pdfPageForLine(result.filePath, result.lineNumber);
-        shown = showPdf(page.value_or(1) - 1, &problem);
+        // The engine's page; an index made before it marked pages leaves it to the file.
+        const int page = result.page > 0
+                             ? result.page
+                             : pdfPageForLine(result.filePath, result.lineNumber).value_or(1);
+        shown = showPdf(page - 1, &problem);
         break;
     }
     case FileCategory::Html:
@@ -506,8 +509,10 @@ bool PreviewPane::showFormatted(QString *problem)
     m_hitBlock = nearBlockWithSnippet(blockForLine(doc, m_result.lineNumber));
     m_headings = headingPath(m_hitBlock);
     markDocument();
-    setHeader(m_headings.isEmpty() ? tr("line %1").arg(qMax(1, m_result.lineNumber))
-                                   : m_headings.join(QStringLiteral(" \u203a ")));
+    // The result's own headings, as the list shows them, else those the formatted text gives.
+    setHeader(!m_result.headingPath.isEmpty() ? m_result.headingPath
+              : m_headings.isEmpty()          ? tr("line %1").arg(qMax(1, m_result.lineNumber))
+                                              : m_headings.join(QStringLiteral(" \u203a ")));
     m_stack->setCurrentWidget(m_document);
     scrollToHit(m_document);
     return true;
@@ -568,7 +573,12 @@ bool PreviewPane::showPdf(int page, QString *problem)
     }
     m_stack->setCurrentWidget(m_pdf);
     m_pdf->showPage(shown, matches, passage);
-    setHeader(tr("page %1 of %2").arg(shown + 1).arg(m_pdf->pageCount()));
+    const bool hitPage = m_result.page == shown + 1 && m_result.pageLine > 0;
+    setHeader(hitPage ? tr("page %1 of %2, line %3")
+                            .arg(shown + 1)
+                            .arg(m_pdf->pageCount())
+                            .arg(m_result.pageLine)
+                      : tr("page %1 of %2").arg(shown + 1).arg(m_pdf->pageCount()));
     m_previousPage->setVisible(true);
     m_nextPage->setVisible(true);
     m_previousPage->setEnabled(shown > 0);

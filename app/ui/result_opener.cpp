@@ -303,7 +303,9 @@ OpenOutcome openResult(const SearchResult &result, const Settings &settings)
         type == TRN_FILE_TYPE_TEXT || type == TRN_FILE_TYPE_SOURCE || type == TRN_FILE_TYPE_MARKDOWN
         || (type == TRN_FILE_TYPE_UNKNOWN && result.fileType == TRN_FILE_TYPE_TEXT);
     if (request.isPdf) {
-        request.pdfPage = pdfPageForLine(result.filePath, result.lineNumber).value_or(1);
+        request.pdfPage = result.page > 0
+                              ? result.page
+                              : pdfPageForLine(result.filePath, result.lineNumber).value_or(1);
     }
     request.editorChoice = settings.openTextFilesWith();
     request.customCommand = settings.editorCommand();

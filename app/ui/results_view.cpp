@@ -94,6 +94,17 @@ QString ResultDelegate::moreText(int more, bool expanded)
                     : tr("%n more in this file \u25be", "", more);
 }
 
+QString ResultDelegate::locationText(const QModelIndex &index)
+{
+    const int page = index.data(ResultsModel::PageRole).toInt();
+    if (page > 0) {
+        return tr("p. %1, line %2").arg(page).arg(index.data(ResultsModel::PageLineRole).toInt());
+    }
+    const QString headings = index.data(ResultsModel::HeadingPathRole).toString();
+    return headings.isEmpty() ? tr("line %1").arg(index.data(ResultsModel::LineNumberRole).toInt())
+                              : headings;
+}
+
 QRect ResultDelegate::moreRect(const QStyleOptionViewItem &option, const QModelIndex &index)
 {
     const int more = index.data(ResultsModel::MoreInFileRole).toInt();
@@ -214,7 +225,7 @@ void ResultDelegate::paint(QPainter *painter, const QStyleOptionViewItem &option
     QFont nameFont = option.font;
     nameFont.setWeight(QFont::DemiBold);
     const QFontMetrics nfm(nameFont);
-    const QString line = tr("line %1").arg(index.data(ResultsModel::LineNumberRole).toInt());
+    const QString line = locationText(index);
     const QString name = passage ? line : index.data(ResultsModel::FileNameRole).toString();
     const QString filePath = index.data(ResultsModel::FilePathRole).toString();
     const QString folder = index.data(ResultsModel::FolderRole).toString();
@@ -223,7 +234,7 @@ void ResultDelegate::paint(QPainter *painter, const QStyleOptionViewItem &option
     if (m_showFolders && !folder.isEmpty()) {
         relative = QFileInfo(folder).fileName() + QStringLiteral(" \u203a ") + relative;
     }
-    const QString where = passage ? QString() : relative + QStringLiteral(" \u00b7 ") + line;
+    const QString suffix = QStringLiteral(" \u00b7 ") + line;
     const int nameWidth = qMin(nfm.horizontalAdvance(name) + 4, qMax(0, headerRight - x));
     painter->setFont(nameFont);
     painter->setPen(ink);
@@ -232,12 +243,18 @@ void ResultDelegate::paint(QPainter *painter, const QStyleOptionViewItem &option
                       Qt::AlignLeft | Qt::AlignVCenter,
                       nfm.elidedText(name, Qt::ElideRight, nameWidth));
     const int whereX = x + nameWidth + 10;
-    if (headerRight - whereX > 20) {
+    if (headerRight - whereX > 20 && !passage) {
+        // The path gives way before where the match is (its line, page or headings).
+        const int room = headerRight - whereX - fm.horizontalAdvance(suffix);
+        const QString where =
+            room > fm.horizontalAdvance(QStringLiteral("ab\u2026yz"))
+                ? fm.elidedText(relative, Qt::ElideMiddle, room) + suffix
+                : fm.elidedText(relative + suffix, Qt::ElideMiddle, headerRight - whereX);
         painter->setFont(option.font);
         painter->setPen(withAlpha(ink, 0.6f));
         painter->drawText(QRect(whereX, baselineY, headerRight - whereX, fm.height()),
                           Qt::AlignLeft | Qt::AlignVCenter,
-                          fm.elidedText(where, Qt::ElideMiddle, headerRight - whereX));
+                          where);
     }
 
     // Snippet: white space collapsed, two lines at most, the query's matches marked.

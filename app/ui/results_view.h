@@ -51,6 +51,8 @@ public:
     static QRect moreRect(const QStyleOptionViewItem &option, const QModelIndex &index);
     // "3 more in this file", or "hide 3 more" while they are shown.
     static QString moreText(int more, bool expanded);
+    // Where a hit stands: "p. 3, line 12" in a PDF, its headings in a document, else its line.
+    static QString locationText(const QModelIndex &index);
 
 private:
     QString m_query;

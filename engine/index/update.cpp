@@ -246,7 +246,9 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
     if (has_files) {
         /* A rebuild starts from nothing; the old manifest describes the index it replaces. */
         trusted = !e->rebuild && manifest_read(e, &old) && old.chunk_size == chunk_size
-                  && old.overlap == overlap && old.text_version == MANIFEST_TEXT_VERSION;
+                  && old.overlap == overlap
+                  && (old.text_version == MANIFEST_TEXT_VERSION
+                      || old.text_version == MANIFEST_TEXT_VERSION_UNMARKED_PAGES);
     }
     /* Files an older version wrote with every path whole are rewritten once, so that the folder
     ** can move. */
@@ -283,8 +285,10 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
         const bool judged_by_utf8_only = oe && oe->type == TRN_FILE_TYPE_BINARY
                                          && trn_is_indexable(w.type)
                                          && !(oe->flags & MANIFEST_FLAG_NO_TEXT);
+        const bool pages_unmarked = oe && oe->type == TRN_FILE_TYPE_PDF
+                                    && old.text_version == MANIFEST_TEXT_VERSION_UNMARKED_PAGES;
         if (oe && same_stat(*oe, w) && !(oe->flags & MANIFEST_FLAG_RECENT) && oe->chunks == held
-            && !judged_by_utf8_only) {
+            && !judged_by_utf8_only && !pages_unmarked) {
             manifest_add(&next, oe);
             report->unchanged += trn_is_indexable(oe->type) ? 1 : 0;
             continue;

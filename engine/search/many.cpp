@@ -231,6 +231,29 @@ int32_t trn_search_many(TrnEngine *const *engines, int32_t count, const char *qu
     int32_t n = 0;
     if (by_file) {
         n = group_hits_by_file(src, hits, kk, rows, more);
+        /* As in one index (query.cpp): counted by exact nearness, as "n more" opens them. */
+        if ((mode == TRN_SEARCH_SEMANTIC || mode == TRN_SEARCH_SEMANTIC_ALL) && ranks && n > 0
+            && !by_place) {
+            const float cutoff = hits.back().score;
+            for (int32_t j = 0; j < count; j++) {
+                uint32_t mine[TRN_MAX_RESULTS];
+                int32_t at[TRN_MAX_RESULTS], counted[TRN_MAX_RESULTS];
+                int32_t m = 0;
+                for (int32_t i = 0; i < n; i++) {
+                    if (hits[(size_t)rows[i]].origin == j) {
+                        mine[m] = hits[(size_t)rows[i]].slot;
+                        at[m++] = i;
+                    }
+                }
+                float q[QUERY_DIM_MAX];
+                if (m > 0 && embed_query(engines[j], core, q)) {
+                    count_near_passages(engines[j], q, mine, m, cutoff, src[j].allowed, counted);
+                    for (int32_t i = 0; i < m; i++) {
+                        more[at[i]] = counted[i];
+                    }
+                }
+            }
+        }
     } else {
         for (; n < kk && n < (int32_t)hits.size(); n++) {
             rows[n] = n;
@@ -251,7 +274,7 @@ int32_t trn_search_many(TrnEngine *const *engines, int32_t count, const char *qu
         results[i].more_in_file = more[i];
         origins[i] = h.origin;
     }
-    /* HTML lines are read back per index, from that index's rows. */
+    /* Each index's rows are placed in their files with its own buffers. */
     for (int32_t j = 0; j < count; j++) {
         TrnResult mine[TRN_MAX_RESULTS];
         uint32_t mine_slots[TRN_MAX_RESULTS];
@@ -259,7 +282,7 @@ int32_t trn_search_many(TrnEngine *const *engines, int32_t count, const char *qu
         int32_t at[TRN_MAX_RESULTS];
         int32_t m = 0;
         for (int32_t i = 0; i < n; i++) {
-            if (origins[i] == j && results[i].file_type == TRN_FILE_TYPE_HTML) {
+            if (origins[i] == j) {
                 mine[m] = results[i];
                 mine_slots[m] = slots[i];
                 mine_focus[m] = focus[i];
@@ -267,9 +290,9 @@ int32_t trn_search_many(TrnEngine *const *engines, int32_t count, const char *qu
             }
         }
         if (m > 0) {
-            html_source_lines(engines[j], mine, mine_slots, mine_focus, m);
+            locate_rows(engines[j], mine, at, mine_slots, mine_focus, m);
             for (int32_t i = 0; i < m; i++) {
-                results[at[i]].line_number = mine[i].line_number;
+                results[at[i]] = mine[i];
             }
         }
     }

@@ -483,6 +483,31 @@ int32_t group_by_file(const TrnEngine *e, const Ranking &r, int32_t kk, int32_t 
 
 } // namespace
 
+void count_near_passages(const TrnEngine *e, const float *q, const uint32_t *row_slots, int32_t n,
+                         float cutoff, const uint8_t *allowed, int32_t *more)
+{
+    for (int32_t r = 0; r < n; r++) {
+        more[r] = 0;
+    }
+    for (uint64_t i = 0; i < e->count; i++) {
+        const TrnChunk *c = &e->chunks[i];
+        if (c->deleted || c->pending || !c->text || !c->file_path || (allowed && !allowed[i])) {
+            continue;
+        }
+        for (int32_t r = 0; r < n; r++) {
+            const char *row_path = e->chunks[row_slots[r]].file_path;
+            if (i == row_slots[r] || !row_path || strcmp(row_path, c->file_path) != 0) {
+                continue;
+            }
+            /* The slack covers the graph's own rounding of the cutoff chunk's nearness. */
+            if (vec_dot(q, e->vectors + i * (uint64_t)e->dim, (size_t)e->dim) >= cutoff - 1e-5f) {
+                more[r]++;
+            }
+            break;
+        }
+    }
+}
+
 bool query_ranks(const char *query)
 {
     return query[strspn(query, " \t\n\r\f\v")] != '\0';
@@ -577,6 +602,18 @@ int32_t search_laid_out(TrnEngine *e, const char *query, int32_t mode, int32_t k
     int32_t n = 0;
     if (by_file) {
         n = group_by_file(e, ranking, kk, rows, more);
+        /* "n more" opens the file's nearest chunks by exact nearness (trn_search_file), so the
+        ** count is taken the same way: every chunk of the file at least as near as the ranking's
+        ** last, whether or not the graph came upon it. */
+        float q[QUERY_DIM_MAX];
+        if ((mode == TRN_SEARCH_SEMANTIC || mode == TRN_SEARCH_SEMANTIC_ALL) && n > 0
+            && !ranking.by_place && embed_query(e, nw.core, q)) {
+            uint32_t row_slots[TRN_MAX_RESULTS];
+            for (int32_t i = 0; i < n; i++) {
+                row_slots[i] = ranking.slots[(size_t)rows[i]];
+            }
+            count_near_passages(e, q, row_slots, n, ranking.scores.back(), allowed.get(), more);
+        }
     } else {
         for (; n < kk && n < ranking.n(); n++) {
             rows[n] = n;
@@ -601,7 +638,7 @@ int32_t search_laid_out(TrnEngine *e, const char *query, int32_t mode, int32_t k
                             nw.core);
         results[i].more_in_file = more[i];
     }
-    html_source_lines(e, results, slots, focus, n);
+    locate_rows(e, results, nullptr, slots, focus, n);
     narrow_free(&nw);
     return n;
 }

@@ -49,6 +49,11 @@ struct Ranking {
 ** ignoring ASCII case (what strcasestr finds in the C and UTF-8 locales); -1 when there is none.
 ** An empty needle is found at 0. */
 int64_t find_ascii_nocase(const char *hay, size_t len, const unsigned char *nl, size_t n);
+/* For each of the n rows of a semantic search by file (the chunks row_slots), how many other
+** chunks of its file (among those allowed, NULL: all) are at least cutoff near the query vector q:
+** what the file's "n more" opens, by exact nearness, into more. */
+void count_near_passages(const TrnEngine *e, const float *q, const uint32_t *row_slots, int32_t n,
+                         float cutoff, const uint8_t *allowed, int32_t *more);
 /* Embeds and normalises the query into q (dim floats); false when dim does not fit. */
 bool embed_query(TrnEngine *e, const char *query, float *q);
 /* Fills result slot i (snippet and marks buffers i) from chunk slot as mode shows a hit: the
@@ -130,12 +135,14 @@ int32_t lex_search_in(TrnEngine *e, const char *query, int32_t k, const uint8_t 
 /* ---------------------------------------------------------------------------------------------
 ** Snippets (snippets.cpp)
 */
-/* Moves the line of each HTML result among the n from the line of the file's text to the line of
-** its source where the match stands, reading the file again (html_text_with_lines); slots and
-** focus are each result's chunk and match offset in it, from fill_row. A file that cannot be read
-** keeps the text's line. */
-void html_source_lines(TrnEngine *e, TrnResult *results, const uint32_t *slots,
-                       const int64_t *focus, int32_t n);
+/* Where each of the n results filled by fill_row stands in its file: an HTML result's line moves
+** from the line of the file's text to the line of its source where the match stands, reading the
+** file again (html_text_with_lines; a file that cannot be read keeps the text's line); a PDF
+** result gets its page and line on it; a DOCX, ODT or EPUB result its heading path, read from
+** the file again into e's buffer buffers[i] (i when buffers is NULL). slots and focus are each
+** result's chunk and match offset in it, from fill_row. */
+void locate_rows(TrnEngine *e, TrnResult *results, const int32_t *buffers, const uint32_t *slots,
+                 const int64_t *focus, int32_t n);
 /* Where the snippet of a match at offset p begins: 0 for p <= 75, else the first line start
 ** among the 75 bytes before p, else the first word start there, else p. */
 size_t snippet_start(const char *text, int64_t p);

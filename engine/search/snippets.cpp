@@ -14,14 +14,17 @@
 ** The snippet starts at the first line start among the SNIPPET_REACH bytes before the focus,
 ** else at the first word start there, so the matched line shows with what leads up to it, and
 ** ends within TRN_SNIPPET_MAX bytes at a word end. An HTML file's line is then moved from its
-** text's line to its source's (html_source_lines), reading the file again. Stop words ("the",
-** "in", "how") are never marked on their own, since they match everywhere; a query of stop
-** words only marks them.
+** text's line to its source's, reading the file again; a PDF's line is also given as a page and
+** a line on it; DOCX, ODT and EPUB results name the headings above them (locate_rows). Stop
+** words ("the", "in", "how") are never marked on their own, since they match everywhere; a query
+** of stop words only marks them.
 */
 #include "internal.h"
 
 #include "index/words.h"
+#include "text/files.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace
@@ -184,7 +187,7 @@ int64_t best_sentence_hit(const char *text, const WordHits &h)
 size_t first_word(const char *text, size_t len)
 {
     size_t p = 0;
-    while (p < len && (text[p] == ' ' || text[p] == '\n' || text[p] == '\t' || text[p] == '\r')) {
+    while (p < len && text[p] != '\0' && strchr(" \n\t\r\f\v", text[p]) != nullptr) {
         p++;
     }
     return p < len ? p : 0;
@@ -347,10 +350,19 @@ int64_t fill_row(TrnEngine *e, TrnResult *r, int32_t i, uint32_t slot, float sco
     }
 
     size_t start = snippet_start(text, focus);
+    /* A PDF page's form feed line is no text to show: the snippet starts after it, and a page
+    ** break inside it reads as a blank line. */
+    const bool pdf = c->file_type == TRN_FILE_TYPE_PDF;
+    while (pdf && start + 1 < (size_t)focus && text[start] == '\f' && text[start + 1] == '\n') {
+        start += 2;
+    }
     size_t end = snippet_end(text, len, start);
     char *buf = e->snippets[i];
     memcpy(buf, text + start, end - start);
     buf[end - start] = '\0';
+    for (char *p = buf; pdf && (p = strchr(p, '\f')) != nullptr;) {
+        *p = ' ';
+    }
 
     uint16_t *marks = e->marks[i];
     int32_t mark_count = 0;
@@ -395,8 +407,14 @@ int64_t fill_row(TrnEngine *e, TrnResult *r, int32_t i, uint32_t slot, float sco
     r->more_in_file = 0;
     r->marks = marks;
     r->mark_count = mark_count;
+    r->page = 0;
+    r->page_line = 0;
+    r->heading_path = nullptr;
     return focus;
 }
+
+namespace
+{
 
 void html_source_lines(TrnEngine *e, TrnResult *results, const uint32_t *slots,
                        const int64_t *focus, int32_t n)
@@ -439,6 +457,86 @@ void html_source_lines(TrnEngine *e, TrnResult *results, const uint32_t *slots,
         }
     }
     free(text);
+}
+
+/* The page of a PDF result and its line there, from the form feed lines that begin each page of
+** the text: every byte of the file is in one of its chunks, so those up to the result's hold every
+** form feed before it. A line is known by its number, so overlapping chunks count one once. */
+void pdf_page(const TrnEngine *e, TrnResult *r)
+{
+    std::vector<int32_t, XAllocator<int32_t>> feeds; /* lines that hold a form feed */
+    for (uint64_t i = 0; i < e->count; i++) {
+        const TrnChunk *c = &e->chunks[i];
+        if (c->deleted || !c->text || !c->file_path || c->chunk_index > r->chunk_index
+            || strcmp(c->file_path, r->file_path) != 0) {
+            continue;
+        }
+        int32_t line = c->line_number;
+        for (const char *p = c->text; *p && line <= r->line_number; p++) {
+            if (*p == '\f') {
+                feeds.push_back(line);
+            }
+            line += *p == '\n' ? 1 : 0;
+        }
+    }
+    std::sort(feeds.begin(), feeds.end());
+    feeds.erase(std::unique(feeds.begin(), feeds.end()), feeds.end());
+    /* A PDF read before its pages were marked has no form feed before its first line. */
+    if (feeds.empty() || feeds[0] != 1) {
+        return;
+    }
+    r->page = (int32_t)feeds.size();
+    /* A match cannot stand on a page's form feed line, its line 0; were it to, line 1 is shown. */
+    r->page_line = std::max(1, r->line_number - feeds.back());
+}
+
+/* The headings above each DOCX, ODT and EPUB result's line, reading the file again. */
+void heading_paths(TrnEngine *e, TrnResult *results, const int32_t *buffers, int32_t n)
+{
+    TextHeadings headings;
+    char *text = nullptr;
+    size_t len = 0;
+    const char *read = nullptr;
+    for (int32_t i = 0; i < n; i++) {
+        TrnResult *r = &results[i];
+        if ((r->file_type != TRN_FILE_TYPE_DOCX && r->file_type != TRN_FILE_TYPE_ODT
+             && r->file_type != TRN_FILE_TYPE_EPUB)
+            || !r->file_path) {
+            continue;
+        }
+        if (!read || strcmp(read, r->file_path) != 0) {
+            free(text);
+            text = container_text_with_headings(
+                r->file_path, (TrnFileType)r->file_type, &len, &headings);
+            read = r->file_path;
+        }
+        if (!text || headings.empty()) {
+            continue;
+        }
+        size_t line_start = 0;
+        for (int32_t line = 1; line < r->line_number && line_start < len; line_start++) {
+            line += text[line_start] == '\n' ? 1 : 0;
+        }
+        char *out = e->heading_paths[buffers ? buffers[i] : i];
+        if (heading_path_at(text, len, headings, line_start, out, TRN_HEADING_PATH_MAX + 1) > 0) {
+            r->heading_path = out;
+        }
+    }
+    free(text);
+}
+
+} // namespace
+
+void locate_rows(TrnEngine *e, TrnResult *results, const int32_t *buffers, const uint32_t *slots,
+                 const int64_t *focus, int32_t n)
+{
+    for (int32_t i = 0; i < n; i++) {
+        if (results[i].file_type == TRN_FILE_TYPE_PDF && results[i].file_path) {
+            pdf_page(e, &results[i]);
+        }
+    }
+    heading_paths(e, results, buffers, n);
+    html_source_lines(e, results, slots, focus, n);
 }
 
 extern "C" int trn_is_stop_word(const char *word, size_t len)

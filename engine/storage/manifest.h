@@ -41,8 +41,10 @@ struct Manifest {
 
 /* How text is taken from files and cut into windows; an index whose manifest names another
 ** version trusts no entry, so its next update reads, cuts and embeds every file again. 2: windows
-** that reach the text's end and never split a character. */
-constexpr uint32_t MANIFEST_TEXT_VERSION = 2;
+** that reach the text's end and never split a character. 3: each PDF page begins with a form feed
+** line; a manifest of version 2 is trusted but for its PDFs, which are read again. */
+constexpr uint32_t MANIFEST_TEXT_VERSION = 3;
+constexpr uint32_t MANIFEST_TEXT_VERSION_UNMARKED_PAGES = 2;
 
 struct TrnEngine;
 

@@ -434,6 +434,40 @@ TrnEngine *engine_new(const TrnConfig *cfg)
     return e;
 }
 
+/* An index an older version wrote (a store naming files by full paths or without its commit
+** record, a commit record of an older version, a log of ungrouped records, a manifest naming
+** files by full paths) is rewritten in the current form once, when it is opened, so that it
+** can move with its folder even when it is only ever searched. The store goes through a
+** checkpoint (temporary file, sync, rename) and the manifest through manifest_write (the same),
+** so a kill at any point leaves the old form or the new one. Only when the write lock is free at
+** once: a busy index, or one in a folder this user cannot write, is converted by a later open
+** and answers as it is meanwhile. */
+static void convert_older_index(TrnEngine *e)
+{
+    Manifest m = {};
+    bool manifest_old = manifest_read(e, &m) && m.paths_full;
+    bool store_old = e->store_present
+                     && (e->paths_full || !e->has_commit || !e->has_index_id || e->wal_legacy
+                         || e->seen.commit_len != TRN_COMMIT_SIZE);
+    if ((store_old || manifest_old) && lock_take(e, LOCK_EX, 0)) {
+        if (index_refresh_locked(e)) {
+            if (store_old) {
+                const uint8_t unsaved = e->unsaved;
+                e->unsaved = 1; /* so that the checkpoint writes, however empty the log */
+                if (!checkpoint_locked(e)) {
+                    e->unsaved = unsaved;
+                }
+            }
+            if (manifest_old) {
+                manifest_write(e, &m);
+            }
+        }
+        lock_release(e);
+        status_clear(e); /* the index answers as it is when it could not be rewritten */
+    }
+    manifest_free(&m);
+}
+
 /* Opens the handle on its files. Returns the handle always; with a status other than OK it is
 ** empty and refuses writes. */
 TrnEngine *engine_open(const TrnConfig *cfg, uint32_t flags, int32_t *status)
@@ -458,6 +492,9 @@ TrnEngine *engine_open(const TrnConfig *cfg, uint32_t flags, int32_t *status)
             /* wal is still NULL while replaying, so replayed chunks are not logged again. */
             index_load(e);
             lock_release(e);
+            if (e->status == TRN_STATUS_OK) {
+                convert_older_index(e);
+            }
         }
         if (e->status != TRN_STATUS_OK) {
             *status = e->status;

@@ -16,6 +16,9 @@
 **                            member at most once however often the spine names it
 **   PDF                      extract_pdf.cpp (poppler)
 **
+** Headings (container_text_with_headings) are not part of the text: a search reads the file again
+** for the headings above a match, as it reads an HTML file again for its source lines.
+**
 ** The HTML reader is in extract_html.cpp, the containers' in extract_container.cpp, and what they
 ** share in markup.h.
 **
@@ -276,6 +279,90 @@ int32_t page_for_line(const ExtractedText *t, int32_t line_number)
         page = i + 1;
     }
     return page;
+}
+
+char *container_text_with_headings(const char *path, TrnFileType type, size_t *len,
+                                   TextHeadings *headings)
+{
+    headings->clear();
+    *len = 0;
+    if (!path
+        || (type != TRN_FILE_TYPE_DOCX && type != TRN_FILE_TYPE_ODT
+            && type != TRN_FILE_TYPE_EPUB)) {
+        return nullptr;
+    }
+    TextBuilder b;
+    b.cap = TRN_FILE_SIZE_MAX;
+    b.headings = headings;
+    if (container_text(path, type, &b) != TRN_FILE_STATUS_INDEXABLE) {
+        headings->clear();
+        return nullptr;
+    }
+    char *text = b.take(len);
+    if (!text) {
+        headings->clear();
+    }
+    return text;
+}
+
+size_t heading_path_at(const char *text, size_t len, const TextHeadings &headings, size_t offset,
+                       char *out, size_t size)
+{
+    if (size == 0) {
+        return 0;
+    }
+    out[0] = '\0';
+    /* The open headings at offset: each one closes those of its level and below. */
+    size_t open[16];
+    size_t depth = 0;
+    for (size_t i = 0; i < headings.size() && headings[i].offset <= offset; i++) {
+        while (depth > 0 && headings[open[depth - 1]].level >= headings[i].level) {
+            depth--;
+        }
+        if (depth < sizeof open / sizeof open[0]) {
+            open[depth++] = i;
+        }
+    }
+    static const char SEPARATOR[] = " \u203a ";
+    static const char ELIDED[] = "\u2026";
+    const size_t sep = sizeof SEPARATOR - 1;
+    /* The parts, innermost first, that fit beside the marker of those left out. */
+    size_t part_len[16];
+    size_t from = depth, total = 0;
+    for (size_t d = depth; d-- > 0;) {
+        size_t at = headings[open[d]].offset;
+        size_t n = 0;
+        while (at + n < len && text[at + n] != '\n' && n < TRN_HEADING_PART_MAX) {
+            n++;
+        }
+        n = whole_characters(text + at, n);
+        while (n > 0 && (text[at + n - 1] == ' ' || text[at + n - 1] == '\t')) {
+            n--;
+        }
+        size_t need = total + (total ? sep : 0) + n;
+        size_t marker = d > 0 ? sizeof ELIDED - 1 + sep : 0;
+        if (need + marker >= size) {
+            break;
+        }
+        part_len[d] = n;
+        total = need;
+        from = d;
+    }
+    size_t w = 0;
+    if (from > 0 && depth > 0) {
+        memcpy(out + w, ELIDED, sizeof ELIDED - 1);
+        w += sizeof ELIDED - 1;
+    }
+    for (size_t d = from; d < depth; d++) {
+        if (w > 0) {
+            memcpy(out + w, SEPARATOR, sep);
+            w += sep;
+        }
+        memcpy(out + w, text + headings[open[d]].offset, part_len[d]);
+        w += part_len[d];
+    }
+    out[w] = '\0';
+    return w;
 }
 
 int32_t ingest_extracted_text(TrnEngine *e, const char *path, const char *text, size_t length,

@@ -11,6 +11,8 @@
 #include <libxml/tree.h>
 #include <zip.h>
 
+#include <strings.h>
+
 namespace
 {
 
@@ -111,6 +113,8 @@ struct XmlState {
     bool body_done;  /* only the first body counts */
     int32_t skipped; /* open elements since a skipped one began */
     int32_t text;    /* DOCX: open w:t elements, whose characters are the text */
+    int32_t para;    /* the depth of the innermost open paragraph (w:p, text:p, text:h) */
+    int32_t heading; /* the depth of the paragraph that is a heading; 0 when none is open */
 };
 
 bool local_is(const xmlChar *name, const char *want)
@@ -118,21 +122,52 @@ bool local_is(const xmlChar *name, const char *want)
     return strcmp(reinterpret_cast<const char *>(name), want) == 0;
 }
 
-/* ODT's <text:s text:c="n">: n spaces (at most 1000), 1 without the attribute. attributes holds
-** five pointers for each: local name, prefix, URI, value, value end. */
-long odt_space_count(int attribute_count, const xmlChar **attributes)
+/* The value of the attribute of local name want, cut to size - 1 bytes, into out; false when
+** absent. attributes holds five pointers for each: local name, prefix, URI, value, value end. */
+bool attribute_value(int attribute_count, const xmlChar **attributes, const char *want, char *out,
+                     size_t size)
 {
     for (int i = 0; i < attribute_count; i++) {
         const xmlChar **at = attributes + 5 * i;
-        if (local_is(at[0], "c") && at[3] && at[4] > at[3]) {
-            char digits[16];
-            size_t len = std::min<size_t>((size_t)(at[4] - at[3]), sizeof digits - 1);
-            memcpy(digits, at[3], len);
-            digits[len] = '\0';
-            return std::min(strtol(digits, nullptr, 10), 1000L);
+        if (local_is(at[0], want) && at[3] && at[4] >= at[3]) {
+            size_t len = std::min<size_t>((size_t)(at[4] - at[3]), size - 1);
+            memcpy(out, at[3], len);
+            out[len] = '\0';
+            return true;
         }
     }
+    return false;
+}
+
+/* ODT's <text:s text:c="n">: n spaces (at most 1000), 1 without the attribute. */
+long odt_space_count(int attribute_count, const xmlChar **attributes)
+{
+    char digits[16];
+    if (attribute_value(attribute_count, attributes, "c", digits, sizeof digits)) {
+        return std::min(strtol(digits, nullptr, 10), 1000L);
+    }
     return 1;
+}
+
+/* The heading level a DOCX paragraph style id gives: N for "Heading N" (any case, with or
+** without the space, N from 1 to 9); -1 for any other style (a document's Title names no
+** section). */
+int32_t docx_style_level(const char *id)
+{
+    if (strncasecmp(id, "heading", 7) != 0) {
+        return -1;
+    }
+    const char *n = id[7] == ' ' ? id + 8 : id + 7;
+    return n[0] >= '1' && n[0] <= '9' && !n[1] ? n[0] - '0' : -1;
+}
+
+/* Opens a heading of level on the paragraph open in x, unless one is open already. */
+void begin_heading(XmlState *x, int32_t level)
+{
+    if (level >= 0 && x->para > 0 && x->heading == 0) {
+        x->b->heading_begin(level);
+        x->heading = x->para;
+    }
 }
 
 void xml_start(void *ctx, const xmlChar *name, const xmlChar *, const xmlChar *, int,
@@ -149,7 +184,19 @@ void xml_start(void *ctx, const xmlChar *name, const xmlChar *, const xmlChar *,
         return;
     }
     TextBuilder *b = x->b;
+    char value[32];
+    if (local_is(name, "p") || (x->odt && local_is(name, "h"))) {
+        x->para = x->body;
+    }
     if (!x->odt) {
+        if (local_is(name, "pStyle")
+            && attribute_value(attribute_count, attributes, "val", value, sizeof value)) {
+            begin_heading(x, docx_style_level(value));
+        } else if (local_is(name, "outlineLvl")
+                   && attribute_value(attribute_count, attributes, "val", value, sizeof value)) {
+            long level = strtol(value, nullptr, 10);
+            begin_heading(x, level >= 0 && level < 9 ? (int32_t)level + 1 : -1);
+        }
         if (local_is(name, "t")) {
             x->text++;
         } else if (local_is(name, "tab")) {
@@ -161,7 +208,13 @@ void xml_start(void *ctx, const xmlChar *name, const xmlChar *, const xmlChar *,
         }
         return;
     }
-    if (local_is(name, "s")) {
+    if (local_is(name, "h")) {
+        long level =
+            attribute_value(attribute_count, attributes, "outline-level", value, sizeof value)
+                ? strtol(value, nullptr, 10)
+                : 1;
+        begin_heading(x, level >= 1 && level <= 10 ? (int32_t)level : 1);
+    } else if (local_is(name, "s")) {
         for (long i = odt_space_count(attribute_count, attributes); i > 0; i--) {
             b->add_raw(" ", 1);
         }
@@ -193,6 +246,10 @@ void xml_end(void *ctx, const xmlChar *name, const xmlChar *, const xmlChar *)
         x->text--;
     }
     if (local_is(name, "p") || (x->odt && local_is(name, "h"))) {
+        if (x->heading == x->body + 1) {
+            x->b->heading_end();
+            x->heading = 0;
+        }
         x->b->end_line();
     }
 }
@@ -212,7 +269,7 @@ bool container_xml_text(zip_t *z, const char *member, bool odt, TextBuilder *b)
     if (!reader.ok) {
         return false;
     }
-    XmlState x = {b, odt, 0, false, 0, 0};
+    XmlState x = {b, odt, 0, false, 0, 0, 0, 0};
     xmlSAXHandler sax;
     memset(&sax, 0, sizeof sax);
     sax.initialized = XML_SAX2_MAGIC;

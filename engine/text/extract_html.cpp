@@ -52,6 +52,13 @@ HtmlElementKind html_element_kind(const char *name)
     return name_in(name, HTML_BLOCKS) ? HTML_ELEMENT_BLOCK : HTML_ELEMENT_INLINE;
 }
 
+/* 1 to 6 for h1 to h6 in any case, else 0. */
+static int32_t heading_level(const char *name)
+{
+    bool h = (name[0] == 'h' || name[0] == 'H') && name[1] >= '1' && name[1] <= '6' && !name[2];
+    return h ? name[1] - '0' : 0;
+}
+
 void html_start(void *ctx, const xmlChar *tag, const xmlChar **)
 {
     HtmlState *h = static_cast<HtmlState *>(ctx);
@@ -71,6 +78,10 @@ void html_start(void *ctx, const xmlChar *tag, const xmlChar **)
     }
     if (html_element_kind(name) == HTML_ELEMENT_BLOCK) {
         h->b->end_line();
+        int32_t level = heading_level(name);
+        if (level > 0) {
+            h->b->heading_begin(level);
+        }
     } else if (strcasecmp(name, "td") == 0 || strcasecmp(name, "th") == 0) {
         h->b->pending_space = true;
     }
@@ -97,6 +108,9 @@ void html_end(void *ctx, const xmlChar *tag)
         h->pre--;
     }
     if (html_element_kind(name) == HTML_ELEMENT_BLOCK) {
+        if (heading_level(name) > 0) {
+            h->b->heading_end();
+        }
         h->b->end_line();
     }
 }

@@ -1,9 +1,11 @@
 /*
 ** extract_pdf.cpp -- the text of a PDF through poppler's C++ interface (pdf_extract).
 **
-** Each page's text in reading order, ending with a line feed, then one more line feed, so pages
-** are separated by a blank line; the offset where each page's text starts is kept, so a chunk's
-** line can be turned back into its page for the preview (page_for_line).
+** Each page begins with a line holding a form feed alone, then its text in reading order, ending
+** with a line feed; a form feed inside a page's text becomes a line feed. So the text itself says
+** where its pages begin: a search finds a hit's page and its line on that page from the chunks of
+** the file (pdf_pages in snippets.cpp), and the page's first text line is line 1 on it. The offset
+** where each page's text starts is kept as well, for the preview (page_for_line).
 **
 ** poppler's interface hands out standard containers, so this one file is built with exceptions:
 ** a std::bad_alloc from poppler becomes the engine's oom_abort, and nothing else is thrown here.
@@ -59,6 +61,7 @@ bool pdf_extract(const char *path, ExtractedText *out)
         out->page_starts = static_cast<uint64_t *>(xcalloc((size_t)pages, sizeof(uint64_t)));
         out->page_count = pages;
         for (int i = 0; i < pages; i++) {
+            append(out, &capacity, "\f\n", 2);
             out->page_starts[i] = out->length;
             std::unique_ptr<poppler::page> page(doc->create_page(i));
             if (!page) {
@@ -72,10 +75,15 @@ bool pdf_extract(const char *path, ExtractedText *out)
                 n--;
             }
             if (n == 0) {
-                continue; /* an empty page starts where the next one does */
+                continue; /* an empty page is its form feed line alone */
+            }
+            for (size_t j = 0; j < n; j++) {
+                if (utf8[j] == '\f') {
+                    utf8[j] = '\n';
+                }
             }
             append(out, &capacity, utf8.data(), n);
-            append(out, &capacity, "\n\n", 2);
+            append(out, &capacity, "\n", 1);
         }
         return true;
     } catch (const std::bad_alloc &) {

@@ -200,8 +200,8 @@ int32_t in_list_casecmp(const char *s, const char *const *list);
 struct ExtractedText {
     char *text;    /* xmalloc, NUL-terminated, valid UTF-8; NULL until extracted */
     size_t length; /* bytes of text without the NUL */
-    /* PDF only: the byte offset in text where each page's text starts (page_count entries, in
-    ** page order; empty pages have the offset of the next). NULL for other types. */
+    /* PDF only: the byte offset in text where each page's text starts, after the form feed line
+    ** that begins the page (page_count entries, in page order). NULL for other types. */
     uint64_t *page_starts;
     int32_t page_count;
     /* The charset the file's bytes were read in: "UTF-8", or the older one they were converted
@@ -212,18 +212,17 @@ struct ExtractedText {
 };
 
 /* Reads the text of path as type says: Text, Source and Markdown as UTF-8 (a leading byte order
-** mark dropped), or converted from an older charset when they are not UTF-8 (legacy_charset);
-** HTML, converted the same way, as readable text (no markup, scripts or styles; entities decoded;
-*block
-** elements end lines); PDF through poppler, pages separated by a form feed and a line feed; DOCX
-** and ODT paragraphs as lines; EPUB the chapters of its spine in order, as HTML is, each member
-** read once however often the spine names it. Files larger than max_size (0 = TRN_FILE_SIZE_MAX)
-** are refused before reading; the text is cut at max_size bytes (out->cut), so memory stays near
-** that size whatever the document. Returns INDEXABLE with *out filled, or TOO_LARGE, BINARY (type
-** not indexable, or bytes that are text in no charset), TOO_SHORT (fewer than TRN_TEXT_MIN_CHARS
-** characters other than white space) or UNREADABLE (also when the document needs more memory
-** than there is: this file alone fails), with *out left empty. Free with extracted_text_free in
-** every case. */
+** mark dropped), or converted from an older charset when they are not UTF-8 (legacy_charset); HTML,
+** converted the same way, as readable text (no markup, scripts or styles; entities decoded; block
+** elements end lines); PDF through poppler, each page begun by a line holding a form feed alone;
+** DOCX and ODT paragraphs as lines; EPUB the chapters of its spine in order, as HTML is, each
+** member read once however often the spine names it. Files larger than max_size (0 =
+** TRN_FILE_SIZE_MAX) are refused before reading; the text is cut at max_size bytes (out->cut), so
+** memory stays near that size whatever the document. Returns INDEXABLE with *out filled, or
+** TOO_LARGE, BINARY (type not indexable, or bytes that are text in no charset), TOO_SHORT (fewer
+** than TRN_TEXT_MIN_CHARS characters other than white space) or UNREADABLE (also when the document
+** needs more memory than there is: this file alone fails), with *out left empty. Free with
+** extracted_text_free in every case. */
 TrnFileStatus extract_file_text(const char *path, TrnFileType type, uint64_t max_size,
                                 ExtractedText *out);
 
@@ -266,6 +265,27 @@ using HtmlLineMap = std::vector<HtmlSourceBreak, XAllocator<HtmlSourceBreak>>;
 char *html_text_with_lines(const char *path, size_t *len, HtmlLineMap *map);
 /* The source line of the text's byte at offset, by map; 0 when map says nothing of it. */
 int32_t html_source_line(const HtmlLineMap &map, size_t offset);
+
+/* A heading of a DOCX, ODT or EPUB text: the line that starts at offset, at level (1 outermost). */
+struct TextHeading {
+    size_t offset;
+    int32_t level;
+};
+using TextHeadings = std::vector<TextHeading, XAllocator<TextHeading>>;
+/* Reads the DOCX, ODT or EPUB file at path (type) as extract_file_text does, at most
+** TRN_FILE_SIZE_MAX bytes of text. Returns its text (xmalloc'd, its length in *len) and fills
+** headings, in order of offset: DOCX paragraphs styled Heading N (level N) or given outline level
+** n (level n + 1); ODT headings by their outline level; EPUB h1-h6. NULL when the file cannot be
+** read. */
+char *container_text_with_headings(const char *path, TrnFileType type, size_t *len,
+                                   TextHeadings *headings);
+/* The headings the line holding offset stands under, outermost first, each cut to a line and
+** TRN_HEADING_PART_MAX bytes, joined by " \u203a " into out (size bytes, NUL-terminated). When
+** they do not fit, the innermost ones are kept after a leading "\u2026 \u203a ". Returns the
+** bytes written, 0 when no heading comes before offset. */
+constexpr size_t TRN_HEADING_PART_MAX = 80;
+size_t heading_path_at(const char *text, size_t len, const TextHeadings &headings, size_t offset,
+                       char *out, size_t size);
 
 /* How html_to_text reads an element, by its name in any case (NULL: inline): SKIPPED, its content
 ** is never text (script, style, svg, ...); BLOCK, it ends the line before and after it (p, div,

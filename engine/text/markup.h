@@ -50,6 +50,11 @@ struct TextBuilder {
     ** from another line than the last ones did (see html_text_with_lines). */
     HtmlLineMap *sources = nullptr;
     int32_t source_line = 1;
+    /* When set, the headings met (see container_text_with_headings); the open one, if any,
+    ** began at heading_from. */
+    TextHeadings *headings = nullptr;
+    size_t heading_from = 0;
+    int32_t heading_level = 0;
 
     TextBuilder() = default;
     TextBuilder(const TextBuilder &) = delete;
@@ -139,6 +144,28 @@ struct TextBuilder {
         if (!at_line_start()) {
             append("\n", 1);
         }
+    }
+    /* A heading of level (1 outermost) begins on a line of its own. */
+    void heading_begin(int32_t level)
+    {
+        if (!headings) {
+            return;
+        }
+        end_line();
+        heading_from = length;
+        heading_level = level + 1;
+    }
+    /* ... and ends; one that gave no text is no heading. */
+    void heading_end()
+    {
+        if (!headings || heading_level == 0) {
+            return;
+        }
+        end_line();
+        if (length > heading_from && !full()) {
+            headings->push_back(TextHeading{heading_from, heading_level - 1});
+        }
+        heading_level = 0;
     }
     /* The text (xmalloc'd or from realloc, free either way), ending with a line break unless it
     ** reached the cap; NULL when memory ran out. The builder is empty afterwards. */

@@ -37,6 +37,7 @@ private slots:
     void init();
     void cleanup();
     void restoreSkipsMissingAndRepeatedPathsAndFallsBackToFirstTab();
+    void aMovedFolderIsFoundBesideItsOldPlaceOrLocatedWithItsHistory();
     void restoreSelectsTheSavedActiveTab();
     void closingTheActiveMiddleTabSelectsTheLast();
     void dragReordersBothWays();
@@ -121,10 +122,47 @@ void TestAppState::restoreSkipsMissingAndRepeatedPathsAndFallsBackToFirstTab()
     QVERIFY(state);
     QVERIFY(!state->isIngesting()); // restored tabs are not re-indexed
     QCOMPARE(state->statusText(), QStringLiteral("Not indexed"));
-    // The missing path drops out at the next save.
+    // The missing path is named, and kept in the saved list until it is forgotten.
+    QCOMPARE(app->missingTabPaths(), QStringList({gone}));
     app->saveState();
-    QCOMPARE(m_env->settings()->savedTabPaths(), QStringList({a, c}));
+    QCOMPARE(m_env->settings()->savedTabPaths(), QStringList({a, c, gone}));
     QCOMPARE(m_env->settings()->activeTabPath(), std::optional<QString>(a));
+    QSignalSpy missingChanged(app.get(), &AppState::missingTabPathsChanged);
+    app->forgetMissingTab(gone);
+    QCOMPARE(missingChanged.count(), 1);
+    QCOMPARE(m_env->settings()->savedTabPaths(), QStringList({a, c}));
+}
+
+// A folder renamed beside its old place is opened there, with its history, found by the place
+// its index noted; one moved elsewhere waits to be located, and keeps its history there too.
+void TestAppState::aMovedFolderIsFoundBesideItsOldPlaceOrLocatedWithItsHistory()
+{
+    const QString notes = makeDir(QStringLiteral("notes"));
+    const QString papers = makeDir(QStringLiteral("papers"));
+    QVERIFY(writeFile(notes, QStringLiteral(".tarnwick/place"), notes.toUtf8()));
+    const QByteArray history = SearchHistoryEntry::encodeList(
+        {SearchHistoryEntry{QUuid::createUuid(), QStringLiteral("tides"), SearchMode::Text, {}}});
+    m_env->settings()->setSearchHistoryData(notes, history);
+    m_env->settings()->setSearchHistoryData(papers, history);
+    m_env->settings()->setSavedTabPaths({notes, papers});
+    m_env->settings()->setActiveTabPath(notes);
+    const QString renamed = m_root->filePath(QStringLiteral("notes-2024"));
+    QVERIFY(QDir().rename(notes, renamed));
+    const QString elsewhere = makeDir(QStringLiteral("archive/papers"));
+    QVERIFY(QDir(papers).removeRecursively());
+
+    std::unique_ptr<AppState> app = restoredState();
+    QVERIFY(app);
+    QCOMPARE(tabNames(*app), QStringList({QStringLiteral("notes-2024")}));
+    QCOMPARE(app->activeTabId(), app->tabs().first().id);
+    QCOMPARE(m_env->settings()->searchHistoryData(renamed), history);
+    QCOMPARE(app->missingTabPaths(), QStringList({papers}));
+
+    app->locateMissingTab(papers, elsewhere);
+    QVERIFY(app->missingTabPaths().isEmpty());
+    QCOMPARE(tabNames(*app), QStringList({QStringLiteral("notes-2024"), QStringLiteral("papers")}));
+    QCOMPARE(m_env->settings()->searchHistoryData(elsewhere), history);
+    QCOMPARE(m_env->settings()->savedTabPaths(), QStringList({renamed, elsewhere}));
 }
 
 void TestAppState::restoreSelectsTheSavedActiveTab()

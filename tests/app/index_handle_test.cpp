@@ -379,10 +379,10 @@ void TestIndexHandle::pdfPageForLine()
                QStringLiteral("three"),
                QStringLiteral("four"),
                QStringLiteral("five")}});
-    // Page one counts 3 lines plus its blank line.
+    // Page one is its form feed line and 3 lines; line 5, page two's form feed, shows nothing.
     QCOMPARE(::pdfPageForLine(pdf, 0), std::optional<int>(1));
     QCOMPARE(::pdfPageForLine(pdf, 4), std::optional<int>(1));
-    QCOMPARE(::pdfPageForLine(pdf, 5), std::optional<int>(2));
+    QCOMPARE(::pdfPageForLine(pdf, 6), std::optional<int>(2));
     QCOMPARE(::pdfPageForLine(pdf, 500), std::optional<int>(2));
 
     QVERIFY(writeFile(dir.path(), QStringLiteral("fake.pdf"), "not a pdf at all"));
@@ -392,6 +392,11 @@ void TestIndexHandle::pdfPageForLine()
     IndexHandle engine(dir.path(), QString());
     QVERIFY(engine.ingestDirectory(800, 200, *m_env->walk()) > 0);
     QCOMPARE(engine.search(QStringLiteral("gamma"), SearchMode::Text, 5).size(), 1);
+    // A hit carries the engine's page and line on it, which the preview and opener go to.
+    const QList<SearchResult> four = engine.search(QStringLiteral("four"), SearchMode::Text, 5);
+    QCOMPARE(four.size(), 1);
+    QCOMPARE(four.first().page, 2);
+    QCOMPARE(four.first().pageLine, 4);
 }
 
 void TestIndexHandle::fileCategory_data()

@@ -303,6 +303,9 @@ TEST_F(CliIndexed, TextAndRegexHitsNameTheFileOnceAndTheLineOfTheMatch)
                                             "fileTypeName",
                                             "folder",
                                             "moreInFile",
+                                            "page",
+                                            "pageLine",
+                                            "headingPath",
                                             "semanticPartial",
                                             "marks"}));
         EXPECT_EQ(h["folder"].text, dir.path());

@@ -151,7 +151,9 @@ TEST(SharedIndex, EveryDamagedByteOfTheStoreOrCommitRecordIsRefused)
     trn_close(e);
 }
 
-TEST(SharedIndex, AStoreWithoutACommitRecordIsAcceptedAndConvertedByTheFirstWrite)
+/* An older version wrote no commit record: opening the index, even only to read it, converts it
+** once (the store rewritten, the record written), and nothing is lost. */
+TEST(SharedIndex, AStoreWithoutACommitRecordIsAcceptedAndConvertedWhenOpened)
 {
     TempDir dir;
     StoreRecord r;
@@ -167,8 +169,13 @@ TEST(SharedIndex, AStoreWithoutACommitRecordIsAcceptedAndConvertedByTheFirstWrit
     TrnEngine *e = trn_open(&cfg);
     EXPECT_EQ(e->count, 1u);
     trn_close(e);
-    EXPECT_TRUE(read_file_bytes(dir.file("tarnwick.bin")) == legacy.b);
-    EXPECT_EQ(file_size(dir.file("tarnwick.commit")), -1);
+    const std::vector<uint8_t> converted = read_file_bytes(dir.file("tarnwick.bin"));
+    EXPECT_FALSE(converted == legacy.b);
+    EXPECT_EQ(file_size(dir.file("tarnwick.commit")), (long)TRN_COMMIT_SIZE);
+    e = trn_open(&cfg);
+    EXPECT_EQ(live_ids(e), std::vector<std::string>{"/l/old.txt:0"});
+    trn_close(e);
+    EXPECT_TRUE(read_file_bytes(dir.file("tarnwick.bin")) == converted) << "converted once";
 
     e = trn_open(&cfg);
     ASSERT_EQ(trn_ingest_text(e, "/l/new.txt", "added", 800, 200), 1);

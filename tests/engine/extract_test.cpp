@@ -3,6 +3,7 @@
 ** DOCX, ODT and EPUB containers built here, PDF pages with their starts, and the verdicts for
 ** text that cannot be used.
 */
+#include "document_fixtures.h"
 #include "store_fixtures.h"
 #include "text/files.h"
 
@@ -15,26 +16,9 @@
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <zip.h>
 
 namespace
 {
-
-using Members = std::vector<std::pair<std::string, std::string>>;
-
-/* Writes a ZIP container with the given members, as an office suite or e-book tool would. */
-void write_zip(const std::string &path, const Members &members)
-{
-    int error = 0;
-    zip_t *z = zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &error);
-    ASSERT_NE(z, nullptr) << path;
-    for (const auto &[name, bytes] : members) {
-        zip_source_t *src = zip_source_buffer(z, bytes.data(), bytes.size(), 0);
-        ASSERT_NE(src, nullptr);
-        ASSERT_GE(zip_file_add(z, name.c_str(), src, ZIP_FL_ENC_UTF_8), 0) << name;
-    }
-    ASSERT_EQ(zip_close(z), 0) << path;
-}
 
 /* The extracted text, or the verdict's name in brackets. */
 std::string text_of(const std::string &path, TrnFileType type)
@@ -332,44 +316,6 @@ TEST(ExtractContainers, HostileArchivesAreCutAtTheLimitInBoundedMemory)
 #endif
 }
 
-/* A PDF with one page per text, with a correct cross-reference table. Objects: 1 catalog,
-** 2 page tree, 3 font, then a page and its content stream for each text. */
-std::string pdf_with_pages(const std::vector<std::string> &pages)
-{
-    std::vector<std::string> objects = {"<< /Type /Catalog /Pages 2 0 R >>",
-                                        "",
-                                        "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>"};
-    std::string kids;
-    for (const std::string &shown : pages) {
-        size_t page_obj = objects.size() + 1;
-        kids += std::to_string(page_obj) + " 0 R ";
-        std::string content = "BT /F1 18 Tf 20 100 Td (" + shown + ") Tj ET";
-        objects.push_back("<< /Type /Page /Parent 2 0 R /MediaBox [0 0 400 144] /Contents "
-                          + std::to_string(page_obj + 1)
-                          + " 0 R /Resources << /Font << /F1 3 0 R >> >> >>");
-        objects.push_back("<< /Length " + std::to_string(content.size()) + " >>\nstream\n" + content
-                          + "\nendstream");
-    }
-    objects[1] =
-        "<< /Type /Pages /Kids [" + kids + "] /Count " + std::to_string(pages.size()) + " >>";
-    std::string pdf = "%PDF-1.4\n";
-    std::vector<size_t> offsets;
-    for (size_t i = 0; i < objects.size(); i++) {
-        offsets.push_back(pdf.size());
-        pdf += std::to_string(i + 1) + " 0 obj\n" + objects[i] + "\nendobj\n";
-    }
-    size_t xref = pdf.size();
-    pdf += "xref\n0 " + std::to_string(objects.size() + 1) + "\n0000000000 65535 f \n";
-    for (size_t off : offsets) {
-        char line[32];
-        snprintf(line, sizeof line, "%010zu 00000 n \n", off);
-        pdf += line;
-    }
-    pdf += "trailer\n<< /Size " + std::to_string(objects.size() + 1) + " /Root 1 0 R >>\n";
-    pdf += "startxref\n" + std::to_string(xref) + "\n%%EOF\n";
-    return pdf;
-}
-
 TEST(ExtractPdf, PagesKeepTheirStartsForThePreview)
 {
     TempDir dir;
@@ -380,12 +326,13 @@ TEST(ExtractPdf, PagesKeepTheirStartsForThePreview)
               (TrnFileStatus)TRN_FILE_STATUS_INDEXABLE);
     ASSERT_EQ(t.page_count, 3);
     std::string text(t.text, t.length);
-    EXPECT_EQ(text, "First page text\n\nThird page text\n\n");
-    EXPECT_EQ(t.page_starts[0], 0u);
-    EXPECT_EQ(t.page_starts[1], t.page_starts[2]); /* the empty page takes no bytes */
-    EXPECT_EQ(text.substr(t.page_starts[2]), "Third page text\n\n");
-    /* Lines 1-2 are page 1, line 3 on page 3 (the empty page 2 holds no line). */
-    const int32_t expected[][2] = {{0, 1}, {1, 1}, {2, 1}, {3, 3}, {4, 3}, {99, 3}};
+    /* Each page begins with a form feed line, so a search can tell pages from the text alone. */
+    EXPECT_EQ(text, "\f\nFirst page text\n\f\n\f\nThird page text\n");
+    EXPECT_EQ(text.substr(t.page_starts[0]), text.substr(2));
+    EXPECT_EQ(t.page_starts[1] + 2, t.page_starts[2]); /* the empty page is its form feed line */
+    EXPECT_EQ(text.substr(t.page_starts[2]), "Third page text\n");
+    /* Lines 1-3 are page 1 (line 3 is page 2's form feed line), 4 page 2, 5 on page 3. */
+    const int32_t expected[][2] = {{0, 1}, {2, 1}, {3, 1}, {4, 2}, {5, 3}, {99, 3}};
     for (const auto &e : expected) {
         EXPECT_EQ(page_for_line(&t, e[0]), e[1]) << "line " << e[0];
     }

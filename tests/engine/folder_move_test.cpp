@@ -2,7 +2,7 @@
 ** folder_move_test.cpp -- an index kept in its folder names the folder's files relative to it:
 ** after the folder is moved or copied, its index answers with the new paths, an update reads and
 ** embeds nothing that did not change, and an index an older version wrote with full paths is
-** rewritten once.
+** rewritten once, when it is opened.
 */
 #include "probe.h"
 #include "store_fixtures.h"
@@ -161,9 +161,9 @@ TEST(FolderMove, CopiedFolderAnswersWithItsOwnPathsWithoutEmbeddingAgain)
 }
 
 /* An older version wrote every path whole (store and manifest version 1, no commit record yet):
-** the first update after opening rewrites both with relative paths, keeping every chunk, and
-** the folder can move from then on. */
-TEST(FolderMove, IndexWrittenWithFullPathsIsRewrittenOnceByTheNextUpdate)
+** opening the index rewrites both once with relative paths, keeping every chunk, even when it is
+** only searched, and the folder can move from then on. */
+TEST(FolderMove, IndexWrittenWithFullPathsIsRewrittenOnceWhenOpened)
 {
     g_update_recent_ns = 0;
     TempDir tmp;
@@ -190,9 +190,8 @@ TEST(FolderMove, IndexWrittenWithFullPathsIsRewrittenOnceByTheNextUpdate)
     e = open_folder(a);
     const auto before = chunks_below(e, a);
     ASSERT_EQ(before.size(), e->count);
-    TrnUpdateReport r = update(e, a);
-    EXPECT_EQ(r.added + r.changed + r.removed + r.chunks_added, 0);
-    EXPECT_EQ(e->files_read, 0u) << "the old manifest is trusted";
+    TrnResult hit[4];
+    EXPECT_GT(trn_search(e, "kestrel", TRN_SEARCH_TEXT, 4, hit), 0);
     trn_close(e);
     store = read_file_bytes(index + "/tarnwick.bin");
     files = read_file_bytes(index + "/tarnwick.files");
@@ -200,11 +199,16 @@ TEST(FolderMove, IndexWrittenWithFullPathsIsRewrittenOnceByTheNextUpdate)
     EXPECT_EQ(files[4], 2);
     EXPECT_FALSE(contains(store, a + "/")) << "no full path is left in the store";
     EXPECT_FALSE(contains(files, a + "/")) << "nor in the manifest";
+    struct stat converted, reopened;
+    ASSERT_EQ(stat((index + "/tarnwick.bin").c_str(), &converted), 0);
+    trn_close(open_folder(a));
+    ASSERT_EQ(stat((index + "/tarnwick.bin").c_str(), &reopened), 0);
+    EXPECT_EQ(reopened.st_ino, converted.st_ino) << "converted once";
 
     ASSERT_EQ(rename(a.c_str(), b.c_str()), 0);
     e = open_folder(b);
     EXPECT_EQ(chunks_below(e, b), before);
-    r = update(e, b);
+    TrnUpdateReport r = update(e, b);
     EXPECT_EQ(r.unchanged, 3);
     EXPECT_EQ(e->files_read, 0u);
     trn_close(e);

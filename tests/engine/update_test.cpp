@@ -3,6 +3,7 @@
 ** tree, the updated index holds exactly the chunks a fresh index of the same tree holds, it read
 ** only the files that changed, and an update with nothing to do writes nothing.
 */
+#include "document_fixtures.h"
 #include "store_fixtures.h"
 
 #include <gtest/gtest.h>
@@ -240,7 +241,8 @@ TEST(UpdateManifest, AFileModifiedJustBeforeItWasReadIsReadAgain)
 }
 
 /* An index whose manifest says its text was read or cut another way is cut again once: every
-** file is replaced, and the next update trusts the new manifest. */
+** file is replaced, and the next update trusts the new manifest. One whose PDFs were read before
+** their pages were marked reads its PDFs alone again. */
 TEST(UpdateManifest, AnIndexCutByAnOlderRuleIsCutAgainOnce)
 {
     g_update_recent_ns = 0;
@@ -248,22 +250,26 @@ TEST(UpdateManifest, AnIndexCutByAnOlderRuleIsCutAgainOnce)
     std::string src = tmp.file("src");
     write_file_text(src + "/a.txt", long_text("alpha", 30));
     write_file_text(src + "/b.txt", long_text("bravo", 10));
+    write_file_text(src + "/c.pdf", pdf_with_pages({"Charlie page one", "Charlie page two"}));
     std::string index = tmp.file("index");
     Updated first = update(index, src);
-    Manifest m = {};
-    TrnEngine *files = bare_engine();
-    bare_engine_on_dir(files, index);
-    ASSERT_TRUE(manifest_read(files, &m));
-    m.text_version = MANIFEST_TEXT_VERSION - 1;
-    ASSERT_TRUE(manifest_write(files, &m));
-    free_bare_engine(files);
-    manifest_free(&m);
-    Updated again = update(index, src);
-    EXPECT_EQ(again.report.changed, 2);
-    EXPECT_EQ(again.chunks, first.chunks);
-    Updated then = update(index, src);
-    EXPECT_EQ(then.files_read, 0u);
-    EXPECT_EQ(then.report.changed, 0);
+    for (uint32_t version :
+         {MANIFEST_TEXT_VERSION_UNMARKED_PAGES - 1, MANIFEST_TEXT_VERSION_UNMARKED_PAGES}) {
+        Manifest m = {};
+        TrnEngine *files = bare_engine();
+        bare_engine_on_dir(files, index);
+        ASSERT_TRUE(manifest_read(files, &m));
+        m.text_version = version;
+        ASSERT_TRUE(manifest_write(files, &m));
+        free_bare_engine(files);
+        manifest_free(&m);
+        Updated again = update(index, src);
+        EXPECT_EQ(again.files_read, version == MANIFEST_TEXT_VERSION_UNMARKED_PAGES ? 1u : 3u);
+        EXPECT_EQ(again.chunks, first.chunks);
+        Updated then = update(index, src);
+        EXPECT_EQ(then.files_read, 0u);
+        EXPECT_EQ(then.report.changed, 0);
+    }
 }
 
 /* The listing said a file's text was cut only on the run that read it, and then forgot. */

@@ -6,6 +6,7 @@
 #include "filter_chips.h"
 #include "icons.h"
 #include "main_window.h"
+#include "missing_folder_bar.h"
 #include "result_opener.h"
 #include "results_model.h"
 #include "results_view.h"
@@ -167,6 +168,37 @@ private slots:
         h->window.action(QStringLiteral("closeTabAction"))->trigger();
         QVERIFY(h->app.tabs().isEmpty());
         QVERIFY(h->window.isShowingEmptyState());
+    }
+
+    // A saved tab whose folder is gone is named above the results; Locate opens it where it went.
+    void aSavedFolderThatIsGoneIsNamedUntilItIsLocated()
+    {
+        QTemporaryDir root;
+        const QString gone = root.filePath(QStringLiteral("harbour notes"));
+        const QString found = root.filePath(QStringLiteral("elsewhere"));
+        QVERIFY(QDir().mkpath(found));
+        m_home->settings()->setSavedTabPaths({gone});
+        auto h = std::make_unique<AppWindow>(m_home->settings());
+        QSignalSpy restored(&h->app, &AppState::stateRestored);
+        h->window.show();
+        QVERIFY(!restored.isEmpty() || restored.wait(2000));
+        MissingFolderBar *bar = h->window.missingFolderBar();
+        QVERIFY(bar->isVisibleTo(&h->window));
+        QVERIFY(h->window.isShowingEmptyState());
+        const auto *text = bar->findChild<QLabel *>(QStringLiteral("missingFolderText"));
+        QVERIFY(text->text().contains(QStringLiteral("\u201charbour notes\u201d")));
+        QString asked;
+        bar->setLocator([&asked, found](QWidget *, const QString &missing) {
+            asked = missing;
+            return found;
+        });
+        bar->findChild<QPushButton *>(QStringLiteral("locateMissingButton"))->click();
+        QCOMPARE(asked, gone);
+        QCOMPARE(h->app.tabs().size(), 1);
+        QVERIFY(!bar->isVisibleTo(&h->window));
+        QVERIFY(!h->window.isShowingEmptyState());
+        QCOMPARE(m_home->settings()->savedTabPaths(), QStringList({found}));
+        h->app.closeActiveTab();
     }
 
     void searchRunsInTheChosenMode_data()
