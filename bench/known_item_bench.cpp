@@ -40,6 +40,7 @@
 #include "encoder/vec.h"
 #include "index/hnsw.h"
 #include "known_item_queries.h"
+#include "known_item_task.h"
 #include "probe.h"
 #include "search/search.h"
 #include "text/files.h"
@@ -58,16 +59,7 @@
 namespace
 {
 
-struct Tally {
-    double hits = 0, rr = 0;
-    void add(int rank)
-    {
-        if (rank > 0) {
-            hits += 1;
-            rr += 1.0 / rank;
-        }
-    }
-};
+using bench::Tally;
 
 /* A query and the files that answer it. */
 struct Query {

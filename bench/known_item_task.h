@@ -108,6 +108,18 @@ inline std::vector<std::string> cut_chunks(const std::string &text)
     return out;
 }
 
+/* Every file's chunks in file order, with the number of the file each one comes from. */
+inline void cut_task_chunks(const std::vector<File> &files, std::vector<std::string> *chunks,
+                            std::vector<int> *chunk_file)
+{
+    for (size_t f = 0; f < files.size(); f++) {
+        for (std::string &c : cut_chunks(files[f].text)) {
+            chunks->push_back(std::move(c));
+            chunk_file->push_back((int)f);
+        }
+    }
+}
+
 /* Hits in the first ten and the reciprocal ranks, over the queries added. */
 struct Tally {
     double hits = 0, rr = 0;

@@ -1,18 +1,23 @@
 /*
-** store_bench.cpp -- how long trn_open takes on a large store, next to the time it takes just to
-** read the store file's bytes.
+** store_bench.cpp -- how long opening a large index takes, in process and for a fresh
+** tarnwick-cli search, next to the time it takes just to read the index's bytes.
 **
-** Writes a store of 100,000 chunks directly (random unit vectors, texts of a few hundred bytes,
-** ten chunks per file, neighbour lists of plausible size; nothing is embedded), then measures,
+** Writes a store of 100,000 chunks directly (random unit vectors, texts of 800 bytes of words
+** drawn as lexical_speed_bench draws them, ten chunks per file, neighbour lists of plausible size;
+** nothing is embedded), then measures,
 ** with the file in the page cache:
-**   read   fread of the whole file into a freshly allocated buffer, the floor for any loader,
-**          which must fill fresh memory too (the same read into a buffer whose pages are
-**          already mapped is shown for comparison: where page faults are dear it is far faster)
+**   read   fread of the whole file into a freshly allocated buffer, the floor for any loader
+**          that copies the store, which must fill fresh memory too (the same read into a buffer
+**          whose pages are already mapped is shown for comparison)
 **   load   store_load alone on a fresh handle
 **   open   trn_open: encoder set-up, load, log replay and the document index build
-** and prints each with its ratio to read. The target is open within 2x of read.
+** and prints each with its ratio to read. Then it converts the store to the current version with
+** a checkpoint (which writes the word index file too) and times whole tarnwick-cli processes
+** searching it in each mode, next to the same program printing its usage (a bare process start)
+** and cat reading every file of the index (what reading the index whole costs).
 **
 ** Usage: store_bench [chunks] [repetitions]   (defaults 100000 and 3; the best run is shown)
+** tarnwick-cli is taken from the directory of store_bench.
 */
 #include "probe.h"
 #include "storage/storage.h"
@@ -28,8 +33,15 @@
 #include <vector>
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <ftw.h>
+#include <spawn.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+extern char **environ;
 
 namespace
 {
@@ -84,18 +96,22 @@ long write_store(const std::string &path, uint32_t n)
     std::normal_distribution<float> gauss(0.0f, 1.0f);
     std::uniform_int_distribution<uint32_t> any(0, n - 1);
     std::uniform_real_distribution<double> unit(0.0, 1.0);
-    const char *words[] = {"index",
-                           "chunk",
-                           "vector",
-                           "search",
-                           "graph",
-                           "meaning",
-                           "local",
-                           "folder",
-                           "query",
-                           "note",
-                           "draft",
-                           "report"};
+    /* Words of a Zipf distribution over a vocabulary of 50,000 (rank r has weight 1/r), as in
+    ** lexical_speed_bench: the word index then has the size real text gives it. */
+    std::vector<std::string> words(50000);
+    std::vector<double> cdf(words.size());
+    double sum = 0.0;
+    for (size_t r = 0; r < words.size(); r++) {
+        for (size_t v = r + 1; v > 0; v /= 26) {
+            words[r] += (char)('a' + v % 26);
+        }
+        sum += 1.0 / (double)(r + 1);
+        cdf[r] = sum;
+    }
+    auto word = [&]() -> const std::string & {
+        double u = unit(rng) * sum;
+        return words[(size_t)(std::lower_bound(cdf.begin(), cdf.end(), u) - cdf.begin())];
+    };
     const int32_t m = 16;
     const float level_mult = 1.0f / (float)std::log((double)m);
 
@@ -130,8 +146,8 @@ long write_store(const std::string &path, uint32_t n)
         std::string file =
             "/home/user/documents/project/notes/file" + std::to_string(i / 10) + ".md";
         std::string text;
-        while (text.size() < 300) {
-            text += words[any(rng) % 12];
+        while (text.size() < 800) {
+            text += word();
             text += (any(rng) % 9 == 0) ? "\n" : " ";
         }
         put_string(f, file + ":" + std::to_string(i % 10));
@@ -233,6 +249,103 @@ void print_row(const char *step, Timing t, Timing base)
            t.wall_ms / base.wall_ms);
 }
 
+/* Runs argv with its output thrown away and times it from the spawn to its exit: wall time, and
+** the processor time it used (user and system). A run that fails counts as no time at all. */
+Timing time_process(const std::vector<std::string> &args, bool *failed)
+{
+    std::vector<char *> argv;
+    for (const std::string &a : args) {
+        argv.push_back(const_cast<char *>(a.c_str()));
+    }
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    auto start = std::chrono::steady_clock::now();
+    pid_t pid = 0;
+    int status = 0;
+    struct rusage ru = {};
+    bool ok = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0
+              && wait4(pid, &status, 0, &ru) == pid && WIFEXITED(status)
+              && WEXITSTATUS(status) == 0;
+    double wall =
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+    posix_spawn_file_actions_destroy(&actions);
+    if (!ok) {
+        *failed = true;
+        return {0.0, 0.0};
+    }
+    double cpu = (ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) * 1e3
+                 + (ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e3;
+    return {wall, cpu};
+}
+
+int remove_entry(const char *path, const struct stat *, int, struct FTW *)
+{
+    return remove(path);
+}
+
+/* Converts the store in index_dir to the current version, with its commit record and word index
+** file, as the next update of a real index would. */
+bool convert_store(const std::string &index_dir)
+{
+    TrnConfig cfg = {};
+    cfg.index_dir = index_dir.c_str();
+    TrnEngine *e = trn_open(&cfg);
+    bool ok = trn_checkpoint(e) == 1;
+    trn_close(e);
+    return ok;
+}
+
+/* Times fresh tarnwick-cli processes searching root's index in each mode. */
+bool time_cli(const std::string &cli, const std::string &root, const std::string &index_dir,
+              int reps)
+{
+    std::vector<std::string> files;
+    if (DIR *d = opendir(index_dir.c_str())) {
+        while (dirent *ent = readdir(d)) {
+            if (ent->d_name[0] != '.') {
+                files.push_back(index_dir + "/" + ent->d_name);
+            }
+        }
+        closedir(d);
+    }
+    std::vector<std::string> cat = {"cat"};
+    cat.insert(cat.end(), files.begin(), files.end());
+    struct Row {
+        const char *name;
+        std::vector<std::string> args;
+        std::vector<Timing> runs;
+    };
+    std::vector<Row> rows = {
+        {"start: tarnwick-cli --help", {cli, "--help"}, {}},
+        {"cat of the index files", cat, {}},
+        {"search --mode keyword", {cli, "search", root, "xd jkh", "--mode", "keyword"}, {}},
+        {"search --mode semantic", {cli, "search", root, "xd jkh", "--mode", "semantic"}, {}},
+        {"search --mode hybrid", {cli, "search", root, "xd jkh", "--mode", "hybrid"}, {}},
+    };
+    bool failed = false;
+    time_process(rows[1].args, &failed); /* the files into the page cache */
+    for (int r = 0; r < reps; r++) {
+        for (Row &row : rows) {
+            row.runs.push_back(time_process(row.args, &failed));
+        }
+    }
+    if (failed) {
+        fprintf(stderr, "store_bench: a process failed: %s\n", cli.c_str());
+        return false;
+    }
+    Timing base = best(rows[1].runs);
+    printf("\nfresh processes on the converted index; best of %d runs, ratio to cat\n", reps);
+    printf("| process                    |  cpu ms  |  x cat |  wall ms |  x cat |\n");
+    printf("|----------------------------|----------|--------|----------|--------|\n");
+    for (const Row &row : rows) {
+        print_row(row.name, best(row.runs), base);
+    }
+    return true;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -248,11 +361,15 @@ int main(int argc, char **argv)
         perror("store_bench: mkdtemp");
         return 1;
     }
-    std::string dir = tmpl;
+    std::string root = tmpl;
+    std::string dir = root + "/.tarnwick";
     std::string path = dir + "/tarnwick.bin";
-    long size = write_store(path, n);
+    std::string self = argv[0];
+    std::string cli = self.substr(0, self.rfind('/') + 1) + "tarnwick-cli";
+    long size = mkdir(dir.c_str(), 0700) == 0 ? write_store(path, n) : -1;
     if (size < 0) {
         fprintf(stderr, "store_bench: cannot write %s\n", path.c_str());
+        nftw(root.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
         return 1;
     }
 
@@ -281,8 +398,10 @@ int main(int argc, char **argv)
                (unsigned long long)opened,
                n);
     }
-    unlink(path.c_str());
-    unlink((dir + "/tarnwick.wal").c_str());
-    rmdir(dir.c_str());
-    return loaded == n && opened == n ? 0 : 1;
+    bool ok = loaded == n && opened == n;
+    if (ok && self.find('/') != std::string::npos) {
+        ok = convert_store(dir) && time_cli(cli, root, dir, reps);
+    }
+    nftw(root.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+    return ok ? 0 : 1;
 }

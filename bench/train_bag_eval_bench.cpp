@@ -38,7 +38,6 @@ namespace
 
 constexpr int DIM = TRN_ENCODER_DIM;
 
-using bench::cut_chunks;
 using bench::File;
 using bench::Query;
 using bench::read_task;
@@ -92,12 +91,7 @@ int main(int argc, char **argv)
     }
     std::vector<std::string> chunks;
     std::vector<int> chunk_file;
-    for (size_t f = 0; f < items.size(); f++) {
-        for (std::string &c : cut_chunks(items[f].text)) {
-            chunks.push_back(std::move(c));
-            chunk_file.push_back((int)f);
-        }
-    }
+    bench::cut_task_chunks(items, &chunks, &chunk_file);
     size_t n_slice = 0;
     for (const Query &q : queries) {
         n_slice += q.mismatch ? 1 : 0;

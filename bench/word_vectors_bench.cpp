@@ -252,6 +252,7 @@ void score(const char *label, const Vectors &w, const std::unordered_map<std::st
     }
     std::vector<int> order(chunks.size());
     Tally all, slice;
+    double ns = 0; /* queries in the mismatch slice */
     for (const Query &query : queries) {
         std::vector<std::string> ws;
         words_of(query.text, &ws);
@@ -278,13 +279,10 @@ void score(const char *label, const Vectors &w, const std::unordered_map<std::st
         all.add(rank);
         if (query.mismatch) {
             slice.add(rank);
+            ns += 1;
         }
     }
     const double nq = (double)queries.size();
-    double ns = 0;
-    for (const Query &query : queries) {
-        ns += query.mismatch ? 1 : 0;
-    }
     printf("| %s | %zu | %.3f / %.3f | %.3f / %.3f |\n",
            label,
            known.size(),
@@ -342,12 +340,7 @@ int main(int argc, char **argv)
         }
         std::vector<std::string> chunks;
         std::vector<int> chunk_file;
-        for (size_t f = 0; f < files.size(); f++) {
-            for (std::string &c : bench::cut_chunks(files[f].text)) {
-                chunks.push_back(std::move(c));
-                chunk_file.push_back((int)f);
-            }
-        }
+        bench::cut_task_chunks(files, &chunks, &chunk_file);
         printf("\n%s: %zu files, %zu chunks, %zu queries\n\n| word vectors | words | R@10 / "
                "MRR@10 | mismatch slice |\n|---|---:|---:|---:|\n",
                task.c_str(),

@@ -185,8 +185,15 @@ void cmd_search(const Options &o, const ModelRuntime &model)
         // names one.
         std::string description;
         std::string weights = chosen_weights(o, model, roots.back(), &description);
-        engines.push_back(open_existing(roots.back(), weights));
+        require_index(roots.back());
+        engines.push_back(open_engine(index_dir_of(roots.back()), weights));
         handles.push_back(engines.back().get());
+        // A search by words alone never reads the encoder, so its weights are read (and
+        // checked) only when meaning is searched or --weights names them.
+        if (o.mode == TRN_SEARCH_SEMANTIC || o.mode == TRN_SEARCH_HYBRID
+            || o.mode == TRN_SEARCH_SEMANTIC_ALL || !o.weights.empty()) {
+            prepare_weights(handles.back(), weights);
+        }
     }
     const std::string &query = o.query;
     const bool several = roots.size() > 1;
@@ -207,6 +214,12 @@ void cmd_search(const Options &o, const ModelRuntime &model)
                     : trn_search_ex(handles[0], query.c_str(), o.mode, k, layout, results.data());
     if (n < 0) {
         n = 0;
+    }
+    // A part of an index that is read only when a search needs it is checked then.
+    for (TrnEngine *handle : handles) {
+        if (trn_last_status(handle) == TRN_STATUS_DAMAGED) {
+            throw Failure(trn_last_error(handle));
+        }
     }
     // Chunks whose vectors an indexing has not computed yet are outside the semantic ranking.
     uint64_t embedded = 0, chunks = 0;

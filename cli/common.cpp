@@ -124,17 +124,38 @@ std::string chosen_weights(const Options &o, const ModelRuntime &model, const st
     return application_weights(model, root, description);
 }
 
-void check_weights(const std::string &weights)
+namespace
 {
-    if (weights.empty()) {
-        return;
-    }
+
+void check_weights_readable(const std::string &weights)
+{
     // The engine would say the same on a line of its own: one line is enough.
     int fd = open(weights.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
         throw Failure("cannot load encoder weights from " + weights + ": " + errno_text());
     }
     close(fd);
+}
+
+} // namespace
+
+void prepare_weights(TrnEngine *engine, const std::string &weights)
+{
+    if (weights.empty()) {
+        return;
+    }
+    check_weights_readable(weights);
+    if (!trn_prepare_encoder(engine)) {
+        throw Failure("cannot load encoder weights from " + weights);
+    }
+}
+
+void check_weights(const std::string &weights)
+{
+    if (weights.empty()) {
+        return;
+    }
+    check_weights_readable(weights);
     EncoderGuard scratch;
     if (!trn_encoder_load_weights(scratch.encoder, weights.c_str())) {
         throw Failure("cannot load encoder weights from " + weights);

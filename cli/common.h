@@ -58,6 +58,9 @@ void require_index(const std::string &root);
 // Loads the weights into a scratch encoder first, so that a missing or damaged file is an error
 // here rather than a silent fall-back to the random encoder inside trn_open. Empty: nothing.
 void check_weights(const std::string &weights);
+// The same check for an open engine, reading the weights into its encoder (which it otherwise
+// reads at its first use), so they are read once.
+void prepare_weights(TrnEngine *engine, const std::string &weights);
 
 // Creates the index directory (mode 0700: only its owner may read what was indexed) when it is
 // missing. Indexing starts from scratch (vectors of an earlier index may come from another

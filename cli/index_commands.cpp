@@ -252,17 +252,18 @@ void run_update(const Options &o, const UpdateSetup &u, TrnEngine *e)
     write_out(update_line(o, report, seconds_since(start)));
 }
 
-// Waits for a change below root that then stays quiet for settle_ms; false when a signal asked
-// to stop first.
-bool wait_for_settled_change(TrnWatch *w, int settle_ms)
+// Waits for a change below root that then stays quiet for settle_ms, or for another process to
+// commit to the index (a rebuild that replaced it brings back what it read before the last
+// changes); false when a signal asked to stop first.
+bool wait_for_settled_change(TrnWatch *w, const TrnEngine *e, int settle_ms)
 {
     bool changed = false;
     while (!g_stop) {
         int fd = trn_watch_fd(w);
         if (fd >= 0) {
             struct pollfd p = {fd, POLLIN, 0};
-            int rc = poll(&p, 1, changed ? settle_ms : -1);
-            if (rc == 0) {
+            int rc = poll(&p, 1, settle_ms);
+            if (rc == 0 && (changed || trn_index_changed(e))) {
                 return true; /* quiet for settle_ms after a change */
             }
             if (rc > 0 && trn_watch_changed(w)) {
@@ -276,7 +277,7 @@ bool wait_for_settled_change(TrnWatch *w, int settle_ms)
             }
             if (trn_watch_changed(w)) {
                 changed = true;
-            } else if (changed) {
+            } else if (changed || trn_index_changed(e)) {
                 return true;
             }
         }
@@ -338,7 +339,7 @@ void cmd_watch(const Options &o, const ModelRuntime &model)
     // Changes made while the program was not running come in first.
     run_update(o, u, engine.get());
     std::fflush(stdout);
-    while (wait_for_settled_change(watch.get(), WATCH_SETTLE_MS)) {
+    while (wait_for_settled_change(watch.get(), engine.get(), WATCH_SETTLE_MS)) {
         run_update(o, u, engine.get());
         std::fflush(stdout);
     }

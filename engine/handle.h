@@ -22,7 +22,7 @@ constexpr int TRN_ERROR_MAX = 1200; /* trn_last_error's message, with its NUL */
 
 struct TrnChunk {
     char doc_id[TRN_ID_MAX];
-    char *text;      /* owned, never NULL for a live slot */
+    char *text;      /* owned unless text_in_store, never NULL for a live slot */
     char *file_path; /* owned, may be NULL */
     int32_t chunk_index;
     int32_t line_number;
@@ -31,14 +31,17 @@ struct TrnChunk {
     /* Its text is committed and its vector not yet (zeros): it is in the word index, not in the
     ** graph, until the meaning phase (meaning.cpp) embeds it. */
     uint8_t pending;
+    uint8_t text_in_store; /* text lies in the mapped store (store_map), which owns it */
 };
 
 /* Terms, postings and chunk lengths of the word index (word_index.h). */
 struct TrnLexical;
+/* A store file a handle keeps mapped (store_mapped.cpp). */
+struct TrnStoreMap;
 
 struct TrnEngine {
     TrnChunk *chunks;  /* capacity slots */
-    float *vectors;    /* capacity x dim; chunk i at i * dim */
+    float *vectors;    /* capacity x dim; chunk i at i * dim; read through chunk_vector */
     TrnNode *nodes;    /* capacity slots, parallel to chunks */
     uint64_t count;    /* slots in use, live and deleted */
     uint64_t capacity; /* count <= capacity */
@@ -57,7 +60,11 @@ struct TrnEngine {
     ** an in-memory engine. */
     char folder[TRN_PATH_MAX];
     FILE *wal; /* the log, open for appending, or NULL; written with write(2) and fsync(2) only */
+    /* The encoder is set up and its weights read at its first use (engine_encoder): a search by
+    ** words never needs it. */
     TrnEncoder encoder;
+    uint8_t encoder_ready;
+    char *weights_path; /* owned; NULL: the random encoder */
     uint8_t weights_loaded;
     int32_t embed_threads;      /* workers of embed_chunks, >= 1 */
     TrnScratch **embed_scratch; /* their scratch spaces (slot 0 unused), NULL until needed */
@@ -94,6 +101,12 @@ struct TrnEngine {
 
     /* word index of the live chunks (word_index.cpp); NULL until the first lex_sync */
     TrnLexical *lexical;
+    /* The word index file belongs to the store loaded with no log after it: the first lex_sync
+    ** reads it, if the chunks are still those lex_count and lex_deleted say (searches by meaning
+    ** never need it). */
+    uint8_t lex_deferred;
+    uint64_t lex_count;
+    uint64_t lex_deleted;
     /* durability (sharing.cpp, locks.cpp); all zero for an in-memory handle */
     int dir_fd; /* the index directory (file_io.cpp), valid when dir_open */
     uint8_t dir_open;
@@ -138,6 +151,28 @@ struct TrnEngine {
     uint32_t own_from_crc; /* CRC-32 of the log before own_from */
     uint64_t own_end;
     uint8_t paths_full; /* the store names files by full paths, as version 1 did: rewrite it */
+    /* The store as mapped at load, while chunks' texts or the vectors point into it; nothing
+    ** writes to it. NULL for a store read by copying. */
+    TrnStoreMap *store_map;
+    /* While vectors points into store_map: bit i is set once chunk i's vector matched its
+    ** checksum (chunk_vector). NULL once the handle owns its vectors (vectors_own). */
+    uint64_t *vectors_checked;
+    uint8_t doc_index_stored; /* the document index came with the store, no log after it */
 };
+
+/* The handle's encoder, set up on the first call: weights_path read into it, or the random
+** encoder with a line on stderr when they cannot be read. */
+TrnEncoder *engine_encoder(TrnEngine *e);
+
+/* Chunk slot's vector. One read in place from a mapped store is checked against its checksum
+** the first time (vector_check); a damaged one reads as zeros and marks the handle damaged. */
+const float *vector_check(const TrnEngine *e, uint64_t slot);
+inline const float *chunk_vector(const TrnEngine *e, uint64_t slot)
+{
+    if (e->vectors_checked && !((e->vectors_checked[slot / 64] >> (slot % 64)) & 1)) {
+        return vector_check(e, slot);
+    }
+    return e->vectors + slot * (uint64_t)e->dim;
+}
 
 #endif /* TRN_HANDLE_H */

@@ -15,7 +15,7 @@ ProbeChunk probe_chunk(const TrnEngine *e, uint64_t slot)
     p.doc_id = c->doc_id;
     p.text = c->text;
     p.file_path = c->file_path;
-    p.vector = e->vectors + slot * (uint64_t)e->dim;
+    p.vector = chunk_vector(e, slot);
     p.chunk_index = c->chunk_index;
     p.line_number = c->line_number;
     p.deleted = c->deleted != 0;
@@ -24,12 +24,12 @@ ProbeChunk probe_chunk(const TrnEngine *e, uint64_t slot)
 
 TrnEncoder *probe_encoder(TrnEngine *e)
 {
-    return &e->encoder;
+    return engine_encoder(e);
 }
 
-bool probe_weights_loaded(const TrnEngine *e)
+bool probe_weights_loaded(TrnEngine *e)
 {
-    return e->weights_loaded != 0;
+    return engine_encoder(e) && e->weights_loaded != 0;
 }
 
 void probe_set_embed_threads(TrnEngine *e, int32_t workers)

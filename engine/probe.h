@@ -32,7 +32,7 @@ struct ProbeChunk {
 ProbeChunk probe_chunk(const TrnEngine *e, uint64_t slot);
 /* The handle's encoder, owned by the handle, and whether weights were loaded into it. */
 TrnEncoder *probe_encoder(TrnEngine *e);
-bool probe_weights_loaded(const TrnEngine *e);
+bool probe_weights_loaded(TrnEngine *e);
 /* Sets how many workers embed a batch of chunks (at least 1). */
 void probe_set_embed_threads(TrnEngine *e, int32_t workers);
 
@@ -53,7 +53,8 @@ void probe_link_to(TrnEngine *e, uint64_t slot, const uint32_t *to, int32_t coun
 /* Restarts the generator of graph levels at seed, so that two builds draw the same levels. */
 void probe_seed_levels(TrnEngine *e, uint64_t seed);
 
-/* True when the handle holds its word index (read at open from the index file, or built). */
+/* True when the handle holds its word index (read from the index file by the first search by
+** words, or built). */
 bool probe_has_word_index(const TrnEngine *e);
 /* Closes the handle without the checkpoint a close may write, leaving the files as they are. */
 void probe_close_unwritten(TrnEngine *e);

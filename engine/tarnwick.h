@@ -193,10 +193,15 @@ typedef struct TrnFileList {
 typedef bool (*TrnProgressFn)(const char *path, int32_t done, int32_t total, void *user);
 
 /* Opens an engine on cfg->index_dir (which must exist; the engine never creates directories):
-** loads the store file, replays the log and builds the document index. A missing store or log
-** is not an error. Prints "tarnwick: opened (N docs, dim=D)", "tarnwick: built doc index (N
-** files)" and, when the weights loaded, "tarnwick: loaded encoder weights from PATH" while
-** trn_set_verbose is on; weights that do not load are reported always. The graph's levels come
+** maps the store file (whose vectors, and the word index file, are read when a search first needs
+** them), replays the log and builds the document index unless the store holds it. A missing
+** store or log is not an error. Prints "tarnwick: opened (N docs, dim=D)" and, when it builds
+** it, "tarnwick: built doc index (N files)" while trn_set_verbose is on. The encoder and its
+** weights (cfg->weights_path) are read at its first use, or by trn_prepare_encoder: then
+** "tarnwick: loaded encoder weights from PATH" while trn_set_verbose is on, and weights that do
+** not load are reported always ("tarnwick: using random encoder (no weights at PATH)"). A vector
+** found damaged when it is read makes that search return nothing with trn_last_status
+** TRN_STATUS_DAMAGED, and every later write fail with it. The graph's levels come
 ** from the handle's own generator, seeded from a constant and the number of chunks loaded, so
 ** the same operations build the same graph. Replaying the log embeds nothing (chunks logged
 ** without vectors wait for an update: trn_meaning_progress). Never returns NULL; close with
@@ -210,6 +215,12 @@ typedef bool (*TrnProgressFn)(const char *path, int32_t done, int32_t total, voi
 ** paths. Files written by older versions, with every path whole, are read as they are and
 ** rewritten once by the next trn_update_dir or trn_checkpoint. */
 TRN_API TrnEngine *trn_open(const TrnConfig *cfg);
+
+/* Sets up e's encoder now instead of at its first use, reading the weights trn_open was given.
+** Returns 1 when they were read or none were given; 0 when they could not be read (or e is NULL):
+** e then embeds with the random encoder (seed 42), and only trn_encoder_load_weights's own line
+** is printed, not the one a first use prints. */
+TRN_API int32_t trn_prepare_encoder(TrnEngine *e);
 
 /* ---------------------------------------------------------------------------------------------
 ** Sharing an index directory, crashes and damage
@@ -295,6 +306,11 @@ TRN_API int32_t trn_checkpoint(TrnEngine *e);
 ** when groups were cut, 0 when there were none or they could not be (busy, another process wrote
 ** after them, the log could not be cut). The handle's status and message stay as they were. */
 TRN_API int32_t trn_rollback(TrnEngine *e);
+
+/* Returns 1 when another process committed to e's index since e last loaded or wrote it (a rebuild
+** that replaced it included), else 0, also for NULL or an in-memory or rebuilding handle. Reads
+** only the commit record and the files' sizes, so it may be asked every few seconds. */
+TRN_API int32_t trn_index_changed(const TrnEngine *e);
 
 /* Turns the engine's informational lines on standard error ("opened", "built doc index", "loaded
 ** encoder weights") on (non-zero, the default) or off (0). Warnings and errors are printed either

@@ -46,10 +46,10 @@ SearchResult toResult(const TrnResult &r)
     return result;
 }
 
-// The index directory, readable by its owner alone (0700); the directories above it as before.
+// The index directory, readable by its owner alone (0700), made only inside a folder that
+// exists: a folder deleted while its tab was open is never made again by a late job.
 void createIndexDir(const QString &dataDir)
 {
-    QDir().mkpath(QFileInfo(dataDir).path());
     ::mkdir(QFile::encodeName(dataDir).constData(), 0700);
 }
 

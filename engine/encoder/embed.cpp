@@ -130,11 +130,13 @@ void embed_chunk_with(TrnEngine *e, TrnScratch *scratch, const char *text, float
 
 void embed_chunk(TrnEngine *e, const char *text, float *v)
 {
+    engine_encoder(e);
     embed_chunk_with(e, worker_scratch(e, 0), text, v);
 }
 
 void embed_chunks(TrnEngine *e, const char *const *texts, size_t count, float *out)
 {
+    engine_encoder(e); /* before any worker reads it */
     int32_t workers = e->embed_threads;
     if (workers > EMBED_THREADS_MAX) {
         workers = EMBED_THREADS_MAX;
@@ -272,7 +274,7 @@ void embed_distinct_chunks(TrnEngine *e, const char *const *texts, size_t count,
         hashes[i] = hash_of(texts[i]);
         int64_t slot = text_table_find(e, hashes[i], texts[i]);
         if (slot >= 0) {
-            memcpy(out + i * dim, e->vectors + (uint64_t)slot * dim, dim * sizeof(float));
+            memcpy(out + i * dim, chunk_vector(e, slot), dim * sizeof(float));
             source[i] = (int64_t)i; /* done */
             continue;
         }

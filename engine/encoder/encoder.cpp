@@ -79,10 +79,11 @@ float rng_draw(uint32_t *state)
     return ((float)(x % 10000) / 10000.0f - 0.5f) * 0.04f;
 }
 
+/* n floats drawn from state; left undrawn without one. */
 float *random_floats(size_t n, uint32_t *state)
 {
     float *p = encoder_alloc_floats(n);
-    for (size_t i = 0; i < n; i++) {
+    for (size_t i = 0; state && i < n; i++) {
         p[i] = rng_draw(state);
     }
     return p;
@@ -132,15 +133,17 @@ void free_layer(TrnEncoderLayer *layer)
     }
 }
 
-void init_common(TrnEncoder *enc, uint32_t seed)
+/* Allocates every tensor, drawing them from seed when draw is set. */
+void init_common(TrnEncoder *enc, uint32_t seed, bool draw = true)
 {
-    uint32_t state = seed ? seed : 1;
-    enc->tok_emb = random_floats((size_t)enc->vocab_size * DIM, &state);
-    enc->pos_emb = random_floats((size_t)MAX_SEQ * DIM, &state);
+    uint32_t seeded = seed ? seed : 1;
+    uint32_t *state = draw ? &seeded : nullptr;
+    enc->tok_emb = random_floats((size_t)enc->vocab_size * DIM, state);
+    enc->pos_emb = random_floats((size_t)MAX_SEQ * DIM, state);
     enc->ln_f_gamma = filled_floats(DIM, 1.0f);
     enc->ln_f_beta = filled_floats(DIM, 0.0f);
     for (TrnEncoderLayer &layer : enc->layers) {
-        init_layer(&layer, &state);
+        init_layer(&layer, state);
     }
 }
 
@@ -499,6 +502,14 @@ void encoder_init(TrnEncoder *enc, uint32_t seed)
     enc->vocab_size = TRN_ENCODER_BYTE_VOCAB;
     enc->bpe = nullptr;
     init_common(enc, seed);
+}
+
+void encoder_init_undrawn(TrnEncoder *enc)
+{
+    memset(enc, 0, sizeof *enc);
+    enc->vocab_size = TRN_ENCODER_BYTE_VOCAB;
+    enc->bpe = nullptr;
+    init_common(enc, 0, false);
 }
 
 void encoder_init_bpe(TrnEncoder *enc, uint32_t seed, TrnBpe *bpe)

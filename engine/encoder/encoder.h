@@ -42,6 +42,8 @@ struct TrnEncoder {
 ** held by value (the engine handle's, the tests'): encoder_release frees what the record owns
 ** and zeroes it, but not the record. */
 void encoder_init(TrnEncoder *enc, uint32_t seed);
+/* As encoder_init, with the tensors allocated but not drawn: for a weights file to fill. */
+void encoder_init_undrawn(TrnEncoder *enc);
 void encoder_init_bpe(TrnEncoder *enc, uint32_t seed, TrnBpe *bpe);
 void encoder_release(TrnEncoder *enc);
 

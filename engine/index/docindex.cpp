@@ -70,7 +70,9 @@ void compact_mem(TrnEngine *e)
     for (uint64_t i = 0; i < e->count; i++) {
         TrnChunk *c = &e->chunks[i];
         if (c->deleted) {
-            free(c->text);
+            if (!c->text_in_store) {
+                free(c->text);
+            }
             free(c->file_path);
         } else {
             /* The text and path pointers move with the record. */
@@ -189,7 +191,7 @@ int32_t trn_build_doc_index(TrnEngine *e)
         }
         hint = slot_of.find(std::string_view(c->file_path))->second;
         float *row = centroids + (size_t)hint * dim;
-        vec_add(row, e->vectors + i * dim, row, dim);
+        vec_add(row, chunk_vector(e, i), row, dim);
         counts[hint]++;
     }
     for (int32_t j = 0; j < n; j++) {

@@ -69,7 +69,7 @@ constexpr int PREFETCH_LINES = 8; /* cache lines of a vector fetched ahead of it
 
 inline const float *vec_at(const TrnEngine *e, uint32_t i)
 {
-    return e->vectors + (size_t)i * (size_t)e->dim;
+    return chunk_vector(e, i);
 }
 
 inline float dist_to(const TrnEngine *e, const float *q, uint32_t i)

@@ -32,6 +32,7 @@
 #include "internal.h"
 #include "text/files.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
@@ -113,6 +114,9 @@ void ensure_cap(TrnEngine *e, uint64_t n)
     if (e->capacity >= n) {
         return;
     }
+    /* A log replayed over a mapped store adds chunks: the vectors move to memory first (a
+    ** damaged one refuses the handle, which its caller reports). */
+    vectors_own(e);
     uint64_t c = e->capacity ? e->capacity : FIRST_CAPACITY;
     while (c < n) {
         if (c > UINT64_MAX / 2) {
@@ -137,7 +141,9 @@ void ensure_cap(TrnEngine *e, uint64_t n)
 void chunk_slot_clear(TrnEngine *e, uint64_t slot)
 {
     TrnChunk *c = &e->chunks[slot];
-    free(c->text);
+    if (!c->text_in_store) {
+        free(c->text);
+    }
     free(c->file_path);
     memset(c, 0, sizeof *c);
     node_reset(&e->nodes[slot]);
@@ -223,6 +229,7 @@ void add_doc_pending(TrnEngine *e, const char *doc_id, const char *text, const c
 
 void set_chunk_vector(TrnEngine *e, uint64_t slot, const void *v)
 {
+    vectors_own(e); /* a log replayed over a mapped store: as in ensure_cap */
     memcpy(e->vectors + slot * (uint64_t)e->dim, v, (size_t)e->dim * sizeof(float));
     e->chunks[slot].pending = 0;
     link_slot(e, slot);
@@ -345,10 +352,24 @@ namespace
 
 /* The windows of one text, embedded, waiting to be logged and linked. */
 struct PendingChunk {
-    char doc_id[TRN_ID_MAX];
     char *text; /* owned */
     int32_t line_number;
 };
+
+/* Chunks embedded per block: the vectors of a large file are kept in blocks, each freed once its
+** chunks have joined the index, so its vectors are never all held twice. */
+constexpr size_t EMBED_BLOCK = 1024;
+
+/* The bytes of the log records that add the pending chunks of path (wal.cpp's layout), so the
+** group is allocated once instead of growing by doubling. */
+size_t group_bytes(size_t pending_text, size_t chunks, size_t path_len, int32_t dim)
+{
+    /* the 'G', 'D' and 'C' records; per chunk op, doc id ("<path>:<n>"), text, path and fields,
+    ** and with dim its 'V' record: op, doc id and the vector */
+    size_t vector = dim > 0 ? 1 + 4 + path_len + 12 + 4 + (size_t)dim * sizeof(float) : 0;
+    return 128 + path_len + pending_text
+           + chunks * (1 + 4 + path_len + 12 + 4 + 4 + path_len + 13 + vector);
+}
 
 /* True when the live chunks of path are exactly pending, in order, of type: replacing them
 ** would change nothing but their slots. */
@@ -408,7 +429,8 @@ static int32_t chunk_and_store(TrnEngine *e, const char *path, const char *text,
     TextWindows windows;
     cut_windows(text, length, chunk_size, overlap, &windows);
     std::vector<PendingChunk, XAllocator<PendingChunk>> pending;
-    std::vector<float, XAllocator<float>> vectors;
+    pending.reserve(windows.size());
+    size_t pending_text = 0;
     /* Line feeds before a window's start, counted once: starts only grow, and the count stops
     ** for good at a 0 byte, which gives the same line as rescanning the text before each start. */
     int64_t scanned = 0;
@@ -420,7 +442,7 @@ static int32_t chunk_and_store(TrnEngine *e, const char *path, const char *text,
         p.text = static_cast<char *>(xmalloc(n + 1));
         memcpy(p.text, text + w.begin, n);
         p.text[n] = '\0';
-        snprintf(p.doc_id, sizeof p.doc_id, "%s:%d", path, (int)pending.size());
+        pending_text += n;
         while (!hit_nul && scanned < w.begin) {
             if (text[scanned] == '\0') {
                 hit_nul = true;
@@ -440,58 +462,75 @@ static int32_t chunk_and_store(TrnEngine *e, const char *path, const char *text,
         }
         return (int32_t)pending.size();
     }
+    const size_t blocks = embed ? (pending.size() + EMBED_BLOCK - 1) / EMBED_BLOCK : 0;
+    std::vector<float *, XAllocator<float *>> vectors(blocks, nullptr);
     std::vector<const char *, XAllocator<const char *>> texts;
-    texts.reserve(pending.size());
-    for (const PendingChunk &c : pending) {
-        texts.push_back(c.text);
-    }
-    if (embed) {
-        vectors.resize(pending.size() * (size_t)e->dim);
-        embed_distinct_chunks(e, texts.data(), texts.size(), vectors.data());
+    for (size_t b = 0; b < blocks; b++) {
+        size_t from = b * EMBED_BLOCK, n = std::min(EMBED_BLOCK, pending.size() - from);
+        texts.clear();
+        for (size_t i = from; i < from + n; i++) {
+            texts.push_back(pending[i].text);
+        }
+        vectors[b] = static_cast<float *>(xmalloc(xmul(xmul(n, (size_t)e->dim), sizeof(float))));
+        embed_distinct_chunks(e, texts.data(), n, vectors[b]);
     }
 
     int32_t added = -1;
+    char doc_id[TRN_ID_MAX];
     if (write_begin(e)) {
-        TrnBytes group;
-        wal_group_begin(e, &group);
-        if (replace) {
-            wal_put_remove(e, &group, path);
-        }
-        for (size_t i = 0; i < pending.size(); i++) {
-            wal_put_add(e,
-                        &group,
-                        pending[i].doc_id,
-                        pending[i].text,
-                        path,
-                        (int32_t)i,
-                        pending[i].line_number,
-                        type);
-            if (embed) {
-                wal_put_vector(e, &group, pending[i].doc_id, vectors.data() + i * (size_t)e->dim);
+        bool committed;
+        {
+            TrnBytes group;
+            group.reserve(
+                group_bytes(pending_text, pending.size(), strlen(path), embed ? e->dim : 0));
+            wal_group_begin(e, &group);
+            if (replace) {
+                wal_put_remove(e, &group, path);
             }
-        }
-        if (wal_commit_group(e, &group)) {
+            for (size_t i = 0; i < pending.size(); i++) {
+                snprintf(doc_id, sizeof doc_id, "%s:%d", path, (int)i);
+                wal_put_add(e,
+                            &group,
+                            doc_id,
+                            pending[i].text,
+                            path,
+                            (int32_t)i,
+                            pending[i].line_number,
+                            type);
+                if (embed) {
+                    wal_put_vector(e,
+                                   &group,
+                                   doc_id,
+                                   vectors[i / EMBED_BLOCK] + (i % EMBED_BLOCK) * (size_t)e->dim);
+                }
+            }
+            committed = wal_commit_group(e, &group);
+        } /* the group's bytes go before the chunks join the index */
+        if (committed) {
             if (replace) {
                 remove_file_mem(e, path);
             }
+            ensure_cap(e, e->count + pending.size());
             for (size_t i = 0; i < pending.size(); i++) {
+                snprintf(doc_id, sizeof doc_id, "%s:%d", path, (int)i);
                 if (embed) {
                     add_doc_vec(e,
-                                pending[i].doc_id,
+                                doc_id,
                                 pending[i].text,
                                 path,
                                 (int32_t)i,
                                 pending[i].line_number,
                                 type,
-                                vectors.data() + i * (size_t)e->dim);
+                                vectors[i / EMBED_BLOCK] + (i % EMBED_BLOCK) * (size_t)e->dim);
                 } else {
-                    add_doc_pending(e,
-                                    pending[i].doc_id,
-                                    pending[i].text,
-                                    path,
-                                    (int32_t)i,
-                                    pending[i].line_number,
-                                    type);
+                    add_doc_pending(
+                        e, doc_id, pending[i].text, path, (int32_t)i, pending[i].line_number, type);
+                }
+                free(pending[i].text);
+                pending[i].text = nullptr;
+                if (embed && (i % EMBED_BLOCK == EMBED_BLOCK - 1 || i + 1 == pending.size())) {
+                    free(vectors[i / EMBED_BLOCK]);
+                    vectors[i / EMBED_BLOCK] = nullptr;
                 }
             }
             added = (int32_t)pending.size();
@@ -509,6 +548,9 @@ static int32_t chunk_and_store(TrnEngine *e, const char *path, const char *text,
     }
     for (PendingChunk &p : pending) {
         free(p.text);
+    }
+    for (float *block : vectors) {
+        free(block);
     }
     return added;
 }

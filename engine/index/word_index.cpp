@@ -225,6 +225,12 @@ void lex_free(TrnEngine *e)
 
 void lex_sync(TrnEngine *e)
 {
+    if (!e->lexical && e->lex_deferred) {
+        e->lex_deferred = 0;
+        if (e->count == e->lex_count && e->deleted_count == e->lex_deleted) {
+            lex_load(e);
+        }
+    }
     if (!e->lexical) {
         e->lexical = static_cast<TrnLexical *>(xcalloc(1, sizeof(TrnLexical)));
     }

@@ -4,23 +4,26 @@
 ** Building the index from the texts takes about 50 ms per thousand chunks of
 ** varied text (bench/lexical_speed_bench.cpp), over twice what opening the store costs, so a
 ** writer keeps a copy beside the store, "tarnwick.lex", written after every checkpoint
-** (lex_save) and read when a handle loads that store (lex_load), before the log is replayed; the
-** log's chunks are then added by the first lex_sync. The store and the log never depend on it:
-** it is written after them, under a unique temporary name (mode 0600), synced and renamed
+** (lex_save) and read (lex_load) by the first lex_sync when no log followed the store, else when
+** the handle loads the store, before the log is replayed; the log's chunks are then added by the
+** first lex_sync. A search by meaning alone never reads it. The store and the log never depend
+** on it: it is written after them, under a unique temporary name (mode 0600), synced and renamed
 ** into place, and one that is missing, of another version, damaged or made for another store is
 ** ignored, and the index is built from the texts at the first keyword or hybrid search instead.
 ** Readers never write it. Layout, little-endian, no padding:
 **
 **     offset  size  field
 **          0     4  magic "TRNL"
-**          4     4  uint32 version, 1 (a change of the terms a text gives needs a new one)
+**          4     4  uint32 version, 2 (a change of the terms a text gives needs a new one);
+**                   1 is the same with zlib's CRC-32 at 48, still read
 **          8     8  uint64 size of the store this index belongs to
-**         16     4  uint32 CRC-32 of that store (the commit record's, computed at load anyway)
+**         16     4  uint32 checksum of that store (the commit record's: store_checksum)
 **         20     4  uint32 T, terms
 **         24     8  uint64 S, chunk slots: the store's chunk records, deleted ones included
 **         32     8  uint64 P, postings
 **         40     8  uint64 pool bytes
-**         48     4  uint32 CRC-32 of every byte after the header
+**         48     4  uint32 CRC-32C of every byte after the header (crc32c_update: the file is
+**                   read whole by the first search by words, so its check must be fast)
 **         52     4  uint32 CRC-32 of bytes 0..51
 **     then S uint32: terms in each chunk (0 for a deleted one)
 **          T records of uint32 length of the term, uint32 chunks holding it (its postings)
@@ -46,7 +49,8 @@
 namespace
 {
 
-constexpr uint32_t LEX_FILE_VERSION = 1;
+constexpr uint32_t LEX_FILE_VERSION = 2;
+constexpr uint32_t LEX_FILE_VERSION_ZLIB = 1; /* its body checked with zlib's CRC-32, still read */
 constexpr size_t LEX_HEADER_SIZE = 56;
 
 struct LexHeader {
@@ -57,6 +61,7 @@ struct LexHeader {
     uint64_t postings;
     uint64_t pool;
     uint32_t body_crc;
+    uint32_t version;
 };
 
 void encode_header(const LexHeader *h, uint8_t *b)
@@ -79,9 +84,12 @@ bool decode_header(const uint8_t *b, LexHeader *h)
     uint32_t version = 0, crc = 0;
     memcpy(&version, b + 4, 4);
     memcpy(&crc, b + 52, 4);
-    if (memcmp(b, "TRNL", 4) != 0 || version != LEX_FILE_VERSION || crc != crc32_update(0, b, 52)) {
+    if (memcmp(b, "TRNL", 4) != 0
+        || (version != LEX_FILE_VERSION && version != LEX_FILE_VERSION_ZLIB)
+        || crc != crc32_update(0, b, 52)) {
         return false;
     }
+    h->version = version;
     memcpy(&h->store_size, b + 8, 8);
     memcpy(&h->store_crc, b + 16, 4);
     memcpy(&h->terms, b + 20, 4);
@@ -125,7 +133,7 @@ void out_put(LexOut *o, const void *p, size_t n)
     if (n == 0) {
         return; /* zlib's crc32 of a null buffer is its initial value, not the running one */
     }
-    o->crc = crc32_update(o->crc, p, n);
+    o->crc = crc32c_update(o->crc, p, n);
     const uint8_t *b = static_cast<const uint8_t *>(p);
     while (n > 0) {
         size_t room = sizeof o->buf - o->used;
@@ -186,7 +194,9 @@ bool lex_from_bytes(TrnLexical *x, const TrnEngine *e, uint8_t *b, size_t n)
     }
     left -= h.slots * 4 + (uint64_t)h.terms * 8;
     if (h.postings > left / 8 || h.pool != left - h.postings * 8
-        || crc32_update(0, b + LEX_HEADER_SIZE, n - LEX_HEADER_SIZE) != h.body_crc) {
+        || (h.version == LEX_FILE_VERSION_ZLIB ? crc32_update : crc32c_update)(
+               0, b + LEX_HEADER_SIZE, n - LEX_HEADER_SIZE)
+               != h.body_crc) {
         return false;
     }
     const uint8_t *doc_len = b + LEX_HEADER_SIZE;
@@ -314,7 +324,13 @@ bool lex_save(TrnEngine *e)
     uint8_t head[LEX_HEADER_SIZE] = {0};
     out_put(o, head, sizeof head); /* written again below, once the CRC is known */
     o->crc = 0;
-    out_put(o, x->doc_len, x->slots * sizeof(uint32_t));
+    /* A chunk removed since it was counted keeps its length in memory; the file says 0, as the
+    ** loader requires of every chunk that is not live. */
+    std::vector<uint32_t, XAllocator<uint32_t>> lengths(x->doc_len, x->doc_len + x->slots);
+    for (uint64_t i = 0; i < x->slots; i++) {
+        lengths[i] = x->live[i] ? lengths[i] : 0;
+    }
+    out_put(o, lengths.data(), lengths.size() * sizeof(uint32_t));
     for (uint32_t id = 0; id < x->term_count; id++) {
         const Term *t = &x->terms[id];
         if (t->df > 0) {

@@ -106,7 +106,7 @@ void rank_hybrid(TrnEngine *e, const char *query, int32_t kk, int32_t depth, con
                          : hnsw_query_width(e, q, width, width, sem, sim);
     int32_t nk = lex_search_in(e, query, HYBRID_CANDIDATES, allowed, nullptr, kw, bm25);
     for (int32_t i = 0; i < nk; i++) {
-        cosine[i] = vec_dot(e->vectors + (size_t)kw[i] * e->dim, q, e->dim);
+        cosine[i] = vec_dot(chunk_vector(e, kw[i]), q, e->dim);
     }
     int32_t keep = depth < 2 * HYBRID_CANDIDATES ? depth : 2 * HYBRID_CANDIDATES;
     uint32_t fused[2 * HYBRID_CANDIDATES];

@@ -76,7 +76,7 @@ Hits rank_hybrid_many(const Source *src, int32_t count, const char *query, int32
         }
         n = lex_search_in(e, query, HYBRID_CANDIDATES, src[j].allowed, shared, slots, scores);
         for (int32_t i = 0; i < n; i++) {
-            float cosine = vec_dot(e->vectors + (size_t)slots[i] * e->dim, q, e->dim);
+            float cosine = vec_dot(chunk_vector(e, slots[i]), q, e->dim);
             kw.push_back(Hit{j, slots[i], scores[i], i, cosine, -1, 0});
         }
     }
@@ -224,6 +224,17 @@ int32_t trn_search_many(TrnEngine *const *engines, int32_t count, const char *qu
             }
         }
         std::stable_sort(hits.begin(), hits.end(), better);
+    }
+    bool damaged = false;
+    for (int32_t j = 0; j < count; j++) {
+        damaged = search_met_damage(engines[j]) || damaged;
+    }
+    if (damaged) {
+        for (int32_t j = 0; j < count; j++) {
+            free(src[j].allowed);
+        }
+        narrow_free(&nw);
+        return 0;
     }
 
     int32_t rows[TRN_MAX_RESULTS];

@@ -583,7 +583,7 @@ int32_t narrow_nearest(const TrnEngine *e, const float *q, const uint8_t *allowe
         if (!allowed[i] || e->chunks[i].pending) {
             continue;
         }
-        float s = vec_dot(q, e->vectors + i * (uint64_t)e->dim, (size_t)e->dim);
+        float s = vec_dot(q, chunk_vector(e, i), (size_t)e->dim);
         if (n == k && s <= out_sim[n - 1]) {
             continue;
         }

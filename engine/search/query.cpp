@@ -148,7 +148,7 @@ bool embed_query(TrnEngine *e, const char *query, float *q)
     if (e->dim < 1 || e->dim > QUERY_DIM_MAX) {
         return false;
     }
-    trn_encoder_embed_text(&e->encoder, query, q);
+    trn_encoder_embed_text(engine_encoder(e), query, q);
     vec_normalize(q, (size_t)e->dim);
     return true;
 }
@@ -500,7 +500,7 @@ void count_near_passages(const TrnEngine *e, const float *q, const uint32_t *row
                 continue;
             }
             /* The slack covers the graph's own rounding of the cutoff chunk's nearness. */
-            if (vec_dot(q, e->vectors + i * (uint64_t)e->dim, (size_t)e->dim) >= cutoff - 1e-5f) {
+            if (vec_dot(q, chunk_vector(e, i), (size_t)e->dim) >= cutoff - 1e-5f) {
                 more[r]++;
             }
             break;
@@ -511,6 +511,16 @@ void count_near_passages(const TrnEngine *e, const float *q, const uint32_t *row
 bool query_ranks(const char *query)
 {
     return query[strspn(query, " \t\n\r\f\v")] != '\0';
+}
+
+bool search_met_damage(TrnEngine *e)
+{
+    if (!vectors_damaged(e)) {
+        return false;
+    }
+    e->refused = TRN_STATUS_DAMAGED;
+    fail_status(e, TRN_STATUS_DAMAGED, 0);
+    return true;
 }
 
 void rank_mode(TrnEngine *e, const char *query, int32_t mode, int32_t kk, bool by_file,
@@ -597,6 +607,10 @@ int32_t search_laid_out(TrnEngine *e, const char *query, int32_t mode, int32_t k
     }
     Ranking ranking;
     rank_mode(e, nw.core, mode, kk, by_file, allowed.get(), nullptr, &ranking);
+    if (search_met_damage(e)) {
+        narrow_free(&nw);
+        return 0;
+    }
     int32_t rows[TRN_MAX_RESULTS];
     int32_t more[TRN_MAX_RESULTS];
     int32_t n = 0;

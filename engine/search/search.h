@@ -64,6 +64,9 @@ int64_t fill_row(TrnEngine *e, TrnResult *r, int32_t i, uint32_t slot, float sco
                  int64_t match_len, int32_t mode, const char *query);
 /* Whether query holds something to rank by, not white space alone. */
 bool query_ranks(const char *query);
+/* After a ranking: true, with the handle refused as damaged and its status saying so, when a
+** vector it read failed its checksum; the search then returns nothing. */
+bool search_met_damage(TrnEngine *e);
 /* One index's ranking in mode of query (what its narrowing leaves to search for), as deep as a
 ** search of kk rows needs (by file: deeper), among the chunks allowed (NULL: all), keyword counts
 ** from shared (NULL: e's own). With a mask, a query that ranks nothing lists the chunks allowed

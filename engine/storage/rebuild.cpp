@@ -42,6 +42,7 @@ void probe_free(TrnEngine *probe)
 {
     index_reset(probe);
     free(probe->chunks);
+    store_map_release(probe);
     free(probe->vectors);
     free(probe->nodes);
     free(probe);

@@ -31,16 +31,6 @@ namespace
 
 constexpr int READ_WAIT_MS = 250; /* a search reads the old state rather than wait longer */
 
-/* The version field of a store's bytes; 0 when they do not begin as a store. */
-uint32_t store_version(const uint8_t *bytes, size_t size)
-{
-    uint32_t version = 0;
-    if (size >= 8 && memcmp(bytes, "TRNW", 4) == 0) {
-        memcpy(&version, bytes + 4, 4);
-    }
-    return version;
-}
-
 } // namespace
 
 void indexed_dir(const TrnEngine *e, char *out, size_t size)
@@ -148,11 +138,14 @@ void index_reset(TrnEngine *e)
 {
     trn_free_doc_index(e);
     lex_free(e); /* the slots are about to be read again */
+    e->lex_deferred = 0;
     chunks_clear(e);
     e->deleted_count = 0;
     e->entry_point = -1;
     e->max_level = -1;
     hnsw_free_scratch(e);
+    store_map_release(e);
+    e->doc_index_stored = 0;
     forget_store(e);
     e->wal_end = 0;
     e->wal_crc = 0;
@@ -236,10 +229,10 @@ bool index_load(TrnEngine *e, bool replay)
     if (!map_file(e, "tarnwick.bin", &store)) {
         return fail_status(e, TRN_STATUS_DAMAGED, 0);
     }
-    uint32_t crc = crc32_update(0, store.bytes, store.size);
+    uint32_t crc = store_checksum(store.bytes, store.size);
     uint64_t generation = 0;
-    const uint32_t version = store_version(store.bytes, store.size);
-    if (!v.has_commit && version >= TRN_STORE_VERSION_COMMITTED && version <= TRN_STORE_VERSION) {
+    if (!v.has_commit && store_version(store.bytes, store.size) >= TRN_STORE_VERSION_COMMITTED
+        && store_version(store.bytes, store.size) <= TRN_STORE_VERSION) {
         unmap_file(&store);
         return fail_status(e, TRN_STATUS_DAMAGED, 0); /* written with a record that is gone */
     }
@@ -259,10 +252,15 @@ bool index_load(TrnEngine *e, bool replay)
             return fail_status(e, TRN_STATUS_DAMAGED, 0);
         }
     }
-    if (store.size > 0) {
-        store_load_bytes(e, store.bytes, store.size);
+    int loaded =
+        store.size > 0 ? store_load_mapped(e, store.bytes, store.size, true) : STORE_COPIED;
+    if (loaded == STORE_IN_PLACE) {
+        store.bytes = nullptr; /* the handle reads its vectors from the mapping now */
     }
     unmap_file(&store);
+    if (loaded == STORE_DAMAGED) {
+        return fail_status(e, TRN_STATUS_DAMAGED, 0);
+    }
     /* The commit record of the very first checkpoint names no older store: the state before it
     ** is the one without a record, whose log has no groups. */
     e->has_commit = generation >= 1 ? 1 : 0;
@@ -278,14 +276,21 @@ bool index_load(TrnEngine *e, bool replay)
     e->log_tracked = log_known && current ? 1 : 0;
     e->log_committed = !log_known ? 0 : current ? rec.log_size : rec.previous_log_size;
     e->log_committed_crc = !log_known ? 0 : current ? rec.log_crc : rec.previous_log_crc;
-    if (replay) {
-        lex_load(e);
+    if (replay && v.has_wal && v.wal_size > 0) {
+        lex_load(e); /* matched against the store's chunks before the log changes them */
+    } else if (replay) {
+        e->lex_deferred = 1;
+        e->lex_count = e->count;
+        e->lex_deleted = e->deleted_count;
     }
-    if (!wal_replay_index(e, 0, replay)) {
+    if (!wal_replay_index(e, 0, replay) || vectors_damaged(e)) {
         index_reset(e);
         return fail_status(e, TRN_STATUS_DAMAGED, 0);
     }
     e->changed = e->wal_chunks > 0 || e->wal_end > 0 ? 1 : 0;
+    if (e->changed) {
+        e->doc_index_stored = 0; /* the log's chunks are not in it */
+    }
     /* The lock is held, so the log is as long as when the view was read; a torn tail beyond
     ** wal_end is not read again until the log grows. */
     e->seen = v;
@@ -316,17 +321,17 @@ bool index_refresh_locked(TrnEngine *e)
                 e->changed = 1;
                 trn_build_doc_index(e);
             }
-            return true;
+            return !vectors_damaged(e) || fail_status(e, TRN_STATUS_DAMAGED, 0);
         }
     }
     index_reset(e);
     if (!index_load(e)) {
         return false;
     }
-    if (e->count > 0) {
+    if (e->count > 0 && !e->doc_index_stored) {
         trn_build_doc_index(e);
     }
-    return true;
+    return !vectors_damaged(e) || fail_status(e, TRN_STATUS_DAMAGED, 0);
 }
 
 void index_refresh_for_read(TrnEngine *e)
@@ -360,7 +365,8 @@ bool write_begin(TrnEngine *e)
     if (!lock_take(e, LOCK_EX, g_busy_timeout_ms)) {
         return fail_status(e, TRN_STATUS_BUSY, 0);
     }
-    if (!index_refresh_locked(e)) {
+    /* A writer never writes to a mapped store: it copies the vectors first, checking them all. */
+    if (!index_refresh_locked(e) || !vectors_own(e)) {
         e->refused = e->status;
         lock_release(e);
         return false;
@@ -419,6 +425,16 @@ void write_end(TrnEngine *e)
 }
 
 extern "C" {
+
+int32_t trn_index_changed(const TrnEngine *e)
+{
+    if (!e || !e->store_path[0] || e->rebuild) {
+        return 0;
+    }
+    TrnDiskView v;
+    disk_view_read(e, &v);
+    return disk_view_unchanged(&v, &e->seen) ? 0 : 1;
+}
 
 int32_t trn_rollback(TrnEngine *e)
 {

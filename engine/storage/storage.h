@@ -22,10 +22,9 @@
 constexpr uint32_t TRN_WAL_ID_LIMIT = 4096;
 constexpr size_t TRN_COMMIT_SIZE = 92;   /* bytes of the commit record (commit_record.cpp) */
 constexpr size_t TRN_COMMIT_LOG_AT = 76; /* where its committed log's fields begin */
-/* The store's version (store.cpp). 3: written with a commit record, which it then requires;
-** 4: a chunk's deleted byte also says that its vector is pending. */
-constexpr uint32_t TRN_STORE_VERSION = 4;
-/* The first version that requires its commit record. */
+/* The store's version (store_mapped.cpp). 5: laid out to be read in place (4 was never written).
+** From 3 on a store is written with a commit record, which it then requires. */
+constexpr uint32_t TRN_STORE_VERSION = 5;
 constexpr uint32_t TRN_STORE_VERSION_COMMITTED = 3;
 constexpr size_t TRN_INDEX_ID_SIZE = 16; /* random bytes naming one index (commit_record.cpp) */
 /* A normal handle checkpoints once its log holds this many records of chunks (a text or a
@@ -54,6 +53,30 @@ struct TrnDiskView {
 void store_load(TrnEngine *e, const char *path);
 /* Loads size bytes of a store file into an empty handle, as store_load does. */
 void store_load_bytes(TrnEngine *e, const uint8_t *bytes, size_t size);
+/* What store_load_mapped did with a store. */
+enum { STORE_COPIED, STORE_IN_PLACE, STORE_DAMAGED };
+/* Loads a store file's bytes into an empty handle. A store of version 5 whose checksums fail is
+** refused (STORE_DAMAGED, the handle left empty); with in_place the handle keeps reading its
+** vectors from bytes, a mapping of the whole file that it then owns and unmaps (STORE_IN_PLACE).
+** Older versions are read by copying, as store_load_bytes does. */
+int store_load_mapped(TrnEngine *e, const uint8_t *bytes, size_t size, bool in_place);
+/* The checksum the commit record names a store's bytes by: the CRC-32 of its header for version
+** 5, whose header holds the checksums of the rest; of the whole file before. */
+uint32_t store_checksum(const uint8_t *bytes, size_t size);
+/* The version field of a store's bytes; 0 when they do not begin as a store. */
+uint32_t store_version(const uint8_t *bytes, size_t size);
+/* Writes the store of version 5 to f (at its start, which it writes last), storing the document
+** index built afresh. Sets the bytes written, the checksum for the commit record and, on
+** failure, errno. */
+bool store_write(TrnEngine *e, FILE *f, uint64_t *size, uint32_t *checksum, int *err);
+/* Copies the vectors of a mapped store into the handle's memory, checking every one. False, with
+** the handle refused as damaged, when one fails its checksum. */
+bool vectors_own(TrnEngine *e);
+/* Unmaps the store a handle reads in place, once no chunk's text points into it any more; vectors
+** still read in place go with it (capacity 0 then). */
+void store_map_release(TrnEngine *e);
+/* True when a vector read in place failed its checksum, or the handle was refused as damaged. */
+bool vectors_damaged(const TrnEngine *e);
 /* Writes the store to a temporary file, commits it (commit record, rename) and empties the log.
 ** The caller holds the exclusive lock and has refreshed the handle. Returns false, with the
 ** handle's status set and the directory at its last committed state, on failure. */
@@ -124,6 +147,9 @@ extern int g_busy_timeout_ms;
 extern uint64_t g_checkpoint_chunks;
 /* CRC-32 (zlib's) of n bytes, continuing crc (0 to start). */
 uint32_t crc32_update(uint32_t crc, const void *p, size_t n);
+/* CRC-32C (Castagnoli) of n bytes, continuing crc (0 to start): the checksum of what an open
+** reads (checksum.cpp), with the processor's instruction where it has one. */
+uint32_t crc32c_update(uint32_t crc, const void *p, size_t n);
 /* Sets the status and message of the handle for the operation that met the failure; returns
 ** false. io_error is errno for TRN_STATUS_IO_ERROR, else 0. */
 bool fail_status(TrnEngine *e, int32_t status, int io_error);

@@ -1,14 +1,15 @@
 /*
 ** store.cpp -- the engine handle's life (trn_open, trn_checkpoint, trn_close) and the store file
-** "tarnwick.bin", a complete snapshot of the handle.
+** "tarnwick.bin", a complete snapshot of the handle. Version 5 (store_mapped.cpp) is written and
+** read in place; this file reads the versions before it, by copying every record.
 **
-** Store file layout. Little-endian, IEEE-754 binary32 floats, no padding, no checksum, no trailer.
+** Store file layout of versions 1 to 3. Little-endian, IEEE-754 binary32 floats, no padding, no
+** checksum, no trailer.
 **
 **     offset  size  field
 **          0     4  magic "TRNW"
-**          4     4  uint32 version: 4; 3 is the same without pending chunks, and it and 4
-**                   require their commit record; 2 is the same without that requirement, 1
-**                   wrote every path whole (all still read)
+**          4     4  uint32 version: 3 requires its commit record; 2 is the same without that
+**                   requirement, 1 wrote every path whole
 **          8     4  int32 dim (must be 512, the encoder's width)
 **         12     4  int32 M
 **         16     4  int32 ef_construction
@@ -26,9 +27,8 @@
 **
 ** doc_id and file_path are paths as storage.h writes them: one below the index's folder is a NUL
 ** byte and the rest after the folder, so the store of a moved folder names the files where they
-** are now. A store of version 1 is read as it is and rewritten by the next update or checkpoint.
-**     int32 chunk_index, int32 line_number, uint32 file_type, uint8 flags: 1 deleted, 2 pending
-**       (its text is committed, its vector not yet: zeros, and the node has no links)
+** are now. Older stores are read as they are and rewritten as version 5 by the next write.
+**     int32 chunk_index, int32 line_number, uint32 file_type, uint8 deleted
 **     dim float32: the unit vector
 **     int32 level of the graph node (0..31)
 **     for each level l in 0..level: uint32 k, then k uint32 neighbour chunk indices
@@ -41,12 +41,11 @@
 ** records read before it. A level above 31 also ends the load. Neighbour indices that do not name
 ** a loaded chunk are dropped, and the entry point is checked against what was loaded.
 **
-** A checkpoint writes the same bytes to a temporary file ("tarnwick.bin.XXXXXX", created
+** A checkpoint writes the store to a temporary file ("tarnwick.bin.XXXXXX", created
 ** exclusively) in the index directory, syncs it, commits it with the commit record and renames it
 ** over the store before it empties the log (commit_record.cpp gives the order and why a crash at
-*any step
-** leaves the state before or after the checkpoint). Nothing here writes when the handle changed
-** nothing.
+** any step leaves the state before or after the checkpoint). Nothing here writes when the handle
+** changed nothing, and nothing ever writes into a store file in place: handles may have it mapped.
 */
 #include "internal.h"
 
@@ -69,7 +68,6 @@ namespace
 {
 
 constexpr uint32_t STORE_VERSION_FULL_PATHS = 1;
-constexpr uint8_t STORE_PENDING = 2; /* the flags byte of a chunk record */
 constexpr size_t STORE_HEADER_SIZE = 40;
 /* Graph parameters read from a store are kept only within these bounds: heaps and candidate
 ** lists are sized from them. */
@@ -131,8 +129,7 @@ bool read_record(TrnEngine *e, ByteReader *cur, uint64_t slot)
         chunk_slot_clear(e, slot);
         return false;
     }
-    c->deleted = (deleted & ~STORE_PENDING) ? 1 : 0;
-    c->pending = (deleted & STORE_PENDING) && !c->deleted ? 1 : 0;
+    c->deleted = deleted ? 1 : 0;
     /* A negative level means a node without lists; it is kept as level 0, also without lists,
     ** so nothing indexes the per-level arrays with a negative level. */
     node->level = level < 0 ? 0 : level;
@@ -178,8 +175,7 @@ void repair_graph(TrnEngine *e, int32_t stored_entry)
         e->max_level = -1;
         return;
     }
-    if (stored_entry >= 0 && (uint64_t)stored_entry < e->count
-        && !e->chunks[stored_entry].pending) {
+    if (stored_entry >= 0 && (uint64_t)stored_entry < e->count) {
         e->entry_point = stored_entry;
         e->max_level = e->nodes[stored_entry].level;
         return;
@@ -188,7 +184,7 @@ void repair_graph(TrnEngine *e, int32_t stored_entry)
     e->entry_point = -1;
     e->max_level = -1;
     for (uint64_t i = 0; i < e->count; i++) {
-        if (!e->chunks[i].deleted && !e->chunks[i].pending && e->nodes[i].level > e->max_level) {
+        if (!e->chunks[i].deleted && e->nodes[i].level > e->max_level) {
             e->entry_point = (int32_t)i;
             e->max_level = e->nodes[i].level;
         }
@@ -208,7 +204,7 @@ void load_from_bytes(TrnEngine *e, const uint8_t *bytes, size_t size)
         return;
     }
     if (!bytes_take_value(&cur, &version) || version < STORE_VERSION_FULL_PATHS
-        || version > TRN_STORE_VERSION) {
+        || version > TRN_STORE_VERSION_COMMITTED) {
         return;
     }
     /* The encoder writes 512 floats per text; vectors of another width could not be compared
@@ -290,98 +286,17 @@ void store_load(TrnEngine *e, const char *path)
         return;
     }
     madvise(map, size, MADV_SEQUENTIAL);
-    load_from_bytes(e, static_cast<const uint8_t *>(map), size);
+    store_load_mapped(e, static_cast<const uint8_t *>(map), size, false);
     munmap(map, size);
 }
 
 namespace
 {
 
-/* The store being written: the first failure (with its errno), the bytes so far and their
-** CRC-32, which the commit record keeps. */
-struct StoreOut {
-    FILE *f;
-    bool ok;
-    int err;
-    uint64_t size;
-    uint32_t crc;
-};
-
-void put(StoreOut *o, const void *p, size_t n)
-{
-    if (n == 0 || !o->ok) {
-        return;
-    }
-    if (fwrite(p, 1, n, o->f) != n) {
-        o->ok = false;
-        o->err = errno ? errno : EIO;
-        return;
-    }
-    o->crc = crc32_update(o->crc, p, n);
-    o->size += n;
-}
-
-template <typename T>
-void put_value(StoreOut *o, T value)
-{
-    put(o, &value, sizeof value);
-}
-
-void put_string(StoreOut *o, const char *s)
-{
-    uint32_t n = s ? (uint32_t)strlen(s) : 0;
-    put_value(o, n);
-    put(o, s, n);
-}
-
-void put_path(StoreOut *o, const TrnEngine *e, const char *path)
-{
-    if (!path) {
-        put_value(o, (uint32_t)0);
-        return;
-    }
-    DiskPath d = disk_path(e, path);
-    put_value(o, d.length);
-    if (d.relative) {
-        put(o, "", 1);
-    }
-    put(o, d.rest, d.length - (d.relative ? 1 : 0));
-}
-
-void write_store(const TrnEngine *e, StoreOut *o)
-{
-    put(o, "TRNW", 4);
-    put_value(o, TRN_STORE_VERSION);
-    put_value(o, e->dim);
-    put_value(o, e->M);
-    put_value(o, e->ef_construction);
-    put_value(o, e->ef_search);
-    put_value(o, e->entry_point);
-    put_value(o, e->max_level);
-    put_value(o, e->level_mult);
-    put_value(o, (uint32_t)e->count);
-    for (uint64_t i = 0; i < e->count && o->ok; i++) {
-        const TrnChunk *c = &e->chunks[i];
-        const TrnNode *node = &e->nodes[i];
-        put_path(o, e, c->doc_id);
-        put_string(o, c->text);
-        put_path(o, e, c->file_path);
-        put_value(o, c->chunk_index);
-        put_value(o, c->line_number);
-        put_value(o, c->file_type);
-        put_value(o, (uint8_t)(c->deleted ? 1 : c->pending ? STORE_PENDING : 0));
-        put(o, e->vectors + i * (uint64_t)e->dim, (size_t)e->dim * sizeof(float));
-        put_value(o, node->level);
-        for (int32_t l = 0; l <= node->level && l < TRN_MAX_LEVELS; l++) {
-            put_value(o, (uint32_t)node->count[l]);
-            put(o, node->neighbors[l], (size_t)node->count[l] * sizeof(uint32_t));
-        }
-    }
-}
-
 void free_slots(TrnEngine *e)
 {
     chunks_clear(e);
+    store_map_release(e);
     free(e->chunks);
     free(e->vectors);
     free(e->nodes);
@@ -420,16 +335,8 @@ TrnEngine *engine_new(const TrnConfig *cfg)
 
     e->level_state = LEVEL_SEED;
     e->embed_threads = embed_threads_default();
-    encoder_init(&e->encoder, 42);
     if (cfg->weights_path && cfg->weights_path[0]) {
-        e->weights_loaded = trn_encoder_load_weights(&e->encoder, cfg->weights_path) ? 1 : 0;
-        if (e->weights_loaded) {
-            encoder_prepare_bag(&e->encoder);
-            verbose_note("loaded encoder weights from %s", cfg->weights_path);
-        } else {
-            fprintf(
-                stderr, "tarnwick: using random encoder (no weights at %s)\n", cfg->weights_path);
-        }
+        e->weights_path = xstrdup(cfg->weights_path);
     }
     return e;
 }
@@ -505,7 +412,7 @@ TrnEngine *engine_open(const TrnConfig *cfg, uint32_t flags, int32_t *status)
 
     e->level_state = LEVEL_SEED + e->count;
     verbose_note("opened (%zu docs, dim=%d)", (size_t)e->count, e->dim);
-    if (e->count > 0) {
+    if (e->count > 0 && !e->doc_index_stored) {
         int32_t files = trn_build_doc_index(e);
         if (files >= 1) {
             verbose_note("built doc index (%d files)", files);
@@ -533,7 +440,10 @@ void engine_free(TrnEngine *e)
         close(e->rebuild_fd);
     }
     index_dir_close(e);
-    encoder_release(&e->encoder);
+    if (e->encoder_ready) {
+        encoder_release(&e->encoder);
+    }
+    free(e->weights_path);
     embed_free_scratch(e);
     hnsw_free_scratch(e);
     free(e);
@@ -556,6 +466,43 @@ bool empty_log(TrnEngine *e)
 
 } // namespace
 
+namespace
+{
+
+/* Sets the encoder up once: the weights file read into it, or the random encoder. */
+void encoder_setup(TrnEngine *e, bool quiet)
+{
+    if (e->encoder_ready) {
+        return;
+    }
+    e->encoder_ready = 1;
+    if (!e->weights_path) {
+        encoder_init(&e->encoder, 42);
+        return;
+    }
+    /* The file fills every tensor, so none is drawn first. */
+    encoder_init_undrawn(&e->encoder);
+    e->weights_loaded = trn_encoder_load_weights(&e->encoder, e->weights_path) ? 1 : 0;
+    if (e->weights_loaded) {
+        encoder_prepare_bag(&e->encoder);
+        verbose_note("loaded encoder weights from %s", e->weights_path);
+        return;
+    }
+    encoder_release(&e->encoder);
+    encoder_init(&e->encoder, 42);
+    if (!quiet) {
+        fprintf(stderr, "tarnwick: using random encoder (no weights at %s)\n", e->weights_path);
+    }
+}
+
+} // namespace
+
+TrnEncoder *engine_encoder(TrnEngine *e)
+{
+    encoder_setup(e, false);
+    return &e->encoder;
+}
+
 bool checkpoint_locked(TrnEngine *e)
 {
     /* While another handle rebuilds, the log keeps every commit for its swap to take up. */
@@ -567,6 +514,9 @@ bool checkpoint_locked(TrnEngine *e)
         && !e->paths_full && e->seen.wal_size == 0) {
         e->changed = 0;
         return true;
+    }
+    if (!vectors_own(e)) {
+        return false; /* a store with a damaged vector is never written over the last good one */
     }
     remove_stale_temps(e);
     char tmp[64];
@@ -584,21 +534,23 @@ bool checkpoint_locked(TrnEngine *e)
     setvbuf(f, nullptr, _IOFBF, 1 << 20);
     /* A store that could not be written completely never replaces the previous one, and the log
     ** that completes the previous one stays. */
-    StoreOut out = {f, true, 0, 0, 0};
-    write_store(e, &out);
-    if (out.ok && (fflush(f) != 0 || fsync(fd) != 0)) {
-        out.ok = false;
-        out.err = errno;
+    uint64_t size = 0;
+    uint32_t checksum = 0;
+    int err = 0;
+    bool ok = store_write(e, f, &size, &checksum, &err);
+    if (ok && fsync(fd) != 0) {
+        ok = false;
+        err = errno;
     }
-    if (fclose(f) != 0 && out.ok) {
-        out.ok = false;
-        out.err = errno;
+    if (fclose(f) != 0 && ok) {
+        ok = false;
+        err = errno;
     }
-    if (!out.ok) {
+    if (!ok) {
         index_unlink(e, tmp);
-        return fail_status(e, TRN_STATUS_IO_ERROR, out.err ? out.err : EIO);
+        return fail_status(e, TRN_STATUS_IO_ERROR, err ? err : EIO);
     }
-    if (!commit_write(e, out.size, out.crc)) {
+    if (!commit_write(e, size, checksum)) {
         index_unlink(e, tmp);
         return false;
     }
@@ -610,12 +562,12 @@ bool checkpoint_locked(TrnEngine *e)
         return fail_status(e, TRN_STATUS_IO_ERROR, err);
     }
     bool synced = index_dir_sync(e);
-    int err = errno;
+    err = errno;
     e->has_commit = 1;
     e->generation += 1;
     e->store_present = 1;
-    e->store_size = out.size;
-    e->store_crc = out.crc;
+    e->store_size = size;
+    e->store_crc = checksum;
     e->unsaved = 0;
     e->changed = 0;
     e->paths_full = 0;
@@ -644,6 +596,15 @@ extern "C" {
 const char *trn_version(void)
 {
     return "1.23.0";
+}
+
+int32_t trn_prepare_encoder(TrnEngine *e)
+{
+    if (!e) {
+        return 0;
+    }
+    encoder_setup(e, true);
+    return !e->weights_path || e->weights_loaded ? 1 : 0;
 }
 
 TrnEngine *trn_open(const TrnConfig *cfg)

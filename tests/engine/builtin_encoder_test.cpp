@@ -45,7 +45,7 @@ TEST(BuiltInEncoder, LoadsAndEmbedsAKnownTextToTheRecordedVector)
     }
     EXPECT_LE(st.st_size, 45 * 1000 * 1000);
     TrnEncoder enc;
-    encoder_init(&enc, 42);
+    encoder_init_undrawn(&enc); /* as an engine sets its encoder up: the file fills it */
     ASSERT_EQ(trn_encoder_load_weights(&enc, path.c_str()), 1);
     ASSERT_NE(enc.bpe, nullptr);
     EXPECT_EQ(enc.bpe->n_merges, 7740u);
@@ -60,6 +60,37 @@ TEST(BuiltInEncoder, LoadsAndEmbedsAKnownTextToTheRecordedVector)
         EXPECT_NEAR(v[8 + 32 * i], RECORDED[i], 1e-5) << "component " << 8 + 32 * i;
     }
     EXPECT_NEAR(pattern, RECORDED_PATTERN, 1e-4);
+}
+
+// An engine reads its encoder's weights at their first use, not at open; weights that cannot be
+// read leave it the random encoder, said once on stderr, or quietly to trn_prepare_encoder.
+TEST(BuiltInEncoder, WeightsAreReadAtTheirFirstUseAndAFailureLeavesTheRandomEncoder)
+{
+    TrnConfig plain = {};
+    TrnEngine *reference = trn_open(&plain);
+    ASSERT_EQ(trn_ingest_text(reference, "/a.txt", TEXT, 800, 200), 1);
+    TrnConfig cfg = {};
+    cfg.weights_path = "/nonexistent/weights.tten";
+    for (bool prepared : {false, true}) {
+        testing::internal::CaptureStderr();
+        TrnEngine *e = trn_open(&cfg);
+        EXPECT_EQ(testing::internal::GetCapturedStderr().find("weights"), std::string::npos);
+        testing::internal::CaptureStderr();
+        if (prepared) {
+            EXPECT_EQ(trn_prepare_encoder(e), 0);
+        }
+        ASSERT_EQ(trn_ingest_text(e, "/a.txt", TEXT, 800, 200), 1);
+        const std::string missing = "tarnwick: cannot open weights: /nonexistent/weights.tten\n";
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                  prepared ? missing
+                           : missing
+                                 + "tarnwick: using random encoder (no weights at "
+                                   "/nonexistent/weights.tten)\n");
+        EXPECT_EQ(memcmp(e->vectors, reference->vectors, TRN_ENCODER_DIM * sizeof(float)), 0);
+        trn_close(e);
+    }
+    EXPECT_EQ(trn_prepare_encoder(reference), 1);
+    trn_close(reference);
 }
 
 // The shipped file is a bag of words, which the engine embeds by summing rows computed once at

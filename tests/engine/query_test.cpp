@@ -74,7 +74,7 @@ struct Around {
 std::vector<float> embedded(Engine &eng, const char *text)
 {
     std::vector<float> q(512);
-    trn_encoder_embed_text(&eng.e->encoder, text, q.data());
+    trn_encoder_embed_text(engine_encoder(eng.e), text, q.data());
     vec_normalize(q.data(), q.size());
     return q;
 }

@@ -250,6 +250,31 @@ inline void put_store_record(Bytes &out, const StoreRecord &r, int32_t dim = 512
     }
 }
 
+/* The handle's chunks as versions 1 to 3 wrote them, one record after another, each path as the
+** handle holds it (version 1 wrote them so). */
+inline Bytes legacy_store_bytes(const TrnEngine *e, uint32_t version)
+{
+    Bytes out;
+    put_store_header(out, version, e->dim, e->entry_point, e->max_level, (uint32_t)e->count);
+    for (uint64_t i = 0; i < e->count; i++) {
+        const TrnChunk &c = e->chunks[i];
+        out.str(c.doc_id).str(c.text ? c.text : "").str(c.file_path ? c.file_path : "");
+        out.i32(c.chunk_index).i32(c.line_number).u32(c.file_type).u8(c.deleted);
+        const float *v = chunk_vector(e, i);
+        for (int32_t d = 0; d < e->dim; d++) {
+            out.f32(v[d]);
+        }
+        out.i32(e->nodes[i].level);
+        for (int32_t l = 0; l <= e->nodes[i].level; l++) {
+            out.u32((uint32_t)e->nodes[i].count[l]);
+            for (int32_t j = 0; j < e->nodes[i].count[l]; j++) {
+                out.u32(e->nodes[i].neighbors[l][j]);
+            }
+        }
+    }
+    return out;
+}
+
 /* A handle set up as trn_open does, without an encoder and without files: loading and graph
 ** code run against it in microseconds. An encoder may be lent to it (not owned). */
 inline TrnEngine *bare_engine(const TrnEncoder *lent_encoder = nullptr)
@@ -265,6 +290,7 @@ inline TrnEngine *bare_engine(const TrnEncoder *lent_encoder = nullptr)
     ensure_cap(e, 64);
     if (lent_encoder) {
         e->encoder = *lent_encoder;
+        e->encoder_ready = 1;
     }
     return e;
 }
@@ -290,11 +316,14 @@ inline void free_bare_engine(TrnEngine *e)
     }
     index_dir_close(e);
     for (uint64_t i = 0; i < e->count; i++) {
-        free(e->chunks[i].text);
+        if (!e->chunks[i].text_in_store) {
+            free(e->chunks[i].text);
+        }
         free(e->chunks[i].file_path);
         node_reset(&e->nodes[i]);
     }
     free(e->chunks);
+    store_map_release(e);
     free(e->vectors);
     free(e->nodes);
     trn_free_doc_index(e);
