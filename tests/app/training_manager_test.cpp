@@ -215,7 +215,8 @@ void TestTrainingManager::commandLine()
     }
     if (init) {
         expected << "--init" << builtIn << "--bag"
-                 << "200,128,0.003";
+                 << "200,128,0.003"
+                 << "--half";
     }
     QCOMPARE(recordedArgs(QStringLiteral("trainer.args")), expected);
     QVERIFY(corpus.endsWith(QStringLiteral(".txt")));
