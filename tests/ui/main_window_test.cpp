@@ -151,7 +151,7 @@ private slots:
         QVERIFY(!bar->reindexButton()->isVisibleTo(&h->window));
         QCOMPARE(bar->statusLabel()->text(), QStringLiteral("No directory open"));
 
-        QTemporaryDir dir;
+        TabFolder dir;
         writeSample(dir.path());
         h->window.setDirectoryChooser([&dir](QWidget *) {
             return QStringList{dir.path()};
@@ -173,7 +173,7 @@ private slots:
     // A saved tab whose folder is gone is named above the results; Locate opens it where it went.
     void aSavedFolderThatIsGoneIsNamedUntilItIsLocated()
     {
-        QTemporaryDir root;
+        TabFolder root;
         const QString gone = root.filePath(QStringLiteral("harbour notes"));
         const QString found = root.filePath(QStringLiteral("elsewhere"));
         QVERIFY(QDir().mkpath(found));
@@ -226,7 +226,7 @@ private slots:
         QFETCH(QStringList, expected);
         QFETCH(bool, marked);
         auto h = openAppWindow(m_home->settings());
-        QTemporaryDir dir;
+        TabFolder dir;
         writeSample(dir.path());
         QVERIFY(openAndIndex(*h, dir.path()));
         search(*h, query, static_cast<SearchMode>(mode));
@@ -245,7 +245,7 @@ private slots:
     void launchedSearchFillsTheFieldAndSearches()
     {
         auto h = openAppWindow(m_home->settings());
-        QTemporaryDir dir;
+        TabFolder dir;
         writeSample(dir.path());
         QVERIFY(openAndIndex(*h, dir.path()));
         QLineEdit *field = h->window.searchBar()->field();
@@ -263,7 +263,7 @@ private slots:
     void filterChipsEditTheQueryText()
     {
         auto h = openAppWindow(m_home->settings());
-        QTemporaryDir dir;
+        TabFolder dir;
         writeSample(dir.path());
         QVERIFY(QDir(dir.path()).mkpath(QStringLiteral("notes")));
         QVERIFY(openAndIndex(*h, dir.path()));
@@ -307,7 +307,7 @@ private slots:
     void aFileRowOpensItsOtherPassagesInPlace()
     {
         auto h = openAppWindow(m_home->settings());
-        QTemporaryDir dir;
+        TabFolder dir;
         QByteArray long_;
         for (int i = 1; i <= 40; ++i) {
             long_ += "Paragraph " + QByteArray::number(i)
@@ -372,7 +372,7 @@ private slots:
     void loadMoreResultsPagesUntilTheAnswerIsShort()
     {
         auto h = openAppWindow(m_home->settings());
-        QTemporaryDir dir;
+        TabFolder dir;
         // 25 small files that all mention the word: 25 matching chunks.
         for (int i = 0; i < 25; ++i) {
             QVERIFY(writeFile(dir.path(),
@@ -404,7 +404,7 @@ private slots:
     void pinnedResultsStayFirstAcrossSearches()
     {
         auto h = openAppWindow(m_home->settings());
-        QTemporaryDir dir;
+        TabFolder dir;
         writeSample(dir.path());
         QVERIFY(openAndIndex(*h, dir.path()));
         search(*h, QStringLiteral("the"), SearchMode::Text);
@@ -447,7 +447,7 @@ private slots:
         m_home->settings()->setOpenTextFilesWith(QStringLiteral("custom"));
         m_home->settings()->setEditorCommand(QStringLiteral("my-editor --line={line} {file}"));
         auto h = openAppWindow(m_home->settings());
-        QTemporaryDir dir;
+        TabFolder dir;
         writeSample(dir.path());
         QVERIFY(openAndIndex(*h, dir.path()));
         search(*h, QStringLiteral("marmalade"), SearchMode::Text);
@@ -480,7 +480,7 @@ private slots:
     void draggingATabReordersTheTabsLive()
     {
         auto h = openAppWindow(m_home->settings());
-        QTemporaryDir root;
+        TabFolder root;
         QStringList names = {
             QStringLiteral("alpha"), QStringLiteral("bravo"), QStringLiteral("charlie")};
         for (const QString &name : names) {
@@ -536,7 +536,7 @@ private slots:
     void clickingATabSelectsItAndItsCloseButtonClosesIt()
     {
         auto h = openAppWindow(m_home->settings());
-        QTemporaryDir root;
+        TabFolder root;
         for (const char *name : {"one", "two", "three"}) {
             QVERIFY(QDir(root.path()).mkpath(name));
             h->app.addTab(root.filePath(name));
@@ -558,7 +558,7 @@ private slots:
     void copyButtonOffersTheThreePromptScopes()
     {
         auto h = openAppWindow(m_home->settings());
-        QTemporaryDir dir;
+        TabFolder dir;
         writeSample(dir.path());
         QVERIFY(openAndIndex(*h, dir.path()));
         search(*h, QStringLiteral("marmalade"), SearchMode::Text);
@@ -601,7 +601,7 @@ private slots:
     void statusBarShowsTheActiveTabAndReindexes()
     {
         auto h = openAppWindow(m_home->settings());
-        QTemporaryDir dir;
+        TabFolder dir;
         writeSample(dir.path());
         DirectoryState *state = openAndIndex(*h, dir.path());
         QVERIFY(state);
@@ -645,7 +645,7 @@ private slots:
     {
         m_home->settings()->setValue(QStringLiteral("watchSettleMs"), 100);
         auto h = openAppWindow(m_home->settings());
-        QTemporaryDir dir;
+        TabFolder dir;
         writeSample(dir.path());
         DirectoryState *state = openAndIndex(*h, dir.path());
         QVERIFY(state);
@@ -675,7 +675,7 @@ private slots:
     void gitBranchShowsWhenTheDirectoryIsInARepository()
     {
         auto h = openAppWindow(m_home->settings());
-        QTemporaryDir dir;
+        TabFolder dir;
         QVERIFY(writeFile(dir.path(), QStringLiteral(".git/HEAD"), "ref: refs/heads/feature/x\n"));
         QVERIFY(QDir(dir.path()).mkpath(QStringLiteral("docs")));
         h->app.addTab(dir.filePath(QStringLiteral("docs")));
