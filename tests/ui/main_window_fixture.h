@@ -4,11 +4,13 @@
 */
 #pragma once
 
+#include "result_opener.h"
 #include "results_model.h"
 #include "results_view.h"
 #include "search_bar.h"
 #include "ui_test_support.h"
 
+#include <QAbstractButton>
 #include <QLineEdit>
 
 #include <memory>

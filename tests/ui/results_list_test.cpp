@@ -5,11 +5,12 @@
 */
 #include "filter_chips.h"
 #include "main_window_fixture.h"
-#include "result_opener.h"
+#include "status_bar.h"
 
 #include <QAction>
 #include <QClipboard>
 #include <QGuiApplication>
+#include <QLabel>
 #include <QMenu>
 #include <QPushButton>
 #include <QToolButton>
