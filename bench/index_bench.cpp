@@ -12,8 +12,10 @@
 ** encoder (models/default.tten; the random encoder when it is missing). Everything goes to
 ** temporary directories that are removed at the end.
 **
-** The figures, in chunks per second of wall time (and, last, how far the time left that the
-** one-worker run said at each file was from the time really left):
+** The figures, in chunks per second of wall time (and, last, the two phases of the one-worker
+** run: when the words of every file were in, so that keyword search was complete, and when every
+** vector was; and how far the time left it said was from the time really left, at each file
+** of the words phase and at each group of vectors of the meaning phase):
 **   indexing, 1 and 2 workers  open, walk, extraction, chunking, embedding, graph, log writes,
 **                              manifest, document index, checkpoint and close;
 **   embedding alone            the same chunk texts through the encoder, one thread;
@@ -121,13 +123,35 @@ struct Estimates {
     const TrnEngine *engine = nullptr;
     Clock::time_point start;
     std::vector<double> at, by_files, by_bytes;
-    double end = 0; // when the last file was done
+    double end = 0; // when the last file was done: the words phase ended
+    // The meaning phase: the time left said after each group, at the pace of the phase so far
+    // (as trn_meaning_line says it), and when its last group was done.
+    std::vector<double> meaning_at, meaning_said;
+    uint64_t embedded_at_start = 0;
+    bool meaning = false;
+    double meaning_end = 0;
+    uint32_t files_searchable = 0; // files in the index when the meaning phase began
 };
 
 bool on_progress(const char *, int32_t done, int32_t total, void *user)
 {
     Estimates *e = static_cast<Estimates *>(user);
     const double now = bench::seconds_since(e->start);
+    uint64_t embedded = 0, all = 0;
+    if (trn_meaning_progress(e->engine, &embedded, &all) == 1) {
+        if (!e->meaning) {
+            e->meaning = true;
+            e->embedded_at_start = embedded;
+            e->files_searchable = trn_stats(e->engine).file_count;
+        }
+        if (embedded > e->embedded_at_start && embedded < all) {
+            e->meaning_at.push_back(now);
+            e->meaning_said.push_back((now - e->end) / (double)(embedded - e->embedded_at_start)
+                                      * (double)(all - embedded));
+        }
+        e->meaning_end = now;
+        return true;
+    }
     uint64_t bytes_done = 0, bytes_all = 0;
     trn_update_progress(e->engine, &bytes_done, &bytes_all);
     if (done > 0 && done < total && bytes_done > 0) {
@@ -142,13 +166,14 @@ bool on_progress(const char *, int32_t done, int32_t total, void *user)
 // The median and the worst relative error of estimates against the time that was really left,
 // over the points after the first minute (after the first third of a shorter run) that had more
 // than a twentieth of the run still to go.
-std::pair<double, double> estimate_error(const Estimates &e, const std::vector<double> &said)
+std::pair<double, double> estimate_error(const std::vector<double> &at,
+                                         const std::vector<double> &said, double begin, double end)
 {
     std::vector<double> errors;
-    const double from = std::min(60.0, e.end / 3);
-    for (size_t i = 0; i < e.at.size(); i++) {
-        const double left = e.end - e.at[i];
-        if (e.at[i] >= from && left > e.end / 20) {
+    const double from = begin + std::min(60.0, (end - begin) / 3);
+    for (size_t i = 0; i < at.size(); i++) {
+        const double left = end - at[i];
+        if (at[i] >= from && left > (end - begin) / 20) {
             errors.push_back(std::abs(said[i] - left) / left);
         }
     }
@@ -400,8 +425,10 @@ int main(int argc, char **argv)
                 machine_speedup,
                 machine_speedup > 1.0 ? 100.0 * (index_speedup - 1.0) / (machine_speedup - 1.0)
                                       : 0.0);
-    const auto [files_median, files_worst] = estimate_error(estimates, estimates.by_files);
-    const auto [bytes_median, bytes_worst] = estimate_error(estimates, estimates.by_bytes);
+    const auto [files_median, files_worst] =
+        estimate_error(estimates.at, estimates.by_files, 0, estimates.end);
+    const auto [bytes_median, bytes_worst] =
+        estimate_error(estimates.at, estimates.by_bytes, 0, estimates.end);
     std::printf("time left said while indexing with 1 worker (%.0f s), after %.0f s, against the "
                 "time really left: by the bytes of the files %.0f%% off (median), %.0f%% at "
                 "worst; by their count (the reference) %.0f%%, %.0f%%\n",
@@ -411,5 +438,21 @@ int main(int argc, char **argv)
                 100 * bytes_worst,
                 100 * files_median,
                 100 * files_worst);
+    if (estimates.meaning) {
+        const auto [meaning_median, meaning_worst] = estimate_error(
+            estimates.meaning_at, estimates.meaning_said, estimates.end, estimates.meaning_end);
+        std::printf("1 worker, words first: keyword search complete after %.1f s (%u of %zu files "
+                    "searchable), every vector after %.1f s (%.1f%% of the time); the meaning "
+                    "phase's time left was %.0f%% off (median), %.0f%% at worst, after its first "
+                    "%.0f s\n",
+                    estimates.end,
+                    estimates.files_searchable,
+                    want,
+                    estimates.meaning_end,
+                    100.0 * estimates.end / std::max(estimates.meaning_end, 1e-9),
+                    100 * meaning_median,
+                    100 * meaning_worst,
+                    std::min(60.0, (estimates.meaning_end - estimates.end) / 3));
+    }
     return 0;
 }

@@ -221,6 +221,22 @@ void cmd_search(const Options &o, const ModelRuntime &model)
             throw Failure(trn_last_error(handle));
         }
     }
+    // Chunks whose vectors an indexing has not computed yet are outside the semantic ranking.
+    uint64_t embedded = 0, chunks = 0;
+    for (TrnEngine *h : handles) {
+        uint64_t d = 0, a = 0;
+        trn_meaning_progress(h, &d, &a);
+        embedded += d;
+        chunks += a;
+    }
+    const bool partial = embedded < chunks
+                         && (o.mode == TRN_SEARCH_SEMANTIC || o.mode == TRN_SEARCH_SEMANTIC_ALL
+                             || o.mode == TRN_SEARCH_HYBRID);
+    if (partial) {
+        std::fprintf(stderr,
+                     "meaning: %u%% of chunks embedded; semantic results are partial\n",
+                     static_cast<unsigned>(embedded * 100 / chunks));
+    }
 
     if (o.vimgrep) {
         write_out(vimgrep_lines(results.data(), n, query, o.mode, current_dir()));
@@ -264,6 +280,8 @@ void cmd_search(const Options &o, const ModelRuntime &model)
             } else {
                 w.null();
             }
+            w.key("semanticPartial");
+            w.boolean(partial);
             w.key("marks");
             w.begin_array();
             for (int32_t m = 0; m < r.mark_count; m++) {

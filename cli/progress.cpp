@@ -40,14 +40,26 @@ void ProgressLine::update(int files_done, int files_found, uint32_t chunks, uint
     if (!m_enabled) {
         return;
     }
+    draw(
+        format(
+            m_verb, files_done, files_found, chunks, seconds_since(m_start), bytes_done, bytes_all),
+        files_found > 0 && files_done >= files_found);
+}
+
+void ProgressLine::update_text(const std::string &text, bool last)
+{
+    if (m_enabled) {
+        draw(m_verb + ": " + text, last);
+    }
+}
+
+void ProgressLine::draw(const std::string &line, bool last)
+{
     Clock::time_point now = Clock::now();
-    bool last = files_found > 0 && files_done >= files_found;
     if (!last && m_drawn && now - m_last_drawn < std::chrono::milliseconds(100)) {
         return;
     }
     m_last_drawn = now;
-    std::string line = format(
-        m_verb, files_done, files_found, chunks, seconds_since(m_start), bytes_done, bytes_all);
     std::fprintf(m_stream, "\r\033[K%s", line.c_str());
     std::fflush(m_stream);
     m_drawn = true;

@@ -32,6 +32,8 @@ public:
     // bytes_all > 0 the time left follows the bytes (trn_progress_line).
     void update(int files_done, int files_found, uint32_t chunks, uint64_t bytes_done = 0,
                 uint64_t bytes_all = 0);
+    // Shows text after the verb instead of the file counts (the meaning phase of an indexing).
+    void update_text(const std::string &text, bool last);
     // Clears the line (the command then prints its result).
     void clear();
 
@@ -41,6 +43,8 @@ public:
                               uint64_t bytes_all = 0);
 
 private:
+    void draw(const std::string &line, bool last);
+
     std::string m_verb;
     std::FILE *m_stream;
     bool m_enabled;

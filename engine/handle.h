@@ -28,6 +28,9 @@ struct TrnChunk {
     int32_t line_number;
     uint32_t file_type;
     uint8_t deleted;
+    /* Its text is committed and its vector not yet (zeros): it is in the word index, not in the
+    ** graph, until the meaning phase (meaning.cpp) embeds it. */
+    uint8_t pending;
     uint8_t text_in_store; /* text lies in the mapped store (store_map), which owns it */
 };
 
@@ -70,6 +73,8 @@ struct TrnEngine {
     uint64_t update_bytes_done; /* while trn_update_dir runs: the bytes of the files it handled */
     uint64_t update_bytes_all;  /* and of all it will read; both 0 otherwise */
     uint64_t texts_embedded;    /* chunk texts embed_distinct_chunks embedded (not copied) */
+    uint8_t meaning_running;    /* trn_update_dir is in its meaning phase (meaning.cpp) */
+    uint64_t meaning_hint;      /* the slot after the last one a 'V' record of the log named */
     /* Chunk texts by hash, so a text met again takes the vector it already has (embed.cpp).
     ** Open addressing: an entry is the hash's high 32 bits << 32 | (slot + 1), 0 when empty;
     ** covers the slots below text_slots; NULL until the first embed_distinct_chunks. */

@@ -60,6 +60,24 @@ int32_t trn_progress_line(const char *verb, int32_t done, int32_t found, uint32_
         out, size, "%s %d of %d files, %u chunks%s%s", verb, done, found, chunks, rate, left);
 }
 
+int32_t trn_meaning_line(int32_t files, uint64_t done, uint64_t all, uint64_t done_at_start,
+                         double seconds, char *out, size_t size)
+{
+    char words[64] = "";
+    if (files > 0) {
+        snprintf(words, sizeof words, "words: all %d files \u00b7 ", files);
+    }
+    const unsigned percent = all > 0 && done <= all ? (unsigned)(done * 100 / all) : 100;
+    char left[48] = "";
+    if (seconds > 0.0 && done > done_at_start && done < all) {
+        const double rate = (double)(done - done_at_start) / seconds;
+        char time[32];
+        trn_duration_text((double)(all - done) / rate, time, sizeof time);
+        snprintf(left, sizeof left, ", about %s left", time);
+    }
+    return (int32_t)snprintf(out, size, "%smeaning: %u%%%s", words, percent, left);
+}
+
 void trn_update_progress(const TrnEngine *e, uint64_t *done, uint64_t *all)
 {
     if (done) {

@@ -118,11 +118,9 @@ typedef bool (*TrnProgressFn)(const char *path, int32_t done, int32_t total, voi
 ** found damaged when it is read makes that search return nothing with trn_last_status
 ** TRN_STATUS_DAMAGED, and every later write fail with it. The graph's levels come
 ** from the handle's own generator, seeded from a constant and the number of chunks loaded, so
-** the same operations build the same graph. Re-embedding 256 or more logged chunks (after a
-** crash) prints "tarnwick: recovering N chunks from the log" and then, every two seconds,
-** "tarnwick: recovered D of N chunks"; a normal handle checkpoints after every 4096 logged
-** chunks, which bounds N. Never returns NULL;
-** close with trn_close. When the index is busy or damaged (see trn_open_ex) it prints the one
+** the same operations build the same graph. Replaying the log embeds nothing (chunks logged
+** without vectors wait for an update: trn_meaning_progress). Never returns NULL; close with
+** trn_close. When the index is busy or damaged (see trn_open_ex) it prints the one
 ** line of trn_last_error and returns an empty handle whose writes all fail with that status.
 **
 ** The index's files name a file below the index's folder (the parent of cfg->index_dir, made
@@ -257,6 +255,17 @@ TRN_API int32_t trn_progress_line(const char *verb, int32_t done, int32_t found,
 ** them). Both 0 before and after a trn_update_dir. Either pointer may be NULL. */
 TRN_API void trn_update_progress(const TrnEngine *e, uint64_t *done, uint64_t *all);
 
+/* Live chunks with their vector into *done, all into *all (either may be NULL): semantic and
+** hybrid search leave out the others (trn_update_dir). Returns 1 while trn_update_dir on e is in
+** its meaning phase (from its progress callback), else 0. */
+TRN_API int32_t trn_meaning_progress(const TrnEngine *e, uint64_t *done, uint64_t *all);
+
+/* As trn_progress_line for the meaning phase: "words: all <files> files · meaning: <p>%" (p
+** rounded down; no words part if files < 1), ", about <time> left" at done - done_at_start per
+** seconds. */
+TRN_API int32_t trn_meaning_line(int32_t files, uint64_t done, uint64_t all, uint64_t done_at_start,
+                                 double seconds, char *out, size_t size);
+
 /* Writes a duration rounded for people into out as trn_progress_text does: "12 s" (at least 1),
 ** "4 min" below an hour (to the nearest minute), else "1 h 05 min". Returns the length. */
 TRN_API int32_t trn_duration_text(double seconds, char *out, size_t size);
@@ -358,16 +367,19 @@ enum { TRN_UPDATE_COMPACT_PERCENT = 25 };
 ** 0600) every few seconds and at the end, only when it changed. A kill at any moment loses no
 ** file whose group was logged; the next update finishes the rest.
 **
-** progress (may be NULL) is called with path NULL and done 0 once the walk found the work (total:
-** files to read or remove), then after each of them with its path; returning false stops the
-** update after the current file (what was done is kept, report->cancelled set). Between files
-** the handle is whole, so progress may call trn_search, trn_stats and trn_list_dir_files on e
-** (an application keeps searching during a long update that way), but no other function on e.
-** report may be
-** NULL; it is filled in as the update goes. On a handle opened with TRN_OPEN_REBUILD the update
-** ends with trn_checkpoint (the rebuilt index replaces the old one) unless it was cancelled or
-** failed. Returns the chunks added, or -1 when dir cannot be opened or a write failed (the
-** update stops there; see trn_last_status).
+** Words first: every file's chunks are committed without vectors, so keyword, text and regex search
+** are complete early; then the meaning phase embeds every chunk still without its vector, in logged
+** groups. A kill in either loses no group; the next update goes on. progress (may be NULL) is
+** called with path NULL and done 0 once the walk found the work (total: files to read or remove),
+** then after each of them with its path; in the meaning phase (while trn_meaning_progress returns
+** 1) with path NULL before the first group and after each, done and total being the embedded and
+** all live chunks. Returning false stops after the current file or group (what was done is kept,
+** report->cancelled set). Between them the handle is whole, so progress may call trn_search,
+** trn_stats, trn_meaning_progress and trn_list_dir_files on e (an application keeps searching
+** during a long update that way), but no other function on e. report may be NULL; it is filled in
+** as the update goes. On a handle opened with TRN_OPEN_REBUILD the update ends with trn_checkpoint
+** (the rebuilt index replaces the old one) unless it was cancelled or failed. Returns the chunks
+** added, or -1 when dir cannot be opened or a write failed (it stops there; trn_last_status).
 **
 ** Paths in the index are dir, "/" and the path below it, as given: pass dir the same way (the
 ** application and tarnwick-cli pass it absolute and resolved) or files are indexed twice. After

@@ -102,24 +102,34 @@ TRN_API void trn_encoder_embed_text(TrnEncoder *enc, const char *text, float *ou
 /* ---------------------------------------------------------------------------------------------
 ** Encoder weights file ("TTEN")
 **
-** Little-endian: magic "TTEN", version (1, 2 or 3), vocabulary size, then 256, 512, 8, 2048, 2.
-** Version 2 and 3 add the 28-byte metadata block (two uint32, two float, one uint64 low half
-** first, a reserved 0). Version 3 adds the merge count m and m pairs. Then the tensors: token and
-** position embeddings, final norm scale and shift, and per layer wq, wk, wv, wo, w1, b1, w2, b2,
-** ln1 scale and shift, ln2 scale and shift. Version 1 is 26,263,584 bytes.
+** Little-endian: magic "TTEN", version (1 to 4), vocabulary size, then 256, 512, 8, 2048, 2.
+** Versions 2 to 4 add the 28-byte metadata block (two uint32, two float, one uint64 low half
+** first, a reserved 0). Versions 3 and 4 add the merge count m and m pairs. Then the tensors:
+** token and position embeddings, final norm scale and shift, and per layer wq, wk, wv, wo, w1,
+** b1, w2, b2, ln1 scale and shift, ln2 scale and shift. Version 1 is 26,263,584 bytes.
+** Version 4 precedes each tensor with a uint32 storage tag: 0 float32 values, 1 IEEE half
+** precision values (uint16 each), 2 all zeros (no data follows). The encoder computes in float32
+** whatever the file stores.
 */
+
+/* Flags of trn_encoder_save_weights_flags. */
+enum {
+    TRN_WEIGHTS_TAGGED = 1, /* version 4: a tensor of +0.0 only takes no room, others float32 */
+    TRN_WEIGHTS_HALF = 2    /* version 4 with half precision for the tensors that fit its range */
+};
 
 /* Same as trn_encoder_load_weights_meta with meta NULL. */
 TRN_API int trn_encoder_load_weights(TrnEncoder *enc, const char *path);
 
 /* Reads a weights file into an initialised encoder. Returns 1 on success, 0 on failure, with a
 ** "tarnwick: ..." line for a file that cannot be opened, a bad magic, an unsupported version or
-** a version 3 vocabulary mismatch, and silently for a wrong shape or a short file. A failed load
-** leaves the encoder as far as it got. A file whose tensors, as far as they were read, hold a
-** NaN, an infinity or a value beyond 1e4 in magnitude is refused with a "tarnwick: ..." line
-** too, and then leaves
-** the encoder with the random tensors of trn_encoder_init with seed 42 (its tokenizer stays), so
-** no encoder ever yields non-finite vectors. meta may be NULL; a version 1 file zeroes it. */
+** a version 3 or 4 vocabulary mismatch, and silently for a wrong shape or a short file. A failed
+** load leaves the encoder as far as it got. A file whose tensors, as far as they were read, hold
+** a NaN, an infinity or a value beyond 1e4 in magnitude, and a version 4 file whose tensors end
+** early, carry an unknown tag or are followed by more bytes, are refused with a "tarnwick: ..."
+** line too, and then leave the encoder with the random tensors of trn_encoder_init with seed 42
+** (its tokenizer stays), so no encoder ever yields non-finite vectors. meta may be NULL; a
+** version 1 file zeroes it. */
 TRN_API int trn_encoder_load_weights_meta(TrnEncoder *enc, const char *path, TrnWeightsMeta *meta);
 
 /* Same as trn_encoder_save_weights_meta with meta NULL. */
@@ -130,5 +140,15 @@ TRN_API int trn_encoder_save_weights(const TrnEncoder *enc, const char *path);
 ** partial file stays). */
 TRN_API int trn_encoder_save_weights_meta(const TrnEncoder *enc, const char *path,
                                           const TrnWeightsMeta *meta);
+
+/* As trn_encoder_save_weights_meta with flags 0; with TRN_WEIGHTS_TAGGED or TRN_WEIGHTS_HALF it
+** writes version 4 instead (with the metadata block, zeroed when meta is NULL, and a tokenizer
+** block, empty for a byte-level encoder, which then loads back with an empty tokenizer that
+** encodes every text to the same ids). Each tensor of +0.0 only, except the token embedding, is
+** stored as zeros. With TRN_WEIGHTS_HALF every other tensor whose values all fit half precision
+** (magnitude below 65520, not NaN) is stored rounded to the nearest half, ties to even; the rest
+** stay float32. Returns as trn_encoder_save_weights_meta. */
+TRN_API int trn_encoder_save_weights_flags(const TrnEncoder *enc, const char *path,
+                                           const TrnWeightsMeta *meta, uint32_t flags);
 
 #endif /* TARNWICK_ENCODER_H */

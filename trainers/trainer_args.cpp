@@ -31,7 +31,7 @@ const char USAGE[] = "trainer: usage: trainer CORPUS OUT STEPS BATCH LR HEADS LA
                      "[--threads N] [--init WEIGHTS] [--steps-done K] [--save-every N] [--rates "
                      "NORM,EMBEDDING,MATRIX] [--cloze P] [--idf] [--usage SHARE] [--bag "
                      "STEPS,BATCH,RATE] [--pairs FILE] "
-                     "[--pairs-share P]";
+                     "[--pairs-share P] [--half]";
 
 bool parse_int(const char *s, long lo, long hi, int *out)
 {
@@ -88,7 +88,7 @@ bool check_weights_file(const std::string &path, uint32_t *version, std::string 
     char magic[4] = {0};
     uint32_t h[8] = {0}; /* version, vocabulary, positions, width, heads, ff, layers, merges */
     size_t got = fread(magic, 1, 4, f.get()) == 4 ? fread(h, 4, 7, f.get()) : 0;
-    if (got != 7 || memcmp(magic, "TTEN", 4) != 0 || h[0] < 1 || h[0] > 3) {
+    if (got != 7 || memcmp(magic, "TTEN", 4) != 0 || h[0] < 1 || h[0] > 4) {
         *err = path + " is not an encoder weights file";
         return false;
     }
@@ -114,10 +114,25 @@ bool check_weights_file(const std::string &path, uint32_t *version, std::string 
     if (h[0] >= 2) {
         want += 28;
     }
-    if (h[0] == 3) {
+    if (h[0] >= 3) {
         want += 4 + 8 * (uint64_t)(h[1] - TRN_ENCODER_BYTE_VOCAB);
     }
-    want += 4 * (uint64_t)make_layout((int)h[1]).total;
+    const ParamLayout layout = make_layout((int)h[1]);
+    if (h[0] < 4) {
+        want += 4 * (uint64_t)layout.total;
+    }
+    /* version 4: each tensor's size follows from its storage tag (0 float32, 1 half, 2 zeros) */
+    for (int t = 0; h[0] == 4 && t < TENSOR_COUNT; t++) {
+        uint32_t tag = 0;
+        if (fseeko(f.get(), (off_t)want, SEEK_SET) != 0 || fread(&tag, 4, 1, f.get()) != 1
+            || tag > 2) {
+            char name[32];
+            *err = path + " is not a complete weights file (tensor "
+                   + tensor_name(t, name, sizeof name) + " has no valid storage tag)";
+            return false;
+        }
+        want += 4 + (tag == 2 ? 0 : (tag == 1 ? 2 : 4) * (uint64_t)layout.size[t]);
+    }
     struct stat st;
     if (fstat(fileno(f.get()), &st) != 0 || (uint64_t)st.st_size != want) {
         *err = path + " is not a complete weights file (" + std::to_string((long long)st.st_size)
@@ -136,11 +151,12 @@ int parse_trainer_args(int argc, char **argv, TrainOptions *opts)
          have_bag = false, have_pairs_share = false;
     for (int i = 1; i < argc; i++) {
         const char *a = argv[i];
-        if (strcmp(a, "--idf") == 0) {
-            if (opts->idf) {
+        if (strcmp(a, "--idf") == 0 || strcmp(a, "--half") == 0) {
+            bool &flag = a[2] == 'i' ? opts->idf : opts->half;
+            if (flag) {
                 return usage_error("%s given twice", a);
             }
-            opts->idf = true;
+            flag = true;
             continue;
         }
         const bool is_option = strcmp(a, "--bpe") == 0 || strcmp(a, "--threads") == 0

@@ -48,7 +48,7 @@ extern "C" void remove_tmp_at_exit(void)
     }
 }
 
-/* Bytes of the weights file the engine writes for this layout. */
+/* Bytes of the version 2 or 3 weights file the engine writes for this layout. */
 uint64_t weights_file_size(const ParamLayout &layout, const TrnBpe *bpe)
 {
     uint64_t header = 32 + 28;
@@ -76,8 +76,12 @@ bool save_weights(const TrainOptions &opts, uint64_t corpus_size, int steps, dou
     meta.meta_f32_0 = opts.lr;
     meta.meta_f32_1 = (float)final_loss;
     meta.meta_u64 = corpus_size;
-    if (!trn_encoder_save_weights_meta(enc, tmp.c_str(), &meta)
-        || !file_size_is(tmp.c_str(), weights_file_size(make_layout(enc->vocab_size), enc->bpe))) {
+    uint32_t version = 0;
+    std::string err;
+    if (!trn_encoder_save_weights_flags(enc, tmp.c_str(), &meta, opts.half ? TRN_WEIGHTS_HALF : 0)
+        || (opts.half ? !check_weights_file(tmp, &version, &err)
+                      : !file_size_is(tmp.c_str(),
+                                      weights_file_size(make_layout(enc->vocab_size), enc->bpe)))) {
         fprintf(stderr, "trainer: cannot write %s\n", tmp.c_str());
         return false;
     }

@@ -97,6 +97,7 @@ struct TrainOptions {
     BagOptions bag;            /* with idf: bag-of-words steps before the model's own */
     std::string pairs_path;    /* mined pairs mixed into every batch; empty: none */
     double pairs_share = 0.25; /* share of each batch's pairs taken from pairs_path */
+    bool half = false;         /* write OUT as version 4 in half precision */
     int steps = 2000;
     int batch = 8; /* pairs per step: 2 x batch sequences */
     float lr = 1e-3f;
@@ -106,7 +107,7 @@ struct TrainOptions {
 };
 
 /* Parses "CORPUS OUT STEPS BATCH LR HEADS LAYERS [--bpe PATH] [--threads N] [--init WEIGHTS]
-** [--steps-done K] [--save-every N] [--rates NORM,EMBEDDING,MATRIX] [--cloze P] [--idf]"
+** [--steps-done K] [--save-every N] [--rates NORM,EMBEDDING,MATRIX] [--cloze P] [--idf] ..."
 ** (options in any order, before or after the positional arguments). Returns 0, or 2 after
 ** printing one "trainer: ..." line (usage errors and the shapes the engine cannot load). */
 int parse_trainer_args(int argc, char **argv, TrainOptions *opts);
@@ -122,7 +123,7 @@ std::string loss_path_for(const std::string &out);
 float lr_multiplier(int tensor, const GroupRates &rates = GroupRates());
 
 /* Checks that path holds a complete weights file of the shape the engine loads. Returns true
-** with its version (1 to 3) in version, or false with a one-line reason in err. */
+** with its version (1 to 4) in version, or false with a one-line reason in err. */
 bool check_weights_file(const std::string &path, uint32_t *version, std::string *err);
 
 /* Token ids as the engine makes them: 257, at most 254 bytes, 258 without a tokenizer; the

@@ -58,8 +58,11 @@ DirectoryState::DirectoryState(const DirectoryTab &tab, const EncoderChoice *enc
     // searched by meaning with this one: build it again.
     if (stats.chunk_count >= 1 && !EncoderRecord::matches(m_directoryPath, weights)) {
         rebuildWith(weights);
-    } else if (m_engine->isOpen() && m_settings->isIndexingUnfinished(m_directoryPath)) {
-        // Killed or closed while indexing: the files committed then stay, the rest follow.
+    } else if (m_engine->isOpen()
+               && (m_settings->isIndexingUnfinished(m_directoryPath)
+                   || m_engine->meaningProgress(nullptr, nullptr))) {
+        // Killed or closed while indexing: the files committed then stay, the rest follow, and
+        // the vectors still missing are computed.
         update();
     }
     if (m_settings->watchDirectories()) {
@@ -163,6 +166,7 @@ void DirectoryState::runIndexing(int chunkSize, int overlap, bool checkpoint)
     m_updatePending = false;
     setIsIngesting(true);
     m_ingestClock.start(m_isIndexingPaused);
+    m_meaningFrom = -1;
     setIngestProgress(IndexingProgress{});
     setStatusText(QStringLiteral("Indexing..."));
     m_settings->setIndexingUnfinished(m_directoryPath, true);
@@ -261,6 +265,7 @@ void DirectoryState::search(const QString &query, SearchMode mode,
     if (query.isEmpty()) {
         ++m_searchRequest; // a search still under way must not bring its answer back
         setResults({});
+        setResultsNote(QString());
         setHasMoreResults(false);
         setQueryError(QString());
         return;
@@ -268,6 +273,7 @@ void DirectoryState::search(const QString &query, SearchMode mode,
     if (const std::optional<QString> error = ::queryError(query, mode)) {
         ++m_searchRequest;
         setResults({});
+        setResultsNote(QString());
         setHasMoreResults(false);
         setQueryError(*error);
         return;
@@ -326,6 +332,17 @@ void DirectoryState::runSearch(int k)
                 return;
             }
             setResults(hits);
+            uint64_t embedded = 0, all = 0;
+            m_engine->meaningProgress(&embedded, &all);
+            for (const std::weak_ptr<IndexHandle> &weak : m_searchAcross) {
+                uint64_t d = 0, a = 0;
+                if (std::shared_ptr<IndexHandle> other = weak.lock(); other && other != m_engine) {
+                    other->meaningProgress(&d, &a);
+                }
+                embedded += d;
+                all += a;
+            }
+            setResultsNote(partialResultsText(embedded, all, m_lastMode));
             setHasMoreResults(k < kMaxPagedResults && hits.size() >= k);
             setIsLoadingMore(false);
             searchEnded();
@@ -473,6 +490,15 @@ void DirectoryState::setStatusText(const QString &text)
     emit statusTextChanged();
 }
 
+void DirectoryState::setResultsNote(const QString &text)
+{
+    if (m_resultsNote == text) {
+        return;
+    }
+    m_resultsNote = text;
+    emit resultsNoteChanged();
+}
+
 void DirectoryState::setIsIngesting(bool value)
 {
     if (m_isIngesting == value) {
@@ -511,9 +537,16 @@ void DirectoryState::setIngestProgress(const IndexingProgress &progress)
     if (before.chunksDone != progress.chunksDone) {
         emit ingestChunksDoneChanged();
     }
+    if (progress.meaning && m_meaningFrom < 0) {
+        m_meaningFrom = qint64(progress.chunksEmbedded);
+        m_meaningStart = m_ingestClock.seconds();
+    }
     // A late report of a run that has ended leaves the final status alone.
-    if (m_isIngesting && progress.filesFound > 0) {
-        const QString text = indexingProgressText(progress, m_ingestClock.seconds());
+    if (m_isIngesting && (progress.filesFound > 0 || progress.meaning)) {
+        const QString text =
+            progress.meaning ? meaningProgressText(
+                progress, uint64_t(m_meaningFrom), m_ingestClock.seconds() - m_meaningStart)
+                             : indexingProgressText(progress, m_ingestClock.seconds());
         setStatusText(m_isIndexingPaused ? QStringLiteral("Paused: ") + text : text);
     }
 }

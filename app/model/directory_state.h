@@ -47,6 +47,9 @@ class DirectoryState : public QObject
     // Pinned results first, then the results that are not pinned. Changes with either list.
     Q_PROPERTY(QList<SearchResult> displayResults READ displayResults NOTIFY displayResultsChanged)
     Q_PROPERTY(QString statusText READ statusText NOTIFY statusTextChanged)
+    // One short line above the results when they are partial: the meaning phase of an indexing
+    // has not embedded every passage yet. Empty otherwise.
+    Q_PROPERTY(QString resultsNote READ resultsNote NOTIFY resultsNoteChanged)
     Q_PROPERTY(bool isIngesting READ isIngesting NOTIFY isIngestingChanged)
     // Progress of the running indexing: files done of indexable files found (0 of 0 while the
     // directory is still being walked).
@@ -94,6 +97,7 @@ public:
     QList<SearchResult> results() const { return m_results; }
     QList<SearchResult> displayResults() const;
     QString statusText() const { return m_statusText; }
+    QString resultsNote() const { return m_resultsNote; }
     bool isIngesting() const { return m_isIngesting; }
     int ingestFilesDone() const { return m_ingestProgress.filesDone; }
     int ingestFilesFound() const { return m_ingestProgress.filesFound; }
@@ -165,6 +169,7 @@ public:
 
     // Also what a view reports of a request it carried out, such as opening a result.
     void setStatusText(const QString &text);
+    void setResultsNote(const QString &text);
 
     bool isPinned(const SearchResult &result) const { return m_records.isPinned(result); }
     void togglePin(const SearchResult &result);
@@ -188,6 +193,7 @@ signals:
     void resultsChanged();
     void displayResultsChanged();
     void statusTextChanged();
+    void resultsNoteChanged();
     void isIngestingChanged();
     void isIndexingPausedChanged();
     void ingestFilesDoneChanged();
@@ -254,6 +260,11 @@ private:
     // The indexes of a search over every tab; weak, so a closed tab's index closes.
     QList<std::weak_ptr<IndexHandle>> m_searchAcross;
     QString m_statusText = QStringLiteral("Ready");
+    QString m_resultsNote;
+    // Where the meaning phase of the current indexing began: the clock's seconds and the chunks
+    // embedded then (its pace gives the time left); m_meaningFrom < 0 before it began.
+    double m_meaningStart = 0.0;
+    qint64 m_meaningFrom = -1;
     bool m_isIngesting = false;
     IndexingProgress m_ingestProgress;
     IndexingClock m_ingestClock;

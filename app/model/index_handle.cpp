@@ -101,6 +101,29 @@ void IndexHandle::openLocked(const QString &weightsPath, uint32_t flags)
     int32_t status = TRN_STATUS_OK;
     m_handle = trn_open_ex(&config, flags, &status);
     noteFailureLocked(status, trn_last_error(nullptr));
+    noteMeaningLocked();
+}
+
+void IndexHandle::noteMeaningLocked()
+{
+    uint64_t done = 0, all = 0;
+    if (m_handle) {
+        trn_meaning_progress(m_handle, &done, &all);
+    }
+    m_embedded = done;
+    m_chunks = all;
+}
+
+bool IndexHandle::meaningProgress(uint64_t *done, uint64_t *all) const
+{
+    const uint64_t d = m_embedded, a = m_chunks;
+    if (done) {
+        *done = d;
+    }
+    if (all) {
+        *all = a;
+    }
+    return d < a;
 }
 
 bool IndexHandle::reopen(const QString &weightsPath)
@@ -160,6 +183,9 @@ struct UpdateProgress {
     const bool *cancel; // guarded by m_mutex
     const bool *paused; // guarded by m_mutex
     std::condition_variable *pause_changed;
+    std::atomic<uint64_t> *embedded;
+    std::atomic<uint64_t> *chunks;
+    IndexingProgress words; // the last report of the words phase
 };
 
 bool onUpdateProgress(const char *, int32_t done, int32_t total, void *user)
@@ -167,6 +193,18 @@ bool onUpdateProgress(const char *, int32_t done, int32_t total, void *user)
     UpdateProgress *p = static_cast<UpdateProgress *>(user);
     IndexingProgress now{done, total, int(p->report->chunks_added)};
     trn_update_progress(p->engine, &now.bytesDone, &now.bytesAll);
+    now.meaning = trn_meaning_progress(p->engine, &now.chunksEmbedded, &now.chunksAll) == 1;
+    if (now.meaning) {
+        // done and total count chunks now: the files stay as the words phase left them.
+        now.filesDone = p->words.filesDone;
+        now.filesFound = p->words.filesFound;
+        now.chunksDone = p->words.chunksDone;
+        now.filesIndexed = int(trn_stats(p->engine).file_count);
+    } else {
+        p->words = now;
+    }
+    *p->embedded = now.chunksEmbedded;
+    *p->chunks = now.chunksAll;
     // Between two files the handle is whole: searches of this tab and other tabs' work run here.
     p->lock->unlock();
     if (*p->progress) {
@@ -240,8 +278,16 @@ int IndexHandle::ingestDirectoryHere(int chunkSize, int overlap, const FileWalkO
     }
     m_updateRunning = true;
     m_cancelUpdate = false;
-    UpdateProgress state{
-        m_handle, &progress, report, &lock, &m_cancelUpdate, &m_paused, &m_pauseChanged};
+    UpdateProgress state{m_handle,
+                         &progress,
+                         report,
+                         &lock,
+                         &m_cancelUpdate,
+                         &m_paused,
+                         &m_pauseChanged,
+                         &m_embedded,
+                         &m_chunks,
+                         {}};
     // m_handle stays while m_updateRunning: clearAndReopen waits for the update to stop.
     const int32_t n = trn_update_dir(m_handle,
                                      dir.constData(),
@@ -254,6 +300,7 @@ int IndexHandle::ingestDirectoryHere(int chunkSize, int overlap, const FileWalkO
     if (n < 0) {
         noteFailureLocked(trn_last_status(m_handle), trn_last_error(m_handle));
     }
+    noteMeaningLocked();
     m_updateRunning = false;
     m_updateEnded.notify_all();
     return n;

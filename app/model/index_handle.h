@@ -26,6 +26,7 @@
 #include <QList>
 #include <QString>
 
+#include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
@@ -38,6 +39,12 @@ struct IndexingProgress {
     int chunksDone = 0;
     uint64_t bytesDone = 0; // of the files done, and of all to do (trn_update_progress)
     uint64_t bytesAll = 0;
+    // The meaning phase (trn_meaning_progress): the words of every file are in, and the chunks
+    // with vectors of all live chunks; filesIndexed, the files the index holds.
+    bool meaning = false;
+    uint64_t chunksEmbedded = 0;
+    uint64_t chunksAll = 0;
+    int filesIndexed = 0;
 
     bool operator==(const IndexingProgress &other) const = default;
 };
@@ -85,7 +92,8 @@ public:
     // chunks added, or -1 when the engine is not open, an update already runs, the directory cannot
     // be read or a write failed (see lastError). progress (may be empty) is called with {0, files
     // to read or remove, 0} once the walk is done, then after each of them with {files done, that
-    // total, chunks added}. The lock is open while progress runs, so searches go on between files.
+    // total, chunks added}, and in the meaning phase after each group of vectors with meaning set.
+    // The lock is open while progress runs, so searches go on between files and groups.
     // report, when given, says what the update did.
     int ingestDirectory(int chunkSize, int overlap, const FileWalkOptions &walk,
                         const ProgressFn &progress = {}, TrnUpdateReport *report = nullptr);
@@ -117,6 +125,11 @@ public:
     // directories once, the text of indexable files that are not indexed read for the reason.
     QList<FileInfo> fileList(const FileWalkOptions &walk);
 
+    // The live chunks that have their vectors and all live chunks, as of the last open or
+    // progress report; true while some are missing (semantic results are partial then). Takes
+    // no lock.
+    bool meaningProgress(uint64_t *done, uint64_t *all) const;
+
     // trn_stats, or zero counts when not open.
     TrnStats stats() const;
     // trn_checkpoint; false when not open, busy or the store could not be written (lastError).
@@ -127,6 +140,7 @@ private:
                             const ProgressFn &progress, TrnUpdateReport *report);
     void openLocked(const QString &weightsPath, uint32_t flags); // m_mutex held
     void noteFailureLocked(int status, const char *message);     // m_mutex held
+    void noteMeaningLocked();                                    // m_mutex held
 
     QString m_directoryPath;
     QString m_dataDir;
@@ -140,6 +154,8 @@ private:
     bool m_idlePriority = false;      // guarded by m_mutex
     std::condition_variable m_updateEnded;
     std::condition_variable m_pauseChanged; // with m_mutex: m_paused or m_cancelUpdate changed
+    std::atomic<uint64_t> m_embedded{0};    // meaningProgress()
+    std::atomic<uint64_t> m_chunks{0};
 };
 
 // The engine's informational lines on standard error (trn_set_verbose), process-wide.

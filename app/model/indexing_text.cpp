@@ -18,6 +18,29 @@ QString indexingProgressText(const IndexingProgress &progress, double seconds)
     return QString::fromUtf8(text);
 }
 
+QString meaningProgressText(const IndexingProgress &progress, uint64_t embeddedAtStart,
+                            double seconds)
+{
+    char text[256];
+    trn_meaning_line(progress.filesIndexed,
+                     progress.chunksEmbedded,
+                     progress.chunksAll,
+                     embeddedAtStart,
+                     seconds,
+                     text,
+                     sizeof text);
+    return QString::fromUtf8(text);
+}
+
+QString partialResultsText(uint64_t embedded, uint64_t all, SearchMode mode)
+{
+    if (embedded >= all || (mode != SearchMode::Semantic && mode != SearchMode::Hybrid)) {
+        return QString();
+    }
+    return QStringLiteral("Meaning: %1% of passages embedded; results by meaning are partial")
+        .arg(embedded * 100 / all);
+}
+
 QString durationText(double seconds)
 {
     char text[64];

@@ -30,6 +30,13 @@ private:
 // work; before the walk has found the files, "Indexing: looking for files...". The time left
 // counts the bytes still to come at the pace of those done (the files, when no bytes are known).
 QString indexingProgressText(const IndexingProgress &progress, double seconds);
+// "words: all 551 files · meaning: 38%, about 9 min left": the meaning phase, embeddedAtStart
+// chunks embedded when it began `seconds` ago (its pace gives the time left).
+QString meaningProgressText(const IndexingProgress &progress, uint64_t embeddedAtStart,
+                            double seconds);
+// "Meaning: 38% of passages embedded; results by meaning are partial", or empty when every
+// passage has its vector or the mode ranks by words alone.
+QString partialResultsText(uint64_t embedded, uint64_t all, SearchMode mode);
 // "12 s", "4 min", "1 h 05 min".
 QString durationText(double seconds);
 // "<live chunks> chunks from <files> files".

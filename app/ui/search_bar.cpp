@@ -45,6 +45,11 @@ SearchBar::SearchBar(AppState *app, QWidget *parent) : QWidget(parent), m_app(ap
     m_error->setTextInteractionFlags(Qt::TextSelectableByMouse);
     m_error->hide();
     column->addWidget(m_error);
+    m_note = new QLabel(this);
+    m_note->setObjectName(QStringLiteral("resultsNoteLabel"));
+    m_note->setEnabled(false); // drawn dimmed: it qualifies the results, it asks for nothing
+    m_note->hide();
+    column->addWidget(m_note);
 
     m_field = new QLineEdit(this);
     m_field->setObjectName(QStringLiteral("searchField"));
@@ -176,6 +181,9 @@ void SearchBar::followActiveState()
         connect(state, &DirectoryState::queryErrorChanged, m_stateLink, [this] {
             syncError();
         });
+        connect(state, &DirectoryState::resultsNoteChanged, m_stateLink, [this] {
+            syncError();
+        });
     }
     syncError();
 }
@@ -185,6 +193,9 @@ void SearchBar::syncError()
     const QString error = m_state ? m_state->queryError() : QString();
     m_error->setText(error);
     m_error->setVisible(!error.isEmpty());
+    const QString note = m_state && error.isEmpty() ? m_state->resultsNote() : QString();
+    m_note->setText(note);
+    m_note->setVisible(!note.isEmpty());
     styleError();
 }
 

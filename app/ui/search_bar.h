@@ -63,6 +63,7 @@ private:
     QButtonGroup *m_modes;
     QPushButton *m_copyButton;
     QLabel *m_error;
+    QLabel *m_note; // the active tab's resultsNote
     FilterChips *m_chips;
     QPointer<DirectoryState> m_state;
     QObject *m_stateLink = nullptr; // context of the connections to m_state

@@ -245,7 +245,7 @@ int64_t text_table_find(const TrnEngine *e, uint64_t h, const char *text)
         }
         uint64_t slot = (entry & 0xFFFFFFFFull) - 1;
         const TrnChunk *c = slot < e->count ? &e->chunks[slot] : nullptr;
-        if (c && !c->deleted && c->text && strcmp(c->text, text) == 0) {
+        if (c && !c->deleted && !c->pending && c->text && strcmp(c->text, text) == 0) {
             return (int64_t)slot;
         }
     }

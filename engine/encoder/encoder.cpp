@@ -465,7 +465,11 @@ void encoder_embed(const TrnEncoder *enc, TrnScratch *ws, const char *text, floa
     }
 }
 
-bool encoder_prepare_bag(TrnEncoder *enc)
+namespace
+{
+
+/* Zero position embeddings and zero layer outputs: see encoder_prepare_bag. */
+bool is_bag(const TrnEncoder *enc)
 {
     const auto zero = [](const float *x, size_t n) {
         for (size_t i = 0; i < n; i++) {
@@ -480,18 +484,49 @@ bool encoder_prepare_bag(TrnEncoder *enc)
         bag =
             bag && zero(l.wo, (size_t)DIM * DIM) && zero(l.w2, (size_t)FF * DIM) && zero(l.b2, DIM);
     }
+    return bag;
+}
+
+/* Each of the vocab_size rows of 512 floats at rows through the final norm, in place. */
+void final_norm_rows(const TrnEncoder *enc, float *rows)
+{
+    float tmp[DIM];
+    for (uint32_t t = 0; t < enc->vocab_size; t++) {
+        layernorm(rows + (size_t)t * DIM, enc->ln_f_gamma, enc->ln_f_beta, tmp);
+    }
+}
+
+} // namespace
+
+bool encoder_prepare_bag(TrnEncoder *enc)
+{
     free(enc->bag_rows);
     enc->bag_rows = nullptr;
-    if (!bag) {
+    if (!is_bag(enc)) {
         return false;
     }
     /* A zero layer output adds 0 to the residual, which leaves each token's row as it is. */
     enc->bag_rows = encoder_alloc_floats((size_t)enc->vocab_size * DIM);
-    float tmp[DIM];
-    for (uint32_t t = 0; t < enc->vocab_size; t++) {
-        float *row = enc->bag_rows + (size_t)t * DIM;
-        memcpy(row, enc->tok_emb + (size_t)t * DIM, DIM * sizeof(float));
-        layernorm(row, enc->ln_f_gamma, enc->ln_f_beta, tmp);
+    memcpy(enc->bag_rows, enc->tok_emb, (size_t)enc->vocab_size * DIM * sizeof(float));
+    final_norm_rows(enc, enc->bag_rows);
+    return true;
+}
+
+bool encoder_prepare_bag_only(TrnEncoder *enc)
+{
+    free(enc->bag_rows);
+    enc->bag_rows = nullptr;
+    if (!is_bag(enc)) {
+        return false;
+    }
+    final_norm_rows(enc, enc->tok_emb);
+    enc->bag_rows = enc->tok_emb;
+    enc->tok_emb = nullptr;
+    free(enc->pos_emb);
+    enc->pos_emb = nullptr;
+    for (TrnEncoderLayer &layer : enc->layers) {
+        free_layer(&layer);
+        memset(&layer, 0, sizeof layer);
     }
     return true;
 }

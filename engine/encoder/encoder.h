@@ -35,7 +35,8 @@ struct TrnEncoder {
     float *ln_f_gamma, *ln_f_beta; /* 512 each */
     TrnEncoderLayer layers[TRN_ENCODER_LAYERS];
     TrnScratch *scratch; /* owned buffers of trn_encoder_embed_text; NULL until the first */
-    float *bag_rows;     /* vocab_size x 512 when encoder_prepare_bag found a bag of words */
+    float *bag_rows;     /* vocab_size x 512 when encoder_prepare_bag found a bag of words; after
+                         ** encoder_prepare_bag_only, tok_emb, pos_emb and the layers are NULL */
 };
 
 /* In-place forms of trn_encoder_init, trn_encoder_init_bpe and trn_encoder_free, for an encoder
@@ -53,6 +54,11 @@ void encoder_release(TrnEncoder *enc);
 ** them instead of running the layers, with the same bits. Returns whether it did. Call it after
 ** loading weights into an encoder that nothing trains afterwards (the engine's). */
 bool encoder_prepare_bag(TrnEncoder *enc);
+/* As encoder_prepare_bag for an encoder that only embeds from now on (the engine's): the rows
+** take the token embedding's place, and the position embedding and the layers, which a bag of
+** words never reads, are freed, so a large vocabulary is held once. Saving or training it
+** afterwards is not possible; loading a weights file into it draws its tensors anew first. */
+bool encoder_prepare_bag_only(TrnEncoder *enc);
 
 /* ---------------------------------------------------------------------------------------------
 ** Encoder internals (encoder.cpp)

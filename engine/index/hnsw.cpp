@@ -79,7 +79,7 @@ inline float dist_to(const TrnEngine *e, const float *q, uint32_t i)
 
 inline bool is_deleted(const TrnEngine *e, uint32_t i)
 {
-    return e->chunks[i].deleted != 0;
+    return e->chunks[i].deleted != 0 || e->chunks[i].pending != 0;
 }
 
 inline void prefetch_vector(const TrnEngine *e, uint32_t i)
@@ -538,7 +538,7 @@ void hnsw_rebuild(TrnEngine *e)
     e->entry_point = -1;
     e->max_level = -1;
     for (uint64_t i = 0; i < e->count; i++) {
-        if (e->chunks[i].deleted) {
+        if (e->chunks[i].deleted || e->chunks[i].pending) {
             continue;
         }
         int32_t level = draw_level(&e->level_state, e->level_mult);

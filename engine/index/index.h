@@ -26,6 +26,12 @@ void add_doc_mem(TrnEngine *e, const char *doc_id, const char *text, const char 
 /* As add_doc_mem with the vector already embedded and normalised (dim floats). */
 void add_doc_vec(TrnEngine *e, const char *doc_id, const char *text, const char *path,
                  int32_t chunk_index, int32_t line_number, uint32_t file_type, const float *v);
+/* As add_doc_mem without a vector: the chunk is pending (handle.h), outside the graph. */
+void add_doc_pending(TrnEngine *e, const char *doc_id, const char *text, const char *path,
+                     int32_t chunk_index, int32_t line_number, uint32_t file_type);
+/* Gives the pending chunk in slot its vector (the bytes of dim floats, normalised, at any
+** alignment) and links it into the graph. */
+void set_chunk_vector(TrnEngine *e, uint64_t slot, const void *v);
 /* Draws a graph level from the generator at *state (splitmix64): floor(-ln(u) * level_mult)
 ** clamped to 0..31, u uniform in (0, 1]. */
 int32_t draw_level(uint64_t *state, float level_mult);
@@ -47,10 +53,22 @@ void cut_windows(const char *text, int64_t length, int32_t chunk_size, int32_t o
 int32_t chunk_and_ingest(TrnEngine *e, const char *path, const char *text, int64_t length,
                          int32_t chunk_size, int32_t overlap, TrnFileType type);
 /* As chunk_and_ingest, replacing the chunks path had: the removal and the new chunks are one
-** group of the log. An empty text only removes. Returns the chunks added, or -1 when the write
-** failed (the old chunks then stay). */
+** group of the log. An empty text only removes. Without embed the new chunks are pending, for
+** the meaning phase to embed. Returns the chunks added, or -1 when the write failed (the old
+** chunks then stay). */
 int32_t chunk_and_replace(TrnEngine *e, const char *path, const char *text, int64_t length,
-                          int32_t chunk_size, int32_t overlap, TrnFileType type);
+                          int32_t chunk_size, int32_t overlap, TrnFileType type, bool embed);
+
+/* ---------------------------------------------------------------------------------------------
+** The meaning phase (meaning.cpp)
+*/
+/* Embeds the pending chunks in groups: each group's vectors are logged ('V' records) under the
+** lock, then set and linked. progress (may be NULL) is called with path NULL before the first
+** group and after each, done and total the embedded and all live chunks; false stops there.
+** Returns false when a write failed (the status says why); what was committed stays. */
+bool embed_pending(TrnEngine *e, TrnProgressFn progress, void *user, bool *cancelled);
+/* Live chunks and the pending ones among them. */
+void count_pending(const TrnEngine *e, uint64_t *live, uint64_t *pending);
 
 /* ---------------------------------------------------------------------------------------------
 ** The walk of an update and the text of a file (update.cpp). One place decides which files of a

@@ -21,9 +21,10 @@
 ** the 1-based line on which it starts and the file type. All windows of one text are embedded and
 ** normalised first, on the processor's cores (embed.cpp) and without the index's lock, each
 ** text the index already holds taking the vector it has there; then,
-** under its exclusive lock, they are appended to the write-ahead log as one synced group
-** (wal.cpp), and only then given random graph levels and linked into the graph. A text whose
-** group could not be written adds nothing.
+** under its exclusive lock, they are appended to the write-ahead log with their vectors as one
+** synced group (wal.cpp), and only then given random graph levels and linked into the graph. A
+** text whose group could not be written adds nothing. An update's words phase logs the windows
+** without embedding them: they are pending until its meaning phase (meaning.cpp).
 **
 ** Files larger than TRN_FILE_SIZE_MAX are skipped on their size, before a byte is read: the walk
 ** checks the size it has from stat, and the extraction checks the open file again.
@@ -190,6 +191,7 @@ static uint64_t new_slot(TrnEngine *e, const char *doc_id, const char *text, con
     c->line_number = line_number;
     c->file_type = file_type;
     c->deleted = 0;
+    c->pending = 0;
     return slot;
 }
 
@@ -213,6 +215,23 @@ void add_doc_vec(TrnEngine *e, const char *doc_id, const char *text, const char 
 {
     uint64_t slot = new_slot(e, doc_id, text, path, chunk_index, line_number, file_type);
     memcpy(e->vectors + slot * (uint64_t)e->dim, v, (size_t)e->dim * sizeof(float));
+    link_slot(e, slot);
+}
+
+void add_doc_pending(TrnEngine *e, const char *doc_id, const char *text, const char *path,
+                     int32_t chunk_index, int32_t line_number, uint32_t file_type)
+{
+    uint64_t slot = new_slot(e, doc_id, text, path, chunk_index, line_number, file_type);
+    memset(e->vectors + slot * (uint64_t)e->dim, 0, (size_t)e->dim * sizeof(float));
+    node_reset(&e->nodes[slot]);
+    e->chunks[slot].pending = 1;
+}
+
+void set_chunk_vector(TrnEngine *e, uint64_t slot, const void *v)
+{
+    vectors_own(e); /* a log replayed over a mapped store: as in ensure_cap */
+    memcpy(e->vectors + slot * (uint64_t)e->dim, v, (size_t)e->dim * sizeof(float));
+    e->chunks[slot].pending = 0;
     link_slot(e, slot);
 }
 
@@ -343,10 +362,13 @@ constexpr size_t EMBED_BLOCK = 1024;
 
 /* The bytes of the log records that add the pending chunks of path (wal.cpp's layout), so the
 ** group is allocated once instead of growing by doubling. */
-size_t group_bytes(size_t pending_text, size_t chunks, size_t path_len)
+size_t group_bytes(size_t pending_text, size_t chunks, size_t path_len, int32_t dim)
 {
-    /* the 'G', 'D' and 'C' records; per chunk op, doc id ("<path>:<n>"), text, path and fields */
-    return 128 + path_len + pending_text + chunks * (1 + 4 + path_len + 12 + 4 + 4 + path_len + 13);
+    /* the 'G', 'D' and 'C' records; per chunk op, doc id ("<path>:<n>"), text, path and fields,
+    ** and with dim its 'V' record: op, doc id and the vector */
+    size_t vector = dim > 0 ? 1 + 4 + path_len + 12 + 4 + (size_t)dim * sizeof(float) : 0;
+    return 128 + path_len + pending_text
+           + chunks * (1 + 4 + path_len + 12 + 4 + 4 + path_len + 13 + vector);
 }
 
 /* True when the live chunks of path are exactly pending, in order, of type: replacing them
@@ -374,25 +396,27 @@ bool held_chunks_equal(const TrnEngine *e, const char *path,
 } // namespace
 
 static int32_t chunk_and_store(TrnEngine *e, const char *path, const char *text, int64_t length,
-                               int32_t chunk_size, int32_t overlap, TrnFileType type, bool replace);
+                               int32_t chunk_size, int32_t overlap, TrnFileType type, bool replace,
+                               bool embed);
 
 int32_t chunk_and_ingest(TrnEngine *e, const char *path, const char *text, int64_t length,
                          int32_t chunk_size, int32_t overlap, TrnFileType type)
 {
-    return chunk_and_store(e, path, text, length, chunk_size, overlap, type, false);
+    return chunk_and_store(e, path, text, length, chunk_size, overlap, type, false, true);
 }
 
 int32_t chunk_and_replace(TrnEngine *e, const char *path, const char *text, int64_t length,
-                          int32_t chunk_size, int32_t overlap, TrnFileType type)
+                          int32_t chunk_size, int32_t overlap, TrnFileType type, bool embed)
 {
-    return chunk_and_store(e, path, text, length, chunk_size, overlap, type, true);
+    return chunk_and_store(e, path, text, length, chunk_size, overlap, type, true, embed);
 }
 
 /* With replace, the group that adds the chunks begins with the removal of the file's chunks, so
 ** a crash leaves either the old chunks or the new ones, never both and never neither. An empty
 ** text then only removes. */
 static int32_t chunk_and_store(TrnEngine *e, const char *path, const char *text, int64_t length,
-                               int32_t chunk_size, int32_t overlap, TrnFileType type, bool replace)
+                               int32_t chunk_size, int32_t overlap, TrnFileType type, bool replace,
+                               bool embed)
 {
     if (replace && (length < 1 || chunk_size < 1)) {
         int32_t removed = trn_remove_file(e, path);
@@ -438,7 +462,7 @@ static int32_t chunk_and_store(TrnEngine *e, const char *path, const char *text,
         }
         return (int32_t)pending.size();
     }
-    const size_t blocks = (pending.size() + EMBED_BLOCK - 1) / EMBED_BLOCK;
+    const size_t blocks = embed ? (pending.size() + EMBED_BLOCK - 1) / EMBED_BLOCK : 0;
     std::vector<float *, XAllocator<float *>> vectors(blocks, nullptr);
     std::vector<const char *, XAllocator<const char *>> texts;
     for (size_t b = 0; b < blocks; b++) {
@@ -457,7 +481,8 @@ static int32_t chunk_and_store(TrnEngine *e, const char *path, const char *text,
         bool committed;
         {
             TrnBytes group;
-            group.reserve(group_bytes(pending_text, pending.size(), strlen(path)));
+            group.reserve(
+                group_bytes(pending_text, pending.size(), strlen(path), embed ? e->dim : 0));
             wal_group_begin(e, &group);
             if (replace) {
                 wal_put_remove(e, &group, path);
@@ -472,6 +497,12 @@ static int32_t chunk_and_store(TrnEngine *e, const char *path, const char *text,
                             (int32_t)i,
                             pending[i].line_number,
                             type);
+                if (embed) {
+                    wal_put_vector(e,
+                                   &group,
+                                   doc_id,
+                                   vectors[i / EMBED_BLOCK] + (i % EMBED_BLOCK) * (size_t)e->dim);
+                }
             }
             committed = wal_commit_group(e, &group);
         } /* the group's bytes go before the chunks join the index */
@@ -482,17 +513,22 @@ static int32_t chunk_and_store(TrnEngine *e, const char *path, const char *text,
             ensure_cap(e, e->count + pending.size());
             for (size_t i = 0; i < pending.size(); i++) {
                 snprintf(doc_id, sizeof doc_id, "%s:%d", path, (int)i);
-                add_doc_vec(e,
-                            doc_id,
-                            pending[i].text,
-                            path,
-                            (int32_t)i,
-                            pending[i].line_number,
-                            type,
-                            vectors[i / EMBED_BLOCK] + (i % EMBED_BLOCK) * (size_t)e->dim);
+                if (embed) {
+                    add_doc_vec(e,
+                                doc_id,
+                                pending[i].text,
+                                path,
+                                (int32_t)i,
+                                pending[i].line_number,
+                                type,
+                                vectors[i / EMBED_BLOCK] + (i % EMBED_BLOCK) * (size_t)e->dim);
+                } else {
+                    add_doc_pending(
+                        e, doc_id, pending[i].text, path, (int32_t)i, pending[i].line_number, type);
+                }
                 free(pending[i].text);
                 pending[i].text = nullptr;
-                if (i % EMBED_BLOCK == EMBED_BLOCK - 1 || i + 1 == pending.size()) {
+                if (embed && (i % EMBED_BLOCK == EMBED_BLOCK - 1 || i + 1 == pending.size())) {
                     free(vectors[i / EMBED_BLOCK]);
                     vectors[i / EMBED_BLOCK] = nullptr;
                 }
@@ -500,7 +536,7 @@ static int32_t chunk_and_store(TrnEngine *e, const char *path, const char *text,
             added = (int32_t)pending.size();
             e->changed = 1;
             if (e->wal) {
-                e->wal_chunks += pending.size();
+                e->wal_chunks += pending.size() * (embed ? 2 : 1); /* texts and vectors */
                 /* Bounds what a reopen after a crash re-embeds; a failure leaves the log whole. */
                 if (e->wal_chunks >= g_checkpoint_chunks) {
                     checkpoint_locked(e);

@@ -14,8 +14,11 @@
 **   chunks of a path below dir the walk did not reach -> removed
 **
 ** Replacing is one group of the log (removal and new chunks), so a kill leaves the old chunks or
-** the new ones. The manifest is written after the groups it describes are logged, so an entry
-** never claims more than the index holds; its chunk count check catches the rest (a rebuild by
+** the new ones. The new chunks are pending (meaning.cpp): every file's text is committed first,
+** so that keyword search is complete early, and the vectors of every pending chunk of the index
+** follow in the meaning phase, which also finishes what a killed or cancelled update left. The
+** manifest is written after the groups it describes are logged, so an entry never claims more
+** than the index holds; its chunk count check catches the rest (a rebuild by
 ** another program, a log another process cut). A manifest that cannot be read means every file
 ** is read and every chunked file is replaced once, which costs time and loses nothing. A store or
 ** manifest of an older version, which named every file by its full path, is rewritten by the
@@ -381,8 +384,14 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
                     entry.chunks = held;
                     report->unchanged++;
                 } else {
-                    int32_t n = chunk_and_replace(
-                        e, job.path.c_str(), text, (int64_t)length, chunk_size, overlap, job.type);
+                    int32_t n = chunk_and_replace(e,
+                                                  job.path.c_str(),
+                                                  text,
+                                                  (int64_t)length,
+                                                  chunk_size,
+                                                  overlap,
+                                                  job.type,
+                                                  false);
                     if (n < 0) {
                         free(text);
                         failed = true;
@@ -415,7 +424,21 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
         }
     }
     if (changed_index) {
-        trn_build_doc_index(e);
+        trn_build_doc_index(e); /* searches from the progress callback see every file */
+    }
+    uint64_t live = 0, waiting = 0;
+    count_pending(e, &live, &waiting);
+    if (keep_going && !failed && waiting > 0) {
+        /* So that a kill during the meaning phase reads none of these files again. */
+        if (has_files && dirty && !e->rebuild) {
+            write_manifest(e, &next, &old, work, done);
+        }
+        bool stopped = false;
+        failed = !embed_pending(e, progress, user, &stopped);
+        report->cancelled = stopped ? 1 : report->cancelled;
+    }
+    if (waiting > 0) {
+        trn_build_doc_index(e); /* the files' centroids, from the vectors now there */
     }
     if (!failed && e->count > 0 && e->deleted_count * 100 > e->count * TRN_UPDATE_COMPACT_PERCENT) {
         if (trn_compact(e) == 1) {

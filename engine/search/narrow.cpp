@@ -580,7 +580,7 @@ int32_t narrow_nearest(const TrnEngine *e, const float *q, const uint8_t *allowe
 {
     int32_t n = 0;
     for (uint64_t i = 0; i < e->count && k > 0; i++) {
-        if (!allowed[i]) {
+        if (!allowed[i] || e->chunks[i].pending) {
             continue;
         }
         float s = vec_dot(q, chunk_vector(e, i), (size_t)e->dim);

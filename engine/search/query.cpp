@@ -491,7 +491,7 @@ void count_near_passages(const TrnEngine *e, const float *q, const uint32_t *row
     }
     for (uint64_t i = 0; i < e->count; i++) {
         const TrnChunk *c = &e->chunks[i];
-        if (c->deleted || !c->text || !c->file_path || (allowed && !allowed[i])) {
+        if (c->deleted || c->pending || !c->text || !c->file_path || (allowed && !allowed[i])) {
             continue;
         }
         for (int32_t r = 0; r < n; r++) {
@@ -500,7 +500,7 @@ void count_near_passages(const TrnEngine *e, const float *q, const uint32_t *row
                 continue;
             }
             /* The slack covers the graph's own rounding of the cutoff chunk's nearness. */
-            if (vec_dot(q, e->vectors + i * (uint64_t)e->dim, (size_t)e->dim) >= cutoff - 1e-5f) {
+            if (vec_dot(q, chunk_vector(e, i), (size_t)e->dim) >= cutoff - 1e-5f) {
                 more[r]++;
             }
             break;

@@ -22,13 +22,14 @@
 constexpr uint32_t TRN_WAL_ID_LIMIT = 4096;
 constexpr size_t TRN_COMMIT_SIZE = 92;   /* bytes of the commit record (commit_record.cpp) */
 constexpr size_t TRN_COMMIT_LOG_AT = 76; /* where its committed log's fields begin */
-/* The store's version (store_mapped.cpp). 5: laid out to be read in place (4 is the layout of 3
-** with chunk flags). From 3 on a store is written with a commit record, which it then requires. */
+/* The store's version (store_mapped.cpp). 5: laid out to be read in place (4 was never written).
+** From 3 on a store is written with a commit record, which it then requires. */
 constexpr uint32_t TRN_STORE_VERSION = 5;
 constexpr uint32_t TRN_STORE_VERSION_COMMITTED = 3;
 constexpr size_t TRN_INDEX_ID_SIZE = 16; /* random bytes naming one index (commit_record.cpp) */
-/* A normal handle checkpoints once its log holds this many chunks, so reopening after a crash
-** re-embeds at most this many (g_checkpoint_chunks, a test hook, starts at this value). */
+/* A normal handle checkpoints once its log holds this many records of chunks (a text or a
+** vector each), which bounds the log a reopen replays (g_checkpoint_chunks, a test hook, starts
+** at this value). */
 constexpr uint64_t TRN_CHECKPOINT_CHUNKS = 4096;
 
 /* What identifies the committed state of an index directory: the commit record's bytes and the
@@ -95,6 +96,8 @@ void wal_group_begin(const TrnEngine *e, TrnBytes *group);
 /* Appends an 'A' record for one chunk. */
 void wal_put_add(const TrnEngine *e, TrnBytes *group, const char *doc_id, const char *text,
                  const char *path, int32_t chunk_index, int32_t line_number, uint32_t file_type);
+/* Appends a 'V' record: the vector (dim floats) of the chunk doc_id that an 'A' record added. */
+void wal_put_vector(const TrnEngine *e, TrnBytes *group, const char *doc_id, const float *v);
 /* Appends a 'D' record: every chunk of path is removed. */
 void wal_put_remove(const TrnEngine *e, TrnBytes *group, const char *path);
 /* Ends the group with its 'C' record, writes it to the log and syncs the log. On failure cuts

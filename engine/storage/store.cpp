@@ -484,7 +484,7 @@ void encoder_setup(TrnEngine *e, bool quiet)
     encoder_init_undrawn(&e->encoder);
     e->weights_loaded = trn_encoder_load_weights(&e->encoder, e->weights_path) ? 1 : 0;
     if (e->weights_loaded) {
-        encoder_prepare_bag(&e->encoder);
+        encoder_prepare_bag_only(&e->encoder); /* nothing saves or trains the engine's */
         verbose_note("loaded encoder weights from %s", e->weights_path);
         return;
     }

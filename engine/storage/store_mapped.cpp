@@ -33,8 +33,9 @@
 ** then from offset 96 each section right after the one before:
 **     chunks     count records of 32 bytes: uint32 doc_id bytes, uint32 text bytes, uint32
 **                file_path bytes, int32 chunk_index, int32 line_number, uint32 file_type,
-**                int32 level of the graph node (0..31), uint8 flags (1: deleted; others 0),
-**                3 zero bytes
+**                int32 level of the graph node (0..31), uint8 flags (1: deleted; 2: pending,
+**                its text is committed and its vector not yet: zeros, and its node has no
+**                links; others 0), 3 zero bytes
 **     checks     count uint32: the CRC-32C of each chunk's vector
 **     centroids  files x dim float32: each file's unit centroid, in the document index's order
 **     counts     files uint32: each file's live chunks
@@ -72,7 +73,8 @@ constexpr size_t HEADER_SIZE = 96;
 constexpr size_t CHUNK_RECORD_SIZE = 32;
 constexpr uint64_t VECTOR_ALIGN = 4096; /* a page: the vectors are read in place as floats */
 constexpr uint32_t NEIGHBOR_MAX = 1u << 30;
-constexpr uint32_t ID_KEEP = 255; /* doc_id bytes kept in memory */
+constexpr uint32_t ID_KEEP = 255;    /* doc_id bytes kept in memory */
+constexpr uint8_t CHUNK_PENDING = 2; /* in a chunk record's flags */
 
 struct Header {
     int32_t dim, m, ef_construction, ef_search, entry, max_level;
@@ -196,7 +198,8 @@ bool read_chunks(TrnEngine *e, const uint8_t *b, const Header &h, const Sections
         memcpy(&c->line_number, rec + 16, 4);
         c->file_type = get_u32(rec + 20);
         memcpy(&level, rec + 24, 4);
-        c->deleted = rec[28] ? 1 : 0;
+        c->deleted = (rec[28] & ~CHUNK_PENDING) ? 1 : 0;
+        c->pending = (rec[28] & CHUNK_PENDING) && !c->deleted ? 1 : 0;
         e->deleted_count += c->deleted;
         const uint8_t *id, *text, *path;
         if (level < 0 || level >= TRN_MAX_LEVELS || !section_take(&strings, id_len, &id)
@@ -532,7 +535,7 @@ bool store_write(TrnEngine *e, FILE *f, uint64_t *size, uint32_t *checksum, int 
         memcpy(rec + 16, &c->line_number, 4);
         put_u32(rec + 20, c->file_type);
         memcpy(rec + 24, &e->nodes[i].level, 4);
-        rec[28] = c->deleted ? 1 : 0;
+        rec[28] = c->deleted ? 1 : c->pending ? CHUNK_PENDING : 0;
         out_put(&o, rec, sizeof rec);
     }
     for (uint64_t i = 0; i < e->count; i++) {

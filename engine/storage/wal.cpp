@@ -1,6 +1,6 @@
 /*
 ** wal.cpp -- the write-ahead log "tarnwick.wal": what was added or removed since the last
-** checkpoint, appended as it happens and replayed (re-embedded) when a handle loads.
+** checkpoint, appended as it happens and replayed when a handle loads.
 **
 ** Log layout. No header; a sequence of records, little-endian:
 **
@@ -12,6 +12,9 @@
 **     int32  chunk_index
 **     int32  line_number
 **     uint32 file_type
+**   op 'V' (0x56), the vector of a chunk an 'A' record added, in the same group or a later one;
+**     id is its doc_id, as in 'A':
+**     uint32 n, n bytes       dim float32, the unit vector
 **   op 'D' (0x44): every chunk of the file named by id is removed.
 **   op 'G' (0x47), first record of a log of groups: id is the generation of the store it follows,
 **     in decimal, a space and the index's id in 32 lower-case hex digits (commit_record.cpp); only
@@ -20,7 +23,11 @@
 **   op 'C' (0x43): ends a group; id is the CRC-32 of the group's bytes (from the end of the
 **     previous 'C' record, or the start of the log) in 8 lower-case hex digits.
 **
-** Records other than 'A' carry only their id, so a reader that knows only 'A' skips them.
+** Records other than 'A' and 'V' carry only their id. A chunk that an 'A' record adds is pending
+** (no vector, outside the graph) until a 'V' record gives it its vector: replay never embeds.
+** Ingestion writes each 'V' right after its 'A'; an update's meaning phase writes groups of 'V'
+** records for chunks its words phase logged before (meaning.cpp). A 'V' record names the live
+** pending chunk with its doc_id, which is unique among them; one that names none is ignored.
 **
 ** doc_id, file_path and the id of 'D' are paths as storage.h writes them: one below the index's
 ** folder is a NUL byte and the rest after the folder. Records of older versions, which wrote
@@ -72,6 +79,9 @@ bool parse_record(ByteReader *c, LogRecord *r)
     if (!bytes_take(c, &r->op, 1) || !bytes_take_string(c, TRN_WAL_ID_LIMIT, &r->id, &r->id_len)) {
         return false;
     }
+    if (r->op == 'V') {
+        return bytes_take_string(c, UINT32_MAX, &r->text, &r->text_len);
+    }
     if (r->op != 'A') {
         return true;
     }
@@ -91,16 +101,45 @@ char *dup_bytes(const uint8_t *p, uint32_t n)
     return s;
 }
 
+/* The live pending chunk named id, looked for from e->meaning_hint on and then from the start:
+** vectors are logged in the order of their chunks' slots. -1 when there is none. */
+int64_t pending_slot(TrnEngine *e, const char *id)
+{
+    const uint64_t from = e->meaning_hint < e->count ? e->meaning_hint : 0;
+    for (uint64_t n = 0; n < e->count; n++) {
+        uint64_t i = from + n < e->count ? from + n : from + n - e->count;
+        const TrnChunk *c = &e->chunks[i];
+        if (c->pending && !c->deleted && strcmp(c->doc_id, id) == 0) {
+            return (int64_t)i;
+        }
+    }
+    return -1;
+}
+
 void apply_record(TrnEngine *e, const LogRecord *r)
 {
     if (r->op == 'A') {
         char *id = path_from_disk(e, r->id, r->id_len);
         char *text = dup_bytes(r->text, r->text_len);
         char *path = r->path_len > 0 ? path_from_disk(e, r->path, r->path_len) : nullptr;
-        add_doc_mem(e, id, text, path, r->chunk_index, r->line_number, r->file_type);
+        e->meaning_hint = e->count;
+        add_doc_pending(e, id, text, path, r->chunk_index, r->line_number, r->file_type);
         free(id);
         free(text);
         free(path);
+    } else if (r->op == 'V') {
+        if (r->text_len != (uint64_t)e->dim * sizeof(float)) {
+            return;
+        }
+        char *full = path_from_disk(e, r->id, r->id_len);
+        char id[TRN_ID_MAX];
+        snprintf(id, sizeof id, "%s", full); /* as the chunk keeps it */
+        free(full);
+        int64_t slot = pending_slot(e, id);
+        if (slot >= 0) {
+            set_chunk_vector(e, (uint64_t)slot, r->text);
+            e->meaning_hint = (uint64_t)slot + 1;
+        }
     } else if (r->op == 'D') {
         char *path = path_from_disk(e, r->id, r->id_len);
         remove_file_mem(e, path);
@@ -189,23 +228,9 @@ bool names_index(const TrnEngine *e, const LogRecord *g)
     return (uint32_t)n == g->id_len && memcmp(want, g->id, g->id_len) == 0;
 }
 
-double now_seconds(void)
+/* Applies the records of bytes [from, end). */
+void apply_range(TrnEngine *e, const uint8_t *bytes, uint64_t from, uint64_t end)
 {
-    struct timespec t;
-    clock_gettime(CLOCK_MONOTONIC, &t);
-    return (double)t.tv_sec + (double)t.tv_nsec / 1e9;
-}
-
-/* Applies the records of bytes [from, end), showing progress when many chunks are re-embedded. */
-void apply_range(TrnEngine *e, const uint8_t *bytes, uint64_t from, uint64_t end, uint64_t chunks)
-{
-    constexpr uint64_t SHOW_FROM = 256; /* fewer chunks take a moment only */
-    if (chunks >= SHOW_FROM) {
-        fprintf(
-            stderr, "tarnwick: recovering %llu chunks from the log\n", (unsigned long long)chunks);
-    }
-    double last = now_seconds();
-    uint64_t done = 0;
     ByteReader c = {bytes + from, (size_t)(end - from)};
     LogRecord r;
     /* A rebuild taking up groups committed while it ran: the file a group writes replaces what
@@ -225,16 +250,6 @@ void apply_range(TrnEngine *e, const uint8_t *bytes, uint64_t from, uint64_t end
             replaced = nullptr;
         }
         apply_record(e, &r);
-        if (r.op == 'A') {
-            done++;
-        }
-        if (chunks >= SHOW_FROM && now_seconds() - last >= 2.0) {
-            last = now_seconds();
-            fprintf(stderr,
-                    "tarnwick: recovered %llu of %llu chunks\n",
-                    (unsigned long long)done,
-                    (unsigned long long)chunks);
-        }
     }
 }
 
@@ -364,7 +379,7 @@ bool wal_replay_fd(TrnEngine *e, int fd, uint64_t from, bool apply)
                 whole = !group_end_after(bytes, size, record_start);
                 break;
             }
-            if (r.op == 'A') {
+            if (r.op == 'A' || r.op == 'V') {
                 pending++;
             } else if (r.op == 'C') {
                 char want[16];
@@ -387,7 +402,7 @@ bool wal_replay_fd(TrnEngine *e, int fd, uint64_t from, bool apply)
         }
         whole = whole && end >= e->log_committed;
         if (whole && apply) {
-            apply_range(e, bytes, from, end, chunks);
+            apply_range(e, bytes, from, end);
         }
         if (whole) {
             e->wal_crc = crc32_update(from == 0 ? 0 : e->wal_crc, bytes + from, end - from);
@@ -425,6 +440,13 @@ void wal_put_add(const TrnEngine *e, TrnBytes *group, const char *doc_id, const 
     put_bytes(group, &chunk_index, 4);
     put_bytes(group, &line_number, 4);
     put_u32(group, file_type);
+}
+
+void wal_put_vector(const TrnEngine *e, TrnBytes *group, const char *doc_id, const float *v)
+{
+    group->push_back('V');
+    put_path(group, e, doc_id);
+    put_str(group, reinterpret_cast<const char *>(v), (size_t)e->dim * sizeof(float));
 }
 
 void wal_put_remove(const TrnEngine *e, TrnBytes *group, const char *path)

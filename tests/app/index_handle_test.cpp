@@ -89,12 +89,25 @@ void TestIndexHandle::walkSkipsHiddenEntriesAndTheIndex()
     QList<QList<int>> progress;
     const int chunks =
         engine.ingestDirectory(800, 200, *m_env->walk(), [&progress](const IndexingProgress &p) {
-            progress.append({p.filesDone, p.filesFound, p.chunksDone});
+            progress.append({p.filesDone,
+                             p.filesFound,
+                             p.chunksDone,
+                             p.meaning,
+                             int(p.chunksEmbedded),
+                             p.filesIndexed});
         });
     QCOMPARE(chunks, 2);
-    // (0 of 2) after the walk, then one step per file with the chunks so far.
-    const QList<QList<int>> expected = {{0, 2, 0}, {1, 2, 1}, {2, 2, 2}};
+    // (0 of 2) after the walk, then one step per file with the chunks so far; then the meaning
+    // phase before its one group of vectors and after it, the file counts kept.
+    const QList<QList<int>> expected = {{0, 2, 0, 0, 0, 0},
+                                        {1, 2, 1, 0, 0, 0},
+                                        {2, 2, 2, 0, 0, 0},
+                                        {2, 2, 2, 1, 0, 2},
+                                        {2, 2, 2, 1, 2, 2}};
     QCOMPARE(progress, expected);
+    uint64_t embedded = 0, all = 0;
+    QVERIFY(!engine.meaningProgress(&embedded, &all));
+    QCOMPARE(embedded, uint64_t(2));
     QCOMPARE(engine.search(QStringLiteral("hidden"), SearchMode::Text, 10).size(), 0);
     QCOMPARE(engine.search(QStringLiteral("visible"), SearchMode::Text, 10).size(), 2);
 }

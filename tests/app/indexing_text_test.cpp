@@ -13,6 +13,7 @@ private slots:
     void indexingProgressText_data();
     void indexingProgressText();
     void bytesTellTheTimeLeftWhenKnown();
+    void meaningTellsItsShareAndTheTimeLeftAtItsOwnPace();
 };
 
 void TestIndexingText::indexingProgressText_data()
@@ -63,6 +64,30 @@ void TestIndexingText::bytesTellTheTimeLeftWhenKnown()
     progress.bytesDone = 100; // a small file first: nine times as long to come
     QCOMPARE(::indexingProgressText(progress, 10.0),
              QStringLiteral("Indexing 1 of 4 files, 90 chunks, 9.0 chunks/s, about 2 min left"));
+}
+
+void TestIndexingText::meaningTellsItsShareAndTheTimeLeftAtItsOwnPace()
+{
+    IndexingProgress progress;
+    progress.meaning = true;
+    progress.filesIndexed = 551;
+    progress.chunksAll = 1000;
+    // 380 of 1000 embedded, 80 of them in the 40 s since the phase began: 620 more take 310 s.
+    progress.chunksEmbedded = 380;
+    QCOMPARE(meaningProgressText(progress, 300, 40.0),
+             QStringLiteral("words: all 551 files \u00b7 meaning: 38%, about 5 min left"));
+    // Nothing embedded since the phase began: no pace yet, no time left.
+    QCOMPARE(meaningProgressText(progress, 380, 40.0),
+             QStringLiteral("words: all 551 files \u00b7 meaning: 38%"));
+    // 999 of 1000 is not done: the share is rounded down.
+    progress.chunksEmbedded = 999;
+    QVERIFY(meaningProgressText(progress, 0, 10.0).contains(QStringLiteral("meaning: 99%")));
+    // Results say they are partial in the modes that rank by meaning, only while a vector is
+    // missing.
+    QVERIFY(partialResultsText(380, 1000, SearchMode::Hybrid).startsWith("Meaning: 38% "));
+    QVERIFY(!partialResultsText(380, 1000, SearchMode::Semantic).isEmpty());
+    QVERIFY(partialResultsText(380, 1000, SearchMode::Keyword).isEmpty());
+    QVERIFY(partialResultsText(1000, 1000, SearchMode::Hybrid).isEmpty());
 }
 
 QTEST_GUILESS_MAIN(TestIndexingText)

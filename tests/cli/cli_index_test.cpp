@@ -306,6 +306,7 @@ TEST_F(CliIndexed, TextAndRegexHitsNameTheFileOnceAndTheLineOfTheMatch)
                                             "page",
                                             "pageLine",
                                             "headingPath",
+                                            "semanticPartial",
                                             "marks"}));
         EXPECT_EQ(h["folder"].text, dir.path());
         EXPECT_EQ(h["id"].text, alpha + ":2");

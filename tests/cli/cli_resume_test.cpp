@@ -232,24 +232,41 @@ TEST(CliResume, CtrlCKeepsTheFilesDoneAndUpdateReadsOnlyTheRest)
               parse_json(run_cli({"stats", t.src, "--json"}, t.src).out)["chunkCount"].number);
 }
 
-// A first indexing killed before its checkpoint leaves its chunks in the log. Commands that only
-// read or tidy the index (stats, files, compact) replay that log with the encoder that built the
-// index, so compact stores the vectors a clean index holds, not an untrained encoder's.
-TEST(CliResume, CompactAfterAKilledIndexingStoresTheVectorsOfTheIndexEncoder)
+// A first indexing killed before its first vector leaves chunks whose vectors are still to come.
+// Commands that only read or tidy the index (stats, files, compact) keep them so; a search says
+// that its semantic side is partial, and the next update computes the vectors a clean index holds,
+// with the encoder that built the index.
+TEST(CliResume, AKilledIndexingIsSearchedByWordsUntilUpdateComputesACleanIndexsVectors)
 {
     Tree t;
     t.write_first();
-    // The application's encoder, the built-in one: an untrained encoder would replay its own.
+    // The application's encoder, the built-in one: an untrained encoder would give other vectors.
     const std::vector<std::string> index = {
         "index", t.src, "--chunk-size", "64", "--overlap", "16"};
+    // Killed at the log's first write of vectors (the only writes of more than 2 kB): the words
+    // of every file are committed, no vector is.
+    const std::string trace = t.tmp / "trace.txt";
+    writes_of(index, "write", t.index_dir, trace);
+    fs::remove_all(t.index_dir);
+    int first_vectors = 0, n = 0;
+    for (const std::string &line : lines_of(read_file(trace))) {
+        n++;
+        const size_t eq = line.rfind(" = ");
+        if (!first_vectors && line.find("tarnwick.wal") != std::string::npos
+            && eq != std::string::npos && std::stol(line.substr(eq + 3)) > 2048) {
+            first_vectors = n;
+        }
+    }
+    ASSERT_GT(first_vectors, 0) << read_file(trace);
     std::vector<std::string> killed = {"strace",
                                        "-qq",
                                        "-o",
                                        "/dev/null",
                                        "-e",
-                                       "trace=rename",
+                                       "trace=write",
                                        "-e",
-                                       "inject=rename:signal=SIGKILL:when=1",
+                                       "inject=write:signal=SIGKILL:when="
+                                           + std::to_string(first_vectors),
                                        CLI};
     killed.insert(killed.end(), index.begin(), index.end());
     ASSERT_TRUE(run_argv(killed));
@@ -257,12 +274,28 @@ TEST(CliResume, CompactAfterAKilledIndexingStoresTheVectorsOfTheIndexEncoder)
     for (const char *command : {"stats", "files", "compact"}) {
         ASSERT_EQ(run_cli({command, t.src}, t.src).status, 0) << command;
     }
+    RunResult hybrid = run_cli({"search", t.src, "alpha two", "--mode", "hybrid", "--json"}, t.src);
+    ASSERT_EQ(hybrid.status, 0) << hybrid.err;
+    Json rows = parse_json(hybrid.out);
+    ASSERT_GT(rows.items.size(), 0u) << hybrid.out;
+    EXPECT_TRUE(rows.items[0]["semanticPartial"].boolean) << hybrid.out;
+    EXPECT_NE(hybrid.err.find("% of chunks embedded; semantic results are partial"),
+              std::string::npos)
+        << hybrid.err;
+    RunResult keyword =
+        run_cli({"search", t.src, "alpha two", "--mode", "keyword", "--json"}, t.src);
+    EXPECT_EQ(keyword.err.find("partial"), std::string::npos) << keyword.err;
+
+    const std::vector<std::string> update = {
+        "update", t.src, "--chunk-size", "64", "--overlap", "16"};
+    ASSERT_EQ(run_cli(update, t.src).status, 0);
     const std::vector<std::string> query = {
         "search", t.src, "bravo three", "--mode", "semantic", "--all-chunks", "--json"};
-    const std::string after_kill = run_cli(query, t.src).out;
+    RunResult after_kill = run_cli(query, t.src);
+    EXPECT_EQ(after_kill.err.find("partial"), std::string::npos) << after_kill.err;
     fs::remove_all(t.index_dir);
     ASSERT_EQ(run_cli(index, t.src).status, 0);
-    EXPECT_EQ(after_kill, run_cli(query, t.src).out);
+    EXPECT_EQ(after_kill.out, run_cli(query, t.src).out);
 }
 
 } // namespace

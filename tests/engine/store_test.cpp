@@ -506,19 +506,24 @@ TEST(StoreFile, FailedCheckpointKeepsTheStoreAndTheLog)
     TempDir dir;
     TrnConfig cfg = config_for(dir);
     TrnEngine *e = trn_open(&cfg);
-    ASSERT_EQ(trn_ingest_text(e, "/c/a.txt", "kept in the log", 800, 200), 1);
+    std::string kept;
+    for (int i = 0; i < 100; i++) {
+        kept += "kept in the store ";
+    }
+    ASSERT_EQ(trn_ingest_text(e, "/c/a.txt", kept.c_str(), 800, 200), 3);
     ASSERT_EQ(trn_checkpoint(e), 1);
     ASSERT_EQ(trn_ingest_text(e, "/c/b.txt", "only in the log", 800, 200), 1);
     long wal_before = file_size(dir.file("tarnwick.wal"));
     std::vector<uint8_t> store_before = read_file_bytes(dir.file("tarnwick.bin"));
     ASSERT_GT(wal_before, 0);
 
-    /* Files may not grow past 1000 bytes: the new store cannot be written, small appends can. */
+    /* Files may not grow past 6000 bytes: the new store of four chunks (a vector is 2 kB)
+    ** cannot be written, the log's append of a second one can. */
     signal(SIGXFSZ, SIG_IGN);
     struct rlimit before;
     ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
     struct rlimit small = before;
-    small.rlim_cur = 1000;
+    small.rlim_cur = 6000;
     ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
     EXPECT_EQ(trn_checkpoint(e), 0);
     EXPECT_EQ(trn_last_status(e), TRN_STATUS_IO_ERROR);
@@ -537,7 +542,7 @@ TEST(StoreFile, FailedCheckpointKeepsTheStoreAndTheLog)
     EXPECT_EQ(file_size(dir.file("tarnwick.wal")), 0);
     trn_close(e);
     e = trn_open(&cfg);
-    EXPECT_EQ(e->count, 3u);
+    EXPECT_EQ(e->count, 5u);
     trn_close(e);
 }
 

@@ -1,14 +1,17 @@
-// The encoder weights file: exact layout and sizes of versions 1-3, bit-exact round trips, and
-// every refusal of a damaged or hostile file.
+// The encoder weights file: exact layout and sizes of versions 1-4, bit-exact round trips, half
+// precision rounding, and every refusal of a damaged or hostile file.
 #include "internal.h"
+#include "probe.h"
 #include "store_fixtures.h"
 
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -97,6 +100,38 @@ TrnBpe *makeBpe(uint32_t merges)
     bpe->n_merges = merges;
     bpe->vocab_size = merges + 260;
     return bpe;
+}
+
+// A bag of words (zero position embeddings and layer outputs) whose values lie on a grid of
+// 2^-14 steps: every one of them is a half precision value.
+void makeHalfExactBag(TrnEncoder *e)
+{
+    for (auto [p, n] : tensors(e)) {
+        float *v = const_cast<float *>(p);
+        for (size_t i = 0; i < n; i++) {
+            v[i] = std::ldexp(std::round(std::ldexp(v[i], 14)), -14);
+        }
+    }
+    memset(e->pos_emb, 0, 256 * D * 4);
+    for (TrnEncoderLayer &l : e->layers) {
+        memset(l.wo, 0, D * D * 4);
+        memset(l.w2, 0, F * D * 4);
+        memset(l.b2, 0, D * 4);
+    }
+}
+
+// The storage tag of every tensor of a version 4 file with `merges` merges, and where each
+// tensor begins; the end of the last one is the last offset.
+void readTags(const std::string &path, const TrnEncoder *e, std::vector<uint32_t> *tags,
+              std::vector<long> *starts)
+{
+    long at = 64 + 8 * (long)e->vocab_size - 8 * 260;
+    for (auto [p, n] : tensors(e)) {
+        starts->push_back(at);
+        tags->push_back(readU32(path, at));
+        at += 4 + (long)n * (tags->back() == 0 ? 4 : tags->back() == 1 ? 2 : 0);
+    }
+    starts->push_back(at);
 }
 
 class WeightsFile : public testing::Test
@@ -240,7 +275,7 @@ TEST_F(WeightsFile, RefusesMissingFileBadMagicAndUnsupportedVersionsWithAMessage
     EXPECT_EQ(err, "tarnwick: bad weights magic in " + path + "\n");
 
     patchU32(path, 0, 0x4E455454u);
-    for (uint32_t version : {0u, 4u, 0x101u}) {
+    for (uint32_t version : {0u, 5u, 0x101u}) {
         patchU32(path, 4, version);
         ASSERT_EQ(loadQuietly(), 0);
         EXPECT_EQ(err,
@@ -294,13 +329,15 @@ TEST_F(WeightsFile, AHostileMergeCountInASmallFileIsRefusedBeforeAnyAllocation)
     // 2^32 - 261 merges in a 68-byte file: reading or allocating for them would need hundreds of
     // gigabytes, so the load must fail on the bytes left, not run out of memory.
     const uint32_t m = 0xFFFFFFFFu - 260;
-    const uint32_t words[] = {
-        0x4E455454u, 3, m + 260, 256, 512, 8, 2048, 2, 0, 0, 0, 0, 0, 0, 0, m, 'a', 'b'};
-    write_file_bytes(path, words, sizeof words);
-    ASSERT_EQ(loadQuietly(), 0);
-    EXPECT_EQ(err, "");
-    EXPECT_EQ(other.bpe, nullptr);
-    EXPECT_EQ(other.vocab_size, 260u);
+    for (uint32_t version : {3u, 4u}) {
+        const uint32_t words[] = {
+            0x4E455454u, version, m + 260, 256, 512, 8, 2048, 2, 0, 0, 0, 0, 0, 0, 0, m, 'a', 2};
+        write_file_bytes(path, words, sizeof words);
+        ASSERT_EQ(loadQuietly(), 0);
+        EXPECT_EQ(err, "");
+        EXPECT_EQ(other.bpe, nullptr);
+        EXPECT_EQ(other.vocab_size, 260u);
+    }
 }
 
 TEST_F(WeightsFile, EveryCutThroughHeaderMetadataOrPairsFails)
@@ -408,6 +445,180 @@ TEST_F(WeightsFile, NonFiniteOrHugeValuesAreRefusedAndLeaveAFiniteEncoder)
         EXPECT_EQ(other.bpe != nullptr, c.merges > 0) << c.name;
         encoder_release(&fresh);
     }
+}
+
+// Version 4 stores a tensor of +0.0 as its tag alone (never the token embedding), rounds to the
+// nearest half, ties to even, subnormals included, and widens back exactly; a tensor beyond half
+// range, and every tensor saved without the half flag, stays float32 bit for bit.
+TEST_F(WeightsFile, Version4TagsZerosRoundsToNearestEvenHalfAndKeepsFloat32WhenNotAsked)
+{
+    encoder_release(&enc);
+    encoder_init_bpe(&enc, 42, makeBpe(3));
+    makeHalfExactBag(&enc);
+    struct Rounding {
+        float in, out;
+    } cases[] = {
+        {1 + 0x1p-11f, 1.0f},                    // halfway: to the even neighbour below
+        {1 + 3 * 0x1p-11f, 1 + 0x1p-9f},         // halfway: to the even neighbour above
+        {1 + 0x1p-11f + 0x1p-20f, 1 + 0x1p-10f}, // just past halfway
+        {0x1p-25f, 0.0f},                        // half the smallest subnormal
+        {-3 * 0x1p-26f, -0x1p-24f},              // a subnormal past halfway
+        {0x1p-14f - 0x1p-25f, 0x1p-14f},         // the largest subnormal carries into a normal
+        {-0.0f, -0.0f},                          // the sign of zero is kept
+        {1e-40f, 0.0f},                          // a float subnormal
+        {9999.0f, 10000.0f},                     // steps of 8 near 10^4
+    };
+    float *rounded = enc.layers[0].ln1_beta;
+    for (size_t i = 0; i < std::size(cases); i++) {
+        rounded[i] = cases[i].in;
+    }
+    TrnWeightsMeta meta = {1, 2, 3.0f, 4.0f, 5};
+    ASSERT_EQ(trn_encoder_save_weights_flags(&enc, path.c_str(), &meta, TRN_WEIGHTS_HALF), 1);
+    EXPECT_EQ(readU32(path, 4), 4u);
+    EXPECT_EQ(readU32(path, 60), 3u);
+    std::vector<uint32_t> tags;
+    std::vector<long> starts;
+    readTags(path, &enc, &tags, &starts);
+    // tok pos lnf_g lnf_b, then per layer wq wk wv wo w1 b1 w2 b2 ln1_g ln1_b ln2_g ln2_b
+    const std::vector<uint32_t> want = {1, 2, 1, 2, 1, 1, 1, 2, 1, 1, 2, 2, 1, 1,
+                                        1, 2, 1, 1, 1, 2, 1, 1, 2, 2, 1, 2, 1, 2};
+    EXPECT_EQ(tags, want);
+    EXPECT_EQ(starts.back(), file_size(path)) << "nothing after the last tensor";
+    EXPECT_EQ(starts.back(), 64 + 8 * 3 + 1024 * 263 + 7358576 - 4 * 1024);
+
+    TrnWeightsMeta back;
+    ASSERT_EQ(loadQuietly(&back), 1) << err;
+    EXPECT_EQ(memcmp(&back, &meta, sizeof meta), 0);
+    for (size_t i = 0; i < std::size(cases); i++) {
+        EXPECT_EQ(std::bit_cast<uint32_t>(other.layers[0].ln1_beta[i]),
+                  std::bit_cast<uint32_t>(cases[i].out))
+            << cases[i].in;
+        rounded[i] = cases[i].out;
+    }
+    EXPECT_TRUE(sameWeights(&enc, &other)) << "every other value is exact";
+
+    // Without the half flag, and for a value beyond half range, the floats stay as they are.
+    enc.layers[1].b1[7] = 70000.0f;
+    enc.ln_f_gamma[3] = 1e-40f;
+    tags.clear();
+    starts.clear();
+    ASSERT_EQ(trn_encoder_save_weights_flags(&enc, path.c_str(), nullptr, TRN_WEIGHTS_HALF), 1);
+    readTags(path, &enc, &tags, &starts);
+    EXPECT_EQ(tags[4 + 12 + 5], 0u) << "layer 1's b1 holds 70000";
+    EXPECT_EQ(tags[4 + 12 + 4], 1u);
+    enc.layers[1].b1[7] = 9000.5f; // within the loader's bound, not a half value
+    ASSERT_EQ(trn_encoder_save_weights_flags(&enc, path.c_str(), nullptr, TRN_WEIGHTS_TAGGED), 1);
+    tags.clear();
+    starts.clear();
+    readTags(path, &enc, &tags, &starts);
+    EXPECT_EQ(tags[0], 0u);
+    EXPECT_EQ(tags[1], 2u);
+    EXPECT_EQ(starts.back(), file_size(path));
+    ASSERT_EQ(loadQuietly(&back), 1) << err;
+    EXPECT_EQ(memcmp(&back, &kNoMeta, sizeof back), 0);
+    EXPECT_TRUE(sameWeights(&enc, &other));
+
+    // A byte-level encoder comes back with an empty tokenizer that yields the same vectors.
+    encoder_release(&enc);
+    encoder_init(&enc, 42);
+    ASSERT_EQ(trn_encoder_save_weights_flags(&enc, path.c_str(), nullptr, TRN_WEIGHTS_TAGGED), 1);
+    ASSERT_EQ(loadQuietly(), 1) << err;
+    ASSERT_NE(other.bpe, nullptr);
+    EXPECT_EQ(other.bpe->n_merges, 0u);
+    EXPECT_TRUE(sameWeights(&enc, &other));
+    std::vector<float> a(D), b(D);
+    trn_encoder_embed_text(&enc, "bytes \xc3\xa9 and all", a.data());
+    trn_encoder_embed_text(&other, "bytes \xc3\xa9 and all", b.data());
+    EXPECT_EQ(a, b);
+}
+
+// An engine given the half precision file embeds exactly as the forward pass over the same
+// weights in memory, and as an engine given them as a version 3 file: its bag-of-words rows,
+// which replace the token embedding, give the same bits.
+TEST_F(WeightsFile, AnEngineEmbedsAVersion4FileAsTheFloat32Weights)
+{
+    encoder_release(&enc);
+    encoder_init_bpe(&enc, 42, makeBpe(20));
+    makeHalfExactBag(&enc);
+    const std::string v3 = dir.file("v3.tten");
+    ASSERT_EQ(trn_encoder_save_weights(&enc, v3.c_str()), 1);
+    ASSERT_EQ(trn_encoder_save_weights_flags(&enc, path.c_str(), nullptr, TRN_WEIGHTS_HALF), 1);
+    EXPECT_LT(file_size(path), file_size(v3) / 3);
+    TrnScratch *ws = scratch_new();
+    for (const std::string &file : {path, v3}) {
+        TrnConfig cfg = {nullptr, file.c_str(), 0, 0, 0, 0};
+        TrnEngine *e = trn_open(&cfg);
+        ASSERT_NE(e, nullptr);
+        ASSERT_EQ(trn_prepare_encoder(e), 1) << file;
+        ASSERT_NE(probe_encoder(e)->bag_rows, nullptr);
+        EXPECT_EQ(probe_encoder(e)->tok_emb, nullptr) << "the rows are held once";
+        for (const char *text : {"abc abcd bcd", "", "a longer text, with punctuation: abcabc"}) {
+            float want[D], got[D];
+            encoder_embed(&enc, ws, text, want);
+            trn_encoder_embed_text(probe_encoder(e), text, got);
+            EXPECT_EQ(memcmp(want, got, sizeof want), 0) << file << ": " << text;
+        }
+        // Loading into an encoder kept for embedding only draws its tensors first.
+        ASSERT_EQ(trn_encoder_load_weights(probe_encoder(e), file.c_str()), 1);
+        EXPECT_TRUE(sameWeights(&enc, probe_encoder(e)));
+        trn_close(e);
+    }
+    scratch_free(ws);
+}
+
+// A version 4 file cut at any tensor's start or one byte short of its end, with an unknown tag,
+// or with a byte after its last tensor, is refused with a line, and the encoder
+// keeps the tokenizer and the random tensors of seed 42, never a half-read mix.
+TEST_F(WeightsFile, EveryDamagedVersion4FileIsRefusedAndLeavesTheSeed42Encoder)
+{
+    encoder_release(&enc);
+    encoder_init_bpe(&enc, 42, makeBpe(2));
+    makeHalfExactBag(&enc);
+    ASSERT_EQ(trn_encoder_save_weights_flags(&enc, path.c_str(), nullptr, TRN_WEIGHTS_HALF), 1);
+    const std::vector<uint8_t> good = read_file_bytes(path);
+    std::vector<uint32_t> tags;
+    std::vector<long> starts;
+    readTags(path, &enc, &tags, &starts);
+    struct Damage {
+        long cut;   // the file's new length, or -1
+        int tensor; // whose tag is overwritten, or -1
+        uint32_t tag;
+    };
+    std::vector<Damage> damage = {{(long)good.size() + 1, -1, 0}}; // one byte more
+    for (size_t t = 0; t < tags.size(); t++) {
+        damage.push_back({starts[t], -1, 0});
+        if (tags[t] != 2) {
+            damage.push_back({starts[t + 1] - 1, -1, 0});
+        }
+        if (t % 3 == 1) {
+            damage.push_back({-1, (int)t, t % 2 ? 3u : 0xFFFFFFFFu});
+        }
+    }
+    TrnEncoder fresh;
+    encoder_init_bpe(&fresh, 42, makeBpe(2));
+    for (const Damage &d : damage) {
+        std::vector<uint8_t> bytes = good;
+        if (d.cut >= 0) {
+            bytes.resize((size_t)d.cut);
+        } else {
+            memcpy(&bytes[(size_t)starts[(size_t)d.tensor]], &d.tag, 4);
+        }
+        write_file_bytes(path, bytes.data(), bytes.size());
+        encoder_release(&other);
+        encoder_init(&other, 7);
+        ASSERT_EQ(loadQuietly(), 0) << d.cut << " " << d.tensor;
+        if (d.cut >= 0 && d.cut < starts[1]) {
+            // Too short for the token embedding: refused before it is allocated, as in version 3.
+            EXPECT_EQ(err, "") << d.cut;
+            EXPECT_EQ(other.bpe, nullptr) << d.cut;
+            continue;
+        }
+        EXPECT_EQ(err, "tarnwick: weights in " + path + " are damaged; refused\n")
+            << d.cut << " " << d.tensor;
+        EXPECT_TRUE(sameWeights(&fresh, &other)) << d.cut << " " << d.tensor;
+        ASSERT_NE(other.bpe, nullptr);
+    }
+    encoder_release(&fresh);
 }
 
 TEST_F(WeightsFile, SaveFailsForAnUncreatableFileAndAFullDisk)

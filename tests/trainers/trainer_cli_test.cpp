@@ -503,6 +503,28 @@ TEST_F(TrainerCli, IdfStartsFromTheCorpussBagOfTokensAndSaysSo)
     ASSERT_EQ(trn_encoder_load_weights(&enc, path("bag.tten").c_str()), 1);
     EXPECT_TRUE(encoder_prepare_bag(&enc));
     EXPECT_NE(slurp(path("bag.tten")), slurp(path("idf.tten")));
+    // In half precision (version 4) the same run takes under a third of the bytes, embeds alike,
+    // and a later run starts from it.
+    Result half =
+        train_on({"--init", path("idf.tten"), "--bag", "3,4,0.05", "--half"}, "half.tten", "0");
+    ASSERT_EQ(half.status, 0) << half.err;
+    EXPECT_EQ(file_version(path("half.tten")), 4u);
+    EXPECT_LT(slurp(path("half.tten")).size() * 3, slurp(path("bag.tten")).size());
+    TrnEncoder halved;
+    encoder_init(&halved, 42);
+    ASSERT_EQ(trn_encoder_load_weights(&halved, path("half.tten").c_str()), 1);
+    float a[TRN_ENCODER_DIM], b[TRN_ENCODER_DIM], dot = 0;
+    trn_encoder_embed_text(&enc, "the quick brown fox", a);
+    trn_encoder_embed_text(&halved, "the quick brown fox", b);
+    for (int i = 0; i < TRN_ENCODER_DIM; i++) {
+        dot += a[i] * b[i];
+    }
+    EXPECT_GT(dot, 0.9999f);
+    encoder_release(&halved);
+    Result again =
+        train_on({"--init", path("half.tten"), "--bag", "1,4,0.05", "--half"}, "again.tten", "1");
+    ASSERT_EQ(again.status, 0) << again.err;
+    EXPECT_EQ(file_version(path("again.tten")), 4u);
     encoder_release(&enc);
 }
 
@@ -514,6 +536,10 @@ TEST_F(TrainerCli, InitRefusesFilesItCannotStartFrom)
     TrnEncoder enc;
     encoder_init_bpe(&enc, 42, trn_bpe_load(path("tok.bpe").c_str()));
     ASSERT_EQ(trn_encoder_save_weights(&enc, path("v3.tten").c_str()), 1);
+    ASSERT_EQ(trn_encoder_save_weights_flags(&enc, path("v4.tten").c_str(), nullptr, 2), 1);
+    std::string tagged = slurp(path("v4.tten"));
+    tagged[64 + 8 * 30] = 3; // the token embedding's storage tag
+    write_file("tag.tten", tagged);
     encoder_release(&enc);
     encoder_init(&enc, 42);
     TrnWeightsMeta meta{};
@@ -536,6 +562,7 @@ TEST_F(TrainerCli, InitRefusesFilesItCannotStartFrom)
          "has the wrong shape (vocabulary 260, 256 positions, width 256"},
         {"truncated", {"--init", path("short.tten")}, "is not a complete weights file (4000 bytes"},
         {"not weights", {"--init", path("text.tten")}, "is not an encoder weights file"},
+        {"unknown tag", {"--init", path("tag.tten")}, "(tensor tok_emb has no valid storage tag)"},
         {"missing", {"--init", path("none.tten")}, "cannot open weights"},
         {"other tokenizer",
          {"--init", path("v3.tten"), "--bpe", path("other.bpe")},
