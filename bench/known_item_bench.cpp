@@ -24,14 +24,15 @@
 ** every query and for the vocabulary-mismatch slice: the queries none of whose content words
 ** occurs in their file as indexed (vocabulary.h), where words cannot help and meaning must.
 **
-** --sweep adds rows for other semantic shares of the hybrid fusion (0: keyword alone, 1: the
-** semantic ranking alone), to tune the hybrid mode.
+** --sweep adds rows for other fusions of the same two rankings: fixed semantic shares (0: keyword
+** alone, 1: the semantic ranking alone) and shares that follow the keyword hits' coverage of the
+** query (FusionPolicy in search.h), to tune the hybrid mode.
 ** --dump FILE writes every chunk's file ("C slot path"), then per query a line "Q slice query
-** file..." and both rankings 200 deep, "K" for keyword and "S" for semantic, each entry
-** "slot score" (a keyword entry "slot bm25 cosine"); fields are tab-separated. --corpus FILE writes
-*the texts that would be indexed
-** (queries taken out), each followed by a blank line as a training profile's corpus is, and
-** stops: an encoder trained on it has seen the user's files but never the answers to the queries.
+** file...", the query's keyword mass ("M mass", lex_query_mass) and both rankings 200 deep, "K"
+** for keyword and "S" for semantic, each entry "slot score" (a keyword entry "slot bm25 cosine");
+** fields are tab-separated. --corpus FILE writes the texts that would be indexed (queries taken
+** out), each followed by a blank line as a training profile's corpus is, and stops: an encoder
+** trained on it has seen the user's files but never the answers to the queries.
 ** --task FILE writes the task itself and stops, for train_bag_eval_bench: per file "F path", its
 ** text's length in bytes and the text, each on a line; then per query "Q slice query file...",
 ** slice 1 for the mismatch slice, fields tab-separated.
@@ -377,8 +378,19 @@ int main(int argc, char **argv)
     Tally tally[n_modes], slice[n_modes];
     double seconds[n_modes] = {0};
 
-    /* Fusions tried by --sweep: the semantic share of the combination of scores. */
-    const float variants[] = {0.0f, 0.2f, 0.3f, 0.4f, 0.5f, 0.6f, 0.7f, 1.0f};
+    /* Fusions tried by --sweep: fixed semantic shares of the combination of scores, then shares
+    ** that grow as the keyword hits cover less of the query (FusionPolicy), the engine's first. */
+    const FusionPolicy variants[] = {{0.0f, 0.0f, 0.0f, 0.0f},
+                                     {0.2f, 0.2f, 0.0f, 0.0f},
+                                     {0.3f, 0.3f, 0.0f, 0.0f},
+                                     {0.5f, 0.5f, 0.0f, 0.0f},
+                                     {1.0f, 1.0f, 0.0f, 0.0f},
+                                     HYBRID_POLICY,
+                                     {0.2f, 0.8f, 0.25f, 0.45f},
+                                     {0.2f, 1.0f, 0.25f, 0.6f},
+                                     {0.2f, 1.0f, 0.35f, 0.35f},
+                                     {0.3f, 1.0f, 0.25f, 0.45f}};
+    constexpr int hybrid_row = 5;
     constexpr int n_variants = sizeof variants / sizeof variants[0];
     Tally swept[n_variants], swept_slice[n_variants];
 
@@ -417,7 +429,7 @@ int main(int argc, char **argv)
             for (const std::string &a : q.answers) {
                 fprintf(dump, "\t%s", a.c_str());
             }
-            fprintf(dump, "\nK");
+            fprintf(dump, "\nM\t%.5f\nK", lex_query_mass(e, q.text.c_str(), nullptr));
             for (int32_t j = 0; j < nk; j++) {
                 const float *x = probe_chunk(e, kw[j]).vector;
                 fprintf(dump, "\t%u %.5f %.5f", kw[j], s2[j], vec_dot(x, v, TRN_ENCODER_DIM));
@@ -439,10 +451,11 @@ int main(int argc, char **argv)
         for (int32_t j = 0; j < nk; j++) {
             cosine[j] = vec_dot(probe_chunk(e, kw[j]).vector, v, TRN_ENCODER_DIM);
         }
+        const float mass = lex_query_mass(e, q.text.c_str(), nullptr);
         for (int w = 0; w < n_variants; w++) {
             int32_t nf = fuse_scores(FusionList{kw.data(), s2.data(), cosine.data(), nk},
                                      FusionList{sem.data(), s1.data(), s1.data(), ns},
-                                     variants[w],
+                                     hybrid_share(variants[w], nk > 0 ? s2[0] : 0.0f, mass),
                                      10,
                                      fused.data(),
                                      s3.data());
@@ -493,7 +506,18 @@ int main(int argc, char **argv)
         printf("\n| fusion of scores | R@10 | MRR@10 | mismatch R@10 | mismatch MRR@10 |\n"
                "|---|---:|---:|---:|---:|\n");
         for (int w = 0; w < n_variants; w++) {
-            printf("| semantic share %.1f | %s |\n", variants[w], cells(swept[w], swept_slice[w]));
+            const FusionPolicy &p = variants[w];
+            if (p.share == p.weak_share) {
+                printf("| semantic share %.1f | %s |\n", p.share, cells(swept[w], swept_slice[w]));
+            } else {
+                printf("| share %.1f from coverage %.2f up, %.1f at %.2f and below%s | %s |\n",
+                       p.share,
+                       p.strong,
+                       p.weak_share,
+                       p.weak,
+                       w == hybrid_row ? " (hybrid)" : "",
+                       cells(swept[w], swept_slice[w]));
+            }
         }
     }
     printf("\nExample queries:\n");

@@ -444,11 +444,14 @@ void cmd_stats(const Options &o, const ModelRuntime &model)
     std::string root = resolve_dir(o.operands[0]);
     EnginePtr engine = open_with_its_encoder(o, model, root);
     TrnStats st = trn_stats(engine.get());
+    // Removed chunks keep their slots until compact: the chunks counted are the live ones, as
+    // the application's status bar and the files listing count them.
+    const uint32_t live = st.chunk_count - st.deleted_count;
     if (o.json) {
         JsonWriter w;
         w.begin_object();
         w.key("chunkCount");
-        w.integer(st.chunk_count);
+        w.integer(live);
         w.key("fileCount");
         w.integer(st.file_count);
         w.key("deletedCount");
@@ -466,7 +469,7 @@ void cmd_stats(const Options &o, const ModelRuntime &model)
         text,
         sizeof text,
         "chunks:     %u\nfiles:      %u\ndeleted:    %u\nmax level:  %d\ndim:        %d\n",
-        st.chunk_count,
+        live,
         st.file_count,
         st.deleted_count,
         st.max_level,

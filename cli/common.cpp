@@ -127,8 +127,13 @@ std::string chosen_weights(const Options &o, const ModelRuntime &model, const st
 namespace
 {
 
+} // namespace
+
 void check_weights_readable(const std::string &weights)
 {
+    if (weights.empty()) {
+        return;
+    }
     // The engine would say the same on a line of its own: one line is enough.
     int fd = open(weights.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
@@ -136,8 +141,6 @@ void check_weights_readable(const std::string &weights)
     }
     close(fd);
 }
-
-} // namespace
 
 void prepare_weights(TrnEngine *engine, const std::string &weights)
 {

@@ -58,6 +58,9 @@ void require_index(const std::string &root);
 // Loads the weights into a scratch encoder first, so that a missing or damaged file is an error
 // here rather than a silent fall-back to the random encoder inside trn_open. Empty: nothing.
 void check_weights(const std::string &weights);
+// Only that the file can be opened: for a command that reads the weights later, into the
+// engine that uses them, and would otherwise read them twice. Empty: nothing.
+void check_weights_readable(const std::string &weights);
 // The same check for an open engine, reading the weights into its encoder (which it otherwise
 // reads at its first use), so they are read once.
 void prepare_weights(TrnEngine *engine, const std::string &weights);

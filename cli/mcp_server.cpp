@@ -467,8 +467,10 @@ void run_mcp_server(const Options &o, const ModelRuntime &model)
         }
         std::string description;
         std::string weights = chosen_weights(o, model, root, &description);
-        check_weights(weights);
-        folders.push_back({root, weights, nullptr});
+        // Read once, by the folder's engine at its first search by meaning; a file that cannot
+        // be opened still ends the server here.
+        check_weights_readable(weights);
+        folders.push_back({root, weights, nullptr, false});
     }
     if (folders.empty()) {
         throw Failure("no folders to serve: give --folder DIR, or open folders in Tarnwick");

@@ -280,6 +280,17 @@ TrnEngine *McpTools::engine_of(Folder &f)
     return f.engine.get();
 }
 
+void McpTools::prepare_encoder(Folder &f)
+{
+    // Without it the engine would fall back to the random encoder on weights it cannot read.
+    if (!f.encoder_ready) {
+        if (!trn_prepare_encoder(f.engine.get())) {
+            throw ToolError("cannot load encoder weights from " + f.weights);
+        }
+        f.encoder_ready = true;
+    }
+}
+
 JsonValue McpTools::search(const JsonValue &args, std::string *text)
 {
     std::string query = string_argument(args, "query");
@@ -292,6 +303,8 @@ JsonValue McpTools::search(const JsonValue &args, std::string *text)
     if (mode < 0) {
         throw ToolError("mode must be hybrid, semantic, keyword, text or regex");
     }
+    const bool by_meaning =
+        mode == TRN_SEARCH_SEMANTIC || mode == TRN_SEARCH_HYBRID || mode == TRN_SEARCH_SEMANTIC_ALL;
     const int32_t k = static_cast<int32_t>(integer_argument(args, "k", 10, 1, RESULTS_MAX));
     query += filter_words(args);
     char reason[256];
@@ -320,7 +333,11 @@ JsonValue McpTools::search(const JsonValue &args, std::string *text)
     std::vector<size_t> engine_folder; // the folder of each engine
     for (size_t fi : scope) {
         try {
-            engines.push_back(engine_of(m_folders[fi]));
+            TrnEngine *e = engine_of(m_folders[fi]);
+            if (by_meaning) {
+                prepare_encoder(m_folders[fi]);
+            }
+            engines.push_back(e);
             engine_folder.push_back(fi);
         } catch (const ToolError &err) {
             not_searched.push(JsonValue::object()

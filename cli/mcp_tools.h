@@ -25,7 +25,8 @@ struct ToolError {
 struct Folder {
     std::string root; // resolved
     std::string weights;
-    EnginePtr engine; // opened on first use
+    EnginePtr engine;           // opened on first use
+    bool encoder_ready = false; // its weights read, at the first search by meaning
 };
 
 // One line on standard error, the session's log.
@@ -61,6 +62,8 @@ public:
     // The folder's engine, opened on first use; ToolError when the folder has no index or it
     // cannot be opened.
     TrnEngine *engine_of(Folder &f);
+    // Reads f's weights into its open engine once; throws ToolError when they do not load.
+    void prepare_encoder(Folder &f);
 
 private:
     const Folder *folder_of(const std::string &real) const;

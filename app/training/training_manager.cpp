@@ -75,6 +75,13 @@ TrainingManager::~TrainingManager()
         m_process->kill();
         m_process->waitForFinished(1000);
     }
+    // A pool job still writing a corpus removes it itself once it sees stop.
+    for (const RunSnapshot &snapshot : std::as_const(m_snapshots)) {
+        if (snapshot.corpus) {
+            snapshot.corpus->stop = true;
+            QFile::remove(snapshot.corpus->path);
+        }
+    }
 }
 
 void TrainingManager::loadProfiles()
@@ -264,12 +271,6 @@ void TrainingManager::setTrainerDirectory(const QString &directory)
     m_trainerDirectory = directory;
 }
 
-QString TrainingManager::corpusPath(const TrainingProfile &profile)
-{
-    return QDir::tempPath() + QStringLiteral("/tarnwick_corpus_") + JsonCoding::uuidText(profile.id)
-           + QStringLiteral(".txt");
-}
-
 QStringList TrainingManager::trainerArguments(const TrainingProfile &profile,
                                               const QString &corpusPath, const QString &bpePath,
                                               const QString &initPath)
@@ -302,7 +303,7 @@ QStringList TrainingManager::trainerArguments(const TrainingProfile &profile,
 }
 
 qint64 TrainingManager::prepareCorpus(const QStringList &dirs, const FileWalkOptions &walk,
-                                      const QString &outputPath)
+                                      const QString &outputPath, const std::atomic<bool> *stop)
 {
     QFile out(outputPath);
     if (!out.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
@@ -312,7 +313,10 @@ qint64 TrainingManager::prepareCorpus(const QStringList &dirs, const FileWalkOpt
     qint64 total = 0;
     for (const QString &dir : dirs) {
         const QByteArray root = QFile::encodeName(dir);
-        walk_files(root.constData(), walk.options(), [&out, &total, &walk](const WalkedFile &f) {
+        walk_files(root.constData(), walk.options(), [&](const WalkedFile &f) {
+            if (stop && *stop) {
+                return WALK_STOP;
+            }
             if (f.kind != WALK_FILE || f.status != TRN_FILE_STATUS_INDEXABLE) {
                 return WALK_CONTINUE;
             }
@@ -397,6 +401,11 @@ void TrainingManager::train(const TrainingProfile &profile)
     }
     snapshot.loss = readWholeFile(profile.lossPath());
     snapshot.bpe = readWholeFile(profile.bpePath());
+    // A fresh name per run: a cancelled run's job may still be writing its own corpus.
+    const auto corpus = std::make_shared<CorpusFile>();
+    corpus->path = QDir::tempPath() + QStringLiteral("/tarnwick_corpus_")
+                   + JsonCoding::uuidText(QUuid::createUuid()) + QStringLiteral(".txt");
+    snapshot.corpus = corpus;
     m_snapshots.insert(run, snapshot);
     setIsTraining(true);
     setTrainingProgress(QStringLiteral("Preparing corpus\u2026"));
@@ -407,16 +416,25 @@ void TrainingManager::train(const TrainingProfile &profile)
     const std::shared_ptr<const FileWalkOptions> walk = FileWalkOptions::fromSettings(*m_settings);
     runInBackground(
         this,
-        [profile, walk] {
-            return prepareCorpus(profile.sourceDirectories, *walk, corpusPath(profile));
+        [profile, walk, corpus] {
+            const qint64 bytes =
+                prepareCorpus(profile.sourceDirectories, *walk, corpus->path, &corpus->stop);
+            // Checked after the file is closed: either the manager's removal came after it, or
+            // the manager is gone (or the run cancelled) and this is the last word on the file.
+            if (corpus->stop) {
+                QFile::remove(corpus->path);
+                return qint64(-1);
+            }
+            return bytes;
         },
-        [this, run, profile, dir, initPath](qint64 bytes) {
-            corpusPrepared(run, profile, dir, initPath, bytes);
+        [this, run, profile, dir, initPath, path = corpus->path](qint64 bytes) {
+            corpusPrepared(run, profile, dir, initPath, path, bytes);
         });
 }
 
 void TrainingManager::corpusPrepared(quint64 run, const TrainingProfile &profile,
-                                     const QString &dir, const QString &initPath, qint64 bytes)
+                                     const QString &dir, const QString &initPath,
+                                     const QString &corpus, qint64 bytes)
 {
     if (bytes < kMinimumCorpusBytes) {
         failRun(run,
@@ -425,7 +443,6 @@ void TrainingManager::corpusPrepared(quint64 run, const TrainingProfile &profile
                     + QStringLiteral(" bytes). Add more source directories."));
         return;
     }
-    const QString corpus = corpusPath(profile);
     if (!profile.useBPE || !initPath.isEmpty()) {
         launchTrainer(run, profile, corpus, QString(), initPath);
         return;
@@ -438,9 +455,10 @@ void TrainingManager::corpusPrepared(quint64 run, const TrainingProfile &profile
     if (run == m_currentRun && !m_cancelledRuns.contains(run)) {
         setTrainingProgress(QStringLiteral("Training BPE tokenizer\u2026"));
     }
+    const std::shared_ptr<CorpusFile> file = m_snapshots.value(run).corpus;
     runInBackground(
         this,
-        [bpeTrainer, corpus, profile] {
+        [bpeTrainer, corpus, profile, file] {
             QProcess bpe;
             bpe.setStandardOutputFile(QProcess::nullDevice());
             bpe.setStandardErrorFile(QProcess::nullDevice());
@@ -448,7 +466,14 @@ void TrainingManager::corpusPrepared(quint64 run, const TrainingProfile &profile
             if (!bpe.waitForStarted(-1)) {
                 return QStringLiteral("Failed to run BPE training: ") + bpe.errorString();
             }
-            bpe.waitForFinished(-1);
+            // A cancelled run, or a manager destroyed, stops the tokenizer trainer too.
+            while (!bpe.waitForFinished(100) && bpe.state() != QProcess::NotRunning) {
+                if (file && file->stop) {
+                    bpe.kill();
+                    bpe.waitForFinished(-1);
+                    return QStringLiteral("Cancelled");
+                }
+            }
             if (bpe.exitStatus() != QProcess::NormalExit || bpe.exitCode() != 0) {
                 return QStringLiteral("BPE training failed");
             }
@@ -472,7 +497,7 @@ void TrainingManager::failRun(quint64 run, const QUuid &profileId, const QString
         finishCancelled(run, profileId);
         return;
     }
-    m_snapshots.remove(run);
+    endRun(run);
     if (run == m_currentRun) {
         setIsTraining(false);
         setTrainingProgress(message);
@@ -559,7 +584,7 @@ void TrainingManager::trainerFinished(quint64 run, QProcess *process,
         finishCancelled(run, profile.id);
         return;
     }
-    m_snapshots.remove(run);
+    endRun(run);
     // A trainer killed by a signal reports the signal number as its exit code.
     const bool exists = QFileInfo::exists(profile.weightsPath);
     const bool succeeded = exitStatus == QProcess::NormalExit && exitCode == 0 && exists;
@@ -588,6 +613,9 @@ void TrainingManager::cancelTraining()
         return;
     }
     m_cancelledRuns.insert(m_currentRun);
+    if (const std::shared_ptr<CorpusFile> corpus = m_snapshots.value(m_currentRun).corpus) {
+        corpus->stop = true; // a corpus or tokenizer still being prepared ends early
+    }
     if (m_process) {
         m_process->terminate();
     } else {
@@ -601,7 +629,7 @@ void TrainingManager::cancelTraining()
 void TrainingManager::finishCancelled(quint64 run, const QUuid &profileId)
 {
     m_cancelledRuns.remove(run);
-    const RunSnapshot snapshot = m_snapshots.take(run);
+    const RunSnapshot snapshot = endRun(run);
     // A newer run has the profile now; it decides what the profile becomes.
     if (run == m_currentRun) {
         if (std::optional<TrainingProfile> p = profile(profileId)) {
@@ -615,4 +643,13 @@ void TrainingManager::finishCancelled(quint64 run, const QUuid &profileId)
         setTrainingProgress(QStringLiteral("Cancelled"));
     }
     emit trainingFinished(profileId);
+}
+
+TrainingManager::RunSnapshot TrainingManager::endRun(quint64 run)
+{
+    const RunSnapshot snapshot = m_snapshots.take(run);
+    if (snapshot.corpus) {
+        QFile::remove(snapshot.corpus->path);
+    }
+    return snapshot;
 }

@@ -1,10 +1,10 @@
 /*
 ** training_manager.h -- the owner of the training profiles, and the one training run at a time.
 **
-** A run (train()) writes the corpus "<temp>/tarnwick_corpus_<UUID>.txt" from the profile's
-** source directories on the thread pool, runs "train_bpe <corpus> <P.bpe> 7740" there when the
-** profile asks for a tokenizer, then starts the encoder trainer as a QProcess child of the
-** manager on the main thread:
+** A run (train()) writes the corpus "<temp>/tarnwick_corpus_<random UUID>.txt" from the
+** profile's source directories on the thread pool, runs "train_bpe <corpus> <P.bpe> 7740" there
+** when the profile asks for a tokenizer, then starts the encoder trainer as a QProcess child of
+** the manager on the main thread:
 **
 **   trainer <corpus> <P> <steps> <batch> <learning rate> <heads> <layers>
 **           [--bpe <P.bpe>] [--threads <n>, only for n >= 2]
@@ -22,6 +22,8 @@
 ** with "step " or "bag step " become trainingProgress. Exit 0 with a file at P marks the profile
 *trained.
 ** Every failure marks it failed and leaves a one-line message in trainingProgress.
+** The corpus, a copy of the user's text, is removed when the run ends however it ends
+** (completed, failed, cancelled, or the manager destroyed while the run was under way).
 **
 ** Both trainers are looked up in trainerDirectory(), by default the directory of the
 ** application executable, or libexec/tarnwick beside it once installed (support_files.h); the
@@ -45,6 +47,8 @@
 #include <QStringList>
 #include <QUuid>
 
+#include <atomic>
+#include <memory>
 #include <optional>
 
 class FileWalkOptions;
@@ -122,8 +126,6 @@ public:
 
     // "~/.tarnwick/weights".
     static QString weightsDirectory();
-    // "<temp>/tarnwick_corpus_<UUID>.txt".
-    static QString corpusPath(const TrainingProfile &profile);
     // A run that starts from the built-in encoder trains at this share of the profile's rate.
     static constexpr int kBagStepShare = 5;       // a profile's steps per bag step
     static constexpr int kBagBatch = 128;         // pairs per bag step
@@ -135,9 +137,10 @@ public:
                                         const QString &initPath = QString());
     // Writes the text of every file below dirs that indexing under walk would read (the same walk
     // and text extraction) to outputPath, each followed by "\n\n"; returns the bytes of text
-    // written (separators not counted), or -1 when outputPath cannot be written.
+    // written (separators not counted), or -1 when outputPath cannot be written. A non-null stop
+    // that becomes true ends the walk early.
     static qint64 prepareCorpus(const QStringList &dirs, const FileWalkOptions &walk,
-                                const QString &outputPath);
+                                const QString &outputPath, const std::atomic<bool> *stop = nullptr);
     // The records of a loss log ("<step>,<loss>" lines; other lines skipped), in file order.
     static QList<LossDataPoint> parseLossFile(const QString &path);
     // "This computer has <n> CPU cores available for training threads."
@@ -162,7 +165,7 @@ private:
     // The second step of a run, on the main thread: the corpus holds bytes bytes of text (-1:
     // it could not be written). Trains the tokenizer when the run needs one, then the encoder.
     void corpusPrepared(quint64 run, const TrainingProfile &profile, const QString &dir,
-                        const QString &initPath, qint64 bytes);
+                        const QString &initPath, const QString &corpus, qint64 bytes);
     void launchTrainer(quint64 run, const TrainingProfile &profile, const QString &corpus,
                        const QString &bpePath, const QString &initPath);
     void trainerFinished(quint64 run, QProcess *process, const TrainingProfile &profile,
@@ -171,13 +174,23 @@ private:
     // Ends a cancelled run: restores the snapshot taken when it started.
     void finishCancelled(quint64 run, const QUuid &profileId);
 
+    // A run's corpus file, shared with the pool jobs that write and read it: they outlive the
+    // manager when it is destroyed mid-run, and stop tells them to end early and leave no file.
+    struct CorpusFile {
+        QString path;
+        std::atomic<bool> stop{false};
+    };
+
     // What a run may change of its profile, as it was when the run started.
     struct RunSnapshot {
         TrainingStatus status = TrainingStatus::Untrained;
         std::optional<QDateTime> lastTrained;
         std::optional<QByteArray> loss; // nullopt: there was no loss log
         std::optional<QByteArray> bpe;  // nullopt: there was no tokenizer file
+        std::shared_ptr<CorpusFile> corpus;
     };
+    // Forgets a run that ended and removes its corpus; returns its snapshot.
+    RunSnapshot endRun(quint64 run);
 
     Settings *m_settings;
     QString m_trainerDirectory;

@@ -21,6 +21,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
 int32_t lex_search(TrnEngine *e, const char *query, int32_t k, uint32_t *out_slots,
                    float *out_scores)
@@ -59,6 +60,39 @@ float shared_idf(const LexShared *shared, const TrnLexical *x, uint32_t id)
 }
 
 } // namespace
+
+float lex_query_mass(TrnEngine *e, const char *query, const LexShared *shared)
+{
+    lex_sync(e);
+    const TrnLexical *x = e->lexical;
+    const double docs = shared ? (double)shared->live_docs : (double)x->live_docs;
+    if (docs <= 0.0) {
+        return 0.0f;
+    }
+    uint32_t seen[QUERY_TERMS_MAX];
+    uint32_t n = 0;
+    double mass = 0.0;
+    tokenize(query, strlen(query), [&](const char *s, size_t len, size_t) {
+        uint32_t h = hash_term(s, len);
+        for (uint32_t j = 0; j < n; j++) {
+            if (seen[j] == h) {
+                return;
+            }
+        }
+        if (n == QUERY_TERMS_MAX) {
+            return;
+        }
+        seen[n++] = h;
+        double df = 0.0;
+        for (int32_t j = 0; j < (shared ? shared->count : 1); j++) {
+            const TrnLexical *y = shared ? shared->engines[j]->lexical : x;
+            int64_t id = lex_find_term(y, s, len, h);
+            df += id >= 0 ? (double)y->terms[id].df : 0.0;
+        }
+        mass += std::log(1.0 + (docs - df + 0.5) / (df + 0.5));
+    });
+    return (float)mass;
+}
 
 int32_t lex_search_in(TrnEngine *e, const char *query, int32_t k, const uint8_t *allowed,
                       const LexShared *shared, uint32_t *out_slots, float *out_scores)

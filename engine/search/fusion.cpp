@@ -8,12 +8,17 @@
 ** last (0) and first (1). A keyword hit gets its own cosine, so a chunk that both rankings like
 ** rises above one that only one of them does.
 **
+** Why the share follows the keyword hits' coverage of the query: BM25 over the best hit makes the
+** first keyword hit 1 however little of the query it holds, so with a fixed share a question put
+** in other words than its answer's got the wrong chunks that hold its commonest words. The best
+** BM25 score over the query's own (lex_query_mass) is low for such questions and high where the
+** words are found: below 0.45 for 96 of the 129 development questions written without their
+** answers' words and for 17 of the 600 known-item queries (bench/README.md, "Hybrid").
+**
 ** Why scores and not ranks: reciprocal rank fusion gives the tenth chunk of a ranking almost what
 ** it gives the first, so a confident keyword hit and a confident semantic hit lose to a chunk both
 ** rankings put in the middle; on the known-item benchmark equal-weight rank fusion cost 0.07 to
-** 0.09 of keyword's R@10, while the combination of scores at HYBRID_SEMANTIC_SHARE gains over
-** both (bench/README.md). Where no chunk holds a query word the semantic ranking is all there is,
-** which is where meaning finds what words miss.
+** 0.09 of keyword's R@10, while the combination of scores gains over both (bench/README.md).
 **
 ** Why the graph width stops at HYBRID_CANDIDATES and starts at HYBRID_GRAPH_MIN: searching 100
 ** wide cost about 9.5 ms at 100,000 chunks, half of it for ranks 51 to 100, which the known-item
@@ -92,6 +97,19 @@ int32_t fuse_scores(const FusionList &words, const FusionList &meaning, float sh
     return keep;
 }
 
+float hybrid_share(const FusionPolicy &policy, float best, float mass)
+{
+    float coverage = mass > 0.0f ? best / mass : 0.0f;
+    if (coverage >= policy.strong) {
+        return policy.share;
+    }
+    if (coverage <= policy.weak) {
+        return policy.weak_share;
+    }
+    float t = (policy.strong - coverage) / (policy.strong - policy.weak);
+    return policy.share + t * (policy.weak_share - policy.share);
+}
+
 void rank_hybrid(TrnEngine *e, const char *query, int32_t kk, int32_t depth, const uint8_t *allowed,
                  Ranking *out)
 {
@@ -108,15 +126,13 @@ void rank_hybrid(TrnEngine *e, const char *query, int32_t kk, int32_t depth, con
     for (int32_t i = 0; i < nk; i++) {
         cosine[i] = vec_dot(chunk_vector(e, kw[i]), q, e->dim);
     }
+    float share =
+        hybrid_share(HYBRID_POLICY, nk > 0 ? bm25[0] : 0.0f, lex_query_mass(e, query, nullptr));
     int32_t keep = depth < 2 * HYBRID_CANDIDATES ? depth : 2 * HYBRID_CANDIDATES;
     uint32_t fused[2 * HYBRID_CANDIDATES];
     float score[2 * HYBRID_CANDIDATES];
-    int32_t n = fuse_scores(FusionList{kw, bm25, cosine, nk},
-                            FusionList{sem, sim, sim, ns},
-                            HYBRID_SEMANTIC_SHARE,
-                            keep,
-                            fused,
-                            score);
+    int32_t n = fuse_scores(
+        FusionList{kw, bm25, cosine, nk}, FusionList{sem, sim, sim, ns}, share, keep, fused, score);
     for (int32_t i = 0; i < n; i++) {
         out->add(fused[i], score[i]);
     }

@@ -112,12 +112,14 @@ Hits rank_hybrid_many(const Source *src, int32_t count, const char *query, int32
             sem_score[i - nk] = h.score;
         }
     }
+    const float share = hybrid_share(
+        HYBRID_POLICY, nk > 0 ? kw_score[0] : 0.0f, lex_query_mass(src[0].e, query, shared));
     const int32_t keep = depth < 2 * HYBRID_CANDIDATES ? depth : 2 * HYBRID_CANDIDATES;
     uint32_t fused[2 * HYBRID_CANDIDATES];
     float score[2 * HYBRID_CANDIDATES];
     int32_t n = fuse_scores(FusionList{kw_ids, kw_score, kw_cosine, nk},
                             FusionList{sem_ids, sem_score, sem_score, ns},
-                            HYBRID_SEMANTIC_SHARE,
+                            share,
                             keep,
                             fused,
                             score);

@@ -134,6 +134,10 @@ void lex_shared_init(LexShared *shared, TrnEngine *const *engines, int32_t count
 ** counts of shared (NULL: e's own), which must include e. */
 int32_t lex_search_in(TrnEngine *e, const char *query, int32_t k, const uint8_t *allowed,
                       const LexShared *shared, uint32_t *out_slots, float *out_scores);
+/* What a chunk holding each of the query's distinct terms once, at the average length, scores by
+** BM25: the sum of their idf (with the counts of shared, NULL: e's own), a term no chunk holds
+** counted at its highest idf. 0 when no chunk is live. */
+float lex_query_mass(TrnEngine *e, const char *query, const LexShared *shared);
 
 /* ---------------------------------------------------------------------------------------------
 ** Snippets (snippets.cpp)
@@ -158,9 +162,8 @@ int64_t lex_densest(TrnEngine *e, const char *query, const char *text, size_t wi
 ** Hybrid search (fusion.cpp): the keyword ranking and the semantic one, each chunk ranked by a
 ** convex combination of its two scores.
 */
-constexpr int32_t HYBRID_CANDIDATES = 100;    /* keyword ranking a hybrid search fuses */
-constexpr int32_t HYBRID_GRAPH_MIN = 50;      /* see hybrid_graph_width */
-constexpr float HYBRID_SEMANTIC_SHARE = 0.2f; /* what meaning weighs against words, 0..1 */
+constexpr int32_t HYBRID_CANDIDATES = 100; /* keyword ranking a hybrid search fuses */
+constexpr int32_t HYBRID_GRAPH_MIN = 50;   /* see hybrid_graph_width */
 /* How wide a hybrid search searches the graph, and how deep the semantic ranking it fuses:
 ** ef_search within HYBRID_GRAPH_MIN..HYBRID_CANDIDATES. */
 int32_t hybrid_graph_width(const TrnEngine *e);
@@ -173,6 +176,18 @@ struct FusionList {
     const float *cosine;
     int32_t n;
 };
+/* What meaning weighs against words in one hybrid search, 0..1, by the keyword ranking's
+** coverage of the query: its best BM25 score over the query's mass (lex_query_mass). At coverage
+** strong or above the share is share; at weak or below it is weak_share; linear between. */
+struct FusionPolicy {
+    float share;
+    float weak_share;
+    float weak;
+    float strong;
+};
+constexpr FusionPolicy HYBRID_POLICY = {0.2f, 1.0f, 0.25f, 0.45f};
+/* The share policy gives a query whose best keyword hit scores best (0: none) of its mass. */
+float hybrid_share(const FusionPolicy &policy, float best, float mass);
 /* Ranks the slots of both lists by (1 - share) * BM25 / best BM25 + share * nearness, where
 ** nearness places the cosine between the semantic list's last (0) and first (1) score, clamped
 ** to 0..1, and a slot missing from the keyword list has BM25 0. With one list empty the other

@@ -1,7 +1,8 @@
 /*
 ** A training run against stand-in trainers (small shell scripts that record their command line
 ** and behave as each case needs): corpus size limit, command lines, progress lines, every
-** failure message, and cancelling.
+** failure message, and cancelling. After every case, however the run ended, no corpus is left in
+** the temporary folder.
 */
 #include "training_manager.h"
 
@@ -31,12 +32,17 @@ private slots:
     void missingTrainerChangesNothing();
     void cancelLeavesTheProfileAsItWas_data();
     void cancelLeavesTheProfileAsItWas();
+    void destroyedMidRunLeavesNothing_data();
+    void destroyedMidRunLeavesNothing();
 
 private:
     TrainingProfile makeProfile(int textBytes);
     bool runToEnd(const TrainingProfile &profile);
     QStringList recordedArgs(const QString &file) const;
 
+    QStringList corporaLeft() const;
+
+    std::unique_ptr<QTemporaryDir> m_temp; // TMPDIR of the whole test, where runs write corpora
     std::unique_ptr<IsolatedEnvironment> m_env;
     std::unique_ptr<QTemporaryDir> m_work;
     std::unique_ptr<TrainingManager> m_manager;
@@ -61,6 +67,10 @@ static void writeScript(const QString &path, const QByteArray &body)
 
 void TestTrainingManager::initTestCase()
 {
+    m_temp = std::make_unique<QTemporaryDir>();
+    QVERIFY(m_temp->isValid());
+    qputenv("TMPDIR", QFile::encodeName(m_temp->path()));
+    QCOMPARE(QDir::tempPath(), m_temp->path());
     m_env = std::make_unique<IsolatedEnvironment>();
 }
 
@@ -71,6 +81,7 @@ void TestTrainingManager::init()
     QDir().mkpath(m_bin);
     writeScript(m_bin + QStringLiteral("/trainer"),
                 "printf '%s\\n' \"$@\" > \"$FAKE_DIR/trainer.args\"\n"
+                "cp \"$1\" \"$FAKE_DIR/corpus.seen\"\n"
                 "echo 'warming up'\n"
                 "echo 'step 1/2 loss 6.0'\n"
                 "printf '  step 2/2 loss 5.0  \\n'\n"
@@ -87,6 +98,7 @@ void TestTrainingManager::init()
     qunsetenv("FAKE_EXIT");
     qunsetenv("FAKE_SLEEP");
     qunsetenv("FAKE_BPE_EXIT");
+    qunsetenv("FAKE_BPE_SLEEP");
     m_env->settings()->remove(QStringLiteral("trainingProfiles"));
     // Profiles of the same name share a weights file; start each case without one.
     QDir(TrainingManager::weightsDirectory()).removeRecursively();
@@ -97,7 +109,14 @@ void TestTrainingManager::init()
 void TestTrainingManager::cleanup()
 {
     m_manager.reset();
+    QThreadPool::globalInstance()->waitForDone();
     m_work.reset();
+    QCOMPARE(corporaLeft(), QStringList());
+}
+
+QStringList TestTrainingManager::corporaLeft() const
+{
+    return QDir(m_temp->path()).entryList({QStringLiteral("tarnwick_corpus_*")}, QDir::Files);
 }
 
 TrainingProfile TestTrainingManager::makeProfile(int textBytes)
@@ -149,11 +168,9 @@ void TestTrainingManager::corpusOfAtLeast101BytesProceeds()
     QVERIFY(runToEnd(profile));
     QCOMPARE(m_manager->trainingProgress(), progress);
     QVERIFY(!m_manager->isTraining());
-    // The corpus holds the text and its separator; the picture is left out.
-    QFile corpus(TrainingManager::corpusPath(profile));
-    QVERIFY(corpus.open(QIODevice::ReadOnly));
-    QCOMPARE(corpus.readAll(), QByteArray(bytes, 'w') + "\n\n");
-    corpus.remove();
+    // The trainer saw the text and its separator; the picture is left out.
+    QCOMPARE(readFile(m_work->filePath(QStringLiteral("corpus.seen"))),
+             bytes > 100 ? QByteArray(bytes, 'w') + "\n\n" : QByteArray("(missing)"));
     const TrainingStatus expected = bytes > 100 ? TrainingStatus::Trained : TrainingStatus::Failed;
     QCOMPARE(m_manager->profile(profile.id)->status, expected);
     QCOMPARE(m_manager->profile(profile.id)->lastTrained.has_value(), bytes > 100);
@@ -197,7 +214,13 @@ void TestTrainingManager::commandLine()
     QVERIFY(runToEnd(profile));
     QCOMPARE(m_manager->trainingProgress(), QStringLiteral("Training complete"));
 
-    const QString corpus = TrainingManager::corpusPath(profile);
+    // The corpus is a file of the run's own in the temporary folder.
+    const QStringList args = recordedArgs(QStringLiteral("trainer.args"));
+    QVERIFY(!args.isEmpty());
+    const QString corpus = args.first();
+    QCOMPARE(QFileInfo(corpus).path(), m_temp->path());
+    QVERIFY(QFileInfo(corpus).fileName().startsWith(QStringLiteral("tarnwick_corpus_")));
+    QVERIFY(corpus.endsWith(QStringLiteral(".txt")));
     const bool init = shipped && fromBuiltIn;
     // a run from the built-in encoder trains its word rows alone: no model steps
     QStringList expected = {
@@ -217,10 +240,7 @@ void TestTrainingManager::commandLine()
         expected << "--init" << builtIn << "--bag"
                  << "200,128,0.003";
     }
-    QCOMPARE(recordedArgs(QStringLiteral("trainer.args")), expected);
-    QVERIFY(corpus.endsWith(QStringLiteral(".txt")));
-    QVERIFY(QFileInfo(corpus).fileName().startsWith(QStringLiteral("tarnwick_corpus_")));
-    QFile::remove(corpus);
+    QCOMPARE(args, expected);
 }
 
 void TestTrainingManager::stepLinesBecomeProgress()
@@ -244,7 +264,6 @@ void TestTrainingManager::stepLinesBecomeProgress()
                           "step 2/2 loss 5.0",
                           "Training complete"}));
     QCOMPARE(m_manager->profile(profile.id)->status, TrainingStatus::Trained);
-    QFile::remove(TrainingManager::corpusPath(profile));
 }
 
 void TestTrainingManager::trainerFailures_data()
@@ -273,7 +292,6 @@ void TestTrainingManager::trainerFailures()
     QCOMPARE(m_manager->profile(profile.id)->status, TrainingStatus::Failed);
     QVERIFY(!m_manager->isTraining());
     QFile::remove(profile.weightsPath);
-    QFile::remove(TrainingManager::corpusPath(profile));
 }
 
 void TestTrainingManager::tokenizerFailures_data()
@@ -299,7 +317,6 @@ void TestTrainingManager::tokenizerFailures()
     QCOMPARE(m_manager->profile(profile.id)->status, TrainingStatus::Failed);
     // The encoder trainer never started.
     QVERIFY(!QFile::exists(m_work->filePath(QStringLiteral("trainer.args"))));
-    QFile::remove(TrainingManager::corpusPath(profile));
 }
 
 void TestTrainingManager::missingTrainerChangesNothing()
@@ -369,7 +386,38 @@ void TestTrainingManager::cancelLeavesTheProfileAsItWas()
         QVERIFY(!QFileInfo::exists(profile.weightsPath));
         QVERIFY(!QFileInfo::exists(profile.lossPath())); // the cancelled run's log is gone
     }
-    QFile::remove(TrainingManager::corpusPath(profile));
+}
+
+void TestTrainingManager::destroyedMidRunLeavesNothing_data()
+{
+    QTest::addColumn<QString>("stage"); // the progress text at which the manager goes
+    QTest::newRow("corpus being written") << QString();
+    QTest::newRow("tokenizer training") << QString::fromUtf8("Training BPE tokenizer\xe2\x80\xa6");
+    QTest::newRow("encoder training") << QStringLiteral("step 2/2 loss 5.0");
+}
+
+void TestTrainingManager::destroyedMidRunLeavesNothing()
+{
+    QFETCH(QString, stage);
+    qputenv("FAKE_SLEEP", "30");
+    // A tokenizer trainer left running would write its marker once its sleep ends.
+    writeScript(m_bin + QStringLiteral("/train_bpe"),
+                "if [ -n \"$FAKE_BPE_SLEEP\" ]; then sleep \"$FAKE_BPE_SLEEP\";"
+                " echo done > \"$FAKE_DIR/bpe.done\"; fi\n");
+    if (!stage.startsWith(QLatin1String("step "))) {
+        qputenv("FAKE_BPE_SLEEP", "5");
+    }
+    TrainingProfile profile = makeProfile(300);
+    profile.useBPE = true;
+    m_manager->updateProfile(profile);
+    m_manager->train(profile);
+    if (!stage.isEmpty()) {
+        QTRY_COMPARE(m_manager->trainingProgress(), stage);
+    }
+    m_manager.reset(); // as the application quits mid-run
+    QThreadPool::globalInstance()->waitForDone();
+    QCOMPARE(corporaLeft(), QStringList());
+    QVERIFY(!QFile::exists(m_work->filePath(QStringLiteral("bpe.done"))));
 }
 
 QTEST_GUILESS_MAIN(TestTrainingManager)

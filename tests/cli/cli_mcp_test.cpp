@@ -380,6 +380,33 @@ TEST(CliMcpFolders, SearchAcrossServedFoldersNamesEachHitsFolder)
     EXPECT_EQ(data["notSearched"].items[0]["folder"].text, empty.path());
 }
 
+// The weights are read by the folder's engine at its first search by meaning, not also at the
+// start: a file that is no weights fails only the searches that need it.
+TEST(CliMcpFolders, WeightsAreReadOnlyForSearchesByMeaning)
+{
+    TempDir d;
+    write_file(d / "tides.txt", "the lighthouse keeper logs the tides\n");
+    write_file(d / "junk.tten", "NOPE this is not a weights file at all");
+    ASSERT_EQ(run_cli({"index", d.path(), "--weights", "none"}, d.path()).status, 0);
+    RunResult r = run_mcp({"--folder", d.path(), "--weights", d / "junk.tten"},
+                          initialize("2025-11-25")
+                              + tool_call("1", "search", R"({"query":"lighthouse","mode":"text"})")
+                              + tool_call("2", "search", R"({"query":"lighthouse"})"),
+                          d.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::map<std::string, Json> answers = answers_of(r);
+    EXPECT_EQ(tool_result(answers["1"], false)["structuredContent"]["results"].items.size(), 1u);
+    const Json &by_meaning = tool_result(answers["2"], false)["structuredContent"];
+    EXPECT_TRUE(by_meaning["results"].items.empty());
+    ASSERT_EQ(by_meaning["notSearched"].items.size(), 1u);
+    EXPECT_EQ(by_meaning["notSearched"].items[0]["reason"].text,
+              "cannot load encoder weights from " + d / "junk.tten");
+    RunResult missing =
+        run_mcp({"--folder", d.path(), "--weights", d / "missing.tten"}, "", d.path());
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_EQ(lines_of(missing.err).size(), 1u) << missing.err;
+}
+
 TEST(CliMcpFolders, ListFoldersSaysWhenTheIndexIsBehindTheFiles)
 {
     TempDir d;

@@ -288,6 +288,35 @@ TEST(HybridFusion, CombinesNormalisedScores)
     }
 }
 
+// The share meaning gets follows how much of the query's mass the best keyword hit scores: the
+// keyword ranking leads while its best hit holds the query, the semantic one once it hardly does.
+TEST(HybridFusion, KeywordHitsCountByHowWellTheyCoverTheQuery)
+{
+    const FusionPolicy p = {0.2f, 1.0f, 0.25f, 0.45f};
+    EXPECT_FLOAT_EQ(hybrid_share(p, 9.0f, 6.0f), 0.2f);  // coverage above 1
+    EXPECT_FLOAT_EQ(hybrid_share(p, 4.5f, 10.0f), 0.2f); // at strong
+    EXPECT_FLOAT_EQ(hybrid_share(p, 3.5f, 10.0f), 0.6f); // halfway
+    EXPECT_FLOAT_EQ(hybrid_share(p, 1.0f, 10.0f), 1.0f); // below weak
+    EXPECT_FLOAT_EQ(hybrid_share(p, 0.0f, 0.0f), 1.0f);  // no hit, no mass
+    const FusionPolicy step = {0.3f, 0.9f, 0.4f, 0.4f};  // a step divides by nothing
+    EXPECT_FLOAT_EQ(hybrid_share(step, 4.0f, 10.0f), 0.3f);
+    EXPECT_FLOAT_EQ(hybrid_share(step, 3.9f, 10.0f), 0.9f);
+
+    // Keyword hits 1 and 2, semantic hits 3 and 4 that no query word is in; the engine's policy.
+    const uint32_t ws[] = {1, 2}, ms[] = {3, 4, 2};
+    const float wcos[] = {0.1f, 0.2f}, mcos[] = {0.9f, 0.8f, 0.2f};
+    for (float best : {6.0f, 1.0f}) {
+        const float wscore[] = {best, best / 2};
+        float share = hybrid_share(HYBRID_POLICY, best, 6.0f);
+        uint32_t out[4];
+        float score[4];
+        int32_t n = fuse_scores(
+            FusionList{ws, wscore, wcos, 2}, FusionList{ms, mcos, mcos, 3}, share, 4, out, score);
+        ASSERT_EQ(n, 4);
+        EXPECT_EQ(out[0], best == 6.0f ? 1u : 3u) << "best BM25 " << best << " of mass 6";
+    }
+}
+
 // (doc_id, score) of the best 64 keyword hits for each query.
 std::vector<std::pair<std::string, float>> ranking(TrnEngine *e)
 {

@@ -71,7 +71,11 @@ TEST(SearchMany, ScoresCompareAsInOneIndexOfEveryFolder)
     Folders f;
     for (uint32_t flags : {0u, (uint32_t)TRN_SEARCH_BY_FILE}) {
         for (int32_t mode : {TRN_SEARCH_KEYWORD, TRN_SEARCH_SEMANTIC_ALL, TRN_SEARCH_HYBRID}) {
-            for (const char *q : {"lantern harbor", "quiet tide", "keeper -wall", "green in:b"}) {
+            for (const char *q : {"lantern harbor",
+                                  "quiet tide",
+                                  "keeper -wall",
+                                  "green in:b",
+                                  "rope of marmalade"}) {
                 SCOPED_TRACE(testing::Message() << flags << " " << mode << " " << q);
                 std::vector<int32_t> from;
                 std::vector<TrnResult> got = f.many(q, mode, 15, &from, flags);
@@ -88,6 +92,36 @@ TEST(SearchMany, ScoresCompareAsInOneIndexOfEveryFolder)
                 }
             }
         }
+    }
+}
+
+/* A chunk that holds no query word but means the query leads a hybrid search whose keyword hits
+** hold little of the query, in one index and across several; a query its keyword hit holds whole
+** keeps that hit first. */
+TEST(SearchMany, MeaningLeadsWhereTheWordsMiss)
+{
+    HandEngine a, b;
+    const char *weak = "harbor marmalade xylophone quasar";
+    std::vector<float> q((size_t)a.e->dim), other((size_t)a.e->dim);
+    ASSERT_TRUE(embed_query(a.e, weak, q.data()));
+    std::mt19937 rng(5);
+    std::normal_distribution<float> g;
+    for (float &x : other) {
+        x = g(rng);
+    }
+    vec_normalize(other.data(), other.size());
+    a.add("/a/meant.md", "otter", &q, 0);
+    a.add("/a/words.md", "harbor lantern keeper", &other, 1);
+    b.add("/b/words.md", "harbor harbor gull", &other, 0);
+    TrnEngine *both[] = {a.e, b.e};
+    for (const char *query : {weak, "harbor lantern keeper"}) {
+        const char *want = query == weak ? "/a/meant.md:0" : "/a/words.md:1";
+        TrnResult r[4];
+        int32_t from[4];
+        ASSERT_GT(trn_search(a.e, query, TRN_SEARCH_HYBRID, 4, r), 0);
+        EXPECT_STREQ(r[0].doc_id, want) << query;
+        ASSERT_GT(trn_search_many(both, 2, query, TRN_SEARCH_HYBRID, 4, 0, r, from), 0);
+        EXPECT_STREQ(r[0].doc_id, want) << query << ", two indexes";
     }
 }
 

@@ -53,7 +53,7 @@ private slots:
         QVERIFY(!bar->reindexButton()->isVisibleTo(&h->window));
         QCOMPARE(bar->statusLabel()->text(), QStringLiteral("No directory open"));
 
-        QTemporaryDir dir;
+        TabFolder dir;
         writeSample(dir.path());
         h->window.setDirectoryChooser([&dir](QWidget *) {
             return QStringList{dir.path()};
@@ -75,7 +75,7 @@ private slots:
     // A saved tab whose folder is gone is named above the results; Locate opens it where it went.
     void aSavedFolderThatIsGoneIsNamedUntilItIsLocated()
     {
-        QTemporaryDir root;
+        TabFolder root;
         const QString gone = root.filePath(QStringLiteral("harbour notes"));
         const QString found = root.filePath(QStringLiteral("elsewhere"));
         QVERIFY(QDir().mkpath(found));
@@ -108,7 +108,7 @@ private slots:
     void tabsAreSelectedReorderedAndClosedWithTheMouse()
     {
         auto h = openAppWindow(m_home->settings());
-        QTemporaryDir root;
+        TabFolder root;
         QVERIFY(writeFile(root.path(), QStringLiteral(".git/HEAD"), "ref: refs/heads/feature/x\n"));
         QStringList names = {
             QStringLiteral("alpha"), QStringLiteral("bravo"), QStringLiteral("charlie")};
@@ -178,7 +178,7 @@ private slots:
     void statusBarShowsTheActiveTabAndReindexes()
     {
         auto h = openAppWindow(m_home->settings());
-        QTemporaryDir dir;
+        TabFolder dir;
         writeSample(dir.path());
         DirectoryState *state = openAndIndex(*h, dir.path());
         QVERIFY(state);
@@ -222,7 +222,7 @@ private slots:
     {
         m_home->settings()->setValue(QStringLiteral("watchSettleMs"), 100);
         auto h = openAppWindow(m_home->settings());
-        QTemporaryDir dir;
+        TabFolder dir;
         writeSample(dir.path());
         DirectoryState *state = openAndIndex(*h, dir.path());
         QVERIFY(state);

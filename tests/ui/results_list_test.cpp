@@ -71,7 +71,7 @@ private slots:
         QFETCH(QStringList, expected);
         QFETCH(bool, marked);
         auto h = openAppWindow(m_home->settings());
-        QTemporaryDir dir;
+        TabFolder dir;
         writeSample(dir.path());
         QVERIFY(openAndIndex(*h, dir.path()));
         search(*h, query, static_cast<SearchMode>(mode));
@@ -90,7 +90,7 @@ private slots:
     void launchedSearchFillsTheFieldAndSearches()
     {
         auto h = openAppWindow(m_home->settings());
-        QTemporaryDir dir;
+        TabFolder dir;
         writeSample(dir.path());
         QVERIFY(openAndIndex(*h, dir.path()));
         QLineEdit *field = h->window.searchBar()->field();
@@ -108,7 +108,7 @@ private slots:
     void filterChipsEditTheQueryText()
     {
         auto h = openAppWindow(m_home->settings());
-        QTemporaryDir dir;
+        TabFolder dir;
         writeSample(dir.path());
         QVERIFY(openAndIndex(*h, dir.path()));
         QLineEdit *field = h->window.searchBar()->field();
@@ -151,7 +151,7 @@ private slots:
     void aFileRowOpensItsOtherPassagesInPlace()
     {
         auto h = openAppWindow(m_home->settings());
-        QTemporaryDir dir;
+        TabFolder dir;
         QByteArray long_;
         for (int i = 1; i <= 40; ++i) {
             long_ += "Paragraph " + QByteArray::number(i)
@@ -216,7 +216,7 @@ private slots:
     void loadMoreResultsPagesUntilTheAnswerIsShort()
     {
         auto h = openAppWindow(m_home->settings());
-        QTemporaryDir dir;
+        TabFolder dir;
         // 25 small files that all mention the word: 25 matching chunks.
         for (int i = 0; i < 25; ++i) {
             QVERIFY(writeFile(dir.path(),
@@ -248,7 +248,7 @@ private slots:
     void pinnedResultsStayFirstAcrossSearches()
     {
         auto h = openAppWindow(m_home->settings());
-        QTemporaryDir dir;
+        TabFolder dir;
         writeSample(dir.path());
         QVERIFY(openAndIndex(*h, dir.path()));
         search(*h, QStringLiteral("the"), SearchMode::Text);
@@ -291,7 +291,7 @@ private slots:
         m_home->settings()->setOpenTextFilesWith(QStringLiteral("custom"));
         m_home->settings()->setEditorCommand(QStringLiteral("my-editor --line={line} {file}"));
         auto h = openAppWindow(m_home->settings());
-        QTemporaryDir dir;
+        TabFolder dir;
         writeSample(dir.path());
         QVERIFY(openAndIndex(*h, dir.path()));
         search(*h, QStringLiteral("marmalade"), SearchMode::Text);
@@ -324,7 +324,7 @@ private slots:
     void copyButtonOffersTheThreePromptScopes()
     {
         auto h = openAppWindow(m_home->settings());
-        QTemporaryDir dir;
+        TabFolder dir;
         writeSample(dir.path());
         QVERIFY(openAndIndex(*h, dir.path()));
         search(*h, QStringLiteral("marmalade"), SearchMode::Text);

@@ -15,6 +15,8 @@
 
 #include <QMouseEvent>
 #include <QString>
+#include <QTemporaryDir>
+#include <QThreadPool>
 #include <QtTest>
 
 #include <memory>
@@ -31,6 +33,15 @@ struct AppWindow {
     TrainingManager training;
     AppState app;
     MainWindow window;
+};
+
+// A temporary folder for a test's tabs. A tab's indexing goes on in the background after its
+// window is gone; the folder waits for every such job to end before it is removed, so that no
+// late write lands in it while it goes and keeps it (with an index) in the temporary directory.
+class TabFolder : public QTemporaryDir
+{
+public:
+    ~TabFolder() { QThreadPool::globalInstance()->waitForDone(); }
 };
 
 // A shown AppWindow over settings with no tabs saved by an earlier test, once its saved state is

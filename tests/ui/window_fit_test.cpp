@@ -82,7 +82,7 @@ private slots:
 
     void maximisedThePreviewStaysBesideTheResults()
     {
-        QTemporaryDir dir;
+        TabFolder dir;
         QVERIFY(writeFile(dir.path(), QStringLiteral("notes.txt"), numberedLines(40)));
         auto w = openAppWindow(m_home->settings());
         MainWindow &window = w->window;
