@@ -387,9 +387,9 @@ int main(int argc, char **argv)
                                      {1.0f, 1.0f, 0.0f, 0.0f},
                                      HYBRID_POLICY,
                                      {0.2f, 0.8f, 0.25f, 0.45f},
-                                     {0.2f, 1.0f, 0.25f, 0.6f},
+                                     {0.2f, 1.0f, 0.3f, 0.5f},
                                      {0.2f, 1.0f, 0.35f, 0.35f},
-                                     {0.3f, 1.0f, 0.25f, 0.45f}};
+                                     {0.2f, 1.0f, 0.45f, 0.45f}};
     constexpr int hybrid_row = 5;
     constexpr int n_variants = sizeof variants / sizeof variants[0];
     Tally swept[n_variants], swept_slice[n_variants];

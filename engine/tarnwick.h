@@ -465,7 +465,7 @@ enum {
 **   and first (1), clamped to 0..1, and a chunk outside the keyword ranking has BM25 0. The share
 **   s follows how well the words were found: the best BM25 score over the query's own (the sum
 **   of its words' idf, a word no chunk holds at the highest) is its coverage; s is 0.2 at
-**   coverage 0.45 and above, so that words lead, 1 at 0.25 and below, where meaning alone
+**   coverage 0.5 and above, so that words lead, 1 at 0.3 and below, where meaning alone
 **   answers a question put in other words than its answer's, and linear between. score: 0 to 1.
 ** TRN_SEARCH_SEMANTIC_ALL: as TRN_SEARCH_SEMANTIC without the narrowing to ten files, searched
 **   with a width of at least min(k, 64), so up to min(k, 64) hits. score: the dot product.

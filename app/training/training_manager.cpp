@@ -298,6 +298,9 @@ QStringList TrainingManager::trainerArguments(const TrainingProfile &profile,
                     .arg(steps)
                     .arg(kBagBatch)
                     .arg(QString::number(profile.learningRate * kBagRateFactor, 'g', 6));
+        // the built-in encoder's rows are stored in half precision; a profile made from them
+        // keeps that size (some 40 MB, not 90)
+        args << QStringLiteral("--half");
     }
     return args;
 }

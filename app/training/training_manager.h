@@ -8,15 +8,15 @@
 **
 **   trainer <corpus> <P> <steps> <batch> <learning rate> <heads> <layers>
 **           [--bpe <P.bpe>] [--threads <n>, only for n >= 2]
-**           [--init <built-in weights> --bag <S,B,R>]
+**           [--init <built-in weights> --bag <S,B,R> --half]
 **
 ** A profile that starts from the built-in encoder (startFromBuiltIn, when builtInWeightsPath()
 ** finds one) passes it with --init and trains no tokenizer: the run keeps the built-in one. The
 ** built-in encoder is a bag of words, and such a run trains only its word rows on the user's
 ** text ("--bag S,kBagBatch,R", S = steps / kBagStepShare, R = kBagRateFactor x the profile's
-** rate, no model steps), so the profile stays a bag of words that indexes as fast as the
-** built-in one; at those settings it scored above the built-in encoder on the known-item
-** benchmark (models/README.md).
+** rate, no model steps, written in half precision as the built-in file is), so the profile stays
+** a bag of words that indexes as fast as the built-in one; at those settings it scored above the
+** built-in encoder on the known-item benchmark (models/README.md).
 **
 ** where P is the profile's weightsPath. Its merged output is read line by line; lines that begin
 ** with "step " or "bag step " become trainingProgress. Exit 0 with a file at P marks the profile

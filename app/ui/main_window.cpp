@@ -370,7 +370,7 @@ QString MainWindow::rebuildQuestion(const QString &name, const DirectoryState &s
     QString text = tr("The index of \u201c%1\u201d (%2 chunks from %3 files) is discarded and "
                       "built again from the files.")
                        .arg(name)
-                       .arg(stats.chunk_count)
+                       .arg(stats.chunk_count - stats.deleted_count)
                        .arg(stats.file_count);
     const double seconds = state.reindexEstimateSeconds();
     if (seconds > 0) {

@@ -6,6 +6,14 @@
 ** replays the merges in training order. Ids 0-255 are bytes, 257 begins and 258 ends an encoded
 ** sequence, and merge k creates id 260 + k (256 and 259 are never produced).
 **
+** Encoding does not pass over the text once per merge (with 30,000 merges that pass, not the
+** encoder, would bound indexing). It keeps the text as a linked list of ids and a heap of its
+** adjacent pairs that are merges, keyed by (merge number, position), and always applies the
+** first: the same result as the replay, because a merge's new id is younger than every merge
+** before it, so the pairs a merge makes can only be later merges, and equal merges go left to
+** right. A merge that names an id not yet made when its turn comes could never apply in the
+** replay and is left out of the table.
+**
 ** Pair counting uses one open-addressing table of 2^20 slots (16 MiB), each a 64-bit key
 ** (left << 32 | right) and a 64-bit count; a slot is empty when both are 0. The most frequent
 ** pair is the first slot, in slot order, with the largest count, so ties go to the lowest slot and
@@ -26,6 +34,7 @@
 */
 #include "internal.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstring>
 
@@ -127,12 +136,112 @@ size_t apply_merge(uint32_t *seq, size_t n, uint32_t left, uint32_t right, uint3
     return w;
 }
 
+/* Open addressing from pair key (left << 32 | right) to merge number + 1 (0: empty slot). */
+struct RankSlot {
+    uint64_t key;
+    uint32_t rank;
+};
+
+} // namespace
+
+struct BpeRanks {
+    uint32_t mask;
+    RankSlot slot[1]; /* mask + 1 of them */
+};
+
+namespace
+{
+
+uint32_t rank_hash(uint64_t key)
+{
+    uint64_t h = key * 0x9E3779B97F4A7C15ull;
+    return (uint32_t)(h >> 32);
+}
+
+BpeRanks *ranks_of(const TrnBpe *bpe)
+{
+    uint32_t slots = 16;
+    while (slots < 2 * (uint64_t)bpe->n_merges + 1) {
+        slots *= 2;
+    }
+    BpeRanks *r = static_cast<BpeRanks *>(
+        bpe_alloc(sizeof(BpeRanks) + ((size_t)slots - 1) * sizeof(RankSlot)));
+    r->mask = slots - 1;
+    memset(r->slot, 0, (size_t)slots * sizeof(RankSlot));
+    for (uint32_t k = 0; k < bpe->n_merges; k++) {
+        const uint32_t left = bpe->merges[k][0], right = bpe->merges[k][1];
+        if (left >= FIRST_MERGE_ID + k || right >= FIRST_MERGE_ID + k) {
+            continue;
+        }
+        const uint64_t key = (uint64_t)left << 32 | right;
+        uint32_t at = rank_hash(key) & r->mask;
+        while (r->slot[at].rank != 0 && r->slot[at].key != key) {
+            at = (at + 1) & r->mask;
+        }
+        if (r->slot[at].rank == 0) { /* a pair learned twice applies at its first turn only */
+            r->slot[at].key = key;
+            r->slot[at].rank = k + 1;
+        }
+    }
+    return r;
+}
+
+/* The merge number + 1 of (left, right), 0 when it is none. */
+uint32_t rank_of(const BpeRanks *r, uint32_t left, uint32_t right)
+{
+    const uint64_t key = (uint64_t)left << 32 | right;
+    uint32_t at = rank_hash(key) & r->mask;
+    while (r->slot[at].rank != 0) {
+        if (r->slot[at].key == key) {
+            return r->slot[at].rank;
+        }
+        at = (at + 1) & r->mask;
+    }
+    return 0;
+}
+
+/* Heap entries (merge number << 32 | position), smallest first. */
+void heap_push(uint64_t *heap, size_t *n, uint64_t e)
+{
+    size_t i = (*n)++;
+    while (i > 0 && heap[(i - 1) / 2] > e) {
+        heap[i] = heap[(i - 1) / 2];
+        i = (i - 1) / 2;
+    }
+    heap[i] = e;
+}
+
+uint64_t heap_pop(uint64_t *heap, size_t *n)
+{
+    const uint64_t top = heap[0], last = heap[--*n];
+    size_t i = 0;
+    for (;;) {
+        size_t c = 2 * i + 1;
+        if (c >= *n) {
+            break;
+        }
+        if (c + 1 < *n && heap[c + 1] < heap[c]) {
+            c++;
+        }
+        if (heap[c] >= last) {
+            break;
+        }
+        heap[i] = heap[c];
+        i = c;
+    }
+    if (*n > 0) {
+        heap[i] = last;
+    }
+    return top;
+}
+
 TrnBpe *bpe_new(uint32_t capacity)
 {
     TrnBpe *bpe = static_cast<TrnBpe *>(bpe_alloc(sizeof(TrnBpe)));
     bpe->merges = static_cast<uint32_t(*)[2]>(bpe_alloc((size_t)capacity * 2 * sizeof(uint32_t)));
     bpe->n_merges = 0;
     bpe->vocab_size = FIRST_MERGE_ID;
+    bpe->ranks = nullptr;
     return bpe;
 }
 
@@ -153,6 +262,7 @@ TrnBpe *trn_bpe_train(const uint8_t *data, size_t len, int32_t num_merges)
     size_t n = len;
     bpe->merges = static_cast<uint32_t(*)[2]>(bpe_alloc((size_t)num_merges * 2 * sizeof(uint32_t)));
     bpe->n_merges = 0;
+    bpe->ranks = nullptr;
     pair_ht = static_cast<PairSlot *>(bpe_alloc((size_t)PAIR_SLOTS * sizeof(PairSlot)));
 
     for (int32_t k = 0; k < num_merges; k++) {
@@ -192,6 +302,7 @@ TrnBpe *trn_bpe_train(const uint8_t *data, size_t len, int32_t num_merges)
     }
 
     bpe->vocab_size = bpe->n_merges + FIRST_MERGE_ID;
+    bpe->ranks = ranks_of(bpe);
     fprintf(stderr,
             "bpe: training complete. %u merges, vocab_size=%u\n",
             bpe->n_merges,
@@ -202,53 +313,68 @@ TrnBpe *trn_bpe_train(const uint8_t *data, size_t len, int32_t num_merges)
     return bpe;
 }
 
-/* Merges whose left or right id is absent from the sequence cannot match, so their pass is
-** skipped: a bitmap over the ids marks every id that may be present (bytes of the text and ids
-** produced so far). Ids of no merge ever produced are never present. */
 int32_t trn_bpe_encode(const TrnBpe *bpe, const char *text, uint32_t *out, int32_t max)
 {
     if (!bpe || !text || !out || max < 3) {
         return 0;
     }
-    size_t len = strlen(text);
+    /* positions are 32 bits in the heap's entries */
+    const size_t len = std::min<size_t>(strlen(text), UINT32_MAX - 1);
+    BpeRanks *own = bpe->ranks ? nullptr : ranks_of(bpe);
+    const BpeRanks *ranks = bpe->ranks ? bpe->ranks : own;
+    /* ids, then next and previous positions (-1: none), then the heap (at most one entry per
+    ** pair ever formed: n - 1 at first and two per merge, of which there are at most n - 1) */
     uint32_t *seq = static_cast<uint32_t *>(bpe_alloc(sequence_bytes(len)));
-    size_t n = len;
+    if (len > (SIZE_MAX / sizeof(int64_t) - 8) / 5) {
+        oom_abort_sized(BPE_OOM, SIZE_MAX);
+    }
+    int64_t *link = static_cast<int64_t *>(bpe_alloc((5 * len + 8) * sizeof(int64_t)));
+    int64_t *next = link, *prev = link + len + 1;
+    uint64_t *heap = reinterpret_cast<uint64_t *>(link + 2 * (len + 1));
+    size_t heap_n = 0;
     for (size_t i = 0; i < len; i++) {
         seq[i] = (uint8_t)text[i];
+        next[i] = i + 1 < len ? (int64_t)i + 1 : -1;
+        prev[i] = (int64_t)i - 1;
     }
-
-    uint64_t id_limit = (uint64_t)FIRST_MERGE_ID + bpe->n_merges;
-    size_t words = (size_t)((id_limit + 63) / 64);
-    uint64_t *present = static_cast<uint64_t *>(bpe_alloc(words * sizeof(uint64_t)));
-    memset(present, 0, words * sizeof(uint64_t));
-    for (size_t i = 0; i < n; i++) {
-        present[seq[i] >> 6] |= 1ull << (seq[i] & 63);
+    const auto push_pair = [&](int64_t at) {
+        if (at >= 0 && next[at] >= 0) {
+            const uint32_t r = rank_of(ranks, seq[at], seq[next[at]]);
+            if (r != 0) {
+                heap_push(heap, &heap_n, (uint64_t)(r - 1) << 32 | (uint64_t)at);
+            }
+        }
+    };
+    for (size_t i = 0; i + 1 < len; i++) {
+        push_pair((int64_t)i);
     }
-
-    for (uint32_t k = 0; k < bpe->n_merges && n >= 2; k++) {
-        uint32_t left = bpe->merges[k][0];
-        uint32_t right = bpe->merges[k][1];
-        if (left >= id_limit || right >= id_limit) {
+    while (heap_n > 0) {
+        const uint64_t e = heap_pop(heap, &heap_n);
+        const uint32_t k = (uint32_t)(e >> 32);
+        const int64_t at = (int64_t)(uint32_t)e, right = next[at];
+        /* an entry is stale once either id has changed (ids only grow) or at was merged away */
+        if (right < 0 || seq[at] != bpe->merges[k][0] || seq[right] != bpe->merges[k][1]) {
             continue;
         }
-        if (!(present[left >> 6] & (1ull << (left & 63)))
-            || !(present[right >> 6] & (1ull << (right & 63)))) {
-            continue;
+        seq[at] = FIRST_MERGE_ID + k;
+        seq[right] = UINT32_MAX;
+        next[at] = next[right];
+        if (next[at] >= 0) {
+            prev[next[at]] = at;
         }
-        uint32_t id = FIRST_MERGE_ID + k;
-        size_t merged = apply_merge(seq, n, left, right, id);
-        if (merged != n) {
-            present[id >> 6] |= 1ull << (id & 63);
-            n = merged;
-        }
+        push_pair(prev[at]);
+        push_pair(at);
     }
 
-    size_t keep = n < (size_t)(max - 2) ? n : (size_t)(max - 2);
+    size_t keep = 0;
+    for (int64_t i = len > 0 ? 0 : -1; i >= 0 && keep < (size_t)(max - 2); i = next[i]) {
+        out[1 + keep++] = seq[i];
+    }
     out[0] = TRN_TOKEN_BEGIN;
-    memcpy(out + 1, seq, keep * sizeof(uint32_t));
     out[keep + 1] = TRN_TOKEN_END;
-    free(present);
+    free(link);
     free(seq);
+    free(own);
     return (int32_t)(keep + 2);
 }
 
@@ -285,6 +411,7 @@ TrnBpe *trn_bpe_read(FILE *stream, uint32_t m)
     }
     bpe->n_merges = m;
     bpe->vocab_size = m + FIRST_MERGE_ID;
+    bpe->ranks = ranks_of(bpe);
     return bpe;
 }
 
@@ -325,6 +452,7 @@ void trn_bpe_free(TrnBpe *bpe)
         return;
     }
     free(bpe->merges);
+    free(bpe->ranks);
     free(bpe);
 }
 

@@ -11,10 +11,14 @@
 #include <cstddef>
 #include <cstdint>
 
+struct BpeRanks;
+
 struct TrnBpe {
     uint32_t (*merges)[2]; /* n_merges pairs (left, right) in the order they were learned; owned */
     uint32_t n_merges;
     uint32_t vocab_size; /* always n_merges + 260 */
+    BpeRanks *ranks;     /* each pair's merge, for encoding; owned; made by training and reading,
+                         ** NULL in a record made by hand (encoding then makes one per call) */
 };
 
 /* One transformer layer; every array is owned by the encoder. */

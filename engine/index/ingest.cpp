@@ -117,12 +117,18 @@ void ensure_cap(TrnEngine *e, uint64_t n)
     /* A log replayed over a mapped store adds chunks: the vectors move to memory first (a
     ** damaged one refuses the handle, which its caller reports). */
     vectors_own(e);
-    uint64_t c = e->capacity ? e->capacity : FIRST_CAPACITY;
-    while (c < n) {
-        if (c > UINT64_MAX / 2) {
+    /* Doubling keeps one chunk at a time cheap; a jump past twice the capacity (one large file's
+    ** chunks joining at once) takes what it needs, since every slot up to the capacity is
+    ** cleared, and so resident, however few of them are ever used. */
+    uint64_t c = FIRST_CAPACITY;
+    if (e->capacity) {
+        if (e->capacity > UINT64_MAX / 2) {
             oom_abort();
         }
-        c *= 2;
+        c = e->capacity * 2;
+    }
+    if (c < n) {
+        c = n;
     }
     if (c > SIZE_MAX) {
         oom_abort();

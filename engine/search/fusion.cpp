@@ -12,8 +12,8 @@
 ** first keyword hit 1 however little of the query it holds, so with a fixed share a question put
 ** in other words than its answer's got the wrong chunks that hold its commonest words. The best
 ** BM25 score over the query's own (lex_query_mass) is low for such questions and high where the
-** words are found: below 0.45 for 96 of the 129 development questions written without their
-** answers' words and for 17 of the 600 known-item queries (bench/README.md, "Hybrid").
+** words are found: below 0.5 for 106 of the 129 development questions written without their
+** answers' words and for 30 of the 600 known-item queries (bench/README.md, "Hybrid").
 **
 ** Why scores and not ranks: reciprocal rank fusion gives the tenth chunk of a ranking almost what
 ** it gives the first, so a confident keyword hit and a confident semantic hit lose to a chunk both
@@ -96,6 +96,8 @@ int32_t fuse_scores(const FusionList &words, const FusionList &meaning, float sh
     free(ids);
     return keep;
 }
+
+const FusionPolicy HYBRID_POLICY = {0.2f, 1.0f, 0.3f, 0.5f};
 
 float hybrid_share(const FusionPolicy &policy, float best, float mass)
 {

@@ -185,7 +185,7 @@ struct FusionPolicy {
     float weak;
     float strong;
 };
-constexpr FusionPolicy HYBRID_POLICY = {0.2f, 1.0f, 0.25f, 0.45f};
+extern const FusionPolicy HYBRID_POLICY; /* the hybrid mode's, in fusion.cpp */
 /* The share policy gives a query whose best keyword hit scores best (0: none) of its mass. */
 float hybrid_share(const FusionPolicy &policy, float best, float mass);
 /* Ranks the slots of both lists by (1 - share) * BM25 / best BM25 + share * nearness, where

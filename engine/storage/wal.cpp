@@ -18,8 +18,7 @@
 **   op 'D' (0x44): every chunk of the file named by id is removed.
 **   op 'G' (0x47), first record of a log of groups: id is the generation of the store it follows,
 **     in decimal, a space and the index's id in 32 lower-case hex digits (commit_record.cpp); only
-*the
-**     generation after a commit record of version 1, which names no index.
+**     the generation after a commit record of version 1, which names no index.
 **   op 'C' (0x43): ends a group; id is the CRC-32 of the group's bytes (from the end of the
 **     previous 'C' record, or the start of the log) in 8 lower-case hex digits.
 **
@@ -40,9 +39,8 @@
 ** shorter than that or differing in them is damage. After them, a torn or unchecked group at the
 ** end is a crash and ends replay quietly; a group that fails its checksum with more bytes after
 ** it is damage, as is a log that names another index, or groups without a commit record. A log
-*without 'G' (an older version's) is replayed record by record up to a
-** torn tail, as that version did. Replay never writes: a writer cuts a torn
-** tail off before it appends (sharing.cpp).
+** without 'G' (an older version's) is replayed record by record up to a torn tail, as that
+** version did. Replay never writes: a writer cuts a torn tail off before it appends (sharing.cpp).
 */
 #include "internal.h"
 

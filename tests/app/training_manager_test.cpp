@@ -238,7 +238,8 @@ void TestTrainingManager::commandLine()
     }
     if (init) {
         expected << "--init" << builtIn << "--bag"
-                 << "200,128,0.003";
+                 << "200,128,0.003"
+                 << "--half";
     }
     QCOMPARE(args, expected);
 }

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -227,14 +228,57 @@ TEST_F(BpeEncoding, SkipsNothingWhenAMergeUsesAnIdProducedLater)
     // A hand-made tokenizer whose merge 1 consumes the id merge 0 produces, and whose merge 2
     // names an id that never exists; encoding must apply merge 1 and ignore merge 2.
     uint32_t merges[3][2] = {{'x', 'y'}, {260, 'z'}, {9999, 'x'}};
-    TrnBpe manual = {merges, 3, 263};
+    TrnBpe manual = {merges, 3, 263, nullptr};
     EXPECT_EQ(encode(&manual, "xyzxyx"), (std::vector<uint32_t>{257, 261, 260, 'x', 258}));
+}
+
+// Encoding by a heap of pairs must give what replaying every merge over the text in training
+// order gives, for trained merges and for hand-made ones that learn a pair twice or name an id
+// made later.
+std::vector<uint32_t> replay(const TrnBpe *bpe, const std::string &text)
+{
+    std::vector<uint32_t> seq(text.begin(), text.end());
+    for (auto &id : seq) {
+        id &= 0xff;
+    }
+    for (uint32_t k = 0; k < bpe->n_merges; k++) {
+        std::vector<uint32_t> next;
+        for (size_t i = 0; i < seq.size(); i++) {
+            bool hit = i + 1 < seq.size() && seq[i] == bpe->merges[k][0]
+                       && seq[i + 1] == bpe->merges[k][1];
+            next.push_back(hit ? 260 + k : seq[i]);
+            i += hit ? 1 : 0;
+        }
+        seq = next;
+    }
+    seq.insert(seq.begin(), 257);
+    seq.push_back(258);
+    return seq;
+}
+
+TEST_F(BpeEncoding, GivesWhatAReplayOfEveryMergeGives)
+{
+    uint32_t merges[6][2] = {
+        {'a', 'n'}, {264, 'd'}, {'a', 'n'}, {260, 'd'}, {'d', 'd'}, {263, 263}};
+    TrnBpe manual = {merges, 6, 266, nullptr};
+    std::mt19937 rng(3);
+    const std::string letters = "sandxyz \n";
+    for (int round = 0; round < 300; round++) {
+        std::string text;
+        for (int i = (int)(rng() % 60); i > 0; i--) {
+            text += round % 2 ? kGoldenCorpus[rng() % (sizeof kGoldenCorpus - 1)]
+                              : letters[rng() % letters.size()];
+        }
+        for (const TrnBpe *b : {(const TrnBpe *)bpe, (const TrnBpe *)&manual}) {
+            EXPECT_EQ(encode(b, text, 4096), replay(b, text)) << text;
+        }
+    }
 }
 
 TEST(BpeFile, SaveWritesTheDocumentedBytesAndLoadReadsThemBackEvenWithoutMerges)
 {
     uint32_t merges[2][2] = {{'a', 'n'}, {260, 0x01020304u}};
-    TrnBpe bpe = {merges, 2, 262};
+    TrnBpe bpe = {merges, 2, 262, nullptr};
     TempDir dir;
     std::string path = dir.file("layout.bpe");
     ASSERT_EQ(trn_bpe_save(&bpe, path.c_str()), 1);
@@ -248,7 +292,7 @@ TEST(BpeFile, SaveWritesTheDocumentedBytesAndLoadReadsThemBackEvenWithoutMerges)
     EXPECT_EQ(loaded->vocab_size, 262u);
     trn_bpe_free(loaded);
 
-    TrnBpe empty = {nullptr, 0, 260};
+    TrnBpe empty = {nullptr, 0, 260, nullptr};
     ASSERT_EQ(trn_bpe_save(&empty, path.c_str()), 1);
     EXPECT_EQ(read_file_bytes(path).size(), 8u);
     loaded = trn_bpe_load(path.c_str());
@@ -276,7 +320,7 @@ TEST(BpeFile, TrainedTokenizerSurvivesTheRoundTripAndEncodesAlike)
 TEST(BpeFile, LoadRefusesEveryTruncationWrongMagicAndMissingFiles)
 {
     uint32_t merges[2][2] = {{'a', 'n'}, {260, 'd'}};
-    TrnBpe bpe = {merges, 2, 262};
+    TrnBpe bpe = {merges, 2, 262, nullptr};
     TempDir dir;
     std::string path = dir.file("cut.bpe");
     ASSERT_EQ(trn_bpe_save(&bpe, path.c_str()), 1);
@@ -306,7 +350,7 @@ TEST(BpeFile, AHugeCountInATinyFileLoadsAsNullWithoutDying)
 TEST(BpeStream, WriteAndReadMoveOnlyThePairs)
 {
     uint32_t merges[3][2] = {{1, 2}, {3, 4}, {260, 261}};
-    TrnBpe bpe = {merges, 3, 263};
+    TrnBpe bpe = {merges, 3, 263, nullptr};
     FILE *f = tmpfile();
     ASSERT_NE(f, nullptr);
     ASSERT_EQ(trn_bpe_write(&bpe, f), 1);
@@ -322,7 +366,7 @@ TEST(BpeStream, WriteAndReadMoveOnlyThePairs)
     EXPECT_EQ(trn_bpe_read(f, 4), nullptr) << "only three pairs in the stream";
     fclose(f);
 
-    TrnBpe empty = {nullptr, 0, 260};
+    TrnBpe empty = {nullptr, 0, 260, nullptr};
     FILE *g = tmpfile();
     EXPECT_EQ(trn_bpe_write(&empty, g), 1);
     fclose(g);
@@ -341,10 +385,11 @@ TEST(BpeOom, EachTrainingAllocationFailsWithItsSize)
     struct Case {
         long countdown;
         const char *message;
-    } cases[] = {{1, "^bpe: OOM \\(16 bytes\\)\n$"},
+    } cases[] = {{1, "^bpe: OOM \\(24 bytes\\)\n$"},
                  {2, "^bpe: OOM \\(96 bytes\\)\n$"},
                  {3, "^bpe: OOM \\(56 bytes\\)\n$"}, // 7 merges of 8 bytes
-                 {4, "^bpe: OOM \\(16777216 bytes\\)\n$"}};
+                 {4, "^bpe: OOM \\(16777216 bytes\\)\n$"},
+                 {5, "^bpe: OOM \\(264 bytes\\)\n$"}}; // the merges' table: 16 slots
     for (const Case &c : cases) {
         EXPECT_EXIT(
             {

@@ -1,4 +1,4 @@
-// The encoder that ships in models/default.tten: it loads as a version 3 file with its tokenizer,
+// The encoder that ships in models/default.tten: it loads as a version 4 file with its tokenizer,
 // keeps within the repository's size limit, and embeds a known text to the vector recorded when
 // it was trained, so a changed file, tokenizer or forward pass shows here.
 #include "internal.h"
@@ -16,23 +16,23 @@ const char TEXT[] = "How do I roll back a transaction after an error?";
 
 // Components 8, 40, ..., 488 of TEXT's vector (one in every 32), and the sum over all 512 of
 // v[i] * (i % 7 - 3).
-const float RECORDED[16] = {0.01067023f,
-                            -0.00193143f,
-                            -0.00085506f,
-                            0.03281171f,
-                            0.02264894f,
-                            0.02766518f,
-                            0.04907792f,
-                            0.10063172f,
-                            0.00891218f,
-                            0.02213730f,
-                            0.04722785f,
-                            0.03048761f,
-                            -0.01237014f,
-                            -0.04107297f,
-                            0.03368583f,
-                            -0.04191720f};
-const double RECORDED_PATTERN = -0.41566514;
+const float RECORDED[16] = {0.02729091f,
+                            0.03590881f,
+                            -0.05213449f,
+                            0.04757219f,
+                            0.04768479f,
+                            -0.07026432f,
+                            0.04051677f,
+                            0.04891934f,
+                            0.02305727f,
+                            -0.02535122f,
+                            -0.04793451f,
+                            0.05467733f,
+                            0.01291993f,
+                            0.02957274f,
+                            -0.03755496f,
+                            0.02612265f};
+const double RECORDED_PATTERN = -2.68977980;
 
 } // namespace
 
@@ -48,7 +48,7 @@ TEST(BuiltInEncoder, LoadsAndEmbedsAKnownTextToTheRecordedVector)
     encoder_init_undrawn(&enc); /* as an engine sets its encoder up: the file fills it */
     ASSERT_EQ(trn_encoder_load_weights(&enc, path.c_str()), 1);
     ASSERT_NE(enc.bpe, nullptr);
-    EXPECT_EQ(enc.bpe->n_merges, 7740u);
+    EXPECT_EQ(enc.bpe->n_merges, 31740u);
     float v[TRN_ENCODER_DIM];
     trn_encoder_embed_text(&enc, TEXT, v);
     encoder_release(&enc);
@@ -165,24 +165,36 @@ TEST(BuiltInEncoder, AQuestionLiesNearestThePassageThatAnswersItAndAParaphraseTo
     EXPECT_GT(score[0], score[2] + 0.1f);
 
     // paraphrases that share no word: a bag of random word directions scores them as it scores
-    // the violin, the shipped file well above it
+    // the violin (about half nearer, by nothing on average); the shipped file puts most of them
+    // clearly nearer
     const char *paraphrases[][2] = {
         {"sort the list", "order the elements"},
         {"wait for the child process to finish", "block until the subprocess exits"},
         {"shut down the computer", "power off the machine"},
+        {"undo changes", "roll back a transaction"},
+        {"delete the file", "remove the document"},
+        {"make the text larger", "increase the font size"},
+        {"start the server", "launch the daemon"},
+        {"a fast car", "a quick automobile"},
+        {"find the error", "locate the bug"},
+        {"copy the data", "duplicate the records"},
     };
+    int nearer = 0;
+    float margin = 0;
+    trn_encoder_embed_text(&enc, passages[1], p);
     for (const auto &pair : paraphrases) {
         float a[TRN_ENCODER_DIM], b[TRN_ENCODER_DIM];
         trn_encoder_embed_text(&enc, pair[0], a);
         trn_encoder_embed_text(&enc, pair[1], b);
-        trn_encoder_embed_text(&enc, passages[1], p);
         float para = 0, other = 0;
         for (int c = 0; c < TRN_ENCODER_DIM; c++) {
             para += a[c] * b[c];
             other += a[c] * p[c];
         }
-        EXPECT_GT(para, 0.1f) << pair[0];
-        EXPECT_GT(para, other + 0.05f) << pair[0] << ": " << para << " against " << other;
+        nearer += para > other ? 1 : 0;
+        margin += (para - other) / 10;
     }
+    EXPECT_GE(nearer, 8);
+    EXPECT_GT(margin, 0.08f);
     encoder_release(&enc);
 }

@@ -153,6 +153,7 @@ TEST(EncoderBpe, NoTextGivesNoPositionsAndANanVectorLeftUnnormalised)
     TrnBpe *bpe = static_cast<TrnBpe *>(xmalloc(sizeof(TrnBpe)));
     bpe->merges = nullptr;
     bpe->n_merges = 0;
+    bpe->ranks = nullptr;
     bpe->vocab_size = 260;
     TrnEncoder enc;
     encoder_init_bpe(&enc, 1, bpe);

@@ -98,6 +98,7 @@ TrnBpe *makeBpe(uint32_t merges)
         bpe->merges[k][1] = 'a' + k % 26;
     }
     bpe->n_merges = merges;
+    bpe->ranks = nullptr;
     bpe->vocab_size = merges + 260;
     return bpe;
 }
@@ -640,10 +641,11 @@ TEST(WeightsOom, TheNewTokenEmbeddingOfAVersion3FileIsASizedFailure)
     TrnEncoder enc;
     encoder_init_bpe(&enc, 42, makeBpe(1));
     ASSERT_EQ(trn_encoder_save_weights(&enc, path.c_str()), 1);
-    // Loading allocates the tokenizer record (1), its pairs (2), then 261 x 512 floats (3).
+    // Loading allocates the tokenizer record (1), its pairs (2), its merges' table (3), then
+    // 261 x 512 floats (4).
     EXPECT_EXIT(
         {
-            g_alloc_fail_countdown = 3;
+            g_alloc_fail_countdown = 4;
             trn_encoder_load_weights(&enc, path.c_str());
         },
         testing::ExitedWithCode(1),

@@ -83,7 +83,7 @@ TEST(TokenWords, SpellingsThatDifferInCaseOrSpacesAreOneWordAndPunctuationIsNone
         {'(', ')'},   // 265 "()"
         {263, ')'},   // 266 "re)"
     };
-    TrnBpe bpe{merges, 7, 267};
+    TrnBpe bpe{merges, 7, 267, nullptr};
     const std::vector<uint32_t> word = token_words(&bpe, 267);
     ASSERT_EQ(word.size(), 267u);
     EXPECT_EQ(word['a'], (uint32_t)'A');

@@ -1,11 +1,13 @@
 // The pair sampler and the tokenizer's corpus sample: what they read, from where, and how much.
 #include "../engine/store_fixtures.h"
 #include "corpus.h"
+#include "word_bpe.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <map>
 #include <random>
 #include <string>
 #include <vector>
@@ -276,4 +278,79 @@ TEST(BpeSample, SmallCorpusIsTakenWholeLargeOneIsCappedAndSpansTheFile)
 
     EXPECT_FALSE(read_bpe_sample("/nonexistent/corpus", 1000, &out, &err));
     EXPECT_NE(err.find("/nonexistent/corpus"), std::string::npos);
+}
+
+// The same merges, found by counting every pair of every unit again for each merge.
+std::vector<std::array<uint32_t, 2>> brute_force_merges(const UnitCounts &counts, int max_merges)
+{
+    std::vector<std::pair<std::vector<uint32_t>, int64_t>> units;
+    for (const auto &[text, n] : counts) {
+        units.push_back({std::vector<uint32_t>(text.begin(), text.end()), n});
+    }
+    std::vector<std::array<uint32_t, 2>> merges;
+    for (uint32_t id = 260; (int)merges.size() < max_merges; id++) {
+        std::map<std::pair<uint32_t, uint32_t>, int64_t> pairs;
+        for (const auto &[ids, n] : units) {
+            for (size_t j = 0; j + 1 < ids.size(); j++) {
+                pairs[{ids[j], ids[j + 1]}] += n;
+            }
+        }
+        std::pair<uint32_t, uint32_t> best{};
+        int64_t most = 1;
+        for (const auto &[pair, n] : pairs) { // in key order: the first of equal counts wins
+            if (n > most) {
+                best = pair;
+                most = n;
+            }
+        }
+        if (most < 2) {
+            break;
+        }
+        merges.push_back({best.first, best.second});
+        for (auto &[ids, n] : units) {
+            std::vector<uint32_t> out;
+            for (size_t j = 0; j < ids.size(); j++) {
+                bool hit = j + 1 < ids.size() && ids[j] == best.first && ids[j + 1] == best.second;
+                out.push_back(hit ? id : ids[j]);
+                j += hit ? 1 : 0;
+            }
+            ids = out;
+        }
+    }
+    return merges;
+}
+
+TEST(WordBpe, UnitsAreWordsWithTheirSpaceAndMergesMatchACountFromScratch)
+{
+    const std::string text = "Read the file,  x86 readFile();\n    \u00e9t\u00e9 the files \n";
+    UnitCounts units;
+    count_word_units(text.data(), text.size(), &units);
+    const UnitCounts want = {{"Read", 1},
+                             {" the", 2},
+                             {" file", 1},
+                             {",", 1},
+                             {" ", 1},
+                             {" x", 1},
+                             {"86", 1},
+                             {" readFile", 1},
+                             {"();", 1},
+                             {"\n   ", 1},
+                             {" \u00e9t\u00e9", 1},
+                             {" files", 1},
+                             {" \n", 1}};
+    EXPECT_EQ(units, want);
+
+    std::mt19937_64 rng(7);
+    const char *words[] = {" alpha", " alps", " beta", " bet", " abet", " alphabet", "42", " a"};
+    UnitCounts counts;
+    for (int i = 0; i < 400; i++) {
+        counts[words[rng() % 8]] += 1 + (int64_t)(rng() % 3);
+    }
+    EXPECT_EQ(train_word_bpe(counts, 1, 40), brute_force_merges(counts, 40));
+    // Rare units make no merges: only the pairs of units seen often enough count.
+    counts[" zq"] = 1;
+    const auto merges = train_word_bpe(counts, 2, 1000);
+    EXPECT_TRUE(std::none_of(merges.begin(), merges.end(), [](const auto &m) {
+        return m[1] == (uint32_t)'q';
+    }));
 }

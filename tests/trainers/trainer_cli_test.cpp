@@ -172,6 +172,24 @@ TEST_F(TrainerCli, TrainBpeWritesATokenizerTheEngineLoads)
     EXPECT_FALSE(exists(path("tok.bpe.tmp")));
 }
 
+TEST_F(TrainerCli, TrainBpeOverWordsGivesFrequentWordsATokenOfTheirOwn)
+{
+    write_file("corpus.txt", corpus_text(6000));
+    Result r = run("train_bpe", {path("corpus.txt"), path("tok.bpe"), "300", "--words"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    TrnBpe *bpe = trn_bpe_load(path("tok.bpe").c_str());
+    ASSERT_NE(bpe, nullptr);
+    // Each word below is frequent in the corpus: begin, the word with its space, end.
+    for (const char *word : {" river", " instructions", " paragraph", " valleys"}) {
+        uint32_t ids[16];
+        EXPECT_EQ(trn_bpe_encode(bpe, word, ids, 16), 3) << word;
+    }
+    // Merges stay inside words: two words never share a token.
+    uint32_t ids[64];
+    EXPECT_EQ(trn_bpe_encode(bpe, " the old mill", ids, 64), 2 + 3);
+    trn_bpe_free(bpe);
+}
+
 TEST_F(TrainerCli, TrainBpeRefusesBadInputWithOneLineAndNoFile)
 {
     write_file("corpus.txt", corpus_text(2000));
@@ -183,6 +201,7 @@ TEST_F(TrainerCli, TrainBpeRefusesBadInputWithOneLineAndNoFile)
     } cases[] = {
         {{path("corpus.txt"), path("tok.bpe")}, 2, "train_bpe: usage"},
         {{path("corpus.txt"), path("tok.bpe"), "7740", "extra"}, 2, "train_bpe: usage"},
+        {{path("missing.txt"), path("tok.bpe"), "10", "--words"}, 1, "missing.txt"},
         {{path("missing.txt"), path("tok.bpe"), "10"}, 1, "missing.txt"},
         {{path("one.txt"), path("tok.bpe"), "10"}, 1, "fewer than 2 bytes"},
         {{path("corpus.txt"), path("tok.bpe"), "0"}, 1, "bad merge count '0'"},
