@@ -20,7 +20,7 @@
 ** encoder the application ships (the random encoder, far slower, when the file is missing).
 ** Interrupted, it removes its temporary directory before it ends.
 */
-#include "internal.h"
+#include "probe.h"
 #include "tarnwick.h"
 #include "text/files.h"
 
@@ -87,10 +87,13 @@ Peak in_child(Step step)
 /* The bytes a handle keeps for its live and deleted chunks. */
 double held_mb(const TrnEngine *e)
 {
-    double bytes = (double)e->count * ((double)sizeof(TrnChunk) + (double)e->dim * sizeof(float));
-    for (uint64_t i = 0; i < e->count; i++) {
-        bytes += (double)strlen(e->chunks[i].text) + 1;
-        bytes += e->chunks[i].file_path ? (double)strlen(e->chunks[i].file_path) + 1 : 0;
+    const TrnStats stats = trn_stats(e);
+    double bytes = (double)stats.chunk_count
+                   * ((double)probe_chunk_record_size() + (double)stats.dim * sizeof(float));
+    for (uint64_t i = 0; i < stats.chunk_count; i++) {
+        const ProbeChunk c = probe_chunk(e, i);
+        bytes += c.text ? (double)strlen(c.text) + 1 : 0;
+        bytes += c.file_path ? (double)strlen(c.file_path) + 1 : 0;
     }
     return bytes / (1024.0 * 1024.0);
 }

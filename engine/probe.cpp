@@ -22,6 +22,11 @@ ProbeChunk probe_chunk(const TrnEngine *e, uint64_t slot)
     return p;
 }
 
+size_t probe_chunk_record_size()
+{
+    return sizeof(TrnChunk);
+}
+
 TrnEncoder *probe_encoder(TrnEngine *e)
 {
     return engine_encoder(e);

@@ -30,6 +30,8 @@ struct ProbeChunk {
 
 /* Slot slot (below trn_stats' chunk_count). */
 ProbeChunk probe_chunk(const TrnEngine *e, uint64_t slot);
+/* The bytes of one slot's record in the handle, beside its text, path and vector. */
+size_t probe_chunk_record_size();
 /* The handle's encoder, owned by the handle, and whether weights were loaded into it. */
 TrnEncoder *probe_encoder(TrnEngine *e);
 bool probe_weights_loaded(TrnEngine *e);

@@ -24,8 +24,8 @@ has_app=0
 [ -f "$build/bin/tarnwick" ] && has_app=1
 
 for f in bin/tarnwick-cli libexec/tarnwick/trainer libexec/tarnwick/train_bpe \
-    include/tarnwick.h include/tarnwick_encoder.h share/man/man1/tarnwick-cli.1 \
-    share/bash-completion/completions/tarnwick-cli; do
+    include/tarnwick.h include/tarnwick_encoder.h include/tarnwick_files.h \
+    share/man/man1/tarnwick-cli.1 share/bash-completion/completions/tarnwick-cli; do
     expect_file "$usr/$f"
 done
 ls "$usr"/share/zsh/*/_tarnwick-cli >/dev/null 2>&1 || fail "missing the zsh completion"
