@@ -89,16 +89,23 @@ bool word_merges(const std::string &corpus, long merges, std::vector<uint32_t> *
     return true;
 }
 
-bool save_pairs(const std::string &path, const std::vector<uint32_t> &pairs)
+/* Writes the tokenizer to out through out.tmp, checking the bytes written; 0 or fail's status. */
+int write_tokenizer(const TrnBpe &bpe, const std::string &out)
 {
-    FILE *f = fopen(path.c_str(), "wb");
-    if (!f) {
-        return false;
+    const std::string tmp = out + ".tmp";
+    const uint64_t want = 8 + 8 * (uint64_t)bpe.n_merges;
+    struct stat st;
+    if (trn_bpe_save(&bpe, tmp.c_str()) != 1 || stat(tmp.c_str(), &st) != 0
+        || (uint64_t)st.st_size != want) {
+        unlink(tmp.c_str());
+        return fail("cannot write " + tmp);
     }
-    const uint32_t count = (uint32_t)(pairs.size() / 2);
-    bool ok = fwrite("TBPE", 1, 4, f) == 4 && fwrite(&count, sizeof count, 1, f) == 1
-              && fwrite(pairs.data(), sizeof(uint32_t), pairs.size(), f) == pairs.size();
-    return fclose(f) == 0 && ok;
+    if (rename(tmp.c_str(), out.c_str()) != 0) {
+        int e = errno;
+        unlink(tmp.c_str());
+        return fail("cannot move " + tmp + " to " + out + ": " + strerror(e));
+    }
+    return 0;
 }
 
 int run(int argc, char **argv)
@@ -124,21 +131,10 @@ int run(int argc, char **argv)
         if (!word_merges(corpus, merges, &pairs, &err)) {
             return fail(err);
         }
-        fprintf(stderr,
-                "train_bpe: training complete. %zu merges, vocab_size=%zu\n",
-                pairs.size() / 2,
-                pairs.size() / 2 + 260);
-        const std::string tmp = out + ".tmp";
-        if (!save_pairs(tmp, pairs)) {
-            unlink(tmp.c_str());
-            return fail("cannot write " + tmp);
-        }
-        if (rename(tmp.c_str(), out.c_str()) != 0) {
-            int e = errno;
-            unlink(tmp.c_str());
-            return fail("cannot move " + tmp + " to " + out + ": " + strerror(e));
-        }
-        return 0;
+        const uint32_t n = (uint32_t)(pairs.size() / 2);
+        fprintf(stderr, "train_bpe: training complete. %u merges, vocab_size=%u\n", n, n + 260);
+        const TrnBpe bpe = {reinterpret_cast<uint32_t(*)[2]>(pairs.data()), n, n + 260, nullptr};
+        return write_tokenizer(bpe, out);
     }
     if (!trn_train::read_bpe_sample(corpus, trn_train::BPE_SAMPLE_BYTES, &text, &err)) {
         return fail(err);
@@ -150,22 +146,9 @@ int run(int argc, char **argv)
     if (!bpe) {
         return fail("tokenizer training failed on " + corpus);
     }
-    const std::string tmp = out + ".tmp";
-    const uint64_t want = 8 + 8 * (uint64_t)bpe->n_merges;
-    struct stat st;
-    bool ok = trn_bpe_save(bpe, tmp.c_str()) == 1 && stat(tmp.c_str(), &st) == 0
-              && (uint64_t)st.st_size == want;
+    const int status = write_tokenizer(*bpe, out);
     trn_bpe_free(bpe);
-    if (!ok) {
-        unlink(tmp.c_str());
-        return fail("cannot write " + tmp);
-    }
-    if (rename(tmp.c_str(), out.c_str()) != 0) {
-        int e = errno;
-        unlink(tmp.c_str());
-        return fail("cannot move " + tmp + " to " + out + ": " + strerror(e));
-    }
-    return 0;
+    return status;
 }
 
 } // namespace

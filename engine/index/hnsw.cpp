@@ -479,6 +479,21 @@ void node_reset(TrnNode *node)
     memset(node, 0, sizeof *node);
 }
 
+void node_set_list(TrnNode *node, int32_t l, const void *ids, uint32_t k)
+{
+    if (k == 0) {
+        return;
+    }
+    int32_t cap = 8;
+    while ((uint32_t)cap < k) {
+        cap *= 2;
+    }
+    node->neighbors[l] = static_cast<uint32_t *>(xmalloc(xmul((size_t)cap, sizeof(uint32_t))));
+    node->capacity[l] = cap;
+    node->count[l] = (int32_t)k;
+    memcpy(node->neighbors[l], ids, (size_t)k * sizeof(uint32_t));
+}
+
 void hnsw_insert(TrnEngine *e, uint32_t index)
 {
     int32_t level = e->nodes[index].level;

@@ -44,5 +44,8 @@ int32_t hnsw_query_width(TrnEngine *e, const float *q, int32_t k, int32_t ef, ui
 void hnsw_free_scratch(TrnEngine *e);
 /* Frees a node's neighbour lists and zeroes it (level 0). */
 void node_reset(TrnNode *node);
+/* Gives the node's level l the k ids at ids (raw little-endian uint32, as the store holds them),
+** in a list of room for at least 8 that doubles as it grows; nothing when k is 0. */
+void node_set_list(TrnNode *node, int32_t l, const void *ids, uint32_t k);
 
 #endif /* TRN_HNSW_H */

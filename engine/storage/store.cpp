@@ -139,17 +139,8 @@ bool read_record(TrnEngine *e, ByteReader *cur, uint64_t slot)
             chunk_slot_clear(e, slot);
             return false;
         }
-        if (k == 0) {
-            continue;
-        }
-        int32_t cap = 8;
-        while ((uint32_t)cap < k) {
-            cap *= 2;
-        }
-        node->neighbors[l] = static_cast<uint32_t *>(xmalloc(xmul((size_t)cap, sizeof(uint32_t))));
-        node->capacity[l] = cap;
-        node->count[l] = (int32_t)k;
-        bytes_take(cur, node->neighbors[l], (size_t)k * sizeof(uint32_t));
+        node_set_list(node, l, cur->p, k);
+        bytes_skip(cur, (size_t)k * sizeof(uint32_t));
     }
     return true;
 }

@@ -226,17 +226,7 @@ bool read_chunks(TrnEngine *e, const uint8_t *b, const Header &h, const Sections
                 || !section_take(&graph, (size_t)k * 4, &list)) {
                 return false;
             }
-            if (k == 0) {
-                continue;
-            }
-            int32_t cap = 8;
-            while ((uint32_t)cap < k) {
-                cap *= 2;
-            }
-            node->neighbors[l] = static_cast<uint32_t *>(xmalloc(xmul((size_t)cap, 4)));
-            node->capacity[l] = cap;
-            node->count[l] = (int32_t)k;
-            memcpy(node->neighbors[l], list, (size_t)k * 4);
+            node_set_list(node, l, list, k);
             for (uint32_t j = 0; j < k; j++) {
                 if (node->neighbors[l][j] >= h.count) {
                     return false;
