@@ -368,9 +368,9 @@ private slots:
         m_home->settings()->setPreviewPane(true);
         m_home->settings()->setPreviewBelow(below);
         m_home->settings()->setPreviewShare(share);
+        TabFolder dir; // outlives the window, and waits for its tab jobs before it goes
         auto w = openAppWindow(m_home->settings());
         MainWindow &window = w->window;
-        QTemporaryDir dir;
         QVERIFY(writeFile(dir.path(), QStringLiteral("notes.txt"), numberedLines(40)));
         w->app.addTab(dir.path());
         window.resize(size);
@@ -396,10 +396,10 @@ private slots:
 
     void thePaneFollowsTheSelectionAndThePointer()
     {
+        TabFolder dir; // outlives the window, and waits for its tab jobs before it goes
         auto w = openAppWindow(m_home->settings());
         AppState *app = &w->app;
         MainWindow &window = w->window;
-        QTemporaryDir dir;
         QVERIFY(writeFile(dir.path(), QStringLiteral("fox.txt"), "a\nb\nThe quick brown fox.\n"));
         QVERIFY(writeFile(dir.path(), QStringLiteral("dog.txt"), "The lazy dog and the fox.\n"));
         app->addTab(dir.path());
@@ -449,9 +449,9 @@ private slots:
     {
         m_home->settings()->setPreviewPane(true);
         m_home->settings()->setPreviewShare(0.3);
+        TabFolder dir; // outlives the window, and waits for its tab jobs before it goes
         auto w = openAppWindow(m_home->settings());
         MainWindow &window = w->window;
-        QTemporaryDir dir;
         QVERIFY(writeFile(dir.path(), QStringLiteral("notes.txt"), "some words\n"));
         w->app.addTab(dir.path());
         window.resize(1000, 700);
