@@ -1,11 +1,13 @@
 /*
 ** embed.cpp -- embeds many chunks at once on the processor's cores.
 **
-** embed_chunks hands the texts out one at a time from a shared counter to up to embed_threads
-** workers (the calling thread and embed_threads - 1 threads started for the call), so long and
-** short chunks balance by themselves. Each worker embeds with a scratch space of its own, kept in
-** the handle between calls, and writes only its texts' rows of the output: a chunk's vector is the
-** same bits whichever worker embeds it and however many there are. The weights are only read.
+** embed_chunks hands the texts out a few at a time (up to ENCODER_BATCH, one forward pass of
+** batch.cpp, fewer near the end) from a shared counter to up to embed_threads workers (the calling
+** thread and embed_threads - 1 threads started for the call), so long and short chunks balance by
+** themselves. Each worker embeds with a scratch space of its own, kept in the handle between
+** calls, and writes only its texts' rows of the output: a chunk's vector is the same bits
+** whichever worker embeds it, with whichever other texts, and however many workers there are.
+** The weights are only read.
 **
 ** OpenBLAS would start threads of its own inside every matrix product; with a worker per core
 ** that oversubscribes the cores, so the first handle sets OpenBLAS to one thread for the process
@@ -44,6 +46,7 @@ struct EmbedJob {
     const char *const *texts;
     size_t count;
     float *out;
+    size_t workers;
     std::atomic<size_t> next;
 };
 
@@ -52,15 +55,29 @@ struct EmbedWorker {
     TrnScratch *scratch;
 };
 
+/* The texts for a worker's next forward pass, from *first on: an even share of those left, 1 to
+** ENCODER_BATCH, so that the last ones still spread over every worker; 0 when none are left. */
+size_t take_texts(EmbedJob *job, size_t *first)
+{
+    size_t at = job->next.load(std::memory_order_relaxed);
+    size_t n = 0;
+    do {
+        if (at >= job->count) {
+            return 0;
+        }
+        n = (job->count - at + job->workers - 1) / job->workers;
+        n = n < (size_t)ENCODER_BATCH ? n : (size_t)ENCODER_BATCH;
+    } while (!job->next.compare_exchange_weak(at, at + n, std::memory_order_relaxed));
+    *first = at;
+    return n;
+}
+
 void embed_loop(EmbedJob *job, TrnScratch *scratch)
 {
     const size_t dim = (size_t)job->e->dim;
-    for (;;) {
-        size_t i = job->next.fetch_add(1, std::memory_order_relaxed);
-        if (i >= job->count) {
-            return;
-        }
-        embed_chunk_with(job->e, scratch, job->texts[i], job->out + i * dim);
+    size_t first = 0;
+    while (size_t n = take_texts(job, &first)) {
+        embed_batch_with(job->e, scratch, job->texts + first, n, job->out + first * dim);
     }
 }
 
@@ -71,23 +88,20 @@ void *embed_thread(void *arg)
     return nullptr;
 }
 
-/* Worker 0 is the calling thread and uses the encoder's own scratch, which searches use too. */
-TrnScratch *worker_scratch(TrnEngine *e, int32_t i)
+/* Worker i's scratch, with room for a forward pass over `sequences` texts. Worker 0 is the
+** calling thread and uses the encoder's own scratch, which searches use too. */
+TrnScratch *worker_scratch(TrnEngine *e, int32_t i, int sequences)
 {
-    if (i == 0) {
-        if (!e->encoder.scratch) {
-            e->encoder.scratch = scratch_new();
-        }
-        return e->encoder.scratch;
-    }
-    if (!e->embed_scratch) {
+    if (i > 0 && !e->embed_scratch) {
         e->embed_scratch =
             static_cast<TrnScratch **>(xcalloc(EMBED_THREADS_MAX, sizeof(TrnScratch *)));
     }
-    if (!e->embed_scratch[i]) {
-        e->embed_scratch[i] = scratch_new();
+    TrnScratch **slot = i == 0 ? &e->encoder.scratch : &e->embed_scratch[i];
+    if (scratch_sequences(*slot) < sequences) {
+        scratch_free(*slot);
+        *slot = scratch_new_batch(sequences);
     }
-    return e->embed_scratch[i];
+    return *slot;
 }
 
 } // namespace
@@ -112,26 +126,37 @@ int32_t embed_threads_default(void)
     return cores < EMBED_THREADS_MAX ? cores : EMBED_THREADS_MAX;
 }
 
-void embed_chunk_with(TrnEngine *e, TrnScratch *scratch, const char *text, float *v)
+void embed_batch_with(TrnEngine *e, TrnScratch *scratch, const char *const *texts, size_t count,
+                      float *v)
 {
     /* The encoder always writes 512 floats; a handle configured with another dim keeps the
     ** leading dim of them (zero-padded), so the slot is never overrun. */
-    if (e->dim == TRN_ENCODER_DIM) {
-        encoder_embed(&e->encoder, scratch, text, v);
+    const size_t dim = (size_t)e->dim;
+    if (dim == TRN_ENCODER_DIM) {
+        encoder_embed_batch(&e->encoder, scratch, texts, count, v);
     } else {
-        float full[TRN_ENCODER_DIM];
-        encoder_embed(&e->encoder, scratch, text, full);
-        for (int32_t i = 0; i < e->dim; i++) {
-            v[i] = i < TRN_ENCODER_DIM ? full[i] : 0.0f;
+        float full[ENCODER_BATCH * TRN_ENCODER_DIM];
+        encoder_embed_batch(&e->encoder, scratch, texts, count, full);
+        for (size_t s = 0; s < count; s++) {
+            for (size_t i = 0; i < dim; i++) {
+                v[s * dim + i] = i < TRN_ENCODER_DIM ? full[s * TRN_ENCODER_DIM + i] : 0.0f;
+            }
         }
     }
-    vec_normalize(v, (size_t)e->dim);
+    for (size_t s = 0; s < count; s++) {
+        vec_normalize(v + s * dim, dim);
+    }
+}
+
+void embed_chunk_with(TrnEngine *e, TrnScratch *scratch, const char *text, float *v)
+{
+    embed_batch_with(e, scratch, &text, 1, v);
 }
 
 void embed_chunk(TrnEngine *e, const char *text, float *v)
 {
     engine_encoder(e);
-    embed_chunk_with(e, worker_scratch(e, 0), text, v);
+    embed_chunk_with(e, worker_scratch(e, 0, 1), text, v);
 }
 
 void embed_chunks(TrnEngine *e, const char *const *texts, size_t count, float *out)
@@ -149,7 +174,10 @@ void embed_chunks(TrnEngine *e, const char *const *texts, size_t count, float *o
     job.texts = texts;
     job.count = count;
     job.out = out;
+    job.workers = (size_t)(workers > 0 ? workers : 1);
     job.next.store(0, std::memory_order_relaxed);
+    /* A bag of words issues no products: its texts go one at a time, in a scratch of one. */
+    const int sequences = e->encoder.bag_rows ? 1 : ENCODER_BATCH;
     /* Scratch spaces are made here, on the calling thread, so an allocation failure ends the
     ** process from the thread that called the engine. */
     EmbedWorker helpers[EMBED_THREADS_MAX];
@@ -157,13 +185,13 @@ void embed_chunks(TrnEngine *e, const char *const *texts, size_t count, float *o
     int32_t started = 0;
     for (int32_t i = 1; i < workers; i++) {
         helpers[started].job = &job;
-        helpers[started].scratch = worker_scratch(e, i);
+        helpers[started].scratch = worker_scratch(e, i, sequences);
         if (pthread_create(&threads[started], nullptr, embed_thread, &helpers[started]) != 0) {
             break; /* fewer workers: the calling thread embeds what no thread takes */
         }
         started++;
     }
-    embed_loop(&job, worker_scratch(e, 0));
+    embed_loop(&job, worker_scratch(e, 0, sequences));
     for (int32_t i = 0; i < started; i++) {
         pthread_join(threads[i], nullptr);
     }

@@ -16,6 +16,10 @@
 void embed_chunk(TrnEngine *e, const char *text, float *v);
 /* As embed_chunk with the given scratch; only reads the handle. */
 void embed_chunk_with(TrnEngine *e, TrnScratch *scratch, const char *text, float *v);
+/* As embed_chunk_with for count texts (at most ENCODER_BATCH) into v (count x dim floats), as
+** many in one forward pass as scratch holds. */
+void embed_batch_with(TrnEngine *e, TrnScratch *scratch, const char *const *texts, size_t count,
+                      float *v);
 /* Embeds count texts into out (count x dim floats, row i for text i) as embed_chunk does, on up
 ** to e->embed_threads threads; the same bits as embedding them one after another. */
 void embed_chunks(TrnEngine *e, const char *const *texts, size_t count, float *out);

@@ -17,10 +17,11 @@
 ** the weights bit for bit.
 **
 ** Nothing here is process-wide. Every buffer of an embedding lives in a TrnScratch (sized for 256
-** positions); an encoder owns one, created by its first trn_encoder_embed_text, and the engine's
-** embedding workers each own another (embed.cpp), so any number of embeddings run at once as long
-** as no two share a scratch. The weights are only read while embedding. With its scratch in place
-** an embedding allocates nothing. The initialiser's generator state is a local of init_common.
+** positions of each text a pass stacks, batch.cpp); an encoder owns one, created by its first
+** trn_encoder_embed_text, and the engine's embedding workers each own another (embed.cpp), so any
+** number of embeddings run at once as long as no two share a scratch. The weights are only read
+** while embedding. With its scratch in place an embedding allocates nothing. The initialiser's
+** generator state is a local of init_common.
 **
 ** An allocation failure prints "tarnwick: OOM (<bytes> bytes)" and ends the process with status 1.
 */
@@ -29,18 +30,18 @@
 #include <cmath>
 #include <cstring>
 
-/* Every buffer of one embedding, sized for MAX_SEQ positions. */
+/* Every buffer of one embedding of up to `sequences` texts at once, MAX_SEQ positions each. */
 struct TrnScratch {
-    float *x;          /* residual stream, MAX_SEQ x DIM */
-    float *xn;         /* normalised copy of x, MAX_SEQ x DIM */
-    float *q;          /* MAX_SEQ x DIM */
-    float *k;          /* MAX_SEQ x DIM */
-    float *v;          /* MAX_SEQ x DIM */
-    float *heads;      /* concatenated head outputs, MAX_SEQ x DIM */
-    float *proj;       /* output projection, MAX_SEQ x DIM */
-    float *hidden;     /* feed-forward hidden, MAX_SEQ x FF */
-    float *ff_out;     /* feed-forward output, MAX_SEQ x DIM */
-    float *scores;     /* attention scores, n x n with row stride n */
+    int sequences;     /* texts one forward pass may stack; rows = sequences x MAX_SEQ */
+    float *x;          /* residual stream, rows x DIM */
+    float *xn;         /* normalised copy of x, rows x DIM */
+    float *q;          /* rows x DIM; after attention, each layer's output projection and its
+                       ** feed-forward output */
+    float *k;          /* rows x DIM */
+    float *v;          /* rows x DIM */
+    float *heads;      /* concatenated head outputs, rows x DIM */
+    float *hidden;     /* feed-forward hidden, rows x FF */
+    float *scores;     /* attention scores of one text, n x n with row stride n */
     float *norm_row;   /* DIM, inside layernorm */
     float *gelu_cube;  /* FF, inside gelu_vec_inplace */
     float *gelu_inner; /* FF, inside gelu_vec_inplace */
@@ -59,6 +60,7 @@ constexpr float LN_EPS = 1e-5f;
 constexpr float GELU_C = 0.044715f;
 constexpr float SQRT_2_OVER_PI = 0.7978846f;
 constexpr char ENCODER_OOM[] = "tarnwick: OOM (%zu bytes)\n";
+constexpr int DENSE_MIN_ROWS = 8;
 
 void *encoder_alloc(size_t bytes)
 {
@@ -216,28 +218,28 @@ void norm_rows(TrnScratch *ws, int n, const float *gamma, const float *beta,
     }
 }
 
-/* One pre-norm transformer layer over the first n rows of the residual stream, saving its
-** activations into the l-th slots of save when save is not NULL. The matrix products need
-** n >= 1 (their leading dimensions must be positive). */
-void layer_forward(TrnScratch *ws, const TrnEncoderLayer *layer, int n, TrnForwardSave *save, int l)
+/* c (rows x n) = a (rows x k) w: one dense step over every stacked row of a batch. A text's
+** vector must not depend on the batch it came in, so a row's product must not depend on how many
+** rows share it. OpenBLAS 0.3.21 gives each row the same bits for any row count from 4 up, but
+** below that it takes another kernel for the 512 x 512 products whose sums round differently;
+** fewer than DENSE_MIN_ROWS rows (8, a margin above that) are therefore run as that many, with
+** the added rows of a zeroed. */
+void dense(float *a, int rows, int k, const float *w, int n, float *c)
 {
-    if (save) {
-        save_rows(save->x[l], ws->x, n, DIM);
+    if (rows < DENSE_MIN_ROWS) {
+        memset(a + (size_t)rows * k, 0, (size_t)(DENSE_MIN_ROWS - rows) * k * sizeof(float));
+        rows = DENSE_MIN_ROWS;
     }
-    norm_rows(ws, n, layer->ln1_gamma, layer->ln1_beta, save, l, false);
-    sgemm(false, false, n, DIM, DIM, 1.0f, ws->xn, DIM, layer->wq, DIM, 0.0f, ws->q, DIM);
-    sgemm(false, false, n, DIM, DIM, 1.0f, ws->xn, DIM, layer->wk, DIM, 0.0f, ws->k, DIM);
-    sgemm(false, false, n, DIM, DIM, 1.0f, ws->xn, DIM, layer->wv, DIM, 0.0f, ws->v, DIM);
-    if (save) {
-        save_rows(save->a[l], ws->xn, n, DIM);
-        save_rows(save->q[l], ws->q, n, DIM);
-        save_rows(save->k[l], ws->k, n, DIM);
-        save_rows(save->v[l], ws->v, n, DIM);
-    }
-    memset(ws->heads, 0, (size_t)n * DIM * sizeof(float));
+    sgemm(false, false, rows, n, k, 1.0f, a, k, w, n, 0.0f, c, n);
+}
 
+/* The attention of one text of n >= 1 positions whose rows start at row `at`: writes its rows of
+** heads, and its softmax rows, head after head, to probs when that is not NULL. */
+void attend(TrnScratch *ws, int at, int n, float *probs)
+{
+    const size_t row0 = (size_t)at * DIM;
     for (int h = 0; h < HEADS; h++) {
-        size_t col = (size_t)h * HEAD_DIM;
+        size_t col = row0 + (size_t)h * HEAD_DIM;
         sgemm(false,
               true,
               n,
@@ -254,8 +256,8 @@ void layer_forward(TrnScratch *ws, const TrnEncoderLayer *layer, int n, TrnForwa
         for (int i = 0; i < n; i++) {
             softmax_row(ws->scores + (size_t)i * n, n);
         }
-        if (save) {
-            save_rows(save->probs[l] + (size_t)h * n * n, ws->scores, n, n);
+        if (probs) {
+            save_rows(probs + (size_t)h * n * n, ws->scores, n, n);
         }
         sgemm(false,
               false,
@@ -271,19 +273,47 @@ void layer_forward(TrnScratch *ws, const TrnEncoderLayer *layer, int n, TrnForwa
               ws->heads + col,
               DIM);
     }
-    sgemm(false, false, n, DIM, DIM, 1.0f, ws->heads, DIM, layer->wo, DIM, 0.0f, ws->proj, DIM);
-    vec_add(ws->x, ws->proj, ws->x, (size_t)n * DIM);
+}
+
+/* One pre-norm transformer layer over count texts stacked in the residual stream (lens[s] rows
+** each, rows in all): the dense steps run once over every row, attention within each text. Saves
+** the activations into the l-th slots of save when save is not NULL (one text only). */
+void layer_forward(TrnScratch *ws, const TrnEncoderLayer *layer, const int *lens, int count,
+                   int rows, TrnForwardSave *save, int l)
+{
     if (save) {
-        save_rows(save->ctx[l], ws->heads, n, DIM);
-        save_rows(save->mid[l], ws->x, n, DIM);
+        save_rows(save->x[l], ws->x, rows, DIM);
+    }
+    norm_rows(ws, rows, layer->ln1_gamma, layer->ln1_beta, save, l, false);
+    dense(ws->xn, rows, DIM, layer->wq, DIM, ws->q);
+    dense(ws->xn, rows, DIM, layer->wk, DIM, ws->k);
+    dense(ws->xn, rows, DIM, layer->wv, DIM, ws->v);
+    if (save) {
+        save_rows(save->a[l], ws->xn, rows, DIM);
+        save_rows(save->q[l], ws->q, rows, DIM);
+        save_rows(save->k[l], ws->k, rows, DIM);
+        save_rows(save->v[l], ws->v, rows, DIM);
+    }
+    memset(ws->heads, 0, (size_t)rows * DIM * sizeof(float));
+    for (int s = 0, at = 0; s < count; at += lens[s], s++) {
+        if (lens[s] > 0) {
+            attend(ws, at, lens[s], save ? save->probs[l] : nullptr);
+        }
+    }
+    float *out = ws->q; /* free from here on */
+    dense(ws->heads, rows, DIM, layer->wo, DIM, out);
+    vec_add(ws->x, out, ws->x, (size_t)rows * DIM);
+    if (save) {
+        save_rows(save->ctx[l], ws->heads, rows, DIM);
+        save_rows(save->mid[l], ws->x, rows, DIM);
     }
 
-    norm_rows(ws, n, layer->ln2_gamma, layer->ln2_beta, save, l, true);
+    norm_rows(ws, rows, layer->ln2_gamma, layer->ln2_beta, save, l, true);
     if (save) {
-        save_rows(save->b[l], ws->xn, n, DIM);
+        save_rows(save->b[l], ws->xn, rows, DIM);
     }
-    sgemm(false, false, n, FF, DIM, 1.0f, ws->xn, DIM, layer->w1, FF, 0.0f, ws->hidden, FF);
-    for (int i = 0; i < n; i++) {
+    dense(ws->xn, rows, DIM, layer->w1, FF, ws->hidden);
+    for (int i = 0; i < rows; i++) {
         float *row = ws->hidden + (size_t)i * FF;
         vec_add(row, layer->b1, row, FF);
         if (save) {
@@ -292,35 +322,65 @@ void layer_forward(TrnScratch *ws, const TrnEncoderLayer *layer, int n, TrnForwa
         gelu_vec_inplace(row, ws->gelu_cube, ws->gelu_inner);
     }
     if (save) {
-        save_rows(save->g[l], ws->hidden, n, FF);
+        save_rows(save->g[l], ws->hidden, rows, FF);
     }
-    sgemm(false, false, n, DIM, FF, 1.0f, ws->hidden, FF, layer->w2, DIM, 0.0f, ws->ff_out, DIM);
-    for (int i = 0; i < n; i++) {
-        float *row = ws->ff_out + (size_t)i * DIM;
+    dense(ws->hidden, rows, FF, layer->w2, DIM, out);
+    for (int i = 0; i < rows; i++) {
+        float *row = out + (size_t)i * DIM;
         vec_add(row, layer->b2, row, DIM);
     }
-    vec_add(ws->x, ws->ff_out, ws->x, (size_t)n * DIM);
+    vec_add(ws->x, out, ws->x, (size_t)rows * DIM);
+}
+
+/* The unit vector of one text from its n rows after the final norm, as encoder_forward's result:
+** the mean of the rows, then L2 normalisation. */
+void pool(const float *y, int n, float *out, TrnForwardSave *save)
+{
+    memset(out, 0, DIM * sizeof(float));
+    for (int i = 0; i < n; i++) {
+        vec_add(out, y + (size_t)i * DIM, out, DIM);
+    }
+    vec_smul(out, 1.0f / (float)n, out, DIM);
+
+    float norm = sqrtf(vec_sumsq(out, DIM));
+    if (save) {
+        save_rows(save->pooled, out, 1, DIM);
+        *save->norm = norm;
+    }
+    if (norm > 1e-12f) {
+        vec_smul(out, 1.0f / norm, out, DIM);
+    }
 }
 
 } // namespace
 
-TrnScratch *scratch_new(void)
+TrnScratch *scratch_new_batch(int sequences)
 {
     TrnScratch *ws = static_cast<TrnScratch *>(encoder_alloc(sizeof(TrnScratch)));
-    ws->x = encoder_alloc_floats((size_t)MAX_SEQ * DIM);
-    ws->xn = encoder_alloc_floats((size_t)MAX_SEQ * DIM);
-    ws->q = encoder_alloc_floats((size_t)MAX_SEQ * DIM);
-    ws->k = encoder_alloc_floats((size_t)MAX_SEQ * DIM);
-    ws->v = encoder_alloc_floats((size_t)MAX_SEQ * DIM);
-    ws->heads = encoder_alloc_floats((size_t)MAX_SEQ * DIM);
-    ws->proj = encoder_alloc_floats((size_t)MAX_SEQ * DIM);
-    ws->hidden = encoder_alloc_floats((size_t)MAX_SEQ * FF);
-    ws->ff_out = encoder_alloc_floats((size_t)MAX_SEQ * DIM);
+    ws->sequences = sequences;
+    const size_t rows = (size_t)sequences * MAX_SEQ;
+    ws->x = encoder_alloc_floats(rows * DIM);
+    ws->xn = encoder_alloc_floats(rows * DIM);
+    ws->q = encoder_alloc_floats(rows * DIM);
+    ws->k = encoder_alloc_floats(rows * DIM);
+    ws->v = encoder_alloc_floats(rows * DIM);
+    ws->heads = encoder_alloc_floats(rows * DIM);
+    ws->hidden = encoder_alloc_floats(rows * FF);
     ws->scores = encoder_alloc_floats((size_t)MAX_SEQ * MAX_SEQ);
     ws->norm_row = encoder_alloc_floats(DIM);
     ws->gelu_cube = encoder_alloc_floats(FF);
     ws->gelu_inner = encoder_alloc_floats(FF);
     return ws;
+}
+
+TrnScratch *scratch_new(void)
+{
+    return scratch_new_batch(1);
+}
+
+int scratch_sequences(const TrnScratch *ws)
+{
+    return ws ? ws->sequences : 0;
 }
 
 void scratch_free(TrnScratch *ws)
@@ -334,9 +394,7 @@ void scratch_free(TrnScratch *ws)
                         ws->k,
                         ws->v,
                         ws->heads,
-                        ws->proj,
                         ws->hidden,
-                        ws->ff_out,
                         ws->scores,
                         ws->norm_row,
                         ws->gelu_cube,
@@ -371,39 +429,43 @@ void encoder_redraw(TrnEncoder *enc, uint32_t seed)
 
 void encoder_forward_shapes(int n, GemmShape *out)
 {
+    const int rows = n < DENSE_MIN_ROWS ? DENSE_MIN_ROWS : n; /* as dense issues them */
     int at = 0;
     for (int l = 0; l < TRN_ENCODER_LAYERS; l++) {
         for (int p = 0; p < 3; p++) {
-            out[at++] = GemmShape{false, false, n, DIM, DIM}; /* Q, K, V */
+            out[at++] = GemmShape{false, false, rows, DIM, DIM}; /* Q, K, V */
         }
         for (int h = 0; h < TRN_ENCODER_HEADS; h++) {
             out[at++] = GemmShape{false, true, n, n, HEAD_DIM};  /* scores */
             out[at++] = GemmShape{false, false, n, HEAD_DIM, n}; /* scores x V */
         }
-        out[at++] = GemmShape{false, false, n, DIM, DIM}; /* output projection */
-        out[at++] = GemmShape{false, false, n, FF, DIM};  /* up */
-        out[at++] = GemmShape{false, false, n, DIM, FF};  /* down */
+        out[at++] = GemmShape{false, false, rows, DIM, DIM}; /* output projection */
+        out[at++] = GemmShape{false, false, rows, FF, DIM};  /* up */
+        out[at++] = GemmShape{false, false, rows, DIM, FF};  /* down */
     }
 }
 
-void encoder_forward(const TrnEncoder *enc, TrnScratch *ws, const uint32_t *ids, int n, float *out,
-                     TrnForwardSave *save)
+void encoder_forward_batch(const TrnEncoder *enc, TrnScratch *ws, const uint32_t *ids,
+                           const int *lens, int count, float *out, TrnForwardSave *save)
 {
-    for (int i = 0; i < n; i++) {
-        vec_add(enc->tok_emb + (size_t)ids[i] * DIM,
-                enc->pos_emb + (size_t)i * DIM,
-                ws->x + (size_t)i * DIM,
-                DIM);
+    int rows = 0;
+    for (int s = 0; s < count; s++) {
+        for (int i = 0; i < lens[s]; i++, rows++) {
+            vec_add(enc->tok_emb + (size_t)ids[rows] * DIM,
+                    enc->pos_emb + (size_t)i * DIM,
+                    ws->x + (size_t)rows * DIM,
+                    DIM);
+        }
     }
-    if (n > 0) {
+    if (rows > 0) {
         for (int l = 0; l < TRN_ENCODER_LAYERS; l++) {
-            layer_forward(ws, &enc->layers[l], n, save, l);
+            layer_forward(ws, &enc->layers[l], lens, count, rows, save, l);
         }
     }
     if (save) {
-        save_rows(save->x[TRN_ENCODER_LAYERS], ws->x, n, DIM);
+        save_rows(save->x[TRN_ENCODER_LAYERS], ws->x, rows, DIM);
     }
-    for (int i = 0; i < n; i++) {
+    for (int i = 0; i < rows; i++) {
         layernorm(ws->x + (size_t)i * DIM,
                   enc->ln_f_gamma,
                   enc->ln_f_beta,
@@ -412,57 +474,17 @@ void encoder_forward(const TrnEncoder *enc, TrnScratch *ws, const uint32_t *ids,
                   save ? save->lnf_rstd + i : nullptr);
     }
     if (save) {
-        save_rows(save->y, ws->x, n, DIM);
+        save_rows(save->y, ws->x, rows, DIM);
     }
-
-    memset(out, 0, DIM * sizeof(float));
-    for (int i = 0; i < n; i++) {
-        vec_add(out, ws->x + (size_t)i * DIM, out, DIM);
-    }
-    vec_smul(out, 1.0f / (float)n, out, DIM);
-
-    float norm = sqrtf(vec_sumsq(out, DIM));
-    if (save) {
-        save_rows(save->pooled, out, 1, DIM);
-        *save->norm = norm;
-    }
-    if (norm > 1e-12f) {
-        vec_smul(out, 1.0f / norm, out, DIM);
+    for (int s = 0, at = 0; s < count; at += lens[s], s++) {
+        pool(ws->x + (size_t)at * DIM, lens[s], out + (size_t)s * DIM, save);
     }
 }
 
-/* A NULL text counts as empty for byte-level input; with a tokenizer it yields no positions at
-** all, and the pooled vector is then 0 * (1 / 0), NaN in every component. */
-void encoder_embed(const TrnEncoder *enc, TrnScratch *ws, const char *text, float *out)
+void encoder_forward(const TrnEncoder *enc, TrnScratch *ws, const uint32_t *ids, int n, float *out,
+                     TrnForwardSave *save)
 {
-    uint32_t ids[MAX_SEQ];
-    int n = 0;
-    if (enc->bpe) {
-        n = trn_bpe_encode(enc->bpe, text, ids, MAX_SEQ);
-    } else {
-        ids[n++] = TRN_TOKEN_BEGIN;
-        if (text) {
-            const unsigned char *p = reinterpret_cast<const unsigned char *>(text);
-            while (*p && n < MAX_SEQ - 1) {
-                ids[n++] = *p++;
-            }
-        }
-        ids[n++] = TRN_TOKEN_END;
-    }
-    if (!enc->bag_rows || n == 0) {
-        encoder_forward(enc, ws, ids, n, out, nullptr);
-        return;
-    }
-    /* encoder_forward's pooling over the rows it would have computed, in the same order. */
-    memset(out, 0, DIM * sizeof(float));
-    for (int i = 0; i < n; i++) {
-        vec_add(out, enc->bag_rows + (size_t)ids[i] * DIM, out, DIM);
-    }
-    vec_smul(out, 1.0f / (float)n, out, DIM);
-    float norm = sqrtf(vec_sumsq(out, DIM));
-    if (norm > 1e-12f) {
-        vec_smul(out, 1.0f / norm, out, DIM);
-    }
+    encoder_forward_batch(enc, ws, ids, &n, 1, out, save);
 }
 
 namespace
@@ -593,14 +615,6 @@ void trn_encoder_free(TrnEncoder *enc)
     }
     encoder_release(enc);
     free(enc);
-}
-
-void trn_encoder_embed_text(TrnEncoder *enc, const char *text, float *out)
-{
-    if (!enc->scratch) {
-        enc->scratch = scratch_new();
-    }
-    encoder_embed(enc, enc->scratch, text, out);
 }
 
 } // extern "C"

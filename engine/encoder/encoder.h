@@ -69,12 +69,21 @@ bool encoder_prepare_bag_only(TrnEncoder *enc);
 */
 /* n floats, or "tarnwick: OOM (%zu bytes)" and exit(1). */
 float *encoder_alloc_floats(size_t n);
-/* The buffers of one embedding (encoder.cpp), about 6 MB. One scratch serves one embedding at a
+/* The most texts one forward pass stacks (encoder_embed_batch): 4 x 256 rows at most. */
+constexpr int ENCODER_BATCH = 4;
+/* The buffers of one embedding (encoder.cpp), about 5 MB. One scratch serves one embedding at a
 ** time; embeddings with different scratches may run at once on the same encoder. */
 TrnScratch *scratch_new(void);
-void scratch_free(TrnScratch *ws); /* NULL is ignored */
+/* As scratch_new, with room for a forward pass over up to sequences texts (about 5 MB each). */
+TrnScratch *scratch_new_batch(int sequences);
+int scratch_sequences(const TrnScratch *ws); /* what it was made for; 0 for NULL */
+void scratch_free(TrnScratch *ws);           /* NULL is ignored */
 /* trn_encoder_embed_text with the given scratch: reads enc, writes ws and the 512 floats of out. */
 void encoder_embed(const TrnEncoder *enc, TrnScratch *ws, const char *text, float *out);
+/* encoder_embed of count texts into out (count x 512 floats), as many at a time in one forward
+** pass as ws holds (up to ENCODER_BATCH): each vector the same bits as encoder_embed gives. */
+void encoder_embed_batch(const TrnEncoder *enc, TrnScratch *ws, const char *const *texts,
+                         size_t count, float *out);
 
 /* Where encoder_forward copies the activations of one sequence of n positions, for a backward
 ** pass (trainers/model.cpp). Rows are 512 floats (2048 for h and g) for each of the n positions;
@@ -99,6 +108,11 @@ struct TrnForwardSave {
 ** trainer; the same bits with or without save. */
 void encoder_forward(const TrnEncoder *enc, TrnScratch *ws, const uint32_t *ids, int n, float *out,
                      TrnForwardSave *save);
+/* The forward pass over count texts at once (ws made for at least count): ids holds their ids one
+** text after another, lens[s] (0 to 256) the positions of text s; writes text s's vector to out
+** + 512 s, the bits encoder_forward gives it alone. save needs count 1. */
+void encoder_forward_batch(const TrnEncoder *enc, TrnScratch *ws, const uint32_t *ids,
+                           const int *lens, int count, float *out, TrnForwardSave *save);
 /* One matrix product, C (m x n) = op(A) (m x k) op(B) (k x n), as a pass issues it. */
 struct GemmShape {
     bool trans_a, trans_b;
@@ -106,8 +120,9 @@ struct GemmShape {
 };
 /* The products encoder_forward issues for one sequence. */
 constexpr int FORWARD_PRODUCTS = TRN_ENCODER_LAYERS * (6 + 2 * TRN_ENCODER_HEADS);
-/* The products encoder_forward issues for one sequence of n positions, in its order: writes
-** FORWARD_PRODUCTS shapes to out. What the trainer counts and the benchmarks replay. */
+/* The products encoder_forward issues for one sequence of n positions, in its order (the dense
+** ones over 8 rows at least): writes FORWARD_PRODUCTS shapes to out. What the trainer counts and
+** the benchmarks replay. */
 void encoder_forward_shapes(int n, GemmShape *out);
 /* Draws every tensor afresh from seed, as trn_encoder_init does, keeping the tokenizer and the
 ** vocabulary size. */

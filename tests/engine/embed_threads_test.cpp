@@ -56,6 +56,35 @@ TEST(EmbedThreads, AnyWorkerCountWritesTheSameVectorsGraphAndStoreAsOne)
     trn_close(one);
 }
 
+TEST(EmbedThreads, ChunksEmbeddedSeveralToAPassGetTheBitsOfOneAtATime)
+{
+    // Nine chunks of 2 to 256 positions of a random transformer: one worker takes passes of 4, 4
+    // and 1 chunks, two workers passes of fewer towards the end.
+    trn_set_verbose(0);
+    TempDir dir;
+    TrnEngine *e = open_with_workers(dir.path(), 1);
+    std::vector<std::string> texts = {"", "x", "a short chunk", std::string(300, 'c')};
+    for (int i = 0; i < 5; i++) {
+        texts.push_back("chunk " + std::to_string(i) + std::string(40 * i, (char)('a' + i)));
+    }
+    std::vector<const char *> ptrs;
+    std::vector<float> want(texts.size() * 512);
+    for (size_t i = 0; i < texts.size(); i++) {
+        ptrs.push_back(texts[i].c_str());
+        embed_chunk(e, ptrs[i], want.data() + i * 512);
+    }
+    for (int32_t workers : {1, 2}) {
+        e->embed_threads = workers;
+        std::vector<float> got(want.size());
+        embed_chunks(e, ptrs.data(), ptrs.size(), got.data());
+        for (size_t i = 0; i < texts.size(); i++) {
+            EXPECT_EQ(memcmp(got.data() + i * 512, want.data() + i * 512, 512 * sizeof(float)), 0)
+                << "chunk " << i << ", " << workers << " workers";
+        }
+    }
+    trn_close(e);
+}
+
 TEST(EmbedThreads, HandlesEmbeddingAtOnceMatchThemEmbeddingInTurn)
 {
     // Two encoders of one weights on two threads: a scratch shared between them would mix their

@@ -128,6 +128,45 @@ TEST_F(EncoderForward, RepeatedAndInterleavedLengthsGiveTheSameVectors)
     EXPECT_EQ(short1, short2);
 }
 
+TEST_F(EncoderForward, TextsInOnePassGetTheBitsTheyGetAlone)
+{
+    // 2, 3, 12, 57, 202 and 256 positions (the last cut at the maximum). Alone, the shortest run
+    // their dense products over padded rows; together, every text shares them with the others.
+    std::string cut;
+    for (int i = 0; i < 300; i++) {
+        cut += (char)(' ' + (i * 37) % 95);
+    }
+    const std::vector<std::string> texts = {
+        "", "a", "short text", std::string(55, 'm'), cut.substr(0, 200), cut};
+    const size_t n = texts.size();
+    TrnScratch *alone = scratch_new();
+    std::vector<float> want(n * D);
+    for (size_t i = 0; i < n; i++) {
+        encoder_embed(&enc, alone, texts[i].c_str(), want.data() + i * D);
+    }
+    scratch_free(alone);
+    TrnScratch *batch = scratch_new_batch(ENCODER_BATCH);
+    // In order (passes of 4 and 2), reversed, and turned by one and by three.
+    for (size_t turn : {0, 1, 3, 5}) {
+        for (bool reverse : {false, true}) {
+            std::vector<size_t> order(n);
+            std::vector<const char *> ptrs(n);
+            for (size_t i = 0; i < n; i++) {
+                order[i] = reverse ? n - 1 - (i + turn) % n : (i + turn) % n;
+                ptrs[i] = texts[order[i]].c_str();
+            }
+            std::vector<float> got(n * D);
+            encoder_embed_batch(&enc, batch, ptrs.data(), n, got.data());
+            for (size_t i = 0; i < n; i++) {
+                EXPECT_EQ(memcmp(got.data() + i * D, want.data() + order[i] * D, D * sizeof(float)),
+                          0)
+                    << "text " << order[i] << " at " << i << ", turned " << turn;
+            }
+        }
+    }
+    scratch_free(batch);
+}
+
 TEST(EncoderBpe, EmbedsTheTokenizersIdsThroughTheSameForwardPass)
 {
     const char corpus[] = "sand and an sand and";
