@@ -379,18 +379,23 @@ int main(int argc, char **argv)
     double seconds[n_modes] = {0};
 
     /* Fusions tried by --sweep: fixed semantic shares of the combination of scores, then shares
-    ** that grow as the keyword hits cover less of the query (FusionPolicy), the engine's first. */
-    const FusionPolicy variants[] = {{0.0f, 0.0f, 0.0f, 0.0f},
-                                     {0.2f, 0.2f, 0.0f, 0.0f},
-                                     {0.3f, 0.3f, 0.0f, 0.0f},
-                                     {0.5f, 0.5f, 0.0f, 0.0f},
-                                     {1.0f, 1.0f, 0.0f, 0.0f},
-                                     HYBRID_POLICY,
-                                     {0.2f, 0.8f, 0.25f, 0.45f},
-                                     {0.2f, 1.0f, 0.3f, 0.5f},
-                                     {0.2f, 1.0f, 0.35f, 0.35f},
-                                     {0.2f, 1.0f, 0.45f, 0.45f}};
-    constexpr int hybrid_row = 5;
+    ** that grow as the keyword hits cover less of the query (FusionPolicy): by the best hit's
+    ** coverage alone (the engine's rule before), then by keyword_coverage, the engine's. */
+    struct Variant {
+        FusionPolicy policy;
+        bool joint; /* coverage by keyword_coverage, else by the best hit alone */
+    };
+    const Variant variants[] = {{{0.0f, 0.0f, 0.0f, 0.0f}, false},
+                                {{0.2f, 0.2f, 0.0f, 0.0f}, false},
+                                {{0.3f, 0.3f, 0.0f, 0.0f}, false},
+                                {{0.5f, 0.5f, 0.0f, 0.0f}, false},
+                                {{1.0f, 1.0f, 0.0f, 0.0f}, false},
+                                {{0.2f, 1.0f, 0.25f, 0.45f}, false},
+                                {{0.2f, 1.0f, 0.45f, 0.45f}, false},
+                                {HYBRID_POLICY, true},
+                                {{0.2f, 1.0f, 0.45f, 0.6f}, true},
+                                {{0.2f, 1.0f, 0.35f, 0.55f}, true}};
+    constexpr int hybrid_row = 7;
     constexpr int n_variants = sizeof variants / sizeof variants[0];
     Tally swept[n_variants], swept_slice[n_variants];
 
@@ -452,10 +457,20 @@ int main(int argc, char **argv)
             cosine[j] = vec_dot(probe_chunk(e, kw[j]).vector, v, TRN_ENCODER_DIM);
         }
         const float mass = lex_query_mass(e, q.text.c_str(), nullptr);
+        const float best = nk > 0 ? s2[0] : 0.0f;
+        const char *texts[HYBRID_JOINT_HITS];
+        const int32_t nt = nk < HYBRID_JOINT_HITS ? nk : HYBRID_JOINT_HITS;
+        for (int32_t j = 0; j < nt; j++) {
+            texts[j] = probe_chunk(e, kw[j]).text;
+        }
+        const float joint = lex_joint_coverage(e, q.text.c_str(), texts, nt, nullptr);
         for (int w = 0; w < n_variants; w++) {
+            const float coverage = variants[w].joint ? keyword_coverage(best, mass, joint)
+                                   : mass > 0.0f     ? best / mass
+                                                     : 0.0f;
             int32_t nf = fuse_scores(FusionList{kw.data(), s2.data(), cosine.data(), nk},
                                      FusionList{sem.data(), s1.data(), s1.data(), ns},
-                                     hybrid_share(variants[w], nk > 0 ? s2[0] : 0.0f, mass),
+                                     hybrid_share(variants[w].policy, coverage),
                                      10,
                                      fused.data(),
                                      s3.data());
@@ -506,12 +521,13 @@ int main(int argc, char **argv)
         printf("\n| fusion of scores | R@10 | MRR@10 | mismatch R@10 | mismatch MRR@10 |\n"
                "|---|---:|---:|---:|---:|\n");
         for (int w = 0; w < n_variants; w++) {
-            const FusionPolicy &p = variants[w];
+            const FusionPolicy &p = variants[w].policy;
             if (p.share == p.weak_share) {
                 printf("| semantic share %.1f | %s |\n", p.share, cells(swept[w], swept_slice[w]));
             } else {
-                printf("| share %.1f from coverage %.2f up, %.1f at %.2f and below%s | %s |\n",
+                printf("| share %.1f from %s %.2f up, %.1f at %.2f and below%s | %s |\n",
                        p.share,
+                       variants[w].joint ? "coverage" : "best hit's coverage",
                        p.strong,
                        p.weak_share,
                        p.weak,

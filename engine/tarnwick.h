@@ -463,9 +463,10 @@ enum {
 **   chunk of either is scored by (1 - s) * its BM25 score / the best BM25 score + s * its
 **   nearness, where nearness places the chunk's cosine between the semantic ranking's last (0)
 **   and first (1), clamped to 0..1, and a chunk outside the keyword ranking has BM25 0. The share
-**   s follows how well the words were found: the best BM25 score over the query's own (the sum
-**   of its words' idf, a word no chunk holds at the highest) is its coverage; s is 0.2 at
-**   coverage 0.45 and above, so that words lead, 1 at 0.25 and below, where meaning alone
+**   s follows how well the words were found, the coverage: the mean of the best BM25 score over
+**   the query's own (the sum of its words' idf, a word no chunk holds at the highest) and the
+**   share of that sum held by the words that the first ten keyword hits hold between them; s is
+**   0.2 at coverage 0.6 and above, so that words lead, 1 at 0.4 and below, where meaning alone
 **   answers a question put in other words than its answer's, and linear between. score: 0 to 1.
 ** TRN_SEARCH_SEMANTIC_ALL: as TRN_SEARCH_SEMANTIC without the narrowing to ten files, searched
 **   with a width of at least min(k, 64), so up to min(k, 64) hits. score: the dot product.

@@ -59,39 +59,87 @@ float shared_idf(const LexShared *shared, const TrnLexical *x, uint32_t id)
     return (float)std::log(1.0 + (docs - df + 0.5) / (df + 0.5));
 }
 
-} // namespace
+/* One distinct query term, folded as the word index holds it. */
+struct QueryTerm {
+    uint32_t hash;
+    uint32_t len;
+    char text[TERM_MAX];
+    float idf;
+};
 
-float lex_query_mass(TrnEngine *e, const char *query, const LexShared *shared)
+/* The query's distinct terms (at most QUERY_TERMS_MAX), each with its idf (with the counts of
+** shared, NULL: e's own; a term no chunk holds at its highest). Returns how many; 0 when no chunk
+** is live. */
+uint32_t query_terms(TrnEngine *e, const char *query, const LexShared *shared, QueryTerm *out)
 {
     lex_sync(e);
     const TrnLexical *x = e->lexical;
     const double docs = shared ? (double)shared->live_docs : (double)x->live_docs;
     if (docs <= 0.0) {
-        return 0.0f;
+        return 0;
     }
-    uint32_t seen[QUERY_TERMS_MAX];
     uint32_t n = 0;
-    double mass = 0.0;
     tokenize(query, strlen(query), [&](const char *s, size_t len, size_t) {
         uint32_t h = hash_term(s, len);
         for (uint32_t j = 0; j < n; j++) {
-            if (seen[j] == h) {
+            if (out[j].hash == h) {
                 return;
             }
         }
         if (n == QUERY_TERMS_MAX) {
             return;
         }
-        seen[n++] = h;
         double df = 0.0;
         for (int32_t j = 0; j < (shared ? shared->count : 1); j++) {
             const TrnLexical *y = shared ? shared->engines[j]->lexical : x;
             int64_t id = lex_find_term(y, s, len, h);
             df += id >= 0 ? (double)y->terms[id].df : 0.0;
         }
-        mass += std::log(1.0 + (docs - df + 0.5) / (df + 0.5));
+        out[n].hash = h;
+        out[n].len = (uint32_t)len;
+        memcpy(out[n].text, s, len);
+        out[n].idf = (float)std::log(1.0 + (docs - df + 0.5) / (df + 0.5));
+        n++;
     });
+    return n;
+}
+
+} // namespace
+
+float lex_query_mass(TrnEngine *e, const char *query, const LexShared *shared)
+{
+    QueryTerm terms[QUERY_TERMS_MAX];
+    uint32_t n = query_terms(e, query, shared, terms);
+    double mass = 0.0;
+    for (uint32_t j = 0; j < n; j++) {
+        mass += terms[j].idf;
+    }
     return (float)mass;
+}
+
+float lex_joint_coverage(TrnEngine *e, const char *query, const char *const *texts, int32_t n,
+                         const LexShared *shared)
+{
+    QueryTerm terms[QUERY_TERMS_MAX];
+    uint32_t nt = query_terms(e, query, shared, terms);
+    bool held[QUERY_TERMS_MAX] = {};
+    for (int32_t i = 0; i < n; i++) {
+        tokenize(texts[i], strlen(texts[i]), [&](const char *s, size_t len, size_t) {
+            uint32_t h = hash_term(s, len);
+            for (uint32_t j = 0; j < nt; j++) {
+                if (terms[j].hash == h && terms[j].len == len
+                    && memcmp(terms[j].text, s, len) == 0) {
+                    held[j] = true;
+                }
+            }
+        });
+    }
+    double mass = 0.0, joint = 0.0;
+    for (uint32_t j = 0; j < nt; j++) {
+        mass += terms[j].idf;
+        joint += held[j] ? terms[j].idf : 0.0;
+    }
+    return mass > 0.0 ? (float)(joint / mass) : 0.0f;
 }
 
 int32_t lex_search_in(TrnEngine *e, const char *query, int32_t k, const uint8_t *allowed,

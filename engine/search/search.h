@@ -138,6 +138,11 @@ int32_t lex_search_in(TrnEngine *e, const char *query, int32_t k, const uint8_t 
 ** BM25: the sum of their idf (with the counts of shared, NULL: e's own), a term no chunk holds
 ** counted at its highest idf. 0 when no chunk is live. */
 float lex_query_mass(TrnEngine *e, const char *query, const LexShared *shared);
+/* How much of the query n chunk texts hold together: the idf of each distinct query term that
+** one of them at least holds, summed over the query's mass (lex_query_mass with shared), 0..1; 0
+** without mass. */
+float lex_joint_coverage(TrnEngine *e, const char *query, const char *const *texts, int32_t n,
+                         const LexShared *shared);
 
 /* ---------------------------------------------------------------------------------------------
 ** Snippets (snippets.cpp)
@@ -176,9 +181,15 @@ struct FusionList {
     const float *cosine;
     int32_t n;
 };
+/* How many of the keyword ranking's first hits keyword_coverage reads together. */
+constexpr int32_t HYBRID_JOINT_HITS = 10;
+/* How well the keyword ranking explains the query: the mean of its best hit's BM25 score over the
+** query's mass (lex_query_mass) and the share of that mass its first HYBRID_JOINT_HITS hits hold
+** together (lex_joint_coverage); 0 without mass. */
+float keyword_coverage(float best, float mass, float joint);
 /* What meaning weighs against words in one hybrid search, 0..1, by the keyword ranking's
-** coverage of the query: its best BM25 score over the query's mass (lex_query_mass). At coverage
-** strong or above the share is share; at weak or below it is weak_share; linear between. */
+** coverage of the query (keyword_coverage). At coverage strong or above the share is share; at
+** weak or below it is weak_share; linear between. */
 struct FusionPolicy {
     float share;
     float weak_share;
@@ -186,8 +197,8 @@ struct FusionPolicy {
     float strong;
 };
 extern const FusionPolicy HYBRID_POLICY; /* the hybrid mode's, in fusion.cpp */
-/* The share policy gives a query whose best keyword hit scores best (0: none) of its mass. */
-float hybrid_share(const FusionPolicy &policy, float best, float mass);
+/* The share the policy gives a query whose keyword ranking has this coverage. */
+float hybrid_share(const FusionPolicy &policy, float coverage);
 /* Ranks the slots of both lists by (1 - share) * BM25 / best BM25 + share * nearness, where
 ** nearness places the cosine between the semantic list's last (0) and first (1) score, clamped
 ** to 0..1, and a slot missing from the keyword list has BM25 0. With one list empty the other

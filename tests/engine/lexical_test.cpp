@@ -288,33 +288,75 @@ TEST(HybridFusion, CombinesNormalisedScores)
     }
 }
 
-// The share meaning gets follows how much of the query's mass the best keyword hit scores: the
-// keyword ranking leads while its best hit holds the query, the semantic one once it hardly does.
+// The share meaning gets follows how well the keyword ranking covers the query: the keyword ranking
+// leads while its hits hold the query, the semantic one once they hardly do.
 TEST(HybridFusion, KeywordHitsCountByHowWellTheyCoverTheQuery)
 {
     const FusionPolicy p = {0.2f, 1.0f, 0.25f, 0.45f};
-    EXPECT_FLOAT_EQ(hybrid_share(p, 9.0f, 6.0f), 0.2f);  // coverage above 1
-    EXPECT_FLOAT_EQ(hybrid_share(p, 4.5f, 10.0f), 0.2f); // at strong
-    EXPECT_FLOAT_EQ(hybrid_share(p, 3.5f, 10.0f), 0.6f); // halfway
-    EXPECT_FLOAT_EQ(hybrid_share(p, 1.0f, 10.0f), 1.0f); // below weak
-    EXPECT_FLOAT_EQ(hybrid_share(p, 0.0f, 0.0f), 1.0f);  // no hit, no mass
-    const FusionPolicy step = {0.3f, 0.9f, 0.4f, 0.4f};  // a step divides by nothing
-    EXPECT_FLOAT_EQ(hybrid_share(step, 4.0f, 10.0f), 0.3f);
-    EXPECT_FLOAT_EQ(hybrid_share(step, 3.9f, 10.0f), 0.9f);
+    EXPECT_FLOAT_EQ(hybrid_share(p, 1.5f), 0.2f);       // coverage above 1
+    EXPECT_FLOAT_EQ(hybrid_share(p, 0.45f), 0.2f);      // at strong
+    EXPECT_FLOAT_EQ(hybrid_share(p, 0.35f), 0.6f);      // halfway
+    EXPECT_FLOAT_EQ(hybrid_share(p, 0.1f), 1.0f);       // below weak
+    const FusionPolicy step = {0.3f, 0.9f, 0.4f, 0.4f}; // a step divides by nothing
+    EXPECT_FLOAT_EQ(hybrid_share(step, 0.4f), 0.3f);
+    EXPECT_FLOAT_EQ(hybrid_share(step, 0.39f), 0.9f);
+    EXPECT_FLOAT_EQ(keyword_coverage(3.0f, 6.0f, 0.9f), 0.7f); // the mean of 0.5 and 0.9
+    EXPECT_FLOAT_EQ(keyword_coverage(0.0f, 0.0f, 0.0f), 0.0f); // no hit, no mass
 
     // Keyword hits 1 and 2, semantic hits 3 and 4 that no query word is in; the engine's policy.
+    // The best hit scores 0.4 of the query's mass either way: the first hits holding the rest of
+    // it keep words first, holding nothing more hands over to meaning.
     const uint32_t ws[] = {1, 2}, ms[] = {3, 4, 2};
     const float wcos[] = {0.1f, 0.2f}, mcos[] = {0.9f, 0.8f, 0.2f};
-    for (float best : {6.0f, 1.0f}) {
-        const float wscore[] = {best, best / 2};
-        float share = hybrid_share(HYBRID_POLICY, best, 6.0f);
+    const float wscore[] = {2.4f, 1.2f};
+    for (float joint : {1.0f, 0.4f}) {
+        float share = hybrid_share(HYBRID_POLICY, keyword_coverage(2.4f, 6.0f, joint));
         uint32_t out[4];
         float score[4];
         int32_t n = fuse_scores(
             FusionList{ws, wscore, wcos, 2}, FusionList{ms, mcos, mcos, 3}, share, 4, out, score);
         ASSERT_EQ(n, 4);
-        EXPECT_EQ(out[0], best == 6.0f ? 1u : 3u) << "best BM25 " << best << " of mass 6";
+        EXPECT_EQ(out[0], joint == 1.0f ? 1u : 3u) << "first hits holding " << joint;
     }
+}
+
+// The mass is the idf of the query's distinct terms, one no chunk holds at the highest; texts hold
+// a term as the word index reads them (folded, identifiers by their parts), and a term counts once
+// however many of them hold it.
+TEST(HybridFusion, JointCoverageCountsEachQueryTermOnce)
+{
+    HandEngine b;
+    const char *texts[] = {"alpha beta", "beta gamma readFileSync", "delta", "epsilon"};
+    for (const char *t : texts) {
+        b.add("f", t);
+    }
+    const auto idf = [](double df) {
+        return std::log(1 + (4 - df + 0.5) / (df + 0.5));
+    };
+    const double mass = idf(1) + idf(2) + idf(0) + idf(1); // alpha, beta, zeta, file
+    const char *query = "Alpha beta zeta BETA file";
+    EXPECT_NEAR(lex_query_mass(b.e, query, nullptr), mass, 1e-5);
+    struct Case {
+        std::vector<int> hits;
+        double held;
+    } cases[] = {
+        {{0}, idf(1) + idf(2)},
+        {{0, 1}, idf(1) + idf(2) + idf(1)},
+        {{1, 2, 3}, idf(2) + idf(1)},
+        {{2}, 0},
+        {{}, 0},
+    };
+    for (const Case &c : cases) {
+        std::vector<const char *> hits;
+        for (int i : c.hits) {
+            hits.push_back(texts[i]);
+        }
+        EXPECT_NEAR(lex_joint_coverage(b.e, query, hits.data(), (int32_t)hits.size(), nullptr),
+                    c.held / mass,
+                    1e-5)
+            << c.hits.size() << " texts";
+    }
+    EXPECT_EQ(lex_joint_coverage(b.e, "", texts, 4, nullptr), 0.0f); // no mass
 }
 
 // (doc_id, score) of the best 64 keyword hits for each query.
