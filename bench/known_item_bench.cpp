@@ -456,14 +456,14 @@ int main(int argc, char **argv)
         for (int32_t j = 0; j < nk; j++) {
             cosine[j] = vec_dot(probe_chunk(e, kw[j]).vector, v, TRN_ENCODER_DIM);
         }
-        const float mass = lex_query_mass(e, q.text.c_str(), nullptr);
+        float mass = 0.0f;
         const float best = nk > 0 ? s2[0] : 0.0f;
         const char *texts[HYBRID_JOINT_HITS];
         const int32_t nt = nk < HYBRID_JOINT_HITS ? nk : HYBRID_JOINT_HITS;
         for (int32_t j = 0; j < nt; j++) {
             texts[j] = probe_chunk(e, kw[j]).text;
         }
-        const float joint = lex_joint_coverage(e, q.text.c_str(), texts, nt, nullptr);
+        const float joint = lex_joint_coverage(e, q.text.c_str(), texts, nt, nullptr, &mass);
         for (int w = 0; w < n_variants; w++) {
             const float coverage = variants[w].joint ? keyword_coverage(best, mass, joint)
                                    : mass > 0.0f     ? best / mass

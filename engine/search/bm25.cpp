@@ -118,7 +118,7 @@ float lex_query_mass(TrnEngine *e, const char *query, const LexShared *shared)
 }
 
 float lex_joint_coverage(TrnEngine *e, const char *query, const char *const *texts, int32_t n,
-                         const LexShared *shared)
+                         const LexShared *shared, float *mass_out)
 {
     QueryTerm terms[QUERY_TERMS_MAX];
     uint32_t nt = query_terms(e, query, shared, terms);
@@ -138,6 +138,9 @@ float lex_joint_coverage(TrnEngine *e, const char *query, const char *const *tex
     for (uint32_t j = 0; j < nt; j++) {
         mass += terms[j].idf;
         joint += held[j] ? terms[j].idf : 0.0;
+    }
+    if (mass_out) {
+        *mass_out = (float)mass;
     }
     return mass > 0.0 ? (float)(joint / mass) : 0.0f;
 }

@@ -142,9 +142,9 @@ void rank_hybrid(TrnEngine *e, const char *query, int32_t kk, int32_t depth, con
     for (int32_t i = 0; i < nt; i++) {
         texts[i] = e->chunks[kw[i]].text;
     }
-    float coverage = keyword_coverage(nk > 0 ? bm25[0] : 0.0f,
-                                      lex_query_mass(e, query, nullptr),
-                                      lex_joint_coverage(e, query, texts, nt, nullptr));
+    float mass = 0.0f;
+    float joint = lex_joint_coverage(e, query, texts, nt, nullptr, &mass);
+    float coverage = keyword_coverage(nk > 0 ? bm25[0] : 0.0f, mass, joint);
     float share = hybrid_share(HYBRID_POLICY, coverage);
     int32_t keep = depth < 2 * HYBRID_CANDIDATES ? depth : 2 * HYBRID_CANDIDATES;
     uint32_t fused[2 * HYBRID_CANDIDATES];

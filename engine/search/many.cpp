@@ -117,9 +117,9 @@ Hits rank_hybrid_many(const Source *src, int32_t count, const char *query, int32
     for (int32_t i = 0; i < nt; i++) {
         texts[i] = src[kw[(size_t)i].origin].e->chunks[kw[(size_t)i].slot].text;
     }
-    const float coverage = keyword_coverage(nk > 0 ? kw_score[0] : 0.0f,
-                                            lex_query_mass(src[0].e, query, shared),
-                                            lex_joint_coverage(src[0].e, query, texts, nt, shared));
+    float mass = 0.0f;
+    const float joint = lex_joint_coverage(src[0].e, query, texts, nt, shared, &mass);
+    const float coverage = keyword_coverage(nk > 0 ? kw_score[0] : 0.0f, mass, joint);
     const float share = hybrid_share(HYBRID_POLICY, coverage);
     const int32_t keep = depth < 2 * HYBRID_CANDIDATES ? depth : 2 * HYBRID_CANDIDATES;
     uint32_t fused[2 * HYBRID_CANDIDATES];

@@ -140,9 +140,10 @@ int32_t lex_search_in(TrnEngine *e, const char *query, int32_t k, const uint8_t 
 float lex_query_mass(TrnEngine *e, const char *query, const LexShared *shared);
 /* How much of the query n chunk texts hold together: the idf of each distinct query term that
 ** one of them at least holds, summed over the query's mass (lex_query_mass with shared), 0..1; 0
-** without mass. */
+** without mass. The mass itself goes to *mass when mass is not NULL, so that a caller needing
+** both reads the query's terms once. */
 float lex_joint_coverage(TrnEngine *e, const char *query, const char *const *texts, int32_t n,
-                         const LexShared *shared);
+                         const LexShared *shared, float *mass);
 
 /* ---------------------------------------------------------------------------------------------
 ** Snippets (snippets.cpp)

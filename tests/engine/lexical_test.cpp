@@ -351,12 +351,15 @@ TEST(HybridFusion, JointCoverageCountsEachQueryTermOnce)
         for (int i : c.hits) {
             hits.push_back(texts[i]);
         }
-        EXPECT_NEAR(lex_joint_coverage(b.e, query, hits.data(), (int32_t)hits.size(), nullptr),
-                    c.held / mass,
-                    1e-5)
+        float got_mass = -1.0f;
+        EXPECT_NEAR(
+            lex_joint_coverage(b.e, query, hits.data(), (int32_t)hits.size(), nullptr, &got_mass),
+            c.held / mass,
+            1e-5)
             << c.hits.size() << " texts";
+        EXPECT_NEAR(got_mass, mass, 1e-5); // the query's mass, whatever the texts hold
     }
-    EXPECT_EQ(lex_joint_coverage(b.e, "", texts, 4, nullptr), 0.0f); // no mass
+    EXPECT_EQ(lex_joint_coverage(b.e, "", texts, 4, nullptr, nullptr), 0.0f); // no mass
 }
 
 // (doc_id, score) of the best 64 keyword hits for each query.
