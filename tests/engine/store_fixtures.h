@@ -95,6 +95,18 @@ inline TrnConfig config_for(const TempDir &dir)
     return cfg;
 }
 
+/* Doc ids of the live chunks, in chunk order. */
+inline std::vector<std::string> live_ids(const TrnEngine *e)
+{
+    std::vector<std::string> ids;
+    for (uint64_t i = 0; i < e->count; i++) {
+        if (!e->chunks[i].deleted) {
+            ids.push_back(e->chunks[i].doc_id);
+        }
+    }
+    return ids;
+}
+
 inline std::vector<uint8_t> read_file_bytes(const std::string &path)
 {
     std::vector<uint8_t> bytes;
