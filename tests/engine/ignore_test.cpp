@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -224,27 +225,21 @@ TEST(Walk, ReportsEveryFileWithItsVerdictAndSkipsExcludedDirectories)
     write_file_text(dir.file(".env"), "SECRET=1\n");
     write_file_text(dir.file("z.md"), "# Notes\n");
     std::vector<std::string> seen;
+    auto record = [&seen](const WalkedFile &f) {
+        std::string line = std::string(f.rel_path) + " " + std::to_string(f.kind) + " "
+                           + trn_file_status_name(f.status);
+        if (f.status == TRN_FILE_STATUS_INDEXABLE && f.kind == WALK_FILE) {
+            line += std::string(" ") + trn_file_type_name(f.type);
+        }
+        if (f.reason[0]) {
+            line += std::string(" (") + f.reason + ")";
+        }
+        seen.push_back(line);
+        return WALK_CONTINUE;
+    };
     TrnWalkOptions opts = {};
     opts.max_file_size = 2048;
-    ASSERT_EQ(walk_files(dir.path().c_str(),
-                         &opts,
-                         [&](const WalkedFile &f) {
-                             if (f.kind == WALK_DIR_LEAVE) {
-                                 return WALK_CONTINUE;
-                             }
-                             std::string line = std::string(f.rel_path) + " "
-                                                + std::to_string(f.kind) + " "
-                                                + trn_file_status_name(f.status);
-                             if (f.status == TRN_FILE_STATUS_INDEXABLE && f.kind == WALK_FILE) {
-                                 line += std::string(" ") + trn_file_type_name(f.type);
-                             }
-                             if (f.reason[0]) {
-                                 line += std::string(" (") + f.reason + ")";
-                             }
-                             seen.push_back(line);
-                             return WALK_CONTINUE;
-                         }),
-              0);
+    ASSERT_EQ(walk_files(dir.path().c_str(), &opts, std::ref(record)), 0);
     const std::vector<std::string> expected = {
         ".env 0 Excluded (hidden name)",
         "big.txt 0 Too large",
@@ -253,9 +248,15 @@ TEST(Walk, ReportsEveryFileWithItsVerdictAndSkipsExcludedDirectories)
         "src/NEWS 0 Indexable Text",
         "src/blob 0 Binary",
         "src/main.c 0 Indexable Source",
+        "src 3 Indexable",
         "z.md 0 Indexable Markdown",
     };
     EXPECT_EQ(seen, expected);
+    /* A walk below src gives the same, src itself first and last. */
+    seen.clear();
+    walk_tree(
+        dir.path().c_str(), dir.file("src").c_str(), WALK_SCOPE_FILES, &opts, std::ref(record));
+    EXPECT_EQ(seen, std::vector<std::string>(expected.begin() + 3, expected.end() - 1));
     EXPECT_EQ(walk_files(dir.file("absent").c_str(),
                          nullptr,
                          [](const WalkedFile &) {
