@@ -299,6 +299,7 @@ TEST(QueryWords, DatesThatCannotBeReadAreRefusedWithAReason)
                             "modified:>=24-01-01",
                             "modified:2024-13",
                             "modified:..",
+                            "modified:yesterday..2024-06-30",
                             "modified:2024-06..2024-01"}) {
         EXPECT_EQ(trn_check_query(bad, TRN_SEARCH_KEYWORD, why, sizeof why), 0) << bad;
         EXPECT_NE(strstr(why, "modified:"), nullptr) << bad;
