@@ -57,8 +57,9 @@ void encoder_embed(const TrnEncoder *enc, TrnScratch *ws, const char *text, floa
     }
     /* encoder_forward's pooling over the rows it would have computed, in the same order. */
     memset(out, 0, DIM * sizeof(float));
+    float tmp[DIM];
     for (int i = 0; i < n; i++) {
-        vec_add(out, enc->bag_rows + (size_t)ids[i] * DIM, out, DIM);
+        vec_add(out, encoder_bag_row(enc, ids[i], tmp), out, DIM);
     }
     vec_smul(out, 1.0f / (float)n, out, DIM);
     float norm = sqrtf(vec_sumsq(out, DIM));

@@ -413,10 +413,25 @@ float *encoder_alloc_floats(size_t n)
     return static_cast<float *>(encoder_alloc(n * sizeof(float)));
 }
 
-void encoder_redraw(TrnEncoder *enc, uint32_t seed)
+void encoder_drop_bag(TrnEncoder *enc)
 {
     free(enc->bag_rows);
+    free(enc->bag_half);
+    free(enc->bag_state);
     enc->bag_rows = nullptr;
+    enc->bag_half = nullptr;
+    enc->bag_state = nullptr;
+}
+
+void encoder_final_norm(const TrnEncoder *enc, float *row)
+{
+    float tmp[DIM];
+    layernorm(row, enc->ln_f_gamma, enc->ln_f_beta, tmp);
+}
+
+void encoder_redraw(TrnEncoder *enc, uint32_t seed)
+{
+    encoder_drop_bag(enc);
     free(enc->tok_emb);
     free(enc->pos_emb);
     free(enc->ln_f_gamma);
@@ -512,9 +527,8 @@ bool is_bag(const TrnEncoder *enc)
 /* Each of the vocab_size rows of 512 floats at rows through the final norm, in place. */
 void final_norm_rows(const TrnEncoder *enc, float *rows)
 {
-    float tmp[DIM];
     for (uint32_t t = 0; t < enc->vocab_size; t++) {
-        layernorm(rows + (size_t)t * DIM, enc->ln_f_gamma, enc->ln_f_beta, tmp);
+        encoder_final_norm(enc, rows + (size_t)t * DIM);
     }
 }
 
@@ -522,8 +536,7 @@ void final_norm_rows(const TrnEncoder *enc, float *rows)
 
 bool encoder_prepare_bag(TrnEncoder *enc)
 {
-    free(enc->bag_rows);
-    enc->bag_rows = nullptr;
+    encoder_drop_bag(enc);
     if (!is_bag(enc)) {
         return false;
     }
@@ -536,8 +549,7 @@ bool encoder_prepare_bag(TrnEncoder *enc)
 
 bool encoder_prepare_bag_only(TrnEncoder *enc)
 {
-    free(enc->bag_rows);
-    enc->bag_rows = nullptr;
+    encoder_drop_bag(enc);
     if (!is_bag(enc)) {
         return false;
     }
@@ -588,7 +600,7 @@ void encoder_release(TrnEncoder *enc)
     }
     trn_bpe_free(enc->bpe);
     scratch_free(enc->scratch);
-    free(enc->bag_rows);
+    encoder_drop_bag(enc);
     memset(enc, 0, sizeof *enc);
 }
 

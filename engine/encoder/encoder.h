@@ -41,6 +41,11 @@ struct TrnEncoder {
     TrnScratch *scratch; /* owned buffers of trn_encoder_embed_text; NULL until the first */
     float *bag_rows;     /* vocab_size x 512 when encoder_prepare_bag found a bag of words; after
                          ** encoder_prepare_bag_only, tok_emb, pos_emb and the layers are NULL */
+    /* Set by encoder_init_bag_file, else NULL: the token rows in half precision as the file holds
+    ** them, and each row's state (0 not yet in bag_rows, 1 being written there, 2 there), read
+    ** and written atomically. Each row of bag_rows is filled at its first use (encoder_bag_row). */
+    uint16_t *bag_half;
+    uint8_t *bag_state;
 };
 
 /* In-place forms of trn_encoder_init, trn_encoder_init_bpe and trn_encoder_free, for an encoder
@@ -63,6 +68,23 @@ bool encoder_prepare_bag(TrnEncoder *enc);
 ** words never reads, are freed, so a large vocabulary is held once. Saving or training it
 ** afterwards is not possible; loading a weights file into it draws its tensors anew first. */
 bool encoder_prepare_bag_only(TrnEncoder *enc);
+/* encoder_init_undrawn, trn_encoder_load_weights and encoder_prepare_bag_only at once, at the cost
+** of what is embedded: for a version 4 file of a bag of words whose token embedding is in half
+** precision, passes every check trn_encoder_load_weights makes, then keeps the token rows as
+** they are in the file and puts each through the final norm at its first use (the same bits).
+** Returns false, quietly and with enc untouched, for any other file and for one a check refuses:
+** the caller then loads it as before, which says why. enc's record is overwritten. */
+bool encoder_init_bag_file(TrnEncoder *enc, const char *path);
+/* Row id of a bag of words' summed rows: bag_rows' row, filled first from bag_half when it is not
+** yet. tmp (512 floats) holds the row when another thread is filling it; the result points into
+** bag_rows or at tmp. Safe from any number of threads at once. */
+const float *encoder_bag_row(const TrnEncoder *enc, uint32_t id, float *tmp);
+/* Frees what a bag of words holds beside the tensors (bag_rows, bag_half, bag_state). */
+void encoder_drop_bag(TrnEncoder *enc);
+/* Row through the final norm, in place (as the forward pass normalises each position). */
+void encoder_final_norm(const TrnEncoder *enc, float *row);
+/* A half precision value widened to float32, exactly. */
+float half_to_float(uint16_t h);
 
 /* ---------------------------------------------------------------------------------------------
 ** Encoder internals (encoder.cpp)

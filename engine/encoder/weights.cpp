@@ -130,7 +130,9 @@ int read_floats(FILE *f, float *p, size_t n)
     return fread(p, sizeof(float), n, f) == n;
 }
 
-/* Half precision to float32: every half value has an exact float32. */
+} // namespace
+
+/* Every half value has an exact float32. */
 float half_to_float(uint16_t h)
 {
     uint32_t sign = (uint32_t)(h & 0x8000u) << 16;
@@ -144,6 +146,9 @@ float half_to_float(uint16_t h)
         exp == 31 ? sign | 0x7F800000u | (mant << 13) : sign | ((exp + 112) << 23) | (mant << 13);
     return std::bit_cast<float>(bits);
 }
+
+namespace
+{
 
 /* float32 to half precision, rounded to nearest with ties to even; beyond 65504 the result
 ** rounds to infinity, as IEEE conversion does. */
@@ -328,8 +333,7 @@ int trn_encoder_load_weights_meta(TrnEncoder *enc, const char *path, TrnWeightsM
     if (!enc->pos_emb) {
         encoder_redraw(enc, REFUSED_SEED); /* an encoder kept for embedding only has no tensors */
     }
-    free(enc->bag_rows); /* the rows of the weights being replaced */
-    enc->bag_rows = nullptr;
+    encoder_drop_bag(enc); /* the rows of the weights being replaced */
     FILE *f = fopen(path, "rb");
     if (!f) {
         fprintf(stderr, "tarnwick: cannot open weights: %s\n", path);

@@ -471,11 +471,17 @@ void encoder_setup(TrnEngine *e, bool quiet)
         encoder_init(&e->encoder, 42);
         return;
     }
-    /* The file fills every tensor, so none is drawn first. */
-    encoder_init_undrawn(&e->encoder);
-    e->weights_loaded = trn_encoder_load_weights(&e->encoder, e->weights_path) ? 1 : 0;
+    /* A bag of words in half precision is set up for what is embedded; any other file fills
+    ** every tensor, so none is drawn first. Nothing saves or trains the engine's encoder. */
+    e->weights_loaded = encoder_init_bag_file(&e->encoder, e->weights_path) ? 1 : 0;
+    if (!e->weights_loaded) {
+        encoder_init_undrawn(&e->encoder);
+        e->weights_loaded = trn_encoder_load_weights(&e->encoder, e->weights_path) ? 1 : 0;
+        if (e->weights_loaded) {
+            encoder_prepare_bag_only(&e->encoder);
+        }
+    }
     if (e->weights_loaded) {
-        encoder_prepare_bag_only(&e->encoder); /* nothing saves or trains the engine's */
         verbose_note("loaded encoder weights from %s", e->weights_path);
         return;
     }

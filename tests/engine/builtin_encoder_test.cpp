@@ -2,12 +2,16 @@
 // keeps within the repository's size limit, and embeds a known text to the vector recorded when
 // it was trained, so a changed file, tokenizer or forward pass shows here.
 #include "internal.h"
+#include "store_fixtures.h"
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstring>
 #include <string>
 #include <sys/stat.h>
+#include <thread>
+#include <vector>
 
 namespace
 {
@@ -131,6 +135,76 @@ TEST(BuiltInEncoder, SummedRowsGiveTheForwardPassBits)
     EXPECT_EQ(summed.bag_rows, nullptr);
     encoder_release(&forward);
     encoder_release(&summed);
+}
+
+// The engine sets the shipped file up row by row as texts use them: two threads embedding at
+// once through one such encoder get the bits of the rows computed at load. A value beyond the
+// bound, a NaN, a position embedding or a layer output in a resaved copy is not taken that way
+// (the full loader then refuses it or runs the layers); a value at the bound is.
+TEST(BuiltInEncoder, RowsSetUpAtFirstUseGiveTheSameBitsAndTheSameChecks)
+{
+    const std::string path = std::string(TRN_SOURCE_DIR) + "/models/default.tten";
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0) {
+        GTEST_SKIP() << "no built-in encoder at " << path;
+    }
+    TrnEncoder summed, lazy;
+    encoder_init(&summed, 42);
+    ASSERT_EQ(trn_encoder_load_weights(&summed, path.c_str()), 1);
+    ASSERT_TRUE(encoder_prepare_bag(&summed));
+    ASSERT_TRUE(encoder_init_bag_file(&lazy, path.c_str()));
+    EXPECT_EQ(lazy.tok_emb, nullptr);
+    std::vector<std::string> texts = {TEXT, "x", ""};
+    for (int i = 0; i < 300; i++) {
+        texts.push_back("word" + std::to_string(i * 7919 % 1000) + " and " + std::to_string(i));
+    }
+    auto embed_all = [&](const TrnEncoder *enc, std::vector<float> *out) {
+        TrnScratch *ws = scratch_new();
+        out->resize(texts.size() * TRN_ENCODER_DIM);
+        for (size_t t = 0; t < texts.size(); t++) {
+            encoder_embed(enc, ws, texts[t].c_str(), out->data() + t * TRN_ENCODER_DIM);
+        }
+        scratch_free(ws);
+    };
+    std::vector<float> want, first, second;
+    embed_all(&summed, &want);
+    std::thread other(embed_all, &lazy, &second);
+    embed_all(&lazy, &first);
+    other.join();
+    EXPECT_EQ(memcmp(want.data(), first.data(), want.size() * sizeof(float)), 0);
+    EXPECT_EQ(memcmp(want.data(), second.data(), want.size() * sizeof(float)), 0);
+    encoder_release(&lazy);
+    encoder_release(&summed);
+
+    TrnEncoder enc;
+    encoder_init(&enc, 42);
+    ASSERT_EQ(trn_encoder_load_weights(&enc, path.c_str()), 1);
+    TempDir dir;
+    const std::string copy = dir.file("copy.tten");
+    struct Case {
+        const char *name;
+        float *at;
+        float value;
+        bool taken;
+    } cases[] = {
+        {"a token value at the bound", enc.tok_emb + 12345, 10000.0f, true},
+        {"a token value beyond it", enc.tok_emb + 12345, 10008.0f, false},
+        {"a NaN in an input projection", enc.layers[0].w1 + 7, std::nanf(""), false},
+        {"a query weight beyond the bound", enc.layers[1].wq + 3, 20000.0f, false},
+        {"a position embedding", enc.pos_emb + 5, 0.5f, false},
+        {"a layer output", enc.layers[1].b2, 0.5f, false},
+    };
+    for (const Case &c : cases) {
+        const float kept = *c.at;
+        *c.at = c.value;
+        ASSERT_EQ(trn_encoder_save_weights_flags(&enc, copy.c_str(), nullptr, TRN_WEIGHTS_HALF), 1);
+        *c.at = kept;
+        EXPECT_EQ(encoder_init_bag_file(&lazy, copy.c_str()), c.taken) << c.name;
+        if (c.taken) {
+            encoder_release(&lazy);
+        }
+    }
+    encoder_release(&enc);
 }
 
 // The shipped file is a trained encoder, not the random one: a question lies nearer the passage

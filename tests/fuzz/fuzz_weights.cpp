@@ -57,6 +57,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (!encoder_finite(&encoder)) {
         abort();
     }
+    // The engine's set-up of a bag of words takes a file only when every check above passed.
+    TrnEncoder bag;
+    if (encoder_init_bag_file(&bag, path)) {
+        float v[TRN_ENCODER_DIM];
+        trn_encoder_embed_text(&bag, "abc", v);
+        if (!all_finite(v, TRN_ENCODER_DIM)) {
+            abort();
+        }
+        encoder_release(&bag);
+    }
     unlink(path);
     return 0;
 }
