@@ -30,14 +30,26 @@ uint32_t crc32c_bitwise(const uint8_t *p, size_t n)
 TEST(Checksum, Crc32cMatchesTheBitwiseDefinitionAtEveryLengthAndAlignment)
 {
     EXPECT_EQ(crc32c_update(0, "123456789", 9), 0xE3069283u); /* the published check value */
-    std::vector<uint8_t> bytes(4096 + 16);
+    std::vector<uint8_t> bytes(2 * 3 * 4096 + 64);
     uint32_t x = 12345;
     for (uint8_t &b : bytes) {
         x = x * 1103515245u + 12345u;
         b = (uint8_t)(x >> 16);
     }
     for (size_t at = 0; at < 8; at++) {
-        for (size_t n : {0, 1, 7, 8, 9, 63, 64, 65, 1000, 4096}) {
+        for (size_t n : {0,
+                         1,
+                         7,
+                         8,
+                         9,
+                         63,
+                         64,
+                         65,
+                         1000,
+                         4096,
+                         3 * 4096 - 1,
+                         3 * 4096 + 9,
+                         2 * 3 * 4096 + 33}) {
             EXPECT_EQ(crc32c_update(0, bytes.data() + at, n), crc32c_bitwise(bytes.data() + at, n))
                 << at << " " << n;
         }
@@ -45,6 +57,8 @@ TEST(Checksum, Crc32cMatchesTheBitwiseDefinitionAtEveryLengthAndAlignment)
     /* Continued over two parts, it is the checksum of the whole. */
     EXPECT_EQ(crc32c_update(crc32c_update(0, bytes.data(), 1001), bytes.data() + 1001, 2000),
               crc32c_bitwise(bytes.data(), 3001));
+    EXPECT_EQ(crc32c_update(crc32c_update(0, bytes.data(), 5), bytes.data() + 5, 3 * 4096 + 3),
+              crc32c_bitwise(bytes.data(), 3 * 4096 + 8));
 }
 
 class MappedStore : public testing::Test
