@@ -17,6 +17,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 long g_alloc_fail_countdown = 0;
 
 /* On by default, so a C caller that never asks sees the lines it always saw. Atomic, since
@@ -81,6 +84,17 @@ void *xcalloc(size_t count, size_t size)
         oom_abort();
     }
     return p;
+}
+
+void advise_huge_pages(void *p, size_t n)
+{
+    constexpr uintptr_t HUGE = (uintptr_t)2 << 20;
+    uintptr_t page = (uintptr_t)sysconf(_SC_PAGESIZE);
+    uintptr_t begin = ((uintptr_t)p + page - 1) & ~(page - 1);
+    uintptr_t end = ((uintptr_t)p + n) & ~(page - 1);
+    if (n >= HUGE && end > begin) {
+        madvise(reinterpret_cast<void *>(begin), end - begin, MADV_HUGEPAGE);
+    }
 }
 
 void *xrealloc(void *p, size_t n)

@@ -19,6 +19,10 @@ void *xrealloc(void *p, size_t n);
 char *xstrdup(const char *s);
 /* a * b, or oom_abort() when the product overflows size_t. */
 size_t xmul(size_t a, size_t b);
+/* A hint that the n bytes at p, a table about to be filled whole, be backed by 2 MiB pages
+** where the system allows: filling 100 MB then takes some fifty page faults instead of some
+** 25,000. Nothing for less than 2 MiB. */
+void advise_huge_pages(void *p, size_t n);
 
 /* Test hook: when set to N > 0, the Nth allocation from now fails (and ends the process through
 ** oom_abort). 0 disables it. Process-wide. */

@@ -182,6 +182,7 @@ bool encoder_init_bag_file(TrnEncoder *enc, const char *path)
     Owned gamma(encoder_alloc_floats(DIM), free);
     Owned beta(encoder_alloc_floats(DIM), free);
     uint16_t *halves = reinterpret_cast<uint16_t *>(half.get());
+    advise_huge_pages(halves, rows * sizeof(uint16_t));
     if (fread(halves, sizeof(uint16_t), rows, f.get()) != rows
         || !halves_ok(halves, rows, Want::ANY)
         || !read_checked(f.get(), TRN_ENCODER_MAX_SEQ * DIM, Want::ZERO, nullptr)

@@ -250,6 +250,7 @@ bool read_doc_index(TrnEngine *e, const uint8_t *b, const Header &h, const Secti
     e->file_chunk_counts = static_cast<int32_t *>(xmalloc(xmul(h.files, sizeof(int32_t))));
     e->file_count = (int32_t)h.files;
     e->file_capacity = (int32_t)h.files;
+    advise_huge_pages(e->centroids, (size_t)h.files * dim * sizeof(float));
     memcpy(e->centroids, b + s.centroids, (size_t)h.files * dim * sizeof(float));
     memcpy(e->file_chunk_counts, b + s.counts, (size_t)h.files * 4);
     ByteReader names = {b + s.names, (size_t)h.names_size};
@@ -327,6 +328,8 @@ int store_load_mapped(TrnEngine *e, const uint8_t *b, size_t size, bool in_place
     e->vectors = nullptr;
     e->chunks = static_cast<TrnChunk *>(xrealloc(e->chunks, xmul(h.count, sizeof(TrnChunk))));
     e->nodes = static_cast<TrnNode *>(xrealloc(e->nodes, xmul(h.count, sizeof(TrnNode))));
+    advise_huge_pages(e->chunks, h.count * sizeof(TrnChunk)); /* read_chunks fills every slot */
+    advise_huge_pages(e->nodes, h.count * sizeof(TrnNode));
     e->capacity = h.count;
     e->dim = h.dim;
     bool ok = read_chunks(e, b, h, s, in_place) && read_doc_index(e, b, h, s);
