@@ -322,7 +322,9 @@ int main(int argc, char **argv)
     Estimates estimates;
     Timing one =
         index_once(source, weights, 1, chunk_size, overlap, &chunks_one, &texts, &estimates);
-    Timing two = index_once(source, weights, 2, chunk_size, overlap, &chunks_two, nullptr);
+    Estimates estimates_two;
+    Timing two =
+        index_once(source, weights, 2, chunk_size, overlap, &chunks_two, nullptr, &estimates_two);
 
     // The encoder alone on the same texts, and the products it issues for them.
     TrnEncoder *encoder = trn_encoder_init(42);
@@ -443,6 +445,15 @@ int main(int argc, char **argv)
                 machine_speedup,
                 machine_speedup > 1.0 ? 100.0 * (index_speedup - 1.0) / (machine_speedup - 1.0)
                                       : 0.0);
+    if (estimates.meaning && estimates_two.meaning) {
+        const double meaning_one = estimates.meaning_end - estimates.end;
+        const double meaning_two = estimates_two.meaning_end - estimates_two.end;
+        std::printf("the meaning phase alone (from the last file's words to the last vector): 1 "
+                    "worker %.2f s, 2 workers %.2f s, %.2fx\n",
+                    meaning_one,
+                    meaning_two,
+                    meaning_one / std::max(meaning_two, 1e-9));
+    }
     const auto [files_median, files_worst] =
         estimate_error(estimates.at, estimates.by_files, 0, estimates.end);
     const auto [bytes_median, bytes_worst] =
