@@ -29,6 +29,7 @@
 #include <atomic>
 #include <cblas.h>
 #include <cstring>
+#include <new>
 #include <unordered_map>
 #include <vector>
 
@@ -41,8 +42,11 @@ namespace
 
 constexpr int32_t EMBED_THREADS_MAX = 8;
 
+/* The workers read only the encoder and write only their rows of out: nothing of the handle, which
+** the calling thread may change meanwhile (embed_start). */
 struct EmbedJob {
-    TrnEngine *e;
+    const TrnEncoder *encoder;
+    size_t dim;
     const char *const *texts;
     size_t count;
     float *out;
@@ -72,12 +76,34 @@ size_t take_texts(EmbedJob *job, size_t *first)
     return n;
 }
 
+/* embed_batch_with on what it reads of the handle. */
+void embed_rows(const TrnEncoder *encoder, size_t dim, TrnScratch *scratch,
+                const char *const *texts, size_t count, float *v)
+{
+    /* The encoder always writes 512 floats; a handle configured with another dim keeps the
+    ** leading dim of them (zero-padded), so the slot is never overrun. */
+    if (dim == TRN_ENCODER_DIM) {
+        encoder_embed_batch(encoder, scratch, texts, count, v);
+    } else {
+        float full[ENCODER_BATCH * TRN_ENCODER_DIM];
+        encoder_embed_batch(encoder, scratch, texts, count, full);
+        for (size_t s = 0; s < count; s++) {
+            for (size_t i = 0; i < dim; i++) {
+                v[s * dim + i] = i < TRN_ENCODER_DIM ? full[s * TRN_ENCODER_DIM + i] : 0.0f;
+            }
+        }
+    }
+    for (size_t s = 0; s < count; s++) {
+        vec_normalize(v + s * dim, dim);
+    }
+}
+
 void embed_loop(EmbedJob *job, TrnScratch *scratch)
 {
-    const size_t dim = (size_t)job->e->dim;
     size_t first = 0;
     while (size_t n = take_texts(job, &first)) {
-        embed_batch_with(job->e, scratch, job->texts + first, n, job->out + first * dim);
+        embed_rows(
+            job->encoder, job->dim, scratch, job->texts + first, n, job->out + first * job->dim);
     }
 }
 
@@ -129,23 +155,7 @@ int32_t embed_threads_default(void)
 void embed_batch_with(TrnEngine *e, TrnScratch *scratch, const char *const *texts, size_t count,
                       float *v)
 {
-    /* The encoder always writes 512 floats; a handle configured with another dim keeps the
-    ** leading dim of them (zero-padded), so the slot is never overrun. */
-    const size_t dim = (size_t)e->dim;
-    if (dim == TRN_ENCODER_DIM) {
-        encoder_embed_batch(&e->encoder, scratch, texts, count, v);
-    } else {
-        float full[ENCODER_BATCH * TRN_ENCODER_DIM];
-        encoder_embed_batch(&e->encoder, scratch, texts, count, full);
-        for (size_t s = 0; s < count; s++) {
-            for (size_t i = 0; i < dim; i++) {
-                v[s * dim + i] = i < TRN_ENCODER_DIM ? full[s * TRN_ENCODER_DIM + i] : 0.0f;
-            }
-        }
-    }
-    for (size_t s = 0; s < count; s++) {
-        vec_normalize(v + s * dim, dim);
-    }
+    embed_rows(&e->encoder, (size_t)e->dim, scratch, texts, count, v);
 }
 
 void embed_chunk_with(TrnEngine *e, TrnScratch *scratch, const char *text, float *v)
@@ -159,7 +169,16 @@ void embed_chunk(TrnEngine *e, const char *text, float *v)
     embed_chunk_with(e, worker_scratch(e, 0, 1), text, v);
 }
 
-void embed_chunks(TrnEngine *e, const char *const *texts, size_t count, float *out)
+/* An embedding under way: its job, and the helper threads started for it. */
+struct EmbedRun {
+    EmbedJob job;
+    TrnScratch *own; /* the calling thread's scratch */
+    EmbedWorker helpers[EMBED_THREADS_MAX];
+    pthread_t threads[EMBED_THREADS_MAX];
+    int32_t started;
+};
+
+EmbedRun *embed_start(TrnEngine *e, const char *const *texts, size_t count, float *out)
 {
     engine_encoder(e); /* before any worker reads it */
     int32_t workers = e->embed_threads;
@@ -169,8 +188,10 @@ void embed_chunks(TrnEngine *e, const char *const *texts, size_t count, float *o
     if ((size_t)workers > count) {
         workers = (int32_t)count;
     }
-    EmbedJob job;
-    job.e = e;
+    EmbedRun *run = new (xmalloc(sizeof(EmbedRun))) EmbedRun;
+    EmbedJob &job = run->job;
+    job.encoder = &e->encoder;
+    job.dim = (size_t)e->dim;
     job.texts = texts;
     job.count = count;
     job.out = out;
@@ -180,21 +201,33 @@ void embed_chunks(TrnEngine *e, const char *const *texts, size_t count, float *o
     const int sequences = e->encoder.bag_rows ? 1 : ENCODER_BATCH;
     /* Scratch spaces are made here, on the calling thread, so an allocation failure ends the
     ** process from the thread that called the engine. */
-    EmbedWorker helpers[EMBED_THREADS_MAX];
-    pthread_t threads[EMBED_THREADS_MAX];
-    int32_t started = 0;
+    run->own = worker_scratch(e, 0, sequences);
+    run->started = 0;
     for (int32_t i = 1; i < workers; i++) {
-        helpers[started].job = &job;
-        helpers[started].scratch = worker_scratch(e, i, sequences);
-        if (pthread_create(&threads[started], nullptr, embed_thread, &helpers[started]) != 0) {
+        EmbedWorker &w = run->helpers[run->started];
+        w.job = &job;
+        w.scratch = worker_scratch(e, i, sequences);
+        if (pthread_create(&run->threads[run->started], nullptr, embed_thread, &w) != 0) {
             break; /* fewer workers: the calling thread embeds what no thread takes */
         }
-        started++;
+        run->started++;
     }
-    embed_loop(&job, worker_scratch(e, 0, sequences));
-    for (int32_t i = 0; i < started; i++) {
-        pthread_join(threads[i], nullptr);
+    return run;
+}
+
+void embed_finish(EmbedRun *run)
+{
+    embed_loop(&run->job, run->own);
+    for (int32_t i = 0; i < run->started; i++) {
+        pthread_join(run->threads[i], nullptr);
     }
+    run->~EmbedRun();
+    free(run);
+}
+
+void embed_chunks(TrnEngine *e, const char *const *texts, size_t count, float *out)
+{
+    embed_finish(embed_start(e, texts, count, out));
 }
 
 namespace
@@ -282,15 +315,14 @@ int64_t text_table_find(const TrnEngine *e, uint64_t h, const char *text)
 
 } // namespace
 
-void embed_distinct_chunks(TrnEngine *e, const char *const *texts, size_t count, float *out)
+void distinct_plan(TrnEngine *e, const char *const *texts, size_t count, float *out,
+                   DistinctPlan *plan)
 {
     const size_t dim = (size_t)e->dim;
     text_table_sync(e);
-    /* source[i]: -1 to embed, else the index of an earlier text of the list to copy. */
-    std::vector<int64_t, XAllocator<int64_t>> source(count, -1);
-    std::vector<uint64_t, XAllocator<uint64_t>> hashes(count);
-    std::vector<const char *, XAllocator<const char *>> fresh;
-    std::vector<size_t, XAllocator<size_t>> fresh_rows;
+    plan->source.assign(count, -1);
+    plan->fresh.clear();
+    plan->fresh_rows.clear();
     /* The first text of the list with each hash (a collision only costs a second embedding). */
     std::unordered_map<uint64_t,
                        size_t,
@@ -299,33 +331,46 @@ void embed_distinct_chunks(TrnEngine *e, const char *const *texts, size_t count,
                        XAllocator<std::pair<const uint64_t, size_t>>>
         earlier;
     for (size_t i = 0; i < count; i++) {
-        hashes[i] = hash_of(texts[i]);
-        int64_t slot = text_table_find(e, hashes[i], texts[i]);
+        uint64_t h = hash_of(texts[i]);
+        int64_t slot = text_table_find(e, h, texts[i]);
         if (slot >= 0) {
             memcpy(out + i * dim, chunk_vector(e, slot), dim * sizeof(float));
-            source[i] = (int64_t)i; /* done */
+            plan->source[i] = (int64_t)i; /* done */
             continue;
         }
-        auto first = earlier.find(hashes[i]);
+        auto first = earlier.find(h);
         if (first != earlier.end() && strcmp(texts[first->second], texts[i]) == 0) {
-            source[i] = (int64_t)first->second;
+            plan->source[i] = (int64_t)first->second;
             continue;
         }
-        earlier.emplace(hashes[i], i);
-        fresh.push_back(texts[i]);
-        fresh_rows.push_back(i);
+        earlier.emplace(h, i);
+        plan->fresh.push_back(texts[i]);
+        plan->fresh_rows.push_back(i);
     }
-    std::vector<float, XAllocator<float>> vectors(fresh.size() * dim);
-    embed_chunks(e, fresh.data(), fresh.size(), vectors.data());
-    e->texts_embedded += fresh.size();
-    for (size_t f = 0; f < fresh.size(); f++) {
-        memcpy(out + fresh_rows[f] * dim, vectors.data() + f * dim, dim * sizeof(float));
+    plan->vectors.resize(plan->fresh.size() * dim);
+}
+
+void distinct_finish(TrnEngine *e, const DistinctPlan *plan, float *out)
+{
+    const size_t dim = (size_t)e->dim;
+    e->texts_embedded += plan->fresh.size();
+    for (size_t f = 0; f < plan->fresh.size(); f++) {
+        memcpy(
+            out + plan->fresh_rows[f] * dim, plan->vectors.data() + f * dim, dim * sizeof(float));
     }
-    for (size_t i = 0; i < count; i++) {
-        if (source[i] >= 0 && (size_t)source[i] != i) {
-            memcpy(out + i * dim, out + (size_t)source[i] * dim, dim * sizeof(float));
+    for (size_t i = 0; i < plan->source.size(); i++) {
+        if (plan->source[i] >= 0 && (size_t)plan->source[i] != i) {
+            memcpy(out + i * dim, out + (size_t)plan->source[i] * dim, dim * sizeof(float));
         }
     }
+}
+
+void embed_distinct_chunks(TrnEngine *e, const char *const *texts, size_t count, float *out)
+{
+    DistinctPlan plan;
+    distinct_plan(e, texts, count, out, &plan);
+    embed_chunks(e, plan.fresh.data(), plan.fresh.size(), plan.vectors.data());
+    distinct_finish(e, &plan, out);
 }
 
 void embed_free_scratch(TrnEngine *e)

@@ -6,10 +6,12 @@
 
 #include "tarnwick.h"
 
+#include "alloc.h"
 #include "encoder/encoder.h"
 
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 /* Embeds text into v (dim floats) and normalises it, as add_doc_mem does, on the calling thread
 ** with the encoder's own scratch. */
@@ -23,6 +25,29 @@ void embed_batch_with(TrnEngine *e, TrnScratch *scratch, const char *const *text
 /* Embeds count texts into out (count x dim floats, row i for text i) as embed_chunk does, on up
 ** to e->embed_threads threads; the same bits as embedding them one after another. */
 void embed_chunks(TrnEngine *e, const char *const *texts, size_t count, float *out);
+/* embed_chunks in two steps: embed_start starts e->embed_threads - 1 threads on the texts and
+** returns, so that the calling thread may work on the handle meanwhile (the threads read only the
+** encoder and write only out); embed_finish embeds on the calling thread what no thread took yet,
+** waits for the threads and frees the run. Until then nothing may embed through e (the threads
+** use its scratch spaces), change its encoder, or free texts or out. */
+struct EmbedRun;
+EmbedRun *embed_start(TrnEngine *e, const char *const *texts, size_t count, float *out);
+void embed_finish(EmbedRun *run);
+/* The texts of a list that embed_distinct_chunks must embed (fresh, to be embedded into vectors,
+** one row each) and, for each of the others, where its vector comes from (source: its own index
+** when copied from the handle already, else an earlier text of the list; -1 for a fresh one). */
+struct DistinctPlan {
+    std::vector<int64_t, XAllocator<int64_t>> source;
+    std::vector<const char *, XAllocator<const char *>> fresh;
+    std::vector<size_t, XAllocator<size_t>> fresh_rows;
+    std::vector<float, XAllocator<float>> vectors;
+};
+/* embed_distinct_chunks in steps: distinct_plan copies into out the vectors the handle already
+** holds for equal texts and lists the rest; once plan->vectors holds the fresh texts' vectors
+** (embed_chunks, or embed_start and embed_finish), distinct_finish fills the rest of out. */
+void distinct_plan(TrnEngine *e, const char *const *texts, size_t count, float *out,
+                   DistinctPlan *plan);
+void distinct_finish(TrnEngine *e, const DistinctPlan *plan, float *out);
 /* As embed_chunks, each distinct text once: a text equal to a live chunk's of the handle, or to
 ** an earlier one of texts, gets a copy of that vector (the bits embedding it again would give). */
 void embed_distinct_chunks(TrnEngine *e, const char *const *texts, size_t count, float *out);

@@ -66,6 +66,113 @@ void count_pending(const TrnEngine *e, uint64_t *live, uint64_t *pending)
     }
 }
 
+namespace
+{
+
+/* A group of chunks on its way: taken, embedding (run), then committed. */
+struct Group {
+    std::vector<Taken, XAllocator<Taken>> taken;
+    std::vector<const char *, XAllocator<const char *>> texts;
+    std::vector<float, XAllocator<float>> vectors;
+    DistinctPlan plan;
+    EmbedRun *run = nullptr;
+    double began = 0;
+};
+
+/* Takes up to size pending chunks from slot *from on into g (emptied first). */
+void take_group(const TrnEngine *e, uint64_t *from, size_t size, Group *g)
+{
+    g->taken.clear();
+    g->texts.clear();
+    for (uint64_t i = *from; i < e->count && g->taken.size() < size; i++) {
+        const TrnChunk *c = &e->chunks[i];
+        if (c->pending && !c->deleted) {
+            Taken t;
+            t.slot = i;
+            memcpy(t.doc_id, c->doc_id, sizeof t.doc_id);
+            t.text = xstrdup(c->text);
+            g->taken.push_back(t);
+            g->texts.push_back(t.text);
+            *from = i + 1;
+        }
+    }
+}
+
+/* Starts embedding g's texts; the calling thread is free until finish_group. */
+void start_group(TrnEngine *e, Group *g)
+{
+    g->began = seconds_now();
+    g->vectors.resize(g->taken.size() * (size_t)e->dim);
+    distinct_plan(e, g->texts.data(), g->texts.size(), g->vectors.data(), &g->plan);
+    g->run = embed_start(e, g->plan.fresh.data(), g->plan.fresh.size(), g->plan.vectors.data());
+}
+
+/* Ends g's embedding (the calling thread takes part); returns the seconds since it started. */
+double finish_group(TrnEngine *e, Group *g)
+{
+    embed_finish(g->run);
+    g->run = nullptr;
+    distinct_finish(e, &g->plan, g->vectors.data());
+    return seconds_now() - g->began;
+}
+
+void free_group(Group *g)
+{
+    for (Taken &t : g->taken) {
+        free(t.text);
+    }
+    g->taken.clear();
+    g->texts.clear();
+}
+
+/* Logs g's vectors as one group and links its chunks that are still pending; false when the
+** handle could not be written. *embedded tells whether any was. */
+bool commit_group(TrnEngine *e, const Group &g, bool *embedded)
+{
+    if (!write_begin(e)) {
+        return false;
+    }
+    bool ok = true;
+    const std::vector<Taken, XAllocator<Taken>> &taken = g.taken;
+    const size_t dim = (size_t)e->dim;
+    TrnBytes group;
+    wal_group_begin(e, &group);
+    size_t valid = 0;
+    for (size_t i = 0; i < taken.size(); i++) {
+        if (still_pending(e, taken[i])) {
+            wal_put_vector(e, &group, taken[i].doc_id, g.vectors.data() + i * dim);
+            valid++;
+        }
+    }
+    if (valid > 0 && !wal_commit_group(e, &group)) {
+        ok = false;
+    } else if (valid > 0) {
+        for (size_t i = 0; i < taken.size(); i++) {
+            if (still_pending(e, taken[i])) {
+                set_chunk_vector(e, taken[i].slot, g.vectors.data() + i * dim);
+            }
+        }
+        *embedded = true;
+        e->changed = 1;
+        if (e->wal) {
+            e->wal_chunks += valid;
+            if (e->wal_chunks >= g_checkpoint_chunks) {
+                checkpoint_locked(e);
+                status_clear(e);
+            }
+        }
+    }
+    write_end(e);
+    return ok;
+}
+
+} // namespace
+
+/* With more than one worker, the next group is taken and its embedding started on the helper
+** threads before this one is committed, so the graph and the log of one group go on beside the
+** embedding of the next; the calling thread joins that embedding once it has committed. The next
+** group is taken before this one's vectors are in the handle: a text it shares with this one is
+** embedded again (the same bits), never copied. */
 bool embed_pending(TrnEngine *e, TrnProgressFn progress, void *user, bool *cancelled)
 {
     *cancelled = false;
@@ -81,87 +188,50 @@ bool embed_pending(TrnEngine *e, TrnProgressFn progress, void *user, bool *cance
         *cancelled = true;
         return true;
     }
+    const bool ahead = e->embed_threads > 1;
     size_t group_size = GROUP_MIN;
     uint64_t from = 0;
     bool ok = true;
     bool embedded_any_this_pass = false;
-    std::vector<Taken, XAllocator<Taken>> taken;
-    std::vector<const char *, XAllocator<const char *>> texts;
-    std::vector<float, XAllocator<float>> vectors;
+    Group groups[2];
+    Group *now = &groups[0];
+    Group *next = &groups[1];
+    bool next_started = false;
     for (;;) {
-        taken.clear();
-        for (uint64_t i = from; i < e->count && taken.size() < group_size; i++) {
-            const TrnChunk *c = &e->chunks[i];
-            if (c->pending && !c->deleted) {
-                Taken t;
-                t.slot = i;
-                memcpy(t.doc_id, c->doc_id, sizeof t.doc_id);
-                t.text = xstrdup(c->text);
-                taken.push_back(t);
-                from = i + 1;
-            }
-        }
-        if (taken.empty()) {
-            /* A reload between groups can move chunks below from: look again from the start,
-            ** unless the last pass found nothing it could still embed. */
-            if (from == 0 || !embedded_any_this_pass) {
-                break;
-            }
-            from = 0;
-            embedded_any_this_pass = false;
-            continue;
-        }
-        texts.clear();
-        for (const Taken &t : taken) {
-            texts.push_back(t.text);
-        }
-        vectors.resize(taken.size() * (size_t)e->dim);
-        double began = seconds_now();
-        embed_distinct_chunks(e, texts.data(), texts.size(), vectors.data());
-        double took = seconds_now() - began;
-
-        if (!write_begin(e)) {
-            ok = false;
+        if (next_started) {
+            std::swap(now, next);
+            next_started = false;
         } else {
-            TrnBytes group;
-            wal_group_begin(e, &group);
-            size_t valid = 0;
-            for (size_t i = 0; i < taken.size(); i++) {
-                if (still_pending(e, taken[i])) {
-                    wal_put_vector(e, &group, taken[i].doc_id, vectors.data() + i * (size_t)e->dim);
-                    valid++;
+            take_group(e, &from, group_size, now);
+            if (now->taken.empty()) {
+                /* A reload between groups can move chunks below from: look again from the
+                ** start, unless the last pass found nothing it could still embed. */
+                if (from == 0 || !embedded_any_this_pass) {
+                    break;
                 }
+                from = 0;
+                embedded_any_this_pass = false;
+                continue;
             }
-            if (valid > 0 && !wal_commit_group(e, &group)) {
-                ok = false;
-            } else if (valid > 0) {
-                for (size_t i = 0; i < taken.size(); i++) {
-                    if (still_pending(e, taken[i])) {
-                        set_chunk_vector(e, taken[i].slot, vectors.data() + i * (size_t)e->dim);
-                    }
-                }
-                embedded_any_this_pass = true;
-                e->changed = 1;
-                if (e->wal) {
-                    e->wal_chunks += valid;
-                    if (e->wal_chunks >= g_checkpoint_chunks) {
-                        checkpoint_locked(e);
-                        status_clear(e);
-                    }
-                }
+            start_group(e, now);
+        }
+        double took = finish_group(e, now);
+        /* The next group to take about GROUP_SECONDS at the pace of this one. */
+        double per_chunk = took / (double)now->taken.size();
+        size_t size = per_chunk > 0.0 ? (size_t)(GROUP_SECONDS / per_chunk) : GROUP_MAX;
+        group_size = size < GROUP_MIN ? GROUP_MIN : size > GROUP_MAX ? GROUP_MAX : size;
+        if (ahead) {
+            take_group(e, &from, group_size, next);
+            if (!next->taken.empty()) {
+                start_group(e, next);
+                next_started = true;
             }
-            write_end(e);
         }
-        for (Taken &t : taken) {
-            free(t.text);
-        }
+        ok = commit_group(e, *now, &embedded_any_this_pass);
+        free_group(now);
         if (!ok) {
             break;
         }
-        /* The next group to take about GROUP_SECONDS at the pace of this one. */
-        double per_chunk = took / (double)taken.size();
-        size_t next = per_chunk > 0.0 ? (size_t)(GROUP_SECONDS / per_chunk) : GROUP_MAX;
-        group_size = next < GROUP_MIN ? GROUP_MIN : next > GROUP_MAX ? GROUP_MAX : next;
         if (progress) {
             count_pending(e, &live, &waiting);
             if (!progress(nullptr, (int32_t)(live - waiting), (int32_t)live, user)) {
@@ -170,6 +240,10 @@ bool embed_pending(TrnEngine *e, TrnProgressFn progress, void *user, bool *cance
             }
         }
     }
+    if (next_started) {
+        finish_group(e, next);
+    }
+    free_group(next);
     e->meaning_running = 0;
     return ok;
 }
