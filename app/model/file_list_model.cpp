@@ -131,14 +131,6 @@ void FileListModel::setFilterText(const QString &text)
     refresh();
 }
 
-FileInfo FileListModel::file(int row) const
-{
-    if (row < 0 || row >= count()) {
-        return FileInfo();
-    }
-    return m_files.at(row);
-}
-
 int FileListModel::rowCount(const QModelIndex &parent) const
 {
     return parent.isValid() ? 0 : count();

@@ -68,7 +68,6 @@ public:
     QString filterText() const { return m_filterText; }
     void setFilterText(const QString &text);
     int count() const { return static_cast<int>(m_files.size()); }
-    FileInfo file(int row) const;
 
     // The rule above as a function of its inputs.
     static QList<FileInfo> filterAndSort(const QList<FileInfo> &files, const QString &directoryPath,
