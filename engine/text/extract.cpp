@@ -326,10 +326,9 @@ size_t heading_path_at(const char *text, size_t len, const TextHeadings &heading
     static const char SEPARATOR[] = " \u203a ";
     static const char ELIDED[] = "\u2026";
     const size_t sep = sizeof SEPARATOR - 1;
-    /* The parts, innermost first, that fit beside the marker of those left out. */
     size_t part_len[16];
-    size_t from = depth, total = 0;
-    for (size_t d = depth; d-- > 0;) {
+    size_t whole = 0;
+    for (size_t d = 0; d < depth; d++) {
         size_t at = headings[open[d]].offset;
         size_t n = 0;
         while (at + n < len && text[at + n] != '\n' && n < TRN_HEADING_PART_MAX) {
@@ -339,12 +338,17 @@ size_t heading_path_at(const char *text, size_t len, const TextHeadings &heading
         while (n > 0 && (text[at + n - 1] == ' ' || text[at + n - 1] == '\t')) {
             n--;
         }
-        size_t need = total + (total ? sep : 0) + n;
-        size_t marker = d > 0 ? sizeof ELIDED - 1 + sep : 0;
-        if (need + marker >= size) {
+        part_len[d] = n;
+        whole += (d ? sep : 0) + n;
+    }
+    /* All of them when they fit; else the innermost that fit beside the marker of those left
+    ** out. */
+    size_t from = whole < size ? 0 : depth, total = 0;
+    for (size_t d = depth; from > 0 && d-- > 0;) {
+        size_t need = total + (total ? sep : 0) + part_len[d];
+        if (need + (d > 0 ? sizeof ELIDED - 1 + sep : 0) >= size) {
             break;
         }
-        part_len[d] = n;
         total = need;
         from = d;
     }

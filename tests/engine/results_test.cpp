@@ -586,6 +586,17 @@ TEST_F(Results, DocumentHitsNameTheHeadingsAboveThem)
                  ("\u2026" + sep + std::string(79, 'e') + sep + std::string(79, 'f') + sep
                   + std::string(79, 'g'))
                      .c_str());
+    /* A path that fits whole is shown whole, even where the mark would not have fitted beside
+    ** all but its outermost heading (254 bytes; the mark and the three inner ones are 256). */
+    const std::string text = "a\n" + std::string(80, 'b') + "\n" + std::string(79, 'c') + "\n"
+                             + std::string(79, 'd') + "\nbody\n";
+    const TextHeadings four = {{0, 1}, {2, 2}, {83, 3}, {163, 4}};
+    char out[TRN_HEADING_PATH_MAX + 1];
+    const std::string whole =
+        "a" + sep + std::string(80, 'b') + sep + std::string(79, 'c') + sep + std::string(79, 'd');
+    EXPECT_EQ(heading_path_at(text.data(), text.size(), four, text.size() - 2, out, sizeof out),
+              whole.size());
+    EXPECT_STREQ(out, whole.c_str());
 }
 
 } // namespace
