@@ -124,6 +124,8 @@ struct TrnEngine {
     int32_t status;              /* of the last call that failed, or TRN_STATUS_OK */
     char error[TRN_ERROR_MAX];   /* its message; empty with TRN_STATUS_OK */
     TrnDiskView seen;            /* the directory as this handle last loaded or wrote it */
+    uint64_t taken_up;           /* times it took up chunks other processes committed */
+    uint8_t overtaken;           /* its last update took some up after comparing the tree with it */
     uint8_t has_commit;          /* the loaded state came with a commit record */
     uint8_t has_index_id;        /* the commit record named the index: */
     uint8_t index_id[16];        /* its random id, which its log names too */

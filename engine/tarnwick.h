@@ -223,8 +223,10 @@ TRN_API int32_t trn_checkpoint(TrnEngine *e);
 TRN_API int32_t trn_rollback(TrnEngine *e);
 
 /* Returns 1 when another process committed to e's index since e last loaded or wrote it (a rebuild
-** that replaced it included), else 0, also for NULL or an in-memory or rebuilding handle. Reads
-** only the commit record and the files' sizes, so it may be asked every few seconds. */
+** that replaced it included), or when e's last trn_update_dir took up such a commit after it had
+** compared the directory with the index (an update then compares again), else 0, also for NULL
+** or an in-memory or rebuilding handle. Reads only the commit record and the files' sizes, so it
+** may be asked every few seconds. */
 TRN_API int32_t trn_index_changed(const TrnEngine *e);
 
 /* Turns the engine's informational lines on standard error ("opened", "built doc index", "loaded

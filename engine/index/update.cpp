@@ -239,6 +239,11 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
         return a.path < b.path;
     });
     index_refresh_for_read(e);
+    /* What others commit from here on, taken up at this update's next write, is not compared
+    ** with the tree: a file they hold that is gone now stays (a rebuild that read it before it
+    ** was deleted). Then the handle says the index changed, so that a watcher updates again. */
+    const uint64_t taken_up = e->taken_up;
+    e->overtaken = 0;
 
     const bool has_files = e->store_path[0] != '\0';
     Manifest old = {};
@@ -460,6 +465,7 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
     }
     e->update_bytes_done = 0;
     e->update_bytes_all = 0;
+    e->overtaken = e->taken_up != taken_up ? 1 : 0;
     manifest_free(&next);
     manifest_free(&old);
     return failed ? -1 : report->chunks_added;

@@ -319,12 +319,14 @@ bool index_refresh_locked(TrnEngine *e)
             e->seen = v;
             if (e->count != count || e->deleted_count != deleted) {
                 e->changed = 1;
+                e->taken_up++;
                 trn_build_doc_index(e);
             }
             return !vectors_damaged(e) || fail_status(e, TRN_STATUS_DAMAGED, 0);
         }
     }
     index_reset(e);
+    e->taken_up++;
     if (!index_load(e)) {
         return false;
     }
@@ -430,6 +432,9 @@ int32_t trn_index_changed(const TrnEngine *e)
 {
     if (!e || !e->store_path[0] || e->rebuild) {
         return 0;
+    }
+    if (e->overtaken) {
+        return 1;
     }
     TrnDiskView v;
     disk_view_read(e, &v);

@@ -166,4 +166,51 @@ TEST(SharedIndex, ARebuildTakesUpWhatOthersCommittedWhileItRan)
     trn_close(e);
 }
 
+int32_t update_dir(TrnEngine *e, const TempDir &src, TrnProgressFn progress = nullptr,
+                   void *user = nullptr)
+{
+    return trn_update_dir(e, src.path().c_str(), 800, 200, nullptr, progress, user, nullptr);
+}
+
+/* An update compares the tree with the index before it writes. A rebuild that swapped in, after
+** that comparison, a file deleted since the rebuild read it, was taken up at the update's next
+** write as if it were the handle's own state: a watcher never looked again and the file stayed. */
+TEST(SharedIndex, AnUpdateOvertakenByARebuildSaysTheIndexChangedAndTheNextOneCatchesUp)
+{
+    TempDir index, src;
+    TrnConfig cfg = config_for(index);
+    write_file_text(src.file("b.txt"), "b as it was first indexed");
+    TrnEngine *w = trn_open(&cfg);
+    ASSERT_GE(update_dir(w, src), 0);
+    write_file_text(src.file("b.txt"), "b edited, so the update writes after the swap");
+    struct Race {
+        const TrnConfig *cfg;
+        const TempDir *src;
+        bool ran;
+    } race = {&cfg, &src, false};
+    /* Once the update found its work: a rebuild reads a_gone.txt, swaps in, and the file goes. */
+    auto rebuild = [](const char *, int32_t, int32_t, void *user) {
+        Race *r = static_cast<Race *>(user);
+        if (!r->ran) {
+            r->ran = true;
+            write_file_text(r->src->file("a_gone.txt"), "read by the rebuild, deleted at once");
+            TrnEngine *e = trn_open_ex(r->cfg, TRN_OPEN_REBUILD, nullptr);
+            EXPECT_GE(update_dir(e, *r->src), 0);
+            trn_close(e);
+            unlink(r->src->file("a_gone.txt").c_str());
+        }
+        return true;
+    };
+    ASSERT_GE(update_dir(w, src, rebuild, &race), 0);
+    ASSERT_TRUE(race.ran);
+    EXPECT_EQ(trn_index_changed(w), 1);
+    ASSERT_GE(update_dir(w, src), 0);
+    EXPECT_EQ(trn_index_changed(w), 0);
+    using Texts = std::vector<std::string>;
+    EXPECT_EQ(texts_by_file(w),
+              (std::map<std::string, Texts>{
+                  {src.file("b.txt"), Texts{"b edited, so the update writes after the swap"}}}));
+    trn_close(w);
+}
+
 } // namespace
