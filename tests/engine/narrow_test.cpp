@@ -68,7 +68,7 @@ protected:
                                "lantern green and grey",
                                "harbor draft notes",
                                "the lantern keeper",
-                               "quiet harbor wall"};
+                               "quiet harbor wall \u00c0draft"}; /* U+00C0 ends in 0x80 */
         std::mt19937 rng(7);
         std::normal_distribution<float> g;
         for (int i = 0; i < 30; i++) {
