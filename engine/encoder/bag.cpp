@@ -25,12 +25,11 @@ namespace
 
 constexpr size_t DIM = TRN_ENCODER_DIM;
 constexpr size_t FF = TRN_ENCODER_FF;
-constexpr uint32_t TAG_F32 = 0; /* the storage tags of a version 4 file */
-constexpr uint32_t TAG_F16 = 1;
-constexpr uint32_t TAG_ZERO = 2;
-constexpr uint16_t HALF_ABS_MAX = 0x70E2; /* 1e4, the weights' bound, in half precision */
-constexpr float WEIGHT_ABS_MAX = 1e4f;
-constexpr size_t BLOCK = 4096; /* values read at a time */
+constexpr uint32_t TAG_F32 = WEIGHTS_TAG_F32;
+constexpr uint32_t TAG_F16 = WEIGHTS_TAG_F16;
+constexpr uint32_t TAG_ZERO = WEIGHTS_TAG_ZERO;
+constexpr uint16_t HALF_ABS_MAX = 0x70E2; /* WEIGHT_ABS_MAX in half precision */
+constexpr size_t BLOCK = 4096;            /* values read at a time */
 constexpr uint8_t ROW_WRITING = 1;
 constexpr uint8_t ROW_READY = 2;
 

@@ -85,6 +85,12 @@ void encoder_drop_bag(TrnEncoder *enc);
 void encoder_final_norm(const TrnEncoder *enc, float *row);
 /* A half precision value widened to float32, exactly. */
 float half_to_float(uint16_t h);
+/* The weights file's version 4 storage tags (weights.cpp) and the bound every value lies within;
+** read by the full loader and by encoder_init_bag_file alike. */
+constexpr uint32_t WEIGHTS_TAG_F32 = 0;
+constexpr uint32_t WEIGHTS_TAG_F16 = 1;
+constexpr uint32_t WEIGHTS_TAG_ZERO = 2;
+constexpr float WEIGHT_ABS_MAX = 1e4f;
 
 /* ---------------------------------------------------------------------------------------------
 ** Encoder internals (encoder.cpp)

@@ -74,12 +74,11 @@ constexpr uint32_t SHAPE[5] = {
     TRN_ENCODER_MAX_SEQ, TRN_ENCODER_DIM, TRN_ENCODER_HEADS, TRN_ENCODER_FF, TRN_ENCODER_LAYERS};
 constexpr size_t DIM = TRN_ENCODER_DIM;
 constexpr size_t FF = TRN_ENCODER_FF;
-constexpr float WEIGHT_ABS_MAX = 1e4f;
 constexpr uint32_t REFUSED_SEED = 42; /* the seed trn_open draws its encoder from */
 constexpr uint32_t TAGGED_VERSION = 4;
-constexpr uint32_t TAG_F32 = 0;
-constexpr uint32_t TAG_F16 = 1;
-constexpr uint32_t TAG_ZERO = 2;
+constexpr uint32_t TAG_F32 = WEIGHTS_TAG_F32;
+constexpr uint32_t TAG_F16 = WEIGHTS_TAG_F16;
+constexpr uint32_t TAG_ZERO = WEIGHTS_TAG_ZERO;
 constexpr size_t HALF_BLOCK = 4096; /* values converted per read or write */
 
 /* One tensor of a layer, in file order. */
