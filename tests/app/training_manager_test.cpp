@@ -24,6 +24,7 @@ private slots:
     void corpusOfAtLeast101BytesProceeds();
     void commandLine_data();
     void commandLine();
+    void stepLinesBecomeProgress_data();
     void stepLinesBecomeProgress();
     void trainerFailures_data();
     void trainerFailures();
@@ -244,9 +245,27 @@ void TestTrainingManager::commandLine()
     QCOMPARE(args, expected);
 }
 
+void TestTrainingManager::stepLinesBecomeProgress_data()
+{
+    const QString preparing = QString::fromUtf8("Preparing corpus\xe2\x80\xa6");
+    const QStringList steps = {"step 1/2 loss 6.0", "step 2/2 loss 5.0", "Training complete"};
+    QTest::addColumn<bool>("useBPE");
+    QTest::addColumn<QStringList>("expected");
+    QTest::newRow("built-in tokenizer") << false << (QStringList{preparing} + steps);
+    QTest::newRow("own tokenizer")
+        << true
+        << (QStringList{preparing,
+                        QString::fromUtf8("Training BPE tokenizer\xe2\x80\xa6"),
+                        QString::fromUtf8("BPE ready. Training encoder\xe2\x80\xa6")}
+            + steps);
+}
+
 void TestTrainingManager::stepLinesBecomeProgress()
 {
-    const TrainingProfile profile = makeProfile(300);
+    QFETCH(bool, useBPE);
+    TrainingProfile profile = makeProfile(300);
+    profile.useBPE = useBPE;
+    m_manager->updateProfile(profile);
     QStringList seen;
     connect(m_manager.get(), &TrainingManager::trainingProgressChanged, this, [this, &seen] {
         seen.append(m_manager->trainingProgress());
@@ -259,11 +278,7 @@ void TestTrainingManager::stepLinesBecomeProgress()
     QSignalSpy finished(m_manager.get(), &TrainingManager::trainingFinished);
     QVERIFY(finished.wait(10000));
     QCOMPARE(training.count(), 2);
-    QCOMPARE(seen,
-             QStringList({QString::fromUtf8("Preparing corpus\xe2\x80\xa6"),
-                          "step 1/2 loss 6.0",
-                          "step 2/2 loss 5.0",
-                          "Training complete"}));
+    QTEST(seen, "expected");
     QCOMPARE(m_manager->profile(profile.id)->status, TrainingStatus::Trained);
 }
 
