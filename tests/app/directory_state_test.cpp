@@ -30,6 +30,7 @@ private slots:
     void invalidRegexSaysWhyAndRunsNothing();
     void pagingGrowsByTenUntilSixtyFour();
     void statusTextReportsCountsAfterIndexing();
+    void anUpdateThatAddsNothingRefreshesTheResultsAndKeepsTheCounts();
     void indexOfAnotherEncoderIsRebuiltWhenOpened();
     void unfinishedIndexingGoesOnWhenTheTabOpensAgain();
     void pausedIndexingSaysSoAndFinishesOnceResumed();
@@ -272,6 +273,34 @@ void TestDirectoryState::statusTextReportsCountsAfterIndexing()
     missing->ingest(800, 200);
     QVERIFY(waitForIngest(missing));
     QCOMPARE(missing->statusText(), QStringLiteral("Indexing failed"));
+}
+
+void TestDirectoryState::anUpdateThatAddsNothingRefreshesTheResultsAndKeepsTheCounts()
+{
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("a.txt"), "the quick brown fox jumps\n"));
+    QVERIFY(writeFile(m_dir->path(), QStringLiteral("b.txt"), "a lazy dog sleeps\n"));
+    DirectoryState *state = openState(m_dir->path());
+    state->ingest(800, 200);
+    QVERIFY(waitForIngest(state));
+    state->search(QStringLiteral("fox"), SearchMode::Text);
+    QVERIFY(waitForSearch(state));
+    QCOMPARE(state->results().size(), 1);
+
+    // Only a removal: nothing is added, yet the fox must leave the results.
+    QVERIFY(QFile::remove(m_dir->filePath(QStringLiteral("a.txt"))));
+    QSignalSpy searched(state, &DirectoryState::searchFinished);
+    state->update();
+    QVERIFY(waitForIngest(state));
+    QTRY_COMPARE(searched.count(), 1);
+    QVERIFY(state->results().isEmpty());
+    const QString counts = state->statusText();
+    QVERIFY2(counts.startsWith(QStringLiteral("1 chunk")), qPrintable(counts));
+    QVERIFY(!m_env->settings()->isIndexingUnfinished(m_dir->path()));
+
+    state->update(); // nothing changed at all
+    QVERIFY(waitForIngest(state));
+    QCOMPARE(state->statusText(), counts);
+    QVERIFY(!m_env->settings()->isIndexingUnfinished(m_dir->path()));
 }
 
 void TestDirectoryState::busyIndexIsShownAndOpenedOnceFree()
