@@ -9,6 +9,7 @@
 #include "results_model.h"
 
 #include <QAbstractItemModelTester>
+#include <QElapsedTimer>
 #include <QProcess>
 #include <QThread>
 
@@ -243,8 +244,16 @@ void TestDirectoryState::statusTextReportsCountsAfterIndexing()
 
     QSignalSpy found(fresh, &DirectoryState::ingestFilesFoundChanged);
     QSignalSpy done(fresh, &DirectoryState::ingestFilesDoneChanged);
+    const QString rateKey = QStringLiteral("indexingChunksPerSecond");
+    m_env->settings()->remove(rateKey);
+    QElapsedTimer clock;
+    clock.start();
     fresh->ingest(100, 20);
     QVERIFY(waitForIngest(fresh));
+    // Too short a run to measure a speed by: the re-index estimate stays unknown.
+    if (clock.elapsed() < 2000) {
+        QCOMPARE(fresh->reindexEstimateSeconds(), -1.0);
+    }
     QVERIFY(!fresh->isIngesting());
     QCOMPARE(fresh->ingestFilesFound(), 2);
     QCOMPARE(fresh->ingestFilesDone(), 2);
@@ -252,6 +261,10 @@ void TestDirectoryState::statusTextReportsCountsAfterIndexing()
     // Files are read without embedding between them, so reports may arrive merged.
     QVERIFY(done.count() >= 1 && done.count() <= 2);
     QCOMPARE(fresh->statusText(), QStringLiteral("4 chunks from 2 files"));
+    m_env->settings()->setValue(rateKey, 2.0);
+    QCOMPARE(fresh->reindexEstimateSeconds(), 2.0);
+    m_env->settings()->setValue(rateKey, 0.0);
+    QCOMPARE(fresh->reindexEstimateSeconds(), -1.0);
 
     // The next tab on the same directory opens the checkpointed index.
     closeStates();

@@ -31,6 +31,7 @@ private slots:
     void tokenizerFailures_data();
     void tokenizerFailures();
     void missingTrainerChangesNothing();
+    void aTrainerThatCannotBeLaunchedFailsTheRun();
     void cancelLeavesTheProfileAsItWas_data();
     void cancelLeavesTheProfileAsItWas();
     void destroyedMidRunLeavesNothing_data();
@@ -93,6 +94,7 @@ void TestTrainingManager::init()
                 "exit ${FAKE_EXIT:-0}\n");
     writeScript(m_bin + QStringLiteral("/train_bpe"),
                 "printf '%s\\n' \"$@\" > \"$FAKE_DIR/train_bpe.args\"\n"
+                "if [ -n \"$FAKE_BPE_SLEEP\" ]; then sleep \"$FAKE_BPE_SLEEP\"; fi\n"
                 "exit ${FAKE_BPE_EXIT:-0}\n");
     qputenv("FAKE_DIR", QFile::encodeName(m_work->path()));
     qputenv("FAKE_WRITE", "1");
@@ -266,6 +268,7 @@ void TestTrainingManager::stepLinesBecomeProgress()
     TrainingProfile profile = makeProfile(300);
     profile.useBPE = useBPE;
     m_manager->updateProfile(profile);
+    qputenv("FAKE_BPE_SLEEP", "0.3"); // longer than the manager waits between looks at it
     QStringList seen;
     connect(m_manager.get(), &TrainingManager::trainingProgressChanged, this, [this, &seen] {
         seen.append(m_manager->trainingProgress());
@@ -349,6 +352,20 @@ void TestTrainingManager::missingTrainerChangesNothing()
     QVERIFY(writeFile(m_bin, QStringLiteral("trainer"), "#!/bin/sh\nexit 0\n"));
     m_manager->train(profile);
     QCOMPARE(m_manager->trainingProgress(), QStringLiteral("Trainer not executable"));
+    QVERIFY(!m_manager->isTraining());
+}
+
+void TestTrainingManager::aTrainerThatCannotBeLaunchedFailsTheRun()
+{
+    // Executable, but its interpreter does not exist: the system refuses to start it.
+    const QString trainer = m_bin + QStringLiteral("/trainer");
+    QVERIFY(writeFile(trainer, "#!/nonexistent/interpreter\n"));
+    QVERIFY(QFile::setPermissions(trainer, QFileDevice::ReadOwner | QFileDevice::ExeOwner));
+    const TrainingProfile profile = makeProfile(300);
+    QVERIFY(runToEnd(profile));
+    QVERIFY2(m_manager->trainingProgress().startsWith(QStringLiteral("Failed to launch trainer: ")),
+             qPrintable(m_manager->trainingProgress()));
+    QCOMPARE(m_manager->profile(profile.id)->status, TrainingStatus::Failed);
     QVERIFY(!m_manager->isTraining());
 }
 
