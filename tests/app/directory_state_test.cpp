@@ -39,6 +39,7 @@ private slots:
     void olderAnswerNeverShowsOverANewerSearch_data();
     void olderAnswerNeverShowsOverANewerSearch();
     void busyIndexIsShownAndOpenedOnceFree();
+    void aBusyIndexFoundRefusedIsNotTriedAgain();
     void resultsModelFollowsDisplayResults();
 };
 
@@ -334,6 +335,34 @@ void TestDirectoryState::busyIndexIsShownAndOpenedOnceFree()
     QTRY_COMPARE_WITH_TIMEOUT(
         state->statusText(), QStringLiteral("Not indexed"), 3 * DirectoryState::kBusyRetryMs);
     QVERIFY(state->engine()->isOpen());
+}
+
+void TestDirectoryState::aBusyIndexFoundRefusedIsNotTriedAgain()
+{
+    const QString index = m_dir->path() + QStringLiteral("/.tarnwick");
+    QVERIFY(QDir().mkpath(index));
+    const int lock = ::open(QFile::encodeName(index + QStringLiteral("/tarnwick.lock")).constData(),
+                            O_RDWR | O_CREAT,
+                            0600);
+    QVERIFY(lock >= 0);
+    QCOMPARE(::flock(lock, LOCK_EX), 0);
+    DirectoryState *state = openState(m_dir->path());
+    QVERIFY(
+        state->statusText().endsWith(QStringLiteral(" is busy: another Tarnwick is updating it")));
+
+    // Once free, the index folder is a link: refused, which waiting does not mend.
+    const QString real = m_dir->path() + QStringLiteral("/real-index");
+    QVERIFY(QDir().rename(index, real));
+    QVERIFY(QFile::link(real, index));
+    ::close(lock);
+    QTRY_VERIFY_WITH_TIMEOUT(state->statusText().contains(QStringLiteral("symbolic link")),
+                             3 * DirectoryState::kBusyRetryMs);
+    const QString refused = state->statusText();
+    QVERIFY(QFile::remove(index));
+    QVERIFY(QDir().rename(real, index));
+    QTest::qWait(2 * DirectoryState::kBusyRetryMs + 500);
+    QCOMPARE(state->statusText(), refused);
+    QVERIFY(!state->engine()->isOpen());
 }
 
 void TestDirectoryState::closedTabDropsLateResults()
