@@ -32,19 +32,15 @@
 
 /* Every buffer of one embedding of up to `sequences` texts at once, MAX_SEQ positions each. */
 struct TrnScratch {
-    int sequences;     /* texts one forward pass may stack; rows = sequences x MAX_SEQ */
-    float *x;          /* residual stream, rows x DIM */
-    float *xn;         /* normalised copy of x, rows x DIM */
-    float *q;          /* rows x DIM; after attention, each layer's output projection and its
-                       ** feed-forward output */
-    float *k;          /* rows x DIM */
-    float *v;          /* rows x DIM */
-    float *heads;      /* concatenated head outputs, rows x DIM */
-    float *hidden;     /* feed-forward hidden, rows x FF */
-    float *scores;     /* attention scores of one text, n x n with row stride n */
-    float *norm_row;   /* DIM, inside layernorm */
-    float *gelu_cube;  /* FF, inside gelu_vec_inplace */
-    float *gelu_inner; /* FF, inside gelu_vec_inplace */
+    int sequences; /* texts one forward pass may stack; rows = sequences x MAX_SEQ */
+    float *x;      /* residual stream, rows x DIM */
+    float *xn;     /* normalised copy of x, rows x DIM */
+    float *q;      /* rows x DIM */
+    float *k;      /* rows x DIM */
+    float *v;      /* rows x DIM */
+    float *heads;  /* concatenated head outputs, rows x DIM */
+    float *hidden; /* one block of the feed-forward hidden units, rows x FF_BLOCK */
+    float *scores; /* attention scores of one text, n x n with row stride n */
 };
 
 namespace
@@ -54,11 +50,10 @@ constexpr int DIM = TRN_ENCODER_DIM;
 constexpr int HEADS = TRN_ENCODER_HEADS;
 constexpr int HEAD_DIM = TRN_ENCODER_HEAD_DIM;
 constexpr int FF = TRN_ENCODER_FF;
+constexpr int FF_BLOCK = ENCODER_FF_BLOCK;
 constexpr int MAX_SEQ = TRN_ENCODER_MAX_SEQ;
 constexpr float ATTN_SCALE = 0.125f; /* 1 / sqrt(HEAD_DIM) */
 constexpr float LN_EPS = 1e-5f;
-constexpr float GELU_C = 0.044715f;
-constexpr float SQRT_2_OVER_PI = 0.7978846f;
 constexpr char ENCODER_OOM[] = "tarnwick: OOM (%zu bytes)\n";
 constexpr int DENSE_MIN_ROWS = 8;
 
@@ -149,9 +144,9 @@ void init_common(TrnEncoder *enc, uint32_t seed, bool draw = true)
     }
 }
 
-/* x = (x - mean) / sqrt(var + 1e-5) * gamma + beta over one 512-float row; the variance is
-** E[x^2] - mean^2, clamped at 0 against rounding. */
-void layernorm(float *x, const float *gamma, const float *beta, float *tmp_buf,
+/* out = (x - mean) / sqrt(var + 1e-5) * gamma + beta over one 512-float row (out may be x); the
+** variance is E[x^2] - mean^2, clamped at 0 against rounding. */
+void layernorm(const float *x, const float *gamma, const float *beta, float *out,
                float *mean_out = nullptr, float *rstd_out = nullptr)
 {
     float mean = vec_mean(x, DIM);
@@ -164,32 +159,12 @@ void layernorm(float *x, const float *gamma, const float *beta, float *tmp_buf,
         *mean_out = mean;
         *rstd_out = inv;
     }
-    vec_sadd(x, -mean, tmp_buf, DIM);
-    vec_smul(tmp_buf, inv, tmp_buf, DIM);
-    vec_mul(tmp_buf, gamma, tmp_buf, DIM);
-    vec_add(tmp_buf, beta, x, DIM);
-}
-
-/* h = 0.5 h (1 + tanh(sqrt(2/pi) (h + 0.044715 h^3))) over one 2048-float row (tanh form). */
-void gelu_vec_inplace(float *h, float *t1_buf, float *t2_buf)
-{
-    vec_sq(h, t1_buf, FF);
-    vec_mul(t1_buf, h, t1_buf, FF);
-    vec_smul(t1_buf, GELU_C, t1_buf, FF);
-    vec_add(h, t1_buf, t2_buf, FF);
-    vec_smul(t2_buf, SQRT_2_OVER_PI, t2_buf, FF);
-    vec_tanh(t2_buf, FF);
-    vec_sadd(t2_buf, 1.0f, t2_buf, FF);
-    vec_mul(h, t2_buf, t2_buf, FF);
-    vec_smul(t2_buf, 0.5f, h, FF);
+    vec_norm_affine(x, mean, inv, gamma, beta, out, DIM);
 }
 
 void softmax_row(float *row, int n)
 {
-    float max = vec_max(row, (size_t)n);
-    vec_sadd(row, -max, row, (size_t)n);
-    vec_exp(row, (size_t)n);
-    float sum = vec_sum(row, (size_t)n);
+    float sum = vec_exp_sum(row, vec_max(row, (size_t)n), (size_t)n);
     float scale = sum > 0.0f ? 1.0f / sum : 1.0f;
     vec_smul(row, scale, row, (size_t)n);
 }
@@ -211,26 +186,34 @@ void norm_rows(TrnScratch *ws, int n, const float *gamma, const float *beta,
     float *mean = save ? (second ? save->ln2_mean[l] : save->ln1_mean[l]) : nullptr;
     float *rstd = save ? (second ? save->ln2_rstd[l] : save->ln1_rstd[l]) : nullptr;
     for (int i = 0; i < n; i++) {
-        float *row = ws->xn + (size_t)i * DIM;
-        memcpy(row, ws->x + (size_t)i * DIM, DIM * sizeof(float));
-        layernorm(
-            row, gamma, beta, ws->norm_row, mean ? mean + i : nullptr, rstd ? rstd + i : nullptr);
+        layernorm(ws->x + (size_t)i * DIM,
+                  gamma,
+                  beta,
+                  ws->xn + (size_t)i * DIM,
+                  mean ? mean + i : nullptr,
+                  rstd ? rstd + i : nullptr);
     }
 }
 
-/* c (rows x n) = a (rows x k) w: one dense step over every stacked row of a batch. A text's
-** vector must not depend on the batch it came in, so a row's product must not depend on how many
-** rows share it. OpenBLAS 0.3.21 gives each row the same bits for any row count from 4 up, but
-** below that it takes another kernel for the 512 x 512 products whose sums round differently;
-** fewer than DENSE_MIN_ROWS rows (8, a margin above that) are therefore run as that many, with
-** the added rows of a zeroed. */
-void dense(float *a, int rows, int k, const float *w, int n, float *c)
+/* c (rows x n, row stride ldc) = a (rows x k) w (k x n, row stride ldw), or c += that product
+** when add is set: one dense step over every stacked row of a batch. A text's vector must not
+** depend on the batch it came in, so a row's product must not depend on how many rows share it.
+** OpenBLAS 0.3.21 gives each row the same bits for any row count from 4 up, but below that it
+** takes another kernel for the 512 x 512 products whose sums round differently; fewer than
+** DENSE_MIN_ROWS rows (8, a margin above that) are therefore run as that many, with the added
+** rows of a (and of c when adding) zeroed. */
+void dense(float *a, int rows, int k, const float *w, int ldw, int n, float *c, int ldc, bool add)
 {
     if (rows < DENSE_MIN_ROWS) {
-        memset(a + (size_t)rows * k, 0, (size_t)(DENSE_MIN_ROWS - rows) * k * sizeof(float));
+        for (int i = rows; i < DENSE_MIN_ROWS; i++) {
+            memset(a + (size_t)i * k, 0, (size_t)k * sizeof(float));
+            if (add) {
+                memset(c + (size_t)i * ldc, 0, (size_t)n * sizeof(float));
+            }
+        }
         rows = DENSE_MIN_ROWS;
     }
-    sgemm(false, false, rows, n, k, 1.0f, a, k, w, n, 0.0f, c, n);
+    sgemm(false, false, rows, n, k, 1.0f, a, k, w, ldw, add ? 1.0f : 0.0f, c, ldc);
 }
 
 /* The attention of one text of n >= 1 positions whose rows start at row `at`: writes its rows of
@@ -285,51 +268,51 @@ void layer_forward(TrnScratch *ws, const TrnEncoderLayer *layer, const int *lens
         save_rows(save->x[l], ws->x, rows, DIM);
     }
     norm_rows(ws, rows, layer->ln1_gamma, layer->ln1_beta, save, l, false);
-    dense(ws->xn, rows, DIM, layer->wq, DIM, ws->q);
-    dense(ws->xn, rows, DIM, layer->wk, DIM, ws->k);
-    dense(ws->xn, rows, DIM, layer->wv, DIM, ws->v);
+    dense(ws->xn, rows, DIM, layer->wq, DIM, DIM, ws->q, DIM, false);
+    dense(ws->xn, rows, DIM, layer->wk, DIM, DIM, ws->k, DIM, false);
+    dense(ws->xn, rows, DIM, layer->wv, DIM, DIM, ws->v, DIM, false);
     if (save) {
         save_rows(save->a[l], ws->xn, rows, DIM);
         save_rows(save->q[l], ws->q, rows, DIM);
         save_rows(save->k[l], ws->k, rows, DIM);
         save_rows(save->v[l], ws->v, rows, DIM);
     }
-    memset(ws->heads, 0, (size_t)rows * DIM * sizeof(float));
     for (int s = 0, at = 0; s < count; at += lens[s], s++) {
         if (lens[s] > 0) {
             attend(ws, at, lens[s], save ? save->probs[l] : nullptr);
         }
     }
-    float *out = ws->q; /* free from here on */
-    dense(ws->heads, rows, DIM, layer->wo, DIM, out);
-    vec_add(ws->x, out, ws->x, (size_t)rows * DIM);
+    dense(ws->heads, rows, DIM, layer->wo, DIM, DIM, ws->x, DIM, true);
     if (save) {
         save_rows(save->ctx[l], ws->heads, rows, DIM);
         save_rows(save->mid[l], ws->x, rows, DIM);
     }
 
+    /* The feed-forward step a block of FF_BLOCK hidden units at a time, so that the hidden rows
+    ** stay in cache between the two products and GELU; each block's down product is added to the
+    ** residual stream. */
     norm_rows(ws, rows, layer->ln2_gamma, layer->ln2_beta, save, l, true);
     if (save) {
         save_rows(save->b[l], ws->xn, rows, DIM);
     }
-    dense(ws->xn, rows, DIM, layer->w1, FF, ws->hidden);
-    for (int i = 0; i < rows; i++) {
-        float *row = ws->hidden + (size_t)i * FF;
-        vec_add(row, layer->b1, row, FF);
-        if (save) {
-            save_rows(save->h[l] + (size_t)i * FF, row, 1, FF);
+    for (int j = 0; j < FF; j += FF_BLOCK) {
+        dense(ws->xn, rows, DIM, layer->w1 + j, FF, FF_BLOCK, ws->hidden, FF_BLOCK, false);
+        for (int i = 0; i < rows; i++) {
+            float *row = ws->hidden + (size_t)i * FF_BLOCK;
+            if (save) {
+                vec_add(row, layer->b1 + j, save->h[l] + (size_t)i * FF + j, FF_BLOCK);
+            }
+            vec_bias_gelu(row, layer->b1 + j, FF_BLOCK);
+            if (save) {
+                memcpy(save->g[l] + (size_t)i * FF + j, row, FF_BLOCK * sizeof(float));
+            }
         }
-        gelu_vec_inplace(row, ws->gelu_cube, ws->gelu_inner);
+        dense(ws->hidden, rows, FF_BLOCK, layer->w2 + (size_t)j * DIM, DIM, DIM, ws->x, DIM, true);
     }
-    if (save) {
-        save_rows(save->g[l], ws->hidden, rows, FF);
-    }
-    dense(ws->hidden, rows, FF, layer->w2, DIM, out);
     for (int i = 0; i < rows; i++) {
-        float *row = out + (size_t)i * DIM;
+        float *row = ws->x + (size_t)i * DIM;
         vec_add(row, layer->b2, row, DIM);
     }
-    vec_add(ws->x, out, ws->x, (size_t)rows * DIM);
 }
 
 /* The unit vector of one text from its n rows after the final norm, as encoder_forward's result:
@@ -365,11 +348,8 @@ TrnScratch *scratch_new_batch(int sequences)
     ws->k = encoder_alloc_floats(rows * DIM);
     ws->v = encoder_alloc_floats(rows * DIM);
     ws->heads = encoder_alloc_floats(rows * DIM);
-    ws->hidden = encoder_alloc_floats(rows * FF);
+    ws->hidden = encoder_alloc_floats(rows * FF_BLOCK);
     ws->scores = encoder_alloc_floats((size_t)MAX_SEQ * MAX_SEQ);
-    ws->norm_row = encoder_alloc_floats(DIM);
-    ws->gelu_cube = encoder_alloc_floats(FF);
-    ws->gelu_inner = encoder_alloc_floats(FF);
     return ws;
 }
 
@@ -388,17 +368,7 @@ void scratch_free(TrnScratch *ws)
     if (!ws) {
         return;
     }
-    float *buffers[] = {ws->x,
-                        ws->xn,
-                        ws->q,
-                        ws->k,
-                        ws->v,
-                        ws->heads,
-                        ws->hidden,
-                        ws->scores,
-                        ws->norm_row,
-                        ws->gelu_cube,
-                        ws->gelu_inner};
+    float *buffers[] = {ws->x, ws->xn, ws->q, ws->k, ws->v, ws->heads, ws->hidden, ws->scores};
     for (float *b : buffers) {
         free(b);
     }
@@ -425,8 +395,7 @@ void encoder_drop_bag(TrnEncoder *enc)
 
 void encoder_final_norm(const TrnEncoder *enc, float *row)
 {
-    float tmp[DIM];
-    layernorm(row, enc->ln_f_gamma, enc->ln_f_beta, tmp);
+    layernorm(row, enc->ln_f_gamma, enc->ln_f_beta, row);
 }
 
 void encoder_redraw(TrnEncoder *enc, uint32_t seed)
@@ -455,8 +424,10 @@ void encoder_forward_shapes(int n, GemmShape *out)
             out[at++] = GemmShape{false, false, n, HEAD_DIM, n}; /* scores x V */
         }
         out[at++] = GemmShape{false, false, rows, DIM, DIM}; /* output projection */
-        out[at++] = GemmShape{false, false, rows, FF, DIM};  /* up */
-        out[at++] = GemmShape{false, false, rows, DIM, FF};  /* down */
+        for (int j = 0; j < FF; j += FF_BLOCK) {
+            out[at++] = GemmShape{false, false, rows, FF_BLOCK, DIM}; /* up, one block */
+            out[at++] = GemmShape{false, false, rows, DIM, FF_BLOCK}; /* down, one block */
+        }
     }
 }
 
@@ -484,7 +455,7 @@ void encoder_forward_batch(const TrnEncoder *enc, TrnScratch *ws, const uint32_t
         layernorm(ws->x + (size_t)i * DIM,
                   enc->ln_f_gamma,
                   enc->ln_f_beta,
-                  ws->norm_row,
+                  ws->x + (size_t)i * DIM,
                   save ? save->lnf_mean + i : nullptr,
                   save ? save->lnf_rstd + i : nullptr);
     }

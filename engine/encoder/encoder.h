@@ -99,10 +99,10 @@ constexpr float WEIGHT_ABS_MAX = 1e4f;
 float *encoder_alloc_floats(size_t n);
 /* The most texts one forward pass stacks (encoder_embed_batch): 4 x 256 rows at most. */
 constexpr int ENCODER_BATCH = 4;
-/* The buffers of one embedding (encoder.cpp), about 5 MB. One scratch serves one embedding at a
+/* The buffers of one embedding (encoder.cpp), about 4 MB. One scratch serves one embedding at a
 ** time; embeddings with different scratches may run at once on the same encoder. */
 TrnScratch *scratch_new(void);
-/* As scratch_new, with room for a forward pass over up to sequences texts (about 5 MB each). */
+/* As scratch_new, with room for a forward pass over up to sequences texts (about 4 MB each). */
 TrnScratch *scratch_new_batch(int sequences);
 int scratch_sequences(const TrnScratch *ws); /* what it was made for; 0 for NULL */
 void scratch_free(TrnScratch *ws);           /* NULL is ignored */
@@ -146,8 +146,11 @@ struct GemmShape {
     bool trans_a, trans_b;
     int m, n, k;
 };
+/* The feed-forward hidden units one pair of products covers (encoder.cpp). */
+constexpr int ENCODER_FF_BLOCK = 512;
 /* The products encoder_forward issues for one sequence. */
-constexpr int FORWARD_PRODUCTS = TRN_ENCODER_LAYERS * (6 + 2 * TRN_ENCODER_HEADS);
+constexpr int FORWARD_PRODUCTS =
+    TRN_ENCODER_LAYERS * (4 + 2 * TRN_ENCODER_FF / ENCODER_FF_BLOCK + 2 * TRN_ENCODER_HEADS);
 /* The products encoder_forward issues for one sequence of n positions, in its order (the dense
 ** ones over 8 rows at least): writes FORWARD_PRODUCTS shapes to out. What the trainer counts and
 ** the benchmarks replay. */

@@ -6,11 +6,13 @@
 ** loops read each element once before writing it). Reductions keep several partial sums so the
 ** compiler may reorder them; results equal a naive loop up to float rounding.
 **
-** vec_exp and vec_tanh never call libm per element: they work on eight floats at a time with
+** exp and tanh never call libm per element: they work on eight floats at a time with
 ** GCC vector extensions (which GCC maps onto whatever SIMD width -march allows), using the
 ** classic range reduction and minimax polynomials of the Cephes library's expf and tanhf. Both
 ** stay within a few ulp of libm over the whole float line; exp gives subnormal results down to
 ** the underflow limit and 0 below it, as libm does, so very negative softmax inputs become 0.
+** The encoder's softmax, GELU and layer norm each take one pass over a row (vec_exp_sum,
+** vec_bias_gelu, vec_norm_affine) rather than one per operation.
 */
 #include "internal.h"
 
@@ -25,6 +27,8 @@ namespace
 typedef float f32x8 __attribute__((vector_size(32)));
 typedef int32_t i32x8 __attribute__((vector_size(32)));
 constexpr size_t LANES = 8;
+constexpr float GELU_C = 0.044715f;
+constexpr float SQRT_2_OVER_PI = 0.7978846f;
 
 inline f32x8 splat(float v)
 {
@@ -226,20 +230,6 @@ void vec_add(const float *a, const float *b, float *c, size_t n)
     }
 }
 
-void vec_mul(const float *a, const float *b, float *c, size_t n)
-{
-    for (size_t i = 0; i < n; i++) {
-        c[i] = a[i] * b[i];
-    }
-}
-
-void vec_sadd(const float *a, float s, float *c, size_t n)
-{
-    for (size_t i = 0; i < n; i++) {
-        c[i] = a[i] + s;
-    }
-}
-
 void vec_smul(const float *a, float s, float *c, size_t n)
 {
     for (size_t i = 0; i < n; i++) {
@@ -247,21 +237,63 @@ void vec_smul(const float *a, float s, float *c, size_t n)
     }
 }
 
-void vec_sq(const float *a, float *c, size_t n)
-{
-    for (size_t i = 0; i < n; i++) {
-        c[i] = a[i] * a[i];
-    }
-}
-
-void vec_exp(float *x, size_t n)
-{
-    map8(x, n, exp8);
-}
-
 void vec_tanh(float *x, size_t n)
 {
     map8(x, n, tanh8);
+}
+
+float vec_exp_sum(float *x, float shift, size_t n)
+{
+    const f32x8 s = splat(shift);
+    f32x8 acc = splat(0.0f);
+    size_t i = 0;
+    for (; i + LANES <= n; i += LANES) {
+        f32x8 e = exp8(load8(x + i) - s);
+        store8(x + i, e);
+        acc += e;
+    }
+    float sum = 0.0f;
+    if (i < n) {
+        float block[LANES] = {0, 0, 0, 0, 0, 0, 0, 0};
+        memcpy(block, x + i, (n - i) * sizeof(float));
+        store8(block, exp8(load8(block) - s));
+        memcpy(x + i, block, (n - i) * sizeof(float));
+        for (size_t j = 0; j < n - i; j++) {
+            sum += block[j];
+        }
+    }
+    for (size_t j = 0; j < LANES; j++) {
+        sum += acc[j];
+    }
+    return sum;
+}
+
+void vec_bias_gelu(float *h, const float *b, size_t n)
+{
+    const auto gelu = [](f32x8 t) {
+        f32x8 inner = (t + t * t * t * splat(GELU_C)) * splat(SQRT_2_OVER_PI);
+        return t * (tanh8(inner) + splat(1.0f)) * splat(0.5f);
+    };
+    size_t i = 0;
+    for (; i + LANES <= n; i += LANES) {
+        store8(h + i, gelu(load8(h + i) + load8(b + i)));
+    }
+    if (i < n) {
+        float block[LANES] = {0, 0, 0, 0, 0, 0, 0, 0};
+        for (size_t j = 0; j < n - i; j++) {
+            block[j] = h[i + j] + b[i + j];
+        }
+        store8(block, gelu(load8(block)));
+        memcpy(h + i, block, (n - i) * sizeof(float));
+    }
+}
+
+void vec_norm_affine(const float *a, float mean, float scale, const float *gamma, const float *beta,
+                     float *c, size_t n)
+{
+    for (size_t i = 0; i < n; i++) {
+        c[i] = (a[i] - mean) * scale * gamma[i] + beta[i];
+    }
 }
 
 void vec_normalize(float *x, size_t n)

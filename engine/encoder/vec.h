@@ -14,12 +14,17 @@ float vec_mean(const float *a, size_t n);                         // sum a[i] / 
 float vec_meansq(const float *a, size_t n);                       // sum a[i]^2 / n
 float vec_max(const float *a, size_t n);                          // max a[i]
 void vec_add(const float *a, const float *b, float *c, size_t n); // c[i] = a[i] + b[i]
-void vec_mul(const float *a, const float *b, float *c, size_t n); // c[i] = a[i] * b[i]
-void vec_sadd(const float *a, float s, float *c, size_t n);       // c[i] = a[i] + s
 void vec_smul(const float *a, float s, float *c, size_t n);       // c[i] = a[i] * s
-void vec_sq(const float *a, float *c, size_t n);                  // c[i] = a[i]^2
-void vec_exp(float *x, size_t n);                                 // x[i] = e^x[i]
 void vec_tanh(float *x, size_t n);                                // x[i] = tanh(x[i])
+/* The encoder's row passes, each one pass over the data (a compiler that contracts a * b + c
+** rounds those once):
+**   x[i] = e^(x[i] - shift), returning the sum of the results as vec_sum adds them; */
+float vec_exp_sum(float *x, float shift, size_t n);
+/*   h[i] = gelu(h[i] + b[i]) with gelu(t) = 0.5 t (1 + tanh(sqrt(2/pi) (t + 0.044715 t^3)));  */
+void vec_bias_gelu(float *h, const float *b, size_t n);
+/*   c[i] = (a[i] - mean) * scale * gamma[i] + beta[i], a layer norm's output (c may be a). */
+void vec_norm_affine(const float *a, float mean, float scale, const float *gamma, const float *beta,
+                     float *c, size_t n);
 /* Scales x to unit length when its sum of squares exceeds 1e-24; else leaves it. */
 void vec_normalize(float *x, size_t n);
 
