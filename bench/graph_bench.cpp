@@ -1,7 +1,7 @@
 /*
 ** graph_bench.cpp -- the engine's HNSW graph next to hnswlib on the same vectors.
 **
-**   graph_bench [--n N] [--queries Q] [--real N] [--real-dir DIR] [--group G] [--seed S]
+**   graph_bench [--n N] [--queries Q] [--real N] [--real-dir DIR] [--seed S]
 **               [--no-synthetic] [--no-real]
 **
 ** Two data sets, each indexed by both graphs with the same parameters (M 16, ef_construction 100,
@@ -24,9 +24,7 @@
 ** a shared machine disturbs less than wall time) and recall@10 against exact search, then the
 ** ratios engine / hnswlib (below 1 means the engine is faster). The engine keeps M links per node
 ** at level 0 where hnswlib keeps 2M; a third row runs hnswlib limited to M there as well, which
-** separates the cost of that choice from the cost of the implementation. Two more rows link the
-** engine's graph G vectors at a time (default 1,024, the meaning phase's largest group) as the
-** meaning phase links a group, on one worker and on two (build time in wall seconds there).
+** separates the cost of that choice from the cost of the implementation.
 */
 #include "common.h"
 #include "encoder/encoder.h"
@@ -71,7 +69,6 @@ struct Options {
     long real = 4000;
     std::string real_dir = "/usr/share/doc/python3/html";
     unsigned seed = 1234;
-    long group = 1024;
     bool synthetic = true;
     bool real_run = true;
 };
@@ -264,33 +261,18 @@ double recall_of(const std::vector<uint32_t> &got, const std::vector<uint32_t> &
     return (double)hit / (double)(q * K);
 }
 
-/* The engine's graph, its vectors linked one by one (group 0), or `group` at a time as the meaning
-** phase links them, on `workers` workers: then the build time is wall time. */
-Figures run_engine(const DataSet &d, const std::vector<uint32_t> &truth, unsigned seed, long group,
-                   int workers)
+Figures run_engine(const DataSet &d, const std::vector<uint32_t> &truth, unsigned seed)
 {
     TrnConfig cfg = {nullptr, nullptr, DIM, GRAPH_M, EF_CONSTRUCTION, EF_SEARCH};
     TrnEngine *e = trn_open(&cfg);
     probe_seed_levels(e, seed); // the levels should not change between runs
-    probe_set_embed_threads(e, workers);
     Figures f;
     double t0 = bench::thread_cpu_seconds();
-    Clock::time_point wall = Clock::now();
     probe_reserve(e, (uint64_t)d.n);
-    std::vector<uint32_t> members;
     for (long i = 0; i < d.n; i++) {
-        uint64_t slot = probe_append(e, "", nullptr, nullptr, 0, &d.base[(size_t)i * DIM]);
-        if (group == 0) {
-            probe_link(e, slot);
-            continue;
-        }
-        members.push_back((uint32_t)slot);
-        if ((long)members.size() == group || i + 1 == d.n) {
-            hnsw_insert_group(e, members.data(), members.size());
-            members.clear();
-        }
+        probe_link(e, probe_append(e, "", nullptr, nullptr, 0, &d.base[(size_t)i * DIM]));
     }
-    f.build_s = workers > 1 ? bench::seconds_since(wall) : bench::thread_cpu_seconds() - t0;
+    f.build_s = bench::thread_cpu_seconds() - t0;
 
     std::vector<uint32_t> got((size_t)d.q * K, UINT32_MAX);
     float scores[K];
@@ -336,7 +318,7 @@ Figures run_hnswlib(const DataSet &d, const std::vector<uint32_t> &truth, unsign
     return f;
 }
 
-void report(const DataSet &d, unsigned seed, long group)
+void report(const DataSet &d, unsigned seed)
 {
     printf("\n## %s: n=%ld, %ld queries, dim=%d, M=%d, ef_construction=%d, ef=%d, one "
            "thread\n\n",
@@ -349,30 +331,19 @@ void report(const DataSet &d, unsigned seed, long group)
            EF_SEARCH);
     fflush(stdout);
     std::vector<uint32_t> truth = exact_neighbors(d);
-    Figures ours = run_engine(d, truth, seed, 0, 1);
-    Figures grouped = run_engine(d, truth, seed, group, 1);
-    Figures grouped_2 = run_engine(d, truth, seed, group, 2);
+    Figures ours = run_engine(d, truth, seed);
     Figures ref = run_hnswlib(d, truth, seed, 0);
     Figures ref_m = run_hnswlib(d, truth, seed, GRAPH_M);
-    printf("| %-40s | build s | inserts/s | query us | queries/s | recall@10 |\n", "graph");
-    printf(
-        "|------------------------------------------|--------:|----------:|---------:|----------:"
-        "|----------:|\n");
-    const Figures *rows[5] = {&ours, &grouped, &grouped_2, &ref, &ref_m};
-    char in_groups[2][64];
-    for (int w = 0; w < 2; w++) {
-        snprintf(in_groups[w],
-                 sizeof in_groups[w],
-                 "tarnwick, groups of %ld, %d worker%s",
-                 group,
-                 w + 1,
-                 w == 0 ? "" : "s (wall)");
-    }
-    const char *names[5] = {
-        "tarnwick", in_groups[0], in_groups[1], "hnswlib", "hnswlib, M links at lvl 0"};
-    for (int r = 0; r < 5; r++) {
+    printf("| graph                     | build s | inserts/s | query us | queries/s | recall@10 "
+           "|\n");
+    printf("|---------------------------|--------:|----------:|---------:|----------:|----------:"
+           "|\n");
+    const Figures *rows[3] = {&ours, &ref, &ref_m};
+    const char *names[3] = {
+        "tarnwick                 ", "hnswlib                  ", "hnswlib, M links at lvl 0"};
+    for (int r = 0; r < 3; r++) {
         const Figures &f = *rows[r];
-        printf("| %-40s | %7.2f | %9.0f | %8.1f | %9.0f | %9.4f |\n",
+        printf("| %s | %7.2f | %9.0f | %8.1f | %9.0f | %9.4f |\n",
                names[r],
                f.build_s,
                d.n / f.build_s,
@@ -409,8 +380,6 @@ int main(int argc, char **argv)
             o.real = bench::parse_count("graph_bench", argv[++i]);
         } else if (a == "--real-dir" && has_value) {
             o.real_dir = argv[++i];
-        } else if (a == "--group" && has_value) {
-            o.group = bench::parse_count("graph_bench", argv[++i]);
         } else if (a == "--seed" && has_value) {
             o.seed = (unsigned)bench::parse_count("graph_bench", argv[++i]);
         } else if (a == "--no-synthetic") {
@@ -420,12 +389,12 @@ int main(int argc, char **argv)
         } else {
             fprintf(stderr,
                     "usage: graph_bench [--n N] [--queries Q] [--real N] [--real-dir DIR] "
-                    "[--group G] [--seed S] [--no-synthetic] [--no-real]\n");
+                    "[--seed S] [--no-synthetic] [--no-real]\n");
             return 2;
         }
     }
     if (o.synthetic) {
-        report(make_synthetic(o.n, o.queries, o.seed), o.seed, o.group);
+        report(make_synthetic(o.n, o.queries, o.seed), o.seed);
     }
     if (o.real_run) {
         DataSet d;
@@ -436,7 +405,7 @@ int main(int argc, char **argv)
                o.queries);
         fflush(stdout);
         if (make_real(o, &d)) {
-            report(d, o.seed, o.group);
+            report(d, o.seed);
         }
     }
     return 0;

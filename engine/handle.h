@@ -98,8 +98,6 @@ struct TrnEngine {
     /* graph search scratch, kept between calls so a search clears nothing (hnsw.cpp) */
     TrnVisited visited;
     TrnGraphScratch *graph_scratch; /* NULL until the first graph search */
-    TrnGraphScratch *
-        *graph_helpers; /* the helper workers' when a group is linked (slot 0 unused) */
 
     /* word index of the live chunks (word_index.cpp); NULL until the first lex_sync */
     TrnLexical *lexical;

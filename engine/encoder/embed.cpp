@@ -40,6 +40,8 @@
 namespace
 {
 
+constexpr int32_t EMBED_THREADS_MAX = 8;
+
 /* The workers read only the encoder and write only their rows of out: nothing of the handle, which
 ** the calling thread may change meanwhile (embed_start). */
 struct EmbedJob {
@@ -50,6 +52,11 @@ struct EmbedJob {
     float *out;
     size_t workers;
     std::atomic<size_t> next;
+};
+
+struct EmbedWorker {
+    EmbedJob *job;
+    TrnScratch *scratch;
 };
 
 /* The texts for a worker's next forward pass, from *first on: an even share of those left, 1 to
@@ -100,46 +107,11 @@ void embed_loop(EmbedJob *job, TrnScratch *scratch)
     }
 }
 
-/* Threads started beside the calling thread: thread i (from 1) calls fn(arg, i). */
-struct Helpers {
-    void (*fn)(void *, int32_t);
-    void *arg;
-    int32_t started;
-    pthread_t threads[EMBED_THREADS_MAX];
-    struct Start {
-        Helpers *helpers;
-        int32_t i;
-    } starts[EMBED_THREADS_MAX];
-};
-
-void *helper_thread(void *arg)
+void *embed_thread(void *arg)
 {
-    Helpers::Start *start = static_cast<Helpers::Start *>(arg);
-    start->helpers->fn(start->helpers->arg, start->i);
+    EmbedWorker *w = static_cast<EmbedWorker *>(arg);
+    embed_loop(w->job, w->scratch);
     return nullptr;
-}
-
-/* Starts threads 1 to workers - 1; one that cannot be started is left out. */
-void helpers_start(Helpers *h, int32_t workers, void (*fn)(void *, int32_t), void *arg)
-{
-    h->fn = fn;
-    h->arg = arg;
-    h->started = 0;
-    for (int32_t i = 1; i < workers && i < EMBED_THREADS_MAX; i++) {
-        h->starts[h->started] = Helpers::Start{h, i};
-        if (pthread_create(&h->threads[h->started], nullptr, helper_thread, &h->starts[h->started])
-            != 0) {
-            break;
-        }
-        h->started++;
-    }
-}
-
-void helpers_join(Helpers *h)
-{
-    for (int32_t i = 0; i < h->started; i++) {
-        pthread_join(h->threads[i], nullptr);
-    }
 }
 
 /* Worker i's scratch, with room for a forward pass over `sequences` texts. Worker 0 is the
@@ -197,31 +169,14 @@ void embed_chunk(TrnEngine *e, const char *text, float *v)
     embed_chunk_with(e, worker_scratch(e, 0, 1), text, v);
 }
 
-void run_on_workers(int32_t workers, void (*fn)(void *, int32_t), void *arg)
-{
-    Helpers h;
-    helpers_start(&h, workers, fn, arg);
-    fn(arg, 0);
-    helpers_join(&h);
-}
-
-/* An embedding under way: its job, each worker's scratch, and the helper threads started for it. */
+/* An embedding under way: its job, and the helper threads started for it. */
 struct EmbedRun {
     EmbedJob job;
-    TrnScratch *scratch[EMBED_THREADS_MAX]; /* 0: the calling thread's */
-    Helpers helpers;
+    TrnScratch *own; /* the calling thread's scratch */
+    EmbedWorker helpers[EMBED_THREADS_MAX];
+    pthread_t threads[EMBED_THREADS_MAX];
+    int32_t started;
 };
-
-namespace
-{
-
-void embed_worker(void *arg, int32_t i)
-{
-    EmbedRun *run = static_cast<EmbedRun *>(arg);
-    embed_loop(&run->job, run->scratch[i]);
-}
-
-} // namespace
 
 EmbedRun *embed_start(TrnEngine *e, const char *const *texts, size_t count, float *out)
 {
@@ -233,9 +188,6 @@ EmbedRun *embed_start(TrnEngine *e, const char *const *texts, size_t count, floa
     if ((size_t)workers > count) {
         workers = (int32_t)count;
     }
-    if (workers < 1) {
-        workers = 1;
-    }
     EmbedRun *run = new (xmalloc(sizeof(EmbedRun))) EmbedRun;
     EmbedJob &job = run->job;
     job.encoder = &e->encoder;
@@ -243,24 +195,32 @@ EmbedRun *embed_start(TrnEngine *e, const char *const *texts, size_t count, floa
     job.texts = texts;
     job.count = count;
     job.out = out;
-    job.workers = (size_t)workers;
+    job.workers = (size_t)(workers > 0 ? workers : 1);
     job.next.store(0, std::memory_order_relaxed);
     /* A bag of words issues no products: its texts go one at a time, in a scratch of one. */
     const int sequences = e->encoder.bag_rows ? 1 : ENCODER_BATCH;
     /* Scratch spaces are made here, on the calling thread, so an allocation failure ends the
     ** process from the thread that called the engine. */
-    for (int32_t i = 0; i < workers; i++) {
-        run->scratch[i] = worker_scratch(e, i, sequences);
+    run->own = worker_scratch(e, 0, sequences);
+    run->started = 0;
+    for (int32_t i = 1; i < workers; i++) {
+        EmbedWorker &w = run->helpers[run->started];
+        w.job = &job;
+        w.scratch = worker_scratch(e, i, sequences);
+        if (pthread_create(&run->threads[run->started], nullptr, embed_thread, &w) != 0) {
+            break; /* fewer workers: the calling thread embeds what no thread takes */
+        }
+        run->started++;
     }
-    /* fewer threads if some cannot start: the calling thread embeds what no thread takes */
-    helpers_start(&run->helpers, workers, embed_worker, run);
     return run;
 }
 
 void embed_finish(EmbedRun *run)
 {
-    embed_worker(run, 0);
-    helpers_join(&run->helpers);
+    embed_loop(&run->job, run->own);
+    for (int32_t i = 0; i < run->started; i++) {
+        pthread_join(run->threads[i], nullptr);
+    }
     run->~EmbedRun();
     free(run);
 }

@@ -13,12 +13,6 @@
 #include <cstdint>
 #include <vector>
 
-/* The most workers that embed, or link a group into the graph, at once. */
-constexpr int32_t EMBED_THREADS_MAX = 8;
-/* Runs fn(arg, i) on workers workers at once: i = 0 on the calling thread, 1 to workers - 1 on
-** threads started for the call (one that cannot start is left out, so fn must share its work
-** through a counter), and returns when all have returned. The embedding runs the same way. */
-void run_on_workers(int32_t workers, void (*fn)(void *, int32_t), void *arg);
 /* Embeds text into v (dim floats) and normalises it, as add_doc_mem does, on the calling thread
 ** with the encoder's own scratch. */
 void embed_chunk(TrnEngine *e, const char *text, float *v);

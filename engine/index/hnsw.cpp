@@ -60,9 +60,6 @@ struct TrnGraphScratch {
     EntryArray prune_out; /* selection of prune_neighbors */
     uint32_t *fresh;      /* newly visited neighbours of one expanded node */
     int32_t fresh_capacity;
-    EntryArray near;   /* the nearest earlier members of a group (link_prepare) */
-    EntryArray merged; /* the graph's candidates and the group's, nearest first */
-    TrnVisited own;    /* the visited marks of a helper worker (worker 0 uses the handle's) */
 };
 
 namespace
@@ -98,9 +95,7 @@ inline void prefetch_vector(const TrnEngine *e, uint32_t i)
     }
 }
 
-/* Room for n entries in a's items (a Heap or an EntryArray): from 64, doubling. */
-template <typename T>
-void entries_reserve(T *a, int32_t n)
+void entries_reserve(EntryArray *a, int32_t n)
 {
     if (a->capacity >= n) {
         return;
@@ -111,6 +106,19 @@ void entries_reserve(T *a, int32_t n)
     }
     a->items = (HeapEntry *)xrealloc(a->items, xmul((size_t)c, sizeof(HeapEntry)));
     a->capacity = c;
+}
+
+void heap_reserve(Heap *h, int32_t n)
+{
+    if (h->capacity >= n) {
+        return;
+    }
+    int32_t c = h->capacity > 0 ? h->capacity : 64;
+    while (c < n) {
+        c *= 2;
+    }
+    h->items = (HeapEntry *)xrealloc(h->items, xmul((size_t)c, sizeof(HeapEntry)));
+    h->capacity = c;
 }
 
 /* a belongs above b: strictly larger distance in a max-heap, strictly smaller in a min-heap. */
@@ -126,7 +134,7 @@ template <bool IS_MAX>
 inline void heap_push(Heap *h, HeapEntry x)
 {
     if (h->size == h->capacity) {
-        entries_reserve(h, h->capacity > 0 ? h->capacity * 2 : 64);
+        heap_reserve(h, h->capacity > 0 ? h->capacity * 2 : 64);
     }
     HeapEntry *a = h->items;
     int32_t pos = h->size++;
@@ -206,7 +214,7 @@ TrnGraphScratch *scratch_of(TrnEngine *e)
 
 /* Greedy descent on one level: moves to a strictly closer neighbour until none is. Each pass
 ** scans the list of the node it began with. */
-uint32_t greedy_update(const TrnEngine *e, const float *q, uint32_t cur, int32_t level)
+uint32_t greedy_update(TrnEngine *e, const float *q, uint32_t cur, int32_t level)
 {
     float best = dist_to(e, q, cur);
     for (;;) {
@@ -240,12 +248,13 @@ uint32_t greedy_update(const TrnEngine *e, const float *q, uint32_t cur, int32_t
 
 /* Best-first search of one level from entry; the ef nearest live chunks end up in w. Every newly
 ** visited node becomes a candidate, whether or not it enters w. */
-void search_layer(const TrnEngine *e, TrnGraphScratch *s, TrnVisited *vis, const float *q,
-                  uint32_t entry, int32_t level, int32_t ef, Heap *w)
+void search_layer(TrnEngine *e, const float *q, uint32_t entry, int32_t level, int32_t ef, Heap *w,
+                  TrnVisited *vis)
 {
+    TrnGraphScratch *s = e->graph_scratch;
     Heap *c = &s->c;
     c->size = 0;
-    entries_reserve(c, ef + 8);
+    heap_reserve(c, ef + 8);
     uint32_t *marks = vis->marks;
     const uint32_t epoch = vis->epoch;
     const uint32_t length = vis->length;
@@ -420,13 +429,14 @@ void add_neighbor_oneway(TrnEngine *e, uint32_t from, int32_t level, uint32_t to
 
 /* Cuts the list of id at level back to at most max_n by the diversity rule; the kept list is
 ** ordered by ascending distance from id, and deleted neighbours are dropped. */
-void prune_neighbors(TrnEngine *e, TrnGraphScratch *s, uint32_t id, int32_t level, int32_t max_n)
+void prune_neighbors(TrnEngine *e, uint32_t id, int32_t level, int32_t max_n)
 {
     TrnNode *node = &e->nodes[id];
     int32_t n = node->count[level];
     if (n <= max_n) {
         return;
     }
+    TrnGraphScratch *s = e->graph_scratch;
     entries_reserve(&s->prune_in, n);
     entries_reserve(&s->prune_out, max_n > 0 ? max_n : 1);
     const float *base = vec_at(e, id);
@@ -450,38 +460,13 @@ void prune_neighbors(TrnEngine *e, TrnGraphScratch *s, uint32_t id, int32_t leve
     node->count[level] = sel;
 }
 
-/* Merges the n candidates at cand (nearest first) with the nearest earlier members of a group that
-** reach level lc into s->merged: at most ef_construction in all, nearest first, the graph's
-** first of equal distances. Returns the count. */
-int32_t merge_earlier(const TrnEngine *e, TrnGraphScratch *s, const float *q, int32_t lc,
-                      const HeapEntry *cand, int32_t n, const uint32_t *earlier, size_t n_earlier)
+/* Frees a node's lists and zeroes it (level 0). */
+void clear_node(TrnNode *node)
 {
-    const int32_t ef = e->ef_construction;
-    Heap *near = &s->w; /* emptied by drain_sorted */
-    near->size = 0;
-    entries_reserve(near, ef + 8);
-    for (size_t k = 0; k < n_earlier; k++) {
-        uint32_t j = earlier[k];
-        if (e->nodes[j].level < lc) {
-            continue;
-        }
-        float d = dist_to(e, q, j);
-        if (near->size < ef) {
-            heap_push<true>(near, HeapEntry{j, d});
-        } else if (d < near->items[0].dist) {
-            heap_push<true>(near, HeapEntry{j, d});
-            heap_pop<true>(near);
-        }
+    for (int l = 0; l < TRN_MAX_LEVELS; l++) {
+        free(node->neighbors[l]);
     }
-    int32_t m = drain_sorted(near, &s->near);
-    const HeapEntry *other = s->near.items;
-    entries_reserve(&s->merged, ef);
-    int32_t a = 0, b = 0, out = 0;
-    while (out < ef && (a < n || b < m)) {
-        bool graph_first = b >= m || (a < n && !(other[b].dist < cand[a].dist));
-        s->merged.items[out++] = graph_first ? cand[a++] : other[b++];
-    }
-    return out;
+    memset(node, 0, sizeof(*node));
 }
 
 } // namespace
@@ -509,74 +494,6 @@ void node_set_list(TrnNode *node, int32_t l, const void *ids, uint32_t k)
     memcpy(node->neighbors[l], ids, (size_t)k * sizeof(uint32_t));
 }
 
-GraphWorker graph_worker(TrnEngine *e, int32_t i)
-{
-    if (i == 0) {
-        return GraphWorker{scratch_of(e), &e->visited};
-    }
-    if (!e->graph_helpers) {
-        e->graph_helpers =
-            static_cast<TrnGraphScratch **>(xcalloc(EMBED_THREADS_MAX, sizeof(TrnGraphScratch *)));
-    }
-    TrnGraphScratch **slot = &e->graph_helpers[i];
-    if (!*slot) {
-        *slot = static_cast<TrnGraphScratch *>(xcalloc(1, sizeof(TrnGraphScratch)));
-    }
-    return GraphWorker{*slot, &(*slot)->own};
-}
-
-void link_prepare(TrnEngine *e, GraphWorker w, uint32_t index, int32_t entry, int32_t max_level,
-                  const uint32_t *earlier, size_t n_earlier)
-{
-    TrnGraphScratch *s = w.s;
-    const int32_t level = e->nodes[index].level;
-    const int32_t M = e->M;
-    const int32_t ef = e->ef_construction;
-    const float *q = vec_at(e, index);
-    entries_reserve(&s->selected, M > 0 ? M : 1);
-    uint32_t cur = (uint32_t)entry;
-    for (int32_t l = max_level; l > level; l--) {
-        cur = greedy_update(e, q, cur, l);
-    }
-    for (int32_t lc = level; lc >= 0; lc--) {
-        HeapEntry *cand = nullptr;
-        int32_t n = 0;
-        if (lc <= max_level) {
-            vis_reset(w.vis, (uint32_t)e->count);
-            s->w.size = 0;
-            entries_reserve(&s->w, ef + 8);
-            search_layer(e, s, w.vis, q, cur, lc, ef, &s->w);
-            n = drain_sorted(&s->w, &s->sorted);
-            cand = s->sorted.items;
-            /* The next level's search starts at the nearest the graph gave, never at a member. */
-            float best = dist_to(e, q, cur);
-            for (int32_t j = 0; j < n; j++) {
-                if (cand[j].dist < best) {
-                    best = cand[j].dist;
-                    cur = cand[j].index;
-                }
-            }
-        }
-        if (n_earlier > 0) {
-            n = merge_earlier(e, s, q, lc, cand, n, earlier, n_earlier);
-            cand = s->merged.items;
-        }
-        int32_t sel = select_neighbors_diverse(e, cand, n, s->selected.items, M);
-        for (int32_t j = 0; j < sel; j++) {
-            add_neighbor_oneway(e, index, lc, s->selected.items[j].index);
-        }
-    }
-}
-
-void link_back(TrnEngine *e, TrnGraphScratch *s, uint32_t target, int32_t level,
-               const uint32_t *sources, size_t n)
-{
-    for (size_t k = 0; k < n; k++) {
-        add_neighbor_oneway(e, target, level, sources[k]);
-    }
-    prune_neighbors(e, s, target, level, e->M);
-}
-
 void hnsw_insert(TrnEngine *e, uint32_t index)
 {
     int32_t level = e->nodes[index].level;
@@ -585,14 +502,36 @@ void hnsw_insert(TrnEngine *e, uint32_t index)
         e->max_level = level;
         return;
     }
-    GraphWorker w = graph_worker(e, 0);
-    link_prepare(e, w, index, e->entry_point, e->max_level, nullptr, 0);
-    /* The links back, level by level from the top: a level's lists play no part in the searches
-    ** of the levels below it, so this is the order of linking each level as it is searched. */
-    for (int32_t lc = level; lc >= 0; lc--) {
-        const TrnNode *node = &e->nodes[index];
-        for (int32_t j = 0; j < node->count[lc]; j++) {
-            link_back(e, w.s, node->neighbors[lc][j], lc, &index, 1);
+    TrnGraphScratch *s = scratch_of(e);
+    const float *q = vec_at(e, index);
+    uint32_t cur = (uint32_t)e->entry_point;
+    for (int32_t l = e->max_level; l > level; l--) {
+        cur = greedy_update(e, q, cur, l);
+    }
+    const int32_t M = e->M;
+    entries_reserve(&s->selected, M > 0 ? M : 1);
+    int32_t top = level < e->max_level ? level : e->max_level;
+    for (int32_t lc = top; lc >= 0; lc--) {
+        vis_reset(&e->visited, (uint32_t)e->count);
+        s->w.size = 0;
+        heap_reserve(&s->w, e->ef_construction + 8);
+        search_layer(e, q, cur, lc, e->ef_construction, &s->w, &e->visited);
+        int32_t n = drain_sorted(&s->w, &s->sorted);
+        HeapEntry *sorted = s->sorted.items;
+        int32_t sel = select_neighbors_diverse(e, sorted, n, s->selected.items, M);
+        for (int32_t j = 0; j < sel; j++) {
+            uint32_t nb = s->selected.items[j].index;
+            add_neighbor_oneway(e, index, lc, nb);
+            add_neighbor_oneway(e, nb, lc, index);
+            prune_neighbors(e, nb, lc, M);
+        }
+        prune_neighbors(e, index, lc, M);
+        float best = dist_to(e, q, cur);
+        for (int32_t j = 0; j < n; j++) {
+            if (sorted[j].dist < best) {
+                best = sorted[j].dist;
+                cur = sorted[j].index;
+            }
         }
     }
     if (level > e->max_level) {
@@ -603,11 +542,16 @@ void hnsw_insert(TrnEngine *e, uint32_t index)
 
 void hnsw_rebuild(TrnEngine *e)
 {
+    if (e->count == 0) {
+        e->entry_point = -1;
+        e->max_level = -1;
+        return;
+    }
+    for (uint64_t i = 0; i < e->count; i++) {
+        clear_node(&e->nodes[i]);
+    }
     e->entry_point = -1;
     e->max_level = -1;
-    for (uint64_t i = 0; i < e->count; i++) {
-        node_reset(&e->nodes[i]);
-    }
     for (uint64_t i = 0; i < e->count; i++) {
         if (e->chunks[i].deleted || e->chunks[i].pending) {
             continue;
@@ -645,8 +589,8 @@ int32_t hnsw_query_width(TrnEngine *e, const float *q, int32_t k, int32_t ef, ui
     }
     vis_reset(&e->visited, (uint32_t)e->count);
     s->w.size = 0;
-    entries_reserve(&s->w, ef + 8);
-    search_layer(e, s, &e->visited, q, cur, 0, ef, &s->w);
+    heap_reserve(&s->w, ef + 8);
+    search_layer(e, q, cur, 0, ef, &s->w, &e->visited);
     int32_t n = drain_sorted(&s->w, &s->sorted);
     int32_t written = 0;
     for (int32_t j = 0; j < n && written < k; j++) {
@@ -661,40 +605,20 @@ int32_t hnsw_query_width(TrnEngine *e, const float *q, int32_t k, int32_t ef, ui
     return written;
 }
 
-namespace
-{
-
-void graph_scratch_free(TrnGraphScratch *s)
-{
-    if (!s) {
-        return;
-    }
-    free(s->w.items);
-    free(s->c.items);
-    free(s->sorted.items);
-    free(s->selected.items);
-    free(s->prune_in.items);
-    free(s->prune_out.items);
-    free(s->fresh);
-    free(s->near.items);
-    free(s->merged.items);
-    free(s->own.marks);
-    free(s);
-}
-
-} // namespace
-
 void hnsw_free_scratch(TrnEngine *e)
 {
     free(e->visited.marks);
     memset(&e->visited, 0, sizeof(e->visited));
-    graph_scratch_free(e->graph_scratch);
-    e->graph_scratch = nullptr;
-    if (e->graph_helpers) {
-        for (int32_t i = 1; i < EMBED_THREADS_MAX; i++) {
-            graph_scratch_free(e->graph_helpers[i]);
-        }
-        free(e->graph_helpers);
-        e->graph_helpers = nullptr;
+    TrnGraphScratch *s = e->graph_scratch;
+    if (s) {
+        free(s->w.items);
+        free(s->c.items);
+        free(s->sorted.items);
+        free(s->selected.items);
+        free(s->prune_in.items);
+        free(s->prune_out.items);
+        free(s->fresh);
+        free(s);
+        e->graph_scratch = nullptr;
     }
 }

@@ -7,7 +7,6 @@
 
 #include "tarnwick.h"
 
-#include <cstddef>
 #include <cstdint>
 
 constexpr int TRN_MAX_LEVELS = 32;
@@ -32,33 +31,6 @@ struct TrnGraphScratch;
 
 /* Links chunk index (whose level is set) into the graph. */
 void hnsw_insert(TrnEngine *e, uint32_t index);
-/* Links the count chunks at slots (no lists, none in the graph) into it as one group, each at a
-** level drawn in turn from the handle's generator (draw_level), as inserting them one by one
-** would draw, on up to e->embed_threads workers (hnsw_group.cpp). The group's members are
-*candidates of one
-** another beside those the graph as it stood gives them; the graph depends on where groups begin,
-** never on how many workers linked them. */
-void hnsw_insert_group(TrnEngine *e, const uint32_t *slots, size_t count);
-
-/* What one worker needs to search the graph: its heaps and its visited marks. Worker 0 is the
-** calling thread, with the handle's own, which searches use too; the others' are kept in the handle
-** between calls. Made on the calling thread before the workers start. */
-struct GraphWorker {
-    TrnGraphScratch *s;
-    TrnVisited *vis;
-};
-GraphWorker graph_worker(TrnEngine *e, int32_t i);
-/* The first half of inserting index (level set, no lists): the searches of its levels in the graph
-** of entry point entry and top level max_level, and the neighbours chosen there, written to its
-** own lists; nothing links back yet, and nothing else of the handle is written. The n_earlier
-** chunks at earlier (a group's members before it, in no list of that graph) are candidates at
-** their levels beside those the searches find. */
-void link_prepare(TrnEngine *e, GraphWorker w, uint32_t index, int32_t entry, int32_t max_level,
-                  const uint32_t *earlier, size_t n_earlier);
-/* The second half: appends the n sources to target's list at level (each once) and prunes it back
-** to M. Writes only target's list. */
-void link_back(TrnEngine *e, TrnGraphScratch *s, uint32_t target, int32_t level,
-               const uint32_t *sources, size_t n);
 /* Drops every link and re-inserts every live chunk with a new level. */
 void hnsw_rebuild(TrnEngine *e);
 /* Up to min(k, ef_search) nearest live chunks to the unit vector q, nearest first, with their

@@ -67,9 +67,6 @@ int32_t chunk_and_replace(TrnEngine *e, const char *path, const char *text, int6
 ** group and after each, done and total the embedded and all live chunks; false stops there.
 ** Returns false when a write failed (the status says why); what was committed stays. */
 bool embed_pending(TrnEngine *e, TrnProgressFn progress, void *user, bool *cancelled);
-/* Gives the pending chunk in slot its vector as set_chunk_vector does, and leaves it to be linked
-** with the rest of its group (hnsw_insert_group). */
-void give_vector(TrnEngine *e, uint64_t slot, const void *v);
 /* Live chunks and the pending ones among them. */
 void count_pending(const TrnEngine *e, uint64_t *live, uint64_t *pending);
 

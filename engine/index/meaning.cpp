@@ -7,10 +7,9 @@
 ** seconds where embedding takes minutes. Such chunks are pending: zeros for a vector, no links
 ** in the graph, left out of semantic search. The meaning phase then embeds them in slot order, a
 ** group at a time: the vectors are computed without the lock, logged as one group of 'V'
-** records under it (wal.cpp), and only then set and linked into the graph, the group at once on
-** the embedding workers (hnsw_group.cpp). A kill loses at most the group being embedded; the
-** next update, or the next start of the application, embeds what is still pending and reads no
-** file again for it.
+** records under it (wal.cpp), and only then set and linked into the graph. A kill loses at most
+** the group being embedded; the next update, or the next start of the application, embeds what
+** is still pending and reads no file again for it.
 **
 ** A group is sized to take about GROUP_SECONDS, so that a slow encoder (a transformer profile,
 ** a few chunks a second) still reports progress and stops soon when asked, and a fast one does
@@ -54,14 +53,6 @@ bool still_pending(const TrnEngine *e, const Taken &t)
 }
 
 } // namespace
-
-void give_vector(TrnEngine *e, uint64_t slot, const void *v)
-{
-    vectors_own(e); /* a log replayed over a mapped store */
-    memcpy(e->vectors + slot * (uint64_t)e->dim, v, (size_t)e->dim * sizeof(float));
-    e->chunks[slot].pending = 0;
-    node_reset(&e->nodes[slot]);
-}
 
 void count_pending(const TrnEngine *e, uint64_t *live, uint64_t *pending)
 {
@@ -156,14 +147,11 @@ bool commit_group(TrnEngine *e, const Group &g, bool *embedded)
     if (valid > 0 && !wal_commit_group(e, &group)) {
         ok = false;
     } else if (valid > 0) {
-        std::vector<uint32_t, XAllocator<uint32_t>> slots;
         for (size_t i = 0; i < taken.size(); i++) {
             if (still_pending(e, taken[i])) {
-                give_vector(e, taken[i].slot, g.vectors.data() + i * dim);
-                slots.push_back((uint32_t)taken[i].slot);
+                set_chunk_vector(e, taken[i].slot, g.vectors.data() + i * dim);
             }
         }
-        hnsw_insert_group(e, slots.data(), slots.size());
         *embedded = true;
         e->changed = 1;
         if (e->wal) {

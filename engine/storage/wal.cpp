@@ -47,7 +47,6 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <vector>
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -115,20 +114,7 @@ int64_t pending_slot(TrnEngine *e, const char *id)
     return -1;
 }
 
-/* The slots of a run of 'V' records, given their vectors and levels, linked as one group when a
-** record of another kind ends the run: the meaning phase logs each group it links at once as a
-** group of 'V' records only, and ingestion each 'V' right after its 'A', so replay links every
-** chunk as it was linked when logged. */
-using VectorRun = std::vector<uint32_t, XAllocator<uint32_t>>;
-
-void link_run(TrnEngine *e, VectorRun *run)
-{
-    hnsw_insert_group(e, run->data(), run->size());
-    run->clear();
-}
-
-/* Applies r; a 'V' record's slot joins run, which the caller links before any other record. */
-void apply_record(TrnEngine *e, const LogRecord *r, VectorRun *run)
+void apply_record(TrnEngine *e, const LogRecord *r)
 {
     if (r->op == 'A') {
         char *id = path_from_disk(e, r->id, r->id_len);
@@ -149,8 +135,7 @@ void apply_record(TrnEngine *e, const LogRecord *r, VectorRun *run)
         free(full);
         int64_t slot = pending_slot(e, id);
         if (slot >= 0) {
-            give_vector(e, (uint64_t)slot, r->text);
-            run->push_back((uint32_t)slot);
+            set_chunk_vector(e, (uint64_t)slot, r->text);
             e->meaning_hint = (uint64_t)slot + 1;
         }
     } else if (r->op == 'D') {
@@ -250,11 +235,7 @@ void apply_range(TrnEngine *e, const uint8_t *bytes, uint64_t from, uint64_t end
     ** the rebuild read of it, even when the group only adds (a file new to the old index). */
     const uint8_t *replaced = nullptr;
     uint32_t replaced_len = 0;
-    VectorRun run;
     while (c.left > 0 && parse_record(&c, &r)) {
-        if (r.op != 'V') {
-            link_run(e, &run);
-        }
         if (e->rebuild && r.op == 'A' && r.path_len > 0
             && (!replaced || replaced_len != r.path_len
                 || memcmp(replaced, r.path, r.path_len) != 0)) {
@@ -266,9 +247,8 @@ void apply_range(TrnEngine *e, const uint8_t *bytes, uint64_t from, uint64_t end
         } else if (r.op == 'C') {
             replaced = nullptr;
         }
-        apply_record(e, &r, &run);
+        apply_record(e, &r);
     }
-    link_run(e, &run);
 }
 
 void put_bytes(TrnBytes *b, const void *p, size_t n)
@@ -368,10 +348,9 @@ bool wal_replay_fd(TrnEngine *e, int fd, uint64_t from, bool apply)
             e->wal_chunks = chunks;
             /* Only 'A' means anything in such a log. */
             c = {bytes, (size_t)e->wal_end};
-            VectorRun none;
             while (apply && c.left > 0 && parse_record(&c, &r)) {
                 if (r.op == 'A') {
-                    apply_record(e, &r, &none);
+                    apply_record(e, &r);
                 }
             }
         }

@@ -159,25 +159,13 @@ void expect_lists_well_formed(HandGraph &g, bool allow_self)
     }
 }
 
-// n clustered points linked one by one, or with workers > 0 in groups as the meaning phase links
-// them: one into the empty graph, one alone, then up to 700 at a time.
 struct BuiltClusters {
     Clusters data;
     HandGraph g;
-    BuiltClusters(int n, int m, int workers = 0) : data(32, 40, 7), g(32, m, 100, 50, n)
+    BuiltClusters(int n, int m) : data(32, 40, 7), g(32, m, 100, 50, n)
     {
-        g.e->embed_threads = workers;
-        std::vector<uint32_t> group;
         for (int i = 0; i < n; i++) {
-            if (workers == 0) {
-                g.add(data.draw(), draw_level(&g.e->level_state, g.e->level_mult));
-                continue;
-            }
-            group.push_back(g.place(data.draw(), 0)); /* hnsw_insert_group draws the level */
-            if (i == 0 || i == 1 || group.size() == 700 || i == n - 1) {
-                hnsw_insert_group(g.e, group.data(), group.size());
-                group.clear();
-            }
+            g.add(data.draw(), draw_level(&g.e->level_state, g.e->level_mult));
         }
     }
     double recall_at_10(int queries)
@@ -234,36 +222,6 @@ TEST(HnswInsert, ClusteredRecallAndListsBoundedByM)
     }
     EXPECT_GT(full, 0);
     EXPECT_GE(bc.recall_at_10(200), 0.95);
-}
-
-// Linked a group at a time, the graph finds as much as linked one by one, every node is reached
-// from the entry point, and the lists do not depend on how many workers linked them.
-TEST(HnswInsert, GroupsOnTwoWorkersAsOneAndRecallKept)
-{
-    BuiltClusters one(3000, 16), grouped(3000, 16, 1), grouped_2(3000, 16, 2);
-    expect_lists_well_formed(grouped_2.g, false);
-    for (uint32_t i = 0; i < 3000; i++) {
-        for (int l = 0; l <= grouped.g.e->nodes[i].level; l++) {
-            ASSERT_EQ(grouped.g.list(i, l), grouped_2.g.list(i, l)) << "node " << i;
-        }
-    }
-    EXPECT_EQ(grouped.g.e->entry_point, grouped_2.g.e->entry_point);
-    std::vector<uint8_t> seen(3000, 0);
-    std::vector<uint32_t> todo = {(uint32_t)grouped_2.g.e->entry_point};
-    seen[todo[0]] = 1;
-    while (!todo.empty()) {
-        uint32_t i = todo.back();
-        todo.pop_back();
-        for (uint32_t nb : grouped_2.g.list(i, 0)) {
-            if (!seen[nb]) {
-                seen[nb] = 1;
-                todo.push_back(nb);
-            }
-        }
-    }
-    EXPECT_EQ(std::count(seen.begin(), seen.end(), 1), 3000);
-    double serial = one.recall_at_10(300);
-    EXPECT_GE(grouped_2.recall_at_10(300), serial - 0.005);
 }
 
 TEST(HnswInsert, SmallMKeepsEveryListWithinM)

@@ -241,35 +241,3 @@ TEST_F(Meaning, AStopWithTheNextGroupEmbeddingKeepsWhatWasCommitted)
 }
 
 } // namespace
-
-/* A handle that replays the log links each group of vectors as the update linked it: the same
-** lists, though a group is linked otherwise than its chunks one by one (small lists and search
-** width, so that the two differ). */
-TEST_F(Meaning, ReplayLinksEachGroupAsTheUpdateDid)
-{
-    g_checkpoint_chunks = TRN_CHECKPOINT_CHUNKS;
-    TempDir index;
-    TrnConfig cfg = config_for(index);
-    cfg.M = 2;
-    cfg.ef_construction = 3;
-    TrnEngine *w = trn_open(&cfg);
-    w->embed_threads = 2;
-    ASSERT_GT(
-        trn_update_dir(w, src_.path().c_str(), CHUNK, OVERLAP, nullptr, nullptr, nullptr, nullptr),
-        FILES);
-    TrnEngine *r = trn_open(&cfg);
-    ASSERT_EQ(r->count, w->count);
-    EXPECT_EQ(r->entry_point, w->entry_point);
-    for (uint64_t i = 0; i < w->count; i++) {
-        ASSERT_EQ(r->nodes[i].level, w->nodes[i].level);
-        for (int l = 0; l <= w->nodes[i].level; l++) {
-            std::vector<uint32_t> a(w->nodes[i].neighbors[l],
-                                    w->nodes[i].neighbors[l] + w->nodes[i].count[l]);
-            std::vector<uint32_t> b(r->nodes[i].neighbors[l],
-                                    r->nodes[i].neighbors[l] + r->nodes[i].count[l]);
-            EXPECT_EQ(a, b) << "chunk " << i << " level " << l;
-        }
-    }
-    trn_close(r);
-    trn_close(w);
-}
