@@ -146,6 +146,10 @@ TEST(SearchMany, TextHitsTakeTurnsSoNoFolderCrowdsOutAnother)
     int32_t o[4];
     EXPECT_EQ(trn_search_many(none, 2, "lantern", TRN_SEARCH_TEXT, 4, 0, r, o), 0);
     EXPECT_EQ(trn_search_many(none, 1, "x modified:soon", TRN_SEARCH_TEXT, 4, 0, r, o), 0);
+    /* No room asked for, or a mode that does not exist: nothing, however many would match. */
+    EXPECT_EQ(trn_search_many(none, 1, "lantern", TRN_SEARCH_TEXT, 0, 0, r, o), 0);
+    EXPECT_EQ(trn_search_many(none, 1, "lantern", TRN_SEARCH_SEMANTIC - 1, 4, 0, r, o), 0);
+    EXPECT_EQ(trn_search_many(none, 1, "lantern", TRN_SEARCH_SEMANTIC_ALL + 1, 4, 0, r, o), 0);
 }
 
 } // namespace
