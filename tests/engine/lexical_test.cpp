@@ -174,6 +174,11 @@ TEST(LexicalSnippets, StartWhereTheQueryWordsAreDensestOnThatLine)
         {"densest later", {{2, "alpha "}, {8, "alpha beta gamma "}}, 240, 10},
         {"densest in the first 76 bytes", {{2, "gamma beta alpha "}, {9, "alpha "}}, 0, 4},
         {"one word far in", {{10, "beta "}}, 320, 12},
+        // A word repeated counts a quarter each time, going out of the window as coming in.
+        {"repeats early, all three later",
+         {{2, "alpha alpha alpha alpha "}, {9, "alpha beta gamma "}},
+         280,
+         11},
     };
     for (const Case &c : cases) {
         HandEngine b;
