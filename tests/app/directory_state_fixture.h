@@ -66,6 +66,20 @@ protected:
         return done.wait(10000);
     }
 
+    // Indexes the tab's folder with the chunking most tests use; false when it did not end.
+    static bool indexed(DirectoryState *state)
+    {
+        state->ingest(800, 200);
+        return waitForIngest(state);
+    }
+
+    // Runs a search and waits for its answer; false when none came.
+    static bool searched(DirectoryState *state, const QString &query, SearchMode mode)
+    {
+        state->search(query, mode);
+        return waitForSearch(state);
+    }
+
     std::unique_ptr<IsolatedEnvironment> m_env;
     std::unique_ptr<QTemporaryDir> m_dir;
     QList<DirectoryState *> m_states;

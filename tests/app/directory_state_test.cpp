@@ -47,10 +47,8 @@ void TestDirectoryState::emptyQueryClearsResultsAndRecordsNothing()
 {
     QVERIFY(writeFile(m_dir->path(), QStringLiteral("a.txt"), "the quick brown fox jumps\n"));
     DirectoryState *state = openState(m_dir->path());
-    state->ingest(800, 200);
-    QVERIFY(waitForIngest(state));
-    state->search(QStringLiteral("fox"), SearchMode::Text);
-    QVERIFY(waitForSearch(state));
+    QVERIFY(indexed(state));
+    QVERIFY(searched(state, QStringLiteral("fox"), SearchMode::Text));
     QCOMPARE(state->results().size(), 1);
     QCOMPARE(state->searchHistory().size(), 1);
 
@@ -67,10 +65,8 @@ void TestDirectoryState::invalidRegexSaysWhyAndRunsNothing()
 {
     QVERIFY(writeFile(m_dir->path(), QStringLiteral("a.py"), "def read_lines(path):\n    pass\n"));
     DirectoryState *state = openState(m_dir->path());
-    state->ingest(800, 200);
-    QVERIFY(waitForIngest(state));
-    state->search(QStringLiteral("def [a-z]+"), SearchMode::Regex);
-    QVERIFY(waitForSearch(state));
+    QVERIFY(indexed(state));
+    QVERIFY(searched(state, QStringLiteral("def [a-z]+"), SearchMode::Regex));
     QCOMPARE(state->results().size(), 1);
     QCOMPARE(state->queryError(), QString());
 
@@ -110,8 +106,7 @@ void TestDirectoryState::pagingGrowsByTenUntilSixtyFour()
         m_env->settings()->setAllPassages(false);
     });
 
-    state->search(QStringLiteral("alpha"), SearchMode::Text);
-    QVERIFY(waitForSearch(state));
+    QVERIFY(searched(state, QStringLiteral("alpha"), SearchMode::Text));
     QCOMPARE(state->searchLimit(), 10);
     QCOMPARE(state->results().size(), 10);
     QVERIFY(state->hasMoreResults());
@@ -142,8 +137,7 @@ void TestDirectoryState::pagingGrowsByTenUntilSixtyFour()
     QVERIFY(waitForSearch(state));
     QCOMPARE(state->results().size(), 10);
     // An answer shorter than the first page ends paging at once.
-    state->search(QStringLiteral("omega"), SearchMode::Text);
-    QVERIFY(waitForSearch(state));
+    QVERIFY(searched(state, QStringLiteral("omega"), SearchMode::Text));
     QCOMPARE(state->results().size(), 1);
     QVERIFY(!state->hasMoreResults());
 }
@@ -166,8 +160,7 @@ void TestDirectoryState::indexOfAnotherEncoderIsRebuiltWhenOpened()
     };
 
     DirectoryState *first = openState(m_dir->path());
-    first->ingest(800, 200);
-    QVERIFY(waitForIngest(first));
+    QVERIFY(indexed(first));
     QVERIFY(EncoderRecord::matches(m_dir->path(), QString()));
 
     // the encoder that built it: the index is used as it is
@@ -294,10 +287,8 @@ void TestDirectoryState::anUpdateThatAddsNothingRefreshesTheResultsAndKeepsTheCo
     QVERIFY(writeFile(m_dir->path(), QStringLiteral("a.txt"), "the quick brown fox jumps\n"));
     QVERIFY(writeFile(m_dir->path(), QStringLiteral("b.txt"), "a lazy dog sleeps\n"));
     DirectoryState *state = openState(m_dir->path());
-    state->ingest(800, 200);
-    QVERIFY(waitForIngest(state));
-    state->search(QStringLiteral("fox"), SearchMode::Text);
-    QVERIFY(waitForSearch(state));
+    QVERIFY(indexed(state));
+    QVERIFY(searched(state, QStringLiteral("fox"), SearchMode::Text));
     QCOMPARE(state->results().size(), 1);
 
     // Only a removal: nothing is added, yet the fox must leave the results.
@@ -429,8 +420,7 @@ void TestDirectoryState::olderAnswerNeverShowsOverANewerSearch()
     QVERIFY(writeFile(m_dir->path(), QStringLiteral("a.txt"), "alpha is the first letter\n"));
     QVERIFY(writeFile(m_dir->path(), QStringLiteral("b.txt"), "beta is the second letter\n"));
     DirectoryState *state = openState(m_dir->path());
-    state->ingest(800, 200);
-    QVERIFY(waitForIngest(state));
+    QVERIFY(indexed(state));
 
     QSignalSpy results(state, &DirectoryState::resultsChanged);
     state->search(QStringLiteral("alpha"), SearchMode::Text);
@@ -453,11 +443,9 @@ void TestDirectoryState::resultsModelFollowsDisplayResults()
     DirectoryState *state = openState(m_dir->path());
     ResultsModel *model = state->resultsModel();
     QAbstractItemModelTester tester(model, QAbstractItemModelTester::FailureReportingMode::QtTest);
-    state->ingest(800, 200);
-    QVERIFY(waitForIngest(state));
+    QVERIFY(indexed(state));
     QCOMPARE(model->rowCount(), 0);
-    state->search(QStringLiteral("model"), SearchMode::Text);
-    QVERIFY(waitForSearch(state));
+    QVERIFY(searched(state, QStringLiteral("model"), SearchMode::Text));
     QCOMPARE(model->rowCount(), 2);
     const SearchResult second = model->result(1);
     state->togglePin(second);

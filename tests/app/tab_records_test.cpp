@@ -86,10 +86,8 @@ void TestTabRecords::pinnedResultsShowFirstAndNeverTwice()
     QVERIFY(writeFile(m_dir->path(), QStringLiteral("a.txt"), "apples and pears in the basket\n"));
     QVERIFY(writeFile(m_dir->path(), QStringLiteral("b.txt"), "apples grow on trees in autumn\n"));
     DirectoryState *state = openState(m_dir->path());
-    state->ingest(800, 200);
-    QVERIFY(waitForIngest(state));
-    state->search(QStringLiteral("apples"), SearchMode::Text);
-    QVERIFY(waitForSearch(state));
+    QVERIFY(indexed(state));
+    QVERIFY(searched(state, QStringLiteral("apples"), SearchMode::Text));
     QCOMPARE(state->results().size(), 2);
     const SearchResult second = state->results().at(1);
 
@@ -103,8 +101,7 @@ void TestTabRecords::pinnedResultsShowFirstAndNeverTwice()
     QCOMPARE(shown.at(1), state->results().at(0));
 
     // Unrelated search: the pin stays on top.
-    state->search(QStringLiteral("basket"), SearchMode::Text);
-    QVERIFY(waitForSearch(state));
+    QVERIFY(searched(state, QStringLiteral("basket"), SearchMode::Text));
     shown = state->displayResults();
     QCOMPARE(shown.size(), 2);
     QCOMPARE(shown.at(0).id, second.id);
@@ -126,10 +123,8 @@ void TestTabRecords::recordsFollowAMovedOrCopiedFolder()
     const QString copy = m_dir->filePath(QStringLiteral("copy"));
     QVERIFY(writeFile(docs, QStringLiteral("a.txt"), "apples and pears in the basket\n"));
     DirectoryState *state = openState(docs);
-    state->ingest(800, 200);
-    QVERIFY(waitForIngest(state));
-    state->search(QStringLiteral("apples"), SearchMode::Text);
-    QVERIFY(waitForSearch(state));
+    QVERIFY(indexed(state));
+    QVERIFY(searched(state, QStringLiteral("apples"), SearchMode::Text));
     QCOMPARE(state->results().size(), 1);
     state->togglePin(state->results().first());
     const QList<SearchHistoryEntry> history = state->searchHistory();
