@@ -52,12 +52,38 @@ void cut_windows(const char *text, int64_t length, int32_t chunk_size, int32_t o
                  TextWindows *out);
 int32_t chunk_and_ingest(TrnEngine *e, const char *path, const char *text, int64_t length,
                          int32_t chunk_size, int32_t overlap, TrnFileType type);
-/* As chunk_and_ingest, replacing the chunks path had: the removal and the new chunks are one
-** group of the log. An empty text only removes. Without embed the new chunks are pending, for
-** the meaning phase to embed. Returns the chunks added, or -1 when the write failed (the old
-** chunks then stay). */
-int32_t chunk_and_replace(TrnEngine *e, const char *path, const char *text, int64_t length,
-                          int32_t chunk_size, int32_t overlap, TrnFileType type, bool embed);
+/* A window of a file's text, cut and waiting to be logged. */
+struct CutChunk {
+    char *text; /* owned */
+    int32_t line_number;
+};
+/* A file's text cut into chunks (cut_file), waiting to be logged with other files' as one group
+** (store_cut_files). */
+struct CutFile {
+    const char *path = nullptr; /* the caller's */
+    uint32_t type = 0;
+    bool held_none = false; /* the caller knows the index held no chunk of path */
+    size_t text_bytes = 0;
+    std::vector<CutChunk, XAllocator<CutChunk>> chunks;
+    int32_t stored = 0; /* after store_cut_files: the chunks the index holds of path */
+
+    CutFile() = default;
+    CutFile(const CutFile &) = delete;
+    CutFile &operator=(const CutFile &) = delete;
+    CutFile(CutFile &&) = default;
+    CutFile &operator=(CutFile &&) = default;
+    ~CutFile();
+};
+/* Cuts length bytes of text into out's chunks, with the line each starts on. */
+void cut_file(const char *text, int64_t length, int32_t chunk_size, int32_t overlap, CutFile *out);
+/* Replaces the chunks of each of the n files' paths with its cut chunks (pending), all in one
+** group of the log, so the log is synced once for them all; a file whose chunks the index
+** already holds as they are keeps them. held_none is trusted only while the handle has taken up
+** nothing since e->taken_up was taken_up. False when the group could not be written: nothing
+** changed. */
+bool store_cut_files(TrnEngine *e, CutFile *files, size_t n, uint64_t taken_up);
+/* Counts records this handle logged under the lock, and checkpoints past the threshold. */
+void count_logged(TrnEngine *e, uint64_t records);
 
 /* ---------------------------------------------------------------------------------------------
 ** The meaning phase (meaning.cpp)

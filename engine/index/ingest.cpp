@@ -356,99 +356,81 @@ void cut_windows(const char *text, int64_t length, int32_t chunk_size, int32_t o
 namespace
 {
 
-/* The windows of one text, embedded, waiting to be logged and linked. */
-struct PendingChunk {
-    char *text; /* owned */
-    int32_t line_number;
-};
-
 /* Chunks embedded per block: the vectors of a large file are kept in blocks, each freed once its
 ** chunks have joined the index, so its vectors are never all held twice. */
 constexpr size_t EMBED_BLOCK = 1024;
 
-/* The bytes of the log records that add the pending chunks of path (wal.cpp's layout), so the
-** group is allocated once instead of growing by doubling. */
+/* The bytes of the log records that add chunks chunks of pending_text bytes under a path of
+** path_len bytes (wal.cpp's layout), so a group is allocated once instead of growing by
+** doubling. */
 size_t group_bytes(size_t pending_text, size_t chunks, size_t path_len, int32_t dim)
 {
-    /* the 'G', 'D' and 'C' records; per chunk op, doc id ("<path>:<n>"), text, path and fields,
-    ** and with dim its 'V' record: op, doc id and the vector */
+    /* the 'D' record; per chunk op, doc id ("<path>:<n>"), text, path and fields, and with dim
+    ** its 'V' record: op, doc id and the vector */
     size_t vector = dim > 0 ? 1 + 4 + path_len + 12 + 4 + (size_t)dim * sizeof(float) : 0;
-    return 128 + path_len + pending_text
+    return 16 + path_len + pending_text
            + chunks * (1 + 4 + path_len + 12 + 4 + 4 + path_len + 13 + vector);
 }
 
-/* True when the live chunks of path are exactly pending, in order, of type: replacing them
-** would change nothing but their slots. */
-bool held_chunks_equal(const TrnEngine *e, const char *path,
-                       const std::vector<PendingChunk, XAllocator<PendingChunk>> &pending,
-                       uint32_t type)
+/* True when the live chunks of f's path are exactly f's chunks, in order, of its type: replacing
+** them would change nothing but their slots. */
+bool held_chunks_equal(const TrnEngine *e, const CutFile &f)
 {
     size_t matched = 0;
     for (uint64_t i = 0; i < e->count; i++) {
         const TrnChunk *c = &e->chunks[i];
-        if (c->deleted || !c->file_path || strcmp(c->file_path, path) != 0) {
+        if (c->deleted || !c->file_path || strcmp(c->file_path, f.path) != 0) {
             continue;
         }
-        if (c->chunk_index < 0 || (size_t)c->chunk_index != matched || matched >= pending.size()
-            || c->file_type != type || c->line_number != pending[matched].line_number
-            || strcmp(c->text, pending[matched].text) != 0) {
+        if (c->chunk_index < 0 || (size_t)c->chunk_index != matched || matched >= f.chunks.size()
+            || c->file_type != f.type || c->line_number != f.chunks[matched].line_number
+            || strcmp(c->text, f.chunks[matched].text) != 0) {
             return false;
         }
         matched++;
     }
-    return matched == pending.size();
+    return matched == f.chunks.size();
 }
 
 } // namespace
 
-static int32_t chunk_and_store(TrnEngine *e, const char *path, const char *text, int64_t length,
-                               int32_t chunk_size, int32_t overlap, TrnFileType type, bool replace,
-                               bool embed);
-
-int32_t chunk_and_ingest(TrnEngine *e, const char *path, const char *text, int64_t length,
-                         int32_t chunk_size, int32_t overlap, TrnFileType type)
+void count_logged(TrnEngine *e, uint64_t records)
 {
-    return chunk_and_store(e, path, text, length, chunk_size, overlap, type, false, true);
+    if (!e->wal) {
+        return;
+    }
+    /* Bounds what a reopen after a crash replays; a failure leaves the log whole. */
+    e->wal_chunks += records;
+    if (e->wal_chunks >= g_checkpoint_chunks) {
+        checkpoint_locked(e);
+        status_clear(e);
+    }
 }
 
-int32_t chunk_and_replace(TrnEngine *e, const char *path, const char *text, int64_t length,
-                          int32_t chunk_size, int32_t overlap, TrnFileType type, bool embed)
+CutFile::~CutFile()
 {
-    return chunk_and_store(e, path, text, length, chunk_size, overlap, type, true, embed);
+    for (CutChunk &c : chunks) {
+        free(c.text);
+    }
 }
 
-/* With replace, the group that adds the chunks begins with the removal of the file's chunks, so
-** a crash leaves either the old chunks or the new ones, never both and never neither. An empty
-** text then only removes. */
-static int32_t chunk_and_store(TrnEngine *e, const char *path, const char *text, int64_t length,
-                               int32_t chunk_size, int32_t overlap, TrnFileType type, bool replace,
-                               bool embed)
+void cut_file(const char *text, int64_t length, int32_t chunk_size, int32_t overlap, CutFile *out)
 {
-    if (replace && (length < 1 || chunk_size < 1)) {
-        int32_t removed = trn_remove_file(e, path);
-        return removed < 0 ? -1 : 0;
-    }
-    /* A window of no bytes cuts nothing: a chunk_size below 1 adds no chunk. */
-    if (length < 1 || chunk_size < 1) {
-        return 0;
-    }
     TextWindows windows;
     cut_windows(text, length, chunk_size, overlap, &windows);
-    std::vector<PendingChunk, XAllocator<PendingChunk>> pending;
-    pending.reserve(windows.size());
-    size_t pending_text = 0;
+    out->chunks.reserve(windows.size());
     /* Line feeds before a window's start, counted once: starts only grow, and the count stops
     ** for good at a 0 byte, which gives the same line as rescanning the text before each start. */
     int64_t scanned = 0;
     int32_t line_feeds = 0;
     bool hit_nul = false;
     for (const TextWindow &w : windows) {
-        PendingChunk p;
         size_t n = (size_t)(w.end - w.begin);
-        p.text = static_cast<char *>(xmalloc(n + 1));
-        memcpy(p.text, text + w.begin, n);
-        p.text[n] = '\0';
-        pending_text += n;
+        CutChunk c;
+        c.text = static_cast<char *>(xmalloc(n + 1));
+        memcpy(c.text, text + w.begin, n);
+        c.text[n] = '\0';
+        out->text_bytes += n;
         while (!hit_nul && scanned < w.begin) {
             if (text[scanned] == '\0') {
                 hit_nul = true;
@@ -457,29 +439,116 @@ static int32_t chunk_and_store(TrnEngine *e, const char *path, const char *text,
             }
             scanned++;
         }
-        p.line_number = 1 + line_feeds;
-        pending.push_back(p);
+        c.line_number = 1 + line_feeds;
+        out->chunks.push_back(c);
     }
-    /* A file read again whose chunks are already held (an update killed before it noted the
-    ** file) keeps them as they are. */
-    if (replace && held_chunks_equal(e, path, pending, type)) {
-        for (PendingChunk &p : pending) {
-            free(p.text);
+}
+
+bool store_cut_files(TrnEngine *e, CutFile *files, size_t n, uint64_t taken_up)
+{
+    if (!write_begin(e)) {
+        return false;
+    }
+    /* What the caller knew of the index holds unless this handle took up others' commits. */
+    const bool known = e->taken_up == taken_up;
+    std::vector<bool, XAllocator<bool>> keep(n, false);
+    size_t bytes = 0;
+    for (size_t f = 0; f < n; f++) {
+        /* A file read again whose chunks are already held (an update killed before it noted
+        ** the file) keeps them as they are. */
+        keep[f] =
+            files[f].held_none && known ? files[f].chunks.empty() : held_chunks_equal(e, files[f]);
+        bytes += keep[f] ? 0
+                         : group_bytes(
+                             files[f].text_bytes, files[f].chunks.size(), strlen(files[f].path), 0);
+    }
+    bool committed = true;
+    {
+        TrnBytes group;
+        group.reserve(bytes + 128);
+        wal_group_begin(e, &group);
+        char doc_id[TRN_ID_MAX];
+        bool any = false;
+        for (size_t f = 0; f < n; f++) {
+            const CutFile &file = files[f];
+            if (keep[f]) {
+                continue;
+            }
+            any = true;
+            wal_put_remove(e, &group, file.path);
+            for (size_t i = 0; i < file.chunks.size(); i++) {
+                snprintf(doc_id, sizeof doc_id, "%s:%d", file.path, (int)i);
+                wal_put_add(e,
+                            &group,
+                            doc_id,
+                            file.chunks[i].text,
+                            file.path,
+                            (int32_t)i,
+                            file.chunks[i].line_number,
+                            file.type);
+            }
         }
-        return (int32_t)pending.size();
+        committed = !any || wal_commit_group(e, &group);
+    } /* the group's bytes go before the chunks join the index */
+    if (committed) {
+        uint64_t added = 0;
+        for (size_t f = 0; f < n; f++) {
+            CutFile &file = files[f];
+            file.stored = (int32_t)file.chunks.size();
+            if (keep[f]) {
+                continue;
+            }
+            if (!(file.held_none && known)) {
+                remove_file_mem(e, file.path);
+            }
+            ensure_cap(e, e->count + file.chunks.size());
+            char doc_id[TRN_ID_MAX];
+            for (size_t i = 0; i < file.chunks.size(); i++) {
+                snprintf(doc_id, sizeof doc_id, "%s:%d", file.path, (int)i);
+                add_doc_pending(e,
+                                doc_id,
+                                file.chunks[i].text,
+                                file.path,
+                                (int32_t)i,
+                                file.chunks[i].line_number,
+                                file.type);
+            }
+            added += file.chunks.size();
+            e->changed = 1;
+        }
+        count_logged(e, added);
     }
-    const size_t blocks = embed ? (pending.size() + EMBED_BLOCK - 1) / EMBED_BLOCK : 0;
+    write_end(e);
+    return committed;
+}
+
+int32_t chunk_and_ingest(TrnEngine *e, const char *path, const char *text, int64_t length,
+                         int32_t chunk_size, int32_t overlap, TrnFileType type)
+{
+    /* A window of no bytes cuts nothing: a chunk_size below 1 adds no chunk. */
+    if (length < 1 || chunk_size < 1) {
+        return 0;
+    }
+    CutFile f;
+    f.path = path;
+    f.type = type;
+    cut_file(text, length, chunk_size, overlap, &f);
+    const size_t count = f.chunks.size();
+    const size_t blocks = (count + EMBED_BLOCK - 1) / EMBED_BLOCK;
     std::vector<float *, XAllocator<float *>> vectors(blocks, nullptr);
     std::vector<const char *, XAllocator<const char *>> texts;
     for (size_t b = 0; b < blocks; b++) {
-        size_t from = b * EMBED_BLOCK, n = std::min(EMBED_BLOCK, pending.size() - from);
+        size_t from = b * EMBED_BLOCK, m = std::min(EMBED_BLOCK, count - from);
         texts.clear();
-        for (size_t i = from; i < from + n; i++) {
-            texts.push_back(pending[i].text);
+        for (size_t i = from; i < from + m; i++) {
+            texts.push_back(f.chunks[i].text);
         }
-        vectors[b] = static_cast<float *>(xmalloc(xmul(xmul(n, (size_t)e->dim), sizeof(float))));
-        embed_distinct_chunks(e, texts.data(), n, vectors[b]);
+        vectors[b] = static_cast<float *>(xmalloc(xmul(xmul(m, (size_t)e->dim), sizeof(float))));
+        embed_distinct_chunks(e, texts.data(), m, vectors[b]);
     }
+    auto vector_of = [&vectors, e](size_t i) {
+        return vectors[i / EMBED_BLOCK] + (i % EMBED_BLOCK) * (size_t)e->dim;
+    };
 
     int32_t added = -1;
     char doc_id[TRN_ID_MAX];
@@ -487,73 +556,46 @@ static int32_t chunk_and_store(TrnEngine *e, const char *path, const char *text,
         bool committed;
         {
             TrnBytes group;
-            group.reserve(
-                group_bytes(pending_text, pending.size(), strlen(path), embed ? e->dim : 0));
+            group.reserve(group_bytes(f.text_bytes, count, strlen(path), e->dim) + 128);
             wal_group_begin(e, &group);
-            if (replace) {
-                wal_put_remove(e, &group, path);
-            }
-            for (size_t i = 0; i < pending.size(); i++) {
+            for (size_t i = 0; i < count; i++) {
                 snprintf(doc_id, sizeof doc_id, "%s:%d", path, (int)i);
                 wal_put_add(e,
                             &group,
                             doc_id,
-                            pending[i].text,
+                            f.chunks[i].text,
                             path,
                             (int32_t)i,
-                            pending[i].line_number,
+                            f.chunks[i].line_number,
                             type);
-                if (embed) {
-                    wal_put_vector(e,
-                                   &group,
-                                   doc_id,
-                                   vectors[i / EMBED_BLOCK] + (i % EMBED_BLOCK) * (size_t)e->dim);
-                }
+                wal_put_vector(e, &group, doc_id, vector_of(i));
             }
             committed = wal_commit_group(e, &group);
         } /* the group's bytes go before the chunks join the index */
         if (committed) {
-            if (replace) {
-                remove_file_mem(e, path);
-            }
-            ensure_cap(e, e->count + pending.size());
-            for (size_t i = 0; i < pending.size(); i++) {
+            ensure_cap(e, e->count + count);
+            for (size_t i = 0; i < count; i++) {
                 snprintf(doc_id, sizeof doc_id, "%s:%d", path, (int)i);
-                if (embed) {
-                    add_doc_vec(e,
-                                doc_id,
-                                pending[i].text,
-                                path,
-                                (int32_t)i,
-                                pending[i].line_number,
-                                type,
-                                vectors[i / EMBED_BLOCK] + (i % EMBED_BLOCK) * (size_t)e->dim);
-                } else {
-                    add_doc_pending(
-                        e, doc_id, pending[i].text, path, (int32_t)i, pending[i].line_number, type);
-                }
-                free(pending[i].text);
-                pending[i].text = nullptr;
-                if (embed && (i % EMBED_BLOCK == EMBED_BLOCK - 1 || i + 1 == pending.size())) {
+                add_doc_vec(e,
+                            doc_id,
+                            f.chunks[i].text,
+                            path,
+                            (int32_t)i,
+                            f.chunks[i].line_number,
+                            type,
+                            vector_of(i));
+                free(f.chunks[i].text);
+                f.chunks[i].text = nullptr;
+                if (i % EMBED_BLOCK == EMBED_BLOCK - 1 || i + 1 == count) {
                     free(vectors[i / EMBED_BLOCK]);
                     vectors[i / EMBED_BLOCK] = nullptr;
                 }
             }
-            added = (int32_t)pending.size();
+            added = (int32_t)count;
             e->changed = 1;
-            if (e->wal) {
-                e->wal_chunks += pending.size() * (embed ? 2 : 1); /* texts and vectors */
-                /* Bounds what a reopen after a crash re-embeds; a failure leaves the log whole. */
-                if (e->wal_chunks >= g_checkpoint_chunks) {
-                    checkpoint_locked(e);
-                    status_clear(e);
-                }
-            }
+            count_logged(e, count * 2); /* texts and vectors */
         }
         write_end(e);
-    }
-    for (PendingChunk &p : pending) {
-        free(p.text);
     }
     for (float *block : vectors) {
         free(block);

@@ -154,13 +154,7 @@ bool commit_group(TrnEngine *e, const Group &g, bool *embedded)
         }
         *embedded = true;
         e->changed = 1;
-        if (e->wal) {
-            e->wal_chunks += valid;
-            if (e->wal_chunks >= g_checkpoint_chunks) {
-                checkpoint_locked(e);
-                status_clear(e);
-            }
-        }
+        count_logged(e, valid);
     }
     write_end(e);
     return ok;

@@ -53,6 +53,12 @@ constexpr int64_t RECENT_NS = 3000000000ll;
 ** grows, and a kill costs reading again only the files of the last moments (one, in a small
 ** tree). Counted in chunks, not time, so a run makes the same system calls every time. */
 constexpr uint64_t MANIFEST_ENTRIES_PER_CHUNK = 64;
+/* The words phase logs the files it reads in groups of up to BATCH_FILES files, or of as many as
+** reach BATCH_BYTES, so that the log is synced once per group rather than once per file (a sync
+** costs as much as reading a small file). Counted in files and bytes, not time, for the same
+** reason as the manifest. */
+constexpr size_t BATCH_FILES = 32;
+constexpr uint64_t BATCH_BYTES = 2u << 20;
 
 using XString = std::basic_string<char, std::char_traits<char>, XAllocator<char>>;
 
@@ -149,6 +155,15 @@ struct Work {
     int64_t old_entry; /* index into the old manifest, or -1 */
     uint32_t type;     /* classification of an ingest */
     bool remove_only;  /* not indexable now: only its chunks go */
+};
+
+/* What one job of the words phase came to, once read. */
+struct Outcome {
+    enum Kind { REMOVED, FAILED, UNCHANGED, NOTED, STORED } kind = FAILED;
+    ManifestEntry entry = {}; /* all but FAILED and a removal of a vanished file get one */
+    bool has_entry = false;
+    int64_t cut = -1;  /* its file among the group's, for REMOVED and STORED */
+    uint32_t held = 0; /* the chunks the index held of it before */
 };
 
 ManifestEntry entry_for(const FoundFile &w, uint32_t type)
@@ -344,87 +359,114 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
     bool changed_index = false;
     uint64_t chunks_since_manifest = 0; /* chunks written, or 1 for a removal */
     size_t done = 0;
-    for (; keep_going && done < work.size(); done++) {
-        const Work &job = work[done];
-        const FoundFile *w = job.walked >= 0 ? &walked[(size_t)job.walked] : nullptr;
-        const ManifestEntry *oe = job.old_entry >= 0 ? &old.entries[job.old_entry] : nullptr;
-        uint32_t held = chunks_of(job.path);
-        if (job.remove_only) {
-            if (trn_remove_file(e, job.path.c_str()) < 0) {
-                failed = true;
-                break;
+    while (keep_going && done < work.size()) {
+        /* The next jobs: up to BATCH_FILES, or as many as reach BATCH_BYTES of files. */
+        size_t end = done;
+        for (uint64_t bytes = 0;
+             end < work.size() && end - done < BATCH_FILES && (end == done || bytes < BATCH_BYTES);
+             end++) {
+            bytes += work[end].walked >= 0 ? walked[(size_t)work[end].walked].size : 0;
+        }
+        /* Each job read, and what it stores: a file with no chunks only removes. */
+        std::vector<Outcome, XAllocator<Outcome>> outcomes(end - done);
+        std::vector<CutFile, XAllocator<CutFile>> cuts;
+        cuts.reserve(end - done);
+        auto add_cut = [&cuts](Outcome *o, const XString &path) -> CutFile & {
+            o->cut = (int64_t)cuts.size();
+            cuts.emplace_back();
+            cuts.back().path = path.c_str();
+            return cuts.back();
+        };
+        for (size_t j = done; j < end; j++) {
+            const Work &job = work[j];
+            Outcome &o = outcomes[j - done];
+            o.held = chunks_of(job.path);
+            if (job.remove_only) {
+                o.kind = Outcome::REMOVED;
+                add_cut(&o, job.path);
+                continue;
             }
-            report->removed++;
-            changed_index = true;
-            chunks_since_manifest++;
-        } else {
+            const FoundFile *w = &walked[(size_t)job.walked];
+            const ManifestEntry *oe = job.old_entry >= 0 ? &old.entries[job.old_entry] : nullptr;
             int64_t read_at = now_ns();
             bool binary = false, cut = false;
             size_t length = 0;
             e->files_read++;
             char *text = update_text(
                 job.path.c_str(), job.type, opts ? opts->max_file_size : 0, &length, &binary, &cut);
-            ManifestEntry entry = entry_for(*w, job.type);
+            o.entry = entry_for(*w, job.type);
+            o.has_entry = text || binary;
             if (!text && binary) {
-                entry.type = TRN_FILE_TYPE_BINARY;
-                entry.flags |= MANIFEST_FLAG_NO_TEXT;
-                manifest_add(&next, &entry);
-                if (held > 0) {
-                    if (trn_remove_file(e, job.path.c_str()) < 0) {
-                        failed = true;
-                        break;
-                    }
-                    report->removed++;
-                    changed_index = true;
-                    chunks_since_manifest++;
+                o.entry.type = TRN_FILE_TYPE_BINARY;
+                o.entry.flags |= MANIFEST_FLAG_NO_TEXT;
+                o.kind = o.held > 0 ? Outcome::REMOVED : Outcome::NOTED;
+                if (o.held > 0) {
+                    add_cut(&o, job.path);
                 }
-            } else if (!text) {
-                report->failed++; /* no entry: the next update tries again */
-            } else {
-                entry.text_hash = text_hash(text, length);
-                entry.flags = read_at - w->mtime_ns < g_update_recent_ns ? MANIFEST_FLAG_RECENT : 0;
-                entry.flags |= cut ? MANIFEST_FLAG_CUT : 0;
-                if (oe && oe->text_hash == entry.text_hash && oe->type == job.type
-                    && oe->chunks == held) {
-                    entry.chunks = held;
-                    report->unchanged++;
+            } else if (text) {
+                o.entry.text_hash = text_hash(text, length);
+                o.entry.flags =
+                    read_at - w->mtime_ns < g_update_recent_ns ? MANIFEST_FLAG_RECENT : 0;
+                o.entry.flags |= cut ? MANIFEST_FLAG_CUT : 0;
+                if (oe && oe->text_hash == o.entry.text_hash && oe->type == job.type
+                    && oe->chunks == o.held) {
+                    o.kind = Outcome::UNCHANGED;
+                    o.entry.chunks = o.held;
                 } else {
-                    int32_t n = chunk_and_replace(e,
-                                                  job.path.c_str(),
-                                                  text,
-                                                  (int64_t)length,
-                                                  chunk_size,
-                                                  overlap,
-                                                  job.type,
-                                                  false);
-                    if (n < 0) {
-                        free(text);
-                        failed = true;
-                        break;
-                    }
-                    entry.chunks = (uint32_t)n;
-                    store_chunks[job.path] = (uint32_t)n;
-                    if (held > 0 || (oe && oe->chunks > 0)) {
-                        report->changed++;
-                    } else if (n > 0) {
-                        report->added++;
-                    }
-                    report->chunks_added += n;
-                    changed_index = true;
-                    chunks_since_manifest += n > 0 ? (uint64_t)n : 1;
+                    o.kind = Outcome::STORED;
+                    CutFile &f = add_cut(&o, job.path);
+                    f.type = job.type;
+                    f.held_none = o.held == 0;
+                    cut_file(text, (int64_t)length, chunk_size, overlap, &f);
                 }
-                manifest_add(&next, &entry);
                 free(text);
             }
         }
-        e->update_bytes_done += w ? w->size : 0;
-        if (progress && !progress(job.path.c_str(), (int32_t)done + 1, total, user)) {
-            keep_going = false;
-            report->cancelled = 1;
+        if (!cuts.empty() && !store_cut_files(e, cuts.data(), cuts.size(), taken_up)) {
+            failed = true;
+            break;
         }
+        for (size_t j = done; j < end; j++) {
+            const Work &job = work[j];
+            Outcome &o = outcomes[j - done];
+            if (o.kind == Outcome::REMOVED) {
+                report->removed++;
+                changed_index = true;
+                chunks_since_manifest++;
+            } else if (o.kind == Outcome::FAILED) {
+                report->failed++;
+            } else if (o.kind == Outcome::UNCHANGED) {
+                report->unchanged++;
+            } else if (o.kind == Outcome::STORED) {
+                const ManifestEntry *oe =
+                    job.old_entry >= 0 ? &old.entries[job.old_entry] : nullptr;
+                int32_t n = cuts[(size_t)o.cut].stored;
+                o.entry.chunks = (uint32_t)n;
+                store_chunks[job.path] = (uint32_t)n;
+                if (o.held > 0 || (oe && oe->chunks > 0)) {
+                    report->changed++;
+                } else if (n > 0) {
+                    report->added++;
+                }
+                report->chunks_added += n;
+                changed_index = true;
+                chunks_since_manifest += n > 0 ? (uint64_t)n : 1;
+            }
+            if (o.has_entry) {
+                manifest_add(&next, &o.entry);
+            }
+            e->update_bytes_done += job.walked >= 0 ? walked[(size_t)job.walked].size : 0;
+            /* Once stopped, the rest of the group is committed all the same: noted, not shown. */
+            if (keep_going && progress
+                && !progress(job.path.c_str(), (int32_t)j + 1, total, user)) {
+                keep_going = false;
+                report->cancelled = 1;
+            }
+        }
+        done = end;
         if (has_files && !e->rebuild && chunks_since_manifest > 0
             && chunks_since_manifest * MANIFEST_ENTRIES_PER_CHUNK >= next.count) {
-            write_manifest(e, &next, &old, work, done + 1);
+            write_manifest(e, &next, &old, work, done);
             chunks_since_manifest = 0;
         }
     }
