@@ -43,8 +43,11 @@ namespace
 constexpr int32_t EMBED_THREADS_MAX = 8;
 
 /* The workers read only the encoder and write only their rows of out: nothing of the handle, which
-** the calling thread may change meanwhile (embed_start). */
+** the calling thread may change meanwhile (embed_start). A job of work_start calls each on one
+** item at a time instead. */
 struct EmbedJob {
+    void (*each)(void *arg, size_t item);
+    void *arg;
     const TrnEncoder *encoder;
     size_t dim;
     const char *const *texts;
@@ -100,6 +103,13 @@ void embed_rows(const TrnEncoder *encoder, size_t dim, TrnScratch *scratch,
 
 void embed_loop(EmbedJob *job, TrnScratch *scratch)
 {
+    if (job->each) {
+        for (size_t item;
+             (item = job->next.fetch_add(1, std::memory_order_relaxed)) < job->count;) {
+            job->each(job->arg, item);
+        }
+        return;
+    }
     size_t first = 0;
     while (size_t n = take_texts(job, &first)) {
         embed_rows(
@@ -190,6 +200,8 @@ EmbedRun *embed_start(TrnEngine *e, const char *const *texts, size_t count, floa
     }
     EmbedRun *run = new (xmalloc(sizeof(EmbedRun))) EmbedRun;
     EmbedJob &job = run->job;
+    job.each = nullptr;
+    job.arg = nullptr;
     job.encoder = &e->encoder;
     job.dim = (size_t)e->dim;
     job.texts = texts;
@@ -213,6 +225,47 @@ EmbedRun *embed_start(TrnEngine *e, const char *const *texts, size_t count, floa
         run->started++;
     }
     return run;
+}
+
+EmbedRun *work_start(const TrnEngine *e, size_t count, void (*each)(void *arg, size_t item),
+                     void *arg)
+{
+    EmbedRun *run = new (xmalloc(sizeof(EmbedRun))) EmbedRun;
+    EmbedJob &job = run->job;
+    job.each = each;
+    job.arg = arg;
+    job.encoder = nullptr;
+    job.dim = 0;
+    job.texts = nullptr;
+    job.count = count;
+    job.out = nullptr;
+    job.workers = 1;
+    job.next.store(0, std::memory_order_relaxed);
+    run->own = nullptr;
+    run->started = 0;
+    const int32_t helpers =
+        (e->embed_threads < EMBED_THREADS_MAX ? e->embed_threads : EMBED_THREADS_MAX) - 1;
+    for (int32_t i = 0; i < helpers && (size_t)i < count; i++) {
+        EmbedWorker &w = run->helpers[run->started];
+        w.job = &job;
+        w.scratch = nullptr;
+        if (pthread_create(&run->threads[run->started], nullptr, embed_thread, &w) != 0) {
+            break; /* fewer helpers: work_finish does what no thread takes */
+        }
+        run->started++;
+    }
+    return run;
+}
+
+void work_finish(EmbedRun *run, bool take_part)
+{
+    if (!take_part && run->started > 0) {
+        for (int32_t i = 0; i < run->started; i++) {
+            pthread_join(run->threads[i], nullptr);
+        }
+        run->started = 0;
+    }
+    embed_finish(run);
 }
 
 void embed_finish(EmbedRun *run)

@@ -24,6 +24,11 @@
 ** manifest of an older version, which named every file by its full path, is rewritten by the
 ** update (a checkpoint), so that the folder can move from then on (storage.h).
 **
+** The words phase reads and stores files a batch at a time, each batch one group of the log. With
+** more than one embedding worker, the helper threads read the next batch while the calling thread
+** stores the one before, in walk order, so what is committed, and when, is the same with any
+** number of workers.
+**
 ** Which files are walked and what text they hold is decided by the one walk, classification and
 ** extraction of files.h, as everywhere else.
 */
@@ -155,15 +160,7 @@ struct Work {
     int64_t old_entry; /* index into the old manifest, or -1 */
     uint32_t type;     /* classification of an ingest */
     bool remove_only;  /* not indexable now: only its chunks go */
-};
-
-/* What one job of the words phase came to, once read. */
-struct Outcome {
-    enum Kind { REMOVED, FAILED, UNCHANGED, NOTED, STORED } kind = FAILED;
-    ManifestEntry entry = {}; /* all but FAILED and a removal of a vanished file get one */
-    bool has_entry = false;
-    int64_t cut = -1;  /* its file among the group's, for REMOVED and STORED */
-    uint32_t held = 0; /* the chunks the index held of it before */
+    uint32_t held;     /* the chunks the index held of it when the update began */
 };
 
 ManifestEntry entry_for(const FoundFile &w, uint32_t type)
@@ -211,6 +208,115 @@ void write_manifest(TrnEngine *e, const Manifest *next, const Manifest *old,
         free(out.entries);
     }
     manifest_free(&extra);
+}
+
+/* What one job of the words phase came to, once read. */
+struct Outcome {
+    enum Kind { REMOVED, FAILED, UNCHANGED, NOTED, STORED } kind = FAILED;
+    bool done = false;        /* read (or nothing to read) */
+    ManifestEntry entry = {}; /* all but FAILED and a removal of a vanished file get one */
+    bool has_entry = false;
+    CutFile cut; /* what REMOVED and STORED store: a removal stores no chunks */
+};
+
+/* A run of jobs of the words phase read together: up to BATCH_FILES, or as many as reach
+** BATCH_BYTES of files. Reading one needs the job, the old manifest and the chunking, nothing
+** of the handle, so with more than one worker the helper threads read the next batch while the
+** calling thread stores this one. */
+struct Batch {
+    const std::vector<Work, XAllocator<Work>> *work = nullptr;
+    const FoundList *walked = nullptr;
+    const Manifest *old = nullptr;
+    int32_t chunk_size = 0;
+    int32_t overlap = 0;
+    uint64_t max_size = 0;
+    bool on_helpers = false; /* PDF files are then left to the calling thread */
+    size_t first = 0;
+    size_t end = 0;
+    std::vector<Outcome, XAllocator<Outcome>> outcomes;
+    EmbedRun *run = nullptr;
+};
+
+void read_job(Batch *b, size_t item)
+{
+    const Work &job = (*b->work)[b->first + item];
+    Outcome &o = b->outcomes[item];
+    o.done = true;
+    o.cut.path = job.path.c_str();
+    if (job.remove_only) {
+        o.kind = Outcome::REMOVED;
+        return;
+    }
+    const FoundFile &w = (*b->walked)[(size_t)job.walked];
+    const ManifestEntry *oe = job.old_entry >= 0 ? &b->old->entries[job.old_entry] : nullptr;
+    int64_t read_at = now_ns();
+    bool binary = false, cut = false;
+    size_t length = 0;
+    char *text = update_text(job.path.c_str(), job.type, b->max_size, &length, &binary, &cut);
+    o.entry = entry_for(w, job.type);
+    o.has_entry = text || binary;
+    if (!text && binary) {
+        o.entry.type = TRN_FILE_TYPE_BINARY;
+        o.entry.flags |= MANIFEST_FLAG_NO_TEXT;
+        o.kind = job.held > 0 ? Outcome::REMOVED : Outcome::NOTED;
+    } else if (text) {
+        o.entry.text_hash = text_hash(text, length);
+        o.entry.flags = read_at - w.mtime_ns < g_update_recent_ns ? MANIFEST_FLAG_RECENT : 0;
+        o.entry.flags |= cut ? MANIFEST_FLAG_CUT : 0;
+        if (oe && oe->text_hash == o.entry.text_hash && oe->type == job.type
+            && oe->chunks == job.held) {
+            o.kind = Outcome::UNCHANGED;
+            o.entry.chunks = job.held;
+        } else {
+            o.kind = Outcome::STORED;
+            o.cut.type = job.type;
+            o.cut.held_none = job.held == 0;
+            cut_file(text, (int64_t)length, b->chunk_size, b->overlap, &o.cut);
+        }
+        free(text);
+    }
+}
+
+void read_on_helper(void *arg, size_t item)
+{
+    Batch *b = static_cast<Batch *>(arg);
+    if ((*b->work)[b->first + item].type != TRN_FILE_TYPE_PDF) {
+        read_job(b, item);
+    }
+}
+
+/* Starts reading the batch from first on: on the helpers when there are any. */
+void batch_start(const TrnEngine *e, size_t first, Batch *b)
+{
+    const std::vector<Work, XAllocator<Work>> &work = *b->work;
+    size_t end = first;
+    for (uint64_t bytes = 0;
+         end < work.size() && end - first < BATCH_FILES && (end == first || bytes < BATCH_BYTES);
+         end++) {
+        bytes += work[end].walked >= 0 ? (*b->walked)[(size_t)work[end].walked].size : 0;
+    }
+    b->first = first;
+    b->end = end;
+    b->outcomes.clear();
+    b->outcomes.resize(end - first);
+    if (b->on_helpers) {
+        b->run = work_start(e, end - first, read_on_helper, b);
+    }
+}
+
+/* Ends reading the batch: the calling thread reads what the helpers left, if there are any
+** helpers only the PDF files, so that it opens the same files in any run. */
+void batch_finish(Batch *b)
+{
+    if (b->run) {
+        work_finish(b->run, false);
+        b->run = nullptr;
+    }
+    for (size_t i = 0; i < b->outcomes.size(); i++) {
+        if (!b->outcomes[i].done) {
+            read_job(b, i);
+        }
+    }
 }
 
 } // namespace
@@ -319,11 +425,11 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
             ManifestEntry entry = entry_for(w, type);
             manifest_add(&next, &entry);
             if (held > 0) {
-                work.push_back(Work{w.path, (int64_t)i, oi, type, true});
+                work.push_back(Work{w.path, (int64_t)i, oi, type, true, held});
             }
             continue;
         }
-        work.push_back(Work{w.path, (int64_t)i, oi, type, false});
+        work.push_back(Work{w.path, (int64_t)i, oi, type, false, held});
     }
     /* Chunks of files below dir that the walk no longer reaches, in a stable order. */
     XString below = root + "/";
@@ -334,7 +440,7 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
         }
         XString path(c->file_path);
         if (seen.emplace(path, true).second) {
-            work.push_back(Work{path, -1, -1, 0, true});
+            work.push_back(Work{path, -1, -1, 0, true, chunks_of(path)});
             dirty = true;
         }
     }
@@ -359,77 +465,47 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
     bool changed_index = false;
     uint64_t chunks_since_manifest = 0; /* chunks written, or 1 for a removal */
     size_t done = 0;
+    Batch batches[2];
+    for (Batch &b : batches) {
+        b.work = &work;
+        b.walked = &walked;
+        b.old = &old;
+        b.chunk_size = chunk_size;
+        b.overlap = overlap;
+        b.max_size = opts ? opts->max_file_size : 0;
+        b.on_helpers = e->embed_threads > 1;
+    }
+    if (batches[0].on_helpers) {
+        extract_prepare_threads();
+    }
+    Batch *now = &batches[0];
+    Batch *ahead = &batches[1];
+    if (!work.empty()) {
+        batch_start(e, 0, ahead);
+    }
     while (keep_going && done < work.size()) {
-        /* The next jobs: up to BATCH_FILES, or as many as reach BATCH_BYTES of files. */
-        size_t end = done;
-        for (uint64_t bytes = 0;
-             end < work.size() && end - done < BATCH_FILES && (end == done || bytes < BATCH_BYTES);
-             end++) {
-            bytes += work[end].walked >= 0 ? walked[(size_t)work[end].walked].size : 0;
+        std::swap(now, ahead);
+        batch_finish(now);
+        if (now->end < work.size() && now->on_helpers) {
+            batch_start(e, now->end, ahead);
         }
-        /* Each job read, and what it stores: a file with no chunks only removes. */
-        std::vector<Outcome, XAllocator<Outcome>> outcomes(end - done);
         std::vector<CutFile, XAllocator<CutFile>> cuts;
-        cuts.reserve(end - done);
-        auto add_cut = [&cuts](Outcome *o, const XString &path) -> CutFile & {
-            o->cut = (int64_t)cuts.size();
-            cuts.emplace_back();
-            cuts.back().path = path.c_str();
-            return cuts.back();
-        };
-        for (size_t j = done; j < end; j++) {
-            const Work &job = work[j];
-            Outcome &o = outcomes[j - done];
-            o.held = chunks_of(job.path);
-            if (job.remove_only) {
-                o.kind = Outcome::REMOVED;
-                add_cut(&o, job.path);
-                continue;
-            }
-            const FoundFile *w = &walked[(size_t)job.walked];
-            const ManifestEntry *oe = job.old_entry >= 0 ? &old.entries[job.old_entry] : nullptr;
-            int64_t read_at = now_ns();
-            bool binary = false, cut = false;
-            size_t length = 0;
-            e->files_read++;
-            char *text = update_text(
-                job.path.c_str(), job.type, opts ? opts->max_file_size : 0, &length, &binary, &cut);
-            o.entry = entry_for(*w, job.type);
-            o.has_entry = text || binary;
-            if (!text && binary) {
-                o.entry.type = TRN_FILE_TYPE_BINARY;
-                o.entry.flags |= MANIFEST_FLAG_NO_TEXT;
-                o.kind = o.held > 0 ? Outcome::REMOVED : Outcome::NOTED;
-                if (o.held > 0) {
-                    add_cut(&o, job.path);
-                }
-            } else if (text) {
-                o.entry.text_hash = text_hash(text, length);
-                o.entry.flags =
-                    read_at - w->mtime_ns < g_update_recent_ns ? MANIFEST_FLAG_RECENT : 0;
-                o.entry.flags |= cut ? MANIFEST_FLAG_CUT : 0;
-                if (oe && oe->text_hash == o.entry.text_hash && oe->type == job.type
-                    && oe->chunks == o.held) {
-                    o.kind = Outcome::UNCHANGED;
-                    o.entry.chunks = o.held;
-                } else {
-                    o.kind = Outcome::STORED;
-                    CutFile &f = add_cut(&o, job.path);
-                    f.type = job.type;
-                    f.held_none = o.held == 0;
-                    cut_file(text, (int64_t)length, chunk_size, overlap, &f);
-                }
-                free(text);
+        for (Outcome &o : now->outcomes) {
+            if (o.kind == Outcome::REMOVED || o.kind == Outcome::STORED) {
+                cuts.push_back(std::move(o.cut));
             }
         }
         if (!cuts.empty() && !store_cut_files(e, cuts.data(), cuts.size(), taken_up)) {
             failed = true;
             break;
         }
-        for (size_t j = done; j < end; j++) {
+        size_t stored = 0;
+        for (size_t j = now->first; j < now->end; j++) {
             const Work &job = work[j];
-            Outcome &o = outcomes[j - done];
+            Outcome &o = now->outcomes[j - now->first];
+            e->files_read += job.remove_only ? 0 : 1;
             if (o.kind == Outcome::REMOVED) {
+                stored++;
                 report->removed++;
                 changed_index = true;
                 chunks_since_manifest++;
@@ -440,10 +516,10 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
             } else if (o.kind == Outcome::STORED) {
                 const ManifestEntry *oe =
                     job.old_entry >= 0 ? &old.entries[job.old_entry] : nullptr;
-                int32_t n = cuts[(size_t)o.cut].stored;
+                int32_t n = cuts[stored++].stored;
                 o.entry.chunks = (uint32_t)n;
                 store_chunks[job.path] = (uint32_t)n;
-                if (o.held > 0 || (oe && oe->chunks > 0)) {
+                if (job.held > 0 || (oe && oe->chunks > 0)) {
                     report->changed++;
                 } else if (n > 0) {
                     report->added++;
@@ -456,19 +532,27 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
                 manifest_add(&next, &o.entry);
             }
             e->update_bytes_done += job.walked >= 0 ? walked[(size_t)job.walked].size : 0;
-            /* Once stopped, the rest of the group is committed all the same: noted, not shown. */
+            /* Once stopped, the rest of the batch is stored all the same: noted, not shown. */
             if (keep_going && progress
                 && !progress(job.path.c_str(), (int32_t)j + 1, total, user)) {
                 keep_going = false;
                 report->cancelled = 1;
             }
         }
-        done = end;
+        done = now->end;
         if (has_files && !e->rebuild && chunks_since_manifest > 0
             && chunks_since_manifest * MANIFEST_ENTRIES_PER_CHUNK >= next.count) {
             write_manifest(e, &next, &old, work, done);
             chunks_since_manifest = 0;
         }
+        if (!now->on_helpers && done < work.size()) {
+            batch_start(e, done, ahead);
+        }
+    }
+    /* A batch read ahead and not stored: its files keep their old entries. */
+    if (ahead->run) {
+        work_finish(ahead->run, false);
+        ahead->run = nullptr;
     }
     if (changed_index) {
         trn_build_doc_index(e); /* searches from the progress callback see every file */

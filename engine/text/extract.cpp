@@ -37,6 +37,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <libxml/parser.h>
 #include <sys/stat.h>
 
 bool pdf_extract(const char *path, ExtractedText *out); /* extract_pdf.cpp */
@@ -245,6 +246,11 @@ bool file_charset(const char *path, uint64_t max_size, char *name, size_t size)
     }
     free(bytes);
     return text;
+}
+
+void extract_prepare_threads(void)
+{
+    xmlInitParser();
 }
 
 void extracted_text_free(ExtractedText *t)

@@ -228,6 +228,11 @@ TrnFileStatus extract_file_text(const char *path, TrnFileType type, uint64_t max
 
 void extracted_text_free(ExtractedText *t);
 
+/* Sets up libxml2's shared state, so that extract_file_text may run on several threads at once
+** for any type but PDF (poppler's error hook is process-wide: PDF stays on one thread). Called on
+** one thread before the others start; cheap after the first call. */
+void extract_prepare_threads(void);
+
 /* Strict UTF-8: no overlong forms, surrogates or values above U+10FFFF. */
 bool valid_utf8(const unsigned char *s, size_t n);
 

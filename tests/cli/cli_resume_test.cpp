@@ -186,15 +186,16 @@ TEST(CliResume, AnUpdateKilledAtAnyWriteIsFinishedByTheNextOne)
     kill_everywhere_then_update(t, cli_args("update", t.src), expected, "update");
 }
 
-// Ctrl+C stops a first indexing after the file in hand with one line and status 130; the next
-// update reads only the files that were not done and ends with every chunk a clean run makes.
-// A file is one chunk, so stopping after the first of 40 leaves most of them to do.
+// Ctrl+C stops a first indexing after the group of files in hand with one line and status 130;
+// the next update reads only the files that were not done and ends with every chunk a clean run
+// makes. A file is one chunk and a group at most 32 files, so stopping after the first group of
+// 300 files leaves most of them to do.
 TEST(CliResume, CtrlCKeepsTheFilesDoneAndUpdateReadsOnlyTheRest)
 {
-    constexpr int FILES = 40;
+    constexpr int FILES = 300;
     Tree t;
     for (int i = 0; i < FILES; i++) {
-        write_file(t.src + "/n" + std::to_string(1000 + i) + ".txt",
+        write_file(t.src + "/n" + std::to_string(10000 + i) + ".txt",
                    "note " + std::to_string(i) + " of the tree\n");
     }
     std::vector<std::string> index = {"index", t.src};

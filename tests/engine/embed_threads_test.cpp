@@ -1,5 +1,6 @@
-// Embedding on several threads: per-encoder scratch lets handles embed at once, and ingestion on
-// any number of workers writes the same vectors, graph and store as one worker.
+// Embedding on several threads: per-encoder scratch lets handles embed at once, and ingestion or
+// an update (files read ahead on helpers) on any number of workers writes the same vectors, graph
+// and store as one worker.
 #include "store_fixtures.h"
 
 #include <gtest/gtest.h>
@@ -54,6 +55,42 @@ TEST(EmbedThreads, AnyWorkerCountWritesTheSameVectorsGraphAndStoreAsOne)
         trn_close(many);
     }
     trn_close(one);
+}
+
+TEST(EmbedThreads, FilesReadAheadAreCommittedInWalkOrderAsByOneWorker)
+{
+    // 40 files, several batches of reading ahead, with one that cannot be read as its type says
+    // and one too short to index among them. The words phase alone: the meaning phase is stopped.
+    trn_set_verbose(0);
+    auto words_only = [](const char *, int32_t, int32_t, void *e) {
+        return trn_meaning_progress(static_cast<TrnEngine *>(e), nullptr, nullptr) != 1;
+    };
+    TempDir src;
+    for (int i = 0; i < 40; i++) {
+        char name[32];
+        snprintf(name, sizeof name, "/f%02d.txt", i);
+        write_file_text(src.path() + name, twelve_chunks() + std::string(i * 37, 'a' + i % 26));
+    }
+    write_file_text(src.path() + "/f07.docx", "not a zip archive at all");
+    write_file_text(src.path() + "/f11.txt", "x");
+    std::vector<uint8_t> want_store;
+    TrnUpdateReport want = {};
+    for (int32_t workers : {1, 2, 3}) {
+        TempDir dir;
+        TrnEngine *e = open_with_workers(dir.path(), workers);
+        TrnUpdateReport r = {};
+        ASSERT_GT(trn_update_dir(e, src.path().c_str(), 300, 50, nullptr, words_only, e, &r), 0);
+        ASSERT_EQ(trn_checkpoint(e), 1);
+        trn_close(e);
+        if (workers == 1) {
+            want_store = read_file_bytes(dir.file("tarnwick.bin"));
+            want = r;
+            EXPECT_EQ(r.failed, 1);
+            continue;
+        }
+        EXPECT_EQ(read_file_bytes(dir.file("tarnwick.bin")), want_store) << workers << " workers";
+        EXPECT_EQ(memcmp(&r, &want, sizeof r), 0) << workers << " workers";
+    }
 }
 
 TEST(EmbedThreads, ChunksEmbeddedSeveralToAPassGetTheBitsOfOneAtATime)
