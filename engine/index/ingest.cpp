@@ -399,9 +399,12 @@ void count_logged(TrnEngine *e, uint64_t records)
     if (!e->wal) {
         return;
     }
-    /* Bounds what a reopen after a crash replays; a failure leaves the log whole. */
+    /* Bounds what a reopen after a crash replays to about what it loads from the store: a
+    ** threshold that grows with the index rewrites the store a few times over a long indexing,
+    ** where a fixed one would rewrite it every few thousand chunks. A failure leaves the log
+    ** whole. */
     e->wal_chunks += records;
-    if (e->wal_chunks >= g_checkpoint_chunks) {
+    if (e->wal_chunks >= std::max(g_checkpoint_chunks, e->count)) {
         checkpoint_locked(e);
         status_clear(e);
     }
