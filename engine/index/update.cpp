@@ -52,11 +52,11 @@ namespace
 ** seconds) let a write just after a read keep the same mtime: a file modified this close to the
 ** moment it was read is read again by the next update. */
 constexpr int64_t RECENT_NS = 3000000000ll;
-/* An update writes the manifest after a file that changed the index once the chunks written
-** since the last write, times this, reach the manifest's entries. Embedding a chunk costs far
-** more than writing 64 entries, so the manifest stays a small share of the run however large it
-** grows, and a kill costs reading again only the files of the last moments (one, in a small
-** tree). Counted in chunks, not time, so a run makes the same system calls every time. */
+/* An update writes the manifest after a group of files that changed the index once the chunks
+** written since the last write, times this, reach the manifest's entries. Cutting and logging a
+** chunk costs more than writing 64 entries, so the manifest stays a small share of the run
+** however large it grows, and a kill costs reading again only the files of the last moments (a
+** group or two). Counted in chunks, not time, so a run makes the same system calls every time. */
 constexpr uint64_t MANIFEST_ENTRIES_PER_CHUNK = 64;
 /* The words phase logs the files it reads in groups of up to BATCH_FILES files, or of as many as
 ** reach BATCH_BYTES, so that the log is synced once per group rather than once per file (a sync
@@ -518,7 +518,6 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
                     job.old_entry >= 0 ? &old.entries[job.old_entry] : nullptr;
                 int32_t n = cuts[stored++].stored;
                 o.entry.chunks = (uint32_t)n;
-                store_chunks[job.path] = (uint32_t)n;
                 if (job.held > 0 || (oe && oe->chunks > 0)) {
                     report->changed++;
                 } else if (n > 0) {
