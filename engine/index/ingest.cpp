@@ -356,6 +356,9 @@ void cut_windows(const char *text, int64_t length, int32_t chunk_size, int32_t o
 namespace
 {
 
+/* How far the checkpoint threshold grows with the index (count_logged). */
+constexpr uint64_t CHECKPOINT_GROWTH = 8;
+
 /* Chunks embedded per block: the vectors of a large file are kept in blocks, each freed once its
 ** chunks have joined the index, so its vectors are never all held twice. */
 constexpr size_t EMBED_BLOCK = 1024;
@@ -399,12 +402,13 @@ void count_logged(TrnEngine *e, uint64_t records)
     if (!e->wal) {
         return;
     }
-    /* Bounds what a reopen after a crash replays to about what it loads from the store: a
-    ** threshold that grows with the index rewrites the store a few times over a long indexing,
-    ** where a fixed one would rewrite it every few thousand chunks. A failure leaves the log
-    ** whole. */
+    /* Bounds what another process's open replays (each vector is linked into its graph again):
+    ** the threshold grows with the index up to CHECKPOINT_GROWTH times the least, so a long
+    ** indexing rewrites the store a few dozen times instead of every 2,048 chunks, and an update
+    ** ends with a log no longer than the least (trn_update_dir). A failure leaves the log whole. */
     e->wal_chunks += records;
-    if (e->wal_chunks >= std::max(g_checkpoint_chunks, e->count)) {
+    const uint64_t most = g_checkpoint_chunks * CHECKPOINT_GROWTH;
+    if (e->wal_chunks >= std::max(g_checkpoint_chunks, std::min(e->count, most))) {
         checkpoint_locked(e);
         status_clear(e);
     }

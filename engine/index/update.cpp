@@ -583,6 +583,12 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
         failed = trn_checkpoint(e) != 1;
     } else if (has_files && !failed && e->paths_full) {
         failed = trn_checkpoint(e) != 1;
+    } else if (has_files && !failed && !e->rebuild && e->wal_chunks >= g_checkpoint_chunks) {
+        /* Within a run the log may grow with the index; after it, another process's open
+        ** replays no more than the least threshold allows. A failure leaves the log whole. */
+        if (trn_checkpoint(e) != 1) {
+            status_clear(e);
+        }
     }
     if (has_files && dirty && !e->rebuild) {
         /* The files from done on were not handled: they keep their old entries. */

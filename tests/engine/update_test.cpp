@@ -226,6 +226,39 @@ TEST(UpdateManifest, AMissingOrDamagedManifestCostsReadingNeverChunks)
     }
 }
 
+TEST(UpdateLog, TheLogGrowsWithTheIndexWithinAnUpdateAndIsShortAfterIt)
+{
+    /* 40 files of a few chunks, two records each (text, vector): with a least threshold of 8 the
+    ** log may grow to 64 records while the update runs; another process opening the index
+    ** afterwards replays fewer than 8. */
+    g_checkpoint_chunks = 8;
+    TempDir tmp;
+    std::string src = tmp.file("src");
+    for (int i = 0; i < 40; i++) {
+        write_file_text(src + "/f" + std::to_string(i) + ".txt", long_text("word", 25));
+    }
+    TrnEngine *e = open_index(tmp.file("index"));
+    struct Seen {
+        TrnEngine *e;
+        uint64_t longest;
+    } seen = {e, 0};
+    auto watch = [](const char *, int32_t, int32_t, void *user) {
+        Seen *s = static_cast<Seen *>(user);
+        s->longest = std::max(s->longest, s->e->wal_chunks);
+        return true;
+    };
+    ASSERT_GT(trn_update_dir(e, src.c_str(), CHUNK, OVERLAP, nullptr, watch, &seen, nullptr), 0);
+    g_checkpoint_chunks = TRN_CHECKPOINT_CHUNKS;
+    EXPECT_GT(seen.longest, 8u);
+    EXPECT_LE(seen.longest, 64u);
+    EXPECT_LT(e->wal_chunks, 8u);
+    TrnEngine *reader = open_index(tmp.file("index"));
+    EXPECT_EQ(reader->wal_chunks, e->wal_chunks);
+    EXPECT_EQ(chunks_of(reader), chunks_of(e));
+    trn_close(reader);
+    trn_close(e);
+}
+
 TEST(UpdateManifest, AFileModifiedJustBeforeItWasReadIsReadAgain)
 {
     g_update_recent_ns = 3000000000ll;
