@@ -190,6 +190,9 @@ TEST_F(Ingest, EmptyNullAndOverlongInputs)
     ASSERT_EQ(trn_ingest_text(e_, long_path.c_str(), "text", 800, 200), 1);
     EXPECT_EQ(strlen(e_->chunks[0].doc_id), 255u);
     EXPECT_STREQ(e_->chunks[0].file_path, long_path.c_str()); /* the path itself is whole */
+    /* The least text in the least window is still a chunk. */
+    ASSERT_EQ(trn_ingest_text(e_, "/w/x.txt", "x", 1, 0), 1);
+    EXPECT_STREQ(e_->chunks[1].text, "x");
 }
 
 TEST(IngestStorage, CapacityCoversEveryRequestWithZeroedRecords)

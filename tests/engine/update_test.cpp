@@ -216,10 +216,13 @@ TEST(UpdateManifest, AMissingOrDamagedManifestCostsReadingNeverChunks)
         if (std::string(damage) != "gone") {
             write_file_bytes(manifest, b.data(), b.size());
         }
+        const std::vector<uint8_t> commit = read_file_bytes(index + "/tarnwick.commit");
         Updated u = update(index, src);
         EXPECT_EQ(u.chunks, first.chunks) << damage;
         EXPECT_EQ(u.files_read, 2u) << damage;
         EXPECT_EQ(u.report.changed, 2) << damage << ": files the index holds are not added";
+        EXPECT_EQ(read_file_bytes(index + "/tarnwick.commit"), commit)
+            << damage << ": nor written again";
         /* And the manifest written then is trusted again. */
         EXPECT_EQ(update(index, src).files_read, 0u) << damage;
         bytes = read_file_bytes(manifest);
