@@ -357,7 +357,7 @@ namespace
 {
 
 /* How far the checkpoint threshold grows with the index (count_logged). */
-constexpr uint64_t CHECKPOINT_GROWTH = 8;
+constexpr uint64_t CHECKPOINT_GROWTH = 4;
 
 /* Chunks embedded per block: the vectors of a large file are kept in blocks, each freed once its
 ** chunks have joined the index, so its vectors are never all held twice. */

@@ -103,7 +103,7 @@ TEST(SharedIndex, AFullDiskFailsTheAppendAndLeavesTheLogAsItWas)
 TEST(SharedIndex, ALongIndexingCheckpointsAsTheIndexGrowsNotAtEveryFewChunks)
 {
     /* Each note logs two records (its text and its vector); the least threshold is 3. A checkpoint
-    ** once the log holds as many records as the index has chunks, but never more than 24, keeps
+    ** once the log holds as many records as the index has chunks, but never more than 12, keeps
     ** the log short and rewrites the store a few times over the run, not every other note. */
     TempDir dir;
     TrnConfig cfg = config_for(dir);
@@ -113,11 +113,11 @@ TEST(SharedIndex, ALongIndexingCheckpointsAsTheIndexGrowsNotAtEveryFewChunks)
     for (int i = 0; i < 64; i++) {
         std::string path = "/c/n" + std::to_string(i) + ".txt";
         ASSERT_EQ(trn_ingest_text(e, path.c_str(), "a note", 800, 200), 1);
-        ASSERT_LE(e->wal_chunks, std::min<uint64_t>(std::max<uint64_t>(3, e->count), 24)) << i;
+        ASSERT_LE(e->wal_chunks, std::min<uint64_t>(std::max<uint64_t>(3, e->count), 12)) << i;
     }
     g_checkpoint_chunks = TRN_CHECKPOINT_CHUNKS;
     EXPECT_GE(e->generation - first, 4u);
-    EXPECT_LE(e->generation - first, 12u);
+    EXPECT_LE(e->generation - first, 16u);
     /* Killed here: the store and the log hold the 64 notes between them. */
     TrnEngine *reader = trn_open(&cfg);
     EXPECT_EQ(reader->count, 64u);
