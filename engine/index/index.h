@@ -82,8 +82,9 @@ void cut_file(const char *text, int64_t length, int32_t chunk_size, int32_t over
 ** nothing since e->taken_up was taken_up. False when the group could not be written: nothing
 ** changed. */
 bool store_cut_files(TrnEngine *e, CutFile *files, size_t n, uint64_t taken_up);
-/* Counts records this handle logged under the lock, and checkpoints past the threshold. */
-void count_logged(TrnEngine *e, uint64_t records);
+/* Counts records this handle logged under the lock (with vectors among them, or texts only), and
+** checkpoints past the threshold. */
+void count_logged(TrnEngine *e, uint64_t records, bool vectors);
 
 /* ---------------------------------------------------------------------------------------------
 ** The meaning phase (meaning.cpp)

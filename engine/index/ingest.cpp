@@ -397,17 +397,18 @@ bool held_chunks_equal(const TrnEngine *e, const CutFile &f)
 
 } // namespace
 
-void count_logged(TrnEngine *e, uint64_t records)
+void count_logged(TrnEngine *e, uint64_t records, bool vectors)
 {
     if (!e->wal) {
         return;
     }
-    /* Bounds what another process's open replays (each vector is linked into its graph again):
-    ** the threshold grows with the index up to CHECKPOINT_GROWTH times the least, so a long
-    ** indexing rewrites the store a few dozen times instead of every 2,048 chunks, and an update
-    ** ends with a log no longer than the least (trn_update_dir). A failure leaves the log whole. */
+    /* Bounds what another process's open replays. The threshold grows with the index, so that a
+    ** long indexing rewrites the store a few times instead of every 2,048 chunks; once vectors
+    ** are logged, only up to CHECKPOINT_GROWTH times the least, since replaying a vector links it
+    ** into the graph again (texts only join the word index). An update ends with a log no longer
+    ** than the least (trn_update_dir). A failure leaves the log whole. */
     e->wal_chunks += records;
-    const uint64_t most = g_checkpoint_chunks * CHECKPOINT_GROWTH;
+    const uint64_t most = vectors ? g_checkpoint_chunks * CHECKPOINT_GROWTH : UINT64_MAX;
     if (e->wal_chunks >= std::max(g_checkpoint_chunks, std::min(e->count, most))) {
         checkpoint_locked(e);
         status_clear(e);
@@ -523,7 +524,7 @@ bool store_cut_files(TrnEngine *e, CutFile *files, size_t n, uint64_t taken_up)
             added += file.chunks.size();
             e->changed = 1;
         }
-        count_logged(e, added);
+        count_logged(e, added, false);
     }
     write_end(e);
     return committed;
@@ -600,7 +601,7 @@ int32_t chunk_and_ingest(TrnEngine *e, const char *path, const char *text, int64
             }
             added = (int32_t)count;
             e->changed = 1;
-            count_logged(e, count * 2); /* texts and vectors */
+            count_logged(e, count * 2, true); /* texts and vectors */
         }
         write_end(e);
     }

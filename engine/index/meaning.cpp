@@ -154,7 +154,7 @@ bool commit_group(TrnEngine *e, const Group &g, bool *embedded)
         }
         *embedded = true;
         e->changed = 1;
-        count_logged(e, valid);
+        count_logged(e, valid, true);
     }
     write_end(e);
     return ok;
