@@ -223,10 +223,10 @@ TRN_API int32_t trn_checkpoint(TrnEngine *e);
 TRN_API int32_t trn_rollback(TrnEngine *e);
 
 /* Returns 1 when another process committed to e's index since e last loaded or wrote it (a rebuild
-** that replaced it included), or when e's last trn_update_dir took up such a commit after it had
-** compared the directory with the index (an update then compares again), else 0, also for NULL
-** or an in-memory or rebuilding handle. Reads only the commit record and the files' sizes, so it
-** may be asked every few seconds. */
+** that replaced it included), or when e's last trn_update_dir, in its last comparison of the
+** directory with the index, took up such a commit after comparing (an update then compares
+** again), else 0, also for NULL or an in-memory or rebuilding handle. Reads only the commit
+** record and the files' sizes, so it may be asked every few seconds. */
 TRN_API int32_t trn_index_changed(const TrnEngine *e);
 
 /* Turns the engine's informational lines on standard error ("opened", "built doc index", "loaded
@@ -386,7 +386,12 @@ enum { TRN_UPDATE_COMPACT_PERCENT = 25 };
 ** Paths in the index are dir, "/" and the path below it, as given: pass dir the same way (the
 ** application and tarnwick-cli pass it absolute and resolved) or files are indexed twice. After
 ** the folder holding the index was moved, its files keep their chunks: an update reads none
-** that mv left as it was, and embeds no chunk whose text it already holds. */
+** that mv left as it was, and embeds no chunk whose text it already holds.
+**
+** When the update takes up another process's commit after it compared the directory with the
+** index (a rebuild that swapped in what it read before a file was deleted), it compares again,
+** three times in all at most; progress then starts again, and report adds up the passes (the
+** unchanged files are the first pass's, the failed ones the last's). */
 TRN_API int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_t overlap,
                                const TrnWalkOptions *opts, TrnProgressFn progress, void *user,
                                TrnUpdateReport *report);

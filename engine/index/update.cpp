@@ -64,6 +64,8 @@ constexpr uint64_t MANIFEST_ENTRIES_PER_CHUNK = 64;
 ** reason as the manifest. */
 constexpr size_t BATCH_FILES = 32;
 constexpr uint64_t BATCH_BYTES = 2u << 20;
+/* Comparisons of one trn_update_dir at most, when other processes' commits keep overtaking it. */
+constexpr int UPDATE_PASSES = 3;
 
 using XString = std::basic_string<char, std::char_traits<char>, XAllocator<char>>;
 
@@ -321,16 +323,14 @@ void batch_finish(Batch *b)
 
 } // namespace
 
-extern "C" {
-
-int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_t overlap,
-                       const TrnWalkOptions *opts, TrnProgressFn progress, void *user,
-                       TrnUpdateReport *report)
+namespace
 {
-    TrnUpdateReport local;
-    if (!report) {
-        report = &local;
-    }
+
+/* One comparison of dir with the index and the work it finds (trn_update_dir). */
+int32_t update_once(TrnEngine *e, const char *dir, int32_t chunk_size, int32_t overlap,
+                    const TrnWalkOptions *opts, TrnProgressFn progress, void *user,
+                    TrnUpdateReport *report)
+{
     memset(report, 0, sizeof *report);
     if (!e || !dir) {
         return -1;
@@ -600,6 +600,38 @@ int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_
     manifest_free(&next);
     manifest_free(&old);
     return failed ? -1 : report->chunks_added;
+}
+
+} // namespace
+
+extern "C" {
+
+int32_t trn_update_dir(TrnEngine *e, const char *dir, int32_t chunk_size, int32_t overlap,
+                       const TrnWalkOptions *opts, TrnProgressFn progress, void *user,
+                       TrnUpdateReport *report)
+{
+    TrnUpdateReport local;
+    if (!report) {
+        report = &local;
+    }
+    int32_t added = update_once(e, dir, chunk_size, overlap, opts, progress, user, report);
+    /* Another process's commit taken up after the comparison (a rebuild that swapped in what it
+    ** read before a file was deleted) is compared again, a few times at most: each pass reads
+    ** only what differs. */
+    for (int pass = 1; pass < UPDATE_PASSES && added >= 0 && !report->cancelled && e->overtaken;
+         pass++) {
+        TrnUpdateReport more;
+        int32_t n = update_once(e, dir, chunk_size, overlap, opts, progress, user, &more);
+        report->added += more.added;
+        report->changed += more.changed;
+        report->removed += more.removed;
+        report->failed = more.failed; /* what still fails */
+        report->chunks_added += more.chunks_added;
+        report->compacted |= more.compacted;
+        report->cancelled = more.cancelled;
+        added = n < 0 ? n : added + n;
+    }
+    return added;
 }
 
 } /* extern "C" */
