@@ -2,7 +2,7 @@
 ** known_item_bench.cpp -- how often each search mode puts the right file first, on any directory.
 **
 **   known_item_bench DIR [--weights W] [--files N] [--seed S] [--chunk C] [--overlap O]
-**                        [--sweep] [--dump FILE] [--corpus FILE] [--questions FILE]
+**                        [--sweep] [--dump FILE] [--corpus FILE] [--questions FILE] [--by-file]
 **
 ** Each file's known-item query (known_item_queries.h) is asked against its text with the query's
 ** lines taken out. The indexable files under DIR (names beginning with "." skipped) are sorted,
@@ -23,6 +23,10 @@
 ** results; MRR@10: mean of 1 / rank of the first such chunk (0 when none). Both are given for
 ** every query and for the vocabulary-mismatch slice: the queries none of whose content words
 ** occurs in their file as indexed (vocabulary.h), where words cannot help and meaning must.
+**
+** --by-file lays the results out one row per file, as the application and tarnwick-cli show them,
+** so the ten results are ten files; without it they are ten chunks, several of a file perhaps.
+** The --sweep rows always rank chunks.
 **
 ** --sweep adds rows for other fusions of the same two rankings: fixed semantic shares (0: keyword
 ** alone, 1: the semantic ranking alone) and shares that follow the keyword hits' coverage of the
@@ -146,7 +150,7 @@ void usage()
     fprintf(stderr,
             "usage: known_item_bench DIR [--weights W] [--files N] [--seed S] [--chunk C] "
             "[--overlap O] [--sweep] [--dump FILE] [--corpus FILE] [--questions FILE] "
-            "[--task FILE]\n");
+            "[--task FILE] [--by-file]\n");
 }
 
 } // namespace
@@ -161,6 +165,7 @@ int main(int argc, char **argv)
     int files = -1, chunk = 800, overlap = 200; /* files: 300, or every file with questions */
     unsigned seed = 1;
     bool sweep = false;
+    uint32_t layout = 0;
     std::string dump_path, corpus_path, questions_path, task_path;
     for (int i = 2; i < argc; i++) {
         std::string a = argv[i];
@@ -185,6 +190,8 @@ int main(int argc, char **argv)
             questions_path = argv[++i];
         } else if (a == "--sweep") {
             sweep = true;
+        } else if (a == "--by-file") {
+            layout = TRN_SEARCH_BY_FILE;
         } else {
             usage();
             return 2;
@@ -410,7 +417,7 @@ int main(int argc, char **argv)
     for (const Query &q : queries) {
         for (int m = 0; m < n_modes; m++) {
             auto s0 = std::chrono::steady_clock::now();
-            int32_t n = trn_search(e, q.text.c_str(), modes[m].mode, 10, results);
+            int32_t n = trn_search_ex(e, q.text.c_str(), modes[m].mode, 10, layout, results);
             seconds[m] +=
                 std::chrono::duration<double>(std::chrono::steady_clock::now() - s0).count();
             int rank = rank_of(results, n, q);
@@ -499,7 +506,8 @@ int main(int argc, char **argv)
         return buf;
     };
     printf("\n%s over %s: %zu files (%.1f MB, %zu chunks of %d bytes), %zu queries, %zu of them "
-           "sharing no content word with their file (the mismatch slice), encoder %s\n\n",
+           "sharing no content word with their file (the mismatch slice), encoder %s, results %s"
+           "\n\n",
            questions_path.empty() ? "Known-item search" : questions_path.c_str(),
            dir.c_str(),
            items.size(),
@@ -508,7 +516,8 @@ int main(int argc, char **argv)
            chunk,
            queries.size(),
            n_mismatch,
-           weights.empty() ? "random (seed 42)" : weights.c_str());
+           weights.empty() ? "random (seed 42)" : weights.c_str(),
+           layout ? "by file" : "by chunk");
     printf("| mode | R@10 | MRR@10 | mismatch R@10 | mismatch MRR@10 | ms/query |\n"
            "|---|---:|---:|---:|---:|---:|\n");
     for (int m = 0; m < n_modes; m++) {

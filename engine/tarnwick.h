@@ -58,7 +58,8 @@ typedef struct TrnConfig {
     int32_t dim;              /* floats per vector; 0 or less selects 512 */
     int32_t M;                /* graph neighbours per node per level; 0 or less selects 16 */
     int32_t ef_construction;  /* search width while inserting; 0 or less selects 100 */
-    int32_t ef_search;        /* search width while querying; 0 or less selects 50 */
+    int32_t ef_search;        /* search width while querying; 0 or less selects 50 (semantic
+                              ** searches walk at least 200 wide) */
 } TrnConfig;
 
 typedef struct TrnEngine TrnEngine; /* opaque */
@@ -451,8 +452,8 @@ enum {
 ** many. 0 for an unknown mode, k < 1, an empty index or an invalid expression. By mode:
 **
 ** TRN_SEARCH_SEMANTIC: nearest chunks by embedding, narrowed to the ten files whose centroids
-**   are closest when two or more files are indexed; at most ef_search hits. score: the dot
-**   product of the query's and the chunk's unit vectors (-1..1).
+**   are closest when two or more files are indexed; at most max(ef_search, 200) hits. score:
+**   the dot product of the query's and the chunk's unit vectors (-1..1).
 ** TRN_SEARCH_TEXT: chunks holding the query as an ASCII case-insensitive substring; a query of
 **   white space only finds nothing.
 ** TRN_SEARCH_REGEX: chunks matching the query as a POSIX extended expression, ignoring case,
@@ -536,10 +537,10 @@ enum {
     ** counting the file's other chunks among those the search ranked: for text, regex and
     ** keyword searches the first 1024 matching chunks, for hybrid the first 200 of its fused
     ** ranking; for semantic ones the file's chunks at least as near to the query as the last of
-    ** the graph's nearest min(4 k, 256) (at least ef_search), by exact nearness, so they are the
-    ** ones trn_search_file opens. A chunk without a path is a file of its own. Near-duplicate
-    ** chunks of one file (windows overlap) thus never take two results. Text and regex scores go
-    ** by result: 1, 1 - 1/k, ... */
+    ** the graph's nearest min(4 k, 256) (at least 200 and ef_search), by exact nearness, so they
+    ** are the ones trn_search_file opens. A chunk without a path is a file of its own.
+    ** Near-duplicate chunks of one file (windows overlap) thus never take two results. Text and
+    ** regex scores go by result: 1, 1 - 1/k, ... */
     TRN_SEARCH_BY_FILE = 1
 };
 

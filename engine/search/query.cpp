@@ -156,12 +156,18 @@ bool embed_query(TrnEngine *e, const char *query, float *q)
 namespace
 {
 
+/* The width of a semantic graph search: ef_search, at least SEMANTIC_GRAPH_MIN. */
+int32_t semantic_width(const TrnEngine *e)
+{
+    return e->ef_search > SEMANTIC_GRAPH_MIN ? e->ef_search : SEMANTIC_GRAPH_MIN;
+}
+
 /* The graph width and depth of a semantic search by file: deep enough that k rows come from
-** different files, as wide as ef_search at least. */
+** different files, as wide as semantic_width at least. */
 int32_t by_file_graph_width(const TrnEngine *e, int32_t kk)
 {
     int32_t w = 4 * kk < BY_FILE_GRAPH_MAX ? 4 * kk : BY_FILE_GRAPH_MAX;
-    return w > e->ef_search ? w : e->ef_search;
+    return w > semantic_width(e) ? w : semantic_width(e);
 }
 
 /* The nearest chunks among those allowed: a narrowed search answers with every chunk it may, so
@@ -194,7 +200,7 @@ void rank_semantic(TrnEngine *e, const char *query, int32_t kk, bool by_file, Ra
                    : e->file_count < 2        ? kk
                    : 4 * kk < TRN_MAX_RESULTS ? 4 * kk
                                               : TRN_MAX_RESULTS;
-    int32_t width = by_file ? want : e->ef_search;
+    int32_t width = by_file ? want : semantic_width(e);
     std::vector<uint32_t, XAllocator<uint32_t>> idx((size_t)want);
     std::vector<float, XAllocator<float>> sim((size_t)want);
     int32_t n = hnsw_query_width(e, q, want, width, idx.data(), sim.data());
@@ -255,7 +261,7 @@ void rank_semantic_all(TrnEngine *e, const char *query, int32_t kk, bool by_file
         return;
     }
     int32_t want = by_file ? by_file_graph_width(e, kk) : kk;
-    int32_t width = want > e->ef_search ? want : e->ef_search;
+    int32_t width = want > semantic_width(e) ? want : semantic_width(e);
     std::vector<uint32_t, XAllocator<uint32_t>> idx((size_t)want);
     std::vector<float, XAllocator<float>> sim((size_t)want);
     int32_t n = hnsw_query_width(e, q, want, width, idx.data(), sim.data());

@@ -153,19 +153,29 @@ TEST(SemanticSearch, ResultCountLimits)
 {
     Engine eng;
     Around around(embedded(eng, "anything"));
-    for (int i = 0; i < 90; i++) {
-        std::vector<float> v = around.at(0.2f + 0.01f * i);
+    const std::vector<float> side = around.at(1.5707964f);
+    for (int i = 0; i < 250; i++) { // on one arc from the query, so the graph walk is exact
+        const float theta = 0.2f + 0.005f * (float)i;
+        std::vector<float> v(side.size());
+        for (size_t d = 0; d < v.size(); d++) {
+            v[d] = std::cos(theta) * around.q[d] + std::sin(theta) * side[d];
+        }
         eng.add("/one/file.txt", "chunk " + std::to_string(i), &v, i);
     }
-    EXPECT_EQ(eng.search("anything", TRN_SEARCH_SEMANTIC, 100).size(), 50u); // ef_search
+    EXPECT_EQ(eng.search("anything", TRN_SEARCH_SEMANTIC, 100).size(), 64u);
     EXPECT_EQ(eng.search("anything", TRN_SEARCH_SEMANTIC, 7).size(), 7u);
+    // The graph is walked 200 wide, past ef_search (50): by file, the one row counts the
+    // other 199 passages its file has that near.
+    TrnResult row[1];
+    ASSERT_EQ(trn_search_ex(eng.e, "anything", TRN_SEARCH_SEMANTIC, 1, TRN_SEARCH_BY_FILE, row), 1);
+    EXPECT_EQ(row[0].more_in_file, 199);
     EXPECT_TRUE(eng.search("anything", TRN_SEARCH_SEMANTIC, 0).empty());
     // Over every file and in hybrid search the graph is searched at least k wide.
     EXPECT_EQ(eng.search("anything", TRN_SEARCH_SEMANTIC_ALL, 64).size(), 64u);
     EXPECT_EQ(eng.search("anything", TRN_SEARCH_HYBRID, 64).size(), 64u);
-    // Two files: the graph is asked for min(4k, 64) hits, still at most ef_search.
+    // Two files: the graph is asked for min(4k, 64) hits.
     eng.set_files({"/one/file.txt", "/two.txt"}, {around.q, around.at(3.0f)});
-    EXPECT_EQ(eng.search("anything", TRN_SEARCH_SEMANTIC, 100).size(), 50u);
+    EXPECT_EQ(eng.search("anything", TRN_SEARCH_SEMANTIC, 100).size(), 64u);
     EXPECT_EQ(eng.search("anything", TRN_SEARCH_SEMANTIC, 2).size(), 2u);
 }
 
