@@ -4,55 +4,10 @@
 #include "vocabulary.h"
 
 #include "index/word_index.h"
+#include "index/words.h"
 
 #include <algorithm>
 #include <cstring>
-
-namespace
-{
-
-bool ends_with(const std::string &s, const char *tail)
-{
-    size_t n = strlen(tail);
-    return s.size() >= n && s.compare(s.size() - n, n, tail) == 0;
-}
-
-bool is_vowel(char c)
-{
-    return c == 'a' || c == 'e' || c == 'i' || c == 'o' || c == 'u';
-}
-
-} // namespace
-
-std::string simple_stem(const std::string &word)
-{
-    std::string s = word;
-    if (s.size() > 4 && (ends_with(s, "ies") || ends_with(s, "ied"))) {
-        return s.replace(s.size() - 3, 3, "y");
-    }
-    if (ends_with(s, "sses")) {
-        return s.erase(s.size() - 2);
-    }
-    if (s.size() > 3 && s.back() == 's' && !ends_with(s, "ss") && !ends_with(s, "us")
-        && !ends_with(s, "is")) {
-        s.pop_back();
-    } else if (!ends_with(s, "eed")) {
-        /* "ing" and "ed" go when a vowel stays before them ("using", "used"; not "thing",
-           "red"), and a consonant they doubled goes with them ("stopped"; not "falling"). */
-        size_t n = ends_with(s, "ing") ? 3 : ends_with(s, "ed") ? 2 : 0;
-        if (n > 0 && s.size() >= n + 2 && s.find_first_of("aeiouy") < s.size() - n) {
-            s.erase(s.size() - n);
-            size_t m = s.size();
-            if (s[m - 1] == s[m - 2] && !is_vowel(s[m - 1]) && strchr("lsz", s[m - 1]) == nullptr) {
-                s.pop_back();
-            }
-        }
-    }
-    if (s.size() >= 3 && s.back() == 'e' && s[s.size() - 2] != 'e') {
-        s.pop_back();
-    }
-    return s;
-}
 
 bool is_stop_word(const std::string &word)
 {
@@ -87,7 +42,7 @@ std::vector<std::string> content_stems(const std::string &text)
         size_t n = end ? (size_t)(end - p) : strlen(p);
         std::string w(p, n);
         if (!is_stop_word(w)) {
-            out.push_back(simple_stem(w));
+            out.push_back(word_stem(w));
         }
         p += n + (end ? 1 : 0);
     }

@@ -9,13 +9,6 @@
 #include <unordered_set>
 #include <vector>
 
-/* The lower-case word with one common English ending taken off: "ies" and "ied" give "y", "sses"
-** gives "ss", a plural "s" goes (not in "ss", "us", "is"), "ing" and "ed" go when a vowel stays
-** before them (with a consonant they doubled), and then a final "e" goes. So "use", "uses",
-** "used" and "using" give one stem, "stop" and "stopped" another, "process" and "processes" a
-** third. */
-std::string simple_stem(const std::string &word);
-
 /* Whether the lower-case word is an English function word ("the", "of", "how", "which", ...). */
 bool is_stop_word(const std::string &word);
 

@@ -17,6 +17,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 constexpr size_t TERM_MAX = 64; /* bytes of a folded term; longer terms are cut */
 constexpr size_t RUN_MAX = 256; /* code points of a word handled at once */
@@ -232,5 +233,12 @@ inline uint32_t hash_term(const char *s, size_t n)
     }
     return h;
 }
+
+/* The lower-case word with one common English ending taken off: "ies" and "ied" give "y", "sses"
+** gives "ss", a plural "s" goes (not in "ss", "us", "is"), "ing" and "ed" go when a vowel stays
+** before them (with a consonant they doubled), and then a final "e" goes. So "use", "uses",
+** "used" and "using" give one stem, "stop" and "stopped" another, "process" and "processes" a
+** third. */
+std::string word_stem(const std::string &word);
 
 #endif /* TRN_WORDS_H */

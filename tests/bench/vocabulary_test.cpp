@@ -7,34 +7,6 @@
 #include <string>
 #include <vector>
 
-TEST(Vocabulary, StemJoinsAWordsFormsAndKeepsOthersApart)
-{
-    const std::vector<std::vector<std::string>> families = {
-        {"use", "uses", "used", "using"},
-        {"file", "files", "filed", "filing"},
-        {"stop", "stops", "stopped", "stopping"},
-        {"try", "tries", "tried", "trying"},
-        {"process", "processes", "processed", "processing"},
-        {"index", "indexes", "indexed"},
-        {"need", "needs", "needed"},
-        {"fall", "falls", "falling"},
-    };
-    for (const auto &family : families) {
-        for (const std::string &w : family) {
-            EXPECT_EQ(simple_stem(w), simple_stem(family[0])) << w << " against " << family[0];
-        }
-    }
-    // Endings that are part of the word stay: no vowel would be left, or the "s" is not a plural.
-    for (const char *w : {"thing", "red", "status", "analysis", "class"}) {
-        EXPECT_EQ(simple_stem(w), w);
-    }
-    for (size_t a = 0; a < families.size(); a++) {
-        for (size_t b = a + 1; b < families.size(); b++) {
-            EXPECT_NE(simple_stem(families[a][0]), simple_stem(families[b][0]));
-        }
-    }
-}
-
 TEST(Vocabulary, MismatchMeansNoContentWordInAnyAnswer)
 {
     const std::string page = "The font size of window titles is set in the Appearance panel.";

@@ -1,6 +1,7 @@
-// Tests of the word index: how texts split into terms, BM25 scores against a computation from
-// the definition, reciprocal rank fusion, and an index that follows ingestion, removal, log
-// replay, compaction and reopening exactly as one built from scratch would.
+// Tests of the word index: how texts split into terms, a word's stem, BM25 scores against a
+// computation from the definition, reciprocal rank fusion, and an index that follows ingestion,
+// removal, log replay, compaction and reopening exactly as one built from scratch would.
+#include "index/words.h"
 #include "internal.h"
 #include "store_fixtures.h"
 #include "tarnwick.h"
@@ -85,6 +86,34 @@ std::vector<std::string> terms_of(const char *text)
         at = sp == std::string::npos ? s.size() : sp + 1;
     }
     return out;
+}
+
+TEST(LexicalTerms, StemJoinsAWordsFormsAndKeepsOthersApart)
+{
+    const std::vector<std::vector<std::string>> families = {
+        {"use", "uses", "used", "using"},
+        {"file", "files", "filed", "filing"},
+        {"stop", "stops", "stopped", "stopping"},
+        {"try", "tries", "tried", "trying"},
+        {"process", "processes", "processed", "processing"},
+        {"index", "indexes", "indexed"},
+        {"need", "needs", "needed"},
+        {"fall", "falls", "falling"},
+    };
+    for (const auto &family : families) {
+        for (const std::string &w : family) {
+            EXPECT_EQ(word_stem(w), word_stem(family[0])) << w << " against " << family[0];
+        }
+    }
+    // Endings that are part of the word stay: no vowel would be left, or the "s" is not a plural.
+    for (const char *w : {"thing", "red", "status", "analysis", "class"}) {
+        EXPECT_EQ(word_stem(w), w);
+    }
+    for (size_t a = 0; a < families.size(); a++) {
+        for (size_t b = a + 1; b < families.size(); b++) {
+            EXPECT_NE(word_stem(families[a][0]), word_stem(families[b][0]));
+        }
+    }
 }
 
 TEST(LexicalBm25, ScoresEqualTheDefinitionOverLiveChunks)
