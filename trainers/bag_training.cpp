@@ -141,6 +141,50 @@ double BagTrainer::step(const std::vector<std::string> &texts)
     return loss;
 }
 
+void BagTrainer::join(const std::vector<uint32_t> &group)
+{
+    std::vector<double> length(vocab_, 0.0);
+    std::vector<int64_t> slot(vocab_, -1); /* a group's row of mean */
+    std::vector<double> mean;
+    for (uint32_t t = 0; t < vocab_ && t < group.size(); t++) {
+        const float *row = &rows_[(size_t)t * LIVE];
+        double sq = 0;
+        for (int d = 0; d < LIVE; d++) {
+            sq += (double)row[d] * row[d];
+        }
+        length[t] = std::sqrt(sq);
+        if (group[t] >= vocab_ || length[t] == 0) {
+            continue;
+        }
+        if (slot[group[t]] < 0) {
+            slot[group[t]] = (int64_t)(mean.size() / LIVE);
+            mean.resize(mean.size() + LIVE, 0.0);
+        }
+        double *m = &mean[(size_t)slot[group[t]] * LIVE];
+        for (int d = 0; d < LIVE; d++) {
+            m[d] += row[d] / length[t];
+        }
+    }
+    for (uint32_t t = 0; t < vocab_ && t < group.size(); t++) {
+        if (group[t] >= vocab_ || length[t] == 0) {
+            continue;
+        }
+        const double *m = &mean[(size_t)slot[group[t]] * LIVE];
+        double sq = 0;
+        for (int d = 0; d < LIVE; d++) {
+            sq += m[d] * m[d];
+        }
+        if (sq == 0) {
+            continue;
+        }
+        const double scale = length[t] / std::sqrt(sq);
+        float *row = &rows_[(size_t)t * LIVE];
+        for (int d = 0; d < LIVE; d++) {
+            row[d] = (float)(m[d] * scale);
+        }
+    }
+}
+
 void BagTrainer::store(TrnEncoder *enc) const
 {
     double longest = 0;

@@ -46,6 +46,12 @@ public:
     /* Embeds texts with the current rows (count x DIM, unit rows; 0 for a text without words). */
     void embed(const std::vector<std::string> &texts, std::vector<float> &z);
 
+    /* Gives the tokens of each group one direction, the mean of their rows' directions, each
+    ** row keeping its length (its word's rarity): group[t] names token t's group (token_stems),
+    ** NO_WORD none. So "read", " reads" and "Reading" point alike while a rare form still weighs
+    ** more than a common one. */
+    void join(const std::vector<uint32_t> &group);
+
     /* Writes the rows into enc's token embedding as described above. */
     void store(TrnEncoder *enc) const;
 

@@ -5,6 +5,7 @@
 #include "training.h"
 
 #include "corpus.h"
+#include "index/words.h"
 
 #include <algorithm>
 #include <cctype>
@@ -32,7 +33,11 @@ void tokenize(const TrnBpe *bpe, const std::string &text, std::vector<uint32_t> 
     ids.resize(n + 2);
 }
 
-std::vector<uint32_t> token_words(const TrnBpe *bpe, uint32_t vocab)
+namespace
+{
+
+/* The bytes each token id below vocab stands for ("" for the special ids). */
+std::vector<std::string> token_spellings(const TrnBpe *bpe, uint32_t vocab)
 {
     std::vector<std::string> spelling(vocab);
     for (uint32_t t = 0; t < vocab && t < 256; t++) {
@@ -44,6 +49,39 @@ std::vector<uint32_t> token_words(const TrnBpe *bpe, uint32_t vocab)
             spelling[260 + i] = spelling[l] + spelling[r];
         }
     }
+    return spelling;
+}
+
+} // namespace
+
+std::vector<uint32_t> token_stems(const TrnBpe *bpe, uint32_t vocab)
+{
+    const std::vector<std::string> spelling = token_spellings(bpe, vocab);
+    std::vector<uint32_t> stem(vocab, NO_WORD);
+    std::unordered_map<std::string, uint32_t> first;
+    for (uint32_t t = 0; t < vocab; t++) {
+        const std::string &s = spelling[t];
+        const size_t a = s.find_first_not_of(" \t\n\r\f\v");
+        if (a == std::string::npos) {
+            continue;
+        }
+        std::string key = s.substr(a, s.find_last_not_of(" \t\n\r\f\v") + 1 - a);
+        if (key.size() < 3 || !std::all_of(key.begin(), key.end(), [](unsigned char c) {
+                return std::isalpha(c) != 0;
+            })) {
+            continue;
+        }
+        for (char &c : key) {
+            c = (char)std::tolower((unsigned char)c);
+        }
+        stem[t] = first.emplace(word_stem(key), t).first->second;
+    }
+    return stem;
+}
+
+std::vector<uint32_t> token_words(const TrnBpe *bpe, uint32_t vocab)
+{
+    const std::vector<std::string> spelling = token_spellings(bpe, vocab);
     std::vector<uint32_t> word(vocab, NO_WORD);
     std::unordered_map<std::string, uint32_t> first;
     for (uint32_t t = 0; t < vocab; t++) {

@@ -211,13 +211,14 @@ int parse_trainer_args(int argc, char **argv, TrainOptions *opts)
                 float lr = 0;
                 char tail = 0;
                 if (have_bag || sscanf(val, "%d,%d,%f%c", &steps, &batch, &lr, &tail) != 3
-                    || steps < 1 || steps > MAX_STEPS || batch < 2 || batch > MAX_BAG_BATCH
+                    || steps < 0 || steps > MAX_STEPS || batch < 2 || batch > MAX_BAG_BATCH
                     || !(lr > 0.0f && lr <= 1.0f)) {
-                    return usage_error("bad --bag '%s' (expected STEPS,BATCH,RATE: 1 to 10000000 "
+                    return usage_error("bad --bag '%s' (expected STEPS,BATCH,RATE: 0 to 10000000 "
                                        "steps of 2 to 4096 pairs at a rate above 0, at most 1)",
                                        val);
                 }
                 opts->bag = BagOptions{steps, batch, lr};
+                opts->bag_phase = true;
                 have_bag = true;
             } else if (strcmp(a, "--cloze") == 0 || strcmp(a, "--usage") == 0) {
                 const bool cloze = a[2] == 'c';

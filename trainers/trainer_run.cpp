@@ -208,6 +208,7 @@ bool train_bag(const TrainOptions &opts, CorpusSampler &sampler, const PairFile 
             loss_count = 0;
         }
     }
+    bag.join(token_stems(enc->bpe, enc->vocab_size));
     bag.store(enc);
     return true;
 }
@@ -271,11 +272,11 @@ int run_trainer(const TrainOptions &opts, FILE *progress)
             usage = usage_vectors(counts, enc.vocab_size, DIM - IDF_SPARE_DIMS, SAMPLER_SEED + 3);
         }
         bag_of_tokens(&enc, rarity, word, usage, opts.usage);
-        if (opts.bag.steps > 0 && !train_bag(opts, sampler, mined, &enc, progress)) {
+        if (opts.bag_phase && !train_bag(opts, sampler, mined, &enc, progress)) {
             encoder_release(&enc);
             return 1;
         }
-    } else if (opts.bag.steps > 0) {
+    } else if (opts.bag_phase) {
         /* A profile that starts from the built-in encoder trains its word rows on the user's text
         ** and stays a bag of words, which the engine embeds without the forward pass. */
         if (!encoder_prepare_bag(&enc)) {

@@ -95,6 +95,7 @@ struct TrainOptions {
     bool idf = false;          /* start from the corpus's weighted bag of words */
     double usage = 0.0;        /* with idf: share of a word's direction learned from its usage */
     BagOptions bag;            /* with idf: bag-of-words steps before the model's own */
+    bool bag_phase = false;    /* --bag given (0 steps: a word's forms joined, nothing trained) */
     std::string pairs_path;    /* mined pairs mixed into every batch; empty: none */
     double pairs_share = 0.25; /* share of each batch's pairs taken from pairs_path */
     bool half = false;         /* write OUT as version 4 in half precision */
@@ -138,6 +139,12 @@ constexpr uint32_t NO_WORD = 0xffffffffu;
 ** are one word), or NO_WORD for a token with no letter, digit or byte above 127 (white space,
 ** punctuation, the begin and end tokens). */
 std::vector<uint32_t> token_words(const TrnBpe *bpe, uint32_t vocab);
+
+/* Which forms of a word each token id below vocab spells: the lowest id whose bytes, once white
+** space at either end is dropped and letters are lower-cased, have the same stem (word_stem:
+** " reads", "Reading" and "read" are one), or NO_WORD for a token that is not three or more ASCII
+** letters. */
+std::vector<uint32_t> token_stems(const TrnBpe *bpe, uint32_t vocab);
 
 /* How rare each token's word is (word from token_words, one entry per token id): over windows
 ** windows of CHUNK_BYTES at offsets drawn from rng (all of a corpus shorter than that),

@@ -1,5 +1,6 @@
-// The weighted bag of tokens that --idf starts from: how rare each token is in the corpus, and an
-// encoder that embeds a text as the sum of its tokens' directions weighted by that rarity.
+// The weighted bag of tokens that --idf starts from: how rare each token is in the corpus, an
+// encoder that embeds a text as the sum of its tokens' directions weighted by that rarity, and
+// its training, which ends with a word's forms sharing one direction.
 #include "training.h"
 
 #include "../engine/store_fixtures.h"
@@ -25,6 +26,23 @@ Vec embed(TrnEncoder *enc, const std::string &text)
     Vec v(DIM);
     trn_encoder_embed_text(enc, text.c_str(), v.data());
     return v;
+}
+
+// The weighted sum of the vectors, to unit length.
+Vec unit(const std::vector<Vec> &vs, const std::vector<float> &w)
+{
+    Vec sum(vs[0].size(), 0.0f);
+    double norm = 0;
+    for (size_t i = 0; i < sum.size(); i++) {
+        for (size_t j = 0; j < vs.size(); j++) {
+            sum[i] += w[j] * vs[j][i];
+        }
+        norm += (double)sum[i] * sum[i];
+    }
+    for (float &x : sum) {
+        x = (float)(x / std::sqrt(norm));
+    }
+    return sum;
 }
 
 float max_diff(const Vec &a, const Vec &b)
@@ -242,5 +260,61 @@ TEST(BagTraining, LearnsPairsAndTheEngineEmbedsExactlyWhatItTrained)
     for (uint32_t t = 0; t < enc.vocab_size; t++) {
         EXPECT_GE(enc.tok_emb[(size_t)t * DIM], 0.0f);
     }
+    encoder_release(&enc);
+}
+
+TEST(BagTraining, AWordsFormsEndWithOneDirectionEachKeepingItsLength)
+{
+    uint32_t merges[][2] = {
+        {'r', 'e'}, // 260 "re"
+        {260, 'a'}, // 261 "rea"
+        {261, 'd'}, // 262 "read"
+        {262, 's'}, // 263 "reads"
+        {'i', 'n'}, // 264 "in"
+        {264, 'g'}, // 265 "ing"
+        {262, 265}, // 266 "reading"
+        {' ', 'R'}, // 267 " R"
+        {267, 262}, // 268 " Rread": not a form of "read"
+        {' ', 262}, // 269 " read"
+        {262, ')'}, // 270 "read)"
+        {'R', 'e'}, // 271 "Re"
+        {271, 'a'}, // 272 "Rea"
+        {272, 'd'}, // 273 "Read"
+    };
+    TrnBpe bpe{merges, 14, 274, nullptr};
+    const std::vector<uint32_t> stem = token_stems(&bpe, 274);
+    for (uint32_t form : {262u, 263u, 266u, 269u, 273u}) {
+        EXPECT_EQ(stem[form], 262u) << form;
+    }
+    EXPECT_EQ(stem[261], 261u);
+    EXPECT_EQ(stem[268], 268u);
+    for (uint32_t none : {(uint32_t)'r', 260u, 264u, 267u, 270u}) {
+        EXPECT_EQ(stem[none], NO_WORD) << none;
+    }
+
+    // the join on byte tokens: "a" and "b" one group, "c" alone, "d" in none
+    TrnEncoder enc;
+    encoder_init(&enc, 42);
+    Vec weight(TRN_ENCODER_BYTE_VOCAB, 0.5f);
+    weight['b'] = 0.25f;
+    bag_of_tokens(&enc, weight, token_words(nullptr, TRN_ENCODER_BYTE_VOCAB));
+    const Vec a = embed(&enc, "a"), b = embed(&enc, "b"), c = embed(&enc, "c"),
+              d = embed(&enc, "d");
+    ASSERT_GT(max_diff(a, b), 0.05f);
+    std::vector<uint32_t> group(TRN_ENCODER_BYTE_VOCAB, NO_WORD);
+    group['a'] = group['b'] = 'a';
+    group['c'] = 'c';
+    BagTrainer bag(&enc, BagOptions{}, 1);
+    bag.join(group);
+    bag.store(&enc);
+    const Vec a2 = embed(&enc, "a"), b2 = embed(&enc, "b");
+    EXPECT_LT(max_diff(a2, b2), 1e-5f);
+    const Vec half = unit({a, b}, {1.0f, 1.0f}); // halfway between the two directions
+    EXPECT_LT(max_diff(a2, half), 1e-5f);
+    EXPECT_LT(max_diff(embed(&enc, "c"), c), 1e-5f);
+    EXPECT_LT(max_diff(embed(&enc, "d"), d), 1e-5f);
+    // "a" still weighs twice "b" (and as much as "c")
+    EXPECT_LT(max_diff(embed(&enc, "ac"), unit({half, c}, {1.0f, 1.0f})), 1e-5f);
+    EXPECT_LT(max_diff(embed(&enc, "bc"), unit({half, c}, {0.5f, 1.0f})), 1e-5f);
     encoder_release(&enc);
 }
