@@ -461,7 +461,9 @@ enum {
 **   Text and regex hits come in chunk order with scores 1, 1 - 1/k, 1 - 2/k, ...
 ** TRN_SEARCH_KEYWORD: chunks ranked by BM25 (k1 1.2, b 0.75) over their words. Words are
 **   letters and digits, case-folded for Latin, Greek and Cyrillic scripts; identifiers also count
-**   by their parts, so "read file" finds readFileSync and read_file_sync. score: the BM25 sum
+**   by their parts, so "read file" finds readFileSync and read_file_sync; an English word counts
+**   by its stem, one common ending taken off, so "reading files" finds "reads a file" (and marks
+**   "reads" and "file"). score: the BM25 sum
 **   (above 0, unbounded). Chunks with none of the query's words are not returned. The word index
 **   is kept in "tarnwick.lex" in the index directory, written after each checkpoint and read by
 **   trn_open; without a valid one the first keyword or hybrid search builds it from the chunk

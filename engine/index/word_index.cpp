@@ -111,7 +111,7 @@ void add_chunk(TrnLexical *x, uint64_t slot, const char *text)
 {
     uint32_t epoch = next_epoch(x);
     uint32_t len = 0;
-    tokenize(text, strlen(text), [x, slot, epoch, &len](const char *s, size_t n, size_t) {
+    tokenize_stems(text, strlen(text), [x, slot, epoch, &len](const char *s, size_t n, size_t) {
         uint32_t id = lex_intern_term(x, s, n); /* may move the term array */
         Term *t = &x->terms[id];
         len++;
@@ -144,7 +144,7 @@ void add_chunk(TrnLexical *x, uint64_t slot, const char *text)
 void drop_chunk(TrnLexical *x, uint64_t slot, const char *text)
 {
     uint32_t epoch = next_epoch(x);
-    tokenize(text, strlen(text), [x, epoch](const char *s, size_t n, size_t) {
+    tokenize_stems(text, strlen(text), [x, epoch](const char *s, size_t n, size_t) {
         int64_t id = lex_find_term(x, s, n, hash_term(s, n));
         if (id >= 0 && x->terms[id].mark != epoch) {
             x->terms[id].mark = epoch;
@@ -180,21 +180,22 @@ uint32_t lex_query_terms(const TrnLexical *x, const char *query, uint32_t *ids, 
 {
     uint32_t n = 0;
     const double docs = (double)x->live_docs;
-    tokenize(query, strlen(query), [x, ids, idf, max, docs, &n](const char *s, size_t len, size_t) {
-        int64_t id = lex_find_term(x, s, len, hash_term(s, len));
-        if (id < 0 || x->terms[id].df == 0 || n == max) {
-            return;
-        }
-        for (uint32_t j = 0; j < n; j++) {
-            if (ids[j] == (uint32_t)id) {
+    tokenize_stems(
+        query, strlen(query), [x, ids, idf, max, docs, &n](const char *s, size_t len, size_t) {
+            int64_t id = lex_find_term(x, s, len, hash_term(s, len));
+            if (id < 0 || x->terms[id].df == 0 || n == max) {
                 return;
             }
-        }
-        double df = (double)x->terms[id].df;
-        ids[n] = (uint32_t)id;
-        idf[n] = (float)std::log(1.0 + (docs - df + 0.5) / (df + 0.5));
-        n++;
-    });
+            for (uint32_t j = 0; j < n; j++) {
+                if (ids[j] == (uint32_t)id) {
+                    return;
+                }
+            }
+            double df = (double)x->terms[id].df;
+            ids[n] = (uint32_t)id;
+            idf[n] = (float)std::log(1.0 + (docs - df + 0.5) / (df + 0.5));
+            n++;
+        });
     return n;
 }
 

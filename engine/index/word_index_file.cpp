@@ -14,8 +14,8 @@
 **
 **     offset  size  field
 **          0     4  magic "TRNL"
-**          4     4  uint32 version, 2 (a change of the terms a text gives needs a new one);
-**                   1 is the same with zlib's CRC-32 at 48, still read
+**          4     4  uint32 version, 3 (a change of the terms a text gives needs a new one: 1
+**                   and 2 held words as written, 3 their stems)
 **          8     8  uint64 size of the store this index belongs to
 **         16     4  uint32 checksum of that store (the commit record's: store_checksum)
 **         20     4  uint32 T, terms
@@ -49,8 +49,7 @@
 namespace
 {
 
-constexpr uint32_t LEX_FILE_VERSION = 2;
-constexpr uint32_t LEX_FILE_VERSION_ZLIB = 1; /* its body checked with zlib's CRC-32, still read */
+constexpr uint32_t LEX_FILE_VERSION = 3;
 constexpr size_t LEX_HEADER_SIZE = 56;
 
 struct LexHeader {
@@ -61,7 +60,6 @@ struct LexHeader {
     uint64_t postings;
     uint64_t pool;
     uint32_t body_crc;
-    uint32_t version;
 };
 
 void encode_header(const LexHeader *h, uint8_t *b)
@@ -84,12 +82,9 @@ bool decode_header(const uint8_t *b, LexHeader *h)
     uint32_t version = 0, crc = 0;
     memcpy(&version, b + 4, 4);
     memcpy(&crc, b + 52, 4);
-    if (memcmp(b, "TRNL", 4) != 0
-        || (version != LEX_FILE_VERSION && version != LEX_FILE_VERSION_ZLIB)
-        || crc != crc32_update(0, b, 52)) {
+    if (memcmp(b, "TRNL", 4) != 0 || version != LEX_FILE_VERSION || crc != crc32_update(0, b, 52)) {
         return false;
     }
-    h->version = version;
     memcpy(&h->store_size, b + 8, 8);
     memcpy(&h->store_crc, b + 16, 4);
     memcpy(&h->terms, b + 20, 4);
@@ -194,9 +189,7 @@ bool lex_from_bytes(TrnLexical *x, const TrnEngine *e, uint8_t *b, size_t n)
     }
     left -= h.slots * 4 + (uint64_t)h.terms * 8;
     if (h.postings > left / 8 || h.pool != left - h.postings * 8
-        || (h.version == LEX_FILE_VERSION_ZLIB ? crc32_update : crc32c_update)(
-               0, b + LEX_HEADER_SIZE, n - LEX_HEADER_SIZE)
-               != h.body_crc) {
+        || crc32c_update(0, b + LEX_HEADER_SIZE, n - LEX_HEADER_SIZE) != h.body_crc) {
         return false;
     }
     const uint8_t *doc_len = b + LEX_HEADER_SIZE;

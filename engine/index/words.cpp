@@ -34,15 +34,46 @@ int32_t lex_split(const char *text, char *out, size_t size)
 namespace
 {
 
-bool ends_with(const std::string &s, const char *tail)
-{
-    size_t n = strlen(tail);
-    return s.size() >= n && s.compare(s.size() - n, n, tail) == 0;
-}
-
 bool is_vowel(char c)
 {
     return c == 'a' || c == 'e' || c == 'i' || c == 'o' || c == 'u';
+}
+
+/* word_stem on s[0..n); every rule shortens the word, so it works in place. */
+size_t stem_in_place(char *s, size_t n)
+{
+    auto ends = [s, &n](const char *tail) {
+        size_t k = strlen(tail);
+        return n >= k && memcmp(s + n - k, tail, k) == 0;
+    };
+    if (n > 4 && (ends("ies") || ends("ied"))) {
+        s[n - 3] = 'y';
+        return n - 2;
+    }
+    if (ends("sses")) {
+        return n - 2;
+    }
+    if (n > 3 && s[n - 1] == 's' && !ends("ss") && !ends("us") && !ends("is")) {
+        n--;
+    } else if (!ends("eed")) {
+        /* "ing" and "ed" go when a vowel stays before them ("using", "used"; not "thing",
+           "red"), and a consonant they doubled goes with them ("stopped"; not "falling"). */
+        size_t k = ends("ing") ? 3 : ends("ed") ? 2 : 0;
+        bool vowel = false;
+        for (size_t i = 0; k > 0 && i + k < n; i++) {
+            vowel = vowel || strchr("aeiouy", s[i]) != nullptr;
+        }
+        if (k > 0 && n >= k + 2 && vowel) {
+            n -= k;
+            if (s[n - 1] == s[n - 2] && !is_vowel(s[n - 1]) && strchr("lsz", s[n - 1]) == nullptr) {
+                n--;
+            }
+        }
+    }
+    if (n >= 3 && s[n - 1] == 'e' && s[n - 2] != 'e') {
+        n--;
+    }
+    return n;
 }
 
 } // namespace
@@ -50,29 +81,19 @@ bool is_vowel(char c)
 std::string word_stem(const std::string &word)
 {
     std::string s = word;
-    if (s.size() > 4 && (ends_with(s, "ies") || ends_with(s, "ied"))) {
-        return s.replace(s.size() - 3, 3, "y");
+    s.resize(stem_in_place(s.data(), s.size()));
+    return s;
+}
+
+size_t stem_term(char *term, size_t n)
+{
+    if (n < 3) {
+        return n;
     }
-    if (ends_with(s, "sses")) {
-        return s.erase(s.size() - 2);
-    }
-    if (s.size() > 3 && s.back() == 's' && !ends_with(s, "ss") && !ends_with(s, "us")
-        && !ends_with(s, "is")) {
-        s.pop_back();
-    } else if (!ends_with(s, "eed")) {
-        /* "ing" and "ed" go when a vowel stays before them ("using", "used"; not "thing",
-           "red"), and a consonant they doubled goes with them ("stopped"; not "falling"). */
-        size_t n = ends_with(s, "ing") ? 3 : ends_with(s, "ed") ? 2 : 0;
-        if (n > 0 && s.size() >= n + 2 && s.find_first_of("aeiouy") < s.size() - n) {
-            s.erase(s.size() - n);
-            size_t m = s.size();
-            if (s[m - 1] == s[m - 2] && !is_vowel(s[m - 1]) && strchr("lsz", s[m - 1]) == nullptr) {
-                s.pop_back();
-            }
+    for (size_t i = 0; i < n; i++) {
+        if (term[i] < 'a' || term[i] > 'z') {
+            return n;
         }
     }
-    if (s.size() >= 3 && s.back() == 'e' && s[s.size() - 2] != 'e') {
-        s.pop_back();
-    }
-    return s;
+    return stem_in_place(term, n);
 }

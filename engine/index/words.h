@@ -10,13 +10,15 @@
 ** followed by a lower-case letter ("HTTPServer") and between letters and digits ("utf8"). Both the
 ** whole word, with its underscores dropped, and each part become terms: "readFileSync" gives
 ** readfilesync, read, file, sync, so "read file" finds it and "read_file_sync" matches it whole.
-** Terms longer than 64 bytes are cut there. A query is split the same way.
+** Terms longer than 64 bytes are cut there. A query is split the same way. The word index holds
+** each term's stem (tokenize_stems: "reads", "reading" and "read" are "read").
 */
 #ifndef TRN_WORDS_H
 #define TRN_WORDS_H
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 constexpr size_t TERM_MAX = 64; /* bytes of a folded term; longer terms are cut */
@@ -240,5 +242,25 @@ inline uint32_t hash_term(const char *s, size_t n)
 ** "used" and "using" give one stem, "stop" and "stopped" another, "process" and "processes" a
 ** third. */
 std::string word_stem(const std::string &word);
+/* The term of n bytes taken down to its stem in place (word_stem) when it is three or more
+** letters from a to z; its new length. Other terms (digits, other scripts) stay as they are. */
+size_t stem_term(char *term, size_t n);
+
+/* As tokenize, each term taken down to its stem (stem_term): the terms the word index holds, so
+** that "reads" finds "read" and "reading". The offset is still the word's (or part's) in text. */
+template <typename Emit>
+void tokenize_stems(const char *text, size_t len, Emit &&emit)
+{
+    tokenize(text, len, [&emit](const char *s, size_t n, size_t off) {
+        const char last = s[n - 1]; /* every ending stem_term takes off ends so */
+        if (n < 3 || (last != 's' && last != 'd' && last != 'g' && last != 'e')) {
+            emit(s, n, off);
+            return;
+        }
+        char term[TERM_MAX];
+        memcpy(term, s, n);
+        emit((const char *)term, stem_term(term, n), off);
+    });
+}
 
 #endif /* TRN_WORDS_H */

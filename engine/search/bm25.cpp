@@ -79,7 +79,7 @@ uint32_t query_terms(TrnEngine *e, const char *query, const LexShared *shared, Q
         return 0;
     }
     uint32_t n = 0;
-    tokenize(query, strlen(query), [&](const char *s, size_t len, size_t) {
+    tokenize_stems(query, strlen(query), [&](const char *s, size_t len, size_t) {
         uint32_t h = hash_term(s, len);
         for (uint32_t j = 0; j < n; j++) {
             if (out[j].hash == h) {
@@ -124,7 +124,7 @@ float lex_joint_coverage(TrnEngine *e, const char *query, const char *const *tex
     uint32_t nt = query_terms(e, query, shared, terms);
     bool held[QUERY_TERMS_MAX] = {};
     for (int32_t i = 0; i < n; i++) {
-        tokenize(texts[i], strlen(texts[i]), [&](const char *s, size_t len, size_t) {
+        tokenize_stems(texts[i], strlen(texts[i]), [&](const char *s, size_t len, size_t) {
             uint32_t h = hash_term(s, len);
             for (uint32_t j = 0; j < nt; j++) {
                 if (terms[j].hash == h && terms[j].len == len

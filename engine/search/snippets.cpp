@@ -71,7 +71,8 @@ bool is_stop_word(const char *s, size_t n)
     return false;
 }
 
-/* The query's distinct terms as the word index reads them, and which of them count as hits. */
+/* The query's distinct terms as the word index reads them (stems), and which of them count as
+** hits. */
 struct QueryWords {
     char term[QUERY_WORDS_MAX][TERM_MAX];
     size_t len[QUERY_WORDS_MAX];
@@ -82,7 +83,10 @@ struct QueryWords {
 void read_query_words(const char *query, QueryWords *q)
 {
     q->n = 0;
-    tokenize(query, strlen(query), [q](const char *s, size_t n, size_t) {
+    tokenize(query, strlen(query), [q](const char *word, size_t n_word, size_t) {
+        char s[TERM_MAX];
+        memcpy(s, word, n_word);
+        const size_t n = stem_term(s, n_word);
         for (size_t j = 0; j < q->n; j++) {
             if (q->len[j] == n && memcmp(q->term[j], s, n) == 0) {
                 return;
@@ -91,7 +95,7 @@ void read_query_words(const char *query, QueryWords *q)
         if (q->n < QUERY_WORDS_MAX) {
             memcpy(q->term[q->n], s, n);
             q->len[q->n] = n;
-            q->marked[q->n] = !is_stop_word(s, n);
+            q->marked[q->n] = !is_stop_word(word, n_word);
             q->n++;
         }
     });
@@ -132,14 +136,17 @@ struct WordHits {
 void find_word_hits(const QueryWords &q, const char *text, size_t len, WordHits *h)
 {
     h->n = 0;
-    tokenize(text, len, [&q, text, len, h](const char *s, size_t n, size_t off) {
+    tokenize(text, len, [&q, text, len, h](const char *word, size_t n_word, size_t off) {
         if (h->n == HITS_MAX) {
             return;
         }
+        char s[TERM_MAX];
+        memcpy(s, word, n_word);
+        const size_t n = stem_term(s, n_word);
         for (size_t j = 0; j < q.n; j++) {
             if (q.marked[j] && q.len[j] == n && memcmp(q.term[j], s, n) == 0) {
                 h->begin[h->n] = (uint32_t)off;
-                h->end[h->n] = (uint32_t)term_end(text, len, off, n);
+                h->end[h->n] = (uint32_t)term_end(text, len, off, n_word); /* the whole word */
                 h->word[h->n] = (uint8_t)j;
                 h->n++;
                 return;
@@ -277,7 +284,7 @@ int64_t lex_densest(TrnEngine *e, const char *query, const char *text, size_t wi
     size_t hits = 0;
     uint32_t *offs = hit_off;
     uint8_t *terms = hit_term;
-    tokenize(
+    tokenize_stems(
         text, strlen(text), [x, &ids, nt, offs, terms, &hits](const char *s, size_t n, size_t off) {
             if (hits == HITS_MAX) {
                 return;

@@ -383,6 +383,28 @@ TEST_F(Results, TheLineOfTheMatchAgreesWithABruteForceSearchOfTheFile)
     }
 }
 
+/* Keyword and hybrid search find a word in its other forms ("reading" finds "reads") and mark
+** the whole word; a stop word is never marked for its stem. */
+TEST_F(Results, AWordsOtherFormsAreFoundAndMarkedWhole)
+{
+    add_file("/a.txt", "The parser reads every configured file twice.\n", 800, 200);
+    add_file("/b.txt", "Nothing of interest lies in this one at all.\n", 800, 200);
+    for (int mode : {TRN_SEARCH_KEYWORD, TRN_SEARCH_HYBRID}) {
+        SCOPED_TRACE("mode " + std::to_string(mode));
+        std::vector<TrnResult> r = search("reading the files", mode);
+        ASSERT_FALSE(r.empty());
+        EXPECT_STREQ(r[0].file_path, "/a.txt");
+        std::set<std::string> marked;
+        for (int32_t m = 0; m < r[0].mark_count; m++) {
+            marked.insert(std::string(r[0].snippet + r[0].marks[2 * m],
+                                      (size_t)(r[0].marks[2 * m + 1] - r[0].marks[2 * m])));
+        }
+        EXPECT_EQ(marked, (std::set<std::string>{"reads", "file"}));
+    }
+    EXPECT_EQ(search("read", TRN_SEARCH_KEYWORD).size(), 1u);
+    EXPECT_TRUE(search("reader", TRN_SEARCH_KEYWORD).empty()); /* another word, not a form */
+}
+
 /* An HTML file's results name the line of its source that holds the match, not the line of the
 ** text read from it: a brute-force search of the source says which. */
 TEST_F(Results, HtmlLinesAreLinesOfTheSource)
