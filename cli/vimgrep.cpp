@@ -9,6 +9,7 @@
 */
 #include "vimgrep.h"
 
+#include "index/words.h"
 #include "json.h"
 
 #include <algorithm>
@@ -59,8 +60,8 @@ bool is_word_byte(unsigned char c)
     return std::isalnum(c) || c >= 0x80;
 }
 
-// The query's words, lower-cased: runs of letters and digits (any byte above ASCII counts as a
-// letter, so words in other scripts stay whole).
+// The query's words, lower-cased, each followed by its stem where that differs: runs of letters
+// and digits (any byte above ASCII counts as a letter, so words in other scripts stay whole).
 std::vector<std::string> query_words(const std::string &query)
 {
     std::vector<std::string> words;
@@ -71,6 +72,12 @@ std::vector<std::string> query_words(const std::string &query)
             word += static_cast<char>(std::tolower(c));
         } else if (!word.empty()) {
             words.push_back(word);
+            /* the word index matches its stem too ("reading" finds "reads") */
+            std::string stem = word;
+            stem.resize(stem_term(stem.data(), stem.size()));
+            if (stem != word) {
+                words.push_back(stem);
+            }
             word.clear();
         }
     }

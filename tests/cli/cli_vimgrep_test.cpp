@@ -137,6 +137,8 @@ TEST_F(CliVimgrep, EveryModesLinesPointAtTheMatchInTheFile)
     ASSERT_EQ(text.size(), 1u);
     EXPECT_EQ(text[0].line, 17);
     EXPECT_EQ(text[0].column, 13);
+    // Another form of the word finds it, and the column is the word's.
+    EXPECT_EQ(checked_search("lighthouses", "keyword", dir.path()).size(), 2u);
     // Keyword search splits identifiers: "light" is found as the first part of lightHouseBeam.
     std::vector<JumpLine> code = checked_search("light", "keyword", dir.path());
     ASSERT_EQ(code.size(), 1u);
