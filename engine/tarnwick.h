@@ -533,6 +533,11 @@ TRN_API int32_t trn_search(TrnEngine *e, const char *query, int32_t mode, int32_
 ** themselves leave out the same ones. Returns 1 or 0. */
 TRN_API int trn_is_stop_word(const char *word, size_t len);
 
+/* Takes the word of len bytes (lower case) down, in place, to the stem that keyword search reads
+** it as: one common English ending off, so "reads" and "reading" give "read". A word that is not
+** three or more letters a to z stays as it is. Returns the stem's length. */
+TRN_API size_t trn_stem_word(char *word, size_t len);
+
 /* Flags of trn_search_ex. */
 enum {
     /* One result per file: the file's best chunk by the mode's ranking, with more_in_file

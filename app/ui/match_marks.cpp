@@ -72,27 +72,52 @@ QStringList queryWords(const QString &query)
     return kept.isEmpty() ? words : kept;
 }
 
-// Every occurrence of a query word that begins and ends at a word or identifier-part boundary,
-// left to right, overlapping ones joined.
+// The stem keyword search reads a lower-case word as ("reads" and "reading": "read").
+QString stemOf(const QString &lower)
+{
+    QByteArray utf8 = lower.toUtf8();
+    utf8.truncate(
+        static_cast<qsizetype>(trn_stem_word(utf8.data(), static_cast<size_t>(utf8.size()))));
+    return QString::fromUtf8(utf8);
+}
+
+// Every word of the text, and every part of an identifier, whose stem is a query word's, left to
+// right, overlapping and touching ones joined.
 QList<MatchSpan> findWords(const QString &text, const QString &query)
 {
-    QList<MatchSpan> spans;
+    QStringList wanted;
+    QString firsts; /* a word whose first letter begins no stem is skipped without stemming it */
     for (const QString &word : queryWords(query)) {
-        qsizetype from = 0;
-        while (from < text.size()) {
-            const qsizetype at = text.indexOf(word, from, Qt::CaseInsensitive);
-            if (at < 0) {
-                break;
+        wanted.append(stemOf(word));
+        firsts.append(wanted.last().at(0));
+    }
+    QList<MatchSpan> spans;
+    const auto check = [&](qsizetype at, qsizetype length) {
+        if (firsts.contains(text.at(at).toLower())
+            && wanted.contains(stemOf(text.mid(at, length).toLower()))) {
+            spans.append(MatchSpan{at, length});
+        }
+    };
+    qsizetype i = 0;
+    while (i < text.size()) {
+        if (!text.at(i).isLetterOrNumber()) {
+            i++;
+            continue;
+        }
+        const qsizetype start = i;
+        while (i < text.size() && text.at(i).isLetterOrNumber()) {
+            i++;
+        }
+        check(start, i - start);
+        qsizetype part = start;
+        for (qsizetype j = start + 1; j < i; j++) {
+            if (isPartBoundary(text, j)) {
+                check(part, j - part);
+                part = j;
             }
-            const qsizetype end = at + word.size();
-            const bool starts =
-                at == 0 || !text.at(at - 1).isLetterOrNumber() || isPartBoundary(text, at);
-            const bool ends =
-                end == text.size() || !text.at(end).isLetterOrNumber() || isPartBoundary(text, end);
-            if (starts && ends) {
-                spans.append(MatchSpan{at, word.size()});
-            }
-            from = at + 1;
+        }
+        if (part > start) {
+            check(part, i - part);
         }
     }
     std::sort(spans.begin(), spans.end(), [](const MatchSpan &a, const MatchSpan &b) {

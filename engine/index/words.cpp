@@ -97,3 +97,8 @@ size_t stem_term(char *term, size_t n)
     }
     return stem_in_place(term, n);
 }
+
+extern "C" size_t trn_stem_word(char *word, size_t len)
+{
+    return word ? stem_term(word, len) : 0;
+}

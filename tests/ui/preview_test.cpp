@@ -172,14 +172,15 @@ private slots:
                           QStringLiteral("idents.txt"),
                           "readFileSync(p)\nread_file = 1\nspread the profile\nREAD FILES\n"));
         for (SearchMode mode : {SearchMode::Keyword, SearchMode::Hybrid}) {
-            // Parts of identifiers count, words inside other words ("spread", "FILES") do not,
-            // and a common word is marked only when the query holds nothing else.
-            for (const char *query : {"Read file", "read the file"}) {
+            // Parts of identifiers count and so do other forms of a word ("FILES", "reading"),
+            // words inside other words ("spread", "profile") do not, and a common word is marked
+            // only when the query holds nothing else.
+            for (const char *query : {"Read file", "reading the files"}) {
                 m_pane->showResult(hitIn(m_files.filePath(QStringLiteral("idents.txt")), 1),
                                    QString::fromLatin1(query),
                                    mode);
                 QCOMPARE(marksOf(m_pane->textView()),
-                         (QStringList{"readFile", "read", "file", "READ"}));
+                         (QStringList{"readFile", "read", "file", "READ", "FILES"}));
             }
             m_pane->showResult(hitIn(m_files.filePath(QStringLiteral("idents.txt")), 1),
                                QStringLiteral("the"),
