@@ -117,6 +117,17 @@ TEST(LexicalTerms, StemJoinsAWordsFormsAndKeepsOthersApart)
             EXPECT_NE(word_stem(families[a][0]), word_stem(families[b][0]));
         }
     }
+    // The word index stems terms of three or more letters a to z, and no others.
+    for (auto [term, stem] :
+         std::vector<std::pair<std::string, std::string>>{{"use", "us"},
+                                                          {"ies", "ies"},
+                                                          {"as", "as"},
+                                                          {"utf8s", "utf8s"},
+                                                          {"caf\xc3\xa9s", "caf\xc3\xa9s"}}) {
+        std::string t = term;
+        t.resize(stem_term(t.data(), t.size()));
+        EXPECT_EQ(t, stem) << term;
+    }
 }
 
 TEST(LexicalBm25, ScoresEqualTheDefinitionOverLiveChunks)
