@@ -29,6 +29,35 @@ bool isPartBoundary(const QString &w, qsizetype j)
     return a.isUpper() && b.isUpper() && j + 1 < w.size() && w.at(j + 1).isLower();
 }
 
+// Calls visit(start, length) for each run of letters and digits of text, left to right, and
+// after it for each of its parts when it is an identifier of several.
+template <typename Visit>
+void forEachWordAndPart(const QString &text, Visit &&visit)
+{
+    qsizetype i = 0;
+    while (i < text.size()) {
+        if (!text.at(i).isLetterOrNumber()) {
+            i++;
+            continue;
+        }
+        const qsizetype start = i;
+        while (i < text.size() && text.at(i).isLetterOrNumber()) {
+            i++;
+        }
+        visit(start, i - start);
+        qsizetype part = start;
+        for (qsizetype j = start + 1; j < i; j++) {
+            if (isPartBoundary(text, j)) {
+                visit(part, j - part);
+                part = j;
+            }
+        }
+        if (part > start) {
+            visit(part, i - part);
+        }
+    }
+}
+
 // The query's words as the engine's word index sees them: runs of letters and digits and the
 // parts of identifiers, lower-cased, each once.
 QStringList queryWords(const QString &query)
@@ -40,26 +69,9 @@ QStringList queryWords(const QString &query)
             words.append(lower);
         }
     };
-    qsizetype i = 0;
-    while (i < query.size()) {
-        if (!query.at(i).isLetterOrNumber()) {
-            i++;
-            continue;
-        }
-        const qsizetype start = i;
-        while (i < query.size() && query.at(i).isLetterOrNumber()) {
-            i++;
-        }
-        const QString word = query.mid(start, i - start);
-        add(word);
-        qsizetype part = 0;
-        for (qsizetype j = 1; j <= word.size(); j++) {
-            if (j == word.size() || isPartBoundary(word, j)) {
-                add(word.mid(part, j - part));
-                part = j;
-            }
-        }
-    }
+    forEachWordAndPart(query, [&](qsizetype at, qsizetype length) {
+        add(query.mid(at, length));
+    });
     // Common words match everywhere: they are marked only when the query has nothing else, as
     // the engine marks its snippets.
     QStringList kept;
@@ -98,28 +110,7 @@ QList<MatchSpan> findWords(const QString &text, const QString &query)
             spans.append(MatchSpan{at, length});
         }
     };
-    qsizetype i = 0;
-    while (i < text.size()) {
-        if (!text.at(i).isLetterOrNumber()) {
-            i++;
-            continue;
-        }
-        const qsizetype start = i;
-        while (i < text.size() && text.at(i).isLetterOrNumber()) {
-            i++;
-        }
-        check(start, i - start);
-        qsizetype part = start;
-        for (qsizetype j = start + 1; j < i; j++) {
-            if (isPartBoundary(text, j)) {
-                check(part, j - part);
-                part = j;
-            }
-        }
-        if (part > start) {
-            check(part, i - part);
-        }
-    }
+    forEachWordAndPart(text, check);
     std::sort(spans.begin(), spans.end(), [](const MatchSpan &a, const MatchSpan &b) {
         return a.start < b.start;
     });
