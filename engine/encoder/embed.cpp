@@ -188,6 +188,25 @@ struct EmbedRun {
     int32_t started;
 };
 
+namespace
+{
+
+/* Starts one more thread on run's job with scratch (NULL for work_start's); false when it could
+** not be started. */
+bool start_helper(EmbedRun *run, TrnScratch *scratch)
+{
+    EmbedWorker &w = run->helpers[run->started];
+    w.job = &run->job;
+    w.scratch = scratch;
+    if (pthread_create(&run->threads[run->started], nullptr, embed_thread, &w) != 0) {
+        return false;
+    }
+    run->started++;
+    return true;
+}
+
+} // namespace
+
 EmbedRun *embed_start(TrnEngine *e, const char *const *texts, size_t count, float *out)
 {
     engine_encoder(e); /* before any worker reads it */
@@ -216,13 +235,9 @@ EmbedRun *embed_start(TrnEngine *e, const char *const *texts, size_t count, floa
     run->own = worker_scratch(e, 0, sequences);
     run->started = 0;
     for (int32_t i = 1; i < workers; i++) {
-        EmbedWorker &w = run->helpers[run->started];
-        w.job = &job;
-        w.scratch = worker_scratch(e, i, sequences);
-        if (pthread_create(&run->threads[run->started], nullptr, embed_thread, &w) != 0) {
+        if (!start_helper(run, worker_scratch(e, i, sequences))) {
             break; /* fewer workers: the calling thread embeds what no thread takes */
         }
-        run->started++;
     }
     return run;
 }
@@ -246,13 +261,9 @@ EmbedRun *work_start(const TrnEngine *e, size_t count, void (*each)(void *arg, s
     const int32_t helpers =
         (e->embed_threads < EMBED_THREADS_MAX ? e->embed_threads : EMBED_THREADS_MAX) - 1;
     for (int32_t i = 0; i < helpers && (size_t)i < count; i++) {
-        EmbedWorker &w = run->helpers[run->started];
-        w.job = &job;
-        w.scratch = nullptr;
-        if (pthread_create(&run->threads[run->started], nullptr, embed_thread, &w) != 0) {
+        if (!start_helper(run, nullptr)) {
             break; /* fewer helpers: work_finish does what no thread takes */
         }
-        run->started++;
     }
     return run;
 }

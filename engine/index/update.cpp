@@ -321,11 +321,6 @@ void batch_finish(Batch *b)
     }
 }
 
-} // namespace
-
-namespace
-{
-
 /* One comparison of dir with the index and the work it finds (trn_update_dir). */
 int32_t update_once(TrnEngine *e, const char *dir, int32_t chunk_size, int32_t overlap,
                     const TrnWalkOptions *opts, TrnProgressFn progress, void *user,
