@@ -324,6 +324,21 @@ class Encoder(torch.nn.Module):
         return F.normalize(pooled, dim=-1, eps=1e-12)
 
 
+class Bag(Encoder):
+    """The same weights read as a bag of words (zero positions and layer outputs): each token's
+    row through the final norm, averaged over the text. Only the rows train."""
+
+    def __init__(self, tensors):
+        super().__init__(tensors)
+        for p in self.parameters():
+            p.requires_grad_(p is self.tok)
+
+    def forward(self, ids, mask):
+        rows = F.layer_norm(self.tok, (DIM,), self.lnf_g, self.lnf_b, 1e-5)
+        pooled = F.embedding_bag(ids, rows, mode="sum", per_sample_weights=mask.float())
+        return F.normalize(pooled, dim=-1, eps=1e-12)
+
+
 def info_nce(za, zb):
     logits = (za @ zb.t()) / TEMPERATURE
     target = torch.arange(len(za), device=za.device)
@@ -337,11 +352,12 @@ def check(args):
     """The engine's embedding of some texts against this forward pass, and its ids against ours."""
     merges, meta, tensors = read_tten(args.check)
     rng = np.random.default_rng(7)
-    for l in range(LAYERS):  # a context-reading encoder: every layer tensor non-zero
+    for l in range(0 if args.bag else LAYERS):  # else context-reading: every layer non-zero
         for i, shape in enumerate(LAYER_SHAPES):
             if LAYER_NAMES[i] in ("wq", "wk", "wv", "wo", "w1", "w2", "b1", "b2"):
                 tensors[4 + 12 * l + i] = rng.normal(0, 0.03, shape).astype(np.float32)
-    tensors[1] = rng.normal(0, 0.1, (MAX_SEQ, DIM)).astype(np.float32)
+    if not args.bag:
+        tensors[1] = rng.normal(0, 0.1, (MAX_SEQ, DIM)).astype(np.float32)
     path = os.path.join(os.environ.get("TMPDIR", "/tmp"), "context_trainer.%d.tten" % os.getpid())
     write_tten(path, merges, meta, tensors)
     lib = ctypes.CDLL(args.lib)
@@ -357,7 +373,7 @@ def check(args):
         _, _, back = read_tten(path)
     finally:
         os.unlink(path)
-    model = Encoder(back).eval()
+    model = (Bag if args.bag else Encoder)(back).eval()
     tok = Tokenizer(merges)
     text = read_text(args.corpus) if args.corpus else open(__file__).read()
     texts = [text[i : i + 800] for i in range(0, min(len(text), 400_000), 4000)]
@@ -405,7 +421,7 @@ def train(args):
     device = args.device or ("cuda" if torch.cuda.is_available() else "cpu")
     merges, meta, tensors = read_tten(args.init)
     nrng = np.random.default_rng(args.seed)
-    for l in range(LAYERS):
+    for l in range(0 if args.bag else LAYERS):
         # A bag of words has zero layers; drawing the inputs' projections (the outputs' stay zero)
         # keeps its embeddings and lets gradients reach both sides.
         for i, name in enumerate(LAYER_NAMES):
@@ -414,7 +430,7 @@ def train(args):
                 tensors[4 + 12 * l + i] = nrng.normal(0, 0.02, t.shape).astype(np.float32)
     mined, windows = build_data(merges, args.corpus, args.pairs, args.window_groups,
                                 args.workers, args.seed)
-    model = Encoder(tensors).to(device)
+    model = (Bag if args.bag else Encoder)(tensors).to(device)
     if device == "cuda":
         print("context_trainer: on %s" % torch.cuda.get_device_name(0), flush=True)
     rng.shuffle(mined)
@@ -425,11 +441,14 @@ def train(args):
                                           for n in LAYER_NAMES if n.startswith("ln") or
                                           n.startswith("b")]
     mats = [getattr(L, n) for L in model.layers for n in ("wq", "wk", "wv", "wo", "w1", "w2")]
-    opt = torch.optim.AdamW([
+    groups = [
         {"params": emb, "lr": args.lr * args.emb_rate, "weight_decay": 0.0},
         {"params": norms, "lr": args.lr, "weight_decay": 0.0},
         {"params": mats, "lr": args.lr, "weight_decay": 0.01},
-    ], lr=args.lr, betas=(0.9, 0.98))
+    ]
+    if args.bag:
+        groups = [{"params": [model.tok], "lr": args.lr, "weight_decay": 0.0}]
+    opt = torch.optim.AdamW(groups, lr=args.lr, betas=(0.9, 0.98))
     base = [g["lr"] for g in opt.param_groups]
     n_mined = int(round(args.batch * args.pairs_share))
     budget = args.minutes * 60.0
@@ -526,6 +545,8 @@ def main():
     ap.add_argument("--workers", type=int, default=max(1, (os.cpu_count() or 2) - 1))
     ap.add_argument("--seed", type=int, default=1)
     ap.add_argument("--log-every", type=int, default=200)
+    ap.add_argument("--bag", action="store_true",
+                    help="train the token rows alone, the file staying a bag of words")
     ap.add_argument("--split-to", help="also write OUT in parts of at most 15 MB to this folder")
     args = ap.parse_args()
     if args.check:
