@@ -2,8 +2,8 @@
 """Trains the whole encoder, both layers included, with PyTorch (an accelerator if there is one).
 
     context_trainer.py --init IN.tten --corpus CORPUS --pairs PAIRS --out OUT.tten
-                       [--minutes M] [--batch B] [--lr R] [--pairs-share S] [--seed N]
-    context_trainer.py --check IN.tten --lib build/lib/libtarnwick.so
+                       [--minutes M] [--batch B] [--lr R] [--pairs-share S] [--seed N] [--bag]
+    context_trainer.py --check IN.tten --lib build/lib/libtarnwick.so [--bag]
 
 The C++ trainer (trainer --bag) trains a bag of words: every token keeps one row whatever its
 neighbours, so a word never reads its context. This program trains the engine's whole forward
@@ -18,6 +18,9 @@ mined pairs (a share S) with pairs drawn from the corpus: a span of 3 to 24 word
 window (the engine's chunk) against that window, half of them with the span taken out so that
 only meaning can match them; windows come in neighbouring twos, each a hard negative for the
 other. The loss is the trainer's: symmetric InfoNCE over the batch at temperature 0.05.
+
+With --bag only the token rows train, through the engine's bag embedding, so OUT stays a bag of
+words that indexes at the same pace.
 
 OUT is a version 4 weights file in half precision, written every SAVE minutes and at the end, so
 a run stopped early still leaves its last state. --check embeds texts with the engine's library
@@ -326,7 +329,7 @@ class Encoder(torch.nn.Module):
 
 class Bag(Encoder):
     """The same weights read as a bag of words (zero positions and layer outputs): each token's
-    row through the final norm, averaged over the text. Only the rows train."""
+    row through the final norm, summed over the text, normalised. Only the rows train."""
 
     def __init__(self, tensors):
         super().__init__(tensors)
