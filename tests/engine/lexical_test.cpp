@@ -239,6 +239,28 @@ TEST(LexicalSnippets, StartWhereTheQueryWordsAreDensestOnThatLine)
     }
 }
 
+// A semantic result shows the sentence that holds the most of the query's words, not the words
+// packed closest together nor the first of them: "alpha beta" opens the chunk, all three words
+// stand in one line 360 bytes in, too far apart for any window of the keyword snippets.
+TEST(LexicalSnippets, SemanticSnippetsShowTheSentenceWithTheMostQueryWords)
+{
+    std::string text = "alpha beta " + std::string(28, 'x') + "\n";
+    for (int i = 0; i < 8; i++) {
+        text += std::string(39, 'x') + "\n";
+    }
+    const std::string spread = std::string(130, 'y');
+    text += "alpha " + spread + " beta " + spread + " gamma\n" + std::string(39, 'x') + "\n";
+    HandEngine b;
+    std::vector<float> v(512, 0.0f);
+    v[0] = 1.0f;
+    b.add("f.txt", text, &v);
+    TrnResult r[4];
+    ASSERT_EQ(trn_search(b.e, "alpha beta gamma", TRN_SEARCH_SEMANTIC, 4, r), 1);
+    const std::string snippet = r[0].snippet;
+    EXPECT_NE(snippet.find("alpha " + spread), std::string::npos) << snippet;
+    EXPECT_EQ(snippet.find("alpha beta"), std::string::npos) << snippet;
+}
+
 // The hybrid fusion on hand-made lists: keyword (slot, BM25, cosine), semantic (slot, cosine).
 TEST(HybridFusion, CombinesNormalisedScores)
 {
