@@ -314,6 +314,34 @@ TEST(TextSearch, SnippetStart)
     }
 }
 
+// Snippets end before the last blank run among the 60 bytes before the 300th, else at the 300th.
+TEST(TextSearch, SnippetEnd)
+{
+    struct Case {
+        std::vector<std::pair<size_t, char>> seps;
+        size_t end;
+    };
+    const Case cases[] = {
+        {{{270, ' '}, {280, ' '}, {281, ' '}, {282, ' '}}, 280}, // the whole run goes
+        {{{289, ' '}, {290, '\n'}}, 289},
+        {{{241, ' '}}, 241},
+        {{{240, ' '}}, 300}, // outside the 60 bytes
+        {{}, 300},
+    };
+    Engine eng;
+    for (const Case &c : cases) {
+        std::string text = "Marker" + std::string(994, 'x');
+        for (auto [at, ch] : c.seps) {
+            text[at] = ch;
+        }
+        uint32_t slot = eng.add("/s.txt", text);
+        std::vector<TrnResult> r = eng.search("MARKER", TRN_SEARCH_TEXT, 1);
+        ASSERT_EQ(r.size(), 1u);
+        EXPECT_EQ(std::string(r[0].snippet), text.substr(0, c.end)) << "end " << c.end;
+        eng.remove(slot);
+    }
+}
+
 std::string random_text(std::mt19937 &rng, size_t n)
 {
     static const char alphabet[] = "aAbBzZ@[`{ 09\x80\xc3\xa9\xe1";
