@@ -130,6 +130,31 @@ TEST(LexicalTerms, StemJoinsAWordsFormsAndKeepsOthersApart)
     }
 }
 
+// Thousands of terms, so the term table grows several times: every one is still found.
+TEST(LexicalTerms, EveryTermIsFoundAfterTheTableGrows)
+{
+    const std::string letters = "bcdfghjklmnpqrtvwxz"; // no vowel, no "s": nothing to stem
+    auto word = [&letters](size_t i) {
+        return std::string("z") + letters[i % 19] + letters[i / 19 % 19] + letters[i / 361 % 19]
+               + letters[i / 6859 % 19];
+    };
+    HandEngine b;
+    const size_t per_chunk = 20, chunks = 500; // 10,000 terms
+    for (size_t c = 0; c < chunks; c++) {
+        std::string text;
+        for (size_t k = 0; k < per_chunk; k++) {
+            text += word(c * per_chunk + k) + " ";
+        }
+        b.add(("/f" + std::to_string(c)).c_str(), text);
+    }
+    TrnResult r[2];
+    for (size_t c = 0; c < chunks; c += 37) {
+        const size_t i = c * per_chunk + c % per_chunk;
+        ASSERT_EQ(trn_search(b.e, word(i).c_str(), TRN_SEARCH_KEYWORD, 2, r), 1) << word(i);
+        EXPECT_EQ(std::string(r[0].file_path), "/f" + std::to_string(c)) << word(i);
+    }
+}
+
 TEST(LexicalBm25, ScoresEqualTheDefinitionOverLiveChunks)
 {
     const char *texts[] = {
