@@ -242,6 +242,9 @@ TEST(LexicalSnippets, StartWhereTheQueryWordsAreDensestOnThatLine)
         {"densest later", {{2, "alpha "}, {8, "alpha beta gamma "}}, 240, 10},
         {"densest in the first 76 bytes", {{2, "gamma beta alpha "}, {9, "alpha "}}, 0, 4},
         {"one word far in", {{10, "beta "}}, 320, 12},
+        // The chunk's first word is the word index's first term: it counts like any other, so
+        // the tie with line 9 goes to the earlier line.
+        {"the first term of the index", {{1, "gamma beta "}, {9, "alpha beta "}}, 0, 3},
         // A word repeated counts a quarter each time, going out of the window as coming in.
         {"repeats early, all three later",
          {{2, "alpha alpha alpha alpha "}, {9, "alpha beta gamma "}},

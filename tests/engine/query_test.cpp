@@ -276,7 +276,7 @@ TEST(RegexCheck, AgreesWithTheSearchAndExplainsRefusals)
     EXPECT_STREQ(reason, "no regular expression given");
 }
 
-// Snippets begin at a word boundary at most 75 bytes before the match.
+// Snippets begin at a word boundary at most 75 bytes before the match, which is marked.
 TEST(TextSearch, SnippetStart)
 {
     struct Case {
@@ -309,6 +309,9 @@ TEST(TextSearch, SnippetStart)
             ASSERT_EQ(r.size(), 1u);
             std::string want = text.substr(c.start, 300);
             EXPECT_EQ(std::string(r[0].snippet), want) << "match at " << c.match;
+            ASSERT_EQ(r[0].mark_count, 1) << "match at " << c.match;
+            EXPECT_EQ(r[0].marks[0], c.match - c.start) << "match at " << c.match;
+            EXPECT_EQ(r[0].marks[1], c.match - c.start + 6) << "match at " << c.match;
         }
         eng.remove(slot); // the next case's chunk is the only live one
     }
