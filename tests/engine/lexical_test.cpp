@@ -247,7 +247,7 @@ TEST(LexicalSnippets, StartWhereTheQueryWordsAreDensestOnThatLine)
         {"the first term of the index", {{1, "gamma beta "}, {9, "alpha beta "}}, 0, 3},
         // A word repeated counts a quarter each time, going out of the window as coming in.
         {"repeats early, all three later",
-         {{2, "alpha alpha alpha alpha "}, {9, "alpha beta gamma "}},
+         {{2, "alpha alpha alpha alpha alpha alpha "}, {9, "alpha beta gamma "}},
          280,
          11},
     };
