@@ -12,6 +12,7 @@
 #include <map>
 
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace
 {
@@ -238,6 +239,46 @@ TEST_F(Meaning, AStopWithTheNextGroupEmbeddingKeepsWhatWasCommitted)
         0);
     EXPECT_TRUE(vectors_of(e) == clean_);
     trn_close(e);
+}
+
+// Another handle drops the first file and compacts after the first group: every chunk still to
+// embed moves to another slot, some below where the meaning phase has got to, and yet each ends
+// with the vector of its own text and none stays pending.
+TEST_F(Meaning, ACompactionBetweenGroupsLeavesEveryChunkTheVectorOfItsOwnText)
+{
+    TempDir index;
+    struct Other {
+        const TempDir *index;
+        std::string path;
+        TrnEngine *e;
+        bool compacted;
+    } other{&index, src_.file(file_name(0)), open_dir(index), false};
+    auto compact_once = [](const char *, int32_t done, int32_t total, void *user) {
+        Other *o = static_cast<Other *>(user);
+        if (!o->compacted && trn_meaning_progress(o->e, nullptr, nullptr) == 1 && done > 0
+            && done < total) {
+            o->compacted = true;
+            TrnEngine *b = open_dir(*o->index);
+            EXPECT_EQ(unlink(o->path.c_str()), 0);
+            EXPECT_GT(trn_remove_file(b, o->path.c_str()), 0);
+            EXPECT_EQ(trn_compact(b), 1);
+            trn_close(b);
+        }
+        return true;
+    };
+    ASSERT_GE(
+        trn_update_dir(
+            other.e, src_.path().c_str(), CHUNK, OVERLAP, nullptr, compact_once, &other, nullptr),
+        0);
+    ASSERT_TRUE(other.compacted);
+    uint64_t done = 0, all = 0;
+    trn_meaning_progress(other.e, &done, &all);
+    EXPECT_EQ(done, all);
+    EXPECT_EQ(all, clean_.size() - 4); /* the first file's four chunks are gone */
+    for (const auto &[id, bits] : vectors_of(other.e)) {
+        EXPECT_EQ(bits, clean_.at(id)) << id;
+    }
+    trn_close(other.e);
 }
 
 } // namespace
