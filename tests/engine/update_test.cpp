@@ -262,6 +262,50 @@ TEST(UpdateLog, TheLogGrowsWithTheIndexWithinAnUpdateAndIsShortAfterIt)
     trn_close(e);
 }
 
+// The bytes an update says it has handled grow file by file to the bytes of every file it found,
+// the first one walked included, and are 0 again once it returns.
+TEST(UpdateProgress, BytesReachTheWholeTreeAtTheLastFile)
+{
+    TempDir tmp;
+    std::string src = tmp.file("src");
+    uint64_t sizes = 0;
+    for (int i = 0; i < 12; i++) {
+        std::string text = long_text("word", 10 + 7 * i);
+        write_file_text(src + "/f" + std::to_string(i) + ".txt", text);
+        sizes += text.size();
+    }
+    TrnEngine *e = open_index(tmp.file("index"));
+    struct Seen {
+        TrnEngine *e;
+        uint64_t done, all, last_done, last_all;
+        bool grew;
+    } seen = {e, 0, 0, 0, 0, true};
+    auto watch = [](const char *path, int32_t done, int32_t total, void *user) {
+        Seen *s = static_cast<Seen *>(user);
+        uint64_t bytes = 0, all = 0;
+        trn_update_progress(s->e, &bytes, &all);
+        if (path) {
+            s->grew = s->grew && bytes >= s->done;
+            s->done = bytes;
+            s->all = all;
+            if (done == total) {
+                s->last_done = bytes;
+                s->last_all = all;
+            }
+        }
+        return true;
+    };
+    ASSERT_GT(trn_update_dir(e, src.c_str(), CHUNK, OVERLAP, nullptr, watch, &seen, nullptr), 0);
+    EXPECT_TRUE(seen.grew);
+    EXPECT_EQ(seen.last_all, sizes);
+    EXPECT_EQ(seen.last_done, sizes);
+    uint64_t done = 1, all = 1;
+    trn_update_progress(e, &done, &all);
+    EXPECT_EQ(done, 0u);
+    EXPECT_EQ(all, 0u);
+    trn_close(e);
+}
+
 TEST(UpdateManifest, AFileModifiedJustBeforeItWasReadIsReadAgain)
 {
     g_update_recent_ns = 3000000000ll;
