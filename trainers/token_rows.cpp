@@ -52,6 +52,20 @@ std::vector<std::string> token_spellings(const TrnBpe *bpe, uint32_t vocab)
     return spelling;
 }
 
+/* A token's spelling as a word: white space at either end dropped, ASCII letters lower-cased. */
+std::string word_key(const std::string &spelling)
+{
+    const size_t a = spelling.find_first_not_of(" \t\n\r\f\v");
+    if (a == std::string::npos) {
+        return "";
+    }
+    std::string key = spelling.substr(a, spelling.find_last_not_of(" \t\n\r\f\v") + 1 - a);
+    for (char &c : key) {
+        c = (char)std::tolower((unsigned char)c);
+    }
+    return key;
+}
+
 } // namespace
 
 std::vector<uint32_t> token_stems(const TrnBpe *bpe, uint32_t vocab)
@@ -60,19 +74,11 @@ std::vector<uint32_t> token_stems(const TrnBpe *bpe, uint32_t vocab)
     std::vector<uint32_t> stem(vocab, NO_WORD);
     std::unordered_map<std::string, uint32_t> first;
     for (uint32_t t = 0; t < vocab; t++) {
-        const std::string &s = spelling[t];
-        const size_t a = s.find_first_not_of(" \t\n\r\f\v");
-        if (a == std::string::npos) {
-            continue;
-        }
-        std::string key = s.substr(a, s.find_last_not_of(" \t\n\r\f\v") + 1 - a);
+        const std::string key = word_key(spelling[t]);
         if (key.size() < 3 || !std::all_of(key.begin(), key.end(), [](unsigned char c) {
                 return std::isalpha(c) != 0;
             })) {
             continue;
-        }
-        for (char &c : key) {
-            c = (char)std::tolower((unsigned char)c);
         }
         stem[t] = first.emplace(word_stem(key), t).first->second;
     }
@@ -85,18 +91,13 @@ std::vector<uint32_t> token_words(const TrnBpe *bpe, uint32_t vocab)
     std::vector<uint32_t> word(vocab, NO_WORD);
     std::unordered_map<std::string, uint32_t> first;
     for (uint32_t t = 0; t < vocab; t++) {
-        std::string key;
-        bool wordy = false;
-        for (unsigned char c : spelling[t]) {
-            wordy |= std::isalnum(c) || c >= 0x80;
-            key += (char)std::tolower(c);
-        }
-        if (!wordy) {
+        const std::string &s = spelling[t];
+        if (std::none_of(s.begin(), s.end(), [](unsigned char c) {
+                return std::isalnum(c) || c >= 0x80;
+            })) {
             continue;
         }
-        const size_t a = key.find_first_not_of(" \t\n\r\f\v");
-        key = key.substr(a, key.find_last_not_of(" \t\n\r\f\v") + 1 - a);
-        word[t] = first.emplace(key, t).first->second;
+        word[t] = first.emplace(word_key(s), t).first->second;
     }
     return word;
 }
