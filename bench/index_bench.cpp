@@ -453,6 +453,13 @@ int main(int argc, char **argv)
                     meaning_one,
                     meaning_two,
                     meaning_one / std::max(meaning_two, 1e-9));
+        std::printf("the words phase (to the last file's words): 1 worker %.2f s, 2 workers %.2f "
+                    "s, %.2fx; after the last vector (checkpoint, close): %.2f s, %.2f s\n",
+                    estimates.end,
+                    estimates_two.end,
+                    estimates.end / std::max(estimates_two.end, 1e-9),
+                    one.wall - estimates.meaning_end,
+                    two.wall - estimates_two.meaning_end);
     }
     const auto [files_median, files_worst] =
         estimate_error(estimates.at, estimates.by_files, 0, estimates.end);
