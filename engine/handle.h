@@ -49,8 +49,6 @@ struct TrnEngine {
     int32_t M;
     int32_t ef_construction;
     int32_t ef_search;
-    int32_t entry_point; /* -1 for an empty graph */
-    int32_t max_level;   /* -1 for an empty graph */
     float level_mult;
     uint64_t deleted_count;
     char store_path[TRN_PATH_MAX]; /* empty for an in-memory engine */
@@ -95,9 +93,10 @@ struct TrnEngine {
     uint16_t marks[TRN_MAX_RESULTS][2 * TRN_RESULT_MARKS_MAX];
     char heading_paths[TRN_MAX_RESULTS][TRN_HEADING_PATH_MAX + 1];
 
-    /* graph search scratch, kept between calls so a search clears nothing (hnsw.cpp) */
-    TrnVisited visited;
-    TrnGraphScratch *graph_scratch; /* NULL until the first graph search */
+    /* The graph in graph_parts parts (1 or TRN_GRAPH_PARTS): slot i is a node of part
+    ** i % graph_parts, and each part is a graph of its own (hnsw.cpp). */
+    TrnGraphPart graph[TRN_GRAPH_PARTS];
+    int32_t graph_parts;
 
     /* word index of the live chunks (word_index.cpp); NULL until the first lex_sync */
     TrnLexical *lexical;

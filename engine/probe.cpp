@@ -82,9 +82,9 @@ void probe_link_to(TrnEngine *e, uint64_t slot, const uint32_t *to, int32_t coun
     memcpy(node->neighbors[0], to, (size_t)count * sizeof(uint32_t));
     node->capacity[0] = count;
     node->count[0] = count;
-    if (e->entry_point == -1) {
-        e->entry_point = (int32_t)slot;
-        e->max_level = 0;
+    if (e->graph[0].entry_point == -1) {
+        e->graph[0].entry_point = (int32_t)slot;
+        e->graph[0].max_level = 0;
     }
 }
 

@@ -37,7 +37,8 @@ void embed_finish(EmbedRun *run);
 ** each(arg, item) for item 0 to count - 1, each item once, about in order, and returns.
 ** work_finish waits for them and frees the run; with take_part the calling thread first takes
 ** items too, else it only waits (the items are all done either way: with no helper started, the
-** calling thread does them). each must not touch the handle. */
+** calling thread does them). each must not touch the handle, unless each item has a part of it
+** to itself (hnsw_insert_many: a part of the graph each). */
 EmbedRun *work_start(const TrnEngine *e, size_t count, void (*each)(void *arg, size_t item),
                      void *arg);
 void work_finish(EmbedRun *run, bool take_part);

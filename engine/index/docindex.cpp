@@ -265,7 +265,9 @@ TrnStats trn_stats(const TrnEngine *e)
     }
     s.chunk_count = (uint32_t)e->count;
     s.deleted_count = (uint32_t)e->deleted_count;
-    s.max_level = e->max_level;
+    for (int32_t p = 0; p < e->graph_parts; p++) {
+        s.max_level = e->graph[p].max_level > s.max_level ? e->graph[p].max_level : s.max_level;
+    }
     s.dim = e->dim;
     if (e->file_count >= 1) {
         s.file_count = (uint32_t)e->file_count;

@@ -5,6 +5,14 @@
 ** at most M neighbours at every level, level 0 included. Distances are 1 - dot(a, b) over unit
 ** vectors, recomputed from the vectors every time.
 **
+** The graph is kept in parts (e->graph): chunk slot i is a node of part i % graph_parts, and each
+** part is a graph of its own, with its own entry point, whose nodes link only to nodes of the same
+** part. A search walks every part and takes the nearest of all. A group of new chunks is linked
+** with each part on a worker of its own (hnsw_insert_many); as no two parts share a node, the
+** graph is the one that linking the chunks one at a time gives, with any number of workers, and
+** a log replayed one chunk at a time gives the writer's graph. An index stored before there were
+** parts keeps one until a rebuild of its graph (a compaction) makes it as many as a new one has.
+**
 ** Deleted chunks stay in the graph: searches pass through them, but they never enter a result
 ** set, are never chosen as neighbours, and are dropped whenever a list is pruned.
 **
@@ -16,8 +24,8 @@
 **   - greedy_update replaces the current node only on a strictly smaller distance, and scans
 **     the list of the node the pass began with, even after the current node changed.
 **
-** Speed: the visited set (e->visited) is epoch-stamped, so starting a search costs no clearing,
-** and the heaps and candidate arrays live in e->graph_scratch and are reused between calls.
+** Speed: a part's visited set is epoch-stamped, so starting a search costs no clearing, and the
+** heaps and candidate arrays live in the part's scratch and are reused between calls.
 ** Search and insertion allocate nothing once the buffers have grown to size.
 */
 #include "internal.h"
@@ -204,12 +212,18 @@ void vis_reset(TrnVisited *v, uint32_t n)
     }
 }
 
-TrnGraphScratch *scratch_of(TrnEngine *e)
+/* The part of the graph slot i is a node of. */
+inline TrnGraphPart &part_of(TrnEngine *e, uint32_t i)
 {
-    if (!e->graph_scratch) {
-        e->graph_scratch = (TrnGraphScratch *)xcalloc(1, sizeof(TrnGraphScratch));
+    return e->graph[e->graph_parts > 1 ? i % (uint32_t)e->graph_parts : 0];
+}
+
+TrnGraphScratch *scratch_of(TrnGraphPart &p)
+{
+    if (!p.scratch) {
+        p.scratch = (TrnGraphScratch *)xcalloc(1, sizeof(TrnGraphScratch));
     }
-    return e->graph_scratch;
+    return p.scratch;
 }
 
 /* Greedy descent on one level: moves to a strictly closer neighbour until none is. Each pass
@@ -248,10 +262,9 @@ uint32_t greedy_update(TrnEngine *e, const float *q, uint32_t cur, int32_t level
 
 /* Best-first search of one level from entry; the ef nearest live chunks end up in w. Every newly
 ** visited node becomes a candidate, whether or not it enters w. */
-void search_layer(TrnEngine *e, const float *q, uint32_t entry, int32_t level, int32_t ef, Heap *w,
-                  TrnVisited *vis)
+void search_layer(TrnEngine *e, TrnGraphScratch *s, const float *q, uint32_t entry, int32_t level,
+                  int32_t ef, Heap *w, TrnVisited *vis)
 {
-    TrnGraphScratch *s = e->graph_scratch;
     Heap *c = &s->c;
     c->size = 0;
     heap_reserve(c, ef + 8);
@@ -429,14 +442,13 @@ void add_neighbor_oneway(TrnEngine *e, uint32_t from, int32_t level, uint32_t to
 
 /* Cuts the list of id at level back to at most max_n by the diversity rule; the kept list is
 ** ordered by ascending distance from id, and deleted neighbours are dropped. */
-void prune_neighbors(TrnEngine *e, uint32_t id, int32_t level, int32_t max_n)
+void prune_neighbors(TrnEngine *e, TrnGraphScratch *s, uint32_t id, int32_t level, int32_t max_n)
 {
     TrnNode *node = &e->nodes[id];
     int32_t n = node->count[level];
     if (n <= max_n) {
         return;
     }
-    TrnGraphScratch *s = e->graph_scratch;
     entries_reserve(&s->prune_in, n);
     entries_reserve(&s->prune_out, max_n > 0 ? max_n : 1);
     const float *base = vec_at(e, id);
@@ -496,26 +508,27 @@ void node_set_list(TrnNode *node, int32_t l, const void *ids, uint32_t k)
 
 void hnsw_insert(TrnEngine *e, uint32_t index)
 {
+    TrnGraphPart &p = part_of(e, index);
     int32_t level = e->nodes[index].level;
-    if (e->entry_point == -1) {
-        e->entry_point = (int32_t)index;
-        e->max_level = level;
+    if (p.entry_point == -1) {
+        p.entry_point = (int32_t)index;
+        p.max_level = level;
         return;
     }
-    TrnGraphScratch *s = scratch_of(e);
+    TrnGraphScratch *s = scratch_of(p);
     const float *q = vec_at(e, index);
-    uint32_t cur = (uint32_t)e->entry_point;
-    for (int32_t l = e->max_level; l > level; l--) {
+    uint32_t cur = (uint32_t)p.entry_point;
+    for (int32_t l = p.max_level; l > level; l--) {
         cur = greedy_update(e, q, cur, l);
     }
     const int32_t M = e->M;
     entries_reserve(&s->selected, M > 0 ? M : 1);
-    int32_t top = level < e->max_level ? level : e->max_level;
+    int32_t top = level < p.max_level ? level : p.max_level;
     for (int32_t lc = top; lc >= 0; lc--) {
-        vis_reset(&e->visited, (uint32_t)e->count);
+        vis_reset(&p.visited, (uint32_t)e->count);
         s->w.size = 0;
         heap_reserve(&s->w, e->ef_construction + 8);
-        search_layer(e, q, cur, lc, e->ef_construction, &s->w, &e->visited);
+        search_layer(e, s, q, cur, lc, e->ef_construction, &s->w, &p.visited);
         int32_t n = drain_sorted(&s->w, &s->sorted);
         HeapEntry *sorted = s->sorted.items;
         int32_t sel = select_neighbors_diverse(e, sorted, n, s->selected.items, M);
@@ -523,9 +536,9 @@ void hnsw_insert(TrnEngine *e, uint32_t index)
             uint32_t nb = s->selected.items[j].index;
             add_neighbor_oneway(e, index, lc, nb);
             add_neighbor_oneway(e, nb, lc, index);
-            prune_neighbors(e, nb, lc, M);
+            prune_neighbors(e, s, nb, lc, M);
         }
-        prune_neighbors(e, index, lc, M);
+        prune_neighbors(e, s, index, lc, M);
         float best = dist_to(e, q, cur);
         for (int32_t j = 0; j < n; j++) {
             if (sorted[j].dist < best) {
@@ -534,34 +547,78 @@ void hnsw_insert(TrnEngine *e, uint32_t index)
             }
         }
     }
-    if (level > e->max_level) {
-        e->entry_point = (int32_t)index;
-        e->max_level = level;
+    if (level > p.max_level) {
+        p.entry_point = (int32_t)index;
+        p.max_level = level;
+    }
+}
+
+namespace
+{
+
+struct InsertJob {
+    TrnEngine *e;
+    const uint32_t *slots;
+    size_t count;
+};
+
+/* Links the job's slots of one part, in their order. */
+void insert_part(void *arg, size_t part)
+{
+    const InsertJob *job = static_cast<const InsertJob *>(arg);
+    const uint32_t parts = (uint32_t)job->e->graph_parts;
+    for (size_t i = 0; i < job->count; i++) {
+        if (job->slots[i] % parts == part) {
+            hnsw_insert(job->e, job->slots[i]);
+        }
+    }
+}
+
+} // namespace
+
+void graph_clear(TrnEngine *e, int32_t parts)
+{
+    e->graph_parts = parts;
+    for (TrnGraphPart &p : e->graph) {
+        p.entry_point = -1;
+        p.max_level = -1;
+    }
+}
+
+void hnsw_insert_many(TrnEngine *e, const uint32_t *slots, size_t count)
+{
+    InsertJob job{e, slots, count};
+    if (e->graph_parts > 1 && e->embed_threads > 1) {
+        work_finish(work_start(e, (size_t)e->graph_parts, insert_part, &job), true);
+        return;
+    }
+    /* One part after the other here too: chunks cut from one file lie in neighbouring slots and
+    ** near each other in the graph, so the nodes one insertion visits are still in the cache for
+    ** the next one of the same part. */
+    for (int32_t p = 0; p < e->graph_parts; p++) {
+        insert_part(&job, (size_t)p);
     }
 }
 
 void hnsw_rebuild(TrnEngine *e)
 {
-    if (e->count == 0) {
-        e->entry_point = -1;
-        e->max_level = -1;
-        return;
-    }
+    /* Every link is made again: an index kept in one part from before parts were made takes
+    ** as many as a new one. */
+    graph_clear(e, TRN_GRAPH_PARTS);
     for (uint64_t i = 0; i < e->count; i++) {
         clear_node(&e->nodes[i]);
     }
-    e->entry_point = -1;
-    e->max_level = -1;
     for (uint64_t i = 0; i < e->count; i++) {
         if (e->chunks[i].deleted || e->chunks[i].pending) {
             continue;
         }
         int32_t level = draw_level(&e->level_state, e->level_mult);
         e->nodes[i].level = level;
-        if (e->entry_point == -1) {
-            /* The first live chunk is its own entry point, so it links to itself. */
-            e->entry_point = (int32_t)i;
-            e->max_level = level;
+        TrnGraphPart &p = part_of(e, (uint32_t)i);
+        if (p.entry_point == -1) {
+            /* The first live chunk of a part is its own entry point, so it links to itself. */
+            p.entry_point = (int32_t)i;
+            p.max_level = level;
         }
         hnsw_insert(e, (uint32_t)i);
     }
@@ -573,28 +630,57 @@ int32_t hnsw_query(TrnEngine *e, const float *q, int32_t k, uint32_t *out_indice
     return hnsw_query_width(e, q, k, e->ef_search, out_indices, out_scores);
 }
 
+namespace
+{
+
+/* The up to ef nearest live chunks of one part, ascending; returns their number. */
+int32_t query_part(TrnEngine *e, TrnGraphPart &p, const float *q, int32_t ef,
+                   const HeapEntry **sorted)
+{
+    if (p.entry_point == -1 || (uint64_t)p.entry_point >= e->count) {
+        return 0; /* empty, or a damaged store: nothing sensible to search */
+    }
+    TrnGraphScratch *s = scratch_of(p);
+    uint32_t cur = (uint32_t)p.entry_point;
+    for (int32_t l = p.max_level; l >= 1; l--) {
+        cur = greedy_update(e, q, cur, l);
+    }
+    vis_reset(&p.visited, (uint32_t)e->count);
+    s->w.size = 0;
+    heap_reserve(&s->w, ef + 8);
+    search_layer(e, s, q, cur, 0, ef, &s->w, &p.visited);
+    int32_t n = drain_sorted(&s->w, &s->sorted);
+    *sorted = s->sorted.items;
+    return n;
+}
+
+} // namespace
+
+/* Each part is searched as wide as ef, and the nearest of all parts are taken, the first part's
+** first where two are as near. */
 int32_t hnsw_query_width(TrnEngine *e, const float *q, int32_t k, int32_t ef, uint32_t *out_indices,
                          float *out_scores)
 {
-    if (e->entry_point == -1 || k < 1 || e->count == 0 || ef < 1) {
+    if (k < 1 || e->count == 0 || ef < 1) {
         return 0;
     }
-    if ((uint64_t)e->entry_point >= e->count) {
-        return 0; /* a damaged store; nothing sensible to search */
+    const HeapEntry *found[TRN_GRAPH_PARTS] = {};
+    int32_t n[TRN_GRAPH_PARTS] = {}, at[TRN_GRAPH_PARTS] = {};
+    for (int32_t p = 0; p < e->graph_parts; p++) {
+        n[p] = query_part(e, e->graph[p], q, ef, &found[p]);
     }
-    TrnGraphScratch *s = scratch_of(e);
-    uint32_t cur = (uint32_t)e->entry_point;
-    for (int32_t l = e->max_level; l >= 1; l--) {
-        cur = greedy_update(e, q, cur, l);
-    }
-    vis_reset(&e->visited, (uint32_t)e->count);
-    s->w.size = 0;
-    heap_reserve(&s->w, ef + 8);
-    search_layer(e, q, cur, 0, ef, &s->w, &e->visited);
-    int32_t n = drain_sorted(&s->w, &s->sorted);
     int32_t written = 0;
-    for (int32_t j = 0; j < n && written < k; j++) {
-        uint32_t idx = s->sorted.items[j].index;
+    while (written < k) {
+        int32_t best = -1;
+        for (int32_t p = 0; p < e->graph_parts; p++) {
+            if (at[p] < n[p] && (best < 0 || found[p][at[p]].dist < found[best][at[best]].dist)) {
+                best = p;
+            }
+        }
+        if (best < 0) {
+            break;
+        }
+        uint32_t idx = found[best][at[best]++].index;
         if (is_deleted(e, idx)) {
             continue;
         }
@@ -607,18 +693,20 @@ int32_t hnsw_query_width(TrnEngine *e, const float *q, int32_t k, int32_t ef, ui
 
 void hnsw_free_scratch(TrnEngine *e)
 {
-    free(e->visited.marks);
-    memset(&e->visited, 0, sizeof(e->visited));
-    TrnGraphScratch *s = e->graph_scratch;
-    if (s) {
-        free(s->w.items);
-        free(s->c.items);
-        free(s->sorted.items);
-        free(s->selected.items);
-        free(s->prune_in.items);
-        free(s->prune_out.items);
-        free(s->fresh);
-        free(s);
-        e->graph_scratch = nullptr;
+    for (TrnGraphPart &p : e->graph) {
+        free(p.visited.marks);
+        memset(&p.visited, 0, sizeof p.visited);
+        TrnGraphScratch *s = p.scratch;
+        if (s) {
+            free(s->w.items);
+            free(s->c.items);
+            free(s->sorted.items);
+            free(s->selected.items);
+            free(s->prune_in.items);
+            free(s->prune_out.items);
+            free(s->fresh);
+            free(s);
+            p.scratch = nullptr;
+        }
     }
 }

@@ -29,8 +29,26 @@ struct TrnVisited {
 /* Heaps and candidate arrays of the graph, reused by every insertion and query (hnsw.cpp). */
 struct TrnGraphScratch;
 
+/* A new index keeps its graph in this many parts, so that as many threads link its chunks at
+** once, each in a part of its own. */
+constexpr int TRN_GRAPH_PARTS = 2;
+
+/* One part of the graph, with the scratch of searches in it, kept between calls so that a search
+** clears nothing. */
+struct TrnGraphPart {
+    int32_t entry_point; /* -1 for an empty part */
+    int32_t max_level;   /* -1 for an empty part */
+    TrnVisited visited;
+    TrnGraphScratch *scratch; /* NULL until the first search in the part */
+};
+
 /* Links chunk index (whose level is set) into the graph. */
 void hnsw_insert(TrnEngine *e, uint32_t index);
+/* Links the slots (their levels set) as hnsw_insert one after the other would, each part's on a
+** worker of its own (nodes of different parts never meet). */
+void hnsw_insert_many(TrnEngine *e, const uint32_t *slots, size_t count);
+/* Empties the graph's parts, parts of them from now on; the nodes are left as they are. */
+void graph_clear(TrnEngine *e, int32_t parts);
 /* Drops every link and re-inserts every live chunk with a new level. */
 void hnsw_rebuild(TrnEngine *e);
 /* Up to min(k, ef_search) nearest live chunks to the unit vector q, nearest first, with their

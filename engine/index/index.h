@@ -29,8 +29,10 @@ void add_doc_vec(TrnEngine *e, const char *doc_id, const char *text, const char 
 /* As add_doc_mem without a vector: the chunk is pending (handle.h), outside the graph. */
 void add_doc_pending(TrnEngine *e, const char *doc_id, const char *text, const char *path,
                      int32_t chunk_index, int32_t line_number, uint32_t file_type);
-/* Gives the pending chunk in slot its vector (the bytes of dim floats, normalised, at any
-** alignment) and links it into the graph. */
+/* Gives the pending chunks in slots their vectors (each the bytes of dim floats, normalised, at
+** any alignment) and links them into the graph in that order (hnsw_insert_many). */
+void set_chunk_vectors(TrnEngine *e, const uint32_t *slots, const void *const *vectors,
+                       size_t count);
 void set_chunk_vector(TrnEngine *e, uint64_t slot, const void *v);
 /* Draws a graph level from the generator at *state (splitmix64): floor(-ln(u) * level_mult)
 ** clamped to 0..31, u uniform in (0, 1]. */

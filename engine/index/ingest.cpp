@@ -233,12 +233,24 @@ void add_doc_pending(TrnEngine *e, const char *doc_id, const char *text, const c
     e->chunks[slot].pending = 1;
 }
 
-void set_chunk_vector(TrnEngine *e, uint64_t slot, const void *v)
+void set_chunk_vectors(TrnEngine *e, const uint32_t *slots, const void *const *vectors,
+                       size_t count)
 {
     vectors_own(e); /* a log replayed over a mapped store: as in ensure_cap */
-    memcpy(e->vectors + slot * (uint64_t)e->dim, v, (size_t)e->dim * sizeof(float));
-    e->chunks[slot].pending = 0;
-    link_slot(e, slot);
+    const size_t dim = (size_t)e->dim;
+    for (size_t i = 0; i < count; i++) {
+        memcpy(e->vectors + slots[i] * dim, vectors[i], dim * sizeof(float));
+        e->chunks[slots[i]].pending = 0;
+        node_reset(&e->nodes[slots[i]]);
+        e->nodes[slots[i]].level = draw_level(&e->level_state, e->level_mult);
+    }
+    hnsw_insert_many(e, slots, count);
+}
+
+void set_chunk_vector(TrnEngine *e, uint64_t slot, const void *v)
+{
+    const uint32_t one = (uint32_t)slot;
+    set_chunk_vectors(e, &one, &v, 1);
 }
 
 namespace

@@ -7,9 +7,10 @@
 ** seconds where embedding takes minutes. Such chunks are pending: zeros for a vector, no links
 ** in the graph, left out of semantic search. The meaning phase then embeds them in slot order, a
 ** group at a time: the vectors are computed without the lock, logged as one group of 'V'
-** records under it (wal.cpp), and only then set and linked into the graph. A kill loses at most
-** the group being embedded; the next update, or the next start of the application, embeds what
-** is still pending and reads no file again for it.
+** records under it (wal.cpp), and only then set and linked into the graph, each part of the
+** graph on a worker of its own (hnsw_insert_many). A kill loses at most the group being
+** embedded; the next update, or the next start of the application, embeds what is still
+** pending and reads no file again for it.
 **
 ** A group is sized to take about GROUP_SECONDS, so that a slow encoder (a transformer profile,
 ** a few chunks a second) still reports progress and stops soon when asked, and a fast one does
@@ -147,11 +148,15 @@ bool commit_group(TrnEngine *e, const Group &g, bool *embedded)
     if (valid > 0 && !wal_commit_group(e, &group)) {
         ok = false;
     } else if (valid > 0) {
+        std::vector<uint32_t, XAllocator<uint32_t>> slots;
+        std::vector<const void *, XAllocator<const void *>> vectors;
         for (size_t i = 0; i < taken.size(); i++) {
             if (still_pending(e, taken[i])) {
-                set_chunk_vector(e, taken[i].slot, g.vectors.data() + i * dim);
+                slots.push_back((uint32_t)taken[i].slot);
+                vectors.push_back(g.vectors.data() + i * dim);
             }
         }
+        set_chunk_vectors(e, slots.data(), vectors.data(), slots.size());
         *embedded = true;
         e->changed = 1;
         count_logged(e, valid, true);

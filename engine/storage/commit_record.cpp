@@ -11,7 +11,7 @@
 **          8     8  uint64 generation: 1 for the first checkpoint, one more for each after it
 **         16     8  uint64 size of the store of this generation
 **         24     4  uint32 checksum of that store: zlib's CRC-32 (the ISO-HDLC polynomial) of
-**                   its header for version 5 (store_checksum), of the whole file before
+**                   its header from version 5 on (store_checksum), of the whole file before
 **         28     4  uint32 flags: 1 the previous store below is known; 2 there was none
 **         32     8  uint64 size of the store of the previous generation
 **         40     4  uint32 CRC-32 of the previous store

@@ -27,8 +27,7 @@ bool probe_committed(TrnEngine *e, TrnEngine *probe)
     probe->ef_construction = e->ef_construction;
     probe->ef_search = e->ef_search;
     probe->level_mult = e->level_mult;
-    probe->entry_point = -1;
-    probe->max_level = -1;
+    graph_clear(probe, TRN_GRAPH_PARTS);
     memcpy(probe->store_path, e->store_path, sizeof e->store_path);
     memcpy(probe->wal_path, e->wal_path, sizeof e->wal_path);
     memcpy(probe->folder, e->folder, sizeof e->folder);

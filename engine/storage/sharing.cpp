@@ -141,8 +141,7 @@ void index_reset(TrnEngine *e)
     e->lex_deferred = 0;
     chunks_clear(e);
     e->deleted_count = 0;
-    e->entry_point = -1;
-    e->max_level = -1;
+    graph_clear(e, TRN_GRAPH_PARTS);
     hnsw_free_scratch(e);
     store_map_release(e);
     e->doc_index_stored = 0;

@@ -22,9 +22,10 @@
 constexpr uint32_t TRN_WAL_ID_LIMIT = 4096;
 constexpr size_t TRN_COMMIT_SIZE = 92;   /* bytes of the commit record (commit_record.cpp) */
 constexpr size_t TRN_COMMIT_LOG_AT = 76; /* where its committed log's fields begin */
-/* The store's version (store_mapped.cpp). 5: laid out to be read in place (4 was never written).
-** From 3 on a store is written with a commit record, which it then requires. */
-constexpr uint32_t TRN_STORE_VERSION = 5;
+/* The store's version (store_mapped.cpp). 5: laid out to be read in place (4 was never written);
+** 6: the graph in parts. From 3 on a store is written with a commit record, which it then
+** requires. */
+constexpr uint32_t TRN_STORE_VERSION = 6;
 constexpr uint32_t TRN_STORE_VERSION_COMMITTED = 3;
 constexpr size_t TRN_INDEX_ID_SIZE = 16; /* random bytes naming one index (commit_record.cpp) */
 /* A normal handle checkpoints once its log holds this many records of chunks (a text or a

@@ -149,6 +149,7 @@ bool read_record(TrnEngine *e, ByteReader *cur, uint64_t slot)
 ** level is max_level. */
 void repair_graph(TrnEngine *e, int32_t stored_entry)
 {
+    graph_clear(e, 1); /* these versions kept the graph in one part */
     for (uint64_t i = 0; i < e->count; i++) {
         TrnNode *node = &e->nodes[i];
         for (int32_t l = 0; l <= node->level; l++) {
@@ -162,22 +163,22 @@ void repair_graph(TrnEngine *e, int32_t stored_entry)
         }
     }
     if (e->count == 0 || stored_entry == -1) {
-        e->entry_point = -1;
-        e->max_level = -1;
+        e->graph[0].entry_point = -1;
+        e->graph[0].max_level = -1;
         return;
     }
     if (stored_entry >= 0 && (uint64_t)stored_entry < e->count) {
-        e->entry_point = stored_entry;
-        e->max_level = e->nodes[stored_entry].level;
+        e->graph[0].entry_point = stored_entry;
+        e->graph[0].max_level = e->nodes[stored_entry].level;
         return;
     }
     /* The stored entry names no loaded chunk: the highest live node takes its place. */
-    e->entry_point = -1;
-    e->max_level = -1;
+    e->graph[0].entry_point = -1;
+    e->graph[0].max_level = -1;
     for (uint64_t i = 0; i < e->count; i++) {
-        if (!e->chunks[i].deleted && e->nodes[i].level > e->max_level) {
-            e->entry_point = (int32_t)i;
-            e->max_level = e->nodes[i].level;
+        if (!e->chunks[i].deleted && e->nodes[i].level > e->graph[0].max_level) {
+            e->graph[0].entry_point = (int32_t)i;
+            e->graph[0].max_level = e->nodes[i].level;
         }
     }
 }
@@ -319,8 +320,7 @@ TrnEngine *engine_new(const TrnConfig *cfg)
     e->M = cfg->M > 0 ? cfg->M : DEFAULT_M;
     e->ef_construction = cfg->ef_construction > 0 ? cfg->ef_construction : DEFAULT_EF_CONSTRUCTION;
     e->ef_search = cfg->ef_search > 0 ? cfg->ef_search : DEFAULT_EF_SEARCH;
-    e->entry_point = -1;
-    e->max_level = -1;
+    graph_clear(e, TRN_GRAPH_PARTS);
     e->level_mult = level_mult_for(e->M);
     ensure_cap(e, 64);
 

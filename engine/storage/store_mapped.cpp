@@ -1,5 +1,5 @@
 /*
-** store_mapped.cpp -- the store "tarnwick.bin" of version 5, laid out so that a search uses it in
+** store_mapped.cpp -- the store "tarnwick.bin" of version 6, laid out so that a search uses it in
 ** place. A handle maps the file read-only and takes the chunk vectors, nearly all of its bytes,
 ** and the chunks' texts from the mapping, which it keeps for its life. Each vector is checked
 ** against its own CRC-32C the first time it is read (chunk_vector), so an open reads only the
@@ -10,23 +10,24 @@
 **
 **     offset  size  field
 **          0     4  magic "TRNW"
-**          4     4  uint32 version, 5
+**          4     4  uint32 version, 6
 **          8     4  int32 dim (512, the encoder's width)
 **         12     4  int32 M
 **         16     4  int32 ef_construction
 **         20     4  int32 ef_search
-**         24     4  int32 entry_point (-1: empty graph)
-**         28     4  int32 max_level (-1: empty graph)
+**         24     4  int32 entry_point of the graph's first part (-1: empty)
+**         28     4  int32 max_level of the first part (-1: empty)
 **         32     4  float32 level_mult
 **         36     4  uint32 count: chunk records, deleted ones included
 **         40     4  uint32 files: entries of the document index
-**         44     4  uint32 flags, 0
+**         44     4  uint32 parts of the graph, 1 or 2 (chunk i is a node of part i % parts)
 **         48     8  uint64 bytes of the graph section
 **         56     8  uint64 bytes of the names section
 **         64     8  uint64 bytes of the strings section
 **         72     8  uint64 offset of the vectors, a multiple of 4096 (the end without chunks)
 **         80     4  uint32 CRC-32C of the bytes from 96 to the vectors (all that an open reads)
-**         84     8  zero
+**         84     4  int32 entry_point of the second part (-1: empty, or one part)
+**         88     4  int32 max_level of the second part (-1: empty, or one part)
 **         92     4  uint32 CRC-32 (zlib's) of bytes 0..91: the store's checksum in the commit
 **                   record
 **
@@ -44,6 +45,8 @@
 **     strings    for each chunk: doc_id, text, one NUL byte, file_path
 **     zero bytes up to the vectors
 **     vectors    count x dim float32: chunk i's unit vector at i * dim * 4 from their offset
+**
+** Version 5 was the same with one part: 0 at 44 and zero bytes from 84 to 91.
 **
 ** Paths are written as storage.h says (relative to the index's folder when below it). Stored
 ** this way the document index is the one an open would build from the same chunks, so an open
@@ -68,7 +71,8 @@
 namespace
 {
 
-constexpr uint32_t STORE_VERSION_MAPPED = 5;
+constexpr uint32_t STORE_VERSION_MAPPED = 6;
+constexpr uint32_t STORE_VERSION_ONE_PART = 5;
 constexpr size_t HEADER_SIZE = 96;
 constexpr size_t CHUNK_RECORD_SIZE = 32;
 constexpr uint64_t VECTOR_ALIGN = 4096; /* a page: the vectors are read in place as floats */
@@ -77,9 +81,10 @@ constexpr uint32_t ID_KEEP = 255;    /* doc_id bytes kept in memory */
 constexpr uint8_t CHUNK_PENDING = 2; /* in a chunk record's flags */
 
 struct Header {
-    int32_t dim, m, ef_construction, ef_search, entry, max_level;
+    int32_t dim, m, ef_construction, ef_search;
+    int32_t entry[TRN_GRAPH_PARTS], max_level[TRN_GRAPH_PARTS];
     float level_mult;
-    uint32_t count, files, flags;
+    uint32_t count, files, parts;
     uint64_t graph_size, names_size, strings_size, vector_offset;
     uint32_t body_crc;
 };
@@ -129,41 +134,68 @@ void encode_header(const Header &h, uint8_t *b)
     memcpy(b + 12, &h.m, 4);
     memcpy(b + 16, &h.ef_construction, 4);
     memcpy(b + 20, &h.ef_search, 4);
-    memcpy(b + 24, &h.entry, 4);
-    memcpy(b + 28, &h.max_level, 4);
+    memcpy(b + 24, &h.entry[0], 4);
+    memcpy(b + 28, &h.max_level[0], 4);
     memcpy(b + 32, &h.level_mult, 4);
     put_u32(b + 36, h.count);
     put_u32(b + 40, h.files);
-    put_u32(b + 44, h.flags);
+    put_u32(b + 44, h.parts);
     memcpy(b + 48, &h.graph_size, 8);
     memcpy(b + 56, &h.names_size, 8);
     memcpy(b + 64, &h.strings_size, 8);
     memcpy(b + 72, &h.vector_offset, 8);
     put_u32(b + 80, h.body_crc);
+    memcpy(b + 84, &h.entry[1], 4);
+    memcpy(b + 88, &h.max_level[1], 4);
     put_u32(b + 92, crc32_update(0, b, 92));
 }
 
-/* False when the header's own checksum fails. */
+/* False when the header's own checksum fails. A store of version 5 has one part. */
 bool decode_header(const uint8_t *b, Header *h)
 {
     if (get_u32(b + 92) != crc32_update(0, b, 92)) {
         return false;
     }
+    const bool one_part = get_u32(b + 4) == STORE_VERSION_ONE_PART;
     memcpy(&h->dim, b + 8, 4);
     memcpy(&h->m, b + 12, 4);
     memcpy(&h->ef_construction, b + 16, 4);
     memcpy(&h->ef_search, b + 20, 4);
-    memcpy(&h->entry, b + 24, 4);
-    memcpy(&h->max_level, b + 28, 4);
+    memcpy(&h->entry[0], b + 24, 4);
+    memcpy(&h->max_level[0], b + 28, 4);
     memcpy(&h->level_mult, b + 32, 4);
     h->count = get_u32(b + 36);
     h->files = get_u32(b + 40);
-    h->flags = get_u32(b + 44);
+    h->parts = one_part ? 1 : get_u32(b + 44);
+    h->entry[1] = -1;
+    h->max_level[1] = -1;
+    if (!one_part) {
+        memcpy(&h->entry[1], b + 84, 4);
+        memcpy(&h->max_level[1], b + 88, 4);
+    }
     memcpy(&h->graph_size, b + 48, 8);
     memcpy(&h->names_size, b + 56, 8);
     memcpy(&h->strings_size, b + 64, 8);
     memcpy(&h->vector_offset, b + 72, 8);
     h->body_crc = get_u32(b + 80);
+    return true;
+}
+
+/* The header's parts are 1 or 2, each part's entry point a chunk of that part or -1, and a part
+** past the parts empty. */
+bool parts_valid(const Header &h)
+{
+    if (h.parts < 1 || h.parts > (uint32_t)TRN_GRAPH_PARTS) {
+        return false;
+    }
+    for (uint32_t p = 0; p < (uint32_t)TRN_GRAPH_PARTS; p++) {
+        const int32_t entry = h.entry[p];
+        if (entry != -1
+            && (p >= h.parts || entry < 0 || (uint64_t)entry >= h.count
+                || (uint32_t)entry % h.parts != p)) {
+            return false;
+        }
+    }
     return true;
 }
 
@@ -278,7 +310,9 @@ struct TrnStoreMap {
 
 uint32_t store_checksum(const uint8_t *bytes, size_t size)
 {
-    if (store_version(bytes, size) == STORE_VERSION_MAPPED && size >= HEADER_SIZE) {
+    const uint32_t version = store_version(bytes, size);
+    if ((version == STORE_VERSION_MAPPED || version == STORE_VERSION_ONE_PART)
+        && size >= HEADER_SIZE) {
         return crc32_update(0, bytes, 92);
     }
     return crc32_update(0, bytes, size);
@@ -295,7 +329,8 @@ uint32_t store_version(const uint8_t *bytes, size_t size)
 
 int store_load_mapped(TrnEngine *e, const uint8_t *b, size_t size, bool in_place)
 {
-    if (store_version(b, size) != STORE_VERSION_MAPPED) {
+    const uint32_t version = store_version(b, size);
+    if (version != STORE_VERSION_MAPPED && version != STORE_VERSION_ONE_PART) {
         store_load_bytes(e, b, size);
         return STORE_COPIED;
     }
@@ -307,7 +342,7 @@ int store_load_mapped(TrnEngine *e, const uint8_t *b, size_t size, bool in_place
         || (size - h.vector_offset) / ((uint64_t)h.dim * sizeof(float)) != h.count
         || (size - h.vector_offset) % ((uint64_t)h.dim * sizeof(float)) != 0
         || h.body_crc != crc32c_update(0, b + HEADER_SIZE, h.vector_offset - HEADER_SIZE)
-        || (h.entry != -1 && (h.entry < 0 || (uint64_t)h.entry >= h.count))) {
+        || !parts_valid(h)) {
         return STORE_DAMAGED;
     }
     /* The counts checked above fit in the file, so the tables below are bounded by its size. */
@@ -319,6 +354,7 @@ int store_load_mapped(TrnEngine *e, const uint8_t *b, size_t size, bool in_place
     if (std::isfinite(h.level_mult) && h.level_mult >= 0.0f && h.level_mult <= 64.0f) {
         e->level_mult = h.level_mult;
     }
+    e->graph_parts = (int32_t)h.parts;
     if (h.count == 0) {
         return STORE_COPIED;
     }
@@ -361,8 +397,10 @@ int store_load_mapped(TrnEngine *e, const uint8_t *b, size_t size, bool in_place
         e->deleted_count = 0;
         return STORE_DAMAGED;
     }
-    e->entry_point = h.entry;
-    e->max_level = h.entry >= 0 ? e->nodes[h.entry].level : -1;
+    for (int32_t p = 0; p < TRN_GRAPH_PARTS; p++) {
+        e->graph[p].entry_point = h.entry[p];
+        e->graph[p].max_level = h.entry[p] >= 0 ? e->nodes[h.entry[p]].level : -1;
+    }
     e->doc_index_stored = 1;
     e->paths_full = 0;
     return in_place ? STORE_IN_PLACE : STORE_COPIED;
@@ -492,8 +530,11 @@ bool store_write(TrnEngine *e, FILE *f, uint64_t *size, uint32_t *checksum, int 
     h.m = e->M;
     h.ef_construction = e->ef_construction;
     h.ef_search = e->ef_search;
-    h.entry = e->entry_point;
-    h.max_level = e->max_level;
+    h.parts = (uint32_t)e->graph_parts;
+    for (int32_t p = 0; p < TRN_GRAPH_PARTS; p++) {
+        h.entry[p] = e->graph[p].entry_point;
+        h.max_level[p] = e->graph[p].max_level;
+    }
     h.level_mult = e->level_mult;
     h.count = (uint32_t)e->count;
     h.files = (uint32_t)e->file_count;

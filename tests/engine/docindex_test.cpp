@@ -71,8 +71,8 @@ TEST_F(DocIndex, RemovalRebuildsTheGraphOnlyWhenMoreThanHalfIsDeleted)
         EXPECT_FALSE(node_has_links(i)) << "slot " << i;
         EXPECT_EQ(e_->nodes[i].level, 0);
     }
-    ASSERT_GE(e_->entry_point, 6);
-    EXPECT_FALSE(e_->chunks[e_->entry_point].deleted);
+    ASSERT_GE(e_->graph[0].entry_point, 6);
+    EXPECT_FALSE(e_->chunks[e_->graph[0].entry_point].deleted);
 
     EXPECT_EQ(trn_remove_file(e_, "/r/a.txt"), 0);
     EXPECT_EQ(trn_remove_file(e_, "/r/unknown.txt"), 0);
@@ -120,14 +120,14 @@ TEST_F(DocIndex, CompactingEverythingLeavesAnEmptyGraphAndAHeaderOnlyStore)
     EXPECT_EQ(trn_compact(e_), 1);
     EXPECT_EQ(e_->count, 0u);
     EXPECT_EQ(e_->capacity, 0u);
-    EXPECT_EQ(e_->entry_point, -1);
-    EXPECT_EQ(e_->max_level, -1);
+    EXPECT_EQ(e_->graph[0].entry_point, -1);
+    EXPECT_EQ(e_->graph[0].max_level, -1);
     EXPECT_EQ(e_->file_count, 0);
     EXPECT_EQ(file_size(dir.file("tarnwick.bin")), 96);
     /* The empty handle still takes new chunks. */
     ingest_chunks("/z/b.txt", 2, 'b');
     EXPECT_EQ(e_->count, 2u);
-    EXPECT_NE(e_->entry_point, -1); /* either chunk, by their drawn levels */
+    EXPECT_NE(e_->graph[0].entry_point, -1); /* either chunk, by their drawn levels */
 }
 
 TEST_F(DocIndex, CentroidsAreUnitMeansOfLiveChunksInFirstAppearanceOrder)
@@ -186,7 +186,7 @@ TEST_F(DocIndex, StatsCountFilesByChunkZeroUntilAnIndexIsBuilt)
     EXPECT_EQ(s.chunk_count, 4u);
     EXPECT_EQ(s.file_count, 2u);
     EXPECT_EQ(s.deleted_count, 0u);
-    EXPECT_EQ(s.max_level, e_->max_level);
+    EXPECT_EQ(s.max_level, e_->graph[0].max_level);
     EXPECT_EQ(s.dim, 512);
 
     trn_remove_file(e_, "/s/b.txt");

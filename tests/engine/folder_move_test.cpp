@@ -194,7 +194,7 @@ TEST(FolderMove, IndexWrittenWithFullPathsIsRewrittenOnceWhenOpened)
     trn_close(e);
     store = read_file_bytes(index + "/tarnwick.bin");
     files = read_file_bytes(index + "/tarnwick.files");
-    EXPECT_EQ(store[4], 5);
+    EXPECT_EQ(store[4], 6);
     EXPECT_EQ(files[4], 2);
     EXPECT_FALSE(contains(store, a + "/")) << "no full path is left in the store";
     EXPECT_FALSE(contains(files, a + "/")) << "nor in the manifest";

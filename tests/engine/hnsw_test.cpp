@@ -15,7 +15,8 @@
 namespace
 {
 
-// A bare handle with the graph fields only: chunk records, vectors and nodes, no store, no log.
+// A bare handle with the graph fields only: chunk records, vectors and nodes, no store, no log;
+// its graph in one part, unless a test says otherwise.
 struct HandGraph {
     TrnEngine *e;
 
@@ -27,6 +28,7 @@ struct HandGraph {
         e->ef_construction = ef_construction;
         e->ef_search = ef_search;
         e->level_mult = m >= 2 ? 1.0f / (float)std::log((double)m) : 1.0f;
+        graph_clear(e, 1);
         ensure_cap(e, cap);
     }
     ~HandGraph() { free_bare_engine(e); }
@@ -187,8 +189,8 @@ TEST(HnswInsert, FirstNodeBecomesEntryWithoutLinks)
 {
     HandGraph g(4, 16, 100, 50, 8);
     uint32_t a = g.add(unit({1, 0, 0, 0}), 2);
-    EXPECT_EQ(g.e->entry_point, (int32_t)a);
-    EXPECT_EQ(g.e->max_level, 2);
+    EXPECT_EQ(g.e->graph[0].entry_point, (int32_t)a);
+    EXPECT_EQ(g.e->graph[0].max_level, 2);
     for (int l = 0; l < TRN_MAX_LEVELS; l++) {
         EXPECT_EQ(g.e->nodes[a].count[l], 0);
         EXPECT_EQ(g.e->nodes[a].neighbors[l], nullptr);
@@ -200,14 +202,14 @@ TEST(HnswInsert, HigherNodeBecomesEntryAndLinksBothWaysBelowOldTop)
     HandGraph g(4, 16, 100, 50, 8);
     g.add(unit({1, 0, 0, 0}), 0);
     uint32_t b = g.add(unit({1, 1, 0, 0}), 3);
-    EXPECT_EQ(g.e->entry_point, (int32_t)b);
-    EXPECT_EQ(g.e->max_level, 3);
+    EXPECT_EQ(g.e->graph[0].entry_point, (int32_t)b);
+    EXPECT_EQ(g.e->graph[0].max_level, 3);
     EXPECT_EQ(g.list(0, 0), std::vector<uint32_t>{b});
     EXPECT_EQ(g.list(b, 0), std::vector<uint32_t>{0});
     // Levels above the old top have nobody to link to yet.
     EXPECT_EQ(g.e->nodes[b].count[1], 0);
     uint32_t c = g.add(unit({0, 1, 0, 0}), 1);
-    EXPECT_EQ(g.e->entry_point, (int32_t)b); // a lower node does not take over
+    EXPECT_EQ(g.e->graph[0].entry_point, (int32_t)b); // a lower node does not take over
     EXPECT_EQ(g.list(c, 1), std::vector<uint32_t>{b});
 }
 
@@ -245,8 +247,8 @@ TEST(HnswInsert, PruneSortsAndKeepsOnlyDiverseNeighbours)
     uint32_t c = g.place(at(0.3f), 0);
     uint32_t d = g.place(at(0.6f), 0);
     g.set_list(x, 0, {d, c, b, a});
-    g.e->entry_point = (int32_t)x;
-    g.e->max_level = 0;
+    g.e->graph[0].entry_point = (int32_t)x;
+    g.e->graph[0].max_level = 0;
     uint32_t y = g.add(unit({std::cos(0.9f), 0, std::sin(0.9f)}), 0);
     EXPECT_EQ(g.list(y, 0), std::vector<uint32_t>{x});
     EXPECT_EQ(g.list(x, 0), (std::vector<uint32_t>{a, b, y}));
@@ -264,8 +266,8 @@ TEST(HnswInsert, PruneKeepsFirstOfEqualDistances)
         uint32_t pb = g.place(unit({std::cos(a), -std::sin(a), 0}), 0);
         uint32_t far = g.place(unit({std::cos(1.2f), std::sin(1.2f), 0}), 0);
         ASSERT_EQ(vec_dot(g.vec(x), g.vec(pa), 3), vec_dot(g.vec(x), g.vec(pb), 3));
-        g.e->entry_point = (int32_t)x;
-        g.e->max_level = 0;
+        g.e->graph[0].entry_point = (int32_t)x;
+        g.e->graph[0].max_level = 0;
         g.set_list(x,
                    0,
                    order == 0 ? std::vector<uint32_t>{far, pa, pb}
@@ -287,8 +289,8 @@ TEST(HnswDeleted, TraversedButNeverReturnedOrSelected)
     g.set_list(0, 0, {1});
     g.set_list(1, 0, {0, 2});
     g.set_list(2, 0, {1});
-    g.e->entry_point = 0;
-    g.e->max_level = 0;
+    g.e->graph[0].entry_point = 0;
+    g.e->graph[0].max_level = 0;
     g.remove(1);
     std::vector<float> q = unit({0.1f, 1, 0});
     EXPECT_EQ(g.query(q, 5), (std::vector<uint32_t>{2, 0}));
@@ -300,7 +302,7 @@ TEST(HnswDeleted, TraversedButNeverReturnedOrSelected)
     EXPECT_EQ(std::count(ids.begin(), ids.end(), 1u), 0);
 
     // A deleted entry point is still where searches start.
-    g.e->entry_point = 1;
+    g.e->graph[0].entry_point = 1;
     EXPECT_EQ(g.query(q, 5).front(), 2u);
 }
 
@@ -328,8 +330,8 @@ TEST(HnswQuery, GreedyPassScansTheWholeListItBeganWith)
     uint32_t a = g.place(unit({0.5f, 0, 1}), 1);
     uint32_t b = g.place(unit({0.9f, 0, 0.2f}), 1);
     g.set_list(e0, 1, {a, b});
-    g.e->entry_point = (int32_t)e0;
-    g.e->max_level = 1;
+    g.e->graph[0].entry_point = (int32_t)e0;
+    g.e->graph[0].max_level = 1;
     std::vector<uint32_t> got = g.query(unit({1, 0, 0}), 3);
     EXPECT_EQ(got, std::vector<uint32_t>{b});
 }
@@ -368,7 +370,7 @@ TEST(HnswQuery, EpochWrapClearsOldMarks)
         want.push_back(bc.g.query(qs.back(), 10));
     }
     // Every mark says "visited in epoch 1"; the counter is one step from wrapping to 1.
-    TrnVisited &v = bc.g.e->visited;
+    TrnVisited &v = bc.g.e->graph[0].visited;
     std::fill(v.marks, v.marks + v.length, 1u);
     v.epoch = UINT32_MAX - 1;
     for (int t = 0; t < 3; t++) {
@@ -377,17 +379,20 @@ TEST(HnswQuery, EpochWrapClearsOldMarks)
     EXPECT_EQ(v.epoch, 2u);
 }
 
-TEST(HnswRebuild, FirstLiveChunkLinksToItselfAndDeletedAreDropped)
+// A rebuild also puts a graph of one part in as many parts as a new index has.
+TEST(HnswRebuild, FirstLiveChunkOfEachPartLinksToItselfAndDeletedAreDropped)
 {
     BuiltClusters bc(800, 16);
     bc.g.e->level_state = 12345;
     bc.g.remove(0);
     bc.g.remove(5);
     hnsw_rebuild(bc.g.e);
-    TrnNode &first = bc.g.e->nodes[1];
-    for (int l = 0; l <= first.level; l++) {
-        std::vector<uint32_t> ids = bc.g.list(1, l);
-        EXPECT_EQ(std::count(ids.begin(), ids.end(), 1u), 1) << "level " << l;
+    ASSERT_EQ(bc.g.e->graph_parts, 2);
+    for (uint32_t first : {1u, 2u}) {
+        for (int l = 0; l <= bc.g.e->nodes[first].level; l++) {
+            std::vector<uint32_t> ids = bc.g.list(first, l);
+            EXPECT_EQ(std::count(ids.begin(), ids.end(), first), 1) << first << " level " << l;
+        }
     }
     for (uint32_t dead : {0u, 5u}) {
         EXPECT_EQ(bc.g.e->nodes[dead].level, 0);
@@ -399,16 +404,62 @@ TEST(HnswRebuild, FirstLiveChunkLinksToItselfAndDeletedAreDropped)
             std::vector<uint32_t> ids = bc.g.list(i, l);
             EXPECT_EQ(std::count(ids.begin(), ids.end(), 0u), 0);
             EXPECT_EQ(std::count(ids.begin(), ids.end(), 5u), 0);
-            if (i != 1) {
+            if (i > 2) {
                 EXPECT_EQ(std::count(ids.begin(), ids.end(), i), 0);
+            }
+            for (uint32_t to : ids) {
+                EXPECT_EQ(to % 2, i % 2) << "a link between parts";
             }
         }
         top = std::max(top, bc.g.e->nodes[i].level);
     }
     expect_lists_well_formed(bc.g, true);
-    EXPECT_EQ(bc.g.e->max_level, top);
-    EXPECT_EQ(bc.g.e->nodes[bc.g.e->entry_point].level, top);
+    EXPECT_EQ(std::max(bc.g.e->graph[0].max_level, bc.g.e->graph[1].max_level), top);
+    for (const TrnGraphPart &p : bc.g.e->graph) {
+        EXPECT_EQ(bc.g.e->nodes[p.entry_point].level, p.max_level);
+    }
     EXPECT_GE(bc.recall_at_10(100), 0.95);
+}
+
+// Two workers link a group's chunks, each part on one: the graph is the one that linking them one
+// after another gives, and a search finds the nearest chunks of both parts.
+TEST(HnswParts, LinkedOnTwoWorkersAsOneAfterAnother)
+{
+    Clusters data(32, 40, 7);
+    HandGraph serial(32, 16, 100, 50, 600), parallel(32, 16, 100, 50, 600);
+    graph_clear(serial.e, 2);
+    graph_clear(parallel.e, 2);
+    parallel.e->embed_threads = 2;
+    std::vector<uint32_t> slots;
+    for (int i = 0; i < 600; i++) {
+        std::vector<float> v = data.draw();
+        int32_t level = draw_level(&serial.e->level_state, serial.e->level_mult);
+        serial.add(v, level);
+        slots.push_back(parallel.place(v, level));
+    }
+    for (size_t from = 0; from < slots.size(); from += 150) {
+        hnsw_insert_many(parallel.e, slots.data() + from, 150);
+    }
+    for (int p = 0; p < 2; p++) {
+        EXPECT_EQ(parallel.e->graph[p].entry_point, serial.e->graph[p].entry_point);
+        EXPECT_EQ(parallel.e->graph[p].max_level, serial.e->graph[p].max_level);
+    }
+    for (uint32_t i = 0; i < 600; i++) {
+        for (int l = 0; l <= serial.e->nodes[i].level; l++) {
+            ASSERT_EQ(parallel.list(i, l), serial.list(i, l)) << "node " << i << " level " << l;
+        }
+    }
+    int hit = 0, odd = 0;
+    for (int t = 0; t < 100; t++) {
+        std::vector<float> q = data.draw();
+        std::vector<uint32_t> want = brute_force(parallel, q, 10);
+        for (uint32_t id : parallel.query(q, 10)) {
+            hit += std::count(want.begin(), want.end(), id) ? 1 : 0;
+            odd += id % 2;
+        }
+    }
+    EXPECT_GE(hit, 950);
+    EXPECT_GT(odd, 300) << "the second part is searched too";
 }
 
 TEST(HnswRebuild, OnlyDeletedOrNothingLeavesEmptyGraph)
@@ -418,19 +469,19 @@ TEST(HnswRebuild, OnlyDeletedOrNothingLeavesEmptyGraph)
         bc.g.remove(i);
     }
     hnsw_rebuild(bc.g.e);
-    EXPECT_EQ(bc.g.e->entry_point, -1);
-    EXPECT_EQ(bc.g.e->max_level, -1);
+    EXPECT_EQ(bc.g.e->graph[0].entry_point, -1);
+    EXPECT_EQ(bc.g.e->graph[0].max_level, -1);
     EXPECT_TRUE(bc.g.query(bc.data.draw(), 10).empty());
     for (uint32_t i = 0; i < 50; i++) {
         EXPECT_EQ(bc.g.e->nodes[i].count[0], 0);
     }
 
     HandGraph none(4, 16, 100, 50, 4);
-    none.e->entry_point = 3; // stale values from before the chunks went away
-    none.e->max_level = 2;
+    none.e->graph[0].entry_point = 3; // stale values from before the chunks went away
+    none.e->graph[0].max_level = 2;
     hnsw_rebuild(none.e);
-    EXPECT_EQ(none.e->entry_point, -1);
-    EXPECT_EQ(none.e->max_level, -1);
+    EXPECT_EQ(none.e->graph[0].entry_point, -1);
+    EXPECT_EQ(none.e->graph[0].max_level, -1);
 }
 
 TEST(HnswRebuild, LevelsStayWithin0To31)
@@ -446,7 +497,7 @@ TEST(HnswRebuild, LevelsStayWithin0To31)
         at_top += bc.g.e->nodes[i].level == 31 ? 1 : 0;
     }
     EXPECT_GT(at_top, 0);
-    EXPECT_EQ(bc.g.e->max_level, 31);
+    EXPECT_EQ(bc.g.e->graph[0].max_level, 31);
     expect_lists_well_formed(bc.g, true);
 }
 

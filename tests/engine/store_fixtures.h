@@ -267,7 +267,8 @@ inline void put_store_record(Bytes &out, const StoreRecord &r, int32_t dim = 512
 inline Bytes legacy_store_bytes(const TrnEngine *e, uint32_t version)
 {
     Bytes out;
-    put_store_header(out, version, e->dim, e->entry_point, e->max_level, (uint32_t)e->count);
+    put_store_header(
+        out, version, e->dim, e->graph[0].entry_point, e->graph[0].max_level, (uint32_t)e->count);
     for (uint64_t i = 0; i < e->count; i++) {
         const TrnChunk &c = e->chunks[i];
         out.str(c.doc_id).str(c.text ? c.text : "").str(c.file_path ? c.file_path : "");
@@ -296,8 +297,7 @@ inline TrnEngine *bare_engine(const TrnEncoder *lent_encoder = nullptr)
     e->M = 16;
     e->ef_construction = 100;
     e->ef_search = 50;
-    e->entry_point = -1;
-    e->max_level = -1;
+    graph_clear(e, TRN_GRAPH_PARTS);
     e->level_mult = 1.0f / (float)std::log(16.0);
     ensure_cap(e, 64);
     if (lent_encoder) {
@@ -425,17 +425,26 @@ inline std::string handle_invariant_violation(const TrnEngine *e)
     if (deleted != e->deleted_count) {
         return "deleted_count differs from the flags";
     }
-    if (e->count == 0 && (e->entry_point != -1 || e->max_level != -1)) {
-        return "empty handle with an entry point";
+    if (e->graph_parts < 1 || e->graph_parts > TRN_GRAPH_PARTS) {
+        return "graph parts out of range";
     }
-    if (e->entry_point < -1 || (e->entry_point >= 0 && (uint64_t)e->entry_point >= e->count)) {
-        return "entry point out of range";
-    }
-    if (e->entry_point == -1 && e->max_level != -1) {
-        return "max_level without an entry point";
-    }
-    if (e->entry_point >= 0 && e->max_level != e->nodes[e->entry_point].level) {
-        return "max_level is not the entry node's level";
+    for (int32_t p = 0; p < TRN_GRAPH_PARTS; p++) {
+        const TrnGraphPart &g = e->graph[p];
+        if ((e->count == 0 || p >= e->graph_parts) && (g.entry_point != -1 || g.max_level != -1)) {
+            return "an empty part with an entry point";
+        }
+        if (g.entry_point < -1 || (g.entry_point >= 0 && (uint64_t)g.entry_point >= e->count)) {
+            return "entry point out of range";
+        }
+        if (g.entry_point >= 0 && g.entry_point % e->graph_parts != p) {
+            return "entry point of another part";
+        }
+        if (g.entry_point == -1 && g.max_level != -1) {
+            return "max_level without an entry point";
+        }
+        if (g.entry_point >= 0 && g.max_level != e->nodes[g.entry_point].level) {
+            return "max_level is not the entry node's level";
+        }
     }
     return "";
 }

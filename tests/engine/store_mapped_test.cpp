@@ -118,6 +118,54 @@ TEST_F(MappedStore, EveryByteIsCheckedAtOpenOrWhenItsVectorIsRead)
     EXPECT_EQ(met, 4096);
 }
 
+/* A header whose checksum holds is still refused when its graph parts disagree with their entry
+** points; a store of version 5 has one part. */
+TEST_F(MappedStore, GraphPartsOfTheHeaderAreChecked)
+{
+    struct Case {
+        uint32_t version, parts;
+        int32_t second_entry;
+        bool loads;
+    };
+    const Case cases[] = {
+        {6, 2, 1, true},  // as written: chunk 1 is the second part's entry point
+        {6, 3, 1, false}, // more parts than there are
+        {6, 0, 1, false}, // none
+        {6, 1, 1, false}, // a second entry point with one part
+        {6, 2, 0, false}, // the second part's entry point a chunk of the first
+        {6, 2, 2, false}, // past the chunks
+        {5, 0, 0, true},  // version 5: one part, and zero bytes where the second is now
+        {5, 0, 1, true},  // version 5 does not read those bytes
+    };
+    const std::vector<uint8_t> commit = read_file_bytes(dir_.file("tarnwick.commit"));
+    for (const Case &c : cases) {
+        std::vector<uint8_t> bytes = store_;
+        memcpy(bytes.data() + 4, &c.version, 4);
+        memcpy(bytes.data() + 44, &c.parts, 4);
+        memcpy(bytes.data() + 84, &c.second_entry, 4);
+        const uint32_t head = crc32_update(0, bytes.data(), 92);
+        memcpy(bytes.data() + 92, &head, 4);
+        write_file_bytes(dir_.file("tarnwick.bin"), bytes.data(), bytes.size());
+        /* The commit record names the store by its header's checksum. */
+        std::vector<uint8_t> record = commit;
+        memcpy(record.data() + 24, &head, 4);
+        const uint32_t check = crc32_update(0, record.data(), 72);
+        memcpy(record.data() + 72, &check, 4);
+        write_file_bytes(dir_.file("tarnwick.commit"), record.data(), record.size());
+        TrnEngine *e = bare_engine();
+        bare_engine_on_dir(e, dir_.path());
+        const std::string what = std::to_string(c.version) + " " + std::to_string(c.parts) + " "
+                                 + std::to_string(c.second_entry);
+        ASSERT_EQ(index_load(e), c.loads) << what;
+        if (c.loads) {
+            EXPECT_EQ(handle_invariant_violation(e), "") << what;
+            EXPECT_EQ(e->graph_parts, c.version == 5 ? 1 : 2) << what;
+            EXPECT_EQ(e->graph[1].entry_point, c.version == 5 ? -1 : 1) << what;
+        }
+        free_bare_engine(e);
+    }
+}
+
 /* The search that reads a damaged vector returns nothing and says so; the handle then refuses to
 ** write, and nothing rewrites the store. */
 TEST_F(MappedStore, DamagedVectorFailsTheSearchThatReadsItAndEveryWrite)

@@ -133,13 +133,13 @@ Bytes mapped_store_bytes(const std::vector<StoreRecord> &records, uint32_t files
     uint64_t vector_offset = (96 + body.size() + 4095) / 4096 * 4096;
     body.raw(std::string(vector_offset - 96 - body.size(), '\0'));
     Bytes out;
-    put_store_header(out, 5, 512, 0, 2, (uint32_t)records.size());
-    out.u32(files).u32(0);
+    put_store_header(out, 6, 512, 0, 2, (uint32_t)records.size());
+    out.u32(files).u32(2); /* two parts, the second one empty (at 84) */
     u64(out, graph.size());
     u64(out, names.size());
     u64(out, strings.size());
     u64(out, vector_offset);
-    out.u32(0).u32(0).u32(0).u32(0); /* checksums, filled in by the caller */
+    out.u32(0).i32(-1).i32(-1).u32(0); /* checksums filled in by the caller */
     out.raw(std::string(body.b.begin(), body.b.end()));
     out.raw(std::string(vectors.b.begin(), vectors.b.end()));
     return out;
@@ -159,8 +159,8 @@ TEST(StoreFile, CheckpointWritesTheDocumentedLayout)
     for (const StoreRecord &r : records) {
         put_chunk(e, r);
     }
-    e->entry_point = 0;
-    e->max_level = 2;
+    e->graph[0].entry_point = 0;
+    e->graph[0].max_level = 2;
 
     ASSERT_EQ(trn_checkpoint(e), 1);
     std::vector<uint8_t> got = read_file_bytes(dir.file("tarnwick.bin"));
@@ -212,8 +212,8 @@ TEST(StoreFile, LoadRestoresEveryFieldAndTheGraphExactly)
     ASSERT_EQ(e->count, 3u);
     EXPECT_EQ(handle_invariant_violation(e), "");
     EXPECT_EQ(e->deleted_count, 1u);
-    EXPECT_EQ(e->entry_point, 0);
-    EXPECT_EQ(e->max_level, 2);
+    EXPECT_EQ(e->graph[0].entry_point, 0);
+    EXPECT_EQ(e->graph[0].max_level, 2);
     for (size_t i = 0; i < records.size(); i++) {
         const StoreRecord &r = records[i];
         const TrnChunk &c = e->chunks[i];
@@ -248,7 +248,7 @@ TEST(StoreFile, CloseAndReopenGivesTheSameChunksAndAnEmptyLog)
     ASSERT_EQ(trn_ingest_text(e, "/notes/b.md", "# heading\nbody", 800, 200), 1);
     ASSERT_GT(file_size(dir.file("tarnwick.wal")), 0);
     std::vector<float> vectors(e->vectors, e->vectors + 2 * 512);
-    int32_t entry = e->entry_point;
+    int32_t entry = e->graph[0].entry_point;
     std::vector<uint32_t> links(e->nodes[1].neighbors[0],
                                 e->nodes[1].neighbors[0] + e->nodes[1].count[0]);
     trn_close(e);
@@ -273,7 +273,7 @@ TEST(StoreFile, CloseAndReopenGivesTheSameChunksAndAnEmptyLog)
     EXPECT_STREQ(e->chunks[1].text, "# heading\nbody");
     EXPECT_EQ(e->chunks[1].file_type, (uint32_t)TRN_FILE_TYPE_MARKDOWN);
     EXPECT_EQ(memcmp(e->vectors, vectors.data(), vectors.size() * sizeof(float)), 0);
-    EXPECT_EQ(e->entry_point, entry);
+    EXPECT_EQ(e->graph[0].entry_point, entry);
     EXPECT_EQ(std::vector<uint32_t>(e->nodes[1].neighbors[0],
                                     e->nodes[1].neighbors[0] + e->nodes[1].count[0]),
               links);
@@ -316,7 +316,7 @@ TEST(StoreFile, EmptyDirectoryOpensWithNoDocsAndWritesNothing)
     TrnEngine *e = trn_open(&cfg);
     std::string log = testing::internal::GetCapturedStderr();
     EXPECT_EQ(log, "tarnwick: opened (0 docs, dim=512)\n");
-    EXPECT_EQ(e->entry_point, -1);
+    EXPECT_EQ(e->graph[0].entry_point, -1);
     trn_close(e);
     EXPECT_EQ(dir_names(dir.path()), (std::vector<std::string>{"tarnwick.lock", "tarnwick.turn"}));
 }
@@ -339,7 +339,7 @@ TEST(StoreFile, StoreOfAnotherVersionOrWidthIsIgnoredAndReplaced)
 {
     for (int variant = 0; variant < 2; variant++) {
         TempDir dir;
-        uint32_t version = variant == 0 ? 6 : 2;
+        uint32_t version = variant == 0 ? 7 : 2;
         int32_t dim = variant == 0 ? 512 : 64;
         store_bytes(sample_records(), nullptr, version, dim).write(dir.file("tarnwick.bin"));
         TrnConfig cfg = config_for(dir);
@@ -352,7 +352,7 @@ TEST(StoreFile, StoreOfAnotherVersionOrWidthIsIgnoredAndReplaced)
         trn_close(e);
         std::vector<uint8_t> bytes = read_file_bytes(dir.file("tarnwick.bin"));
         ASSERT_EQ(bytes.size(), 96u);
-        EXPECT_EQ(bytes[4], 5);
+        EXPECT_EQ(bytes[4], 6);
         EXPECT_EQ(bytes[36], 0);
     }
 }
@@ -495,8 +495,8 @@ TEST(StoreFile, LinksAndEntryPointOutsideTheLoadedChunksAreRepaired)
                   (std::vector<uint32_t>{1, 2}));
         EXPECT_EQ(e->nodes[0].count[1], 0);
         /* The highest live node takes the place of an entry point that names no chunk. */
-        EXPECT_EQ(e->entry_point, 2) << entry;
-        EXPECT_EQ(e->max_level, 3);
+        EXPECT_EQ(e->graph[0].entry_point, 2) << entry;
+        EXPECT_EQ(e->graph[0].max_level, 3);
         free_bare_engine(e);
     }
 }
