@@ -51,6 +51,7 @@ struct TrnEngine {
     int32_t ef_search;
     float level_mult;
     uint64_t deleted_count;
+    uint64_t pending_count;        /* live chunks still pending (count_pending reads it) */
     char store_path[TRN_PATH_MAX]; /* empty for an in-memory engine */
     char wal_path[TRN_PATH_MAX];
     /* The folder whose index this is, the parent of the index directory, with a trailing '/';

@@ -110,6 +110,7 @@ int32_t remove_file_mem(TrnEngine *e, const char *path)
         if (is_live_file_chunk(c) && strcmp(c->file_path, path) == 0) {
             c->deleted = 1;
             e->deleted_count++;
+            e->pending_count -= c->pending;
             marked++;
         }
     }

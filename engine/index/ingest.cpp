@@ -161,6 +161,7 @@ void chunks_clear(TrnEngine *e)
         chunk_slot_clear(e, i);
     }
     e->count = 0;
+    e->pending_count = 0;
 }
 
 int32_t draw_level(uint64_t *state, float level_mult)
@@ -231,6 +232,7 @@ void add_doc_pending(TrnEngine *e, const char *doc_id, const char *text, const c
     memset(e->vectors + slot * (uint64_t)e->dim, 0, (size_t)e->dim * sizeof(float));
     node_reset(&e->nodes[slot]);
     e->chunks[slot].pending = 1;
+    e->pending_count++;
 }
 
 void set_chunk_vectors(TrnEngine *e, const uint32_t *slots, const void *const *vectors,
@@ -240,6 +242,7 @@ void set_chunk_vectors(TrnEngine *e, const uint32_t *slots, const void *const *v
     const size_t dim = (size_t)e->dim;
     for (size_t i = 0; i < count; i++) {
         memcpy(e->vectors + slots[i] * dim, vectors[i], dim * sizeof(float));
+        e->pending_count -= e->chunks[slots[i]].pending;
         e->chunks[slots[i]].pending = 0;
         node_reset(&e->nodes[slots[i]]);
         e->nodes[slots[i]].level = draw_level(&e->level_state, e->level_mult);

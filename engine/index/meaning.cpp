@@ -57,14 +57,8 @@ bool still_pending(const TrnEngine *e, const Taken &t)
 
 void count_pending(const TrnEngine *e, uint64_t *live, uint64_t *pending)
 {
-    *live = 0;
-    *pending = 0;
-    for (uint64_t i = 0; i < e->count; i++) {
-        if (!e->chunks[i].deleted) {
-            *live += 1;
-            *pending += e->chunks[i].pending ? 1 : 0;
-        }
-    }
+    *live = e->count - e->deleted_count;
+    *pending = e->pending_count;
 }
 
 namespace

@@ -233,6 +233,7 @@ bool read_chunks(TrnEngine *e, const uint8_t *b, const Header &h, const Sections
         c->deleted = (rec[28] & ~CHUNK_PENDING) ? 1 : 0;
         c->pending = (rec[28] & CHUNK_PENDING) && !c->deleted ? 1 : 0;
         e->deleted_count += c->deleted;
+        e->pending_count += c->pending;
         const uint8_t *id, *text, *path;
         if (level < 0 || level >= TRN_MAX_LEVELS || !section_take(&strings, id_len, &id)
             || !section_take(&strings, (size_t)text_len + 1, &text) || text[text_len] != '\0'

@@ -394,7 +394,7 @@ inline std::string handle_invariant_violation(const TrnEngine *e)
     if (e->count > e->capacity) {
         return "count above capacity";
     }
-    uint64_t deleted = 0;
+    uint64_t deleted = 0, pending = 0;
     for (uint64_t i = 0; i < e->count; i++) {
         const TrnChunk *c = &e->chunks[i];
         const TrnNode *n = &e->nodes[i];
@@ -421,9 +421,13 @@ inline std::string handle_invariant_violation(const TrnEngine *e)
             }
         }
         deleted += c->deleted ? 1 : 0;
+        pending += c->pending && !c->deleted ? 1 : 0;
     }
     if (deleted != e->deleted_count) {
         return "deleted_count differs from the flags";
+    }
+    if (pending != e->pending_count) {
+        return "pending_count differs from the flags";
     }
     if (e->graph_parts < 1 || e->graph_parts > TRN_GRAPH_PARTS) {
         return "graph parts out of range";
