@@ -306,12 +306,12 @@ void batch_start(const TrnEngine *e, size_t first, Batch *b)
     }
 }
 
-/* Ends reading the batch: the calling thread, done storing the batch before, reads files of it
-** too, then the PDF files, which only it reads. */
+/* Ends reading the batch: the calling thread reads what the helpers left, if there are any
+** helpers only the PDF files, so that it opens the same files in any run. */
 void batch_finish(Batch *b)
 {
     if (b->run) {
-        work_finish(b->run, true);
+        work_finish(b->run, false);
         b->run = nullptr;
     }
     for (size_t i = 0; i < b->outcomes.size(); i++) {
