@@ -211,6 +211,8 @@ TEST(HnswInsert, HigherNodeBecomesEntryAndLinksBothWaysBelowOldTop)
     uint32_t c = g.add(unit({0, 1, 0, 0}), 1);
     EXPECT_EQ(g.e->graph[0].entry_point, (int32_t)b); // a lower node does not take over
     EXPECT_EQ(g.list(c, 1), std::vector<uint32_t>{b});
+    g.add(unit({0, 0, 1, 0}), 3);
+    EXPECT_EQ(g.e->graph[0].entry_point, (int32_t)b) << "nor does one as high";
 }
 
 TEST(HnswInsert, ClusteredRecallAndListsBoundedByM)
