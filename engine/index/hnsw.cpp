@@ -556,6 +556,10 @@ void hnsw_insert(TrnEngine *e, uint32_t index)
 namespace
 {
 
+/* Fewest slots that hnsw_insert_many links on several workers: starting a thread costs about as
+** much as linking a chunk, and a log replayed a record at a time links one slot a call. */
+constexpr size_t INSERT_MANY_MIN = 16;
+
 struct InsertJob {
     TrnEngine *e;
     const uint32_t *slots;
@@ -588,7 +592,7 @@ void graph_clear(TrnEngine *e, int32_t parts)
 void hnsw_insert_many(TrnEngine *e, const uint32_t *slots, size_t count)
 {
     InsertJob job{e, slots, count};
-    if (e->graph_parts > 1 && e->embed_threads > 1) {
+    if (e->graph_parts > 1 && e->embed_threads > 1 && count >= INSERT_MANY_MIN) {
         work_finish(work_start(e, (size_t)e->graph_parts, insert_part, &job), true);
         return;
     }

@@ -202,10 +202,16 @@ static uint64_t new_slot(TrnEngine *e, const char *doc_id, const char *text, con
     return slot;
 }
 
-static void link_slot(TrnEngine *e, uint64_t slot)
+/* Gives slot a graph node of a new level, without links. */
+static void new_node(TrnEngine *e, uint64_t slot)
 {
     node_reset(&e->nodes[slot]);
     e->nodes[slot].level = draw_level(&e->level_state, e->level_mult);
+}
+
+static void link_slot(TrnEngine *e, uint64_t slot)
+{
+    new_node(e, slot);
     hnsw_insert(e, (uint32_t)slot);
 }
 
@@ -244,8 +250,7 @@ void set_chunk_vectors(TrnEngine *e, const uint32_t *slots, const void *const *v
         memcpy(e->vectors + slots[i] * dim, vectors[i], dim * sizeof(float));
         e->pending_count -= e->chunks[slots[i]].pending;
         e->chunks[slots[i]].pending = 0;
-        node_reset(&e->nodes[slots[i]]);
-        e->nodes[slots[i]].level = draw_level(&e->level_state, e->level_mult);
+        new_node(e, slots[i]);
     }
     hnsw_insert_many(e, slots, count);
 }
