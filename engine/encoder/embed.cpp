@@ -186,6 +186,7 @@ struct EmbedRun {
     EmbedWorker helpers[EMBED_THREADS_MAX];
     pthread_t threads[EMBED_THREADS_MAX];
     int32_t started;
+    bool caller_helps; /* work_start's */
 };
 
 namespace
@@ -243,7 +244,7 @@ EmbedRun *embed_start(TrnEngine *e, const char *const *texts, size_t count, floa
 }
 
 EmbedRun *work_start(const TrnEngine *e, size_t count, void (*each)(void *arg, size_t item),
-                     void *arg)
+                     void *arg, bool caller_helps)
 {
     EmbedRun *run = new (xmalloc(sizeof(EmbedRun))) EmbedRun;
     EmbedJob &job = run->job;
@@ -258,8 +259,10 @@ EmbedRun *work_start(const TrnEngine *e, size_t count, void (*each)(void *arg, s
     job.next.store(0, std::memory_order_relaxed);
     run->own = nullptr;
     run->started = 0;
+    run->caller_helps = caller_helps;
     const int32_t helpers =
-        (e->embed_threads < EMBED_THREADS_MAX ? e->embed_threads : EMBED_THREADS_MAX) - 1;
+        (e->embed_threads < EMBED_THREADS_MAX ? e->embed_threads : EMBED_THREADS_MAX)
+        - (caller_helps ? 1 : 0);
     for (int32_t i = 0; i < helpers && (size_t)i < count; i++) {
         if (!start_helper(run, nullptr)) {
             break; /* fewer helpers: work_finish does what no thread takes */
@@ -268,9 +271,9 @@ EmbedRun *work_start(const TrnEngine *e, size_t count, void (*each)(void *arg, s
     return run;
 }
 
-void work_finish(EmbedRun *run, bool take_part)
+void work_finish(EmbedRun *run)
 {
-    if (!take_part && run->started > 0) {
+    if (!run->caller_helps && run->started > 0) {
         for (int32_t i = 0; i < run->started; i++) {
             pthread_join(run->threads[i], nullptr);
         }

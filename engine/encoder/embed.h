@@ -33,15 +33,17 @@ void embed_chunks(TrnEngine *e, const char *const *texts, size_t count, float *o
 struct EmbedRun;
 EmbedRun *embed_start(TrnEngine *e, const char *const *texts, size_t count, float *out);
 void embed_finish(EmbedRun *run);
-/* The same workers for other work: work_start starts e->embed_threads - 1 threads that call
-** each(arg, item) for item 0 to count - 1, each item once, about in order, and returns.
-** work_finish waits for them and frees the run; with take_part the calling thread first takes
-** items too, else it only waits (the items are all done either way: with no helper started, the
-** calling thread does them). each must not touch the handle, unless each item has a part of it
-** to itself (hnsw_insert_many: a part of the graph each). */
+/* The same workers for other work: work_start starts threads that call each(arg, item) for
+** item 0 to count - 1, each item once, about in order, and returns. With caller_helps the calling
+** thread takes items too in work_finish, and e->embed_threads - 1 threads are started; without,
+** it only waits there, and as many threads are started as there are workers, so that the work
+** keeps every core busy while the calling thread does its own (the items are all done either way:
+** with no helper started, the calling thread does them). work_finish waits for the threads and
+** frees the run. each must not touch the handle, unless each item has a part of it to itself
+** (hnsw_insert_many: a part of the graph each). */
 EmbedRun *work_start(const TrnEngine *e, size_t count, void (*each)(void *arg, size_t item),
-                     void *arg);
-void work_finish(EmbedRun *run, bool take_part);
+                     void *arg, bool caller_helps);
+void work_finish(EmbedRun *run);
 /* The texts of a list that embed_distinct_chunks must embed (fresh, to be embedded into vectors,
 ** one row each) and, for each of the others, where its vector comes from (source: its own index
 ** when copied from the handle already, else an earlier text of the list; -1 for a fresh one). */

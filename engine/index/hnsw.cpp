@@ -593,7 +593,7 @@ void hnsw_insert_many(TrnEngine *e, const uint32_t *slots, size_t count)
 {
     InsertJob job{e, slots, count};
     if (e->graph_parts > 1 && e->embed_threads > 1 && count >= INSERT_MANY_MIN) {
-        work_finish(work_start(e, (size_t)e->graph_parts, insert_part, &job), true);
+        work_finish(work_start(e, (size_t)e->graph_parts, insert_part, &job, true));
         return;
     }
     /* One part after the other here too: chunks cut from one file lie in neighbouring slots and

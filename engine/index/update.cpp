@@ -25,9 +25,10 @@
 ** update (a checkpoint), so that the folder can move from then on (storage.h).
 **
 ** The words phase reads and stores files a batch at a time, each batch one group of the log. With
-** more than one embedding worker, the helper threads read the next batch while the calling thread
-** stores the one before, in walk order, so what is committed, and when, is the same with any
-** number of workers.
+** more than one embedding worker, helper threads, as many as the workers, read the next batch
+** while the calling thread stores the one before (storing waits on the disk as much as on the
+** processor), in walk order, so what is committed, and when, is the same with any number of
+** workers.
 **
 ** Which files are walked and what text they hold is decided by the one walk, classification and
 ** extraction of files.h, as everywhere else.
@@ -302,7 +303,7 @@ void batch_start(const TrnEngine *e, size_t first, Batch *b)
     b->outcomes.clear();
     b->outcomes.resize(end - first);
     if (b->on_helpers) {
-        b->run = work_start(e, end - first, read_on_helper, b);
+        b->run = work_start(e, end - first, read_on_helper, b, false);
     }
 }
 
@@ -311,7 +312,7 @@ void batch_start(const TrnEngine *e, size_t first, Batch *b)
 void batch_finish(Batch *b)
 {
     if (b->run) {
-        work_finish(b->run, false);
+        work_finish(b->run);
         b->run = nullptr;
     }
     for (size_t i = 0; i < b->outcomes.size(); i++) {
@@ -545,7 +546,7 @@ int32_t update_once(TrnEngine *e, const char *dir, int32_t chunk_size, int32_t o
     }
     /* A batch read ahead and not stored: its files keep their old entries. */
     if (ahead->run) {
-        work_finish(ahead->run, false);
+        work_finish(ahead->run);
         ahead->run = nullptr;
     }
     if (changed_index) {
