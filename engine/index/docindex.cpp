@@ -104,6 +104,8 @@ int32_t count_file_chunks(const TrnEngine *e, const char *path)
 
 int32_t remove_file_mem(TrnEngine *e, const char *path)
 {
+    /* The writer linked the vectors a replayed log holds before it removed anything. */
+    link_replayed(e);
     int32_t marked = 0;
     for (uint64_t i = 0; i < e->count; i++) {
         TrnChunk *c = &e->chunks[i];

@@ -30,8 +30,10 @@
 */
 #include "internal.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <vector>
 
 namespace
 {
@@ -557,7 +559,7 @@ namespace
 {
 
 /* Fewest slots that hnsw_insert_many links on several workers: starting a thread costs about as
-** much as linking a chunk, and a log replayed a record at a time links one slot a call. */
+** much as linking a chunk. */
 constexpr size_t INSERT_MANY_MIN = 16;
 
 struct InsertJob {
@@ -583,6 +585,7 @@ void insert_part(void *arg, size_t part)
 void graph_clear(TrnEngine *e, int32_t parts)
 {
     e->graph_parts = parts;
+    e->unlinked_count = 0;
     for (TrnGraphPart &p : e->graph) {
         p.entry_point = -1;
         p.max_level = -1;
@@ -658,25 +661,51 @@ int32_t query_part(TrnEngine *e, TrnGraphPart &p, const float *q, int32_t ef,
     return n;
 }
 
+/* The up to ef nearest of the live chunks a replayed log left unlinked, each measured,
+** ascending (nearer first, then the lower slot); returns their number. */
+int32_t query_unlinked(const TrnEngine *e, const float *q, int32_t ef,
+                       std::vector<HeapEntry, XAllocator<HeapEntry>> *out)
+{
+    out->clear();
+    for (uint64_t i = 0; i < e->unlinked_count; i++) {
+        const uint32_t slot = e->unlinked[i];
+        if (!is_deleted(e, slot)) {
+            out->push_back(HeapEntry{slot, dist_to(e, q, slot)});
+        }
+    }
+    const size_t n = std::min(out->size(), (size_t)ef);
+    std::partial_sort(
+        out->begin(), out->begin() + (ptrdiff_t)n, out->end(), [](HeapEntry a, HeapEntry b) {
+            return a.dist < b.dist || (a.dist == b.dist && a.index < b.index);
+        });
+    return (int32_t)n;
+}
+
 } // namespace
 
-/* Each part is searched as wide as ef, and the nearest of all parts are taken, the first part's
-** first where two are as near. */
+/* Each part is searched as wide as ef, so are the chunks not yet linked, and the nearest of all
+** are taken, the first part's first where two are as near. */
 int32_t hnsw_query_width(TrnEngine *e, const float *q, int32_t k, int32_t ef, uint32_t *out_indices,
                          float *out_scores)
 {
     if (k < 1 || e->count == 0 || ef < 1) {
         return 0;
     }
-    const HeapEntry *found[TRN_GRAPH_PARTS] = {};
-    int32_t n[TRN_GRAPH_PARTS] = {}, at[TRN_GRAPH_PARTS] = {};
+    const HeapEntry *found[TRN_GRAPH_PARTS + 1] = {};
+    int32_t n[TRN_GRAPH_PARTS + 1] = {}, at[TRN_GRAPH_PARTS + 1] = {};
     for (int32_t p = 0; p < e->graph_parts; p++) {
         n[p] = query_part(e, e->graph[p], q, ef, &found[p]);
+    }
+    int32_t sources = e->graph_parts;
+    std::vector<HeapEntry, XAllocator<HeapEntry>> unlinked;
+    if (e->unlinked_count > 0) {
+        n[sources] = query_unlinked(e, q, ef, &unlinked);
+        found[sources++] = unlinked.data();
     }
     int32_t written = 0;
     while (written < k) {
         int32_t best = -1;
-        for (int32_t p = 0; p < e->graph_parts; p++) {
+        for (int32_t p = 0; p < sources; p++) {
             if (at[p] < n[p] && (best < 0 || found[p][at[p]].dist < found[best][at[best]].dist)) {
                 best = p;
             }

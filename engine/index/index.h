@@ -33,7 +33,11 @@ void add_doc_pending(TrnEngine *e, const char *doc_id, const char *text, const c
 ** any alignment) and links them into the graph in that order (hnsw_insert_many). */
 void set_chunk_vectors(TrnEngine *e, const uint32_t *slots, const void *const *vectors,
                        size_t count);
-void set_chunk_vector(TrnEngine *e, uint64_t slot, const void *v);
+/* As set_chunk_vectors for one chunk of a log being replayed, whose linking waits for
+** link_replayed: a reader that only searches never pays for it. */
+void set_replayed_vector(TrnEngine *e, uint64_t slot, const void *v);
+/* Links the chunks set_replayed_vector left out of the graph, in the order they were set. */
+void link_replayed(TrnEngine *e);
 /* Draws a graph level from the generator at *state (splitmix64): floor(-ln(u) * level_mult)
 ** clamped to 0..31, u uniform in (0, 1]. */
 int32_t draw_level(uint64_t *state, float level_mult);
@@ -84,9 +88,9 @@ void cut_file(const char *text, int64_t length, int32_t chunk_size, int32_t over
 ** nothing since e->taken_up was taken_up. False when the group could not be written: nothing
 ** changed. */
 bool store_cut_files(TrnEngine *e, CutFile *files, size_t n, uint64_t taken_up);
-/* Counts records this handle logged under the lock (with vectors among them, or texts only), and
-** checkpoints past the threshold. */
-void count_logged(TrnEngine *e, uint64_t records, bool vectors);
+/* Counts records this handle logged under the lock (texts and vectors alike), and checkpoints
+** past the threshold. */
+void count_logged(TrnEngine *e, uint64_t records);
 
 /* ---------------------------------------------------------------------------------------------
 ** The meaning phase (meaning.cpp)

@@ -241,24 +241,43 @@ void add_doc_pending(TrnEngine *e, const char *doc_id, const char *text, const c
     e->pending_count++;
 }
 
+/* Gives pending chunk slot its vector and a graph node of a new level, without links. */
+static void set_vector(TrnEngine *e, uint32_t slot, const void *v)
+{
+    memcpy(e->vectors + slot * (size_t)e->dim, v, (size_t)e->dim * sizeof(float));
+    e->pending_count -= e->chunks[slot].pending;
+    e->chunks[slot].pending = 0;
+    new_node(e, slot);
+}
+
 void set_chunk_vectors(TrnEngine *e, const uint32_t *slots, const void *const *vectors,
                        size_t count)
 {
     vectors_own(e); /* a log replayed over a mapped store: as in ensure_cap */
-    const size_t dim = (size_t)e->dim;
     for (size_t i = 0; i < count; i++) {
-        memcpy(e->vectors + slots[i] * dim, vectors[i], dim * sizeof(float));
-        e->pending_count -= e->chunks[slots[i]].pending;
-        e->chunks[slots[i]].pending = 0;
-        new_node(e, slots[i]);
+        set_vector(e, slots[i], vectors[i]);
     }
     hnsw_insert_many(e, slots, count);
 }
 
-void set_chunk_vector(TrnEngine *e, uint64_t slot, const void *v)
+void set_replayed_vector(TrnEngine *e, uint64_t slot, const void *v)
 {
-    const uint32_t one = (uint32_t)slot;
-    set_chunk_vectors(e, &one, &v, 1);
+    vectors_own(e);
+    set_vector(e, (uint32_t)slot, v);
+    if (e->unlinked_count == e->unlinked_capacity) {
+        e->unlinked_capacity = e->unlinked_capacity ? 2 * e->unlinked_capacity : 1024;
+        e->unlinked =
+            static_cast<uint32_t *>(xrealloc(e->unlinked, e->unlinked_capacity * sizeof(uint32_t)));
+    }
+    e->unlinked[e->unlinked_count++] = (uint32_t)slot;
+}
+
+void link_replayed(TrnEngine *e)
+{
+    if (e->unlinked_count > 0) {
+        hnsw_insert_many(e, e->unlinked, e->unlinked_count);
+        e->unlinked_count = 0;
+    }
 }
 
 namespace
@@ -376,9 +395,6 @@ void cut_windows(const char *text, int64_t length, int32_t chunk_size, int32_t o
 namespace
 {
 
-/* How far the checkpoint threshold grows with the index (count_logged). */
-constexpr uint64_t CHECKPOINT_GROWTH = 4;
-
 /* Chunks embedded per block: the vectors of a large file are kept in blocks, each freed once its
 ** chunks have joined the index, so its vectors are never all held twice. */
 constexpr size_t EMBED_BLOCK = 1024;
@@ -417,19 +433,19 @@ bool held_chunks_equal(const TrnEngine *e, const CutFile &f)
 
 } // namespace
 
-void count_logged(TrnEngine *e, uint64_t records, bool vectors)
+void count_logged(TrnEngine *e, uint64_t records)
 {
     if (!e->wal) {
         return;
     }
     /* Bounds what another process's open replays. The threshold grows with the index, so that a
-    ** long indexing rewrites the store a few times instead of every 2,048 chunks; once vectors
-    ** are logged, only up to CHECKPOINT_GROWTH times the least, since replaying a vector links it
-    ** into the graph again (texts only join the word index). An update ends with a log no longer
-    ** than the least (trn_update_dir). A failure leaves the log whole. */
+    ** long indexing rewrites the store a few times, not once every few thousand chunks (which
+    ** would cost it the square of its size): an open replays texts into the word index and
+    ** vectors without linking them (set_replayed_vector), both about as fast as it reads them.
+    ** An update ends with a log no longer than the least (trn_update_dir). A failure leaves the
+    ** log whole. */
     e->wal_chunks += records;
-    const uint64_t most = vectors ? g_checkpoint_chunks * CHECKPOINT_GROWTH : UINT64_MAX;
-    if (e->wal_chunks >= std::max(g_checkpoint_chunks, std::min(e->count, most))) {
+    if (e->wal_chunks >= std::max(g_checkpoint_chunks, e->count)) {
         checkpoint_locked(e);
         status_clear(e);
     }
@@ -544,7 +560,7 @@ bool store_cut_files(TrnEngine *e, CutFile *files, size_t n, uint64_t taken_up)
             added += file.chunks.size();
             e->changed = 1;
         }
-        count_logged(e, added, false);
+        count_logged(e, added);
     }
     write_end(e);
     return committed;
@@ -621,7 +637,7 @@ int32_t chunk_and_ingest(TrnEngine *e, const char *path, const char *text, int64
             }
             added = (int32_t)count;
             e->changed = 1;
-            count_logged(e, count * 2, true); /* texts and vectors */
+            count_logged(e, count * 2); /* texts and vectors */
         }
         write_end(e);
     }

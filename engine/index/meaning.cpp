@@ -153,7 +153,7 @@ bool commit_group(TrnEngine *e, const Group &g, bool *embedded)
         set_chunk_vectors(e, slots.data(), vectors.data(), slots.size());
         *embedded = true;
         e->changed = 1;
-        count_logged(e, valid, true);
+        count_logged(e, valid);
     }
     write_end(e);
     return ok;

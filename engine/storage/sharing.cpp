@@ -372,6 +372,7 @@ bool write_begin(TrnEngine *e)
         lock_release(e);
         return false;
     }
+    link_replayed(e); /* before anything of this handle's joins the graph */
     /* A log of an older version, or none yet, has no groups to follow, and a commit record of
     ** an older version (or a store a crash left as the previous one) keeps no log length: start
     ** from a checkpoint, which must wait for a rebuild to end. */

@@ -29,9 +29,8 @@ constexpr uint32_t TRN_STORE_VERSION = 6;
 constexpr uint32_t TRN_STORE_VERSION_COMMITTED = 3;
 constexpr size_t TRN_INDEX_ID_SIZE = 16; /* random bytes naming one index (commit_record.cpp) */
 /* A normal handle checkpoints once its log holds this many records of chunks (a text or a
-** vector each), or as many as the index has chunks if that is more (once vectors are logged, at
-** most four times this; count_logged), which bounds the log a reopen replays (g_checkpoint_chunks,
-** a test hook, starts at this value). */
+** vector each), or as many as the index has chunks if that is more (count_logged), which bounds
+** the log a reopen replays (g_checkpoint_chunks, a test hook, starts at this value). */
 constexpr uint64_t TRN_CHECKPOINT_CHUNKS = 4096;
 
 /* What identifies the committed state of an index directory: the commit record's bytes and the

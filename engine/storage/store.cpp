@@ -435,6 +435,7 @@ void engine_free(TrnEngine *e)
         encoder_release(&e->encoder);
     }
     free(e->weights_path);
+    free(e->unlinked);
     embed_free_scratch(e);
     hnsw_free_scratch(e);
     free(e);
@@ -515,6 +516,7 @@ bool checkpoint_locked(TrnEngine *e)
     if (!vectors_own(e)) {
         return false; /* a store with a damaged vector is never written over the last good one */
     }
+    link_replayed(e);
     remove_stale_temps(e);
     char tmp[64];
     int fd = index_open_temp(e, "tarnwick.bin", tmp, sizeof tmp);

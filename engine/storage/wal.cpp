@@ -23,7 +23,8 @@
 **     previous 'C' record, or the start of the log) in 8 lower-case hex digits.
 **
 ** Records other than 'A' and 'V' carry only their id. A chunk that an 'A' record adds is pending
-** (no vector, outside the graph) until a 'V' record gives it its vector: replay never embeds.
+** (no vector, outside the graph) until a 'V' record gives it its vector: replay never embeds, and
+** leaves the linking of replayed vectors to the handle's first write (set_replayed_vector).
 ** Ingestion writes each 'V' right after its 'A'; an update's meaning phase writes groups of 'V'
 ** records for chunks its words phase logged before (meaning.cpp). A 'V' record names the live
 ** pending chunk with its doc_id, which is unique among them; one that names none is ignored.
@@ -135,7 +136,7 @@ void apply_record(TrnEngine *e, const LogRecord *r)
         free(full);
         int64_t slot = pending_slot(e, id);
         if (slot >= 0) {
-            set_chunk_vector(e, (uint64_t)slot, r->text);
+            set_replayed_vector(e, (uint64_t)slot, r->text);
             e->meaning_hint = (uint64_t)slot + 1;
         }
     } else if (r->op == 'D') {

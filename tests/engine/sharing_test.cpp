@@ -100,28 +100,47 @@ TEST(SharedIndex, AFullDiskFailsTheAppendAndLeavesTheLogAsItWas)
     trn_close(e);
 }
 
-TEST(SharedIndex, ALongIndexingCheckpointsAsTheIndexGrowsNotAtEveryFewChunks)
+TEST(SharedIndex, ALongIndexingCheckpointsAsTheIndexGrowsAndAReaderSearchesItsLogUnlinked)
 {
     /* Each note logs two records (its text and its vector); the least threshold is 3. A checkpoint
-    ** once the log holds as many records as the index has chunks, but never more than 12, keeps
-    ** the log short and rewrites the store a few times over the run, not every other note. */
+    ** once the log holds as many records as the index has chunks rewrites the store a few times
+    ** over the run, not every other note. */
     TempDir dir;
     TrnConfig cfg = config_for(dir);
     g_checkpoint_chunks = 3;
     TrnEngine *e = trn_open(&cfg);
     const uint64_t first = e->generation;
-    for (int i = 0; i < 64; i++) {
+    for (int i = 0; i < 48; i++) {
         std::string path = "/c/n" + std::to_string(i) + ".txt";
-        ASSERT_EQ(trn_ingest_text(e, path.c_str(), "a note", 800, 200), 1);
-        ASSERT_LE(e->wal_chunks, std::min<uint64_t>(std::max<uint64_t>(3, e->count), 12)) << i;
+        std::string text = "note " + std::to_string(i) + " of " + std::to_string(i * 7919 % 48);
+        ASSERT_EQ(trn_ingest_text(e, path.c_str(), text.c_str(), 800, 200), 1);
+        ASSERT_LT(e->wal_chunks, std::max<uint64_t>(3, e->count)) << i;
     }
     g_checkpoint_chunks = TRN_CHECKPOINT_CHUNKS;
     EXPECT_GE(e->generation - first, 4u);
     EXPECT_LE(e->generation - first, 16u);
-    /* Killed here: the store and the log hold the 64 notes between them. */
+    /* Killed here: the store and the log hold the 48 notes between them (the last 16 in the log).
+    ** A reader links none of the log's vectors to search them; linked, they are in its graph. */
     TrnEngine *reader = trn_open(&cfg);
-    EXPECT_EQ(reader->count, 64u);
+    reader->embed_threads = 2;
+    ASSERT_EQ(reader->count, 48u);
     EXPECT_EQ(reader->wal_chunks, e->wal_chunks);
+    ASSERT_EQ(reader->unlinked_count, 16u);
+    auto nearest = [&](uint32_t i) {
+        uint32_t found = UINT32_MAX;
+        float score = 0;
+        hnsw_query_width(reader, chunk_vector(e, i), 1, 8, &found, &score);
+        return found;
+    };
+    for (uint32_t i = 0; i < 48; i++) {
+        EXPECT_EQ(nearest(i), i) << (i >= 32 ? "only in the log" : "stored");
+    }
+    link_replayed(reader);
+    EXPECT_EQ(reader->unlinked_count, 0u);
+    for (uint32_t i = 32; i < 48; i++) {
+        EXPECT_GT(reader->nodes[i].count[0], 0) << i;
+        EXPECT_EQ(nearest(i), i) << "through the graph";
+    }
     trn_close(reader);
     trn_close(e);
 }

@@ -185,6 +185,8 @@ TEST_F(WalReplay, WholeRecordsComeBackWithEveryField)
         if (grouped) {
             EXPECT_EQ(memcmp(e->vectors + 512, unit.data(), unit.size()), 0);
         }
+        EXPECT_EQ(e->unlinked_count, grouped ? 1u : 0u);
+        link_replayed(e);
         EXPECT_EQ(e->graph[1].entry_point, grouped ? 1 : -1)
             << "a pending chunk is outside the graph";
         EXPECT_EQ(e->wal, nullptr);
