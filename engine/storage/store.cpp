@@ -683,9 +683,10 @@ void trn_close(TrnEngine *e)
     }
     /* Only a handle holding what the store lacks writes, and only when the lock is free at once
     ** and no other process committed since (that process's own close or checkpoint will fold
-    ** the log; the log keeps everything meanwhile). */
+    ** the log; the log keeps everything meanwhile). Nor does one that has vectors of the log
+    ** still to link: only read, it leaves that work to the next writer. */
     if (e->store_path[0] && !e->rebuild && !e->refused && (e->changed || e->unsaved)
-        && lock_take(e, LOCK_EX, 0)) {
+        && e->unlinked_count == 0 && lock_take(e, LOCK_EX, 0)) {
         TrnDiskView v;
         disk_view_read(e, &v);
         if (disk_view_unchanged(&v, &e->seen)) {
