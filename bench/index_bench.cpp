@@ -126,10 +126,12 @@ struct Estimates {
     std::vector<double> at, by_files, by_bytes;
     double end = 0; // when the last file was done: the words phase ended
     // The meaning phase: the time left said after each group, at the pace of the phase so far
-    // (as trn_meaning_line says it), and when its last group was done.
+    // (as trn_meaning_line says it, timed from the phase's first report, as the application and
+    // tarnwick-cli time it), and when its first report came and its last group was done.
     std::vector<double> meaning_at, meaning_said;
     uint64_t embedded_at_start = 0;
     bool meaning = false;
+    double meaning_begin = 0;
     double meaning_end = 0;
     uint32_t files_searchable = 0; // files in the index when the meaning phase began
 };
@@ -142,12 +144,14 @@ bool on_progress(const char *, int32_t done, int32_t total, void *user)
     if (trn_meaning_progress(e->engine, &embedded, &all) == 1) {
         if (!e->meaning) {
             e->meaning = true;
+            e->meaning_begin = now;
             e->embedded_at_start = embedded;
             e->files_searchable = trn_stats(e->engine).file_count;
         }
         if (embedded > e->embedded_at_start && embedded < all) {
             e->meaning_at.push_back(now);
-            e->meaning_said.push_back((now - e->end) / (double)(embedded - e->embedded_at_start)
+            e->meaning_said.push_back((now - e->meaning_begin)
+                                      / (double)(embedded - e->embedded_at_start)
                                       * (double)(all - embedded));
         }
         e->meaning_end = now;
@@ -475,8 +479,10 @@ int main(int argc, char **argv)
                 100 * files_median,
                 100 * files_worst);
     if (estimates.meaning) {
-        const auto [meaning_median, meaning_worst] = estimate_error(
-            estimates.meaning_at, estimates.meaning_said, estimates.end, estimates.meaning_end);
+        const auto [meaning_median, meaning_worst] = estimate_error(estimates.meaning_at,
+                                                                    estimates.meaning_said,
+                                                                    estimates.meaning_begin,
+                                                                    estimates.meaning_end);
         std::printf("1 worker, words first: keyword search complete after %.1f s (%u of %zu files "
                     "searchable), every vector after %.1f s (%.1f%% of the time); the meaning "
                     "phase's time left was %.0f%% off (median), %.0f%% at worst, after its first "
@@ -488,7 +494,7 @@ int main(int argc, char **argv)
                     100.0 * estimates.end / std::max(estimates.meaning_end, 1e-9),
                     100 * meaning_median,
                     100 * meaning_worst,
-                    std::min(60.0, (estimates.meaning_end - estimates.end) / 3));
+                    std::min(60.0, (estimates.meaning_end - estimates.meaning_begin) / 3));
     }
     return 0;
 }
