@@ -88,9 +88,8 @@ void cut_file(const char *text, int64_t length, int32_t chunk_size, int32_t over
 ** nothing since e->taken_up was taken_up. False when the group could not be written: nothing
 ** changed. */
 bool store_cut_files(TrnEngine *e, CutFile *files, size_t n, uint64_t taken_up);
-/* The records of chunks (texts and vectors alike) the log may hold before a checkpoint. */
-uint64_t log_bound(const TrnEngine *e);
-/* Counts records this handle logged under the lock, and checkpoints at log_bound. */
+/* Counts records this handle logged under the lock (texts and vectors alike), and checkpoints
+** past the threshold. */
 void count_logged(TrnEngine *e, uint64_t records);
 
 /* ---------------------------------------------------------------------------------------------

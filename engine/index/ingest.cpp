@@ -433,24 +433,19 @@ bool held_chunks_equal(const TrnEngine *e, const CutFile &f)
 
 } // namespace
 
-uint64_t log_bound(const TrnEngine *e)
-{
-    /* Bounds what another process's open replays. The bound grows with the index, so that a
-    ** long indexing rewrites the store a few times, not once every few thousand chunks (which
-    ** would cost it the square of its size): an open replays texts into the word index and
-    ** vectors without linking them (set_replayed_vector), both about as fast as it reads them.
-    ** An update ends with a log no longer than the least (trn_update_dir). */
-    return std::max(g_checkpoint_chunks, e->count);
-}
-
 void count_logged(TrnEngine *e, uint64_t records)
 {
     if (!e->wal) {
         return;
     }
-    /* A failure leaves the log whole. */
+    /* Bounds what another process's open replays. The threshold grows with the index, so that a
+    ** long indexing rewrites the store a few times, not once every few thousand chunks (which
+    ** would cost it the square of its size): an open replays texts into the word index and
+    ** vectors without linking them (set_replayed_vector), both about as fast as it reads them.
+    ** An update ends with a log no longer than the least (trn_update_dir). A failure leaves the
+    ** log whole. */
     e->wal_chunks += records;
-    if (e->wal_chunks >= log_bound(e)) {
+    if (e->wal_chunks >= std::max(g_checkpoint_chunks, e->count)) {
         checkpoint_locked(e);
         status_clear(e);
     }

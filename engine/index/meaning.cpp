@@ -153,7 +153,7 @@ bool commit_group(TrnEngine *e, const Group &g, bool *embedded)
         set_chunk_vectors(e, slots.data(), vectors.data(), slots.size());
         *embedded = true;
         e->changed = 1;
-        e->wal_chunks += valid; /* within log_bound: embed_pending folded the log first */
+        count_logged(e, valid);
     }
     write_end(e);
     return ok;
@@ -173,13 +173,6 @@ bool embed_pending(TrnEngine *e, TrnProgressFn progress, void *user, bool *cance
     count_pending(e, &live, &waiting);
     if (waiting == 0) {
         return true;
-    }
-    /* Vectors that would take the log past its bound are not left to take it there a few groups
-    ** into the phase: the log is folded before it, and the phase checkpoints nowhere, so that it
-    ** goes at the even pace its time left assumes; the update's end checkpoints after it. */
-    if (e->store_path[0] && !e->rebuild && e->wal_chunks + waiting >= log_bound(e)
-        && trn_checkpoint(e) != 1) {
-        status_clear(e); /* a failure leaves the log whole */
     }
     e->meaning_running = 1;
     /* Once before the first group, so that a caller can time the phase and stop it at once. */
