@@ -99,8 +99,8 @@ struct TrnEngine {
     TrnGraphPart graph[TRN_GRAPH_PARTS];
     int32_t graph_parts;
     /* Slots whose vectors a replayed log set, in its order, not yet linked into the graph: a
-    ** search measures them one by one, and they are linked, as the writer linked them, before
-    ** this handle writes or removes anything (link_replayed). */
+    ** search measures them one by one, and they are linked in that order before this handle
+    ** writes or removes anything (link_replayed). */
     uint32_t *unlinked;
     uint64_t unlinked_count;
     uint64_t unlinked_capacity;
