@@ -121,7 +121,7 @@ TEST(SharedIndex, ALongIndexingCheckpointsAsTheIndexGrowsAndAReaderSearchesItsLo
     EXPECT_LE(e->generation - first, 16u);
     /* Killed here: the store and the log hold the 48 notes between them (the last 16 in the log).
     ** A reader links none of the log's vectors to search them, nor to close (folding the log
-    ** into the store is left to the next writer); linked, they are in its graph. */
+    ** into the store is left to the next writer); a checkpoint links them into the stored graph. */
     const std::vector<uint8_t> store = read_file_bytes(dir.file("tarnwick.bin"));
     trn_close(trn_open(&cfg));
     EXPECT_EQ(read_file_bytes(dir.file("tarnwick.bin")), store);
@@ -139,8 +139,11 @@ TEST(SharedIndex, ALongIndexingCheckpointsAsTheIndexGrowsAndAReaderSearchesItsLo
     for (uint32_t i = 0; i < 48; i++) {
         EXPECT_EQ(nearest(i), i) << (i >= 32 ? "only in the log" : "stored");
     }
-    link_replayed(reader);
+    ASSERT_EQ(trn_checkpoint(reader), 1); /* links them, then folds the log into the store */
     EXPECT_EQ(reader->unlinked_count, 0u);
+    trn_close(reader);
+    reader = trn_open(&cfg);
+    ASSERT_EQ(reader->unlinked_count, 0u) << "the log was folded";
     for (uint32_t i = 32; i < 48; i++) {
         EXPECT_GT(reader->nodes[i].count[0], 0) << i;
         EXPECT_EQ(nearest(i), i) << "through the graph";
