@@ -166,10 +166,6 @@ struct TrnEngine {
     ** checksum (chunk_vector). NULL once the handle owns its vectors (vectors_own). */
     uint64_t *vectors_checked;
     uint8_t doc_index_stored; /* the document index came with the store, no log after it */
-    /* How long this handle's last checkpoint that wrote took, and the slots it wrote (0: none
-    ** yet): the meaning phase sizes what it embeds beside the next one by it. */
-    double checkpoint_seconds;
-    uint64_t checkpoint_slots;
 };
 
 /* The handle's encoder, set up on the first call: weights_path read into it, or the random

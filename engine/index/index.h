@@ -91,8 +91,6 @@ bool store_cut_files(TrnEngine *e, CutFile *files, size_t n, uint64_t taken_up);
 /* Counts records this handle logged under the lock (texts and vectors alike), and checkpoints
 ** past the threshold. */
 void count_logged(TrnEngine *e, uint64_t records);
-/* Whether logging records more would make count_logged checkpoint. */
-bool checkpoint_due(const TrnEngine *e, uint64_t records);
 
 /* ---------------------------------------------------------------------------------------------
 ** The meaning phase (meaning.cpp)

@@ -433,25 +433,19 @@ bool held_chunks_equal(const TrnEngine *e, const CutFile &f)
 
 } // namespace
 
-bool checkpoint_due(const TrnEngine *e, uint64_t records)
-{
-    return e->wal && e->wal_chunks + records >= std::max(g_checkpoint_chunks, e->count);
-}
-
 void count_logged(TrnEngine *e, uint64_t records)
 {
+    if (!e->wal) {
+        return;
+    }
     /* Bounds what another process's open replays. The threshold grows with the index, so that a
     ** long indexing rewrites the store a few times, not once every few thousand chunks (which
     ** would cost it the square of its size): an open replays texts into the word index and
     ** vectors without linking them (set_replayed_vector), both about as fast as it reads them.
     ** An update ends with a log no longer than the least (trn_update_dir). A failure leaves the
     ** log whole. */
-    if (!e->wal) {
-        return;
-    }
-    const bool due = checkpoint_due(e, records);
     e->wal_chunks += records;
-    if (due) {
+    if (e->wal_chunks >= std::max(g_checkpoint_chunks, e->count)) {
         checkpoint_locked(e);
         status_clear(e);
     }

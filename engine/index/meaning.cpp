@@ -18,7 +18,6 @@
 */
 #include "internal.h"
 
-#include <algorithm>
 #include <cstring>
 #include <ctime>
 
@@ -28,8 +27,6 @@ namespace
 constexpr double GROUP_SECONDS = 2.0;
 constexpr size_t GROUP_MIN = 8;
 constexpr size_t GROUP_MAX = 1024;
-/* Most chunks embedded beside a checkpoint (ahead_size): 32 MB of vectors. */
-constexpr size_t AHEAD_MAX = 16 * GROUP_MAX;
 
 double seconds_now(void)
 {
@@ -162,20 +159,6 @@ bool commit_group(TrnEngine *e, const Group &g, bool *embedded)
     return ok;
 }
 
-/* The chunks to take for the group embedded beside the commit of now: group_size, or when that
-** commit will checkpoint, as many as the helpers embed meanwhile at per_chunk seconds a chunk,
-** the checkpoint's time judged by the handle's last one, scaled to the slots now (else the
-** helpers would wait through most of it). */
-size_t ahead_size(const TrnEngine *e, const Group &now, double per_chunk, size_t group_size)
-{
-    if (!checkpoint_due(e, now.taken.size()) || e->checkpoint_slots == 0 || per_chunk <= 0.0) {
-        return group_size;
-    }
-    const double expected = e->checkpoint_seconds * (double)e->count / (double)e->checkpoint_slots;
-    const double chunks = expected / per_chunk;
-    return chunks > (double)AHEAD_MAX ? AHEAD_MAX : std::max(group_size, (size_t)chunks);
-}
-
 } // namespace
 
 /* With more than one worker, the next group is taken and its embedding started on the helper
@@ -231,7 +214,7 @@ bool embed_pending(TrnEngine *e, TrnProgressFn progress, void *user, bool *cance
         size_t size = per_chunk > 0.0 ? (size_t)(GROUP_SECONDS / per_chunk) : GROUP_MAX;
         group_size = size < GROUP_MIN ? GROUP_MIN : size > GROUP_MAX ? GROUP_MAX : size;
         if (ahead) {
-            take_group(e, &from, ahead_size(e, *now, per_chunk, group_size), next);
+            take_group(e, &from, group_size, next);
             if (!next->taken.empty()) {
                 start_group(e, next);
                 next_started = true;

@@ -516,8 +516,6 @@ bool checkpoint_locked(TrnEngine *e)
     if (!vectors_own(e)) {
         return false; /* a store with a damaged vector is never written over the last good one */
     }
-    struct timespec began;
-    clock_gettime(CLOCK_MONOTONIC, &began);
     link_replayed(e);
     remove_stale_temps(e);
     char tmp[64];
@@ -589,11 +587,6 @@ bool checkpoint_locked(TrnEngine *e)
     e->wal_chunks = 0;
     disk_view_read(e, &e->seen);
     lex_save(e); /* a copy for the next open: without it that open builds the index again */
-    struct timespec ended;
-    clock_gettime(CLOCK_MONOTONIC, &ended);
-    e->checkpoint_seconds =
-        (double)(ended.tv_sec - began.tv_sec) + (double)(ended.tv_nsec - began.tv_nsec) / 1e9;
-    e->checkpoint_slots = e->count;
     return true;
 }
 
