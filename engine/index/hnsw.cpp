@@ -9,9 +9,10 @@
 ** part is a graph of its own, with its own entry point, whose nodes link only to nodes of the same
 ** part. A search walks every part and takes the nearest of all. A group of new chunks is linked
 ** with each part on a worker of its own (hnsw_insert_many); as no two parts share a node, the
-** graph is the one that linking the chunks one at a time gives, with any number of workers, and
-** a log replayed one chunk at a time gives the writer's graph. An index stored before there were
-** parts keeps one until a rebuild of its graph (a compaction) makes it as many as a new one has.
+** graph is the one that linking the chunks one at a time gives, with any number of workers. A
+** replayed log's vectors wait outside the graph until the handle writes (link_replayed); a
+** search measures them one by one. An index stored before there were parts keeps one until a
+** rebuild of its graph (a compaction) makes it as many as a new one has.
 **
 ** Deleted chunks stay in the graph: searches pass through them, but they never enter a result
 ** set, are never chosen as neighbours, and are dropped whenever a list is pruned.

@@ -132,28 +132,22 @@ bool commit_group(TrnEngine *e, const Group &g, bool *embedded)
     const size_t dim = (size_t)e->dim;
     TrnBytes group;
     wal_group_begin(e, &group);
-    size_t valid = 0;
+    std::vector<uint32_t, XAllocator<uint32_t>> slots;
+    std::vector<const void *, XAllocator<const void *>> vectors;
     for (size_t i = 0; i < taken.size(); i++) {
         if (still_pending(e, taken[i])) {
             wal_put_vector(e, &group, taken[i].doc_id, g.vectors.data() + i * dim);
-            valid++;
+            slots.push_back((uint32_t)taken[i].slot);
+            vectors.push_back(g.vectors.data() + i * dim);
         }
     }
-    if (valid > 0 && !wal_commit_group(e, &group)) {
+    if (!slots.empty() && !wal_commit_group(e, &group)) {
         ok = false;
-    } else if (valid > 0) {
-        std::vector<uint32_t, XAllocator<uint32_t>> slots;
-        std::vector<const void *, XAllocator<const void *>> vectors;
-        for (size_t i = 0; i < taken.size(); i++) {
-            if (still_pending(e, taken[i])) {
-                slots.push_back((uint32_t)taken[i].slot);
-                vectors.push_back(g.vectors.data() + i * dim);
-            }
-        }
+    } else if (!slots.empty()) {
         set_chunk_vectors(e, slots.data(), vectors.data(), slots.size());
         *embedded = true;
         e->changed = 1;
-        count_logged(e, valid);
+        count_logged(e, slots.size());
     }
     write_end(e);
     return ok;
