@@ -5,14 +5,14 @@
 **   train_bag_eval_bench TASK WEIGHTS... [--check N]
 **
 ** TASK is written by "known_item_bench DIR [--questions Q] --task TASK" (the same files, queries,
-** answers and mismatch slice). Each
-** text is cut into chunks as the engine cuts them (800 bytes, 200 overlapping). An encoder whose
-** position embeddings and layer outputs (wo, w2, b2) are all zero (what "trainer --idf" starts
-** from, and what the bag-of-words training phase keeps) embeds a text as the sum over its tokens
-** of their rows after the final norm, to unit length: the engine computes those rows once per
-** token (encoder_prepare_bag) and sums them instead of running the layers per chunk. Any other
-** encoder runs through the layers (slow, as in known_item_bench). --check N embeds the first N
-** chunks of a bag of words both ways and prints the largest difference (default 20).
+** answers and mismatch slice). Each text is cut into chunks as the engine cuts them (800 bytes,
+** 200 overlapping). An encoder whose position embeddings and layer outputs (wo, w2, b2) are all
+** zero (what "trainer --idf" starts from, and what the bag-of-words training phase keeps) embeds a
+** text from its distinct tokens' rows after the final norm, each weighing 1 + ln of its count, to
+** unit length: the engine computes those rows once per token (encoder_prepare_bag) instead of
+** running the layers per chunk. Any other encoder runs through the layers (slow, as in
+** known_item_bench). --check N embeds the first N chunks of a bag of words from the rows set up
+** once and from rows computed per token, and prints the largest difference (default 20).
 **
 ** The rankings are exact (every chunk scored): "every file" ranks all chunks (known_item_bench's
 ** mode 5, there through the graph); "ten files" keeps the 40 best chunks that belong to the ten
@@ -54,7 +54,7 @@ struct Embedder {
         trn_encoder_embed_text(enc, text.c_str(), v);
     }
 
-    void embed_through_layers(const std::string &text, float *v) const
+    void embed_row_by_row(const std::string &text, float *v) const
     {
         float *rows = enc->bag_rows;
         enc->bag_rows = nullptr;
@@ -120,7 +120,7 @@ int main(int argc, char **argv)
         for (size_t c = 0; c < chunks.size(); c++) {
             em.embed(chunks[c], &vec[c * DIM]);
             if ((int)c < check && em.bag) {
-                em.embed_through_layers(chunks[c], ref.data());
+                em.embed_row_by_row(chunks[c], ref.data());
                 for (int d = 0; d < DIM; d++) {
                     worst = std::max(worst, std::fabs(ref[d] - vec[c * DIM + d]));
                 }

@@ -52,17 +52,31 @@ void BagTrainer::embed(const std::vector<std::string> &texts, std::vector<float>
 {
     const size_t n = texts.size();
     ids_.resize(n);
+    weights_.resize(n);
     norm_.assign(n, 0.0);
     z.assign(n * DIM, 0.0f);
     auto work = [this, &texts, &z, n](int w) {
         std::vector<double> sum(LIVE);
         for (size_t i = (size_t)w; i < n; i += (size_t)threads_) {
-            tokenize(bpe_, texts[i], ids_[i]);
+            std::vector<uint32_t> &ids = ids_[i];
+            tokenize(bpe_, texts[i], ids);
+            std::sort(ids.begin(), ids.end());
+            weights_[i].clear();
+            size_t kept = 0;
+            for (size_t at = 0, next = 0; at < ids.size(); at = next) {
+                while (next < ids.size() && ids[next] == ids[at]) {
+                    next++;
+                }
+                ids[kept++] = ids[at];
+                weights_[i].push_back(1.0f + std::log((float)(next - at)));
+            }
+            ids.resize(kept);
             std::fill(sum.begin(), sum.end(), 0.0);
-            for (uint32_t id : ids_[i]) {
-                const float *row = &rows_[(size_t)(id < vocab_ ? id : 0) * LIVE];
+            for (size_t k = 0; k < ids.size(); k++) {
+                const float *row = &rows_[(size_t)(ids[k] < vocab_ ? ids[k] : 0) * LIVE];
+                const double weight = weights_[i][k];
                 for (int d = 0; d < LIVE; d++) {
-                    sum[(size_t)d] += row[d];
+                    sum[(size_t)d] += weight * row[d];
                 }
             }
             double sq = 0;
@@ -90,7 +104,8 @@ double BagTrainer::step(const std::vector<std::string> &texts)
     std::vector<float> z, dz(texts.size() * DIM);
     embed(texts, z);
     const double loss = info_nce(z.data(), (int)texts.size() / 2, TEMPERATURE, dz.data());
-    /* through the normalisation: d sum = (dz - z (z . dz)) / |sum|, added to every token's row */
+    /* through the normalisation: d sum = (dz - z (z . dz)) / |sum|, added to every token's row
+    ** times its weight */
     std::fill(grad_.begin(), grad_.end(), 0.0f);
     std::vector<float> ds(LIVE);
     for (size_t i = 0; i < texts.size(); i++) {
@@ -106,10 +121,11 @@ double BagTrainer::step(const std::vector<std::string> &texts)
         for (int d = 0; d < LIVE; d++) {
             ds[(size_t)d] = (float)((gi[d] - zi[d] * along) / norm_[i]);
         }
-        for (uint32_t id : ids_[i]) {
-            float *g = &grad_[(size_t)(id < vocab_ ? id : 0) * LIVE];
+        for (size_t k = 0; k < ids_[i].size(); k++) {
+            float *g = &grad_[(size_t)(ids_[i][k] < vocab_ ? ids_[i][k] : 0) * LIVE];
+            const float weight = weights_[i][k];
             for (int d = 0; d < LIVE; d++) {
-                g[d] += ds[(size_t)d];
+                g[d] += weight * ds[(size_t)d];
             }
         }
     }

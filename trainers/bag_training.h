@@ -4,7 +4,8 @@
 ** An encoder that bag_of_tokens made passes each token's row through its layers unchanged (their
 ** output projections are zero and so are the position embeddings), so its final norm turns row t
 ** into the row's live components e_t (the spare ones carry the rest of a unit variance and are
-** scaled to 0), and a text's vector is sum_t e_t over its tokens, to unit length. Training only
+** scaled to 0), and a text's vector is sum_t (1 + ln c_t) e_t over its distinct tokens, c_t
+** times each, to unit length (the engine's encoder_embed). Training only
 ** the e_t therefore needs no forward pass through the layers: a step costs the tokenising and a
 ** few sums per token, a thousandth of a transformer step, so batches can be large (more in-batch
 ** negatives) and runs long. The loss is the trainer's InfoNCE at the same temperature, and the
@@ -65,8 +66,9 @@ private:
     int threads_;
     int step_ = 0;
     std::vector<float> rows_, adam_m_, adam_v_, grad_; /* vocab x live */
-    std::vector<std::vector<uint32_t>> ids_;
-    std::vector<double> norm_; /* per text, of the sum before normalising */
+    std::vector<std::vector<uint32_t>> ids_;           /* per text, its tokens, each once */
+    std::vector<std::vector<float>> weights_;          /* per text, each token's 1 + ln count */
+    std::vector<double> norm_;                         /* per text, of the sum before normalising */
 };
 
 } // namespace trn_train

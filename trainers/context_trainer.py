@@ -329,7 +329,8 @@ class Encoder(torch.nn.Module):
 
 class Bag(Encoder):
     """The same weights read as a bag of words (zero positions and layer outputs): each token's
-    row through the final norm, summed over the text, normalised. Only the rows train."""
+    row through the final norm, a token the text holds c times weighing 1 + ln c, summed,
+    normalised (the engine's encoder_embed). Only the rows train."""
 
     def __init__(self, tensors):
         super().__init__(tensors)
@@ -338,7 +339,11 @@ class Bag(Encoder):
 
     def forward(self, ids, mask):
         rows = F.layer_norm(self.tok, (DIM,), self.lnf_g, self.lnf_b, 1e-5)
-        pooled = F.embedding_bag(ids, rows, mode="sum", per_sample_weights=mask.float())
+        # each of a token's c places weighs (1 + ln c) / c
+        held = mask.unsqueeze(1) & mask.unsqueeze(2)
+        count = ((ids.unsqueeze(1) == ids.unsqueeze(2)) & held).sum(-1).clamp(min=1).float()
+        weight = mask.float() * (1 + torch.log(count)) / count
+        pooled = F.embedding_bag(ids, rows, mode="sum", per_sample_weights=weight)
         return F.normalize(pooled, dim=-1, eps=1e-12)
 
 

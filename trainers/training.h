@@ -26,7 +26,8 @@
 **
 ** --idf starts instead from a weighted bag of words, measured on the corpus (bag_of_tokens):
 ** the encoder then embeds a text as the sum of its words' directions, each weighted by how rare
-** the word is, which is what keyword ranking rewards, and training goes on from there.
+** the word is (and by 1 + ln of how often the text holds its token), which is what keyword
+** ranking rewards, and training goes on from there.
 */
 #ifndef TRN_TRAINERS_TRAINING_H
 #define TRN_TRAINERS_TRAINING_H
@@ -166,7 +167,7 @@ bool token_rarity(const CorpusSampler &sampler, const TrnBpe *bpe,
 ** one, so words used alike point alike by that share while each word stays nearest itself. The
 ** begin and end tokens weigh 0; the position embeddings and the output projections of both
 ** layers (wo, w2, b2) become zero, so the residual stream is the token's row alone, and a
-** text's vector is the weighted sum of its words' directions. */
+** text's vector is the weighted sum of its words' directions (encoder_embed). */
 void bag_of_tokens(TrnEncoder *enc, const std::vector<float> &weight,
                    const std::vector<uint32_t> &word, const std::vector<float> &usage = {},
                    double share = 0.0);

@@ -11,10 +11,13 @@
 ** the index, the reuse of vectors of equal texts and the tests do not depend on how texts were
 ** grouped.
 **
-** A bag of words issues no products and is embedded text by text.
+** A bag of words issues no products and is embedded text by text: each distinct token's row once,
+** weighted by 1 + ln of how often the text holds it, so that a word repeated through a chunk (an
+** identifier in code, the subject of a page) does not outweigh the rest of what it says.
 */
 #include "internal.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -23,6 +26,7 @@ namespace
 
 constexpr int DIM = TRN_ENCODER_DIM;
 constexpr int MAX_SEQ = TRN_ENCODER_MAX_SEQ;
+static_assert(MAX_SEQ <= 256, "a place takes 8 bits of a bag of words' sort keys");
 
 /* The positions of text, its ids written to ids (MAX_SEQ of room). A NULL text counts as empty
 ** for byte-level input; with a tokenizer it yields no positions at all. */
@@ -43,6 +47,18 @@ int tokens(const TrnEncoder *enc, const char *text, uint32_t *ids)
     return n;
 }
 
+/* Row id of a bag of words after the final norm: set up once (encoder_bag_row), or from the
+** token embedding when the rows are not, as encoder_forward computes it. */
+const float *bag_row(const TrnEncoder *enc, uint32_t id, float *tmp)
+{
+    if (enc->bag_rows) {
+        return encoder_bag_row(enc, id, tmp);
+    }
+    memcpy(tmp, enc->tok_emb + (size_t)id * DIM, DIM * sizeof(float));
+    encoder_final_norm(enc, tmp);
+    return tmp;
+}
+
 } // namespace
 
 /* With a tokenizer, no text yields no positions, and the pooled vector is then 0 * (1 / 0), NaN
@@ -51,15 +67,38 @@ void encoder_embed(const TrnEncoder *enc, TrnScratch *ws, const char *text, floa
 {
     uint32_t ids[MAX_SEQ];
     int n = tokens(enc, text, ids);
-    if (!enc->bag_rows || n == 0) {
+    if (n == 0 || !encoder_is_bag(enc)) {
         encoder_forward(enc, ws, ids, n, out, nullptr);
         return;
     }
-    /* encoder_forward's pooling over the rows it would have computed, in the same order. */
+    /* The rows encoder_forward would compute, in its order, a token held c times counted at its
+    ** first place with 1 + ln c: a text whose tokens all differ gets encoder_forward's bits. */
+    uint64_t keys[MAX_SEQ]; /* id, then place: each token's places in a run, its first leading */
+    for (int i = 0; i < n; i++) {
+        keys[i] = (uint64_t)ids[i] << 8 | (uint64_t)i;
+    }
+    std::sort(keys, keys + n);
+    float weight[MAX_SEQ] = {};
+    for (int i = 0, next = 0; i < n; i = next) {
+        while (next < n && keys[next] >> 8 == keys[i] >> 8) {
+            next++;
+        }
+        weight[keys[i] & 0xFF] = next - i == 1 ? 1.0f : 1.0f + logf((float)(next - i));
+    }
     memset(out, 0, DIM * sizeof(float));
     float tmp[DIM];
     for (int i = 0; i < n; i++) {
-        vec_add(out, encoder_bag_row(enc, ids[i], tmp), out, DIM);
+        if (weight[i] == 0.0f) {
+            continue;
+        }
+        const float *row = bag_row(enc, ids[i], tmp);
+        if (weight[i] == 1.0f) {
+            vec_add(out, row, out, DIM);
+        } else {
+            for (int d = 0; d < DIM; d++) {
+                out[d] += weight[i] * row[d];
+            }
+        }
     }
     vec_smul(out, 1.0f / (float)n, out, DIM);
     float norm = sqrtf(vec_sumsq(out, DIM));
@@ -72,7 +111,7 @@ void encoder_embed_batch(const TrnEncoder *enc, TrnScratch *ws, const char *cons
                          size_t count, float *out)
 {
     int per_pass = scratch_sequences(ws);
-    if (enc->bag_rows || per_pass <= 1) {
+    if (per_pass <= 1 || encoder_is_bag(enc)) {
         for (size_t s = 0; s < count; s++) {
             encoder_embed(enc, ws, texts[s], out + s * DIM);
         }

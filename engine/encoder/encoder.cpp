@@ -27,6 +27,7 @@
 */
 #include "internal.h"
 
+#include <atomic>
 #include <cmath>
 #include <cstring>
 
@@ -391,6 +392,7 @@ void encoder_drop_bag(TrnEncoder *enc)
     enc->bag_rows = nullptr;
     enc->bag_half = nullptr;
     enc->bag_state = nullptr;
+    enc->bag_shape = 0;
 }
 
 void encoder_final_norm(const TrnEncoder *enc, float *row)
@@ -504,6 +506,20 @@ void final_norm_rows(const TrnEncoder *enc, float *rows)
 }
 
 } // namespace
+
+bool encoder_is_bag(const TrnEncoder *enc)
+{
+    if (enc->bag_rows) {
+        return true;
+    }
+    std::atomic_ref<int8_t> shape(const_cast<int8_t &>(enc->bag_shape));
+    int8_t known = shape.load(std::memory_order_relaxed);
+    if (known == 0) {
+        known = is_bag(enc) ? 1 : -1;
+        shape.store(known, std::memory_order_relaxed);
+    }
+    return known > 0;
+}
 
 bool encoder_prepare_bag(TrnEncoder *enc)
 {

@@ -46,6 +46,9 @@ struct TrnEncoder {
     ** and written atomically. Each row of bag_rows is filled at its first use (encoder_bag_row). */
     uint16_t *bag_half;
     uint8_t *bag_state;
+    /* Whether the weights are a bag of words, found at the first embedding (encoder_is_bag) and
+    ** forgotten with the rows (encoder_drop_bag): 0 not known yet, 1 a bag, -1 not. */
+    int8_t bag_shape;
 };
 
 /* In-place forms of trn_encoder_init, trn_encoder_init_bpe and trn_encoder_free, for an encoder
@@ -60,7 +63,8 @@ void encoder_release(TrnEncoder *enc);
 /* When enc is a bag of words (zero position embeddings and zero layer outputs: wo, w2 and b2,
 ** what "trainer --idf" starts from and its bag training keeps), every token's row after the final
 ** norm does not depend on its neighbours: computes those rows once, so that encoder_embed sums
-** them instead of running the layers, with the same bits. Returns whether it did. Call it after
+** them (each distinct token's once, weighing 1 + ln of its count) instead of running the layers:
+** a text whose tokens all differ gets the layers' bits. Returns whether it did. Call it after
 ** loading weights into an encoder that nothing trains afterwards (the engine's). */
 bool encoder_prepare_bag(TrnEncoder *enc);
 /* As encoder_prepare_bag for an encoder that only embeds from now on (the engine's): the rows
@@ -75,11 +79,16 @@ bool encoder_prepare_bag_only(TrnEncoder *enc);
 ** Returns false, quietly and with enc untouched, for any other file and for one a check refuses:
 ** the caller then loads it as before, which says why. enc's record is overwritten. */
 bool encoder_init_bag_file(TrnEncoder *enc, const char *path);
-/* Row id of a bag of words' summed rows: bag_rows' row, filled first from bag_half when it is not
+/* Row id of a bag of words' rows: bag_rows' row, filled first from bag_half when it is not
 ** yet. tmp (512 floats) holds the row when another thread is filling it; the result points into
 ** bag_rows or at tmp. Safe from any number of threads at once. */
 const float *encoder_bag_row(const TrnEncoder *enc, uint32_t id, float *tmp);
-/* Frees what a bag of words holds beside the tensors (bag_rows, bag_half, bag_state). */
+/* Whether enc embeds as a bag of words (encoder_embed): it has bag_rows, or its position
+** embeddings and layer outputs are zero, which is looked at once (safe from any number of threads
+** at once). Weights changed in place afterwards are seen after encoder_drop_bag. */
+bool encoder_is_bag(const TrnEncoder *enc);
+/* Frees what a bag of words holds beside the tensors (bag_rows, bag_half, bag_state) and forgets
+** whether the weights are one. */
 void encoder_drop_bag(TrnEncoder *enc);
 /* Row through the final norm, in place (as the forward pass normalises each position). */
 void encoder_final_norm(const TrnEncoder *enc, float *row);

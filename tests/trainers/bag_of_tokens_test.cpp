@@ -1,6 +1,7 @@
 // The weighted bag of tokens that --idf starts from: how rare each token is in the corpus, an
-// encoder that embeds a text as the sum of its tokens' directions weighted by that rarity, and
-// its training, which ends with a word's forms sharing one direction.
+// encoder that embeds a text as the sum of its distinct tokens' directions weighted by that rarity
+// and by 1 + ln of their counts, and its training, which ends with a word's forms sharing one
+// direction.
 #include "training.h"
 
 #include "../engine/store_fixtures.h"
@@ -9,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <map>
 #include <random>
 #include <string>
 #include <unistd.h>
@@ -56,13 +58,18 @@ float max_diff(const Vec &a, const Vec &b)
 
 // What a bag of words must give, worked out from the seeded random rows alone: the row of each
 // token's word past the spare components, centred and scaled to unit variance, times the token's
-// weight, summed over the text's bytes, zero on the spare components, to unit length.
+// weight and 1 + ln of how often the text holds it, summed over the text's distinct bytes, zero on
+// the spare components, to unit length.
 Vec expected_bag(const std::string &text, const Vec &weight, const std::vector<uint32_t> &word)
 {
     TrnEncoder fresh;
     encoder_init(&fresh, 42);
     Vec sum(DIM, 0.0f);
+    std::map<unsigned char, int> count;
     for (unsigned char byte : text) {
+        count[byte]++;
+    }
+    for (auto [byte, times] : count) {
         const float *row = fresh.tok_emb + (size_t)word[byte] * DIM;
         double mean = 0, sq = 0;
         for (int d = IDF_SPARE_DIMS; d < DIM; d++) {
@@ -74,7 +81,7 @@ Vec expected_bag(const std::string &text, const Vec &weight, const std::vector<u
         }
         const double sd = std::sqrt(sq / (DIM - IDF_SPARE_DIMS));
         for (int d = IDF_SPARE_DIMS; d < DIM; d++) {
-            sum[d] += (float)(weight[byte] * (row[d] - mean) / sd);
+            sum[d] += (float)(weight[byte] * (1 + std::log(times)) * (row[d] - mean) / sd);
         }
     }
     encoder_release(&fresh);
