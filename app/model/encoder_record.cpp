@@ -38,7 +38,8 @@ QString identity(const QString &weightsPath)
     if (!file.open(QIODevice::ReadOnly) || !hash.addData(&file)) {
         return QStringLiteral("untrained");
     }
-    const QString id = QStringLiteral("sha1 ") + QString::fromLatin1(hash.result().toHex());
+    const QString id = QStringLiteral("sha1 ") + QString::fromLatin1(hash.result().toHex())
+                       + QStringLiteral(" embedding 2");
     std::lock_guard<std::mutex> lock(cacheMutex);
     cache.insert(key, id);
     return id;

@@ -4,8 +4,10 @@
 ** Vectors of different encoders are not comparable, so an index is only searched with the
 ** encoder that built it. The file "encoder" in the index directory, beside the store, holds one
 ** line naming that encoder: "untrained" for the engine's seed-42 encoder (no weights file, or one
-** that cannot be read), else "sha1 " and the 40 hex digits of the weights file's SHA-1. An index
-** whose record is missing or names another encoder is rebuilt when the application opens it.
+** that cannot be read), else "sha1 ", the 40 hex digits of the weights file's SHA-1 and
+** " embedding 2": how the engine makes a vector of the file's rows (since 2, a bag of words counts
+** a token the text holds c times 1 + ln c times, not c). An index whose record is missing or
+** names another encoder or another way of embedding is rebuilt when the application opens it.
 **
 ** Hashing a weights file of 40 MB takes a fraction of a second, so identities are cached by path,
 ** size and modification time for the life of the process (guarded by a mutex: tabs open on the

@@ -177,6 +177,20 @@ void TestDirectoryState::indexOfAnotherEncoderIsRebuiltWhenOpened()
     QVERIFY(!EncoderRecord::matches(m_dir->path(), QString()));
     QVERIFY(!reopen(other)->isIngesting());
 
+    // a record of the same weights from before vectors weighed repeated words less: rebuilt
+    QFile file(record);
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    const QByteArray line = file.readAll().trimmed();
+    file.close();
+    QVERIFY(line.startsWith("sha1 "));
+    QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    file.write(line.left(45) + '\n'); // "sha1 " and the digest alone
+    file.close();
+    DirectoryState *older = reopen(other);
+    QVERIFY(older->isIngesting());
+    QVERIFY(waitForIngest(older));
+    QVERIFY(EncoderRecord::matches(m_dir->path(), other));
+
     // an index without a record (built before encoders were recorded) is rebuilt as well
     QVERIFY(QFile::remove(record));
     DirectoryState *unrecorded = reopen(other);
