@@ -17,7 +17,6 @@
 */
 #include "internal.h"
 
-#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -26,7 +25,9 @@ namespace
 
 constexpr int DIM = TRN_ENCODER_DIM;
 constexpr int MAX_SEQ = TRN_ENCODER_MAX_SEQ;
-static_assert(MAX_SEQ <= 256, "a place takes 8 bits of a bag of words' sort keys");
+constexpr int BAG_SLOT_BITS = 9; /* twice a text's most places: probes stay short */
+constexpr int BAG_SLOTS = 1 << BAG_SLOT_BITS;
+static_assert(BAG_SLOTS >= 2 * MAX_SEQ, "a bag of words' count table has room for every place");
 
 /* The positions of text, its ids written to ids (MAX_SEQ of room). A NULL text counts as empty
 ** for byte-level input; with a tokenizer it yields no positions at all. */
@@ -72,31 +73,36 @@ void encoder_embed(const TrnEncoder *enc, TrnScratch *ws, const char *text, floa
         return;
     }
     /* The rows encoder_forward would compute, in its order, a token held c times counted at its
-    ** first place with 1 + ln c: a text whose tokens all differ gets encoder_forward's bits. */
-    uint64_t keys[MAX_SEQ]; /* id, then place: each token's places in a run, its first leading */
+    ** first place with 1 + ln c: a text whose tokens all differ gets encoder_forward's bits. Each
+    ** place's token is counted in a table of BAG_SLOTS open slots, its count taken at its first
+    ** place and cleared there, so its later places add nothing. */
+    uint32_t key[BAG_SLOTS];
+    uint16_t count[BAG_SLOTS] = {};
+    uint16_t slot[MAX_SEQ];
     for (int i = 0; i < n; i++) {
-        keys[i] = (uint64_t)ids[i] << 8 | (uint64_t)i;
-    }
-    std::sort(keys, keys + n);
-    float weight[MAX_SEQ] = {};
-    for (int i = 0, next = 0; i < n; i = next) {
-        while (next < n && keys[next] >> 8 == keys[i] >> 8) {
-            next++;
+        uint32_t s = (ids[i] * 2654435761u) >> (32 - BAG_SLOT_BITS);
+        while (count[s] != 0 && key[s] != ids[i]) {
+            s = (s + 1) & (BAG_SLOTS - 1);
         }
-        weight[keys[i] & 0xFF] = next - i == 1 ? 1.0f : 1.0f + logf((float)(next - i));
+        key[s] = ids[i];
+        count[s]++;
+        slot[i] = (uint16_t)s;
     }
     memset(out, 0, DIM * sizeof(float));
     float tmp[DIM];
     for (int i = 0; i < n; i++) {
-        if (weight[i] == 0.0f) {
+        const int held = count[slot[i]];
+        if (held == 0) {
             continue;
         }
+        count[slot[i]] = 0;
         const float *row = bag_row(enc, ids[i], tmp);
-        if (weight[i] == 1.0f) {
+        if (held == 1) {
             vec_add(out, row, out, DIM);
         } else {
+            const float weight = 1.0f + logf((float)held);
             for (int d = 0; d < DIM; d++) {
-                out[d] += weight[i] * row[d];
+                out[d] += weight * row[d];
             }
         }
     }
