@@ -94,7 +94,10 @@ TRN_API void trn_encoder_free(TrnEncoder *enc);
 
 /* Embeds the NUL-terminated text into out, a caller-owned array of 512 floats. Without a
 ** tokenizer only the first 254 bytes count. The result has unit length unless its norm is at or
-** below 1e-12. The first call allocates the encoder's scratch space (about 6 MB), kept until
+** below 1e-12. Weights that are a bag of words (zero position embeddings and layer outputs, as
+** the built-in encoder) give the sum of the text's distinct tokens' rows after the final norm, a
+** token held c times weighing 1 + ln c; any other weights give the mean of the forward pass's
+** rows. The first call allocates the encoder's scratch space (about 6 MB), kept until
 ** trn_encoder_free; calls on one encoder must be serialised, calls on different encoders may
 ** overlap. */
 TRN_API void trn_encoder_embed_text(TrnEncoder *enc, const char *text, float *out);
