@@ -567,6 +567,33 @@ TEST_F(WeightsFile, AnEngineEmbedsAVersion4FileAsTheFloat32Weights)
     scratch_free(ws);
 }
 
+// One encoder loading a bag of words, then other weights, then the bag again embeds each time as
+// a fresh encoder given that file: whether weights are a bag, looked at once, is looked at anew.
+TEST_F(WeightsFile, AnEncoderLoadedAgainEmbedsAsItsNewWeights)
+{
+    const std::string bag = dir.file("bag.tten");
+    encoder_release(&enc);
+    encoder_init(&enc, 42);
+    makeHalfExactBag(&enc);
+    ASSERT_EQ(trn_encoder_save_weights(&enc, bag.c_str()), 1);
+    ASSERT_EQ(trn_encoder_save_weights(&other, path.c_str()), 1); // seed 7: no bag
+    const char *text = "a text, a text with words said twice";
+    TrnEncoder reused;
+    encoder_init(&reused, 1);
+    for (const std::string &file : {bag, path, bag}) {
+        TrnEncoder fresh;
+        encoder_init(&fresh, 1);
+        ASSERT_EQ(trn_encoder_load_weights(&fresh, file.c_str()), 1);
+        ASSERT_EQ(trn_encoder_load_weights(&reused, file.c_str()), 1);
+        float want[D], got[D];
+        trn_encoder_embed_text(&fresh, text, want);
+        trn_encoder_embed_text(&reused, text, got);
+        EXPECT_EQ(memcmp(want, got, sizeof want), 0) << file;
+        encoder_release(&fresh);
+    }
+    encoder_release(&reused);
+}
+
 // A version 4 file cut at any tensor's start or one byte short of its end, with an unknown tag,
 // or with a byte after its last tensor, is refused with a line, and the encoder
 // keeps the tokenizer and the random tensors of seed 42, never a half-read mix. The engine's
