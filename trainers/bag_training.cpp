@@ -68,7 +68,7 @@ void BagTrainer::embed(const std::vector<std::string> &texts, std::vector<float>
                     next++;
                 }
                 ids[kept++] = ids[at];
-                weights_[i].push_back(1.0f + std::log((float)(next - at)));
+                weights_[i].push_back(bag_count_weight((int)(next - at)));
             }
             ids.resize(kept);
             std::fill(sum.begin(), sum.end(), 0.0);

@@ -100,7 +100,7 @@ void encoder_embed(const TrnEncoder *enc, TrnScratch *ws, const char *text, floa
         if (held == 1) {
             vec_add(out, row, out, DIM);
         } else {
-            const float weight = 1.0f + logf((float)held);
+            const float weight = bag_count_weight(held);
             for (int d = 0; d < DIM; d++) {
                 out[d] += weight * row[d];
             }

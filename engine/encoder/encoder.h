@@ -8,6 +8,7 @@
 
 #include "tarnwick.h"
 
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 
@@ -83,6 +84,13 @@ bool encoder_init_bag_file(TrnEncoder *enc, const char *path);
 ** yet. tmp (512 floats) holds the row when another thread is filling it; the result points into
 ** bag_rows or at tmp. Safe from any number of threads at once. */
 const float *encoder_bag_row(const TrnEncoder *enc, uint32_t id, float *tmp);
+/* What a bag of words weighs a token by that a text holds count times (count >= 1): 1 + ln count,
+** as keyword ranking saturates a repeated word; the engine embeds and the bag trainer trains
+** with it. */
+inline float bag_count_weight(int count)
+{
+    return 1.0f + logf((float)count);
+}
 /* Whether enc embeds as a bag of words (encoder_embed): it has bag_rows, or its position
 ** embeddings and layer outputs are zero, which is looked at once (safe from any number of threads
 ** at once). Weights changed in place afterwards are seen after encoder_drop_bag. */
